@@ -1,0 +1,41 @@
+# How all of ZEL's own code is compiled.
+
+# Warnings and the rules of arithmetic: no contraction into fused operations, so that a value is the
+# same at every optimisation level. Nothing reads errno.
+function(zel_compile_options target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_compile_options(
+    ${target}
+    PRIVATE -Wall -Wextra -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
+            $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local> $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
+            $<$<BOOL:${ZEL_WARNINGS_AS_ERRORS}>:-Werror> -ffp-contract=off -fno-math-errno)
+endfunction()
+
+# A shared library from sources listed by hand; its public headers keep their place below `base`.
+function(zel_add_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "BASE;INCLUDE_DIR" "HEADERS;SOURCES")
+  add_library(${target} SHARED ${arg_SOURCES})
+  add_library(ZEL::${target} ALIAS ${target})
+  zel_compile_options(${target})
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+  set_target_properties(
+    ${target}
+    PROPERTIES VERSION ${ZEL_VERSION_MAJOR}.${ZEL_VERSION_MINOR}.${ZEL_VERSION_PATCH}
+               # Until 1.0 each minor version may break the one before it.
+               SOVERSION ${ZEL_VERSION_MAJOR}.${ZEL_VERSION_MINOR}
+               CXX_VISIBILITY_PRESET hidden
+               VISIBILITY_INLINES_HIDDEN ON
+               CXX_EXTENSIONS OFF
+               # An installed libzel finds libzel_platform beside it.
+               INSTALL_RPATH "$ORIGIN"
+               VERIFY_INTERFACE_HEADER_SETS ${PROJECT_IS_TOP_LEVEL})
+  target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${arg_BASE} FILES ${arg_HEADERS})
+  if(ZEL_INSTALL)
+    install(
+      TARGETS ${target}
+      EXPORT ZELTargets
+      LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      FILE_SET HEADERS DESTINATION ${arg_INCLUDE_DIR}
+      INCLUDES DESTINATION ${arg_INCLUDE_DIR})
+  endif()
+endfunction()

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cassert>
+
+#include "orvane_math/vectors.h"
+
+namespace Orvane::Math {
+
+/// Nine floats, row after row. `M[r]` is row `r` and `M[r][c]` an entry. As the gradient of a
+/// vector field, `M[r][c]` is the derivative of component `r` along coordinate `c`: row `r` is the
+/// gradient of component `r`, and column `c` the derivative along one axis.
+struct float3x3 {
+    float3 rows[3];
+
+    constexpr float3& operator[](int r) {
+        assert(0 <= r && r < 3);
+        return rows[r];
+    }
+    constexpr float3 const& operator[](int r) const {
+        assert(0 <= r && r < 3);
+        return rows[r];
+    }
+    constexpr bool operator==(float3x3 const&) const = default;
+};
+
+}  // namespace Orvane::Math

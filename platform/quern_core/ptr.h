@@ -1,0 +1,180 @@
+#pragma once
+
+#include <atomic>
+#include <cassert>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+
+#include "platform_api.h"
+
+namespace Quern {
+
+namespace Internal {
+
+/// What all pointers to one object share: its use count and the way to copy and to destroy it.
+class ZEL_PLATFORM_API ControlBlock {
+public:
+    /// A new block, with use count 1, around a copy of the object made by the copy constructor of
+    /// the type for which this block was made. Throws std::logic_error if that type has none.
+    virtual ControlBlock* clone() const = 0;
+
+    /// Deletes the object and the block.
+    virtual void destroy() noexcept = 0;
+
+    void acquire() noexcept { count.fetch_add(1, std::memory_order_relaxed); }
+
+    void release() noexcept {
+        if (count.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
+    }
+
+    std::int64_t useCount() const noexcept { return count.load(std::memory_order_acquire); }
+    void* object() const noexcept { return managed; }
+
+protected:
+    explicit ControlBlock(void* object) noexcept : count(1), managed(object) {}
+    ~ControlBlock() = default;
+
+private:
+    std::atomic<std::int64_t> count;
+    void* managed;
+};
+
+/// A control block and its object in one allocation.
+template <class T> class ObjectBlock final : public ControlBlock {
+public:
+    template <class... Args>
+    explicit ObjectBlock(std::in_place_t, Args&&... args)
+        : ControlBlock(&value), value(std::forward<Args>(args)...) {}
+
+    ControlBlock* clone() const override {
+        if constexpr (std::is_copy_constructible_v<T>)
+            return new ObjectBlock(std::in_place, value);
+        else
+            throw std::logic_error(std::string("Quern::Ptr::clone: no copy constructor in ") +
+                                   typeid(T).name());
+    }
+
+    void destroy() noexcept override { delete this; }
+
+private:
+    T value;
+};
+
+}  // namespace Internal
+
+/// A shared pointer of two words: the object and its control block. Copying adds 1 to the use
+/// count, and whoever brings it to 0 destroys the object; a move leaves the source empty. Distinct
+/// pointers to one object may be used from any number of threads; one pointer may not be written
+/// while another thread reads it.
+template <class T> class Ptr {
+public:
+    using Element = T;
+
+    constexpr Ptr() noexcept = default;
+    constexpr Ptr(std::nullptr_t) noexcept {}
+
+    Ptr(Ptr const& other) noexcept : pointee(other.pointee), block(other.block) {
+        if (block) block->acquire();
+    }
+    Ptr(Ptr&& other) noexcept
+        : pointee(std::exchange(other.pointee, nullptr)),
+          block(std::exchange(other.block, nullptr)) {}
+
+    template <class U>
+    requires(!std::same_as<U, T> && std::convertible_to<U*, T*>) Ptr(Ptr<U> const& other)
+    noexcept : pointee(other.pointee), block(other.block) {
+        if (block) block->acquire();
+    }
+    template <class U>
+    requires(!std::same_as<U, T> && std::convertible_to<U*, T*>) Ptr(Ptr<U>&& other)
+    noexcept
+        : pointee(std::exchange(other.pointee, nullptr)),
+          block(std::exchange(other.block, nullptr)) {}
+
+    ~Ptr() {
+        if (block) block->release();
+    }
+
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the comparison covers it
+    Ptr& operator=(Ptr const& other) noexcept {
+        if (block != other.block || pointee != other.pointee) Ptr(other).swap(*this);
+        return *this;
+    }
+    Ptr& operator=(Ptr&& other) noexcept {
+        if (this != &other) Ptr(std::move(other)).swap(*this);
+        return *this;
+    }
+
+    T* get() const noexcept { return pointee; }
+    T* operator->() const noexcept {
+        assert(pointee);
+        return pointee;
+    }
+    std::add_lvalue_reference_t<T> operator*() const noexcept requires(!std::is_void_v<T>) {
+        assert(pointee);
+        return *pointee;
+    }
+    explicit operator bool() const noexcept { return pointee != nullptr; }
+
+    /// The number of pointers that share the object; 0 for an empty pointer.
+    std::int64_t useCount() const noexcept { return block ? block->useCount() : 0; }
+
+    /// A pointer to a copy of the object, of the type that the object was made as; empty if this is
+    /// empty. Throws what the copy constructor throws, and std::logic_error if there is none.
+    Ptr<std::remove_const_t<T>> clone() const {
+        Ptr<std::remove_const_t<T>> copy;
+        if (!block) return copy;
+        // The part of the object that T names lies at the same place in the copy.
+        auto const offset =
+            reinterpret_cast<char const*>(pointee) - static_cast<char const*>(block->object());
+        copy.block = block->clone();
+        copy.pointee = reinterpret_cast<std::remove_const_t<T>*>(
+            static_cast<char*>(copy.block->object()) + offset);
+        return copy;
+    }
+
+    void reset() noexcept { Ptr().swap(*this); }
+
+    void swap(Ptr& other) noexcept {
+        std::swap(pointee, other.pointee);
+        std::swap(block, other.block);
+    }
+
+    template <class U> bool operator==(Ptr<U> const& other) const noexcept {
+        return pointee == other.get();
+    }
+    bool operator==(std::nullptr_t) const noexcept { return pointee == nullptr; }
+
+private:
+    template <class U> friend class Ptr;
+    template <class U, class... Args> friend Ptr<U> makePtr(Args&&...);
+
+    T* pointee = nullptr;
+    Internal::ControlBlock* block = nullptr;
+};
+
+/// Makes one object and its control block, in one allocation, with use count 1. Throws what the
+/// constructor throws.
+template <class T, class... Args> Ptr<T> makePtr(Args&&... args) {
+    using Object = std::remove_const_t<T>;
+    Ptr<T> made;
+    auto* block = new Internal::ObjectBlock<Object>(std::in_place, std::forward<Args>(args)...);
+    made.block = block;
+    made.pointee = static_cast<Object*>(block->object());
+    return made;
+}
+
+namespace Internal {
+
+/// The default object of a class that takes part in the runtime. Each such class specialises it.
+template <class T> Ptr<T> const& getDefaultClass();
+
+}  // namespace Internal
+
+}  // namespace Quern
