@@ -1,0 +1,38 @@
+#include "zel/field/field.h"
+
+namespace zel {
+
+FieldConstVisitor::FieldConstVisitor() = default;
+FieldConstVisitor::FieldConstVisitor(FieldConstVisitor const&) = default;
+FieldConstVisitor::~FieldConstVisitor() = default;
+FieldConstVisitor& FieldConstVisitor::operator=(FieldConstVisitor const&) = default;
+
+void FieldConstVisitor::operator()(Field const& /*node*/) {}
+
+FieldVisitor::FieldVisitor() = default;
+FieldVisitor::FieldVisitor(FieldVisitor const&) = default;
+FieldVisitor::~FieldVisitor() = default;
+FieldVisitor& FieldVisitor::operator=(FieldVisitor const&) = default;
+
+void FieldVisitor::operator()(Field const& /*node*/) {}
+void FieldVisitor::operator()(Field& /*node*/) {}
+
+Field::Field() = default;
+Field::Field(Field const&) = default;
+Field::~Field() = default;
+Field& Field::operator=(Field const&) = default;
+
+void Field::accept(FieldConstVisitor& /*visitor*/) const {}
+void Field::accept(FieldVisitor& /*visitor*/) {}
+bool Field::is_triggerable() const {
+    return false;
+}
+void Field::apply_object(Orvane::Object const& /*object*/) {}
+// NOLINTNEXTLINE(performance-unnecessary-value-param): overriders keep the pointer
+void Field::use_property_indices(Quern::Ptr<Quern::Array<long long>> /*indices*/) {}
+
+void Field::caccept(FieldConstVisitor& visitor) const {
+    accept(visitor);
+}
+
+}  // namespace zel

@@ -1,0 +1,73 @@
+#pragma once
+
+#include "quern_core/array.h"
+#include "quern_core/ptr.h"
+#include "zel/api.h"
+
+namespace Orvane {
+class Object;
+}  // namespace Orvane
+
+namespace zel {
+
+class Field;
+
+/// Receives the nodes of a walk that only reads. Derive from it and override the operator; to go
+/// deeper, call `accept` on the node received.
+class ZEL_API FieldConstVisitor {
+public:
+    FieldConstVisitor();
+    FieldConstVisitor(FieldConstVisitor const&);
+    virtual ~FieldConstVisitor();
+    FieldConstVisitor& operator=(FieldConstVisitor const&);
+
+    virtual void operator()(Field const& node);  ///< does nothing
+};
+
+/// Receives the nodes of a walk that may change them. Each node received has no other user, so a
+/// change shows in the walked tree alone.
+class ZEL_API FieldVisitor : public FieldConstVisitor {
+public:
+    FieldVisitor();
+    FieldVisitor(FieldVisitor const&);
+    ~FieldVisitor() override;
+    FieldVisitor& operator=(FieldVisitor const&);
+
+    void operator()(Field const& node) override;  ///< does nothing
+    virtual void operator()(Field& node);         ///< does nothing
+};
+
+/// The root of every node: what does not depend on whether a node yields a scalar or a vector. It
+/// holds no data. All operations speak of this one node and never of what lies below it.
+class ZEL_API Field {
+public:
+    Field();
+    Field(Field const&);
+    virtual ~Field();
+    Field& operator=(Field const&);
+
+    /// Hands each direct child to the visitor, in the order of the children; a leaf has none. Any
+    /// number of threads may walk one tree.
+    virtual void accept(FieldConstVisitor& visitor) const;
+
+    /// The same for a visitor that may change the children. A child that has another owner is first
+    /// replaced by a copy of that one node, so other trees never see a change. If the visitor
+    /// throws, the child that it was handed is back in its place. One thread owns the tree
+    /// meanwhile.
+    virtual void accept(FieldVisitor& visitor);
+
+    /// Whether the node waits for an object. False for every operator, whatever its children say:
+    /// to bind a whole tree, walk it.
+    virtual bool is_triggerable() const;
+
+    /// Binds the node to an object. Belongs to the set-up of a tree, before it is sampled.
+    virtual void apply_object(Orvane::Object const& object);
+
+    /// Gives the node an index of its own for each element. Belongs to the set-up of a tree.
+    virtual void use_property_indices(Quern::Ptr<Quern::Array<long long>> indices);
+
+    /// The const walk, for a caller that holds a node it could change.
+    void caccept(FieldConstVisitor& visitor) const;
+};
+
+}  // namespace zel

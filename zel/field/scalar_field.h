@@ -1,0 +1,63 @@
+#pragma once
+
+#include "orvane_math/vectors.h"
+#include "quern_core/string.h"
+#include "zel/field/field.h"
+
+namespace Core::Fields {
+
+/// A function over space that yields a float, and the field that is zero everywhere.
+///
+/// The point operations are const, and safe to call from any number of threads at once. A node
+/// overrides the point `eval`, and `grad` where it has a formula. A class that overrides one `eval`
+/// hides the other: write `using ScalarField::eval;` beside it.
+class ZEL_API ScalarField : public zel::Field {
+public:
+    using Value = float;
+    using Gradient = Orvane::Math::float3;
+
+    ScalarField();
+    ScalarField(ScalarField const&);
+    ~ScalarField() override;
+    ScalarField& operator=(ScalarField const&);
+
+    /// The values at all positions, worked out in parallel; the element index of a position is its
+    /// place in the array. `preSampleField` runs before and `postSampleField` after it, on the
+    /// calling thread. An exception of a point `eval` ends the batch, keeps its type, and leaves
+    /// `postSampleField` uncalled.
+    virtual Quern::Ptr<Quern::Array<float>>
+    eval(Quern::Array<Orvane::Math::float3> const& positions) const;
+
+    /// The value at `position` for the element `index`. The two are independent: only nodes that
+    /// hold data for each element look at the index. 0 here.
+    virtual float eval(Orvane::Math::float3 const& position, long long index) const;
+
+    /// The derivatives of the value along x, y and z. Here they are differences between six calls
+    /// of the point `eval`, whose distance is about 2 % of the coordinate, or 2e-6 at 0.
+    virtual Orvane::Math::float3 grad(Orvane::Math::float3 const& position, long long index) const;
+
+    /// The class name, such as "zel::ScalarFieldAdd"; empty for a plain ScalarField.
+    virtual Quern::String getType() const;
+
+    /// Called once before and once after a batch; operators pass both on to all their children.
+    /// Nothing here.
+    virtual void preSampleField() const;
+    virtual void postSampleField() const;
+
+protected:
+    Quern::String typeName;
+
+private:
+    static float const q;       // upper step factor of the default gradient
+    static float const qinv;    // lower step factor
+    static float const qdenom;  // their difference
+};
+
+}  // namespace Core::Fields
+
+namespace Quern::Internal {
+
+/// The field that is zero everywhere, one for the whole process. Safe to call from any thread.
+template <> ZEL_API Ptr<Core::Fields::ScalarField> const& getDefaultClass();
+
+}  // namespace Quern::Internal

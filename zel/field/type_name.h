@@ -1,0 +1,15 @@
+#pragma once
+
+#include <typeinfo>
+
+#include "quern_core/string.h"
+#include "zel/api.h"
+
+namespace zel {
+
+/// The demangled name of a type, such as "zel::ScalarFieldAdd". A node class that stands on none of
+/// the bases in node.h stores it in its `typeName`. It allocates: where many nodes are made, keep
+/// the text in a static.
+ZEL_API Quern::String typeNameOf(std::type_info const& type);
+
+}  // namespace zel

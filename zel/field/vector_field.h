@@ -1,0 +1,53 @@
+#pragma once
+
+#include "orvane_math/float3x3.h"
+#include "orvane_math/vectors.h"
+#include "quern_core/string.h"
+#include "zel/field/field.h"
+
+namespace Core::Fields {
+
+/// A function over space that yields a vector, and the field that is the zero vector everywhere.
+/// All that is said of ScalarField holds here too.
+class ZEL_API VectorField : public zel::Field {
+public:
+    using Value = Orvane::Math::float3;
+    using Gradient = Orvane::Math::float3x3;
+
+    VectorField();
+    VectorField(VectorField const&);
+    ~VectorField() override;
+    VectorField& operator=(VectorField const&);
+
+    /// The values at all positions: see ScalarField.
+    virtual Quern::Ptr<Quern::Array<Orvane::Math::float3>>
+    eval(Quern::Array<Orvane::Math::float3> const& positions) const;
+
+    /// The value at `position` for the element `index`. The zero vector here.
+    virtual Orvane::Math::float3 eval(Orvane::Math::float3 const& position, long long index) const;
+
+    /// The derivative of component `r` along coordinate `c`, as entry `[r][c]`. Here by the six
+    /// evaluations of ScalarField's default.
+    virtual Orvane::Math::float3x3 grad(Orvane::Math::float3 const& position,
+                                        long long index) const;
+
+    virtual Quern::String getType() const;
+    virtual void preSampleField() const;
+    virtual void postSampleField() const;
+
+protected:
+    Quern::String typeName;
+
+private:
+    static float const q;
+    static float const qinv;
+    static float const qdenom;
+};
+
+}  // namespace Core::Fields
+
+namespace Quern::Internal {
+
+template <> ZEL_API Ptr<Core::Fields::VectorField> const& getDefaultClass();
+
+}  // namespace Quern::Internal
