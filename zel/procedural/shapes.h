@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cmath>
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+
+// Implicit shapes: negative inside or behind, 0 on the surface, positive outside. Parameters are
+// not tested; numbers that are not finite give results that are not finite.
+namespace zel {
+
+/// The signed distance to a sphere. The radius is used as it is, also a negative one. The gradient
+/// at the centre is zero.
+class ZEL_API ScalarFieldSphere : public LeafNode<ScalarFieldSphere, ScalarField> {
+public:
+    ScalarFieldSphere(float3 const& center, float const& radius) : center(center), radius(radius) {}
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long /*i*/) const { return length(p - center) - radius; }
+    float3 gradientOf(float3 const& p, long long /*i*/) const {
+        float3 const d = p - center;
+        float const l = length(d);
+        return l > 0 ? d / l : d;
+    }
+
+    float3 center;
+    float radius;
+};
+
+/// A superellipsoid: the norm (|x|^e + |y|^e + |z|^e)^(1/e) of the offset from the centre, with `e`
+/// the exponent, less |size|^e. An exponent of 2 gives a sphere, a large one approaches a cube.
+/// Note that `size` is the half width only for a size of 1: the surface lies at the norm |size|^e.
+/// The gradient is not finite at the centre and, for an exponent below 2, where an offset component
+/// is 0.
+class ZEL_API ScalarFieldImplicitBox : public LeafNode<ScalarFieldImplicitBox, ScalarField> {
+public:
+    ScalarFieldImplicitBox(float3 const& center, float const& size, float const& exponent)
+        : center(center), level(std::pow(std::fabs(size), exponent)), exponent(exponent) {}
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long /*i*/) const {
+        return std::pow(powerSum(p - center), 1 / exponent) - level;
+    }
+    float3 gradientOf(float3 const& p, long long /*i*/) const {
+        float3 const d = p - center;
+        float const factor = std::pow(powerSum(d), 1 / exponent - 1);
+        return mapComponents(
+            [&](float c) { return std::pow(std::fabs(c), exponent - 2) * factor * c; }, d);
+    }
+    float powerSum(float3 const& d) const {
+        return std::pow(std::fabs(d.y), exponent) + std::pow(std::fabs(d.x), exponent) +
+               std::pow(std::fabs(d.z), exponent);
+    }
+
+    float3 center;
+    float level;
+    float exponent;
+};
+
+/// The signed distance to a plane. The normal is divided by its length at construction; a zero
+/// normal gives results that are not finite.
+class ZEL_API ScalarFieldPlane : public LeafNode<ScalarFieldPlane, ScalarField> {
+public:
+    ScalarFieldPlane(float3 const& point, float3 const& normal)
+        : point(point), normal(normal / length(normal)) {}
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long /*i*/) const { return dot(p - point, normal); }
+    float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return normal; }
+
+    float3 point;
+    float3 normal;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_LEAF(zel::ScalarFieldSphere, ScalarField);
+ZEL_DECLARE_LEAF(zel::ScalarFieldImplicitBox, ScalarField);
+ZEL_DECLARE_LEAF(zel::ScalarFieldPlane, ScalarField);

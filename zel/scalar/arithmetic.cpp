@@ -1,0 +1,11 @@
+#include "zel/scalar/arithmetic.h"
+
+#include "zel/field/node_impl.h"
+
+ZEL_DEFINE_LEAF(zel::ScalarFieldConstant, ScalarField);
+ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldAdd, ScalarField);
+ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldSubtract, ScalarField);
+ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldNegative, ScalarField);
+ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldMultiply, ScalarField);
+ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldDivide, ScalarField);
+ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldLerp, ScalarField);

@@ -1,0 +1,124 @@
+#pragma once
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+
+namespace zel {
+
+/// The same value everywhere.
+class ZEL_API ScalarFieldConstant : public LeafNode<ScalarFieldConstant, ScalarField> {
+public:
+    ScalarFieldConstant() = default;
+    explicit ScalarFieldConstant(float value) : value(value) {}
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
+    float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
+
+    float value = 0;
+};
+
+/// a + b
+class ZEL_API ScalarFieldAdd : public PointwiseNode<ScalarFieldAdd, ScalarField> {
+public:
+    ScalarFieldAdd(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float valueOf(float av, float bv) const { return av + bv; }
+    float3 gradientOf(float3 const& ag, float3 const& bg) const { return ag + bg; }
+
+    ScalarPtr a, b;
+};
+
+/// a - b
+class ZEL_API ScalarFieldSubtract : public PointwiseNode<ScalarFieldSubtract, ScalarField> {
+public:
+    ScalarFieldSubtract(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float valueOf(float av, float bv) const { return av - bv; }
+    float3 gradientOf(float3 const& ag, float3 const& bg) const { return ag - bg; }
+
+    ScalarPtr a, b;
+};
+
+/// -field, by the sign bit: +0 gives -0.
+class ZEL_API ScalarFieldNegative : public PointwiseNode<ScalarFieldNegative, ScalarField> {
+public:
+    explicit ScalarFieldNegative(ScalarPtr field) : field(std::move(field)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float valueOf(float v) const { return -v; }
+    float3 gradientOf(float3 const& g) const { return -g; }
+
+    ScalarPtr field;
+};
+
+/// a * b
+class ZEL_API ScalarFieldMultiply : public PointwiseNode<ScalarFieldMultiply, ScalarField> {
+public:
+    ScalarFieldMultiply(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float valueOf(float av, float bv) const { return av * bv; }
+    float3 gradientOf(float av, float bv, float3 const& ag, float3 const& bg) const {
+        return bg * av + ag * bv;
+    }
+
+    ScalarPtr a, b;
+};
+
+/// a / b. No guard: where b is 0 the value and the gradient are infinite or NaN.
+class ZEL_API ScalarFieldDivide : public PointwiseNode<ScalarFieldDivide, ScalarField> {
+public:
+    ScalarFieldDivide(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float valueOf(float av, float bv) const { return av / bv; }
+    float3 gradientOf(float av, float bv, float3 const& ag, float3 const& bg) const {
+        return ag / bv - bg * (av / (bv * bv));
+    }
+
+    ScalarPtr a, b;
+};
+
+/// b * t + a * (1 - t). Not limited: a `t` outside 0..1 extrapolates.
+class ZEL_API ScalarFieldLerp : public PointwiseNode<ScalarFieldLerp, ScalarField> {
+public:
+    ScalarFieldLerp(ScalarPtr a, ScalarPtr b, ScalarPtr t)
+        : a(std::move(a)), b(std::move(b)), t(std::move(t)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) {
+        return std::tie(node.a, node.b, node.t);
+    }
+    float valueOf(float av, float bv, float tv) const { return bv * tv + av * (1 - tv); }
+    float3 gradientOf(float av, float bv, float tv, float3 const& ag, float3 const& bg,
+                      float3 const& tg) const {
+        return (ag * (1 - tv) + bg * tv) + tg * (bv - av);
+    }
+
+    ScalarPtr a, b, t;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_LEAF(zel::ScalarFieldConstant, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldAdd, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldSubtract, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldNegative, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMultiply, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldDivide, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldLerp, ScalarField);

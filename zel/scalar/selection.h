@@ -1,0 +1,109 @@
+#pragma once
+
+#include <cmath>
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+
+// Scalar nodes that compare. Tests against 0 and between children are exact, and a NaN makes each
+// of them false.
+namespace zel {
+
+/// a if a > b, else b. On a tie the gradient is that of a.
+class ZEL_API ScalarFieldMax : public PointwiseNode<ScalarFieldMax, ScalarField> {
+public:
+    ScalarFieldMax(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float valueOf(float av, float bv) const { return av > bv ? av : bv; }
+    int gradientChoice(float av, float bv) const { return av >= bv ? 0 : 1; }
+
+    ScalarPtr a, b;
+};
+
+/// a if a < b, else b. On a tie the gradient is that of b.
+class ZEL_API ScalarFieldMin : public PointwiseNode<ScalarFieldMin, ScalarField> {
+public:
+    ScalarFieldMin(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float valueOf(float av, float bv) const { return av < bv ? av : bv; }
+    int gradientChoice(float av, float bv) const { return av < bv ? 0 : 1; }
+
+    ScalarPtr a, b;
+};
+
+/// 1 where field > 0, else 0. The gradient is zero everywhere.
+class ZEL_API ScalarFieldMask : public PointwiseNode<ScalarFieldMask, ScalarField> {
+public:
+    explicit ScalarFieldMask(ScalarPtr field) : field(std::move(field)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float valueOf(float v) const { return v > 0 ? 1.0F : 0.0F; }
+    float3 gradientOf() const { return {}; }
+
+    ScalarPtr field;
+};
+
+/// `min` where field <= min, else `max` where field >= max, else field. The bounds stay as they are
+/// passed: where they cross, `min` wins. The gradient is the child's strictly between the bounds,
+/// and zero on and beyond them. A NaN stays, with a zero gradient.
+class ZEL_API ScalarFieldClamp : public PointwiseNode<ScalarFieldClamp, ScalarField> {
+public:
+    ScalarFieldClamp(ScalarPtr field, float min, float max)
+        : field(std::move(field)), min(min), max(max) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float valueOf(float v) const { return v <= min ? min : v >= max ? max : v; }
+    int gradientChoice(float v) const { return min < v && v < max ? 0 : -1; }
+
+    ScalarPtr field;
+    float min, max;
+};
+
+/// a where condition > 0, else b. Only the branch taken is evaluated.
+class ZEL_API ScalarFieldSwitch : public SwitchNode<ScalarFieldSwitch, ScalarField> {
+public:
+    ScalarFieldSwitch(ScalarPtr condition, ScalarPtr a, ScalarPtr b)
+        : condition(std::move(condition)), a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) {
+        return std::tie(node.condition, node.a, node.b);
+    }
+
+    ScalarPtr condition, a, b;
+};
+
+/// field with its sign bit cleared. The gradient is the child's where field >= 0, else its
+/// negative.
+class ZEL_API ScalarFieldAbsolute : public PointwiseNode<ScalarFieldAbsolute, ScalarField> {
+public:
+    explicit ScalarFieldAbsolute(ScalarPtr field) : field(std::move(field)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float valueOf(float v) const { return std::fabs(v); }
+    float3 gradientOf(float v, float3 const& g) const { return v >= 0 ? g : -g; }
+
+    ScalarPtr field;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMax, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMin, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMask, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldClamp, ScalarField);
+ZEL_DECLARE_OPERATOR(SwitchNode, zel::ScalarFieldSwitch, ScalarField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldAbsolute, ScalarField);

@@ -1,0 +1,97 @@
+#pragma once
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+#include "zel/field/transform.h"
+
+namespace zel {
+
+/// The x coordinate of the position.
+class ZEL_API ScalarFieldXPosition : public LeafNode<ScalarFieldXPosition, ScalarField> {
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long /*i*/) const { return p.x; }
+    float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {1, 0, 0}; }
+};
+
+/// The y coordinate of the position.
+class ZEL_API ScalarFieldYPosition : public LeafNode<ScalarFieldYPosition, ScalarField> {
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long /*i*/) const { return p.y; }
+    float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {0, 1, 0}; }
+};
+
+/// The z coordinate of the position.
+class ZEL_API ScalarFieldZPosition : public LeafNode<ScalarFieldZPosition, ScalarField> {
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long /*i*/) const { return p.z; }
+    float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {0, 0, 1}; }
+};
+
+/// field moved by `offset`: field(p - offset).
+class ZEL_API ScalarFieldTranslate : public TransformNode<ScalarFieldTranslate, ScalarField> {
+public:
+    ScalarFieldTranslate(ScalarPtr field, float3 const& offset)
+        : field(std::move(field)), offset(offset) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 childPosition(float3 const& p) const { return p - offset; }
+    float valueOf(float v) const { return v; }
+    float3 gradientOf(float3 const& g) const { return g; }
+
+    ScalarPtr field;
+    float3 offset;
+};
+
+/// field stretched by `scale` along each axis: field(p / scale). A negative component mirrors. A
+/// component nearer to 0 than 2^-23 is taken as +2^-23.
+class ZEL_API ScalarFieldScale : public TransformNode<ScalarFieldScale, ScalarField> {
+public:
+    ScalarFieldScale(ScalarPtr field, float3 const& scale)
+        : field(std::move(field)), scale(detail::limitedScale(scale)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 childPosition(float3 const& p) const { return divideComponents(p, scale); }
+    float valueOf(float v) const { return v; }
+    float3 gradientOf(float3 const& g) const { return divideComponents(g, scale); }
+
+    ScalarPtr field;
+    float3 scale;
+};
+
+/// field turned by the quaternion `rotation`: field(rotate(conjugate(rotation), p)). A quaternion
+/// of length m also scales positions and gradients by m * m.
+class ZEL_API ScalarFieldRotate : public TransformNode<ScalarFieldRotate, ScalarField> {
+public:
+    /// Turns by the negative of a rotation vector, whose length is an angle in radians. A vector of
+    /// length 0, or with a NaN in it, does not turn.
+    ScalarFieldRotate(ScalarPtr field, float3 const& rotation)
+        : field(std::move(field)), rotation(detail::rotationOf(rotation)) {}
+    ScalarFieldRotate(ScalarPtr field, float4 const& rotation)
+        : field(std::move(field)), rotation(rotation) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 childPosition(float3 const& p) const { return rotate(conjugate(rotation), p); }
+    float valueOf(float v) const { return v; }
+    float3 gradientOf(float3 const& g) const { return rotate(rotation, g); }
+
+    ScalarPtr field;
+    float4 rotation;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_LEAF(zel::ScalarFieldXPosition, ScalarField);
+ZEL_DECLARE_LEAF(zel::ScalarFieldYPosition, ScalarField);
+ZEL_DECLARE_LEAF(zel::ScalarFieldZPosition, ScalarField);
+ZEL_DECLARE_OPERATOR(TransformNode, zel::ScalarFieldTranslate, ScalarField);
+ZEL_DECLARE_OPERATOR(TransformNode, zel::ScalarFieldScale, ScalarField);
+ZEL_DECLARE_OPERATOR(TransformNode, zel::ScalarFieldRotate, ScalarField);

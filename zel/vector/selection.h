@@ -1,0 +1,112 @@
+#pragma once
+
+#include <cmath>
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+
+// Vector nodes that compare. Values are worked out component by component, but a gradient is one
+// whole matrix, chosen by one lexicographic comparison of vectors. A NaN makes a comparison false.
+namespace zel {
+
+/// For each component a[c] if a[c] > b[c], else b[c]. The gradient is that of a where a > b, else
+/// that of b.
+class ZEL_API VectorFieldMax : public PointwiseNode<VectorFieldMax, VectorField> {
+public:
+    VectorFieldMax(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float3 valueOf(float3 const& av, float3 const& bv) const {
+        return mapComponents([](float ac, float bc) { return ac > bc ? ac : bc; }, av, bv);
+    }
+    int gradientChoice(float3 const& av, float3 const& bv) const { return av > bv ? 0 : 1; }
+
+    VectorPtr a, b;
+};
+
+/// For each component a[c] if a[c] < b[c], else b[c]. The gradient is that of a where a < b, else
+/// that of b.
+class ZEL_API VectorFieldMin : public PointwiseNode<VectorFieldMin, VectorField> {
+public:
+    VectorFieldMin(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    float3 valueOf(float3 const& av, float3 const& bv) const {
+        return mapComponents([](float ac, float bc) { return ac < bc ? ac : bc; }, av, bv);
+    }
+    int gradientChoice(float3 const& av, float3 const& bv) const { return av < bv ? 0 : 1; }
+
+    VectorPtr a, b;
+};
+
+/// Each component with its sign bit cleared. The gradient is the negative of the child's where the
+/// field is below the zero vector, else the child's.
+class ZEL_API VectorFieldAbsolute : public PointwiseNode<VectorFieldAbsolute, VectorField> {
+public:
+    explicit VectorFieldAbsolute(VectorPtr field) : field(std::move(field)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 valueOf(float3 const& v) const {
+        return mapComponents([](float c) { return std::fabs(c); }, v);
+    }
+    float3x3 gradientOf(float3 const& v, float3x3 const& g) const { return v < float3{} ? -g : g; }
+
+    VectorPtr field;
+};
+
+/// Each component limited to the range between `min[c]` and `max[c]`, whichever is the smaller. A
+/// NaN stays. The gradient is the child's where min < field < max, both tested on whole vectors and
+/// against the bounds as passed, else zero.
+class ZEL_API VectorFieldClamp : public PointwiseNode<VectorFieldClamp, VectorField> {
+public:
+    VectorFieldClamp(VectorPtr field, float3 min, float3 max)
+        : field(std::move(field)), min(min), max(max) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 valueOf(float3 const& v) const {
+        auto const limited = [](float c, float first, float second) {
+            bool const crossed = second < first;
+            float const lo = crossed ? second : first;
+            float const hi = crossed ? first : second;
+            float const u = lo > c ? lo : c;
+            return u > hi ? hi : u;
+        };
+        return mapComponents(limited, v, min, max);
+    }
+    int gradientChoice(float3 const& v) const { return v > min && max > v ? 0 : -1; }
+
+    VectorPtr field;
+    float3 min, max;
+};
+
+/// a where condition > 0, else b. Only the branch taken is evaluated.
+class ZEL_API VectorFieldSwitch : public SwitchNode<VectorFieldSwitch, VectorField> {
+public:
+    VectorFieldSwitch(ScalarPtr condition, VectorPtr a, VectorPtr b)
+        : condition(std::move(condition)), a(std::move(a)), b(std::move(b)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) {
+        return std::tie(node.condition, node.a, node.b);
+    }
+
+    ScalarPtr condition;
+    VectorPtr a, b;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldMax, VectorField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldMin, VectorField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldAbsolute, VectorField);
+ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldClamp, VectorField);
+ZEL_DECLARE_OPERATOR(SwitchNode, zel::VectorFieldSwitch, VectorField);

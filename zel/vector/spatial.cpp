@@ -1,0 +1,8 @@
+#include "zel/vector/spatial.h"
+
+#include "zel/field/node_impl.h"
+
+ZEL_DEFINE_LEAF(zel::VectorFieldPosition, VectorField);
+ZEL_DEFINE_OPERATOR(TransformNode, zel::VectorFieldTranslate, VectorField);
+ZEL_DEFINE_OPERATOR(TransformNode, zel::VectorFieldScale, VectorField);
+ZEL_DEFINE_OPERATOR(TransformNode, zel::VectorFieldRotate, VectorField);

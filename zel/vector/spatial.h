@@ -1,0 +1,86 @@
+#pragma once
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+#include "zel/field/transform.h"
+
+// The position as a field, and vector fields moved as a whole: the sample point goes back, the
+// value forward.
+namespace zel {
+
+/// The position itself.
+class ZEL_API VectorFieldPosition : public LeafNode<VectorFieldPosition, VectorField> {
+private:
+    friend NodeAccess;
+    float3 valueOf(float3 const& p, long long /*i*/) const { return p; }
+    float3x3 gradientOf(float3 const& /*p*/, long long /*i*/) const {
+        return Orvane::Math::identity();
+    }
+};
+
+/// field(p - offset); the value is not shifted.
+class ZEL_API VectorFieldTranslate : public TransformNode<VectorFieldTranslate, VectorField> {
+public:
+    VectorFieldTranslate(VectorPtr field, float3 const& offset)
+        : field(std::move(field)), offset(offset) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 childPosition(float3 const& p) const { return p - offset; }
+    float3 valueOf(float3 const& v) const { return v; }
+    float3x3 gradientOf(float3x3 const& g) const { return g; }
+
+    VectorPtr field;
+    float3 offset;
+};
+
+/// scale * field(p / scale), by components. A component of `scale` nearer to 0 than 2^-23 is taken
+/// as +2^-23. The gradient is the child's as it comes, which is the derivative only where all
+/// components of `scale` are equal.
+class ZEL_API VectorFieldScale : public TransformNode<VectorFieldScale, VectorField> {
+public:
+    VectorFieldScale(VectorPtr field, float3 const& scale)
+        : field(std::move(field)), scale(detail::limitedScale(scale)) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 childPosition(float3 const& p) const { return divideComponents(p, scale); }
+    float3 valueOf(float3 const& v) const { return multiplyComponents(scale, v); }
+    float3x3 gradientOf(float3x3 const& g) const { return g; }
+
+    VectorPtr field;
+    float3 scale;
+};
+
+/// field turned by the quaternion `rotation`: rotate(rotation, field(rotate(conjugate(rotation),
+/// p))). The gradient is deliberately not the derivative: each column of the child's is turned, but
+/// not the coordinate.
+class ZEL_API VectorFieldRotate : public TransformNode<VectorFieldRotate, VectorField> {
+public:
+    /// Turns by the negative of a rotation vector, as ScalarFieldRotate does.
+    VectorFieldRotate(VectorPtr field, float3 const& rotation)
+        : field(std::move(field)), rotation(detail::rotationOf(rotation)) {}
+    VectorFieldRotate(VectorPtr field, float4 const& rotation)
+        : field(std::move(field)), rotation(rotation) {}
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    float3 childPosition(float3 const& p) const { return rotate(conjugate(rotation), p); }
+    float3 valueOf(float3 const& v) const { return rotate(rotation, v); }
+    float3x3 gradientOf(float3x3 const& g) const {
+        return mapColumns([&](float3 const& column) { return rotate(rotation, column); }, g);
+    }
+
+    VectorPtr field;
+    float4 rotation;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_LEAF(zel::VectorFieldPosition, VectorField);
+ZEL_DECLARE_OPERATOR(TransformNode, zel::VectorFieldTranslate, VectorField);
+ZEL_DECLARE_OPERATOR(TransformNode, zel::VectorFieldScale, VectorField);
+ZEL_DECLARE_OPERATOR(TransformNode, zel::VectorFieldRotate, VectorField);
