@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zel/zel.h"
+
+// Copy, move, assignment and release of nodes.
+namespace {
+
+using namespace zel;
+using Quern::makePtr;
+
+class Named : public ScalarField {
+public:
+    Named(char name, std::string& log) : name(name), log(&log) {}
+    Named(Named const&) = default;
+    Named& operator=(Named const&) = delete;
+    ~Named() override { *log += name; }
+    using ScalarField::eval;
+    float eval(float3 const& /*p*/, long long /*i*/) const override {
+        return static_cast<float>(name);
+    }
+
+private:
+    char name;
+    std::string* log;
+};
+
+TEST(Ownership, ChildrenAreReleasedLastToFirst) {
+    std::string log;
+    {
+        auto const leaf = [&](char name) -> ScalarPtr { return makePtr<Named>(name, log); };
+        ScalarFieldLerp const lerp(leaf('a'), leaf('b'), leaf('t'));
+        VectorFieldFromComponents const vector(leaf('x'), leaf('y'), leaf('z'));
+    }
+    EXPECT_EQ(log, "zyxtba");
+}
+
+TEST(Ownership, CopiesShareAndMovesTake) {
+    std::string log;
+    ScalarPtr const a = makePtr<Named>('a', log);
+    ScalarPtr const b = makePtr<Named>('b', log);
+    ScalarFieldSubtract source(a, b);
+    ScalarFieldSubtract copy = source;
+    EXPECT_EQ(a.useCount(), 3);
+    ScalarFieldSubtract moved = std::move(source);
+    EXPECT_EQ(a.useCount(), 3);
+    EXPECT_EQ(moved.eval(float3{}, 0), -1);
+    EXPECT_EQ(source.getType(), "zel::ScalarFieldSubtract");  // NOLINT(bugprone-use-after-move)
+
+    source = copy;  // a moved-from node may be assigned to
+    EXPECT_EQ(source.eval(float3{}, 0), -1);
+    copy = *&copy;
+    moved = std::move(*&moved);
+    EXPECT_EQ(copy.eval(float3{}, 0) + moved.eval(float3{}, 0), -2);
+    EXPECT_EQ(a.useCount(), 4);
+
+    ScalarFieldSubtract swapped(b, a);
+    copy = std::move(swapped);
+    EXPECT_EQ(copy.eval(float3{}, 0), 1);
+    EXPECT_EQ(a.useCount(), 4);
+    EXPECT_TRUE(log.empty());
+}
+
+TEST(Ownership, AssignmentTakesParameters) {
+    ScalarPtr const x = makePtr<ScalarFieldXPosition>();
+    ScalarFieldClamp clamp(x, 0, 1);
+    clamp = ScalarFieldClamp(x, -2, -1);
+    EXPECT_EQ(clamp.eval(float3{}, 0), -1);
+
+    VectorFieldConstantArray array(Quern::Array<float3>{{1, 2, 3}, {4, 5, 6}});
+    VectorFieldConstantArray const copy = array;
+    VectorFieldConstantArray const moved = std::move(array);
+    EXPECT_EQ(copy.eval(float3{}, 3), (float3{4, 5, 6}));
+    EXPECT_EQ(moved.eval(float3{}, 3), (float3{4, 5, 6}));
+    EXPECT_EQ(array.eval(float3{}, 3), float3{});  // NOLINT(bugprone-use-after-move)
+
+    ScalarFieldSphere sphere({0, 0, 0}, 2);
+    ScalarFieldSphere const other = std::move(sphere);
+    EXPECT_EQ(sphere.eval(float3{}, 0), -2);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(other.eval(float3{}, 0), -2);
+}
+
+TEST(Ownership, ANodeIsItsMembersItsNameAndItsTable) {
+    constexpr auto kBase = sizeof(void*) + sizeof(Quern::String);
+    static_assert(sizeof(ScalarField) == kBase);
+    static_assert(sizeof(ScalarFieldAdd) == kBase + 2 * sizeof(ScalarPtr));
+    static_assert(sizeof(VectorFieldLerp) == kBase + 3 * sizeof(ScalarPtr));
+    static_assert(sizeof(ScalarFieldPlane) == kBase + 2 * sizeof(float3));
+    ScalarFieldAdd const a(nullptr, nullptr);
+    ScalarFieldAdd const b(nullptr, nullptr);
+    EXPECT_EQ(a.getType().c_str(), b.getType().c_str());  // one text for all nodes of a class
+    EXPECT_EQ(ScalarField().getType(), "");
+}
+
+TEST(DefaultObject, IsOneZeroField) {
+    auto const& scalar = Quern::Internal::getDefaultClass<ScalarField>();
+    auto const& vector = Quern::Internal::getDefaultClass<VectorField>();
+    EXPECT_EQ(&scalar, &Quern::Internal::getDefaultClass<ScalarField>());
+    EXPECT_EQ(scalar->eval(float3{1, 2, 3}, 4), 0);
+    EXPECT_EQ(scalar->grad(float3{1, 2, 3}, 4), float3{});
+    EXPECT_EQ(vector->eval(float3{1, 2, 3}, 4), float3{});
+    EXPECT_EQ(vector->grad(float3{1, 2, 3}, 4), float3x3{});
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# package_test.sh SOURCE BUILD MODE COMPILER: builds and runs the consumer project, against the
+# library in BUILD installed to an empty prefix (MODE install) or against its sources (MODE sources).
+set -euo pipefail
+source=$(realpath "$1") build=$(realpath "$2") mode=$3 compiler=$4
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cp "$source"/tests/package/CMakeLists.txt "$work"
+configure() {
+    cmake -S "$work" -B "$work/build" -G Ninja -DREADME="$source/README.md" \
+        -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release "$@" >"$work/log" ||
+        { cat "$work/log"; exit 1; }
+}
+
+case $mode in
+install)
+    cmake --install "$build" --prefix "$work/prefix" >/dev/null
+    configure -DCMAKE_PREFIX_PATH="$work/prefix"
+    # Nothing of the source or build tree may be named in what was installed.
+    ! grep -rlE "$source|$build" "$work/prefix/lib" "$work/prefix/include" --include='*.cmake' --include='*.h'
+    ;;
+sources)
+    configure -DZEL_SOURCE_DIR="$source"
+    ;;
+esac
+cmake --build "$work/build" --target app
+"$work/build/app" | tee "$work/output"
+[ -s "$work/output" ]

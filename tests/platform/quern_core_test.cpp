@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "quern_core/any.h"
+#include "quern_core/array.h"
+#include "quern_core/ptr.h"
+#include "quern_core/string.h"
+
+namespace {
+
+using namespace Quern;
+
+struct Base {
+    virtual ~Base() = default;
+    int tag = 1;
+};
+struct Other {
+    virtual ~Other() = default;
+    int otherTag = 2;
+};
+struct Derived : Other, Base {
+    explicit Derived(int& count) : alive(&count) { ++count; }
+    Derived(Derived const& from) : Other(from), Base(from), alive(from.alive) { ++*alive; }
+    ~Derived() override { --*alive; }
+    Derived& operator=(Derived const&) = delete;
+    int* alive;
+};
+
+TEST(Ptr, SharesMovesAndReleases) {
+    int alive = 0;
+    static_assert(sizeof(Ptr<Base>) == 2 * sizeof(void*));
+    {
+        auto first = makePtr<Derived>(alive);
+        EXPECT_EQ(first.useCount(), 1);
+        Ptr<Base> base = first;
+        Ptr<Derived const> constant = first;
+        EXPECT_EQ(first.useCount(), 3);
+        EXPECT_TRUE(base == first);
+        base = std::move(constant).clone();
+        EXPECT_EQ(alive, 2);
+        Ptr<Base> moved = std::move(base);
+        EXPECT_TRUE(base == nullptr && !base &&
+                    base.useCount() == 0);  // NOLINT(bugprone-use-after-move)
+        moved = *&moved;
+        EXPECT_EQ(moved.useCount(), 1);
+        first.reset();
+        EXPECT_EQ(alive, 2);  // `constant` still holds the first
+    }
+    EXPECT_EQ(alive, 0);
+}
+
+TEST(Ptr, ClonesThroughABaseThatIsNotAtTheStart) {
+    int alive = 0;
+    Ptr<Base> const base = makePtr<Derived>(alive);
+    base->tag = 7;
+    Ptr<Base> const copy = base.clone();
+    ASSERT_NE(dynamic_cast<Derived*>(copy.get()), nullptr);
+    EXPECT_EQ(dynamic_cast<Derived*>(copy.get())->otherTag, 2);
+    EXPECT_EQ(copy->tag, 7);
+    EXPECT_NE(copy.get(), base.get());
+    EXPECT_EQ(copy.useCount(), 1);
+    EXPECT_TRUE(Ptr<Base>().clone() == nullptr);
+    EXPECT_THROW(makePtr<std::unique_ptr<int>>().clone(), std::logic_error);
+}
+
+TEST(Ptr, CountsFromManyThreads) {
+    int alive = 0;
+    auto const shared = makePtr<Derived>(alive);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([shared] {
+            for (int i = 0; i < 20000; ++i) {
+                Ptr<Base> copy = shared;
+                Ptr<Base> const moved = std::move(copy);
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(shared.useCount(), 1);
+}
+
+TEST(Array, GrowsCopiesAndMoves) {
+    Array<std::string> array{"a", "b"};
+    for (int i = 0; i < 100; ++i) array.push_back(array[i]);  // an element of itself, across growth
+    ASSERT_EQ(array.size(), 102);
+    EXPECT_EQ(array[100], "a");
+    Array<std::string> copy = array;
+    copy[0] = "changed";
+    EXPECT_EQ(array[0], "a");
+    auto const* const storage = copy.data();
+    Array<std::string> const moved = std::move(copy);
+    EXPECT_EQ(moved.data(), storage);
+    EXPECT_EQ(copy.size(), 0);  // NOLINT(bugprone-use-after-move)
+    array.resize(1);
+    array.resize(3);
+    EXPECT_EQ(array, (Array<std::string>{"a", "", ""}));
+    array.reserve(1000);
+    EXPECT_EQ(array.size(), 3);
+    EXPECT_GE(array.capacity(), 1000);
+    EXPECT_EQ(Array<int>(4), (Array<int>{0, 0, 0, 0}));
+    EXPECT_EQ(Array<int>(2, 9), (Array<int>{9, 9}));
+}
+
+TEST(Array, RefusesSizesThatCannotBe) {
+    EXPECT_THROW(Array<int>(-1), std::length_error);
+    constexpr long long kMost = std::numeric_limits<long long>::max();
+    EXPECT_THROW(Array<int>(kMost, 1), std::length_error);
+    Array<int> array{1, 2};
+    EXPECT_THROW(array.resize(-5), std::length_error);
+    EXPECT_THROW(array.reserve(-5), std::length_error);
+    EXPECT_EQ(array, (Array<int>{1, 2}));
+    try {
+        Array<int>(-12);
+        FAIL();
+    } catch (std::length_error const& error) {
+        EXPECT_NE(std::string(error.what()).find("-12"), std::string::npos);
+    }
+}
+
+TEST(Array, DestroysWhatItBuiltWhenAnElementThrows) {
+    struct Third {
+        explicit Third(int& count) : count(&count) {}
+        Third(Third const& from) : count(from.count) {
+            if (*count == 2) throw std::runtime_error("third");
+            ++*count;
+        }
+        ~Third() { destroyed += 1; }
+        Third& operator=(Third const&) = delete;
+        int* count;
+        int destroyed = 0;
+    };
+    int count = 0;
+    EXPECT_THROW(Array<Third>(5, Third(count)), std::runtime_error);
+    EXPECT_EQ(count, 2);
+}
+
+TEST(String, IsSharedTextThatComparesWithAll) {
+    std::string const embedded("a\0b", 3);
+    String const text = embedded;
+    EXPECT_EQ(text.size(), 3);
+    EXPECT_EQ(static_cast<std::string>(text), embedded);
+    String const copy = text;
+    EXPECT_EQ(copy.c_str(), text.c_str());  // the same characters, not equal ones
+    auto const viewSize = [](StringView view) { return view.size(); };
+    EXPECT_EQ(viewSize(text), 3);
+    EXPECT_EQ(viewSize("four"), 4);
+    EXPECT_TRUE(String("b") == "b" && "b" == String("b") && StringView("b") == std::string("b"));
+    EXPECT_TRUE(String("a") < String("b") && String("a") < "b" &&
+                StringView("a") < StringView("aa"));
+    EXPECT_EQ(String(), "");
+    EXPECT_STREQ(String().c_str(), "");
+    EXPECT_STREQ(String(static_cast<char const*>(nullptr)).c_str(), "");
+}
+
+TEST(Any, FindsOnlyTheExactType) {
+    Any any = 2.5F;
+    ASSERT_NE(any.get<float>(), nullptr);
+    *any.get<float>() = 3;
+    EXPECT_EQ(*std::as_const(any).get<float>(), 3);
+    EXPECT_EQ(any.get<double>(), nullptr);
+    int alive = 0;
+    any = makePtr<Derived>(alive);
+    EXPECT_EQ(any.get<Ptr<Base>>(), nullptr);
+    Ptr<Derived> const taken = std::move(*any.get<Ptr<Derived>>());
+    EXPECT_EQ(taken.useCount(), 1);
+    any = Any();
+    EXPECT_TRUE(any.empty() && Any(any).empty());
+}
+
+}  // namespace
