@@ -30,7 +30,8 @@ public:
     void acquire() noexcept { count.fetch_add(1, std::memory_order_relaxed); }
 
     void release() noexcept {
-        if (count.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
+        // The only owner needs no atomic write: nobody else can add to the count.
+        if (useCount() == 1 || count.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
     }
 
     std::int64_t useCount() const noexcept { return count.load(std::memory_order_acquire); }

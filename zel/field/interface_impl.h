@@ -28,9 +28,10 @@ evalBatch(Interface const& field, Quern::Array<Orvane::Math::float3> const& posi
     Value* const out = result->data();
 
     field.preSampleField();
-    auto const loop = [&](tbb::blocked_range<std::size_t> const& range) {
-        for (std::size_t i = range.begin(); i != range.end(); ++i)
-            out[i] = field.eval(in[i], static_cast<long long>(i));
+    auto const loop = [self = &field, in, out](tbb::blocked_range<std::size_t> const& range) {
+        std::size_t const end = range.end();
+        for (std::size_t i = range.begin(); i != end; ++i)
+            out[i] = self->eval(in[i], static_cast<long long>(i));
     };
     tbb::blocked_range<std::size_t> const all(0, count, 1);
     if (all.is_divisible()) {

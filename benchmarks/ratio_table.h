@@ -1,0 +1,74 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+/// The console report, of the medians alone where a benchmark is repeated; and the repetitions by
+/// the name of the benchmark, for a table.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    /// The counter that holds the time of one item, in seconds.
+    static constexpr char const* kCounter = "time_per_item";
+
+    /// What the repetitions of one benchmark gave; zeros if it did not run.
+    struct Times {
+        double median = 0, least = 0;  ///< ns an item
+        double busy = 0;               ///< processor time by real time, at the median
+    };
+
+    void ReportRuns(std::vector<Run> const& runs) override {
+        std::vector<Run> shown;
+        for (Run const& run : runs) {
+            bool const repetition = run.run_type == Run::RT_Iteration;
+            if (repetition && !run.error_occurred) {
+                auto const counter = run.counters.find(kCounter);
+                if (counter != run.counters.end())
+                    results[run.run_name.function_name].push_back(
+                        {counter->second.value * 1e9,
+                         run.cpu_accumulated_time / run.real_accumulated_time});
+            }
+            if (run.error_occurred) failed = true;
+            if (run.error_occurred ||
+                (repetition ? run.repetitions <= 1 : run.aggregate_name == "median"))
+                shown.push_back(run);
+        }
+        if (!shown.empty()) ConsoleReporter::ReportRuns(shown);
+    }
+
+    bool anyError() const { return failed; }
+
+    Times operator[](std::string const& name) const {
+        auto const found = results.find(name);
+        if (found == results.end()) return {};
+        std::vector<Result> sorted = found->second;
+        std::sort(sorted.begin(), sorted.end(),
+                  [](Result const& a, Result const& b) { return a.time < b.time; });
+        Result const& middle = sorted[sorted.size() / 2];  // the upper one of an even number
+        return {middle.time, sorted.front().time, middle.busy};
+    }
+
+private:
+    struct Result {
+        double time, busy;
+    };
+    std::map<std::string, std::vector<Result>> results;
+    bool failed = false;
+};
+
+/// Prints `value` right-aligned, or a dash where it is not known.
+inline void printCell(double value, int width, int digits) {
+    if (value > 0)
+        std::printf("%*.*f", width, digits, value);
+    else
+        std::printf("%*s", width, "-");
+}
+
+/// a / b, or 0 if one of them is not known.
+inline double ratio(double a, double b) {
+    return a > 0 && b > 0 ? a / b : 0;
+}

@@ -1,0 +1,296 @@
+// What it costs to evaluate and to build a tree, against the same formula in other forms, over 2^20
+// positions and in the same run: nanoseconds a point, on one thread and on all. After the report of
+// the benchmarks, tables give the medians and their ratios. The forms must agree in every bit
+// before anything is timed.
+//
+//   loop   reads the positions and writes floats, no more
+//   fused  the formula by hand, in one loop
+//   naive  a tree of std::shared_ptr and one virtual function
+//   point  the tree of ZEL, its point eval in a loop
+//   batch  the tree of ZEL, its batch eval, the allocation of the result included
+//
+// All but the batch write to one array that exists already. On several threads they run in a
+// tbb::parallel_for of their own.
+
+#include <benchmark/benchmark.h>
+#include <tbb/blocked_range.h>
+#include <tbb/global_control.h>
+#include <tbb/info.h>
+#include <tbb/parallel_for.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "allocation_count.h"
+#include "positions.h"
+#include "ratio_table.h"
+#include "trees.h"
+
+namespace {
+
+using Orvane::Math::float3;
+using Positions = Quern::Array<float3>;
+
+/// Evaluates all positions on that many threads; the values stay until the next call.
+using Evaluate = std::function<float const*(int threads)>;
+
+struct Form {
+    std::string name;
+    Evaluate evaluate;
+};
+
+struct Subject {
+    std::string name;
+    int nodes;
+    std::vector<Form> forms;
+};
+
+std::string nameOf(Subject const& subject, int threads, std::string const& form) {
+    return subject.name + "/" + std::to_string(threads) + "/" + form;
+}
+
+void reportItems(benchmark::State& state, std::size_t itemsAnIteration) {
+    auto const items = static_cast<double>(itemsAnIteration);
+    state.SetItemsProcessed(state.iterations() * static_cast<benchmark::IterationCount>(items));
+    using benchmark::Counter;
+    state.counters[RatioReporter::kCounter] =
+        Counter(items, Counter::kIsIterationInvariantRate | Counter::kInvert);
+}
+
+/// out[i] = f(positions[i], i), inlined into the loop.
+template <class F>
+Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const& f) {
+    return [&positions, &values, f](int threads) -> float const* {
+        float3 const* const in = positions.data();
+        float* const out = values.data();
+        auto const loop = [=](std::size_t begin, std::size_t end) {
+            F const local = f;  // seen by nobody else, so it may stay in registers
+            for (std::size_t i = begin; i != end; ++i) out[i] = local(in[i], i);
+        };
+        auto const count = static_cast<std::size_t>(positions.size());
+        if (threads == 1) {
+            loop(0, count);
+        } else {
+            tbb::parallel_for(tbb::blocked_range<std::size_t>(0, count),
+                              [&](auto const& range) { loop(range.begin(), range.end()); });
+        }
+        return out;
+    };
+}
+
+class NodeCounter : public zel::FieldConstVisitor {
+public:
+    void operator()(zel::Field const& node) override {
+        ++count;
+        node.accept(*this);
+    }
+    int count = 0;
+};
+
+template <class Tree>
+Subject makeSubject(Parameters const& parameters, Positions const& positions,
+                    Quern::Array<float>& values) {
+    zel::ScalarPtr const field = Tree::template build<ZelNodes>(parameters);
+    naive::NodePtr const naiveTree = Tree::template build<NaiveNodes>(parameters);
+    NodeCounter counter;
+    counter(*field);
+
+    Subject subject{Tree::kName, counter.count, {}};
+    auto const add = [&](char const* name, auto const& f) {
+        subject.forms.push_back({name, loopOf(positions, values, f)});
+    };
+    add("loop", [](float3 const& p, std::size_t) { return p.x + p.y + p.z; });
+    add("fused", [fused = typename Tree::Fused(parameters)](float3 const& p, std::size_t) {
+        return fused(p);
+    });
+    add("naive", [naiveTree](float3 const& p, std::size_t) { return naiveTree->eval(p); });
+    add("point", [field](float3 const& p, std::size_t i) {
+        return field->eval(p, static_cast<long long>(i));
+    });
+    subject.forms.push_back(
+        {"batch", [&positions, field, result = Quern::Ptr<Quern::Array<float>>()](int) mutable {
+             result.reset();
+             result = field->eval(positions);
+             return static_cast<float const*>(result->data());
+         }});
+    return subject;
+}
+
+/// Ends the program unless every form gives the bits of the fused loop.
+void checkForms(Subject const& subject, Positions const& positions, int threads) {
+    tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
+                                      static_cast<std::size_t>(threads));
+    auto const count = static_cast<std::size_t>(positions.size());
+    std::vector<float> expected;
+    for (Form const& form : subject.forms) {
+        if (form.name == "loop") continue;
+        float const* const values = form.evaluate(threads);
+        if (expected.empty()) expected.assign(values, values + count);
+        for (std::size_t i = 0; i < count; ++i) {
+            if (std::memcmp(&values[i], &expected[i], sizeof(float)) == 0) continue;
+            std::fprintf(stderr, "%s: %a at point %zu, where the fused loop gives %a\n",
+                         nameOf(subject, threads, form.name).c_str(),
+                         static_cast<double>(values[i]), i, static_cast<double>(expected[i]));
+            std::exit(EXIT_FAILURE);
+        }
+    }
+}
+
+void registerForms(Subject const& subject, Positions const& positions, int threads) {
+    for (Form const& form : subject.forms) {
+        auto const run = [&form, &positions, threads](benchmark::State& state) {
+            tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
+                                              static_cast<std::size_t>(threads));
+            form.evaluate(threads);  // the first run wakes the threads
+            AllocationCount const allocations;
+            for (auto _ : state) {
+                benchmark::DoNotOptimize(form.evaluate(threads));
+                benchmark::ClobberMemory();
+            }
+            state.counters["allocations"] = benchmark::Counter(
+                static_cast<double>(allocations.blocks()), benchmark::Counter::kAvgIterations);
+            reportItems(state, static_cast<std::size_t>(positions.size()));
+        };
+        auto* const registered =
+            benchmark::RegisterBenchmark(nameOf(subject, threads, form.name).c_str(), run)
+                ->MeasureProcessCPUTime()
+                ->Unit(benchmark::kMillisecond);
+        // The time of one thread is its processor time, which other programs disturb least.
+        if (threads > 1) registered->UseRealTime();
+    }
+}
+
+/// Building many trees, or giving them back, without the other.
+template <class Nodes, class Tree> void registerBuilding(Parameters const& parameters, int nodes) {
+    constexpr bool kZel = std::is_same_v<Nodes, ZelNodes>;
+    double blocks = 0, bytes = 0;
+    (void)Tree::template build<Nodes>(parameters);  // the first tree makes the type names
+    {
+        AllocationCount const allocations;
+        auto const tree = Tree::template build<Nodes>(parameters);
+        blocks = static_cast<double>(allocations.blocks()) / nodes;
+        bytes = static_cast<double>(allocations.bytes()) / nodes;
+    }
+    if (kZel && blocks != 1) {
+        std::fprintf(stderr, "building: %g allocations a node, where 1 is right\n", blocks);
+        std::exit(EXIT_FAILURE);
+    }
+
+    for (bool const timeBuild : {true, false}) {
+        auto const run = [=, &parameters](benchmark::State& state) {
+            std::vector<typename Nodes::Ptr> trees(256);
+            auto const build = [&] {
+                for (auto& tree : trees) tree = Tree::template build<Nodes>(parameters);
+            };
+            auto const release = [&] {
+                for (auto& tree : trees) tree = nullptr;
+            };
+            for (auto _ : state) {
+                if (timeBuild) {
+                    build();
+                    state.PauseTiming();
+                    release();
+                    state.ResumeTiming();
+                } else {
+                    state.PauseTiming();
+                    build();
+                    state.ResumeTiming();
+                    release();
+                }
+            }
+            state.counters["allocations"] = blocks;
+            state.counters["bytes"] = bytes;
+            reportItems(state, trees.size() * static_cast<std::size_t>(nodes));
+        };
+        std::string const name = timeBuild ? "build a node/" : "release a node/";
+        benchmark::RegisterBenchmark((name + (kZel ? "zel" : "naive")).c_str(), run)
+            ->MeasureProcessCPUTime();
+    }
+}
+
+void printTable(RatioReporter const& report, std::vector<Subject> const& subjects, int allThreads) {
+    for (Subject const& subject : subjects) {
+        std::printf("\n%s, %d nodes; ns a point\n"
+                    "threads  form     median     least  of fused  of naive  busy  of 1 thread\n",
+                    subject.name.c_str(), subject.nodes);
+        for (int threads = 1;; threads = allThreads) {
+            double const fused = report[nameOf(subject, threads, "fused")].median;
+            double const naive = report[nameOf(subject, threads, "naive")].median;
+            for (Form const& form : subject.forms) {
+                auto const [median, least, busy] = report[nameOf(subject, threads, form.name)];
+                if (median == 0) continue;
+                std::printf("%7d  %-5s", threads, form.name.c_str());
+                printCell(median, 10, 2);
+                printCell(least, 10, 2);
+                printCell(ratio(median, fused), 10, 2);
+                printCell(ratio(median, naive), 10, 2);
+                printCell(busy, 6, 2);
+                if (threads > 1)
+                    printCell(ratio(median, report[nameOf(subject, 1, form.name)].median), 13, 2);
+                std::printf("\n");
+            }
+            if (threads == allThreads) break;
+        }
+    }
+    std::printf("\nns a node        median     least  of naive\n");
+    for (std::string const work : {"build a node", "release a node"}) {
+        for (char const* nodes : {"naive", "zel"}) {
+            auto const [median, least, busy] = report[work + "/" + nodes];
+            if (median == 0) continue;
+            std::printf("%-7.7s  %-6s", work.c_str(), nodes);
+            printCell(median, 10, 2);
+            printCell(least, 10, 2);
+            printCell(ratio(median, report[work + "/naive"].median), 10, 2);
+            std::printf("\n");
+        }
+    }
+    std::printf("\nbusy: processor time by real time. Below the number of threads, others had the "
+                "machine.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Repetitions in random order even out what else the machine does. The user's own options come
+    // later and win.
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.03",
+                              "--benchmark_enable_random_interleaving=true"};
+    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+
+    Parameters parameters;
+    benchmark::DoNotOptimize(parameters);
+    Positions const positions = scanLines();
+    Quern::Array<float> values(positions.size());
+    std::vector<Subject> const subjects{
+        makeSubject<CsgTree<false>>(parameters, positions, values),
+        makeSubject<CsgTree<true>>(parameters, positions, values),
+        makeSubject<ArithmeticTree>(parameters, positions, values),
+    };
+
+    int const allThreads = tbb::info::default_concurrency();
+    for (Subject const& subject : subjects) {
+        for (int threads = 1;; threads = allThreads) {
+            checkForms(subject, positions, threads);
+            registerForms(subject, positions, threads);
+            if (threads == allThreads) break;
+        }
+    }
+    registerBuilding<ZelNodes, CsgTree<false>>(parameters, subjects.front().nodes);
+    registerBuilding<NaiveNodes, CsgTree<false>>(parameters, subjects.front().nodes);
+
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    printTable(reporter, subjects, allThreads);
+    benchmark::Shutdown();
+    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+}
