@@ -1,0 +1,200 @@
+#include <cstdint>
+
+#include "support/probe.h"
+
+using namespace support;
+using namespace zel;
+
+// The expected numbers are worked out by hand; the gradients of children are kMatrixA and kMatrixB.
+// Ordinary numbers of nodes that are derivatives are the business of the tests of those.
+namespace {
+constexpr float3 kV{2, -1, 4}, kNaNs{kNaN, kNaN, kNaN};
+constexpr float3x3 kZero{};
+}  // namespace
+
+TEST(VectorNodes, Arithmetic) {
+    check(VectorRows{
+        {makePtr<VectorFieldConstant>(), {}, kZero},
+        {makePtr<VectorFieldNegative>(v({0, -0.0F, kInf})), {-0.0F, 0, -kInf}, kMatrixA * -1},
+        {makePtr<VectorFieldDivide>(v(kV), v({0, -0.0F, 1}, kZero)),
+         {kInf, kInf, 4},
+         {{kNaNs, kNaNs, kMatrixA[2]}}},
+        {makePtr<VectorFieldVSDivide>(v({1, -1, 0}, kZero), s(0, {})),
+         {kInf, -kInf, kNaN},
+         {{kNaNs, kNaNs, kNaNs}}},
+        {makePtr<VectorFieldVSMultiply>(v({1, kInf, -0.0F}, kZero), s(0, {})),
+         {0, kNaN, -0.0F},
+         {{{}, kNaNs, {}}}},
+        {makePtr<VectorFieldLerp>(v({1e8F, 0, 1}), v({1, kInf, 2}, kZero), s(1, {})),
+         {1, kInf, 2},
+         {{{0, 0, 0}, kNaNs, {0, 0, 0}}}},
+        {makePtr<VectorFieldLerp>(v(kV, kMatrixA), v({4, 2, -8}, kMatrixB), s(2)),
+         {6, 5, -20},
+         {{{5, -8, 19}, {8.5F, 8, 3}, {-30, 33, -55}}}},
+    });
+}
+
+TEST(VectorNodes, UnitVectorTakesOutTheChangeOfLengthButDoesNotDivideByIt) {
+    auto const unit = [](float3 value) { return makePtr<VectorFieldUnitVector>(v(value)); };
+    check(VectorRows{
+        {unit({1, 2, -2}),
+         {1 / 3.0F, 2 / 3.0F, -2 / 3.0F},
+         {{{19 / 9.0F, 10 / 9.0F, -2}, {49 / 18.0F, -52 / 9.0F, 7}, {34 / 9.0F, -47 / 9.0F, 6}}},
+         kRounding},
+        {unit({0, -0.0F, 0}), {0, -0.0F, 0}, {{kNaNs, kNaNs, kNaNs}}},
+        {unit({kInf, 1, 0}), {kNaN, 0, 0}, {{kNaNs, kNaNs, kNaNs}}},
+    });
+    // So short that its square is 0 in single precision.
+    EXPECT_TRUE(same(unit({1e-30F, 0, 0})->eval({}, 0), {1e-30F, 0, 0}));
+}
+
+TEST(VectorNodes, ConstantArrayTakesTheIndexAsUnsigned) {
+    VectorFieldConstantArray const three(Quern::Array<float3>{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}});
+    // 2^64 leaves 1 on division by 3, so -1 is element 0 and the least index, 2^63, element 2.
+    std::pair<long long, float> const firsts[] = {{0, 1},  {2, 7},  {3, 1},         {4, 4},
+                                                  {-1, 1}, {-2, 7}, {INT64_MAX, 4}, {INT64_MIN, 7}};
+    for (auto const& [index, x] : firsts) {
+        EXPECT_EQ(three.eval({kNaN, kInf, 1}, index).x, x) << index;
+        EXPECT_TRUE(same(three.grad(kPosition, index), kZero));
+    }
+    EXPECT_TRUE(same(VectorFieldConstantArray().eval(kPosition, 5), float3{}));
+    EXPECT_TRUE(same(VectorFieldConstantArray().grad(kPosition, 5), kZero));
+    auto const batch = three.eval(Quern::Array<float3>(5));
+    EXPECT_EQ(*batch,
+              (Quern::Array<float3>{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}, {1, 2, 3}, {4, 5, 6}}));
+}
+
+TEST(VectorNodes, Powers) {
+    check(VectorRows{
+        {makePtr<VectorFieldPow>(v({2, -2, 4}), float3{3, 2, 0.5F}),
+         {8, 4, 2},
+         {{{12, 24, -36}, {-2, 16, -20}, {1.5F, -1.75F, 2}}}},
+        {makePtr<VectorFieldPow>(v({0, -8, 0}), float3{0.5F, 0.3F, 0}),
+         {0, kNaN, 1},
+         {{{kInf, kInf, -kInf}, {kNaN, kNaN, kNaN}, {kNaN, kNaN, kNaN}}}},
+        {makePtr<VectorFieldSquareRoot>(v({4, -4, 16})),
+         {2, 0, 4},
+         {{{0.25F, 0.5F, -0.75F}, {}, {0.75F, -0.875F, 1}}}},
+        {makePtr<VectorFieldSquareRoot>(v({kNaN, 0, kInf})),
+         {0, 0, kInf},
+         {{{}, {}, {0, -0.0F, 0}}}},
+    });
+    // Where single and double precision may round apart, the single one counts.
+    float volatile base = 0x1.00bf28p+1F;
+    float3 const power = VectorFieldPow(v({base, 1, 1}), {1.5F, 1, 1}).eval({}, 0);
+    EXPECT_EQ(power.x, std::pow(base, 1.5F));
+
+    struct Fixed : VectorFieldSquareRoot {
+        using VectorFieldSquareRoot::eval;
+        using VectorFieldSquareRoot::VectorFieldSquareRoot;
+        float3 eval(float3 const& /*p*/, long long /*i*/) const override { return {0, 0.5F, 1}; }
+    };
+    EXPECT_TRUE(same(Fixed(v({9, 9, 9})).grad({}, 0), {{{}, {0.5F, -4, 5}, {3, -3.5F, 4}}}));
+}
+
+TEST(VectorNodes, SelectValuesByComponentAndGradientsByLexicographicOrder) {
+    auto const max = [](float3 x, float3 y) {
+        return makePtr<VectorFieldMax>(v(x, kMatrixA), v(y, kMatrixB));
+    };
+    auto const min = [](float3 x, float3 y) {
+        return makePtr<VectorFieldMin>(v(x, kMatrixA), v(y, kMatrixB));
+    };
+    auto const abs = [](float3 x) { return makePtr<VectorFieldAbsolute>(v(x)); };
+    auto const clamp = [](float3 x, float3 lo, float3 hi) {
+        return makePtr<VectorFieldClamp>(v(x), lo, hi);
+    };
+    float3 const zero, one{1, 1, 1};
+    check(VectorRows{
+        {max({1, 5, 0}, {2, 0, 0}), {2, 5, 0}, kMatrixB},
+        {max({2, 0, 0}, {1, 5, 0}), {2, 5, 0}, kMatrixA},
+        {max({1, 5, 0}, {1, 4, 9}), {1, 5, 9}, kMatrixA},
+        {max({1, 5, 0}, {1, 5, 1}), {1, 5, 1}, kMatrixB},
+        {max({-0.0F, 0, 1}, {0, -0.0F, 1}), {0, -0.0F, 1}, kMatrixB},
+        {max({kNaN, 5, 5}, zero), {0, 5, 5}, kMatrixB},
+        {max({1, kNaN, 5}, zero), {1, 0, 5}, kMatrixA},
+        {max({1, kInf, 0}, {1, kNaN, 0}), {1, kNaN, 0}, kMatrixB},
+        {min({1, 5, 0}, {2, 0, 0}), {1, 0, 0}, kMatrixA},
+        {min({1, 5, 0}, {1, 4, 9}), {1, 4, 0}, kMatrixB},
+        {min({1, 5, 0}, {1, 5, 1}), {1, 5, 0}, kMatrixA},
+        {min({-0.0F, 0, 1}, {0, -0.0F, 1}), {0, -0.0F, 1}, kMatrixB},
+        {min({kNaN, -5, -5}, zero), {0, -5, -5}, kMatrixB},
+        {abs({0, -1, 5}), {0, 1, 5}, -kMatrixA},
+        {abs({1, -1, -1}), {1, 1, 1}, kMatrixA},
+        {abs({-0.0F, 0, -0.0F}), zero, kMatrixA},
+        {abs({-0.0F, 0, -kInf}), {0, 0, kInf}, -kMatrixA},
+        {abs({kNaN, -1, -1}), {kNaN, 1, 1}, kMatrixA},
+        {clamp({0.5F, -1, 2}, zero, one), {0.5F, 0, 1}, kMatrixA},
+        {clamp({0.5F, -1, 2}, one, zero), {0.5F, 0, 1}, kZero},
+        {clamp({0.5F, -1, kInf}, {0, 1, 0}, {1, 0, 1}), {0.5F, 0, 1}, kMatrixA},
+        {clamp(zero, zero, one), zero, kZero},
+        {clamp(one, zero, one), one, kZero},
+        {clamp({0, 0, 0.5F}, zero, one), {0, 0, 0.5F}, kMatrixA},
+        {clamp({1, 1, 0.5F}, zero, one), {1, 1, 0.5F}, kMatrixA},
+        {clamp({kNaN, 2, -2}, zero, one), {kNaN, 1, 0}, kZero},
+    });
+}
+
+TEST(VectorNodes, Projection) {
+    auto const component = [](int i) { return makePtr<VectorFieldComponent>(v(kV), i); };
+    auto const length = [](float3 value) { return makePtr<VectorFieldLength>(v(value)); };
+    check(ScalarRows{
+        {component(0), 2, kMatrixA[0]},
+        {component(2), 4, kMatrixA[2]},
+        {component(3), 0, {}},
+        {component(-1), 0, {}},
+        {component(INT32_MIN), 0, {}},
+        {length({2, -1, 2}), 3, {4.5F, -2, 5 / 3.0F}, kRounding},
+        {length({}), 0, kNaNs},
+        {length({kInf, 0, 0}), kInf, kNaNs},
+        {makePtr<VectorFieldLengthSquared>(v(kV)), 21, {51, -40, 42}},
+        {makePtr<VectorFieldDotProduct>(v(kV), v(kV)), 21, {51, -40, 42}},
+        {makePtr<VectorFieldLengthSquared>(v({})), 0, {}},
+    });
+}
+
+TEST(VectorNodes, Spatial) {
+    auto const scale = [](float3 factor) { return makePtr<VectorFieldScale>(v(kV), factor); };
+    auto const turn = [](auto rotation) { return makePtr<VectorFieldRotate>(v(kV), rotation); };
+    float const h = 1.57079633F;
+    float3 const p{1, 2, 3};
+    // Only the value and the columns of the matrix are turned, and uneven scales leave the matrix.
+    float const e = 0x1p-23F;
+    check(VectorRows{
+        {makePtr<VectorFieldTranslate>(v(kV), float3{1, 2, -4}), kV, kMatrixA, 0, p, {0, 0, 7}},
+        {scale({2, -4, 0.5F}), {4, 4, 2}, kMatrixA, 0, {2, 4, 8}, {1, -1, 16}},
+        {scale({0, -1e-9F, 1}), {2 * e, -e, 4}, kMatrixA, 0, {3 * e, 0, 4}, {3, 0, 4}},
+        {turn(float4{0, 0, 0, 1}), kV, kMatrixA, 0, p, p},
+        {turn(float3{}), kV, kMatrixA, 0, p, p},
+        {turn(float3{0, kNaN, 0}), kV, kMatrixA, 0, p, p},
+        {turn(float4{0, 0, 0, 2}), {8, -4, 16}, kMatrixA * 4, 0, p, {4, 8, 12}},
+        {turn(float4{0.5F, 0.5F, 0.5F, 0.5F}),
+         {4, 2, -1},
+         {{{6, -7, 8}, {1, 2, -3}, {0.5F, -4, 5}}},
+         0,
+         p,
+         {2, 3, 1}},
+        {turn(float3{0, 0, h}),
+         {-1, -2, 4},
+         {{{0.5F, -4, 5}, {-1, -2, 3}, {6, -7, 8}}},
+         2e-6F,
+         {1, 0, 3},
+         {0, 1, 3}},
+    });
+}
+
+TEST(VectorNodes, AskOnlyWhatTheyNeed) {
+    auto const x = s(2, kA, "x"), y = s(3, kB, "y"), z = s(4, kT, "z");
+    auto const first = v(kV, kMatrixA, "a"), second = v({}, kMatrixB, "b");
+    takeCalls();
+    VectorFieldFromComponents(x, y, z).eval(kPosition, kIndex);
+    VectorFieldFromComponents(x, y, z).grad(kPosition, kIndex);
+    EXPECT_EQ(takeCalls(), "x.eval y.eval z.eval x.grad y.grad z.grad ");
+    VectorFieldSwitch(x, first, second).eval(kPosition, kIndex);
+    VectorFieldSwitch(x, first, second).grad(kPosition, kIndex);
+    EXPECT_EQ(takeCalls(), "x.eval a.eval x.eval a.grad ");
+    VectorFieldSwitch(s(0, {}, "zero"), first, second).grad(kPosition, kIndex);
+    EXPECT_EQ(takeCalls(), "zero.eval b.grad ");
+    VectorFieldComponent(first, 7).eval(kPosition, kIndex);
+    VectorFieldComponent(first, 7).grad(kPosition, kIndex);
+    EXPECT_EQ(takeCalls(), "a.eval a.grad ");
+}
