@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "orvane_math/vectors.h"
+
+namespace examples {
+
+/// Red, green and blue as x, y and z, in linear light, 0 to 1.
+using Color = Orvane::Math::float3;
+
+/// Rows of colours, the first row at the top.
+class Image {
+public:
+    Image(int width, int height, Color const& fill = {});
+
+    int width() const { return columns; }
+    int height() const { return rows; }
+    Color& at(int x, int y) { return colors[index(x, y)]; }
+    Color const& at(int x, int y) const { return colors[index(x, y)]; }
+
+    /// Pixels of `factor` by `factor` colours of this image, averaged.
+    Image reduced(int factor) const;
+
+    /// Copies `image` into this one with its top left corner at (x, y); it has to fit.
+    void place(Image const& image, int x, int y);
+
+    /// Three bytes a pixel, in the sRGB encoding.
+    std::vector<std::uint8_t> toBytes() const;
+
+private:
+    std::size_t index(int x, int y) const {
+        return static_cast<std::size_t>(y) * static_cast<std::size_t>(columns) +
+               static_cast<std::size_t>(x);
+    }
+
+    int columns, rows;
+    std::vector<Color> colors;
+};
+
+/// Equal images side by side, `columns` to a row, with white space between and around them.
+Image contactSheet(std::vector<Image> const& panels, int columns);
+
+}  // namespace examples

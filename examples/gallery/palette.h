@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+
+#include "gallery/image.h"
+
+namespace examples {
+
+/// The colour of 0xRRGGBB in the sRGB encoding.
+Color fromHex(std::uint32_t rgb);
+
+/// `a` at t = 0, `b` at t = 1.
+Color mix(Color const& a, Color const& b, float t);
+
+/// The colour of even perceived lightness and chroma at a hue in radians, cut to what a screen
+/// shows. Lightness runs from 0 to 1; a chroma of 0.12 fits at most hues.
+Color fromHue(float lightness, float chroma, float hue);
+
+/// Orange below 0, blue above; deeper with the distance from 0, by 63 % at `scale`. Grey for a NaN.
+Color twoSided(float value, float scale);
+
+/// From dark violet at 0 through green to yellow at 1.
+Color heat(float t);
+
+}  // namespace examples

@@ -1,0 +1,84 @@
+#include "gallery/plot.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "gallery/palette.h"
+
+namespace examples {
+
+namespace {
+
+using zel::float3;
+
+/// How much of a sample is covered by a line of that width, `distance` from its middle; all in
+/// samples.
+float coverage(float distance, float width) {
+    return std::clamp(width / 2 - distance + 0.5F, 0.0F, 1.0F);
+}
+
+/// `color` with the iso-lines at a sample where the field has that value and slope for each sample.
+Color withLines(Color color, float value, float slope, PlotStyle const& style) {
+    static Color const ink = fromHex(0x1A1A1A);
+    if (!(slope > 0)) return color;  // a plateau, even one at the value of a line
+    if (style.spacing > 0) {
+        float const steps = value / style.spacing;
+        float const distance = std::fabs(steps - std::round(steps)) * style.spacing / slope;
+        // Lines that would run together fade out.
+        float const room = style.spacing / slope / (style.lineWidth * kSamples);
+        float const strength = 0.34F * std::clamp((room - 2) / 3, 0.0F, 1.0F);
+        color = mix(color, ink, strength * coverage(distance, style.lineWidth * kSamples));
+    }
+    if (style.zeroWidth > 0)
+        color = mix(color, ink, coverage(std::fabs(value) / slope, style.zeroWidth * kSamples));
+    return color;
+}
+
+}  // namespace
+
+Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height) {
+    float const step = view.width / static_cast<float>(width);
+    float const left = view.x - view.width / 2;
+    float const top = view.y + step * static_cast<float>(height) / 2;
+    Quern::Array<zel::float3> positions;
+    positions.reserve(static_cast<long long>(width) * height);
+    for (int row = 0; row < height; ++row)
+        for (int column = 0; column < width; ++column)
+            positions.push_back({left + (static_cast<float>(column) + 0.5F) * step,
+                                 top - (static_cast<float>(row) + 0.5F) * step, 0});
+    return positions;
+}
+
+Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
+           PlotStyle const& style) {
+    Image fine(width * kSamples, height * kSamples);
+    auto const positions = pixelPositions(view, fine.width(), fine.height());
+    auto const values = meter.values(field, positions);
+    float const step = view.width / static_cast<float>(fine.width());
+    auto const at = [&](int x, int y) {
+        return (*values)[static_cast<long long>(y) * fine.width() + x];
+    };
+    for (int y = 0; y < fine.height(); ++y)
+        for (int x = 0; x < fine.width(); ++x) {
+            float const value = at(x, y);
+            // The slope on the screen, towards the nearer of the neighbours in value, so that a
+            // jump beside the sample does not count.
+            auto const change = [&](float before, float after) {
+                return std::min(std::fabs(value - before), std::fabs(after - value));
+            };
+            int const lastX = fine.width() - 1;
+            int const lastY = fine.height() - 1;
+            float const dx = change(at(x > 0 ? x - 1 : 1, y), at(x < lastX ? x + 1 : lastX - 1, y));
+            float const dy = change(at(x, y > 0 ? y - 1 : 1), at(x, y < lastY ? y + 1 : lastY - 1));
+            Color color = withLines(twoSided(value, style.scale), value, std::hypot(dx, dy), style);
+            if (style.axes) {
+                float3 const& p = positions[static_cast<long long>(y) * fine.width() + x];
+                float const distance = std::min(std::fabs(p.x), std::fabs(p.y)) / step;
+                color = mix(color, {1, 1, 1}, 0.45F * coverage(distance, kSamples));
+            }
+            fine.at(x, y) = color;
+        }
+    return fine.reduced(kSamples);
+}
+
+}  // namespace examples

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "gallery/image.h"
+#include "gallery/meter.h"
+
+namespace examples {
+
+/// A part of the plane z = 0: its centre and its width. The height follows from the image.
+struct View {
+    float x = 0, y = 0;
+    float width = 2;
+};
+
+/// The positions of the centres of all pixels, row after row from the top, y upwards.
+Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height);
+
+/// How a scalar field is drawn.
+struct PlotStyle {
+    float scale = 0.5F;      ///< value at which the colour is most of the way to its deepest
+    float spacing = 0.1F;    ///< between iso-lines; 0 draws none
+    float lineWidth = 1.0F;  ///< of iso-lines, in pixels
+    float zeroWidth = 2.6F;  ///< of the line of value 0, in pixels; 0 draws none
+    bool axes = false;       ///< the lines x = 0 and y = 0, in white
+};
+
+/// The field in two-sided colours with iso-lines.
+Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
+           PlotStyle const& style = {});
+
+/// How many samples a pixel has along each axis, in all flat pictures.
+inline constexpr int kSamples = 3;
+
+}  // namespace examples

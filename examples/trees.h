@@ -1,0 +1,104 @@
+#pragma once
+
+#include <zel/zel.h>
+
+// Short names for building trees of fields. Operators on field pointers make nodes: `a + b` is a
+// field that adds, not the sum of two numbers.
+namespace examples {
+
+using zel::float3;
+using zel::ScalarPtr;
+using zel::VectorPtr;
+
+template <class Node, class... Args> Quern::Ptr<Node> make(Args&&... args) {
+    return Quern::makePtr<Node>(std::forward<Args>(args)...);
+}
+
+inline ScalarPtr constant(float value) {
+    return make<zel::ScalarFieldConstant>(value);
+}
+inline ScalarPtr xPosition() {
+    return make<zel::ScalarFieldXPosition>();
+}
+inline ScalarPtr yPosition() {
+    return make<zel::ScalarFieldYPosition>();
+}
+inline ScalarPtr zPosition() {
+    return make<zel::ScalarFieldZPosition>();
+}
+
+inline ScalarPtr operator+(ScalarPtr const& a, ScalarPtr const& b) {
+    return make<zel::ScalarFieldAdd>(a, b);
+}
+inline ScalarPtr operator-(ScalarPtr const& a, ScalarPtr const& b) {
+    return make<zel::ScalarFieldSubtract>(a, b);
+}
+inline ScalarPtr operator*(ScalarPtr const& a, ScalarPtr const& b) {
+    return make<zel::ScalarFieldMultiply>(a, b);
+}
+inline ScalarPtr operator/(ScalarPtr const& a, ScalarPtr const& b) {
+    return make<zel::ScalarFieldDivide>(a, b);
+}
+inline ScalarPtr operator-(ScalarPtr const& a) {
+    return make<zel::ScalarFieldNegative>(a);
+}
+inline ScalarPtr operator+(ScalarPtr const& a, float b) {
+    return a + constant(b);
+}
+inline ScalarPtr operator-(ScalarPtr const& a, float b) {
+    return a - constant(b);
+}
+inline ScalarPtr operator*(ScalarPtr const& a, float b) {
+    return a * constant(b);
+}
+inline VectorPtr operator+(VectorPtr const& a, VectorPtr const& b) {
+    return make<zel::VectorFieldAdd>(a, b);
+}
+
+inline ScalarPtr sine(ScalarPtr const& a) {
+    return make<zel::ScalarFieldSine>(a);
+}
+inline ScalarPtr cosine(ScalarPtr const& a) {
+    return make<zel::ScalarFieldCosine>(a);
+}
+inline ScalarPtr absolute(ScalarPtr const& a) {
+    return make<zel::ScalarFieldAbsolute>(a);
+}
+inline ScalarPtr clamp(ScalarPtr const& a, float min, float max) {
+    return make<zel::ScalarFieldClamp>(a, min, max);
+}
+
+// Solids are negative inside. Distances stay distances, or lower bounds of them.
+
+inline ScalarPtr unite(ScalarPtr const& a, ScalarPtr const& b) {
+    return make<zel::ScalarFieldMin>(a, b);
+}
+inline ScalarPtr intersect(ScalarPtr const& a, ScalarPtr const& b) {
+    return make<zel::ScalarFieldMax>(a, b);
+}
+/// `a` without `b`.
+inline ScalarPtr carve(ScalarPtr const& a, ScalarPtr const& b) {
+    return intersect(a, -b);
+}
+inline ScalarPtr moved(ScalarPtr const& a, float3 const& offset) {
+    return make<zel::ScalarFieldTranslate>(a, offset);
+}
+/// Turned by a rotation vector, counter-clockwise seen from its tip: its length is the angle in
+/// radians.
+inline ScalarPtr turned(ScalarPtr const& a, float3 const& rotation) {
+    return make<zel::ScalarFieldRotate>(a, -rotation);
+}
+
+/// The union of `a` and `b` with the seam rounded where they are within `radius` of each other.
+ScalarPtr blend(ScalarPtr const& a, ScalarPtr const& b, float radius);
+
+/// A cylinder around the z axis that has no end.
+ScalarPtr cylinder(float radius);
+
+/// A superellipsoid around the origin: an exponent of 2 gives an ellipsoid, a large one a box.
+ScalarPtr roundedBox(float3 const& halfWidths, float exponent);
+
+/// A box around the origin with sharp edges.
+ScalarPtr sharpBox(float3 const& halfWidths);
+
+}  // namespace examples

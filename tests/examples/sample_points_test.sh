@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Tests the program sample_points, whose path is the first argument.
+set -euo pipefail
+program=$(realpath "$1")
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+cd "$folder"
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+# refused MESSAGE ARGUMENT...: the program ends with status 2, says just that, and writes nothing.
+refused() {
+    local message=$1 status=0
+    shift
+    "$program" "$@" >out 2>err || status=$?
+    [ "$status" -eq 2 ] || fail "status $status of: $*"
+    [ ! -s out ] || fail "output of: $*"
+    grep -qxF -- "$message" err || fail "'$(cat err)' instead of '$message'"
+}
+
+# The unit sphere: |p| - 1, with the gradient p / |p|.
+printf '# a comment\n\n2 0 0\n 0\t3 4 \r\n-1e-3 0.1 -7.25\n' >good
+"$program" good --scene sphere >fromFile
+"$program" - --scene sphere <good >fromInput
+cmp fromFile fromInput || fail "a file and standard input differ"
+awk 'function near(a, b) { return a - b < 2e-6 && b - a < 2e-6 }
+     { r = sqrt($1 * $1 + $2 * $2 + $3 * $3)
+       if (NF != 7 || !near($4, r - 1) || !near($5, $1 / r) || !near($6, $2 / r) ||
+           !near($7, $3 / r)) { print "wrong: " $0; exit 1 } }
+     END { if (NR != 3) { print NR " lines"; exit 1 } }' fromFile || fail "values of the sphere"
+[ "$(sed -n 3p fromFile | cut -d' ' -f1-3)" = "-0.00100000005 0.100000001 -7.25" ] ||
+    fail "positions do not round-trip: $(sed -n 3p fromFile)"
+
+# A bad line: an earlier output stays, and nothing lies beside it.
+mkdir results
+echo earlier >results/samples
+for case in '1 2|fewer than three numbers' '1 2 3 4|more than three numbers' '1 x 3|not a number' \
+    '1 2 3z|not a number' '+1 2 3|not a number' '1 2 1e39|number out of range'; do
+    line=${case%|*}
+    printf '1 2 3\n\n%s\n4 5 6\n' "$line" >bad
+    refused "bad:3: ${case#*|}: $line" bad --output results/samples
+    refused "<stdin>:3: ${case#*|}: $line" --output results/samples <bad
+done
+[ "$(cat results/samples)" = earlier ] || fail "a failure touched the output"
+[ "$(ls -A results)" = samples ] || fail "left beside the output: $(ls -A results)"
+"$program" good --output results/samples
+cmp fromFile results/samples || fail "the output file"
+
+refused "sample_points: no scene is named 'nowhere'; --list shows them all" good --scene nowhere
+refused "sample_points: missing: cannot be opened" missing
+refused "sample_points: results: not a regular file" good --output results
+: >empty
+"$program" empty --output results/samples
+[ -f results/samples ] && [ ! -s results/samples ] || fail "output file for no input"
+"$program" --list | cut -d: -f1 | while read -r scene; do
+    [ "$("$program" good --scene "$scene" | wc -l)" -eq 3 ] || fail "scene $scene"
+done
