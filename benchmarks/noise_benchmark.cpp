@@ -1,0 +1,168 @@
+// Noise against the textbook: ns a sample of every noise function, and of a plain implementation of
+// four-dimensional simplex noise, over the same points in the same run. `/0` are points scattered
+// over the lattice, `/1` steps along a line.
+
+#include "orvane_math_support/noise.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <numeric>
+#include <random>
+#include <vector>
+
+namespace {
+
+using namespace Orvane::Math;
+
+/// Simplex noise as the textbooks have it (S. Gustavson, "Simplex noise demystified", 2005): a
+/// permutation of 256 entries, 32 gradients at the midpoints of the edges of a hypercube, ranks by
+/// comparison, one branch a vertex.
+class TextbookNoise {
+public:
+    explicit TextbookNoise(unsigned seed) {
+        std::iota(perm_.begin(), perm_.begin() + 256, std::uint8_t{0});
+        std::shuffle(perm_.begin(), perm_.begin() + 256, std::mt19937(seed));
+        std::copy(perm_.begin(), perm_.begin() + 256, perm_.begin() + 256);
+        std::size_t n = 0;
+        for (std::size_t zero = 0; zero < 4; ++zero)
+            for (int signs = 0; signs < 8; ++signs, ++n)
+                for (std::size_t c = 0, bit = 0; c < 4; ++c)
+                    grad_[n][c] = c == zero ? 0.0f : (signs >> bit++ & 1) != 0 ? -1.0f : 1.0f;
+    }
+
+    float operator()(float x, float y, float z, float w) const {
+        constexpr float skew = 0.309016994f, unskew = 0.138196601f;
+        float const s = (x + y + z + w) * skew;
+        int const i = fastFloor(x + s), j = fastFloor(y + s), k = fastFloor(z + s),
+                  l = fastFloor(w + s);
+        float const t = static_cast<float>(i + j + k + l) * unskew;
+        float const x0 = x - (static_cast<float>(i) - t), y0 = y - (static_cast<float>(j) - t),
+                    z0 = z - (static_cast<float>(k) - t), w0 = w - (static_cast<float>(l) - t);
+        int rx = 0, ry = 0, rz = 0, rw = 0;
+        (x0 > y0 ? rx : ry)++;
+        (x0 > z0 ? rx : rz)++;
+        (x0 > w0 ? rx : rw)++;
+        (y0 > z0 ? ry : rz)++;
+        (y0 > w0 ? ry : rw)++;
+        (z0 > w0 ? rz : rw)++;
+        float sum = 0;
+        for (int vertex = 0; vertex < 5; ++vertex) {
+            int const a = rx >= 4 - vertex, b = ry >= 4 - vertex, c = rz >= 4 - vertex,
+                      d = rw >= 4 - vertex;
+            float const g = static_cast<float>(vertex) * unskew;
+            sum += corner(x0 - static_cast<float>(a) + g, y0 - static_cast<float>(b) + g,
+                          z0 - static_cast<float>(c) + g, w0 - static_cast<float>(d) + g, i + a,
+                          j + b, k + c, l + d);
+        }
+        return 27 * sum;
+    }
+
+private:
+    static int fastFloor(float v) {
+        int const i = static_cast<int>(v);
+        return v < static_cast<float>(i) ? i - 1 : i;
+    }
+    float corner(float x, float y, float z, float w, int i, int j, int k, int l) const {
+        float t = 0.6f - x * x - y * y - z * z - w * w;
+        if (t < 0) return 0;
+        auto const at = [&](int c, std::size_t rest) {
+            return static_cast<std::size_t>(perm_[static_cast<std::size_t>(c & 255) + rest]);
+        };
+        auto const& g = grad_[at(i, at(j, at(k, at(l, 0)))) & 31];
+        t *= t;
+        return t * t * (g[0] * x + g[1] * y + g[2] * z + g[3] * w);
+    }
+
+    std::array<std::uint8_t, 512> perm_;
+    std::array<std::array<float, 4>, 32> grad_;
+};
+
+std::vector<float4> const& points(bool line) {
+    auto const make = [](bool onLine) {
+        std::mt19937 random(20240);
+        std::uniform_real_distribution<float> u(-100, 100);
+        std::vector<float4> p(1 << 15);
+        for (std::size_t i = 0; i < p.size(); ++i) {
+            float const s = static_cast<float>(i) * 0.01f;
+            p[i] = onLine ? float4{s, 0.3f * s, 0.2f * s - 5, 1.5f}
+                          : float4{u(random), u(random), u(random), u(random)};
+        }
+        return p;
+    };
+    static std::vector<float4> const scattered = make(false), straight = make(true);
+    return line ? straight : scattered;
+}
+
+template <class Noise> void run(benchmark::State& state, Noise const& noise) {
+    auto const& p = points(state.range(0) != 0);
+    for (auto _ : state)
+        for (float4 const& point : p) benchmark::DoNotOptimize(noise(point));
+    state.counters["sample"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * static_cast<double>(p.size()),
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+double4 wide(float4 const& p) {
+    return {static_cast<double>(p.x), static_cast<double>(p.y), static_cast<double>(p.z),
+            static_cast<double>(p.w)};
+}
+
+void textbookSimplex(benchmark::State& state) {
+    TextbookNoise const noise(7);
+    run(state, [&](float4 const& p) { return noise(p.x, p.y, p.z, p.w); });
+}
+void simplexFloat(benchmark::State& state) {
+    run(state, [](float4 const& p) { return simplex_noise(p, 7); });
+}
+void simplexDouble(benchmark::State& state) {
+    run(state, [](float4 const& p) { return simplex_noise(wide(p), 7); });
+}
+void simplexFloatDerivative(benchmark::State& state) {
+    run(state, [](float4 const& p) {
+        float4 derivative;
+        return simplex_noise(p, 7, derivative) + derivative.x;
+    });
+}
+void simplexDoubleDerivative(benchmark::State& state) {
+    run(state, [](float4 const& p) {
+        double4 derivative;
+        return simplex_noise(wide(p), 7, derivative) + derivative.x;
+    });
+}
+void curlNoise(benchmark::State& state) {
+    run(state, [](float4 const& p) { return curl_noise({p.x, p.y, p.z}, p.w, 7); });
+}
+void smoothCurlNoise(benchmark::State& state) {
+    run(state, [](float4 const& p) { return smooth_curl_noise({p.x, p.y, p.z}, p.w, 7); });
+}
+void smoothCurlNoiseTable(benchmark::State& state) {
+    std::array<float, 16> table;
+    create_curl_noise_time_table(1.5f, table.data());
+    run(state, [&](float4 const& p) {
+        return smooth_curl_noise({p.x, p.y, p.z}, table.data(), 7);
+    });
+}
+void createTimeTable(benchmark::State& state) {
+    run(state, [](float4 const& p) {
+        std::array<float, 16> table;
+        create_curl_noise_time_table(p.w, table.data());
+        return table;
+    });
+}
+
+BENCHMARK(textbookSimplex)->Arg(0)->Arg(1);
+BENCHMARK(simplexFloat)->Arg(0)->Arg(1);
+BENCHMARK(simplexDouble)->Arg(0)->Arg(1);
+BENCHMARK(simplexFloatDerivative)->Arg(0)->Arg(1);
+BENCHMARK(simplexDoubleDerivative)->Arg(0)->Arg(1);
+BENCHMARK(curlNoise)->Arg(0)->Arg(1);
+BENCHMARK(smoothCurlNoise)->Arg(0)->Arg(1);
+BENCHMARK(smoothCurlNoiseTable)->Arg(0)->Arg(1);
+BENCHMARK(createTimeTable)->Arg(0);
+
+}  // namespace
+
+BENCHMARK_MAIN();

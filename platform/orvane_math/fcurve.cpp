@@ -1,0 +1,161 @@
+#include "orvane_math/fcurve.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iomanip>
+#include <limits>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace Orvane::Math {
+namespace {
+
+using Key = FCurve::Key;
+
+template <class... Parts> [[noreturn]] void refuse(Parts const&... parts) {
+    std::ostringstream text;
+    text << std::setprecision(std::numeric_limits<double>::max_digits10) << "FCurve: ";
+    (text << ... << parts);
+    throw std::invalid_argument(text.str());
+}
+
+void checkKeys(std::vector<Key> const& keys) {
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        Key const& key = keys[i];
+        std::pair<char const*, double> const numbers[] = {{"x", key.x},
+                                                          {"value", key.value},
+                                                          {"inSlope", key.inSlope},
+                                                          {"outSlope", key.outSlope}};
+        for (auto const& [name, number] : numbers)
+            if (!std::isfinite(number))
+                refuse("key ", i, " has ", name, " ", number, ", which is not finite");
+        if (key.segment < FCurve::Segment::kConstant || key.segment > FCurve::Segment::kCubic)
+            refuse("key ", i, " has the unknown segment ", static_cast<int>(key.segment));
+        if (i > 0 && !(keys[i - 1].x < key.x))
+            refuse("key ", i, " at x ", key.x, " is not after key ", i - 1, " at x ",
+                   keys[i - 1].x);
+    }
+}
+
+void checkExtrapolation(FCurve::Extrapolation kind) {
+    if (kind < FCurve::Extrapolation::kConstant || kind > FCurve::Extrapolation::kCycleWithOffset)
+        refuse("unknown extrapolation ", static_cast<int>(kind));
+}
+
+double chord(Key const& a, Key const& b) {
+    return (b.value - a.value) / (b.x - a.x);
+}
+
+/// value + slope * (x - anchor), with the rounding errors of both sums added back (D. E. Knuth,
+/// "The Art of Computer Programming", volume 2, 4.2.2), so that slope 1 through (a, a) returns x.
+double line(double anchor, double value, double slope, double x) {
+    if (slope == 0) return value;  // also at infinity
+    auto const error = [](double a, double b, double sum) {
+        double const bPart = sum - a;
+        return (a - (sum - bPart)) + (b - bPart);
+    };
+    double const dx = x - anchor, rise = slope * dx, sum = value + rise;
+    double const lost = error(value, rise, sum) + slope * error(x, -anchor, dx);
+    return std::isfinite(sum) && std::isfinite(lost) ? sum + lost : sum;
+}
+
+/// Straight line from a to b, `x` between them. Differences and slopes may overflow.
+double linear(Key const& a, Key const& b, double x) {
+    double const width = b.x - a.x, slope = chord(a, b);
+    if (std::isfinite(width) && std::isfinite(slope)) return line(a.x, a.value, slope, x);
+    bool const halve = !std::isfinite(width);
+    return std::lerp(a.value, b.value,
+                     halve ? (x / 2 - a.x / 2) / (b.x / 2 - a.x / 2) : (x - a.x) / width);
+}
+
+/// Hermite cubic from a to b.
+double cubic(Key const& a, Key const& b, double x) {
+    double const width = b.x - a.x, u = (x - a.x) / width, rise = b.value - a.value;
+    double const out = a.outSlope * width, in = b.inSlope * width;
+    return a.value + u * (out + u * ((3 * rise - 2 * out - in) + u * (out + in - 2 * rise)));
+}
+
+}  // namespace
+
+FCurve::FCurve(std::vector<Key> keys, Extrapolation before, Extrapolation after)
+    : m_keys(std::move(keys)), m_before(before), m_after(after) {
+    checkKeys(m_keys);
+    checkExtrapolation(before);
+    checkExtrapolation(after);
+}
+
+double FCurve::evalFCurve(double x) const {
+    if (m_keys.empty()) return 0;
+    if (std::isnan(x)) return x;
+    if (x < m_keys.front().x) return extrapolate(m_before, false, x);
+    if (x > m_keys.back().x) return extrapolate(m_after, true, x);
+    return insideKeys(x);
+}
+
+/// `x` from the first key to the last.
+double FCurve::insideKeys(double x) const {
+    auto const next = std::upper_bound(m_keys.begin(), m_keys.end(), x,
+                                       [](double at, Key const& key) { return at < key.x; });
+    Key const& a = *(next - 1);
+    if (next == m_keys.end() || x == a.x) return a.value;
+    switch (a.segment) {
+    case Segment::kConstant:
+        return a.value;
+    case Segment::kLinear:
+        return linear(a, *next, x);
+    case Segment::kCubic:
+        break;
+    }
+    return cubic(a, *next, x);
+}
+
+double FCurve::extrapolate(Extrapolation kind, bool after, double x) const {
+    Key const& end = after ? m_keys.back() : m_keys.front();
+    bool const single = m_keys.size() == 1;
+    switch (kind) {
+    case Extrapolation::kConstant:
+        break;
+    case Extrapolation::kLinear:
+        return line(end.x, end.value,
+                    single ? (after ? end.outSlope : end.inSlope) : endSlope(after), x);
+    case Extrapolation::kCycle:
+    case Extrapolation::kCycleWithOffset:
+        if (!single) return cycle(kind == Extrapolation::kCycleWithOffset, x);
+    }
+    return end.value;
+}
+
+/// Slope of the first or the last segment at the end of the keys, of which there are two or more.
+double FCurve::endSlope(bool after) const {
+    std::size_t const i = after ? m_keys.size() - 2 : 0;
+    Key const &a = m_keys[i], &b = m_keys[i + 1];
+    switch (a.segment) {
+    case Segment::kConstant:
+        return 0;
+    case Segment::kLinear:
+        return chord(a, b);
+    case Segment::kCubic:
+        break;
+    }
+    return after ? b.inSlope : a.outSlope;
+}
+
+double FCurve::cycle(bool withOffset, double x) const {
+    Key const &first = m_keys.front(), &last = m_keys.back();
+    double const period = last.x - first.x, offset = withOffset ? last.value - first.value : 0;
+    if (!std::isfinite(x)) return x * offset;  // NaN without an offset
+    if (!std::isfinite(period)) return x < first.x ? first.value : last.value;
+
+    // Remainders are exact, so that only the difference and one sum are rounded, however far away x
+    // is.
+    double phase = std::fmod(std::fmod(x, period) - std::fmod(first.x, period), period);
+    if (phase < 0) phase += period;
+    if (phase >= period) phase = 0;
+    double const value = insideKeys(std::clamp(first.x + phase, first.x, last.x));
+    if (offset == 0) return value;
+    double const count = std::round(x / period - first.x / period - phase / period);
+    return value + count * offset;
+}
+
+}  // namespace Orvane::Math

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "orvane_math/vectors.h"
+#include "platform_api.h"
+
+#include <cstdint>
+
+namespace Orvane::Math {
+
+// Gradient noise on the four-dimensional simplex lattice, and divergence-free vector noise made of
+// it. Every function is pure: equal arguments give equal bits, from any number of threads.
+//
+// The vertices of the lattice are 0.89 to 1.1 apart, so features have a size of about 1. All bits
+// of a seed count; fields of different seeds are unrelated. No field has a period.
+//
+// The cell is found in double precision in all functions, so that an overload for floats is as good
+// as its coordinates are. A coordinate that is NaN or infinite gives NaN in every component. The
+// lattice reaches past coordinates of 10^14 and ends before 2 * 10^15, where a double has hardly a
+// bit left for the place in a cell; everything outside is 0.
+
+/// Simplex noise of a point: mean 0, within -1..1 and using that range. Continuous up to its third
+/// derivative.
+///
+/// K. Perlin, "Noise hardware", SIGGRAPH course notes, 2001; S. Gustavson, "Simplex noise
+/// demystified", 2005. Different from these: the support of a vertex ends inside the simplices
+/// around it, the lattice is hashed without a table, and the gradients are the 120 vertices of a
+/// regular polytope.
+ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed);
+
+/// The same field in double precision; agrees with the float overload to single precision.
+ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed);
+
+/// Also sets `derivative` to the gradient along the four coordinates, computed analytically. Same
+/// value, bit for bit.
+ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed, float4& derivative);
+ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed, double4& derivative);
+
+/// Curl of a vector potential at `position`; the potential's three components are simplex noises of
+/// (position, time), each within -1..1. Computed from analytic derivatives, so that the divergence
+/// is 0 but for rounding. Continuous with its first derivatives. The root mean square of the length
+/// is about 2.7.
+///
+/// R. Bridson, J. Hourihan, M. Nordenstam, "Curl-noise for procedural fluid flow", 2007.
+ZEL_PLATFORM_API float3 curl_noise(float3 const& position, float time, std::uint32_t seed);
+
+/// As `curl_noise`, with a smoother potential on the same lattice and directions: continuous with
+/// its second derivatives. The root mean square of the length is about 2.7. Keeps its spatial
+/// detail at any time, however large.
+ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed);
+
+/// Sets the 16 floats of `table` to what `smooth_curl_noise` derives from the time alone: the
+/// lattice cell that the time axis has reached and the place within it. Finite for every finite
+/// time.
+ZEL_PLATFORM_API void create_curl_noise_time_table(float time, float* table);
+
+/// `smooth_curl_noise` at the time that `table` was created for, bit for bit. `table` has 16
+/// floats.
+ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float const* table,
+                                          std::uint32_t seed);
+
+}  // namespace Orvane::Math

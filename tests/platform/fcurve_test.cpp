@@ -1,0 +1,155 @@
+#include "orvane_math/fcurve.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Orvane::Math::FCurve;
+using Key = FCurve::Key;
+using enum FCurve::Extrapolation;
+constexpr auto kStep = FCurve::Segment::kConstant;
+constexpr auto kLine = FCurve::Segment::kLinear;
+constexpr auto kHermite = FCurve::Segment::kCubic;
+constexpr double kInf = std::numeric_limits<double>::infinity();
+constexpr double kMax = std::numeric_limits<double>::max();
+
+FCurve::Extrapolation const kAll[] = {FCurve::Extrapolation::kConstant,
+                                      FCurve::Extrapolation::kLinear, kCycle, kCycleWithOffset};
+
+TEST(FCurve, IdentityIsExact) {
+    std::mt19937_64 random(17);
+    for (std::vector<Key> const& keys :
+         {std::vector<Key>{{0, 0}, {1, 1}}, {{-0.3, -0.3}, {0.1, 0.1}, {7, 7}}, {{1, 1, 1, 1}}}) {
+        FCurve const curve(keys, FCurve::Extrapolation::kLinear, FCurve::Extrapolation::kLinear);
+        for (int i = 0; i < 100'000; ++i) {
+            double const x = std::ldexp(static_cast<double>(random() | 1),
+                                        static_cast<int>(random() % 300) - 250) *
+                             (i % 2 == 0 ? 1 : -1);
+            ASSERT_EQ(curve.evalFCurve(x), x);
+        }
+        for (double x :
+             {0x1p53 + 2, 1e300, kMax, -kMax, 5e-324, kInf, -kInf, std::nextafter(1.0, 0.0)})
+            EXPECT_EQ(curve.evalFCurve(x), x);
+    }
+}
+
+TEST(FCurve, Segments) {
+    auto const f = [](double x) { return ((2 * x - 3) * x + 1) * x - 4; };
+    auto const slope = [](double x) { return (6 * x - 6) * x + 1; };
+    FCurve const curve({{-1, f(-1), 9, slope(-1), kHermite},
+                        {0.5, f(0.5), slope(0.5), slope(0.5), kHermite},
+                        {2, f(2), slope(2), 9, kStep},
+                        {3, 5, 9, 9, kLine},
+                        {5, 1}},
+                       FCurve::Extrapolation::kConstant, FCurve::Extrapolation::kConstant);
+    for (double x = -1; x <= 2; x += 0.01)
+        EXPECT_NEAR(curve.evalFCurve(x), f(x), 1e-13);  // a cubic is reproduced
+    for (auto [x, value] : {std::pair{2.0, f(2)},
+                            {2.999, f(2)},
+                            {3.0, 5.0},
+                            {3.5, 4.0},
+                            {4.5, 2.0},
+                            {5.0, 1.0},
+                            {6.0, 1.0},
+                            {kInf, 1.0},
+                            {-1.5, f(-1)},
+                            {-kInf, f(-1)}})
+        EXPECT_DOUBLE_EQ(curve.evalFCurve(x), value) << x;
+}
+
+TEST(FCurve, LinearExtrapolationContinuesTheTangent) {
+    struct Case {
+        FCurve::Segment segment;
+        double before, after;
+    };
+    for (auto const& [segment, before, after] :
+         {Case{kStep, 0, 0}, {kLine, 2, 2}, {kHermite, 5, -3}}) {
+        FCurve const curve({{1, 1, 77, 5, segment}, {2, 3, -3, 77, kHermite}},
+                           FCurve::Extrapolation::kLinear, FCurve::Extrapolation::kLinear);
+        EXPECT_DOUBLE_EQ(curve.evalFCurve(-9), 1 - 10 * before);
+        EXPECT_DOUBLE_EQ(curve.evalFCurve(12), 3 + 10 * after);
+        EXPECT_EQ(curve.evalFCurve(kInf), after == 0 ? 3 : after * kInf);
+        EXPECT_EQ(curve.evalFCurve(-kInf), before == 0 ? 1 : -before * kInf);
+    }
+    FCurve const single({{1, 1, 2, -3}}, FCurve::Extrapolation::kLinear,
+                        FCurve::Extrapolation::kLinear);
+    EXPECT_EQ(single.evalFCurve(0), -1);
+    EXPECT_EQ(single.evalFCurve(2), -2);
+}
+
+TEST(FCurve, Cycles) {
+    std::vector<Key> const keys = {{0.5, 1, 0, 2, kHermite}, {1.25, 3, -1, 0, kLine}, {2.5, 4}};
+    FCurve const cycle(keys, kCycle, kCycle), offset(keys, kCycleWithOffset, kCycleWithOffset);
+    for (double x = 0.5625; x < 2.5; x += 0.0625) {
+        double const v = cycle.evalFCurve(x);
+        for (double n : {-1e9, -3.0, -1.0, 1.0, 2.0, 1e6, 0x1p42}) {
+            EXPECT_EQ(cycle.evalFCurve(x + 2 * n), v) << x << ' ' << n;
+            EXPECT_DOUBLE_EQ(offset.evalFCurve(x + 2 * n), v + 3 * n) << x << ' ' << n;
+        }
+    }
+    // The remainder of 1e300 by 2 is 0, which lies 1.5 after the first key.
+    EXPECT_EQ(cycle.evalFCurve(1e300), cycle.evalFCurve(2));
+    // Continuous at the end, where the plain cycle starts again, and so everywhere.
+    EXPECT_EQ(offset.evalFCurve(2.5), 4);
+    EXPECT_NEAR(offset.evalFCurve(std::nextafter(2.5, 3)), 4, 1e-12);
+    EXPECT_NEAR(cycle.evalFCurve(std::nextafter(2.5, 3)), 1, 1e-12);
+    FCurve const uneven({{-0.1, 1}, {0.2, 7}, {0.6, 3}}, kCycleWithOffset, kCycleWithOffset);
+    for (double x = -500; x < 500; x += 0.013)
+        EXPECT_NEAR(uneven.evalFCurve(x + 0.7) - uneven.evalFCurve(x), 2, 1e-9) << x;
+    EXPECT_EQ(offset.evalFCurve(kInf), kInf);
+    EXPECT_EQ(offset.evalFCurve(-kInf), -kInf);
+    EXPECT_TRUE(std::isnan(cycle.evalFCurve(kInf)));
+    FCurve const mixed(keys, kCycle, FCurve::Extrapolation::kConstant);
+    EXPECT_EQ(mixed.evalFCurve(0), cycle.evalFCurve(2));
+    EXPECT_EQ(mixed.evalFCurve(100), 4);
+}
+
+TEST(FCurve, AnyInputGivesANumber) {
+    EXPECT_EQ(FCurve().evalFCurve(std::nan("")), 0);
+    EXPECT_EQ(FCurve({}, kCycle, kCycleWithOffset).evalFCurve(-kInf), 0);
+    for (auto kind : kAll) {
+        FCurve const one({{1, 7}}, kind, kind), wide({{-1e308, 1}, {1e308, 2}}, kind, kind),
+            tight({{0, 1}, {5e-324, 2}, {1e-310, 3}, {1, -kMax}, {3, kMax}}, kind, kind);
+        EXPECT_TRUE(std::isnan(one.evalFCurve(std::nan(""))));
+        EXPECT_EQ(FCurve({{0, 1, 0, kMax, kHermite}, {9, 1}}, kind, kind).evalFCurve(0), 1);
+        for (double x : {-kInf, -kMax, 0.0, 1.0, kMax, kInf}) EXPECT_EQ(one.evalFCurve(x), 7);
+        EXPECT_EQ(wide.evalFCurve(-kMax), 1);
+        EXPECT_EQ(wide.evalFCurve(kMax), 2);
+        EXPECT_EQ(wide.evalFCurve(0), 1.5);
+        EXPECT_EQ(tight.evalFCurve(0), 1);
+        EXPECT_NEAR(tight.evalFCurve(5e-311), 2.5, 1e-9);
+        EXPECT_EQ(tight.evalFCurve(2), 0);
+        EXPECT_EQ(tight.evalFCurve(5e-324), 2);
+    }
+}
+
+TEST(FCurve, SetUpNamesTheBadKey) {
+    auto const message = [](std::vector<Key> keys) -> std::string {
+        try {
+            FCurve(std::move(keys), kCycle, kCycle);
+        } catch (std::invalid_argument const& e) {
+            return e.what();
+        }
+        return "accepted";
+    };
+    EXPECT_EQ(message({{0, 1}, {2, 1}, {1.5, 1}}),
+              "FCurve: key 2 at x 1.5 is not after key 1 at x 2");
+    EXPECT_EQ(message({{0, 1}, {0, 1}}), "FCurve: key 1 at x 0 is not after key 0 at x 0");
+    EXPECT_EQ(message({{std::nan(""), 1}}), "FCurve: key 0 has x nan, which is not finite");
+    EXPECT_EQ(message({{0, 1}, {1, -kInf}}), "FCurve: key 1 has value -inf, which is not finite");
+    EXPECT_EQ(message({{0, 1, kInf}}), "FCurve: key 0 has inSlope inf, which is not finite");
+    EXPECT_EQ(message({{0, 1, 0, kInf}}), "FCurve: key 0 has outSlope inf, which is not finite");
+    EXPECT_EQ(message({{0, 1, 0, 0, FCurve::Segment{3}}}),
+              "FCurve: key 0 has the unknown segment 3");
+    EXPECT_THROW(FCurve({}, kCycle, FCurve::Extrapolation{4}), std::invalid_argument);
+    EXPECT_EQ(message({{0, 1}, {1, 1}}), "accepted");
+}
+
+}  // namespace

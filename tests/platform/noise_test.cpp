@@ -1,0 +1,305 @@
+#include "orvane_math_support/noise.h"
+
+#include "orvane_math_support/simplex_kernel.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <random>
+
+namespace {
+
+using namespace Orvane::Math;
+using Lane = Simplex::ScalarLane<double>;
+using Point = std::array<double, 4>;
+
+constexpr double kRoot2 = 0.70710678118654752;
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+
+struct Random {
+    static constexpr unsigned kSeed = 20240611;
+    std::mt19937_64 engine{kSeed};
+    Random() { [[maybe_unused]] static int const printed = std::printf("seed %u\n", kSeed); }
+    double operator()(double a, double b) { return std::uniform_real_distribution(a, b)(engine); }
+    Point point(double size) {
+        return {(*this)(-size, size), (*this)(-size, size), (*this)(-size, size),
+                (*this)(-size, size)};
+    }
+    Point direction() {
+        Point p = point(1);
+        double const length = std::hypot(std::hypot(p[0], p[1]), std::hypot(p[2], p[3]));
+        for (double& c : p) c /= length;
+        return p;
+    }
+};
+
+Point along(Point const& p, Point const& direction, double s) {
+    return {p[0] + s * direction[0], p[1] + s * direction[1], p[2] + s * direction[2],
+            p[3] + s * direction[3]};
+}
+Point axis(std::size_t i) {
+    Point p{};
+    p[i] = 1;
+    return p;
+}
+/// Cartesian place of lattice coordinates.
+Point unskew(Point const& p) {
+    return along(p, {1, 1, 1, 1}, -(p[0] + p[1] + p[2] + p[3]) * (5 - std::sqrt(5.0)) / 20);
+}
+double noise(Point const& p, std::int64_t seed) {
+    return simplex_noise(double4{p[0], p[1], p[2], p[3]}, seed);
+}
+Point derivative(Point const& p, std::int64_t seed) {
+    double4 d;
+    EXPECT_EQ(simplex_noise(double4{p[0], p[1], p[2], p[3]}, seed, d), noise(p, seed));
+    return {d.x, d.y, d.z, d.w};
+}
+float4 single(Point const& p) {
+    return {static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2]),
+            static_cast<float>(p[3])};
+}
+Simplex::Double4 wide(Point const& p) {
+    return {Simplex::Double2{p[0], p[1]}, Simplex::Double2{p[2], p[3]}};
+}
+/// The curl noises in double precision: power 3, or 4 for the smooth one.
+template <int power> Point curl(Point const& p, std::uint32_t seed) {
+    auto const w = wide(p);
+    auto const v = Simplex::curl<Lane, power>(w, Simplex::skew<Lane>(w), Simplex::Long4{},
+                                              Simplex::makeKeys(seed));
+    return {v.x, v.y, v.z, 0};
+}
+/// The potential of it, and last how far the point is off the spheres on which supports end, where
+/// the plain curl has a kink.
+template <int power> Point potential(Point const& p, std::uint32_t seed) {
+    auto const w = wide(p);
+    Point sum = {0, 0, 0, 1};
+    Simplex::forEachVertex<Lane>(w, Simplex::skew<Lane>(w), Simplex::Long4{},
+                                 Simplex::makeKeys(seed), [&](auto const& d, std::uint32_t hash) {
+                                     Simplex::Directions<Lane> directions(hash);
+                                     double const t = 1 - 2 * Lane::dot(d, d);
+                                     for (std::size_t i = 0; i < 3; ++i)
+                                         sum[i] += std::pow(std::max(0.0, t), power) *
+                                                   Lane::dot(directions.next(), d) *
+                                                   Simplex::kScale<power>;
+                                     sum[3] = std::min(sum[3], std::abs(t));
+                                 });
+    return sum;
+}
+/// Jacobian by central differences of fourth order.
+template <class F> std::array<Point, 3> jacobian(F const& f, Point const& p, double h) {
+    std::array<Point, 3> columns{};
+    for (std::size_t c = 0; c < 3; ++c) {
+        auto const at = [&](double s) { return f(along(p, axis(c), s * h)); };
+        Point const a = at(-2), b = at(-1), d = at(1), e = at(2);
+        for (std::size_t r = 0; r < 3; ++r)
+            columns[c][r] = (a[r] - 8 * b[r] + 8 * d[r] - e[r]) / (12 * h);
+    }
+    return columns;
+}
+
+TEST(SimplexNoise, Statistics) {
+    constexpr int kCount = 1'000'000;
+    Random random;
+    double sum = 0, squares = 0, low = 0, high = 0, difference = 0;
+    std::array<Point, 4> covariance{};
+    for (int i = 0; i < kCount; ++i) {
+        float4 const p = single(random.point(1000));
+        float4 d;
+        double const v = simplex_noise(p, 11, d);
+        sum += v;
+        squares += v * v;
+        low = std::min(low, v);
+        high = std::max(high, v);
+        difference = std::max(difference, std::abs(v - noise({p.x, p.y, p.z, p.w}, 11)));
+        Point const g = {d.x, d.y, d.z, d.w};
+        for (std::size_t r = 0; r < 4; ++r)
+            for (std::size_t c = 0; c < 4; ++c) covariance[r][c] += g[r] * g[c] / kCount;
+    }
+    EXPECT_LT(std::abs(sum / kCount), 0.002);
+    EXPECT_NEAR(std::sqrt(squares / kCount), 0.253, 0.005);
+    EXPECT_TRUE(-1 <= low && low < -0.95 && 0.95 < high && high <= 1) << low << ' ' << high;
+    EXPECT_LT(difference, 2e-6);
+    double const mean =
+        (covariance[0][0] + covariance[1][1] + covariance[2][2] + covariance[3][3]) / 4;
+    for (std::size_t r = 0; r < 4; ++r)
+        for (std::size_t c = 0; c < 4; ++c)
+            EXPECT_NEAR(covariance[r][c] / mean, r == c, 0.01) << r << ' ' << c;
+}
+
+// Two fields that should have nothing to do with one another: the same field a whole number of
+// cells away, or another seed.
+TEST(SimplexNoise, NeitherPeriodNorRelatedSeeds) {
+    auto const correlation = [](Point const& shift, std::int64_t a, std::int64_t b) {
+        Random random;
+        double ab = 0, aa = 0, bb = 0;
+        for (int i = 0; i < 20'000; ++i) {
+            Point const p = random.point(20);
+            double const u = noise(p, a), v = noise(along(p, shift, 1), b);
+            ab += u * v, aa += u * u, bb += v * v;
+        }
+        EXPECT_NEAR(std::sqrt(bb / 20'000), 0.253, 0.02);  // still noise out there
+        return ab / std::sqrt(aa * bb);
+    };
+    EXPECT_NEAR(correlation({}, 5, 5), 1, 1e-12);
+    for (double cells : {256.0, 289.0, 65536.0, 0x1p24, 0x1p31, 0x1p32, 0x1p40})
+        for (Point const& step : {axis(0), axis(3), Point{1, -1, 0, 0}, Point{1, 1, 1, 1}})
+            EXPECT_LT(std::abs(correlation(unskew(along({}, step, cells)), 5, 5)), 0.04) << cells;
+    for (int bit = 0; bit < 64; ++bit) {
+        auto const seed = static_cast<std::int64_t>(5 ^ std::uint64_t{1} << bit);
+        EXPECT_LT(std::abs(correlation({}, 5, seed)), 0.04) << bit;
+    }
+}
+
+TEST(SimplexNoise, ValueAndDerivativeAreContinuous) {
+    Random random;
+    for (int i = 0; i < 20'000; ++i) {
+        // Onto one of the ten kinds of faces: a lattice coordinate, or a difference of two, is an
+        // integer; or exactly onto edges, where coordinates are equal.
+        Point p = random.point(50);
+        std::size_t const a = random.engine() % 4, b = random.engine() % 4;
+        if (i % 2 == 0) {
+            p[a] = std::round(p[a]) + (a == b ? 0 : p[b] - std::floor(p[b]));
+            p = unskew(p);
+        } else {
+            p[a] = p[b];
+            p[random.engine() % 4] = p[random.engine() % 4];
+        }
+        Point const direction = random.direction();
+        Point const before = along(p, direction, -1e-9), after = along(p, direction, 1e-9);
+        ASSERT_NEAR(noise(p, i), noise(after, i), 1e-7);
+        ASSERT_NEAR(noise(before, i), noise(after, i), 1e-7);
+        Point const d = derivative(before, i), e = derivative(after, i);
+        for (std::size_t c = 0; c < 4; ++c) ASSERT_NEAR(d[c], e[c], 1e-6);
+    }
+}
+
+TEST(SimplexNoise, DerivativeAgreesWithDifferences) {
+    Random random;
+    for (int i = 0; i < 20'000; ++i) {
+        float4 const f = single(random.point(30));
+        Point const p = {f.x, f.y, f.z, f.w}, d = derivative(p, -i);
+        float4 e;
+        ASSERT_EQ(simplex_noise(f, -i, e), simplex_noise(f, -i));
+        for (std::size_t c = 0; c < 4; ++c) {
+            auto const at = [&](double s) { return noise(along(p, axis(c), s), -i); };
+            ASSERT_NEAR(d[c], (at(1e-5) - at(-1e-5)) / 2e-5, 1e-6);
+            ASSERT_NEAR(d[c], (Point{e.x, e.y, e.z, e.w}[c]), 1e-4);
+        }
+    }
+}
+
+TEST(Noise, NotFiniteAndHugeCoordinates) {
+    constexpr double kMax = std::numeric_limits<double>::max();
+    std::array<float, 16> table;
+    for (std::size_t c = 0; c < 4; ++c)
+        for (float bad : {kNaN, kInf, -kInf, 1e38f, -1e38f, 3e15f}) {
+            Point p = {0.1, 0.2, 0.3, 0.4};
+            p[c] = bad;
+            float4 const f = single(p);
+            float3 const xyz = {f.x, f.y, f.z};
+            create_curl_noise_time_table(f.w, table.data());
+            double4 d;
+            float4 e;
+            float3 const u = curl_noise(xyz, f.w, 1), v = smooth_curl_noise(xyz, f.w, 1);
+            float3 const w = smooth_curl_noise(xyz, table.data(), 1);
+            for (double r :
+                 {noise(p, 1), double{simplex_noise(f, 1)},
+                  simplex_noise({p[0], p[1], p[2], p[3]}, 1, d), double{simplex_noise(f, 1, e)},
+                  d.x, d.w, double{e.y}, double{e.z}, double{u.x}, double{v.y}, double{w.z}})
+                EXPECT_TRUE(std::abs(bad) < kInf ? r == 0 : std::isnan(r)) << bad << ' ' << r;
+        }
+    EXPECT_EQ(noise({kMax, kMax, kMax, -kMax}, 1), 0);
+    Random random;
+    for (double size = 1; size < 1e20; size *= 1.7)
+        EXPECT_LE(std::abs(noise(random.point(size), std::numeric_limits<std::int64_t>::min())), 1);
+}
+
+TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
+    Random random;
+    auto const check = [&](auto const& field, auto const& psi, auto const& publicField) {
+        int checked = 0;
+        std::array<Point, 3> covariance{};
+        for (int i = 0; i < 5'000; ++i) {
+            float4 const f = single(random.point(20));
+            Point const p = {f.x, f.y, f.z, f.w}, v = field(p);
+            auto const a = jacobian(psi, p, 1e-3), j = jacobian(field, p, 1e-4);
+            Point const curl = {a[1][2] - a[2][1], a[2][0] - a[0][2], a[0][1] - a[1][0]};
+            float3 const w = publicField({f.x, f.y, f.z}, f.w, 77);
+            double size = 1;
+            for (std::size_t c = 0; c < 3; ++c) {
+                for (std::size_t r = 0; r < 3; ++r) covariance[r][c] += v[r] * v[c];
+                ASSERT_NEAR(v[c], curl[c], 1e-4);
+                ASSERT_NEAR(v[c], w[static_cast<int>(c)], 1e-4);
+                size = std::max({size, std::abs(j[c][0]), std::abs(j[c][1]), std::abs(j[c][2])});
+            }
+            if (psi(p)[3] < 0.002) continue;
+            ++checked;
+            ASSERT_LT(std::abs(j[0][0] + j[1][1] + j[2][2]) / size, 1e-9);
+        }
+        EXPECT_GT(checked, 4'500);
+        double const mean = (covariance[0][0] + covariance[1][1] + covariance[2][2]) / 3;
+        for (std::size_t r = 0; r < 3; ++r)
+            for (std::size_t c = 0; c < 3; ++c) EXPECT_NEAR(covariance[r][c] / mean, r == c, 0.1);
+    };
+    check([](Point const& p) { return curl<3>(p, 77); },
+          [](Point const& p) { return potential<3>(p, 77); },
+          [](float3 const& p, float t, std::uint32_t s) { return curl_noise(p, t, s); });
+    check([](Point const& p) { return curl<4>(p, 77); },
+          [](Point const& p) { return potential<4>(p, 77); },
+          [](float3 const& p, float t, std::uint32_t s) { return smooth_curl_noise(p, t, s); });
+}
+
+// Along the normal of the sphere on which a vertex's support ends; the plain noise jumps there by
+// up to 300.
+TEST(CurlNoise, SmoothOneHasContinuousSecondDerivatives) {
+    Random random;
+    double plainJump = 0;
+    for (int i = 0; i < 3'000; ++i) {
+        Point vertex = random.point(20);
+        for (double& c : vertex) c = std::round(c);
+        Point const normal = random.direction(), p = along(unskew(vertex), normal, kRoot2);
+        auto const jump = [&](auto const& f) {
+            constexpr double h = 1e-5;
+            auto const second = [&](double s) {
+                return (f(s)[0] - 2 * f(2 * s)[0] + f(3 * s)[0]) / (h * h);
+            };
+            return std::abs(second(h) - second(-h));
+        };
+        ASSERT_LT(jump([&](double s) { return curl<4>(along(p, normal, s), 3); }), 1);
+        plainJump =
+            std::max(plainJump, jump([&](double s) { return curl<3>(along(p, normal, s), 3); }));
+    }
+    EXPECT_GT(plainJump, 50);
+}
+
+TEST(CurlNoise, TableGivesTheBitsOfItsTime) {
+    Random random;
+    using Bits = std::array<std::uint32_t, 3>;
+    for (int i = 0; i < 20'000; ++i) {
+        auto const time = static_cast<float>(random(-1, 1) * std::pow(10.0, random(-10, 20)));
+        std::array<float, 16> table;
+        table.fill(kNaN);
+        create_curl_noise_time_table(time, table.data());
+        for (float number : table) ASSERT_TRUE(std::isfinite(number));
+        float4 const f = single(random.point(100));
+        float3 const p = {f.x, f.y, f.z}, v = smooth_curl_noise(p, time, 9);
+        ASSERT_EQ(std::bit_cast<Bits>(v),
+                  std::bit_cast<Bits>(smooth_curl_noise(p, table.data(), 9)))
+            << time;
+        // The split of the time, against the time as a plain coordinate in double precision.
+        if (std::abs(time) < 1e8f) {
+            ASSERT_NEAR(v.x, (curl<4>({p.x, p.y, p.z, time}, 9)[0]), 1e-4);
+        }
+        table.fill(f.w * 1e30f);  // any other table is harmless
+        ASSERT_EQ(smooth_curl_noise(p, table.data(), 9).x, 0);
+    }
+}
+
+}  // namespace
