@@ -2,12 +2,17 @@
 
 // Every public class of the library.
 
+#include "zel/curve/fcurve.h"
 #include "zel/field/field.h"
 #include "zel/field/math.h"
 #include "zel/field/node.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/type_name.h"
 #include "zel/field/vector_field.h"
+#include "zel/operators/closest_point.h"
+#include "zel/operators/derivatives.h"
+#include "zel/operators/warp.h"
+#include "zel/procedural/noise.h"
 #include "zel/procedural/shapes.h"
 #include "zel/scalar/arithmetic.h"
 #include "zel/scalar/powers.h"

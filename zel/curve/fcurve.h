@@ -1,0 +1,47 @@
+#pragma once
+
+#include "orvane_math/fcurve.h"
+#include "zel/field/node.h"
+
+// A child's value sent through a curve, which the node shares and does not change. The curve is
+// evaluated in double precision. The gradients are the default ones, by differences.
+namespace zel {
+
+/// curve(field)
+class ZEL_API ScalarFieldFCurve : public FieldNode<ScalarFieldFCurve, ScalarField> {
+public:
+    ScalarFieldFCurve(ScalarPtr field, Quern::Ptr<Orvane::Math::FCurve> curve)
+        : field(std::move(field)), curve(std::move(curve)) {}
+
+    using ScalarField::eval;
+    float eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+
+    ScalarPtr field;
+    Quern::Ptr<Orvane::Math::FCurve> curve;
+};
+
+/// curve(field[c]) for each component, by one curve for all three.
+class ZEL_API VectorFieldFCurve : public FieldNode<VectorFieldFCurve, VectorField> {
+public:
+    VectorFieldFCurve(VectorPtr field, Quern::Ptr<Orvane::Math::FCurve> curve)
+        : field(std::move(field)), curve(std::move(curve)) {}
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+
+    VectorPtr field;
+    Quern::Ptr<Orvane::Math::FCurve> curve;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_FIELD(zel::ScalarFieldFCurve, ScalarField);
+ZEL_DECLARE_FIELD(zel::VectorFieldFCurve, VectorField);

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+
+#include "zel/field/node.h"
+
+// Projection of the position onto the surface where a scalar field, read as a signed distance, is
+// 0. The values are positions; the gradients are the default ones, by differences.
+namespace zel {
+
+/// One step to the surface: p - field(p) * grad field(p). It arrives where the field is a true
+/// distance; the gradient is used as it comes, and a zero gradient leaves the position where it is.
+class ZEL_API VectorFieldClosestPointTransform
+    : public FieldNode<VectorFieldClosestPointTransform, VectorField> {
+public:
+    explicit VectorFieldClosestPointTransform(ScalarPtr field) : field(std::move(field)) {}
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+
+    ScalarPtr field;
+};
+
+/// Steps to the surface: one, and then up to `iterations` more, until a step is shorter than
+/// `tolerance`. With a tolerance that is not above 0 all of them are made. The last point computed
+/// is the value, whether or not the steps have come to rest.
+class ZEL_API VectorFieldIteratedNearPointTransform
+    : public FieldNode<VectorFieldIteratedNearPointTransform, VectorField> {
+public:
+    VectorFieldIteratedNearPointTransform(ScalarPtr field, float tolerance,
+                                          std::int32_t iterations);
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.transform); }
+
+    VectorPtr transform;
+    float tolerance;
+    std::int32_t iterations;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_FIELD(zel::VectorFieldClosestPointTransform, VectorField);
+ZEL_DECLARE_FIELD(zel::VectorFieldIteratedNearPointTransform, VectorField);

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "zel/field/node.h"
+
+// A child's first derivative as a field, as accurate as the child's `grad`. Their own gradients are
+// the default ones, by differences of the first derivative.
+namespace zel {
+
+/// The gradient of a scalar field, a vector field.
+class ZEL_API ScalarFieldGradient : public FieldNode<ScalarFieldGradient, VectorField> {
+public:
+    explicit ScalarFieldGradient(ScalarPtr field) : field(std::move(field)) {}
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+
+    ScalarPtr field;
+};
+
+/// The divergence of a vector field, a scalar field: the trace of its gradient.
+class ZEL_API ScalarFieldDivergence : public FieldNode<ScalarFieldDivergence, ScalarField> {
+public:
+    explicit ScalarFieldDivergence(VectorPtr field) : field(std::move(field)) {}
+
+    using ScalarField::eval;
+    float eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+
+    VectorPtr field;
+};
+
+/// The curl of a vector field: (dz/dy - dy/dz, dx/dz - dz/dx, dy/dx - dx/dy).
+class ZEL_API VectorFieldCurl : public FieldNode<VectorFieldCurl, VectorField> {
+public:
+    explicit VectorFieldCurl(VectorPtr field) : field(std::move(field)) {}
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+
+    VectorPtr field;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_FIELD(zel::ScalarFieldGradient, VectorField);
+ZEL_DECLARE_FIELD(zel::ScalarFieldDivergence, ScalarField);
+ZEL_DECLARE_FIELD(zel::VectorFieldCurl, VectorField);

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "zel/field/math.h"
+#include "zel/field/node.h"
+
+// Nodes that ask a child somewhere else than at the position asked for. Their gradients follow the
+// chain rule: the gradient of the child there, times the matrix of the map, in that order.
+namespace zel {
+
+/// What the scalar and the vector warp share.
+template <class Self, class Interface> class ZEL_API WarpNode : public FieldNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    WarpNode(Quern::Ptr<Interface> field, VectorPtr warp)
+        : field(std::move(field)), warp(std::move(warp)) {}
+
+    using Interface::eval;
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) {
+        return std::tie(node.field, node.warp);
+    }
+
+    Quern::Ptr<Interface> field;
+    VectorPtr warp;
+};
+
+/// field(warp(p)). `warp` gives the point to sample at, not a displacement.
+class ZEL_API ScalarFieldWarp : public WarpNode<ScalarFieldWarp, ScalarField> {
+public:
+    using WarpNode::WarpNode;
+};
+
+/// field(warp(p)). `warp` gives the point to sample at, not a displacement.
+class ZEL_API VectorFieldWarp : public WarpNode<VectorFieldWarp, VectorField> {
+public:
+    using WarpNode::WarpNode;
+};
+
+/// What the scalar and the vector advection share.
+template <class Self, class Interface>
+class ZEL_API AdvectNode : public FieldNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    AdvectNode(Quern::Ptr<Interface> field, VectorPtr velocity, float dt)
+        : field(std::move(field)), velocity(std::move(velocity)), dt(dt) {}
+
+    using Interface::eval;
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) {
+        return std::tie(node.field, node.velocity);
+    }
+    float3 origin(float3 const& position, long long index) const;
+    float3x3 originGradient(float3 const& position, long long index) const;
+
+    Quern::Ptr<Interface> field;
+    VectorPtr velocity;
+    float dt;
+};
+
+/// field(p - dt * velocity(p)): one explicit Euler step back in time, in the manner of a
+/// semi-Lagrangian step. `dt` may be of either sign.
+class ZEL_API ScalarFieldAdvect : public AdvectNode<ScalarFieldAdvect, ScalarField> {
+public:
+    using AdvectNode::AdvectNode;
+};
+
+/// field(p - dt * velocity(p)), as ScalarFieldAdvect.
+class ZEL_API VectorFieldAdvect : public AdvectNode<VectorFieldAdvect, VectorField> {
+public:
+    using AdvectNode::AdvectNode;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_OPERATOR(WarpNode, zel::ScalarFieldWarp, ScalarField);
+ZEL_DECLARE_OPERATOR(WarpNode, zel::VectorFieldWarp, VectorField);
+ZEL_DECLARE_OPERATOR(AdvectNode, zel::ScalarFieldAdvect, ScalarField);
+ZEL_DECLARE_OPERATOR(AdvectNode, zel::VectorFieldAdvect, VectorField);

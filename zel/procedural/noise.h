@@ -1,0 +1,122 @@
+#pragma once
+
+#include <cstdint>
+#include <limits>
+
+#include "zel/field/node.h"
+
+// Noise over space and a fourth coordinate, which a child field supplies. A walk does not reach
+// that child; the sampling hooks do. The gradients are the default ones, by differences. None of
+// the nodes can be assigned.
+namespace zel {
+
+/// One layer of 4-D simplex noise: simplex_noise((p, time(p)), seed).
+class ZEL_API ScalarFieldSimplexNoise : public HookedNode<ScalarFieldSimplexNoise, ScalarField> {
+public:
+    ScalarFieldSimplexNoise(ScalarPtr time, std::int64_t seed)
+        : time(std::move(time)), seed(seed) {}
+
+    using ScalarField::eval;
+    float eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+
+    ScalarPtr time;
+    std::int64_t const seed;
+};
+
+/// A weighted sum of layers of 4-D simplex noise, worked out in double precision. Octave `i`
+/// samples at the frequency `frequency / scaleRatio^i` and the fourth coordinate `timeRatio^i *
+/// time(p)`, with the weight `amplitudeRatio^i * amplitude`. If `octaves` has a fraction, the last
+/// octave's weight is multiplied by it. The sum is not normalised. 0 where `amplitude` or
+/// `scaleRatio` is 0 or NaN, and where `octaves` is not above 0, not finite, or 2^31 or more.
+class ZEL_API ScalarFieldFractalNoise : public HookedNode<ScalarFieldFractalNoise, ScalarField> {
+public:
+    ScalarFieldFractalNoise(float amplitude, float octaves, float frequency, float amplitudeRatio,
+                            float scaleRatio, ScalarPtr time, float timeRatio, std::int64_t seed)
+        : amplitude(amplitude), octaves(octaves), frequency(frequency),
+          amplitudeRatio(amplitudeRatio), scaleRatio(scaleRatio), time(std::move(time)),
+          timeRatio(timeRatio), seed(seed) {}
+
+    using ScalarField::eval;
+    float eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+
+    float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
+    ScalarPtr time;
+    float timeRatio;
+    std::int64_t const seed;
+};
+
+/// One layer of divergence-free noise: curl_noise(p, time(p), seed), or smooth_curl_noise if
+/// `smooth`. The 64-bit seed is folded to 32 bits.
+class ZEL_API VectorFieldCurlNoise : public HookedNode<VectorFieldCurlNoise, VectorField> {
+public:
+    VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int64_t seed);
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+
+    ScalarPtr time;
+    bool smooth;
+    std::uint32_t const seed;
+};
+
+/// A weighted sum of layers of curl noise, with the octaves of ScalarFieldFractalNoise but in
+/// single precision throughout.
+///
+/// Where `time` is a ScalarFieldConstant, a batch evaluates it once: the hook before it keeps the
+/// value and the hook after it forgets it. So the hooks of one node must not run while another
+/// thread evaluates it, and a tree with this node in it takes one batch at a time. A copy starts
+/// without a kept value.
+class ZEL_API VectorFieldFractalTurbulence
+    : public HookedNode<VectorFieldFractalTurbulence, VectorField> {
+public:
+    VectorFieldFractalTurbulence(float amplitude, float octaves, float frequency,
+                                 float amplitudeRatio, float scaleRatio, ScalarPtr time,
+                                 float timeRatio, bool smooth, std::int64_t seed);
+    VectorFieldFractalTurbulence(VectorFieldFractalTurbulence const&) = default;
+
+    using VectorField::eval;
+    float3 eval(float3 const& position, long long index) const override;
+    void preSampleField() const override;
+    void postSampleField() const override;
+
+private:
+    friend NodeAccess;
+    template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+
+    /// The time of the batch that is being sampled, if it is constant.
+    struct TimeCache {
+        TimeCache() = default;
+        TimeCache(TimeCache const& /*other*/) noexcept {}
+
+        float cachedTime = std::numeric_limits<float>::max();
+        float timeTable[16] = {};
+        bool cachedTimeValid = false;
+    };
+
+    float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
+    ScalarPtr time;
+    float timeRatio;
+    bool smooth;
+    std::uint32_t const seed;
+    bool timeIsConstant;
+    mutable TimeCache cache;
+};
+
+}  // namespace zel
+
+ZEL_DECLARE_HOOKED(zel::ScalarFieldSimplexNoise, ScalarField);
+ZEL_DECLARE_HOOKED(zel::ScalarFieldFractalNoise, ScalarField);
+ZEL_DECLARE_HOOKED(zel::VectorFieldCurlNoise, VectorField);
+ZEL_DECLARE_HOOKED(zel::VectorFieldFractalTurbulence, VectorField);
