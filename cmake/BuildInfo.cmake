@@ -8,27 +8,28 @@ endif()
 # The time of SOURCE_DATE_EPOCH if that is set, else now.
 string(TIMESTAMP ZEL_BUILD_DATE "%a %Y-%m-%d, %H:%M:%S" UTC)
 
-# Outside a checkout there is no commit to name.
-function(zel_git out default)
-  find_program(GIT_PROGRAM git)
-  set(${out} ${default} PARENT_SCOPE)
-  if(GIT_PROGRAM)
-    execute_process(
-      COMMAND ${GIT_PROGRAM} ${ARGN}
-      WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-      OUTPUT_VARIABLE text
-      RESULT_VARIABLE status
-      OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
-    if(status EQUAL 0 AND NOT text STREQUAL "")
-      set(${out} ${text} PARENT_SCOPE)
-    endif()
-  endif()
+# Outside a checkout of its own, be it a plain folder within another project's, there is no commit to
+# name.
+set(ZEL_BUILD_COMMIT 0000000000000000000000000000000000000000)
+set(ZEL_BUILD_BRANCH unknown)
+function(zel_git out)
+  execute_process(
+    COMMAND git ${ARGN}
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    OUTPUT_VARIABLE text
+    OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+  set(${out} "${text}" PARENT_SCOPE)
 endfunction()
-zel_git(ZEL_BUILD_COMMIT 0000000000000000000000000000000000000000 rev-parse HEAD)
-zel_git(ZEL_BUILD_BRANCH unknown rev-parse --abbrev-ref HEAD)
+zel_git(top rev-parse --show-toplevel)
+zel_git(commit rev-parse HEAD)
+if(top STREQUAL PROJECT_SOURCE_DIR AND commit MATCHES "^[0-9a-f]+$")
+  set(ZEL_BUILD_COMMIT ${commit})
+  zel_git(branch rev-parse --abbrev-ref HEAD)
+  string(REGEX REPLACE "[^A-Za-z0-9._/-]" "-" ZEL_BUILD_BRANCH "${branch}")
 
-# A new commit or branch makes CMake run again.
-if(EXISTS ${PROJECT_SOURCE_DIR}/.git/logs/HEAD)
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
-                                         ${PROJECT_SOURCE_DIR}/.git/logs/HEAD)
+  # A new commit or branch makes CMake run again.
+  zel_git(log rev-parse --path-format=absolute --git-path logs/HEAD)
+  if(EXISTS "${log}")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${log}")
+  endif()
 endif()

@@ -17,7 +17,9 @@ function(zel_add_library target)
   add_library(${target} SHARED ${arg_SOURCES})
   add_library(ZEL::${target} ALIAS ${target})
   zel_compile_options(${target})
-  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+  # Without unique symbols a process that closes the library really unloads it.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition
+                                           $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
   set_target_properties(
     ${target}
     PROPERTIES VERSION ${ZEL_VERSION_MAJOR}.${ZEL_VERSION_MINOR}.${ZEL_VERSION_PATCH}

@@ -8,6 +8,7 @@
 #include <istream>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 namespace examples {
 

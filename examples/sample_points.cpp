@@ -38,8 +38,11 @@ void append(std::string& text, float value, char end) {
 std::string sampled(zel::ScalarField const& field, Quern::Array<float3> const& points) {
     auto const values = field.eval(points);
     Quern::Array<float3> gradients(points.size());
+    // The hooks bracket any sampling of many points; the batch above has run its own.
+    field.preSampleField();
     tbb::parallel_for(0LL, points.size(),
                       [&](long long i) { gradients[i] = field.grad(points[i], i); });
+    field.postSampleField();
     std::string text;
     for (long long i = 0; i < points.size(); ++i) {
         for (int c = 0; c < 3; ++c) append(text, points[i][c], ' ');

@@ -2,6 +2,7 @@
 
 // Every public class of the library.
 
+#include "quern_core/any.h"
 #include "zel/curve/fcurve.h"
 #include "zel/field/field.h"
 #include "zel/field/math.h"

@@ -10,7 +10,9 @@ Quern::Array<zel::float3> Meter::gradients(zel::ScalarField const& field,
                                            Quern::Array<zel::float3> const& at) {
     Quern::Array<zel::float3> result(at.size());
     double const start = now();
+    field.preSampleField();
     tbb::parallel_for(0LL, at.size(), [&](long long i) { result[i] = field.grad(at[i], i); });
+    field.postSampleField();
     add(gradientTally, at.size(), start);
     return result;
 }

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 #include <tbb/task_group.h>
 
 #include <atomic>
 #include <bit>
+#include <cctype>
 #include <cstdint>
 #include <new>
 #include <random>
@@ -63,6 +65,32 @@ TEST(Batch, CallsEachElementOnceBetweenTheHooks) {
             ASSERT_EQ(leaf->calls[i], 1);
             ASSERT_EQ((*result)[i], -(positions[i].x + static_cast<float>(i)));
         }
+    }
+}
+
+TEST(Batch, HooksReachAllChildrenInOrder) {
+    struct Logged : ScalarField {
+        Logged(char name, std::string& log) : name(name), log(&log) {}
+        void preSampleField() const override { *log += name; }
+        void postSampleField() const override { *log += static_cast<char>(std::toupper(name)); }
+        char name;
+        std::string* log;
+    };
+    std::string log;
+    auto const leaf = [&](char name) -> ScalarPtr { return makePtr<Logged>(name, log); };
+    auto const vector = [&](char name) -> VectorPtr {
+        return makePtr<VectorFieldFromComponents>(leaf(name), makePtr<ScalarField>(),
+                                                  makePtr<ScalarField>());
+    };
+    Quern::Array<float3> const none;
+    for (ScalarPtr const& node :
+         {ScalarPtr(makePtr<ScalarFieldSwitch>(leaf('a'), leaf('b'), leaf('c'))),
+          ScalarPtr(makePtr<ScalarFieldLerp>(leaf('a'), leaf('b'), leaf('c'))),
+          ScalarPtr(makePtr<VectorFieldDotProduct>(
+              vector('a'), makePtr<VectorFieldVSMultiply>(vector('b'), leaf('c'))))}) {
+        log.clear();
+        node->eval(none);
+        EXPECT_EQ(log, "abcABC") << node->getType();
     }
 }
 
@@ -132,7 +160,9 @@ TEST(Batch, EqualsPointsToTheBitOnAnyNumberOfThreads) {
     auto const positions = randomPositions(30011);
     for (std::size_t const threads : {1U, 2U, 4U}) {
         tbb::global_control const limit(tbb::global_control::max_allowed_parallelism, threads);
-        auto const batch = tree->eval(positions);
+        // An arena of its own, which may have more threads than the machine has cores.
+        tbb::task_arena arena(static_cast<int>(threads));
+        auto const batch = arena.execute([&] { return tree->eval(positions); });
         for (long long i = 0; i < positions.size(); ++i) {
             float3 const point = tree->eval(positions[i], i);
             for (int c = 0; c < 3; ++c)

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -57,6 +58,47 @@ TEST(DefaultGradient, OfANanCoordinateIsNanAlongItAlone) {
     EXPECT_FLOAT_EQ(g.y, 1 / 0.019900978F);
     EXPECT_EQ(g.z, 0);
     EXPECT_TRUE(std::isnan(probe.asked[2].x));
+}
+
+TEST(DefaultGradient, KeepsItsOrderOfOperationsToTheBit) {
+    struct Bumpy : VectorField {
+        using VectorField::eval;
+        float3 eval(float3 const& p, long long i) const override {
+            EXPECT_EQ(i, 5);
+            asked.push_back(p);
+            return {std::sin(p.x) + p.y, p.y * p.z, p.x / (p.z + 9)};
+        }
+        mutable std::vector<float3> asked;
+    } const field;
+    struct First : ScalarField {
+        explicit First(Bumpy const& field) : field(&field) {}
+        using ScalarField::eval;
+        float eval(float3 const& p, long long i) const override { return field->eval(p, i).x; }
+        Bumpy const* field;
+    };
+    float const q = 1.01F, qinv = 0.990099F;
+    std::mt19937 random(11);
+    std::uniform_real_distribution<float> coordinate(-3, 3);
+    for (int n = 0; n < 50; ++n) {
+        float3 const p{coordinate(random), n == 0 ? 0 : coordinate(random), coordinate(random)};
+        field.asked.clear();
+        float3x3 const m = field.grad(p, 5);
+        float3 const first = First(field).grad(p, 5);
+        ASSERT_EQ(field.asked.size(), 12U);
+        for (int axis = 0; axis < 3; ++axis) {
+            float const d = p[axis] == 0 ? 0.0001F : 0;
+            float3 up = p, down = p;
+            up[axis] = (p[axis] + d) * q;
+            down[axis] = (p[axis] + d) * qinv;
+            auto const at = static_cast<std::size_t>(2 * axis);
+            EXPECT_EQ(field.asked[at], up);
+            EXPECT_EQ(field.asked[at + 1], down);
+            float3 const f1 = field.eval(up, 5), f2 = field.eval(down, 5);
+            float const divisor = (d + p[axis]) * 0.019900978F;
+            for (int r = 0; r < 3; ++r) EXPECT_EQ(m[r][axis], (f1[r] - f2[r]) / divisor);
+            EXPECT_EQ(first[axis], m[0][axis]);
+        }
+    }
 }
 
 TEST(DefaultGradient, PutsComponentsInRowsAndCoordinatesInColumns) {

@@ -48,7 +48,7 @@ TEST(Ownership, CopiesShareAndMovesTake) {
     ScalarFieldSubtract moved = std::move(source);
     EXPECT_EQ(a.useCount(), 3);
     EXPECT_EQ(moved.eval(float3{}, 0), -1);
-    EXPECT_EQ(source.getType(), "zel::ScalarFieldSubtract");  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(source.getType(), "zel::ScalarFieldSubtract");
 
     source = copy;  // a moved-from node may be assigned to
     EXPECT_EQ(source.eval(float3{}, 0), -1);
@@ -75,11 +75,11 @@ TEST(Ownership, AssignmentTakesParameters) {
     VectorFieldConstantArray const moved = std::move(array);
     EXPECT_EQ(copy.eval(float3{}, 3), (float3{4, 5, 6}));
     EXPECT_EQ(moved.eval(float3{}, 3), (float3{4, 5, 6}));
-    EXPECT_EQ(array.eval(float3{}, 3), float3{});  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(array.eval(float3{}, 3), float3{});
 
     ScalarFieldSphere sphere({0, 0, 0}, 2);
     ScalarFieldSphere const other = std::move(sphere);
-    EXPECT_EQ(sphere.eval(float3{}, 0), -2);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(sphere.eval(float3{}, 0), -2);
     EXPECT_EQ(other.eval(float3{}, 0), -2);
 }
 

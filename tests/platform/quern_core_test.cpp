@@ -46,8 +46,7 @@ TEST(Ptr, SharesMovesAndReleases) {
         base = std::move(constant).clone();
         EXPECT_EQ(alive, 2);
         Ptr<Base> moved = std::move(base);
-        EXPECT_TRUE(base == nullptr && !base &&
-                    base.useCount() == 0);  // NOLINT(bugprone-use-after-move)
+        EXPECT_TRUE(base == nullptr && !base && base.useCount() == 0);
         moved = *&moved;
         EXPECT_EQ(moved.useCount(), 1);
         first.reset();
@@ -96,7 +95,7 @@ TEST(Array, GrowsCopiesAndMoves) {
     auto const* const storage = copy.data();
     Array<std::string> const moved = std::move(copy);
     EXPECT_EQ(moved.data(), storage);
-    EXPECT_EQ(copy.size(), 0);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(copy.size(), 0);
     array.resize(1);
     array.resize(3);
     EXPECT_EQ(array, (Array<std::string>{"a", "", ""}));

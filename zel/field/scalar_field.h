@@ -33,10 +33,12 @@ public:
     virtual float eval(Orvane::Math::float3 const& position, long long index) const;
 
     /// The derivatives of the value along x, y and z. Here they are differences between six calls
-    /// of the point `eval`, whose distance is about 2 % of the coordinate, or 2e-6 at 0.
+    /// of the point `eval`, whose distance is about 2 % of the coordinate, or 2e-6 at 0. They are
+    /// NaN or infinite where that distance underflows or overflows.
     virtual Orvane::Math::float3 grad(Orvane::Math::float3 const& position, long long index) const;
 
-    /// The class name, such as "zel::ScalarFieldAdd"; empty for a plain ScalarField.
+    /// The class name, such as "zel::ScalarFieldAdd"; empty for a plain ScalarField. A class
+    /// derived from a node has the node's name unless it sets `typeName` itself.
     virtual Quern::String getType() const;
 
     /// Called once before and once after a batch; operators pass both on to all their children.
@@ -48,6 +50,7 @@ protected:
     Quern::String typeName;
 
 private:
+    // The step factors of the default gradient, for whoever looks for them in the binary.
     static float const q;       // upper step factor of the default gradient
     static float const qinv;    // lower step factor
     static float const qdenom;  // their difference

@@ -39,6 +39,7 @@ protected:
     Quern::String typeName;
 
 private:
+    // The step factors of the default gradient, for whoever looks for them in the binary.
     static float const q;
     static float const qinv;
     static float const qdenom;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
+#include <locale>
 #include <sstream>
 #include <string>
 
@@ -15,6 +16,7 @@ namespace {
 
 std::string versionText() {
     std::ostringstream text;
+    text.imbue(std::locale::classic());
     text << "Orvane"
          << " version " << build::kVersion[0];
     for (int i = 1; i < 4; ++i) text << "." << build::kVersion[i];

@@ -2,6 +2,17 @@
 
 #include "zel/field/node_impl.h"
 
+namespace zel {
+
+ScalarFieldImplicitBox::ScalarFieldImplicitBox(float3 const& center, float const& size,
+                                               float const& exponent)
+    : center(center), level(std::pow(std::fabs(size), exponent)), exponent(exponent) {}
+
+ScalarFieldPlane::ScalarFieldPlane(float3 const& point, float3 const& normal)
+    : point(point), normal(normal / length(normal)) {}
+
+}  // namespace zel
+
 ZEL_DEFINE_LEAF(zel::ScalarFieldSphere, ScalarField);
 ZEL_DEFINE_LEAF(zel::ScalarFieldImplicitBox, ScalarField);
 ZEL_DEFINE_LEAF(zel::ScalarFieldPlane, ScalarField);

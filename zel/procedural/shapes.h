@@ -35,8 +35,7 @@ private:
 /// is 0.
 class ZEL_API ScalarFieldImplicitBox : public LeafNode<ScalarFieldImplicitBox, ScalarField> {
 public:
-    ScalarFieldImplicitBox(float3 const& center, float const& size, float const& exponent)
-        : center(center), level(std::pow(std::fabs(size), exponent)), exponent(exponent) {}
+    ScalarFieldImplicitBox(float3 const& center, float const& size, float const& exponent);
 
 private:
     friend NodeAccess;
@@ -63,8 +62,7 @@ private:
 /// normal gives results that are not finite.
 class ZEL_API ScalarFieldPlane : public LeafNode<ScalarFieldPlane, ScalarField> {
 public:
-    ScalarFieldPlane(float3 const& point, float3 const& normal)
-        : point(point), normal(normal / length(normal)) {}
+    ScalarFieldPlane(float3 const& point, float3 const& normal);
 
 private:
     friend NodeAccess;
