@@ -14,8 +14,7 @@ public:
     Any() noexcept = default;
 
     template <class T>
-    requires(!std::same_as<std::remove_cvref_t<T>, Any> && std::copy_constructible<std::decay_t<T>>)
-        Any(T&& value)
+    requires(!std::same_as<std::remove_cvref_t<T>, Any>) Any(T&& value)
         : held(std::forward<T>(value)) {}
 
     bool empty() const noexcept { return !held.has_value(); }
