@@ -10,6 +10,7 @@
 #include "zel/field/scalar_field.h"
 #include "zel/field/type_name.h"
 #include "zel/field/vector_field.h"
+#include "zel/geo_property/geo_property.h"
 #include "zel/operators/closest_point.h"
 #include "zel/operators/derivatives.h"
 #include "zel/operators/warp.h"

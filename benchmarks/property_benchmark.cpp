@@ -1,0 +1,189 @@
+// What it costs to read a geometry property through a node, against a plain indexed loop over the
+// same arrays, for 2^20 elements in the same run: nanoseconds an element on one thread. After the
+// report of the benchmarks, a table gives the medians and their ratios. The forms must agree before
+// anything is timed.
+//
+//   float      a float property
+//   converted  a property of type short
+//   mapped     a float property through property indices and range indices, both shuffled blockwise
+//
+//   loop   the reads by hand, without a test of the indices, into an array that exists already
+//   point  the node's point eval in a loop, likewise
+//   batch  the node's batch eval, the allocation of the result included
+
+#include <benchmark/benchmark.h>
+#include <tbb/global_control.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "allocation_count.h"
+#include "ratio_table.h"
+#include "zel/zel.h"
+
+namespace {
+
+using Orvane::Math::float3;
+using Quern::Array;
+using Quern::makePtr;
+
+constexpr long long kCount = 1 << 20;
+
+/// Evaluates all elements; the values stay until the next call.
+using Evaluate = std::function<float const*()>;
+
+/// The indices below kCount, shuffled within blocks of 64: neighbours stay near each other, as in a
+/// mesh.
+template <class T> Quern::Ptr<Array<T>> shuffled() {
+    auto indices = makePtr<Array<T>>(kCount);
+    for (long long i = 0; i < kCount; ++i) (*indices)[i] = static_cast<T>(i);
+    std::mt19937 random(20240607);
+    for (long long i = 0; i < kCount; i += 64)
+        std::shuffle(indices->begin() + i, indices->begin() + i + 64, random);
+    return indices;
+}
+
+struct Form {
+    std::string name;
+    Evaluate evaluate;
+};
+
+struct Subject {
+    std::string name;
+    std::vector<Form> forms;
+};
+
+struct Arrays {
+    Array<float3> positions = Array<float3>(kCount);
+    Array<float> out = Array<float>(kCount);
+};
+
+/// The forms of one read: a node bound to `values`, through the maps if there are any, and
+/// `read(values, i)` by hand.
+template <class T, class Read>
+Subject makeSubject(std::string const& name, Arrays& arrays,
+                    Quern::Ptr<Array<long long>> const& indices,
+                    Quern::Ptr<Array<unsigned int>> const& ranges, Read const& read) {
+    auto const values = makePtr<Array<T>>(kCount);
+    for (long long i = 0; i < kCount; ++i) (*values)[i] = static_cast<T>(i % 30000);
+    Orvane::Object object;
+    Orvane::Geometry::setGeoProperty(object, "p", T{}, values, "points");
+    if (ranges) Orvane::Geometry::setRangeGeoPropIndices(object, "points", ranges);
+    auto const node = makePtr<zel::ScalarGeoPropertyTriggered>("p");
+    node->apply_object(object);
+    if (indices) node->use_property_indices(indices);
+
+    // A virtual call, as of a node in a tree.
+    zel::ScalarPtr const field = node;
+    auto const loop = [values, read, &arrays] {
+        T const* const in = values->data();
+        float* const out = arrays.out.data();
+        for (long long i = 0; i < kCount; ++i) out[i] = read(in, i);
+        return static_cast<float const*>(out);
+    };
+    auto const point = [field, &arrays] {
+        float3 const* const in = arrays.positions.data();
+        float* const out = arrays.out.data();
+        for (long long i = 0; i < kCount; ++i) out[i] = field->eval(in[i], i);
+        return static_cast<float const*>(out);
+    };
+    auto const batch = [field, &arrays, result = Quern::Ptr<Array<float>>()]() mutable {
+        result.reset();
+        result = field->eval(arrays.positions);
+        return static_cast<float const*>(result->data());
+    };
+    return {name, {{"loop", loop}, {"point", point}, {"batch", batch}}};
+}
+
+/// Whether every form gives the values of the loop by hand; says which does not.
+bool formsAgree(Subject const& subject) {
+    float const* const loop = subject.forms.front().evaluate();
+    std::vector<float> const expected(loop, loop + kCount);
+    for (Form const& form : subject.forms) {
+        if (std::equal(expected.begin(), expected.end(), form.evaluate())) continue;
+        std::fprintf(stderr, "%s: %s and loop differ\n", subject.name.c_str(), form.name.c_str());
+        return false;
+    }
+    return true;
+}
+
+void registerForms(Subject const& subject) {
+    for (Form const& form : subject.forms) {
+        auto const run = [&form](benchmark::State& state) {
+            form.evaluate();
+            AllocationCount const allocations;
+            for (auto _ : state) {
+                benchmark::DoNotOptimize(form.evaluate());
+                benchmark::ClobberMemory();
+            }
+            using benchmark::Counter;
+            state.counters["allocations"] =
+                Counter(static_cast<double>(allocations.blocks()), Counter::kAvgIterations);
+            state.SetItemsProcessed(state.iterations() * kCount);
+            state.counters[RatioReporter::kCounter] =
+                Counter(kCount, Counter::kIsIterationInvariantRate | Counter::kInvert);
+        };
+        benchmark::RegisterBenchmark((subject.name + "/" + form.name).c_str(), run)
+            ->Unit(benchmark::kMillisecond);
+    }
+}
+
+void printTable(RatioReporter const& report, std::vector<Subject> const& subjects) {
+    std::printf("\nread       form      median     least  of loop   (ns an element, one thread)\n");
+    for (Subject const& subject : subjects) {
+        double const loop = report[subject.name + "/loop"].median;
+        for (Form const& form : subject.forms) {
+            RatioReporter::Times const own = report[subject.name + "/" + form.name];
+            std::printf("%-10s %-6s", subject.name.c_str(), form.name.c_str());
+            printCell(own.median, 10, 2);
+            printCell(own.least, 10, 2);
+            printCell(ratio(own.median, loop), 9, 2);
+            std::printf("\n");
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Repetitions in random order even out what else the machine does. The user's own options come
+    // later and win.
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.03",
+                              "--benchmark_enable_random_interleaving=true"};
+    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+    // Reads are bound by memory: more threads would time that.
+    tbb::global_control const oneThread(tbb::global_control::max_allowed_parallelism, 1);
+
+    Arrays arrays;
+    auto const indices = shuffled<long long>();
+    auto const ranges = shuffled<unsigned int>();
+    auto const mappedRead = [indices, ranges](float const* in, long long i) {
+        return in[ranges->data()[indices->data()[i]]];
+    };
+    std::vector<Subject> const subjects{
+        makeSubject<float>("float", arrays, {}, {},
+                           [](float const* in, long long i) { return in[i]; }),
+        makeSubject<short>("converted", arrays, {}, {},
+                           [](short const* in, long long i) { return static_cast<float>(in[i]); }),
+        makeSubject<float>("mapped", arrays, indices, ranges, mappedRead),
+    };
+    for (Subject const& subject : subjects) {
+        if (!formsAgree(subject)) return EXIT_FAILURE;
+        registerForms(subject);
+    }
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    printTable(reporter, subjects);
+    benchmark::Shutdown();
+    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+}

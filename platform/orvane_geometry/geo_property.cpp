@@ -1,0 +1,68 @@
+#include "orvane_geometry/geo_property.h"
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace Orvane::Geometry {
+
+namespace {
+
+/// The key of a property object's target, a Quern::String.
+constexpr char const* kTarget = "target";
+
+/// Before the name of a target, the key of its range indices in the object.
+constexpr std::string_view kRangePrefix = "range indices of ";
+
+std::string rangeKey(Quern::StringView target) {
+    return std::string(kRangePrefix).append(target.standardView());
+}
+
+}  // namespace
+
+Quern::String const sDefault = "default";
+Quern::String const sData = "data";
+Quern::String const sVoxelTileTree = "voxel tile tree";
+Quern::String const sVoxelComp = "voxel component";
+
+Quern::String getGeoPropTargetName(Object const& object, Quern::StringView property) {
+    auto const propertyObject = pointerProperty<Object>(object, property);
+    if (!propertyObject) return {};
+    Quern::Any const entry = propertyObject->property(kTarget);
+    auto const* const target = entry.get<Quern::String>();
+    return target ? *target : Quern::String();
+}
+
+Quern::Ptr<Quern::Array<unsigned int>> getRangeGeoPropIndices(Object const& object,
+                                                              Quern::StringView target) {
+    return pointerProperty<Quern::Array<unsigned int>>(object, rangeKey(target));
+}
+
+void setRangeGeoPropIndices(Object& object, Quern::StringView target,
+                            Quern::Ptr<Quern::Array<unsigned int>> indices) {
+    std::string const where = "Orvane::Geometry::setRangeGeoPropIndices: ";
+    if (target.empty()) throw std::invalid_argument(where + "the target's name is empty");
+    if (!indices)
+        throw std::invalid_argument(where + "no array of indices for target \"" +
+                                    std::string(target) + "\"");
+    object.setProperty(rangeKey(target), std::move(indices));
+}
+
+void detail::setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,
+                            Quern::Any data, bool hasData, Quern::StringView target) {
+    std::string const where = "Orvane::Geometry::setGeoProperty: ";
+    if (name.empty()) throw std::invalid_argument(where + "the property's name is empty");
+    std::string const text = name;
+    if (name.standardView().starts_with(kRangePrefix))
+        throw std::invalid_argument(where + "the name \"" + text + "\" is kept for range indices");
+    if (!hasData)
+        throw std::invalid_argument(where + "no array of values for property \"" + text + "\"");
+
+    auto propertyObject = Quern::makePtr<Object>();
+    propertyObject->setProperty(sDefault, std::move(value));
+    propertyObject->setProperty(sData, std::move(data));
+    if (!target.empty()) propertyObject->setProperty(kTarget, Quern::String(target));
+    object.setProperty(name, std::move(propertyObject));
+}
+
+}  // namespace Orvane::Geometry

@@ -1,0 +1,31 @@
+#include "orvane_geometry/object.h"
+
+#include <stdexcept>
+
+namespace Orvane {
+
+Object::Object() = default;
+Object::Object(Object const&) = default;
+Object::~Object() = default;
+Object& Object::operator=(Object const&) = default;
+
+bool Object::hasProperty(Quern::StringView key) const {
+    return entries.find(key.standardView()) != entries.end();
+}
+
+Quern::Any Object::property(Quern::StringView key) const {
+    auto const found = entries.find(key.standardView());
+    return found == entries.end() ? Quern::Any() : found->second;
+}
+
+void Object::setProperty(Quern::StringView key, Quern::Any value) {
+    if (key.empty()) throw std::invalid_argument("Orvane::Object::setProperty: the key is empty");
+    entries.insert_or_assign(key, std::move(value));
+}
+
+void Object::removeProperty(Quern::StringView key) {
+    auto const found = entries.find(key.standardView());
+    if (found != entries.end()) entries.erase(found);
+}
+
+}  // namespace Orvane

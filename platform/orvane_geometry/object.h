@@ -1,0 +1,48 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "platform_api.h"
+#include "quern_core/any.h"
+#include "quern_core/ptr.h"
+#include "quern_core/string.h"
+
+namespace Orvane {
+
+/// A geometry object: entries of any type under names. A host with entries of its own derives from
+/// it and overrides the two look-ups; what they throw reaches whoever asks. A copy has the same
+/// entries and shares what they point to. Any number of threads may look up while none sets.
+class ZEL_PLATFORM_API Object {
+public:
+    Object();
+    Object(Object const&);
+    virtual ~Object();
+    Object& operator=(Object const&);
+
+    /// Whether there is an entry under `key`, be it an empty one.
+    virtual bool hasProperty(Quern::StringView key) const;
+
+    /// The entry under `key`; an empty Any if there is none.
+    virtual Quern::Any property(Quern::StringView key) const;
+
+    /// Makes or replaces an entry. Throws std::invalid_argument if `key` is empty.
+    void setProperty(Quern::StringView key, Quern::Any value);
+
+    /// Does nothing if there is no such entry.
+    void removeProperty(Quern::StringView key);
+
+private:
+    std::map<std::string, Quern::Any, std::less<>> entries;
+};
+
+/// The entry under `key` if it is exactly a `Quern::Ptr<T>`, else an empty pointer.
+template <class T> Quern::Ptr<T> pointerProperty(Object const& object, Quern::StringView key) {
+    Quern::Any entry = object.property(key);
+    auto* const held = entry.get<Quern::Ptr<T>>();
+    return held ? std::move(*held) : Quern::Ptr<T>();
+}
+
+}  // namespace Orvane

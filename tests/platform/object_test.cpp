@@ -1,0 +1,68 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "orvane_geometry/geo_property.h"
+
+namespace {
+
+using namespace Orvane::Geometry;
+using Orvane::Object;
+using Orvane::pointerProperty;
+using Quern::Array;
+using Quern::makePtr;
+
+TEST(Object, HoldsEntriesOfAnyType) {
+    Object object;
+    EXPECT_TRUE(object.property("a").empty());
+    object.setProperty("a", 1);
+    object.setProperty("b", Quern::Any());
+    Object copy = object;
+    copy.setProperty("a", makePtr<int>(3));
+    copy.removeProperty("b");
+    copy.removeProperty("never there");
+    EXPECT_EQ(*object.property("a").get<int>(), 1);
+    EXPECT_EQ(*pointerProperty<int>(copy, "a"), 3);
+    EXPECT_FALSE(pointerProperty<int const>(copy, "a"));
+    EXPECT_TRUE(object.hasProperty("b"));
+    EXPECT_FALSE(copy.hasProperty("b"));
+    EXPECT_THROW(object.setProperty("", 1), std::invalid_argument);
+}
+
+TEST(GeoProperty, IsStoredWholeOrNotAtAll) {
+    Object object;
+    auto const data = makePtr<Array<short>>(3LL, short{7});
+    auto const indices = makePtr<Array<unsigned int>>(2LL, 5U);
+    setGeoProperty(object, "id", short{-1}, data, "points");
+    setGeoProperty(object, "plain", 0.5F, makePtr<Array<float>>());
+    setRangeGeoPropIndices(object, "points", indices);
+    struct Mistake {
+        std::function<void()> call;
+        char const* named;
+    };
+    for (Mistake const& mistake : std::initializer_list<Mistake>{
+             {[&] { setGeoProperty(object, "", short{3}, data); }, "name is empty"},
+             {[&] { setGeoProperty<short>(object, "id", 3, nullptr); }, "\"id\""},
+             {[&] { setGeoProperty(object, "range indices of x", short{3}, data); }, "of x\""},
+             {[&] { setRangeGeoPropIndices(object, "points", nullptr); }, "\"points\""},
+             {[&] { setRangeGeoPropIndices(object, "", indices); }, "name is empty"}}) {
+        try {
+            mistake.call();
+            ADD_FAILURE() << mistake.named;
+        } catch (std::invalid_argument const& error) {
+            EXPECT_NE(std::string(error.what()).find(mistake.named), std::string::npos);
+        }
+    }
+    auto const property = pointerProperty<Object>(object, "id");
+    EXPECT_EQ(*property->property(sDefault).get<short>(), -1);
+    EXPECT_EQ(pointerProperty<Array<short>>(*property, sData), data);
+    EXPECT_EQ(getGeoPropTargetName(object, "id"), "points");
+    EXPECT_TRUE(getGeoPropTargetName(object, "plain").empty());
+    EXPECT_TRUE(getGeoPropTargetName(object, "none").empty());
+    EXPECT_EQ(getRangeGeoPropIndices(object, "points"), indices);
+    EXPECT_FALSE(getRangeGeoPropIndices(object, ""));
+}
+
+}  // namespace

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <utility>
+
+#include "orvane_geometry/geo_property.h"
+#include "zel/field/node.h"
+#include "zel/geo_property/property_binding.h"
+
+// Leaves that read a property of a geometry object, by element index. A node is made of the name of
+// the property alone; later a caller walks the tree and binds each node that is triggerable:
+//
+//   apply_object          finds the property, takes its default value, and shares its array and the
+//                         range indices of its target. The type of the default value decides; an
+//                         array of another type is not read. Without such a property nothing
+//                         changes, so what an earlier object gave stays. Throws what the look-ups
+//                         of the object throw.
+//   use_property_indices  for a property that is read as `float` or `float3`: shares an array that
+//                         gives, for each sampled index, the element to read. It has no effect
+//                         while there is no such property or if the array is empty, and a later
+//                         array replaces an earlier one.
+//
+// Until then, and for each index that either map or the values do not have, a node answers its
+// default value. The position plays no part and the gradient is zero. A bound array must keep its
+// size and values while it is sampled. A copy shares all that the node is bound to, and so does
+// what is made by a move: a node can be bound and sampled after it.
+namespace zel {
+
+/// What all four nodes share. `Binding` holds the property.
+template <class Self, class Interface, class Binding>
+class ZEL_API GeoPropertyNode : public LeafNode<Self, Interface> {
+public:
+    explicit GeoPropertyNode(Quern::String const& propertyName) : binding(propertyName) {}
+    GeoPropertyNode(GeoPropertyNode const&) = default;
+    GeoPropertyNode& operator=(GeoPropertyNode const&) = default;
+
+    bool is_triggerable() const override;
+    void apply_object(Orvane::Object const& object) override;
+    void use_property_indices(Quern::Ptr<Quern::Array<long long>> indices) override;
+
+protected:
+    Binding binding;
+
+private:
+    friend NodeAccess;
+    typename Interface::Gradient gradientOf(float3 const& /*p*/, long long /*i*/) const {
+        return {};
+    }
+};
+
+/// The value of a property of type float, bool, double, or any integer of 8, 16, 32 or 64 bits, as
+/// the nearest float. Its default value is 0 before a binding.
+class ZEL_API ScalarGeoPropertyTriggered
+    : public GeoPropertyNode<ScalarGeoPropertyTriggered, ScalarField,
+                             detail::ScalarPropertyBinding> {
+public:
+    using GeoPropertyNode::GeoPropertyNode;
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long index) const;
+};
+
+/// The value of a property of type float3, or the rotation vector of one of type float4: the axis
+/// of the quaternion (x, y, z, w) times its angle, from 0 to 2 pi radians. The quaternion need not
+/// be of unit length. A half angle below 1e-6 gives (0, 0, angle), one below about 1e-3 or that
+/// close to pi, or a NaN, the zero vector. The default value is the zero vector before a binding.
+class ZEL_API VectorGeoPropertyTriggered
+    : public GeoPropertyNode<VectorGeoPropertyTriggered, VectorField,
+                             detail::VectorPropertyBinding> {
+public:
+    using GeoPropertyNode::GeoPropertyNode;
+
+private:
+    friend NodeAccess;
+    float3 valueOf(float3 const& p, long long index) const;
+};
+
+/// 1 where ScalarGeoPropertyTriggered, bound alike, reads an element, and 0 where it answers its
+/// default value.
+class ZEL_API ScalarGeoPropertyFound
+    : public GeoPropertyNode<ScalarGeoPropertyFound, ScalarField, detail::ScalarPropertyBinding> {
+public:
+    using GeoPropertyNode::GeoPropertyNode;
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long index) const;
+};
+
+/// 1 where VectorGeoPropertyTriggered, bound alike, reads an element, and 0 where it answers its
+/// default value.
+class ZEL_API VectorGeoPropertyFound
+    : public GeoPropertyNode<VectorGeoPropertyFound, ScalarField, detail::VectorPropertyBinding> {
+public:
+    using GeoPropertyNode::GeoPropertyNode;
+
+private:
+    friend NodeAccess;
+    float valueOf(float3 const& p, long long index) const;
+};
+
+}  // namespace zel
+
+#define ZEL_DETAIL_GEO_PROPERTY(Template, Node, Interface, Binding)                                \
+    ZEL_DETAIL_LEAF(Template, Node, Interface);                                                    \
+    Template class zel::GeoPropertyNode<Node, Core::Fields::Interface, zel::detail::Binding>
+#define ZEL_DETAIL_GEO_PROPERTIES(Template)                                                        \
+    ZEL_DETAIL_GEO_PROPERTY(Template, zel::ScalarGeoPropertyTriggered, ScalarField,                \
+                            ScalarPropertyBinding);                                                \
+    ZEL_DETAIL_GEO_PROPERTY(Template, zel::VectorGeoPropertyTriggered, VectorField,                \
+                            VectorPropertyBinding);                                                \
+    ZEL_DETAIL_GEO_PROPERTY(Template, zel::ScalarGeoPropertyFound, ScalarField,                    \
+                            ScalarPropertyBinding);                                                \
+    ZEL_DETAIL_GEO_PROPERTY(Template, zel::VectorGeoPropertyFound, ScalarField,                    \
+                            VectorPropertyBinding)
+
+ZEL_DETAIL_GEO_PROPERTIES(extern template);

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "orvane_math/vectors.h"
+#include "quern_core/array.h"
+#include "quern_core/ptr.h"
+#include "quern_core/string.h"
+#include "zel/api.h"
+
+namespace Orvane {
+class Object;
+}  // namespace Orvane
+
+// What a node that reads a geometry property holds, and how it binds to an object.
+namespace zel {
+
+class ScalarConverter;
+
+namespace detail {
+
+/// Whether `i` is an index into a store of `count` elements.
+constexpr bool inside(long long i, long long count) {
+    return 0 <= i && i < count;
+}
+
+/// What the bindings of scalar and of vector properties share.
+struct ZEL_API PropertyBinding {
+    explicit PropertyBinding(Quern::String const& propertyName) : propertyName(propertyName) {}
+
+    /// Takes the range indices of the property's target, or none if it has none. Those of an
+    /// earlier object stay if the target is the voxel tile tree.
+    void bindRange(Orvane::Object const& object);
+
+    /// The place of the value of an element: through both maps, as far as they are set. An index
+    /// outside a map becomes -1, which lies outside all that follows.
+    long long mapIndex(long long i) const {
+        return mapped(rangeIndices, mapped(propertyIndices, i));
+    }
+
+    Quern::String propertyName;
+    Quern::Ptr<Quern::Array<long long>> propertyIndices;  // from sampled to geometry element
+    Quern::Ptr<Quern::Array<unsigned int>> rangeIndices;  // from there to a place in the values
+
+private:
+    template <class T>
+    static long long mapped(Quern::Ptr<Quern::Array<T>> const& map, long long i) {
+        if (!map) return i;
+        return inside(i, map->size()) ? static_cast<long long>((*map)[i]) : -1;
+    }
+};
+
+/// A scalar property: `float` values in `data`, those of another type behind `converter`.
+struct ZEL_API ScalarPropertyBinding : PropertyBinding {
+    using PropertyBinding::PropertyBinding;
+
+    void bind(Orvane::Object const& object);
+
+    float defaultValue = 0;
+    Quern::Ptr<Quern::Array<float>> data;
+    Quern::Ptr<ScalarConverter> converter;
+};
+
+/// A vector property: `float3` values in `data`, `float4` quaternions in `rotations`.
+struct ZEL_API VectorPropertyBinding : PropertyBinding {
+    using PropertyBinding::PropertyBinding;
+
+    void bind(Orvane::Object const& object);
+
+    Orvane::Math::float3 defaultValue;
+    Orvane::Math::float4 defaultRotation;
+    Quern::Ptr<Quern::Array<Orvane::Math::float3>> data;
+    Quern::Ptr<Quern::Array<Orvane::Math::float4>> rotations;
+};
+
+}  // namespace detail
+}  // namespace zel

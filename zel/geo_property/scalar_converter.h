@@ -1,0 +1,49 @@
+#pragma once
+
+#include <limits>
+#include <tuple>
+
+#include "quern_core/array.h"
+#include "quern_core/ptr.h"
+
+// Internal: reads an array of any numeric type as floats.
+namespace zel {
+
+/// The nearest float to a number of any type; nothing saturates. A double beyond the range of
+/// float gives an infinity.
+template <class T> constexpr float toFloat(T value) {
+    static_assert(std::numeric_limits<float>::is_iec559);
+    return static_cast<float>(value);
+}
+
+/// Reads one element of an array at a time, at the price of a virtual call. Any number of threads
+/// may read, while the array stays as it is.
+class ScalarConverter {
+public:
+    virtual ~ScalarConverter() = default;
+
+    /// Element `index` as a float. The index is not tested: it must lie from 0 below `count`.
+    virtual float convert(long long index) const = 0;
+
+    long long const count;  ///< the number of elements
+
+protected:
+    explicit ScalarConverter(long long count) : count(count) {}
+    ScalarConverter(ScalarConverter const&) = default;
+};
+
+/// Shares the array. An empty pointer counts as an array without elements.
+template <class T> class ScalarConverterImpl : public ScalarConverter {
+public:
+    explicit ScalarConverterImpl(Quern::Ptr<Quern::Array<T>> values);
+    float convert(long long index) const override;
+
+private:
+    Quern::Ptr<Quern::Array<T>> values;
+};
+
+/// The element types for which there is a converter, in the order in which a binding tries them.
+using ConvertedTypes = std::tuple<signed char, short, int, long long, unsigned char, unsigned short,
+                                  unsigned int, unsigned long long, bool, double>;
+
+}  // namespace zel
