@@ -3,6 +3,7 @@
 // over the lattice, `/1` steps along a line.
 
 #include "orvane_math_support/noise.h"
+#include "zel/zel.h"
 
 #include <benchmark/benchmark.h>
 
@@ -153,6 +154,33 @@ void createTimeTable(benchmark::State& state) {
     });
 }
 
+/// A node, called point by point through its interface. Its time is a constant.
+template <class Field> void runNode(benchmark::State& state, Field const& field) {
+    field.preSampleField();
+    run(state, [&](float4 const& p) { return field.eval({p.x, p.y, p.z}, 0); });
+    field.postSampleField();
+}
+zel::ScalarPtr constantTime() {
+    return Quern::makePtr<zel::ScalarFieldConstant>(1.5f);
+}
+void simplexNode(benchmark::State& state) {
+    runNode<zel::ScalarField>(state, zel::ScalarFieldSimplexNoise(constantTime(), 7));
+}
+void fractalNodeFiveOctaves(benchmark::State& state) {
+    runNode<zel::ScalarField>(
+        state, zel::ScalarFieldFractalNoise(1, 5, 1, 0.5f, 0.5f, constantTime(), 1.5f, 7));
+}
+void curlNode(benchmark::State& state) {
+    runNode<zel::VectorField>(state, zel::VectorFieldCurlNoise(constantTime(), false, 7));
+}
+void smoothCurlNode(benchmark::State& state) {
+    runNode<zel::VectorField>(state, zel::VectorFieldCurlNoise(constantTime(), true, 7));
+}
+void turbulenceNodeFiveOctaves(benchmark::State& state) {
+    runNode<zel::VectorField>(state, zel::VectorFieldFractalTurbulence(
+                                         1, 5, 1, 0.5f, 0.5f, constantTime(), 1.5f, true, 7));
+}
+
 BENCHMARK(textbookSimplex)->Arg(0)->Arg(1);
 BENCHMARK(simplexFloat)->Arg(0)->Arg(1);
 BENCHMARK(simplexDouble)->Arg(0)->Arg(1);
@@ -162,6 +190,11 @@ BENCHMARK(curlNoise)->Arg(0)->Arg(1);
 BENCHMARK(smoothCurlNoise)->Arg(0)->Arg(1);
 BENCHMARK(smoothCurlNoiseTable)->Arg(0)->Arg(1);
 BENCHMARK(createTimeTable)->Arg(0);
+BENCHMARK(simplexNode)->Arg(0)->Arg(1);
+BENCHMARK(fractalNodeFiveOctaves)->Arg(0)->Arg(1);
+BENCHMARK(curlNode)->Arg(0)->Arg(1);
+BENCHMARK(smoothCurlNode)->Arg(0)->Arg(1);
+BENCHMARK(turbulenceNodeFiveOctaves)->Arg(0)->Arg(1);
 
 }  // namespace
 

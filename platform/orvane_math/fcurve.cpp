@@ -43,8 +43,12 @@ void checkExtrapolation(FCurve::Extrapolation kind) {
         refuse("unknown extrapolation ", static_cast<int>(kind));
 }
 
+/// (b.value - a.value) / (b.x - a.x), where the differences may overflow.
 double chord(Key const& a, Key const& b) {
-    return (b.value - a.value) / (b.x - a.x);
+    double const rise = b.value - a.value, width = b.x - a.x;
+    return std::isfinite(rise) && std::isfinite(width)
+               ? rise / width
+               : (b.value / 2 - a.value / 2) / (b.x / 2 - a.x / 2);
 }
 
 /// value + slope * (x - anchor), with the rounding errors of both sums added back (D. E. Knuth,
@@ -57,23 +61,30 @@ double line(double anchor, double value, double slope, double x) {
     };
     double const dx = x - anchor, rise = slope * dx, sum = value + rise;
     double const lost = error(value, rise, sum) + slope * error(x, -anchor, dx);
-    return std::isfinite(sum) && std::isfinite(lost) ? sum + lost : sum;
+    if (std::isfinite(sum) && std::isfinite(lost)) return sum + lost;
+    // Half of it, where what comes in between overflows and the result need not.
+    return std::isfinite(x) ? 2 * (value / 2 + slope * (x / 2 - anchor / 2)) : sum;
 }
 
-/// Straight line from a to b, `x` between them. Differences and slopes may overflow.
+/// Straight line from a to b, `x` between them. The slope of keys close together may overflow.
 double linear(Key const& a, Key const& b, double x) {
-    double const width = b.x - a.x, slope = chord(a, b);
-    if (std::isfinite(width) && std::isfinite(slope)) return line(a.x, a.value, slope, x);
-    bool const halve = !std::isfinite(width);
-    return std::lerp(a.value, b.value,
-                     halve ? (x / 2 - a.x / 2) / (b.x / 2 - a.x / 2) : (x - a.x) / width);
+    double const slope = chord(a, b);
+    return std::isfinite(slope) ? line(a.x, a.value, slope, x)
+                                : std::lerp(a.value, b.value, (x - a.x) / (b.x - a.x));
 }
 
 /// Hermite cubic from a to b.
 double cubic(Key const& a, Key const& b, double x) {
-    double const width = b.x - a.x, u = (x - a.x) / width, rise = b.value - a.value;
-    double const out = a.outSlope * width, in = b.inSlope * width;
-    return a.value + u * (out + u * ((3 * rise - 2 * out - in) + u * (out + in - 2 * rise)));
+    // Scaled down where what comes in between overflows and the result need not.
+    auto const scaled = [&](double sx, double sv) {
+        double const width = sx * b.x - sx * a.x, u = (sx * x - sx * a.x) / width;
+        double const rise = sv * b.value - sv * a.value;
+        double const out = sv * a.outSlope * width / sx, in = sv * b.inSlope * width / sx;
+        return sv * a.value +
+               u * (out + u * ((3 * rise - 2 * out - in) + u * (out + in - 2 * rise)));
+    };
+    double const value = scaled(1, 1);
+    return std::isfinite(value) ? value : 16 * scaled(0.5, 0.0625);
 }
 
 }  // namespace
@@ -149,13 +160,14 @@ double FCurve::cycle(bool withOffset, double x) const {
 
     // Remainders are exact, so that only the difference and one sum are rounded, however far away x
     // is.
+    // Just before a whole period the sum may be rounded up to it, which is the end of the keys.
     double phase = std::fmod(std::fmod(x, period) - std::fmod(first.x, period), period);
     if (phase < 0) phase += period;
-    if (phase >= period) phase = 0;
     double const value = insideKeys(std::clamp(first.x + phase, first.x, last.x));
     if (offset == 0) return value;
     double const count = std::round(x / period - first.x / period - phase / period);
-    return value + count * offset;
+    return std::isfinite(count) ? value + count * offset
+                                : value + (x - first.x - phase) * (offset / period);
 }
 
 }  // namespace Orvane::Math

@@ -52,8 +52,8 @@ public:
     ///
     /// NaN gives NaN. Infinities give the limit where there is one: the end value, or an infinity
     /// of the sign in which the line or the offset cycles go; a cycle without offset has none and
-    /// gives NaN. Cubics and extrapolated lines
-    /// whose slopes times widths overflow follow the floating-point rules.
+    /// gives NaN. A cycle whose period overflows has the value of the nearer end. Slopes that
+    /// overflow, or whose products with a width do, follow the floating-point rules.
     double evalFCurve(double x) const;
 
 private:

@@ -45,7 +45,7 @@ ZEL_PLATFORM_API float3 curl_noise(float3 const& position, float time, std::uint
 
 /// As `curl_noise`, with a smoother potential on the same lattice and directions: continuous with
 /// its second derivatives. The root mean square of the length is about 2.7. Keeps its spatial
-/// detail at any time, however large.
+/// detail at any time inside the lattice, to about 5e14.
 ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed);
 
 /// Sets the 16 floats of `table` to what `smooth_curl_noise` derives from the time alone: the

@@ -60,11 +60,13 @@ inline constexpr std::array<std::uint32_t, 4> kMix = {0xcc9e2d51u, 0x1b873593u, 
                                                       0x85ebca6bu};
 
 /// Hash of each coordinate of a cell by itself, from its low word plus the key, and its high word.
-/// Not linear, so that no translation maps the lattice's hashes onto one another.
+/// Not linear, so that no translation maps the lattice's hashes onto one another. The low word is
+/// mixed before the high word enters: a small step of one must not undo a carry into the other.
 template <class L>
 ZEL_INLINE typename L::Word4 hashAxes(typename L::Word4 u, typename L::Word4 high) {
-    u = ((u ^ (u >> 16)) + high) * L::load(kMix);
-    return u ^ (u >> 15);
+    u = (u ^ (u >> 16)) * L::load(kMix);
+    u = ((u ^ (u >> 15)) + high) * 0x9e3779b1u;
+    return u ^ (u >> 16);
 }
 
 /// Mixes the exclusive or of four axis hashes; the upper 24 bits are the ones to use.

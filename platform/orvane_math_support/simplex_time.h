@@ -16,11 +16,16 @@ struct TimePlace {
     std::uint64_t cellXyz, cellW;  // two's complement
 };
 
-/// Keeps what two floats hold, about 48 bits.
+/// Keeps what two floats hold, 48 bits. Cut off in the representation, not by going to float and
+/// back: g++ 12 drops such a round trip where it vectorises, and the bits would depend on that.
 inline double splitInTwo(double a, float& upper, float& lower) {
-    upper = static_cast<float>(a);
-    lower = static_cast<float>(a - static_cast<double>(upper));
-    return static_cast<double>(upper) + static_cast<double>(lower);
+    auto const cut = [](double v) {
+        return std::bit_cast<double>(std::bit_cast<std::uint64_t>(v) & ~std::uint64_t{0x1fffffff});
+    };
+    double const high = cut(a), low = cut(a - high);
+    upper = static_cast<float>(high);
+    lower = static_cast<float>(low);
+    return high + low;
 }
 
 inline TimePlace placeTime(float time) {

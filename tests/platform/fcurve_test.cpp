@@ -120,8 +120,9 @@ TEST(FCurve, AnyInputGivesANumber) {
         EXPECT_TRUE(std::isnan(one.evalFCurve(std::nan(""))));
         EXPECT_EQ(FCurve({{0, 1, 0, kMax, kHermite}, {9, 1}}, kind, kind).evalFCurve(0), 1);
         for (double x : {-kInf, -kMax, 0.0, 1.0, kMax, kInf}) EXPECT_EQ(one.evalFCurve(x), 7);
-        EXPECT_EQ(wide.evalFCurve(-kMax), 1);
-        EXPECT_EQ(wide.evalFCurve(kMax), 2);
+        bool const goesOn = kind == FCurve::Extrapolation::kLinear;
+        EXPECT_DOUBLE_EQ(wide.evalFCurve(-kMax), goesOn ? 1.5 - kMax / 2 * 1e-308 : 1);
+        EXPECT_DOUBLE_EQ(wide.evalFCurve(kMax), goesOn ? 1.5 + kMax / 2 * 1e-308 : 2);
         EXPECT_EQ(wide.evalFCurve(0), 1.5);
         EXPECT_EQ(tight.evalFCurve(0), 1);
         EXPECT_NEAR(tight.evalFCurve(5e-311), 2.5, 1e-9);
@@ -150,6 +151,26 @@ TEST(FCurve, SetUpNamesTheBadKey) {
               "FCurve: key 0 has the unknown segment 3");
     EXPECT_THROW(FCurve({}, kCycle, FCurve::Extrapolation{4}), std::invalid_argument);
     EXPECT_EQ(message({{0, 1}, {1, 1}}), "accepted");
+}
+
+TEST(FCurve, DifferencesMayOverflow) {
+    auto const kLinear = FCurve::Extrapolation::kLinear;
+    FCurve const wide({{-1e308, -1e308}, {1e308, 1e308}}, kLinear, kLinear);
+    for (double x : {1.5e308, -1.7e308, 1e307 / 3, -3.0, kInf}) EXPECT_EQ(wide.evalFCurve(x), x);
+    FCurve const slow({{-1e308, 0}, {1e308, 1e300}}, kLinear, kLinear);
+    EXPECT_DOUBLE_EQ(slow.evalFCurve(1.7e308), 1.35e300);
+    EXPECT_EQ(slow.evalFCurve(kInf), kInf);
+    FCurve const single({{-1e308, -1e308, 1, 1}}, kLinear, kLinear);
+    EXPECT_EQ(single.evalFCurve(1e308), 1e308);
+    FCurve const broad({{-1e308, 0, 0, 0, kHermite}, {1e308, 1}}, kLinear, kLinear);
+    EXPECT_EQ(broad.evalFCurve(0), 0.5);
+    FCurve const high({{0, -kMax, 0, 0, kHermite}, {1, kMax}}, kLinear, kLinear);
+    EXPECT_NEAR(high.evalFCurve(0.5), 0, 1e294);
+    FCurve const steps({{0, 0}, {1e-300, 1e-300}}, kCycleWithOffset, kCycleWithOffset);
+    EXPECT_DOUBLE_EQ(steps.evalFCurve(1e10), 1e10);
+    FCurve const cycle({{0, 0}, {1, 1}, {2, 5}}, kCycle, kCycle);
+    for (double x : {-1e-15, -1e-16, -1e-17, -5e-324})
+        EXPECT_NEAR(cycle.evalFCurve(x), 5, 1e-14);  // the end of the cycle before
 }
 
 }  // namespace
