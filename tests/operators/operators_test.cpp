@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cmath>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "support/probe.h"
@@ -93,16 +95,19 @@ TEST(Warp, AsksItsChildrenWhereAndWhenItShould) {
         calls.clear();
         EXPECT_EQ(c.scalar->eval(kPosition, kIndex), 9);
         EXPECT_EQ(c.vector->eval(kPosition, kIndex), (float3{9, 8, 7}));
-        for (Call const& call : calls) {
-            EXPECT_EQ(call.position, call.what[0] == 'f' ? c.at : kPosition) << call.what;
-            EXPECT_EQ(call.index, kIndex);
-        }
-        EXPECT_EQ(takeCalls(), std::string(c.evalCalls) + c.evalCalls);
+        auto const expectCalls = [&](std::string const& expected) {
+            expectIndices('f');
+            for (Call const& call : calls)
+                if (call.what[0] == 'f') {
+                    EXPECT_EQ(call.position, c.at) << call.what;
+                }
+            EXPECT_EQ(takeCalls(), expected);
+        };
+        expectCalls(std::string(c.evalCalls) + c.evalCalls);
         c.scalar->grad(kPosition, kIndex);
-        EXPECT_EQ(calls[0].index, kIndex);
-        EXPECT_EQ(takeCalls(), c.scalarGrad);
+        expectCalls(c.scalarGrad);
         c.vector->grad(kPosition, kIndex);
-        EXPECT_EQ(takeCalls(), c.vectorGrad);
+        expectCalls(c.vectorGrad);
     }
 }
 
@@ -139,7 +144,7 @@ TEST(Derivatives, OfKnownFields) {
               (float3{-7 - 5, -3 - 6, 0.5F - 2}));
     EXPECT_EQ(ScalarFieldDivergence(v({}, kMatrixA)).eval(kPosition, kIndex), 1 - 4 + 8);
     EXPECT_EQ(ScalarFieldGradient(s(0, kB)).eval(kPosition, kIndex), kB);
-    for (Call const& call : calls) EXPECT_EQ(call.index, kIndex);
+    expectIndices();
     EXPECT_EQ(takeCalls(), ".grad .grad .grad ");
 
     // Second derivatives, by differences of the first.
@@ -156,6 +161,7 @@ TEST(ClosestPoint, ProjectsOntoADistanceInOneStep) {
     EXPECT_EQ(step.eval(float3{}, 0), float3{});  // no gradient at the centre
     VectorFieldClosestPointTransform const probe(s(2, kA, "f"));
     EXPECT_EQ(probe.eval(kPosition, kIndex), kPosition - 2 * kA);
+    expectIndices();
     EXPECT_EQ(takeCalls(), "f.grad f.eval ");
 }
 
@@ -193,35 +199,57 @@ TEST(IteratedNearPoint, MakesTheStepsItShould) {
     EXPECT_EQ(field->steps, 5);  // such a move is never short
 }
 
-TEST(Operators, WalkAndHookTheirChildren) {
-    struct Order : FieldConstVisitor {
+template <class Interface> struct Hooked : Interface {
+    Hooked(char name, std::string& log) : name(name), log(&log) {}
+    void preSampleField() const override { *log += name; }
+    void postSampleField() const override { *log += static_cast<char>(std::toupper(name)); }
+    char name;
+    std::string* log;
+};
+
+TEST(Operators, WalkAndHookTheirChildrenInOrder) {
+    struct Walked : FieldConstVisitor {
         void operator()(Field const& node) override { seen.push_back(&node); }
         std::vector<Field const*> seen;
     };
-    ScalarPtr const f = s(1);
-    VectorPtr const g = v({});
-    struct Case {
-        Quern::Ptr<Field> node;
-        std::vector<Field const*> children;
+    std::string log;
+    ScalarPtr const f = makePtr<Hooked<ScalarField>>('f', log);
+    VectorPtr const g = makePtr<Hooked<VectorField>>('g', log),
+                    m = makePtr<Hooked<VectorField>>('m', log);
+    auto const check = [&](auto const& node, std::vector<Field const*> const& children,
+                           char const* hooks) {
+        SCOPED_TRACE(node->getType());
+        EXPECT_EQ(node->getType(), typeNameOf(typeid(*node)));
+        EXPECT_FALSE(node->is_triggerable());
+        for (auto const& copy : {node, node.clone()}) {
+            Walked walked;
+            copy->accept(walked);
+            if (!children.empty()) {
+                EXPECT_EQ(walked.seen, children);
+            }
+            log.clear();
+            copy->preSampleField();
+            copy->postSampleField();
+            EXPECT_EQ(log, hooks);
+        }
     };
-    for (Case const& c :
-         {Case{makePtr<ScalarFieldWarp>(f, g), {f.get(), g.get()}},
-          Case{makePtr<VectorFieldAdvect>(g, makePtr<VectorFieldPosition>(), 1.0F), {g.get()}},
-          Case{makePtr<ScalarFieldGradient>(f), {f.get()}},
-          Case{makePtr<ScalarFieldDivergence>(g), {g.get()}},
-          Case{makePtr<VectorFieldCurl>(g), {g.get()}},
-          Case{makePtr<VectorFieldClosestPointTransform>(f), {f.get()}}}) {
-        Order order;
-        c.node->caccept(order);
-        ASSERT_GE(order.seen.size(), c.children.size());
-        EXPECT_TRUE(std::equal(c.children.begin(), c.children.end(), order.seen.begin()));
-        EXPECT_FALSE(c.node->is_triggerable());
-    }
-    Order order;
-    VectorFieldIteratedNearPointTransform const node(f, 1, 1);
-    node.accept(order);
-    ASSERT_EQ(order.seen.size(), 1U);
-    EXPECT_NE(dynamic_cast<VectorFieldClosestPointTransform const*>(order.seen[0]), nullptr);
+    check(makePtr<ScalarFieldWarp>(f, m), {f.get(), m.get()}, "fmFM");
+    check(makePtr<VectorFieldWarp>(g, m), {g.get(), m.get()}, "gmGM");
+    check(makePtr<ScalarFieldAdvect>(f, m, 1.0F), {f.get(), m.get()}, "fmFM");
+    check(makePtr<VectorFieldAdvect>(g, m, 1.0F), {g.get(), m.get()}, "gmGM");
+    check(makePtr<ScalarFieldGradient>(f), {f.get()}, "fF");
+    check(makePtr<ScalarFieldDivergence>(g), {g.get()}, "gG");
+    check(makePtr<VectorFieldCurl>(g), {g.get()}, "gG");
+    check(makePtr<VectorFieldClosestPointTransform>(f), {f.get()}, "fF");
+    auto const curve = makePtr<Orvane::Math::FCurve>();
+    check(makePtr<ScalarFieldFCurve>(f, curve), {f.get()}, "fF");
+    check(makePtr<VectorFieldFCurve>(g, curve), {g.get()}, "gG");
+    auto const near = makePtr<VectorFieldIteratedNearPointTransform>(f, 1.0F, 1);
+    check(near, {}, "fF");
+    Walked walked;
+    near->accept(walked);
+    ASSERT_EQ(walked.seen.size(), 1U);
+    EXPECT_NE(dynamic_cast<VectorFieldClosestPointTransform const*>(walked.seen[0]), nullptr);
 }
 
 }  // namespace

@@ -39,11 +39,14 @@ double layers(std::vector<double> const& weights, double time, double frequency 
     return sum;
 }
 
-float fractal(float amplitude, float octaves, float scaleRatio = 0.5F, float frequency = 2) {
+float fractal(float amplitude, float octaves, float scaleRatio = 0.5F, float frequency = 2,
+              float3 const& at = kAt) {
     ScalarFieldFractalNoise const node(amplitude, octaves, frequency, 0.25F, scaleRatio,
                                        s(0.375F, kA, "t"), 4, kSeed);
     calls.clear();
-    float const value = node.eval(kAt, kIndex);
+    float const value = node.eval(at, kIndex);
+    EXPECT_EQ(calls[0].index, kIndex);
+    EXPECT_TRUE(same(calls[0].position, at));
     EXPECT_EQ(takeCalls(), "t.eval ");  // once, whatever the guards say
     return value;
 }
@@ -58,18 +61,23 @@ TEST(FractalNoise, AddsOctavesWithAShareOfTheLast) {
 }
 
 TEST(FractalNoise, IsZeroWithoutAnOctave) {
+    float3 const nowhere{kNaN, 0, 0};  // any call of the noise would show
     for (float const octaves : {0.0F, -0.0F, -0.5F, -3.0F, kNaN, kInf, -kInf, 0x1p31F, 1e38F})
-        EXPECT_TRUE(same(fractal(8, octaves), 0.0F)) << octaves;
+        EXPECT_TRUE(same(fractal(8, octaves, 0.5F, 2, nowhere), 0.0F)) << octaves;
     for (float const none : {0.0F, -0.0F, kNaN}) {
-        EXPECT_TRUE(same(fractal(none, 2), 0.0F));
-        EXPECT_TRUE(same(fractal(8, 2, none), 0.0F));
+        EXPECT_TRUE(same(fractal(none, 2, 0.5F, 2, nowhere), 0.0F));
+        EXPECT_TRUE(same(fractal(8, 2, none, 2, nowhere), 0.0F));
     }
     EXPECT_NE(fractal(8, 2, -0.5F), 0);
 }
 
 TEST(CurlNoise, FoldsItsSeedAndChoosesItsFunction) {
     auto const value = [](bool smooth, std::int64_t seed) {
-        return VectorFieldCurlNoise(s(0.75F), smooth, seed).eval(kAt, kIndex);
+        calls.clear();
+        float3 const curl = VectorFieldCurlNoise(s(0.75F), smooth, seed).eval(kAt, kIndex);
+        EXPECT_EQ(calls[0].position, kAt);
+        EXPECT_EQ(calls[0].index, kIndex);
+        return curl;
     };
     EXPECT_TRUE(same(value(false, 5), Orvane::Math::curl_noise(kAt, 0.75F, 5)));
     EXPECT_TRUE(same(value(true, 5), Orvane::Math::smooth_curl_noise(kAt, 0.75F, 5)));
@@ -92,7 +100,16 @@ TEST(FractalTurbulence, AddsOctavesInSinglePrecision) {
         EXPECT_TRUE(same(turbulence(s(0.375F), 2.5F, smooth).eval(kAt, kIndex), expected));
     }
     for (float const octaves : {0.0F, -2.0F, kNaN, kInf, 0x1p31F})
-        EXPECT_TRUE(same(turbulence(s(0), octaves, true).eval(kAt, 0), float3{})) << octaves;
+        EXPECT_TRUE(same(turbulence(s(0), octaves, true).eval({kNaN, 0, 0}, 0), float3{}))
+            << octaves;
+    for (float const none : {0.0F, kNaN})
+        for (auto const& node :
+             {VectorFieldFractalTurbulence(none, 2, 2, 1, 1, s(0, kA, "t"), 1, true, 1),
+              VectorFieldFractalTurbulence(1, 2, 2, 1, none, s(0, kA, "t"), 1, false, 1)}) {
+            calls.clear();
+            EXPECT_TRUE(same(node.eval({kNaN, 0, 0}, kIndex), float3{}));
+            EXPECT_EQ(takeCalls(), "t.eval ");
+        }
 }
 
 /// A constant that counts how often it is asked.
@@ -116,6 +133,7 @@ TEST(FractalTurbulence, KeepsAConstantTimeBetweenTheHooks) {
         float3 const unprepared = node.eval(kAt, kIndex);
         EXPECT_EQ(time->count, 1);
         EXPECT_EQ(time->last.index, kIndex);
+        EXPECT_EQ(time->last.position, kAt);
         node.preSampleField();
         EXPECT_EQ(time->count, 2);
         EXPECT_EQ(time->last.position, float3{});
@@ -168,6 +186,12 @@ TEST(NoiseNodes, HideTheirChildFromWalksAndHookIt) {
         node->caccept(counter);
     }
     EXPECT_EQ(counter.count, 0);
+    for (auto const& node : std::initializer_list<std::pair<Quern::String, char const*>>{
+             {simplex.getType(), "zel::ScalarFieldSimplexNoise"},
+             {sum.getType(), "zel::ScalarFieldFractalNoise"},
+             {curl.getType(), "zel::VectorFieldCurlNoise"},
+             {turbulent.getType(), "zel::VectorFieldFractalTurbulence"}})
+        EXPECT_EQ(node.first, node.second);
     static_assert(!std::is_copy_assignable_v<ScalarFieldSimplexNoise> &&
                   !std::is_copy_assignable_v<ScalarFieldFractalNoise> &&
                   !std::is_copy_assignable_v<VectorFieldCurlNoise> &&

@@ -68,6 +68,17 @@ inline std::string takeCalls() {
     return text;
 }
 
+/// Expects that all calls since then were made with `kIndex`, and at `kPosition` but for those of a
+/// probe named `moved`.
+inline void expectIndices(char moved = 0) {
+    for (Call const& call : calls) {
+        EXPECT_EQ(call.index, kIndex) << call.what;
+        if (call.what[0] != moved) {
+            EXPECT_EQ(call.position, kPosition) << call.what;
+        }
+    }
+}
+
 /// A leaf with a fixed value and gradient that records its calls.
 template <class Interface> class Probe : public Interface {
 public:

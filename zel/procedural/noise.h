@@ -74,10 +74,10 @@ private:
 /// A weighted sum of layers of curl noise, with the octaves of ScalarFieldFractalNoise but in
 /// single precision throughout.
 ///
-/// Where `time` is a ScalarFieldConstant, a batch evaluates it once: the hook before it keeps the
-/// value and the hook after it forgets it. So the hooks of one node must not run while another
-/// thread evaluates it, and a tree with this node in it takes one batch at a time. A copy starts
-/// without a kept value.
+/// Where `time` is a ScalarFieldConstant and the noise is smooth, a batch evaluates it once: the
+/// hook before it keeps the value. The hooks write to the node, whatever its time is: they must not
+/// run while another thread samples it, and a tree with this node in it takes one batch at a time.
+/// A copy starts without a kept value.
 class ZEL_API VectorFieldFractalTurbulence
     : public HookedNode<VectorFieldFractalTurbulence, VectorField> {
 public:
