@@ -39,10 +39,10 @@ using Evaluate = std::function<float const*()>;
 
 /// The indices below kCount, shuffled within blocks of 64: neighbours stay near each other, as in a
 /// mesh.
-template <class T> Quern::Ptr<Array<T>> shuffled() {
+template <class T> Quern::Ptr<Array<T>> shuffled(unsigned seed) {
     auto indices = makePtr<Array<T>>(kCount);
     for (long long i = 0; i < kCount; ++i) (*indices)[i] = static_cast<T>(i);
-    std::mt19937 random(20240607);
+    std::mt19937 random(seed);
     for (long long i = 0; i < kCount; i += 64)
         std::shuffle(indices->begin() + i, indices->begin() + i + 64, random);
     return indices;
@@ -165,8 +165,8 @@ int main(int argc, char** argv) {
     tbb::global_control const oneThread(tbb::global_control::max_allowed_parallelism, 1);
 
     Arrays arrays;
-    auto const indices = shuffled<long long>();
-    auto const ranges = shuffled<unsigned int>();
+    auto const indices = shuffled<long long>(7);
+    auto const ranges = shuffled<unsigned int>(8);
     auto const mappedRead = [indices, ranges](float const* in, long long i) {
         return in[ranges->data()[indices->data()[i]]];
     };

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Orvane::Geometry {
 
@@ -10,6 +11,9 @@ namespace {
 
 /// The key of a property object's target, a Quern::String.
 constexpr char const* kTarget = "target";
+
+/// The key of an object's volume, a Quern::Ptr<ORV::Object>.
+constexpr char const* kVolume = "volume";
 
 /// Before the name of a target, the key of its range indices in the object.
 constexpr std::string_view kRangePrefix = "range indices of ";
@@ -46,6 +50,11 @@ void setRangeGeoPropIndices(Object& object, Quern::StringView target,
         throw std::invalid_argument(where + "no array of indices for target \"" +
                                     std::string(target) + "\"");
     object.setProperty(rangeKey(target), std::move(indices));
+}
+
+void setVolume(Object& object, Quern::Ptr<ORV::Object> volume) {
+    if (!volume) throw std::invalid_argument("Orvane::Geometry::setVolume: no volume");
+    object.setProperty(kVolume, std::move(volume));
 }
 
 void detail::setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,

@@ -10,6 +10,10 @@
 // The part on whose elements a property is defined is its target. Elements may share values: the
 // range indices of a target then say, for each element, the place of its value in the arrays of all
 // properties on that target.
+namespace ORV {
+class Object;
+}  // namespace ORV
+
 namespace Orvane::Geometry {
 
 // The constants are made when the library is loaded, ahead of the statics of all that link it.
@@ -36,6 +40,10 @@ getRangeGeoPropIndices(Object const& object, Quern::StringView target);
 /// unchanged. They are kept as an entry of the object, under "range indices of " and the target.
 ZEL_PLATFORM_API void setRangeGeoPropIndices(Object& object, Quern::StringView target,
                                              Quern::Ptr<Quern::Array<unsigned int>> indices);
+
+/// Gives the object a volume, in place of an earlier one. Throws std::invalid_argument if there is
+/// none; the object is then unchanged. It is kept as an entry of the object, under "volume".
+ZEL_PLATFORM_API void setVolume(Object& object, Quern::Ptr<ORV::Object> volume);
 
 namespace detail {
 ZEL_PLATFORM_API void setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,

@@ -48,7 +48,9 @@ void checkType(std::vector<T> const& values, std::vector<float> const& expected)
     auto const count = static_cast<long long>(values.size());
     for (long long i = 0; i < count; ++i)
         EXPECT_TRUE(same(node.eval(kPosition, i), expected[static_cast<std::size_t>(i)])) << i;
-    for (long long const outside : {-1LL, count, kIndex})
+    for (long long const outside :
+         {-1LL, count, kIndex, 1LL << 32, std::numeric_limits<long long>::max(),
+          std::numeric_limits<long long>::min()})
         EXPECT_TRUE(same(node.eval(kPosition, outside), expected[0])) << outside;
 }
 
@@ -217,6 +219,32 @@ TEST(IndexMaps, LeadToTheElementThatIsReadAndFound) {
     checkMaps<Vector, VectorGeoPropertyFound>(true, kT, {kA, kB, kT + kA, kT + kB});
     checkMaps<Vector, VectorGeoPropertyFound>(
         false, float4{}, {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 1, 1}});
+}
+
+TEST(IndexMaps, AreSharedReplacedAndKept) {
+    auto const numbers = arrayOf<float>({10, 11, 12});
+    Scalar node("p");
+    node.apply_object(objectOf(-1.0F, numbers));
+    auto const first = arrayOf<long long>({2, 2});
+    node.use_property_indices(first);
+    node.use_property_indices(nullptr);
+    EXPECT_EQ(node.eval(kPosition, 0), 12);
+    (*first)[0] = 1;
+    EXPECT_EQ(node.eval(kPosition, 0), 11);
+    node.use_property_indices(arrayOf<long long>({0}));
+    EXPECT_EQ(node.eval(kPosition, 0), 10);
+    EXPECT_EQ(first.useCount(), 1);
+    // A later object keeps the map, also one whose values are read by a converter.
+    node.apply_object(objectOf(-1.0F, arrayOf<float>({20})));
+    EXPECT_EQ(node.eval(kPosition, 0), 20);
+    EXPECT_EQ(node.eval(kPosition, 1), -1);
+    node.apply_object(objectOf(-1.0F));
+    node.apply_object(objectOf(short{-3}, arrayOf<short>({30, 31})));
+    EXPECT_EQ(node.eval(kPosition, 0), 30);
+    EXPECT_EQ(node.eval(kPosition, 1), -3);
+    // An array without elements is bound too, ahead of the converter.
+    node.apply_object(objectOf(3.0F, makePtr<Array<float>>()));
+    EXPECT_EQ(node.eval(kPosition, 0), 3);
 }
 
 TEST(RotationVector, IsTheAxisTimesTheAngle) {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <utility>
+#include <atomic>
 
 #include "benchmarks/allocation_count.h"
 #include "zel/zel.h"
@@ -13,7 +13,7 @@ using namespace Orvane::Geometry;
 using Quern::Array;
 using Quern::makePtr;
 
-int lookUps = 0;
+std::atomic<int> lookUps = 0;
 
 struct Counting : Orvane::Object {
     bool hasProperty(Quern::StringView key) const override {
@@ -38,8 +38,8 @@ void check(T defaultValue, Stored const& stored, Expected const& expected) {
         (*map)[i] = i;
     }
     auto const node = makePtr<Node>("p");
+    Counting object;
     {
-        Counting object;
         setGeoProperty(object, "p", defaultValue, values, "points");
         setRangeGeoPropIndices(object, "points", ranges);
         auto const property = makePtr<Counting>();
@@ -49,7 +49,7 @@ void check(T defaultValue, Stored const& stored, Expected const& expected) {
         node->apply_object(object);
         node->use_property_indices(map);
     }
-    EXPECT_GT(std::exchange(lookUps, 0), 0);
+    EXPECT_GT(lookUps.exchange(0), 0);
     Array<float3> const positions(kCount);
     (void)node->eval(positions);  // wakes the threads
     AllocationCount const allocations;
@@ -69,6 +69,13 @@ TEST(PropertyBatch, AllocatesItsResultAndLooksNothingUp) {
     check<ScalarGeoPropertyTriggered>(
         -1LL, [](long long i) { return i; }, number);
     check<VectorGeoPropertyTriggered>(float3{}, vector, vector);
+    check<ScalarGeoPropertyFound>(0.0F, number, [](long long) { return 1.0F; });
+    check<VectorGeoPropertyTriggered>(
+        float4{},
+        [](long long) {
+            return float4{0, 0, 0, 1};
+        },
+        [](long long) { return float3{}; });
     check<VectorGeoPropertyFound>(
         float4{}, [](long long) { return float4{}; }, [](long long) { return 1.0F; });
 }

@@ -47,6 +47,7 @@ TEST(GeoProperty, IsStoredWholeOrNotAtAll) {
              {[&] { setGeoProperty<short>(object, "id", 3, nullptr); }, "\"id\""},
              {[&] { setGeoProperty(object, "range indices of x", short{3}, data); }, "of x\""},
              {[&] { setRangeGeoPropIndices(object, "points", nullptr); }, "\"points\""},
+             {[&] { setVolume(object, nullptr); }, "no volume"},
              {[&] { setRangeGeoPropIndices(object, "", indices); }, "name is empty"}}) {
         try {
             mistake.call();

@@ -9,20 +9,25 @@
 // Leaves that read a property of a geometry object, by element index. A node is made of the name of
 // the property alone; later a caller walks the tree and binds each node that is triggerable:
 //
-//   apply_object          finds the property, takes its default value, and shares its array and the
-//                         range indices of its target. The type of the default value decides; an
-//                         array of another type is not read. Without such a property nothing
-//                         changes, so what an earlier object gave stays. Throws what the look-ups
-//                         of the object throw.
+//   apply_object          finds the property, takes its default value, shares its array, and the
+//                         range indices of its target. The type of the default value decides how
+//                         the array is read, and both must be of one type; but a scalar node also
+//                         reads an array of `float` whose default value is of another type, and
+//                         keeps its own default then. A property with a default value and without
+//                         an array of that type gives the default alone. Without such a property
+//                         nothing changes. `float` or `float3` values, once bound, are read before
+//                         values of another type from a later object. Throws what the look-ups of
+//                         the object throw; the node may then be bound in part, and is bound anew
+//                         by the next call.
 //   use_property_indices  for a property that is read as `float` or `float3`: shares an array that
 //                         gives, for each sampled index, the element to read. It has no effect
-//                         while there is no such property or if the array is empty, and a later
-//                         array replaces an earlier one.
+//                         while there is no such property or if the array is empty. A later array
+//                         replaces an earlier one; a later object does not, whatever its type.
 //
 // Until then, and for each index that either map or the values do not have, a node answers its
 // default value. The position plays no part and the gradient is zero. A bound array must keep its
-// size and values while it is sampled. A copy shares all that the node is bound to, and so does
-// what is made by a move: a node can be bound and sampled after it.
+// size as long as it is bound, and its values while it is sampled. A copy shares all that the node
+// is bound to, and so does what is made by a move: a node can be bound and sampled after it.
 namespace zel {
 
 /// What all four nodes share. `Binding` holds the property.
@@ -62,8 +67,9 @@ private:
 
 /// The value of a property of type float3, or the rotation vector of one of type float4: the axis
 /// of the quaternion (x, y, z, w) times its angle, from 0 to 2 pi radians. The quaternion need not
-/// be of unit length. A half angle below 1e-6 gives (0, 0, angle), one below about 1e-3 or that
-/// close to pi, or a NaN, the zero vector. The default value is the zero vector before a binding.
+/// be of unit length, so long as its length is between 1e-18 and 1e18. A half angle below 1e-6
+/// gives (0, 0, angle), one below about 1e-3 or that close to pi, or a NaN, the zero vector. The
+/// default value is the zero vector before a binding.
 class ZEL_API VectorGeoPropertyTriggered
     : public GeoPropertyNode<VectorGeoPropertyTriggered, VectorField,
                              detail::VectorPropertyBinding> {

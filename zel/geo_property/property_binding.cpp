@@ -1,6 +1,8 @@
 #include "zel/geo_property/property_binding.h"
 
+#include <tuple>
 #include <type_traits>
+#include <utility>
 
 #include "orvane_geometry/geo_property.h"
 #include "zel/geo_property/scalar_converter.h"

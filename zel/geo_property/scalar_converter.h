@@ -6,7 +6,7 @@
 #include "quern_core/array.h"
 #include "quern_core/ptr.h"
 
-// Internal: reads an array of any numeric type as floats.
+// Internal: reads an array of one of ten numeric types as floats.
 namespace zel {
 
 /// The nearest float to a number of any type; nothing saturates. A double beyond the range of
@@ -32,7 +32,8 @@ protected:
     ScalarConverter(ScalarConverter const&) = default;
 };
 
-/// Shares the array. An empty pointer counts as an array without elements.
+/// Shares the array, which must keep its size. An empty pointer counts as an array without
+/// elements. The bytes of a `bool` array must be 0 or 1.
 template <class T> class ScalarConverterImpl : public ScalarConverter {
 public:
     explicit ScalarConverterImpl(Quern::Ptr<Quern::Array<T>> values);
