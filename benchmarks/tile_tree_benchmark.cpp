@@ -1,0 +1,255 @@
+// The tile tree at work: look-ups at random points and along scan lines, against a flat hash map of
+// the same tiles by corner; filling and restricting a narrow band of about ten million voxels
+// around a sphere; and computing its halo. `bytes_per_voxel` counts a leaf's samples and all that
+// the tree and its coarser samples add, by voxel of the deepest depth.
+
+#include <benchmark/benchmark.h>
+#include <tbb/global_control.h>
+#include <tbb/info.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "orvane_geometry_volume/tile_tree.h"
+
+namespace {
+
+using namespace ORV::TileTree3D;
+
+/// A band of tiles of the deepest depth around a sphere of radius 1, in a tree whose root is far
+/// larger, like that of any volume.
+template <class Traits> class Band {
+public:
+    static constexpr float kVoxelSize = Traits::kBranch == 2 ? 1.0f / 230 : 1.0f / 220;
+    static constexpr float kHalfWidth = 4.5f * kVoxelSize;
+
+    Band() : volume(build()) {}
+
+    /// The band is wanted where the distance to the sphere's surface has its range in a box.
+    static bool wanted(float3 const& low, float3 const& high, int) {
+        float least = 0, most = 0;
+        for (int axis = 0; axis < 3; ++axis) {
+            float const a = std::abs(low[axis]), b = std::abs(high[axis]);
+            float const near = low[axis] <= 0 && high[axis] >= 0 ? 0 : std::min(a, b);
+            float const far = std::max(a, b);
+            least += near * near;
+            most += far * far;
+        }
+        return std::sqrt(least) <= 1 + kHalfWidth && std::sqrt(most) >= 1 - kHalfWidth;
+    }
+    static float distance(float3 const& p) {
+        return std::sqrt(p.x * p.x + p.y * p.y + p.z * p.z) - 1;
+    }
+    static Volume<Traits, float> build() {
+        return buildVolume<Traits, float>(kVoxelSize, Traits::kMaxDepth, wanted, distance);
+    }
+
+    long long voxels() const { return volume.channel->elementCount(Traits::kMaxDepth); }
+
+    Volume<Traits, float> volume;
+};
+
+template <class Traits> Band<Traits> const& band() {
+    static Band<Traits> const made;
+    return made;
+}
+
+/// Points of the deepest tiles in a random order, or along lines through the sphere's bounding box.
+template <class Traits> std::vector<int3> points(bool scan) {
+    constexpr std::size_t kCount = std::size_t{1} << 20;
+    std::vector<int3> points;
+    points.reserve(kCount);
+    std::mt19937 engine(7);
+    auto const& container = *band<Traits>().volume.container;
+    if (!scan) {
+        auto const tiles = static_cast<std::uint64_t>(container.tileCount(Traits::kMaxDepth));
+        for (std::size_t i = 0; i < kCount; ++i) {
+            auto const tile = static_cast<long long>(engine() % tiles);
+            int3 const& corner = container.tile(tile, Traits::kMaxDepth).tijk();
+            auto const in = [&] { return static_cast<int>(engine() % Traits::kSamples); };
+            points.push_back(corner + int3{in(), in(), in()});
+        }
+        return points;
+    }
+    auto const reach = static_cast<int>(1.1f / Band<Traits>::kVoxelSize);
+    while (points.size() < kCount) {
+        auto const place = [&] {
+            return static_cast<int>(engine() % static_cast<unsigned>(2 * reach)) - reach;
+        };
+        int const j = place(), k = place();
+        for (int i = -reach; i < reach; ++i) points.push_back({i, j, k});
+    }
+    return points;
+}
+
+/// A look-up as a sampler makes it.
+template <class Traits, bool scan> void tree(benchmark::State& state) {
+    auto const at = points<Traits>(scan);
+    auto const accessor = band<Traits>().volume.container->tileAccessor();
+    for (auto _ : state) {
+        long long sum = 0;
+        for (int3 const& p : at) {
+            auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
+            sum += tile.m_index + tile.m_depth;
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    state.counters["ns_per_item"] = benchmark::Counter(
+        static_cast<double>(at.size()) * 1e-9,
+        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+/// All tiles of a tree in one table of open addresses, at most half full: a corner and a depth give
+/// the place within the depth. A look-up asks for the deepest depth first.
+template <class Traits> class FlatMap {
+public:
+    explicit FlatMap(Container<Traits> const& container) {
+        std::size_t size = 1;
+        while (size < 2 * container.size()) size *= 2;
+        m_slots.resize(size);
+        for (int depth = 0; depth <= container.depth(); ++depth)
+            for (long long i = 0; i < container.tileCount(depth); ++i) {
+                auto const& tile = container.tile(i, depth);
+                std::size_t at = hash(tile.m_tijk, depth);
+                while (m_slots[at].depth >= 0) at = (at + 1) & (size - 1);
+                m_slots[at] = {tile.m_tijk, depth, static_cast<std::int32_t>(i)};
+            }
+    }
+
+    /// The sum of the tile's place and depth, or -1.
+    long long find(int3 const& p, int depth) const {
+        for (int d = depth; d >= 0; --d) {
+            auto const width = static_cast<std::uint32_t>(Traits::tileWidth(d));
+            auto const down = [&](int c) {
+                return static_cast<int>(static_cast<std::uint32_t>(c) -
+                                        Traits::aboveRoot(c) % width);
+            };
+            int3 const corner{down(p.x), down(p.y), down(p.z)};
+            for (std::size_t at = hash(corner, d); m_slots[at].depth >= 0;
+                 at = (at + 1) & (m_slots.size() - 1))
+                if (m_slots[at].depth == d && m_slots[at].corner == corner)
+                    return m_slots[at].index + d;
+        }
+        return -1;
+    }
+    std::size_t bytes() const { return m_slots.size() * sizeof(Slot); }
+
+private:
+    struct Slot {
+        int3 corner;
+        int depth = -1;
+        std::int32_t index = 0;
+    };
+
+    std::size_t hash(int3 const& corner, int depth) const {
+        auto const word = [](int c) { return std::uint64_t{static_cast<std::uint32_t>(c)}; };
+        std::uint64_t h = word(corner.x) * 0x9e3779b97f4a7c15U;
+        h = (h ^ (h >> 29) ^ word(corner.y)) * 0xbf58476d1ce4e5b9U;
+        h = (h ^ (h >> 32) ^ word(corner.z) ^ word(depth) << 40) * 0x94d049bb133111ebU;
+        return (h ^ (h >> 31)) & (m_slots.size() - 1);
+    }
+
+    std::vector<Slot> m_slots;
+};
+
+template <class Traits, bool scan> void flatMap(benchmark::State& state) {
+    auto const at = points<Traits>(scan);
+    auto const& container = *band<Traits>().volume.container;
+    FlatMap<Traits> const map(container);
+    auto const accessor = container.tileAccessor();
+    for (int3 const& p : at) {
+        auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
+        if (map.find(p, Traits::kMaxDepth) != tile.m_index + tile.m_depth)
+            state.SkipWithError("the map and the tree differ");
+    }
+    for (auto _ : state) {
+        long long sum = 0;
+        for (int3 const& p : at) sum += map.find(p, Traits::kMaxDepth);
+        benchmark::DoNotOptimize(sum);
+    }
+    state.counters["ns_per_item"] = benchmark::Counter(
+        static_cast<double>(at.size()) * 1e-9,
+        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    state.counters["bytes_per_voxel"] =
+        static_cast<double>(map.bytes()) / static_cast<double>(band<Traits>().voxels());
+}
+
+/// Runs on 1 thread, or on all if `threads` is 0.
+class Threads {
+public:
+    explicit Threads(std::int64_t threads)
+        : m_control(tbb::global_control::max_allowed_parallelism,
+                    threads > 0 ? static_cast<std::size_t>(threads)
+                                : static_cast<std::size_t>(tbb::info::default_concurrency())) {}
+
+private:
+    tbb::global_control m_control;
+};
+
+template <class Traits> void countVoxels(benchmark::State& state, double voxels) {
+    state.counters["Mvoxels"] = voxels * 1e-6;
+    state.counters["ns_per_item"] = benchmark::Counter(
+        voxels * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+template <class Traits> void refine(benchmark::State& state) {
+    Threads const threads(state.range(0));
+    for (auto _ : state) {
+        Container<Traits> container(Band<Traits>::kVoxelSize);
+        refineTree(container, Traits::kMaxDepth, Band<Traits>::wanted);
+        benchmark::DoNotOptimize(container.size());
+    }
+    countVoxels<Traits>(state, static_cast<double>(band<Traits>().voxels()));
+}
+
+template <class Traits> void fillAndRestrict(benchmark::State& state) {
+    Threads const threads(state.range(0));
+    auto const volume = band<Traits>().volume;
+    for (auto _ : state)
+        fillChannel<Traits, float>(*volume.channel, *volume.topology, Band<Traits>::distance);
+    countVoxels<Traits>(state, static_cast<double>(band<Traits>().voxels()));
+    unsigned long long tree = 0, samples = 0, held = 0;
+    volume.container->memUse(tree, held, true);
+    volume.channel->memUse(samples, held, true);
+    auto const voxels = static_cast<double>(band<Traits>().voxels());
+    state.counters["bytes_per_voxel"] = static_cast<double>(tree + samples) / voxels;
+    state.counters["tree_bytes_per_voxel"] = static_cast<double>(tree) / voxels;
+}
+
+template <class Traits> void halo(benchmark::State& state) {
+    Threads const threads(state.range(0));
+    auto const& volume = band<Traits>().volume;
+    float const zero = 0;
+    HaloChannel<Traits, float> halo("", &zero, 0, false, true, 0, Traits::kMaxDepth);
+    halo.update(*volume.topology);
+    for (auto _ : state)
+        computeHalo<Traits, float, 0, 0, 1, 0>(*volume.channel, *volume.container, halo, 0,
+                                               Traits::kMaxDepth);
+    countVoxels<Traits>(state, static_cast<double>(band<Traits>().voxels()));
+}
+
+#define ZEL_BENCH(Kind, name)                                                                      \
+    BENCHMARK(tree<Kind, false>)->Name("random/tree/" name);                                       \
+    BENCHMARK(flatMap<Kind, false>)->Name("random/flat_map/" name);                                \
+    BENCHMARK(tree<Kind, true>)->Name("scan/tree/" name);                                          \
+    BENCHMARK(flatMap<Kind, true>)->Name("scan/flat_map/" name);                                   \
+    BENCHMARK(refine<Kind>)                                                                        \
+        ->Name("refine/" name)                                                                     \
+        ->ArgName("threads")                                                                       \
+        ->Arg(1)                                                                                   \
+        ->Arg(0)                                                                                   \
+        ->UseRealTime();                                                                           \
+    BENCHMARK(fillAndRestrict<Kind>)                                                               \
+        ->Name("fill_restrict/" name)                                                              \
+        ->ArgName("threads")                                                                       \
+        ->Arg(1)                                                                                   \
+        ->Arg(0)                                                                                   \
+        ->UseRealTime();                                                                           \
+    BENCHMARK(halo<Kind>)->Name("halo/" name)->ArgName("threads")->Arg(1)->Arg(0)->UseRealTime()
+
+ZEL_BENCH(BinaryTraits, "2-tree");
+ZEL_BENCH(QuinaryTraits, "5-tree");
+
+}  // namespace

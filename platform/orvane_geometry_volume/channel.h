@@ -1,0 +1,177 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <map>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "orvane_geometry_volume/channel_memory_pool.h"
+#include "orvane_geometry_volume/tile_data.h"
+#include "orvane_geometry_volume/voxel_topology.h"
+#include "quern_core/any.h"
+#include "quern_core/array.h"
+#include "quern_core/string.h"
+
+namespace ORV::TileTree3D {
+
+/// A move of an element within a depth: place `to` takes the value that place `from` had.
+struct ElementToFrom {
+    long long to, from;
+};
+
+/// The samples of the tiles of a tree, from a minimum depth to a deepest depth: W samples of a T
+/// along each axis of a tile, and a ring of H around them. Each depth is one run of samples, tile
+/// after tile, so that the samples of a tile are found by arithmetic alone.
+///
+/// A channel has no tiles until it is sized to a topology. The operations that size it, or change
+/// its tiles, leave it as it was when they throw: std::invalid_argument for a component that is not
+/// a topology of this kind of tree, and for lists that do not fit the tiles; std::out_of_range for
+/// depths outside 0 to Traits::kMaxDepth, or in the wrong order; std::bad_alloc.
+///
+/// Any number of threads may read one channel while none writes it, and write distinct tiles.
+template <class Traits, class T, int W, int H, int X>
+class ZEL_PLATFORM_API Channel : public Component {
+public:
+    using Layout = TileLayout<W, H>;
+    using ConstData = ConstTileData<T, W, H, X>;
+    using Data = TileData<T, W, H, X>;
+
+    /// `defaultValue` may be null, for a zero. The initializer type is 0, and any other throws
+    /// std::invalid_argument. `pooled` takes the memory from ChannelMemoryPool where that is
+    /// enabled. Elements are always constructed, whatever `callElementConstructor` says: a channel
+    /// never shows raw memory.
+    Channel(Quern::String const& name, T const* defaultValue,
+            DataElementInitializerType initializer, bool pooled, bool callElementConstructor,
+            int minDepth, int maxDepth);
+    Channel(Channel const& other);
+    /// Leaves `other` without tiles.
+    Channel(Channel&& other) noexcept;
+    Channel& operator=(Channel const&) = delete;
+    ~Channel() override;
+
+    void dump(std::ostream& stream) const override;
+    void memUse(unsigned long long& used, unsigned long long& held, bool withObject) const override;
+    void copyTo(Quern::Ptr<Component>& target) const override;
+    unsigned long long size() const override;
+    bool empty() const override;
+    /// Sizes the channel to a topology. Tiles of the same tree that it had keep their samples; all
+    /// others start at the default value.
+    void update(Component const& topology) override;
+    long long elementCount(int depth) const override;
+    int elementCount(TreeIndex const& index) const override;
+    long long tileCount(int depth) const override;
+    int minDepth() const override { return m_minDepth; }
+    /// The deepest depth of which the channel would hold tiles, as it was set.
+    int depth() const override { return m_maxDepth; }
+
+    /// Changes the depths and sizes the channel to the topology. Tiles of depths that stay keep
+    /// their samples.
+    virtual void setMinDepth(int minDepth, Component const& topology);
+    virtual void setDepth(int maxDepth, Component const& topology);
+    /// Whether `value` holds exactly a T.
+    virtual bool hasElementType(Quern::Any const& value) const;
+    /// A copy of the samples of a depth, tile after tile, as a Quern::Array<T>. `value` must hold a
+    /// T, to show that the caller knows the type.
+    virtual Quern::Ptr<void> channelData(unsigned int depth, Quern::Any const& value);
+    /// Takes over the samples of a depth from a Quern::Array<T> of just as many elements.
+    virtual void setChannelData(unsigned int depth, Quern::Any const& value,
+                                Quern::Ptr<void> const& data);
+    /// Sizes the channel to a tree that has grown; tiles keep their samples by their index. Throws
+    /// std::invalid_argument if the topology has fewer tiles at some depth.
+    virtual void updateTilesAdded(Component const& topology);
+    /// Removes, at each depth, the tiles of the given half-open ranges, which are in ascending
+    /// order and apart. The tiles behind move down, with their samples, and the channel then fits
+    /// `topology`.
+    virtual void
+    updateTilesRemoved(std::vector<std::vector<std::pair<long long, long long>>> const& ranges,
+                       Component const& topology);
+    /// Reorders the tiles of each depth: entry `i` of a depth is the present place of the tile that
+    /// goes to place `i`. An empty list leaves a depth as it is. The channel then belongs to no
+    /// tree until it is sized, by updateTilesAdded, to the topology of the reordered one.
+    virtual void updateTilesPermuted(std::vector<std::vector<long long>> const& sources);
+    /// Moves elements within each depth, all at once. `to` and `from` are flat places: tile times
+    /// the elements of a tile, and the place in the tile. The other lists and maps belong to
+    /// channels with elements of their own in a tile, of which there are none here: they must be
+    /// empty.
+    virtual void
+    updateElements(std::vector<std::vector<ElementToFrom>> const& moves,
+                   std::vector<std::vector<long long>> const& elements = {},
+                   std::vector<std::map<long long, long long>> const& elementMaps = {});
+    /// Throws std::logic_error: the number of elements of a tile is fixed by the channel's type.
+    virtual void updateElementResize(Component const& topology);
+
+    /// The samples of a tile; no data for a tile that the channel does not have.
+    ConstData tileData(TreeIndex const& index) const { return ConstData(samples(index)); }
+    Data tileData(TreeIndex const& index) {
+        Data data;
+        data.setFlatPointer(samples(index));
+        return data;
+    }
+    /// The samples of a tile, Layout::kCount of them, or null.
+    T* samples(TreeIndex const& index) {
+        return const_cast<T*>(std::as_const(*this).samples(index));
+    }
+    T const* samples(TreeIndex const& index) const {
+        if (static_cast<unsigned>(index.depth) > unsigned{Traits::kMaxDepth}) return nullptr;
+        Level const& level = m_levels[static_cast<unsigned>(index.depth)];
+        if (static_cast<unsigned long long>(index.tile) >= level.tiles) return nullptr;
+        return level.first + index.tile * Layout::kCount;
+    }
+
+    /// The value of every point that no tile of the channel covers.
+    T const& defaultValue() const { return m_defaultValue; }
+    Quern::String const& name() const { return m_name; }
+    /// Whether the channel is sized to the present tiles of that tree.
+    bool fits(Container<Traits> const& container) const { return m_stamp == container.stamp(); }
+    /// Sizes the channel like update(), to a tree at hand.
+    void updateTo(Container<Traits> const& container);
+
+    /// Starts afresh, as the constructor does, without tiles but with the memory it has.
+    void restart(T const& defaultValue, bool pooled, int minDepth, int maxDepth);
+    /// The bytes that the channel holds for samples.
+    std::size_t capacity() const { return m_memory.capacity(); }
+
+private:
+    struct Level {
+        T* first = nullptr;
+        unsigned long long tiles = 0;
+    };
+    using Levels = std::array<Level, Traits::kMaxDepth + 1>;
+    using TileCounts = std::array<long long, Traits::kMaxDepth + 1>;
+
+    static Container<Traits> const& containerOf(Component const& topology, char const* caller);
+    static void checkDepths(int minDepth, int maxDepth, char const* caller);
+    long long present(int depth) const {
+        return static_cast<long long>(m_levels[static_cast<unsigned>(depth)].tiles);
+    }
+    std::span<T> depthSamples(unsigned depth, Quern::Any const& value, char const* caller);
+    ChannelMemory place(Levels& levels, TileCounts const& counts, int minDepth, int maxDepth,
+                        bool reuse);
+    void resize(Container<Traits> const& container, int minDepth, int maxDepth, bool keep);
+
+    Quern::String m_name;
+    T m_defaultValue;
+    bool m_pooled;
+    int m_minDepth, m_maxDepth;
+    Levels m_levels;
+    ChannelMemory m_memory;
+    TreeStamp m_stamp;
+};
+
+// The channels of samples, those of halos and those of flags.
+#define ZEL_DETAIL_CHANNELS(prefix, api, Traits, W, WHalo)                                         \
+    prefix template class api Channel<Traits, float, W, 0, 0>;                                     \
+    prefix template class api Channel<Traits, float, WHalo, 0, 0>;                                 \
+    prefix template class api Channel<Traits, float3, W, 0, 0>;                                    \
+    prefix template class api Channel<Traits, float3, WHalo, 0, 0>;                                \
+    prefix template class api Channel<Traits, short, W, 1, 0>
+ZEL_DETAIL_CHANNELS(extern, ZEL_PLATFORM_API, BinaryTraits, 4, 5);
+ZEL_DETAIL_CHANNELS(extern, ZEL_PLATFORM_API, QuinaryTraits, 5, 6);
+
+/// The channel of a tree's samples, and the channel of their halos.
+template <class Traits, class T> using DataChannel = Channel<Traits, T, Traits::kSamples, 0, 0>;
+template <class Traits, class T> using HaloChannel = Channel<Traits, T, Traits::kSamples + 1, 0, 0>;
+
+}  // namespace ORV::TileTree3D

@@ -1,0 +1,200 @@
+#pragma once
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <new>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "orvane_geometry_volume/channel.h"
+#include "orvane_geometry_volume/messages.h"
+
+// Making, sizing and describing channels. The operations that move samples about are in
+// channel_update_impl.h.
+namespace ORV::TileTree3D {
+
+#define ZEL_DETAIL_CHANNEL_HEAD template <class Traits, class T, int W, int H, int X>
+#define ZEL_DETAIL_CHANNEL Channel<Traits, T, W, H, X>
+
+ZEL_DETAIL_CHANNEL_HEAD
+ZEL_DETAIL_CHANNEL::Channel(Quern::String const& name, T const* defaultValue,
+                            DataElementInitializerType initializer, bool pooled,
+                            bool /*callElementConstructor*/, int minDepth, int maxDepth)
+    : m_name(name), m_defaultValue(defaultValue ? *defaultValue : T()), m_pooled(pooled),
+      m_minDepth(minDepth), m_maxDepth(maxDepth) {
+    if (initializer != 0)
+        throw std::invalid_argument(Internal::message("Channel: initializer type ", initializer));
+    checkDepths(minDepth, maxDepth, "Channel");
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+ZEL_DETAIL_CHANNEL::Channel(Channel const& other)
+    : Component(other), m_name(other.m_name), m_defaultValue(other.m_defaultValue),
+      m_pooled(other.m_pooled), m_minDepth(other.m_minDepth), m_maxDepth(other.m_maxDepth),
+      m_stamp(other.m_stamp) {
+    TileCounts counts{};
+    for (int d = 0; d <= Traits::kMaxDepth; ++d)
+        counts[static_cast<unsigned>(d)] = other.present(d);
+    m_memory = place(m_levels, counts, m_minDepth, m_maxDepth, false);
+    for (unsigned d = 0; d < m_levels.size(); ++d)
+        std::uninitialized_copy_n(other.m_levels[d].first, counts[d] * Layout::kCount,
+                                  m_levels[d].first);
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+ZEL_DETAIL_CHANNEL::Channel(Channel&& other) noexcept
+    : Component(other), m_name(other.m_name), m_defaultValue(other.m_defaultValue),
+      m_pooled(other.m_pooled), m_minDepth(other.m_minDepth), m_maxDepth(other.m_maxDepth),
+      m_levels(std::exchange(other.m_levels, Levels())), m_memory(std::move(other.m_memory)),
+      m_stamp(std::exchange(other.m_stamp, TreeStamp())) {}
+
+ZEL_DETAIL_CHANNEL_HEAD ZEL_DETAIL_CHANNEL::~Channel() = default;
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::restart(T const& defaultValue, bool pooled, int minDepth, int maxDepth) {
+    checkDepths(minDepth, maxDepth, "Channel::restart");
+    m_name = Quern::String();
+    m_defaultValue = defaultValue;
+    m_pooled = pooled;
+    m_minDepth = minDepth;
+    m_maxDepth = maxDepth;
+    m_levels = Levels();
+    m_stamp = TreeStamp();
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+Container<Traits> const& ZEL_DETAIL_CHANNEL::containerOf(Component const& topology,
+                                                         char const* caller) {
+    auto const* const ours = dynamic_cast<VoxelTopology<Traits> const*>(&topology);
+    if (!ours)
+        throw std::invalid_argument(Internal::message(
+            "Channel::", caller, ": not a topology of this kind of tree: ", topology));
+    return ours->container();
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::checkDepths(int minDepth, int maxDepth, char const* caller) {
+    if (minDepth < 0 || maxDepth < minDepth || maxDepth > Traits::kMaxDepth)
+        throw std::out_of_range(Internal::message(caller, ": depths ", minDepth, " to ", maxDepth));
+}
+
+/// Lays out memory for tiles, without constructing a sample: the present memory, if it is wanted
+/// and is large enough, or new memory, which is returned.
+ZEL_DETAIL_CHANNEL_HEAD
+ChannelMemory ZEL_DETAIL_CHANNEL::place(Levels& levels, TileCounts const& counts, int minDepth,
+                                        int maxDepth, bool reuse) {
+    constexpr std::size_t kTileBytes = Layout::kCount * sizeof(T);
+    std::size_t bytes = 0;
+    for (int d = minDepth; d <= maxDepth; ++d) {
+        auto const tiles = static_cast<std::size_t>(counts[static_cast<unsigned>(d)]);
+        if (tiles > (std::numeric_limits<std::size_t>::max() - bytes) / kTileBytes)
+            throw std::length_error(Internal::message("Channel: ", tiles, " tiles of depth ", d));
+        bytes += tiles * kTileBytes;
+    }
+    ChannelMemory memory;
+    if (!reuse || bytes > m_memory.capacity()) memory = ChannelMemory(bytes, m_pooled);
+    auto* next = static_cast<T*>(reuse && !memory.data() ? m_memory.data() : memory.data());
+    levels = Levels();
+    for (int d = minDepth; d <= maxDepth; ++d) {
+        Level& level = levels[static_cast<unsigned>(d)];
+        level.tiles = static_cast<unsigned long long>(counts[static_cast<unsigned>(d)]);
+        level.first = next;
+        if (level.tiles > 0) next += counts[static_cast<unsigned>(d)] * Layout::kCount;
+    }
+    return memory;
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth, int maxDepth,
+                                bool keep) {
+    auto const counts = container.tileCounts();
+    bool const anyKept =
+        keep && std::any_of(m_levels.begin(), m_levels.end(), [](auto& l) { return l.tiles > 0; });
+    Levels levels;
+    ChannelMemory memory = place(levels, counts, minDepth, maxDepth, !anyKept);
+    for (unsigned d = 0; d < levels.size(); ++d) {
+        auto const tiles = static_cast<long long>(levels[d].tiles);
+        long long const kept =
+            anyKept ? std::min(tiles, static_cast<long long>(m_levels[d].tiles)) : 0;
+        std::uninitialized_copy_n(m_levels[d].first, kept * Layout::kCount, levels[d].first);
+        std::uninitialized_fill_n(levels[d].first + kept * Layout::kCount,
+                                  (tiles - kept) * Layout::kCount, m_defaultValue);
+    }
+    if (anyKept || memory.data()) m_memory = std::move(memory);
+    m_levels = levels;
+    m_minDepth = minDepth;
+    m_maxDepth = maxDepth;
+    m_stamp = container.stamp();
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::updateTo(Container<Traits> const& container) {
+    resize(container, m_minDepth, m_maxDepth, m_stamp.tree == container.stamp().tree);
+}
+
+ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::update(Component const& topology) {
+    updateTo(containerOf(topology, "update"));
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::setMinDepth(int minDepth, Component const& topology) {
+    checkDepths(minDepth, m_maxDepth, "Channel::setMinDepth");
+    auto const& container = containerOf(topology, "setMinDepth");
+    resize(container, minDepth, m_maxDepth, m_stamp.tree == container.stamp().tree);
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::setDepth(int maxDepth, Component const& topology) {
+    checkDepths(m_minDepth, maxDepth, "Channel::setDepth");
+    auto const& container = containerOf(topology, "setDepth");
+    resize(container, m_minDepth, maxDepth, m_stamp.tree == container.stamp().tree);
+}
+
+ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::dump(std::ostream& stream) const {
+    stream << "Channel '" << m_name.c_str() << "' of " << Layout::kCount
+           << " elements a tile, depths " << m_minDepth << " to " << m_maxDepth << "\n";
+    for (int d = 0; d <= Traits::kMaxDepth; ++d)
+        if (present(d) > 0) stream << "  depth " << d << ": " << present(d) << " tiles\n";
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::memUse(unsigned long long& used, unsigned long long& held,
+                                bool withObject) const {
+    auto const object = withObject ? sizeof *this : 0;
+    used = size() * sizeof(T) + object;
+    held = m_memory.capacity() + object;
+}
+
+ZEL_DETAIL_CHANNEL_HEAD
+void ZEL_DETAIL_CHANNEL::copyTo(Quern::Ptr<Component>& target) const {
+    target = Quern::makePtr<Channel>(*this);
+}
+
+ZEL_DETAIL_CHANNEL_HEAD unsigned long long ZEL_DETAIL_CHANNEL::size() const {
+    return static_cast<unsigned long long>(elementCount(-1));
+}
+
+ZEL_DETAIL_CHANNEL_HEAD bool ZEL_DETAIL_CHANNEL::empty() const {
+    return size() == 0;
+}
+
+ZEL_DETAIL_CHANNEL_HEAD long long ZEL_DETAIL_CHANNEL::elementCount(int depth) const {
+    return tileCount(depth) * Layout::kCount;
+}
+
+ZEL_DETAIL_CHANNEL_HEAD int ZEL_DETAIL_CHANNEL::elementCount(TreeIndex const& index) const {
+    return samples(index) ? Layout::kCount : 0;
+}
+
+ZEL_DETAIL_CHANNEL_HEAD long long ZEL_DETAIL_CHANNEL::tileCount(int depth) const {
+    if (depth >= 0 && depth <= Traits::kMaxDepth) return present(depth);
+    long long all = 0;
+    if (depth == -1)
+        for (int d = 0; d <= Traits::kMaxDepth; ++d) all += present(d);
+    return all;
+}
+
+}  // namespace ORV::TileTree3D

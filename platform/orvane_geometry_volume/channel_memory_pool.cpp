@@ -1,0 +1,65 @@
+#include "orvane_geometry_volume/channel_memory_pool.h"
+
+#include <limits>
+#include <memory>
+#include <stdexcept>
+
+#include "orvane_geometry_volume/free_list.h"
+#include "orvane_geometry_volume/messages.h"
+#include "quern_core/type_rep.h"
+
+namespace ORV::TileTree3D {
+
+namespace {
+
+struct Deallocate {
+    void operator()(void* storage) const noexcept {
+        Quern::Internal::typeRep<std::byte>.deallocate(storage);
+    }
+};
+using Block = std::unique_ptr<void, Deallocate>;
+
+/// Never destroyed, for channels that outlive static objects.
+Internal::FreeList<Block>& blocks() {
+    static auto& list = *new Internal::FreeList<Block>;
+    return list;
+}
+
+}  // namespace
+
+namespace ChannelMemoryPool {
+
+bool enabled() {
+    return blocks().enabled();
+}
+void setEnabled(bool on) {
+    blocks().setEnabled(on);
+}
+void clear() {
+    blocks().clear();
+}
+unsigned long long heldBytes() {
+    return blocks().heldSize();
+}
+
+}  // namespace ChannelMemoryPool
+
+ChannelMemory::ChannelMemory(std::size_t bytes, bool pooled) : m_capacity(bytes), m_pooled(pooled) {
+    if (bytes > std::size_t{std::numeric_limits<long long>::max()})
+        throw std::length_error(Internal::message("ChannelMemory: ", bytes, " bytes"));
+    if (bytes == 0) return;
+    if (pooled)
+        if (auto taken = blocks().take(bytes)) {
+            m_data = taken->entry.release();
+            m_capacity = taken->size;
+            return;
+        }
+    m_data = Quern::Internal::typeRep<std::byte>.allocate(static_cast<long long>(bytes));
+}
+
+ChannelMemory::~ChannelMemory() {
+    Block block(m_data);
+    if (m_pooled && m_data) blocks().give(m_capacity, std::move(block));
+}
+
+}  // namespace ORV::TileTree3D

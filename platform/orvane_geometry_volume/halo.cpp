@@ -1,0 +1,135 @@
+#include "orvane_geometry_volume/halo.h"
+
+#include <stdexcept>
+#include <string>
+
+#include "orvane_geometry_volume/halo_fill.h"
+#include "orvane_geometry_volume/messages.h"
+#include "orvane_geometry_volume/parallel.h"
+
+namespace ORV::TileTree3D {
+
+namespace {
+
+constexpr VoxelOffsetType kOnCorners = 7;
+constexpr HaloMode kHighSides = 2, kAllRound = 4;
+constexpr HaloType kAllElements = 15;
+
+[[noreturn]] void refuse(char const* function, char const* what, int value) {
+    throw std::invalid_argument(Internal::message(function, ": ", what, " ", value));
+}
+
+/// Whether a tile of `depth` takes samples from its parent, in a channel of that minimum depth.
+bool parentUsable(int depth, int minDepth) {
+    return depth > 0 && depth - 1 >= minDepth;
+}
+
+template <class Traits, class T>
+void haloOfDepth(DataChannel<Traits, T> const& source, Container<Traits> const& container,
+                 HaloChannel<Traits, T> const& parents, HaloChannel<Traits, T>& halo, int depth) {
+    constexpr long long kGrain = 64;
+    bool const useParent = parentUsable(depth, source.minDepth());
+    Internal::parallelRanges(halo.tileCount(depth), kGrain, [&](long long first, long long last) {
+        auto const accessor = container.tileAccessor();
+        for (long long i = first; i < last; ++i) {
+            auto const& tile = container.tile(i, depth);
+            Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnCorners);
+            fill.run(Internal::tileBlock<Traits, T>(tile, 0, source, accessor),
+                     useParent ? parents.samples(tile.parentTreeIndex()) : nullptr,
+                     source.defaultValue(), halo.samples({i, depth}));
+        }
+    });
+}
+
+}  // namespace
+
+template <class Traits, class T, int A, int B, int C, int D>
+requires HighSideHalo<A, B, C, D>
+void computeHalo(DataChannel<Traits, T> const& source, Container<Traits> const& container,
+                 HaloChannel<Traits, T>& halo, int minDepth, int maxDepth) {
+    if (!source.fits(container))
+        throw std::invalid_argument(Internal::message("computeHalo: channel '", source.name(),
+                                                      "' is not sized to the container as it is"));
+    if (!halo.fits(container))
+        throw std::invalid_argument(
+            "computeHalo: the halo channel is not sized to the container as it is");
+    if (minDepth < 0 || maxDepth < minDepth)
+        throw std::out_of_range(
+            Internal::message("computeHalo: depths ", minDepth, " to ", maxDepth));
+    int const first = std::max(minDepth, halo.minDepth());
+    int const last = std::min({maxDepth, halo.depth(), container.depth()});
+    if (first > last) return;
+
+    if (source.minDepth() < first) {
+        // The halos of the ancestors, which the first depth rests on.
+        HaloChannel<Traits, T> above(Quern::String(), &source.defaultValue(), 0, false, true,
+                                     source.minDepth(), first - 1);
+        above.updateTo(container);
+        for (int depth = source.minDepth(); depth < first; ++depth)
+            haloOfDepth<Traits, T>(source, container, above, above, depth);
+        haloOfDepth<Traits, T>(source, container, above, halo, first);
+    } else {
+        haloOfDepth<Traits, T>(source, container, halo, halo, first);
+    }
+    for (int depth = first + 1; depth <= last; ++depth)
+        haloOfDepth<Traits, T>(source, container, halo, halo, depth);
+}
+
+template <class Traits, class T, int A, int B, int C, int D>
+requires HighSideHalo<A, B, C, D>
+void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
+                 DataChannel<Traits, T> const& channel,
+                 TileData<T, Traits::kSamples + 1, 0, 0>& parentHalo, HaloMode mode,
+                 typename Container<Traits>::ConstTileAccessor& accessor,
+                 TileData<T, Traits::kSamples + 1, 0, 0>& out) {
+    if (mode != kHighSides) refuse("setHaloTile", "halo mode", mode);
+    if (!out) throw std::invalid_argument("setHaloTile: the halo tile has no data");
+    bool const useParent =
+        parent && parent->exists() && parentUsable(tile.depth(), channel.minDepth());
+    Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnCorners);
+    fill.run(Internal::tileBlock<Traits, T>(tile, 0, channel, accessor),
+             useParent ? parentHalo.data() : nullptr, channel.defaultValue(), out.data());
+}
+
+template <class Traits, class T, int A, int B, int C, int D>
+requires AllRoundHalo<A, B, C, D>
+void setHaloTile(TreeIndex const& index, DataChannel<Traits, T> const& channel, HaloMode mode,
+                 HaloType haloType, typename Container<Traits>::ConstTileAccessor& accessor,
+                 TileData<T, Traits::kSamples + 1, 1, 0>& out, T shift, float scale,
+                 VoxelOffsetType type) {
+    using Fill = Internal::HaloFill<Traits, T, 1, 2>;
+    static_assert(Fill::kCount == TileData<T, Traits::kSamples + 1, 1, 0>::Layout::kCount);
+    if (mode != kAllRound) refuse("setHaloTile", "halo mode", mode);
+    if (haloType != kAllElements) refuse("setHaloTile", "halo type", haloType);
+    if (type < 0 || type > 7) refuse("setHaloTile", "offset type", type);
+    if (!out) throw std::invalid_argument("setHaloTile: the halo tile has no data");
+
+    // Up the tree for as long as a tile rests on its parent, then down again.
+    auto const& container = accessor.container();
+    std::array<TileOf<Traits> const*, Traits::kMaxDepth + 1> chain;
+    std::array<Internal::TileBlock<T>, Traits::kMaxDepth + 1> blocks;
+    std::size_t count = 0;
+    for (auto const* tile = &container.tile(index);;
+         tile = &container.tile(tile->parentTreeIndex())) {
+        chain[count] = tile;
+        blocks[count] = Internal::tileBlock<Traits, T>(*tile, -1, channel, accessor);
+        ++count;
+        if (!parentUsable(tile->depth(), channel.minDepth()) ||
+            !Fill(*tile, type).needsParent(blocks[count - 1]))
+            break;
+    }
+    std::array<std::array<T, Fill::kCount>, 2> halos;
+    T const* parent = nullptr;
+    while (count-- > 0) {
+        T* const halo = count > 0 ? halos[count % 2].data() : out.data();
+        Fill(*chain[count], type).run(blocks[count], parent, channel.defaultValue(), halo);
+        parent = halo;
+    }
+
+    if (shift == T() && scale == 1) return;
+    std::for_each_n(out.data(), Fill::kCount, [&](T& sample) { sample = shift + sample * scale; });
+}
+
+ZEL_DETAIL_HALOS();
+
+}  // namespace ORV::TileTree3D

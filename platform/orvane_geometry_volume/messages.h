@@ -1,0 +1,36 @@
+#pragma once
+
+#include <concepts>
+#include <sstream>
+#include <string>
+#include <typeinfo>
+
+#include "orvane_geometry_volume/component.h"
+#include "quern_core/string.h"
+
+// The texts of exceptions, which name the value at fault.
+namespace ORV::TileTree3D::Internal {
+
+inline void put(std::ostream& stream, int3 const& p) {
+    stream << '(' << p.x << ", " << p.y << ", " << p.z << ')';
+}
+inline void put(std::ostream& stream, Component const& component) {
+    stream << typeid(component).name();
+}
+inline void put(std::ostream& stream, Quern::String const& text) {
+    stream << text.c_str();
+}
+template <class Value>
+requires std::is_arithmetic_v<Value> || std::convertible_to<Value, char const*>
+void put(std::ostream& stream, Value value) {
+    stream << value;
+}
+
+/// The parts of a message, one after the other.
+template <class... Parts> std::string message(Parts const&... parts) {
+    std::ostringstream stream;
+    (put(stream, parts), ...);
+    return stream.str();
+}
+
+}  // namespace ORV::TileTree3D::Internal

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
+#include <tbb/task_group.h>
+
+namespace ORV::TileTree3D::Internal {
+
+/// Calls `body(first, last)` on ranges that cover 0 to `count` - 1, in parallel. While it waits,
+/// the calling thread takes up none of the caller's other tasks, and an exception of `body`, which
+/// is passed on, cancels none of them.
+template <class Body> void parallelRanges(long long count, long long grain, Body const& body) {
+    tbb::this_task_arena::isolate([&] {
+        tbb::task_group_context context(tbb::task_group_context::isolated);
+        tbb::parallel_for(
+            tbb::blocked_range<long long>(0, count, static_cast<std::size_t>(grain)),
+            [&](tbb::blocked_range<long long> const& range) { body(range.begin(), range.end()); },
+            tbb::auto_partitioner(), context);
+    });
+}
+
+}  // namespace ORV::TileTree3D::Internal

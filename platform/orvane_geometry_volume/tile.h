@@ -1,0 +1,126 @@
+#pragma once
+
+#include <algorithm>
+#include <bit>
+
+#include "orvane_geometry_volume/traits.h"
+
+namespace ORV::TileTree3D {
+
+/// A tile as its place in a tree of N children a tile. The fields are read directly by samplers and
+/// written by the tree alone. A default tile is the sentinel: what a look-up outside a tree
+/// returns. It does not exist, has depth -1, contains nothing, and its voxel width is 1.
+template <int N> class TileBinaryNonCompatible {
+public:
+    static_assert(N == 8 || N == 125);
+    static constexpr int kBranch = N == 8 ? 2 : 5;
+
+    int3 m_tijk;                         ///< low corner on the finest-voxel lattice
+    std::int32_t m_depth = -1;           ///< 0 for the root
+    std::int64_t m_parentIndex = -1;     ///< place within the depth above; -1 without a parent
+    std::int32_t* m_children = nullptr;  ///< N places within the depth below, x fastest, or -1;
+                                         ///< null without children
+    std::int32_t m_index = -1;           ///< place within the depth
+    std::uint8_t m_exists = 0;           ///< 0 for the sentinel
+
+    bool exists() const { return m_exists != 0; }
+    int depth() const { return m_depth; }
+    int3 const& tijk() const { return m_tijk; }
+    TreeIndex treeIndex() const { return {m_index, m_depth}; }
+    /// (-1, -1) without a parent.
+    TreeIndex parentTreeIndex() const {
+        return m_parentIndex < 0 ? TreeIndex() : TreeIndex{m_parentIndex, m_depth - 1};
+    }
+    /// The child at a child position, 0 to B - 1 along each axis; (-1, -1) if there is none, also
+    /// for a position out of that range.
+    TreeIndex childTreeIndex(int3 const& childPosition) const {
+        std::int32_t const child = childIndex(childPosition);
+        return child < 0 ? TreeIndex() : TreeIndex{child, m_depth + 1};
+    }
+    /// Whether there is no child at that position.
+    bool isLeaf(int3 const& childPosition) const { return childIndex(childPosition) < 0; }
+
+    /// The entry of the child table for a child position in range.
+    static constexpr int childSlot(int x, int y, int z) { return x + kBranch * (y + kBranch * z); }
+
+private:
+    std::int32_t childIndex(int3 const& position) const {
+        constexpr auto inRange = [](std::int32_t c) {
+            return static_cast<std::uint32_t>(c) < std::uint32_t{kBranch};
+        };
+        if (!m_children || !inRange(position.x) || !inRange(position.y) || !inRange(position.z))
+            return -1;
+        return m_children[childSlot(position.x, position.y, position.z)];
+    }
+};
+
+/// A tile of a tree of a kind: its place, and the widths that follow from its depth.
+template <class Traits, int N> class Tile : public TileBinaryNonCompatible<N> {
+public:
+    static_assert(N == Traits::kChildCount);
+
+    static constexpr int voxelDataWidth(int depth) { return Traits::voxelWidth(depth); }
+    static constexpr int tileVoxelWidth(int depth) { return Traits::tileWidth(depth); }
+
+    int voxelDataWidth() const { return Traits::voxelWidth(this->m_depth); }
+    int tileVoxelWidth() const { return Traits::tileWidth(this->m_depth); }
+    /// The voxel width one level deeper, and 1 below the deepest depth.
+    int childVoxelDataWidth() const { return Traits::voxelWidth(this->m_depth + 1); }
+
+    /// Whether the tile exists and a lattice point lies in it.
+    bool contains(int i, int j, int k) const {
+        auto const width = static_cast<std::uint32_t>(tileVoxelWidth());
+        return this->m_exists != 0 && above(i, this->m_tijk.x) < width &&
+               above(j, this->m_tijk.y) < width && above(k, this->m_tijk.z) < width;
+    }
+    bool contains(int3 const& p) const { return contains(p.x, p.y, p.z); }
+
+    /// The child position, 0 to B - 1 along each axis, of the child that contains a lattice point
+    /// of this tile. A point outside the tile gives some position in that range.
+    int3 childIJK(int3 const& p) const {
+        int3 child;
+        childIJK(p.x, p.y, p.z, child.x, child.y, child.z);
+        return child;
+    }
+    void childIJK(int const& i, int const& j, int const& k, int& ci, int& cj, int& ck) const {
+        auto const width = static_cast<std::uint32_t>(tileVoxelWidth() / Traits::kBranch);
+        ci = childCoordinate(i, this->m_tijk.x, width);
+        cj = childCoordinate(j, this->m_tijk.y, width);
+        ck = childCoordinate(k, this->m_tijk.z, width);
+    }
+
+    /// The voxel index in this tile of a lattice point: tijk + voxelDataWidth() times the result is
+    /// the voxel's low corner. 0 to W - 1 along each axis for a point of this tile, and counted on
+    /// beyond its faces for a point outside.
+    int3 childDataIJK(int3 const& p) const { return childDataIJK(p.x, p.y, p.z); }
+    int3 childDataIJK(int const& i, int const& j, int const& k) const {
+        int const width = voxelDataWidth();
+        return {voxelCoordinate(i, this->m_tijk.x, width),
+                voxelCoordinate(j, this->m_tijk.y, width),
+                voxelCoordinate(k, this->m_tijk.z, width)};
+    }
+
+private:
+    static std::uint32_t above(std::int32_t p, std::int32_t corner) {
+        return static_cast<std::uint32_t>(p) - static_cast<std::uint32_t>(corner);
+    }
+    static int childCoordinate(std::int32_t p, std::int32_t corner, std::uint32_t width) {
+        return static_cast<int>(
+            std::min(above(p, corner) / width, std::uint32_t{Traits::kBranch - 1}));
+    }
+    static int voxelCoordinate(std::int32_t p, std::int32_t corner, int width) {
+        std::int64_t const distance = std::int64_t{p} - corner;
+        if constexpr (Traits::kBranch == 2)  // a power of two; the shift rounds down
+            return static_cast<int>(distance >> std::countr_zero(static_cast<unsigned>(width)));
+        if (distance >= 0)
+            return static_cast<int>(static_cast<std::uint32_t>(distance) /
+                                    static_cast<std::uint32_t>(width));
+        return static_cast<int>((distance + 1) / width - 1);
+    }
+};
+
+template <class Traits> using TileOf = Tile<Traits, Traits::kChildCount>;
+
+static_assert(sizeof(TileOf<BinaryTraits>) <= 48 && sizeof(TileOf<QuinaryTraits>) <= 48);
+
+}  // namespace ORV::TileTree3D

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+
+#include "orvane_math/vectors.h"
+#include "platform_api.h"
+
+namespace ORV::TileTree3D {
+
+using Orvane::Math::float3;
+using Orvane::Math::int3;
+
+/// The shape of a tree: `B` children and `W` samples of a tile along each axis. Two kinds are
+/// built, Traits<2, 4, 1> and Traits<5, 5, 1>. All widths are in finest voxels, the unit of the
+/// lattice.
+template <int B, int W, int X> struct ZEL_PLATFORM_API Traits {
+    static_assert((B == 2 && W == 4 && X == 1) || (B == 5 && W == 5 && X == 1),
+                  "a tree is of one of two kinds");
+
+    static constexpr int kBranch = B;
+    static constexpr int kSamples = W;
+    static constexpr int kChildCount = B * B * B;
+    static constexpr int kSampleCount = W * W * W;
+    /// The deepest depth, where a voxel is one finest voxel wide.
+    static constexpr int kMaxDepth = B == 2 ? 28 : 12;
+
+    /// The voxel widths by depth; the first entry is that of depth -1, which is no depth.
+    static constexpr std::array<std::int32_t, kMaxDepth + 2> kVoxelWidths = [] {
+        std::array<std::int32_t, kMaxDepth + 2> widths{};
+        std::int32_t width = 1;
+        for (int depth = kMaxDepth; depth >= 0; --depth, width *= depth >= 0 ? B : 1)
+            widths[static_cast<unsigned>(depth) + 1] = width;
+        widths[0] = 1;
+        return widths;
+    }();
+
+    /// The width of a voxel of a tile of `depth`; 1 for a depth that no tile has.
+    static constexpr int voxelWidth(int depth) {
+        return static_cast<unsigned>(depth) <= unsigned{kMaxDepth}
+                   ? kVoxelWidths[static_cast<unsigned>(depth) + 1]
+                   : 1;
+    }
+    /// The width of a tile of `depth`, W voxels.
+    static constexpr int tileWidth(int depth) { return W * voxelWidth(depth); }
+
+    static constexpr std::uint32_t kRootWidth = W * static_cast<std::uint32_t>(kVoxelWidths[1]);
+    /// The low corner of the root tile, along each axis.
+    static constexpr std::int32_t kRootCorner = -static_cast<std::int32_t>(kRootWidth / 2);
+
+    /// How far a lattice coordinate lies above the root's low corner. Outside the root the result
+    /// is kRootWidth or more, for every 32-bit coordinate.
+    static constexpr std::uint32_t aboveRoot(std::int32_t coordinate) {
+        return static_cast<std::uint32_t>(coordinate) - static_cast<std::uint32_t>(kRootCorner);
+    }
+};
+
+using BinaryTraits = Traits<2, 4, 1>;
+using QuinaryTraits = Traits<5, 5, 1>;
+
+/// What names a tile in a tree and in its channels: the tile's place among those of its depth.
+struct TreeIndex {
+    long long tile = -1;
+    int depth = -1;
+
+    /// False for (-1, -1), which is no tile.
+    constexpr bool valid() const { return tile >= 0 && depth >= 0; }
+    constexpr bool operator==(TreeIndex const&) const = default;
+    /// By depth first, then by tile.
+    friend constexpr std::strong_ordering operator<=>(TreeIndex const& a, TreeIndex const& b) {
+        return a.depth != b.depth ? a.depth <=> b.depth : a.tile <=> b.tile;
+    }
+};
+
+/// Where samples sit in a voxel, one bit an axis, x in bit 0: set, on the voxel's low face; clear,
+/// at its middle.
+using VoxelOffsetType = int;
+
+/// 13 + dz + 3 dy + 9 dx, with dx, dy, dz of -1, 0 or 1; 13 is the tile itself.
+using NeighborDirection = int;
+
+/// The direction of a step, each of whose components is -1, 0 or 1.
+constexpr NeighborDirection neighborDirection(int dx, int dy, int dz) {
+    return 13 + dz + 3 * dy + 9 * dx;
+}
+
+/// How the elements of a new tile begin: 0, as the channel's default value, is the only way.
+using DataElementInitializerType = int;
+
+}  // namespace ORV::TileTree3D

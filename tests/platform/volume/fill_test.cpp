@@ -1,0 +1,203 @@
+#include "platform/volume/trees.h"
+
+#include <tbb/global_control.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace {
+
+using namespace trees;
+
+template <class Traits> class Fill : public testing::Test {};
+TYPED_TEST_SUITE(Fill, Kinds);
+
+/// Boxes that a shell around the origin passes through.
+bool shell(float3 const& low, float3 const& high, int) {
+    auto const dot = [](float3 const& p) { return p.x * p.x + p.y * p.y + p.z * p.z; };
+    float3 near, far;
+    for (int a = 0; a < 3; ++a) {
+        near[a] = std::clamp(0.0f, low[a], high[a]);
+        far[a] = std::max(std::abs(low[a]), std::abs(high[a]));
+    }
+    return dot(near) < 0.04f && dot(far) > 0.03f;
+}
+
+/// The depth to which the shell makes some hundreds of tiles.
+template <class Traits> constexpr int kDeep = Traits::kBranch == 2 ? 4 : 2;
+
+/// The place of a sample in world units, in double precision.
+template <class Traits>
+std::array<double, 3> place(TileOf<Traits> const& tile, int3 const& voxel, float3 const& offset,
+                            float size) {
+    std::array<double, 3> p;
+    double const w = static_cast<double>(width<Traits>(tile.depth())) / Traits::kSamples;
+    for (int a = 0; a < 3; ++a)
+        p[static_cast<unsigned>(a)] =
+            (tile.tijk()[a] + w * (voxel[a] + double{offset[a]})) * double{size};
+    return p;
+}
+
+TYPED_TEST(Fill, GivesTheFunctionAtLeavesAndMeansAbove) {
+    using Traits = TypeParam;
+    constexpr int W = Traits::kSamples, B = Traits::kBranch;
+    auto const size = 1 / static_cast<float>(width<Traits>(0));
+    // Linear, so that any restriction worth the name gives the function itself at every sample.
+    auto const linear = [](auto x, auto y, auto z) { return 2 * x - y + 3 * z + 1; };
+    for (int type = 0; type < 8; ++type) {
+        auto const volume = buildVolume<Traits, float3>(
+            size, kDeep<Traits>, shell,
+            [&](float3 const& p) {
+                return float3{linear(p.x, p.y, p.z), p.x, 1};
+            },
+            {}, type);
+        auto const& tree = *volume.container;
+        EXPECT_EQ(tree.depth(), kDeep<Traits>);
+        float3 const offset = volume.topology->offset();
+        for (int d = 0; d <= kDeep<Traits>; ++d)
+            for (long long i = 0; i < tree.tileCount(d); ++i) {
+                auto const data = std::as_const(*volume.channel).tileData({i, d});
+                for (int n = 0; n < W * W * W; ++n) {
+                    int3 const voxel{n % W, n / W % W, n / (W * W)};
+                    auto const p = place<Traits>(tree.tile(i, d), voxel, offset, size);
+                    ASSERT_NEAR(data(voxel).x, linear(p[0], p[1], p[2]), 3e-6);
+                    ASSERT_NEAR(data(voxel).y, p[0], 1e-6);
+                    ASSERT_EQ(data(voxel).z, 1);
+                }
+            }
+    }
+
+    // A function that is not linear shows which samples are which: restricted where there is a
+    // child, the function's own elsewhere.
+    auto const wave = [](float3 const& p) {
+        return std::sin(300 * p.x) * std::cos(200 * p.y + p.z);
+    };
+    for (int const type : {7, 0, 3}) {
+        auto const volume =
+            buildVolume<Traits, float>(size, kDeep<Traits>, shell, wave, 0.0f, type);
+        auto const& tree = *volume.container;
+        float3 const offset = volume.topology->offset();
+        for (int d = 0; d <= kDeep<Traits>; ++d)
+            for (long long i = 0; i < tree.tileCount(d); ++i) {
+                auto const& tile = tree.tile(i, d);
+                auto const data = std::as_const(*volume.channel).tileData({i, d});
+                for (int n = 0; n < W * W * W; ++n) {
+                    int3 const voxel{n % W, n / W % W, n / (W * W)};
+                    int3 const low = tile.tijk() + voxel * tile.voxelDataWidth();
+                    TreeIndex const child = tile.childTreeIndex(tile.childIJK(low));
+                    if (!child.valid()) {
+                        auto const p = place<Traits>(tile, voxel, offset, size);
+                        ASSERT_EQ(data(voxel),
+                                  wave({static_cast<float>(p[0]), static_cast<float>(p[1]),
+                                        static_cast<float>(p[2])}));
+                        continue;
+                    }
+                    auto const fine = std::as_const(*volume.channel).tileData(child);
+                    int3 const first = tree.tile(child).childDataIJK(low);
+                    double sum = 0;
+                    int count = 0;
+                    for (int m = 0; m < B * B * B; ++m) {
+                        int3 const step{m % B, m / B % B, m / (B * B)};
+                        bool counts = true;  // on a voxel's face the first sample is the one
+                        for (int a = 0; a < 3; ++a)
+                            counts = counts && (offset[a] != 0 || step[a] == 0);
+                        if (counts) sum += fine(first + step), ++count;
+                    }
+                    ASSERT_NEAR(data(voxel), sum / count, 1e-6);
+                }
+            }
+    }
+}
+
+TYPED_TEST(Fill, DoesNotDependOnThreadsAndRestrictsWhatWasWritten) {
+    using Traits = TypeParam;
+    auto const wave = [](float3 const& p) { return std::sin(100 * p.x + p.y) + p.z; };
+    auto const make = [&](std::size_t threads) {
+        tbb::global_control const control(tbb::global_control::max_allowed_parallelism, threads);
+        return buildVolume<Traits, float>(1 / static_cast<float>(width<Traits>(0)), kDeep<Traits>,
+                                          shell, wave);
+    };
+    auto const one = make(1), many = make(4);
+    auto const& tree = *one.container;
+    ASSERT_EQ(tree.size(), many.container->size());
+    for (int d = 0; d <= kDeep<Traits>; ++d)
+        for (long long i = 0; i < tree.tileCount(d); ++i) {
+            ASSERT_EQ(tree.tile(i, d).tijk(), many.container->tile(i, d).tijk());
+            ASSERT_EQ(std::memcmp(one.channel->samples({i, d}), many.channel->samples({i, d}),
+                                  sizeof(float) * Traits::kSampleCount),
+                      0);
+        }
+    // A value written at the deepest depth arrives at the root, and nothing else changes.
+    auto const& deep = tree.tile(0, kDeep<Traits>);
+    float const before = one.channel->samples({0, 0})[Traits::kSampleCount - 1];
+    int3 const low = deep.tijk();
+    *one.channel->samples({0, kDeep<Traits>}) = 50;
+    restrictChannel<Traits, float>(*one.channel, *one.topology);
+    int shown = 0;
+    for (int d = 0; d < kDeep<Traits>; ++d) {
+        auto const& tile = one.container->tileAccessor().tile(low.x, low.y, low.z, d);
+        int3 const voxel = tile.childDataIJK(low);
+        bool const there = tile.tijk() + voxel * tile.voxelDataWidth() == low;
+        EXPECT_EQ(one.channel->tileData(tile.treeIndex())(voxel.x, voxel.y, voxel.z) == 50, there);
+        shown += there;
+    }
+    EXPECT_GT(shown, 0);
+    EXPECT_EQ(one.channel->samples({0, 0})[Traits::kSampleCount - 1], before);
+}
+
+TYPED_TEST(Fill, PassesErrorsOnAndStopsAtTheChannelsDepths) {
+    using Traits = TypeParam;
+    using Tree = Container<Traits>;
+    auto const size = 1 / static_cast<float>(width<Traits>(0));
+    PositionFunction<float> const one = [](float3 const&) { return 1.0f; };
+    EXPECT_THROW((buildVolume<Traits, float>(size, Traits::kMaxDepth + 1, shell, one)),
+                 std::out_of_range);
+    EXPECT_THROW((buildVolume<Traits, float>(-size, 3, shell, one)), std::invalid_argument);
+    EXPECT_THROW((buildVolume<Traits, float>(
+                     size, 3, shell, [](float3 const&) -> float { throw std::domain_error("f"); })),
+                 std::domain_error);
+    // Lattice places beyond the exact range of a float, and huge voxels, are no special case.
+    float const most = std::numeric_limits<float>::max();
+    auto const huge = buildVolume<Traits, float>(
+        most, 1, [](auto&, auto&, int) { return true; }, [](float3 const& p) { return p.x; });
+    EXPECT_EQ(*huge.channel->samples({0, 1}), -std::numeric_limits<float>::infinity());
+
+    auto const tree = Quern::makePtr<Tree>(size);
+    refineTree(*tree, 3, shell);
+    VoxelTopology<Traits> const topology(tree);
+    DataChannel<Traits, float> channel("", nullptr, 0, false, true, 1, 2);
+    EXPECT_THROW((fillChannel<Traits, float>(channel, topology, one)), std::invalid_argument);
+    channel.update(topology);
+    std::atomic<int> calls = 0;
+    fillChannel<Traits, float>(channel, topology, [&](float3 const&) { return ++calls, 1.0f; });
+    int expected = 0;  // at the deepest depth all samples, above those without a child
+    for (int d = 1; d <= 2; ++d)
+        for (long long i = 0; i < tree->tileCount(d); ++i)
+            for (int n = 0; n < Traits::kSampleCount; ++n) {
+                constexpr int W = Traits::kSamples, B = Traits::kBranch;
+                expected += d == 2 || tree->tile(i, d).isLeaf(
+                                          {n % W * B / W, n / W % W * B / W, n / (W * W) * B / W});
+                ASSERT_EQ(channel.samples({i, d})[n], 1);
+            }
+    EXPECT_EQ(calls, expected);
+}
+
+TEST(FillTasks, RunToTheirEndInsideACancelledGroup) {
+    auto const tree = Quern::makePtr<Container<BinaryTraits>>(1.0f);
+    refineTree(*tree, 2, [](auto&, auto&, int) { return true; });
+    VoxelTopology<BinaryTraits> const topology(tree);
+    DataChannel<BinaryTraits, float> channel("", nullptr, 0, false, true, 0, 2);
+    channel.update(topology);
+    tbb::parallel_for(0, 1, [&](int) {
+        tbb::task::current_context()->cancel_group_execution();
+        fillChannel<BinaryTraits, float>(channel, topology, [](float3 const&) { return 1.0f; });
+    });
+    for (long long i = 0; i < channel.tileCount(2); ++i) ASSERT_EQ(*channel.samples({i, 2}), 1);
+}
+
+}  // namespace
