@@ -4,6 +4,8 @@
 #include <array>
 #include <limits>
 #include <numbers>
+#include <utility>
+#include <vector>
 
 namespace examples {
 
@@ -38,6 +40,14 @@ ScalarPtr bounded(ScalarPtr const& solid, float3 const& center, float radius) {
     constexpr float kMargin = 0.15F;
     ScalarPtr const bound = make<zel::ScalarFieldSphere>(center, radius);
     return make<zel::ScalarFieldSwitch>(bound - kMargin, bound, solid);
+}
+
+ScalarPtr terraces() {
+    return make<zel::ScalarFieldFCurve>(mountains(), terraceCurve());
+}
+
+ScalarPtr spreadInk() {
+    return ink(8);
 }
 
 ScalarPtr allSolids() {
@@ -164,6 +174,57 @@ VectorPtr vortexStreet() {
     return flow;
 }
 
+ScalarPtr mountains() {
+    return fractalNoise(8, 0.95F, 20, 0.48F) * 1.2F;
+}
+
+Quern::Ptr<Orvane::Math::FCurve> terraceCurve() {
+    using Orvane::Math::FCurve;
+    constexpr int kSteps = 8;
+    constexpr double kHeight = 2.0 / kSteps;
+    constexpr double kSlope = 0.15;  // of a tread, where it meets the riser
+    std::vector<FCurve::Key> keys;
+    for (int i = 0; i < kSteps; ++i) {
+        double const x = -1 + i * kHeight;
+        keys.push_back({x, x, kSlope, kSlope, FCurve::Segment::kLinear});
+        double const edge = x + 0.6 * kHeight;
+        keys.push_back({edge, x + kSlope * 0.6 * kHeight, kSlope, kSlope, FCurve::Segment::kCubic});
+    }
+    keys.push_back({1, 1, kSlope, kSlope, FCurve::Segment::kLinear});
+    auto const end = FCurve::Extrapolation::kCycleWithOffset;
+    return make<FCurve>(std::move(keys), end, end);
+}
+
+ScalarPtr marbleVeins() {
+    ScalarPtr const coordinate = xPosition() * 3.5F + yPosition() * 2.2F;
+    return displaced(absolute(sine(coordinate)), turbulence(6, 0.8F, 11, 0.45F) * 0.1F);
+}
+
+ScalarPtr ink(int steps) {
+    constexpr float kStep = 0.03F;
+    ScalarPtr const radius =
+        make<zel::ScalarFieldScale>(make<zel::ScalarFieldSphere>(float3{}, 0.0F),
+                                    float3{1, 1, std::numeric_limits<float>::infinity()});
+    ScalarPtr const rings = cosine(radius * 22.0F);
+    ScalarPtr field = make<zel::ScalarFieldSwitch>(radius - 0.75F, constant(-2), rings);
+    VectorPtr const flow = turbulence(1, 1, 5);
+    for (int i = 0; i < steps; ++i) field = make<zel::ScalarFieldAdvect>(field, flow, kStep);
+    return field;
+}
+
+ScalarPtr blossom() {
+    constexpr float kEndless = std::numeric_limits<float>::infinity();
+    constexpr float kWidth = 0.5F;
+    ScalarPtr const petals =  // two, on either side
+        make<zel::ScalarFieldScale>(make<zel::ScalarFieldSphere>(float3{}, 1.0F),
+                                    float3{1.2F, kWidth, kEndless}) *
+        kWidth;
+    ScalarPtr all = petals;
+    for (float const angle : {kPi / 3, 2 * kPi / 3})
+        all = unite(all, turned(petals, {0, 0, angle}));
+    return all * 1.2F;
+}
+
 std::span<Scene const> scenes() {
     static constexpr std::array kScenes{
         Scene{"sphere", "the unit sphere", sphere},
@@ -174,6 +235,11 @@ std::span<Scene const> scenes() {
         Scene{"solids", "a gear, a die and a gyroid ball on a floor", allSolids},
         Scene{"interference", "rings from four centres", interference},
         Scene{"hills", "smooth hills and hollows", hills},
+        Scene{"mountains", "fractal noise as the height of a landscape", mountains},
+        Scene{"terraces", "the mountains, cut into terraces by a curve", terraces},
+        Scene{"marble", "stripes that are warped by noise", marbleVeins},
+        Scene{"ink", "a drop of rings that a flow of noise has spread", spreadInk},
+        Scene{"blossom", "an implicit blossom around the z axis, not a distance", blossom},
     };
     return kScenes;
 }

@@ -42,4 +42,21 @@ ScalarPtr hills();
 /// A flow from left to right past eddies that turn by turns either way.
 VectorPtr vortexStreet();
 
+/// Fractal noise as the height of a landscape; most of it lies between -1 and 1.
+ScalarPtr mountains();
+
+/// A curve of steps, each a flat tread and a steep riser, along value = x from -1 to 1.
+Quern::Ptr<Orvane::Math::FCurve> terraceCurve();
+
+/// Veins, where it is 0, in between up to 1: stripes that noise has warped.
+ScalarPtr marbleVeins();
+
+/// A drop of rings, -1 to 1 inside it and less outside, carried along by noise for that many steps
+/// of time.
+ScalarPtr ink(int steps);
+
+/// A blossom around the z axis with 6 petals. Negative inside, but no distance: the slope is 0.5 to
+/// 1.2, from place to place.
+ScalarPtr blossom();
+
 }  // namespace examples

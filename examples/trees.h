@@ -2,6 +2,9 @@
 
 #include <zel/zel.h>
 
+#include <cstdint>
+#include <utility>
+
 // Short names for building trees of fields. Operators on field pointers make nodes: `a + b` is a
 // field that adds, not the sum of two numbers.
 namespace examples {
@@ -54,6 +57,12 @@ inline ScalarPtr operator*(ScalarPtr const& a, float b) {
 inline VectorPtr operator+(VectorPtr const& a, VectorPtr const& b) {
     return make<zel::VectorFieldAdd>(a, b);
 }
+inline VectorPtr operator*(VectorPtr const& a, ScalarPtr const& b) {
+    return make<zel::VectorFieldVSMultiply>(a, b);
+}
+inline VectorPtr operator*(VectorPtr const& a, float b) {
+    return a * constant(b);
+}
 
 inline ScalarPtr sine(ScalarPtr const& a) {
     return make<zel::ScalarFieldSine>(a);
@@ -66,6 +75,30 @@ inline ScalarPtr absolute(ScalarPtr const& a) {
 }
 inline ScalarPtr clamp(ScalarPtr const& a, float min, float max) {
     return make<zel::ScalarFieldClamp>(a, min, max);
+}
+
+// Noise that stands still, at a time off the planes of the lattice: noise is 0 on some lines of
+// those, and pictures would show them. Features have a size of about 1 / frequency; each octave
+// after the first is half as large and `roughness` times as strong.
+
+inline ScalarPtr stillTime() {
+    return constant(0.37F);
+}
+
+inline ScalarPtr fractalNoise(float octaves, float frequency, std::int64_t seed,
+                              float roughness = 0.5F) {
+    return make<zel::ScalarFieldFractalNoise>(1.0F, octaves, frequency, roughness, 0.5F,
+                                              stillTime(), 1.0F, seed);
+}
+inline VectorPtr turbulence(float octaves, float frequency, std::int64_t seed,
+                            float roughness = 0.5F) {
+    return make<zel::VectorFieldFractalTurbulence>(1.0F, octaves, frequency, roughness, 0.5F,
+                                                   stillTime(), 1.0F, true, seed);
+}
+
+/// `a` looked up at the position plus `displacement`.
+inline ScalarPtr displaced(ScalarPtr const& a, VectorPtr const& displacement) {
+    return make<zel::ScalarFieldWarp>(a, make<zel::VectorFieldPosition>() + displacement);
 }
 
 // Solids are negative inside. Distances stay distances, or lower bounds of them.

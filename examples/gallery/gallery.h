@@ -15,5 +15,12 @@ Image drawDirection(Meter& meter);
 Image drawGradient(Meter& meter);
 Image drawSolids(Meter& meter);
 Image drawWaves(Meter& meter);
+Image drawNoise(Meter& meter);
+Image drawTurbulence(Meter& meter);
+Image drawPlume(Meter& meter);
+Image drawWarp(Meter& meter);
+Image drawAdvection(Meter& meter);
+Image drawClosest(Meter& meter);
+Image drawRemap(Meter& meter);
 
 }  // namespace examples

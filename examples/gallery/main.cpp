@@ -30,6 +30,16 @@ constexpr std::array kPictures{
     Picture{"solids", "implicit solids, sphere-traced and lit by their gradients",
             examples::drawSolids},
     Picture{"waves", "interference, and a spiral in polar angle", examples::drawWaves},
+    Picture{"noise", "one layer of noise, fractal sums of layers, ridges", examples::drawNoise},
+    Picture{"turbulence", "divergence-free noise, one layer and a fractal sum",
+            examples::drawTurbulence},
+    Picture{"plume", "stream lines of a jet that turns turbulent", examples::drawPlume},
+    Picture{"warp", "regular patterns, and the same looked up at displaced positions",
+            examples::drawWarp},
+    Picture{"advection", "rings carried along by a flow, step after step", examples::drawAdvection},
+    Picture{"closest", "paths to the closest points of a surface, and a pattern looked up there",
+            examples::drawClosest},
+    Picture{"remap", "heights of a landscape sent through curves", examples::drawRemap},
 };
 
 double nanosecondsAPoint(examples::Meter::Tally const& tally) {

@@ -3,8 +3,21 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <span>
 
 namespace examples {
+
+namespace {
+
+/// The colours of a ramp are at even distances from 0 to 1, with even passages between them.
+Color onRamp(std::span<Color const> ramp, float t) {
+    if (!(t > 0)) return ramp.front();
+    float const place = std::min(t, 1.0F) * static_cast<float>(ramp.size() - 1);
+    auto const i = std::min(static_cast<std::size_t>(place), ramp.size() - 2);
+    return mix(ramp[i], ramp[i + 1], place - static_cast<float>(i));
+}
+
+}  // namespace
 
 Color fromHex(std::uint32_t rgb) {
     auto const channel = [&](int shift) {
@@ -46,10 +59,34 @@ Color twoSided(float value, float scale) {
 Color heat(float t) {
     static std::array const ramp{fromHex(0x2B0F54), fromHex(0x3B4F8A), fromHex(0x218F8B),
                                  fromHex(0x6CCB5F), fromHex(0xFDE84A)};
+    return onRamp(ramp, t);
+}
+
+Color terrain(float t) {
+    static std::array const ramp{fromHex(0x1C3F6E), fromHex(0x2F6F9F), fromHex(0x79B4C4),
+                                 fromHex(0xE3D9AE), fromHex(0x86A85C), fromHex(0x4F7D47),
+                                 fromHex(0x8A7A5C), fromHex(0xB5A793), fromHex(0xFAFAF7)};
+    return onRamp(ramp, t);
+}
+
+Color marble(float t) {
+    static std::array const ramp{fromHex(0x232A33), fromHex(0x5F6B78), fromHex(0xB4BCC3),
+                                 fromHex(0xE6E6E3), fromHex(0xF8F6F1), fromHex(0xFFFFFF)};
+    return onRamp(ramp, t);
+}
+
+Color wood(float t) {
+    static std::array const ramp{fromHex(0xE9C48F), fromHex(0xD9A766), fromHex(0xB97A3F),
+                                 fromHex(0x7A4522)};
+    return onRamp(ramp, t);
+}
+
+Color pigment(float t) {
+    static std::array const ramp{fromHex(0x16324F), fromHex(0x2E6E9E), fromHex(0x8FC1D4),
+                                 fromHex(0xF6ECD9), fromHex(0xE9B44C), fromHex(0xC8553D)};
     if (!(t > 0)) return ramp.front();
-    float const place = std::min(t, 1.0F) * static_cast<float>(ramp.size() - 1);
-    auto const i = std::min(static_cast<std::size_t>(place), ramp.size() - 2);
-    return mix(ramp[i], ramp[i + 1], place - static_cast<float>(i));
+    float const place = std::min(t, 1.0F) * static_cast<float>(ramp.size());
+    return ramp[std::min(static_cast<std::size_t>(place), ramp.size() - 1)];
 }
 
 }  // namespace examples

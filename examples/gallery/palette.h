@@ -19,7 +19,21 @@ Color fromHue(float lightness, float chroma, float hue);
 /// Orange below 0, blue above; deeper with the distance from 0, by 63 % at `scale`. Grey for a NaN.
 Color twoSided(float value, float scale);
 
-/// From dark violet at 0 through green to yellow at 1.
+// Ramps from t = 0 to t = 1, and the colours at their ends beyond.
+
+/// From dark violet through green to yellow.
 Color heat(float t);
+
+/// A map's colours of height: water, shore, woods, rock, snow.
+Color terrain(float t);
+
+/// From dark veins to white stone.
+Color marble(float t);
+
+/// From pale early wood to dark late wood.
+Color wood(float t);
+
+/// Pigments on paper, that change at sharp edges.
+Color pigment(float t);
 
 }  // namespace examples

@@ -3,19 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
-#include "gallery/palette.h"
+#include "gallery/lines.h"
 
 namespace examples {
 
 namespace {
 
 using zel::float3;
-
-/// How much of a sample is covered by a line of that width, `distance` from its middle; all in
-/// samples.
-float coverage(float distance, float width) {
-    return std::clamp(width / 2 - distance + 0.5F, 0.0F, 1.0F);
-}
 
 /// `color` with the iso-lines at a sample where the field has that value and slope for each sample.
 Color withLines(Color color, float value, float slope, PlotStyle const& style) {
@@ -32,6 +26,15 @@ Color withLines(Color color, float value, float slope, PlotStyle const& style) {
     if (style.zeroWidth > 0)
         color = mix(color, ink, coverage(std::fabs(value) / slope, style.zeroWidth * kSamples));
     return color;
+}
+
+/// The light on a surface with these slopes to the right and upwards; 1 if it lies flat.
+float daylight(float slopeX, float slopeY) {
+    constexpr float3 kSun{-0.5F, 0.5F, 0.70710678F};
+    float const facing = kSun.z - kSun.x * slopeX - kSun.y * slopeY;
+    float const lambert = facing / std::sqrt(1 + slopeX * slopeX + slopeY * slopeY) / kSun.z;
+    constexpr float kSky = 0.25F;
+    return kSky + (1 - kSky) * std::max(lambert, 0.0F);
 }
 
 }  // namespace
@@ -77,6 +80,34 @@ Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int wi
                 color = mix(color, {1, 1, 1}, 0.45F * coverage(distance, kSamples));
             }
             fine.at(x, y) = color;
+        }
+    return fine.reduced(kSamples);
+}
+
+Image plotRamp(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
+               RampStyle const& style) {
+    Image fine(width * kSamples, height * kSamples);
+    auto const values = meter.values(field, pixelPositions(view, fine.width(), fine.height()));
+    auto const at = [&](int x, int y) {
+        return (*values)[static_cast<long long>(y) * fine.width() + x];
+    };
+    float const step = view.width / static_cast<float>(fine.width());
+    auto const slope = [&](float low, float high, int distance) {
+        return style.relief * (high - low) / (step * static_cast<float>(distance));
+    };
+    for (int y = 0; y < fine.height(); ++y)
+        for (int x = 0; x < fine.width(); ++x) {
+            Color const color = style.ramp((at(x, y) - style.low) / (style.high - style.low));
+            float light = 1;
+            if (style.relief > 0) {
+                int const left = std::max(x - 1, 0);
+                int const right = std::min(x + 1, fine.width() - 1);
+                int const above = std::max(y - 1, 0);
+                int const below = std::min(y + 1, fine.height() - 1);
+                light = daylight(slope(at(left, y), at(right, y), right - left),
+                                 slope(at(x, below), at(x, above), below - above));
+            }
+            fine.at(x, y) = color * light;
         }
     return fine.reduced(kSamples);
 }

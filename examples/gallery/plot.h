@@ -2,6 +2,7 @@
 
 #include "gallery/image.h"
 #include "gallery/meter.h"
+#include "gallery/palette.h"
 
 namespace examples {
 
@@ -26,6 +27,17 @@ struct PlotStyle {
 /// The field in two-sided colours with iso-lines.
 Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
            PlotStyle const& style = {});
+
+/// How a scalar field is drawn in the colours of a ramp.
+struct RampStyle {
+    Color (*ramp)(float t) = heat;
+    float low = -1, high = 1;  ///< values at t = 0 and t = 1
+    float relief = 0;  ///< if above 0, lit from the top left as a surface of height relief * value
+};
+
+/// The field in the colours of a ramp.
+Image plotRamp(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
+               RampStyle const& style);
 
 /// How many samples a pixel has along each axis, in all flat pictures.
 inline constexpr int kSamples = 3;

@@ -1,9 +1,6 @@
 // Sums and products of transcendental functions.
 
-#include <algorithm>
-
 #include "gallery/gallery.h"
-#include "gallery/palette.h"
 #include "gallery/plot.h"
 #include "scenes.h"
 
@@ -21,24 +18,15 @@ ScalarPtr spiral() {
     return (arms + petals) * fall;
 }
 
-Image plotHeat(Meter& meter, zel::ScalarField const& field, View const& view, int size,
-               float range) {
-    Image fine(size * kSamples, size * kSamples);
-    auto const values = meter.values(field, pixelPositions(view, fine.width(), fine.height()));
-    for (int y = 0; y < fine.height(); ++y)
-        for (int x = 0; x < fine.width(); ++x) {
-            float const value = (*values)[static_cast<long long>(y) * fine.width() + x];
-            fine.at(x, y) = heat(0.5F + 0.5F * value / range);
-        }
-    return fine.reduced(kSamples);
-}
-
 }  // namespace
 
 Image drawWaves(Meter& meter) {
-    return contactSheet({plotHeat(meter, *interference(), View{0, 0, 3.2F}, 512, 1.4F),
-                         plotHeat(meter, *spiral(), View{0, 0, 3.2F}, 512, 1.0F)},
-                        2);
+    constexpr int kSize = 512;
+    View const view{0, 0, 3.2F};
+    return contactSheet(
+        {plotRamp(meter, *interference(), view, kSize, kSize, {.low = -1.4F, .high = 1.4F}),
+         plotRamp(meter, *spiral(), view, kSize, kSize, {})},
+        2);
 }
 
 }  // namespace examples
