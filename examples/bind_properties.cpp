@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "binder.h"
@@ -71,7 +72,7 @@ template <class... Fields> void printTable(char const* head, Fields const&... fi
 
 }  // namespace
 
-int main() {
+int main() try {
     // The trees. `mass` and what is below it are shared by both.
     VectorPtr const position = makePtr<zel::VectorGeoPropertyTriggered>("position");
     ScalarPtr const density = makePtr<zel::ScalarGeoPropertyTriggered>("density");
@@ -100,4 +101,7 @@ int main() {
     auto const selection = values<long long>({5, 2, 9});
     printTable("\nsampled   density     found", bindTree(density, dense, selection),
                bindTree(found, dense, selection));
+} catch (std::exception const& error) {
+    std::fprintf(stderr, "bind_properties: %s\n", error.what());
+    return 1;
 }

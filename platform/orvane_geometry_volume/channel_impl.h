@@ -46,6 +46,7 @@ ZEL_DETAIL_CHANNEL::Channel(Channel const& other)
 
 ZEL_DETAIL_CHANNEL_HEAD
 ZEL_DETAIL_CHANNEL::Channel(Channel&& other) noexcept
+    // NOLINTNEXTLINE(performance-move-constructor-init): the base holds nothing to move
     : Component(other), m_name(other.m_name), m_defaultValue(other.m_defaultValue),
       m_pooled(other.m_pooled), m_minDepth(other.m_minDepth), m_maxDepth(other.m_maxDepth),
       m_levels(std::exchange(other.m_levels, Levels())), m_memory(std::move(other.m_memory)),
