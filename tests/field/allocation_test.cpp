@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "benchmarks/allocation_count.h"
+#include "orvane_geometry_volume/array_pool.h"
 #include "zel/zel.h"
 
 namespace {
@@ -33,6 +34,20 @@ TEST(Allocation, ABatchAllocatesItsResultAndAPointNothing) {
     field.eval(positions[0], 0);
     field.grad(positions[0], 0);
     EXPECT_EQ(point.blocks(), 0U);
+}
+
+TEST(Allocation, ABatchTakesItsResultFromThePoolWhereThatIsEnabled) {
+    namespace ArrayPool = ORV::TileTree3D::ArrayPool;
+    ScalarFieldXPosition const node;
+    ScalarField const& field = node;
+    Quern::Array<float3> const positions(5000, float3{1, 2, 3});
+    ArrayPool::setEnabled(true);
+    float const* const first = field.eval(positions)->data();
+    auto const second = field.eval(positions);
+    EXPECT_EQ(second->data(), first);
+    EXPECT_EQ((*second)[4999], 1);
+    ArrayPool::setEnabled(false);
+    EXPECT_NE(field.eval(positions)->data(), first);
 }
 
 }  // namespace

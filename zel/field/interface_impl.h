@@ -11,11 +11,20 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "orvane_geometry_volume/array_pool.h"
 #include "orvane_math/vectors.h"
 #include "quern_core/array.h"
 #include "quern_core/ptr.h"
 
 namespace zel::detail {
+
+/// An array of `count` zeros, out of the pool of arrays if that is enabled.
+template <class Value> Quern::Ptr<Quern::Array<Value>> zeros(long long count) {
+    namespace ArrayPool = ORV::TileTree3D::ArrayPool;
+    if (ArrayPool::enabled())
+        return ArrayPool::allocate<Value>(Value{}, static_cast<unsigned long long>(count));
+    return Quern::makePtr<Quern::Array<Value>>(count, Value{});
+}
 
 /// The batch `eval` of both interfaces.
 template <class Interface>
@@ -23,7 +32,7 @@ Quern::Ptr<Quern::Array<typename Interface::Value>>
 evalBatch(Interface const& field, Quern::Array<Orvane::Math::float3> const& positions) {
     using Value = typename Interface::Value;
     auto const count = static_cast<std::size_t>(positions.size());
-    auto result = Quern::makePtr<Quern::Array<Value>>(positions.size(), Value{});
+    auto result = zeros<Value>(positions.size());
     Orvane::Math::float3 const* const in = positions.data();
     Value* const out = result->data();
 
