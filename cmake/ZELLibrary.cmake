@@ -1,14 +1,16 @@
 # How all of ZEL's own code is compiled.
 
 # Warnings and the rules of arithmetic: no contraction into fused operations, so that a value is the
-# same at every optimisation level. Nothing reads errno.
+# same at every optimisation level. Nothing reads errno or the floating-point exception flags, which
+# leaves the values as they are and lets a loop with a choice in it become vector code.
 function(zel_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(
     ${target}
     PRIVATE -Wall -Wextra -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
             $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local> $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
-            $<$<BOOL:${ZEL_WARNINGS_AS_ERRORS}>:-Werror> -ffp-contract=off -fno-math-errno)
+            $<$<BOOL:${ZEL_WARNINGS_AS_ERRORS}>:-Werror> -ffp-contract=off -fno-math-errno
+            -fno-trapping-math)
 endfunction()
 
 # A shared library from sources listed by hand; its public headers keep their place below `base`.
