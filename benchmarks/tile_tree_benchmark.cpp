@@ -1,7 +1,6 @@
-// The tile tree at work: look-ups at random points and along scan lines, against a flat hash map of
-// the same tiles by corner; filling and restricting a narrow band of about ten million voxels
-// around a sphere; and computing its halo. `bytes_per_voxel` counts a leaf's samples and all that
-// the tree and its coarser samples add, by voxel of the deepest depth.
+// The tile tree at work: look-ups at random points of a band of about ten million voxels around a
+// sphere, at random points of a wide sheet and along scan lines, against a flat hash map of the
+// same tiles by corner; making, filling and restricting the band; and computing its halo.
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>
@@ -56,19 +55,40 @@ template <class Traits> Band<Traits> const& band() {
     return made;
 }
 
-/// Points of the deepest tiles in a random order, or along lines through the sphere's bounding box.
-template <class Traits> std::vector<int3> points(bool scan) {
+/// A sheet of 600 by 600 tiles of the last depth but one: far wider than deep.
+template <class Traits> Container<Traits> const& sheet() {
+    static Container<Traits> const made = [] {
+        constexpr int kDepth = Traits::kMaxDepth - 1, kWidth = Traits::tileWidth(kDepth);
+        Container<Traits> container(1);
+        for (int x = -300; x < 300; ++x)
+            for (int y = -300; y < 300; ++y) container.addTile(x * kWidth, y * kWidth, 0, kDepth);
+        return container;
+    }();
+    return made;
+}
+
+/// Random points of the deepest tiles of the band, lines through the sphere's bounding box, and
+/// random points of the sheet.
+enum class Where { kBand, kScan, kSheet };
+
+template <class Traits> Container<Traits> const& treeOf(Where where) {
+    return where == Where::kSheet ? sheet<Traits>() : *band<Traits>().volume.container;
+}
+
+template <class Traits> std::vector<int3> points(Where where) {
     constexpr std::size_t kCount = std::size_t{1} << 20;
     std::vector<int3> points;
     points.reserve(kCount);
     std::mt19937 engine(7);
-    auto const& container = *band<Traits>().volume.container;
-    if (!scan) {
-        auto const tiles = static_cast<std::uint64_t>(container.tileCount(Traits::kMaxDepth));
+    if (where != Where::kScan) {
+        auto const& container = treeOf<Traits>(where);
+        int const depth = container.depth();
+        auto const tiles = static_cast<std::uint64_t>(container.tileCount(depth));
+        auto const width = static_cast<unsigned>(Traits::tileWidth(depth));
         for (std::size_t i = 0; i < kCount; ++i) {
             auto const tile = static_cast<long long>(engine() % tiles);
-            int3 const& corner = container.tile(tile, Traits::kMaxDepth).tijk();
-            auto const in = [&] { return static_cast<int>(engine() % Traits::kSamples); };
+            int3 const& corner = container.tile(tile, depth).tijk();
+            auto const in = [&] { return static_cast<int>(engine() % width); };
             points.push_back(corner + int3{in(), in(), in()});
         }
         return points;
@@ -84,10 +104,26 @@ template <class Traits> std::vector<int3> points(bool scan) {
     return points;
 }
 
+void countItems(benchmark::State& state, double items) {
+    state.counters["time_per_item"] = benchmark::Counter(
+        items, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+/// What there is beside the samples: for each tile of the deepest depth, and with the samples of
+/// all depths for each voxel of the deepest.
+template <class Traits>
+void countBytes(benchmark::State& state, Container<Traits> const& container, double bytes) {
+    auto const leaves = static_cast<double>(container.tileCount(container.depth()));
+    auto const samples = static_cast<double>(container.size()) * Traits::kSampleCount * 4;
+    state.counters["bytes_per_leaf"] = bytes / leaves;
+    state.counters["bytes_per_voxel"] = (bytes + samples) / (leaves * Traits::kSampleCount);
+}
+
 /// A look-up as a sampler makes it.
-template <class Traits, bool scan> void tree(benchmark::State& state) {
-    auto const at = points<Traits>(scan);
-    auto const accessor = band<Traits>().volume.container->tileAccessor();
+template <class Traits, Where where> void tree(benchmark::State& state) {
+    auto const at = points<Traits>(where);
+    auto const& container = treeOf<Traits>(where);
+    auto const accessor = container.tileAccessor();
     for (auto _ : state) {
         long long sum = 0;
         for (int3 const& p : at) {
@@ -96,9 +132,10 @@ template <class Traits, bool scan> void tree(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(sum);
     }
-    state.counters["ns_per_item"] = benchmark::Counter(
-        static_cast<double>(at.size()) * 1e-9,
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    countItems(state, static_cast<double>(at.size()));
+    unsigned long long used = 0, held = 0;
+    container.memUse(used, held, true);
+    countBytes(state, container, static_cast<double>(held));
 }
 
 /// All tiles of a tree in one table of open addresses, at most half full: a corner and a depth give
@@ -154,26 +191,24 @@ private:
     std::vector<Slot> m_slots;
 };
 
-template <class Traits, bool scan> void flatMap(benchmark::State& state) {
-    auto const at = points<Traits>(scan);
-    auto const& container = *band<Traits>().volume.container;
+template <class Traits, Where where> void flatMap(benchmark::State& state) {
+    auto const at = points<Traits>(where);
+    auto const& container = treeOf<Traits>(where);
     FlatMap<Traits> const map(container);
     auto const accessor = container.tileAccessor();
+    int const deepest = container.depth();
     for (int3 const& p : at) {
-        auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
-        if (map.find(p, Traits::kMaxDepth) != tile.m_index + tile.m_depth)
+        auto const& tile = accessor.tile(p.x, p.y, p.z, deepest);
+        if (map.find(p, deepest) != tile.m_index + tile.m_depth)
             state.SkipWithError("the map and the tree differ");
     }
     for (auto _ : state) {
         long long sum = 0;
-        for (int3 const& p : at) sum += map.find(p, Traits::kMaxDepth);
+        for (int3 const& p : at) sum += map.find(p, deepest);
         benchmark::DoNotOptimize(sum);
     }
-    state.counters["ns_per_item"] = benchmark::Counter(
-        static_cast<double>(at.size()) * 1e-9,
-        benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-    state.counters["bytes_per_voxel"] =
-        static_cast<double>(map.bytes()) / static_cast<double>(band<Traits>().voxels());
+    countItems(state, static_cast<double>(at.size()));
+    countBytes(state, container, static_cast<double>(map.bytes()));
 }
 
 /// Runs on 1 thread, or on all if `threads` is 0.
@@ -188,10 +223,10 @@ private:
     tbb::global_control m_control;
 };
 
-template <class Traits> void countVoxels(benchmark::State& state, double voxels) {
+template <class Traits> void countVoxels(benchmark::State& state) {
+    auto const voxels = static_cast<double>(band<Traits>().voxels());
     state.counters["Mvoxels"] = voxels * 1e-6;
-    state.counters["ns_per_item"] = benchmark::Counter(
-        voxels * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    countItems(state, voxels);
 }
 
 template <class Traits> void refine(benchmark::State& state) {
@@ -201,7 +236,7 @@ template <class Traits> void refine(benchmark::State& state) {
         refineTree(container, Traits::kMaxDepth, Band<Traits>::wanted);
         benchmark::DoNotOptimize(container.size());
     }
-    countVoxels<Traits>(state, static_cast<double>(band<Traits>().voxels()));
+    countVoxels<Traits>(state);
 }
 
 template <class Traits> void fillAndRestrict(benchmark::State& state) {
@@ -209,13 +244,7 @@ template <class Traits> void fillAndRestrict(benchmark::State& state) {
     auto const volume = band<Traits>().volume;
     for (auto _ : state)
         fillChannel<Traits, float>(*volume.channel, *volume.topology, Band<Traits>::distance);
-    countVoxels<Traits>(state, static_cast<double>(band<Traits>().voxels()));
-    unsigned long long tree = 0, samples = 0, held = 0;
-    volume.container->memUse(tree, held, true);
-    volume.channel->memUse(samples, held, true);
-    auto const voxels = static_cast<double>(band<Traits>().voxels());
-    state.counters["bytes_per_voxel"] = static_cast<double>(tree + samples) / voxels;
-    state.counters["tree_bytes_per_voxel"] = static_cast<double>(tree) / voxels;
+    countVoxels<Traits>(state);
 }
 
 template <class Traits> void halo(benchmark::State& state) {
@@ -227,14 +256,16 @@ template <class Traits> void halo(benchmark::State& state) {
     for (auto _ : state)
         computeHalo<Traits, float, 0, 0, 1, 0>(*volume.channel, *volume.container, halo, 0,
                                                Traits::kMaxDepth);
-    countVoxels<Traits>(state, static_cast<double>(band<Traits>().voxels()));
+    countVoxels<Traits>(state);
 }
 
 #define ZEL_BENCH(Kind, name)                                                                      \
-    BENCHMARK(tree<Kind, false>)->Name("random/tree/" name);                                       \
-    BENCHMARK(flatMap<Kind, false>)->Name("random/flat_map/" name);                                \
-    BENCHMARK(tree<Kind, true>)->Name("scan/tree/" name);                                          \
-    BENCHMARK(flatMap<Kind, true>)->Name("scan/flat_map/" name);                                   \
+    BENCHMARK(tree<Kind, Where::kBand>)->Name("random/tree/" name);                                \
+    BENCHMARK(flatMap<Kind, Where::kBand>)->Name("random/flat_map/" name);                         \
+    BENCHMARK(tree<Kind, Where::kSheet>)->Name("wide/tree/" name);                                 \
+    BENCHMARK(flatMap<Kind, Where::kSheet>)->Name("wide/flat_map/" name);                          \
+    BENCHMARK(tree<Kind, Where::kScan>)->Name("scan/tree/" name);                                  \
+    BENCHMARK(flatMap<Kind, Where::kScan>)->Name("scan/flat_map/" name);                           \
     BENCHMARK(refine<Kind>)                                                                        \
         ->Name("refine/" name)                                                                     \
         ->ArgName("threads")                                                                       \

@@ -15,9 +15,12 @@ namespace {
 using Orvane::Math::float3;
 using Quern::Array;
 
+/// The most that is held for each type.
+constexpr unsigned long long kHeldBytes = 1ULL << 30;
+
 /// Never destroyed, for arrays that outlive static objects.
 template <class T> Internal::FreeList<Array<T>>& arrays() {
-    static auto& list = *new Internal::FreeList<Array<T>>;
+    static auto& list = *new Internal::FreeList<Array<T>>(kHeldBytes / sizeof(T));
     return list;
 }
 

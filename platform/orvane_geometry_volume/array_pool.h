@@ -5,8 +5,8 @@
 #include "quern_core/array.h"
 #include "quern_core/ptr.h"
 
-/// Keeps the storage of arrays for later arrays. Disabled until enabled; safe to use from any
-/// number of threads.
+/// Keeps the storage of arrays for later arrays, up to 1 GiB for each element type. Disabled until
+/// enabled; safe to use from any number of threads.
 namespace ORV::TileTree3D::ArrayPool {
 
 ZEL_PLATFORM_API bool enabled();

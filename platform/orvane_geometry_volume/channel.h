@@ -28,7 +28,8 @@ struct ElementToFrom {
 /// A channel has no tiles until it is sized to a topology. The operations that size it, or change
 /// its tiles, leave it as it was when they throw: std::invalid_argument for a component that is not
 /// a topology of this kind of tree, and for lists that do not fit the tiles; std::out_of_range for
-/// depths outside 0 to Traits::kMaxDepth, or in the wrong order; std::bad_alloc.
+/// depths outside 0 to Traits::kMaxDepth, or in the wrong order; std::length_error for more samples
+/// than can be addressed; std::bad_alloc.
 ///
 /// Any number of threads may read one channel while none writes it, and write distinct tiles.
 template <class Traits, class T, int W, int H, int X>
@@ -83,13 +84,14 @@ public:
     virtual void updateTilesAdded(Component const& topology);
     /// Removes, at each depth, the tiles of the given half-open ranges, which are in ascending
     /// order and apart. The tiles behind move down, with their samples, and the channel then fits
-    /// `topology`.
+    /// `topology`. Lists for depths of the tree that the channel lacks are skipped.
     virtual void
     updateTilesRemoved(std::vector<std::vector<std::pair<long long, long long>>> const& ranges,
                        Component const& topology);
     /// Reorders the tiles of each depth: entry `i` of a depth is the present place of the tile that
-    /// goes to place `i`. An empty list leaves a depth as it is. The channel then belongs to no
-    /// tree until it is sized, by updateTilesAdded, to the topology of the reordered one.
+    /// goes to place `i`. An empty list leaves a depth as it is, and lists for depths of the tree
+    /// that the channel lacks are skipped. The channel then belongs to no tree until it is sized,
+    /// by updateTilesAdded, to the topology of the reordered one.
     virtual void updateTilesPermuted(std::vector<std::vector<long long>> const& sources);
     /// Moves elements within each depth, all at once. `to` and `from` are flat places: tile times
     /// the elements of a tile, and the place in the tile. The other lists and maps belong to
@@ -125,6 +127,10 @@ public:
     Quern::String const& name() const { return m_name; }
     /// Whether the channel is sized to the present tiles of that tree.
     bool fits(Container<Traits> const& container) const { return m_stamp == container.stamp(); }
+    /// Whether the channel is sized to that tree, be it with fewer tiles, or has no tiles at all.
+    bool belongsTo(Container<Traits> const& container) const {
+        return container.continues(m_stamp) || empty();
+    }
     /// Sizes the channel like update(), to a tree at hand.
     void updateTo(Container<Traits> const& container);
 
@@ -142,6 +148,9 @@ private:
     using TileCounts = std::array<long long, Traits::kMaxDepth + 1>;
 
     static Container<Traits> const& containerOf(Component const& topology, char const* caller);
+    bool hasDepth(unsigned depth) const {
+        return m_minDepth <= static_cast<int>(depth) && static_cast<int>(depth) <= m_maxDepth;
+    }
     static void checkDepths(int minDepth, int maxDepth, char const* caller);
     long long present(int depth) const {
         return static_cast<long long>(m_levels[static_cast<unsigned>(depth)].tiles);

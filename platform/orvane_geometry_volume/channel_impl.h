@@ -111,6 +111,7 @@ ChannelMemory ZEL_DETAIL_CHANNEL::place(Levels& levels, TileCounts const& counts
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth, int maxDepth,
                                 bool keep) {
+    if (fits(container) && minDepth == m_minDepth && maxDepth == m_maxDepth) return;
     auto const counts = container.tileCounts();
     bool const anyKept =
         keep && std::any_of(m_levels.begin(), m_levels.end(), [](auto& l) { return l.tiles > 0; });
@@ -133,7 +134,7 @@ void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth
 
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::updateTo(Container<Traits> const& container) {
-    resize(container, m_minDepth, m_maxDepth, m_stamp.tree == container.stamp().tree);
+    resize(container, m_minDepth, m_maxDepth, container.continues(m_stamp));
 }
 
 ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::update(Component const& topology) {
@@ -144,14 +145,14 @@ ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::setMinDepth(int minDepth, Component const& topology) {
     checkDepths(minDepth, m_maxDepth, "Channel::setMinDepth");
     auto const& container = containerOf(topology, "setMinDepth");
-    resize(container, minDepth, m_maxDepth, m_stamp.tree == container.stamp().tree);
+    resize(container, minDepth, m_maxDepth, container.continues(m_stamp));
 }
 
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::setDepth(int maxDepth, Component const& topology) {
     checkDepths(m_minDepth, maxDepth, "Channel::setDepth");
     auto const& container = containerOf(topology, "setDepth");
-    resize(container, m_minDepth, maxDepth, m_stamp.tree == container.stamp().tree);
+    resize(container, m_minDepth, maxDepth, container.continues(m_stamp));
 }
 
 ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::dump(std::ostream& stream) const {

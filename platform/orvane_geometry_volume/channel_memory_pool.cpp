@@ -21,7 +21,8 @@ using Block = std::unique_ptr<void, Deallocate>;
 
 /// Never destroyed, for channels that outlive static objects.
 Internal::FreeList<Block>& blocks() {
-    static auto& list = *new Internal::FreeList<Block>;
+    constexpr unsigned long long kHeldBytes = 1ULL << 30;
+    static auto& list = *new Internal::FreeList<Block>(kHeldBytes);
     return list;
 }
 

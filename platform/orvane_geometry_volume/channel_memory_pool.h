@@ -7,8 +7,8 @@
 
 namespace ORV::TileTree3D {
 
-/// Keeps the memory of channels for other channels of whatever type. Disabled until enabled; safe
-/// to use from any number of threads.
+/// Keeps the memory of channels for other channels of whatever type, up to 1 GiB. Disabled until
+/// enabled; safe to use from any number of threads.
 namespace ChannelMemoryPool {
 
 ZEL_PLATFORM_API bool enabled();

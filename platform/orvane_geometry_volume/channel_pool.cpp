@@ -18,7 +18,9 @@ using Lists =
 
 /// Never destroyed, for channels that outlive static objects.
 Lists& lists() {
-    static auto& all = *new Lists;
+    constexpr unsigned long long kHeldBytes = 1ULL << 30;
+    static auto& all = *new Lists(kHeldBytes, kHeldBytes, kHeldBytes, kHeldBytes, kHeldBytes,
+                                  kHeldBytes, kHeldBytes, kHeldBytes);
     return all;
 }
 
@@ -63,6 +65,11 @@ allocate(T defaultValue, bool pooledMemory, bool callElementConstructor, int min
     Base fresh(Quern::String(), &defaultValue, 0, pooledMemory, callElementConstructor, minDepth,
                maxDepth);
     Quern::Ptr<PooledChannel<Base>> channel;
+    if (topology) {  // of whose tiles the channel may hold but a few depths
+        tileCount = 0;
+        for (int d = minDepth; d <= maxDepth; ++d)
+            tileCount += static_cast<unsigned long long>(topology->tileCount(d));
+    }
     auto taken = std::get<List<Base>>(lists()).take(tileCount * Base::Layout::kCount * sizeof(T));
     if (taken) {
         taken->entry.restart(defaultValue, pooledMemory, minDepth, maxDepth);

@@ -2,8 +2,8 @@
 
 #include "orvane_geometry_volume/channel.h"
 
-/// Keeps whole channels, with their memory, for later channels of the same type. Disabled until
-/// enabled; safe to use from any number of threads.
+/// Keeps whole channels, with their memory, for later channels of the same type, up to 1 GiB for
+/// each. Disabled until enabled; safe to use from any number of threads.
 namespace ORV::TileTree3D::ChannelPool {
 
 ZEL_PLATFORM_API bool enabled();
@@ -14,10 +14,11 @@ ZEL_PLATFORM_API void clear();
 /// The bytes of samples that the pool holds for later use.
 ZEL_PLATFORM_API unsigned long long heldBytes();
 
-/// A channel without a name that goes back to the pool with the last pointer to it; null while the
-/// pool is disabled. It is sized to `topology`, unless that is null; `tileCount` is the number of
-/// tiles to expect. `pooledMemory` lets its memory come from ChannelMemoryPool when the pool holds
-/// no channel of a fitting size. Throws what the channel's constructor and update() throw.
+/// A channel without a name that goes back to the pool with the last pointer to it, if the pool is
+/// enabled then; null while the pool is disabled. It is sized to `topology`; if that is null it has
+/// no tiles, and is chosen to have memory for `tileCount` of them. `pooledMemory` has any memory
+/// that it needs beyond that of a channel in the pool come from ChannelMemoryPool. Throws what the
+/// channel's constructor and update() throw.
 template <class Traits, class T, int W, int X>
 Quern::Ptr<Channel<Traits, T, W, 0, X>>
 allocate(T defaultValue, bool pooledMemory, bool callElementConstructor, int minDepth, int maxDepth,

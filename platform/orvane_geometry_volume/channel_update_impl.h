@@ -57,6 +57,7 @@ void ZEL_DETAIL_CHANNEL::updateTilesRemoved(
     Component const& topology) {
     auto const& container = containerOf(topology, "updateTilesRemoved");
     for (unsigned d = 0; d < std::max(ranges.size(), m_levels.size()); ++d) {
+        if (d < m_levels.size() && !hasDepth(d)) continue;
         long long const had = d < m_levels.size() ? present(static_cast<int>(d)) : 0;
         long long left = had, end = 0;
         if (d < ranges.size())
@@ -69,12 +70,13 @@ void ZEL_DETAIL_CHANNEL::updateTilesRemoved(
                 end = last;
             }
         auto const depth = static_cast<int>(d);
-        if (depth >= m_minDepth && depth <= m_maxDepth && left != container.tileCount(depth))
+        if (left != container.tileCount(depth))
             throw std::invalid_argument(
                 Internal::message("Channel::updateTilesRemoved: ", left, " tiles left at depth ", d,
                                   ", and the topology has ", container.tileCount(depth)));
     }
     for (unsigned d = 0; d < std::min(ranges.size(), m_levels.size()); ++d) {
+        if (!hasDepth(d)) continue;
         Level& level = m_levels[d];
         long long to = 0, from = 0;
         auto const moveUntil = [&](long long end) {
@@ -96,8 +98,11 @@ void ZEL_DETAIL_CHANNEL::updateTilesRemoved(
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::updateTilesPermuted(std::vector<std::vector<long long>> const& sources) {
     std::vector<bool> seen;
+    auto const skipped = [&](unsigned d) {
+        return sources[d].empty() || (d < m_levels.size() && !hasDepth(d));
+    };
     for (unsigned d = 0; d < sources.size(); ++d) {
-        if (sources[d].empty()) continue;
+        if (skipped(d)) continue;
         std::size_t const tiles = d < m_levels.size() ? m_levels[d].tiles : 0;
         if (sources[d].size() != tiles)
             throw std::invalid_argument(
@@ -115,6 +120,7 @@ void ZEL_DETAIL_CHANNEL::updateTilesPermuted(std::vector<std::vector<long long>>
     }
     std::vector<std::vector<T>> reordered(sources.size());
     for (unsigned d = 0; d < sources.size(); ++d) {
+        if (skipped(d)) continue;
         reordered[d].reserve(sources[d].size() * Layout::kCount);
         for (long long const from : sources[d]) {
             T const* const first = m_levels[d].first + from * Layout::kCount;

@@ -26,7 +26,8 @@ template <class Traits> bool insideRoot(int3 const& p) {
 
 template <class Traits>
 Container<Traits>::Container(float voxelSize, long long maxTiles)
-    : m_maxTiles(maxTiles), m_voxelSize(voxelSize), m_stamp{nextStamp(), nextStamp()} {
+    : m_maxTiles(maxTiles), m_voxelSize(voxelSize + 0.0f) {  // no negative zero
+    m_state.stamp = {nextStamp(), nextStamp()};
     if (!(voxelSize >= 0) || std::isinf(voxelSize))
         throw std::invalid_argument(Internal::message("Container: voxelSize of ", voxelSize));
     if (maxTiles < 0 || maxTiles > kMaxTiles)
@@ -35,19 +36,19 @@ Container<Traits>::Container(float voxelSize, long long maxTiles)
 
 template <class Traits>
 Container<Traits>::Container(Container const& other)
-    : Component(other), m_innerTiles(other.m_innerTiles), m_total(other.m_total),
-      m_maxTiles(other.m_maxTiles), m_depth(other.m_depth), m_voxelSize(other.m_voxelSize),
-      m_stamp(other.m_stamp) {
+    : Component(other), m_innerTiles(other.m_innerTiles), m_maxTiles(other.m_maxTiles),
+      m_voxelSize(other.m_voxelSize), m_state(other.m_state) {
+    m_state.copy = true;
     for (unsigned depth = 0; depth < m_levels.size(); ++depth) {
         Level const& from = other.m_levels[depth];
         m_levels[depth].reserveMore(from.size());
-        for (long long i = 0; i < from.size(); ++i) {
-            Tile& tile = m_levels[depth].add(from[i]);
-            if (!tile.m_children) continue;
-            ChildTable table;
-            std::copy_n(tile.m_children, table.size(), table.begin());
-            tile.m_children = m_tables.add(table).data();
-        }
+        for (long long i = 0; i < from.size(); ++i) m_levels[depth].add(from[i]);
+    }
+    m_tables.reserveMore(other.m_tables.size());
+    for (long long i = 0; i < other.m_tables.size(); ++i) {
+        ChildTable& table = m_tables.add(other.m_tables[i]);
+        m_levels[static_cast<unsigned>(table.depth)][table.owner].m_children =
+            table.children.data();
     }
 }
 
@@ -59,11 +60,16 @@ template <class Traits> auto Container<Traits>::sentinel() -> Tile const& {
 }
 
 template <class Traits> void Container<Traits>::changed() noexcept {
-    m_stamp.version = nextStamp();
+    if (m_state.copy) {
+        m_state.origin = m_state.stamp;
+        m_state.stamp.tree = nextStamp();
+        m_state.copy = false;
+    }
+    m_state.stamp.version = nextStamp();
 }
 
 template <class Traits> void Container<Traits>::checkRoom(long long more) const {
-    if (m_total + more > m_maxTiles)
+    if (m_state.total + more > m_maxTiles)
         throw std::length_error(Internal::message("Container: more than ", m_maxTiles, " tiles"));
 }
 
@@ -86,7 +92,8 @@ template <class Traits> TreeIndex Container<Traits>::addTile(int i, int j, int k
 
     // All that can fail comes before the first change.
     checkRoom(depth - found);
-    reserveTiles(found + 1, depth);
+    for (int d = found + 1; d <= depth; ++d) reserveChild(d == found + 1 ? tile : nullptr, d);
+    m_tables.reserveMore(depth - found);
     TreeIndex added;
     for (int d = found + 1; d <= depth; ++d) {
         added = link(tile, tile ? tile->childIJK(p) : int3());
@@ -113,46 +120,27 @@ TreeIndex Container<Traits>::addChild(TreeIndex const& parent, int3 const& child
 
     auto const depth = static_cast<unsigned>(parent.depth);
     checkRoom(1);
-    reserveTiles(parent.depth + 1, parent.depth + 1);
+    reserveChild(&found, parent.depth + 1);
+    m_tables.reserveMore(1);
     TreeIndex const added = link(&m_levels[depth][parent.tile], childPosition);
     changed();
     return added;
 }
 
-/// Makes room for one tile of each depth, and for what its parent needs.
-template <class Traits> void Container<Traits>::reserveTiles(int first, int last) {
-    m_tables.reserveMore(last - first + 1);
-    for (int depth = first; depth <= last; ++depth) {
-        m_levels[static_cast<unsigned>(depth)].reserveMore(1);
-        if (indexed(depth - 1)) {
-            Level const& parents = m_levels[static_cast<unsigned>(depth) - 1];
-            innerTiles(depth - 1).reserveOne(
-                [&](std::int32_t inner) { return hashOf(parents[inner]); });
-        }
-    }
+/// Makes room for one tile of a depth, and for its parent, which may be yet to come, in the index.
+template <class Traits> void Container<Traits>::reserveChild(Tile const* parent, int depth) {
+    m_levels[static_cast<unsigned>(depth)].reserveMore(1);
+    if (depth > 1 && !(parent && parent->m_children))
+        m_innerTiles[static_cast<unsigned>(depth) - 1].reserveOne();
 }
 
-template <class Traits>
-std::size_t Container<Traits>::hashOf(std::uint32_t x, std::uint32_t y, std::uint32_t z,
-                                      int depth) {
-    return Internal::InnerTileIndex::hash(Internal::tilesBelow<Traits>(x, depth),
-                                          Internal::tilesBelow<Traits>(y, depth),
-                                          Internal::tilesBelow<Traits>(z, depth));
-}
-
-template <class Traits> std::size_t Container<Traits>::hashOf(Tile const& tile) {
-    return hashOf(Traits::aboveRoot(tile.m_tijk.x), Traits::aboveRoot(tile.m_tijk.y),
-                  Traits::aboveRoot(tile.m_tijk.z), tile.m_depth);
-}
-
-/// The tile of an indexed depth that has children and contains a point of the root, or null.
-template <class Traits>
-auto Container<Traits>::innerTile(int i, int j, int k, int depth) const -> Tile const* {
-    Level const& level = m_levels[static_cast<unsigned>(depth)];
-    std::int32_t const found = m_innerTiles[static_cast<unsigned>(depth)].find(
-        hashOf(Traits::aboveRoot(i), Traits::aboveRoot(j), Traits::aboveRoot(k), depth),
-        [&](std::int32_t inner) { return level[inner].contains(i, j, k); });
-    return found < 0 ? nullptr : &level[found];
+template <class Traits> std::uint32_t Container<Traits>::hashOf(Tile const& tile) {
+    auto const cell = [&](std::int32_t corner) {
+        return Internal::tilesBelow<Traits>(Traits::aboveRoot(corner),
+                                            static_cast<unsigned>(tile.m_depth));
+    };
+    return Internal::InnerTileIndex::hash(cell(tile.m_tijk.x), cell(tile.m_tijk.y),
+                                          cell(tile.m_tijk.z));
 }
 
 /// Adds a child, or the root if `parent` is null, for which there is room.
@@ -170,17 +158,20 @@ TreeIndex Container<Traits>::link(Tile* parent, int3 const& childPosition) noexc
         tile.m_tijk = parent->m_tijk + childPosition * Traits::tileWidth(depth);
         if (!parent->m_children) {
             ChildTable none;
-            none.fill(-1);
-            parent->m_children = m_tables.add(none).data();
-            if (indexed(parent->m_depth))
-                innerTiles(parent->m_depth).add(hashOf(*parent), parent->m_index);
+            none.children.fill(-1);
+            none.owner = parent->m_index;
+            none.depth = parent->m_depth;
+            parent->m_children = m_tables.add(none).children.data();
+            if (depth > 1)
+                m_innerTiles[static_cast<unsigned>(parent->m_depth)].add(
+                    hashOf(*parent), static_cast<std::int32_t>(m_tables.size() - 1));
         }
         parent->m_children[Tile::childSlot(childPosition.x, childPosition.y, childPosition.z)] =
             tile.m_index;
     }
     level.add(tile);
-    ++m_total;
-    m_depth = std::max(m_depth, depth);
+    ++m_state.total;
+    m_state.depth = std::max(m_state.depth, depth);
     return tile.treeIndex();
 }
 
@@ -191,44 +182,16 @@ std::array<long long, Traits::kMaxDepth + 1> Container<Traits>::tileCounts() con
     return counts;
 }
 
-template <class Traits>
-void Container<Traits>::truncate(std::array<long long, Traits::kMaxDepth + 1> const& counts) {
-    for (int depth = m_depth; depth >= 0; --depth) {
-        Level& level = m_levels[static_cast<unsigned>(depth)];
-        for (long long i = counts[static_cast<unsigned>(depth)]; i < level.size(); ++i) {
-            if (depth == 0) continue;
-            Tile& parent = m_levels[static_cast<unsigned>(depth) - 1][level[i].m_parentIndex];
-            auto* const first = parent.m_children;
-            if (!first) continue;
-            std::replace(first, first + Traits::kChildCount, level[i].m_index, std::int32_t{-1});
-            // Its table is left unused.
-            if (std::all_of(first, first + Traits::kChildCount, [](auto c) { return c < 0; }))
-                parent.m_children = nullptr;
-        }
-        m_total -= level.size() - std::min(level.size(), counts[static_cast<unsigned>(depth)]);
-        level.truncate(std::min(level.size(), counts[static_cast<unsigned>(depth)]));
-        if (depth == m_depth && level.size() == 0) --m_depth;
-    }
-    for (int depth = 1; depth < Traits::kMaxDepth; ++depth) {
-        if (!indexed(depth)) continue;
-        innerTiles(depth).clear();
-        Level const& level = m_levels[static_cast<unsigned>(depth)];
-        for (long long i = 0; i < level.size(); ++i)
-            if (level[i].m_children) innerTiles(depth).add(hashOf(level[i]), level[i].m_index);
-    }
-    changed();
-}
-
 template <class Traits> long long Container<Traits>::tileCount(int depth) const {
-    if (depth == -1) return m_total;
+    if (depth == -1) return m_state.total;
     if (depth < 0 || depth > Traits::kMaxDepth) return 0;
     return m_levels[static_cast<unsigned>(depth)].size();
 }
 
 template <class Traits> void Container<Traits>::dump(std::ostream& stream) const {
     stream << "Container of branch " << Traits::kBranch << ", voxel size " << m_voxelSize << ", "
-           << m_total << " tiles\n";
-    for (int depth = 0; depth <= m_depth; ++depth)
+           << m_state.total << " tiles\n";
+    for (int depth = 0; depth <= m_state.depth; ++depth)
         stream << "  depth " << depth << ": " << tileCount(depth) << " tiles\n";
 }
 
@@ -242,7 +205,7 @@ void Container<Traits>::memUse(unsigned long long& used, unsigned long long& hel
     held = static_cast<unsigned long long>(heldBytes) + object;
     used = size() * sizeof(Tile) +
            static_cast<unsigned long long>(m_tables.size()) * sizeof(ChildTable) + object;
-    for (auto const& inner : m_innerTiles) used += inner.bytes();
+    for (auto const& inner : m_innerTiles) used += inner.bytesUsed();
 }
 
 template <class Traits> void Container<Traits>::copyTo(Quern::Ptr<Component>& target) const {

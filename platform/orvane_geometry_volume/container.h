@@ -12,11 +12,17 @@
 
 namespace ORV::TileTree3D {
 
-/// Tells trees apart, and the states of one tree as it grows. Copies of a tree share both numbers
-/// until tiles are added to one of them.
+template <class Traits> class Container;
+
+namespace Internal {
+template <class Traits> class Rollback;
+}  // namespace Internal
+
+/// Tells trees apart, and the states of one tree as it grows. A copy of a tree shares both numbers
+/// until tiles are added to it, which makes it a tree of its own.
 struct TreeStamp {
     std::uint64_t tree = 0;     ///< 0 for no tree
-    std::uint64_t version = 0;  ///< new whenever tiles are added
+    std::uint64_t version = 0;  ///< higher whenever tiles have been added
 
     bool operator==(TreeStamp const&) const = default;
 };
@@ -68,58 +74,69 @@ public:
     /// What a look-up without a result returns: see TileBinaryNonCompatible.
     static Tile const& sentinel();
 
-    TreeStamp stamp() const { return m_stamp; }
+    TreeStamp stamp() const { return m_state.stamp; }
+    /// Whether a tile of this tree has the index that it had when the stamp was taken: the stamp is
+    /// one of this tree, or of the tree that this is a copy of, from before the copy grew.
+    bool continues(TreeStamp const& stamp) const {
+        TreeStamp const& origin = m_state.origin;
+        return stamp.tree != 0 && (stamp.tree == m_state.stamp.tree ||
+                                   (stamp.tree == origin.tree && stamp.version <= origin.version));
+    }
 
-    /// The number of tiles of each depth, and the way back: drops all tiles added since `counts`
-    /// was taken. References to those, and accessors, are not to be used after it.
+    /// The number of tiles of each depth.
     std::array<long long, Traits::kMaxDepth + 1> tileCounts() const;
-    void truncate(std::array<long long, Traits::kMaxDepth + 1> const& counts);
 
     void dump(std::ostream& stream) const override;
     void memUse(unsigned long long& used, unsigned long long& held, bool withObject) const override;
     void copyTo(Quern::Ptr<Component>& target) const override;
-    unsigned long long size() const override { return static_cast<unsigned long long>(m_total); }
+    unsigned long long size() const override {
+        return static_cast<unsigned long long>(m_state.total);
+    }
     /// Throws std::logic_error: a tree depends on no topology.
     void update(Component const& topology) override;
     long long elementCount(int depth) const override { return tileCount(depth); }
     int elementCount(TreeIndex const& index) const override { return tile(index).exists(); }
     long long tileCount(int depth) const override;
     int minDepth() const override { return 0; }
-    int depth() const override { return m_depth; }
+    int depth() const override { return m_state.depth; }
 
 private:
-    using Level = Internal::ChunkedStore<Tile, 8>;
-    using ChildTable = std::array<std::int32_t, Traits::kChildCount>;
+    friend class Internal::Rollback<Traits>;
 
-    // The inner tiles of every second depth, or of every depth, are found without a walk.
-    static constexpr int kIndexStep = Traits::kBranch == 2 ? 2 : 1;
-    static bool indexed(int depth) { return depth > 0 && depth % kIndexStep == 0; }
-    Internal::InnerTileIndex& innerTiles(int depth) {
-        return m_innerTiles[static_cast<unsigned>(depth)];
-    }
-    static std::size_t hashOf(std::uint32_t x, std::uint32_t y, std::uint32_t z, int depth);
-    static std::size_t hashOf(Tile const& tile);
-    Tile const* innerTile(int i, int j, int k, int depth) const;
+    struct ChildTable {
+        std::array<std::int32_t, Traits::kChildCount> children;
+        std::int32_t owner;  ///< place of the parent within its depth
+        std::int32_t depth;  ///< of the parent
+    };
+    using Level = Internal::ChunkedStore<Tile, 8>;
+    using Tables = Internal::ChunkedStore<ChildTable, Traits::kBranch == 2 ? 8 : 4>;
+
+    /// All that changes as a tree grows, but for what hangs on the tiles.
+    struct State {
+        long long total = 0;
+        int depth = -1;
+        bool copy = false;  ///< of a tree that has the same stamp
+        TreeStamp stamp, origin;
+    };
+
+    static std::uint32_t hashOf(Tile const& tile);
 
     void checkRoom(long long more) const;
-    void reserveTiles(int first, int last);
+    void reserveChild(Tile const* parent, int depth);
     TreeIndex link(Tile* parent, int3 const& childPosition) noexcept;
     void changed() noexcept;
 
     std::array<Level, Traits::kMaxDepth + 1> m_levels;
-    Internal::ChunkedStore<ChildTable, 4> m_tables;
-    std::array<Internal::InnerTileIndex, Traits::kMaxDepth> m_innerTiles;
-    long long m_total = 0;
+    Tables m_tables;
+    std::array<Internal::InnerTileIndex, Traits::kMaxDepth> m_innerTiles;  // by depth
     long long m_maxTiles;
-    int m_depth = -1;
     float m_voxelSize;
-    TreeStamp m_stamp;
+    State m_state;
 };
 
-/// A cursor in a tree, for one thread. It remembers the way down to where it was last, so that a
-/// look-up climbs only to the first tile that covers the new point. If that is far up, it finds an
-/// inner tile near the point in the tree's index, and goes down from there. Tiles may be added to
-/// the tree between look-ups.
+/// A cursor in a tree, for one thread. A look-up near the current tile climbs only to the first
+/// tile that covers the new point; one farther away, or far below that tile, goes to the tree's
+/// index of inner tiles. Tiles may be added to the tree between look-ups.
 template <class Traits> class ZEL_PLATFORM_API Container<Traits>::ConstTileAccessor {
 public:
     explicit ConstTileAccessor(Container const& container);
@@ -154,14 +171,9 @@ protected:
 
 private:
     Tile const& find(int i, int j, int k, int depth) const;
-    int commonDepth(int i, int j, int k, int limit) const;
-    Tile const& start(int i, int j, int k, int common, int deepest) const;
+    class Search;
 
     Container const* m_container;
-    // Tiles from m_pathTop down to m_pathDepth, each the parent of the next.
-    mutable std::array<Tile const*, Traits::kMaxDepth + 1> m_path;
-    mutable int m_pathTop = 0;
-    mutable int m_pathDepth = -1;
 };
 
 template <class Traits>

@@ -9,9 +9,12 @@
 namespace ORV::TileTree3D::Internal {
 
 /// What a pool holds, by size. A request takes the smallest entry that is large enough, and none
-/// that is more than twice as large, so that little memory lies idle in a long-lived owner.
+/// that is more than twice as large, so that little memory lies idle in a long-lived owner. A list
+/// that would hold more than its limit is cleared first: what nobody asked for any more goes.
 template <class Entry> class FreeList {
 public:
+    explicit FreeList(unsigned long long limit) : m_limit(limit) {}
+
     bool enabled() const { return m_enabled.load(std::memory_order_relaxed); }
 
     void setEnabled(bool on) {
@@ -28,7 +31,7 @@ public:
         if (!enabled()) return std::nullopt;
         std::scoped_lock const lock(m_mutex);
         auto const found = m_entries.lower_bound(size);
-        if (found == m_entries.end() || found->first / 2 > size) return std::nullopt;
+        if (found == m_entries.end() || found->first - size > size) return std::nullopt;
         std::optional<Taken> taken(Taken{found->first, std::move(found->second)});
         m_heldSize -= found->first;
         m_entries.erase(found);
@@ -36,11 +39,16 @@ public:
     }
 
     /// Whether the entry was taken over. A list that is disabled, or has no memory to note the
-    /// entry, leaves it to its owner.
+    /// entry, and an entry beyond the limit, leave it to its owner.
     bool give(unsigned long long size, Entry&& entry) noexcept {
+        Entries dropped;
         try {
             std::scoped_lock const lock(m_mutex);
-            if (!enabled()) return false;
+            if (!enabled() || size > m_limit) return false;
+            if (m_heldSize > m_limit - size) {
+                dropped.swap(m_entries);
+                m_heldSize = 0;
+            }
             m_entries.emplace(size, std::move(entry));
             m_heldSize += size;
             return true;
@@ -50,7 +58,7 @@ public:
     }
 
     void clear() {
-        std::multimap<unsigned long long, Entry> dropped;
+        Entries dropped;
         std::scoped_lock const lock(m_mutex);
         dropped.swap(m_entries);
         m_heldSize = 0;
@@ -62,9 +70,12 @@ public:
     }
 
 private:
+    using Entries = std::multimap<unsigned long long, Entry>;
+
+    unsigned long long const m_limit;
     std::atomic<bool> m_enabled = false;
     mutable std::mutex m_mutex;
-    std::multimap<unsigned long long, Entry> m_entries;
+    Entries m_entries;
     unsigned long long m_heldSize = 0;
 };
 

@@ -19,6 +19,25 @@ constexpr HaloType kAllElements = 15;
     throw std::invalid_argument(Internal::message(function, ": ", what, " ", value));
 }
 
+[[noreturn]] void refuseTiles(char const* function, char const* what, Quern::String const& name,
+                              long long tiles, long long treeTiles) {
+    throw std::invalid_argument(Internal::message(function, ": ", what, " '", name, "' of ", tiles,
+                                                  " tiles is not sized to the tree of ", treeTiles,
+                                                  " tiles as it is"));
+}
+
+/// What the two forms of setHaloTile ask for alike.
+template <class Traits, class Channel, class Data>
+void checkHaloTile(TreeIndex const& index, Channel const& channel,
+                   Container<Traits> const& container, Data const& out) {
+    if (!out)
+        throw std::invalid_argument(Internal::message("setHaloTile: no data for the halo of tile ",
+                                                      index.tile, " of depth ", index.depth));
+    if (!channel.belongsTo(container))
+        refuseTiles("setHaloTile", "channel", channel.name(), channel.tileCount(-1),
+                    container.tileCount(-1));
+}
+
 /// Whether a tile of `depth` takes samples from its parent, in a channel of that minimum depth.
 bool parentUsable(int depth, int minDepth) {
     return depth > 0 && depth - 1 >= minDepth;
@@ -48,11 +67,11 @@ requires HighSideHalo<A, B, C, D>
 void computeHalo(DataChannel<Traits, T> const& source, Container<Traits> const& container,
                  HaloChannel<Traits, T>& halo, int minDepth, int maxDepth) {
     if (!source.fits(container))
-        throw std::invalid_argument(Internal::message("computeHalo: channel '", source.name(),
-                                                      "' is not sized to the container as it is"));
+        refuseTiles("computeHalo", "channel", source.name(), source.tileCount(-1),
+                    container.tileCount(-1));
     if (!halo.fits(container))
-        throw std::invalid_argument(
-            "computeHalo: the halo channel is not sized to the container as it is");
+        refuseTiles("computeHalo", "halo channel", halo.name(), halo.tileCount(-1),
+                    container.tileCount(-1));
     if (minDepth < 0 || maxDepth < minDepth)
         throw std::out_of_range(
             Internal::message("computeHalo: depths ", minDepth, " to ", maxDepth));
@@ -83,7 +102,7 @@ void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
                  typename Container<Traits>::ConstTileAccessor& accessor,
                  TileData<T, Traits::kSamples + 1, 0, 0>& out) {
     if (mode != kHighSides) refuse("setHaloTile", "halo mode", mode);
-    if (!out) throw std::invalid_argument("setHaloTile: the halo tile has no data");
+    checkHaloTile(tile.treeIndex(), channel, accessor.container(), out);
     bool const useParent =
         parent && parent->exists() && parentUsable(tile.depth(), channel.minDepth());
     Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnCorners);
@@ -102,7 +121,7 @@ void setHaloTile(TreeIndex const& index, DataChannel<Traits, T> const& channel, 
     if (mode != kAllRound) refuse("setHaloTile", "halo mode", mode);
     if (haloType != kAllElements) refuse("setHaloTile", "halo type", haloType);
     if (type < 0 || type > 7) refuse("setHaloTile", "offset type", type);
-    if (!out) throw std::invalid_argument("setHaloTile: the halo tile has no data");
+    checkHaloTile(index, channel, accessor.container(), out);
 
     // Up the tree for as long as a tile rests on its parent, then down again.
     auto const& container = accessor.container();

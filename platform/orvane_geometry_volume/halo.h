@@ -35,8 +35,9 @@ void computeHalo(DataChannel<Traits, T> const& source, Container<Traits> const& 
                  HaloChannel<Traits, T>& halo, int minDepth, int maxDepth);
 
 /// The same for one tile, bit for bit, into `out`. `parentHalo` is the parent's finished halo;
-/// without a usable parent, `parent` is null or `parentHalo` has no data. Throws
-/// std::invalid_argument for a mode other than 2 and for an `out` without data.
+/// without a usable parent, `parent` is null or `parentHalo` has no data. `out` and `parentHalo`
+/// are not to overlap. Throws std::invalid_argument for a mode other than 2, for an `out` without
+/// data and for a channel that is sized to a tree other than the accessor's.
 template <class Traits, class T, int A, int B, int C, int D>
 requires HighSideHalo<A, B, C, D>
 void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
@@ -49,8 +50,8 @@ void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
 /// same rule; the halos of its ancestors are made as far as they are needed. `type` tells where the
 /// samples sit. Each sample s is stored as `shift + s * scale`, and as it is for 0 and 1. A tile
 /// that is not in the tree has the default value everywhere. Throws std::invalid_argument for a
-/// mode other than 4, a halo type other than 15, an offset type outside 0 to 7 and an `out` without
-/// data.
+/// mode other than 4, a halo type other than 15, an offset type outside 0 to 7, an `out` without
+/// data and a channel that is sized to a tree other than the accessor's.
 template <class Traits, class T, int A, int B, int C, int D>
 requires AllRoundHalo<A, B, C, D>
 void setHaloTile(TreeIndex const& index, DataChannel<Traits, T> const& channel, HaloMode mode,

@@ -140,7 +140,13 @@ private:
         };
         return fz == 0 ? plane(0) : lerp(plane(0), plane(1), fz);
     }
-    static T lerp(T const& a, T const& b, float t) { return (b - a) * t + a; }
+    /// `a` for equal ends, and finite between finite ones: what is subtracted has one sign.
+    static float lerp(float a, float b, float t) {
+        return (a < 0) == (b < 0) ? (b - a) * t + a : a * (1 - t) + b * t;
+    }
+    static float3 lerp(float3 const& a, float3 const& b, float t) {
+        return {lerp(a.x, b.x, t), lerp(a.y, b.y, t), lerp(a.z, b.z, t)};
+    }
 
     template <class Value> static Value const& at(std::array<Value, kWidth> const& values, int i) {
         return values[static_cast<unsigned>(i)];

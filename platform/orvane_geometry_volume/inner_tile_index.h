@@ -1,56 +1,94 @@
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 namespace ORV::TileTree3D::Internal {
 
-/// The tiles of one depth that have children, by their place on the lattice: a table of open
-/// addresses, at most half full. It holds the tiles' indices alone, 4 bytes each, and leaves the
-/// comparison to the tiles themselves.
+/// The child tables of one depth by the place on the lattice of the tile that owns them: a hash
+/// table of buckets of 4, at most half full, of 8 bytes an entry. It holds hashes and the numbers
+/// of the tables, and leaves it to the caller to see whether a table of the same hash is the one.
+///
+/// A bucket is compared as a whole, without a branch that depends on where in it an entry lies: in
+/// look-ups at random places mispredicted branches cost more than the memory.
 class InnerTileIndex {
 public:
-    static std::size_t hash(std::uint32_t x, std::uint32_t y, std::uint32_t z) {
+    static std::uint32_t hash(std::uint32_t x, std::uint32_t y, std::uint32_t z) {
         std::uint64_t h = x * std::uint64_t{0x9e3779b97f4a7c15};
-        h ^= y * std::uint64_t{0xc2b2ae3d27d4eb4f};
-        h ^= z * std::uint64_t{0x165667b19e3779f9};
-        return h ^ (h >> 32);
+        h += y * std::uint64_t{0xc2b2ae3d27d4eb4f};
+        h += z * std::uint64_t{0x165667b19e3779f9};
+        return static_cast<std::uint32_t>(h >> 32);
     }
 
-    /// Makes room for one more, so that adding it cannot fail; `hashOf` gives the hash of a tile.
-    template <class HashOf> void reserveOne(HashOf const& hashOf) {
-        if (2 * (m_count + 1) <= m_slots.size()) return;
-        std::vector<std::int32_t> slots(m_slots.empty() ? 8 : 2 * m_slots.size(), -1);
-        slots.swap(m_slots);
-        for (std::int32_t const tile : slots)
-            if (tile >= 0) put(hashOf(tile), tile);
+    /// Makes room for one more, so that adding it cannot fail.
+    void reserveOne() {
+        std::size_t const size = bucketsFor(m_count + 1);
+        if (size <= m_buckets.size()) return;
+        std::vector<Bucket> buckets(size);
+        buckets.swap(m_buckets);
+        for (Bucket const& bucket : buckets)
+            for (unsigned s = 0; s < kBucketSize; ++s)
+                if (bucket.table[s] >= 0) put(bucket.hash[s], bucket.table[s]);
     }
-    void add(std::size_t hash, std::int32_t tile) {
-        put(hash, tile);
+    void add(std::uint32_t hash, std::int32_t table) {
+        put(hash, table);
         ++m_count;
     }
-    /// The tile of that hash for which `matches` is true, or -1.
-    template <class Matches> std::int32_t find(std::size_t hash, Matches const& matches) const {
-        if (m_count == 0) return -1;
-        for (std::size_t at = hash & mask();; at = (at + 1) & mask())
-            if (m_slots[at] < 0 || matches(m_slots[at])) return m_slots[at];
+    /// What `resolve` makes of the first table of that hash for which it gives no null; else null.
+    template <class Resolve>
+    auto find(std::uint32_t hash, Resolve const& resolve) const
+        -> decltype(resolve(std::int32_t{})) {
+        if (m_count == 0) return nullptr;
+        for (std::size_t at = hash & mask();; at = (at + 1) & mask()) {
+            Bucket const& bucket = m_buckets[at];
+            unsigned same = 0;
+            for (unsigned s = 0; s < kBucketSize; ++s)
+                same |= unsigned{bucket.hash[s] == hash} << s;
+            for (; same != 0; same &= same - 1) {
+                std::int32_t const table =
+                    bucket.table[static_cast<unsigned>(std::countr_zero(same))];
+                if (table < 0) break;
+                if (auto const resolved = resolve(table)) return resolved;
+            }
+            if (bucket.table[kBucketSize - 1] < 0) return nullptr;  // not full
+        }
     }
     void clear() {
-        m_slots.assign(m_slots.size(), -1);
+        m_buckets.assign(m_buckets.size(), Bucket());
         m_count = 0;
     }
-    std::size_t bytes() const { return m_slots.size() * sizeof(std::int32_t); }
+
+    /// The bytes that the present entries need, and the bytes held.
+    std::size_t bytesUsed() const { return m_count > 0 ? bucketsFor(m_count) * sizeof(Bucket) : 0; }
+    std::size_t bytes() const { return m_buckets.capacity() * sizeof(Bucket); }
 
 private:
-    std::size_t mask() const { return m_slots.size() - 1; }
-    void put(std::size_t hash, std::int32_t tile) {
-        std::size_t at = hash & mask();
-        while (m_slots[at] >= 0) at = (at + 1) & mask();
-        m_slots[at] = tile;
+    static constexpr unsigned kBucketSize = 4;
+
+    /// Filled from the first entry on.
+    struct alignas(32) Bucket {
+        std::array<std::uint32_t, kBucketSize> hash{};
+        std::array<std::int32_t, kBucketSize> table{-1, -1, -1, -1};
+    };
+
+    static std::size_t bucketsFor(std::size_t count) {
+        return std::bit_ceil((2 * count + kBucketSize - 1) / kBucketSize);
+    }
+    std::size_t mask() const { return m_buckets.size() - 1; }
+    void put(std::uint32_t hash, std::int32_t table) {
+        for (std::size_t at = hash & mask();; at = (at + 1) & mask())
+            for (unsigned s = 0; s < kBucketSize; ++s)
+                if (m_buckets[at].table[s] < 0) {
+                    m_buckets[at].hash[s] = hash;
+                    m_buckets[at].table[s] = table;
+                    return;
+                }
     }
 
-    std::vector<std::int32_t> m_slots;
+    std::vector<Bucket> m_buckets;
     std::size_t m_count = 0;
 };
 

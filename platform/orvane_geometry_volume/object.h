@@ -4,7 +4,7 @@
 #include <string>
 
 #include "orvane_geometry_volume/component.h"
-#include "orvane_geometry_volume/ptr_cast.h"
+#include "quern_core/ptr.h"
 #include "quern_core/string.h"
 
 namespace ORV {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <limits>
 
 #include "orvane_geometry_volume/traits.h"
 
@@ -64,14 +65,18 @@ public:
 
     int voxelDataWidth() const { return Traits::voxelWidth(this->m_depth); }
     int tileVoxelWidth() const { return Traits::tileWidth(this->m_depth); }
-    /// The voxel width one level deeper, and 1 below the deepest depth.
-    int childVoxelDataWidth() const { return Traits::voxelWidth(this->m_depth + 1); }
+    /// The voxel width one level deeper; 1 below the deepest depth and for the sentinel.
+    int childVoxelDataWidth() const {
+        return this->m_depth < 0 ? 1 : Traits::voxelWidth(this->m_depth + 1);
+    }
 
     /// Whether the tile exists and a lattice point lies in it.
     bool contains(int i, int j, int k) const {
         auto const width = static_cast<std::uint32_t>(tileVoxelWidth());
-        return this->m_exists != 0 && above(i, this->m_tijk.x) < width &&
-               above(j, this->m_tijk.y) < width && above(k, this->m_tijk.z) < width;
+        // One test for all axes: three would each be mispredicted now and then.
+        std::uint32_t const farthest = std::max(
+            {above(i, this->m_tijk.x), above(j, this->m_tijk.y), above(k, this->m_tijk.z)});
+        return farthest < width && this->m_exists != 0;
     }
     bool contains(int3 const& p) const { return contains(p.x, p.y, p.z); }
 
@@ -91,7 +96,7 @@ public:
 
     /// The voxel index in this tile of a lattice point: tijk + voxelDataWidth() times the result is
     /// the voxel's low corner. 0 to W - 1 along each axis for a point of this tile, and counted on
-    /// beyond its faces for a point outside.
+    /// beyond its faces for a point outside, up to the ends of the 32-bit range.
     int3 childDataIJK(int3 const& p) const { return childDataIJK(p.x, p.y, p.z); }
     int3 childDataIJK(int const& i, int const& j, int const& k) const {
         int const width = voxelDataWidth();
@@ -110,12 +115,15 @@ private:
     }
     static int voxelCoordinate(std::int32_t p, std::int32_t corner, int width) {
         std::int64_t const distance = std::int64_t{p} - corner;
+        std::int64_t voxel;
         if constexpr (Traits::kBranch == 2)  // a power of two; the shift rounds down
-            return static_cast<int>(distance >> std::countr_zero(static_cast<unsigned>(width)));
-        if (distance >= 0)
-            return static_cast<int>(static_cast<std::uint32_t>(distance) /
-                                    static_cast<std::uint32_t>(width));
-        return static_cast<int>((distance + 1) / width - 1);
+            voxel = distance >> std::countr_zero(static_cast<unsigned>(width));
+        else if (distance >= 0)  // less than 2^32
+            voxel = static_cast<std::uint32_t>(distance) / static_cast<std::uint32_t>(width);
+        else
+            voxel = (distance + 1) / width - 1;
+        using Limits = std::numeric_limits<std::int32_t>;
+        return static_cast<int>(std::clamp<std::int64_t>(voxel, Limits::min(), Limits::max()));
     }
 };
 

@@ -1,134 +1,126 @@
-#include <bit>
-
 #include "orvane_geometry_volume/container.h"
 
 namespace ORV::TileTree3D {
 
-namespace {
-
-/// Walks down from a tile towards a lattice point, both inside the root.
-template <class Traits> class Descent;
-
-template <> class Descent<BinaryTraits> {
+/// One look-up: a point of the root, and the depth asked for.
+template <class Traits> class Container<Traits>::ConstTileAccessor::Search {
 public:
-    Descent(TileOf<BinaryTraits> const&, std::uint32_t x, std::uint32_t y, std::uint32_t z)
-        : m_x(x), m_y(y), m_z(z) {}
+    Search(Container const& tree, int i, int j, int k, int deepest)
+        : m_tree(tree), m_p{i, j, k}, m_x(Traits::aboveRoot(i)), m_y(Traits::aboveRoot(j)),
+          m_z(Traits::aboveRoot(k)), m_deepest(deepest) {}
 
-    unsigned nextSlot(unsigned childDepth) const {
-        unsigned const shift = 30 - childDepth;
-        return (m_x >> shift & 1) | (m_y >> shift & 1) << 1 | (m_z >> shift & 1) << 2;
+    bool insideRoot() const { return std::max({m_x, m_y, m_z}) < Traits::kRootWidth; }
+
+    /// The first tile from the current one upwards that is not too deep and covers the point, if it
+    /// is near; else null.
+    Tile const* climb(Tile const* tile) const {
+        int const top = std::max(tile->m_depth - kClimb, 0);
+        if (!tile->m_exists || top > m_deepest) return nullptr;
+        // A point that is as far away as the highest tile is wide needs no climb to find out.
+        auto const reach = static_cast<std::uint32_t>(Traits::tileWidth(top));
+        auto const above = [&](std::uint32_t c, std::int32_t corner) {
+            return c - Traits::aboveRoot(corner) + reach;
+        };
+        if (std::max({above(m_x, tile->m_tijk.x), above(m_y, tile->m_tijk.y),
+                      above(m_z, tile->m_tijk.z)}) >= 2 * reach)
+            return nullptr;
+        while (tile->m_depth > m_deepest || !tile->contains(m_p)) {
+            if (tile->m_depth == top) return nullptr;
+            tile = &level(tile->m_depth - 1)[tile->m_parentIndex];
+        }
+        return tile;
+    }
+
+    /// The tile of the level below `depth` over the point, or else that of `depth`, if that one has
+    /// children; null if it is not there or has none.
+    Tile const* below(int depth) const {
+        Place const x(m_x, depth), y(m_y, depth), z(m_z, depth);
+        unsigned const slot = x.child + Traits::kBranch * (y.child + Traits::kBranch * z.child);
+        return m_tree.m_innerTiles[static_cast<unsigned>(depth)].find(
+            Internal::InnerTileIndex::hash(x.cell, y.cell, z.cell),
+            [&](std::int32_t number) -> Tile const* {
+                ChildTable const& table = m_tree.m_tables[number];
+                std::int32_t const child = table.children[slot];
+                Tile const& tile = child >= 0 ? level(depth + 1)[child] : level(depth)[table.owner];
+                return tile.contains(m_p) ? &tile : nullptr;
+            });
+    }
+
+    /// The deepest tile over the point below one that covers it.
+    Tile const* descend(Tile const* tile) const {
+        for (int steps = 0; steps < kClimb; ++steps)
+            if (!step(tile)) return tile;
+        // Above an inner tile all tiles are inner ones.
+        int low = tile->m_depth, high = m_deepest - 1;
+        for (int probe = high; low < high; probe = low + (high - low + 1) / 2) {
+            if (Tile const* const found = below(probe)) {
+                tile = found;
+                low = probe;
+            } else {
+                high = probe - 1;
+            }
+        }
+        while (step(tile)) {
+        }
+        return tile;
     }
 
 private:
-    std::uint32_t m_x, m_y, m_z;
-};
+    /// How far a look-up climbs from the current tile, and goes down again, before it turns to the
+    /// index.
+    static constexpr int kClimb = Traits::kBranch == 2 ? 3 : 1;
 
-template <> class Descent<QuinaryTraits> {
-public:
-    Descent(TileOf<QuinaryTraits> const& tile, std::uint32_t x, std::uint32_t y, std::uint32_t z)
-        : m_x(x - QuinaryTraits::aboveRoot(tile.m_tijk.x)),
-          m_y(y - QuinaryTraits::aboveRoot(tile.m_tijk.y)),
-          m_z(z - QuinaryTraits::aboveRoot(tile.m_tijk.z)) {}
+    /// The tile of a depth along one axis, and the child in it.
+    struct Place {
+        std::uint32_t cell, child;
 
-    unsigned nextSlot(unsigned childDepth) {
-        unsigned const x = digit(m_x, childDepth), y = digit(m_y, childDepth),
-                       z = digit(m_z, childDepth);
-        return x + 5 * (y + 5 * z);
+        Place(std::uint32_t c, int depth) {
+            std::uint32_t const below =
+                Internal::tilesBelow<Traits>(c, static_cast<unsigned>(depth) + 1);
+            cell = below / Traits::kBranch;
+            child = below % Traits::kBranch;
+        }
+    };
+
+    Level const& level(int depth) const { return m_tree.m_levels[static_cast<unsigned>(depth)]; }
+
+    /// Steps down to the child over the point; false if there is none, or if it is too deep.
+    bool step(Tile const*& tile) const {
+        int const depth = tile->m_depth;
+        if (depth >= m_deepest || !tile->m_children) return false;
+        unsigned const slot =
+            Place(m_x, depth).child +
+            Traits::kBranch * (Place(m_y, depth).child + Traits::kBranch * Place(m_z, depth).child);
+        std::int32_t const child = tile->m_children[slot];
+        if (child < 0) return false;
+        tile = &level(depth + 1)[child];
+        return true;
     }
 
-private:
-    static unsigned digit(std::uint32_t& rest, unsigned childDepth) {
-        std::uint32_t const child =
-            Internal::tilesBelow<QuinaryTraits>(rest, static_cast<int>(childDepth));
-        rest -= child * static_cast<std::uint32_t>(QuinaryTraits::kVoxelWidths[childDepth + 1] *
-                                                   QuinaryTraits::kSamples);
-        return child;
-    }
-
-    std::uint32_t m_x, m_y, m_z;
+    Container const& m_tree;
+    int3 m_p;
+    std::uint32_t m_x, m_y, m_z;  // of the point, counted from the root's low corner
+    int m_deepest;
 };
-
-}  // namespace
 
 template <class Traits>
 Container<Traits>::ConstTileAccessor::ConstTileAccessor(Container const& container)
-    : m_currentTile(&sentinel()), m_container(&container) {
-    m_path.fill(&sentinel());
-}
+    : m_currentTile(&sentinel()), m_container(&container) {}
 
 template <class Traits> Container<Traits>::ConstTileAccessor::~ConstTileAccessor() = default;
-
-/// The depth, at most `limit`, of the deepest tile of the path that contains a point of the root;
-/// less than m_pathTop if none does.
-template <class Traits>
-int Container<Traits>::ConstTileAccessor::commonDepth(int i, int j, int k, int limit) const {
-    if (limit < m_pathTop) return -1;
-    if constexpr (Traits::kBranch == 2) {
-        // Two points are in one tile if they differ only in the bits below its width.
-        int3 const& corner = m_path[static_cast<unsigned>(limit)]->m_tijk;
-        std::uint32_t const differing = (Traits::aboveRoot(i) ^ Traits::aboveRoot(corner.x)) |
-                                        (Traits::aboveRoot(j) ^ Traits::aboveRoot(corner.y)) |
-                                        (Traits::aboveRoot(k) ^ Traits::aboveRoot(corner.z));
-        return std::min(limit, 30 - static_cast<int>(std::bit_width(differing)));
-    } else {
-        int depth = limit;
-        while (depth >= m_pathTop && !m_path[static_cast<unsigned>(depth)]->contains(i, j, k))
-            --depth;
-        return depth;
-    }
-}
-
-/// An inner tile from which the way down to a point is short: that of the path at depth `common`,
-/// if it is near or the index has none that is deeper.
-template <class Traits>
-auto Container<Traits>::ConstTileAccessor::start(int i, int j, int k, int common, int deepest) const
-    -> Tile const& {
-    bool const onPath = common >= m_pathTop;
-    int high = (deepest - 1) / kIndexStep;
-    if (onPath && common + 1 >= high * kIndexStep) return *m_path[static_cast<unsigned>(common)];
-    Tile const* found =
-        onPath ? m_path[static_cast<unsigned>(common)] : &m_container->m_levels[0][0];
-    // Above an inner tile all tiles are inner ones. The deepest is tried first: most often it is
-    // there.
-    int low = found->m_depth / kIndexStep;
-    for (int probe = high; low < high; probe = low + (high - low + 1) / 2) {
-        if (Tile const* const inner = m_container->innerTile(i, j, k, probe * kIndexStep)) {
-            found = inner;
-            low = probe;
-        } else {
-            high = probe - 1;
-        }
-    }
-    return *found;
-}
 
 template <class Traits>
 auto Container<Traits>::ConstTileAccessor::find(int i, int j, int k, int depth) const
     -> Tile const& {
-    std::uint32_t const x = Traits::aboveRoot(i), y = Traits::aboveRoot(j),
-                        z = Traits::aboveRoot(k);
-    bool const inside = x < Traits::kRootWidth && y < Traits::kRootWidth && z < Traits::kRootWidth;
-    int const deepest = std::min(depth, m_container->m_depth);
-    if (!inside || deepest < 0) return *(m_currentTile = &sentinel());
-
-    int const limit = std::min(m_pathDepth, deepest);
-    int const common = commonDepth(i, j, k, limit);
-    Tile const* tile = &start(i, j, k, common, deepest);
-    int d = tile->m_depth;
-    if (common < m_pathTop || d != common) m_pathTop = d;  // a new path
-    bool moved = common != limit;
-    m_path[static_cast<unsigned>(d)] = tile;
-    Descent<Traits> descent(*tile, x, y, z);
-    while (d < deepest && tile->m_children) {
-        std::int32_t const child = tile->m_children[descent.nextSlot(static_cast<unsigned>(d + 1))];
-        if (child < 0) break;
-        tile = &m_container->m_levels[static_cast<unsigned>(++d)][child];
-        m_path[static_cast<unsigned>(d)] = tile;
-        moved = true;
-    }
-    // Below a tile at which the way ended for the depth asked for, the path stays as it is.
-    if (moved) m_pathDepth = d;
-    return *(m_currentTile = tile);
+    Container const& tree = *m_container;
+    int const deepest = std::min(depth, tree.m_state.depth);
+    Search const search(tree, i, j, k, deepest);
+    if (deepest < 0 || !search.insideRoot()) return *(m_currentTile = &sentinel());
+    Tile const* tile = search.climb(m_currentTile);
+    // Of the tiles farther away, the deepest is tried first: most often it is there.
+    if (!tile && deepest > 1)
+        if (Tile const* const found = search.below(deepest - 1)) return *(m_currentTile = found);
+    return *(m_currentTile = search.descend(tile ? tile : &tree.m_levels[0][0]));
 }
 
 template <class Traits>

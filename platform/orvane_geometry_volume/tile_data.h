@@ -50,8 +50,8 @@ public:
     using Vector = std::vector<T, TileDataAllocator<T>>;
 
     ConstTileData() noexcept = default;
-    /// Refers to the elements of a vector; to no data if that is null or holds fewer elements than
-    /// a tile.
+    /// Refers to the elements of a vector, which must outlive it and not reallocate meanwhile; to
+    /// no data if that is null or holds fewer elements than a tile.
     explicit ConstTileData(Vector* elements) noexcept
         : m_flat(elements && elements->size() >= Layout::kCount ? elements->data() : nullptr) {}
     explicit ConstTileData(T const* flat) noexcept : m_flat(flat) {}
@@ -94,8 +94,8 @@ public:
         m_own = std::make_unique<Vector>(static_cast<std::size_t>(count));
         refer(m_own.get());
     }
-    /// Refers to a vector, which must outlive it; to no data if that is null or holds fewer
-    /// elements than a tile.
+    /// Refers to a vector, which must outlive it and not reallocate meanwhile; to no data if that
+    /// is null or holds fewer elements than a tile.
     explicit TileData(Vector* elements) noexcept { refer(elements); }
     /// Copies its own storage; otherwise refers to the same samples.
     TileData(TileData const& other) : m_flat(other.m_flat), m_elements(other.m_elements) {

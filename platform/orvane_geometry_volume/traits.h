@@ -38,9 +38,9 @@ template <int B, int W, int X> struct ZEL_PLATFORM_API Traits {
 
     /// The width of a voxel of a tile of `depth`; 1 for a depth that no tile has.
     static constexpr int voxelWidth(int depth) {
-        return static_cast<unsigned>(depth) <= unsigned{kMaxDepth}
-                   ? kVoxelWidths[static_cast<unsigned>(depth) + 1]
-                   : 1;
+        if (static_cast<unsigned>(depth) > unsigned{kMaxDepth}) return 1;
+        if constexpr (B == 2) return 1 << (kMaxDepth - depth);
+        return kVoxelWidths[static_cast<unsigned>(depth) + 1];
     }
     /// The width of a tile of `depth`, W voxels.
     static constexpr int tileWidth(int depth) { return W * voxelWidth(depth); }

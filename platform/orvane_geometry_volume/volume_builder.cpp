@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
@@ -11,6 +12,7 @@
 
 #include "orvane_geometry_volume/messages.h"
 #include "orvane_geometry_volume/parallel.h"
+#include "orvane_geometry_volume/tree_rollback.h"
 
 namespace ORV::TileTree3D {
 
@@ -113,11 +115,19 @@ private:
         int const nx = count(0), ny = count(1), nz = count(2);
         T const* const corner = fine + first.x + W * (first.y + W * first.z);
         if (nx * ny * nz == 1) return *corner;
-        T sum{};
+        constexpr std::size_t kParts = sizeof(T) / sizeof(float);
+        std::array<double, kParts> sums{};  // beyond the range of floats
         for (int z = 0; z < nz; ++z)
             for (int y = 0; y < ny; ++y)
-                for (int x = 0; x < nx; ++x) sum = sum + corner[x + W * (y + W * z)];
-        return sum / static_cast<float>(nx * ny * nz);
+                for (int x = 0; x < nx; ++x) {
+                    auto const parts =
+                        std::bit_cast<std::array<float, kParts>>(corner[x + W * (y + W * z)]);
+                    for (std::size_t c = 0; c < kParts; ++c) sums[c] += double{parts[c]};
+                }
+        std::array<float, kParts> means;
+        for (std::size_t c = 0; c < kParts; ++c)
+            means[c] = static_cast<float>(sums[c] / (nx * ny * nz));
+        return std::bit_cast<T>(means);
     }
 
     DataChannel<Traits, T>& m_channel;
@@ -149,15 +159,10 @@ template <class Traits>
 void refineTree(Container<Traits>& container, int maxDepth, RefinePredicate const& wanted) {
     if (maxDepth < 0 || maxDepth > Traits::kMaxDepth)
         throw std::out_of_range(Internal::message("refineTree: depth ", maxDepth));
-    auto const before = container.tileCounts();
-    try {
-        container.addTile(0, 0, 0, 0);
-        for (int depth = 0; depth < maxDepth; ++depth)
-            refineDepth<Traits>(container, depth, wanted);
-    } catch (...) {
-        container.truncate(before);
-        throw;
-    }
+    Internal::Rollback rollback(container);
+    container.addTile(0, 0, 0, 0);
+    for (int depth = 0; depth < maxDepth; ++depth) refineDepth<Traits>(container, depth, wanted);
+    rollback.keep();
 }
 
 template <class Traits, class T>

@@ -155,6 +155,7 @@ public:
 private:
     template <class U> friend class Ptr;
     template <class U, class... Args> friend Ptr<U> makePtr(Args&&...);
+    template <class To, class From> friend Ptr<To> dynamicPtrCast(Ptr<From> const&) noexcept;
 
     T* pointee = nullptr;
     Internal::ControlBlock* block = nullptr;
@@ -169,6 +170,17 @@ template <class T, class... Args> Ptr<T> makePtr(Args&&... args) {
     made.block = block;
     made.pointee = static_cast<Object*>(block->object());
     return made;
+}
+
+/// A pointer that shares the object of `from`, if that is a To; else an empty pointer.
+template <class To, class From> Ptr<To> dynamicPtrCast(Ptr<From> const& from) noexcept {
+    Ptr<To> to;
+    if (To* const object = dynamic_cast<To*>(from.pointee)) {
+        from.block->acquire();
+        to.pointee = object;
+        to.block = from.block;
+    }
+    return to;
 }
 
 namespace Internal {

@@ -1,7 +1,10 @@
 #include "platform/volume/trees.h"
 
+#include <algorithm>
+#include <atomic>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -77,11 +80,9 @@ TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
     Quern::Ptr<ORV::Component> other;
     copy.copyTo(other);
     EXPECT_EQ(other->tileCount(3), 3);
-    unsigned long long used = 0, held = 0, with = 0;
-    copy.memUse(used, held, false);
-    EXPECT_EQ(used, copy.size() * sizeof(float));
-    copy.memUse(with, held, true);
-    EXPECT_EQ(with, used + sizeof copy);
+    unsigned long long used = 0, held = 0;
+    copy.memUse(used, held, true);
+    EXPECT_EQ(used, copy.size() * sizeof(float) + sizeof copy);
     std::ostringstream text;
     copy.dump(text);
     EXPECT_NE(text.str().find("depth 3: 3 tiles"), std::string::npos) << text.str();
@@ -118,6 +119,32 @@ TYPED_TEST(Channels, KeepSamplesAsTheTreeGrows) {
     EXPECT_FALSE(channel.tileData({0, 3}));
 }
 
+TYPED_TEST(Channels, TellCopiesOfATreeApartOnceTheyGrow) {
+    using Traits = TypeParam;
+    using Tree = Container<Traits>;
+    this->grow();
+    auto old = makeChannel<Traits>(0, 4);
+    old.update(this->topology);
+    this->number(old);
+    auto const twin = Quern::makePtr<Tree>(*this->tree);
+    VoxelTopology<Traits> const twins(twin);
+    EXPECT_TRUE(old.fits(*twin));
+    auto const w = static_cast<int>(width<Traits>(3));
+    this->tree->addTile(-w, 0, 0, 3);
+    twin->addTile(0, -w, 0, 3);
+    auto grown = old, other = old;
+    grown.update(this->topology);
+    grown.samples({3, 3})[Traits::kSampleCount - 1] = 3;
+    other.update(twins);  // the tiles from before the copy are the same ones
+    EXPECT_EQ(this->firsts(other), (Floats{0, 1, 2, kDefault}));
+    EXPECT_TRUE(other.fits(*twin) && !other.fits(*this->tree));
+    EXPECT_TRUE(old.belongsTo(*twin) && old.belongsTo(*this->tree) && !grown.belongsTo(*twin));
+    other.update(this->topology);
+    grown.update(twins);
+    Floats const none(4, kDefault);
+    EXPECT_TRUE(this->firsts(grown) == none && this->firsts(other) == none);
+}
+
 TYPED_TEST(Channels, RemoveAndPermuteTiles) {
     using Traits = TypeParam;
     this->grow();
@@ -126,7 +153,7 @@ TYPED_TEST(Channels, RemoveAndPermuteTiles) {
     channel.update(this->topology);
     this->number(channel);
 
-    channel.updateTilesPermuted({{}, {}, {}, {3, 0, 1, 2}});
+    channel.updateTilesPermuted({{0}, {9, 9}, {}, {3, 0, 1, 2}});  // depth 3 is all it has
     EXPECT_EQ(this->firsts(channel), (Floats{3, 0, 1, 2}));
     EXPECT_FALSE(channel.fits(*this->tree));
     channel.updateTilesAdded(this->topology);
@@ -140,12 +167,11 @@ TYPED_TEST(Channels, RemoveAndPermuteTiles) {
     smaller->addTile(static_cast<int>(-width<Traits>(3)), 0, 0, 3);
     VoxelTopology<Traits> const left(smaller);
     using Ranges = std::vector<std::vector<std::pair<long long, long long>>>;
-    for (auto const& bad :
-         {Ranges{{}, {}, {}, {{0, 1}}}, Ranges{{}, {}, {}, {{2, 3}, {0, 1}}},
-          Ranges{{}, {}, {}, {{2, 5}}}, Ranges{{}, {{0, 2}}}, Ranges(40, {{0, 1}})})
+    for (auto const& bad : {Ranges{{}, {}, {}, {{0, 1}}}, Ranges{{}, {}, {}, {{2, 3}, {0, 1}}},
+                            Ranges{{}, {}, {}, {{2, 5}}}, Ranges(40, {{0, 1}})})
         EXPECT_THROW(channel.updateTilesRemoved(bad, left), std::invalid_argument);
     EXPECT_EQ(this->firsts(channel), (Floats{3, 0, 1, 2}));
-    channel.updateTilesRemoved({{}, {}, {}, {{0, 1}, {2, 3}}}, left);
+    channel.updateTilesRemoved({{}, {{0, 9}}, {}, {{0, 1}, {2, 3}}}, left);
     EXPECT_EQ(this->firsts(channel), (Floats{0, 2}));
     EXPECT_TRUE(channel.fits(*smaller));
 }
@@ -279,7 +305,7 @@ TEST_F(Pools, AreOffAtFirst) {
 
 TEST_F(Pools, ArraysUseStorageAgain) {
     all(true);
-    auto array = ArrayPool::allocate<float3>({1, 2, 3}, 1000);
+    auto array = ArrayPool::allocate<float3>({1, 2, 3}, 1001);
     auto const* const storage = array->data();
     auto const shared = array;
     array.reset();
@@ -287,9 +313,9 @@ TEST_F(Pools, ArraysUseStorageAgain) {
     array = shared;
     const_cast<Quern::Ptr<Quern::Array<float3>>&>(shared).reset();
     array.reset();
-    EXPECT_EQ(ArrayPool::heldBytes(), 12000u);
-    auto const tooSmall = ArrayPool::allocate<float3>({}, 1001),
-               tooLarge = ArrayPool::allocate<float3>({}, 400);
+    EXPECT_EQ(ArrayPool::heldBytes(), 12012u);
+    auto const tooSmall = ArrayPool::allocate<float3>({}, 1002),
+               tooLarge = ArrayPool::allocate<float3>({}, 500);
     EXPECT_TRUE(tooSmall->data() != storage && tooLarge->data() != storage);
     auto const again = ArrayPool::allocate<float3>({4, 5, 6}, 900);
     EXPECT_EQ(again->data(), storage);
@@ -336,6 +362,52 @@ TEST_F(Pools, ChannelsUseMemoryAndChannelsAgain) {
     EXPECT_EQ(*samples, 4);
     EXPECT_EQ(pooled->defaultValue(), 4);
     EXPECT_NE(allocate(5)->samples({0, 28}), samples);  // the first is in use
+    *samples = 6;
+    pooled->update(topology);  // in step already
+    EXPECT_TRUE(pooled->samples({0, 28}) == samples && *samples == 6);
+
+    // A channel of few depths comes back to a request for the same depths.
+    ChannelPool::clear();
+    pooled.reset();
+    ChannelPool::clear();
+    for (int i = 0; i < 3; ++i) {
+        auto const few = ChannelPool::allocate<BinaryTraits, float, 5, 0>(
+            1, false, true, 28, 28, static_cast<unsigned long long>(topology.tileCount(-1)),
+            &topology);
+        EXPECT_EQ(few->elementCount(-1), 50 * 125);
+        EXPECT_EQ(ChannelPool::heldBytes(), 0u) << i;
+    }
+    EXPECT_EQ(ChannelPool::heldBytes(), 50u * 125 * sizeof(float));
+}
+
+TEST_F(Pools, ServeManyThreads) {
+    auto const tree = Quern::makePtr<Container<BinaryTraits>>(1.0f);
+    for (int i = 0; i < 9; ++i) tree->addTile(4 * i, 0, 0, 28);
+    VoxelTopology<BinaryTraits> const topology(tree);
+    all(true);
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 8; ++t)
+        threads.emplace_back([&, t] {
+            std::mt19937 engine(t);
+            auto const value = static_cast<float>(t);
+            auto const all = [&](auto const* first, long long count) {
+                return std::count(first, first + count, value) == count;
+            };
+            for (int i = 0; i < 300; ++i) {
+                auto const array = ArrayPool::allocate<float>(value, engine() % 2000);
+                auto const channel = ChannelPool::allocate<BinaryTraits, float, 5, 0>(
+                    value, true, true, static_cast<int>(engine() % 28), 28, 0, &topology);
+                Quern::Ptr<ORV::Component> copy;
+                channel->copyTo(copy);
+                std::this_thread::yield();  // the values are still this thread's own
+                wrong += !all(array->begin(), array->size());
+                wrong += !all(channel->samples({0, 28}), channel->elementCount(28));
+                if (i % 50 == 0) ChannelPool::clear();
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

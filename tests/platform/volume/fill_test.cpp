@@ -4,6 +4,7 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstring>
@@ -47,57 +48,42 @@ TYPED_TEST(Fill, GivesTheFunctionAtLeavesAndMeansAbove) {
     using Traits = TypeParam;
     constexpr int W = Traits::kSamples, B = Traits::kBranch;
     auto const size = 1 / static_cast<float>(width<Traits>(0));
-    // Linear, so that any restriction worth the name gives the function itself at every sample.
+    // Linear in x and y, so that any restriction worth the name gives the function itself at every
+    // sample; and a wave in z, which shows which samples are which: restricted where there is a
+    // child, the function's own elsewhere.
     auto const linear = [](auto x, auto y, auto z) { return 2 * x - y + 3 * z + 1; };
+    auto const wave = [](float3 const& p) {
+        return std::sin(300 * p.x) * std::cos(200 * p.y + p.z);
+    };
     for (int type = 0; type < 8; ++type) {
         auto const volume = buildVolume<Traits, float3>(
             size, kDeep<Traits>, shell,
             [&](float3 const& p) {
-                return float3{linear(p.x, p.y, p.z), p.x, 1};
+                return float3{linear(p.x, p.y, p.z), p.x, wave(p)};
             },
             {}, type);
         auto const& tree = *volume.container;
+        auto const& channel = std::as_const(*volume.channel);
         EXPECT_EQ(tree.depth(), kDeep<Traits>);
         float3 const offset = volume.topology->offset();
         for (int d = 0; d <= kDeep<Traits>; ++d)
             for (long long i = 0; i < tree.tileCount(d); ++i) {
-                auto const data = std::as_const(*volume.channel).tileData({i, d});
+                auto const& tile = tree.tile(i, d);
+                auto const data = channel.tileData({i, d});
                 for (int n = 0; n < W * W * W; ++n) {
                     int3 const voxel{n % W, n / W % W, n / (W * W)};
-                    auto const p = place<Traits>(tree.tile(i, d), voxel, offset, size);
+                    auto const p = place<Traits>(tile, voxel, offset, size);
                     ASSERT_NEAR(data(voxel).x, linear(p[0], p[1], p[2]), 3e-6);
                     ASSERT_NEAR(data(voxel).y, p[0], 1e-6);
-                    ASSERT_EQ(data(voxel).z, 1);
-                }
-            }
-    }
-
-    // A function that is not linear shows which samples are which: restricted where there is a
-    // child, the function's own elsewhere.
-    auto const wave = [](float3 const& p) {
-        return std::sin(300 * p.x) * std::cos(200 * p.y + p.z);
-    };
-    for (int const type : {7, 0, 3}) {
-        auto const volume =
-            buildVolume<Traits, float>(size, kDeep<Traits>, shell, wave, 0.0f, type);
-        auto const& tree = *volume.container;
-        float3 const offset = volume.topology->offset();
-        for (int d = 0; d <= kDeep<Traits>; ++d)
-            for (long long i = 0; i < tree.tileCount(d); ++i) {
-                auto const& tile = tree.tile(i, d);
-                auto const data = std::as_const(*volume.channel).tileData({i, d});
-                for (int n = 0; n < W * W * W; ++n) {
-                    int3 const voxel{n % W, n / W % W, n / (W * W)};
                     int3 const low = tile.tijk() + voxel * tile.voxelDataWidth();
                     TreeIndex const child = tile.childTreeIndex(tile.childIJK(low));
                     if (!child.valid()) {
-                        auto const p = place<Traits>(tile, voxel, offset, size);
-                        ASSERT_EQ(data(voxel),
+                        ASSERT_EQ(data(voxel).z,
                                   wave({static_cast<float>(p[0]), static_cast<float>(p[1]),
                                         static_cast<float>(p[2])}));
                         continue;
                     }
-                    auto const fine = std::as_const(*volume.channel).tileData(child);
+                    auto const fine = channel.tileData(child);
                     int3 const first = tree.tile(child).childDataIJK(low);
                     double sum = 0;
                     int count = 0;
@@ -106,9 +92,9 @@ TYPED_TEST(Fill, GivesTheFunctionAtLeavesAndMeansAbove) {
                         bool counts = true;  // on a voxel's face the first sample is the one
                         for (int a = 0; a < 3; ++a)
                             counts = counts && (offset[a] != 0 || step[a] == 0);
-                        if (counts) sum += fine(first + step), ++count;
+                        if (counts) sum += fine(first + step).z, ++count;
                     }
-                    ASSERT_NEAR(data(voxel), sum / count, 1e-6);
+                    ASSERT_NEAR(data(voxel).z, sum / count, 1e-6);
                 }
             }
     }
@@ -166,6 +152,13 @@ TYPED_TEST(Fill, PassesErrorsOnAndStopsAtTheChannelsDepths) {
     auto const huge = buildVolume<Traits, float>(
         most, 1, [](auto&, auto&, int) { return true; }, [](float3 const& p) { return p.x; });
     EXPECT_EQ(*huge.channel->samples({0, 1}), -std::numeric_limits<float>::infinity());
+    auto const large = buildVolume<Traits, float3>(
+        1, 1, [](auto&, auto&, int) { return true; },
+        [](float3 const&) {
+            return float3{1e38f, -3e38f, 1};
+        },
+        {}, 0);
+    EXPECT_EQ(*large.channel->samples({0, 0}), (float3{1e38f, -3e38f, 1}));
 
     auto const tree = Quern::makePtr<Tree>(size);
     refineTree(*tree, 3, shell);
@@ -175,16 +168,13 @@ TYPED_TEST(Fill, PassesErrorsOnAndStopsAtTheChannelsDepths) {
     channel.update(topology);
     std::atomic<int> calls = 0;
     fillChannel<Traits, float>(channel, topology, [&](float3 const&) { return ++calls, 1.0f; });
-    int expected = 0;  // at the deepest depth all samples, above those without a child
+    // At the deepest depth all samples, above those without a child.
+    constexpr int kCovered = Traits::kSampleCount / Traits::kChildCount;
+    EXPECT_EQ(calls, channel.elementCount(-1) - channel.tileCount(2) * kCovered);
     for (int d = 1; d <= 2; ++d)
-        for (long long i = 0; i < tree->tileCount(d); ++i)
-            for (int n = 0; n < Traits::kSampleCount; ++n) {
-                constexpr int W = Traits::kSamples, B = Traits::kBranch;
-                expected += d == 2 || tree->tile(i, d).isLeaf(
-                                          {n % W * B / W, n / W % W * B / W, n / (W * W) * B / W});
-                ASSERT_EQ(channel.samples({i, d})[n], 1);
-            }
-    EXPECT_EQ(calls, expected);
+        EXPECT_EQ(std::count(channel.samples({0, d}),
+                             channel.samples({0, d}) + channel.elementCount(d), 1.0f),
+                  channel.elementCount(d));
 }
 
 TEST(FillTasks, RunToTheirEndInsideACancelledGroup) {

@@ -1,12 +1,15 @@
 #include "platform/volume/trees.h"
 
 #include <tbb/global_control.h>
+#include <tbb/task_arena.h>
+#include <tbb/task_group.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <thread>
 
 namespace {
@@ -36,7 +39,7 @@ public:
 
     using Place = std::array<long long, 3>;
 
-    /// A halo sample of a tile of depth `depth` that has its parent from `owner` on.
+    /// The halo sample of a depth at a place.
     T sample(Place const& voxel, int depth) const {
         long long const w = width<Traits>(depth) / Traits::kSamples;
         long long const x = kLow<Traits> + voxel[0] * w, y = kLow<Traits> + voxel[1] * w,
@@ -103,10 +106,54 @@ template <class Traits, class T> struct RandomVolume {
                     channel.samples({i, d})[n] = number<T>(random);
     }
 
+    /// Compares the halo of a tile, from index `first` to `last` along each axis, with the field.
+    template <class Data>
+    void expect(Field<Traits, T> const& field, TileOf<Traits> const& tile, Data const& got,
+                int first, int last) const {
+        auto const voxel = field.first(tile);
+        int const d = tile.depth();
+        for (int z = first; z <= last; ++z)
+            for (int y = first; y <= last; ++y)
+                for (int x = first; x <= last; ++x) {
+                    T const expected =
+                        d < channel.minDepth()
+                            ? defaultValue
+                            : field.sample({voxel[0] + x, voxel[1] + y, voxel[2] + z}, d);
+                    ASSERT_LE(distance(got(x, y, z), expected), 1e-5f)
+                        << "depth " << d << " at " << x << " " << y << " " << z;
+                }
+    }
+
     RandomTree<Traits> volume;
     T defaultValue;
     DataChannel<Traits, T> channel;
     HaloChannel<Traits, T> halo;
+};
+
+/// The neighbours that tiles had, by direction.
+struct Seen {
+    template <class Traits> void add(RandomTree<Traits> const& made, TileOf<Traits> const& tile) {
+        auto const accessor = made.tree.tileAccessor();
+        for (std::size_t n = 0; n < 27; ++n) {
+            auto const& neighbor = accessor.tileNeighbor(tile, static_cast<int>(n));
+            if (!neighbor.exists())
+                ++absent[n];
+            else if (neighbor.depth() < tile.depth())
+                ++coarser[n];
+            else
+                ++(neighbor.m_children ? finer : equal)[n];
+        }
+    }
+    void expectAll() const {
+        for (std::size_t n = 0; n < 27; ++n) {
+            if (n == 13) continue;
+            EXPECT_TRUE(equal[n] > 0 && finer[n] > 0 && coarser[n] > 0 && absent[n] > 0)
+                << n << ": " << equal[n] << " " << finer[n] << " " << coarser[n] << " "
+                << absent[n];
+        }
+    }
+
+    std::array<int, 27> equal{}, finer{}, coarser{}, absent{};
 };
 
 template <class Case> class Halo : public testing::Test {};
@@ -114,19 +161,22 @@ using Cases = testing::Types<std::pair<BinaryTraits, float>, std::pair<BinaryTra
                              std::pair<QuinaryTraits, float>, std::pair<QuinaryTraits, float3>>;
 TYPED_TEST_SUITE(Halo, Cases);
 
+template <class Traits> constexpr int kDense = Traits::kBranch == 2 ? 5 : 3;
+
 TYPED_TEST(Halo, AgreesWithTheFieldReadSlowly) {
     using Traits = typename TypeParam::first_type;
     using T = typename TypeParam::second_type;
     constexpr int W = Traits::kSamples;
     Random random(61);
-    struct Depths {
-        int deepest, low, high;
+    struct Shape {
+        int tiles, deepest, low, high;
     };
     // Deep trees, and shallow ones in which neighbours are many; channels of fewer depths.
-    for (auto const& [deepest, low, high] :
-         {Depths{4, 0, 4}, Depths{3, 0, 9}, Depths{4, 2, 3}, Depths{4, 1, 1},
-          Depths{Traits::kMaxDepth, 0, Traits::kMaxDepth}}) {
-        RandomVolume<Traits, T> made(random, deepest > 9 ? 12 : 60, deepest, low, high);
+    for (auto const& [tiles, deepest, low, high] :
+         {Shape{60, 4, 0, 4}, Shape{60, 3, 0, 9}, Shape{60, 4, 2, 3}, Shape{60, 4, 1, 1},
+          Shape{12, Traits::kMaxDepth, 0, Traits::kMaxDepth},
+          Shape{0, kDense<Traits>, 0, kDense<Traits>}}) {
+        RandomVolume<Traits, T> made(random, tiles, deepest, low, high);
         auto const& tree = made.volume.tree;
         Field<Traits, T> const field(tree, made.channel, 7);
         computeHalo<Traits, T, 0, 0, 1, 0>(made.channel, tree, made.halo, 0, Traits::kMaxDepth);
@@ -136,18 +186,7 @@ TYPED_TEST(Halo, AgreesWithTheFieldReadSlowly) {
             for (long long i = 0; i < tree.tileCount(d); ++i) {
                 auto const& tile = tree.tile(i, d);
                 auto const halo = made.halo.tileData(TreeIndex{i, d});
-                auto const first = field.first(tile);
-                for (int z = 0; z <= W; ++z)
-                    for (int y = 0; y <= W; ++y)
-                        for (int x = 0; x <= W; ++x) {
-                            T const expected =
-                                d < low
-                                    ? made.defaultValue
-                                    : field.sample({first[0] + x, first[1] + y, first[2] + z}, d);
-                            ASSERT_LE(distance(halo(x, y, z), expected), 1e-5f)
-                                << "tile " << i << " of depth " << d << " at " << x << " " << y
-                                << " " << z;
-                        }
+                ASSERT_NO_FATAL_FAILURE(made.expect(field, tile, halo, 0, W));
                 // One tile at a time, the same bits.
                 bool const usable = d > 0 && d > made.channel.minDepth();
                 if (usable) parent.setFlatPointer(made.halo.samples(tile.parentTreeIndex()));
@@ -158,53 +197,58 @@ TYPED_TEST(Halo, AgreesWithTheFieldReadSlowly) {
                                       sizeof(T) * (W + 1) * (W + 1) * (W + 1)),
                           0);
             }
+        RandomVolume<Traits, T> const other(random, 5, 2, 0, 2);
+        auto const refused = [&](auto const& channel, int mode, auto& out) {
+            EXPECT_THROW((setHaloTile<Traits, T, 0, 0, 1, 0>(tree.tile(0, 0), nullptr, channel,
+                                                             none, mode, accessor, out)),
+                         std::invalid_argument);
+        };
+        refused(other.channel, 2, single), refused(made.channel, 4, single),
+            refused(made.channel, 2, none);
     }
 }
 
-TYPED_TEST(Halo, AllRoundAgreesForEveryOffset) {
+TYPED_TEST(Halo, AllRoundAgreesForEveryOffsetAndNeighbor) {
     using Traits = typename TypeParam::first_type;
     using T = typename TypeParam::second_type;
     constexpr int W = Traits::kSamples;
     Random random(62);
-    for (int type = 0; type < 8; ++type) {
-        RandomVolume<Traits, T> made(random, 25, 4, type % 3, 4 - type % 2);
+    Seen seen;
+    for (int type = 0; type < 9; ++type) {
+        bool const dense = type >= 7;
+        int const offset = type == 8 ? 5 : type;
+        RandomVolume<Traits, T> made(random, dense ? 0 : 25, dense ? kDense<Traits> : 4,
+                                     dense ? 0 : type % 3, dense ? 9 : 4 - type % 2);
         auto const& tree = made.volume.tree;
-        Field<Traits, T> const field(tree, made.channel, type);
+        Field<Traits, T> const field(tree, made.channel, offset);
         auto accessor = tree.tileAccessor();
         TileData<T, W + 1, 1, 0> halo((W + 3) * (W + 3) * (W + 3)), scaled(halo);
         for (int d = 0; d <= tree.depth(); ++d)
             for (long long i = 0; i < tree.tileCount(d); i += 3) {
+                if (dense) seen.add(made.volume, tree.tile(i, d));
                 setHaloTile<Traits, T, 0, 1, 0, 1>({i, d}, made.channel, 4, 15, accessor, halo, T(),
-                                                   1, type);
-                auto const first = field.first(tree.tile(i, d));
-                for (int z = -1; z <= W + 1; ++z)
-                    for (int y = -1; y <= W + 1; ++y)
-                        for (int x = -1; x <= W + 1; ++x) {
-                            T const expected =
-                                d < made.channel.minDepth()
-                                    ? made.defaultValue
-                                    : field.sample({first[0] + x, first[1] + y, first[2] + z}, d);
-                            ASSERT_LE(distance(halo(x, y, z), expected), 1e-5f)
-                                << "type " << type << " depth " << d << " at " << x << " " << y
-                                << " " << z;
-                        }
+                                                   1, offset);
+                ASSERT_NO_FATAL_FAILURE(made.expect(field, tree.tile(i, d), halo, -1, W + 1));
                 T const shift = number<T>(random);
                 setHaloTile<Traits, T, 0, 1, 0, 1>({i, d}, made.channel, 4, 15, accessor, scaled,
-                                                   shift, 2, type);
+                                                   shift, 2, offset);
                 ASSERT_EQ(scaled(-1, 0, W + 1), shift + halo(-1, 0, W + 1) * 2.0f);
             }
         setHaloTile<Traits, T, 0, 1, 0, 1>(TreeIndex(), made.channel, 4, 15, accessor, halo, T(), 1,
-                                           type);
+                                           offset);
         EXPECT_EQ(halo(0, 0, 0), made.defaultValue);
-        auto const refused = [&](int mode, int haloType, int offset, auto& out) {
-            EXPECT_THROW((setHaloTile<Traits, T, 0, 1, 0, 1>({0, 0}, made.channel, mode, haloType,
-                                                             accessor, out, T(), 1, offset)),
+        RandomVolume<Traits, T> const other(random, 5, 2, 0, 2);
+        auto const refused = [&](auto const& channel, int mode, int haloType, int at, auto& out) {
+            EXPECT_THROW((setHaloTile<Traits, T, 0, 1, 0, 1>({0, 0}, channel, mode, haloType,
+                                                             accessor, out, T(), 1, at)),
                          std::invalid_argument);
         };
         TileData<T, W + 1, 1, 0> none;
-        refused(2, 15, 7, halo), refused(4, 7, 7, halo), refused(4, 15, 8, halo),
-            refused(4, 15, 7, none);
+        refused(made.channel, 2, 15, 7, halo), refused(made.channel, 4, 7, 7, halo),
+            refused(made.channel, 4, 15, 8, halo), refused(made.channel, 4, 15, 7, none),
+            refused(other.channel, 4, 15, 7, halo);
     }
+    seen.expectAll();
 }
 
 template <class Traits> class HaloOf : public testing::Test {};
@@ -332,33 +376,52 @@ TYPED_TEST(HaloOf, ALinearFunctionIsContinuousAcrossEveryFace) {
     }
 }
 
-TYPED_TEST(HaloOf, TenThreadsReadOneVolume) {
+TYPED_TEST(HaloOf, StaysFiniteBetweenTheLargestSamples) {
     using Traits = TypeParam;
     Random random(65);
-    RandomVolume<Traits, float> const made(random, 100, 6, 0, 6);
+    RandomVolume<Traits, float> made(random, 40, 4, 0, 4);
     auto const& tree = made.volume.tree;
-    auto const digest = [&] {
-        constexpr int W = Traits::kSamples;
-        auto accessor = tree.tileAccessor();
-        TileData<float, W + 1, 1, 0> halo((W + 3) * (W + 3) * (W + 3));
-        double sum = 0;
-        for (TreeIndex const& index : made.volume.indices) {
-            setHaloTile<Traits, float, 0, 1, 0, 1>(index, made.channel, 4, 15, accessor, halo, 0, 1,
-                                                   7);
-            for (int n = -1; n <= W + 1; ++n) sum += halo(n, W, -1);
-            sum += made.channel.tileData(index)(1, 2, 3);
-        }
-        return sum;
-    };
-    double const expected = digest();
-    std::atomic<int> wrong = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 10; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20; ++i) wrong += digest() != expected;
+    for (int d = 0; d <= 4; ++d)
+        for (long long i = 0; i < tree.tileCount(d); ++i)
+            for (int n = 0; n < Traits::kSampleCount; ++n)
+                made.channel.samples({i, d})[n] = random(0, 1) == 1 ? 3e38f : -3e38f;
+    computeHalo<Traits, float, 0, 0, 1, 0>(made.channel, tree, made.halo, 0, 4);
+    for (int d = 0; d <= 4; ++d)
+        for (long long i = 0; i < made.halo.elementCount(d); ++i)
+            ASSERT_LE(std::abs(made.halo.samples({0, d})[i]), 3.0001e38f);
+}
+
+thread_local bool insideHalo = false;
+
+// Of a thread that keeps offering tasks, some run on a thread that waits for the end of a halo,
+// unless that takes up none but its own.
+TEST(HaloTasks, AreAloneOnTheCallersThread) {
+    tbb::global_control const control(tbb::global_control::max_allowed_parallelism, 4);
+    tbb::task_arena arena(4);
+    Random random(66);
+    RandomVolume<BinaryTraits, float> made(random, 0, 5, 0, 5);
+    std::atomic<bool> started = false, done = false;
+    std::atomic<int> foreign = 0, offered = 0;
+    arena.execute([&] {
+        tbb::task_group group;
+        group.run([&] {
+            started = true;
+            while (!done) {
+                group.run([&] { foreign += insideHalo, ++offered; });
+                std::this_thread::sleep_for(std::chrono::microseconds(20));
+            }
         });
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(wrong, 0);
+        while (!started) std::this_thread::yield();
+        insideHalo = true;
+        for (int i = 0; i < 100; ++i)
+            computeHalo<BinaryTraits, float, 0, 0, 1, 0>(made.channel, made.volume.tree, made.halo,
+                                                         0, 5);
+        insideHalo = false;
+        done = true;
+        group.wait();
+    });
+    EXPECT_GT(offered, 0);
+    EXPECT_EQ(foreign, 0);
 }
 
 }  // namespace

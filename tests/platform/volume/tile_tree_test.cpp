@@ -1,5 +1,6 @@
 #include "platform/volume/trees.h"
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cmath>
@@ -54,6 +55,53 @@ TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
             ASSERT_EQ(&tile, &tree.tileAccessor().tile(p.x, p.y, p.z, depth));
             ASSERT_EQ(&tile, &tree.tile(tile.treeIndex()));
         }
+    }
+}
+
+TYPED_TEST(Lookup, CountsTilesLikeADivision) {
+    using Traits = TypeParam;
+    Random random(56);
+    for (int d = 0; d <= Traits::kMaxDepth; ++d)
+        for (int i = 0; i < 3000; ++i) {
+            auto const w = static_cast<std::uint32_t>(width<Traits>(d)),
+                       most = static_cast<std::uint32_t>(width<Traits>(0) - 1);
+            std::uint32_t n = static_cast<std::uint32_t>(random(0, static_cast<int>(most)));
+            if (i % 3 > 0) n = std::min(most, n / w * w + (i % 3 == 1 ? 0 : w - 1));
+            ASSERT_EQ(Internal::tilesBelow<Traits>(n, static_cast<unsigned>(d)), n / w);
+        }
+}
+
+TEST(InnerTiles, OfOneHashAreToldApart) {
+    Internal::InnerTileIndex index;
+    for (int table = 0; table < 40; ++table) {
+        index.reserveOne();
+        index.add(table % 4 == 3 ? 8 : 7, table);
+    }
+    for (int wanted = 0; wanted < 40; ++wanted) {
+        auto const resolve = [&](int table) { return table == wanted ? &wanted : nullptr; };
+        EXPECT_EQ(index.find(7, resolve) != nullptr, wanted % 4 != 3);
+    }
+    // Two cells of depth 27 with the same hash: the tile in the one is not found in the other.
+    Random random(57);
+    std::map<std::uint32_t, int3> cells;
+    for (int i = 0;; ++i) {
+        ASSERT_LT(i, 1000000);
+        auto const draw = [&] { return random(0, (1 << 27) - 1); };
+        int3 const a{draw(), draw(), draw()};
+        auto const [found, fresh] =
+            cells.try_emplace(Internal::InnerTileIndex::hash(static_cast<std::uint32_t>(a.x),
+                                                             static_cast<std::uint32_t>(a.y),
+                                                             static_cast<std::uint32_t>(a.z)),
+                              a);
+        if (fresh) continue;
+        auto const low = static_cast<int>(kLow<BinaryTraits>);
+        int3 const p = a * 8 + int3{low, low, low}, q = found->second * 8 + int3{low, low, low};
+        Container<BinaryTraits> tree(1);
+        TileMap<BinaryTraits> map;
+        tree.addTile(p.x, p.y, p.z, 28);
+        map.add(p, 28);
+        expectFound<BinaryTraits>(tree.tileAccessor().tile(q.x, q.y, q.z, 28), map, q, 28);
+        break;
     }
 }
 
@@ -132,6 +180,16 @@ TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
     EXPECT_TRUE(root.isLeaf({-1, 0, 0}) && root.isLeaf({0, Traits::kBranch, 0}));
     EXPECT_FALSE(root.childTreeIndex({0, 0, INT_MAX}).valid());
     EXPECT_EQ(root.childDataIJK({INT_MIN, root.tijk().y - 1, root.tijk().z}).y, -1);
+    EXPECT_EQ(TileOf<Traits>().childVoxelDataWidth(), 1);
+    // Voxels 1 wide, up to 2^32 away: the index ends with the range.
+    auto const end = static_cast<int>(kLow<Traits> + width<Traits>(0) - 1);
+    for (int const corner : {static_cast<int>(kLow<Traits>), end}) {
+        Container<Traits> far(1);
+        auto const& tile = far.tile(far.addTile(corner, corner, corner, Traits::kMaxDepth));
+        for (int const p : {INT_MIN, INT_MAX, tile.tijk().x - 1, tile.tijk().x + 9})
+            EXPECT_EQ(tile.childDataIJK(p, p, p).y,
+                      std::clamp<long long>((long long){p} - tile.tijk().x, INT_MIN, INT_MAX));
+    }
     for (TreeIndex const& bad : {TreeIndex{}, TreeIndex{-1, 0}, TreeIndex{1, 0}, TreeIndex{0, 99}})
         EXPECT_FALSE(tree.tile(bad).exists());
 }
@@ -203,11 +261,15 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     expectRefused<std::invalid_argument>([] { Tree{NAN}; }, "nan");
     expectRefused<std::invalid_argument>([] { Tree{INFINITY}; }, "inf");
     expectRefused<std::invalid_argument>([] { Tree(1, (1LL << 31) + 1); }, "2147483649");
-    EXPECT_EQ(Tree(0).voxelSize(), 0);
+    EXPECT_FALSE(std::signbit(Tree(-0.0f).voxelSize()));
 
     Tree tree(1, 10);
     tree.addTile(5, 5, 5, 6);
+    DataChannel<Traits, float> channel("", nullptr, 0, false, true, 0, 5);
+    channel.updateTo(tree);
     auto const stamp = tree.stamp();
+    unsigned long long used = 0, usedAfter = 0, held = 0;
+    tree.memUse(used, held, true);
     expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, INT_MIN, 3); }, "-2147483648");
     expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, 1, -2); }, "-2");
     expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, 1, Traits::kMaxDepth + 1); },
@@ -230,16 +292,12 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     expectRefused<std::out_of_range>([&] { tree.addChild({7, 2}, {}); }, "7");
     EXPECT_EQ(tree.size(), 7u);
     EXPECT_EQ(tree.depth(), 6);
-    EXPECT_EQ(tree.stamp().tree, stamp.tree);
-    for (int d = 0; d < 7; ++d) {
-        EXPECT_EQ(tree.tileCount(d), 1);
-        int children = 0;
-        for (int slot = 0; slot < Traits::kChildCount; ++slot)
-            children += !tree.tile(0, d).isLeaf({slot % Traits::kBranch,
-                                                 slot / Traits::kBranch % Traits::kBranch,
-                                                 slot / (Traits::kBranch * Traits::kBranch)});
-        EXPECT_EQ(children, d < 6 ? 1 : 0);
-    }
+    EXPECT_TRUE(tree.stamp() == stamp && channel.fits(tree));
+    tree.memUse(usedAfter, held, true);
+    EXPECT_EQ(usedAfter, used);
+    TileMap<Traits> map;
+    map.add({5, 5, 5}, 6);
+    Random random(55);
     Tree empty(1);
     EXPECT_THROW(refineTree(empty, 4,
                             [](auto&, auto&, int d) {
@@ -249,13 +307,11 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     EXPECT_TRUE(empty.empty() && empty.depth() == -1);
     EXPECT_FALSE(empty.tileAccessor().tile(0, 0, 0, 4).exists());
     EXPECT_EQ(empty.addTile(5, 5, 5, 6), (TreeIndex{0, 6}));
-    TileMap<Traits> map;
-    map.add({5, 5, 5}, 6);
-    Random random(55);
     for (int i = 0; i < 300; ++i) {  // none of the tiles dropped is found again
         auto const low = static_cast<int>(kLow<Traits>);
         int3 const p{random(low, -low - 1), random(low, -low - 1), random(low, -low - 1)};
-        expectFound<Traits>(empty.tileAccessor().tile(p.x, p.y, p.z, 4), map, p, 4);
+        for (Tree const* one : {&tree, &empty})
+            expectFound<Traits>(one->tileAccessor().tile(p.x, p.y, p.z, 4), map, p, 4);
     }
     EXPECT_THROW(tree.update(tree), std::logic_error);
     EXPECT_THROW(VoxelTopology<Traits>({}), std::invalid_argument);
@@ -286,15 +342,10 @@ TEST(VolumeObject, TellsComponentsByNameAndType) {
     EXPECT_TRUE(copy.component<ORV::Component>("tree"));
 }
 
-TEST(Topology, OffsetsFollowTheBits) {
+TEST(Topology, FollowsItsTree) {
     auto const tree = Quern::makePtr<Container<QuinaryTraits>>(1.0f);
-    for (int type = 0; type < 8; ++type) {
-        VoxelTopology<QuinaryTraits> const topology(tree, type);
-        EXPECT_EQ(topology.offsetType(), type);
-        for (int axis = 0; axis < 3; ++axis)
-            EXPECT_EQ(topology.offset()[axis], (type >> axis & 1) == 1 ? 0.0f : 0.5f);
-    }
-    VoxelTopology<QuinaryTraits> const topology(tree);
+    VoxelTopology<QuinaryTraits> const topology(tree, 5);
+    EXPECT_EQ(topology.offset(), (float3{0, 0.5f, 0}));
     EXPECT_TRUE(topology.empty());
     tree->addTile(0, 0, 0, 2);
     EXPECT_EQ(topology.tileCount(-1), 3);

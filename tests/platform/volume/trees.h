@@ -86,7 +86,7 @@ private:
 };
 
 /// A tree of tiles at random depths around a few places, among them the origin, the root's corners
-/// and faces.
+/// and faces. With 0 tiles a dense one, in which most tiles have neighbours of all kinds.
 template <class Traits> struct RandomTree {
     RandomTree(Random& random, int tiles, int deepest) {
         int const low = static_cast<int>(kLow<Traits>),
@@ -102,10 +102,27 @@ template <class Traits> struct RandomTree {
                 return static_cast<int>(
                     std::clamp<long long>((long long){v} + random(-spread, spread), low, high));
             };
-            int3 const p{near(c.x), near(c.y), near(c.z)};
-            indices.push_back(tree.addTile(p.x, p.y, p.z, depth));
-            points.push_back(p);
-            map.add(p, depth);
+            add({near(c.x), near(c.y), near(c.z)}, depth);
+        }
+        if (tiles == 0) refine(random, {low, low, low}, 1, deepest);
+    }
+
+    void add(int3 const& p, int depth) {
+        indices.push_back(tree.addTile(p.x, p.y, p.z, depth));
+        points.push_back(p);
+        map.add(p, depth);
+    }
+    /// Adds most children of a tile, and refines some of those.
+    void refine(Random& random, int3 const& low, int depth, int deepest) {
+        bool const binary = Traits::kBranch == 2;
+        for (int slot = 0; slot < Traits::kChildCount; ++slot) {
+            if (random(0, 9) >= (binary || depth < deepest ? 7 : 3)) continue;
+            int3 const at{slot % Traits::kBranch, slot / Traits::kBranch % Traits::kBranch,
+                          slot / (Traits::kBranch * Traits::kBranch)};
+            int3 const p = low + at * static_cast<int>(width<Traits>(depth));
+            add(p, depth);
+            if (depth < deepest && random(0, 99) < (binary ? 60 : depth == 1 ? 12 : 3))
+                refine(random, p, depth + 1, deepest);
         }
     }
 

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "orvane_geometry_volume/container.h"
+
+namespace ORV::TileTree3D::Internal {
+
+/// Drops all tiles that were added to a tree during its life, unless they are to be kept, and
+/// leaves the tree as it was, stamp included. References to the dropped tiles, and accessors that
+/// met them, are not to be used any more.
+template <class Traits> class Rollback {
+public:
+    explicit Rollback(Container<Traits>& tree)
+        : m_tree(tree), m_state(tree.m_state), m_counts(tree.tileCounts()),
+          m_tables(tree.m_tables.size()) {}
+    Rollback(Rollback const&) = delete;
+    Rollback& operator=(Rollback const&) = delete;
+    ~Rollback() {
+        if (!m_kept) undo();
+    }
+
+    void keep() { m_kept = true; }
+
+private:
+    void undo() noexcept {
+        for (auto& inner : m_tree.m_innerTiles) inner.clear();
+        for (long long i = 0; i < m_tree.m_tables.size(); ++i) {
+            auto& table = m_tree.m_tables[i];
+            auto const depth = static_cast<unsigned>(table.depth);
+            auto& owner = m_tree.m_levels[depth][table.owner];
+            if (i >= m_tables) {
+                owner.m_children = nullptr;
+                continue;
+            }
+            for (std::int32_t& child : table.children)
+                if (child >= m_counts[depth + 1]) child = -1;
+            if (depth > 0)
+                m_tree.m_innerTiles[depth].add(m_tree.hashOf(owner), static_cast<std::int32_t>(i));
+        }
+        m_tree.m_tables.truncate(m_tables);
+        for (unsigned d = 0; d < m_counts.size(); ++d) m_tree.m_levels[d].truncate(m_counts[d]);
+        m_tree.m_state = m_state;
+    }
+
+    Container<Traits>& m_tree;
+    typename Container<Traits>::State const m_state;
+    std::array<long long, Traits::kMaxDepth + 1> const m_counts;
+    long long const m_tables;
+    bool m_kept = false;
+};
+
+}  // namespace ORV::TileTree3D::Internal
