@@ -1,24 +1,28 @@
 #include "orvane_math_support/noise.h"
 
-#include "orvane_math_support/simplex_kernel.h"
+#include "orvane_math_support/scalar_lane.h"
 #include "orvane_math_support/simplex_time.h"
 
-#include <cmath>
+#include <limits>
+#include <type_traits>
 
 namespace Orvane::Math {
 namespace {
 
 using namespace Simplex;
 
-bool inLattice(Double4 const& lattice) {
-    return ScalarCells::size(lattice) < kLatticeLimit;
-}
-
 /// What noise is for a point outside the lattice: NaN if a coordinate is not finite, else 0.
-template <class Real> Real outside(Double4 const& p) {
-    return static_cast<Real>(ScalarCells::sum(p - p));
+/// `zeros` are the differences of each coordinate to itself.
+template <class Real> Real outside(Double4 const& zeros) {
+    return ScalarCells::sum(zeros) == 0 ? Real{0} : std::numeric_limits<Real>::quiet_NaN();
 }
 
+Float4 gather(float4 const& p) {
+    return Float4{p.x, p.y, p.z, p.w};
+}
+Double4 gather(double4 const& p) {
+    return {Double2{p.x, p.y}, Double2{p.z, p.w}};
+}
 template <class Point> Double4 widen(Point const& p) {
     return {Double2{static_cast<double>(p.x), static_cast<double>(p.y)},
             Double2{static_cast<double>(p.z), static_cast<double>(p.w)}};
@@ -26,45 +30,85 @@ template <class Point> Double4 widen(Point const& p) {
 
 template <class Real, class Point> Real value(Point const& point, std::int64_t seed) {
     using L = ScalarLane<Real>;
-    Double4 const p = widen(point), lattice = skew<L>(p);
-    if (!inLattice(lattice)) return outside<Real>(p);
-    return simplexValue<L>(p, lattice, makeKeys(static_cast<std::uint64_t>(seed)));
+    Double4 const p = widen(point);
+    if (!inLattice<L>(gather(point))) return outside<Real>(p - p);
+    return atPlace<L>(p, skew<L>(p), NoOrigin{}, [&](auto const& d, auto const& cell) {
+        return simplexValue<L>(d, hashCell<L>(cell, makeKeys(seed)));
+    });
 }
 
 template <class Real, class Point>
 Real valueAndDerivative(Point const& point, std::int64_t seed, Point& derivative) {
     using L = ScalarLane<Real>;
-    Double4 const p = widen(point), lattice = skew<L>(p);
-    if (!inLattice(lattice)) {
-        Real const none = outside<Real>(p);
+    Double4 const p = widen(point);
+    if (!inLattice<L>(gather(point))) {
+        Real const none = outside<Real>(p - p);
         derivative = {none, none, none, none};
         return none;
     }
     typename L::Real4 d;
-    Real const v = simplexDerivative<L>(p, lattice, makeKeys(static_cast<std::uint64_t>(seed)), d);
+    Real const v = atPlace<L>(p, skew<L>(p), NoOrigin{}, [&](auto const& place, auto const& cell) {
+        return simplexDerivative<L>(place, hashCell<L>(cell, makeKeys(seed)), d);
+    });
     derivative = {d[0], d[1], d[2], d[3]};
     return v;
 }
 
-template <int power>
-float3 curlAt(Double4 const& p, Double4 const& lattice, Long4 const& origin, std::uint32_t seed) {
-    if (!inLattice(lattice)) {
-        // The time may show in the lattice coordinates alone.
-        auto const none = outside<float>(p + (lattice - lattice));
-        return {none, none, none};
-    }
-    auto const v = curl<ScalarLane<float>, power>(p, lattice, origin, makeKeys(seed));
-    return {v.x, v.y, v.z};
+// The curls of both kinds, below, take a NoJacobian or set a float3x3.
+
+using L = ScalarLane<float>;
+
+TimePlace placeTime(float time) {
+    auto const t = static_cast<double>(time);
+    Double4 const lattice = skewTime<L>(t);
+    if (timeInLattice<L>(lattice))
+        return Simplex::placeTime<L>(lattice,
+                                     [](auto... members) { return TimePlace{members...}; });
+    double const none = t - t + kLatticeLimit;  // NaN if the time is not finite
+    return {none, none, 0, 0, 0, 0};
 }
 
-float3 smoothCurlAt(float3 const& position, TimePlace const& time, std::uint32_t seed) {
-    Double4 const p = widen(float4{position.x, position.y, position.z, 0});
-    Double4 const lattice = skew<ScalarLane<float>>(p);
-    return curlAt<4>(
-        p + Double4{Double2{time.offsetXyz, time.offsetXyz}, Double2{time.offsetXyz, time.offsetW}},
-        lattice + Double4{Double2{time.latticeXyz, time.latticeXyz},
-                          Double2{time.latticeXyz, time.latticeW}},
-        {Long2{time.cellXyz, time.cellXyz}, Long2{time.cellXyz, time.cellW}}, seed);
+template <class Jacobian> float3 noCurl(Double4 const& zeros, Jacobian& jacobian) {
+    auto const none = outside<float>(zeros);
+    float3 const all = {none, none, none};
+    if constexpr (std::is_same_v<Jacobian, float3x3>) jacobian = {{all, all, all}};
+    return all;
+}
+
+template <int power, class Origin, class Jacobian>
+float3 curlAt(Double4 const& p, Double4 const& lattice, Origin const& origin, std::uint32_t seed,
+              Jacobian& jacobian) {
+    auto const vector = [](Vec3<float> const& v) { return float3{v.x, v.y, v.z}; };
+    return atPlace<L>(p, lattice, origin, [&](auto const& d, auto const& cell) {
+        auto const hash = hashCell<L>(cell, makeKeys(seed));
+        if constexpr (std::is_same_v<Jacobian, float3x3>) {
+            Vec3<Vec3<float>> rows;
+            auto const v = curl<L, power>(d, hash, rows);
+            jacobian = {{vector(rows.x), vector(rows.y), vector(rows.z)}};
+            return vector(v);
+        } else {
+            return vector(curl<L, power>(d, hash, jacobian));
+        }
+    });
+}
+
+template <class Jacobian>
+float3 plainCurl(float3 const& position, float time, std::uint32_t seed, Jacobian& jacobian) {
+    float4 const point = {position.x, position.y, position.z, time};
+    Double4 const p = widen(point);
+    if (!inLattice<L>(gather(point))) return noCurl(p - p, jacobian);
+    return curlAt<3>(p, skew<L>(p), NoOrigin{}, seed, jacobian);
+}
+
+template <class Jacobian>
+float3 smoothCurl(float3 const& position, TimePlace const& time, std::uint32_t seed,
+                  Jacobian& jacobian) {
+    float4 const point = {position.x, position.y, position.z, 0};
+    Double4 const p = widen(point), lattice = L::spread(time.latticeXyz, time.latticeW);
+    if (!inLattice<L>(gather(point)) || !timeInLattice<L>(lattice))
+        return noCurl((p - p) + (lattice - lattice), jacobian);
+    return curlAt<4>(p + L::spread(time.offsetXyz, time.offsetW), skew<L>(p) + lattice,
+                     L::spread(time.cellXyz, time.cellW), seed, jacobian);
 }
 
 }  // namespace
@@ -86,12 +130,23 @@ double simplex_noise(double4 const& point, std::int64_t seed, double4& derivativ
 }
 
 float3 curl_noise(float3 const& position, float time, std::uint32_t seed) {
-    Double4 const p = widen(float4{position.x, position.y, position.z, time});
-    return curlAt<3>(p, skew<ScalarLane<float>>(p), Long4{}, seed);
+    NoJacobian none;
+    return plainCurl(position, time, seed, none);
+}
+
+float3 curl_noise_derivative(float3 const& position, float time, std::uint32_t seed,
+                             float3x3& jacobian) {
+    return plainCurl(position, time, seed, jacobian);
 }
 
 float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed) {
-    return smoothCurlAt(position, placeTime(time), seed);
+    NoJacobian none;
+    return smoothCurl(position, placeTime(time), seed, none);
+}
+
+float3 smooth_curl_noise_derivative(float3 const& position, float time, std::uint32_t seed,
+                                    float3x3& jacobian) {
+    return smoothCurl(position, placeTime(time), seed, jacobian);
 }
 
 void create_curl_noise_time_table(float time, float* table) {
@@ -99,7 +154,8 @@ void create_curl_noise_time_table(float time, float* table) {
 }
 
 float3 smooth_curl_noise(float3 const& position, float const* table, std::uint32_t seed) {
-    return smoothCurlAt(position, readTimeTable(table), seed);
+    NoJacobian none;
+    return smoothCurl(position, readTimeTable(table), seed, none);
 }
 
 }  // namespace Orvane::Math

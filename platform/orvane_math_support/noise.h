@@ -1,5 +1,6 @@
 #pragma once
 
+#include "orvane_math/float3x3.h"
 #include "orvane_math/vectors.h"
 #include "platform_api.h"
 
@@ -15,8 +16,8 @@ namespace Orvane::Math {
 //
 // The cell is found in double precision in all functions, so that an overload for floats is as good
 // as its coordinates are. A coordinate that is NaN or infinite gives NaN in every component. The
-// lattice reaches past coordinates of 10^14 and ends before 2 * 10^15, where a double has hardly a
-// bit left for the place in a cell; everything outside is 0.
+// lattice ends where the absolute coordinates sum up to 2^48, about 2.8 * 10^14, and a double has
+// few bits left for the place in a cell; everything outside is 0.
 
 /// Simplex noise of a point: mean 0, within -1..1 and using that range. Continuous up to its third
 /// derivative.
@@ -24,7 +25,7 @@ namespace Orvane::Math {
 /// K. Perlin, "Noise hardware", SIGGRAPH course notes, 2001; S. Gustavson, "Simplex noise
 /// demystified", 2005. Different from these: the support of a vertex ends inside the simplices
 /// around it, the lattice is hashed without a table, and the gradients are the 120 vertices of a
-/// regular polytope.
+/// regular polytope, to 0.4 % of their length.
 ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed);
 
 /// The same field in double precision; agrees with the float overload to single precision.
@@ -47,6 +48,13 @@ ZEL_PLATFORM_API float3 curl_noise(float3 const& position, float time, std::uint
 /// its second derivatives. The root mean square of the length is about 2.7. Keeps its spatial
 /// detail at any time inside the lattice, to about 5e14.
 ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed);
+
+/// The same values, bit for bit, and their analytic Jacobian: row r of `jacobian` is the gradient
+/// of component r. It is continuous, and free of trace but for rounding.
+ZEL_PLATFORM_API float3 curl_noise_derivative(float3 const& position, float time,
+                                              std::uint32_t seed, float3x3& jacobian);
+ZEL_PLATFORM_API float3 smooth_curl_noise_derivative(float3 const& position, float time,
+                                                     std::uint32_t seed, float3x3& jacobian);
 
 /// Sets the 16 floats of `table` to what `smooth_curl_noise` derives from the time alone: the
 /// lattice cell that the time axis has reached and the place within it. Finite for every finite

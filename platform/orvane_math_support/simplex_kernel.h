@@ -1,130 +1,137 @@
-#pragma once
+// The formulas of the simplex noises, each once, over a lane type L: ScalarLane, whose Real is a
+// number, or BlockLane, whose Real is a register of them. A lane type says what a Real, a Word and
+// their groups of four coordinates are, and gives the operations on them. Nothing below branches on
+// a number, and every operation is rounded once, in the order that is written here: so all lanes
+// give the same bits.
+//
+// After "hwy/highway.h" this header is compiled for the instruction set that Highway asks for, once
+// for each, in a namespace of its own; without it, for the baseline.
 
-// The formulas of the simplex noises, each once, over a lane type L such as ScalarLane: what a
-// Real, a Word and their groups of four coordinates are, and the operations on them. A form that
-// computes many points at once supplies an L whose Real is a register of points; nothing below
-// branches on a number.
+#if defined(ZEL_SIMPLEX_KERNEL) == defined(HWY_TARGET_TOGGLE)
+#ifdef HWY_TARGET_TOGGLE
+#undef ZEL_SIMPLEX_KERNEL
+#else
+#define ZEL_SIMPLEX_KERNEL
+#endif
 
-#include "orvane_math_support/scalar_lane.h"
+#include "orvane_math_support/simplex_lattice.h"
+#include "orvane_math_support/simplex_time.h"
 
-#include <array>
+#include <bit>
 #include <cstdint>
+#include <type_traits>
+
+#ifdef HWY_NAMESPACE
+#define ZEL_KERNEL_LAMBDA HWY_ATTR __attribute__((always_inline))
+#define ZEL_KERNEL_BEGIN namespace HWY_NAMESPACE {
+HWY_BEFORE_NAMESPACE();
+#else
+#define ZEL_KERNEL_LAMBDA __attribute__((always_inline))
+#define ZEL_KERNEL_BEGIN inline namespace Baseline {
+#endif
+#define ZEL_KERNEL_END }
 
 namespace Orvane::Math::Simplex {
+ZEL_KERNEL_BEGIN
 
-// Between Cartesian and lattice coordinates: lattice = p + kSkew * sum(p), p = lattice - kUnskew *
-// sum(lattice).
-inline constexpr double kSkew = 0.30901699437494745;    // (sqrt(5) - 1) / 4
-inline constexpr double kUnskew = 0.13819660112501053;  // (5 - sqrt(5)) / 20
-
-/// Squared radius of a vertex's support. A vertex is sqrt(1/2) away from the opposite facet of each
-/// of its simplices, in four dimensions as in all others, so that nothing is cut off when a simplex
-/// sums its own five vertices alone.
-inline constexpr double kRadius2 = 0.5;
-
-/// The absolute lattice coordinates of a point sum up to less than this, so that a double has bits
-/// for the place in a cell.
-inline constexpr double kLatticeLimit = 0x1p50;
-
-/// Puts a noise with kernel (1 - 2 d^2)^power into -1..1: the reciprocal, rounded down, of the
-/// largest sum over the vertices of |d| * (1 - 2 d^2)^power, which needs all gradients along d. The
-/// largest sums, found by a search over the simplex, are 0.1931963 and 0.1473733; one vertex alone
-/// reaches 87 % and 99.8 % of them.
-template <int power> inline constexpr double kScale = 0;
-template <> inline constexpr double kScale<3> = 5.176;
-template <> inline constexpr double kScale<4> = 6.7854;
-
-/// Hash keys of a seed. No two seeds have the same axis keys.
-struct Keys {
-    std::array<std::uint32_t, 4> axis;
-    std::uint32_t last;
-};
-
-/// After G. Steele, D. Lea, C. Flood, "Fast splittable pseudorandom number generators", 2014: a
-/// bijection of the seed to the first two axis keys, and a further round.
-ZEL_INLINE Keys makeKeys(std::uint64_t seed) {
-    std::uint64_t a = seed + 0x9e3779b97f4a7c15u;
-    a = (a ^ (a >> 30)) * 0xbf58476d1ce4e5b9u;
-    a = (a ^ (a >> 27)) * 0x94d049bb133111ebu;
-    a ^= a >> 31;
-    std::uint64_t b = (a ^ (a >> 29)) * 0xd6e8feb86659fd93u;
-    b ^= b >> 32;
-    auto const word = [](std::uint64_t v, int shift) {
-        return static_cast<std::uint32_t>(v >> shift);
-    };
-    return {{word(a, 0), word(a, 32), word(b, 0), word(b, 32)}, word(a + b, 16)};
+template <int bits, class W> ZEL_INLINE W shiftRight(W const& w) {
+    if constexpr (requires { w.template shiftRight<bits>(); })
+        return w.template shiftRight<bits>();
+    else
+        return w >> bits;
 }
 
-/// Odd factors, another one for each axis.
-inline constexpr std::array<std::uint32_t, 4> kMix = {0xcc9e2d51u, 0x1b873593u, 0xe6546b65u,
-                                                      0x85ebca6bu};
-
-/// Hash of each coordinate of a cell by itself, from its low word plus the key, and its high word.
-/// Not linear, so that no translation maps the lattice's hashes onto one another. The low word is
-/// mixed before the high word enters: a small step of one must not undo a carry into the other.
+/// Hash of each coordinate of a cell by itself, from its low word plus the key, and its high
+/// word. Not linear, so that no translation maps the lattice's hashes onto one another. The low
+/// word is mixed before the high word enters: a small step of one must not undo a carry into
+/// the other.
 template <class L>
-ZEL_INLINE typename L::Word4 hashAxes(typename L::Word4 u, typename L::Word4 high) {
-    u = (u ^ (u >> 16)) * L::load(kMix);
-    u = ((u ^ (u >> 15)) + high) * 0x9e3779b1u;
-    return u ^ (u >> 16);
+ZEL_INLINE typename L::Word4 hashAxes(typename L::Word4 u, typename L::Word4 const& high) {
+    u = (u ^ shiftRight<16>(u)) * L::load(kMix);
+    return ((u ^ shiftRight<15>(u)) + high) * 0x9e3779b1u;
 }
 
-/// Mixes the exclusive or of four axis hashes; the upper 24 bits are the ones to use.
-template <class Word> ZEL_INLINE Word finishHash(Word h, std::uint32_t key) {
-    h = h * 0x7feb352du + key;
-    return (h ^ (h >> 15)) * 0x846ca68bu;
+/// Mixes the exclusive or of four axis hashes; the upper bits are the ones to use.
+template <class Word> ZEL_INLINE Word finishHash(Word h) {
+    h = (h ^ shiftRight<16>(h)) * 0x7feb352du;
+    return (h ^ shiftRight<15>(h)) * 0x846ca68bu;
 }
 
-/// Successive random directions from one hash: its upper 24 bits are a fraction of which each
-/// direction takes one digit to the base kDirections.
-template <class L> class Directions {
-public:
-    ZEL_INLINE explicit Directions(typename L::Word hash) : fraction_(hash >> 8) {}
-    ZEL_INLINE typename L::Real4 next() {
-        auto const scaled = fraction_ * static_cast<std::uint32_t>(kDirections);
-        fraction_ = scaled & 0xffffffu;
-        return L::direction(scaled >> 24);
-    }
+/// Direction number `n` of a vertex, from its hash: 0, 1 or 2.
+template <class L, int n = 0> ZEL_INLINE typename L::Real4 direction(typename L::Word const& hash) {
+    constexpr int kBits = std::bit_width(kDirections - 1u);
+    static_assert(kDirections == 1u << kBits);
+    auto const row = shiftRight<32 - kBits*(n + 1)>(hash);
+    if constexpr (n == 0)
+        return L::direction(row);
+    else
+        return L::direction(row & (kDirections - 1u));
+}
 
-private:
-    typename L::Word fraction_;
+/// Whether a point lies in the lattice; not if a coordinate is NaN.
+template <class L> ZEL_INLINE auto inLattice(typename L::Real4 const& p) {
+    return L::size(p) < static_cast<typename L::Number>(kReach);
+}
+
+/// Lattice coordinates, less 1/2 each: the nearest integers to these make the cell.
+template <class L> ZEL_INLINE typename L::Wide4 skew(typename L::Wide4 const& p) {
+    return p + (L::sum(p) * kSkew - 0.5);
+}
+
+/// Calls use(d, cell) with the place of the point `p` in the lattice: the point minus the first
+/// vertex of its cell, and the cell. `lattice` is what skew() gives for `p`, within 2^51;
+/// `origin` is added to the cell.
+///
+/// Groups are handed on in calls like this one, since g++ 12 copies structures of registers in
+/// pieces.
+template <class L, class Origin, class Use>
+ZEL_INLINE auto atPlace(typename L::Wide4 const& p, typename L::Wide4 const& lattice,
+                        Origin const& origin, Use&& use) {
+    auto const shifted = lattice + kCellShift;
+    auto const whole = shifted - kCellShift;
+    auto const d = L::narrow(p - (whole - L::sum(whole) * kUnskew));
+    auto const cell = L::bits(shifted);
+    if constexpr (std::is_same_v<Origin, NoOrigin>)
+        return use(d, cell);
+    else
+        return use(d, cell + origin);
+}
+
+/// What the hashes of the vertices of a cell are made of.
+template <class L> struct CellHash {
+    typename L::Word first;  // of the first vertex
+    typename L::Word4 flip;  // what changes with a step along each axis
 };
 
-template <class L> ZEL_INLINE typename L::Wide4 skew(typename L::Wide4 const& p) {
-    return p + L::sum(p) * kSkew;
-}
-
-/// Calls add(d, hash) for the five vertices of the simplex that holds the point `p`; d is the point
-/// minus the vertex. `lattice` are the lattice coordinates of `p`, within kLatticeLimit; `origin`
-/// is added to every cell before it is hashed.
-template <class L, class Add>
-ZEL_INLINE void forEachVertex(typename L::Wide4 const& p, typename L::Wide4 const& lattice,
-                              typename L::Cell4 const& origin, Keys const& keys, Add&& add) {
-    using Number = typename L::Number;
-
-    // The cell, and the point relative to its first vertex.
-    typename L::Wide4 whole;
-    typename L::Cell4 const cell = L::cell(lattice, whole) + origin;
-    typename L::Real4 const d = L::narrow(p - (whole - L::sum(whole) * kUnskew));
-
+template <class L>
+ZEL_INLINE CellHash<L> hashCell(typename L::Cell4 const& cell, Keys const& keys) {
     auto const low = L::low(cell) + L::load(keys.axis);
     auto const here = hashAxes<L>(low, L::high(cell));
-    auto const flip = here ^ hashAxes<L>(low + 1, L::high(cell + 1));
-    auto const first = L::fold(here);
+    return {L::fold(here) ^ keys.last, here ^ hashAxes<L>(low + 1u, L::highOfNext(cell))};
+}
 
-    // The path through the simplex steps along the largest coordinate first. At the first inner
-    // vertex the coordinate above all others has moved, at the second those above two, at the third
-    // those above one.
-    auto const [a, b, c] = L::comparisons(d);
-    auto const inner = [&](auto const& moved, double steps) __attribute__((always_inline)) {
-        add((d - L::ones(moved)) + static_cast<Number>(steps * kUnskew),
-            finishHash(first ^ L::fold(flip & L::words(moved)), keys.last));
+/// Calls add(d, hash) for the five vertices of the simplex that holds a point, with the point minus
+/// the vertex and the hash of the vertex. The arguments are the same of the first one, and of the
+/// cell.
+template <class L, class Add>
+ZEL_INLINE void forEachVertex(typename L::Real4 const& d, CellHash<L> const& hash, Add&& add) {
+    using Number = typename L::Number;
+    auto const& first = hash.first;
+    auto const& flip = hash.flip;
+
+    // The path through the simplex steps along the largest coordinate first: at the first inner
+    // vertex it has moved, at the second the second largest too, at the third all but the
+    // smallest.
+    auto const moved = L::largest(d);
+    auto const inner = [&](int steps, auto const& mask) ZEL_KERNEL_LAMBDA {
+        add((d - L::ones(mask)) + static_cast<Number>(steps * kUnskew),
+            finishHash(first ^ L::fold(flip & mask)));
     };
-    add(d, finishHash(first, keys.last));
-    inner(a & b & c, 1);
-    inner((a & b) | (c & (a | b)), 2);
-    inner(a | b | c, 3);
-    add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ L::fold(flip), keys.last));
+    add(d, finishHash(first));
+    inner(1, moved[0]);
+    inner(2, moved[1]);
+    inner(3, moved[2]);
+    add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ L::fold(flip)));
 }
 
 /// The base of the kernel's power: 1 - 2 d^2 within the support, else 0.
@@ -135,64 +142,132 @@ template <class L> ZEL_INLINE typename L::Real falloff(typename L::Real4 const& 
 /// Simplex noise: the sum over the vertices of t^4 * dot(g, d), with t the falloff and g the
 /// gradient of the vertex.
 template <class L>
-ZEL_INLINE typename L::Real simplexValue(typename L::Wide4 const& p,
-                                         typename L::Wide4 const& lattice, Keys const& keys) {
+ZEL_INLINE typename L::Real simplexValue(typename L::Real4 const& place,
+                                         CellHash<L> const& cellHash) {
     typename L::Real sum{};
-    forEachVertex<L>(
-        p, lattice, typename L::Cell4{},
-        keys, [&](auto const& d, auto hash) __attribute__((always_inline)) {
-            auto const t = falloff<L>(d), t2 = t * t;
-            sum = sum + (t2 * t2) * L::dot(Directions<L>(hash).next(), d);
-        });
+    forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+        auto const t = falloff<L>(d), t2 = t * t;
+        sum = sum + (t2 * t2) * L::dot(direction<L>(hash), d);
+    });
     return sum * static_cast<typename L::Number>(kScale<4>);
 }
 
 /// The same value, and the derivative: the sum of t^4 * g - 16 * t^3 * dot(g, d) * d.
 template <class L>
-ZEL_INLINE typename L::Real simplexDerivative(typename L::Wide4 const& p,
-                                              typename L::Wide4 const& lattice, Keys const& keys,
+ZEL_INLINE typename L::Real simplexDerivative(typename L::Real4 const& place,
+                                              CellHash<L> const& cellHash,
                                               typename L::Real4& derivative) {
     using Number = typename L::Number;
     typename L::Real sum{};
     typename L::Real4 slope{};
-    forEachVertex<L>(
-        p, lattice, typename L::Cell4{},
-        keys, [&](auto const& d, auto hash) __attribute__((always_inline)) {
-            auto const t = falloff<L>(d), t2 = t * t, t4 = t2 * t2;
-            auto const g = Directions<L>(hash).next();
-            auto const along = L::dot(g, d);
-            sum = sum + t4 * along;
-            slope = slope + (g * t4 - d * ((t2 * t) * along * Number{16}));
-        });
+    forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+        auto const t = falloff<L>(d), t2 = t * t, t4 = t2 * t2;
+        auto const g = direction<L>(hash);
+        auto const along = L::dot(g, d);
+        sum = sum + t4 * along;
+        slope = slope + (g * t4 - d * ((t2 * t) * along * Number{16}));
+    });
     derivative = slope * static_cast<Number>(kScale<4>);
     return sum * static_cast<Number>(kScale<4>);
 }
 
-template <class T> struct Vec3 { T x, y, z; };
-
-/// Spatial curl of the potential whose components are sums of t^power * dot(g, d), with directions
-/// g of its own at each vertex. A vertex gives t^power * c - 4 * power * t^(power - 1) * cross(d,
-/// s), where s is the field of the three dot products and c its curl.
-template <class L, int power>
-ZEL_INLINE Vec3<typename L::Real> curl(typename L::Wide4 const& p, typename L::Wide4 const& lattice,
-                                       typename L::Cell4 const& origin, Keys const& keys) {
+/// Spatial curl of the potential whose components are sums of t^power * dot(g, d), with
+/// directions g of its own at each vertex. A vertex gives t^power * c - 4 * power * t^(power -
+/// 1) * cross(d, s), where s is the field of the three dot products and c its curl.
+///
+/// `jacobian` is a NoJacobian, or rows of the derivatives of a component along x, y and z. To
+/// that of component r along coordinate j a vertex gives d_j * (16 * power * (power - 1) *
+/// t^(power - 2)
+/// * cross_r - 4 * power * t^(power - 1) * c_r) - 4 * power * t^(power - 1) * (derivative of
+/// cross_r along j).
+template <class L, int power, class Jacobian>
+ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<L> const& cellHash,
+                                       Jacobian& jacobian) {
     static_assert(power == 3 || power == 4);
     using Number = typename L::Number;
     Vec3<typename L::Real> sum{};
-    forEachVertex<L>(
-        p, lattice, origin, keys, [&](auto const& d, auto hash) __attribute__((always_inline)) {
-            auto const t = falloff<L>(d), t2 = t * t;
-            auto const weight = power == 3 ? t2 : t2 * t;
-            auto const steep = weight * Number{4 * power}, flat = weight * t;
-            Directions<L> directions(hash);
-            auto const gx = directions.next(), gy = directions.next(), gz = directions.next();
-            auto const sx = L::dot(gx, d), sy = L::dot(gy, d), sz = L::dot(gz, d);
-            sum.x = sum.x + (flat * (gz[1] - gy[2]) - steep * (d[1] * sz - d[2] * sy));
-            sum.y = sum.y + (flat * (gx[2] - gz[0]) - steep * (d[2] * sx - d[0] * sz));
-            sum.z = sum.z + (flat * (gy[0] - gx[1]) - steep * (d[0] * sy - d[1] * sx));
-        });
-    auto const scale = static_cast<Number>(kScale<power>);
-    return {sum.x * scale, sum.y * scale, sum.z * scale};
+    Jacobian slope{};
+    forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+        auto const t = falloff<L>(d), t2 = t * t;
+        auto const weight = power == 3 ? t2 : t2 * t;
+        auto const steep = weight * Number{4 * power}, flat = weight * t;
+        auto const gx = direction<L, 0>(hash);
+        auto const sx = L::dot(gx, d);
+        auto const gy = direction<L, 1>(hash);
+        auto const sy = L::dot(gy, d);
+        auto const gz = direction<L, 2>(hash);
+        auto const sz = L::dot(gz, d);
+        auto const cx = gz[1] - gy[2], cy = gx[2] - gz[0], cz = gy[0] - gx[1];
+        auto const rx = d[1] * sz - d[2] * sy, ry = d[2] * sx - d[0] * sz,
+                   rz = d[0] * sy - d[1] * sx;
+        sum.x = sum.x + (flat * cx - steep * rx);
+        sum.y = sum.y + (flat * cy - steep * ry);
+        sum.z = sum.z + (flat * cz - steep * rz);
+        if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
+            auto const steeper = (power == 3 ? t : t2) * Number{16 * power * (power - 1)};
+            auto const ax = steeper * rx - steep * cx, ay = steeper * ry - steep * cy,
+                       az = steeper * rz - steep * cz;
+            auto const ex = steep * d[0], ey = steep * d[1], ez = steep * d[2];
+            auto const ux = steep * sx, uy = steep * sy, uz = steep * sz;
+            auto& [jx, jy, jz] = slope;
+            jx.x = jx.x + (d[0] * ax - (ey * gz[0] - ez * gy[0]));
+            jx.y = jx.y + (d[1] * ax - (ey * gz[1] - ez * gy[1] + uz));
+            jx.z = jx.z + (d[2] * ax - (ey * gz[2] - ez * gy[2] - uy));
+            jy.x = jy.x + (d[0] * ay - (ez * gx[0] - ex * gz[0] - uz));
+            jy.y = jy.y + (d[1] * ay - (ez * gx[1] - ex * gz[1]));
+            jy.z = jy.z + (d[2] * ay - (ez * gx[2] - ex * gz[2] + ux));
+            jz.x = jz.x + (d[0] * az - (ex * gy[0] - ey * gx[0] + uy));
+            jz.y = jz.y + (d[1] * az - (ex * gy[1] - ey * gx[1] - ux));
+            jz.z = jz.z + (d[2] * az - (ex * gy[2] - ey * gx[2]));
+        }
+    });
+    auto const scaled = [](Vec3<typename L::Real> const& v) ZEL_KERNEL_LAMBDA {
+        auto const scale = static_cast<Number>(kScale<power>);
+        return Vec3<typename L::Real>{v.x * scale, v.y * scale, v.z * scale};
+    };
+    if constexpr (!std::is_same_v<Jacobian, NoJacobian>)
+        jacobian = {scaled(slope.x), scaled(slope.y), scaled(slope.z)};
+    return scaled(sum);
 }
 
+/// Lattice coordinates of a time.
+template <class L> ZEL_INLINE typename L::Wide4 skewTime(typename L::Wide const& time) {
+    auto const skewed = time * kSkew;
+    return L::spread(skewed, time + skewed);
+}
+
+/// Whether they lie in the lattice, or in the cell of a TimePlace; not if one is NaN.
+template <class L> ZEL_INLINE auto timeInLattice(typename L::Wide4 const& lattice) {
+    return L::size(lattice) < kLatticeLimit;
+}
+
+/// Keeps what two floats hold, 48 bits. Cut off in the representation, not by going to float
+/// and back: g++ 12 drops such a round trip where it vectorises, and the bits would depend on
+/// that.
+template <class L> ZEL_INLINE typename L::Wide roundToTwoFloats(typename L::Wide const& a) {
+    auto const high = L::cutToFloat(a);
+    return high + L::cutToFloat(a - high);
+}
+
+/// Calls use() with the six members of the TimePlace of a time within the lattice, from its
+/// coordinates there.
+template <class L, class Use>
+ZEL_INLINE auto placeTime(typename L::Wide4 const& lattice, Use const& use) {
+    auto const shifted = (lattice - 0.5) + kCellShift;
+    auto const place = lattice - (shifted - kCellShift);
+    auto const cell = L::unbiased(L::bits(shifted));
+    auto const xyz = roundToTwoFloats<L>(place[2]), w = roundToTwoFloats<L>(place[3]);
+    auto const unskew = (xyz * 3.0 + w) * kUnskew;
+    return use(xyz, w, roundToTwoFloats<L>(xyz - unskew), roundToTwoFloats<L>(w - unskew), cell[2],
+               cell[3]);
+}
+
+ZEL_KERNEL_END
 }  // namespace Orvane::Math::Simplex
+
+#ifdef HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
+#endif
+#undef ZEL_KERNEL_BEGIN
+#undef ZEL_KERNEL_END
+#endif

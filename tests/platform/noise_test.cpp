@@ -1,6 +1,6 @@
 #include "orvane_math_support/noise.h"
 
-#include "orvane_math_support/simplex_kernel.h"
+#include "orvane_math_support/scalar_lane.h"
 
 #include <gtest/gtest.h>
 
@@ -65,31 +65,49 @@ float4 single(Point const& p) {
     return {static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2]),
             static_cast<float>(p[3])};
 }
-Simplex::Double4 wide(Point const& p) {
-    return {Simplex::Double2{p[0], p[1]}, Simplex::Double2{p[2], p[3]}};
+/// Calls use(d, hash) for a point: as the kernel places it in the lattice.
+template <class Use> auto atPlace(Point const& p, std::uint32_t seed, Use const& use) {
+    Simplex::Double4 const w = {Simplex::Double2{p[0], p[1]}, Simplex::Double2{p[2], p[3]}};
+    return Simplex::atPlace<Lane>(
+        w, Simplex::skew<Lane>(w), Simplex::NoOrigin{}, [&](auto const& d, auto const& cell) {
+            return use(d, Simplex::hashCell<Lane>(cell, Simplex::makeKeys(seed)));
+        });
 }
 /// The curl noises in double precision: power 3, or 4 for the smooth one.
 template <int power> Point curl(Point const& p, std::uint32_t seed) {
-    auto const w = wide(p);
-    auto const v = Simplex::curl<Lane, power>(w, Simplex::skew<Lane>(w), Simplex::Long4{},
-                                              Simplex::makeKeys(seed));
-    return {v.x, v.y, v.z, 0};
+    return atPlace(p, seed, [](auto const& d, auto const& hash) {
+        Simplex::NoJacobian none;
+        auto const v = Simplex::curl<Lane, power>(d, hash, none);
+        return Point{v.x, v.y, v.z, 0};
+    });
+}
+/// Its columns of derivatives along x, y and z, as the kernel has them.
+template <int power> std::array<Point, 3> curlJacobian(Point const& p, std::uint32_t seed) {
+    return atPlace(p, seed, [](auto const& d, auto const& hash) {
+        Simplex::Vec3<Simplex::Vec3<double>> m;
+        Simplex::curl<Lane, power>(d, hash, m);
+        return std::array<Point, 3>{
+            Point{m.x.x, m.y.x, m.z.x}, {m.x.y, m.y.y, m.z.y}, {m.x.z, m.y.z, m.z.z}};
+    });
 }
 /// The potential of it, and last how far the point is off the spheres on which supports end, where
 /// the plain curl has a kink.
 template <int power> Point potential(Point const& p, std::uint32_t seed) {
-    auto const w = wide(p);
     Point sum = {0, 0, 0, 1};
-    Simplex::forEachVertex<Lane>(w, Simplex::skew<Lane>(w), Simplex::Long4{},
-                                 Simplex::makeKeys(seed), [&](auto const& d, std::uint32_t hash) {
-                                     Simplex::Directions<Lane> directions(hash);
-                                     double const t = 1 - 2 * Lane::dot(d, d);
-                                     for (std::size_t i = 0; i < 3; ++i)
-                                         sum[i] += std::pow(std::max(0.0, t), power) *
-                                                   Lane::dot(directions.next(), d) *
-                                                   Simplex::kScale<power>;
-                                     sum[3] = std::min(sum[3], std::abs(t));
-                                 });
+    auto const add = [&](auto const& d, std::uint32_t hash) {
+        Simplex::Double4 const g[3] = {Simplex::direction<Lane, 0>(hash),
+                                       Simplex::direction<Lane, 1>(hash),
+                                       Simplex::direction<Lane, 2>(hash)};
+        double const t = 1 - 2 * Lane::dot(d, d);
+        for (std::size_t i = 0; i < 3; ++i)
+            sum[i] +=
+                std::pow(std::max(0.0, t), power) * Lane::dot(g[i], d) * Simplex::kScale<power>;
+        sum[3] = std::min(sum[3], std::abs(t));
+    };
+    atPlace(p, seed, [&](auto const& d, auto const& hash) {
+        Simplex::forEachVertex<Lane>(d, hash, add);
+        return 0;
+    });
     return sum;
 }
 /// Jacobian by central differences of fourth order.
@@ -211,10 +229,14 @@ TEST(Noise, NotFiniteAndHugeCoordinates) {
             float4 e;
             float3 const u = curl_noise(xyz, f.w, 1), v = smooth_curl_noise(xyz, f.w, 1);
             float3 const w = smooth_curl_noise(xyz, table.data(), 1);
+            float3x3 m, n;
+            float3 const q = curl_noise_derivative(xyz, f.w, 1, m);
+            smooth_curl_noise_derivative(xyz, f.w, 1, n);
             for (double r :
                  {noise(p, 1), double{simplex_noise(f, 1)},
                   simplex_noise({p[0], p[1], p[2], p[3]}, 1, d), double{simplex_noise(f, 1, e)},
-                  d.x, d.w, double{e.y}, double{e.z}, double{u.x}, double{v.y}, double{w.z}})
+                  d.x, d.w, double{e.y}, double{e.z}, double{u.x}, double{v.y}, double{w.z},
+                  double{q.x}, double{m[0][0]}, double{n[2][1]}})
                 EXPECT_TRUE(std::abs(bad) < kInf ? r == 0 : std::isnan(r)) << bad << ' ' << r;
         }
     EXPECT_EQ(noise({kMax, kMax, kMax, -kMax}, 1), 0);
@@ -225,7 +247,8 @@ TEST(Noise, NotFiniteAndHugeCoordinates) {
 
 TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
     Random random;
-    auto const check = [&](auto const& field, auto const& psi, auto const& publicField) {
+    auto const check = [&](auto const& field, auto const& psi, auto const& slope,
+                           auto const& publicField, auto const& publicSlope) {
         int checked = 0;
         std::array<Point, 3> covariance{};
         for (int i = 0; i < 5'000; ++i) {
@@ -244,6 +267,17 @@ TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
             if (psi(p)[3] < 0.002) continue;
             ++checked;
             ASSERT_LT(std::abs(j[0][0] + j[1][1] + j[2][2]) / size, 1e-9);
+            auto const exact = slope(p);
+            float3x3 m;
+            ASSERT_EQ(publicSlope({f.x, f.y, f.z}, f.w, 77, m), w);
+            for (std::size_t r = 0; r < 3; ++r)
+                for (std::size_t c = 0; c < 3; ++c) {
+                    ASSERT_LT(std::abs(exact[c][r] - j[c][r]) / size, 1e-8);
+                    ASSERT_LT(std::abs(exact[c][r] - m[static_cast<int>(r)][static_cast<int>(c)]) /
+                                  size,
+                              1e-4);
+                }
+            ASSERT_LT(std::abs(exact[0][0] + exact[1][1] + exact[2][2]) / size, 1e-12);
         }
         EXPECT_GT(checked, 4'500);
         double const mean = (covariance[0][0] + covariance[1][1] + covariance[2][2]) / 3;
@@ -252,10 +286,14 @@ TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
     };
     check([](Point const& p) { return curl<3>(p, 77); },
           [](Point const& p) { return potential<3>(p, 77); },
-          [](float3 const& p, float t, std::uint32_t s) { return curl_noise(p, t, s); });
+          [](Point const& p) { return curlJacobian<3>(p, 77); },
+          [](float3 const& p, float t, std::uint32_t s) { return curl_noise(p, t, s); },
+          curl_noise_derivative);
     check([](Point const& p) { return curl<4>(p, 77); },
           [](Point const& p) { return potential<4>(p, 77); },
-          [](float3 const& p, float t, std::uint32_t s) { return smooth_curl_noise(p, t, s); });
+          [](Point const& p) { return curlJacobian<4>(p, 77); },
+          [](float3 const& p, float t, std::uint32_t s) { return smooth_curl_noise(p, t, s); },
+          smooth_curl_noise_derivative);
 }
 
 // Along the normal of the sphere on which a vertex's support ends; the plain noise jumps there by

@@ -1,0 +1,324 @@
+// Types and operations of the simplex kernel for a register of points, for the instruction set that
+// Highway asks for. The four coordinates are four registers.
+
+#if defined(ZEL_BLOCK_LANE) == defined(HWY_TARGET_TOGGLE)
+#ifdef HWY_TARGET_TOGGLE
+#undef ZEL_BLOCK_LANE
+#else
+#define ZEL_BLOCK_LANE
+#endif
+
+#include <hwy/highway.h>
+
+#include "orvane_math_support/simplex_kernel.h"
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+HWY_BEFORE_NAMESPACE();
+namespace Orvane::Math::Simplex {
+namespace HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+using FloatTag = hn::ScalableTag<float>;
+using WordTag = hn::ScalableTag<std::uint32_t>;
+using DoubleTag = hn::ScalableTag<double>;
+using HalfFloatTag = hn::Half<FloatTag>;
+
+/// Points in a register: as many as there are floats in it. Doubles take two registers.
+inline constexpr int kLanes = HWY_LANES(float);
+
+/// One group of four things. Operators work on each of the four; an operand that is no group goes
+/// to all of them.
+template <class T> struct Four {
+    T x, y, z, w;
+
+    ZEL_INLINE T const& operator[](int i) const { return i == 0 ? x : i == 1 ? y : i == 2 ? z : w; }
+    template <int bits> ZEL_INLINE Four shiftRight() const {
+        return {x.template shiftRight<bits>(), y.template shiftRight<bits>(),
+                z.template shiftRight<bits>(), w.template shiftRight<bits>()};
+    }
+};
+template <class T> ZEL_INLINE Four<T> makeFour(T const& x, T const& y, T const& z, T const& w) {
+    return {x, y, z, w};
+}
+#define ZEL_FOUR_OPERATOR(op)                                                                      \
+    template <class A, class B> ZEL_INLINE auto operator op(Four<A> const& a, Four<B> const& b) {  \
+        return makeFour(a.x op b.x, a.y op b.y, a.z op b.z, a.w op b.w);                           \
+    }                                                                                              \
+    template <class A, class B> ZEL_INLINE auto operator op(Four<A> const& a, B const& b) {        \
+        return makeFour(a.x op b, a.y op b, a.z op b, a.w op b);                                   \
+    }
+ZEL_FOUR_OPERATOR(+)
+ZEL_FOUR_OPERATOR(-)
+ZEL_FOUR_OPERATOR(*)
+ZEL_FOUR_OPERATOR(^)
+ZEL_FOUR_OPERATOR(&)
+ZEL_FOUR_OPERATOR(|)
+#undef ZEL_FOUR_OPERATOR
+
+/// All ones or zeros in each lane of a register of words.
+struct Mask {
+    hn::Mask<WordTag> v;
+    ZEL_INLINE Mask operator&(Mask const& b) const { return {hn::And(v, b.v)}; }
+    ZEL_INLINE Mask operator|(Mask const& b) const { return {hn::Or(v, b.v)}; }
+    ZEL_INLINE Mask operator!() const { return {hn::Not(v)}; }
+};
+
+/// 32-bit words.
+struct Word {
+    hn::Vec<WordTag> v;
+    ZEL_INLINE static Word all(std::uint32_t a) { return {hn::Set(WordTag(), a)}; }
+    ZEL_INLINE Word operator+(Word const& b) const { return {hn::Add(v, b.v)}; }
+    ZEL_INLINE Word operator*(Word const& b) const { return {hn::Mul(v, b.v)}; }
+    ZEL_INLINE Word operator^(Word const& b) const { return {hn::Xor(v, b.v)}; }
+    ZEL_INLINE Word operator&(Word const& b) const { return {hn::And(v, b.v)}; }
+    ZEL_INLINE Word operator+(std::uint32_t b) const { return *this + all(b); }
+    ZEL_INLINE Word operator*(std::uint32_t b) const { return *this * all(b); }
+    ZEL_INLINE Word operator&(std::uint32_t b) const { return *this & all(b); }
+    ZEL_INLINE Word operator^(std::uint32_t b) const { return *this ^ all(b); }
+    ZEL_INLINE Word operator&(Mask const& b) const { return {hn::IfThenElseZero(b.v, v)}; }
+    template <int bits> ZEL_INLINE Word shiftRight() const { return {hn::ShiftRight<bits>(v)}; }
+};
+
+struct FloatReal {
+    hn::Vec<FloatTag> v;
+    ZEL_INLINE static FloatReal all(float a) { return {hn::Set(FloatTag(), a)}; }
+    ZEL_INLINE FloatReal operator+(FloatReal const& b) const { return {hn::Add(v, b.v)}; }
+    ZEL_INLINE FloatReal operator-(FloatReal const& b) const { return {hn::Sub(v, b.v)}; }
+    ZEL_INLINE FloatReal operator*(FloatReal const& b) const { return {hn::Mul(v, b.v)}; }
+    ZEL_INLINE FloatReal operator+(float b) const { return *this + all(b); }
+    ZEL_INLINE FloatReal operator*(float b) const { return *this * all(b); }
+    ZEL_INLINE friend FloatReal operator-(float a, FloatReal const& b) { return all(a) - b; }
+    ZEL_INLINE bool operator<(float b) const {  // all of them
+        return hn::AllTrue(FloatTag(), hn::Lt(v, all(b).v));
+    }
+    ZEL_INLINE FloatReal magnitude() const { return {hn::Abs(v)}; }
+};
+
+/// Doubles: `a` has the first half of the points, `b` the second.
+struct Wide {
+    using V = hn::Vec<DoubleTag>;
+    V a, b;
+
+    ZEL_INLINE static Wide all(double v) {
+        return {hn::Set(DoubleTag(), v), hn::Set(DoubleTag(), v)};
+    }
+    ZEL_INLINE Wide operator+(Wide const& o) const { return {hn::Add(a, o.a), hn::Add(b, o.b)}; }
+    ZEL_INLINE Wide operator-(Wide const& o) const { return {hn::Sub(a, o.a), hn::Sub(b, o.b)}; }
+    ZEL_INLINE Wide operator*(Wide const& o) const { return {hn::Mul(a, o.a), hn::Mul(b, o.b)}; }
+    ZEL_INLINE Wide operator+(double o) const { return *this + all(o); }
+    ZEL_INLINE Wide operator-(double o) const { return *this - all(o); }
+    ZEL_INLINE Wide operator*(double o) const { return *this * all(o); }
+    ZEL_INLINE friend Wide operator-(double v, Wide const& o) { return all(v) - o; }
+    ZEL_INLINE bool operator<(double o) const {  // all of them
+        auto const v = hn::Set(DoubleTag(), o);
+        return hn::AllTrue(DoubleTag(), hn::And(hn::Lt(a, v), hn::Lt(b, v)));
+    }
+    ZEL_INLINE Wide magnitude() const { return {hn::Abs(a), hn::Abs(b)}; }
+
+    /// The low and the high words of the representations.
+    ZEL_INLINE Word low() const {
+        return {hn::ConcatEven(WordTag(), hn::BitCast(WordTag(), b), hn::BitCast(WordTag(), a))};
+    }
+    ZEL_INLINE Word high() const {
+        return {hn::ConcatOdd(WordTag(), hn::BitCast(WordTag(), b), hn::BitCast(WordTag(), a))};
+    }
+};
+
+/// 64-bit integers, two's complement.
+struct Cell {
+    Word low, high;
+    ZEL_INLINE static Cell all(std::uint64_t a) {
+        return {Word::all(static_cast<std::uint32_t>(a)),
+                Word::all(static_cast<std::uint32_t>(a >> 32))};
+    }
+    ZEL_INLINE Cell operator+(Cell const& b) const {
+        Word const sum = low + b.low;
+        auto const carry = hn::VecFromMask(WordTag(), hn::Lt(sum.v, low.v));
+        return {sum, {hn::Sub((high + b.high).v, carry)}};
+    }
+};
+
+/// What both precisions share: cells are found in double precision.
+struct BlockCells {
+    using Word = HWY_NAMESPACE::Word;
+    using Word4 = Four<Word>;
+    using Wide = HWY_NAMESPACE::Wide;
+    using Wide4 = Four<Wide>;
+    using Cell = HWY_NAMESPACE::Cell;
+    using Cell4 = Four<Cell>;
+
+    ZEL_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
+        return {Word::all(a[0]), Word::all(a[1]), Word::all(a[2]), Word::all(a[3])};
+    }
+    ZEL_INLINE static Wide load(float const* p) {
+        HalfFloatTag const half;
+        return {hn::PromoteTo(DoubleTag(), hn::LoadU(half, p)),
+                hn::PromoteTo(DoubleTag(), hn::LoadU(half, p + kLanes / 2))};
+    }
+    ZEL_INLINE static Wide load(double const* p) {
+        return {hn::LoadU(DoubleTag(), p), hn::LoadU(DoubleTag(), p + kLanes / 2)};
+    }
+    ZEL_INLINE static Word loadOne(std::uint32_t const* p) { return {hn::LoadU(WordTag(), p)}; }
+    ZEL_INLINE static FloatReal loadOne(float const* p) { return {hn::LoadU(FloatTag(), p)}; }
+    ZEL_INLINE static Wide loadOne(double const* p) { return load(p); }
+    ZEL_INLINE static void store(Word const& a, std::uint32_t* p) { hn::StoreU(a.v, WordTag(), p); }
+    ZEL_INLINE static void store(FloatReal const& a, float* p) { hn::StoreU(a.v, FloatTag(), p); }
+    ZEL_INLINE static void store(Wide const& a, double* p) {
+        hn::StoreU(a.a, DoubleTag(), p);
+        hn::StoreU(a.b, DoubleTag(), p + kLanes / 2);
+    }
+    /// At place `i` of four arrays.
+    template <class Number, std::size_t size>
+    ZEL_INLINE static auto load(Number const (&p)[4][size], int i) {
+        return makeFour(loadOne(p[0] + i), loadOne(p[1] + i), loadOne(p[2] + i), loadOne(p[3] + i));
+    }
+    template <class T, class Number, std::size_t size>
+    ZEL_INLINE static void store(Four<T> const& a, Number (&p)[4][size], int i) {
+        store(a.x, p[0] + i);
+        store(a.y, p[1] + i);
+        store(a.z, p[2] + i);
+        store(a.w, p[3] + i);
+    }
+    template <class T> ZEL_INLINE static Four<T> spread(T const& a, T const& b) {
+        return {a, a, a, b};
+    }
+    ZEL_INLINE static Wide cutToFloat(Wide const& a) {
+        hn::RebindToUnsigned<DoubleTag> const bits;
+        auto const mask = hn::Set(bits, ~std::uint64_t{0x1fffffff});
+        auto const cut = [&](Wide::V const& v) ZEL_KERNEL_LAMBDA {
+            return hn::BitCast(DoubleTag(), hn::And(hn::BitCast(bits, v), mask));
+        };
+        return {cut(a.a), cut(a.b)};
+    }
+    template <class T> ZEL_INLINE static T sum(Four<T> const& a) {
+        return (a.x + a.y) + (a.z + a.w);
+    }
+    template <class T> ZEL_INLINE static T size(Four<T> const& a) {
+        return sum(makeFour(a.x.magnitude(), a.y.magnitude(), a.z.magnitude(), a.w.magnitude()));
+    }
+    ZEL_INLINE static Cell4 bits(Wide4 const& a) {
+        return {{a.x.low(), a.x.high()},
+                {a.y.low(), a.y.high()},
+                {a.z.low(), a.z.high()},
+                {a.w.low(), a.w.high()}};
+    }
+    ZEL_INLINE static Cell4 unbiased(Cell4 const& a) { return a + Cell::all(0 - kCellBias); }
+    ZEL_INLINE static Cell4 makeCell(Word4 const& low, Word4 const& high) {
+        return {{low.x, high.x}, {low.y, high.y}, {low.z, high.z}, {low.w, high.w}};
+    }
+    ZEL_INLINE static Word4 low(Cell4 const& a) { return {a.x.low, a.y.low, a.z.low, a.w.low}; }
+    ZEL_INLINE static Word4 high(Cell4 const& a) {
+        return {a.x.high, a.y.high, a.z.high, a.w.high};
+    }
+    ZEL_INLINE static Word4 highOfNext(Cell4 const& a) {
+        // Minus an all-ones mask is plus 1.
+        auto const next = [](Cell const& c) ZEL_KERNEL_LAMBDA {
+            auto const carry = hn::Eq((c.low + 1u).v, hn::Zero(WordTag()));
+            return Word{hn::Sub(c.high.v, hn::VecFromMask(WordTag(), carry))};
+        };
+        return {next(a.x), next(a.y), next(a.z), next(a.w)};
+    }
+    ZEL_INLINE static Word fold(Word4 const& a) { return (a.x ^ a.z) ^ (a.y ^ a.w); }
+    template <class T> ZEL_INLINE static T dot(Four<T> const& a, Four<T> const& b) {
+        return sum(a * b);
+    }
+    template <class T> ZEL_INLINE static T twicePositive(T const& a) { return a + a.magnitude(); }
+    /// As in ScalarLane. Each pair is compared once: of two numbers one is larger.
+    ZEL_INLINE static auto largest(Four<FloatReal> const& d) {
+        auto const above = [](FloatReal const& p, FloatReal const& q) ZEL_KERNEL_LAMBDA {
+            return Mask{hn::RebindMask(WordTag(), hn::Gt(p.v, q.v))};
+        };
+        auto const xy = above(d.x, d.y), xz = above(d.x, d.z), xw = above(d.x, d.w),
+                   yz = above(d.y, d.z), yw = above(d.y, d.w), zw = above(d.z, d.w);
+        auto const a = makeFour(xy, yz, zw, !xw), b = makeFour(xz, yw, !xz, !yw),
+                   c = makeFour(xw, !xy, !yz, !zw);
+        return std::array{a & b & c, (a & b) | (c & (a | b)), a | b | c};
+    }
+    ZEL_INLINE static auto largest(Wide4 const& d) { return largest(round(d)); }
+    ZEL_INLINE static FloatReal round(Wide const& a) {
+        HalfFloatTag const half;
+        return {hn::Combine(FloatTag(), hn::DemoteTo(half, a.b), hn::DemoteTo(half, a.a))};
+    }
+    ZEL_INLINE static Four<FloatReal> round(Wide4 const& a) {
+        return {round(a.x), round(a.y), round(a.z), round(a.w)};
+    }
+    /// Packed directions.
+    ZEL_INLINE static auto look(Word const& row) {
+        hn::RebindToSigned<WordTag> const integers;
+        return hn::GatherIndex(integers,
+                               reinterpret_cast<std::int32_t const*>(kPackedDirections.data()),
+                               hn::BitCast(integers, row.v));
+    }
+};
+
+template <class RealType> struct BlockLane;
+
+template <> struct BlockLane<float> : BlockCells {
+    using Number = float;
+    using Real = FloatReal;
+    using Real4 = Four<Real>;
+
+    ZEL_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
+    ZEL_INLINE static Real ones(Mask const& m) {
+        return {hn::IfThenElseZero(hn::RebindMask(FloatTag(), m.v), hn::Set(FloatTag(), 1.0f))};
+    }
+    ZEL_INLINE static Real4 ones(Four<Mask> const& m) {
+        return {ones(m.x), ones(m.y), ones(m.z), ones(m.w)};
+    }
+    ZEL_INLINE static Real4 direction(Word const& row) {
+        auto const d = look(row);
+        FloatTag const f;
+        return {Real{hn::ConvertTo(f, hn::ShiftLeft<24>(d))},
+                Real{hn::ConvertTo(f, hn::ShiftLeft<16>(d))},
+                Real{hn::ConvertTo(f, hn::ShiftLeft<8>(d))}, Real{hn::ConvertTo(f, d)}};
+    }
+};
+
+template <> struct BlockLane<double> : BlockCells {
+    using Number = double;
+    using Real = Wide;
+    using Real4 = Wide4;
+
+    ZEL_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
+    ZEL_INLINE static Real ones(Mask const& m) {
+        auto const one = hn::Set(DoubleTag(), 1.0);
+#if HWY_TARGET <= HWY_AVX3
+        // A mask is a number of bits.
+        using Half = hn::Mask<DoubleTag>;
+        return {hn::IfThenElseZero(Half{static_cast<__mmask8>(m.v.raw)}, one),
+                hn::IfThenElseZero(Half{static_cast<__mmask8>(m.v.raw >> 8)}, one)};
+#else
+        hn::RebindToSigned<DoubleTag> const wide;
+        hn::RebindToSigned<WordTag> const narrow;
+        hn::Half<decltype(narrow)> const half;
+        auto const words = hn::BitCast(narrow, hn::VecFromMask(WordTag(), m.v));
+        auto const keep = [&](auto const& part) ZEL_KERNEL_LAMBDA {
+            return hn::And(hn::BitCast(DoubleTag(), hn::PromoteTo(wide, part)), one);
+        };
+        return {keep(hn::LowerHalf(half, words)), keep(hn::UpperHalf(half, words))};
+#endif
+    }
+    ZEL_INLINE static Real4 ones(Four<Mask> const& m) {
+        return {ones(m.x), ones(m.y), ones(m.z), ones(m.w)};
+    }
+    ZEL_INLINE static Real4 direction(Word const& row) {
+        auto const d = look(row);
+        auto const widen = [](auto const& words) ZEL_KERNEL_LAMBDA {
+            hn::Half<hn::RebindToSigned<WordTag>> const half;
+            return Real{hn::PromoteTo(DoubleTag(), hn::LowerHalf(half, words)),
+                        hn::PromoteTo(DoubleTag(), hn::UpperHalf(half, words))};
+        };
+        return {widen(hn::ShiftLeft<24>(d)), widen(hn::ShiftLeft<16>(d)),
+                widen(hn::ShiftLeft<8>(d)), widen(d)};
+    }
+};
+
+}  // namespace HWY_NAMESPACE
+}  // namespace Orvane::Math::Simplex
+HWY_AFTER_NAMESPACE();
+#endif

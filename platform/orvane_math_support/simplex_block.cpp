@@ -1,0 +1,123 @@
+#include "orvane_math_support/noise.h"
+#include "orvane_math_support/noise_block.h"
+#include "quern_core/simd_target.h"
+
+#include <type_traits>
+
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "orvane_math_support/simplex_block.cpp"
+#include <hwy/foreach_target.h>
+
+#include <hwy/highway.h>
+
+#include "orvane_math_support/block_loop.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace Orvane::Math {
+namespace HWY_NAMESPACE {
+
+/// x, y, z, w to the value, and with five outputs to the four derivatives too.
+template <class Arrays> struct SimplexBody {
+    using Real = typename Arrays::Number;
+    static constexpr bool kDerives = Arrays::kOutputs == 5;
+    std::int64_t seed;
+
+    void point(Arrays const& a) const {
+        using Point = std::conditional_t<std::is_same_v<Real, float>, float4, double4>;
+        Point const p = {*a.in[0], *a.in[1], *a.in[2], *a.in[3]};
+        if constexpr (kDerives) {
+            Point d;
+            *a.out[0] = simplex_noise(p, seed, d);
+            *a.out[1] = d.x, *a.out[2] = d.y, *a.out[3] = d.z, *a.out[4] = d.w;
+        } else {
+            *a.out[0] = simplex_noise(p, seed);
+        }
+    }
+
+#if ZEL_HAS_BLOCK_LANE
+
+    using L = Simplex::HWY_NAMESPACE::BlockLane<Real>;
+    using Hash = Simplex::HWY_NAMESPACE::CellHash<L>;
+
+    template <class Use> HWY_INLINE bool find(Arrays const& a, Use&& use) const {
+        using namespace Simplex::HWY_NAMESPACE;
+        typename L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]),
+                                     L::load(a.in[3])};
+        atPlace<L>(p, skew<L>(p), Simplex::NoOrigin{}, use);
+        return inLattice<L>(
+            {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), L::loadOne(a.in[3])});
+    }
+
+    HWY_INLINE void evaluate(typename L::Real4 const& place, Hash const& hash,
+                             Arrays const& a) const {
+        using namespace Simplex::HWY_NAMESPACE;
+        if constexpr (kDerives) {
+            typename L::Real4 d;
+            L::store(simplexDerivative<L>(place, hash, d), a.out[0]);
+            L::store(d.x, a.out[1]);
+            L::store(d.y, a.out[2]);
+            L::store(d.z, a.out[3]);
+            L::store(d.w, a.out[4]);
+        } else {
+            L::store(simplexValue<L>(place, hash), a.out[0]);
+        }
+    }
+#endif
+};
+
+template <class Arrays>
+HWY_INLINE void simplexBlock(Arrays const& arrays, int count, std::int64_t seed) {
+    forEachInBlock(arrays, count, SimplexBody<Arrays>{seed});
+}
+
+void simplexFloat(BlockArrays<float, 4, 1> const& a, int count, std::int64_t seed) {
+    simplexBlock(a, count, seed);
+}
+void simplexDouble(BlockArrays<double, 4, 1> const& a, int count, std::int64_t seed) {
+    simplexBlock(a, count, seed);
+}
+void simplexFloatDerivative(BlockArrays<float, 4, 5> const& a, int count, std::int64_t seed) {
+    simplexBlock(a, count, seed);
+}
+void simplexDoubleDerivative(BlockArrays<double, 4, 5> const& a, int count, std::int64_t seed) {
+    simplexBlock(a, count, seed);
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace Orvane::Math
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace Orvane::Math {
+
+HWY_EXPORT(simplexFloat);
+HWY_EXPORT(simplexDouble);
+HWY_EXPORT(simplexFloatDerivative);
+HWY_EXPORT(simplexDoubleDerivative);
+
+void simplex_noise_block(float const* x, float const* y, float const* z, float const* w, int count,
+                         std::int64_t seed, float* out) {
+    HWY_DYNAMIC_DISPATCH(simplexFloat)({{x, y, z, w}, {out}}, count, seed);
+}
+
+void simplex_noise_block(double const* x, double const* y, double const* z, double const* w,
+                         int count, std::int64_t seed, double* out) {
+    HWY_DYNAMIC_DISPATCH(simplexDouble)({{x, y, z, w}, {out}}, count, seed);
+}
+
+void simplex_noise_block(float const* x, float const* y, float const* z, float const* w, int count,
+                         std::int64_t seed, float* out, float* alongX, float* alongY, float* alongZ,
+                         float* alongW) {
+    HWY_DYNAMIC_DISPATCH(simplexFloatDerivative)
+    ({{x, y, z, w}, {out, alongX, alongY, alongZ, alongW}}, count, seed);
+}
+
+void simplex_noise_block(double const* x, double const* y, double const* z, double const* w,
+                         int count, std::int64_t seed, double* out, double* alongX, double* alongY,
+                         double* alongZ, double* alongW) {
+    HWY_DYNAMIC_DISPATCH(simplexDoubleDerivative)
+    ({{x, y, z, w}, {out, alongX, alongY, alongZ, alongW}}, count, seed);
+}
+
+}  // namespace Orvane::Math
+#endif

@@ -1,0 +1,36 @@
+#include "quern_core/simd_target.h"
+
+#include <hwy/highway.h>
+
+namespace Quern {
+
+std::vector<SimdTarget> simdTargets() {
+    static std::vector<SimdTarget> const targets = [] {
+        std::vector<SimdTarget> found;
+        for (std::int64_t const bit : {HWY_AVX3, HWY_AVX2, HWY_SSE4})
+            if ((HWY_TARGETS & ~HWY_STATIC_TARGET & hwy::SupportedTargets() & bit) != 0)
+                found.push_back({bit, hwy::TargetName(bit)});
+        found.push_back({HWY_STATIC_TARGET, "baseline"});
+        return found;
+    }();
+    return targets;
+}
+
+namespace {
+
+bool isWide(SimdTarget const& target) {
+    return target.bit == HWY_AVX3 || target.bit == HWY_AVX2;
+}
+
+}  // namespace
+
+bool wideVectors = isWide(simdTargets().front());
+
+void useSimdTarget(SimdTarget const& target) {
+    simdTargets();  // asks the machine before the first restriction
+    hwy::SetSupportedTargetsForTest(target.bit);
+    hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    wideVectors = isWide(target);
+}
+
+}  // namespace Quern
