@@ -8,8 +8,11 @@
 //   naive  a tree of std::shared_ptr and one virtual function
 //   point  the tree of ZEL, its point eval in a loop
 //   batch  the tree of ZEL, its batch eval, the allocation of the result included
+//   narrow the same without the wide vectors that the processor may have
+//   both   its values and gradients in one go
 //
-// All but the batch write to one array that exists already. On several threads they run in a
+// The loops by hand use the widest vectors that the batch does. All but the batches write to one
+// array that exists already. On several threads they run in a
 // tbb::parallel_for of their own.
 
 #include <benchmark/benchmark.h>
@@ -28,8 +31,10 @@
 
 #include "allocation_count.h"
 #include "positions.h"
+#include "quern_core/simd_target.h"
 #include "ratio_table.h"
 #include "trees.h"
+#include "zel/field/lane_loop.h"
 
 namespace {
 
@@ -62,6 +67,17 @@ void reportItems(benchmark::State& state, std::size_t itemsAnIteration) {
         Counter(items, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
+template <class F>
+void narrowLoop(F f, float3 const* in, float* out, std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
+}
+
+template <class F>
+ZEL_WIDE_TARGET __attribute__((flatten)) void wideLoop(F f, float3 const* in, float* out,
+                                                       std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
+}
+
 /// out[i] = f(positions[i], i), inlined into the loop.
 template <class F>
 Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const& f) {
@@ -69,8 +85,9 @@ Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const
         float3 const* const in = positions.data();
         float* const out = values.data();
         auto const loop = [=](std::size_t begin, std::size_t end) {
-            F const local = f;  // seen by nobody else, so it may stay in registers
-            for (std::size_t i = begin; i != end; ++i) out[i] = local(in[i], i);
+            // By value: seen by nobody else, it may stay in registers.
+            Quern::wideVectors ? wideLoop(f, in, out, begin, end)
+                               : narrowLoop(f, in, out, begin, end);
         };
         auto const count = static_cast<std::size_t>(positions.size());
         if (threads == 1) {
@@ -118,6 +135,20 @@ Subject makeSubject(Parameters const& parameters, Positions const& positions,
              result = field->eval(positions);
              return static_cast<float const*>(result->data());
          }});
+    subject.forms.push_back(
+        {"narrow", [&positions, field, result = Quern::Ptr<Quern::Array<float>>()](int) mutable {
+             result.reset();
+             Quern::useSimdTarget(Quern::simdTargets().back());
+             result = field->eval(positions);
+             Quern::useSimdTarget(Quern::simdTargets().front());
+             return static_cast<float const*>(result->data());
+         }});
+    using Both = Core::Fields::ValuesAndGradients<zel::ScalarField>;
+    subject.forms.push_back({"both", [&positions, field, result = Both()](int) mutable {
+                                 result = {};
+                                 result = Core::Fields::evalAndGrad(*field, positions);
+                                 return static_cast<float const*>(result.values->data());
+                             }});
     return subject;
 }
 
@@ -216,7 +247,7 @@ template <class Nodes, class Tree> void registerBuilding(Parameters const& param
 void printTable(RatioReporter const& report, std::vector<Subject> const& subjects, int allThreads) {
     for (Subject const& subject : subjects) {
         std::printf("\n%s, %d nodes; ns a point\n"
-                    "threads  form     median     least  of fused  of naive  busy  of 1 thread\n",
+                    "threads  form      median     least  of fused  of naive  busy  of 1 thread\n",
                     subject.name.c_str(), subject.nodes);
         for (int threads = 1;; threads = allThreads) {
             double const fused = report[nameOf(subject, threads, "fused")].median;
@@ -224,7 +255,7 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
             for (Form const& form : subject.forms) {
                 auto const [median, least, busy] = report[nameOf(subject, threads, form.name)];
                 if (median == 0) continue;
-                std::printf("%7d  %-5s", threads, form.name.c_str());
+                std::printf("%7d  %-6s", threads, form.name.c_str());
                 printCell(median, 10, 2);
                 printCell(least, 10, 2);
                 printCell(ratio(median, fused), 10, 2);

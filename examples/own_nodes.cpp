@@ -70,6 +70,20 @@ private:
     friend zel::NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
 
+    void blockValues(zel::Block& block, zel::BlockResult<float>& out) const {
+        zel::Block::Frame const frame(block);  // gives back what is taken below
+        auto mirrored = block.result<float3>();
+        zel::mapLanes(
+            block, mirrored,
+            [](float3 const& p) {
+                return float3{std::fabs(p.x), p.y, p.z};
+            },
+            block.positions());
+        block.withPositions(mirrored.lanes, [&](zel::Block& there) {
+            there.writeValues(*field, field.useCount() > 1, out);
+        });
+    }
+
     ScalarPtr field;
 };
 

@@ -4,6 +4,7 @@
 
 #include "quern_core/any.h"
 #include "zel/curve/fcurve.h"
+#include "zel/field/batch.h"
 #include "zel/field/field.h"
 #include "zel/field/math.h"
 #include "zel/field/node.h"

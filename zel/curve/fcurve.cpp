@@ -10,15 +10,36 @@ float remap(Orvane::Math::FCurve const& curve, float v) {
     return static_cast<float>(curve.evalFCurve(v));
 }
 
+float3 remap(Orvane::Math::FCurve const& curve, float3 const& v) {
+    return {remap(curve, v.x), remap(curve, v.y), remap(curve, v.z)};
+}
+
+/// By points: the curve is double precision and a call, which no vector code gains from.
+template <class T>
+void remap(Orvane::Math::FCurve const& curve, Block& block, Lanes<T> const& v,
+           BlockResult<T>& out) {
+    auto const write = out.writer();
+    for (int i = 0; i < block.count(); ++i) write.set(i, remap(curve, v[i]));
+}
+
 }  // namespace
 
 float ScalarFieldFCurve::eval(float3 const& position, long long index) const {
     return remap(*curve, field->eval(position, index));
 }
 
+void ScalarFieldFCurve::blockValues(Block& block, BlockResult<float>& out) const {
+    Block::Frame const frame(block);
+    remap(*curve, block, block.values(field), out);
+}
+
 float3 VectorFieldFCurve::eval(float3 const& position, long long index) const {
-    float3 const v = field->eval(position, index);
-    return {remap(*curve, v.x), remap(*curve, v.y), remap(*curve, v.z)};
+    return remap(*curve, field->eval(position, index));
+}
+
+void VectorFieldFCurve::blockValues(Block& block, BlockResult<float3>& out) const {
+    Block::Frame const frame(block);
+    remap(*curve, block, block.values(field), out);
 }
 
 }  // namespace zel

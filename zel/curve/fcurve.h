@@ -19,6 +19,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    void blockValues(Block& block, BlockResult<float>& out) const;
 
     ScalarPtr field;
     Quern::Ptr<Orvane::Math::FCurve> curve;
@@ -36,6 +37,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    void blockValues(Block& block, BlockResult<float3>& out) const;
 
     VectorPtr field;
     Quern::Ptr<Orvane::Math::FCurve> curve;

@@ -5,6 +5,7 @@
 
 #include "orvane_math/float3x3.h"
 #include "orvane_math/vectors.h"
+#include "zel/field/lanes.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
 
@@ -37,13 +38,22 @@ using Orvane::Math::float4;
 /// Reaches what a node keeps private. A node makes it a friend.
 struct NodeAccess;
 
-/// Gives a node its type name.
+/// Gives a node its type name, and what it has in blocks. A node that writes `eval` itself may have
+///
+///     void blockValues(Block& block, BlockResult<Value>& out) const;
+///     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
+///
+/// with the bits of its point operations. Without the first, both are done by points. With the
+/// first alone, the gradients are differences if the node has inherited the default `grad`.
 template <class Self, class Interface> class ZEL_API NamedNode : public Interface {
 public:
     using Value = typename Interface::Value;
     using Gradient = typename Interface::Gradient;
 
     using Interface::eval;
+
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
 
 protected:
     NamedNode();
@@ -56,6 +66,10 @@ protected:
 ///
 ///     Value valueOf(float3 const& p, long long i) const;
 ///     Gradient gradientOf(float3 const& p, long long i) const;
+///
+/// and, if there are arrays already that hold the values of a block,
+///
+///     Lanes<Value> viewOf(Block& block) const;
 template <class Self, class Interface> class ZEL_API LeafNode : public NamedNode<Self, Interface> {
 public:
     using typename NamedNode<Self, Interface>::Value;
@@ -64,6 +78,8 @@ public:
 
     Value eval(float3 const& position, long long index) const override;
     Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
 };
 
 /// A node that passes the sampling hooks on to its children, in their order, and does not show them
@@ -100,6 +116,13 @@ public:
 ///     int gradientChoice(av, bv, ...) const;          the gradient of the child of that number,
 ///                                                     the only one asked; zero if negative
 ///     Gradient gradientOf() const;                      from nothing, no child is asked
+///
+/// and, if its values are among those of its children,
+///
+///     Lanes<Value> viewOf(al, bl, ...) const;           from the children's lanes
+///
+/// A `static constexpr bool kHeavy = true` says that a formula takes as long as dozens of others; a
+/// node like Min then asks for it only where it must, and not wherever that is simpler.
 template <class Self, class Interface>
 class ZEL_API PointwiseNode : public FieldNode<Self, Interface> {
 public:
@@ -109,6 +132,8 @@ public:
 
     Value eval(float3 const& position, long long index) const override;
     Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
 };
 
 /// An operator that asks its one child, `field`, at another position and with the same index:
@@ -116,6 +141,8 @@ public:
 ///     float3 childPosition(float3 const& p) const;
 ///     Value valueOf(v) const;           from the child's value there
 ///     Gradient gradientOf(g) const;     from the child's gradient there
+///
+/// A `static constexpr bool kMovesOnly = true` says that both give back what they get.
 template <class Self, class Interface>
 class ZEL_API TransformNode : public FieldNode<Self, Interface> {
 public:
@@ -125,6 +152,8 @@ public:
 
     Value eval(float3 const& position, long long index) const override;
     Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
 };
 
 /// An operator with three children, `condition`, `a` and `b`: it is `a` where the condition is
@@ -138,6 +167,8 @@ public:
 
     Value eval(float3 const& position, long long index) const override;
     Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
 };
 
 }  // namespace zel

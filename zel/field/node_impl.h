@@ -3,6 +3,8 @@
 #include <cassert>
 #include <utility>
 
+#include "zel/field/block.h"
+#include "zel/field/hook_walk.h"
 #include "zel/field/node.h"
 #include "zel/field/type_name.h"
 
@@ -13,10 +15,12 @@ struct NodeAccess {
     template <class Node> static auto children(Node& node) {
         return std::remove_const_t<Node>::children(node);
     }
-    template <class Node, class... In> static auto valueOf(Node const& node, In const&... in) {
+    template <class Node, class... In>
+    [[gnu::always_inline]] static auto valueOf(Node const& node, In const&... in) {
         return node.valueOf(in...);
     }
-    template <class Node> static float3 childPosition(Node const& node, float3 const& p) {
+    template <class Node>
+    [[gnu::always_inline]] static float3 childPosition(Node const& node, float3 const& p) {
         return node.childPosition(p);
     }
 
@@ -24,7 +28,8 @@ struct NodeAccess {
     static constexpr bool hasGradient = requires(Node const& node, In const&... in) {
         node.gradientOf(in...);
     };
-    template <class Node, class... In> static auto gradientOf(Node const& node, In const&... in) {
+    template <class Node, class... In>
+    [[gnu::always_inline]] static auto gradientOf(Node const& node, In const&... in) {
         return node.gradientOf(in...);
     }
 
@@ -44,6 +49,48 @@ struct NodeAccess {
     template <class Node, class... In>
     static int gradientChoice(Node const& node, In const&... in) {
         return node.gradientChoice(in...);
+    }
+
+    template <class Node, class... In>
+    static constexpr bool hasView = requires(Node const& node, In&... in) {
+        node.viewOf(in...);
+    };
+    template <class Node, class... In> static auto viewOf(Node const& node, In&... in) {
+        return node.viewOf(in...);
+    }
+    template <class Node>
+    static constexpr bool movesOnly = [] {
+        if constexpr (requires { Node::kMovesOnly; })
+            return Node::kMovesOnly;
+        else
+            return false;
+    }();
+
+    template <class Node>
+    static constexpr bool isHeavy = [] {
+        if constexpr (requires { Node::kHeavy; })
+            return Node::kHeavy;
+        else
+            return false;
+    }();
+
+    template <class Node, class Value>
+    static constexpr bool hasBlockValues = requires(Node const& node, Block& block,
+                                                    BlockResult<Value>& out) {
+        node.blockValues(block, out);
+    };
+    template <class Node, class Value>
+    static void blockValues(Node const& node, Block& block, BlockResult<Value>& out) {
+        node.blockValues(block, out);
+    }
+    template <class Node, class Gradient>
+    static constexpr bool hasBlockGradients = requires(Node const& node, Block& block,
+                                                       BlockResult<Gradient>& out) {
+        node.blockGradients(block, out);
+    };
+    template <class Node, class Gradient>
+    static void blockGradients(Node const& node, Block& block, BlockResult<Gradient>& out) {
+        node.blockGradients(block, out);
     }
 };
 
@@ -114,11 +161,15 @@ template <class Self, class Interface> bool FieldNode<Self, Interface>::is_trigg
 }
 
 template <class Self, class Interface> void HookedNode<Self, Interface>::preSampleField() const {
+    detail::HookWalk const walk(this, detail::HookWalk::Hook::kPre);
+    if (!walk.first()) return;
     std::apply([](auto const&... child) { (child->preSampleField(), ...); },
                NodeAccess::children(this->self()));
 }
 
 template <class Self, class Interface> void HookedNode<Self, Interface>::postSampleField() const {
+    detail::HookWalk const walk(this, detail::HookWalk::Hook::kPost);
+    if (!walk.first()) return;
     std::apply([](auto const&... child) { (child->postSampleField(), ...); },
                NodeAccess::children(this->self()));
 }
@@ -221,3 +272,5 @@ auto SwitchNode<Self, Interface>::grad(float3 const& position, long long index) 
 }
 
 }  // namespace zel
+
+#include "zel/field/node_block_impl.h"  // IWYU pragma: export

@@ -1,6 +1,7 @@
 #include "zel/field/scalar_field.h"
 
-#include "zel/field/interface_impl.h"
+#include "zel/field/block.h"
+#include "zel/field/differences.h"
 
 namespace Core::Fields {
 
@@ -14,10 +15,6 @@ ScalarField::ScalarField() = default;
 ScalarField::ScalarField(ScalarField const&) = default;
 ScalarField::~ScalarField() = default;
 ScalarField& ScalarField::operator=(ScalarField const&) = default;
-
-Quern::Ptr<Quern::Array<float>> ScalarField::eval(Quern::Array<float3> const& positions) const {
-    return zel::detail::evalBatch(*this, positions);
-}
 
 float ScalarField::eval(float3 const& /*position*/, long long /*index*/) const {
     return 0.0F;
@@ -37,6 +34,14 @@ Quern::String ScalarField::getType() const {
 
 void ScalarField::preSampleField() const {}
 void ScalarField::postSampleField() const {}
+
+void ScalarField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
+    zel::detail::evalByPoints(*this, block, out);
+}
+
+void ScalarField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
+    zel::detail::gradByPoints(*this, block, out);
+}
 
 }  // namespace Core::Fields
 

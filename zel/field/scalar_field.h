@@ -4,6 +4,11 @@
 #include "quern_core/string.h"
 #include "zel/field/field.h"
 
+namespace zel {
+class Block;
+template <class T> class BlockResult;
+}  // namespace zel
+
 namespace Core::Fields {
 
 /// A function over space that yields a float, and the field that is zero everywhere.
@@ -45,6 +50,13 @@ public:
     /// Nothing here.
     virtual void preSampleField() const;
     virtual void postSampleField() const;
+
+    /// The values and the gradients at all positions of a block, which is what batches ask for: by
+    /// the point `eval` and `grad` here, once a position in rising order. Nodes of the library work
+    /// out the whole block, to the same bits; but a class that is derived from a node is asked
+    /// through its point operations. See zel::Block.
+    virtual void evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const;
+    virtual void gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const;
 
 protected:
     Quern::String typeName;

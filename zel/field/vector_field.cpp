@@ -1,6 +1,7 @@
 #include "zel/field/vector_field.h"
 
-#include "zel/field/interface_impl.h"
+#include "zel/field/block.h"
+#include "zel/field/differences.h"
 
 namespace Core::Fields {
 
@@ -15,10 +16,6 @@ VectorField::VectorField() = default;
 VectorField::VectorField(VectorField const&) = default;
 VectorField::~VectorField() = default;
 VectorField& VectorField::operator=(VectorField const&) = default;
-
-Quern::Ptr<Quern::Array<float3>> VectorField::eval(Quern::Array<float3> const& positions) const {
-    return zel::detail::evalBatch(*this, positions);
-}
 
 float3 VectorField::eval(float3 const& /*position*/, long long /*index*/) const {
     return {};
@@ -40,6 +37,14 @@ Quern::String VectorField::getType() const {
 
 void VectorField::preSampleField() const {}
 void VectorField::postSampleField() const {}
+
+void VectorField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
+    zel::detail::evalByPoints(*this, block, out);
+}
+
+void VectorField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
+    zel::detail::gradByPoints(*this, block, out);
+}
 
 }  // namespace Core::Fields
 

@@ -5,6 +5,11 @@
 #include "quern_core/string.h"
 #include "zel/field/field.h"
 
+namespace zel {
+class Block;
+template <class T> class BlockResult;
+}  // namespace zel
+
 namespace Core::Fields {
 
 /// A function over space that yields a vector, and the field that is the zero vector everywhere.
@@ -34,6 +39,9 @@ public:
     virtual Quern::String getType() const;
     virtual void preSampleField() const;
     virtual void postSampleField() const;
+
+    virtual void evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const;
+    virtual void gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const;
 
 protected:
     Quern::String typeName;

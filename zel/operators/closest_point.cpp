@@ -11,6 +11,17 @@ float3 VectorFieldClosestPointTransform::eval(float3 const& position, long long 
     return position - d * g;
 }
 
+void VectorFieldClosestPointTransform::blockValues(Block& block, BlockResult<float3>& out) const {
+    Block::Frame const frame(block);
+    auto const g = block.gradients(field);
+    auto const d = block.values(field);
+    mapLanes(
+        block, out,
+        [](float3 const& position, float distance, float3 const& direction)
+            ZEL_LANES { return position - distance * direction; },
+        block.positions(), d, g);
+}
+
 VectorFieldIteratedNearPointTransform::VectorFieldIteratedNearPointTransform(
     ScalarPtr field, float tolerance, std::int32_t iterations)
     : transform(Quern::makePtr<VectorFieldClosestPointTransform>(std::move(field))),
@@ -20,11 +31,42 @@ float3 VectorFieldIteratedNearPointTransform::eval(float3 const& position, long 
     float3 p = transform->eval(position, index);
     for (std::int32_t i = 0; i < iterations; ++i) {
         float3 const next = transform->eval(p, index);
-        bool const atRest = tolerance > 0 && tolerance > Orvane::Math::length(next - p);
+        bool const done = atRest(p, next);
         p = next;
-        if (atRest) break;
+        if (done) break;
     }
     return p;
+}
+
+void VectorFieldIteratedNearPointTransform::blockValues(Block& block,
+                                                        BlockResult<float3>& out) const {
+    block.writeValues(*transform, transform.useCount() > 1, out);
+    auto const write = out.writer();
+    Block::Frame const frame(block);
+
+    // Those at work, and where they are.
+    int* const working = detail::allocateInts(block);
+    int count = block.count();
+    for (int i = 0; i < count; ++i) working[i] = i;
+    auto here = block.result<float3>();
+    auto const move = here.writer();
+    for (int i = 0; i < count; ++i) move.set(i, out.lanes[i]);
+
+    for (std::int32_t step = 0; step < iterations && count > 0; ++step) {
+        block.withPositions(here.lanes, working, count, [&](Block& there) {
+            Block::Frame const inner(there);
+            auto const next = there.values(transform);
+            int left = 0;
+            for (int i = 0; i < count; ++i) {
+                float3 const p = here.lanes[i], q = next[i];
+                write.set(working[i], q);
+                move.set(left, q);
+                working[left] = working[i];
+                left += !atRest(p, q);
+            }
+            count = left;
+        });
+    }
 }
 
 }  // namespace zel

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "zel/field/math.h"
 #include "zel/field/node.h"
 
 // Projection of the position onto the surface where a scalar field, read as a signed distance, is
@@ -21,6 +22,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    void blockValues(Block& block, BlockResult<float3>& out) const;
 
     ScalarPtr field;
 };
@@ -40,6 +42,10 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.transform); }
+    void blockValues(Block& block, BlockResult<float3>& out) const;
+    bool atRest(float3 const& p, float3 const& next) const {
+        return tolerance > 0 && tolerance > Orvane::Math::length(next - p);
+    }
 
     VectorPtr transform;
     float tolerance;

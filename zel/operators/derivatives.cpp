@@ -8,14 +8,38 @@ float3 ScalarFieldGradient::eval(float3 const& position, long long index) const 
     return field->grad(position, index);
 }
 
-float ScalarFieldDivergence::eval(float3 const& position, long long index) const {
-    float3x3 const m = field->grad(position, index);
+void ScalarFieldGradient::blockValues(Block& block, BlockResult<float3>& out) const {
+    out.set(block.gradients(field));
+}
+
+namespace {
+
+float divergence(float3x3 const& m) {
     return m[1][1] + m[0][0] + m[2][2];
 }
 
-float3 VectorFieldCurl::eval(float3 const& position, long long index) const {
-    float3x3 const m = field->grad(position, index);
+float3 curl(float3x3 const& m) {
     return {m[2][1] - m[1][2], m[0][2] - m[2][0], m[1][0] - m[0][1]};
+}
+
+}  // namespace
+
+float ScalarFieldDivergence::eval(float3 const& position, long long index) const {
+    return divergence(field->grad(position, index));
+}
+
+void ScalarFieldDivergence::blockValues(Block& block, BlockResult<float>& out) const {
+    Block::Frame const frame(block);
+    mapLanes(block, out, divergence, block.gradients(field));
+}
+
+float3 VectorFieldCurl::eval(float3 const& position, long long index) const {
+    return curl(field->grad(position, index));
+}
+
+void VectorFieldCurl::blockValues(Block& block, BlockResult<float3>& out) const {
+    Block::Frame const frame(block);
+    mapLanes(block, out, curl, block.gradients(field));
 }
 
 }  // namespace zel

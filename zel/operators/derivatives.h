@@ -17,6 +17,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    void blockValues(Block& block, BlockResult<float3>& out) const;
 
     ScalarPtr field;
 };
@@ -32,6 +33,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    void blockValues(Block& block, BlockResult<float>& out) const;
 
     VectorPtr field;
 };
@@ -47,6 +49,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    void blockValues(Block& block, BlockResult<float3>& out) const;
 
     VectorPtr field;
 };

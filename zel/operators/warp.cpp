@@ -17,32 +17,88 @@ auto WarpNode<Self, Interface>::grad(float3 const& position, long long index) co
     return g * warp->grad(position, index);
 }
 
+namespace {
+
+/// The gradients of `field` at other positions, times those of the map to them.
+template <class Interface>
+void chain(Block& block, Quern::Ptr<Interface> const& field, Lanes<float3> const& there,
+           Lanes<float3x3> const& map, BlockResult<typename Interface::Gradient>& out) {
+    block.withPositions(there, [&](Block& moved) {
+        Block::Frame const frame(moved);
+        mapLanes(
+            moved, out,
+            [](typename Interface::Gradient const& g, float3x3 const& m)
+                ZEL_LANES { return g * m; },
+            moved.gradients(field), map);
+    });
+}
+
+}  // namespace
+
 template <class Self, class Interface>
-float3 AdvectNode<Self, Interface>::origin(float3 const& position, long long index) const {
-    return position - dt * velocity->eval(position, index);
+void WarpNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
+    Block::Frame const frame(block);
+    auto const moved = block.values(warp);
+    block.withPositions(
+        moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
+    out.lanes.light = out.lanes.light && moved.light;
 }
 
 template <class Self, class Interface>
-float3x3 AdvectNode<Self, Interface>::originGradient(float3 const& position,
-                                                     long long index) const {
-    return Orvane::Math::identity() - velocity->grad(position, index) * dt;
+void WarpNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradient>& out) const {
+    Block::Frame const frame(block);
+    auto const there = block.values(warp);
+    chain(block, field, there, block.gradients(warp), out);
 }
 
 template <class Self, class Interface>
 auto AdvectNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
-    return field->eval(origin(position, index), index);
+    return field->eval(origin(position, velocity->eval(position, index)), index);
 }
 
 template <class Self, class Interface>
 auto AdvectNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
     // The scalar form asks for the derivative of the velocity last, the vector form first.
     if constexpr (std::same_as<Interface, ScalarField>) {
-        Gradient const g = field->grad(origin(position, index), index);
-        return g * originGradient(position, index);
+        float3 const there = origin(position, velocity->eval(position, index));
+        Gradient const g = field->grad(there, index);
+        return g * originGradient(velocity->grad(position, index));
     } else {
-        float3x3 const map = originGradient(position, index);
-        return field->grad(origin(position, index), index) * map;
+        float3x3 const map = originGradient(velocity->grad(position, index));
+        float3 const there = origin(position, velocity->eval(position, index));
+        return field->grad(there, index) * map;
     }
+}
+
+template <class Self, class Interface>
+Lanes<float3> AdvectNode<Self, Interface>::origins(Block& block) const {
+    auto there = block.result<float3>();
+    auto const v = block.values(velocity);
+    mapLanes(
+        block, there,
+        [this](float3 const& p, float3 const& flow) ZEL_LANES { return origin(p, flow); },
+        block.positions(), v);
+    there.lanes.light = v.light;
+    return there.lanes;
+}
+
+template <class Self, class Interface>
+void AdvectNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
+    Block::Frame const frame(block);
+    auto const moved = origins(block);
+    block.withPositions(
+        moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
+    out.lanes.light = out.lanes.light && moved.light;
+}
+
+template <class Self, class Interface>
+void AdvectNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradient>& out) const {
+    Block::Frame const frame(block);
+    auto map = block.result<float3x3>();
+    mapLanes(
+        block, map, [this](float3x3 const& g) ZEL_LANES { return originGradient(g); },
+        block.gradients(velocity));
+    chain(block, field, origins(block), map.lanes, out);
 }
 
 }  // namespace zel

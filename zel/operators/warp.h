@@ -24,6 +24,8 @@ private:
     template <class Node> static auto children(Node& node) {
         return std::tie(node.field, node.warp);
     }
+    void blockValues(Block& block, BlockResult<Value>& out) const;
+    void blockGradients(Block& block, BlockResult<Gradient>& out) const;
 
     Quern::Ptr<Interface> field;
     VectorPtr warp;
@@ -59,8 +61,11 @@ private:
     template <class Node> static auto children(Node& node) {
         return std::tie(node.field, node.velocity);
     }
-    float3 origin(float3 const& position, long long index) const;
-    float3x3 originGradient(float3 const& position, long long index) const;
+    void blockValues(Block& block, BlockResult<Value>& out) const;
+    void blockGradients(Block& block, BlockResult<Gradient>& out) const;
+    float3 origin(float3 const& position, float3 const& v) const { return position - dt * v; }
+    float3x3 originGradient(float3x3 const& g) const { return Orvane::Math::identity() - g * dt; }
+    Lanes<float3> origins(Block& block) const;
 
     Quern::Ptr<Interface> field;
     VectorPtr velocity;

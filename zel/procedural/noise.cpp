@@ -1,16 +1,22 @@
 #include "zel/procedural/noise.h"
 
+#include <algorithm>
 #include <cmath>
+#include <new>
 
 #include "orvane_math_support/noise.h"
+#include "orvane_math_support/noise_block.h"
 #include "zel/field/node_impl.h"
 #include "zel/scalar/arithmetic.h"
 
 namespace zel {
 
 using Orvane::Math::curl_noise;
+using Orvane::Math::curl_noise_block;
 using Orvane::Math::simplex_noise;
+using Orvane::Math::simplex_noise_block;
 using Orvane::Math::smooth_curl_noise;
+using Orvane::Math::smooth_curl_noise_block;
 
 namespace {
 
@@ -28,6 +34,22 @@ float octaveAmplitude(float amplitude, float octaves, int i, int count) {
     return i == count - 1 && fraction > 0 ? amplitude * fraction : amplitude;
 }
 
+/// An array of kBlockSize doubles that stays until the frame ends.
+double* allocateDoubles(Block& block) {
+    constexpr int kArrays = sizeof(double) / sizeof(float);
+    return new (block.allocate(kArrays)) double[kBlockSize];
+}
+
+void curlBlock(bool smooth, Lanes<float3> const& p, float const* time, int count,
+               std::uint32_t seed, LaneWriter<float3> const& out) {
+    auto const [x, y, z] = p.component;
+    auto const [toX, toY, toZ] = out.component;
+    if (smooth)
+        smooth_curl_noise_block(x, y, z, time, count, seed, toX, toY, toZ);
+    else
+        curl_noise_block(x, y, z, time, count, seed, toX, toY, toZ);
+}
+
 std::uint32_t foldedSeed(std::int64_t seed) {
     return static_cast<std::uint32_t>((seed >> 32) ^ seed);
 }
@@ -39,19 +61,63 @@ float ScalarFieldSimplexNoise::eval(float3 const& position, long long index) con
     return simplex_noise(float4{position.x, position.y, position.z, w}, seed);
 }
 
+void ScalarFieldSimplexNoise::blockValues(Block& block, BlockResult<float>& out) const {
+    Block::Frame const frame(block);
+    auto const w = block.values(time);
+    auto const [x, y, z] = block.positions().component;
+    simplex_noise_block(x, y, z, w.component[0], block.count(), seed, out.writer().component[0]);
+}
+
+struct ScalarFieldFractalNoise::Octave {
+    Octave(ScalarFieldFractalNoise const& noise, int i, int count)
+        : scale(noise.frequency / std::pow(static_cast<double>(noise.scaleRatio), i)),
+          timeScale(std::pow(static_cast<double>(noise.timeRatio), i)),
+          weight(std::pow(static_cast<double>(noise.amplitudeRatio), i) *
+                 octaveAmplitude(noise.amplitude, noise.octaves, i, count)) {}
+
+    double scale, timeScale, weight;
+};
+
 float ScalarFieldFractalNoise::eval(float3 const& position, long long index) const {
     double const w = time->eval(position, index);
     int const count = octaveCount(amplitude, scaleRatio, octaves);
     double sum = 0;
     for (int i = 0; i < count; ++i) {
-        double const a = octaveAmplitude(amplitude, octaves, i, count);
-        double const s = frequency / std::pow(static_cast<double>(scaleRatio), i);
-        Orvane::Math::double4 const p{position.x * s, position.y * s, position.z * s,
-                                      std::pow(static_cast<double>(timeRatio), i) * w};
-        double const v = simplex_noise(p, seed);
-        sum += v * (std::pow(static_cast<double>(amplitudeRatio), i) * a);
+        Octave const octave(*this, i, count);
+        Orvane::Math::double4 const p{position.x * octave.scale, position.y * octave.scale,
+                                      position.z * octave.scale, octave.timeScale * w};
+        sum += simplex_noise(p, seed) * octave.weight;
     }
     return static_cast<float>(sum);
+}
+
+void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out) const {
+    Block::Frame const frame(block);
+    auto const w = block.values(time).component[0];
+    Lanes<float3> const& p = block.positions();
+    float const *const x = p.component[0], *const y = p.component[1], *const z = p.component[2];
+    int const count = octaveCount(amplitude, scaleRatio, octaves);
+    auto* const sum = allocateDoubles(block);
+    double* at[4];
+    for (double*& coordinate : at) coordinate = allocateDoubles(block);
+    auto* const noise = allocateDoubles(block);
+    std::fill_n(sum, block.count(), 0.0);
+    for (int i = 0; i < count; ++i) {
+        Octave const octave(*this, i, count);
+        detail::forEachLane(block.count(),
+                            [=, tx = at[0], ty = at[1], tz = at[2], tw = at[3]](int k) ZEL_LANES {
+                                tx[k] = x[k] * octave.scale;
+                                ty[k] = y[k] * octave.scale;
+                                tz[k] = z[k] * octave.scale;
+                                tw[k] = octave.timeScale * w[k];
+                            });
+        simplex_noise_block(at[0], at[1], at[2], at[3], block.count(), seed, noise);
+        detail::forEachLane<true>(block.count(),
+                                  [=](int k) ZEL_LANES { sum[k] += noise[k] * octave.weight; });
+    }
+    auto* const result = out.writer().component[0];
+    detail::forEachLane(block.count(),
+                        [=](int k) ZEL_LANES { result[k] = static_cast<float>(sum[k]); });
 }
 
 VectorFieldCurlNoise::VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int64_t seed)
@@ -60,6 +126,12 @@ VectorFieldCurlNoise::VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int
 float3 VectorFieldCurlNoise::eval(float3 const& position, long long index) const {
     float const t = time->eval(position, index);
     return smooth ? smooth_curl_noise(position, t, seed) : curl_noise(position, t, seed);
+}
+
+void VectorFieldCurlNoise::blockValues(Block& block, BlockResult<float3>& out) const {
+    Block::Frame const frame(block);
+    auto const t = block.values(time).component[0];
+    curlBlock(smooth, block.positions(), t, block.count(), seed, out.writer());
 }
 
 VectorFieldFractalTurbulence::VectorFieldFractalTurbulence(float amplitude, float octaves,
@@ -87,22 +159,52 @@ void VectorFieldFractalTurbulence::postSampleField() const {
     cache.cachedTimeValid = false;
 }
 
+struct VectorFieldFractalTurbulence::Octave {
+    Octave(VectorFieldFractalTurbulence const& noise, int i, int count) {
+        auto const power = static_cast<float>(i);
+        weight = std::pow(noise.amplitudeRatio, power) *
+                 octaveAmplitude(noise.amplitude, noise.octaves, i, count);
+        scale = noise.frequency / std::pow(noise.scaleRatio, power);
+        timeScale = std::pow(noise.timeRatio, power);
+    }
+
+    float weight, scale, timeScale;
+};
+
 float3 VectorFieldFractalTurbulence::eval(float3 const& position, long long index) const {
-    bool const prepared = timeIsConstant && smooth && cache.cachedTimeValid;
-    float const t = prepared ? cache.cachedTime : time->eval(position, index);
+    float const t = hasTime() ? cache.cachedTime : time->eval(position, index);
     int const count = octaveCount(amplitude, scaleRatio, octaves);
     float3 result;
     for (int i = 0; i < count; ++i) {
-        auto const power = static_cast<float>(i);
-        float const a = octaveAmplitude(amplitude, octaves, i, count);
-        float const weight = std::pow(amplitudeRatio, power) * a;
-        float const s = frequency / std::pow(scaleRatio, power);
-        float const u = std::pow(timeRatio, power) * t;
-        float3 const v =
-            smooth ? smooth_curl_noise(s * position, u, seed) : curl_noise(s * position, u, seed);
-        result += weight * v;
+        Octave const octave(*this, i, count);
+        float const u = octave.timeScale * t;
+        float3 const p = octave.scale * position;
+        result += octave.weight * (smooth ? smooth_curl_noise(p, u, seed) : curl_noise(p, u, seed));
     }
     return result;
+}
+
+void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>& out) const {
+    Block::Frame const frame(block);
+    auto const t = (hasTime() ? block.constant(cache.cachedTime) : block.values(time)).component[0];
+    int const count = octaveCount(amplitude, scaleRatio, octaves);
+    auto const sum = out.writer();
+    for (float* const component : sum.component) std::fill_n(component, block.count(), 0.0F);
+    auto at = block.result<float3>(), noise = block.result<float3>();
+    float* const u = block.allocate();
+    for (int i = 0; i < count; ++i) {
+        Octave const octave(*this, i, count);
+        mapLanes(
+            block, at, [s = octave.scale](float3 const& p) ZEL_LANES { return s * p; },
+            block.positions());
+        detail::forEachLane<true>(block.count(),
+                                  [=](int k) ZEL_LANES { u[k] = octave.timeScale * t[k]; });
+        curlBlock(smooth, at.lanes, u, block.count(), seed, noise.writer());
+        for (unsigned c = 0; c < 3; ++c)
+            detail::forEachLane<true>(
+                block.count(), [=, to = sum.component[c], v = noise.lanes.component[c]](int k)
+                                   ZEL_LANES { to[k] += octave.weight * v[k]; });
+    }
 }
 
 }  // namespace zel

@@ -22,6 +22,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    void blockValues(Block& block, BlockResult<float>& out) const;
 
     ScalarPtr time;
     std::int64_t const seed;
@@ -46,6 +47,8 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    struct Octave;
+    void blockValues(Block& block, BlockResult<float>& out) const;
 
     float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
     ScalarPtr time;
@@ -65,6 +68,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    void blockValues(Block& block, BlockResult<float3>& out) const;
 
     ScalarPtr time;
     bool smooth;
@@ -94,6 +98,10 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    struct Octave;
+    void blockValues(Block& block, BlockResult<float3>& out) const;
+    /// Whether the time has been asked for already.
+    bool hasTime() const { return timeIsConstant && smooth && cache.cachedTimeValid; }
 
     /// The time of the batch that is being sampled, if it is constant.
     struct TimeCache {

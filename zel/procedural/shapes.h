@@ -39,6 +39,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     float valueOf(float3 const& p, long long /*i*/) const {
         return std::pow(powerSum(p - center), 1 / exponent) - level;
     }

@@ -2,6 +2,14 @@
 
 #include "zel/field/node_impl.h"
 
+namespace zel {
+
+Lanes<float> ScalarFieldConstant::viewOf(Block& block) const {
+    return block.constant(value);
+}
+
+}  // namespace zel
+
 ZEL_DEFINE_LEAF(zel::ScalarFieldConstant, ScalarField);
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldAdd, ScalarField);
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::ScalarFieldSubtract, ScalarField);

@@ -15,6 +15,7 @@ private:
     friend NodeAccess;
     float valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
+    Lanes<float> viewOf(Block& block) const;
 
     float value = 0;
 };

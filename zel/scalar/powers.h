@@ -16,6 +16,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float v) const {
         return static_cast<float>(std::pow(static_cast<double>(v), static_cast<double>(exponent)));
@@ -51,6 +52,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float v) const { return std::exp(v); }
     float3 gradientFromValue(float w, float3 const& g) const { return g * w; }

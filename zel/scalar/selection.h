@@ -63,7 +63,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float v) const { return v <= min ? min : v >= max ? max : v; }
-    int gradientChoice(float v) const { return min < v && v < max ? 0 : -1; }
+    int gradientChoice(float v) const { return ((min < v) & (v < max)) ? 0 : -1; }  // no branch
 
     ScalarPtr field;
     float min, max;

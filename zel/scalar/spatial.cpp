@@ -2,6 +2,22 @@
 
 #include "zel/field/node_impl.h"
 
+namespace zel {
+
+Lanes<float> ScalarFieldXPosition::viewOf(Block& block) const {
+    return block.positions().part(0);
+}
+
+Lanes<float> ScalarFieldYPosition::viewOf(Block& block) const {
+    return block.positions().part(1);
+}
+
+Lanes<float> ScalarFieldZPosition::viewOf(Block& block) const {
+    return block.positions().part(2);
+}
+
+}  // namespace zel
+
 ZEL_DEFINE_LEAF(zel::ScalarFieldXPosition, ScalarField);
 ZEL_DEFINE_LEAF(zel::ScalarFieldYPosition, ScalarField);
 ZEL_DEFINE_LEAF(zel::ScalarFieldZPosition, ScalarField);

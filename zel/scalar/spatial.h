@@ -11,6 +11,7 @@ class ZEL_API ScalarFieldXPosition : public LeafNode<ScalarFieldXPosition, Scala
 private:
     friend NodeAccess;
     float valueOf(float3 const& p, long long /*i*/) const { return p.x; }
+    Lanes<float> viewOf(Block& block) const;
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {1, 0, 0}; }
 };
 
@@ -19,6 +20,7 @@ class ZEL_API ScalarFieldYPosition : public LeafNode<ScalarFieldYPosition, Scala
 private:
     friend NodeAccess;
     float valueOf(float3 const& p, long long /*i*/) const { return p.y; }
+    Lanes<float> viewOf(Block& block) const;
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {0, 1, 0}; }
 };
 
@@ -27,6 +29,7 @@ class ZEL_API ScalarFieldZPosition : public LeafNode<ScalarFieldZPosition, Scala
 private:
     friend NodeAccess;
     float valueOf(float3 const& p, long long /*i*/) const { return p.z; }
+    Lanes<float> viewOf(Block& block) const;
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {0, 0, 1}; }
 };
 
@@ -38,6 +41,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kMovesOnly = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float3 childPosition(float3 const& p) const { return p - offset; }
     float valueOf(float v) const { return v; }
@@ -58,6 +62,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float3 childPosition(float3 const& p) const { return divideComponents(p, scale); }
+    static constexpr bool kMovesOnly = true;
     float valueOf(float v) const { return v; }
     float3 gradientOf(float3 const& g) const { return divideComponents(g, scale); }
 
@@ -80,6 +85,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float3 childPosition(float3 const& p) const { return rotate(conjugate(rotation), p); }
+    static constexpr bool kMovesOnly = true;
     float valueOf(float v) const { return v; }
     float3 gradientOf(float3 const& g) const { return rotate(rotation, g); }
 

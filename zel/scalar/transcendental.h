@@ -16,6 +16,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float u) const { return std::sin(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * std::cos(u); }
@@ -30,6 +31,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float u) const { return std::cos(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * -std::sin(u); }
@@ -44,6 +46,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float u) const { return std::tan(u); }
     float3 gradientFromValue(float w, float3 const& g) const { return g * (w * w + 1); }
@@ -58,6 +61,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float u) const { return std::asin(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * inverseSlope(u, 1.0F); }
@@ -81,6 +85,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float u) const { return std::acos(u); }
     float3 gradientOf(float u, float3 const& g) const {
@@ -97,6 +102,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float u) const { return std::atan(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * (1 / (u * u + 1)); }
@@ -113,6 +119,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
     float valueOf(float y, float x) const { return std::atan2(y, x); }
     float3 gradientOf(float y, float x, float3 const& yg, float3 const& xg) const {

@@ -2,6 +2,14 @@
 
 #include "zel/field/node_impl.h"
 
+namespace zel {
+
+Lanes<float3> VectorFieldConstant::viewOf(Block& block) const {
+    return joined(block.constant(value.x), block.constant(value.y), block.constant(value.z));
+}
+
+}  // namespace zel
+
 ZEL_DEFINE_LEAF(zel::VectorFieldConstant, VectorField);
 ZEL_DEFINE_LEAF(zel::VectorFieldConstantArray, VectorField);
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::VectorFieldAdd, VectorField);

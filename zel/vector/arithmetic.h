@@ -21,6 +21,7 @@ private:
     friend NodeAccess;
     float3 valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
     float3x3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
+    Lanes<float3> viewOf(Block& block) const;
 
     float3 value;
 };

@@ -16,6 +16,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float3 valueOf(float3 const& v) const {
         return mapComponents([](float c, float e) { return std::pow(c, e); }, v, exponent);

@@ -18,6 +18,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float3 const& v) const { return v.x; }
+    Lanes<float> viewOf(Lanes<float3> const& v) const { return v.part(0); }
     float3 gradientOf(float3x3 const& g) const { return g[0]; }
 
     VectorPtr field;
@@ -32,6 +33,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float3 const& v) const { return v.y; }
+    Lanes<float> viewOf(Lanes<float3> const& v) const { return v.part(1); }
     float3 gradientOf(float3x3 const& g) const { return g[1]; }
 
     VectorPtr field;
@@ -46,6 +48,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float3 const& v) const { return v.z; }
+    Lanes<float> viewOf(Lanes<float3> const& v) const { return v.part(2); }
     float3 gradientOf(float3x3 const& g) const { return g[2]; }
 
     VectorPtr field;
@@ -81,6 +84,10 @@ private:
         return std::tie(node.x, node.y, node.z);
     }
     float3 valueOf(float xv, float yv, float zv) const { return {xv, yv, zv}; }
+    Lanes<float3> viewOf(Lanes<float> const& xl, Lanes<float> const& yl,
+                         Lanes<float> const& zl) const {
+        return joined(xl, yl, zl);
+    }
     float3x3 gradientOf(float3 const& xg, float3 const& yg, float3 const& zg) const {
         return {{xg, yg, zg}};
     }

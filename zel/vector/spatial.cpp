@@ -2,6 +2,14 @@
 
 #include "zel/field/node_impl.h"
 
+namespace zel {
+
+Lanes<float3> VectorFieldPosition::viewOf(Block& block) const {
+    return block.positions();
+}
+
+}  // namespace zel
+
 ZEL_DEFINE_LEAF(zel::VectorFieldPosition, VectorField);
 ZEL_DEFINE_OPERATOR(TransformNode, zel::VectorFieldTranslate, VectorField);
 ZEL_DEFINE_OPERATOR(TransformNode, zel::VectorFieldScale, VectorField);

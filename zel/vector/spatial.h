@@ -13,6 +13,7 @@ class ZEL_API VectorFieldPosition : public LeafNode<VectorFieldPosition, VectorF
 private:
     friend NodeAccess;
     float3 valueOf(float3 const& p, long long /*i*/) const { return p; }
+    Lanes<float3> viewOf(Block& block) const;
     float3x3 gradientOf(float3 const& /*p*/, long long /*i*/) const {
         return Orvane::Math::identity();
     }
@@ -28,6 +29,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float3 childPosition(float3 const& p) const { return p - offset; }
+    static constexpr bool kMovesOnly = true;
     float3 valueOf(float3 const& v) const { return v; }
     float3x3 gradientOf(float3x3 const& g) const { return g; }
 

@@ -1,0 +1,97 @@
+#include "zel/field/batch.h"
+
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_group.h>
+
+#include <concepts>
+
+#include "orvane_geometry_volume/array_pool.h"
+#include "zel/field/block_impl.h"
+#include "zel/field/hook_walk.h"
+
+namespace Core::Fields {
+
+using Orvane::Math::float3;
+using Orvane::Math::float3x3;
+
+namespace {
+
+/// An array of `count` zeros, out of the pool of arrays if that is enabled and has such arrays.
+template <class T> Quern::Ptr<Quern::Array<T>> zeros(long long count) {
+    namespace ArrayPool = ORV::TileTree3D::ArrayPool;
+    if constexpr (!std::same_as<T, float3x3>)
+        if (ArrayPool::enabled())
+            return ArrayPool::allocate<T>(T{}, static_cast<unsigned long long>(count));
+    return Quern::makePtr<Quern::Array<T>>(count, T{});
+}
+
+/// Works out what there is an array for, in parallel.
+template <class Interface>
+void evaluate(Interface const& field, Quern::Array<float3> const& positions,
+              ValuesAndGradients<Interface> const& out) {
+    auto* const values = out.values ? out.values->data() : nullptr;
+    auto* const gradients = out.gradients ? out.gradients->data() : nullptr;
+    auto const loop = [&field, in = positions.data(), values,
+                       gradients](tbb::blocked_range<std::size_t> const& range) {
+        zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end());
+    };
+    {
+        zel::detail::HookWalk::Scope const ownWalk;
+        field.preSampleField();
+    }
+    tbb::blocked_range<std::size_t> const all(0, static_cast<std::size_t>(positions.size()), 1);
+    if (all.is_divisible()) {
+        // Isolated, so that cancelling the caller's own tasks leaves no batch half done.
+        tbb::task_group_context context(tbb::task_group_context::isolated);
+        tbb::parallel_for(all, loop, tbb::auto_partitioner(), context);
+    } else {
+        loop(all);
+    }
+    zel::detail::HookWalk::Scope const ownWalk;
+    field.postSampleField();
+}
+
+template <class Interface>
+ValuesAndGradients<Interface> evaluate(Interface const& field,
+                                       Quern::Array<float3> const& positions, bool values,
+                                       bool gradients) {
+    ValuesAndGradients<Interface> out;
+    if (values) out.values = zeros<typename Interface::Value>(positions.size());
+    if (gradients) out.gradients = zeros<typename Interface::Gradient>(positions.size());
+    evaluate(field, positions, out);
+    return out;
+}
+
+}  // namespace
+
+Quern::Ptr<Quern::Array<float>> ScalarField::eval(Quern::Array<float3> const& positions) const {
+    return evaluate(*this, positions, true, false).values;
+}
+
+Quern::Ptr<Quern::Array<float3>> VectorField::eval(Quern::Array<float3> const& positions) const {
+    return evaluate(*this, positions, true, false).values;
+}
+
+Quern::Ptr<Quern::Array<float3>> grad(ScalarField const& field,
+                                      Quern::Array<float3> const& positions) {
+    return evaluate(field, positions, false, true).gradients;
+}
+
+Quern::Ptr<Quern::Array<float3x3>> grad(VectorField const& field,
+                                        Quern::Array<float3> const& positions) {
+    return evaluate(field, positions, false, true).gradients;
+}
+
+ValuesAndGradients<ScalarField> evalAndGrad(ScalarField const& field,
+                                            Quern::Array<float3> const& positions) {
+    return evaluate(field, positions, true, true);
+}
+
+ValuesAndGradients<VectorField> evalAndGrad(VectorField const& field,
+                                            Quern::Array<float3> const& positions) {
+    return evaluate(field, positions, true, true);
+}
+
+}  // namespace Core::Fields

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "orvane_math/float3x3.h"
+#include "orvane_math/vectors.h"
+#include "quern_core/array.h"
+#include "quern_core/ptr.h"
+#include "zel/api.h"
+#include "zel/field/scalar_field.h"
+#include "zel/field/vector_field.h"
+
+// Gradients of whole arrays of positions. All that is said of the batch `eval` of a field holds
+// here too: hooks, threads, element indices and exceptions. A gradient has the bits of the point
+// `grad`. Within a block of positions, a node of the library is asked for its values once at most,
+// however many of the gradients above it need them.
+namespace Core::Fields {
+
+/// The gradients at all positions.
+ZEL_API Quern::Ptr<Quern::Array<Orvane::Math::float3>>
+grad(ScalarField const& field, Quern::Array<Orvane::Math::float3> const& positions);
+ZEL_API Quern::Ptr<Quern::Array<Orvane::Math::float3x3>>
+grad(VectorField const& field, Quern::Array<Orvane::Math::float3> const& positions);
+
+template <class Interface> struct ValuesAndGradients {
+    Quern::Ptr<Quern::Array<typename Interface::Value>> values;
+    Quern::Ptr<Quern::Array<typename Interface::Gradient>> gradients;
+};
+
+/// The values and the gradients at all positions, in one go.
+ZEL_API ValuesAndGradients<ScalarField>
+evalAndGrad(ScalarField const& field, Quern::Array<Orvane::Math::float3> const& positions);
+ZEL_API ValuesAndGradients<VectorField>
+evalAndGrad(VectorField const& field, Quern::Array<Orvane::Math::float3> const& positions);
+
+}  // namespace Core::Fields

@@ -1,0 +1,286 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "quern_core/ptr.h"
+#include "zel/api.h"
+#include "zel/field/lanes.h"
+#include "zel/field/scalar_field.h"
+#include "zel/field/vector_field.h"
+
+namespace zel {
+
+namespace detail {
+
+/// Memory that is taken and given back in the order of a stack. What it has once taken it keeps.
+class ZEL_API Arena {
+public:
+    struct Mark {
+        std::size_t chunk = 0, used = 0;
+    };
+
+    Mark mark() const { return m_top; }
+    void release(Mark const& mark) { m_top = mark; }
+
+    /// `size` bytes, aligned to 64.
+    void* allocate(std::size_t size) {
+        size = (size + 63) & ~std::size_t{63};
+        if (m_top.chunk >= m_chunks.size() || m_top.used + size > m_chunks[m_top.chunk].size)
+            nextChunk(size);
+        std::byte* const place = m_chunks[m_top.chunk].data + m_top.used;
+        m_top.used += size;
+        return place;
+    }
+    float* floats(int count) {
+        return static_cast<float*>(allocate(static_cast<std::size_t>(count) * sizeof(float)));
+    }
+
+private:
+    struct Chunk {
+        std::unique_ptr<std::byte[]> memory;
+        std::byte* data = nullptr;
+        std::size_t size = 0;
+    };
+    void nextChunk(std::size_t size);
+
+    std::vector<Chunk> m_chunks;
+    Mark m_top;
+};
+
+/// What a thread evaluates blocks with. It grows on first use and stays with the thread.
+class ZEL_API Workspace {
+public:
+    static Workspace& local();
+
+    /// An array of kBlockSize floats of one value, which stays for as long as the thread runs
+    /// batches; null when there are too many values already.
+    float const* constant(float value);
+
+    /// Brackets the work on a range of positions, which may start another one below it.
+    class Run {
+    public:
+        explicit Run(Workspace& workspace);
+        ~Run() { --m_workspace.m_depth; }
+        Run(Run const&) = delete;
+        Run& operator=(Run const&) = delete;
+
+    private:
+        Workspace& m_workspace;
+    };
+
+    Arena stack;  ///< results of the nodes that are at work
+    Arena kept;   ///< results that are kept until their positions are done
+    std::size_t bucketCount = 8;
+
+private:
+    static constexpr unsigned kMaxConstants = 64, kSlots = 2 * kMaxConstants;
+    struct Slot {
+        std::uint32_t bits;
+        float const* values;
+    };
+
+    std::array<Slot, kSlots> m_slots{};
+    Arena m_constants;
+    unsigned m_constantCount = 0;
+    int m_depth = 0;
+};
+
+/// A node at the positions of a block, as it is known so far.
+struct KeptResult {
+    void const* node;
+    bool gradient;
+    bool complete;  ///< known at all positions
+    bool light;
+    KeptResult* next;
+    std::array<std::uint64_t, kBlockSize / 64> known;  ///< bit i: position i
+    float const* component[9];
+    float* storage;
+};
+
+/// Positions that nodes are asked at, with all that is kept about them. Blocks are these positions,
+/// or some of them.
+struct Positions {
+    long long first = 0;           ///< element index of position 0
+    int const* indices = nullptr;  ///< if not null, what to add to `first` for each position
+    KeptResult** buckets = nullptr;
+    std::size_t bucketCount = 0, keptCount = 0;
+    bool keepAll = false;  ///< whether the values of all nodes are kept, not of shared ones alone
+};
+
+}  // namespace detail
+
+/// Positions at which a tree is evaluated together, 1 to kBlockSize of them, on one thread. A node
+/// asks its children through it, in its `evalBlock` and `gradBlock`:
+///
+///     zel::Block::Frame const frame(block);
+///     zel::Lanes<float> const v = block.values(child);
+///
+/// Nodes of the library with more than one owner are worked out once at the same positions, however
+/// often they are asked.
+class ZEL_API Block {
+public:
+    using float3 = Orvane::Math::float3;
+
+    Block(detail::Workspace& workspace, detail::Positions& positions, int count, float const* x,
+          float const* y, float const* z)
+        : m_workspace(workspace), m_positions(positions),
+          m_count(count), m_position{{x, y, z}, true, true} {}
+    Block(Block const&) = delete;
+    Block& operator=(Block const&) = delete;
+
+    int count() const { return m_count; }
+    /// The positions.
+    Lanes<float3> const& positions() const { return m_position; }
+    /// The element index of position `i`.
+    long long index(int i) const {
+        int const at = m_choice ? m_choice[i] : i;
+        return m_positions.first + (m_positions.indices ? m_positions.indices[at] : at);
+    }
+
+    /// The values, and the gradients, of a child at these positions. The arrays stay until the
+    /// frame ends in which they were asked for, unless they are lasting. Throws what the node
+    /// throws.
+    template <class Interface>
+    Lanes<typename Interface::Value> values(Quern::Ptr<Interface> const& child) {
+        return ask<false>(*child, child.useCount() > 1);
+    }
+    template <class Interface>
+    Lanes<typename Interface::Gradient> gradients(Quern::Ptr<Interface> const& child) {
+        m_positions.keepAll = true;
+        return ask<true>(*child, child.useCount() > 1);
+    }
+    /// The same of a node that is not a child.
+    template <class Interface> Lanes<typename Interface::Value> values(Interface const& node) {
+        return ask<false>(node, false);
+    }
+    template <class Interface>
+    Lanes<typename Interface::Gradient> gradients(Interface const& node) {
+        m_positions.keepAll = true;
+        return ask<true>(node, false);
+    }
+    /// Writes a node's values to the storage of `out`.
+    template <class Interface>
+    void writeValues(Interface const& node, bool shared,
+                     BlockResult<typename Interface::Value>& out);
+
+    /// An array of one value.
+    Lanes<float> constant(float value);
+
+    /// Takes arrays that stay until the frame ends.
+    float* allocate(int arrays = 1) { return m_workspace.stack.floats(arrays * kBlockSize); }
+    template <class T> BlockResult<T> result() { return BlockResult<T>(allocate(kComponents<T>)); }
+
+    /// What is asked for and allocated while a frame exists is given up when it ends.
+    class Frame {
+    public:
+        explicit Frame(Block& block) : Frame(block, block.m_workspace.stack.mark()) {}
+        Frame(Block& block, detail::Arena::Mark const& mark)
+            : m_stack(block.m_workspace.stack), m_mark(mark) {}
+        ~Frame() { m_stack.release(m_mark); }
+        Frame(Frame const&) = delete;
+        Frame& operator=(Frame const&) = delete;
+
+    private:
+        detail::Arena& m_stack;
+        detail::Arena::Mark m_mark;
+    };
+
+    /// Calls `work(block)` with the `count` positions of this block whose places are in `choice`,
+    /// rising.
+    template <class Work> void withChoice(int const* choice, int count, Work const& work) {
+        Frame const frame(*this);
+        float* const xyz = allocate(3);
+        int* const places = choose(choice, count, xyz);
+        Block block(m_workspace, m_positions, count, xyz, xyz + kBlockSize, xyz + 2 * kBlockSize);
+        block.m_choice = places;
+        work(block);
+    }
+
+    /// Calls `work(block)` with other positions for the same elements; with `choice`, for `count`
+    /// of them only.
+    template <class Work> void withPositions(Lanes<float3> const& other, Work const& work) {
+        withPositions(other, nullptr, m_count, work);
+    }
+    template <class Work>
+    void withPositions(Lanes<float3> const& other, int const* choice, int count, Work const& work) {
+        Frame const frame(*this);
+        detail::Positions positions;
+        moveIndices(positions, choice, count);
+        Kept const kept(m_workspace, positions);
+        Block block(m_workspace, positions, count, other.component[0], other.component[1],
+                    other.component[2]);
+        work(block);
+    }
+
+    /// Gives up what was kept about positions, when they are done.
+    class Kept {
+    public:
+        Kept(detail::Workspace& workspace, detail::Positions& positions)
+            : m_workspace(workspace), m_positions(positions), m_mark(workspace.kept.mark()) {}
+        ~Kept();
+        Kept(Kept const&) = delete;
+        Kept& operator=(Kept const&) = delete;
+
+    private:
+        detail::Workspace& m_workspace;
+        detail::Positions& m_positions;
+        detail::Arena::Mark m_mark;
+    };
+
+private:
+    template <bool gradient, class Interface>
+    using Asked =
+        std::conditional_t<gradient, typename Interface::Gradient, typename Interface::Value>;
+
+    template <bool gradient, class Interface>
+    Lanes<Asked<gradient, Interface>> ask(Interface const& node, bool shared) {
+        if (shared || (m_positions.keepAll && !gradient)) return askKept<gradient>(node);
+        auto out = result<Asked<gradient, Interface>>();
+        call<gradient>(node, *this, out);
+        return out.lanes;
+    }
+    template <bool gradient, class Interface, class Result>
+    static void call(Interface const& node, Block& block, Result& out) {
+        if constexpr (gradient)
+            node.gradBlock(block, out);
+        else
+            node.evalBlock(block, out);
+    }
+    template <bool gradient, class Interface>
+    Lanes<Asked<gradient, Interface>> askKept(Interface const& node);
+    template <bool gradient, class Interface>
+    Lanes<Asked<gradient, Interface>> complete(Interface const& node, detail::KeptResult* kept);
+
+    detail::KeptResult* find(void const* node, bool gradient) const;
+    detail::KeptResult* keep(void const* node, bool gradient, float* storage);
+    int* choose(int const* choice, int count, float* xyz) const;
+    void moveIndices(detail::Positions& positions, int const* choice, int count) const;
+    int place(int i) const { return m_choice ? m_choice[i] : i; }
+
+    detail::Workspace& m_workspace;
+    detail::Positions& m_positions;
+    int m_count;
+    int const* m_choice = nullptr;  // the places of these positions among those of m_positions
+    Lanes<float3> m_position;
+};
+
+namespace detail {
+
+/// The gradients of a node without a formula for them, by differences of its own values.
+template <class Interface>
+void differencesInBlock(Interface const& node, Block& block,
+                        BlockResult<typename Interface::Gradient>& out);
+
+/// By one call of the node's point `eval` or `grad` for each position.
+template <class Interface>
+void evalByPoints(Interface const& node, Block& block, BlockResult<typename Interface::Value>& out);
+template <class Interface>
+void gradByPoints(Interface const& node, Block& block,
+                  BlockResult<typename Interface::Gradient>& out);
+
+}  // namespace detail
+}  // namespace zel

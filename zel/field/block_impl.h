@@ -1,0 +1,170 @@
+#pragma once
+
+#include <algorithm>
+
+#include "zel/field/block.h"
+#include "zel/field/differences.h"
+#include "zel/field/lane_loop.h"
+
+// How results are kept and found again, and how a batch goes through its blocks. Private to the
+// sources of the interfaces and of the block.
+namespace zel {
+
+namespace detail {
+
+inline bool isKnown(KeptResult const& kept, int place) {
+    auto const p = static_cast<unsigned>(place);
+    return kept.known[p / 64] >> (p % 64) & 1;
+}
+inline void setKnown(KeptResult& kept, int place) {
+    auto const p = static_cast<unsigned>(place);
+    kept.known[p / 64] |= std::uint64_t{1} << (p % 64);
+}
+
+template <class T> Lanes<T> lanesOf(KeptResult const& kept) {
+    Lanes<T> lanes;
+    std::copy_n(kept.component, kComponents<T>, lanes.component.begin());
+    lanes.lasting = true;
+    lanes.light = kept.light;
+    return lanes;
+}
+
+/// Brings a result that is elsewhere into its storage.
+template <class T> void moveToStorage(BlockResult<T>& out, int count) {
+    Lanes<T> const from = out.lanes;
+    auto const to = out.writer();
+    out.lanes.light = from.light;
+    for (std::size_t c = 0; c < from.component.size(); ++c)
+        if (from.component[c] != to.component[c])
+            std::copy_n(from.component[c], count, to.component[c]);
+}
+
+}  // namespace detail
+
+template <bool gradient, class Interface>
+auto Block::askKept(Interface const& node) -> Lanes<Asked<gradient, Interface>> {
+    using T = Asked<gradient, Interface>;
+    detail::KeptResult* kept = find(&node, gradient);
+    if (kept && kept->complete && !m_choice) return detail::lanesOf<T>(*kept);
+    if (kept || m_choice) return complete<gradient>(node, kept);
+
+    BlockResult<T> out(m_workspace.kept.floats(kComponents<T> * kBlockSize));
+    call<gradient>(node, *this, out);
+    if (!out.lanes.lasting && !out.byPoints) detail::moveToStorage(out, m_count);
+    out.lanes.lasting = true;
+    if (out.byPoints) return out.lanes;
+    kept = keep(&node, gradient, out.storage);
+    kept->known.fill(~std::uint64_t{0});
+    kept->complete = true;
+    kept->light = out.lanes.light;
+    std::copy(out.lanes.component.begin(), out.lanes.component.end(), kept->component);
+    return out.lanes;
+}
+
+/// What is known of the node at these positions, and the rest anew.
+template <bool gradient, class Interface>
+auto Block::complete(Interface const& node, detail::KeptResult* kept)
+    -> Lanes<Asked<gradient, Interface>> {
+    using T = Asked<gradient, Interface>;
+    auto* const missing = static_cast<int*>(m_workspace.stack.allocate(kBlockSize * sizeof(int)));
+    int missingCount = 0;
+    for (int i = 0; i < m_count; ++i)
+        if (!kept || !detail::isKnown(*kept, place(i))) missing[missingCount++] = i;
+    auto const learn = [&](Block& block, BlockResult<T>& out) {
+        call<gradient>(node, block, out);
+        if (out.byPoints) return false;
+        if (!kept) {
+            kept = keep(&node, gradient, m_workspace.kept.floats(kComponents<T> * kBlockSize));
+            for (int c = 0; c < kComponents<T>; ++c)
+                kept->component[c] = kept->storage + c * kBlockSize;
+            kept->light = out.lanes.light;
+        }
+        for (int i = 0; i < block.m_count; ++i) {
+            for (int c = 0; c < kComponents<T>; ++c)
+                kept->storage[c * kBlockSize + block.place(i)] =
+                    out.lanes.component[static_cast<unsigned>(c)][i];
+            detail::setKnown(*kept, block.place(i));
+        }
+        return true;
+    };
+    auto out = result<T>();
+    if (missingCount == m_count) {
+        learn(*this, out);
+        return out.lanes;
+    }
+    bool learned = true;
+    if (missingCount > 0)
+        withChoice(missing, missingCount, [&](Block& rest) {
+            auto some = rest.template result<T>();
+            learned = learn(rest, some);
+        });
+    if (!learned) {
+        call<gradient>(node, *this, out);
+        return out.lanes;
+    }
+    if (!m_choice) {
+        kept->complete = true;
+        return detail::lanesOf<T>(*kept);
+    }
+    auto const write = out.writer();
+    auto const from = detail::lanesOf<T>(*kept);
+    for (int i = 0; i < m_count; ++i) write.set(i, from[place(i)]);
+    out.lanes.light = kept->light;
+    return out.lanes;
+}
+
+template <class Interface>
+void Block::writeValues(Interface const& node, bool shared,
+                        BlockResult<typename Interface::Value>& out) {
+    if (shared || m_positions.keepAll)
+        out.set(askKept<false>(node));
+    else
+        node.evalBlock(*this, out);
+    if (!out.inStorage()) detail::moveToStorage(out, m_count);
+    out.byPoints = false;  // it is the result of the node that asks
+}
+
+namespace detail {
+
+/// Evaluates a field at positions `begin` to `end` of an array, in blocks; each of the two results
+/// may be null.
+template <class Interface>
+void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
+               typename Interface::Value* values, typename Interface::Gradient* gradients,
+               std::size_t begin, std::size_t end) {
+    Workspace& workspace = Workspace::local();
+    Workspace::Run const run(workspace);
+    for (std::size_t at = begin; at < end; at += kBlockSize) {
+        int const count = static_cast<int>(std::min(end - at, std::size_t{kBlockSize}));
+        Positions state;
+        state.first = static_cast<long long>(at);
+        state.keepAll = gradients != nullptr;
+        Block::Kept const kept(workspace, state);
+        Arena::Mark const bottom = workspace.stack.mark();
+        float* const x = workspace.stack.floats(3 * kBlockSize);
+        float *const y = x + kBlockSize, *const z = y + kBlockSize;
+        Block block(workspace, state, count, x, y, z);
+        Block::Frame const frame(block, bottom);
+        forEachLane(count, [=, p = positions + at](int i) ZEL_LANES {
+            x[i] = p[i].x;
+            y[i] = p[i].y;
+            z[i] = p[i].z;
+        });
+        if (values) {
+            if constexpr (kComponents<typename Interface::Value> == 1) {
+                BlockResult<float> out(values + at);
+                block.writeValues(field, false, out);
+            } else {
+                auto const v = block.values(field);
+                forEachLane(count, [=, to = values + at](int i) ZEL_LANES { to[i] = v[i]; });
+            }
+        }
+        if (gradients) {
+            auto const g = block.gradients(field);
+            forEachLane(count, [=, to = gradients + at](int i) ZEL_LANES { to[i] = g[i]; });
+        }
+    }
+}
+
+}  // namespace detail
+}  // namespace zel

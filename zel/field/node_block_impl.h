@@ -1,0 +1,332 @@
+#pragma once
+
+#include <array>
+#include <concepts>
+#include <tuple>
+#include <typeinfo>
+
+#include "zel/field/block.h"
+#include "zel/field/lane_loop.h"
+#include "zel/field/node_impl.h"
+
+// The block forms of the bases in node.h, by the formulas that their point forms use.
+namespace zel {
+
+/// Sets `out` to `formula(v...)` of each position, with the values in `lanes`. Part of a node's
+/// block form.
+template <class T, class Formula, class... In>
+void mapLanes(Block& block, BlockResult<T>& out, Formula const& formula,
+              Lanes<In> const&... lanes) {
+    auto const write = out.writer();
+    detail::forEachLane<kComponents<T> == 1>(
+        block.count(), [write, formula, ... in = lanes.component](int i)
+                           ZEL_LANES { write.set(i, formula(Lanes<In>{in}[i]...)); });
+}
+
+namespace detail {
+
+/// Whether a node is of its class and of none derived from it, which could override point `eval`.
+template <class Node> bool isExactly(Node const& node) {
+    return typeid(node) == typeid(Node);
+}
+
+/// Whether a node's point `grad` is the default one of its interface.
+template <class Node, class Interface>
+inline constexpr bool hasDefaultGradient =
+    std::same_as<decltype(&Node::grad), decltype(&Interface::grad)>;
+
+/// An array of integers that stays until the frame ends.
+inline int* allocateInts(Block& block) {
+    static_assert(sizeof(int) == sizeof(float));
+    return new (block.allocate()) int[kBlockSize];
+}
+
+inline bool allEqual(int const* chosen, int count) {
+    int differing = 0;
+    for (int i = 1; i < count; ++i) differing |= chosen[i] ^ chosen[0];
+    return differing == 0;
+}
+
+/// Sets `out` from `ask(branch, block)` for the positions at which the branch is `chosen`, of 0 to
+/// kBranches - 1, and to zero where it is negative. A branch is asked once at most, for its own
+/// positions alone.
+template <int kBranches, class T, class Ask>
+void select(Block& block, int const* chosen, BlockResult<T>& out, Ask const& ask) {
+    int const count = block.count();
+    if (chosen[0] >= 0 && allEqual(chosen, count)) {
+        out.set(ask(chosen[0], block));
+        return;
+    }
+    auto const write = out.writer();
+    int* const places = allocateInts(block);
+    for (int branch = -1; branch < kBranches; ++branch) {
+        int placeCount = 0;
+        for (int i = 0; i < count; ++i) {
+            places[placeCount] = i;
+            placeCount += chosen[i] == branch;
+        }
+        if (placeCount == 0) continue;
+        auto const scatter = [&](auto const& from) {
+            for (int i = 0; i < placeCount; ++i) write.set(places[i], from[i]);
+        };
+        if (branch < 0) {
+            for (int i = 0; i < placeCount; ++i) write.set(places[i], T{});
+        } else {
+            block.withChoice(places, placeCount, [&](Block& some) { scatter(ask(branch, some)); });
+        }
+    }
+}
+
+/// Sets `out` to the gradient of the child that is `chosen`, zero where that is negative. All
+/// children are asked, at all positions: for light ones that is quicker than to ask for some.
+template <class Gradient, class... Child>
+void blend(Block& block, int const* chosen, BlockResult<Gradient>& out,
+           Quern::Ptr<Child> const&... child) {
+    Block::Frame const frame(block);
+    std::array<Lanes<Gradient>, sizeof...(Child)> const g{block.gradients(child)...};
+    auto const write = out.writer();
+    for (unsigned c = 0; c < write.component.size(); ++c) {
+        float* const to = write.component[c];
+        float const* const first = g[0].component[c];
+        if constexpr (sizeof...(Child) == 2) {
+            float const* const second = g[1].component[c];
+            forEachLane<true>(block.count(), [=](int i) ZEL_LANES {
+                to[i] = chosen[i] == 0 ? first[i] : second[i];
+            });
+        } else {
+            static_assert(sizeof...(Child) == 1);
+            forEachLane<true>(block.count(),
+                              [=](int i) ZEL_LANES { to[i] = chosen[i] == 0 ? first[i] : 0.0F; });
+        }
+    }
+}
+
+/// The gradients of the child of a number.
+template <class Gradient, class... Child>
+Lanes<Gradient> gradientsOfChild(int number, Block& block, Quern::Ptr<Child> const&... child) {
+    Lanes<Gradient> lanes;
+    int at = 0;
+    ((at++ == number ? void(lanes = block.gradients(child)) : void()), ...);
+    return lanes;
+}
+
+}  // namespace detail
+
+template <class Self, class Interface>
+void NamedNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
+    if constexpr (NodeAccess::hasBlockValues<Self, Value>)
+        if (detail::isExactly(this->self()))
+            return NodeAccess::blockValues(this->self(), block, out);
+    Interface::evalBlock(block, out);
+}
+
+template <class Self, class Interface>
+void NamedNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& out) const {
+    if constexpr (NodeAccess::hasBlockGradients<Self, Gradient>) {
+        if (detail::isExactly(this->self()))
+            return NodeAccess::blockGradients(this->self(), block, out);
+    } else if constexpr (NodeAccess::hasBlockValues<Self, Value> &&
+                         detail::hasDefaultGradient<Self, Interface>) {
+        if (detail::isExactly(this->self()))
+            return detail::differencesInBlock<Interface>(*this, block, out);
+    }
+    Interface::gradBlock(block, out);
+}
+
+template <class Self, class Interface>
+void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
+    if constexpr (NodeAccess::hasView<Self, Block>) {
+        out.set(NodeAccess::viewOf(node, block));
+        out.lanes.light = true;
+    } else {
+        auto const write = out.writer();
+        detail::forEachLane(block.count(),
+                            [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
+                                write.set(i, NodeAccess::valueOf(node, p[i], block.index(i)));
+                            });
+        out.lanes.light = !NodeAccess::isHeavy<Self>;
+    }
+}
+
+template <class Self, class Interface>
+void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
+    auto const write = out.writer();
+    detail::forEachLane(block.count(),
+                        [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
+                            write.set(i, NodeAccess::gradientOf(node, p[i], block.index(i)));
+                        });
+}
+
+template <class Self, class Interface>
+void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
+    auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) {
+        using In = std::tuple<Lanes<typename Child::Value>...>;
+        if constexpr (NodeAccess::hasView<Self, Lanes<typename Child::Value> const...>) {
+            In const in{block.values(child)...};
+            out.set(std::apply(
+                [&](auto const&... lanes) { return NodeAccess::viewOf(node, lanes...); }, in));
+        } else {
+            Block::Frame const frame(block);
+            In const in{block.values(child)...};
+            std::apply(
+                [&](auto const&... lanes) {
+                    mapLanes(
+                        block, out,
+                        [&node](auto const&... v)
+                            ZEL_LANES { return NodeAccess::valueOf(node, v...); },
+                        lanes...);
+                    out.lanes.light = (!NodeAccess::isHeavy<Self> && ... && lanes.light);
+                },
+                in);
+        }
+    };
+    std::apply(form, NodeAccess::children(node));
+}
+
+template <class Self, class Interface>
+void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
+    auto const form = [&]<class... Child>([[maybe_unused]] Quern::Ptr<Child> const&... child) {
+        auto const map = [&](auto const& formula, auto const&... lanes) {
+            std::apply([&](auto const&... in) { mapLanes(block, out, formula, in...); },
+                       std::tuple_cat(lanes...));
+        };
+        auto const formula = [&node](auto const&... in)
+                                 ZEL_LANES { return NodeAccess::gradientOf(node, in...); };
+        using Values = std::tuple<Lanes<typename Child::Value>...>;
+        using Gradients = std::tuple<Lanes<typename Child::Gradient>...>;
+
+        if constexpr (NodeAccess::hasGradient<Self>) {
+            map(formula);
+        } else if constexpr (NodeAccess::hasGradient<Self, typename Child::Gradient...>) {
+            Block::Frame const frame(block);
+            Gradients const g{block.gradients(child)...};
+            map(formula, g);
+        } else if constexpr (NodeAccess::hasGradientFromValue<Self, Value,
+                                                              typename Child::Gradient...>) {
+            Block::Frame const frame(block);
+            std::tuple const own{block.values(static_cast<Interface const&>(*this))};
+            Gradients const g{block.gradients(child)...};
+            map([&node](auto const&... in)
+                    ZEL_LANES { return NodeAccess::gradientFromValue(node, in...); },
+                own, g);
+        } else if constexpr (NodeAccess::hasGradientChoice<Self, typename Child::Value...>) {
+            int* const chosen = detail::allocateInts(block);
+            bool light = false;
+            {
+                Block::Frame const frame(block);
+                Values const values{block.values(child)...};
+                std::apply(
+                    [&](auto const&... v) {
+                        detail::forEachLane(block.count(), [&node, chosen, v...](int i) ZEL_LANES {
+                            chosen[i] = NodeAccess::gradientChoice(node, v[i]...);
+                        });
+                        light = (v.light && ...);
+                    },
+                    values);
+            }
+            if (light && !detail::allEqual(chosen, block.count()))
+                return detail::blend<Gradient>(block, chosen, out, child...);
+            detail::select<sizeof...(Child)>(block, chosen, out, [&](int number, Block& some) {
+                return detail::gradientsOfChild<Gradient>(number, some, child...);
+            });
+        } else {
+            Block::Frame const frame(block);
+            Values const v{block.values(child)...};
+            Gradients const g{block.gradients(child)...};
+            map(formula, v, g);
+        }
+    };
+    std::apply(form, NodeAccess::children(node));
+}
+
+namespace detail {
+
+/// The positions at which a TransformNode asks its child.
+template <class Node> Lanes<float3> childPositions(Node const& node, Block& block) {
+    auto moved = block.result<float3>();
+    mapLanes(
+        block, moved,
+        [&node](float3 const& p) ZEL_LANES { return NodeAccess::childPosition(node, p); },
+        block.positions());
+    return moved.lanes;
+}
+
+}  // namespace detail
+
+template <class Self, class Interface>
+void TransformNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
+    auto const& field = std::get<0>(NodeAccess::children(node));
+    Block::Frame const frame(block);
+    block.withPositions(detail::childPositions(node, block), [&](Block& there) {
+        if constexpr (NodeAccess::movesOnly<Self>) {
+            there.writeValues(*field, field.useCount() > 1, out);
+        } else {
+            auto const v = there.values(field);
+            mapLanes(
+                there, out,
+                [&node](Value const& in) ZEL_LANES { return NodeAccess::valueOf(node, in); }, v);
+            out.lanes.light = v.light;
+        }
+    });
+}
+
+template <class Self, class Interface>
+void TransformNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
+    auto const& field = std::get<0>(NodeAccess::children(node));
+    Block::Frame const frame(block);
+    block.withPositions(detail::childPositions(node, block), [&](Block& there) {
+        mapLanes(
+            there, out,
+            [&node](Gradient const& g) ZEL_LANES { return NodeAccess::gradientOf(node, g); },
+            there.gradients(field));
+    });
+}
+
+namespace detail {
+
+/// Which child of a SwitchNode is taken.
+inline int* branches(Block& block, ScalarPtr const& condition) {
+    int* const chosen = allocateInts(block);
+    Block::Frame const frame(block);
+    auto const c = block.values(condition);
+    forEachLane(block.count(), [chosen, c](int i) ZEL_LANES { chosen[i] = c[i] > 0 ? 0 : 1; });
+    return chosen;
+}
+
+}  // namespace detail
+
+template <class Self, class Interface>
+void SwitchNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
+    auto const& [condition, a, b] = NodeAccess::children(node);
+    detail::select<2>(
+        block, detail::branches(block, condition), out,
+        [&, &a = a, &b = b](int branch, Block& some) { return some.values(branch == 0 ? a : b); });
+    out.lanes.light = false;  // the condition and the other branch may not be
+}
+
+template <class Self, class Interface>
+void SwitchNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& out) const {
+    Self const& node = this->self();
+    if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
+    auto const& [condition, a, b] = NodeAccess::children(node);
+    detail::select<2>(block, detail::branches(block, condition), out,
+                      [&, &a = a, &b = b](int branch, Block& some) {
+                          return some.gradients(branch == 0 ? a : b);
+                      });
+}
+
+}  // namespace zel
