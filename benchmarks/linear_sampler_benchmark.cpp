@@ -1,0 +1,394 @@
+// The linear sampler in a volume that is filled throughout, against a trilinear read of a dense
+// array of the same samples, written by hand, and against OpenVDB's box sampler with an accessor
+// where that library is installed: along scan lines in half-voxel steps of a volume that the caches
+// hold, and at random points of one that they do not.
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "orvane_geometry_volume/tile_tree.h"
+#include "ratio_table.h"
+#include "zel/sampler/voxel_sampler_linear.h"
+
+#ifdef ZEL_WITH_OPENVDB
+#include <openvdb/math/Stencils.h>
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/Dense.h>
+#include <openvdb/tools/Interpolation.h>
+#endif
+
+namespace {
+
+using namespace ORV::TileTree3D;
+
+constexpr float kVoxelSize = 0.1F;
+constexpr int kWorld = 2;
+
+template <class T> T function(float3 const& p) {
+    float const v = p.x * p.y - p.z + std::abs(p.x - p.z);
+    if constexpr (std::same_as<T, float>)
+        return v;
+    else
+        return {v, 1 - v, 2 * v};
+}
+
+/// Positions one array a component, in world units.
+struct Positions {
+    std::vector<float> x, y, z;
+
+    int count() const { return static_cast<int>(x.size()); }
+    float3 operator[](int i) const {
+        auto const n = static_cast<std::size_t>(i);
+        return {x[n], y[n], z[n]};
+    }
+    void add(float i, float j, float k) {
+        x.push_back(i * kVoxelSize);
+        y.push_back(j * kVoxelSize);
+        z.push_back(k * kVoxelSize);
+    }
+};
+
+/// Inside a cube of `size` voxels whose low corner is at `low`: line after line, half a voxel from
+/// one to the next and to the next line, or at random.
+Positions makePositions(bool scan, int low, int size, int count) {
+    Positions p;
+    auto const first = static_cast<float>(low) + 0.25F;
+    if (scan) {
+        int const steps = 2 * size - 2;
+        for (int n = 0; n < count; ++n)
+            p.add(first + 0.5F * static_cast<float>(n % steps),
+                  first + 0.5F * static_cast<float>(n / steps % steps),
+                  first + 0.5F * static_cast<float>(n / steps / steps + steps / 2));
+        return p;
+    }
+    std::mt19937 engine(3);
+    std::uniform_real_distribution<float> inside(first, first + static_cast<float>(size) - 1.75F);
+    while (p.count() < count) {
+        float const i = inside(engine), j = inside(engine);
+        p.add(i, j, inside(engine));
+    }
+    return p;
+}
+
+/// A dense array of samples, x fastest.
+template <class T> struct Dense {
+    int low, size;
+    std::vector<T> samples;
+    float inverse = 1 / kVoxelSize;
+
+    static T lerp(T const& a, T const& b, float t) { return (b - a) * t + a; }
+
+    T sample(float3 const& p, float3* gradient = nullptr) const {
+        auto const l = static_cast<float>(low);
+        float const x = p.x * inverse - l, y = p.y * inverse - l, z = p.z * inverse - l;
+        auto const end = static_cast<float>(size - 1);
+        if (!(x >= 0 && x < end && y >= 0 && y < end && z >= 0 && z < end)) return T();
+        int const i = static_cast<int>(x), j = static_cast<int>(y), k = static_cast<int>(z);
+        float const fx = x - static_cast<float>(i), fy = y - static_cast<float>(j),
+                    fz = z - static_cast<float>(k);
+        std::ptrdiff_t const row = size, slice = row * size;
+        T const* const c = samples.data() + i + row * j + slice * k;
+        T const x00 = lerp(c[0], c[1], fx), x10 = lerp(c[row], c[row + 1], fx),
+                x01 = lerp(c[slice], c[slice + 1], fx),
+                x11 = lerp(c[slice + row], c[slice + row + 1], fx);
+        T const y0 = lerp(x00, x10, fy), y1 = lerp(x01, x11, fy);
+        if constexpr (std::same_as<T, float>) {
+            if (gradient) {
+                float const dx0 = lerp(c[1] - c[0], c[row + 1] - c[row], fy);
+                float const dx1 =
+                    lerp(c[slice + 1] - c[slice], c[slice + row + 1] - c[slice + row], fy);
+                *gradient =
+                    float3{lerp(dx0, dx1, fz), lerp(x10 - x00, x11 - x01, fz), y1 - y0} * inverse;
+            }
+        }
+        return lerp(y0, y1, fz);
+    }
+};
+
+/// One way to read samples at all positions.
+struct Reader {
+    std::string name;
+    /// Reads all positions, and returns the sum of what it read.
+    std::function<double()> run;
+};
+
+/// Calls `read(position)` for all positions, and sums the floats of what it gives.
+template <class Read> double sumOf(Positions const& at, Read const& read) {
+    float sum = 0;
+    for (int i = 0, n = at.count(); i < n; ++i) {
+        auto const value = read(at[i]);
+        if constexpr (sizeof value == sizeof(float))
+            sum += value;
+        else
+            sum += value.x + value.y + value.z;
+    }
+    return static_cast<double>(sum);
+}
+
+#ifdef ZEL_WITH_OPENVDB
+template <class T> struct Vdb {
+    using Grid = std::conditional_t<std::same_as<T, float>, openvdb::FloatGrid, openvdb::Vec3SGrid>;
+    using Value = typename Grid::ValueType;
+
+    explicit Vdb(Dense<T> const& dense) : grid(Grid::create()) {
+        openvdb::CoordBBox const box(openvdb::Coord(dense.low),
+                                     openvdb::Coord(dense.low + dense.size - 1));
+        auto* const data = const_cast<Value*>(reinterpret_cast<Value const*>(dense.samples.data()));
+        openvdb::tools::Dense<Value, openvdb::tools::LayoutXYZ> const array(box, data);
+        openvdb::tools::copyFromDense(array, *grid, Value(0.0F));
+    }
+    static openvdb::Vec3d index(float3 const& p) {
+        constexpr float kInverse = 1 / kVoxelSize;
+        return {p.x * kInverse, p.y * kInverse, p.z * kInverse};
+    }
+    double values(Positions const& at) const {
+        auto const accessor = grid->getConstAccessor();
+        return sumOf(at, [&](float3 const& p) {
+            auto const value = openvdb::tools::BoxSampler::sample(accessor, index(p));
+            if constexpr (std::same_as<T, float>)
+                return value;
+            else
+                return float3{value.x(), value.y(), value.z()};
+        });
+    }
+    double gradients(Positions const& at) const {
+        openvdb::math::BoxStencil<Grid> stencil(*grid);
+        return sumOf(at, [&](float3 const& p) {
+            openvdb::math::Vec3<Value> const i(index(p));
+            stencil.moveTo(i);
+            auto const g = stencil.gradient(i);
+            constexpr float kInverse = 1 / kVoxelSize;
+            return stencil.interpolation(i) + g.x() * kInverse + g.y() * kInverse +
+                   g.z() * kInverse;
+        });
+    }
+
+    typename Grid::Ptr grid;
+};
+#endif
+
+/// A volume, the same samples in an array, and what reads them.
+template <class Traits, class T> class Subject {
+public:
+    Subject(std::string const& name, bool scan, int tiles, int count)
+        : m_low(Traits::kBranch == 2 ? 0 : -2), m_size(tiles * Traits::kSamples),
+          m_positions(makePositions(scan, m_low, m_size, count)),
+          m_volume(buildVolume<Traits, T>(
+              kVoxelSize, Traits::kMaxDepth,
+              [this](float3 const& low, float3 const& high, int) {
+                  float const first = (static_cast<float>(m_low) + 0.5F) * kVoxelSize,
+                              last = (static_cast<float>(m_low + m_size) - 0.5F) * kVoxelSize;
+                  return low.x < last && low.y < last && low.z < last && high.x > first &&
+                         high.y > first && high.z > first;
+              },
+              function<T>)),
+          m_halo("", &m_volume.channel->defaultValue(), 0, false, true, 0, Traits::kMaxDepth),
+          m_dense{m_low, m_size, {}} {
+        m_halo.update(*m_volume.topology);
+        computeHalo<Traits, T, 0, 0, 1, 0>(*m_volume.channel, *m_volume.container, m_halo, 0,
+                                           Traits::kMaxDepth);
+        auto const n = static_cast<std::size_t>(m_size);
+        m_dense.samples.reserve(n * n * n);
+        auto const accessor = m_volume.container->tileAccessor();
+        for (int k = 0; k < m_size; ++k)
+            for (int j = 0; j < m_size; ++j)
+                for (int i = 0; i < m_size; ++i) {
+                    int3 const p{m_low + i, m_low + j, m_low + k};
+                    auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
+                    m_dense.samples.push_back(std::as_const(*m_volume.channel)
+                                                  .tileData(tile.treeIndex())(p - tile.tijk()));
+                }
+        m_out.assign(static_cast<std::size_t>(6 * count), 0);
+        m_halos = std::make_unique<LinearSampler<Traits, T>>(*m_volume.container,
+                                                             *m_volume.topology, m_halo);
+        m_direct = std::make_unique<LinearSampler<Traits, T>>(
+            *m_volume.container, *m_volume.topology, *m_volume.channel);
+        VoxelTopology<Traits> const middles(m_volume.container, 0);
+        m_ring = std::make_unique<LinearSampler<Traits, T>>(*m_volume.container, middles,
+                                                            *m_volume.channel);
+
+        add(name + "/dense", [this] {
+            return sumOf(m_positions, [&](float3 const& p) { return m_dense.sample(p); });
+        });
+        addSampler(name + "/halo", *m_halos);
+        add(name + "/halo_block", [this] { return block(); });
+        if (scan) {
+            addSampler(name + "/channel", *m_direct);
+            addSampler(name + "/ring", *m_ring);
+        }
+        if constexpr (std::same_as<T, float>) {
+            std::string const gradient = name + "_gradient";
+            add(gradient + "/dense", [this] {
+                return sumOf(m_positions, [&](float3 const& p) {
+                    float3 g;
+                    float const v = m_dense.sample(p, &g);
+                    return v + g.x + g.y + g.z;
+                });
+            });
+            add(gradient + "/halo", [this] {
+                return sumOf(m_positions, [&](float3 const& p) {
+                    float3 g;
+                    float const v = m_halos->sampleGradient(p, Traits::kMaxDepth, kWorld, g);
+                    return v + g.x + g.y + g.z;
+                });
+            });
+            add(gradient + "/halo_block", [this] { return gradientBlock(); });
+        }
+#ifdef ZEL_WITH_OPENVDB
+        m_vdb = std::make_unique<Vdb<T>>(m_dense);
+        add(name + "/openvdb", [this] { return m_vdb->values(m_positions); });
+        if constexpr (std::same_as<T, float>)
+            add(name + "_gradient/openvdb", [this] { return m_vdb->gradients(m_positions); });
+#endif
+    }
+    Subject(Subject const&) = delete;
+
+    std::vector<Reader> const& readers() const {
+        return m_readers;
+    }
+    int count() const {
+        return m_positions.count();
+    }
+
+    /// Whether the ways to read the same place give about the same.
+    bool agree() {
+        for (int i = 0; i < count(); i += 101) {
+            T const a = m_halos->sample(m_positions[i], Traits::kMaxDepth, kWorld);
+            T const b = m_dense.sample(m_positions[i]);
+            auto const first = [](T const& v) { return *reinterpret_cast<float const*>(&v); };
+            if (std::abs(first(a) - first(b)) > 1e-3F * (1 + std::abs(first(b)))) return false;
+        }
+        return true;
+    }
+
+private:
+    void add(std::string const& name, std::function<double()> run) {
+        m_readers.push_back({name, std::move(run)});
+    }
+    void addSampler(std::string const& name, LinearSampler<Traits, T>& sampler) {
+        add(name, [this, &sampler] {
+            return sumOf(m_positions, [&](float3 const& p) {
+                return sampler.sample(p, Traits::kMaxDepth, kWorld);
+            });
+        });
+    }
+    float* out(int array) {
+        return m_out.data() + array * count();
+    }
+    double block() {
+        auto const& [x, y, z] = m_positions;
+        std::array<float*, sizeof(T) / sizeof(float)> values;
+        for (std::size_t i = 0; i < values.size(); ++i) values[i] = out(static_cast<int>(i));
+        m_halos->sampleBlock(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth, kWorld,
+                             values);
+        return static_cast<double>(*values[0]);
+    }
+    double gradientBlock() {
+        auto const& [x, y, z] = m_positions;
+        m_halos->sampleGradientBlock(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth,
+                                     kWorld, out(0), {out(1), out(2), out(3)});
+        return static_cast<double>(*out(0));
+    }
+
+    int m_low, m_size;
+    Positions m_positions;
+    Volume<Traits, T> m_volume;
+    HaloChannel<Traits, T> m_halo;
+    Dense<T> m_dense;
+    std::unique_ptr<LinearSampler<Traits, T>> m_halos, m_direct, m_ring;
+#ifdef ZEL_WITH_OPENVDB
+    std::unique_ptr<Vdb<T>> m_vdb;
+#endif
+    std::vector<float> m_out;
+    std::vector<Reader> m_readers;
+};
+
+void registerReader(Reader const& reader, int count) {
+    auto const run = [&reader, count](benchmark::State& state) {
+        for (auto _ : state) {
+            benchmark::DoNotOptimize(reader.run());
+            benchmark::ClobberMemory();
+        }
+        using benchmark::Counter;
+        state.counters[RatioReporter::kCounter] =
+            Counter(count, Counter::kIsIterationInvariantRate | Counter::kInvert);
+    };
+    benchmark::RegisterBenchmark(reader.name.c_str(), run)->Unit(benchmark::kMillisecond);
+}
+
+void printTable(RatioReporter const& report, std::vector<std::string> const& names) {
+    std::printf("\nread                                    median     least  of dense"
+                "   (ns a position, one thread)\n");
+    for (std::string const& name : names) {
+        RatioReporter::Times const own = report[name];
+        double const dense = report[name.substr(0, name.rfind('/')) + "/dense"].median;
+        std::printf("%-36s", name.c_str());
+        printCell(own.median, 10, 2);
+        printCell(own.least, 10, 2);
+        printCell(ratio(own.median, dense), 10, 2);
+        std::printf("\n");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Repetitions in random order even out what else the machine does. The user's own options come
+    // later and win.
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.02",
+                              "--benchmark_enable_random_interleaving=true"};
+    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+#ifndef ZEL_WITH_OPENVDB
+    std::printf("OpenVDB was not found when this was built: no comparison with it\n");
+#endif
+
+    constexpr int kScan = 1 << 17, kRandom = 1 << 20;
+    Subject<BinaryTraits, float> scan2("scan/2-tree/float", true, 32, kScan);
+    Subject<BinaryTraits, float3> scanVectors("scan/2-tree/float3", true, 32, kScan);
+    Subject<QuinaryTraits, float> scan5("scan/5-tree/float", true, 26, kScan);
+    Subject<QuinaryTraits, float3> scanVectors5("scan/5-tree/float3", true, 26, kScan);
+    Subject<BinaryTraits, float> random2("random/2-tree/float", false, 88, kRandom);
+    Subject<BinaryTraits, float3> randomVectors("random/2-tree/float3", false, 60, kRandom);
+    Subject<QuinaryTraits, float> random5("random/5-tree/float", false, 70, kRandom);
+
+    std::vector<std::string> names;
+    bool agree = true;
+    auto const enter = [&](auto& subject) {
+        agree = agree && subject.agree();
+        for (Reader const& reader : subject.readers()) {
+            registerReader(reader, subject.count());
+            names.push_back(reader.name);
+        }
+    };
+    enter(scan2);
+    enter(scanVectors);
+    enter(scan5);
+    enter(scanVectors5);
+    enter(random2);
+    enter(randomVectors);
+    enter(random5);
+    if (!agree) {
+        std::fprintf(stderr, "the sampler and the dense array differ\n");
+        return EXIT_FAILURE;
+    }
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    std::sort(names.begin(), names.end());
+    printTable(reporter, names);
+    benchmark::Shutdown();
+    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+}

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#ifdef __SSE__
+#include <xmmintrin.h>
+#endif
+
+#include "orvane_math/vectors.h"
+
+// Four floats in a register, by the vector extension of the compilers: the same operations as one
+// by one, and so the same bits.
+namespace ORV::TileTree3D::Internal {
+
+using Lanes = float __attribute__((vector_size(16)));
+using IntLanes = std::int32_t __attribute__((vector_size(16)));
+
+inline Lanes lanesOf(Orvane::Math::float3 const& v) {
+    return Lanes{v.x, v.y, v.z, 0};
+}
+inline Orvane::Math::float3 float3Of(Lanes const& v) {
+    return {v[0], v[1], v[2]};
+}
+
+inline bool allSet(IntLanes const& mask) {
+    using Halves = std::int64_t __attribute__((vector_size(16)));
+    auto const halves = std::bit_cast<Halves>(mask);
+    return (halves[0] & halves[1]) == -1;
+}
+/// 0 where the mask is set.
+inline Lanes cleared(Lanes const& v, IntLanes const& mask) {
+    return std::bit_cast<Lanes>(std::bit_cast<IntLanes>(v) & ~mask);
+}
+
+/// The lower ones; `b` where they do not compare.
+inline Lanes lower(Lanes const& a, Lanes const& b) {
+#ifdef __SSE__
+    return _mm_min_ps(a, b);
+#else
+    return a < b ? a : b;
+#endif
+}
+
+/// Without the fraction; `v` must fit.
+inline IntLanes truncated(Lanes const& v) {
+    return __builtin_convertvector(v, IntLanes);
+}
+inline Lanes converted(IntLanes const& v) {
+    return __builtin_convertvector(v, Lanes);
+}
+
+inline Lanes load(float const* four) {
+    Lanes v;
+    std::memcpy(&v, four, sizeof v);
+    return v;
+}
+/// Two floats from either place.
+inline Lanes load(float const* two, float const* twoMore) {
+    using Pairs = std::uint64_t __attribute__((vector_size(16)));
+    std::uint64_t a, b;
+    std::memcpy(&a, two, sizeof a);
+    std::memcpy(&b, twoMore, sizeof b);
+    return std::bit_cast<Lanes>(Pairs{a, b});
+}
+
+/// From `a` to `b` as `t` goes from 0 to 1.
+template <class V, class S> V lerp(V const& a, V const& b, S const& t) {
+    return (b - a) * t + a;
+}
+
+}  // namespace ORV::TileTree3D::Internal

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+
+#include "orvane_geometry_volume/tile_data.h"
+#include "zel/api.h"
+
+// Ring tiles: the samples of a tile and one layer more on all six sides, for topologies whose
+// samples do not all lie on the low corners of their voxels.
+//
+// A sample of the ring is that of the neighbour of the same depth, where there is one. Elsewhere
+// the ring continues the coarser level. Along an axis whose samples lie at the middle of voxels,
+// the value midway between the last sample and that of the ring is the coarse value at the tile's
+// face. Along an axis whose samples lie on voxel faces, the layer on the tile's face takes the
+// coarse value itself, and a layer below that is extrapolated.
+namespace ORV::TileTree3D {
+
+/// The samples of a tile and its ring: indices -1 to W.
+template <class Traits, class T> using RingTile = TileData<T, Traits::kSamples, 1, 0>;
+/// The samples of a tile.
+template <class Traits, class T> using OwnData = ConstTileData<T, Traits::kSamples, 0, 0>;
+/// The samples of the tiles of the same depth around a tile, by NeighborDirection; no data where
+/// there is no such tile. That of direction 13, the tile itself, is not read.
+template <class Traits, class T> using NeighborData = std::array<OwnData<Traits, T>, 27>;
+
+/// Fills a ring tile. `in_parent` is the parent's ring tile, and (`in_ci`, `in_cj`, `in_ck`) the
+/// child position of the tile in it, 0 to B - 1 along each axis; it is read where a neighbour is
+/// missing, linearly between its samples, and reproduces linear functions.
+template <class Traits, class T>
+void fillRingTile(VoxelOffsetType in_offsetType, RingTile<Traits, T> const& in_parent, int in_ci,
+                  int in_cj, int in_ck, OwnData<Traits, T> const& in_own,
+                  NeighborData<Traits, T> const& in_neighbors, RingTile<Traits, T>& io_ring);
+
+/// Fills a ring tile so that the value at the tile's faces is `in_default`: for a tile without a
+/// parent to read.
+template <class Traits, class T>
+void fillRingTileFromDefault(VoxelOffsetType in_offsetType, T const& in_default,
+                             OwnData<Traits, T> const& in_own, RingTile<Traits, T>& io_ring);
+
+#define ZEL_DETAIL_RING_FILL(prefix, Traits, T)                                                    \
+    prefix template ZEL_API void fillRingTile<Traits, T>(                                          \
+        VoxelOffsetType, RingTile<Traits, T> const&, int, int, int, OwnData<Traits, T> const&,     \
+        NeighborData<Traits, T> const&, RingTile<Traits, T>&);                                     \
+    prefix template ZEL_API void fillRingTileFromDefault<Traits, T>(                               \
+        VoxelOffsetType, T const&, OwnData<Traits, T> const&, RingTile<Traits, T>&)
+#define ZEL_DETAIL_RING_FILLS(prefix)                                                              \
+    ZEL_DETAIL_RING_FILL(prefix, BinaryTraits, float);                                             \
+    ZEL_DETAIL_RING_FILL(prefix, BinaryTraits, float3);                                            \
+    ZEL_DETAIL_RING_FILL(prefix, QuinaryTraits, float);                                            \
+    ZEL_DETAIL_RING_FILL(prefix, QuinaryTraits, float3)
+ZEL_DETAIL_RING_FILLS(extern);
+
+}  // namespace ORV::TileTree3D

@@ -1,0 +1,179 @@
+#include "zel/sampler/voxel_sampler_linear.h"
+
+#include <bit>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+
+#include "zel/sampler/ring_fill.h"
+
+namespace ORV::TileTree3D {
+
+ZEL_DETAIL_LINEAR_HEAD
+ZEL_DETAIL_LINEAR::VoxelSamplerLinear(Container<Traits> const& container,
+                                      VoxelTopology<Traits> const& topology,
+                                      HaloChannel<Traits, T> const& halo)
+    : VoxelSampler<Traits, Real, Position>(container, topology),
+      m_neighborAccessor(container.tileAccessor()), m_container(&container), m_haloChannel(&halo),
+      m_invWorldVoxel(1.0F / container.voxelSize()), m_defaultValue(halo.defaultValue()),
+      m_minDepth(halo.belongsTo(container) ? halo.minDepth() : std::numeric_limits<int>::max()),
+      m_depth(halo.depth()) {
+    if (topology.offsetType() != 7)
+        throw std::invalid_argument("VoxelSamplerLinear: a halo channel, and offset type " +
+                                    std::to_string(topology.offsetType()));
+}
+
+ZEL_DETAIL_LINEAR_HEAD
+ZEL_DETAIL_LINEAR::VoxelSamplerLinear(Container<Traits> const& container,
+                                      VoxelTopology<Traits> const& topology,
+                                      DataChannel<Traits, T> const& channel)
+    : VoxelSampler<Traits, Real, Position>(container, topology),
+      m_neighborAccessor(container.tileAccessor()),
+      m_cornerCache(topology.offsetType() == 7 ? Traits::kMaxDepth + 1 : 0),
+      m_ringCache(topology.offsetType() != 7 ? Traits::kMaxDepth + 1 : 0), m_container(&container),
+      m_channel(&channel), m_invWorldVoxel(1.0F / container.voxelSize()),
+      m_defaultValue(channel.defaultValue()), m_minDepth(channel.minDepth()),
+      m_depth(channel.depth()) {
+    // Nothing can be read from the samples of other tiles: the default value everywhere.
+    if (!channel.belongsTo(container)) m_minDepth = std::numeric_limits<int>::max();
+}
+
+ZEL_DETAIL_LINEAR_HEAD ZEL_DETAIL_LINEAR::~VoxelSamplerLinear() = default;
+
+ZEL_DETAIL_LINEAR_HEAD Quern::String ZEL_DETAIL_LINEAR::samplerName() const {
+    return "kLinear";
+}
+
+/// Whether the eight samples from a voxel on are all the tile's own, so that the surroundings do
+/// not matter. On a low face a sample of a ring tile may differ from that of the tile.
+ZEL_DETAIL_LINEAR_HEAD
+bool ZEL_DETAIL_LINEAR::insideTile(Internal::IntLanes lijk) const {
+    int const lowest = this->m_offsetType == 7 ? 0 : 1;
+    auto const inside = [&](int i) { return lowest <= i && i < kSamples - 1; };
+    return inside(lijk[0]) && inside(lijk[1]) && inside(lijk[2]);
+}
+
+/// Whether to read a voxel of m_box->tree is to fill a tile of a cache.
+ZEL_DETAIL_LINEAR_HEAD bool ZEL_DETAIL_LINEAR::fills(Internal::IntLanes lijk) const {
+    TreeIndex const& tree = this->m_box->tree;
+    auto const depth = static_cast<unsigned>(tree.depth);
+    return !m_haloChannel && !insideTile(lijk) &&
+           (this->m_offsetType == 7 ? m_cornerCache[depth].tile : m_ringCache[depth].tile) !=
+               tree.tile;
+}
+
+ZEL_DETAIL_LINEAR_HEAD
+auto ZEL_DETAIL_LINEAR::channelCorner(Internal::IntLanes lijk) -> std::pair<T const*, int> {
+    TreeIndex const& tree = this->m_box->tree;
+    T const* const samples = m_channel->samples(tree);
+    if (!samples) return {nullptr, 0};
+    if (insideTile(lijk)) return {samples + flat(lijk, kSamples), kSamples};
+    if (this->m_offsetType == 7)
+        return {filled(m_cornerCache, tree).data() + flat(lijk, kHaloWidth), kHaloWidth};
+    return {filled(m_ringCache, tree).data() + flat(lijk + 1, kSamples + 2), kSamples + 2};
+}
+
+/// The data of a tile with its surroundings, which replaces that of another tile of its depth.
+ZEL_DETAIL_LINEAR_HEAD
+template <class Cache> auto& ZEL_DETAIL_LINEAR::filled(Cache& cache, TreeIndex const& tree) {
+    auto& entry = cache[static_cast<unsigned>(tree.depth)];
+    if (entry.tile != tree.tile) {
+        entry.tile = -1;
+        fill(cache, tree);
+        entry.tile = tree.tile;
+    }
+    return entry.data;
+}
+
+ZEL_DETAIL_LINEAR_HEAD
+void ZEL_DETAIL_LINEAR::fill(CornerCache& cache, TreeIndex const& tree) {
+    auto const& tile = m_container->tile(tree);
+    auto const& parent = m_container->tile(tile.parentTreeIndex());
+    bool const useParent = parent.exists() && tree.depth > m_minDepth;
+    typename CornerCache::value_type::Data none;
+    setHaloTile<Traits, T, A, B, C, D>(tile, useParent ? &parent : nullptr, *m_channel,
+                                       useParent ? filled(cache, parent.treeIndex()) : none, 2,
+                                       m_neighborAccessor,
+                                       cache[static_cast<unsigned>(tree.depth)].data);
+}
+
+ZEL_DETAIL_LINEAR_HEAD
+void ZEL_DETAIL_LINEAR::fill(RingCache& cache, TreeIndex const& tree) {
+    auto const& tile = m_container->tile(tree);
+    auto const& parent = m_container->tile(tile.parentTreeIndex());
+    auto& ring = cache[static_cast<unsigned>(tree.depth)].data;
+    auto const own = m_channel->tileData(tree);
+    if (!m_channel->samples(parent.treeIndex())) {
+        fillRingTileFromDefault<Traits, T>(this->m_offsetType, m_defaultValue, own, ring);
+        return;
+    }
+    NeighborData<Traits, T> neighbors;
+    bool surrounded = true;
+    for (NeighborDirection direction = 0; direction < 27; ++direction) {
+        if (direction == 13) continue;
+        auto const& neighbor = m_neighborAccessor.tileNeighbor(tile, direction);
+        // The accessor answers with a shallower tile where there is none of this depth.
+        if (neighbor.depth() == tile.depth())
+            neighbors[static_cast<unsigned>(direction)] = m_channel->tileData(neighbor.treeIndex());
+        surrounded = surrounded && neighbors[static_cast<unsigned>(direction)];
+    }
+    // The parent's ring is not read where all neighbours are there.
+    if (!surrounded) filled(cache, parent.treeIndex());
+    int3 const child = parent.childIJK(tile.tijk());
+    fillRingTile<Traits, T>(this->m_offsetType, cache[static_cast<unsigned>(parent.depth())].data,
+                            child.x, child.y, child.z, own, neighbors, ring);
+}
+
+/// Locates the first of some positions, a block at most and one at least, and asks memory for their
+/// samples. Returns how many.
+ZEL_DETAIL_LINEAR_HEAD
+int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* z, int count,
+                                   int maxDepth, int space, std::array<Located, kBlock>& located) {
+    int const end = std::min(count, kBlock);
+    for (int i = 0; i < end; ++i) {
+        Located& l = located[static_cast<unsigned>(i)];
+        l.corner = nullptr;
+        Internal::IntLanes lijk;
+        if (!find({x[i], y[i], z[i]}, maxDepth, space, lijk, l.frac)) continue;
+        l.depth = this->m_box->tree.depth;
+        if (m_haloChannel) {
+            l.corner = haloCorner(lijk);
+            l.width = kHaloWidth;
+        } else {
+            // A tile that is filled now would take the place of one that others wait for.
+            if (i > 0 && fills(lijk)) return i;
+            std::tie(l.corner, l.width) = channelCorner(lijk);
+        }
+        if (!l.corner) continue;
+        int const slice = l.width * l.width;
+        for (int const row : {0, l.width, slice, slice + l.width}) {
+            __builtin_prefetch(l.corner + row);
+            __builtin_prefetch(l.corner + row + 1);
+        }
+    }
+    return end;
+}
+
+ZEL_DETAIL_LINEAR_HEAD
+void ZEL_DETAIL_LINEAR::sampleBlock(float const* x, float const* y, float const* z, int count,
+                                    int maxDepth, int space,
+                                    std::array<float*, kFloats> const& values) {
+    std::array<Located, kBlock> block;
+    for (int i = 0; i < count;) {
+        int const located = locateBlock(x + i, y + i, z + i, count - i, maxDepth, space, block);
+        for (int j = 0; j < located; ++j, ++i) {
+            Located const& l = block[static_cast<unsigned>(j)];
+            auto const v =
+                std::bit_cast<std::array<float, kFloats>>(value(l.corner, l.width, l.frac));
+            for (std::size_t f = 0; f < kFloats; ++f) values[f][i] = v[f];
+        }
+    }
+}
+
+template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+template class VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+template class VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+template class VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+
+}  // namespace ORV::TileTree3D
