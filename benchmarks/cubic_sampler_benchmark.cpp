@@ -1,0 +1,325 @@
+// The cubic sampler, of all types, in a volume that is filled throughout: against a Lagrange
+// tricubic read of a dense array of the same samples, written by hand, and against OpenVDB's
+// quadratic sampler with an accessor where that library is installed, which reads 27 samples and
+// not 64. Along scan lines in half-voxel steps, and at random points. And the cost of a sample next
+// to a coarser tile, blended or adaptive, against that of one away from it.
+
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "orvane_geometry_volume/tile_tree.h"
+#include "ratio_table.h"
+#include "zel/sampler/voxel_sampler_cubic.h"
+
+#ifdef ZEL_WITH_OPENVDB
+#include <openvdb/openvdb.h>
+#include <openvdb/tools/Dense.h>
+#include <openvdb/tools/Interpolation.h>
+#endif
+
+namespace {
+
+using namespace ORV::TileTree3D;
+
+template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, float, float3, 0, 0>;
+
+constexpr float kVoxelSize = 0.1F;
+constexpr int kWorld = 2;
+
+template <class T> T function(float3 const& p) {
+    float const v = p.x * p.y - p.z + std::abs(p.x - p.z);
+    if constexpr (std::same_as<T, float>)
+        return v;
+    else
+        return {v, 1 - v, 2 * v};
+}
+
+/// Positions one array a component, in world units.
+struct Positions {
+    std::vector<float> x, y, z;
+
+    void add(float i, float j, float k) {
+        x.push_back(i * kVoxelSize);
+        y.push_back(j * kVoxelSize);
+        z.push_back(k * kVoxelSize);
+    }
+    int count() const { return static_cast<int>(x.size()); }
+    /// The sum of what `read` gives at all positions, of the first components.
+    template <class Read> double sum(Read const& read) const {
+        float total = 0;
+        for (std::size_t n = 0; n < x.size(); ++n) {
+            auto const value = read(float3{x[n], y[n], z[n]});
+            total += *reinterpret_cast<float const*>(&value);
+        }
+        return static_cast<double>(total);
+    }
+};
+
+/// Within `size` voxels from `low` on, two away from the sides: line after line, half a voxel from
+/// one to the next and to the next line, or at random.
+Positions makePositions(bool scan, int low, int size, int count) {
+    Positions p;
+    float const first = static_cast<float>(low) + 2.25F;
+    int const steps = 2 * size - 10;
+    std::mt19937 engine(3);
+    std::uniform_real_distribution<float> inside(first, first + 0.5F * static_cast<float>(steps));
+    for (int n = 0; n < count; ++n) {
+        auto const at = [&](int step) {
+            return scan ? first + 0.5F * static_cast<float>(step % steps) : inside(engine);
+        };
+        float const i = at(n), j = at(n / steps);
+        p.add(i, j, at(n / steps / steps + steps / 2));
+    }
+    return p;
+}
+
+/// A dense array of samples, x fastest.
+template <class T> struct Dense {
+    int low, size;
+    std::vector<T> samples;
+
+    T sample(float3 const& p) const {
+        constexpr float kInverse = 1 / kVoxelSize;
+        auto const l = static_cast<float>(low);
+        float const x = p.x * kInverse - l, y = p.y * kInverse - l, z = p.z * kInverse - l;
+        auto const end = static_cast<float>(size - 2);
+        if (!(x >= 1 && x < end && y >= 1 && y < end && z >= 1 && z < end)) return T();
+        int const i = static_cast<int>(x), j = static_cast<int>(y), k = static_cast<int>(z);
+        float wx[4], wy[4], wz[4];
+        weights(x - static_cast<float>(i), wx);
+        weights(y - static_cast<float>(j), wy);
+        weights(z - static_cast<float>(k), wz);
+        std::ptrdiff_t const row = size, slice = row * size;
+        T const* const corner = samples.data() + (i - 1) + row * (j - 1) + slice * (k - 1);
+        T columns[4] = {};  // the sums over y and z, for each x
+        for (int c = 0; c < 4; ++c)
+            for (int b = 0; b < 4; ++b) {
+                float const w = wy[b] * wz[c];
+                T const* const from = corner + row * b + slice * c;
+                for (int a = 0; a < 4; ++a) columns[a] += from[a] * w;
+            }
+        return columns[0] * wx[0] + columns[1] * wx[1] + columns[2] * wx[2] + columns[3] * wx[3];
+    }
+
+private:
+    static void weights(float t, float (&w)[4]) {
+        w[0] = t * (1 - t) * (t - 2) * (1.0F / 6);
+        w[1] = (t + 1) * (t - 1) * (t - 2) * 0.5F;
+        w[2] = t * (t + 1) * (2 - t) * 0.5F;
+        w[3] = t * (t + 1) * (t - 1) * (1.0F / 6);
+    }
+};
+
+/// One way to read samples at all positions; `baseline` names another one to compare it with.
+struct Reader {
+    std::string name, baseline;
+    int count;
+    std::function<double()> run;
+};
+using Readers = std::vector<Reader>;
+
+/// A volume that is filled throughout.
+template <class Traits, class T> class Filled {
+public:
+    Filled(std::string const& name, bool scan, int tiles, int count, Readers& readers)
+        : m_low(Traits::kBranch == 2 ? 0 : -2), m_size(tiles * Traits::kSamples),
+          m_positions(makePositions(scan, m_low, m_size, count)),
+          m_volume(buildVolume<Traits, T>(
+              kVoxelSize, Traits::kMaxDepth,
+              [this](float3 const& low, float3 const& high, int) {
+                  float const first = (static_cast<float>(m_low) - 3) * kVoxelSize,
+                              last = (static_cast<float>(m_low + m_size) + 3) * kVoxelSize;
+                  return low.x < last && low.y < last && low.z < last && high.x > first &&
+                         high.y > first && high.z > first;
+              },
+              function<T>)),
+          m_dense{m_low, m_size, {}} {
+        auto const accessor = m_volume.container->tileAccessor();
+        for (int n = 0; n < m_size * m_size * m_size; ++n) {
+            int3 const p{m_low + n % m_size, m_low + n / m_size % m_size,
+                         m_low + n / m_size / m_size};
+            auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
+            m_dense.samples.push_back(
+                std::as_const(*m_volume.channel).tileData(tile.treeIndex())(p - tile.tijk()));
+        }
+        std::string const dense = name + "/dense_lagrange";
+        auto const add = [&](std::string const& reader, std::function<double()> run) {
+            readers.push_back({name + "/" + reader, dense, count, std::move(run)});
+        };
+        add("dense_lagrange",
+            [this] { return m_positions.sum([&](float3 const& p) { return m_dense.sample(p); }); });
+        for (unsigned type = 0; type < 4; ++type) {
+            m_samplers[type] = std::make_unique<Sampler<Traits, T>>(
+                *m_volume.container, *m_volume.topology, *m_volume.channel, type, true,
+                kJumpTrilinear, nullptr, 0, 0);
+            auto& sampler = *m_samplers[type];
+            add("type_" + std::to_string(type), [this, &sampler] {
+                return m_positions.sum([&](float3 const& p) { return sampler.sample(p, kWorld); });
+            });
+        }
+        add("type_1_block", [this] { return block(); });
+#ifdef ZEL_WITH_OPENVDB
+        using openvdb::Coord, openvdb::CoordBBox;
+        CoordBBox const box(Coord(m_low), Coord(m_low + m_size - 1));
+        auto* const data = reinterpret_cast<typename Grid::ValueType*>(m_dense.samples.data());
+        openvdb::tools::Dense<typename Grid::ValueType, openvdb::tools::LayoutXYZ> const array(
+            box, data);
+        m_grid = Grid::create();
+        openvdb::tools::copyFromDense(array, *m_grid, typename Grid::ValueType(0.0F));
+        add("openvdb_quadratic", [this] {
+            auto const reader = m_grid->getConstAccessor();
+            return m_positions.sum([&](float3 const& p) {
+                constexpr float kInverse = 1 / kVoxelSize;
+                openvdb::Vec3d const at(p.x * kInverse, p.y * kInverse, p.z * kInverse);
+                return openvdb::tools::QuadraticSampler::sample(reader, at);
+            });
+        });
+#endif
+    }
+    Filled(Filled const&) = delete;
+
+    /// Whether the sampler and the array give about the same.
+    bool agree() const {
+        double worst = 0;
+        m_positions.sum([&](float3 const& p) {
+            T const a = m_samplers[1]->sample(p, kWorld), b = m_dense.sample(p);
+            float const x = *reinterpret_cast<float const*>(&a),
+                        y = *reinterpret_cast<float const*>(&b);
+            worst = std::max(worst, std::abs(double{x} - y) / (1 + std::abs(double{y})));
+            return 0.0F;
+        });
+        return worst < 0.05;  // the sampler is clamped
+    }
+
+private:
+    double block() {
+        std::array<float*, Sampler<Traits, T>::kComponents> out;
+        auto const n = static_cast<std::size_t>(m_positions.count());
+        m_out.resize(n * out.size());
+        for (std::size_t c = 0; c < out.size(); ++c) out[c] = m_out.data() + n * c;
+        m_samplers[1]->sampleBlock(m_positions.x.data(), m_positions.y.data(), m_positions.z.data(),
+                                   m_positions.count(), kWorld, out);
+        return m_out[0];
+    }
+
+    int m_low, m_size;
+    Positions m_positions;
+    Volume<Traits, T> m_volume;
+    Dense<T> m_dense;
+    std::array<std::unique_ptr<Sampler<Traits, T>>, 4> m_samplers;
+    std::vector<float> m_out;
+#ifdef ZEL_WITH_OPENVDB
+    using Grid = std::conditional_t<std::same_as<T, float>, openvdb::FloatGrid, openvdb::Vec3SGrid>;
+    typename Grid::Ptr m_grid;
+#endif
+};
+
+/// A volume that is fine for x below 0, and coarser by a depth above. Lines across y in half-voxel
+/// steps: away from the jump, and in the last fine voxel before it.
+template <class Traits> class Jump {
+public:
+    Jump(std::string const& name, int count, Readers& readers)
+        : m_volume(buildVolume<Traits, float>(
+              kVoxelSize, Traits::kMaxDepth,
+              [](float3 const& low, float3 const& high, int depth) {
+                  constexpr float kReach = 40 * kVoxelSize;
+                  for (int axis = 0; axis < 3; ++axis)
+                      if (!(low[axis] < kReach && high[axis] > -kReach)) return false;
+                  return depth < Traits::kMaxDepth || high.x < 0.4F;
+              },
+              function<float>)) {
+        auto const accessor = m_volume.container->tileAccessor();
+        int last = 0;  // the first lattice point beyond the fine tiles
+        while (accessor.tile(last, 0, 0, Traits::kMaxDepth).depth() == Traits::kMaxDepth) ++last;
+        for (int n = 0; n < count; ++n) {
+            float const y = -20.25F + 0.5F * static_cast<float>(n % 80),
+                        z = -20.25F + 0.5F * static_cast<float>(n / 80 % 80);
+            m_at[0].add(static_cast<float>(last) - 15.5F, y, z);
+            m_at[1].add(static_cast<float>(last) - 0.5F, y, z);
+        }
+        auto const add = [&](char const* reader, int place, int jumpHandling, int type) {
+            auto const sampler = std::make_shared<Sampler<Traits, float>>(
+                *m_volume.container, *m_volume.topology, *m_volume.channel, type, true,
+                jumpHandling, nullptr, 0, 0);
+            readers.push_back({name + reader, name + "/uniform", count, [this, sampler, place] {
+                                   return m_at[place].sum(
+                                       [&](float3 const& p) { return sampler->sample(p, kWorld); });
+                               }});
+        };
+        add("/uniform", 0, kJumpTrilinear, kCubicC0);
+        add("/uniform_adaptive", 0, kJumpAdaptive, kCubicC0);
+        add("/jump_blend", 1, kJumpTrilinear, kCubicC0);
+        add("/jump_adaptive", 1, kJumpAdaptive, kCubicC0);
+    }
+    Jump(Jump const&) = delete;
+
+private:
+    Volume<Traits, float> m_volume;
+    Positions m_at[2];
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Repetitions in random order even out what else the machine does. The user's own options come
+    // later and win.
+    std::vector<char*> arguments(argv, argv + argc);
+    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.02",
+                              "--benchmark_enable_random_interleaving=true"};
+    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+
+    constexpr int kScan = 1 << 16, kRandom = 1 << 18;
+    Readers readers;
+    Filled<BinaryTraits, float> const scan2("scan/2-tree/float", true, 32, kScan, readers);
+    Filled<QuinaryTraits, float> const scan5("scan/5-tree/float", true, 26, kScan, readers);
+    Filled<BinaryTraits, float3> const vectors2("scan/2-tree/float3", true, 32, kScan, readers);
+    Filled<QuinaryTraits, float3> const vectors5("scan/5-tree/float3", true, 26, kScan, readers);
+    Filled<BinaryTraits, float> const random2("random/2-tree/float", false, 64, kRandom, readers);
+    Filled<QuinaryTraits, float> const random5("random/5-tree/float", false, 52, kRandom, readers);
+    Jump<BinaryTraits> const jump2("jump/2-tree", 6400, readers);
+    Jump<QuinaryTraits> const jump5("jump/5-tree", 6400, readers);
+    if (!scan2.agree() || !scan5.agree() || !vectors2.agree() || !vectors5.agree() ||
+        !random2.agree() || !random5.agree()) {
+        std::fprintf(stderr, "the sampler and the dense array differ\n");
+        return EXIT_FAILURE;
+    }
+    for (Reader const& reader : readers)
+        benchmark::RegisterBenchmark(reader.name.c_str(), [&reader](benchmark::State& state) {
+            for (auto _ : state) {
+                benchmark::DoNotOptimize(reader.run());
+                benchmark::ClobberMemory();
+            }
+            using benchmark::Counter;
+            state.counters[RatioReporter::kCounter] =
+                Counter(reader.count, Counter::kIsIterationInvariantRate | Counter::kInvert);
+        })->Unit(benchmark::kMillisecond);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    std::printf("\nread                                    median     least   ratio"
+                "   (ns a position, one thread; to the dense array, or to uniform)\n");
+    for (Reader const& reader : readers) {
+        RatioReporter::Times const own = reporter[reader.name];
+        std::printf("%-36s", reader.name.c_str());
+        printCell(own.median, 10, 2);
+        printCell(own.least, 10, 2);
+        printCell(ratio(own.least, reporter[reader.baseline].least), 10, 2);
+        std::printf("\n");
+    }
+#ifndef ZEL_WITH_OPENVDB
+    std::printf("OpenVDB was not found when this was built: no comparison with it\n");
+#endif
+    benchmark::Shutdown();
+    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+}

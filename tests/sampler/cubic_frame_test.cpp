@@ -1,0 +1,233 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <stdexcept>
+
+#include "benchmarks/allocation_count.h"
+#include "sampler/cubic_volume.h"
+
+namespace {
+
+using namespace cubic;
+
+template <class Case> class Frame : public testing::Test {};
+TYPED_TEST_SUITE(Frame, Cases);
+
+/// All types, clamps, offset types and depth limits, by samplers that walk and by fresh ones.
+TYPED_TEST(Frame, IsWhatTheTreeSays) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(21);
+    int counts[3] = {};
+    for (int offsetType = 0; offsetType < 8; ++offsetType) {
+        int const minDepth = offsetType % 3, deepest = Traits::kMaxDepth - offsetType % 2;
+        TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), offsetType, minDepth,
+                                     deepest, make<T>(7, 8, 9));
+        volume.fillRandomly(random);
+        Reference<Traits, T> const reference(volume);
+        constexpr int kTypes[] = {0, 1, 2, 3, 9};
+        for (int type : kTypes)
+            for (bool clamp : {false, true}) {
+                auto walker = volume.sampler(type, clamp);
+                float3 last{};
+                for (int n = 0; n < 200; ++n) {
+                    // Steps within a voxel, to the next ones, and far away.
+                    float3 p = n % 4 == 0 ? volume.position(random)
+                                          : last + float3{random.real(-2, 2), random.real(-2, 2),
+                                                          random.real(-2, 2)};
+                    if (n % 3 == 0) p.x = std::floor(p.x);
+                    last = p;
+                    int const limit =
+                        random(0, 3) > 0 ? Traits::kMaxDepth : random(-1, Traits::kMaxDepth + 1);
+                    typename Reference<Traits, T>::Kind kind;
+                    T const want = reference.sample(p, limit, type, clamp, kind);
+                    ++counts[kind];
+                    ASSERT_TRUE(same(walker.sample(p, limit, 0), want))
+                        << "type " << type << " offsets " << offsetType << " at " << p.x << " "
+                        << p.y << " " << p.z << " limit " << limit << " kind " << kind;
+                    if (n % 16 == 0) {
+                        ASSERT_TRUE(same(volume.sampler(type, clamp).sample(p, limit, 0), want));
+                    }
+                }
+            }
+    }
+    for (int count : counts) EXPECT_GT(count, 500);
+}
+
+TYPED_TEST(Frame, BlockIsPointByPoint) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(22);
+    TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), 5, 1, Traits::kMaxDepth, T());
+    volume.fillRandomly(random);
+    for (int count : {0, 1, 31, 64, 65, 300})
+        for (int space : {0, 2}) {
+            std::vector<float> x, y, z;
+            for (int n = 0; n < count; ++n) {
+                float3 const p = volume.position(random) * (space == 2 ? 0.25F : 1.0F);
+                x.push_back(p.x);
+                y.push_back(p.y);
+                z.push_back(p.z);
+            }
+            if (count > 40) x[40] = std::numeric_limits<float>::quiet_NaN();
+            constexpr int kComponents = sizeof(T) / sizeof(float);
+            std::vector<float> values[kComponents];
+            std::array<float*, kComponents> out;
+            for (unsigned c = 0; c < kComponents; ++c) {
+                values[c].assign(static_cast<std::size_t>(count) + 1, -3);
+                out[c] = values[c].data();
+            }
+            auto sampler = volume.sampler(kCubicC1, true), other = volume.sampler(kCubicC1, true);
+            std::size_t blocks = 0;
+            {
+                AllocationCount const allocations;
+                sampler.sampleBlock(x.data(), y.data(), z.data(), count, space, out);
+                blocks = allocations.blocks();
+            }
+            EXPECT_EQ(blocks, 0U);
+            for (int n = 0; n < count; ++n) {
+                auto const i = static_cast<std::size_t>(n);
+                T const want = other.sample({x[i], y[i], z[i]}, space);
+                if constexpr (kComponents == 1)
+                    ASSERT_TRUE(same(values[0][i], want));
+                else
+                    ASSERT_TRUE(same({values[0][i], values[1][i], values[2][i]}, want));
+            }
+            for (auto const& component : values) EXPECT_EQ(component.back(), -3);
+        }
+}
+
+/// Whole tiles of one depth around the origin, `across` along each axis.
+template <class Traits, class T>
+TestVolume<Traits, T> uniform(int depth, int across, int type = 7) {
+    auto tree = Quern::makePtr<Container<Traits>>(0.5F);
+    int const w = static_cast<int>(width<Traits>(depth));
+    for (int n = 0; n < across * across * across; ++n)
+        tree->addTile(w * (n % across - across / 2), w * (n / across % across - across / 2),
+                      w * (n / across / across - across / 2), depth);
+    return {tree, type, 0, depth, make<T>(7, 8, 9)};
+}
+
+TYPED_TEST(Frame, CacheNeverShowsAwayFromJumps) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(23);
+    for (int offsetType : {7, 3}) {
+        auto volume = uniform<Traits, T>(Traits::kMaxDepth, 6, offsetType);
+        volume.fillRandomly(random);
+        Reference<Traits, T> const reference(volume);
+        auto plain = volume.sampler(kCubicC0, true);
+        for (long long size : {1LL, 2LL, 7LL, std::numeric_limits<long long>::max()}) {
+            auto cached = volume.sampler(kCubicC0, true, kJumpTrilinear, nullptr, size);
+            std::size_t blocks = 0;
+            int outer = 0;
+            float3 p{};
+            AllocationCount const allocations;
+            for (int n = 0; n < 700; ++n) {
+                float const reach = 3 * Traits::kSamples;
+                auto const next = [&](float c) {
+                    return n % 3 == 0 ? random.real(-reach, reach) : c + random.real(-1, 1) / 2;
+                };
+                p = {next(p.x), next(p.y), next(p.z)};
+                typename Reference<Traits, T>::Kind kind;
+                reference.sample(p, Traits::kMaxDepth, kCubicC0, true, kind);
+                bool const equal = same(cached.sample(p, 0), plain.sample(p, 0));
+                // With a halo there is no blend next to the outer surface.
+                if (kind == Reference<Traits, T>::kUniform || offsetType != 7) {
+                    ASSERT_TRUE(equal) << size << " at " << p.x << " " << p.y << " " << p.z;
+                } else {
+                    outer += !equal;
+                }
+            }
+            blocks = allocations.blocks();
+            EXPECT_EQ(blocks, 0U);
+            EXPECT_EQ(outer > 10, offsetType == 7);
+        }
+    }
+}
+
+/// The cache interpolates within the halo of a tile, wherever that is.
+TYPED_TEST(Frame, CacheReadsHalos) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    constexpr int kW = Traits::kSamples;
+    Random random(24);
+    TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), 7, 1, Traits::kMaxDepth, T());
+    volume.fillRandomly(random);
+    auto cached = volume.sampler(kCubicC1, false, kJumpTrilinear, nullptr, 3);
+    auto accessor = volume.container->tileAccessor();
+    TileData<T, kW + 1, 1, 0> halo((kW + 3) * (kW + 3) * (kW + 3));
+    for (int n = 0; n < 500; ++n) {
+        int const depth = random(1, volume.container->depth());
+        TreeIndex const tree{
+            random(0, std::min(5, static_cast<int>(volume.container->tileCount(depth)) - 1)),
+            depth};
+        int3 const lijk{random(0, kW - 1), random(0, kW - 1), random(0, kW - 1)};
+        setHaloTile<Traits, T, 0, 1, 0, 1>(tree, volume.channel, 4, 15, accessor, halo, T(), 1.0F,
+                                           7);
+        EXPECT_LT(distance(cached.sampleVoxel(tree, lijk, {0, 0, 0}, depth, false),
+                           halo(lijk.x, lijk.y, lijk.z)),
+                  1e-6F);
+        // Half a voxel on along x.
+        T const outer = halo(lijk.x - 1, lijk.y, lijk.z) + halo(lijk.x + 2, lijk.y, lijk.z),
+                inner = halo(lijk.x, lijk.y, lijk.z) + halo(lijk.x + 1, lijk.y, lijk.z),
+                want = (9.0F * inner - outer) / 16.0F;
+        EXPECT_LT(distance(cached.sampleVoxel(tree, lijk, {0.5F, 0, 0}, depth, false), want),
+                  2e-6F);
+    }
+}
+
+TYPED_TEST(Frame, OutsideOddPositionsAndBadArguments) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    auto volume = uniform<Traits, T>(Traits::kMaxDepth, 4);
+    volume.fill([](double x, double, double) { return make<T>(static_cast<float>(x), 0, 0); });
+    T const defaultValue = volume.channel.defaultValue();
+    StandardOutput const output;  // a NaN is reported
+    constexpr float kInf = std::numeric_limits<float>::infinity(),
+                    kNaN = std::numeric_limits<float>::quiet_NaN();
+    for (int jump : {kJumpTrilinear, kJumpAdaptive}) {
+        auto sampler = volume.sampler(kCubicC0, false, jump);
+        for (float odd : {kNaN, kInf, -kInf, 1e38F, -1e38F, 2147483648.0F, -1e9F})
+            for (int axis = 0; axis < 3; ++axis)
+                for (int space : {0, 2}) {
+                    float3 p{0.5F, 0.5F, 0.5F};
+                    p[axis] = odd;
+                    EXPECT_TRUE(same(sampler.sample(p, space), defaultValue)) << odd;
+                    // No place in a voxel is refused; there is only no overflow.
+                    sampler.sampleVoxel({0, Traits::kMaxDepth}, {0, 0, 0}, p, 99, false);
+                }
+        EXPECT_TRUE(same(sampler.sample({1, 1, 1}, -1, 0), defaultValue));
+        EXPECT_TRUE(same(sampler.sampleVoxel({-1, 3}, {}, {}, 3, false), defaultValue));
+        EXPECT_TRUE(same(sampler.sampleVoxel({1 << 30, 3}, {}, {}, 3, false), defaultValue));
+        EXPECT_TRUE(same(sampler.sampleVoxel({0, 77}, {}, {}, 3, false), defaultValue));
+        constexpr int kHuge = std::numeric_limits<int>::max();
+        sampler.sampleVoxel({0, Traits::kMaxDepth}, {kHuge, -kHuge, kHuge}, {}, kHuge, false);
+        // World units, of half a finest voxel.
+        EXPECT_LT(distance(sampler.sample({0.75F, 0.5F, 0.25F}, 2), make<T>(1.5F, 0, 0)), 1e-5F);
+        EXPECT_THROW(volume.sampler(1, false, jump, nullptr, -1), std::invalid_argument);
+    }
+    // A voxel size of 0 puts all positions on the origin, and a channel that is not sized to the
+    // tree has no samples.
+    auto flat = Quern::makePtr<Container<Traits>>(0.0F);
+    flat->addTile(0, 0, 0, Traits::kMaxDepth);
+    T const five = make<T>(5, 5, 5);
+    TestVolume<Traits, T> point(flat, 7, 0, Traits::kMaxDepth, five);
+    EXPECT_TRUE(same(point.sampler(1).sample({1e30F, -3, 5}, 2), five));
+    flat->addTile(40, 0, 0, Traits::kMaxDepth);
+    EXPECT_TRUE(same(point.sampler(1).sample({41, 1, 1}, 0), five));
+    EXPECT_TRUE(same(point.sampler(1, false, kJumpAdaptive).sample({41, 1, 1}, 0), five));
+}
+
+TEST(CubicSampler, NamesOfTypes) {
+    auto const volume = uniform<BinaryTraits, float>(3, 2);
+    constexpr char const* kNames[] = {"kQuadraticC0Averaged", "kCubicC0", "kCubicC1",
+                                      "kCubicC1Monotonic"};
+    for (int type = 0; type < 4; ++type)
+        EXPECT_EQ(std::string(volume.sampler(type).samplerName()), kNames[type]);
+    EXPECT_EQ(std::string(volume.sampler(7).samplerName()), "kError");
+    EXPECT_EQ(std::string(volume.sampler(-1).samplerName()), "kError");
+}
+
+}  // namespace

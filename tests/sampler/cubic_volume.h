@@ -1,0 +1,324 @@
+#pragma once
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <sstream>
+#include <string>
+
+#include "orvane_geometry_volume/channel.h"
+#include "platform/volume/trees.h"
+#include "zel/sampler/voxel_sampler_cubic.h"
+
+// Volumes for the tests of the cubic sampler, and what a sampler with kJumpTrilinear must give,
+// written slowly: every stencil value and every corner is looked up by its place in the tree.
+namespace cubic {
+
+using namespace trees;
+
+template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, float, float3, 0, 0>;
+
+template <class Traits_, class T> struct Case {
+    using Traits = Traits_;
+    using Value = T;
+};
+using Cases = testing::Types<Case<BinaryTraits, float>, Case<BinaryTraits, float3>,
+                             Case<QuinaryTraits, float>, Case<QuinaryTraits, float3>>;
+
+template <class Traits> constexpr int voxel(int depth) {
+    return static_cast<int>(width<Traits>(depth) / Traits::kSamples);
+}
+template <class T> T make(float x, float y, float z) {
+    if constexpr (std::is_same_v<T, float>)
+        return x;
+    else
+        return {x, y, z};
+}
+template <class T> T randomValue(Random& random) {
+    float3 const v{random.real(-1, 1), random.real(-1, 1), random.real(-1, 1)};
+    return make<T>(v.x, v.y, v.z);
+}
+inline bool same(float a, float b) {
+    return a == b ? std::signbit(a) == std::signbit(b) : std::isnan(a) && std::isnan(b);
+}
+inline bool same(float3 const& a, float3 const& b) {
+    return same(a.x, b.x) && same(a.y, b.y) && same(a.z, b.z);
+}
+inline float distance(float a, float b) {
+    return std::abs(a - b);
+}
+inline float distance(float3 const& a, float3 const& b) {
+    return std::max({distance(a.x, b.x), distance(a.y, b.y), distance(a.z, b.z)});
+}
+
+/// Catches the standard output.
+class StandardOutput {
+public:
+    StandardOutput() : m_before(std::cout.rdbuf(m_text.rdbuf())) {}
+    ~StandardOutput() { std::cout.rdbuf(m_before); }
+    StandardOutput(StandardOutput const&) = delete;
+    StandardOutput& operator=(StandardOutput const&) = delete;
+    std::string text() const { return m_text.str(); }
+
+private:
+    std::ostringstream m_text;
+    std::streambuf* m_before;
+};
+
+/// Cubes of about five tiles along each axis, some of which are missing, over one another around
+/// the origin, at a corner of the root and at random places.
+template <class Traits>
+Quern::Ptr<Container<Traits>> clusteredTree(Random& random, int shallowest) {
+    auto tree = Quern::makePtr<Container<Traits>>(0.25F);
+    auto const cluster = [&](int3 const& centre, int depth) {
+        for (int n = 0; n < 125; ++n) {
+            if (random(0, 9) == 0) continue;
+            long long const w = width<Traits>(depth);
+            long long const x = centre.x + w * (n % 5 - 2), y = centre.y + w * (n / 5 % 5 - 2),
+                            z = centre.z + w * (n / 25 - 2);
+            if (inRoot<Traits>(x, y, z))
+                tree->addTile(static_cast<int>(x), static_cast<int>(y), static_cast<int>(z), depth);
+        }
+    };
+    int const deepest = Traits::kMaxDepth, low = static_cast<int>(kLow<Traits>);
+    for (int depth = deepest - 3; depth <= deepest; ++depth)
+        cluster({random(-9, 9), random(-9, 9), random(-9, 9)}, depth);
+    cluster({low, low, -low - 1}, shallowest + 1);
+    for (int n = 0; n < 3; ++n)
+        cluster({random(low, -low - 1), random(low, -low - 1), random(low, -low - 1)},
+                random(shallowest, 7));
+    return tree;
+}
+
+template <class Traits, class T> struct TestVolume {
+    TestVolume(Quern::Ptr<Container<Traits>> tree, VoxelOffsetType type, int minDepth, int maxDepth,
+               T const& defaultValue)
+        : container(tree), topology(tree, type),
+          channel("", &defaultValue, 0, false, true, minDepth, maxDepth) {
+        channel.update(topology);
+    }
+
+    /// Sets each sample to a function of its place, in finest voxels.
+    void fill(std::function<T(double x, double y, double z)> const& function) {
+        float3 const o = topology.offset();
+        for (int depth = channel.minDepth(); depth <= channel.depth(); ++depth)
+            for (long long n = 0; n < channel.tileCount(depth); ++n) {
+                int3 const corner = container->tile(n, depth).tijk();
+                auto data = channel.tileData(TreeIndex{n, depth});
+                double const w = voxel<Traits>(depth);
+                constexpr int kW = Traits::kSamples;
+                for (int l = 0; l < kW * kW * kW; ++l)
+                    data(l % kW, l / kW % kW, l / kW / kW) =
+                        function(corner.x + w * (l % kW + double{o.x}),
+                                 corner.y + w * (l / kW % kW + double{o.y}),
+                                 corner.z + w * (l / kW / kW + double{o.z}));
+            }
+    }
+    void fillRandomly(Random& random) {
+        fill([&](double, double, double) { return randomValue<T>(random); });
+    }
+
+    Sampler<Traits, T> sampler(int type, bool clamp = false, int jump = kJumpTrilinear,
+                               Channel<Traits, short, Traits::kSamples, 1, 0> const* dof = nullptr,
+                               long long cacheSize = 0) const {
+        return {*container, topology, channel, type, clamp, jump, dof, 1, cacheSize};
+    }
+
+    /// A position on the lattice in or just around a random tile, often on a data point along some
+    /// axes.
+    float3 position(Random& random) const {
+        int const depth = random(0, container->depth());
+        auto const& tile =
+            container->tile(random(0, static_cast<int>(container->tileCount(depth)) - 1), depth);
+        float3 p;
+        for (int axis = 0; axis < 3; ++axis) {
+            float const place = random.real(-0.7F, Traits::kSamples + 0.7F);
+            float const steps =
+                random(0, 3) == 0 ? std::floor(place) + topology.offset()[axis] : place;
+            p[axis] = static_cast<float>(tile.tijk()[axis]) +
+                      steps * static_cast<float>(tile.voxelDataWidth());
+        }
+        return p;
+    }
+
+    Quern::Ptr<Container<Traits>> container;
+    VoxelTopology<Traits> topology;
+    DataChannel<Traits, T> channel;
+};
+
+/// A lattice point without a bound.
+struct Point {
+    long long x, y, z;
+    long long operator[](int axis) const { return axis == 0 ? x : axis == 1 ? y : z; }
+};
+
+template <class Traits, class T> class Reference {
+public:
+    enum Kind { kOutside, kUniform, kJump };
+
+    explicit Reference(TestVolume<Traits, T> const& volume) : m_volume(volume) {}
+
+    T sample(float3 const& v, int limit, int type, bool clamp, Kind& kind) const {
+        auto const& channel = m_volume.channel;
+        kind = kOutside;
+        auto const& tile = deepest({static_cast<long long>(std::floor(v.x)),
+                                    static_cast<long long>(std::floor(v.y)),
+                                    static_cast<long long>(std::floor(v.z))},
+                                   std::min(limit, channel.depth()));
+        if (tile.depth() < std::max(channel.minDepth(), 0)) return channel.defaultValue();
+        int const w = voxel<Traits>(tile.depth());
+        auto const scale = static_cast<float>(1.0 / w);
+        Point llc{};
+        float frac[3];
+        for (int a = 0; a < 3; ++a) {
+            float const o = m_volume.topology.offset()[a];
+            float l = (v[a] - static_cast<float>(tile.tijk()[a])) * scale - o;
+            if (l > -1e-5F && !(l > 0)) l = 0;
+            float const index =
+                std::clamp(std::floor(l), o > 0 ? -1.0F : 0.0F, Traits::kSamples - 1.0F);
+            frac[a] = l - index;
+            (a == 0   ? llc.x
+             : a == 1 ? llc.y
+                      : llc.z) = tile.tijk()[a] + w * static_cast<long long>(index);
+        }
+        auto const at = [&](long long step, int i, int j, int k) {
+            return Point{llc.x + step * i, llc.y + step * j, llc.z + step * k};
+        };
+        kind = kUniform;
+        for (int n = 0; n < 8; ++n) {
+            Point const low = at(w, -1, -1, -1);
+            long long const t = width<Traits>(tile.depth());
+            Point const p{low.x + t * (n >> 2), low.y + t * (n >> 1 & 1), low.z + t * (n & 1)};
+            if (deepest(p, tile.depth()).depth() != tile.depth()) kind = kJump;
+        }
+        T corners[8];
+        for (int n = 0; n < 8; ++n)
+            corners[n] = point(at(w, n >> 2, n >> 1 & 1, n & 1), tile.depth());
+        if (kind == kJump) return blend(corners, frac);
+
+        T planes[4], low = corners[0], high = corners[0];
+        for (int k = 0; k < 4; ++k) {
+            T rows[4];
+            for (int j = 0; j < 4; ++j) {
+                T f[4];
+                for (int i = 0; i < 4; ++i) f[i] = point(at(w, i - 1, j - 1, k - 1), tile.depth());
+                rows[j] = interpolate(type, f, frac[0]);
+            }
+            planes[k] = interpolate(type, rows, frac[1]);
+        }
+        T const value = interpolate(type, planes, frac[2]);
+        if (!clamp) return value;
+        for (T const& c : corners) {
+            low = each([](float a, float b) { return std::min(a, b); }, low, c);
+            high = each([](float a, float b) { return std::max(a, b); }, high, c);
+        }
+        return each([](float a, float b) { return std::max(a, b); },
+                    each([](float a, float b) { return std::min(a, b); }, value, high), low);
+    }
+
+    /// The channel at the data point of the voxel of a depth over a lattice point.
+    T point(Point const& p, int depth) const {
+        auto const& channel = m_volume.channel;
+        auto const& found = deepest(p, depth);
+        if (found.depth() < std::max(channel.minDepth(), 0)) return channel.defaultValue();
+        if (found.depth() == depth) return value(p, depth);
+
+        // The samples around the place, at the level of the tile that holds the lowest of them.
+        Point corner{};
+        float frac[3];
+        int level = found.depth();
+        for (int next = -1; level != next;) {
+            if (next >= 0) level = next;
+            long long const w = voxel<Traits>(level);
+            for (int a = 0; a < 3; ++a) {
+                double const o = m_volume.topology.offset()[a];
+                double const above = static_cast<double>(p[a] - kLow<Traits>) +
+                                     (voxel<Traits>(depth) - static_cast<double>(w)) * o;
+                double const cell = std::floor(above / static_cast<double>(w));
+                (a == 0   ? corner.x
+                 : a == 1 ? corner.y
+                          : corner.z) = kLow<Traits> + w * static_cast<long long>(cell);
+                double const rest = above - cell * static_cast<double>(w);
+                frac[a] = m_volume.topology.offsetType() == 7
+                              ? static_cast<float>(rest) / static_cast<float>(w)
+                              : static_cast<float>(rest / static_cast<double>(w));
+            }
+            next = deepest(corner, level).depth();
+            if (next < 0) return channel.defaultValue();
+        }
+        bool const hit = frac[0] == 0 && frac[1] == 0 && frac[2] == 0;
+        if (hit && m_volume.topology.offsetType() == 7) return value(corner, level);
+        if (level < 1) return channel.defaultValue();
+        T corners[8];
+        for (int n = 0; n < 8; ++n) {
+            long long const w = voxel<Traits>(level);
+            corners[n] = point(
+                {corner.x + w * (n >> 2), corner.y + w * (n >> 1 & 1), corner.z + w * (n & 1)},
+                level);
+        }
+        return blend(corners, frac);
+    }
+
+private:
+    TileOf<Traits> const& deepest(Point const& p, int limit) const {
+        auto const* tile = &m_volume.container->tile(0, 0);
+        if (limit < 0 || !inRoot<Traits>(p.x, p.y, p.z)) return Container<Traits>::sentinel();
+        int3 const q{static_cast<int>(p.x), static_cast<int>(p.y), static_cast<int>(p.z)};
+        while (tile->depth() < limit && tile->childTreeIndex(tile->childIJK(q)).valid())
+            tile = &m_volume.container->tile(tile->childTreeIndex(tile->childIJK(q)));
+        return *tile;
+    }
+    T value(Point const& p, int depth) const {
+        auto const& tile = deepest(p, depth);
+        int const w = voxel<Traits>(tile.depth());
+        auto const data = m_volume.channel.tileData(tile.treeIndex());
+        return data(static_cast<int>(p.x - tile.tijk().x) / w,
+                    static_cast<int>(p.y - tile.tijk().y) / w,
+                    static_cast<int>(p.z - tile.tijk().z) / w);
+    }
+
+    template <class Function> static T each(Function function, T const& a, T const& b) {
+        if constexpr (std::is_same_v<T, float>)
+            return function(a, b);
+        else
+            return {function(a.x, b.x), function(a.y, b.y), function(a.z, b.z)};
+    }
+    static T blend(T const (&c)[8], float const (&f)[3]) {
+        auto const lerp = [](T const& u, T const& v, float t) { return (v - u) * t + u; };
+        T const a = lerp(c[0], c[4], f[0]), b = lerp(c[2], c[6], f[0]), e = lerp(c[1], c[5], f[0]),
+                g = lerp(c[3], c[7], f[0]);
+        return lerp(lerp(a, b, f[1]), lerp(e, g, f[1]), f[2]);
+    }
+    static T interpolate(int type, T const (&f)[4], float t) {
+        float const t2 = t * t, t3 = t2 * t;
+        T const d = f[2] - f[1];
+        T m1 = 0.5F * (f[2] - f[0]), m2 = 0.5F * (f[3] - f[1]);
+        auto const limit = [](float m, float rise) {
+            return rise > 0 ? std::max(m, 0.0F) : rise < 0 ? std::min(m, 0.0F) : 0;
+        };
+        switch (type) {
+        case kQuadraticC0Averaged: {
+            float const w = 0.25F * (t2 - t);
+            return (1 - 0.75F * t - 0.25F * t2) * f[1] + w * f[0] + 0.25F * (5 * t - t2) * f[2] +
+                   w * f[3];
+        }
+        case kCubicC0:
+            return (0.5F * t2 - 0.33333334F * t - 0.16666667F * t3) * f[0] +
+                   (0.5F * (t3 - t) + 1 - t2) * f[1] + (0.5F * (t2 - t3) + t) * f[2] +
+                   0.16666667F * (t3 - t) * f[3];
+        case kCubicC1:
+            return f[1] + m1 * t + (3.0F * f[2] - 3.0F * f[1] - 2.0F * m1 - m2) * t2 +
+                   (2.0F * f[1] - 2.0F * f[2] + m1 + m2) * t3;
+        case kCubicC1Monotonic:
+            m1 = each(limit, m1, d);
+            m2 = each(limit, m2, d);
+            return f[1] + m1 * t + (3.0F * d - 2.0F * m1 - m2) * t2 + (m1 + m2 - 2.0F * d) * t3;
+        default:
+            return T();
+        }
+    }
+
+    TestVolume<Traits, T> const& m_volume;
+};
+
+}  // namespace cubic

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <array>
+
+#include "zel/sampler/cubic_halo_cache.h"
+#include "zel/sampler/cubic_voxel.h"
+#include "zel/sampler/voxel_sampler.h"
+
+namespace ORV::TileTree3D {
+
+/// What a cubic sampler does where tiles of different depth meet. Any other number is
+/// kJumpAdaptive.
+enum JumpHandling : std::int32_t {
+    kJumpAdaptive = 0,  ///< walks the tree from stencil point to stencil point
+    kJumpTrilinear = 1  ///< blends the eight samples around, whatever the type
+};
+
+/// Reads a channel by interpolation over 4x4x4 voxels, of one of the types of CubicType. A sampler
+/// belongs to one thread; the tree, the topology and the channels must outlive it and stay as they
+/// are. What it keeps from one sample to the next never shows in a result, and no sample allocates
+/// memory.
+///
+/// Positions are on the lattice of finest voxels, or in world units for a `space` of kWorldSpace.
+/// Outside the tree, and in tiles above the channel's minimum depth, a sample is the channel's
+/// default value.
+template <class Traits, class T, class Ts, class Position, int A, int B>
+class ZEL_API VoxelSamplerCubic : public VoxelSampler<Traits, Ts, Position> {
+public:
+    static_assert(A == 0 && B == 0);
+    using DofChannel = Internal::DofChannel<Traits>;
+    static constexpr int kComponents = Internal::LaneTraits<T>::kComponents;
+
+    /// `type` is a CubicType; with any other number every interpolation gives 0. `clamp` limits a
+    /// value to the range of those around it. With kJumpAdaptive, voxels whose entry in
+    /// `dofChannel`, if not null, has a bit of `dofMask` are read from the coarser level, or in a
+    /// refined neighbour from the tile's own level; the flags are meant to cover whole voxels of
+    /// the coarser level, none of which is refined: otherwise places in a stencil may coincide.
+    /// With kJumpTrilinear and a topology of offset type 7, `cacheSize` tiles are kept with a halo,
+    /// and all samples are interpolated within those. Throws std::invalid_argument for a negative
+    /// size, std::length_error for one that cannot be held, and std::bad_alloc.
+    VoxelSamplerCubic(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
+                      DataChannel<Traits, T> const& channel, std::int32_t type, bool clamp,
+                      std::int32_t jumpHandling, DofChannel const* dofChannel, std::int32_t dofMask,
+                      long long cacheSize);
+    ~VoxelSamplerCubic() override;
+
+    Quern::String samplerName() const override;  ///< the name of the type, or "kError"
+
+    T sample(Position const& position, int space);
+    /// As if the tree ended at a depth.
+    T sample(Position const& position, int depth, int space);
+
+    /// What sample() gives for each position in order, bit for bit. The positions, and the values,
+    /// are one array a component.
+    void sampleBlock(float const* x, float const* y, float const* z, int count, int space,
+                     std::array<float*, kComponents> const& values);
+
+    /// The value at a voxel, -1 to W - 1 along each axis, of a tile, and at a place in it that is
+    /// counted from its sample. `depth` limits the depth of the tiles that are read, and is no less
+    /// than that of the tile. `debug` prints the way of the sample to the standard output.
+    T sampleVoxel(TreeIndex const& tree, int3 const& lijk, float3 const& frac, int depth,
+                  bool debug);
+
+private:
+    bool moveTo(TreeIndex const& tree, int3 const& lijk);
+    T trilinearAtJump(TreeIndex const& tree, int3 const& lijk, float3 const& frac);
+    T adaptive(TreeIndex const& tree, int3 const& lijk, float3 const& frac, int depth);
+
+    Internal::CubicSource<Traits, T> m_source;
+    Internal::HaloTileCache<Traits, T> m_cache;
+    Internal::CubicVoxel<Traits, T> m_voxel;
+};
+
+#define ZEL_DETAIL_CUBIC(prefix, api)                                                              \
+    prefix template class api VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;         \
+    prefix template class api VoxelSamplerCubic<BinaryTraits, float3, float, float3, 0, 0>;        \
+    prefix template class api VoxelSamplerCubic<QuinaryTraits, float, float, float3, 0, 0>;        \
+    prefix template class api VoxelSamplerCubic<QuinaryTraits, float3, float, float3, 0, 0>
+ZEL_DETAIL_CUBIC(extern, ZEL_API);
+
+}  // namespace ORV::TileTree3D
