@@ -27,3 +27,4 @@
 #include "zel/vector/projection.h"
 #include "zel/vector/selection.h"
 #include "zel/vector/spatial.h"
+#include "zel/volume/volume_fields.h"

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <utility>
 
+#include "orvane_geometry_volume/object.h"
+
 namespace Orvane::Geometry {
 
 namespace {
@@ -55,6 +57,11 @@ void setRangeGeoPropIndices(Object& object, Quern::StringView target,
 void setVolume(Object& object, Quern::Ptr<ORV::Object> volume) {
     if (!volume) throw std::invalid_argument("Orvane::Geometry::setVolume: no volume");
     object.setProperty(kVolume, std::move(volume));
+}
+
+Quern::Ptr<ORV::Object> shallow_copy_object_to_orv_volume(Object const& object) {
+    auto const volume = pointerProperty<ORV::Object>(object, kVolume);
+    return volume ? Quern::makePtr<ORV::Object>(*volume) : Quern::Ptr<ORV::Object>();
 }
 
 void detail::setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,

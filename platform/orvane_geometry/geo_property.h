@@ -45,6 +45,10 @@ ZEL_PLATFORM_API void setRangeGeoPropIndices(Object& object, Quern::StringView t
 /// none; the object is then unchanged. It is kept as an entry of the object, under "volume".
 ZEL_PLATFORM_API void setVolume(Object& object, Quern::Ptr<ORV::Object> volume);
 
+/// The object's volume: a copy of it that shares its components, found by the object's `property`.
+/// An empty pointer if the object has none. Throws what `property` throws, and std::bad_alloc.
+ZEL_PLATFORM_API Quern::Ptr<ORV::Object> shallow_copy_object_to_orv_volume(Object const& object);
+
 namespace detail {
 ZEL_PLATFORM_API void setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,
                                      Quern::Any data, bool hasData, Quern::StringView target);

@@ -1,0 +1,7 @@
+#include "orvane_math_support/exception_message.h"
+
+namespace ORV {
+
+Quern::String const exceptionMessage = "work on a volume was cancelled";
+
+}  // namespace ORV

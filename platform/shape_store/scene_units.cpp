@@ -1,0 +1,7 @@
+#include "shape_store/scene_units.h"
+
+namespace Vellum {
+
+Quern::String const sceneUnitsInMeters = "scene units in meters";
+
+}  // namespace Vellum

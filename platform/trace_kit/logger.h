@@ -1,0 +1,17 @@
+#pragma once
+
+#include "platform_api.h"
+
+namespace Vellum {
+
+/// How much the process wants to hear: warnings from level 3 on. Safe to use from any number of
+/// threads.
+class ZEL_PLATFORM_API Logger {
+public:
+    Logger() = delete;
+
+    static int verboseLevel();  ///< 0 until it is set
+    static void setVerboseLevel(int level);
+};
+
+}  // namespace Vellum

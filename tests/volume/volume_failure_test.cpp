@@ -1,0 +1,188 @@
+#include "volume/volumes.h"
+
+#include <tbb/global_control.h>
+#include <tbb/parallel_for.h>
+#include <tbb/task_group.h>
+
+#include <functional>
+#include <stdexcept>
+
+#include "orvane_math_support/exception_message.h"
+#include "shape_store/scene_units.h"
+
+// What binding does when it fails.
+namespace {
+
+using namespace volumes;
+
+/// A host whose look-up of `key` fails.
+struct Broken : Orvane::Object {
+    Broken(Quern::String key, std::function<void()> fail)
+        : key(std::move(key)), fail(std::move(fail)) {}
+    Quern::Any property(Quern::StringView name) const override {
+        if (name == key) fail();
+        return Object::property(name);
+    }
+    Quern::String key;
+    std::function<void()> fail;
+};
+
+struct Odd : std::exception {
+    char const* what() const noexcept override { return "odd"; }
+    int payload = 77;
+};
+struct Silent : std::exception {
+    char const* what() const noexcept override { return nullptr; }
+};
+
+/// What `throwing` throws: the text, after the name of the exact type.
+std::string thrown(std::function<void()> const& throwing) {
+    try {
+        throwing();
+        return "nothing";
+    } catch (Odd const& error) {
+        return "Odd " + std::to_string(error.payload);
+    } catch (int number) {
+        return "int " + std::to_string(number);
+    } catch (std::exception const& error) {
+        bool const plain = typeid(error) == typeid(std::runtime_error);
+        return std::string(plain ? "runtime_error " : "exception ") +
+               (error.what() ? error.what() : "");
+    }
+}
+
+/// Runs `work` as the first of 8 tasks on one thread, and gives the number of the others that run.
+int siblingsThatRun(std::function<void()> const& work) {
+    tbb::global_control const oneThread(tbb::global_control::max_allowed_parallelism, 1);
+    tbb::task_group_context outer, inner;
+    int run = 0;
+    bool begun = false;
+    auto const task = [&](tbb::blocked_range<int> const&) {
+        if (std::exchange(begun, true))
+            ++run;
+        else
+            work();
+    };
+    tbb::parallel_for(
+        tbb::blocked_range<int>(0, 1),
+        [&](auto const&) {
+            tbb::parallel_for(tbb::blocked_range<int>(0, 8), task, tbb::simple_partitioner(),
+                              inner);
+        },
+        tbb::simple_partitioner(), outer);
+    EXPECT_EQ(inner.is_group_execution_cancelled(), run == 0);
+    EXPECT_FALSE(outer.is_group_execution_cancelled());
+    return run;
+}
+
+struct Failure {
+    std::function<void()> fail;
+    std::string passed;  ///< what leaves apply_object
+    bool cancels;        ///< whether apply_object cancels the group
+};
+
+std::vector<Failure> failures() {
+    return {
+        {[] { throw std::exception(); }, "runtime_error std::exception", false},
+        {[] { throw Odd(); }, "runtime_error odd", false},
+        {[] { throw Silent(); }, "runtime_error ", false},
+        {[] { throw std::out_of_range("far"); }, "runtime_error far", false},
+        {[] { throw 5; }, "int 5", false},
+        {[] { throw std::logic_error(ORV::exceptionMessage); }, "nothing", true},
+    };
+}
+
+template <class Node, class Late, class Value> void checkFailures(Value const& unbound) {
+    for (Failure const& failure : failures())
+        for (SamplerType const type : kTypes) {
+            Broken const host("volume", failure.fail);
+            // A node that is bound by its constructor: nothing leaves it, and whatever it is, the
+            // group is cancelled.
+            auto const construct = [&] {
+                Node const node(host, "d", type);
+                EXPECT_FALSE(node.bound());
+                EXPECT_TRUE(same(node.eval({}, 0), unbound));
+            };
+            construct();
+            EXPECT_EQ(siblingsThatRun(construct), 0);
+
+            Late late("d", type);
+            auto const apply = [&] {
+                EXPECT_EQ(thrown([&] { late.apply_object(host); }), failure.passed);
+            };
+            apply();
+            EXPECT_EQ(siblingsThatRun(apply), failure.cancels ? 0 : 7);
+            EXPECT_TRUE(same(late.eval({}, 0), unbound));
+
+            // The scale is looked up first, and outside of that.
+            Broken const unit(Vellum::sceneUnitsInMeters, failure.fail);
+            std::string const direct = thrown(failure.fail);
+            EXPECT_EQ(siblingsThatRun(
+                          [&] { EXPECT_EQ(thrown([&] { late.apply_object(unit); }), direct); }),
+                      7);
+        }
+}
+
+TEST(VolumeFailure, CancelsTheGroupOrPassesTheExceptionOn) {
+    ASSERT_FALSE(ORV::exceptionMessage.empty());
+    checkFailures<Scalar, ScalarLate>(0.0F);
+    checkFailures<Vector, VectorLate>(float3{});
+}
+
+TEST(VolumeFailure, LeavesABoundNodeWithItsVolume) {
+    auto const volume = build<QuinaryTraits, float>(plane<float>);
+    ScalarLate node("d", SamplerType::kCubicC1);
+    node.apply_object(host(volume));
+    Broken const broken("volume", [] { throw 1; });
+    EXPECT_THROW(node.apply_object(broken), int);
+    EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), 1.2F, 1e-6F));
+}
+
+// A channel that is not sized to the tree has no halo. What there is of it is read.
+TEST(VolumeFailure, OfTheHaloLeavesTheChannel) {
+    forAllKinds([]<class Traits, class T>(Traits, T) {
+        auto volume = build<Traits, T>(plane<T>);
+        constexpr int kHigh = static_cast<int>(Traits::kRootWidth / 2) - 1;
+        volume.container->addTile(kHigh, kHigh, kHigh, 5);
+        auto const stale = host(volume);
+        int const run = siblingsThatRun([&] {
+            NodeFor<T> const node(stale, "d", SamplerType::kLinear);
+            EXPECT_TRUE(node.bound());
+            EXPECT_FALSE(node.held().hasHalo());
+            EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), plane<T>({0.1F, 0, 0}), 1e-6F));
+        });
+        EXPECT_EQ(run, 0);
+        LateNodeFor<T> late("d", SamplerType::kLinear);
+        EXPECT_EQ(thrown([&] { late.apply_object(stale); }).substr(0, 14), "runtime_error ");
+        EXPECT_TRUE(same(late.eval({0.1F, 0, 0}, 0), plane<T>({0.1F, 0, 0}), 1e-6F));
+        volume.channel->update(*volume.topology);
+        late.apply_object(host(volume));
+        EXPECT_TRUE(late.held().hasHalo());
+
+        // Components that have nothing to do with one another, or hold nothing.
+        auto const foreign = build<Traits, T>(waves<T>);
+        Container<Traits> const none(1.0F);
+        for (SamplerType const type : kTypes) {
+            auto mixed = volume;
+            mixed.topology = foreign.topology;
+            auto empty = volume;
+            empty.channel = makePtr<DataChannel<Traits, T>>("", nullptr, 0, false, true, 1, 2);
+            auto bare = empty;
+            bare.container = makePtr<Container<Traits>>(0.0F);
+            bare.topology = makePtr<VoxelTopology<Traits>>(bare.container, 0);
+            for (auto const& odd : {mixed, empty, bare}) {
+                NodeFor<T> const node(host(odd), "d", type);
+                for (float3 const& p : positions(50, 0.6F)) {
+                    T const value = node.eval(p, 0);
+                    if (odd.channel == empty.channel) {
+                        EXPECT_TRUE(same(value, T{}));
+                    }
+                    (void)node.grad(p, 0);
+                }
+                for (float3 const& p : kNowhere) (void)node.eval(p, 0);
+            }
+        }
+    });
+}
+
+}  // namespace

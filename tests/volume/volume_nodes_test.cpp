@@ -1,0 +1,331 @@
+#include "volume/volumes.h"
+
+#include "orvane_geometry_volume/channel_pool.h"
+#include "shape_store/scene_units.h"
+#include "trace_kit/logger.h"
+
+// What volume nodes answer, and what they hold of a volume.
+namespace {
+
+using namespace volumes;
+using Vellum::sceneUnitsInMeters;
+
+/// A sampler without a node around it, at a position in world units.
+template <class Traits, class T> auto bareSampler(Volume<Traits, T> const& volume, int type) {
+    return [volume, type](float3 const& p) -> T {
+        constexpr int kWorld = 2;
+        auto const& [tree, topology, channel] = volume;
+        if (type == 0) {
+            zel::detail::LinearSampler<Traits, T> sampler(*tree, *topology, *channel);
+            return sampler.sample(p, Traits::kMaxDepth, kWorld);
+        }
+        zel::detail::CubicSampler<Traits, T> sampler(*tree, *topology, *channel, type, true, 1,
+                                                     nullptr, 0, 0);
+        return sampler.sample(p, kWorld);
+    };
+}
+
+/// The finite difference of the interface, over a function.
+template <class T, class F> auto differences(F const& f, float3 const& p) {
+    using Interface =
+        std::conditional_t<std::is_same_v<T, float>, zel::ScalarField, zel::VectorField>;
+    struct Probe : Interface {
+        explicit Probe(F const& f) : f(f) {}
+        using Interface::eval;
+        T eval(float3 const& at, long long) const override { return f(at); }
+        F const& f;
+    };
+    return Probe(f).grad(p, 0);
+}
+
+TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
+    forAllKinds([]<class Traits, class T>(Traits, T) {
+        for (auto const& function : {plane<T>, waves<T>}) {
+            auto const volume = build<Traits, T>(function);
+            auto const object = host(volume);
+            for (SamplerType const type : kTypes) {
+                bool const linear = type == SamplerType::kLinear;
+                NodeFor<T> const node(object, "d", type);
+                LateNodeFor<T> late("d", type);
+                late.apply_object(object);
+                EXPECT_TRUE(node.template state<Traits>().valid);
+                EXPECT_NE(node.held().quinary().valid, node.held().binary().valid);
+                EXPECT_EQ(bool(node.template state<Traits>().haloChannel), linear);
+                EXPECT_EQ(node.samplers(), 0);
+
+                auto const bare = bareSampler(volume, static_cast<int>(type));
+                for (float3 const& p : positions(200)) {
+                    T const value = node.eval(p, 5);
+                    ASSERT_TRUE(same(value, bare(p)));
+                    ASSERT_TRUE(same(late.eval(p, -1), value));
+                    if (function == plane<T>) {
+                        ASSERT_TRUE(same(value, plane<T>(p), 4e-6F)) << p.x << ' ' << p.y;
+                    }
+                    auto const gradient = node.grad(p, 5);
+                    ASSERT_TRUE(same(late.grad(p, -1), gradient));
+                    if constexpr (std::is_same_v<T, float>) {
+                        if (linear && function == plane<T>) {
+                            ASSERT_TRUE(same(gradient, kSlope, 2e-4F));
+                        }
+                        if (linear) continue;
+                    }
+                    ASSERT_TRUE(same(gradient, differences<T>(bare, p)));
+                }
+                for (float3 const& p : kNowhere) {
+                    EXPECT_TRUE(same(node.eval(p, 0), outside<T>()));
+                    EXPECT_TRUE(same(late.eval(p, 0), outside<T>()));
+                    if (linear && std::is_same_v<T, float>) {
+                        EXPECT_TRUE(same(node.grad(p, 0), {}));
+                    }
+                }
+                EXPECT_EQ(node.samplers(), 1);
+            }
+        }
+    });
+}
+
+TEST(VolumeNodes, AnswerZeroForOtherSamplerTypes) {
+    auto const object = host(build<QuinaryTraits, float>(plane<float>));
+    for (int const number : {3, 4, -1, 77, 2147483647}) {
+        Scalar const node(object, "d", SamplerType(number));
+        EXPECT_TRUE(node.bound());
+        EXPECT_FALSE(node.held().hasHalo());
+        for (float3 const& p : {float3{0.1F, 0.2F, 0.3F}, kNowhere[0], kNowhere[4]}) {
+            EXPECT_TRUE(same(node.eval(p, 0), 0.0F));
+            EXPECT_TRUE(same(node.grad(p, 0), {}));
+        }
+        EXPECT_EQ(node.samplers(), 0);
+    }
+}
+
+TEST(VolumeNodes, StayUnboundWithoutAllComponents) {
+    using namespace Orvane::Geometry;
+    auto const binary = build<BinaryTraits, float>(plane<float>);
+    auto const quinary = build<QuinaryTraits, float>(plane<float>);
+    auto const vectors = build<QuinaryTraits, float3>(plane<float3>);
+    auto const without = [&](auto const& volume, Quern::String const& name,
+                             Ptr<ORV::Component> const& instead = {}) {
+        auto const changed = object(volume);
+        changed->setComponent(name, instead);
+        return changed;
+    };
+    for (SamplerType const type : kTypes)
+        for (auto const& broken :
+             {Ptr<ORV::Object>(), without(binary, sVoxelTileTree), without(binary, sVoxelComp),
+              without(binary, "d"), without(quinary, "d"), object(quinary, "e"), object(vectors),
+              without(quinary, sVoxelTileTree, binary.container),
+              without(binary, sVoxelComp, quinary.topology), without(quinary, "d", binary.channel),
+              without(binary, "d", binary.container), makePtr<ORV::Object>()}) {
+            Orvane::Object object;
+            if (broken) setVolume(object, broken);
+            Scalar const node(object, "d", type);
+            ScalarLate late("d", type);
+            late.apply_object(object);
+            EXPECT_FALSE(node.bound() || late.bound());
+            EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), 0.0F));
+            EXPECT_TRUE(same(node.grad({0.1F, 0, 0}, 0), {}));
+            EXPECT_TRUE(same(late.eval({0.1F, 0, 0}, 0), 0.0F));
+            EXPECT_TRUE(same(late.grad({0.1F, 0, 0}, 0), {}));
+            // A node that is not bound takes the next volume.
+            late.apply_object(host(quinary));
+            EXPECT_TRUE(same(late.eval({0.1F, 0, 0}, 0), 1.2F, 1e-6F));
+        }
+    Orvane::Object odd;
+    odd.setProperty("volume", 3);
+    EXPECT_FALSE(Scalar(odd, "d", SamplerType::kLinear).bound());
+    Vector const fresh({}, "d", SamplerType::kLinear);
+    EXPECT_TRUE(same(fresh.eval({1, 2, 3}, 0), {}));
+    EXPECT_TRUE(same(fresh.grad({1, 2, 3}, 0), {}));
+}
+
+TEST(VolumeNodes, ReadSamplesThatAreNotOnCorners) {
+    forAllKinds([]<class Traits, class T>(Traits, T) {
+        for (VoxelOffsetType const offset : {0, 2, 5}) {
+            auto const object = host(build<Traits, T>(plane<T>, offset));
+            for (SamplerType const type : kTypes) {
+                NodeFor<T> const node(object, "d", type);
+                EXPECT_FALSE(node.held().hasHalo());
+                for (float3 const& p : positions(300, 0.25F)) {
+                    bool const even = p.x < -0.1F;  // away from the change of resolution
+                    if (even) {
+                        ASSERT_TRUE(same(node.eval(p, 0), plane<T>(p), 4e-6F)) << offset;
+                    }
+                }
+                EXPECT_TRUE(same(node.eval(kNowhere[0], 0), outside<T>()));
+            }
+            LateNodeFor<T> late("d", SamplerType::kLinear);
+            late.apply_object(object);
+            late.apply_object(host(build<Traits, T>(waves<T>, offset)));  // without a halo: anew
+            EXPECT_TRUE(same(late.eval({-0.2F, 0, 0}, 0), waves<T>({-0.2F, 0, 0}), 0.05F));
+        }
+    });
+}
+
+TEST(VolumeNodes, LeaveWalksAloneAndHaveTheirNames) {
+    struct Counter : zel::FieldVisitor {
+        using zel::FieldVisitor::operator();
+        void operator()(zel::Field const&) override { ++count; }
+        void operator()(zel::Field&) override { ++count; }
+        int count = 0;
+    } counter;
+    auto const check = [&](auto node, char const* name, bool triggerable) {
+        EXPECT_EQ(node.getType(), Quern::String(name));
+        EXPECT_EQ(decltype(node)(node).getType(), Quern::String(name));
+        EXPECT_EQ(node.is_triggerable(), triggerable);
+        node.accept(static_cast<zel::FieldVisitor&>(counter));
+        node.accept(static_cast<zel::FieldConstVisitor&>(counter));
+        node.use_property_indices({});
+        if (!triggerable) {
+            node.apply_object(host(build<BinaryTraits, float>(plane<float>)));
+            EXPECT_FALSE(static_cast<zel::Field&>(node).is_triggerable());
+            EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), {}));
+        }
+    };
+    check(zel::ScalarOrvane({}, "d", SamplerType::kLinear), "zel::ScalarOrvane", false);
+    check(zel::VectorOrvane({}, "d", SamplerType::kLinear), "zel::VectorOrvane", false);
+    check(zel::ScalarOrvaneTriggered("d", SamplerType::kLinear), "zel::ScalarOrvaneTriggered",
+          true);
+    check(zel::VectorOrvaneTriggered("d", SamplerType::kLinear), "zel::VectorOrvaneTriggered",
+          true);
+    EXPECT_EQ(counter.count, 0);
+}
+
+TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
+    struct Counted : zel::ScalarOrvane {
+        using zel::ScalarOrvane::eval;
+        using zel::ScalarOrvane::ScalarOrvane;
+        float eval(float3 const& p, long long i) const override {
+            calls += i == 12;
+            return 2 * zel::ScalarOrvane::eval(p, i);
+        }
+        mutable int calls = 0;
+    };
+    auto const object = host(build<QuinaryTraits, float>(plane<float>));
+    Counted const node(object, "d", SamplerType::kCubicC1);
+    EXPECT_TRUE(same(node.grad({-0.2F, -0.1F, -0.3F}, 12), kSlope * 2, 1e-3F));
+    EXPECT_EQ(node.calls, 6);
+}
+
+// The scale of triggered nodes.
+
+Orvane::Object scaled(Orvane::Object object, Quern::Any scale) {
+    object.setProperty(sceneUnitsInMeters, std::move(scale));
+    return object;
+}
+
+TEST(VolumeScale, MovesPositionsAndLeavesGradientsOfTheVolume) {
+    auto const curved = build<BinaryTraits, float>(waves<float>);
+    for (SamplerType const type : kTypes)
+        for (float const scale : {2.0F, 0.0F, -0.5F, 1.0F, support::kInf, support::kNaN}) {
+            Scalar const plain(host(curved), "d", type);
+            ScalarLate late("d", type);
+            late.apply_object(scaled(host(curved), scale));
+            for (float3 const& p : positions(100, 0.2F)) {
+                ASSERT_TRUE(same(late.eval(p, 0), plain.eval(p * scale, 0)));
+                ASSERT_TRUE(same(late.grad(p, 0), plain.grad(p * scale, 0)));
+            }
+        }
+    auto const vectors = host(build<QuinaryTraits, float3>(plane<float3>));
+    for (SamplerType const type : kTypes) {
+        VectorLate late("d", type);
+        late.apply_object(scaled(vectors, -0.5F));
+        auto const gradient = late.grad({0.2F, 0.1F, 0.3F}, 0);
+        for (int c = 0; c < 3; ++c) EXPECT_NEAR(gradient[0][c], -0.5F * kSlope[c], 2e-3F);
+    }
+}
+
+TEST(VolumeScale, StaysWithoutAFloat) {
+    auto const object = host(build<BinaryTraits, float>(plane<float>));
+    float3 const p{0.05F, 0.1F, -0.1F};
+    for (SamplerType const type : kTypes) {
+        ScalarLate node("d", type);
+        auto const expectScale = [&](float scale) {
+            EXPECT_TRUE(same(node.eval(p, 0), plane<float>(p * scale), 1e-6F)) << scale;
+        };
+        for (Quern::Any const& other : {Quern::Any(), Quern::Any(2.0), Quern::Any(2)}) {
+            node.apply_object(scaled(object, other));
+            expectScale(1);
+        }
+        node.apply_object(scaled(object, 3.0F));
+        expectScale(3);
+        node.apply_object(object);
+        expectScale(3);
+        // Without a volume the scale is taken all the same, and what was bound stays.
+        node.apply_object(scaled({}, -2.0F));
+        expectScale(-2);
+    }
+    ScalarLate unbound("d", SamplerType::kLinear);
+    unbound.apply_object(scaled({}, 2.0F));
+    EXPECT_TRUE(same(unbound.eval(p, 0), 0.0F));
+    unbound.apply_object(object);
+    EXPECT_TRUE(same(unbound.eval(p, 0), plane<float>(p * 2), 1e-6F));
+}
+
+TEST(VolumeScale, ComesAloneForALinearNodeAndWithTheNextVolumeForACubicOne) {
+    forAllKinds([]<class Traits, class T>(Traits, T) {
+        using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
+        auto const first = build<Traits, T>(plane<T>);
+        auto const second = build<Other, T>([](float3 const& p) { return plane<T>(p) * 10.0F; });
+        float3 const p{0.05F, 0.1F, -0.1F};
+        for (SamplerType const type : kTypes) {
+            bool const linear = type == SamplerType::kLinear;
+            LateNodeFor<T> node("d", type);
+            node.apply_object(host(first));
+            EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p), 1e-6F));
+            EXPECT_EQ(node.samplers(), 1);
+            node.apply_object(scaled(host(second), 2.0F));
+            EXPECT_EQ(node.samplers(), linear ? 1 : 0);
+            EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p * 2) * (linear ? 1.0F : 10.0F), 1e-6F));
+            EXPECT_EQ(node.template state<Traits>().valid, linear);
+            EXPECT_EQ(node.template state<Other>().valid, !linear);
+            EXPECT_EQ(bool(node.template state<Traits>().channel), linear);
+            // A volume without the channel leaves a cubic node unbound.
+            node.apply_object(host(second, "e"));
+            EXPECT_EQ(node.bound(), linear);
+            EXPECT_TRUE(same(node.eval(p, 0), linear ? plane<T>(p * 2) : T{}, 1e-6F));
+        }
+    });
+}
+
+// Where halos come from.
+
+TEST(VolumeHalo, WarnsAboutElementsThatAreNotConstructed) {
+    auto const volume = build<QuinaryTraits, float>(plane<float>);
+    for (int const level : {0, 2, 3, 9})
+        for (bool const construct : {true, false}) {
+            Vellum::Logger::setVerboseLevel(level);
+            EXPECT_EQ(Vellum::Logger::verboseLevel(), level);
+            testing::internal::CaptureStdout();
+            auto const halo = zel::detail::allocateHaloChannel<QuinaryTraits, float, 5>(
+                *volume.topology, 4.0F, true, construct, 1, 12);
+            EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                      level >= 3 && !construct ? "Warning: in_callElementConstructor is false\n"
+                                               : "");
+            EXPECT_EQ(halo->defaultValue(), 4.0F);
+            EXPECT_EQ(halo->minDepth(), 1);
+            EXPECT_EQ(halo->depth(), 12);
+            EXPECT_EQ(halo->tileCount(2), volume.container->tileCount(2));
+            EXPECT_TRUE(halo->fits(*volume.container));
+        }
+    Vellum::Logger::setVerboseLevel(0);
+}
+
+TEST(VolumeHalo, ComesFromThePoolsAndGoesBack) {
+    auto const object = host(build<BinaryTraits, float>(waves<float>));
+    for (int const pools : {0, 1, 2, 3}) {
+        ChannelMemoryPool::setEnabled(pools & 1);
+        ChannelPool::setEnabled(pools & 2);
+        for (int round = 0; round < 2; ++round) {  // the second takes what the first gave back
+            Scalar const node(object, "d", SamplerType::kLinear);
+            EXPECT_EQ(ChannelPool::heldBytes() + ChannelMemoryPool::heldBytes(), 0U) << pools;
+            EXPECT_TRUE(
+                same(node.eval({0.1F, 0.1F, 0.1F}, 0), waves<float>({0.1F, 0.1F, 0.1F}), 0.01F));
+        }
+        EXPECT_EQ(ChannelPool::heldBytes() > 0, pools >= 2);
+        EXPECT_EQ(ChannelMemoryPool::heldBytes() > 0, pools == 1);
+        ChannelPool::setEnabled(false);
+        ChannelMemoryPool::setEnabled(false);
+    }
+}
+
+}  // namespace

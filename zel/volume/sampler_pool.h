@@ -1,0 +1,135 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstdint>
+
+namespace zel::detail {
+
+/// One sampler for each thread that asks, owned by the pool. Any number of threads may ask at once,
+/// and no lock is taken; the other operations need the pool to themselves. A thread that has the
+/// identity of one that has ended takes over its sampler.
+///
+/// A table of threads that grows and never shrinks: a thread that is not among the slots where a
+/// block would have it is looked for in one of the blocks below. Pointers are read far more than
+/// they are written, once for a thread, so they may share cache lines.
+template <class Sampler> class SamplerPool {
+public:
+    SamplerPool() = default;
+    SamplerPool(SamplerPool const&) = delete;
+    SamplerPool& operator=(SamplerPool const&) = delete;
+    ~SamplerPool() { clear(); }
+
+    /// The pointer of the calling thread, null at first. `exists` tells whether the thread has
+    /// asked before. Throws std::bad_alloc.
+    [[gnu::always_inline]] Sampler*& local(bool& exists) {
+        std::uint64_t const me = thisThread();
+        std::uint64_t const hash = hashOf(me);
+        if (Block* const block = m_first.load(std::memory_order_acquire)) [[likely]] {
+            Slot& slot = block->slots[hash >> kSlotShift];
+            if (slot.owner.load(std::memory_order_relaxed) == me) [[likely]] {
+                exists = true;
+                return slot.sampler;
+            }
+        }
+        return search(me, hash, exists);
+    }
+
+    /// Hands over each pointer that a thread has.
+    template <class Visit> void forEach(Visit const& visit) {
+        forEach(m_first.load(std::memory_order_acquire), visit);
+    }
+
+    /// Deletes all samplers. The threads stay known.
+    void deleteSamplers() {
+        forEach([](Sampler*& sampler) {
+            delete sampler;
+            sampler = nullptr;
+        });
+    }
+
+    /// Deletes all samplers and forgets the threads.
+    void clear() {
+        deleteSamplers();
+        release(m_first.exchange(nullptr));
+    }
+
+private:
+    static constexpr unsigned kSlotBits = 6;
+    static constexpr unsigned kBranchBits = 3;
+    static constexpr unsigned kSlotShift = 64 - kSlotBits;
+    static constexpr unsigned kProbes = 4;
+
+    // A slot keeps its owner, and so the first free slot that a thread meets on its way is beyond
+    // all that it could own.
+    struct Slot {
+        std::atomic<std::uint64_t> owner{0};  // 0 for none, which is no thread
+        Sampler* sampler = nullptr;           // used by the owner alone
+    };
+    struct alignas(64) Block {
+        std::array<Slot, 1U << kSlotBits> slots;
+        std::array<std::atomic<Block*>, 1U << kBranchBits> below{};
+    };
+
+    /// What no other living thread has, and not 0. The call that gives it is worth saving.
+    static std::uint64_t thisThread() {
+#if defined(__GNUC__) && !defined(__clang__)
+        return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer());
+#else
+        return pthread_self();
+#endif
+    }
+
+    static std::uint64_t hashOf(std::uint64_t thread) {
+        return thread * 0x9E3779B97F4A7C15U;
+    }
+
+    [[gnu::noinline]] Sampler*& search(std::uint64_t me, std::uint64_t hash, bool& exists) {
+        for (std::atomic<Block*>* link = &m_first;;) {
+            Block& block = blockAt(*link);
+            for (unsigned probe = 0; probe < kProbes; ++probe) {
+                Slot& slot = block.slots[((hash >> kSlotShift) + probe) % block.slots.size()];
+                std::uint64_t owner = slot.owner.load(std::memory_order_relaxed);
+                bool const claimed =
+                    owner == 0 && slot.owner.compare_exchange_strong(owner, me,  //
+                                                                     std::memory_order_relaxed);
+                if (claimed || owner == me) {
+                    exists = !claimed;
+                    return slot.sampler;
+                }
+            }
+            hash = std::rotl(hash, kSlotBits);
+            link = &block.below[hash >> (64 - kBranchBits)];
+            hash = std::rotl(hash, kBranchBits);
+        }
+    }
+
+    static Block& blockAt(std::atomic<Block*>& link) {
+        if (Block* const block = link.load(std::memory_order_acquire)) return *block;
+        auto* const fresh = new Block;
+        Block* present = nullptr;
+        if (link.compare_exchange_strong(present, fresh, std::memory_order_acq_rel)) return *fresh;
+        delete fresh;
+        return *present;
+    }
+
+    template <class Visit> static void forEach(Block* block, Visit const& visit) {
+        if (!block) return;
+        for (Slot& slot : block->slots)
+            if (slot.owner.load(std::memory_order_relaxed) != 0) visit(slot.sampler);
+        for (auto& link : block->below) forEach(link.load(std::memory_order_acquire), visit);
+    }
+
+    static void release(Block* block) {
+        if (!block) return;
+        for (auto& link : block->below) release(link.load(std::memory_order_acquire));
+        delete block;
+    }
+
+    std::atomic<Block*> m_first{nullptr};
+};
+
+}  // namespace zel::detail

@@ -1,0 +1,152 @@
+#pragma once
+
+#include <memory>
+
+#include "orvane_geometry/geo_property.h"
+#include "orvane_geometry/sampler_type.h"
+#include "zel/field/node.h"
+
+// Leaves that read a channel of a sparse voxel volume at a position. Each thread that samples a
+// node gets samplers of its own, which the node keeps until it is destroyed or bound anew.
+//
+// A node takes from the volume of an object the tile tree, the topology and the channel of a name,
+// for trees of the kind Traits<5, 5, 1> if all three are there, else for those of the other kind.
+// It answers
+//
+//   the value by the sampler of its type, at positions in world units;
+//   the channel's default value outside the tree, and at positions that are not finite;
+//   zero everywhere if it is not bound, or of a sampler type that SamplerType does not name.
+//
+// The gradient of a scalar node with the linear sampler is that of the trilinear patch; with the
+// cubic samplers, and of all vector nodes, it is the interface's finite difference. The index of an
+// element plays no part.
+//
+// Binding a linear node computes a halo for the whole channel, if the samples lie on the corners of
+// their voxels. It takes 1.7 times the memory of the channel, and twice that memory for trees of
+// the kind Traits<2, 4, 1>. Copies share it. The volume is shared, and must not change while it is
+// bound. Setting a node up - binding, copying to it, assigning to it - is not to run beside
+// sampling it.
+namespace zel {
+
+using Orvane::Geometry::Query::SamplerType;
+
+namespace detail {
+template <class T> class VolumeReader;
+}  // namespace detail
+
+/// What all four nodes share.
+template <class Self, class Interface>
+class ZEL_API VolumeNode : public NamedNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    using Interface::eval;
+
+    VolumeNode(VolumeNode const& other);
+    VolumeNode& operator=(VolumeNode const& other);
+    ~VolumeNode() override;
+
+    /// Takes over all but the type name. The volume and its halo are shared, samplers are not: the
+    /// node starts without any.
+    void copy(Self const& other);
+
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+
+    /// Where a position is looked up in the volume.
+    float3 const& inVolume(float3 const& position) const { return position; }
+    /// Whether that is another place.
+    bool isScaled() const { return false; }
+
+protected:
+    friend NodeAccess;
+    VolumeNode(Quern::String const& channelName, SamplerType type);
+    void blockValues(Block& block, BlockResult<Value>& out) const;
+    void blockGradients(Block& block, BlockResult<Gradient>& out) const;
+    Lanes<float3> inVolume(Block& block) const;
+
+    std::unique_ptr<detail::VolumeReader<Value>> reader;
+};
+
+/// A node that is bound by its constructor.
+template <class Self, class Interface>
+class ZEL_API BoundVolumeNode : public VolumeNode<Self, Interface> {
+public:
+    /// Binds to the object's volume. If that throws, whatever it is, the task group of the oneTBB
+    /// task that runs the constructor is cancelled, if there is one, and the node stays with what
+    /// it found until then.
+    BoundVolumeNode(Orvane::Object const& object, Quern::String const& channelName,
+                    SamplerType const& type);
+};
+
+/// A node that is bound by `apply_object`, and looks positions up at `scale` times their
+/// coordinates. The scale is 1 until an object is applied that holds another.
+template <class Self, class Interface>
+class ZEL_API TriggeredVolumeNode : public VolumeNode<Self, Interface> {
+public:
+    TriggeredVolumeNode(Quern::String const& channelName, SamplerType const& type);
+
+    bool is_triggerable() const override;
+
+    /// Takes the scale from the object's property Vellum::sceneUnitsInMeters, if that is a float,
+    /// and binds to the object's volume. A node that has a halo keeps its volume, and takes the
+    /// scale alone; any other node is bound anew, unless the object has no volume.
+    ///
+    /// What the look-up of the scale throws reaches the caller. If binding throws a std::exception
+    /// with the text ORV::exceptionMessage, the task group of the oneTBB task that runs this is
+    /// cancelled, if there is one, and nothing is thrown; with another text, a std::runtime_error
+    /// with that text is thrown. Anything else reaches the caller as it is. The node stays with
+    /// what it found until then.
+    void apply_object(Orvane::Object const& object) override;
+
+    void copy(Self const& other);
+    float3 inVolume(float3 const& position) const { return position * scale; }
+    bool isScaled() const { return scale != 1; }
+
+protected:
+    float scale = 1;
+};
+
+/// The value of a channel of `float`.
+class ZEL_API ScalarOrvane : public BoundVolumeNode<ScalarOrvane, ScalarField> {
+public:
+    using BoundVolumeNode::BoundVolumeNode;
+};
+
+/// The value of a channel of `float3`.
+class ZEL_API VectorOrvane : public BoundVolumeNode<VectorOrvane, VectorField> {
+public:
+    using BoundVolumeNode::BoundVolumeNode;
+};
+
+/// The value of a channel of `float` of an object that is applied later. Its gradient is that of
+/// the volume at the scaled position: it is not multiplied by the scale.
+class ZEL_API ScalarOrvaneTriggered
+    : public TriggeredVolumeNode<ScalarOrvaneTriggered, ScalarField> {
+public:
+    using TriggeredVolumeNode::TriggeredVolumeNode;
+};
+
+/// The value of a channel of `float3` of an object that is applied later. Its gradient is that of
+/// the node: the scale is in it.
+class ZEL_API VectorOrvaneTriggered
+    : public TriggeredVolumeNode<VectorOrvaneTriggered, VectorField> {
+public:
+    using TriggeredVolumeNode::TriggeredVolumeNode;
+};
+
+}  // namespace zel
+
+#define ZEL_DETAIL_VOLUME_NODE(Template, Base, Node, Interface)                                    \
+    Template class zel::NamedNode<Node, Core::Fields::Interface>;                                  \
+    Template class zel::VolumeNode<Node, Core::Fields::Interface>;                                 \
+    Template class zel::Base<Node, Core::Fields::Interface>
+#define ZEL_DETAIL_SCALAR_VOLUME_NODES(Template)                                                   \
+    ZEL_DETAIL_VOLUME_NODE(Template, BoundVolumeNode, zel::ScalarOrvane, ScalarField);             \
+    ZEL_DETAIL_VOLUME_NODE(Template, TriggeredVolumeNode, zel::ScalarOrvaneTriggered, ScalarField)
+#define ZEL_DETAIL_VECTOR_VOLUME_NODES(Template)                                                   \
+    ZEL_DETAIL_VOLUME_NODE(Template, BoundVolumeNode, zel::VectorOrvane, VectorField);             \
+    ZEL_DETAIL_VOLUME_NODE(Template, TriggeredVolumeNode, zel::VectorOrvaneTriggered, VectorField)
+
+ZEL_DETAIL_SCALAR_VOLUME_NODES(extern template);
+ZEL_DETAIL_VECTOR_VOLUME_NODES(extern template);

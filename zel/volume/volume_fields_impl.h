@@ -1,0 +1,153 @@
+#pragma once
+
+#include <exception>
+#include <stdexcept>
+
+#include "orvane_math_support/exception_message.h"
+#include "shape_store/scene_units.h"
+#include "zel/field/differences.h"
+#include "zel/field/node_impl.h"
+#include "zel/volume/volume_fields.h"
+#include "zel/volume/volume_reader_impl.h"
+
+// The definitions of the volume nodes' bases, together with those of their reader, so that a value
+// is one call.
+namespace zel {
+
+namespace detail {
+
+/// Cancels the task group of the task that runs this code, if there is one.
+void cancelEnclosingGroup();
+
+/// The volume as a field of its own.
+struct Unscaled {
+    VolumeReader<float> const& reader;
+
+    float eval(float3 const& position, long long /*index*/) const { return reader.value(position); }
+};
+
+}  // namespace detail
+
+template <class Self, class Interface>
+VolumeNode<Self, Interface>::VolumeNode(Quern::String const& channelName, SamplerType type)
+    : reader(std::make_unique<detail::VolumeReader<Value>>(channelName, type)) {}
+
+template <class Self, class Interface>
+VolumeNode<Self, Interface>::VolumeNode(VolumeNode const& other)
+    : NamedNode<Self, Interface>(other),
+      reader(std::make_unique<detail::VolumeReader<Value>>(*other.reader)) {}
+
+template <class Self, class Interface>
+VolumeNode<Self, Interface>& VolumeNode<Self, Interface>::operator=(VolumeNode const& other) {
+    NamedNode<Self, Interface>::operator=(other);
+    *reader = *other.reader;
+    return *this;
+}
+
+template <class Self, class Interface> VolumeNode<Self, Interface>::~VolumeNode() = default;
+
+template <class Self, class Interface> void VolumeNode<Self, Interface>::copy(Self const& other) {
+    *reader = *other.reader;
+}
+
+template <class Self, class Interface>
+auto VolumeNode<Self, Interface>::eval(float3 const& position, long long /*index*/) const -> Value {
+    return reader->value(this->self().inVolume(position));
+}
+
+template <class Self, class Interface>
+auto VolumeNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
+    if constexpr (std::is_same_v<Value, float>) {
+        float3 const place = this->self().inVolume(position);
+        float3 gradient;
+        if (reader->gradient(place, gradient)) return gradient;
+        if (this->self().isScaled()) {
+            // Around the place in the volume, so that the scale does not count twice.
+            detail::differences(detail::Unscaled{*reader}, place, index,
+                                [&](int axis, float f1, float f2, float divisor) {
+                                    gradient[axis] = (f1 - f2) / divisor;
+                                });
+            return gradient;
+        }
+    }
+    return Interface::grad(position, index);
+}
+
+/// Where the positions of a block are looked up in the volume.
+template <class Self, class Interface>
+Lanes<float3> VolumeNode<Self, Interface>::inVolume(Block& block) const {
+    if (!this->self().isScaled()) return block.positions();
+    auto moved = block.result<float3>();
+    mapLanes(
+        block, moved,
+        [node = &this->self()](float3 const& p) ZEL_LANES { return node->inVolume(p); },
+        block.positions());
+    return moved.lanes;
+}
+
+template <class Self, class Interface>
+void VolumeNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
+    Block::Frame const frame(block);
+    reader->values(inVolume(block), block.count(), out.writer());
+}
+
+template <class Self, class Interface>
+void VolumeNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradient>& out) const {
+    if constexpr (std::is_same_v<Value, float>) {
+        if (reader->hasGradients()) {
+            Block::Frame const frame(block);
+            return reader->gradients(inVolume(block), block.count(), out.writer());
+        }
+        if (this->self().isScaled()) {
+            auto const write = out.writer();
+            for (int i = 0; i < block.count(); ++i)
+                write.set(i, grad(block.positions()[i], block.index(i)));
+            return;
+        }
+    }
+    detail::differencesInBlock<Interface>(*this, block, out);
+}
+
+template <class Self, class Interface>
+BoundVolumeNode<Self, Interface>::BoundVolumeNode(Orvane::Object const& object,
+                                                  Quern::String const& channelName,
+                                                  SamplerType const& type)
+    : VolumeNode<Self, Interface>(channelName, type) {
+    try {
+        this->reader->bind(object);
+    } catch (...) {
+        detail::cancelEnclosingGroup();
+    }
+}
+
+template <class Self, class Interface>
+TriggeredVolumeNode<Self, Interface>::TriggeredVolumeNode(Quern::String const& channelName,
+                                                          SamplerType const& type)
+    : VolumeNode<Self, Interface>(channelName, type) {}
+
+template <class Self, class Interface>
+bool TriggeredVolumeNode<Self, Interface>::is_triggerable() const {
+    return true;
+}
+
+template <class Self, class Interface>
+void TriggeredVolumeNode<Self, Interface>::apply_object(Orvane::Object const& object) {
+    Quern::Any const unit = object.property(Vellum::sceneUnitsInMeters);
+    if (auto const* const value = unit.get<float>()) scale = *value;
+    if (this->reader->hasHalo()) return;
+    try {
+        this->reader->bind(object);
+    } catch (std::exception const& error) {
+        char const* const text = error.what() ? error.what() : "";
+        if (!(Quern::StringView(text) == ORV::exceptionMessage)) throw std::runtime_error(text);
+        detail::cancelEnclosingGroup();
+    }
+}
+
+template <class Self, class Interface>
+void TriggeredVolumeNode<Self, Interface>::copy(Self const& other) {
+    VolumeNode<Self, Interface>::copy(other);
+    scale = other.scale;
+}
+
+}  // namespace zel
