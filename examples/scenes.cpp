@@ -34,14 +34,6 @@ ScalarPtr die() {
     return carve(intersect(roundedBox({0.78F, 0.78F, 0.78F}, 10.0F), ball), bores);
 }
 
-/// The field itself near the solid; farther away the distance to a ball around it, which costs
-/// less. A switch evaluates only the branch that it takes.
-ScalarPtr bounded(ScalarPtr const& solid, float3 const& center, float radius) {
-    constexpr float kMargin = 0.15F;
-    ScalarPtr const bound = make<zel::ScalarFieldSphere>(center, radius);
-    return make<zel::ScalarFieldSwitch>(bound - kMargin, bound, solid);
-}
-
 ScalarPtr terraces() {
     return make<zel::ScalarFieldFCurve>(mountains(), terraceCurve());
 }
@@ -64,6 +56,13 @@ ScalarPtr blend(ScalarPtr const& a, ScalarPtr const& b, float radius) {
         make<zel::ScalarFieldMax>(constant(radius) - absolute(a - b), constant(0));
     ScalarPtr const square = make<zel::ScalarFieldPow>(near, 2.0F);
     return unite(a, b) - square * (0.25F / radius);
+}
+
+ScalarPtr bounded(ScalarPtr const& solid, float3 const& center, float radius) {
+    // A switch evaluates only the branch that it takes.
+    constexpr float kMargin = 0.15F;
+    ScalarPtr const bound = make<zel::ScalarFieldSphere>(center, radius);
+    return make<zel::ScalarFieldSwitch>(bound - kMargin, bound, solid);
 }
 
 ScalarPtr cylinder(float radius) {

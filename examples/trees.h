@@ -125,6 +125,9 @@ inline ScalarPtr turned(ScalarPtr const& a, float3 const& rotation) {
 /// The union of `a` and `b` with the seam rounded where they are within `radius` of each other.
 ScalarPtr blend(ScalarPtr const& a, ScalarPtr const& b, float radius);
 
+/// The solid itself near a ball around it; farther away the distance to the ball, which costs less.
+ScalarPtr bounded(ScalarPtr const& solid, float3 const& center, float radius);
+
 /// A cylinder around the z axis that has no end.
 ScalarPtr cylinder(float radius);
 

@@ -22,5 +22,8 @@ Image drawWarp(Meter& meter);
 Image drawAdvection(Meter& meter);
 Image drawClosest(Meter& meter);
 Image drawRemap(Meter& meter);
+Image drawVolume(Meter& meter);
+Image drawVolumeSolids(Meter& meter);
+Image drawSamplers(Meter& meter);
 
 }  // namespace examples

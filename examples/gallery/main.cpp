@@ -40,6 +40,12 @@ constexpr std::array kPictures{
     Picture{"closest", "paths to the closest points of a surface, and a pattern looked up there",
             examples::drawClosest},
     Picture{"remap", "heights of a landscape sent through curves", examples::drawRemap},
+    Picture{"volume", "slices of an adaptive volume with its tiles, displaced by noise",
+            examples::drawVolume},
+    Picture{"volume_solids", "the same volume, sphere-traced by each of the three samplers",
+            examples::drawVolumeSolids},
+    Picture{"samplers", "a coarse volume magnified: the three samplers across a jump of resolution",
+            examples::drawSamplers},
 };
 
 double nanosecondsAPoint(examples::Meter::Tally const& tally) {

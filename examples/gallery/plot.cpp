@@ -112,4 +112,19 @@ Image plotRamp(Meter& meter, zel::ScalarField const& field, View const& view, in
     return fine.reduced(kSamples);
 }
 
+Image plotGradient(Meter& meter, zel::ScalarField const& field, View const& view, int width,
+                   int height, float steepness) {
+    Image fine(width * kSamples, height * kSamples);
+    auto const gradients =
+        meter.gradients(field, pixelPositions(view, fine.width(), fine.height()));
+    for (int y = 0; y < fine.height(); ++y)
+        for (int x = 0; x < fine.width(); ++x) {
+            float3 const g = gradients[static_cast<long long>(y) * fine.width() + x];
+            float const slope = 1 - std::exp(-steepness * std::hypot(g.x, g.y));
+            fine.at(x, y) = fromHue(0.12F + 0.72F * slope, 0.15F * std::sqrt(slope),
+                                    std::atan2(g.y, g.x) + 0.5F);
+        }
+    return fine.reduced(kSamples);
+}
+
 }  // namespace examples

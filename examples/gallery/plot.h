@@ -39,6 +39,11 @@ struct RampStyle {
 Image plotRamp(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
                RampStyle const& style);
 
+/// The direction of the field's gradient as a hue, and its slope as the brightness: by 63 % at
+/// 1 / steepness.
+Image plotGradient(Meter& meter, zel::ScalarField const& field, View const& view, int width,
+                   int height, float steepness = 1.1F);
+
 /// How many samples a pixel has along each axis, in all flat pictures.
 inline constexpr int kSamples = 3;
 
