@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <concepts>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -115,7 +116,7 @@ private:
         int const nx = count(0), ny = count(1), nz = count(2);
         T const* const corner = fine + first.x + W * (first.y + W * first.z);
         if (nx * ny * nz == 1) return *corner;
-        constexpr std::size_t kParts = sizeof(T) / sizeof(float);
+        constexpr std::size_t kParts = std::same_as<T, float> ? 1 : 3;
         std::array<double, kParts> sums{};  // beyond the range of floats
         for (int z = 0; z < nz; ++z)
             for (int y = 0; y < ny; ++y)

@@ -20,10 +20,10 @@ namespace {
 
 /// An array of `count` zeros, out of the pool of arrays if that is enabled and has such arrays.
 template <class T> Quern::Ptr<Quern::Array<T>> zeros(long long count) {
-    namespace ArrayPool = ORV::TileTree3D::ArrayPool;
     if constexpr (!std::same_as<T, float3x3>)
-        if (ArrayPool::enabled())
-            return ArrayPool::allocate<T>(T{}, static_cast<unsigned long long>(count));
+        if (ORV::TileTree3D::ArrayPool::enabled())
+            return ORV::TileTree3D::ArrayPool::allocate<T>(T{},
+                                                           static_cast<unsigned long long>(count));
     return Quern::makePtr<Quern::Array<T>>(count, T{});
 }
 
