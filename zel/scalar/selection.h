@@ -62,7 +62,10 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
-    float valueOf(float v) const { return v <= min ? min : v >= max ? max : v; }
+    float valueOf(float v) const {
+        float const below = v >= max ? max : v;  // one choice after the other: quicker in vectors
+        return v <= min ? min : below;
+    }
     int gradientChoice(float v) const { return ((min < v) & (v < max)) ? 0 : -1; }  // no branch
 
     ScalarPtr field;
