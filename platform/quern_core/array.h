@@ -4,6 +4,7 @@
 #include <cassert>
 #include <initializer_list>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "quern_core/type_rep.h"
@@ -24,6 +25,12 @@ public:
     }
     Array(long long count, T const& value) : Array() {
         build(count, [&](T* first, long long n) { std::uninitialized_fill_n(first, n, value); });
+    }
+    /// `count` elements that have no value yet. All are to be written before one is read.
+    static Array forOverwrite(long long count) requires std::is_trivially_destructible_v<T> {
+        Array array;
+        array.build(count, [](T*, long long) {});
+        return array;
     }
     Array(std::initializer_list<T> list) : Array() { buildCopy(list.begin(), ssize(list)); }
     Array(Array const& other) : Array() { buildCopy(other.elements, other.length); }

@@ -5,6 +5,7 @@
 #include <tbb/partitioner.h>
 #include <tbb/task_group.h>
 
+#include <algorithm>
 #include <concepts>
 
 #include "orvane_geometry_volume/array_pool.h"
@@ -18,13 +19,18 @@ using Orvane::Math::float3x3;
 
 namespace {
 
-/// An array of `count` zeros, out of the pool of arrays if that is enabled and has such arrays.
-template <class T> Quern::Ptr<Quern::Array<T>> zeros(long long count) {
+/// An array of `count` values that are written next, out of the pool of arrays if that is enabled
+/// and has such arrays.
+template <class T> Quern::Ptr<Quern::Array<T>> makeResult(long long count) {
     if constexpr (!std::same_as<T, float3x3>)
         if (ORV::TileTree3D::ArrayPool::enabled())
             return ORV::TileTree3D::ArrayPool::allocate<T>(T{},
                                                            static_cast<unsigned long long>(count));
-    return Quern::makePtr<Quern::Array<T>>(count, T{});
+    return Quern::makePtr<Quern::Array<T>>(Quern::Array<T>::forOverwrite(count));
+}
+
+template <class T> void clear(Quern::Ptr<Quern::Array<T>> const& array) {
+    if (array) std::fill(array->begin(), array->end(), T{});
 }
 
 /// Works out what there is an array for, in parallel.
@@ -46,6 +52,10 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
         // Isolated, so that cancelling the caller's own tasks leaves no batch half done.
         tbb::task_group_context context(tbb::task_group_context::isolated);
         tbb::parallel_for(all, loop, tbb::auto_partitioner(), context);
+        if (context.is_group_execution_cancelled()) {  // by a node, which left parts undone
+            clear(out.values);
+            clear(out.gradients);
+        }
     } else {
         loop(all);
     }
@@ -58,8 +68,8 @@ ValuesAndGradients<Interface> evaluate(Interface const& field,
                                        Quern::Array<float3> const& positions, bool values,
                                        bool gradients) {
     ValuesAndGradients<Interface> out;
-    if (values) out.values = zeros<typename Interface::Value>(positions.size());
-    if (gradients) out.gradients = zeros<typename Interface::Gradient>(positions.size());
+    if (values) out.values = makeResult<typename Interface::Value>(positions.size());
+    if (gradients) out.gradients = makeResult<typename Interface::Gradient>(positions.size());
     evaluate(field, positions, out);
     return out;
 }

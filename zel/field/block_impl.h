@@ -126,6 +126,14 @@ void Block::writeValues(Interface const& node, bool shared,
 
 namespace detail {
 
+/// Asks for `count` positions that are soon read.
+inline void prefetch(Orvane::Math::float3 const* positions, std::size_t count) {
+    constexpr std::size_t kStep = 128;  // cache lines come in pairs
+    auto const* const bytes = reinterpret_cast<char const*>(positions);
+    for (std::size_t at = 0; at < count * sizeof(*positions); at += kStep)
+        __builtin_prefetch(bytes + at, 0, 2);
+}
+
 /// Evaluates a field at positions `begin` to `end` of an array, in blocks; each of the two results
 /// may be null.
 template <class Interface>
@@ -150,6 +158,8 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
             y[i] = p[i].y;
             z[i] = p[i].z;
         });
+        prefetch(positions + at + count,
+                 std::min(end - at - static_cast<std::size_t>(count), std::size_t{kBlockSize}));
         if (values) {
             if constexpr (kComponents<typename Interface::Value> == 1) {
                 BlockResult<float> out(values + at);
