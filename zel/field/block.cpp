@@ -9,26 +9,40 @@ namespace zel {
 
 namespace detail {
 
+void Arena::use(std::size_t chunk) {
+    m_current = chunk;
+    m_begin = m_next = m_chunks[chunk].begin;
+    m_end = m_chunks[chunk].end;
+}
+
 void Arena::nextChunk(std::size_t size) {
     constexpr std::size_t kLeast = std::size_t{1} << 16, kAlignment = 64;
-    while (true) {
-        // A chunk that is too small is left out; what comes after it is larger.
-        std::size_t const next =
-            m_chunks.empty() ? 0 : m_top.chunk + (m_top.chunk < m_chunks.size());
-        if (next < m_chunks.size()) {
-            m_top = {next, 0};
-            if (size <= m_chunks[next].size) return;
-            continue;
-        }
-        Chunk chunk;
-        chunk.size = std::max(size, m_chunks.empty() ? kLeast : 2 * m_chunks.back().size);
-        chunk.memory = std::make_unique_for_overwrite<std::byte[]>(chunk.size + kAlignment);
-        auto const address = reinterpret_cast<std::uintptr_t>(chunk.memory.get());
-        chunk.data = chunk.memory.get() + (kAlignment - address % kAlignment) % kAlignment;
-        m_chunks.push_back(std::move(chunk));
-        m_top = {m_chunks.size() - 1, 0};
-        return;
+    // A chunk that is too small is left out; what comes after it is larger.
+    for (std::size_t next = m_begin ? m_current + 1 : 0; next < m_chunks.size(); ++next) {
+        use(next);
+        if (size <= static_cast<std::size_t>(m_end - m_begin)) return;
     }
+    std::size_t const bytes = std::max(
+        size, m_chunks.empty()
+                  ? kLeast
+                  : 2 * static_cast<std::size_t>(m_chunks.back().end - m_chunks.back().begin));
+    Chunk chunk;
+    chunk.memory = std::make_unique_for_overwrite<std::byte[]>(bytes + kAlignment);
+    auto const address = reinterpret_cast<std::uintptr_t>(chunk.memory.get());
+    chunk.begin = chunk.memory.get() + (kAlignment - address % kAlignment) % kAlignment;
+    chunk.end = chunk.begin + bytes;
+    m_chunks.push_back(std::move(chunk));
+    use(m_chunks.size() - 1);
+}
+
+void Arena::returnTo(Mark mark) {
+    // Two chunks never touch: there is room for the alignment between them.
+    std::size_t chunk = m_current;
+    while (chunk > 0 && !(std::less_equal<>()(m_chunks[chunk].begin, mark) &&
+                          std::less_equal<>()(mark, m_chunks[chunk].end)))
+        --chunk;
+    use(chunk);
+    if (mark) m_next = mark;  // null is the bottom, from before there was a chunk
 }
 
 Workspace& Workspace::local() {
@@ -39,7 +53,7 @@ Workspace& Workspace::local() {
 Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
     if (workspace.m_depth++ == 0 && workspace.m_constantCount == kMaxConstants) {
         workspace.m_slots = {};
-        workspace.m_constants.release({});
+        workspace.m_constants.release(nullptr);
         workspace.m_constantCount = 0;
     }
 }

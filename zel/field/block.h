@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -19,20 +20,23 @@ namespace detail {
 /// Memory that is taken and given back in the order of a stack. What it has once taken it keeps.
 class ZEL_API Arena {
 public:
-    struct Mark {
-        std::size_t chunk = 0, used = 0;
-    };
+    /// A place in the stack; releasing it gives up what was taken since.
+    using Mark = std::byte*;
 
-    Mark mark() const { return m_top; }
-    void release(Mark const& mark) { m_top = mark; }
+    Mark mark() const { return m_next; }
+    void release(Mark mark) {
+        if (std::less_equal<>()(m_begin, mark) && std::less_equal<>()(mark, m_end))
+            m_next = mark;
+        else
+            returnTo(mark);
+    }
 
     /// `size` bytes, aligned to 64.
     void* allocate(std::size_t size) {
         size = (size + 63) & ~std::size_t{63};
-        if (m_top.chunk >= m_chunks.size() || m_top.used + size > m_chunks[m_top.chunk].size)
-            nextChunk(size);
-        std::byte* const place = m_chunks[m_top.chunk].data + m_top.used;
-        m_top.used += size;
+        if (static_cast<std::size_t>(m_end - m_next) < size) nextChunk(size);
+        std::byte* const place = m_next;
+        m_next += size;
         return place;
     }
     float* floats(int count) {
@@ -42,13 +46,18 @@ public:
 private:
     struct Chunk {
         std::unique_ptr<std::byte[]> memory;
-        std::byte* data = nullptr;
-        std::size_t size = 0;
+        std::byte* begin = nullptr;
+        std::byte* end = nullptr;
     };
     void nextChunk(std::size_t size);
+    void returnTo(Mark mark);
+    void use(std::size_t chunk);
 
+    std::byte* m_next = nullptr;  // in the current chunk, whose bounds follow
+    std::byte* m_begin = nullptr;
+    std::byte* m_end = nullptr;
+    std::size_t m_current = 0;
     std::vector<Chunk> m_chunks;
-    Mark m_top;
 };
 
 /// What a thread evaluates blocks with. It grows on first use and stays with the thread.
@@ -178,7 +187,7 @@ public:
     class Frame {
     public:
         explicit Frame(Block& block) : Frame(block, block.m_workspace.stack.mark()) {}
-        Frame(Block& block, detail::Arena::Mark const& mark)
+        Frame(Block& block, detail::Arena::Mark mark)
             : m_stack(block.m_workspace.stack), m_mark(mark) {}
         ~Frame() { m_stack.release(m_mark); }
         Frame(Frame const&) = delete;

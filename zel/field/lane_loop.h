@@ -27,8 +27,11 @@ namespace zel::detail {
 /// Marks the body of a loop over lanes, so that it is compiled as part of each form of the loop.
 #define ZEL_LANES __attribute__((always_inline))
 
+// The body is not passed by value: the caller would write it in parts and read it back in whole
+// vectors, and wait for that. A copy of it may stay in registers, since no result overwrites it.
 template <bool kShort, class Body>
-__attribute__((flatten)) void loopOverLanes(int count, Body body) {
+__attribute__((flatten)) void loopOverLanes(int count, Body const& shared) {
+    Body const body = shared;
     if constexpr (kShort) {
         ZEL_INDEPENDENT_SHORT
         for (int i = 0; i < count; ++i) body(i);
@@ -39,7 +42,8 @@ __attribute__((flatten)) void loopOverLanes(int count, Body body) {
 }
 
 template <bool kShort, class Body>
-ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body body) {
+ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body const& shared) {
+    Body const body = shared;
     if constexpr (kShort) {
         ZEL_INDEPENDENT_SHORT
         for (int i = 0; i < count; ++i) body(i);
