@@ -1,7 +1,8 @@
 // Noise against the textbook: ns a sample of every noise function, and of a plain implementation of
 // four-dimensional simplex noise, over the same million points in the same run. `/0` are points
 // scattered over the lattice, `/1` steps along a line. The block forms run on every instruction set
-// of the machine, in blocks of 128 points.
+// of the machine, in blocks of 128 points; the nodes by points, and in a batch on one thread with
+// every instruction set.
 
 #include "orvane_math_support/noise.h"
 #include "orvane_math_support/noise_block.h"
@@ -9,6 +10,7 @@
 #include "zel/zel.h"
 
 #include <benchmark/benchmark.h>
+#include <tbb/global_control.h>
 
 #include <algorithm>
 #include <array>
@@ -208,31 +210,48 @@ void createTimeTable(benchmark::State& state) {
     });
 }
 
-/// A node, called point by point through its interface. Its time is a constant.
-template <class Field> void runNode(benchmark::State& state, Field const& field) {
-    field.preSampleField();
-    run(state, [&](float4 const& p) { return field.eval({p.x, p.y, p.z}, 0); });
-    field.postSampleField();
-}
 zel::ScalarPtr constantTime() {
     return Quern::makePtr<zel::ScalarFieldConstant>(1.5f);
 }
-void simplexNode(benchmark::State& state) {
-    runNode<zel::ScalarField>(state, zel::ScalarFieldSimplexNoise(constantTime(), 7));
+
+/// Benchmarks of a node with a constant time: called point by point through its interface, and in
+/// a batch on one thread with each instruction set.
+template <class Node, class... Args> void addNode(std::string const& name, Args const&... args) {
+    auto const node = Quern::makePtr<Node>(args...);
+    benchmark::RegisterBenchmark(
+        (name + "/point").c_str(),
+        [node](benchmark::State& state) {
+            node->preSampleField();
+            run(state, [&](float4 const& p) { return node->eval({p.x, p.y, p.z}, 0); });
+            node->postSampleField();
+        })
+        ->Arg(0)
+        ->Arg(1);
+    for (auto const& target : Quern::simdTargets())
+        benchmark::RegisterBenchmark(
+            (name + "/batch " + target.name).c_str(),
+            [node, target](benchmark::State& state) {
+                tbb::global_control const control(tbb::global_control::max_allowed_parallelism, 1);
+                Quern::Array<float3> positions;
+                for (float4 const& p : points(state.range(0) != 0))
+                    positions.push_back({p.x, p.y, p.z});
+                Quern::useSimdTarget(target);
+                for (auto _ : state) benchmark::DoNotOptimize(node->eval(positions)->data());
+                Quern::useSimdTarget(Quern::simdTargets().front());
+                countSamples(state, static_cast<std::size_t>(positions.size()));
+            })
+            ->Arg(0)
+            ->Arg(1);
 }
-void fractalNodeFiveOctaves(benchmark::State& state) {
-    runNode<zel::ScalarField>(
-        state, zel::ScalarFieldFractalNoise(1, 5, 1, 0.5f, 0.5f, constantTime(), 1.5f, 7));
-}
-void curlNode(benchmark::State& state) {
-    runNode<zel::VectorField>(state, zel::VectorFieldCurlNoise(constantTime(), false, 7));
-}
-void smoothCurlNode(benchmark::State& state) {
-    runNode<zel::VectorField>(state, zel::VectorFieldCurlNoise(constantTime(), true, 7));
-}
-void turbulenceNodeFiveOctaves(benchmark::State& state) {
-    runNode<zel::VectorField>(state, zel::VectorFieldFractalTurbulence(
-                                         1, 5, 1, 0.5f, 0.5f, constantTime(), 1.5f, true, 7));
+
+void addNodes() {
+    addNode<zel::ScalarFieldSimplexNoise>("simplexNode", constantTime(), 7);
+    addNode<zel::ScalarFieldFractalNoise>("fractalNodeFiveOctaves", 1.0f, 5.0f, 1.0f, 0.5f, 0.5f,
+                                          constantTime(), 1.5f, 7);
+    addNode<zel::VectorFieldCurlNoise>("curlNode", constantTime(), false, 7);
+    addNode<zel::VectorFieldCurlNoise>("smoothCurlNode", constantTime(), true, 7);
+    addNode<zel::VectorFieldFractalTurbulence>("turbulenceNodeFiveOctaves", 1.0f, 5.0f, 1.0f, 0.5f,
+                                               0.5f, constantTime(), 1.5f, true, 7);
 }
 
 BENCHMARK(textbookSimplex)->Arg(0)->Arg(1);
@@ -245,11 +264,6 @@ BENCHMARK(smoothCurlNoise)->Arg(0)->Arg(1);
 BENCHMARK(smoothCurlNoiseTable)->Arg(0)->Arg(1);
 BENCHMARK(curlNoiseDerivative)->Arg(0)->Arg(1);
 BENCHMARK(createTimeTable)->Arg(0);
-BENCHMARK(simplexNode)->Arg(0)->Arg(1);
-BENCHMARK(fractalNodeFiveOctaves)->Arg(0)->Arg(1);
-BENCHMARK(curlNode)->Arg(0)->Arg(1);
-BENCHMARK(smoothCurlNode)->Arg(0)->Arg(1);
-BENCHMARK(turbulenceNodeFiveOctaves)->Arg(0)->Arg(1);
 
 void addBlocks() {
     auto const value = [](auto x, auto y, auto z, auto w, int n, auto& out) {
@@ -290,6 +304,7 @@ void addBlocks() {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    addNodes();
     addBlocks();
     benchmark::RunSpecifiedBenchmarks();
 }
