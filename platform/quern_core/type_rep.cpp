@@ -7,11 +7,28 @@
 #include <stdexcept>
 #include <string>
 
+#ifdef __linux__
+#include <sys/mman.h>
+#endif
+
 namespace Quern::Internal {
 
 namespace {
 // Whole cache lines, so that two arrays written by two threads never share one.
 constexpr std::size_t kCacheLine = 64;
+
+/// Asks the system to back large storage with large pages, so that reads at random places wait for
+/// the sample alone and not for the page tables too. Without an effect where there are none.
+void askForLargePages([[maybe_unused]] void* storage, [[maybe_unused]] std::size_t size) {
+#ifdef MADV_HUGEPAGE
+    constexpr std::size_t kLarge = std::size_t{4} << 20, kPage = 4096;
+    if (size < kLarge) return;
+    auto const first = (reinterpret_cast<std::uintptr_t>(storage) + kPage - 1) / kPage * kPage;
+    auto const end = (reinterpret_cast<std::uintptr_t>(storage) + size) / kPage * kPage;
+    madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);  // no more than a wish
+#endif
+}
+
 }  // namespace
 
 void* UntypedTypeRep::allocate(long long count) const {
@@ -21,8 +38,11 @@ void* UntypedTypeRep::allocate(long long count) const {
         throw std::length_error("Quern::Array: no storage for " + std::to_string(count) +
                                 " elements of " + std::to_string(size) + " bytes");
     if (count == 0) return nullptr;
-    return ::operator new(static_cast<std::size_t>(count) * size,
-                          std::align_val_t(std::max(alignment, kCacheLine)));
+    std::size_t const bytes = static_cast<std::size_t>(count) * size;
+    void* const storage =
+        ::operator new(bytes, std::align_val_t(std::max(alignment, kCacheLine)));
+    askForLargePages(storage, bytes);
+    return storage;
 }
 
 void UntypedTypeRep::deallocate(void* storage) const noexcept {
