@@ -39,8 +39,7 @@ void* UntypedTypeRep::allocate(long long count) const {
                                 " elements of " + std::to_string(size) + " bytes");
     if (count == 0) return nullptr;
     std::size_t const bytes = static_cast<std::size_t>(count) * size;
-    void* const storage =
-        ::operator new(bytes, std::align_val_t(std::max(alignment, kCacheLine)));
+    void* const storage = ::operator new(bytes, std::align_val_t(std::max(alignment, kCacheLine)));
     askForLargePages(storage, bytes);
     return storage;
 }

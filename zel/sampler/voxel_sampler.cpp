@@ -42,15 +42,45 @@ Internal::Lanes floatsAbove(std::array<double, 3> const& integers) {
 
 }  // namespace
 
+namespace {
+
+/// Whether a position is on a lattice that can have tiles; not if it is NaN.
+bool inReach(Internal::Lanes const& v) {
+    constexpr float kBound = 1073741824.0F;  // all trees lie within this distance of the origin
+    return Internal::allSet((v > -kBound) & (v < kBound));
+}
+
+Internal::IntLanes roundedDown(Internal::Lanes const& v) {
+    Internal::IntLanes const floor = Internal::truncated(v);
+    return floor + (Internal::converted(floor) > v);
+}
+
+}  // namespace
+
+template <class Traits, class Real, class Position>
+void VoxelSampler<Traits, Real, Position>::prefetchTiles(float const* x, float const* y,
+                                                         float const* z, int count, int space,
+                                                         int depth) const {
+    using namespace Internal;
+    auto const near = static_cast<float>(1 << m_boxShift);
+    Lanes last = m_box->low;
+    for (int i = 0; i < count; ++i) {
+        Lanes v{x[i], y[i], z[i], 0};
+        if (space == kWorldSpace) v = v * m_invVoxelSize;
+        Lanes const step = v - last;
+        last = v;
+        if (allSet((step > -near) & (step < near)) || !inReach(v)) continue;
+        IntLanes const p = roundedDown(v);
+        m_accessor.prefetch(p[0], p[1], p[2], depth);
+    }
+}
+
 /// Moves the box to the tile over a position on the lattice, if there is one.
 template <class Traits, class Real, class Position>
 bool VoxelSampler<Traits, Real, Position>::moveBox(Internal::Lanes v, int depth) {
     using namespace Internal;
-    // All trees lie within this distance of the origin. No NaN passes.
-    constexpr Real kBound = 1073741824.0F;
-    if (!allSet((v > -kBound) & (v < kBound))) return false;
-    IntLanes floor = truncated(v);
-    floor += converted(floor) > v;
+    if (!inReach(v)) return false;
+    IntLanes const floor = roundedDown(v);
     auto const cell = [&](int axis) {
         return static_cast<std::uint32_t>(floor[axis] >> m_boxShift);
     };

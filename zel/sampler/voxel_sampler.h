@@ -62,6 +62,11 @@ protected:
     [[gnu::always_inline]] bool place(Position const& position, int space, int depth,
                                       Internal::IntLanes& lijk, Internal::Lanes& frac);
 
+    /// Asks memory for the tiles over `count` positions, but for those that lie near the position
+    /// before them.
+    void prefetchTiles(float const* x, float const* y, float const* z, int count, int space,
+                       int depth) const;
+
     /// A tile, the box around a position in which the same tile would be found, and what turns a
     /// position into a place in the tile.
     struct Box {

@@ -131,6 +131,7 @@ ZEL_DETAIL_LINEAR_HEAD
 int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* z, int count,
                                    int maxDepth, int space, std::array<Located, kBlock>& located) {
     int const end = std::min(count, kBlock);
+    this->prefetchTiles(x, y, z, end, space, std::min(m_depth, maxDepth));
     for (int i = 0; i < end; ++i) {
         Located& l = located[static_cast<unsigned>(i)];
         l.corner = nullptr;
