@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "dense_volume.h"
 #include "orvane_geometry_volume/tile_tree.h"
 #include "ratio_table.h"
 #include "zel/sampler/voxel_sampler_linear.h"
@@ -79,41 +80,6 @@ Positions makePositions(bool scan, int low, int size, int count) {
     return p;
 }
 
-/// A dense array of samples, x fastest.
-template <class T> struct Dense {
-    int low, size;
-    std::vector<T> samples;
-    float inverse = 1 / kVoxelSize;
-
-    static T lerp(T const& a, T const& b, float t) { return (b - a) * t + a; }
-
-    T sample(float3 const& p, float3* gradient = nullptr) const {
-        auto const l = static_cast<float>(low);
-        float const x = p.x * inverse - l, y = p.y * inverse - l, z = p.z * inverse - l;
-        auto const end = static_cast<float>(size - 1);
-        if (!(x >= 0 && x < end && y >= 0 && y < end && z >= 0 && z < end)) return T();
-        int const i = static_cast<int>(x), j = static_cast<int>(y), k = static_cast<int>(z);
-        float const fx = x - static_cast<float>(i), fy = y - static_cast<float>(j),
-                    fz = z - static_cast<float>(k);
-        std::ptrdiff_t const row = size, slice = row * size;
-        T const* const c = samples.data() + i + row * j + slice * k;
-        T const x00 = lerp(c[0], c[1], fx), x10 = lerp(c[row], c[row + 1], fx),
-                x01 = lerp(c[slice], c[slice + 1], fx),
-                x11 = lerp(c[slice + row], c[slice + row + 1], fx);
-        T const y0 = lerp(x00, x10, fy), y1 = lerp(x01, x11, fy);
-        if constexpr (std::same_as<T, float>) {
-            if (gradient) {
-                float const dx0 = lerp(c[1] - c[0], c[row + 1] - c[row], fy);
-                float const dx1 =
-                    lerp(c[slice + 1] - c[slice], c[slice + row + 1] - c[slice + row], fy);
-                *gradient =
-                    float3{lerp(dx0, dx1, fz), lerp(x10 - x00, x11 - x01, fz), y1 - y0} * inverse;
-            }
-        }
-        return lerp(y0, y1, fz);
-    }
-};
-
 /// One way to read samples at all positions.
 struct Reader {
     std::string name;
@@ -139,7 +105,7 @@ template <class T> struct Vdb {
     using Grid = std::conditional_t<std::same_as<T, float>, openvdb::FloatGrid, openvdb::Vec3SGrid>;
     using Value = typename Grid::ValueType;
 
-    explicit Vdb(Dense<T> const& dense) : grid(Grid::create()) {
+    explicit Vdb(DenseVolume<T> const& dense) : grid(Grid::create()) {
         openvdb::CoordBBox const box(openvdb::Coord(dense.low),
                                      openvdb::Coord(dense.low + dense.size - 1));
         auto* const data = const_cast<Value*>(reinterpret_cast<Value const*>(dense.samples.data()));
@@ -192,21 +158,10 @@ public:
               },
               function<T>)),
           m_halo("", &m_volume.channel->defaultValue(), 0, false, true, 0, Traits::kMaxDepth),
-          m_dense{m_low, m_size, {}} {
+          m_dense(denseCopy(m_volume, m_low, m_size)) {
         m_halo.update(*m_volume.topology);
         computeHalo<Traits, T, 0, 0, 1, 0>(*m_volume.channel, *m_volume.container, m_halo, 0,
                                            Traits::kMaxDepth);
-        auto const n = static_cast<std::size_t>(m_size);
-        m_dense.samples.reserve(n * n * n);
-        auto const accessor = m_volume.container->tileAccessor();
-        for (int k = 0; k < m_size; ++k)
-            for (int j = 0; j < m_size; ++j)
-                for (int i = 0; i < m_size; ++i) {
-                    int3 const p{m_low + i, m_low + j, m_low + k};
-                    auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
-                    m_dense.samples.push_back(std::as_const(*m_volume.channel)
-                                                  .tileData(tile.treeIndex())(p - tile.tijk()));
-                }
         m_out.assign(static_cast<std::size_t>(6 * count), 0);
         m_halos = std::make_unique<LinearSampler<Traits, T>>(*m_volume.container,
                                                              *m_volume.topology, m_halo);
@@ -217,7 +172,7 @@ public:
                                                             *m_volume.channel);
 
         add(name + "/dense", [this] {
-            return sumOf(m_positions, [&](float3 const& p) { return m_dense.sample(p); });
+            return sumOf(m_positions, [&](float3 const& p) { return m_dense.linear(p); });
         });
         addSampler(name + "/halo", *m_halos);
         add(name + "/halo_block", [this] { return block(); });
@@ -230,7 +185,7 @@ public:
             add(gradient + "/dense", [this] {
                 return sumOf(m_positions, [&](float3 const& p) {
                     float3 g;
-                    float const v = m_dense.sample(p, &g);
+                    float const v = m_dense.linear(p, &g);
                     return v + g.x + g.y + g.z;
                 });
             });
@@ -263,7 +218,7 @@ public:
     bool agree() {
         for (int i = 0; i < count(); i += 101) {
             T const a = m_halos->sample(m_positions[i], Traits::kMaxDepth, kWorld);
-            T const b = m_dense.sample(m_positions[i]);
+            T const b = m_dense.linear(m_positions[i]);
             auto const first = [](T const& v) { return *reinterpret_cast<float const*>(&v); };
             if (std::abs(first(a) - first(b)) > 1e-3F * (1 + std::abs(first(b)))) return false;
         }
@@ -303,7 +258,7 @@ private:
     Positions m_positions;
     Volume<Traits, T> m_volume;
     HaloChannel<Traits, T> m_halo;
-    Dense<T> m_dense;
+    DenseVolume<T> m_dense;
     std::unique_ptr<LinearSampler<Traits, T>> m_halos, m_direct, m_ring;
 #ifdef ZEL_WITH_OPENVDB
     std::unique_ptr<Vdb<T>> m_vdb;
