@@ -23,9 +23,10 @@ void askForLargePages([[maybe_unused]] void* storage, [[maybe_unused]] std::size
 #ifdef MADV_HUGEPAGE
     constexpr std::size_t kLarge = std::size_t{4} << 20, kPage = 4096;
     if (size < kLarge) return;
-    auto const first = (reinterpret_cast<std::uintptr_t>(storage) + kPage - 1) / kPage * kPage;
-    auto const end = (reinterpret_cast<std::uintptr_t>(storage) + size) / kPage * kPage;
-    madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);  // no more than a wish
+    std::size_t const skipped = (kPage - reinterpret_cast<std::uintptr_t>(storage) % kPage) % kPage;
+    // No more than a wish.
+    madvise(static_cast<std::byte*>(storage) + skipped, (size - skipped) / kPage * kPage,
+            MADV_HUGEPAGE);
 #endif
 }
 

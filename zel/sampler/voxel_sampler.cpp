@@ -62,14 +62,22 @@ void VoxelSampler<Traits, Real, Position>::prefetchTiles(float const* x, float c
                                                          float const* z, int count, int space,
                                                          int depth) const {
     using namespace Internal;
+    // By the step from the position before. Of most blocks no step is far.
+    float const scale = space == kWorldSpace ? m_invVoxelSize : 1.0F;
     auto const near = static_cast<float>(1 << m_boxShift);
-    Lanes last = m_box->low;
+    auto const isFar = [=](float from, float to) {
+        return int{std::fabs(to - from) * scale >= near};
+    };
+    auto const farStep = [=](int i) {
+        return isFar(x[i - 1], x[i]) | isFar(y[i - 1], y[i]) | isFar(z[i - 1], z[i]);
+    };
+    int anyFar = 0;
+    for (int i = 1; i < count; ++i) anyFar |= farStep(i);
+    if (anyFar == 0) return;
     for (int i = 0; i < count; ++i) {
-        Lanes v{x[i], y[i], z[i], 0};
-        if (space == kWorldSpace) v = v * m_invVoxelSize;
-        Lanes const step = v - last;
-        last = v;
-        if (allSet((step > -near) & (step < near)) || !inReach(v)) continue;
+        if (i > 0 && farStep(i) == 0) continue;
+        Lanes const v = Lanes{x[i], y[i], z[i], 0} * scale;
+        if (!inReach(v)) continue;
         IntLanes const p = roundedDown(v);
         m_accessor.prefetch(p[0], p[1], p[2], depth);
     }

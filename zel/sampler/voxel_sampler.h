@@ -62,6 +62,17 @@ protected:
     [[gnu::always_inline]] bool place(Position const& position, int space, int depth,
                                       Internal::IntLanes& lijk, Internal::Lanes& frac);
 
+    // The steps of place(), for a position on the lattice, whose fourth coordinate is 0.
+
+    /// Whether it lies in the tile of the one before; most do.
+    [[gnu::always_inline]] bool inBox(Internal::Lanes const& v, int depth) const {
+        return m_box->depth == depth && Internal::allSet((m_box->low <= v) & (v < m_box->high));
+    }
+    /// Moves the box to the tile over it, if there is one.
+    bool moveBox(Internal::Lanes v, int depth);
+    [[gnu::always_inline]] void placeInBox(Internal::Lanes const& v, Internal::IntLanes& lijk,
+                                           Internal::Lanes& frac) const;
+
     /// Asks memory for the tiles over `count` positions, but for those that lie near the position
     /// before them.
     void prefetchTiles(float const* x, float const* y, float const* z, int count, int space,
@@ -92,9 +103,6 @@ private:
 
 protected:
     Box const* m_box = m_boxes.data();  ///< that of the tile found last
-
-private:
-    bool moveBox(Internal::Lanes v, int depth);
 };
 
 template <class Traits, class Real, class Position>
@@ -103,18 +111,21 @@ inline bool VoxelSampler<Traits, Real, Position>::place(Position const& position
                                                         Internal::Lanes& frac) {
     Internal::Lanes v = Internal::lanesOf(position);
     if (space == kWorldSpace) v = v * m_invVoxelSize;
-    // Most positions lie in the tile of the one before.
-    bool const inBox =
-        m_box->depth == depth && Internal::allSet((m_box->low <= v) & (v < m_box->high));
-    if (!inBox && !moveBox(v, depth)) return false;
+    if (!inBox(v, depth) && !moveBox(v, depth)) return false;
+    placeInBox(v, lijk, frac);
+    return true;
+}
 
+template <class Traits, class Real, class Position>
+inline void VoxelSampler<Traits, Real, Position>::placeInBox(Internal::Lanes const& v,
+                                                             Internal::IntLanes& lijk,
+                                                             Internal::Lanes& frac) const {
     // In the box no coordinate is below the corner, so that `l` is at least -m_offset.
     Internal::Lanes l = (v - m_box->corner) * m_box->perVoxel - m_offset;
     l = Internal::cleared(l, (l > -1e-5F) & (l <= 0.0F));
     constexpr float kLast = Traits::kSamples - 1;
     lijk = Internal::truncated(Internal::lower(l, kLast + Internal::Lanes{})) + (l < 0.0F);
     frac = l - Internal::converted(lijk);
-    return true;
 }
 
 template <class Traits, class Real, class Position>

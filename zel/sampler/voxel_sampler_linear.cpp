@@ -130,23 +130,37 @@ void ZEL_DETAIL_LINEAR::fill(RingCache& cache, TreeIndex const& tree) {
 ZEL_DETAIL_LINEAR_HEAD
 int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* z, int count,
                                    int maxDepth, int space, std::array<Located, kBlock>& located) {
-    int const end = std::min(count, kBlock);
-    this->prefetchTiles(x, y, z, end, space, std::min(m_depth, maxDepth));
+    int const end = std::min(count, kBlock), depth = std::min(m_depth, maxDepth);
+    float const scale = space == this->kWorldSpace ? this->m_invVoxelSize : 1.0F;
+    this->prefetchTiles(x, y, z, end, space, depth);
+    bool known = false;          // whether the next two are those of the box
+    T const* samples = nullptr;  // of its tile in the halo form
+    bool hasSamples = false;
     for (int i = 0; i < end; ++i) {
         Located& l = located[static_cast<unsigned>(i)];
         l.corner = nullptr;
+        auto const v = Internal::Lanes{x[i], y[i], z[i], 0} * scale;
+        bool const moved = !known || !this->inBox(v, depth);
+        if (moved) {
+            known = this->inBox(v, depth) || this->moveBox(v, depth);
+            if (!known) continue;
+            TreeIndex const& tree = this->m_box->tree;
+            hasSamples = tree.depth >= m_minDepth;
+            if (m_haloChannel) samples = hasSamples ? m_haloChannel->samples(tree) : nullptr;
+        }
+        if (!hasSamples) continue;
         Internal::IntLanes lijk;
-        if (!find({x[i], y[i], z[i]}, maxDepth, space, lijk, l.frac)) continue;
+        this->placeInBox(v, lijk, l.frac);
         l.depth = this->m_box->tree.depth;
         if (m_haloChannel) {
-            l.corner = haloCorner(lijk);
             l.width = kHaloWidth;
+            if (samples) l.corner = samples + flat(lijk, kHaloWidth);
         } else {
             // A tile that is filled now would take the place of one that others wait for.
             if (i > 0 && fills(lijk)) return i;
             std::tie(l.corner, l.width) = channelCorner(lijk);
         }
-        if (!l.corner) continue;
+        if (!moved || !l.corner) continue;
         int const slice = l.width * l.width;
         for (int const row : {0, l.width, slice, slice + l.width}) {
             __builtin_prefetch(l.corner + row);

@@ -73,11 +73,11 @@ private:
     using RingCache = std::vector<HaloTileCacheEntry<kSamples, 1>>;
 
     /// Where a value comes from: the lowest of the eight samples around a position, in data that
-    /// wide; null where the default value is read.
+    /// wide; null, and the rest without a value, where the default value is read.
     struct Located {
-        T const* corner = nullptr;
-        int width = 0;
-        int depth = 0;
+        T const* corner;
+        int width;
+        int depth;
         Internal::Lanes frac;
     };
     static constexpr int kBlock = 128;
