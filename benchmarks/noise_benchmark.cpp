@@ -2,7 +2,7 @@
 // four-dimensional simplex noise, over the same million points in the same run. `/0` are points
 // scattered over the lattice, `/1` steps along a line. The block forms run on every instruction set
 // of the machine, in blocks of 128 points; the nodes by points, and in a batch on one thread with
-// every instruction set.
+// every instruction set and on all threads with the best.
 
 #include "orvane_math_support/noise.h"
 #include "orvane_math_support/noise_block.h"
@@ -11,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>
+#include <tbb/info.h>
 
 #include <algorithm>
 #include <array>
@@ -227,21 +228,24 @@ template <class Node, class... Args> void addNode(std::string const& name, Args 
         })
         ->Arg(0)
         ->Arg(1);
+    auto const addBatch = [&](std::string const& form, Quern::SimdTarget const& target,
+                              int threads) {
+        auto const batch = [node, target, threads](benchmark::State& state) {
+            tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
+                                              static_cast<std::size_t>(threads));
+            Quern::Array<float3> positions;
+            for (float4 const& p : points(state.range(0) != 0))
+                positions.push_back({p.x, p.y, p.z});
+            Quern::useSimdTarget(target);
+            for (auto _ : state) benchmark::DoNotOptimize(node->eval(positions)->data());
+            Quern::useSimdTarget(Quern::simdTargets().front());
+            countSamples(state, static_cast<std::size_t>(positions.size()));
+        };
+        benchmark::RegisterBenchmark((name + form).c_str(), batch)->UseRealTime()->Arg(0)->Arg(1);
+    };
     for (auto const& target : Quern::simdTargets())
-        benchmark::RegisterBenchmark(
-            (name + "/batch " + target.name).c_str(),
-            [node, target](benchmark::State& state) {
-                tbb::global_control const control(tbb::global_control::max_allowed_parallelism, 1);
-                Quern::Array<float3> positions;
-                for (float4 const& p : points(state.range(0) != 0))
-                    positions.push_back({p.x, p.y, p.z});
-                Quern::useSimdTarget(target);
-                for (auto _ : state) benchmark::DoNotOptimize(node->eval(positions)->data());
-                Quern::useSimdTarget(Quern::simdTargets().front());
-                countSamples(state, static_cast<std::size_t>(positions.size()));
-            })
-            ->Arg(0)
-            ->Arg(1);
+        addBatch(std::string("/batch ") + target.name, target, 1);
+    addBatch("/batch all threads", Quern::simdTargets().front(), tbb::info::default_concurrency());
 }
 
 void addNodes() {
