@@ -273,9 +273,7 @@ void registerReader(Reader const& reader, int count) {
             benchmark::DoNotOptimize(reader.run());
             benchmark::ClobberMemory();
         }
-        using benchmark::Counter;
-        state.counters[RatioReporter::kCounter] =
-            Counter(count, Counter::kIsIterationInvariantRate | Counter::kInvert);
+        countItems(state, count);
     };
     benchmark::RegisterBenchmark(reader.name.c_str(), run)->Unit(benchmark::kMillisecond);
 }
@@ -297,16 +295,7 @@ void printTable(RatioReporter const& report, std::vector<std::string> const& nam
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Repetitions in random order even out what else the machine does. The user's own options come
-    // later and win.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.02",
-                              "--benchmark_enable_random_interleaving=true"};
-    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+    if (!startBenchmarks(argc, argv, 9, "0.02")) return EXIT_FAILURE;
 #ifndef ZEL_WITH_OPENVDB
     std::printf("OpenVDB was not found when this was built: no comparison with it\n");
 #endif
@@ -340,10 +329,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "the sampler and the dense array differ\n");
         return EXIT_FAILURE;
     }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
     std::sort(names.begin(), names.end());
-    printTable(reporter, names);
-    benchmark::Shutdown();
-    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+    return runBenchmarks([&](RatioReporter const& report) { printTable(report, names); });
 }

@@ -125,8 +125,7 @@ void registerForms(Subject const& subject) {
             state.counters["allocations"] =
                 Counter(static_cast<double>(allocations.blocks()), Counter::kAvgIterations);
             state.SetItemsProcessed(state.iterations() * kCount);
-            state.counters[RatioReporter::kCounter] =
-                Counter(kCount, Counter::kIsIterationInvariantRate | Counter::kInvert);
+            countItems(state, kCount);
         };
         benchmark::RegisterBenchmark((subject.name + "/" + form.name).c_str(), run)
             ->Unit(benchmark::kMillisecond);
@@ -151,16 +150,7 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Repetitions in random order even out what else the machine does. The user's own options come
-    // later and win.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.03",
-                              "--benchmark_enable_random_interleaving=true"};
-    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+    if (!startBenchmarks(argc, argv, 9, "0.03")) return EXIT_FAILURE;
     // Reads are bound by memory: more threads would time that.
     tbb::global_control const oneThread(tbb::global_control::max_allowed_parallelism, 1);
 
@@ -181,9 +171,5 @@ int main(int argc, char** argv) {
         if (!formsAgree(subject)) return EXIT_FAILURE;
         registerForms(subject);
     }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    printTable(reporter, subjects);
-    benchmark::Shutdown();
-    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+    return runBenchmarks([&](RatioReporter const& report) { printTable(report, subjects); });
 }

@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// The console report, of the medians alone where a benchmark is repeated; and the repetitions by
@@ -59,6 +61,36 @@ private:
     std::map<std::string, std::vector<Result>> results;
     bool failed = false;
 };
+
+/// Says how many items an iteration works off.
+inline void countItems(benchmark::State& state, double items) {
+    using benchmark::Counter;
+    state.counters[RatioReporter::kCounter] =
+        Counter(items, Counter::kIsIterationInvariantRate | Counter::kInvert);
+}
+
+/// Reads the command line before benchmarks are registered; false if it is wrong. Repetitions, in
+/// random order, even out what else the machine does. The user's own options come later and win.
+inline bool startBenchmarks(int argc, char** argv, int repetitions, std::string const& minTime) {
+    std::string options[] = {"--benchmark_repetitions=" + std::to_string(repetitions),
+                             "--benchmark_min_time=" + minTime,
+                             "--benchmark_enable_random_interleaving=true"};
+    std::vector<char*> arguments(argv, argv + argc);
+    for (std::string& option : options) arguments.insert(arguments.begin() + 1, option.data());
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    return !benchmark::ReportUnrecognizedArguments(count, arguments.data());
+}
+
+/// Runs what is registered, calls `print(report)`, and gives what main returns.
+template <class Print> int runBenchmarks(Print const& print) {
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    print(std::as_const(reporter));
+    benchmark::Shutdown();
+    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+}
 
 /// Prints `value` right-aligned, or a dash where it is not known.
 inline void printCell(double value, int width, int digits) {

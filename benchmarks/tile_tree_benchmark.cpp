@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "orvane_geometry_volume/tile_tree.h"
+#include "ratio_table.h"
 
 namespace {
 
@@ -102,11 +103,6 @@ template <class Traits> std::vector<int3> points(Where where) {
         for (int i = -reach; i < reach; ++i) points.push_back({i, j, k});
     }
     return points;
-}
-
-void countItems(benchmark::State& state, double items) {
-    state.counters["time_per_item"] = benchmark::Counter(
-        items, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 /// What there is beside the samples: for each tile of the deepest depth, and with the samples of

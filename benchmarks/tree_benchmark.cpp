@@ -62,9 +62,7 @@ std::string nameOf(Subject const& subject, int threads, std::string const& form)
 void reportItems(benchmark::State& state, std::size_t itemsAnIteration) {
     auto const items = static_cast<double>(itemsAnIteration);
     state.SetItemsProcessed(state.iterations() * static_cast<benchmark::IterationCount>(items));
-    using benchmark::Counter;
-    state.counters[RatioReporter::kCounter] =
-        Counter(items, Counter::kIsIterationInvariantRate | Counter::kInvert);
+    countItems(state, items);
 }
 
 template <class F>
@@ -287,16 +285,7 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Repetitions in random order even out what else the machine does. The user's own options come
-    // later and win.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.03",
-                              "--benchmark_enable_random_interleaving=true"};
-    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+    if (!startBenchmarks(argc, argv, 9, "0.03")) return EXIT_FAILURE;
 
     Parameters parameters;
     benchmark::DoNotOptimize(parameters);
@@ -319,9 +308,6 @@ int main(int argc, char** argv) {
     registerBuilding<ZelNodes, CsgTree<false>>(parameters, subjects.front().nodes);
     registerBuilding<NaiveNodes, CsgTree<false>>(parameters, subjects.front().nodes);
 
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    printTable(reporter, subjects, allThreads);
-    benchmark::Shutdown();
-    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+    return runBenchmarks(
+        [&](RatioReporter const& report) { printTable(report, subjects, allThreads); });
 }

@@ -222,12 +222,6 @@ void checkForms(Subject const& subject, long long count, int threads) {
     }
 }
 
-void reportItems(benchmark::State& state, long long items) {
-    using benchmark::Counter;
-    state.counters[RatioReporter::kCounter] =
-        Counter(static_cast<double>(items), Counter::kIsIterationInvariantRate | Counter::kInvert);
-}
-
 /// Measures the processor's time on one thread, which others cannot take away; on more, real time.
 void inThreads(benchmark::internal::Benchmark* benchmark, int threads) {
     benchmark->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
@@ -243,7 +237,7 @@ void registerForms(Subject const& subject, long long count, int threads) {
                 benchmark::DoNotOptimize(form.evaluate(threads));
                 benchmark::ClobberMemory();
             }
-            reportItems(state, count);
+            countItems(state, static_cast<double>(count));
         };
         inThreads(benchmark::RegisterBenchmark(nameOf(subject, threads, form.name).c_str(), run),
                   threads);
@@ -323,7 +317,7 @@ void registerSteps(std::vector<NamedStep> const& steps, int threads) {
             auto const limit = limitedTo(threads);
             for (auto _ : state) step.run();
             ChannelPool::setEnabled(false);
-            reportItems(state, 1);
+            countItems(state, 1);
         };
         inThreads(
             benchmark::RegisterBenchmark((step.name + "/" + std::to_string(threads)).c_str(), run),
@@ -379,16 +373,7 @@ void printTables(RatioReporter const& report, std::vector<Subject> const& subjec
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Repetitions in random order even out what else the machine does. The user's own options come
-    // later and win.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=3", "--benchmark_min_time=0.005",
-                              "--benchmark_enable_random_interleaving=true"};
-    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+    if (!startBenchmarks(argc, argv, 3, "0.005")) return EXIT_FAILURE;
 
     Positions const scan = scanPositions();
     Positions const random = randomPositions(scan.size());
@@ -411,9 +396,6 @@ int main(int argc, char** argv) {
         for (auto const& steps : binding) registerSteps(steps, threads);
         if (threads == allThreads) break;
     }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    printTables(reporter, subjects, binding, allThreads);
-    benchmark::Shutdown();
-    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+    return runBenchmarks(
+        [&](RatioReporter const& report) { printTables(report, subjects, binding, allThreads); });
 }
