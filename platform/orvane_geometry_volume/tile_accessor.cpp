@@ -138,7 +138,10 @@ void Container<Traits>::ConstTileAccessor::prefetch(int i, int j, int k, int dep
     int const deepest = std::min(depth, m_container->m_state.depth);
     Search const search(*m_container, i, j, k, deepest);
     if (deepest <= 1 || !search.insideRoot()) return;
-    if (Tile const* const tile = search.likelyBelow(deepest - 1)) __builtin_prefetch(tile);
+    if (Tile const* const tile = search.likelyBelow(deepest - 1)) {
+        __builtin_prefetch(tile);  // which may lie in two cache lines
+        __builtin_prefetch(&tile->m_exists);
+    }
 }
 
 template <class Traits>
