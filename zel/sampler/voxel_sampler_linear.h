@@ -18,8 +18,8 @@ namespace ORV::TileTree3D {
 /// In the halo form the samples just across a tile's faces come from a channel that computeHalo
 /// filled; it takes topologies of offset type 7 alone. The other form reads a channel of samples
 /// and makes the surroundings of a tile when it comes to it, keeping one tile of each depth. On
-/// offset type 7 the two give the same bits; on the others those surroundings are a ring all round
-/// the tile, see ring_fill.h.
+/// offset type 7 the two give the same bits, if the halo has the depths of the channel; on the
+/// others those surroundings are a ring all round the tile, see ring_fill.h.
 ///
 /// The default value of the channel, and a gradient of 0, is what is read outside the tree, in a
 /// tile that the channel does not have, and at a position that is not finite. Sampling neither

@@ -11,11 +11,12 @@ namespace zel::detail {
 
 /// One sampler for each thread that asks, owned by the pool. Any number of threads may ask at once,
 /// and no lock is taken; the other operations need the pool to themselves. A thread that has the
-/// identity of one that has ended takes over its sampler.
+/// identity of one that has ended takes over its sampler: the system gives an identity anew only
+/// after the thread has ended, and so after its last use.
 ///
-/// A table of threads that grows and never shrinks: a thread that is not among the slots where a
-/// block would have it is looked for in one of the blocks below. Pointers are read far more than
-/// they are written, once for a thread, so they may share cache lines.
+/// A table of threads that only grows until it is cleared: a thread that is not among the slots
+/// where a block would have it is looked for in one of the blocks below. Pointers are read far more
+/// than they are written, once for a thread, so they may share cache lines.
 template <class Sampler> class SamplerPool {
 public:
     SamplerPool() = default;

@@ -7,25 +7,32 @@
 #include "zel/field/node.h"
 
 // Leaves that read a channel of a sparse voxel volume at a position. Each thread that samples a
-// node gets samplers of its own, which the node keeps until it is destroyed or bound anew.
+// node gets samplers of its own, which the node keeps until it is destroyed, bound anew, copied to
+// or assigned to. A thread's first sample makes its sampler, and may throw std::bad_alloc.
 //
 // A node takes from the volume of an object the tile tree, the topology and the channel of a name,
 // for trees of the kind Traits<5, 5, 1> if all three are there, else for those of the other kind.
 // It answers
 //
 //   the value by the sampler of its type, at positions in world units;
-//   the channel's default value outside the tree, and at positions that are not finite;
+//   the channel's default value outside the tree, in tiles coarser than its minimum depth, and
+//   at positions that are not finite;
 //   zero everywhere if it is not bound, or of a sampler type that SamplerType does not name.
 //
-// The gradient of a scalar node with the linear sampler is that of the trilinear patch; with the
-// cubic samplers, and of all vector nodes, it is the interface's finite difference. The index of an
-// element plays no part.
+// The gradient of a scalar node with the linear sampler is that of the trilinear patch, and zero
+// where the value is the default value; with the cubic samplers, and of all vector nodes, it is the
+// interface's finite difference, also of a vector node that is not bound. The index of an element
+// plays no part.
 //
 // Binding a linear node computes a halo for the whole channel, if the samples lie on the corners of
-// their voxels. It takes 1.7 times the memory of the channel, and twice that memory for trees of
-// the kind Traits<2, 4, 1>. Copies share it. The volume is shared, and must not change while it is
+// their voxels. It takes 1.7 times the memory of the channel, or twice that memory for trees of the
+// kind Traits<2, 4, 1>. Copies share it. The volume is shared, and must not change while it is
 // bound. Setting a node up - binding, copying to it, assigning to it - is not to run beside
 // sampling it.
+//
+// Where a failure to bind cancels a task group, that is the innermost one around the running task.
+// A task that was enqueued to an arena has none of its own but the arena's, which no caller can
+// wait for: bind in a task group or a parallel loop there.
 namespace zel {
 
 using Orvane::Geometry::Query::SamplerType;
@@ -46,23 +53,22 @@ public:
     VolumeNode& operator=(VolumeNode const& other);
     ~VolumeNode() override;
 
-    /// Takes over all but the type name. The volume and its halo are shared, samplers are not: the
-    /// node starts without any.
-    void copy(Self const& other);
-
     Value eval(float3 const& position, long long index) const override;
     Gradient grad(float3 const& position, long long index) const override;
+
+protected:
+    friend NodeAccess;
+    VolumeNode(Quern::String const& channelName, SamplerType type);
+    void copyVolume(VolumeNode const& other);
 
     /// Where a position is looked up in the volume.
     float3 const& inVolume(float3 const& position) const { return position; }
     /// Whether that is another place.
     bool isScaled() const { return false; }
 
-protected:
-    friend NodeAccess;
-    VolumeNode(Quern::String const& channelName, SamplerType type);
     void blockValues(Block& block, BlockResult<Value>& out) const;
     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
+    void differencesInBlock(Block& block, BlockResult<Gradient>& out) const;
     Lanes<float3> inVolume(Block& block) const;
 
     std::unique_ptr<detail::VolumeReader<Value>> reader;
@@ -77,6 +83,10 @@ public:
     /// it found until then.
     BoundVolumeNode(Orvane::Object const& object, Quern::String const& channelName,
                     SamplerType const& type);
+
+    /// Takes over all but the type name. The volume and its halo are shared, samplers are not: the
+    /// node starts without any.
+    void copy(Self const& other);
 };
 
 /// A node that is bound by `apply_object`, and looks positions up at `scale` times their
@@ -99,12 +109,15 @@ public:
     /// what it found until then.
     void apply_object(Orvane::Object const& object) override;
 
+    /// Takes over all but the type name, as for a bound node, and the scale.
     void copy(Self const& other);
+
+protected:
+    friend VolumeNode<Self, Interface>;
     float3 inVolume(float3 const& position) const { return position * scale; }
     bool isScaled() const { return scale != 1; }
 
-protected:
-    float scale = 1;
+    float scale = 1;  ///< lengths in the volume for a length of the positions
 };
 
 /// The value of a channel of `float`.
@@ -120,7 +133,8 @@ public:
 };
 
 /// The value of a channel of `float` of an object that is applied later. Its gradient is that of
-/// the volume at the scaled position: it is not multiplied by the scale.
+/// the volume at the scaled position: it is not multiplied by the scale. With a cubic sampler and a
+/// scale other than 1 it is taken from the volume itself, past the `eval` of a derived class.
 class ZEL_API ScalarOrvaneTriggered
     : public TriggeredVolumeNode<ScalarOrvaneTriggered, ScalarField> {
 public:

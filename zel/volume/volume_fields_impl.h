@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 
@@ -46,7 +47,8 @@ VolumeNode<Self, Interface>& VolumeNode<Self, Interface>::operator=(VolumeNode c
 
 template <class Self, class Interface> VolumeNode<Self, Interface>::~VolumeNode() = default;
 
-template <class Self, class Interface> void VolumeNode<Self, Interface>::copy(Self const& other) {
+template <class Self, class Interface>
+void VolumeNode<Self, Interface>::copyVolume(VolumeNode const& other) {
     *reader = *other.reader;
 }
 
@@ -93,19 +95,50 @@ void VolumeNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& 
 
 template <class Self, class Interface>
 void VolumeNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradient>& out) const {
-    if constexpr (std::is_same_v<Value, float>) {
+    if constexpr (std::is_same_v<Value, float>)
         if (reader->hasGradients()) {
             Block::Frame const frame(block);
             return reader->gradients(inVolume(block), block.count(), out.writer());
         }
-        if (this->self().isScaled()) {
-            auto const write = out.writer();
-            for (int i = 0; i < block.count(); ++i)
-                write.set(i, grad(block.positions()[i], block.index(i)));
-            return;
+    differencesInBlock(block, out);
+}
+
+/// The six values of a position next to each other, and not an axis of the block after the other:
+/// in that order a sampler mostly has the voxel already.
+template <class Self, class Interface>
+void VolumeNode<Self, Interface>::differencesInBlock(Block& block,
+                                                     BlockResult<Gradient>& out) const {
+    constexpr int kProbes = 6, kPositions = kBlockSize / kProbes;
+    // As in grad(): around the place in the volume, or around the position of the node.
+    constexpr bool kInVolume = std::is_same_v<Value, float>;
+    auto const write = out.writer();
+    Block::Frame const frame(block);
+    Lanes<float3> const centers = kInVolume ? inVolume(block) : block.positions();
+    auto probes = block.result<float3>();
+    auto values = block.result<Value>();
+    float* const divisors = block.allocate();
+    for (int first = 0; first < block.count(); first += kPositions) {
+        int const count = std::min(block.count() - first, kPositions);
+        auto const at = probes.writer();
+        for (int i = 0; i < count; ++i)
+            for (int axis = 0; axis < 3; ++axis) {
+                float3 up = centers[first + i], down = up;
+                auto const steps = detail::stepAround(up[axis]);
+                up[axis] = steps.up;
+                down[axis] = steps.down;
+                int const probe = kProbes * i + 2 * axis;
+                at.set(probe, kInVolume ? up : this->self().inVolume(up));
+                at.set(probe + 1, kInVolume ? down : this->self().inVolume(down));
+                divisors[3 * i + axis] = steps.divisor;
+            }
+        reader->values(probes.lanes, kProbes * count, values.writer());
+        for (unsigned row = 0; row < values.lanes.component.size(); ++row) {
+            float const* const f = values.lanes.component[row];
+            for (int n = 0; n < 3 * count; ++n)
+                write.component[3 * row + static_cast<unsigned>(n % 3)][first + n / 3] =
+                    (f[2 * n] - f[2 * n + 1]) / divisors[n];
         }
     }
-    detail::differencesInBlock<Interface>(*this, block, out);
 }
 
 template <class Self, class Interface>
@@ -118,6 +151,11 @@ BoundVolumeNode<Self, Interface>::BoundVolumeNode(Orvane::Object const& object,
     } catch (...) {
         detail::cancelEnclosingGroup();
     }
+}
+
+template <class Self, class Interface>
+void BoundVolumeNode<Self, Interface>::copy(Self const& other) {
+    this->copyVolume(other);
 }
 
 template <class Self, class Interface>
@@ -146,7 +184,7 @@ void TriggeredVolumeNode<Self, Interface>::apply_object(Orvane::Object const& ob
 
 template <class Self, class Interface>
 void TriggeredVolumeNode<Self, Interface>::copy(Self const& other) {
-    VolumeNode<Self, Interface>::copy(other);
+    this->copyVolume(other);
     scale = other.scale;
 }
 

@@ -24,9 +24,11 @@ bool initSamplerState(Quern::Ptr<ORV::Object> const& object, Quern::String const
     state.valid = true;
     if (type != SamplerType::kLinear || !wantHalo || state.topology->offsetType() != kOnCorners)
         return true;
+    // From the channel's minimum depth on: in coarser tiles there are default values alone.
+    int const minDepth = state.channel->minDepth();
     auto halo = allocateHaloChannel<Traits, T, W>(*state.topology, state.channel->defaultValue(),
-                                                  true, true, 0, Traits::kMaxDepth);
-    computeHalo<Traits, T, 0, 0, 1, 0>(*state.channel, *state.container, *halo, 0,
+                                                  true, true, minDepth, Traits::kMaxDepth);
+    computeHalo<Traits, T, 0, 0, 1, 0>(*state.channel, *state.container, *halo, minDepth,
                                        Traits::kMaxDepth);
     state.haloChannel = std::move(halo);
     return true;

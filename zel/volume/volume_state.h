@@ -23,16 +23,18 @@ template <class Traits, class T, int W> struct VolumeSamplerState {
 template <class Traits, class T>
 using VolumeStateOf = VolumeSamplerState<Traits, T, Traits::kSamples>;
 
-/// Takes the components of a volume, and says whether all three are there; what there is of them
-/// stays in the state. With `wantHalo`, linear sampling of samples on voxel corners (offset type 7)
-/// gets a halo channel, which any other sampling does without. Throws what making it throws; the
-/// state is then valid and has none.
+/// Takes the components of a volume, which is not null, in place of what the state held, and says
+/// whether all three are there; what there is of them stays in the state. With `wantHalo`, linear
+/// sampling of samples on voxel corners (offset type 7) gets a halo channel, which any other
+/// sampling does without. Throws what making it throws; the state is then valid and has none.
 template <class Traits, class T, int W>
 ZEL_API bool initSamplerState(Quern::Ptr<ORV::Object> const& object,
                               Quern::String const& channelName, SamplerType type, bool wantHalo,
                               VolumeSamplerState<Traits, T, W>& state);
 
-/// A channel for the halo of a channel of W samples, sized to `topology`. `pooled` takes it from
+/// A channel for the halo of a channel of W samples, sized to `topology`, for tiles of the depths
+/// `minDepth` to `maxDepth`. Any number of threads may call it. Throws std::out_of_range for depths
+/// that no tree has, and std::bad_alloc. `pooled` takes it from
 /// ChannelPool, or its memory from ChannelMemoryPool, where these are enabled. Without
 /// `callElementConstructor`, and from a verbose level of 3, a warning goes to standard output.
 template <class Traits, class T, int W>
