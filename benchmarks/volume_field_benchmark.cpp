@@ -8,6 +8,8 @@
 //   bare   the sampler in a loop, into an array that exists already; one sampler for each thread
 //   point  the node's point eval in a loop, likewise
 //   batch  the node's batch eval, the allocation of the result included
+//   points the node's point eval and grad in a loop
+//   both   evalAndGrad of the node
 
 #include <benchmark/benchmark.h>
 #include <tbb/blocked_range.h>
@@ -195,8 +197,27 @@ Subject makeSubject(char const* order, Positions const& positions, Quern::Array<
         result = node->eval(positions);
         return result->data();
     };
+    auto const points = [node, &positions, &values,
+                         gradients = Positions(positions.size())](int) mutable -> float const* {
+        for (long long i = 0; i < positions.size(); ++i) {
+            values[i] = node->eval(positions[i], i);
+            gradients[i] = node->grad(positions[i], i);
+        }
+        return values.data();
+    };
+    using Both = Core::Fields::ValuesAndGradients<zel::ScalarField>;
+    auto const both = [node, &positions, result = Both()](int) mutable -> float const* {
+        result = {};
+        result = Core::Fields::evalAndGrad(*node, positions);
+        return result.values->data();
+    };
     return {std::string(kKind<Traits>) + "/" + order + "/" + kTypes[number],
-            {{"bare", bare}, {"point", point, false}, {"batch", batch}, {"dense", dense}}};
+            {{"bare", bare},
+             {"point", point, false},
+             {"batch", batch},
+             {"dense", dense},
+             {"points", points, false},
+             {"both", both}}};
 }
 
 std::string nameOf(Subject const& subject, int threads, std::string const& form) {
@@ -327,7 +348,7 @@ void registerSteps(std::vector<NamedStep> const& steps, int threads) {
 
 void printTables(RatioReporter const& report, std::vector<Subject> const& subjects,
                  std::vector<std::vector<NamedStep>> const& binding, int allThreads) {
-    std::printf("\nns a sample             threads  form    median     least  over bare  of "
+    std::printf("\nns a sample             threads  form     median     least  over bare  of "
                 "dense  of 1 thread   busy\n");
     for (Subject const& subject : subjects)
         for (int threads = 1;; threads = allThreads) {
@@ -336,7 +357,7 @@ void printTables(RatioReporter const& report, std::vector<Subject> const& subjec
             for (Form const& form : subject.forms) {
                 auto const [median, least, busy] = report[nameOf(subject, threads, form.name)];
                 if (median == 0) continue;
-                std::printf("%-23s %7d  %-5s", subject.name.c_str(), threads, form.name.c_str());
+                std::printf("%-23s %7d  %-6s", subject.name.c_str(), threads, form.name.c_str());
                 printCell(median, 9, 2);
                 printCell(least, 10, 2);
                 if (bare > 0)
