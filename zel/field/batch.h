@@ -10,8 +10,8 @@
 
 // Gradients of whole arrays of positions. All that is said of the batch `eval` of a field holds
 // here too: hooks, threads, element indices and exceptions. A gradient has the bits of the point
-// `grad`. Within a block of positions, a node of the library is asked for its values once at most,
-// however many of the gradients above it need them.
+// `grad`, but for the sign and the payload of a NaN. Within a block of positions, a node of the
+// library is asked for its values once at most, however many of the gradients above it need them.
 namespace Core::Fields {
 
 /// The gradients at all positions.

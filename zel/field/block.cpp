@@ -4,6 +4,7 @@
 #include <bit>
 
 #include "zel/field/block_impl.h"
+#include "zel/field/thread_object.h"
 
 namespace zel {
 
@@ -46,8 +47,7 @@ void Arena::returnTo(Mark mark) {
 }
 
 Workspace& Workspace::local() {
-    static thread_local Workspace workspace;
-    return workspace;
+    return threadObject<Workspace>();
 }
 
 Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
@@ -127,6 +127,7 @@ Block::Kept::~Kept() {
     while (m_workspace.bucketCount < std::min(m_positions.keptCount, kMostBuckets))
         m_workspace.bucketCount *= 2;
     m_workspace.kept.release(m_mark);
+    m_workspace.innermost = m_outer;
 }
 
 int* Block::choose(int const* choice, int count, float* xyz) const {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "quern_core/ptr.h"
@@ -60,6 +61,8 @@ private:
     std::vector<Chunk> m_chunks;
 };
 
+struct Positions;
+
 /// What a thread evaluates blocks with. It grows on first use and stays with the thread.
 class ZEL_API Workspace {
 public:
@@ -81,8 +84,9 @@ public:
         Workspace& m_workspace;
     };
 
-    Arena stack;  ///< results of the nodes that are at work
-    Arena kept;   ///< results that are kept until their positions are done
+    Arena stack;                           ///< results of the nodes that are at work
+    Arena kept;                            ///< results that are kept until their positions are done
+    Positions const* innermost = nullptr;  ///< whose results are kept now
     std::size_t bucketCount = 8;
 
 private:
@@ -210,7 +214,9 @@ public:
     }
 
     /// Calls `work(block)` with other positions for the same elements; with `choice`, for `count`
-    /// of them only.
+    /// of them only. What that block gives ends with it, also what is lasting. What a child gives
+    /// at the positions of this block is best asked for before: asked for from within, it is not
+    /// kept for the child's other parents.
     template <class Work> void withPositions(Lanes<float3> const& other, Work const& work) {
         withPositions(other, nullptr, m_count, work);
     }
@@ -229,7 +235,8 @@ public:
     class Kept {
     public:
         Kept(detail::Workspace& workspace, detail::Positions& positions)
-            : m_workspace(workspace), m_positions(positions), m_mark(workspace.kept.mark()) {}
+            : m_workspace(workspace), m_positions(positions), m_mark(workspace.kept.mark()),
+              m_outer(std::exchange(workspace.innermost, &positions)) {}
         ~Kept();
         Kept(Kept const&) = delete;
         Kept& operator=(Kept const&) = delete;
@@ -238,6 +245,7 @@ public:
         detail::Workspace& m_workspace;
         detail::Positions& m_positions;
         detail::Arena::Mark m_mark;
+        detail::Positions const* m_outer;
     };
 
 private:
@@ -281,15 +289,16 @@ namespace detail {
 
 /// The gradients of a node without a formula for them, by differences of its own values.
 template <class Interface>
-void differencesInBlock(Interface const& node, Block& block,
-                        BlockResult<typename Interface::Gradient>& out);
+ZEL_API void differencesInBlock(Interface const& node, Block& block,
+                                BlockResult<typename Interface::Gradient>& out);
 
 /// By one call of the node's point `eval` or `grad` for each position.
 template <class Interface>
-void evalByPoints(Interface const& node, Block& block, BlockResult<typename Interface::Value>& out);
+ZEL_API void evalByPoints(Interface const& node, Block& block,
+                          BlockResult<typename Interface::Value>& out);
 template <class Interface>
-void gradByPoints(Interface const& node, Block& block,
-                  BlockResult<typename Interface::Gradient>& out);
+ZEL_API void gradByPoints(Interface const& node, Block& block,
+                          BlockResult<typename Interface::Gradient>& out);
 
 }  // namespace detail
 }  // namespace zel

@@ -46,6 +46,12 @@ auto Block::askKept(Interface const& node) -> Lanes<Asked<gradient, Interface>> 
     using T = Asked<gradient, Interface>;
     detail::KeptResult* kept = find(&node, gradient);
     if (kept && kept->complete && !m_choice) return detail::lanesOf<T>(*kept);
+    if (&m_positions != m_workspace.innermost) {
+        // Other positions are worked on, and what is kept now would be given up with theirs.
+        auto out = result<T>();
+        call<gradient>(node, *this, out);
+        return out.lanes;
+    }
     if (kept || m_choice) return complete<gradient>(node, kept);
 
     BlockResult<T> out(m_workspace.kept.floats(kComponents<T> * kBlockSize));

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "zel/field/thread_object.h"
+
 namespace zel::detail {
 
 namespace {
@@ -58,8 +60,7 @@ private:
 };
 
 Visited& visited() {
-    static thread_local Visited nodes;
-    return nodes;
+    return threadObject<Visited>();
 }
 
 }  // namespace

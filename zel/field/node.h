@@ -10,7 +10,8 @@
 #include "zel/field/vector_field.h"
 
 // The bases of all nodes: what nodes do alike stands here once, and a node class shows only its
-// members and its formulas. `Self` is the node class, `Interface` ScalarField or VectorField.
+// members and its formulas, and does not override what the base does with them. `Self` is the node
+// class, `Interface` ScalarField or VectorField.
 //
 // A node names its children, in the order of its members, for the walks and the hooks:
 //
@@ -121,8 +122,9 @@ public:
 ///
 ///     Lanes<Value> viewOf(al, bl, ...) const;           from the children's lanes
 ///
-/// A `static constexpr bool kHeavy = true` says that a formula takes as long as dozens of others; a
-/// node like Min then asks for it only where it must, and not wherever that is simpler.
+/// In a node of the library a `static constexpr bool kHeavy = true` says that a formula takes as
+/// long as dozens of others; a node like Min then asks for it only where it must, as it asks all
+/// nodes of other libraries, and not wherever that is simpler.
 template <class Self, class Interface>
 class ZEL_API PointwiseNode : public FieldNode<Self, Interface> {
 public:

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <concepts>
 #include <tuple>
@@ -115,8 +116,11 @@ Lanes<Gradient> gradientsOfChild(int number, Block& block, Quern::Ptr<Child> con
 template <class Self, class Interface>
 void NamedNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
     if constexpr (NodeAccess::hasBlockValues<Self, Value>)
-        if (detail::isExactly(this->self()))
-            return NodeAccess::blockValues(this->self(), block, out);
+        if (detail::isExactly(this->self())) {
+            NodeAccess::blockValues(this->self(), block, out);
+            out.lanes.light = false;
+            return;
+        }
     Interface::evalBlock(block, out);
 }
 
@@ -139,14 +143,14 @@ void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out)
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
     if constexpr (NodeAccess::hasView<Self, Block>) {
         out.set(NodeAccess::viewOf(node, block));
-        out.lanes.light = true;
+        out.lanes.light = NodeAccess::isLight<Self>;
     } else {
         auto const write = out.writer();
         detail::forEachLane(block.count(),
                             [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
                                 write.set(i, NodeAccess::valueOf(node, p[i], block.index(i)));
                             });
-        out.lanes.light = !NodeAccess::isHeavy<Self>;
+        out.lanes.light = NodeAccess::isLight<Self>;
     }
 }
 
@@ -171,6 +175,7 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
             In const in{block.values(child)...};
             out.set(std::apply(
                 [&](auto const&... lanes) { return NodeAccess::viewOf(node, lanes...); }, in));
+            out.lanes.light = out.lanes.light && NodeAccess::isLight<Self>;
         } else {
             Block::Frame const frame(block);
             In const in{block.values(child)...};
@@ -181,7 +186,7 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
                         [&node](auto const&... v)
                             ZEL_LANES { return NodeAccess::valueOf(node, v...); },
                         lanes...);
-                    out.lanes.light = (!NodeAccess::isHeavy<Self> && ... && lanes.light);
+                    out.lanes.light = (NodeAccess::isLight<Self> && ... && lanes.light);
                 },
                 in);
         }
@@ -270,12 +275,13 @@ void TransformNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
     block.withPositions(detail::childPositions(node, block), [&](Block& there) {
         if constexpr (NodeAccess::movesOnly<Self>) {
             there.writeValues(*field, field.useCount() > 1, out);
+            out.lanes.light = out.lanes.light && NodeAccess::isLight<Self>;
         } else {
             auto const v = there.values(field);
             mapLanes(
                 there, out,
                 [&node](Value const& in) ZEL_LANES { return NodeAccess::valueOf(node, in); }, v);
-            out.lanes.light = v.light;
+            out.lanes.light = NodeAccess::isLight<Self> && v.light;
         }
     });
 }
@@ -312,9 +318,11 @@ void SwitchNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& ou
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
     auto const& [condition, a, b] = NodeAccess::children(node);
-    detail::select<2>(
-        block, detail::branches(block, condition), out,
-        [&, &a = a, &b = b](int branch, Block& some) { return some.values(branch == 0 ? a : b); });
+    int* const chosen = detail::branches(block, condition);
+    if (a == b) std::fill_n(chosen, block.count(), 0);
+    detail::select<2>(block, chosen, out, [&, &a = a, &b = b](int branch, Block& some) {
+        return some.values(branch == 0 ? a : b);
+    });
     out.lanes.light = false;  // the condition and the other branch may not be
 }
 
@@ -323,10 +331,11 @@ void SwitchNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>&
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
     auto const& [condition, a, b] = NodeAccess::children(node);
-    detail::select<2>(block, detail::branches(block, condition), out,
-                      [&, &a = a, &b = b](int branch, Block& some) {
-                          return some.gradients(branch == 0 ? a : b);
-                      });
+    int* const chosen = detail::branches(block, condition);
+    if (a == b) std::fill_n(chosen, block.count(), 0);
+    detail::select<2>(block, chosen, out, [&, &a = a, &b = b](int branch, Block& some) {
+        return some.gradients(branch == 0 ? a : b);
+    });
 }
 
 }  // namespace zel

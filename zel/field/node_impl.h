@@ -66,12 +66,18 @@ struct NodeAccess {
             return false;
     }();
 
+    /// Whether a node may be asked where it need not be: one of the library that is not heavy. The
+    /// formulas of a user's may count their calls, or throw.
     template <class Node>
-    static constexpr bool isHeavy = [] {
+    static constexpr bool isLight = [] {
+#ifdef zel_EXPORTS
         if constexpr (requires { Node::kHeavy; })
-            return Node::kHeavy;
+            return !Node::kHeavy;
         else
-            return false;
+            return true;
+#else
+        return false;
+#endif
     }();
 
     template <class Node, class Value>

@@ -53,8 +53,8 @@ public:
 
     /// The values and the gradients at all positions of a block, which is what batches ask for: by
     /// the point `eval` and `grad` here, once a position in rising order. Nodes of the library work
-    /// out the whole block, to the same bits; but a class that is derived from a node is asked
-    /// through its point operations. See zel::Block.
+    /// out the whole block, to the same bits but for those of a NaN; but a class that is derived
+    /// from a node is asked through its point operations. See zel::Block.
     virtual void evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const;
     virtual void gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const;
 

@@ -179,8 +179,8 @@ void ZEL_DETAIL_LINEAR::sampleBlock(float const* x, float const* y, float const*
         int const located = locateBlock(x + i, y + i, z + i, count - i, maxDepth, space, block);
         for (int j = 0; j < located; ++j, ++i) {
             Located const& l = block[static_cast<unsigned>(j)];
-            auto const v =
-                std::bit_cast<std::array<float, kFloats>>(value(l.corner, l.width, l.frac));
+            T const sample = l.corner ? value(l.corner, l.width, l.frac) : m_defaultValue;
+            auto const v = std::bit_cast<std::array<float, kFloats>>(sample);
             for (std::size_t f = 0; f < kFloats; ++f) values[f][i] = v[f];
         }
     }

@@ -176,7 +176,8 @@ void ZEL_DETAIL_LINEAR::sampleGradientBlock(float const* x, float const* y, floa
         for (int j = 0; j < located; ++j, ++i) {
             Located const& l = block[static_cast<unsigned>(j)];
             float3 g;
-            float const v = value(l.corner, l.width, l.frac, l.depth, g);
+            float const v =
+                l.corner ? value(l.corner, l.width, l.frac, l.depth, g) : m_defaultValue;
             if (values) values[i] = v;
             gradients[0][i] = g.x;
             gradients[1][i] = g.y;
