@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
+#include <tbb/global_control.h>
 
 #include "benchmarks/allocation_count.h"
 #include "orvane_geometry_volume/array_pool.h"
-#include "zel/zel.h"
+#include "support/random_nodes.h"
 
 namespace {
 
@@ -22,18 +23,27 @@ TEST(Allocation, BuildingATreeTakesOneBlockANode) {
 }
 
 TEST(Allocation, ABatchAllocatesItsResultAndAPointNothing) {
-    ScalarFieldMultiply const node(makePtr<ScalarFieldXPosition>(),
-                                   makePtr<ScalarFieldConstant>(2.0F));
-    ScalarField const& field = node;
-    Quern::Array<float3> const positions(100000, float3{1, 2, 3});
-    field.eval(positions);  // starts the threads
-    AllocationCount const batch;
-    auto const result = field.eval(positions);
-    EXPECT_EQ(batch.blocks(), 2U);  // the array object and its elements
-    AllocationCount const point;
-    field.eval(positions[0], 0);
-    field.grad(positions[0], 0);
-    EXPECT_EQ(point.blocks(), 0U);
+    // Without other threads, whose first part of a batch may come late.
+    tbb::global_control const limit(tbb::global_control::max_allowed_parallelism, 1);
+    auto const positions = support::somePositions(1000);
+    unsigned seed = 0;
+    support::forEveryNode([&]<class Node>(std::string const& name) {
+        for (int round = 0; round < 5; ++round) {
+            SCOPED_TRACE(name + ", seed " + std::to_string(seed));
+            auto const node = support::RandomNodes(seed++).make<Node>();
+            auto const blocks = [&](auto const& call) {
+                call();  // fills what a thread keeps
+                AllocationCount const count;
+                call();
+                return count.blocks();
+            };
+            // An array object and its elements.
+            EXPECT_EQ(blocks([&] { node->eval(positions); }), 2U);
+            EXPECT_EQ(blocks([&] { Core::Fields::grad(*node, positions); }), 2U);
+            EXPECT_EQ(blocks([&] { node->eval(positions[0], 0), node->grad(positions[1], 1); }),
+                      0U);
+        }
+    });
 }
 
 TEST(Allocation, ABatchTakesItsResultFromThePoolWhereThatIsEnabled) {

@@ -1,230 +1,83 @@
 #include <gtest/gtest.h>
 #include <tbb/global_control.h>
+#include <tbb/task_arena.h>
 
-#include <algorithm>
-#include <array>
-#include <functional>
+#include <cstdlib>
 #include <map>
-#include <random>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "quern_core/simd_target.h"
-#include "support/probe.h"
-#include "zel/zel.h"
+#include "support/random_nodes.h"
 
 // Evaluation in blocks: that it gives what points give, and asks nodes no more than it may.
 namespace {
 
 using namespace zel;
-using Quern::makePtr;
-using support::same;
+using namespace support;
 
-Quern::Array<float3> somePositions(long long count, unsigned seed = 7) {
-    std::mt19937 random(seed);
-    std::uniform_real_distribution<float> coordinate(-2, 2);
-    std::array<float, 8> const odd = {0,     -0.0F, 1e-40F,        1e20F,
-                                      1e38F, -1,    support::kInf, support::kNaN};
-    auto const number = [&] { return random() % 40 ? coordinate(random) : odd[random() % 8]; };
-    Quern::Array<float3> positions(count);
-    for (auto& p : positions) p = {number(), number(), number()};
-    return positions;
+/// Of the random trees. Another one may be set, to look for more faults.
+unsigned seed() {
+    char const* const set = std::getenv("ZEL_TEST_SEED");
+    return set ? static_cast<unsigned>(std::strtoul(set, nullptr, 10)) : 20250117;
 }
 
-/// Leaves of a user: the position and the index both show.
-struct OwnScalar : ScalarField {
-    using ScalarField::eval;
-    float eval(float3 const& p, long long i) const override {
-        return p.x * p.y - p.z + static_cast<float>(i % 7);
-    }
-    float3 grad(float3 const& p, long long) const override { return {p.y, p.x, -1}; }
-};
-struct OwnSum : ScalarFieldAdd {
-    using ScalarField::eval;
-    using ScalarFieldAdd::ScalarFieldAdd;
-    float eval(float3 const& p, long long i) const override {
-        return 0.5F * ScalarFieldAdd::eval(p, i);
-    }
-};
-
-/// Makes trees of all kinds of nodes, whose nodes have many parents.
-class RandomTrees {
-public:
-    explicit RandomTrees(unsigned seed) : random(seed) {
-        auto x = keep(makePtr<ScalarFieldXPosition>());
-        keep(makePtr<OwnScalar>());
-        keep(makePtr<ScalarFieldConstant>(0.5F));
-        keep(makePtr<ScalarFieldSphere>(float3{0.1F, 0.2F, -0.3F}, 0.8F));
-        keep(makePtr<ScalarFieldPlane>(float3{0.1F, 0, 0}, float3{1, 2, -1}));
-        keep(makePtr<ScalarFieldSimplexNoise>(x, 5));
-        keep(makePtr<ScalarFieldFractalNoise>(1.0F, 2.5F, 1.5F, 0.5F, 0.6F, x, 1.2F, 9));
-        keep(makePtr<VectorFieldPosition>());
-        keep(makePtr<VectorFieldConstant>(float3{1, -2, 0.5F}));
-        keep(makePtr<VectorFieldConstantArray>(
-            Quern::Array<float3>{{1, 2, 3}, {-4, 5, 0.5F}, {0.25F, -2, 8}}));
-        keep(makePtr<VectorFieldCurlNoise>(x, random() % 2 == 0, 3));
-        keep(makePtr<VectorFieldFractalTurbulence>(1.0F, 1.5F, 1.0F, 0.5F, 0.5F, pick(scalars),
-                                                   1.0F, random() % 2 == 0, 3));
-    }
-
-    ScalarPtr scalar() {
-        for (int i = 0; i < 7; ++i) random() % 2 ? void(growScalar()) : void(growVector());
-        return growScalar();
-    }
-    VectorPtr vector() {
-        for (int i = 0; i < 7; ++i) random() % 2 ? void(growScalar()) : void(growVector());
-        return growVector();
-    }
-
-private:
-    ScalarPtr s() { return pick(scalars); }
-    VectorPtr v() { return pick(vectors); }
-    template <class Pool> typename Pool::value_type pick(Pool const& pool) {
-        return pool[pool.size() - 1 - std::min<std::size_t>(random() % 12, pool.size() - 1)];
-    }
-    ScalarPtr keep(ScalarPtr node) { return scalars.emplace_back(std::move(node)); }
-    VectorPtr keep(VectorPtr node) { return vectors.emplace_back(std::move(node)); }
-
-    ScalarPtr growScalar() {
-        float3 const k{0.7F, -0.4F, 1.3F};
-        switch (random() % 26) {
-        case 0:
-            return keep(makePtr<ScalarFieldAdd>(s(), s()));
-        case 1:
-            return keep(makePtr<ScalarFieldSubtract>(s(), s()));
-        case 2:
-            return keep(makePtr<ScalarFieldMultiply>(s(), s()));
-        case 3:
-            return keep(makePtr<ScalarFieldDivide>(s(), s()));
-        case 4:
-            return keep(makePtr<ScalarFieldLerp>(s(), s(), s()));
-        case 5:
-            return keep(makePtr<ScalarFieldMin>(s(), s()));
-        case 6:
-            return keep(makePtr<ScalarFieldMax>(s(), s()));
-        case 7:
-            return keep(makePtr<ScalarFieldClamp>(s(), -0.5F, 0.75F));
-        case 8:
-            return keep(makePtr<ScalarFieldSwitch>(s(), s(), s()));
-        case 9:
-            return keep(makePtr<ScalarFieldAbsolute>(s()));
-        case 10:
-            return keep(makePtr<ScalarFieldSquareRoot>(s()));
-        case 11:
-            return keep(makePtr<ScalarFieldExp>(s()));
-        case 12:
-            return keep(makePtr<ScalarFieldTranslate>(s(), k));
-        case 13:
-            return keep(makePtr<ScalarFieldScale>(s(), k));
-        case 14:
-            return keep(makePtr<ScalarFieldRotate>(s(), k));
-        case 15:
-            return keep(makePtr<ScalarFieldWarp>(s(), v()));
-        case 16:
-            return keep(makePtr<ScalarFieldAdvect>(s(), v(), 0.25F));
-        case 17:
-            return keep(makePtr<VectorFieldDotProduct>(v(), v()));
-        case 18:
-            return keep(makePtr<VectorFieldComponent>(v(), static_cast<int>(random() % 4)));
-        case 19:
-            return keep(makePtr<VectorFieldXComponent>(v()));
-        case 20:
-            return keep(makePtr<VectorFieldLength>(v()));
-        case 21:
-            return keep(makePtr<ScalarFieldDivergence>(v()));
-        case 22:
-            return keep(makePtr<ScalarFieldArcTangent_2D>(s(), s()));
-        case 23:
-            return keep(makePtr<OwnSum>(s(), s()));
-        case 24:
-            return keep(makePtr<ScalarFieldMask>(s()));
-        default:
-            return keep(makePtr<ScalarFieldFCurve>(s(), curve));
-        }
-    }
-    VectorPtr growVector() {
-        float3 const k{0.7F, -0.4F, 1.3F};
-        switch (random() % 22) {
-        case 0:
-            return keep(makePtr<VectorFieldAdd>(v(), v()));
-        case 1:
-            return keep(makePtr<VectorFieldMultiply>(v(), v()));
-        case 2:
-            return keep(makePtr<VectorFieldDivide>(v(), v()));
-        case 3:
-            return keep(makePtr<VectorFieldVSMultiply>(v(), s()));
-        case 4:
-            return keep(makePtr<VectorFieldVSDivide>(v(), s()));
-        case 5:
-            return keep(makePtr<VectorFieldLerp>(v(), v(), s()));
-        case 6:
-            return keep(makePtr<VectorFieldCross>(v(), v()));
-        case 7:
-            return keep(makePtr<VectorFieldUnitVector>(v()));
-        case 8:
-            return keep(makePtr<VectorFieldMax>(v(), v()));
-        case 9:
-            return keep(makePtr<VectorFieldClamp>(v(), float3{-1, -1, -1}, float3{1, 2, 1}));
-        case 10:
-            return keep(makePtr<VectorFieldSwitch>(s(), v(), v()));
-        case 11:
-            return keep(makePtr<VectorFieldFromComponents>(s(), s(), s()));
-        case 12:
-            return keep(makePtr<VectorFieldTranslate>(v(), k));
-        case 13:
-            return keep(makePtr<VectorFieldScale>(v(), k));
-        case 14:
-            return keep(makePtr<VectorFieldRotate>(v(), k));
-        case 15:
-            return keep(makePtr<VectorFieldWarp>(v(), v()));
-        case 16:
-            return keep(makePtr<VectorFieldAdvect>(v(), v(), 0.5F));
-        case 17:
-            return keep(makePtr<ScalarFieldGradient>(s()));
-        case 18:
-            return keep(makePtr<VectorFieldCurl>(v()));
-        case 19:
-            return keep(makePtr<VectorFieldClosestPointTransform>(s()));
-        case 20:
-            return keep(makePtr<VectorFieldIteratedNearPointTransform>(s(), 0.1F, 3));
-        default:
-            return keep(makePtr<VectorFieldFCurve>(v(), curve));
-        }
-    }
-
-    std::mt19937 random;
-    std::vector<ScalarPtr> scalars;
-    std::vector<VectorPtr> vectors;
-    Quern::Ptr<Orvane::Math::FCurve> curve = makePtr<Orvane::Math::FCurve>();
-};
-
-/// Values and gradients of a tree in all ways, against points.
+/// Values and gradients of a tree in all ways, with each instruction set, against points.
 template <class Interface>
-void expectEqual(Quern::Ptr<Interface> const& tree, Quern::Array<float3> const& positions) {
-    auto const values = tree->eval(positions);
-    auto const gradients = Core::Fields::grad(*tree, positions);
-    auto const both = Core::Fields::evalAndGrad(*tree, positions);
-    for (long long i = 0; i < positions.size(); ++i) {
-        ASSERT_TRUE(same((*values)[i], tree->eval(positions[i], i))) << i;
-        ASSERT_TRUE(same((*both.values)[i], (*values)[i])) << i;
-        ASSERT_TRUE(same((*gradients)[i], tree->grad(positions[i], i))) << i;
-        ASSERT_TRUE(same((*both.gradients)[i], (*gradients)[i])) << i;
-    }
-}
-
-TEST(Block, EqualsPointsToTheBit) {
+void expectEqual(Interface const& tree, Quern::Array<float3> const& positions) {
+    std::vector<std::pair<typename Interface::Value, typename Interface::Gradient>> expected;
+    for (long long i = 0; i < positions.size(); ++i)
+        expected.emplace_back(tree.eval(positions[i], i), tree.grad(positions[i], i));
     for (Quern::SimdTarget const& target : Quern::simdTargets()) {
+        SCOPED_TRACE(target.name);
         Quern::useSimdTarget(target);
-        for (unsigned seed = 0; seed < 40; ++seed) {
-            SCOPED_TRACE("seed " + std::to_string(seed) + ", " + target.name);
-            RandomTrees trees(seed);
-            auto const count = std::array{1LL, 3LL, kBlockSize - 1LL, kBlockSize + 9LL}[seed % 4];
-            expectEqual(trees.scalar(), somePositions(count, seed));
-            expectEqual(trees.vector(), somePositions(count, seed));
+        auto const values = tree.eval(positions);
+        auto const gradients = Core::Fields::grad(tree, positions);
+        auto const both = Core::Fields::evalAndGrad(tree, positions);
+        ASSERT_EQ(values->size(), positions.size());
+        for (long long i = 0; i < positions.size(); ++i) {
+            auto const& [value, gradient] = expected[static_cast<std::size_t>(i)];
+            ASSERT_TRUE(same((*values)[i], value)) << i;
+            ASSERT_TRUE(same((*both.values)[i], value)) << i;
+            ASSERT_TRUE(same((*gradients)[i], gradient)) << i;
+            ASSERT_TRUE(same((*both.gradients)[i], gradient)) << i;
         }
     }
     Quern::useSimdTarget(Quern::simdTargets().front());
+}
+/// On that many threads, which may be more than the machine has cores.
+template <class Tree>
+void expectEqual(Tree const& tree, Quern::Array<float3> const& positions, int threads) {
+    tbb::global_control const limit(tbb::global_control::max_allowed_parallelism,
+                                    static_cast<std::size_t>(threads));
+    tbb::task_arena(threads).execute([&] { expectEqual(tree, positions); });
+}
+
+TEST(Block, EqualsPointsToTheBit) {
+    constexpr long long kCounts[] = {0, 1, 2, 3, 63, 64, 65, 127, 128, 129, 255, 256, 257, 1000};
+    unsigned number = seed();
+    forEveryNode([&]<class Node>(std::string const& name) {
+        for (int round = 0; round < 16; ++round, ++number) {
+            SCOPED_TRACE(name + ", ZEL_TEST_SEED=" + std::to_string(seed()));
+            auto const node = RandomNodes(number).make<Node>();
+            auto const count = kCounts[number % std::size(kCounts)];
+            ASSERT_NO_FATAL_FAILURE(
+                expectEqual(*node, somePositions(count, number), 1 << number % 3));
+        }
+    });
+    auto const positions = somePositions(100003);
+    RandomNodes nodes(5);
+    ScalarFieldLerp const tree(nodes, nodes, nodes);
+    for (int const threads : {1, 2, 4}) expectEqual(tree, positions, threads);
+}
+
+TEST(Block, KeepsIndicesThroughChoicesAmongMovedPositions) {
+    ScalarPtr const x = makePtr<ScalarFieldXPosition>(), y = makePtr<ScalarFieldYPosition>();
+    ScalarPtr tree = makePtr<OwnScalar>();
+    for (int i = 0; i < 4; ++i)
+        tree = makePtr<ScalarFieldSwitch>(
+            i % 2 ? x : y, makePtr<ScalarFieldTranslate>(tree, float3{0.3F, -0.2F, 0}), x);
+    expectEqual(*tree, somePositions(1000));
 }
 
 /// Batches of what follows run on one thread: their leaves keep count.
@@ -334,7 +187,7 @@ TEST_F(BlockCalls, RetiresPointsThatHaveCome) {
     VectorPtr const tree =
         makePtr<VectorFieldIteratedNearPointTransform>(makePtr<Distance>(calls), 0.1F, 5);
     auto const positions = somePositions(500);
-    expectEqual(tree, positions);
+    expectEqual(*tree, positions);
     calls.clear();
     tree->eval(positions);
     for (long long i = 0; i < positions.size(); ++i)
@@ -358,7 +211,7 @@ TEST(Block, SurvivesExceptionsAndBatchesInsideOfIt) {
             return Core::Fields::grad(f, p);
         }
         long long bad = -1;
-        ScalarPtr tree = RandomTrees(11).scalar();
+        ScalarPtr tree = RandomNodes(11).make<ScalarFieldLerp>();
     };
     auto const inner = makePtr<Inner>();
     ScalarPtr const shared = makePtr<ScalarFieldNegative>(inner);

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <stdexcept>
 #include <string>
 
 #include "orvane_geometry/geo_property.h"
+#include "support/refused.h"
 
 namespace {
 
@@ -38,24 +38,14 @@ TEST(GeoProperty, IsStoredWholeOrNotAtAll) {
     setGeoProperty(object, "id", short{-1}, data, "points");
     setGeoProperty(object, "plain", 0.5F, makePtr<Array<float>>());
     setRangeGeoPropIndices(object, "points", indices);
-    struct Mistake {
-        std::function<void()> call;
-        char const* named;
+    auto const refused = [](auto const& call, char const* named) {
+        support::expectRefused<std::invalid_argument>(call, named);
     };
-    for (Mistake const& mistake : std::initializer_list<Mistake>{
-             {[&] { setGeoProperty(object, "", short{3}, data); }, "name is empty"},
-             {[&] { setGeoProperty<short>(object, "id", 3, nullptr); }, "\"id\""},
-             {[&] { setGeoProperty(object, "range indices of x", short{3}, data); }, "of x\""},
-             {[&] { setRangeGeoPropIndices(object, "points", nullptr); }, "\"points\""},
-             {[&] { setVolume(object, nullptr); }, "no volume"},
-             {[&] { setRangeGeoPropIndices(object, "", indices); }, "name is empty"}}) {
-        try {
-            mistake.call();
-            ADD_FAILURE() << mistake.named;
-        } catch (std::invalid_argument const& error) {
-            EXPECT_NE(std::string(error.what()).find(mistake.named), std::string::npos);
-        }
-    }
+    refused([&] { setGeoProperty(object, "", short{3}, data); }, "name is empty");
+    refused([&] { setGeoProperty<short>(object, "id", 3, nullptr); }, "\"id\"");
+    refused([&] { setGeoProperty(object, "range indices of x", short{3}, data); }, "of x\"");
+    refused([&] { setRangeGeoPropIndices(object, "points", nullptr); }, "\"points\"");
+    refused([&] { setVolume(object, nullptr); }, "no volume");
     auto const property = pointerProperty<Object>(object, "id");
     EXPECT_EQ(*property->property(sDefault).get<short>(), -1);
     EXPECT_EQ(pointerProperty<Array<short>>(*property, sData), data);

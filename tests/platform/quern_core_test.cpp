@@ -12,6 +12,7 @@
 #include "quern_core/array.h"
 #include "quern_core/ptr.h"
 #include "quern_core/string.h"
+#include "support/refused.h"
 
 namespace {
 
@@ -33,18 +34,20 @@ struct Derived : Other, Base {
     int* alive;
 };
 
-TEST(Ptr, SharesMovesAndReleases) {
+TEST(Ptr, SharesMovesClonesAndReleases) {
     int alive = 0;
     static_assert(sizeof(Ptr<Base>) == 2 * sizeof(void*));
     {
         auto first = makePtr<Derived>(alive);
-        EXPECT_EQ(first.useCount(), 1);
-        Ptr<Base> base = first;
+        Ptr<Base> base = first;  // a base that is not at the start
         Ptr<Derived const> constant = first;
         EXPECT_EQ(first.useCount(), 3);
         EXPECT_TRUE(base == first);
-        base = std::move(constant).clone();
+        base->tag = 7;
+        base = base.clone();
         EXPECT_EQ(alive, 2);
+        EXPECT_EQ(base->tag, 7);
+        EXPECT_EQ(dynamic_cast<Derived&>(*base).otherTag, 2);
         Ptr<Base> moved = std::move(base);
         EXPECT_TRUE(base == nullptr && !base && base.useCount() == 0);
         moved = *&moved;
@@ -53,18 +56,6 @@ TEST(Ptr, SharesMovesAndReleases) {
         EXPECT_EQ(alive, 2);  // `constant` still holds the first
     }
     EXPECT_EQ(alive, 0);
-}
-
-TEST(Ptr, ClonesThroughABaseThatIsNotAtTheStart) {
-    int alive = 0;
-    Ptr<Base> const base = makePtr<Derived>(alive);
-    base->tag = 7;
-    Ptr<Base> const copy = base.clone();
-    ASSERT_NE(dynamic_cast<Derived*>(copy.get()), nullptr);
-    EXPECT_EQ(dynamic_cast<Derived*>(copy.get())->otherTag, 2);
-    EXPECT_EQ(copy->tag, 7);
-    EXPECT_NE(copy.get(), base.get());
-    EXPECT_EQ(copy.useCount(), 1);
     EXPECT_TRUE(Ptr<Base>().clone() == nullptr);
     EXPECT_THROW(makePtr<std::unique_ptr<int>>().clone(), std::logic_error);
 }
@@ -93,33 +84,22 @@ TEST(Array, GrowsCopiesAndMoves) {
     copy[0] = "changed";
     EXPECT_EQ(array[0], "a");
     auto const* const storage = copy.data();
-    Array<std::string> const moved = std::move(copy);
-    EXPECT_EQ(moved.data(), storage);
+    EXPECT_EQ(Array<std::string>(std::move(copy)).data(), storage);
     EXPECT_EQ(copy.size(), 0);
     array.resize(1);
     array.resize(3);
     EXPECT_EQ(array, (Array<std::string>{"a", "", ""}));
     array.reserve(1000);
-    EXPECT_EQ(array.size(), 3);
-    EXPECT_GE(array.capacity(), 1000);
-    EXPECT_EQ(Array<int>(4), (Array<int>{0, 0, 0, 0}));
+    EXPECT_TRUE(array.size() == 3 && array.capacity() >= 1000);
     EXPECT_EQ(Array<int>(2, 9), (Array<int>{9, 9}));
 }
 
 TEST(Array, RefusesSizesThatCannotBe) {
-    EXPECT_THROW(Array<int>(-1), std::length_error);
-    constexpr long long kMost = std::numeric_limits<long long>::max();
-    EXPECT_THROW(Array<int>(kMost, 1), std::length_error);
+    EXPECT_THROW(Array<int>(std::numeric_limits<long long>::max(), 1), std::length_error);
     Array<int> array{1, 2};
     EXPECT_THROW(array.resize(-5), std::length_error);
-    EXPECT_THROW(array.reserve(-5), std::length_error);
     EXPECT_EQ(array, (Array<int>{1, 2}));
-    try {
-        Array<int>(-12);
-        FAIL();
-    } catch (std::length_error const& error) {
-        EXPECT_NE(std::string(error.what()).find("-12"), std::string::npos);
-    }
+    support::expectRefused<std::length_error>([] { Array<int>(-12); }, "-12");
 }
 
 TEST(Array, DestroysWhatItBuiltWhenAnElementThrows) {
@@ -142,17 +122,12 @@ TEST(Array, DestroysWhatItBuiltWhenAnElementThrows) {
 TEST(String, IsSharedTextThatComparesWithAll) {
     std::string const embedded("a\0b", 3);
     String const text = embedded;
-    EXPECT_EQ(text.size(), 3);
     EXPECT_EQ(static_cast<std::string>(text), embedded);
-    String const copy = text;
-    EXPECT_EQ(copy.c_str(), text.c_str());  // the same characters, not equal ones
-    auto const viewSize = [](StringView view) { return view.size(); };
-    EXPECT_EQ(viewSize(text), 3);
-    EXPECT_EQ(viewSize("four"), 4);
+    EXPECT_EQ(String(text).c_str(), text.c_str());  // the same characters, not equal ones
+    EXPECT_EQ(StringView(text).size(), 3);
     EXPECT_TRUE(String("b") == "b" && "b" == String("b") && StringView("b") == std::string("b"));
     EXPECT_TRUE(String("a") < String("b") && String("a") < "b" &&
                 StringView("a") < StringView("aa"));
-    EXPECT_EQ(String(), "");
     EXPECT_STREQ(String().c_str(), "");
     EXPECT_STREQ(String(static_cast<char const*>(nullptr)).c_str(), "");
 }

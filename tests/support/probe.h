@@ -55,7 +55,6 @@ testing::AssertionResult same(T const& got, T const& expected, float tolerance =
 struct Call {
     std::string what;
     float3 position;
-    long long index;
 };
 
 /// All calls of probes since the last `takeCalls`, oldest first.
@@ -68,17 +67,6 @@ inline std::string takeCalls() {
     return text;
 }
 
-/// Expects that all calls since then were made with `kIndex`, and at `kPosition` but for those of a
-/// probe named `moved`.
-inline void expectIndices(char moved = 0) {
-    for (Call const& call : calls) {
-        EXPECT_EQ(call.index, kIndex) << call.what;
-        if (call.what[0] != moved) {
-            EXPECT_EQ(call.position, kPosition) << call.what;
-        }
-    }
-}
-
 /// A leaf with a fixed value and gradient that records its calls.
 template <class Interface> class Probe : public Interface {
 public:
@@ -89,12 +77,12 @@ public:
     Probe(Value const& value, Gradient const& gradient, std::string name)
         : value(value), gradient(gradient), name(std::move(name)) {}
 
-    Value eval(float3 const& p, long long i) const override {
-        calls.push_back({name + ".eval", p, i});
+    Value eval(float3 const& p, long long /*i*/) const override {
+        calls.push_back({name + ".eval", p});
         return value;
     }
-    Gradient grad(float3 const& p, long long i) const override {
-        calls.push_back({name + ".grad", p, i});
+    Gradient grad(float3 const& p, long long /*i*/) const override {
+        calls.push_back({name + ".grad", p});
         return gradient;
     }
 
@@ -126,7 +114,7 @@ template <class Interface> struct Row {
 using ScalarRows = std::vector<Row<zel::ScalarField>>;
 using VectorRows = std::vector<Row<zel::VectorField>>;
 
-/// Value and gradient of each row, and that its probes were asked there with the same index.
+/// Value and gradient of each row, and that its probes were asked there.
 template <class Interface> void check(std::vector<Row<Interface>> const& rows) {
     for (auto const& row : rows) {
         SCOPED_TRACE(std::string(row.node->getType()) + ", row " +
@@ -134,10 +122,8 @@ template <class Interface> void check(std::vector<Row<Interface>> const& rows) {
         calls.clear();
         EXPECT_TRUE(same(row.node->eval(row.position, kIndex), row.value, row.tolerance));
         EXPECT_TRUE(same(row.node->grad(row.position, kIndex), row.gradient, row.tolerance));
-        for (Call const& call : calls) {
+        for (Call const& call : calls)
             EXPECT_TRUE(same(call.position, row.childPosition, row.tolerance));
-            EXPECT_EQ(call.index, kIndex);
-        }
     }
 }
 

@@ -1,20 +1,20 @@
 #include <algorithm>
-#include <concepts>
 #include <functional>
 #include <random>
-#include <tuple>
 
 #include "support/probe.h"
 
-// Random trees of all nodes whose gradient is the derivative of their value, each beside the same
-// function in double precision, which shares no code with the nodes. The value is compared with
-// that function and the gradient with its central differences.
+// Nodes whose gradient is the derivative of their value, each beside the same function in double
+// precision, which shares no code with the nodes. The value is compared with that function and the
+// gradient with its central differences.
 using namespace support;
 using namespace zel;
 
 namespace {
 struct double3 {
     double x, y, z;
+    double3(double x, double y, double z) : x(x), y(y), z(z) {}
+    explicit double3(float3 const& a) : x(a.x), y(a.y), z(a.z) {}
 };
 double3 operator+(double3 a, double3 b) {
     return {a.x + b.x, a.y + b.y, a.z + b.z};
@@ -40,270 +40,261 @@ double3 turned(double3 p, double3 axis, double angle) {
     return p * std::cos(angle) + crossed(n, p) * std::sin(angle) +
            n * (inner(n, p) * (1 - std::cos(angle)));
 }
+double3 stepAlong(int axis, double h) {
+    return {axis == 0 ? h : 0, axis == 1 ? h : 0, axis == 2 ? h : 0};
+}
 
-template <class Interface, class T> struct Tree {
-    Quern::Ptr<Interface> node;
-    std::function<T(double3)> f;
+std::mt19937 engine(20240611);
+float number(double low, double high) {
+    return static_cast<float>(std::uniform_real_distribution(low, high)(engine));
+}
+float3 numbers(double low, double high) {
+    return {number(low, high), number(low, high), number(low, high)};
+}
+
+std::vector<double> components(auto const& a) {
+    if constexpr (std::is_arithmetic_v<std::remove_cvref_t<decltype(a)>>)
+        return {a};
+    else
+        return {a.x, a.y, a.z};
+}
+float3 const& row(float3 const& gradient, int) {
+    return gradient;
+}
+float3 const& row(float3x3 const& m, int r) {
+    return m[r];
+}
+
+/// Compares a node with `f(axis, step)`, the function that it should be a step along an axis away.
+/// Whether it could: at a kink or a jump the differences to both sides disagree.
+template <class Node, class F> bool compare(Node const& node, float3 const& p, F const& f) {
+    constexpr double kStep = 1e-5, kTolerance = 2e-4;
+    auto const value = components(f(0, 0)), got = components(node.eval(p, 1));
+    auto const gradient = node.grad(p, 1);
+    for (int axis = 0; axis < 3; ++axis) {
+        auto const up = components(f(axis, kStep)), down = components(f(axis, -kStep));
+        for (std::size_t r = 0; r < value.size(); ++r) {
+            double const above = (up[r] - value[r]) / kStep, below = (value[r] - down[r]) / kStep;
+            double const slope = (above + below) / 2, slack = kTolerance * (10 + std::abs(slope));
+            if (std::abs(above - below) > slack) return false;
+            EXPECT_NEAR(got[r], value[r], kTolerance * (1 + std::abs(value[r])));
+            EXPECT_NEAR(row(gradient, static_cast<int>(r))[axis], slope, slack)
+                << "derivative of " << r << " along " << axis;
+        }
+    }
+    return true;
+}
+/// Of 200 random nodes that `once` compares.
+template <class Node, class Once> void compareMany(Once const& once) {
+    SCOPED_TRACE(typeNameOf(typeid(Node)).c_str());
+    int compared = 0;
+    for (int n = 0; n < 200; ++n) compared += once();
+    EXPECT_GE(compared, 150);
+}
+
+/// A child with a random value and gradient, and its value in double precision.
+struct Child {
+    float value;
+    float3 gradient = numbers(-2, 2);
+    ScalarPtr node = s(value, gradient);
+    double at(int axis, double h) const { return value + h * gradient[axis]; }
 };
-using Scalar = Tree<ScalarField, double>;
-using Vector = Tree<VectorField, double3>;
-template <class Node>
-using TreeOf = std::conditional_t<std::is_base_of_v<ScalarField, Node>, Scalar, Vector>;
-using Random = std::mt19937;
-/// Makes a random tree with a given root class, whose children have the depth passed.
-template <class T> using Maker = std::function<T(Random&, int)>;
-std::vector<Maker<Scalar>> const& scalarMakers();
-std::vector<Maker<Vector>> const& vectorMakers();
+struct VectorChild {
+    float3 value;
+    float3x3 gradient{{numbers(-2, 2), numbers(-2, 2), numbers(-2, 2)}};
+    VectorPtr node = v(value, gradient);
+    double3 at(int axis, double h) const {
+        float3x3 const& g = gradient;
+        return double3(value) + double3{g[0][axis], g[1][axis], g[2][axis]} * h;
+    }
+};
+Child any() {
+    return {number(-3, 3)};
+}
+Child belowOne() {
+    return {number(-0.9, 0.9)};
+}
+Child positive() {
+    return {number(0.5, 3)};
+}
+Child negative() {
+    return {number(-3, -0.5)};
+}
+VectorChild vector() {
+    return {numbers(-3, 3)};
+}
+VectorChild positives() {
+    return {numbers(0.5, 3)};
+}
 
-// Random children.
-Scalar scalar(Random& random, int depth) {
-    auto const& makers = scalarMakers();
-    return makers[random() % (depth > 0 ? makers.size() : 6)](random, depth - 1);
+template <class... Makers> auto from(Makers... makers) {
+    return std::tuple<Makers...>(makers...);
 }
-Vector vector(Random& random, int depth) {
-    auto const& makers = vectorMakers();
-    return makers[random() % (depth > 0 ? makers.size() : 2)](random, depth - 1);
-}
-/// `middle + 0.875 * sin(...)`, for functions that are not defined everywhere.
-template <int middle> Scalar within(Random& random, int depth) {
-    Scalar const c = scalar(random, depth);
-    auto const sine = makePtr<ScalarFieldMultiply>(makePtr<ScalarFieldSine>(c.node),
-                                                   makePtr<ScalarFieldConstant>(0.875F));
-    return {makePtr<ScalarFieldAdd>(sine, makePtr<ScalarFieldConstant>(float{middle})),
-            [=](double3 p) { return middle + 0.875 * std::sin(c.f(p)); }};
-}
-constexpr auto belowOne = within<0>, positive = within<2>, negative = within<-2>;
-template <auto makeX, auto makeY, auto makeZ> Vector vectorOf(Random& random, int depth) {
-    Scalar const x = makeX(random, depth), y = makeY(random, depth), z = makeZ(random, depth);
-    return {makePtr<VectorFieldFromComponents>(x.node, y.node, z.node), [=](double3 p) {
-                return double3{x.f(p), y.f(p), z.f(p)};
-            }};
-}
-constexpr auto positives = vectorOf<positive, positive, positive>;
-constexpr auto nonzero = vectorOf<scalar, negative, scalar>;
 
-/// A leaf beside `f` of the position.
-template <class Node, class... Parameter> Maker<TreeOf<Node>> leaf(auto f, Parameter... parameter) {
-    return [=](Random&, int) { return TreeOf<Node>{makePtr<Node>(parameter...), f}; };
-}
-/// An operator beside `f` of the values of its children, which `child` make.
-template <class Node, class... Child, class... Parameter>
-Maker<TreeOf<Node>> operation(auto f, std::tuple<Child...> children, Parameter... parameter) {
-    return [=](Random& random, int depth) {
-        auto const make = [&](auto... child) {
-            return std::apply(
-                [&](auto const&... c) {
-                    return TreeOf<Node>{makePtr<Node>(c.node..., parameter...),
-                                        [=](double3 p) { return f(c.f(p)...); }};
-                },
-                std::tuple{child(random, depth)...});
+/// A node of random children, beside `f` of their values.
+template <class Node, class... Parameter, class... Makers>
+void of(auto const& f, std::tuple<Makers...> const& makers, Parameter... parameter) {
+    compareMany<Node>([&] {
+        auto const compareWith = [&](auto const&... c) {
+            return compare(Node(c.node..., parameter...), {},
+                           [&](int axis, double h) { return f(c.at(axis, h)...); });
         };
-        return std::apply(make, children);
-    };
+        return std::apply([&](auto... make) { return compareWith(make()...); }, makers);
+    });
 }
-/// An operator beside its child's function at the position `move(p)`, times `factor`.
-template <class Node, class Parameter>
-Maker<TreeOf<Node>> moved(auto move, auto child, Parameter parameter, double factor = 1) {
-    return [=](Random& random, int depth) {
-        auto const c = child(random, depth);
-        return TreeOf<Node>{makePtr<Node>(c.node, parameter),
-                            [=](double3 p) { return c.f(move(p)) * factor; }};
-    };
+template <class Node> void unary(double (*f)(double), Child (*child)() = any) {
+    of<Node>(f, from(child));
+}
+template <class Node> void binary(double (*f)(double, double), Child (*second)() = any) {
+    of<Node>(f, from(any, second));
+}
+/// A node beside `f` of the position.
+template <class Node> void at(auto const& f, Node const& node) {
+    compareMany<Node>([&] {
+        float3 const p = numbers(-2, 2);
+        return compare(node, p,
+                       [&](int axis, double h) { return f(double3(p) + stepAlong(axis, h)); });
+    });
 }
 
-template <class... Child> auto of(Child... child) {
-    return std::tuple<Child...>(child...);
-}
-/// One scalar child, and `f` out of the mathematics library.
-template <class Node> auto unary(double (*f)(double), Scalar (*child)(Random&, int) = scalar) {
-    return operation<Node>(f, of(child));
-}
-template <class Node>
-auto binary(double (*f)(double, double), Scalar (*second)(Random&, int) = scalar) {
-    return operation<Node>(f, of(scalar, second));
-}
 constexpr auto componentwise = [](auto f) {
     return [=](auto... a) { return double3{f(a.x...), f(a.y...), f(a.z...)}; };
 };
 constexpr auto choose = [](double condition, auto a, auto b) { return condition > 0 ? a : b; };
 constexpr auto mix = [](auto a, auto b, double t) { return a + (b - a) * t; };
-
-constexpr double3 kPoint{0.25, -0.5, 1}, kTurn{0.5, -1, 0.75};
-constexpr float3 kPointF{0.25F, -0.5F, 1}, kTurnF{0.5F, -1, 0.75F};
-double box(double3 p) {
-    double3 const d =
-        componentwise([](double c) { return std::pow(std::abs(c), 2.5); })(p - kPoint);
-    return std::pow(d.x + d.y + d.z, 0.4) - std::pow(0.75, 2.5);
-}
-double3 translated(double3 p) {
-    return p - kPoint;
-}
-double3 turnedByVector(double3 p) {
-    return turned(p, kTurn, norm(kTurn));
-}
-/// For the quaternion (kTurn, 1.25): the child sees the turn back, and its length scales.
-double3 turnedByQuaternion(double3 p) {
-    return turned(p, kTurn, -2 * std::atan2(norm(kTurn), 1.25)) * 3.375;
-}
-
-std::vector<Maker<Scalar>> const& scalarMakers() {
-    auto const s = scalar;
-    auto const v = vector;
-    static std::vector<Maker<Scalar>> const makers{
-        leaf<ScalarFieldPlane>(
-            [](double3 p) {
-                return inner(p - kPoint, {2, -3, 6}) / 7;
-            },
-            kPointF, float3{2, -3, 6}),
-        leaf<ScalarFieldSphere>([](double3 p) { return norm(p - kPoint) - 0.5; }, kPointF, 0.5F),
-        leaf<ScalarFieldImplicitBox>(box, kPointF, -0.75F, 2.5F),
-        leaf<ScalarFieldXPosition>([](double3 p) { return p.x; }),
-        leaf<ScalarFieldYPosition>([](double3 p) { return p.y; }),
-        leaf<ScalarFieldZPosition>([](double3 p) { return p.z; }),
-        leaf<ScalarFieldConstant>([](double3) { return -1.25; }, -1.25F),
-        operation<ScalarFieldAdd>(std::plus<>(), of(s, s)),
-        operation<ScalarFieldSubtract>(std::minus<>(), of(s, s)),
-        operation<ScalarFieldNegative>(std::negate<>(), of(s)),
-        operation<ScalarFieldMultiply>(std::multiplies<>(), of(s, s)),
-        operation<ScalarFieldDivide>(std::divides<>(), of(s, positive)),
-        operation<ScalarFieldDivide>(std::divides<>(), of(s, negative)),
-        binary<ScalarFieldMax>(std::fmax),
-        binary<ScalarFieldMin>(std::fmin),
-        operation<ScalarFieldMask>([](double u) { return u > 0; }, of(s)),
-        operation<ScalarFieldClamp>([](double u) { return std::clamp(u, -0.5, 0.75); }, of(s),
-                                    -0.5F, 0.75F),
-        operation<ScalarFieldSwitch>(choose, of(s, s, s)),
-        unary<ScalarFieldAbsolute>(std::fabs),
-        operation<ScalarFieldPow>([](double u) { return 1 / (u * std::sqrt(u)); }, of(positive),
-                                  -1.5F),
-        operation<ScalarFieldPow>([](double u) { return u * u * u; }, of(s), 3.0F),
-        unary<ScalarFieldSquareRoot>(std::sqrt, positive),
-        unary<ScalarFieldExp>(std::exp, belowOne),
-        operation<ScalarFieldLerp>(mix, of(s, s, s)),
-        unary<ScalarFieldSine>(std::sin),
-        unary<ScalarFieldCosine>(std::cos),
-        unary<ScalarFieldTangent>(std::tan, belowOne),
-        unary<ScalarFieldArcSine>(std::asin, belowOne),
-        unary<ScalarFieldArcCosine>(std::acos, belowOne),
-        unary<ScalarFieldArcTangent>(std::atan),
-        binary<ScalarFieldArcTangent_2D>(std::atan2, positive),
-        binary<ScalarFieldArcTangent_2D>(std::atan2, negative),
-        moved<ScalarFieldTranslate>(translated, s, kPointF),
-        moved<ScalarFieldScale>(
-            [](double3 p) {
-                return double3{p.x / 2, p.y / -0.5, p.z * 0.8};
-            },
-            s, float3{2, -0.5F, 1.25F}),
-        moved<ScalarFieldRotate>(turnedByVector, s, kTurnF),
-        moved<ScalarFieldRotate>(turnedByQuaternion, s, float4{0.5F, -1, 0.75F, 1.25F}),
-        operation<VectorFieldXComponent>([](double3 a) { return a.x; }, of(v)),
-        operation<VectorFieldYComponent>([](double3 a) { return a.y; }, of(v)),
-        operation<VectorFieldZComponent>([](double3 a) { return a.z; }, of(v)),
-        operation<VectorFieldComponent>([](double3 a) { return a.y; }, of(v), 1),
-        operation<VectorFieldDotProduct>(inner, of(v, v)),
-        operation<VectorFieldLength>(norm, of(nonzero)),
-        operation<VectorFieldLengthSquared>([](double3 a) { return inner(a, a); }, of(v)),
-    };
-    return makers;
-}
-
-std::vector<Maker<Vector>> const& vectorMakers() {
-    auto const v = vector;
-    auto const constant = [](double3) { return kPoint; };
-    static std::vector<Maker<Vector>> const makers{
-        vectorOf<scalar, scalar, scalar>,
-        leaf<VectorFieldPosition>([](double3 p) { return p; }),
-        leaf<VectorFieldConstant>(constant, kPointF),
-        leaf<VectorFieldConstantArray>(constant, Quern::Array<float3>(3, kPointF)),
-        operation<VectorFieldAdd>(std::plus<>(), of(v, v)),
-        operation<VectorFieldSubtract>(std::minus<>(), of(v, v)),
-        operation<VectorFieldNegative>([](double3 a) { return a * -1; }, of(v)),
-        operation<VectorFieldMultiply>(componentwise(std::multiplies<>()), of(v, v)),
-        operation<VectorFieldDivide>(componentwise(std::divides<>()), of(v, positives)),
-        operation<VectorFieldPow>(
-            [](double3 a) {
-                return double3{std::sqrt(a.x), a.y * a.y, 1 / a.z};
-            },
-            of(positives), float3{0.5F, 2, -1}),
-        operation<VectorFieldSquareRoot>(componentwise([](double u) { return std::sqrt(u); }),
-                                         of(positives)),
-        operation<VectorFieldCross>(crossed, of(v, v)),
-        operation<VectorFieldVSMultiply>([](double3 a, double k) { return a * k; }, of(v, scalar)),
-        operation<VectorFieldVSDivide>([](double3 a, double k) { return a * (1 / k); },
-                                       of(v, positive)),
-        operation<VectorFieldLerp>(mix, of(v, v, scalar)),
-        operation<VectorFieldSwitch>(choose, of(scalar, v, v)),
-        moved<VectorFieldTranslate>(translated, v, kPointF),
-        moved<VectorFieldScale>([](double3 p) { return p * -0.5; }, v, float3{-2, -2, -2}, -2),
-    };
-    return makers;
-}
-
-std::vector<double> components(std::floating_point auto const& a) {
-    return {a};
-}
-std::vector<double> components(auto const& a) {
-    return {a.x, a.y, a.z};
-}
-float3 const& row(float3 const& gradient, std::size_t) {
-    return gradient;
-}
-float3 const& row(float3x3 const& m, std::size_t r) {
-    return m[static_cast<int>(r)];
-}
-
-template <class T> void compare(std::vector<Maker<T>> const& makers) {
-    constexpr unsigned kSeed = 20240611;
-    constexpr double kStep = 1e-5, kTolerance = 2e-4;
-    for (auto const& make : makers) {
-        Random random(kSeed);
-        int compared = 0;
-        for (int trial = 0; trial < 200; ++trial) {
-            T const tree = make(random, 2);
-            auto const coordinate = [&] {
-                return static_cast<float>(random() % 3001) / 1000 - 1.5F;
-            };
-            float3 const p{coordinate(), coordinate(), coordinate()};
-            double3 const at{p.x, p.y, p.z};
-            auto const value = components(tree.f(at));
-            // One-sided differences that disagree mark a kink or a jump within a step, and bound
-            // what it can add to the error of their mean.
-            std::vector<std::array<double, 3>> slopes(value.size());
-            bool smooth = true;
-            for (std::size_t c = 0; c < 3; ++c) {
-                double3 const h{c == 0 ? kStep : 0, c == 1 ? kStep : 0, c == 2 ? kStep : 0};
-                auto const up = components(tree.f(at + h)), down = components(tree.f(at - h));
-                for (std::size_t r = 0; r < value.size(); ++r) {
-                    double const above = (up[r] - value[r]) / kStep;
-                    double const below = (value[r] - down[r]) / kStep;
-                    slopes[r][c] = (above + below) / 2;
-                    smooth = smooth &&
-                             std::abs(above - below) < kTolerance * (1 + std::abs(slopes[r][c]));
-                }
-            }
-            if (!smooth) continue;
-            ++compared;
-            SCOPED_TRACE(std::string(tree.node->getType()) + ", seed " + std::to_string(kSeed) +
-                         ", trial " + std::to_string(trial));
-            auto const nodeValue = components(tree.node->eval(p, 1));
-            auto const gradient = tree.node->grad(p, 1);
-            for (std::size_t r = 0; r < value.size(); ++r) {
-                double const magnitude = 1 + norm({slopes[r][0], slopes[r][1], slopes[r][2]});
-                EXPECT_NEAR(nodeValue[r], value[r], kTolerance * (magnitude + std::abs(value[r])));
-                for (int c = 0; c < 3; ++c)
-                    EXPECT_NEAR(row(gradient, r)[c], slopes[r][static_cast<std::size_t>(c)],
-                                kTolerance * magnitude)
-                        << "derivative of " << r << " along " << c;
-            }
-        }
-        EXPECT_GE(compared, 150) << make(random, 2).node->getType();
-    }
-}
+auto const k = from(any);
+auto const v1 = from(vector);
+auto const kk = from(any, any);
+auto const vv = from(vector, vector);
 }  // namespace
 
 TEST(Derivatives, OfScalarNodes) {
-    compare(scalarMakers());
+    of<ScalarFieldAdd>(std::plus<>(), kk);
+    of<ScalarFieldSubtract>(std::minus<>(), kk);
+    of<ScalarFieldNegative>(std::negate<>(), k);
+    of<ScalarFieldMultiply>(std::multiplies<>(), kk);
+    of<ScalarFieldDivide>(std::divides<>(), from(any, positive));
+    of<ScalarFieldDivide>(std::divides<>(), from(any, negative));
+    binary<ScalarFieldMax>(std::fmax);
+    binary<ScalarFieldMin>(std::fmin);
+    of<ScalarFieldMask>([](double u) { return u > 0 ? 1.0 : 0.0; }, k);
+    of<ScalarFieldClamp>([](double u) { return std::clamp(u, -0.5, 0.75); }, k, -0.5F, 0.75F);
+    of<ScalarFieldSwitch>(choose, from(any, any, any));
+    unary<ScalarFieldAbsolute>(std::fabs);
+    of<ScalarFieldPow>([](double u) { return 1 / (u * std::sqrt(u)); }, from(positive), -1.5F);
+    of<ScalarFieldPow>([](double u) { return u * u * u; }, k, 3.0F);
+    unary<ScalarFieldSquareRoot>(std::sqrt, positive);
+    unary<ScalarFieldExp>(std::exp);
+    of<ScalarFieldLerp>(mix, from(any, any, any));
+    unary<ScalarFieldSine>(std::sin);
+    unary<ScalarFieldCosine>(std::cos);
+    unary<ScalarFieldTangent>(std::tan, belowOne);
+    unary<ScalarFieldArcSine>(std::asin, belowOne);
+    unary<ScalarFieldArcCosine>(std::acos, belowOne);
+    unary<ScalarFieldArcTangent>(std::atan);
+    binary<ScalarFieldArcTangent_2D>(std::atan2, positive);
+    binary<ScalarFieldArcTangent_2D>(std::atan2, negative);
+    of<VectorFieldXComponent>([](double3 a) { return a.x; }, v1);
+    of<VectorFieldYComponent>([](double3 a) { return a.y; }, v1);
+    of<VectorFieldZComponent>([](double3 a) { return a.z; }, v1);
+    of<VectorFieldComponent>([](double3 a) { return a.y; }, v1, 1);
+    of<VectorFieldDotProduct>(inner, vv);
+    of<VectorFieldLength>(norm, from(positives));
+    of<VectorFieldLengthSquared>([](double3 a) { return inner(a, a); }, v1);
 }
+
 TEST(Derivatives, OfVectorNodes) {
-    compare(vectorMakers());
+    of<VectorFieldFromComponents>(
+        [](double a, double b, double c) {
+            return double3{a, b, c};
+        },
+        from(any, any, any));
+    of<VectorFieldAdd>(std::plus<>(), vv);
+    of<VectorFieldSubtract>(std::minus<>(), vv);
+    of<VectorFieldNegative>([](double3 a) { return a * -1; }, v1);
+    of<VectorFieldMultiply>(componentwise(std::multiplies<>()), vv);
+    of<VectorFieldDivide>(componentwise(std::divides<>()), from(vector, positives));
+    of<VectorFieldPow>(
+        [](double3 a) {
+            return double3{std::sqrt(a.x), a.y * a.y, 1 / a.z};
+        },
+        from(positives), float3{0.5F, 2, -1});
+    of<VectorFieldSquareRoot>(componentwise([](double u) { return std::sqrt(u); }),
+                              from(positives));
+    of<VectorFieldCross>(crossed, vv);
+    of<VectorFieldVSMultiply>([](double3 a, double u) { return a * u; }, from(vector, any));
+    of<VectorFieldVSDivide>([](double3 a, double u) { return a * (1 / u); },
+                            from(vector, positive));
+    of<VectorFieldLerp>(mix, from(vector, vector, any));
+    of<VectorFieldSwitch>(choose, from(any, vector, vector));
+}
+
+namespace {
+/// Fields of the position with exact gradients, of which no transposition leaves the second alone.
+struct Hill : ScalarField {
+    using ScalarField::eval;
+    static auto of(auto const& p) { return p.x * p.y + 3 * p.z - p.z * p.z; }
+    float eval(float3 const& p, long long /*i*/) const override { return of(p); }
+    float3 grad(float3 const& p, long long /*i*/) const override { return {p.y, p.x, 3 - 2 * p.z}; }
+};
+struct Bent : VectorField {
+    using VectorField::eval;
+    template <class Vector> static Vector of(Vector const& p) {
+        return {p.x / 2 + p.y * p.z, p.x * p.x - p.z / 4, p.y * p.y / 8 + 2 * p.x};
+    }
+    float3 eval(float3 const& p, long long /*i*/) const override { return of(p); }
+    float3x3 grad(float3 const& p, long long /*i*/) const override {
+        return {{{0.5F, p.z, p.y}, {2 * p.x, 0, -0.25F}, {2, p.y / 4, 0}}};
+    }
+};
+}  // namespace
+
+TEST(Derivatives, OfFunctionsOfThePosition) {
+    float3 const point{0.25F, -0.5F, 1}, turn{0.5F, -1, 0.75F};
+    double3 const o(point), axis(turn);
+    auto const hill = makePtr<Hill>();
+    auto const bent = makePtr<Bent>();
+    at([](double3 p) { return p.x; }, ScalarFieldXPosition());
+    at([](double3 p) { return p.y; }, ScalarFieldYPosition());
+    at([](double3 p) { return p.z; }, ScalarFieldZPosition());
+    at([](double3 p) { return p; }, VectorFieldPosition());
+    at([](double3) { return -1.25; }, ScalarFieldConstant(-1.25F));
+    at([&](double3) { return o; }, VectorFieldConstant(point));
+    at([&](double3) { return o; }, VectorFieldConstantArray(Quern::Array<float3>(3, point)));
+    at(
+        [&](double3 p) {
+            return inner(p - o, {2, -3, 6}) / 7;
+        },
+        ScalarFieldPlane(point, {2, -3, 6}));
+    at([&](double3 p) { return norm(p - o) - 0.5; }, ScalarFieldSphere(point, 0.5F));
+    at(
+        [&](double3 p) {
+            double3 const d =
+                componentwise([](double c) { return std::pow(std::abs(c), 2.5); })(p - o);
+            return std::pow(d.x + d.y + d.z, 0.4) - std::pow(0.75, 2.5);
+        },
+        ScalarFieldImplicitBox(point, -0.75F, 2.5F));
+    at([&](double3 p) { return Hill::of(p - o); }, ScalarFieldTranslate(hill, point));
+    at([&](double3 p) { return Bent::of(p - o); }, VectorFieldTranslate(bent, point));
+    at(
+        [&](double3 p) {
+            return Hill::of(double3{p.x / 2, p.y / -0.5, p.z * 0.8});
+        },
+        ScalarFieldScale(hill, float3{2, -0.5F, 1.25F}));
+    at([&](double3 p) { return Bent::of(p * -0.5) * -2; },
+       VectorFieldScale(bent, float3{-2, -2, -2}));
+    at([&](double3 p) { return Hill::of(turned(p, axis, norm(axis))); },
+       ScalarFieldRotate(hill, turn));
+    // For a quaternion the child sees the turn back, and its length scales.
+    at(
+        [&](double3 p) {
+            return Hill::of(turned(p, axis, -2 * std::atan2(norm(axis), 1.25)) * 3.375);
+        },
+        ScalarFieldRotate(hill, float4{0.5F, -1, 0.75F, 1.25F}));
+    at([](double3 p) { return Hill::of(Bent::of(p)); }, ScalarFieldWarp(hill, bent));
+    at([](double3 p) { return Bent::of(Bent::of(p)); }, VectorFieldWarp(bent, bent));
+    at([](double3 p) { return Hill::of(p - Bent::of(p) * 0.5); },
+       ScalarFieldAdvect(hill, bent, 0.5F));
+    at([](double3 p) { return Bent::of(p - Bent::of(p) * -0.75); },
+       VectorFieldAdvect(bent, bent, -0.75F));
 }

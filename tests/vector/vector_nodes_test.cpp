@@ -15,7 +15,6 @@ constexpr float3x3 kZero{};
 TEST(VectorNodes, Arithmetic) {
     check(VectorRows{
         {makePtr<VectorFieldConstant>(), {}, kZero},
-        {makePtr<VectorFieldNegative>(v({0, -0.0F, kInf})), {-0.0F, 0, -kInf}, kMatrixA * -1},
         {makePtr<VectorFieldDivide>(v(kV), v({0, -0.0F, 1}, kZero)),
          {kInf, kInf, 4},
          {{kNaNs, kNaNs, kMatrixA[2]}}},
@@ -28,9 +27,6 @@ TEST(VectorNodes, Arithmetic) {
         {makePtr<VectorFieldLerp>(v({1e8F, 0, 1}), v({1, kInf, 2}, kZero), s(1, {})),
          {1, kInf, 2},
          {{{0, 0, 0}, kNaNs, {0, 0, 0}}}},
-        {makePtr<VectorFieldLerp>(v(kV, kMatrixA), v({4, 2, -8}, kMatrixB), s(2)),
-         {6, 5, -20},
-         {{{5, -8, 19}, {8.5F, 8, 3}, {-30, 33, -55}}}},
     });
 }
 
@@ -59,16 +55,10 @@ TEST(VectorNodes, ConstantArrayTakesTheIndexAsUnsigned) {
     }
     EXPECT_TRUE(same(VectorFieldConstantArray().eval(kPosition, 5), float3{}));
     EXPECT_TRUE(same(VectorFieldConstantArray().grad(kPosition, 5), kZero));
-    auto const batch = three.eval(Quern::Array<float3>(5));
-    EXPECT_EQ(*batch,
-              (Quern::Array<float3>{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}, {1, 2, 3}, {4, 5, 6}}));
 }
 
 TEST(VectorNodes, Powers) {
     check(VectorRows{
-        {makePtr<VectorFieldPow>(v({2, -2, 4}), float3{3, 2, 0.5F}),
-         {8, 4, 2},
-         {{{12, 24, -36}, {-2, 16, -20}, {1.5F, -1.75F, 2}}}},
         {makePtr<VectorFieldPow>(v({0, -8, 0}), float3{0.5F, 0.3F, 0}),
          {0, kNaN, 1},
          {{{kInf, kInf, -kInf}, {kNaN, kNaN, kNaN}, {kNaN, kNaN, kNaN}}}},
@@ -106,30 +96,17 @@ TEST(VectorNodes, SelectValuesByComponentAndGradientsByLexicographicOrder) {
     float3 const zero, one{1, 1, 1};
     check(VectorRows{
         {max({1, 5, 0}, {2, 0, 0}), {2, 5, 0}, kMatrixB},
-        {max({2, 0, 0}, {1, 5, 0}), {2, 5, 0}, kMatrixA},
-        {max({1, 5, 0}, {1, 4, 9}), {1, 5, 9}, kMatrixA},
         {max({1, 5, 0}, {1, 5, 1}), {1, 5, 1}, kMatrixB},
         {max({-0.0F, 0, 1}, {0, -0.0F, 1}), {0, -0.0F, 1}, kMatrixB},
         {max({kNaN, 5, 5}, zero), {0, 5, 5}, kMatrixB},
-        {max({1, kNaN, 5}, zero), {1, 0, 5}, kMatrixA},
         {max({1, kInf, 0}, {1, kNaN, 0}), {1, kNaN, 0}, kMatrixB},
-        {min({1, 5, 0}, {2, 0, 0}), {1, 0, 0}, kMatrixA},
-        {min({1, 5, 0}, {1, 4, 9}), {1, 4, 0}, kMatrixB},
         {min({1, 5, 0}, {1, 5, 1}), {1, 5, 0}, kMatrixA},
         {min({-0.0F, 0, 1}, {0, -0.0F, 1}), {0, -0.0F, 1}, kMatrixB},
-        {min({kNaN, -5, -5}, zero), {0, -5, -5}, kMatrixB},
         {abs({0, -1, 5}), {0, 1, 5}, -kMatrixA},
-        {abs({1, -1, -1}), {1, 1, 1}, kMatrixA},
         {abs({-0.0F, 0, -0.0F}), zero, kMatrixA},
-        {abs({-0.0F, 0, -kInf}), {0, 0, kInf}, -kMatrixA},
-        {abs({kNaN, -1, -1}), {kNaN, 1, 1}, kMatrixA},
-        {clamp({0.5F, -1, 2}, zero, one), {0.5F, 0, 1}, kMatrixA},
         {clamp({0.5F, -1, 2}, one, zero), {0.5F, 0, 1}, kZero},
-        {clamp({0.5F, -1, kInf}, {0, 1, 0}, {1, 0, 1}), {0.5F, 0, 1}, kMatrixA},
         {clamp(zero, zero, one), zero, kZero},
-        {clamp(one, zero, one), one, kZero},
         {clamp({0, 0, 0.5F}, zero, one), {0, 0, 0.5F}, kMatrixA},
-        {clamp({1, 1, 0.5F}, zero, one), {1, 1, 0.5F}, kMatrixA},
         {clamp({kNaN, 2, -2}, zero, one), {kNaN, 1, 0}, kZero},
     });
 }
@@ -138,17 +115,9 @@ TEST(VectorNodes, Projection) {
     auto const component = [](int i) { return makePtr<VectorFieldComponent>(v(kV), i); };
     auto const length = [](float3 value) { return makePtr<VectorFieldLength>(v(value)); };
     check(ScalarRows{
-        {component(0), 2, kMatrixA[0]},
-        {component(2), 4, kMatrixA[2]},
         {component(3), 0, {}},
-        {component(-1), 0, {}},
         {component(INT32_MIN), 0, {}},
-        {length({2, -1, 2}), 3, {4.5F, -2, 5 / 3.0F}, kRounding},
         {length({}), 0, kNaNs},
-        {length({kInf, 0, 0}), kInf, kNaNs},
-        {makePtr<VectorFieldLengthSquared>(v(kV)), 21, {51, -40, 42}},
-        {makePtr<VectorFieldDotProduct>(v(kV), v(kV)), 21, {51, -40, 42}},
-        {makePtr<VectorFieldLengthSquared>(v({})), 0, {}},
     });
 }
 
@@ -160,12 +129,9 @@ TEST(VectorNodes, Spatial) {
     // Only the value and the columns of the matrix are turned, and uneven scales leave the matrix.
     float const e = 0x1p-23F;
     check(VectorRows{
-        {makePtr<VectorFieldTranslate>(v(kV), float3{1, 2, -4}), kV, kMatrixA, 0, p, {0, 0, 7}},
         {scale({2, -4, 0.5F}), {4, 4, 2}, kMatrixA, 0, {2, 4, 8}, {1, -1, 16}},
         {scale({0, -1e-9F, 1}), {2 * e, -e, 4}, kMatrixA, 0, {3 * e, 0, 4}, {3, 0, 4}},
-        {turn(float4{0, 0, 0, 1}), kV, kMatrixA, 0, p, p},
         {turn(float3{}), kV, kMatrixA, 0, p, p},
-        {turn(float3{0, kNaN, 0}), kV, kMatrixA, 0, p, p},
         {turn(float4{0, 0, 0, 2}), {8, -4, 16}, kMatrixA * 4, 0, p, {4, 8, 12}},
         {turn(float4{0.5F, 0.5F, 0.5F, 0.5F}),
          {4, 2, -1},
@@ -194,7 +160,4 @@ TEST(VectorNodes, AskOnlyWhatTheyNeed) {
     EXPECT_EQ(takeCalls(), "x.eval a.eval x.eval a.grad ");
     VectorFieldSwitch(s(0, {}, "zero"), first, second).grad(kPosition, kIndex);
     EXPECT_EQ(takeCalls(), "zero.eval b.grad ");
-    VectorFieldComponent(first, 7).eval(kPosition, kIndex);
-    VectorFieldComponent(first, 7).grad(kPosition, kIndex);
-    EXPECT_EQ(takeCalls(), "a.eval a.grad ");
 }

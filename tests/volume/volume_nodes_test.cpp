@@ -86,14 +86,11 @@ TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
 
 TEST(VolumeNodes, AnswerZeroForOtherSamplerTypes) {
     auto const object = host(build<QuinaryTraits, float>(plane<float>));
-    for (int const number : {3, 4, -1, 77, 2147483647}) {
+    for (int const number : {3, -1, 2147483647}) {
         Scalar const node(object, "d", SamplerType(number));
-        EXPECT_TRUE(node.bound());
-        EXPECT_FALSE(node.held().hasHalo());
-        for (float3 const& p : {float3{0.1F, 0.2F, 0.3F}, kNowhere[0], kNowhere[4]}) {
-            EXPECT_TRUE(same(node.eval(p, 0), 0.0F));
-            EXPECT_TRUE(same(node.grad(p, 0), {}));
-        }
+        EXPECT_TRUE(node.bound() && !node.held().hasHalo());
+        for (float3 const& p : {float3{0.1F, 0.2F, 0.3F}, kNowhere[4]})
+            EXPECT_TRUE(same(node.eval(p, 0), 0.0F) && same(node.grad(p, 0), {}));
         EXPECT_EQ(node.samplers(), 0);
     }
 }
@@ -122,10 +119,9 @@ TEST(VolumeNodes, StayUnboundWithoutAllComponents) {
             ScalarLate late("d", type);
             late.apply_object(object);
             EXPECT_FALSE(node.bound() || late.bound());
-            EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), 0.0F));
-            EXPECT_TRUE(same(node.grad({0.1F, 0, 0}, 0), {}));
-            EXPECT_TRUE(same(late.eval({0.1F, 0, 0}, 0), 0.0F));
-            EXPECT_TRUE(same(late.grad({0.1F, 0, 0}, 0), {}));
+            float3 const p{0.1F, 0, 0};
+            EXPECT_TRUE(same(node.eval(p, 0), 0.0F) && same(node.grad(p, 0), {}));
+            EXPECT_TRUE(same(late.eval(p, 0), 0.0F) && same(late.grad(p, 0), {}));
             // A node that is not bound takes the next volume.
             late.apply_object(host(quinary));
             EXPECT_TRUE(same(late.eval({0.1F, 0, 0}, 0), 1.2F, 1e-6F));
@@ -133,61 +129,25 @@ TEST(VolumeNodes, StayUnboundWithoutAllComponents) {
     Orvane::Object odd;
     odd.setProperty("volume", 3);
     EXPECT_FALSE(Scalar(odd, "d", SamplerType::kLinear).bound());
-    Vector const fresh({}, "d", SamplerType::kLinear);
-    EXPECT_TRUE(same(fresh.eval({1, 2, 3}, 0), {}));
-    EXPECT_TRUE(same(fresh.grad({1, 2, 3}, 0), {}));
 }
 
 TEST(VolumeNodes, ReadSamplesThatAreNotOnCorners) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
         for (VoxelOffsetType const offset : {0, 2, 5}) {
             auto const object = host(build<Traits, T>(plane<T>, offset));
+            float3 const p{-0.2F, 0.1F, 0.15F};  // away from the change of resolution
             for (SamplerType const type : kTypes) {
                 NodeFor<T> const node(object, "d", type);
                 EXPECT_FALSE(node.held().hasHalo());
-                for (float3 const& p : positions(300, 0.25F)) {
-                    bool const even = p.x < -0.1F;  // away from the change of resolution
-                    if (even) {
-                        ASSERT_TRUE(same(node.eval(p, 0), plane<T>(p), 4e-6F)) << offset;
-                    }
-                }
+                EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p), 4e-6F)) << offset;
                 EXPECT_TRUE(same(node.eval(kNowhere[0], 0), outside<T>()));
             }
             LateNodeFor<T> late("d", SamplerType::kLinear);
             late.apply_object(object);
             late.apply_object(host(build<Traits, T>(waves<T>, offset)));  // without a halo: anew
-            EXPECT_TRUE(same(late.eval({-0.2F, 0, 0}, 0), waves<T>({-0.2F, 0, 0}), 0.05F));
+            EXPECT_TRUE(same(late.eval(p, 0), waves<T>(p), 0.05F));
         }
     });
-}
-
-TEST(VolumeNodes, LeaveWalksAloneAndHaveTheirNames) {
-    struct Counter : zel::FieldVisitor {
-        using zel::FieldVisitor::operator();
-        void operator()(zel::Field const&) override { ++count; }
-        void operator()(zel::Field&) override { ++count; }
-        int count = 0;
-    } counter;
-    auto const check = [&](auto node, char const* name, bool triggerable) {
-        EXPECT_EQ(node.getType(), Quern::String(name));
-        EXPECT_EQ(decltype(node)(node).getType(), Quern::String(name));
-        EXPECT_EQ(node.is_triggerable(), triggerable);
-        node.accept(static_cast<zel::FieldVisitor&>(counter));
-        node.accept(static_cast<zel::FieldConstVisitor&>(counter));
-        node.use_property_indices({});
-        if (!triggerable) {
-            node.apply_object(host(build<BinaryTraits, float>(plane<float>)));
-            EXPECT_FALSE(static_cast<zel::Field&>(node).is_triggerable());
-            EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), {}));
-        }
-    };
-    check(zel::ScalarOrvane({}, "d", SamplerType::kLinear), "zel::ScalarOrvane", false);
-    check(zel::VectorOrvane({}, "d", SamplerType::kLinear), "zel::VectorOrvane", false);
-    check(zel::ScalarOrvaneTriggered("d", SamplerType::kLinear), "zel::ScalarOrvaneTriggered",
-          true);
-    check(zel::VectorOrvaneTriggered("d", SamplerType::kLinear), "zel::VectorOrvaneTriggered",
-          true);
-    EXPECT_EQ(counter.count, 0);
 }
 
 TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
@@ -225,13 +185,10 @@ TEST(VolumeScale, MovesPositionsAndLeavesGradientsOfTheVolume) {
                 ASSERT_TRUE(same(late.grad(p, 0), plain.grad(p * scale, 0)));
             }
         }
-    auto const vectors = host(build<QuinaryTraits, float3>(plane<float3>));
-    for (SamplerType const type : kTypes) {
-        VectorLate late("d", type);
-        late.apply_object(scaled(vectors, -0.5F));
-        auto const gradient = late.grad({0.2F, 0.1F, 0.3F}, 0);
-        for (int c = 0; c < 3; ++c) EXPECT_NEAR(gradient[0][c], -0.5F * kSlope[c], 2e-3F);
-    }
+    // Of a vector it is the node's own.
+    VectorLate late("d", SamplerType::kLinear);
+    late.apply_object(scaled(host(build<QuinaryTraits, float3>(plane<float3>)), -0.5F));
+    EXPECT_TRUE(same(late.grad({0.2F, 0.1F, 0.3F}, 0)[0], kSlope * -0.5F, 2e-3F));
 }
 
 TEST(VolumeScale, StaysWithoutAFloat) {
@@ -242,23 +199,15 @@ TEST(VolumeScale, StaysWithoutAFloat) {
         auto const expectScale = [&](float scale) {
             EXPECT_TRUE(same(node.eval(p, 0), plane<float>(p * scale), 1e-6F)) << scale;
         };
-        for (Quern::Any const& other : {Quern::Any(), Quern::Any(2.0), Quern::Any(2)}) {
+        node.apply_object(scaled({}, 2.0F));  // without a volume the scale is taken all the same
+        EXPECT_TRUE(same(node.eval(p, 0), 0.0F));
+        for (Quern::Any const& other : {Quern::Any(), Quern::Any(3.0), Quern::Any(3)}) {
             node.apply_object(scaled(object, other));
-            expectScale(1);
+            expectScale(2);
         }
-        node.apply_object(scaled(object, 3.0F));
-        expectScale(3);
-        node.apply_object(object);
-        expectScale(3);
-        // Without a volume the scale is taken all the same, and what was bound stays.
-        node.apply_object(scaled({}, -2.0F));
+        node.apply_object(scaled({}, -2.0F));  // and what was bound stays
         expectScale(-2);
     }
-    ScalarLate unbound("d", SamplerType::kLinear);
-    unbound.apply_object(scaled({}, 2.0F));
-    EXPECT_TRUE(same(unbound.eval(p, 0), 0.0F));
-    unbound.apply_object(object);
-    EXPECT_TRUE(same(unbound.eval(p, 0), plane<float>(p * 2), 1e-6F));
 }
 
 TEST(VolumeScale, ComesAloneForALinearNodeAndWithTheNextVolumeForACubicOne) {
@@ -291,10 +240,9 @@ TEST(VolumeScale, ComesAloneForALinearNodeAndWithTheNextVolumeForACubicOne) {
 
 TEST(VolumeHalo, WarnsAboutElementsThatAreNotConstructed) {
     auto const volume = build<QuinaryTraits, float>(plane<float>);
-    for (int const level : {0, 2, 3, 9})
+    for (int const level : {2, 3})
         for (bool const construct : {true, false}) {
             Vellum::Logger::setVerboseLevel(level);
-            EXPECT_EQ(Vellum::Logger::verboseLevel(), level);
             testing::internal::CaptureStdout();
             auto const halo = zel::detail::allocateHaloChannel<QuinaryTraits, float, 5>(
                 *volume.topology, 4.0F, true, construct, 1, 12);
@@ -302,10 +250,7 @@ TEST(VolumeHalo, WarnsAboutElementsThatAreNotConstructed) {
                       level >= 3 && !construct ? "Warning: in_callElementConstructor is false\n"
                                                : "");
             EXPECT_EQ(halo->defaultValue(), 4.0F);
-            EXPECT_EQ(halo->minDepth(), 1);
-            EXPECT_EQ(halo->depth(), 12);
-            EXPECT_EQ(halo->tileCount(2), volume.container->tileCount(2));
-            EXPECT_TRUE(halo->fits(*volume.container));
+            EXPECT_TRUE(halo->minDepth() == 1 && halo->fits(*volume.container));
         }
     Vellum::Logger::setVerboseLevel(0);
 }
@@ -318,14 +263,12 @@ TEST(VolumeHalo, ComesFromThePoolsAndGoesBack) {
         for (int round = 0; round < 2; ++round) {  // the second takes what the first gave back
             Scalar const node(object, "d", SamplerType::kLinear);
             EXPECT_EQ(ChannelPool::heldBytes() + ChannelMemoryPool::heldBytes(), 0U) << pools;
-            EXPECT_TRUE(
-                same(node.eval({0.1F, 0.1F, 0.1F}, 0), waves<float>({0.1F, 0.1F, 0.1F}), 0.01F));
         }
         EXPECT_EQ(ChannelPool::heldBytes() > 0, pools >= 2);
         EXPECT_EQ(ChannelMemoryPool::heldBytes() > 0, pools == 1);
-        ChannelPool::setEnabled(false);
-        ChannelMemoryPool::setEnabled(false);
     }
+    ChannelPool::setEnabled(false);
+    ChannelMemoryPool::setEnabled(false);
 }
 
 }  // namespace

@@ -24,18 +24,14 @@ void* allocate(std::size_t size, std::size_t alignment) {
 [[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment) {
     return allocate(size, static_cast<std::size_t>(alignment));
 }
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-    std::free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::align_val_t) noexcept {
-    std::free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-    std::free(block);
-}
+#define ZEL_TEST_DELETE(...)                                                                       \
+    [[gnu::noinline]] void operator delete(void* block, ##__VA_ARGS__) noexcept {                  \
+        std::free(block);                                                                          \
+    }
+ZEL_TEST_DELETE()
+ZEL_TEST_DELETE(std::size_t)
+ZEL_TEST_DELETE(std::align_val_t)
+ZEL_TEST_DELETE(std::size_t, std::align_val_t)
 
 namespace {
 
@@ -72,10 +68,11 @@ TYPED_TEST(Allocation, ThatFailsLeavesAllAsItWas) {
     auto const state = [&] {
         unsigned long long used = 0, held = 0;
         tree->memUse(used, held, true);
+        auto const accessor = tree->tileAccessor();
         return std::tuple(tree->size(), used, tree->stamp().tree, tree->stamp().version,
-                          tree->tileAccessor().tile(-5, 5, 5, 99).depth(),
-                          tree->tileAccessor().tile(5, 5, 5, 99).treeIndex(),
-                          channel.samples({0, 3}), *channel.samples({0, 3}), channel.tileCount(-1));
+                          accessor.tile(-5, 5, 5, 99).depth(),
+                          accessor.tile(5, 5, 5, 99).treeIndex(), *channel.samples({0, 3}),
+                          channel.tileCount(-1));
     };
     auto before = state();
     auto const unchanged = [&] { ASSERT_EQ(state(), before); };

@@ -8,9 +8,12 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/refused.h"
+
 namespace {
 
 using namespace trees;
+using support::expectRefused;
 
 template <class Traits> class Lookup : public testing::Test {};
 TYPED_TEST_SUITE(Lookup, Kinds);
@@ -24,6 +27,9 @@ void expectFound(TileOf<Traits> const& tile, TileMap<Traits> const& map, int3 co
     ASSERT_EQ(tile.contains(p), expected >= 0);
     if (expected >= 0) {
         ASSERT_EQ(tile.tijk(), (corner<Traits>(p, expected)));
+    } else {
+        ASSERT_EQ(tile.treeIndex(), TreeIndex());
+        ASSERT_TRUE(tile.voxelDataWidth() == 1 && !tile.contains(0, 0, 0));
     }
 }
 
@@ -46,6 +52,9 @@ TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
                         static_cast<int>(c[axis] + random(0, 1) * width<Traits>(d) + random(-1, 0));
             } else if (i % 4 == 1) {
                 p = {random(INT_MIN, INT_MAX), random(INT_MIN, INT_MAX), random(INT_MIN, INT_MAX)};
+            } else if (i % 24 == 2) {
+                p[random(0, 2)] =
+                    random(0, 1) == 0 ? INT_MIN + random(0, 1) : INT_MAX - random(0, 1);
             } else if (i % 4 == 2) {
                 p = p + int3{random(-9, 9), random(-9, 9), random(-9, 9)};
             }
@@ -72,15 +81,6 @@ TYPED_TEST(Lookup, CountsTilesLikeADivision) {
 }
 
 TEST(InnerTiles, OfOneHashAreToldApart) {
-    Internal::InnerTileIndex index;
-    for (int table = 0; table < 40; ++table) {
-        index.reserveOne();
-        index.add(table % 4 == 3 ? 8 : 7, table);
-    }
-    for (int wanted = 0; wanted < 40; ++wanted) {
-        auto const resolve = [&](int table) { return table == wanted ? &wanted : nullptr; };
-        EXPECT_EQ(index.find(7, resolve) != nullptr, wanted % 4 != 3);
-    }
     // Two cells of depth 27 with the same hash: the tile in the one is not found in the other.
     Random random(57);
     std::map<std::uint32_t, int3> cells;
@@ -105,39 +105,11 @@ TEST(InnerTiles, OfOneHashAreToldApart) {
     }
 }
 
-TYPED_TEST(Lookup, EndsAtTheRootAndAtTheExtremesOf32Bits) {
-    using Traits = TypeParam;
-    Container<Traits> tree(1);
-    auto const accessor = tree.tileAccessor();
-    ASSERT_NE(accessor.m_currentTile, nullptr);
-    EXPECT_FALSE(accessor.tile(0, 0, 0, 0).exists());  // no tile at all
-    auto const low = static_cast<int>(kLow<Traits>);
-    auto const high = static_cast<int>(kLow<Traits> + width<Traits>(0) - 1);
-    TreeIndex const deep = tree.addTile(low, high, low, Traits::kMaxDepth);
-    EXPECT_EQ(deep, (TreeIndex{0, Traits::kMaxDepth}));
-    EXPECT_EQ(accessor.tile(low, high, low, 99).treeIndex(), deep);
-    EXPECT_EQ(accessor.tile(high, high, high, 99).treeIndex(), (TreeIndex{0, 0}));
-    for (int const outside : {INT_MIN, INT_MIN + 1, low - 1, high + 1, INT_MAX - 1, INT_MAX})
-        for (int axis = 0; axis < 3; ++axis) {
-            int3 p{low, high, low};
-            p[axis] = outside;
-            auto const& none = accessor.tile(p.x, p.y, p.z, 99);
-            EXPECT_FALSE(none.exists()) << outside;
-            EXPECT_EQ(none.treeIndex(), TreeIndex());
-            EXPECT_EQ(none.parentTreeIndex(), TreeIndex());
-            EXPECT_EQ(none.voxelDataWidth(), 1);
-            EXPECT_FALSE(none.contains(p) || none.contains(0, 0, 0));
-            EXPECT_THROW(tree.addTile(p.x, p.y, p.z, 0), std::out_of_range);
-        }
-    EXPECT_EQ(width<Traits>(0), Traits::tileWidth(0));
-    EXPECT_EQ(Traits::voxelWidth(Traits::kMaxDepth), 1);
-}
-
 TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
     using Traits = TypeParam;
     Random random(52);
-    RandomTree<Traits> const random_tree(random, 150, Traits::kMaxDepth);
-    auto const& [tree, map, indices, points] = random_tree;
+    RandomTree<Traits> const made(random, 150, Traits::kMaxDepth);
+    auto const& [tree, map, indices, points] = made;
     auto const accessor = tree.tileAccessor();
     for (TreeIndex const& index : indices) {
         auto const& tile = tree.tile(index);
@@ -157,9 +129,8 @@ TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
         for (int i = 0; i < 20; ++i) {
             auto const below = [&] { return random(0, static_cast<int>(w - 1)); };
             int3 const p = tile.tijk() + int3{below(), below(), below()};
-            int3 const voxel = tile.childDataIJK(p),
-                       at = tile.tijk() + voxel * tile.voxelDataWidth();
-            int3 const child = tile.childIJK(p);
+            int3 const voxel = tile.childDataIJK(p), child = tile.childIJK(p);
+            int3 const at = tile.tijk() + voxel * tile.voxelDataWidth();
             for (int axis = 0; axis < 3; ++axis) {
                 ASSERT_TRUE(at[axis] <= p[axis] && p[axis] - at[axis] < tile.voxelDataWidth());
                 ASSERT_EQ(child[axis], (p[axis] - tile.tijk()[axis]) / (w / Traits::kBranch));
@@ -179,12 +150,10 @@ TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
     EXPECT_FALSE(accessor.tileNeighbor(root, -1).exists());
     EXPECT_TRUE(root.isLeaf({-1, 0, 0}) && root.isLeaf({0, Traits::kBranch, 0}));
     EXPECT_FALSE(root.childTreeIndex({0, 0, INT_MAX}).valid());
-    EXPECT_EQ(root.childDataIJK({INT_MIN, root.tijk().y - 1, root.tijk().z}).y, -1);
-    EXPECT_EQ(TileOf<Traits>().childVoxelDataWidth(), 1);
     // Voxels 1 wide, up to 2^32 away: the index ends with the range.
-    auto const end = static_cast<int>(kLow<Traits> + width<Traits>(0) - 1);
-    for (int const corner : {static_cast<int>(kLow<Traits>), end}) {
-        Container<Traits> far(1);
+    Container<Traits> far(1);
+    for (long long const low : {kLow<Traits>, kLow<Traits> + width<Traits>(0) - 1}) {
+        auto const corner = static_cast<int>(low);
         auto const& tile = far.tile(far.addTile(corner, corner, corner, Traits::kMaxDepth));
         for (int const p : {INT_MIN, INT_MAX, tile.tijk().x - 1, tile.tijk().x + 9})
             EXPECT_EQ(tile.childDataIJK(p, p, p).y,
@@ -210,48 +179,35 @@ TYPED_TEST(Lookup, SeesTilesAddedSinceAndKeepsReferences) {
         seen.emplace_back(&tree.tile(index), corner<Traits>(p, index.depth));
         EXPECT_EQ(tree.addTile(p.x, p.y, p.z, index.depth), index);  // there already
     }
-    for (auto const& [tile, low] : seen) ASSERT_EQ(tile->tijk(), low);
     EXPECT_EQ(tree.size(), map.size());
     Container<Traits> const copy(tree);
     for (auto const& [tile, low] : seen) {
         auto const& twin = copy.tileAccessor().tile(low.x, low.y, low.z, tile->depth());
-        ASSERT_TRUE(&twin != tile && twin.treeIndex() == tile->treeIndex());
+        ASSERT_TRUE(tile->tijk() == low && &twin != tile);
+        ASSERT_EQ(twin.treeIndex(), tile->treeIndex());
     }
 }
 
 TYPED_TEST(Lookup, TenThreadsReadOneTree) {
     using Traits = TypeParam;
     Random random(54);
-    RandomTree<Traits> const random_tree(random, 300, Traits::kMaxDepth);
-    auto const& tree = random_tree.tree;
-    auto const& points = random_tree.points;
+    RandomTree<Traits> const made(random, 300, Traits::kMaxDepth);
     std::vector<int> expected;
-    for (int3 const& p : points) expected.push_back(random_tree.map.find(p, Traits::kMaxDepth));
+    for (int3 const& p : made.points) expected.push_back(made.map.find(p, Traits::kMaxDepth));
     std::atomic<int> wrong = 0;
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < 10; ++t)
         threads.emplace_back([&, t] {
-            auto const accessor = tree.tileAccessor();
+            auto const accessor = made.tree.tileAccessor();
             std::mt19937 engine(t);
             for (int i = 0; i < 50000; ++i) {
-                auto const n = engine() % points.size();
-                int3 const& p = points[n];
-                auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
-                if (tile.depth() != expected[n] || !tile.contains(p)) ++wrong;
+                auto const n = engine() % made.points.size();
+                int3 const& p = made.points[n];
+                wrong += accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth).depth() != expected[n];
             }
         });
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(wrong, 0);
-}
-
-template <class Exception, class Call>
-void expectRefused(Call const& call, std::string const& value) {
-    try {
-        call();
-        FAIL() << "no exception that names " << value;
-    } catch (Exception const& e) {
-        EXPECT_NE(std::string(e.what()).find(value), std::string::npos) << e.what();
-    }
 }
 
 TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
@@ -259,8 +215,10 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     using Tree = Container<Traits>;
     expectRefused<std::invalid_argument>([] { Tree(-1.5f); }, "-1.5");
     expectRefused<std::invalid_argument>([] { Tree{NAN}; }, "nan");
-    expectRefused<std::invalid_argument>([] { Tree{INFINITY}; }, "inf");
     expectRefused<std::invalid_argument>([] { Tree(1, (1LL << 31) + 1); }, "2147483649");
+    expectRefused<std::invalid_argument>(
+        [] { VoxelTopology<Traits>(Quern::makePtr<Tree>(1.0f), 8); }, "8");
+    EXPECT_THROW(VoxelTopology<Traits>({}), std::invalid_argument);
     EXPECT_FALSE(std::signbit(Tree(-0.0f).voxelSize()));
 
     Tree tree(1, 10);
@@ -268,89 +226,60 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     DataChannel<Traits, float> channel("", nullptr, 0, false, true, 0, 5);
     channel.updateTo(tree);
     auto const stamp = tree.stamp();
-    unsigned long long used = 0, usedAfter = 0, held = 0;
-    tree.memUse(used, held, true);
+    auto const throwAt = [](int depth) {
+        return [depth](auto&, auto&, int d) {
+            return d < depth ? depth == 3 : throw std::runtime_error("predicate");
+        };
+    };
     expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, INT_MIN, 3); }, "-2147483648");
     expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, 1, -2); }, "-2");
     expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, 1, Traits::kMaxDepth + 1); },
                                      std::to_string(Traits::kMaxDepth + 1));
-    expectRefused<std::length_error>([&] { tree.addTile(-999999, 5, 5, 8); }, "10 tiles");
-    expectRefused<std::length_error>(
-        [&] { refineTree(tree, 5, [](auto&, auto&, int) { return true; }); }, "10 tiles");
-    expectRefused<std::runtime_error>(
-        [&] {
-            refineTree(tree, 9, [](auto&, auto&, int d) {
-                return d < 7 ? false : throw std::runtime_error("predicate");
-            });
-        },
-        "predicate");
     expectRefused<std::out_of_range>(
         [&] {
             tree.addChild({0, 2}, {0, Traits::kBranch, 0});
         },
         std::to_string(Traits::kBranch));
     expectRefused<std::out_of_range>([&] { tree.addChild({7, 2}, {}); }, "7");
+    expectRefused<std::length_error>([&] { tree.addTile(-999999, 5, 5, 8); }, "10 tiles");
+    expectRefused<std::length_error>(
+        [&] { refineTree(tree, 5, [](auto&, auto&, int) { return true; }); }, "10 tiles");
+    expectRefused<std::runtime_error>([&] { refineTree(tree, 9, throwAt(7)); }, "predicate");
+    EXPECT_THROW(tree.update(tree), std::logic_error);
     EXPECT_EQ(tree.size(), 7u);
-    EXPECT_EQ(tree.depth(), 6);
     EXPECT_TRUE(tree.stamp() == stamp && channel.fits(tree));
-    tree.memUse(usedAfter, held, true);
-    EXPECT_EQ(usedAfter, used);
+    Tree empty(1);
+    EXPECT_THROW(refineTree(empty, 4, throwAt(3)), std::runtime_error);
+    EXPECT_TRUE(empty.empty() && empty.depth() == -1);
+    EXPECT_EQ(empty.addTile(5, 5, 5, 6), (TreeIndex{0, 6}));
     TileMap<Traits> map;
     map.add({5, 5, 5}, 6);
     Random random(55);
-    Tree empty(1);
-    EXPECT_THROW(refineTree(empty, 4,
-                            [](auto&, auto&, int d) {
-                                return d < 3 ? true : throw std::runtime_error("predicate");
-                            }),
-                 std::runtime_error);
-    EXPECT_TRUE(empty.empty() && empty.depth() == -1);
-    EXPECT_FALSE(empty.tileAccessor().tile(0, 0, 0, 4).exists());
-    EXPECT_EQ(empty.addTile(5, 5, 5, 6), (TreeIndex{0, 6}));
     for (int i = 0; i < 300; ++i) {  // none of the tiles dropped is found again
         auto const low = static_cast<int>(kLow<Traits>);
         int3 const p{random(low, -low - 1), random(low, -low - 1), random(low, -low - 1)};
         for (Tree const* one : {&tree, &empty})
             expectFound<Traits>(one->tileAccessor().tile(p.x, p.y, p.z, 4), map, p, 4);
     }
-    EXPECT_THROW(tree.update(tree), std::logic_error);
-    EXPECT_THROW(VoxelTopology<Traits>({}), std::invalid_argument);
-    expectRefused<std::invalid_argument>(
-        [] { VoxelTopology<Traits>(Quern::makePtr<Tree>(1.0f), 8); }, "8");
 }
 
 TEST(VolumeObject, TellsComponentsByNameAndType) {
     ORV::Object object;
     auto const tree = Quern::makePtr<Container<BinaryTraits>>(1.0f);
     object.setComponent("tree", tree);
-    object.setComponent("place", Quern::makePtr<VoxelTopology<BinaryTraits>>(tree));
     float const value = 3;
     object.setComponent("data", Quern::makePtr<DataChannel<BinaryTraits, float>>(
                                     "data", &value, 0, false, true, 0, 28));
-    auto const found = object.component<Container<BinaryTraits>>("tree");
-    EXPECT_EQ(found.get(), tree.get());
-    EXPECT_EQ(tree.useCount(), 4);  // here twice, in the object and in the topology
+    EXPECT_EQ(object.component<Container<BinaryTraits>>("tree"), tree);
     EXPECT_FALSE(object.component<Container<QuinaryTraits>>("tree"));
     EXPECT_FALSE(object.component<Container<BinaryTraits>>("data"));
     EXPECT_FALSE((object.component<DataChannel<BinaryTraits, float3>>("data")));
     EXPECT_FALSE((object.component<HaloChannel<BinaryTraits, float>>("data")));
     EXPECT_TRUE((object.component<DataChannel<BinaryTraits, float>>("data")));
-    EXPECT_TRUE(object.component<ORV::Component>("place"));
     ORV::Object const copy(object);
     object.setComponent("tree", {});
     EXPECT_FALSE(object.component<ORV::Component>("tree"));
     EXPECT_TRUE(copy.component<ORV::Component>("tree"));
-}
-
-TEST(Topology, FollowsItsTree) {
-    auto const tree = Quern::makePtr<Container<QuinaryTraits>>(1.0f);
-    VoxelTopology<QuinaryTraits> const topology(tree, 5);
-    EXPECT_EQ(topology.offset(), (float3{0, 0.5f, 0}));
-    EXPECT_TRUE(topology.empty());
-    tree->addTile(0, 0, 0, 2);
-    EXPECT_EQ(topology.tileCount(-1), 3);
-    EXPECT_EQ(topology.elementCount(1), 125);
-    EXPECT_EQ(topology.tileCount(-2) + topology.tileCount(13), 0);
 }
 
 }  // namespace

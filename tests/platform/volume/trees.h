@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cmath>
 #include <cstdint>
 #include <iostream>
-#include <map>
 #include <random>
+#include <set>
 #include <tuple>
 #include <vector>
 
@@ -34,7 +36,7 @@ private:
 };
 
 /// The width of a tile, counted up from the deepest one.
-template <class Traits> long long width(int depth) {
+template <class Traits> constexpr long long width(int depth) {
     long long width = Traits::kBranch == 2 ? 4 : 5;
     for (int d = Traits::kBranch == 2 ? 28 : 12; d > depth; --d) width *= Traits::kBranch;
     return width;
@@ -64,7 +66,7 @@ public:
     void add(int3 const& p, int depth) {
         for (int d = 0; d <= depth; ++d) {
             int3 const c = corner<Traits>(p, d);
-            m_tiles[{d, c.x, c.y, c.z}] = true;
+            m_tiles.emplace(d, c.x, c.y, c.z);
         }
     }
     bool has(int3 const& p, int depth) const {
@@ -82,13 +84,13 @@ public:
     std::size_t size() const { return m_tiles.size(); }
 
 private:
-    std::map<Key, bool> m_tiles;
+    std::set<Key> m_tiles;
 };
 
 /// A tree of tiles at random depths around a few places, among them the origin, the root's corners
 /// and faces. With 0 tiles a dense one, in which most tiles have neighbours of all kinds.
 template <class Traits> struct RandomTree {
-    RandomTree(Random& random, int tiles, int deepest) {
+    RandomTree(Random& random, int tiles, int deepest, float voxelSize = 0.25f) : tree(voxelSize) {
         int const low = static_cast<int>(kLow<Traits>),
                   high = low + static_cast<int>(width<Traits>(0) - 1);
         std::vector<int3> centres{{0, 0, 0}, {low, low, low}, {high, high, high}, {low, 0, high}};
@@ -126,10 +128,103 @@ template <class Traits> struct RandomTree {
         }
     }
 
-    Container<Traits> tree{0.25f};
+    Container<Traits> tree;
     TileMap<Traits> map;
     std::vector<TreeIndex> indices;
     std::vector<int3> points;
+};
+
+template <class T> T number(Random& random) {
+    if constexpr (std::is_same_v<T, float>)
+        return random.real(-1, 1);
+    else
+        return {random.real(-1, 1), random.real(-1, 1), random.real(-1, 1)};
+}
+
+/// A random tree with random samples, of which a channel has the depths `low` to `high`.
+template <class Traits, class T> struct RandomVolume {
+    RandomVolume(Random& random, int tiles, int deepest, int low, int high, int type = 7,
+                 float voxelSize = 0.25f)
+        : container(Quern::makePtr<Container<Traits>>(
+              RandomTree<Traits>(random, tiles, deepest, voxelSize).tree)),
+          topology(container, type), defaultValue(number<T>(random)),
+          channel("", &defaultValue, 0, false, true, low, high),
+          halo("", &defaultValue, 0, false, true, 0, Traits::kMaxDepth) {
+        channel.update(topology);
+        halo.update(topology);
+        for (int d = low; d <= high; ++d)
+            for (long long n = 0; n < channel.elementCount(d); ++n)
+                channel.samples({0, d})[n] = number<T>(random);
+    }
+    void compute(HaloChannel<Traits, T>& to, int low = 0, int high = Traits::kMaxDepth) const {
+        computeHalo<Traits, T, 0, 0, 1, 0>(channel, tree, to, low, high);
+    }
+
+    Quern::Ptr<Container<Traits>> container;
+    Container<Traits> const& tree = *container;
+    VoxelTopology<Traits> topology;
+    T defaultValue;
+    DataChannel<Traits, T> channel;
+    HaloChannel<Traits, T> halo;
+};
+
+/// The halo rule, read slowly and with no tile in mind: what the tree says at a place of one depth.
+/// A place is counted in voxels of the depth from the root's corner, and is where a sample sits but
+/// for the offset.
+template <class Traits, class T> class SlowHalo {
+public:
+    SlowHalo(Container<Traits> const& tree, DataChannel<Traits, T> const& channel, int type)
+        : m_tree(tree), m_channel(channel), m_offset(VoxelTopology<Traits>::offsetOf(type)) {}
+
+    using Place = std::array<long long, 3>;
+
+    /// The sample of a depth at a place.
+    T sample(Place const& voxel, int depth) const {
+        long long const w = width<Traits>(depth) / Traits::kSamples;
+        long long const x = kLow<Traits> + voxel[0] * w, y = kLow<Traits> + voxel[1] * w,
+                        z = kLow<Traits> + voxel[2] * w;
+        bool const inside = inRoot<Traits>(x, y, z);
+        if (inside && depth >= m_channel.minDepth() && depth <= m_channel.depth()) {
+            int3 const p{static_cast<int>(x), static_cast<int>(y), static_cast<int>(z)};
+            auto const& tile = m_tree.tileAccessor().tile(p.x, p.y, p.z, depth);
+            if (tile.depth() == depth)
+                return m_channel.tileData(tile.treeIndex())(tile.childDataIJK(p));
+        }
+        if (!inside || depth == 0 || depth - 1 < m_channel.minDepth())
+            return m_channel.defaultValue();
+        // The parent's samples around the place, and how far between them it lies.
+        Place low;
+        std::array<double, 3> between;
+        for (unsigned a = 0; a < 3; ++a) {
+            double const o = m_offset[static_cast<int>(a)];
+            double const at = (static_cast<double>(voxel[a]) + o) / Traits::kBranch - o;
+            low[a] = static_cast<long long>(std::floor(at));
+            between[a] = at - std::floor(at);
+        }
+        T sum{};
+        for (unsigned corner = 0; corner < 8; ++corner) {
+            double weight = 1;
+            Place p = low;
+            for (unsigned a = 0; a < 3; ++a) {
+                p[a] += corner >> a & 1;
+                weight *= (corner >> a & 1) != 0 ? between[a] : 1 - between[a];
+            }
+            if (weight > 0) sum = sum + sample(p, depth - 1) * static_cast<float>(weight);
+        }
+        return sum;
+    }
+
+    /// The first voxel of a tile, as a place.
+    static Place first(TileOf<Traits> const& tile) {
+        long long const w = width<Traits>(tile.depth()) / Traits::kSamples;
+        int3 const& c = tile.tijk();
+        return {(c.x - kLow<Traits>) / w, (c.y - kLow<Traits>) / w, (c.z - kLow<Traits>) / w};
+    }
+
+private:
+    Container<Traits> const& m_tree;
+    DataChannel<Traits, T> const& m_channel;
+    float3 m_offset;
 };
 
 }  // namespace trees

@@ -1,0 +1,102 @@
+#include <cctype>
+
+#include "support/every_node.h"
+#include "support/probe.h"
+
+// What holds for every class of node.
+using namespace support;
+using namespace zel;
+
+namespace {
+
+/// Children named a, b, ..., in the order of the constructor's arguments, that log their hooks and
+/// expect an index that does not fit into 32 bits.
+struct Children {
+    template <class Interface> struct Child : Interface {
+        Child(char name, std::string& log) : name(name), log(&log) {}
+        using Interface::eval;
+        typename Interface::Value eval(float3 const& /*p*/, long long i) const override {
+            EXPECT_EQ(i, kIndex);
+            return {};
+        }
+        typename Interface::Gradient grad(float3 const& /*p*/, long long i) const override {
+            EXPECT_EQ(i, kIndex);
+            return {};
+        }
+        void preSampleField() const override { *log += name; }
+        void postSampleField() const override { *log += static_cast<char>(std::toupper(name)); }
+        char name;
+        std::string* log;
+    };
+    template <class Interface> Quern::Ptr<Interface> next() const {
+        auto child = makePtr<Child<Interface>>(static_cast<char>('a' + made.size()), log);
+        made.push_back(child.get());
+        return child;
+    }
+    operator ScalarPtr() const { return next<ScalarField>(); }
+    operator VectorPtr() const { return next<VectorField>(); }
+    operator Quern::Ptr<Orvane::Math::FCurve>() const { return makePtr<Orvane::Math::FCurve>(); }
+    operator Quern::Array<float3>() const { return {{1, 2, 3}}; }
+    operator Quern::String() const { return "p"; }
+    operator Orvane::Object() const { return {}; }
+    operator SamplerType() const { return SamplerType::kLinear; }
+    operator float3() const { return {1, 2, 3}; }
+    operator float() const { return 1; }
+    operator int() const { return 1; }
+    operator bool() const { return true; }
+    operator std::int64_t() const { return 1; }
+
+    mutable std::vector<Field const*> made;
+    mutable std::string log;
+};
+
+/// Counts the nodes that each of the operators is called with.
+struct Walked : FieldVisitor {
+    void operator()(Field const& node) override { seen.push_back(&node); }
+    void operator()(Field& /*node*/) override { ++changing; }
+    std::vector<Field const*> seen;
+    std::size_t changing = 0;
+};
+
+}  // namespace
+
+TEST(EveryNode, HasItsNameAndWalksHooksAndAsksItsChildren) {
+    forEveryNode([]<class Node>(std::string const& name) {
+        SCOPED_TRACE(name);
+        Children children;
+        auto const node = construct<Node>(children);
+        auto const copy = node.clone();
+        std::string pre, post;
+        for (std::size_t i = 0; i < children.made.size(); ++i) {
+            pre += static_cast<char>('a' + i);
+            post += static_cast<char>('A' + i);
+        }
+        bool const hides = name.find("Noise") != name.npos || name.find("Turb") != name.npos;
+        bool const wraps = name.find("Iterated") != name.npos;
+        for (Quern::Ptr<Node> const& one : {node, copy}) {
+            EXPECT_EQ(std::string(one->getType()), name);
+            EXPECT_EQ(one->is_triggerable(),
+                      name.find("GeoProperty") != name.npos || name.find("OrvaneTr") != name.npos);
+            Walked walked;
+            one->caccept(walked);
+            if (wraps)
+                EXPECT_TRUE(
+                    dynamic_cast<VectorFieldClosestPointTransform const*>(walked.seen.at(0)));
+            else
+                EXPECT_EQ(walked.seen, hides ? std::vector<Field const*>() : children.made);
+            children.log.clear();
+            one->eval(Quern::Array<float3>());
+            EXPECT_EQ(children.log, pre + post);
+            one->eval(kPosition, kIndex);
+            one->grad(kPosition, kIndex);
+        }
+        Walked walked;
+        node->accept(walked);
+        EXPECT_EQ(walked.changing, hides ? 0 : children.made.size());
+        if constexpr (std::is_copy_assignable_v<Node>) {
+            Node other = *construct<Node>(Children());
+            other = std::move(*node);
+            EXPECT_EQ(std::string(other.getType()), name);
+        }
+    });
+}
