@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "benchmarks/allocation_count.h"
 #include "sampler/cubic_volume.h"
 
 namespace {
@@ -9,15 +10,16 @@ using namespace cubic;
 template <class Case> class Adaptive : public testing::Test {};
 TYPED_TEST_SUITE(Adaptive, Cases);
 
-/// A cube of whole tiles around the origin, `across` along each axis.
-template <class Traits> void addCube(Container<Traits>& tree, int depth, int across) {
-    int const w = static_cast<int>(width<Traits>(depth));
-    for (int n = 0; n < across * across * across; ++n)
-        tree.addTile(w * (n % across - across / 2), w * (n / across % across - across / 2),
-                     w * (n / across / across - across / 2), depth);
-}
-float3 around(Random& random, float reach) {
-    return {random.real(-reach, reach), random.real(-reach, reach), random.real(-reach, reach)};
+template <class Traits> using Dof = Channel<Traits, short, Traits::kSamples, 1, 0>;
+
+/// Within the reach, or a power of 2 less, often with integer coordinates.
+float3 oftenOnPlanes(Random& random, float reach, int most) {
+    float3 p;
+    for (int axis = 0; axis < 3; ++axis) p[axis] = random.real(-reach, reach);
+    p = p / static_cast<float>(1 << random(0, most));
+    for (int axis = 0; axis < 3; ++axis)
+        if (random(0, 2) == 0) p[axis] = std::floor(p[axis]);
+    return p;
 }
 
 /// Away from jumps: the kernels themselves if nothing may lie below, else the same up to rounding.
@@ -26,37 +28,34 @@ TYPED_TEST(Adaptive, AgreesWithKernelsOnUniformGround) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
     Random random(41);
-    int const depth = Traits::kMaxDepth - 2;
+    int const depth = Traits::kMaxDepth - 2, w = voxel<Traits>(depth);
     auto tree = Quern::makePtr<Container<Traits>>(1.0F);
     addCube<Traits>(*tree, depth, 6);
     for (int offsetType : {7, 0, 6})
         for (int deeper : {0, 2}) {
             TestVolume<Traits, T> volume(tree, offsetType, 0, depth + deeper, T());
             volume.fillRandomly(random);
-            for (int type = 0; type < 4; ++type) {
-                auto kernels = volume.sampler(type);
-                auto adaptive = volume.sampler(type, false, kJumpAdaptive);
-                for (int n = 0; n < 300; ++n) {
-                    auto const w = static_cast<float>(voxel<Traits>(depth));
-                    float3 p = around(random, 1.5F * Traits::kSamples * w);
-                    auto const& tile = tree->tileAccessor().tile(
-                        static_cast<int>(p.x), static_cast<int>(p.y), static_cast<int>(p.z), 99);
-                    bool between = true;
-                    bool const rowsOnly = type == kCubicC1Monotonic && deeper != 0;
-                    for (int axis = 0; axis < 3; ++axis)
-                        if (rowsOnly ? axis != n % 3 : random(0, 3) == 0) {  // onto data points
-                            float const corner = static_cast<float>(tile.tijk()[axis]);
-                            p[axis] = corner + w * (std::floor((p[axis] - corner) / w) +
-                                                    volume.topology.offset()[axis]);
-                            between = false;
-                        }
-                    T const want = kernels.sample(p, 0), got = adaptive.sample(p, 0);
-                    if (type == kCubicC1Monotonic && deeper == 0 && !between) continue;
-                    if (deeper == 0 && between)
-                        ASSERT_TRUE(same(got, want));
-                    else
-                        ASSERT_LT(distance(got, want), 2e-5F) << type;
+            for (int n = 0; n < 1200; ++n) {
+                int const type = n % 4;
+                bool const rowsOnly = type == kCubicC1Monotonic;
+                bool between = true;
+                float3 p;
+                for (int axis = 0; axis < 3; ++axis) {
+                    p[axis] = random.real(-1.5F, 1.5F) * static_cast<float>(Traits::kSamples * w);
+                    if (rowsOnly ? deeper == 0 || axis == n / 4 % 3 : random(0, 3) != 0) continue;
+                    int const low = static_cast<int>(kLow<Traits>),
+                              above = static_cast<int>(std::floor(p[axis])) - low,
+                              plane = low + above / w * w;
+                    p[axis] = static_cast<float>(plane) +
+                              static_cast<float>(w) * volume.topology.offset()[axis];
+                    between = false;  // on a data point along this axis
                 }
+                T const want = volume.sampler(type).sample(p, 0),
+                        got = volume.sampler(type, false, kJumpAdaptive).sample(p, 0);
+                if (deeper == 0 && between)
+                    ASSERT_TRUE(same(got, want));
+                else
+                    ASSERT_LT(distance(got, want), 2e-5F) << type;
             }
         }
 }
@@ -77,54 +76,36 @@ Quern::Ptr<Container<Traits>> nested(Random& random, int coarse, int levels) {
 }
 
 /// Ramps go unchanged through every jump, along axes whose samples lie on the corners. Along the
-/// others the places of coarse and fine samples are taken for those of their voxels' corners, so
-/// that a ramp is bent next to a jump.
+/// others the places of coarse and fine samples are taken for those of their voxels' corners.
 TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
     Random random(42);
     int const coarse = Traits::kMaxDepth - 4, deepest = Traits::kMaxDepth - 1;
     auto tree = nested<Traits>(random, coarse, 4);
+    float const reach = static_cast<float>(width<Traits>(coarse)) * 1.5F;
     for (int offsetType = 0; offsetType < 8; ++offsetType) {
         auto const slope = [&](int axis) { return (offsetType >> axis & 1) != 0 ? 1 + axis : 0; };
-        for (bool bent : {false, true}) {
-            if (bent && offsetType == 7) continue;
-            auto const ramp = [&](double x, double y, double z) {
-                double const v =
-                    slope(0) * x + slope(1) * y + slope(2) * z + (bent ? x + y + z : 0) - 5;
-                return make<T>(static_cast<float>(v), static_cast<float>(-v),
-                               static_cast<float>(v / 2));
-            };
-            TestVolume<Traits, T> volume(tree, offsetType, 0, deepest, make<T>(9e5F, 9e5F, 9e5F));
-            volume.fill(ramp);
-            float const reach = static_cast<float>(width<Traits>(coarse)) * 1.5F;
-            float worst = 0;
-            for (int type = 0; type < 4; ++type)
-                for (bool clamp : {false, true}) {
-                    auto sampler = volume.sampler(type, clamp, kJumpAdaptive);
-                    for (int n = 0; n < 200; ++n) {
-                        float3 p = around(random, reach / static_cast<float>(1 << random(0, 4)));
-                        for (int axis = 0; axis < 3; ++axis)
-                            if (random(0, 2) == 0) p[axis] = std::floor(p[axis]);
-                        int const limit = random(0, 2) == 0 ? random(coarse, deepest) : 99;
-                        T const got = sampler.sample(p, limit, 0), want = ramp(p.x, p.y, p.z);
-                        worst = std::max(worst, distance(got, want) / reach);
-                        if (!bent) {
-                            ASSERT_LT(distance(got, want), 2e-5F * reach)
-                                << "offsets " << offsetType << " type " << type << " clamp "
-                                << clamp << " limit " << limit << " at " << p.x << " " << p.y << " "
-                                << p.z;
-                        }
-                    }
+        auto const ramp = [&](double x, double y, double z) {
+            auto const v = static_cast<float>(slope(0) * x + slope(1) * y + slope(2) * z - 5);
+            return make<T>(v, -v, v / 2);
+        };
+        TestVolume<Traits, T> volume(tree, offsetType, 0, deepest, make<T>(9e5F, 9e5F, 9e5F));
+        volume.fill(ramp);
+        for (int type = 0; type < 4; ++type)
+            for (bool clamp : {false, true}) {
+                auto sampler = volume.sampler(type, clamp, kJumpAdaptive);
+                for (int n = 0; n < 200; ++n) {
+                    float3 const p = oftenOnPlanes(random, reach, 4);
+                    int const limit = random(0, 2) == 0 ? random(coarse, deepest) : 99;
+                    ASSERT_LT(distance(sampler.sample(p, limit, 0), ramp(p.x, p.y, p.z)),
+                              2e-5F * reach)
+                        << "offsets " << offsetType << " type " << type << " clamp " << clamp
+                        << " limit " << limit << " at " << p.x << " " << p.y << " " << p.z;
                 }
-            if (bent) {
-                EXPECT_GT(worst, 1e-3F) << offsetType;
             }
-        }
     }
 }
-
-template <class Traits> using Dof = Channel<Traits, short, Traits::kSamples, 1, 0>;
 
 /// Flagged voxels hold rubbish, and a ramp is reproduced all the same: from the coarser level, or
 /// in a refined neighbour from this one.
@@ -147,41 +128,36 @@ TYPED_TEST(Adaptive, FlaggedVoxelsTakeTheirValueElsewhere) {
         // Whole voxels of the coarser level, B voxels along each axis, that are not refined.
         int flagged = 0;
         float3 rubbish;
+        auto const accessor = tree->tileAccessor();
         for (long long n = 0; n < tree->tileCount(depth); ++n) {
             auto flags = dof.tileData(TreeIndex{n, depth});
             auto data = volume.channel.tileData(TreeIndex{n, depth});
             constexpr int kB = Traits::kBranch, kGroups = Traits::kSamples / kB;
             for (int group = 0; group < kGroups * kGroups * kGroups; ++group) {
-                bool leaf = true;
-                for (int child = 0; child < kB * kB * kB; ++child) {
-                    int3 const position{child % kB, child / kB % kB, child / kB / kB};
-                    int3 const own{group % kGroups, group / kGroups % kGroups,
-                                   group / kGroups / kGroups};
-                    if (kGroups == 1 || position == own)
-                        leaf = leaf && tree->tile(n, depth).isLeaf(position);
-                }
-                if (!leaf || random(0, 2) != 0) continue;
-                ++flagged;
+                std::vector<int3> voxels;
                 for (int m = 0; m < kB * kB * kB; ++m) {
-                    int const i = group % kGroups * kB + m % kB,
-                              j = group / kGroups % kGroups * kB + m / kB % kB,
-                              k = group / kGroups / kGroups * kB + m / kB / kB;
-                    flags(i, j, k) = static_cast<short>(n % 2 == 0 ? 3 : -32767);
-                    data(i, j, k) = make<T>(1e9F, 1e9F, 1e9F);
-                    int3 const at =
-                        tree->tile(n, depth).tijk() + int3{i, j, k} * voxel<Traits>(depth);
-                    rubbish = {static_cast<float>(at.x), static_cast<float>(at.y),
-                               static_cast<float>(at.z)};
+                    int3 const v{group % kGroups * kB + m % kB,
+                                 group / kGroups % kGroups * kB + m / kB % kB,
+                                 group / kGroups / kGroups * kB + m / kB / kB},
+                        at = tree->tile(n, depth).tijk() + v * voxel<Traits>(depth);
+                    if (accessor.tile(at.x, at.y, at.z, 99).depth() == depth) voxels.push_back(v);
                 }
+                if (voxels.size() < kB * kB * kB || random(0, 2) != 0) continue;
+                ++flagged;
+                for (int3 const& v : voxels) {
+                    flags(v.x, v.y, v.z) = static_cast<short>(n % 2 == 0 ? 3 : -32767);
+                    data(v.x, v.y, v.z) = make<T>(1e9F, 1e9F, 1e9F);
+                }
+                int3 const at = tree->tile(n, depth).tijk() + voxels[0] * voxel<Traits>(depth);
+                rubbish = {static_cast<float>(at.x), static_cast<float>(at.y),
+                           static_cast<float>(at.z)};
             }
         }
         EXPECT_GE(flagged, 5);
         for (int type = 0; type < 4; ++type) {
             auto sampler = volume.sampler(type, false, kJumpAdaptive, &dof);
             for (int n = 0; n < 600; ++n) {
-                float3 p = around(random, reach / static_cast<float>(1 << random(0, 3)));
-                for (int axis = 0; axis < 3; ++axis)
-                    if (random(0, 2) == 0) p[axis] = std::floor(p[axis]);
+                float3 const p = oftenOnPlanes(random, reach, 3);
                 ASSERT_LT(distance(sampler.sample(p, 0), ramp(p.x, p.y, p.z)), 1e-4F * reach)
                     << "depth " << depth << " type " << type << " at " << p.x << " " << p.y << " "
                     << p.z;
@@ -222,7 +198,7 @@ TYPED_TEST(Adaptive, FlaggedVoxelsOfTheRoot) {
 TYPED_TEST(Adaptive, RunsOnAcrossEmptySpace) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
-    constexpr int kDepth = 2, kLast = Traits::kSamples - 1;
+    constexpr int kDepth = 2;
     auto tree = Quern::makePtr<Container<Traits>>(1.0F);
     int const low = static_cast<int>(kLow<Traits>),
               high = static_cast<int>(low + width<Traits>(0) - 1);
@@ -231,59 +207,103 @@ TYPED_TEST(Adaptive, RunsOnAcrossEmptySpace) {
     TestVolume<Traits, T> volume(tree, 7, 0, kDepth, T());
     volume.fill([](double, double, double) { return make<T>(1, 2, 3); });
     auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
-    for (int axis = 0; axis < 3; ++axis) {
+    // Weights of -1/16, 9/16, 9/16, -1/16: without the lowest point 17/16 remain, and without the
+    // two upper or lower ones 8/16.
+    auto const check = [&](TreeIndex const& tile, int axis, int place, float weight) {
         int3 lijk{1, 1, 1};
         float3 frac;
         frac[axis] = 0.5F;
-        lijk[axis] = 0;
-        // Weights of -1/16, 9/16, 9/16, -1/16: without the lowest point 17/16 remain.
-        EXPECT_LT(distance(sampler.sampleVoxel(first, lijk, frac, 9, false),
-                           make<T>(1, 2, 3) * (17.0F / 16)),
-                  1e-4F);
-        lijk[axis] = kLast;  // without the two upper ones 8/16
+        lijk[axis] = place;
         EXPECT_LT(
-            distance(sampler.sampleVoxel(last, lijk, frac, 9, false), make<T>(1, 2, 3) * 0.5F),
+            distance(sampler.sampleVoxel(tile, lijk, frac, 9, false), make<T>(1, 2, 3) * weight),
             1e-4F);
-        lijk[axis] = -1;  // without the two lower ones
-        EXPECT_LT(
-            distance(sampler.sampleVoxel(first, lijk, frac, 9, false), make<T>(1, 2, 3) * 0.5F),
-            1e-4F);
+    };
+    for (int axis = 0; axis < 3; ++axis) {
+        check(first, axis, 0, 17.0F / 16);
+        check(first, axis, -1, 0.5F);
+        check(last, axis, Traits::kSamples - 1, 0.5F);
     }
 }
 
-/// A constant is reproduced, finite and at once, on whatever tree, with whatever flags and limits.
-TYPED_TEST(Adaptive, KeepsConstantsOnAnyTree) {
+/// On whatever tree, with whatever flags and limits, anywhere in the root: a constant is
+/// reproduced, and a sampler that has been elsewhere gives the bits of a fresh one, without
+/// allocating.
+TYPED_TEST(Adaptive, AnyTree) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
     Random random(44);
     for (int offsetType = 0; offsetType < 8; ++offsetType) {
-        RandomTree<Traits> const built(random, 60, Traits::kMaxDepth);
-        auto tree = Quern::makePtr<Container<Traits>>(built.tree);
+        auto const tree = offsetType % 2 == 0
+                              ? clusteredTree<Traits>(random, 2)
+                              : Quern::makePtr<Container<Traits>>(
+                                    RandomTree<Traits>(random, 60, Traits::kMaxDepth).tree);
         T const constant = make<T>(3, -2, 1);
-        TestVolume<Traits, T> volume(tree, offsetType, offsetType % 2, Traits::kMaxDepth, constant);
-        volume.fill([&](double, double, double) { return constant; });
+        TestVolume<Traits, T> volume(tree, offsetType, offsetType / 4, Traits::kMaxDepth, constant);
         Dof<Traits> dof("", nullptr, 0, false, true, 0, Traits::kMaxDepth);
         dof.update(volume.topology);
         for (int depth = 0; depth <= tree->depth(); ++depth)
-            for (long long n = 0; n < tree->tileCount(depth); ++n) {
-                auto flags = dof.tileData(TreeIndex{n, depth});
-                for (int l = 0; l < 100; ++l)
-                    flags(random(0, 3), random(0, 3), random(0, 3)) = static_cast<short>(l % 2);
+            for (long long n = 0; n < tree->tileCount(depth); ++n)
+                for (int l = 0; l < 20; ++l)
+                    dof.tileData(TreeIndex{n, depth})(random(0, 3), random(0, 3), random(0, 3)) = 1;
+        for (bool const varied : {false, true}) {
+            volume.fill(
+                [&](double, double, double) { return varied ? randomValue<T>(random) : constant; });
+            int const type = random(0, 3);
+            bool const clamp = random(0, 1) != 0;
+            auto const* const flags = random(0, 1) != 0 ? &dof : nullptr;
+            auto const make = [&] { return volume.sampler(type, clamp, kJumpAdaptive, flags); };
+            auto walker = make();
+            StandardOutput const output;
+            float3 p{};
+            for (int n = 0; n < 300; ++n) {
+                if (n % 3 != 1) p = volume.step(random, p, n);
+                int const limit = n % 3 == 0 ? 99 : random(0, Traits::kMaxDepth);
+                T value;
+                std::size_t blocks = 0;
+                {
+                    AllocationCount const allocations;
+                    value = walker.sample(p, limit, 0);
+                    blocks = allocations.blocks();
+                }
+                ASSERT_EQ(blocks, 0U);
+                ASSERT_TRUE(same(value, make().sample(p, limit, 0)));
+                if (!varied) {
+                    ASSERT_LT(distance(value, constant), 1e-3F)
+                        << type << clamp << " at " << p.x << " " << p.y << " " << p.z;
+                }
             }
-        auto plain = volume.sampler(kCubicC0, true, kJumpAdaptive);
-        auto withFlags = volume.sampler(kCubicC1, true, kJumpAdaptive, &dof);
-        StandardOutput const output;  // where floats cannot tell places apart there is a NaN, and 0
-        for (int n = 0; n < 60; ++n) {
-            float3 const p = n % 3 == 0 ? around(random, 40) : volume.position(random);
-            float const reach = std::max({std::abs(p.x), std::abs(p.y), std::abs(p.z)});
-            int const limit = n % 2 == 0 ? 99 : random(0, Traits::kMaxDepth);
-            T const value = plain.sample(p, limit, 0), flagged = withFlags.sample(p, limit, 0);
-            if (reach < 1e6F) {
-                ASSERT_LT(distance(value, constant), 1e-3F);
-            }
-            ASSERT_TRUE(std::isfinite(distance(flagged, value)));
+            EXPECT_EQ(output.text(), "");  // no NaN is reported
         }
     }
+}
+
+/// Samples call one another no more often than the tree is deep, and three times. A trace tells.
+TYPED_TEST(Adaptive, RecursionIsBounded) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(45);
+    constexpr int kCoarse = 3, kLevels = 3;
+    auto const tree = nested<Traits>(random, kCoarse, kLevels);
+    TestVolume<Traits, T> volume(tree, 7, 0, Traits::kMaxDepth, T());
+    auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
+    int deepest = 0;
+    for (int n = 0; n < 40; ++n) {
+        int const depth = random(kCoarse, kCoarse + kLevels - 1);
+        TreeIndex const tile{random(0, static_cast<int>(tree->tileCount(depth)) - 1), depth};
+        int3 const lijk{random(-1, 3), random(-1, 3), random(-1, 3)};
+        StandardOutput const output;
+        sampler.sampleVoxel(tile, lijk, {0.5F, 0.25F, 0.75F}, 99, true);
+        std::istringstream lines(output.text());
+        int calls = 0;
+        for (std::string line; std::getline(lines, line);) {
+            calls += line.starts_with("calling recursively");
+            calls -= line.starts_with("recursively fetched");
+            deepest = std::max(deepest, calls);
+            ASSERT_LE(calls, depth + 3);
+        }
+        ASSERT_EQ(calls, 0);
+    }
+    EXPECT_GE(deepest, 2);
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <limits>
-#include <memory>
 #include <stdexcept>
 
 #include "benchmarks/allocation_count.h"
+#include "quern_core/simd_target.h"
 #include "sampler/cubic_volume.h"
 
 namespace {
@@ -14,11 +15,13 @@ using namespace cubic;
 template <class Case> class Frame : public testing::Test {};
 TYPED_TEST_SUITE(Frame, Cases);
 
-/// All types, clamps, offset types and depth limits, by samplers that walk and by fresh ones.
+/// All types, clamps, offset types, depth limits and instruction sets, by samplers that walk and by
+/// fresh ones.
 TYPED_TEST(Frame, IsWhatTheTreeSays) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
     Random random(21);
+    auto const targets = Quern::simdTargets();
     int counts[3] = {};
     for (int offsetType = 0; offsetType < 8; ++offsetType) {
         int const minDepth = offsetType % 3, deepest = Traits::kMaxDepth - offsetType % 2;
@@ -29,15 +32,11 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
         constexpr int kTypes[] = {0, 1, 2, 3, 9};
         for (int type : kTypes)
             for (bool clamp : {false, true}) {
+                Quern::useSimdTarget(targets[static_cast<unsigned>(offsetType) % targets.size()]);
                 auto walker = volume.sampler(type, clamp);
                 float3 last{};
                 for (int n = 0; n < 200; ++n) {
-                    // Steps within a voxel, to the next ones, and far away.
-                    float3 p = n % 4 == 0 ? volume.position(random)
-                                          : last + float3{random.real(-2, 2), random.real(-2, 2),
-                                                          random.real(-2, 2)};
-                    if (n % 3 == 0) p.x = std::floor(p.x);
-                    last = p;
+                    float3 const p = last = volume.step(random, last, n);
                     int const limit =
                         random(0, 3) > 0 ? Traits::kMaxDepth : random(-1, Traits::kMaxDepth + 1);
                     typename Reference<Traits, T>::Kind kind;
@@ -52,33 +51,39 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
                 }
             }
     }
+    Quern::useSimdTarget(targets.front());
     for (int count : counts) EXPECT_GT(count, 500);
 }
 
+/// On scan lines, on walks and at random positions, with each way to treat a jump.
 TYPED_TEST(Frame, BlockIsPointByPoint) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
+    using Floats = std::array<float, Internal::LaneTraits<T>::kComponents>;
     Random random(22);
-    TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), 5, 1, Traits::kMaxDepth, T());
+    TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), 7, 1, Traits::kMaxDepth, T());
     volume.fillRandomly(random);
-    for (int count : {0, 1, 31, 64, 65, 300})
-        for (int space : {0, 2}) {
+    for (auto const& [jump, cacheSize] :
+         {std::pair{kJumpTrilinear, 0}, {kJumpTrilinear, 3}, {kJumpAdaptive, 0}})
+        for (int count : {0, 1, 64, 65, 300}) {
+            int const space = count % 2 * 2;
             std::vector<float> x, y, z;
+            float3 p{};
             for (int n = 0; n < count; ++n) {
-                float3 const p = volume.position(random) * (space == 2 ? 0.25F : 1.0F);
-                x.push_back(p.x);
-                y.push_back(p.y);
-                z.push_back(p.z);
+                p = n % 100 < 50 ? p + float3{0.25F, 0, 0} : volume.step(random, p, n);
+                float const scale = space == 2 ? 0.25F : 1.0F;
+                x.push_back(n == 40 ? std::numeric_limits<float>::quiet_NaN() : p.x * scale);
+                y.push_back(p.y * scale);
+                z.push_back(p.z * scale);
             }
-            if (count > 40) x[40] = std::numeric_limits<float>::quiet_NaN();
-            constexpr int kComponents = sizeof(T) / sizeof(float);
-            std::vector<float> values[kComponents];
-            std::array<float*, kComponents> out;
-            for (unsigned c = 0; c < kComponents; ++c) {
+            std::vector<float> values[std::tuple_size_v<Floats>];
+            std::array<float*, std::tuple_size_v<Floats>> out;
+            for (unsigned c = 0; c < out.size(); ++c) {
                 values[c].assign(static_cast<std::size_t>(count) + 1, -3);
                 out[c] = values[c].data();
             }
-            auto sampler = volume.sampler(kCubicC1, true), other = volume.sampler(kCubicC1, true);
+            auto sampler = volume.sampler(kCubicC1, true, jump, nullptr, cacheSize),
+                 other = volume.sampler(kCubicC1, true, jump, nullptr, cacheSize);
             std::size_t blocks = 0;
             {
                 AllocationCount const allocations;
@@ -86,26 +91,19 @@ TYPED_TEST(Frame, BlockIsPointByPoint) {
                 blocks = allocations.blocks();
             }
             EXPECT_EQ(blocks, 0U);
-            for (int n = 0; n < count; ++n) {
-                auto const i = static_cast<std::size_t>(n);
-                T const want = other.sample({x[i], y[i], z[i]}, space);
-                if constexpr (kComponents == 1)
-                    ASSERT_TRUE(same(values[0][i], want));
-                else
-                    ASSERT_TRUE(same({values[0][i], values[1][i], values[2][i]}, want));
+            for (unsigned i = 0; i < x.size(); ++i) {
+                auto const want = std::bit_cast<Floats>(other.sample({x[i], y[i], z[i]}, space));
+                for (unsigned c = 0; c < out.size(); ++c)
+                    ASSERT_TRUE(same(values[c][i], want[c])) << i << " of " << count;
             }
             for (auto const& component : values) EXPECT_EQ(component.back(), -3);
         }
 }
 
-/// Whole tiles of one depth around the origin, `across` along each axis.
 template <class Traits, class T>
 TestVolume<Traits, T> uniform(int depth, int across, int type = 7) {
     auto tree = Quern::makePtr<Container<Traits>>(0.5F);
-    int const w = static_cast<int>(width<Traits>(depth));
-    for (int n = 0; n < across * across * across; ++n)
-        tree->addTile(w * (n % across - across / 2), w * (n / across % across - across / 2),
-                      w * (n / across / across - across / 2), depth);
+    addCube<Traits>(*tree, depth, across);
     return {tree, type, 0, depth, make<T>(7, 8, 9)};
 }
 
@@ -147,7 +145,8 @@ TYPED_TEST(Frame, CacheNeverShowsAwayFromJumps) {
     }
 }
 
-/// The cache interpolates within the halo of a tile, wherever that is.
+/// The cache interpolates within the halo of a tile, wherever that is; a voxel just below the tile
+/// is read without it, also after the halo of the same tile.
 TYPED_TEST(Frame, CacheReadsHalos) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
@@ -155,7 +154,8 @@ TYPED_TEST(Frame, CacheReadsHalos) {
     Random random(24);
     TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), 7, 1, Traits::kMaxDepth, T());
     volume.fillRandomly(random);
-    auto cached = volume.sampler(kCubicC1, false, kJumpTrilinear, nullptr, 3);
+    auto cached = volume.sampler(kCubicC1, false, kJumpTrilinear, nullptr, 3),
+         plain = volume.sampler(kCubicC1);
     auto accessor = volume.container->tileAccessor();
     TileData<T, kW + 1, 1, 0> halo((kW + 3) * (kW + 3) * (kW + 3));
     for (int n = 0; n < 500; ++n) {
@@ -164,6 +164,11 @@ TYPED_TEST(Frame, CacheReadsHalos) {
             random(0, std::min(5, static_cast<int>(volume.container->tileCount(depth)) - 1)),
             depth};
         int3 const lijk{random(0, kW - 1), random(0, kW - 1), random(0, kW - 1)};
+        auto const below = [&](auto& sampler) {
+            return sampler.sampleVoxel(tree, {-1, 1, 1}, {0.5F, 0.25F, 0.75F}, depth, false);
+        };
+        T const want = below(plain);
+        ASSERT_TRUE(same(below(cached), want));
         setHaloTile<Traits, T, 0, 1, 0, 1>(tree, volume.channel, 4, 15, accessor, halo, T(), 1.0F,
                                            7);
         EXPECT_LT(distance(cached.sampleVoxel(tree, lijk, {0, 0, 0}, depth, false),
@@ -172,9 +177,10 @@ TYPED_TEST(Frame, CacheReadsHalos) {
         // Half a voxel on along x.
         T const outer = halo(lijk.x - 1, lijk.y, lijk.z) + halo(lijk.x + 2, lijk.y, lijk.z),
                 inner = halo(lijk.x, lijk.y, lijk.z) + halo(lijk.x + 1, lijk.y, lijk.z),
-                want = (9.0F * inner - outer) / 16.0F;
-        EXPECT_LT(distance(cached.sampleVoxel(tree, lijk, {0.5F, 0, 0}, depth, false), want),
+                half = (9.0F * inner - outer) / 16.0F;
+        EXPECT_LT(distance(cached.sampleVoxel(tree, lijk, {0.5F, 0, 0}, depth, false), half),
                   2e-6F);
+        ASSERT_TRUE(same(below(cached), want));
     }
 }
 

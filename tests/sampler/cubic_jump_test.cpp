@@ -77,35 +77,4 @@ TYPED_TEST(Jump, ReproducesLinearFields) {
     }
 }
 
-TYPED_TEST(Jump, DefaultValueOutsideAndAboveTheMinimumDepth) {
-    using Traits = typename TypeParam::Traits;
-    using T = typename TypeParam::Value;
-    Random random(32);
-    auto const tree = jumps<Traits>(random, 4);
-    T const outside = make<T>(50, 51, 52);
-    for (int type : {7, 0}) {
-        TestVolume<Traits, T> volume(tree, type, 1, 4, outside);
-        volume.fill([](double, double, double) { return make<T>(1, 1, 1); });
-        auto const accessor = tree->tileAccessor();
-        auto const at = [&](int3 const& p, int depth) {
-            return sampleChannelPoint<Traits, T>(p, depth, type, volume.channel, accessor);
-        };
-        int const low = static_cast<int>(kLow<Traits>), high = -low - 1, w = voxel<Traits>(2);
-        EXPECT_TRUE(same(at({low - 1, 0, 0}, 4), outside));
-        EXPECT_TRUE(same(at({0, 0, high + 2}, 4), outside));
-        EXPECT_TRUE(same(at({low, low, low}, 0), outside));  // the root is too shallow
-        EXPECT_TRUE(same(at({low, low, low}, -1), outside));
-        // Behind the last coarse data point the blend runs to the default value, if it is not one
-        // that would have to be read from the root.
-        if (type == 7 && tree->tileCount(2) > 0) {
-            int3 const last{low, low, static_cast<int>(low + width<Traits>(0)) - w};
-            if (accessor.tile(last.x, last.y, last.z, 2).depth() == 1) {
-                float const f = 1 - 1.0F / Traits::kBranch;
-                T const want = make<T>(1 + 49 * f, 1 + 50 * f, 1 + 51 * f);
-                EXPECT_LT(distance(at(last, 2), want), 1e-4F);
-            }
-        }
-    }
-}
-
 }  // namespace

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <array>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -65,6 +65,13 @@ private:
     std::streambuf* m_before;
 };
 
+/// A cube of whole tiles around the origin, `across` along each axis.
+template <class Traits> void addCube(Container<Traits>& tree, int depth, int across) {
+    int const w = static_cast<int>(width<Traits>(depth));
+    for (int n = 0; n < across * across * across; ++n)
+        tree.addTile(w * (n % across - across / 2), w * (n / across % across - across / 2),
+                     w * (n / across / across - across / 2), depth);
+}
 /// Cubes of about five tiles along each axis, some of which are missing, over one another around
 /// the origin, at a corner of the root and at random places.
 template <class Traits>
@@ -141,16 +148,24 @@ template <class Traits, class T> struct TestVolume {
         return p;
     }
 
+    /// The next position of a walk: steps within a voxel, to the next ones, and far away.
+    float3 step(Random& random, float3 const& last, int n) const {
+        auto const near = [&] { return random.real(-2, 2); };
+        float3 p = n % 4 == 0 ? position(random) : last + float3{near(), near(), near()};
+        if (n % 3 == 0) p.x = std::floor(p.x);
+        return p;
+    }
+
     Quern::Ptr<Container<Traits>> container;
     VoxelTopology<Traits> topology;
     DataChannel<Traits, T> channel;
 };
 
 /// A lattice point without a bound.
-struct Point {
-    long long x, y, z;
-    long long operator[](int axis) const { return axis == 0 ? x : axis == 1 ? y : z; }
-};
+using Point = std::array<long long, 3>;
+inline Point step(Point const& p, long long length, int i, int j, int k) {
+    return {p[0] + length * i, p[1] + length * j, p[2] + length * k};
+}
 
 template <class Traits, class T> class Reference {
 public:
@@ -161,39 +176,28 @@ public:
     T sample(float3 const& v, int limit, int type, bool clamp, Kind& kind) const {
         auto const& channel = m_volume.channel;
         kind = kOutside;
-        auto const& tile = deepest({static_cast<long long>(std::floor(v.x)),
-                                    static_cast<long long>(std::floor(v.y)),
-                                    static_cast<long long>(std::floor(v.z))},
-                                   std::min(limit, channel.depth()));
-        if (tile.depth() < std::max(channel.minDepth(), 0)) return channel.defaultValue();
+        VoxelSampler<Traits, float, float3> base(*m_volume.container, m_volume.topology);
+        TreeIndex found;
+        int3 lijk;
+        float3 frac;
+        base.locate(v, 0, found, lijk, frac, std::min(limit, channel.depth()), nullptr);
+        if (found.depth < std::max(channel.minDepth(), 0)) return channel.defaultValue();
+        auto const& tile = m_volume.container->tile(found);
         int const w = voxel<Traits>(tile.depth());
-        auto const scale = static_cast<float>(1.0 / w);
         Point llc{};
-        float frac[3];
-        for (int a = 0; a < 3; ++a) {
-            float const o = m_volume.topology.offset()[a];
-            float l = (v[a] - static_cast<float>(tile.tijk()[a])) * scale - o;
-            if (l > -1e-5F && !(l > 0)) l = 0;
-            float const index =
-                std::clamp(std::floor(l), o > 0 ? -1.0F : 0.0F, Traits::kSamples - 1.0F);
-            frac[a] = l - index;
-            (a == 0   ? llc.x
-             : a == 1 ? llc.y
-                      : llc.z) = tile.tijk()[a] + w * static_cast<long long>(index);
+        for (unsigned n = 0; n < 3; ++n) {  // beyond 2^24 a place may be rounded out of its tile
+            int const a = static_cast<int>(n), most = Traits::kSamples - 1;
+            llc[n] = tile.tijk()[a] + static_cast<long long>(w) * std::clamp(lijk[a], -1, most);
         }
-        auto const at = [&](long long step, int i, int j, int k) {
-            return Point{llc.x + step * i, llc.y + step * j, llc.z + step * k};
-        };
         kind = kUniform;
         for (int n = 0; n < 8; ++n) {
-            Point const low = at(w, -1, -1, -1);
-            long long const t = width<Traits>(tile.depth());
-            Point const p{low.x + t * (n >> 2), low.y + t * (n >> 1 & 1), low.z + t * (n & 1)};
+            Point const p = step(step(llc, w, -1, -1, -1), width<Traits>(tile.depth()), n >> 2,
+                                 n >> 1 & 1, n & 1);
             if (deepest(p, tile.depth()).depth() != tile.depth()) kind = kJump;
         }
         T corners[8];
         for (int n = 0; n < 8; ++n)
-            corners[n] = point(at(w, n >> 2, n >> 1 & 1, n & 1), tile.depth());
+            corners[n] = point(step(llc, w, n >> 2, n >> 1 & 1, n & 1), tile.depth());
         if (kind == kJump) return blend(corners, frac);
 
         T planes[4], low = corners[0], high = corners[0];
@@ -201,7 +205,8 @@ public:
             T rows[4];
             for (int j = 0; j < 4; ++j) {
                 T f[4];
-                for (int i = 0; i < 4; ++i) f[i] = point(at(w, i - 1, j - 1, k - 1), tile.depth());
+                for (int i = 0; i < 4; ++i)
+                    f[i] = point(step(llc, w, i - 1, j - 1, k - 1), tile.depth());
                 rows[j] = interpolate(type, f, frac[0]);
             }
             planes[k] = interpolate(type, rows, frac[1]);
@@ -225,45 +230,39 @@ public:
 
         // The samples around the place, at the level of the tile that holds the lowest of them.
         Point corner{};
-        float frac[3];
+        float3 frac;
         int level = found.depth();
         for (int next = -1; level != next;) {
             if (next >= 0) level = next;
             long long const w = voxel<Traits>(level);
-            for (int a = 0; a < 3; ++a) {
-                double const o = m_volume.topology.offset()[a];
+            for (unsigned a = 0; a < 3; ++a) {
+                double const o = m_volume.topology.offset()[static_cast<int>(a)];
                 double const above = static_cast<double>(p[a] - kLow<Traits>) +
                                      (voxel<Traits>(depth) - static_cast<double>(w)) * o;
                 double const cell = std::floor(above / static_cast<double>(w));
-                (a == 0   ? corner.x
-                 : a == 1 ? corner.y
-                          : corner.z) = kLow<Traits> + w * static_cast<long long>(cell);
+                corner[a] = kLow<Traits> + w * static_cast<long long>(cell);
                 double const rest = above - cell * static_cast<double>(w);
-                frac[a] = m_volume.topology.offsetType() == 7
-                              ? static_cast<float>(rest) / static_cast<float>(w)
-                              : static_cast<float>(rest / static_cast<double>(w));
+                frac[static_cast<int>(a)] = m_volume.topology.offsetType() == 7
+                                                ? static_cast<float>(rest) / static_cast<float>(w)
+                                                : static_cast<float>(rest / static_cast<double>(w));
             }
             next = deepest(corner, level).depth();
             if (next < 0) return channel.defaultValue();
         }
-        bool const hit = frac[0] == 0 && frac[1] == 0 && frac[2] == 0;
-        if (hit && m_volume.topology.offsetType() == 7) return value(corner, level);
+        if (frac == float3{} && m_volume.topology.offsetType() == 7) return value(corner, level);
         if (level < 1) return channel.defaultValue();
         T corners[8];
-        for (int n = 0; n < 8; ++n) {
-            long long const w = voxel<Traits>(level);
-            corners[n] = point(
-                {corner.x + w * (n >> 2), corner.y + w * (n >> 1 & 1), corner.z + w * (n & 1)},
-                level);
-        }
+        for (int n = 0; n < 8; ++n)
+            corners[n] =
+                point(step(corner, voxel<Traits>(level), n >> 2, n >> 1 & 1, n & 1), level);
         return blend(corners, frac);
     }
 
 private:
     TileOf<Traits> const& deepest(Point const& p, int limit) const {
         auto const* tile = &m_volume.container->tile(0, 0);
-        if (limit < 0 || !inRoot<Traits>(p.x, p.y, p.z)) return Container<Traits>::sentinel();
-        int3 const q{static_cast<int>(p.x), static_cast<int>(p.y), static_cast<int>(p.z)};
+        if (limit < 0 || !inRoot<Traits>(p[0], p[1], p[2])) return Container<Traits>::sentinel();
+        int3 const q{static_cast<int>(p[0]), static_cast<int>(p[1]), static_cast<int>(p[2])};
         while (tile->depth() < limit && tile->childTreeIndex(tile->childIJK(q)).valid())
             tile = &m_volume.container->tile(tile->childTreeIndex(tile->childIJK(q)));
         return *tile;
@@ -272,9 +271,9 @@ private:
         auto const& tile = deepest(p, depth);
         int const w = voxel<Traits>(tile.depth());
         auto const data = m_volume.channel.tileData(tile.treeIndex());
-        return data(static_cast<int>(p.x - tile.tijk().x) / w,
-                    static_cast<int>(p.y - tile.tijk().y) / w,
-                    static_cast<int>(p.z - tile.tijk().z) / w);
+        return data(static_cast<int>(p[0] - tile.tijk().x) / w,
+                    static_cast<int>(p[1] - tile.tijk().y) / w,
+                    static_cast<int>(p[2] - tile.tijk().z) / w);
     }
 
     template <class Function> static T each(Function function, T const& a, T const& b) {
@@ -283,39 +282,18 @@ private:
         else
             return {function(a.x, b.x), function(a.y, b.y), function(a.z, b.z)};
     }
-    static T blend(T const (&c)[8], float const (&f)[3]) {
+    static T blend(T const (&c)[8], float3 const& f) {
         auto const lerp = [](T const& u, T const& v, float t) { return (v - u) * t + u; };
         T const a = lerp(c[0], c[4], f[0]), b = lerp(c[2], c[6], f[0]), e = lerp(c[1], c[5], f[0]),
                 g = lerp(c[3], c[7], f[0]);
         return lerp(lerp(a, b, f[1]), lerp(e, g, f[1]), f[2]);
     }
     static T interpolate(int type, T const (&f)[4], float t) {
-        float const t2 = t * t, t3 = t2 * t;
-        T const d = f[2] - f[1];
-        T m1 = 0.5F * (f[2] - f[0]), m2 = 0.5F * (f[3] - f[1]);
-        auto const limit = [](float m, float rise) {
-            return rise > 0 ? std::max(m, 0.0F) : rise < 0 ? std::min(m, 0.0F) : 0;
-        };
-        switch (type) {
-        case kQuadraticC0Averaged: {
-            float const w = 0.25F * (t2 - t);
-            return (1 - 0.75F * t - 0.25F * t2) * f[1] + w * f[0] + 0.25F * (5 * t - t2) * f[2] +
-                   w * f[3];
-        }
-        case kCubicC0:
-            return (0.5F * t2 - 0.33333334F * t - 0.16666667F * t3) * f[0] +
-                   (0.5F * (t3 - t) + 1 - t2) * f[1] + (0.5F * (t2 - t3) + t) * f[2] +
-                   0.16666667F * (t3 - t) * f[3];
-        case kCubicC1:
-            return f[1] + m1 * t + (3.0F * f[2] - 3.0F * f[1] - 2.0F * m1 - m2) * t2 +
-                   (2.0F * f[1] - 2.0F * f[2] + m1 + m2) * t3;
-        case kCubicC1Monotonic:
-            m1 = each(limit, m1, d);
-            m2 = each(limit, m2, d);
-            return f[1] + m1 * t + (3.0F * d - 2.0F * m1 - m2) * t2 + (m1 + m2 - 2.0F * d) * t3;
-        default:
-            return T();
-        }
+        using Lane = Internal::LaneTraits<T>;
+        return Internal::withType(type, [&]<int Type>() {
+            return Lane::to(Internal::UniformInterpolant<Type>(t)(
+                Lane::from(f[0]), Lane::from(f[1]), Lane::from(f[2]), Lane::from(f[3])));
+        });
     }
 
     TestVolume<Traits, T> const& m_volume;

@@ -2,8 +2,7 @@
 
 #include <array>
 
-#include "zel/sampler/cubic_source.h"
-#include "zel/sampler/cubic_stencil.h"
+#include "zel/sampler/cubic_block.h"
 #include "zel/sampler/cubic_trace.h"
 
 // The adaptive path of the cubic sampler: each stencil point is looked up by itself, and the tree
@@ -80,8 +79,8 @@ private:
     void getIncrementAndPosition2D(int3 const& tijk, int across, int along, int& position,
                                    int& increment) const;
     void getIncrementAndPosition3D(int3 const& tijk, int& position, int& increment) const;
-    Lane interpolateValues1D(Lane const (&values)[4], float const (&positions)[4], float position,
-                             bool jump) const;
+    Lane interpolateValues1D(Lane const (&values)[4], int const (&places)[4], int axis,
+                             float position, bool jump) const;
 
     // What is reported of a NaN.
     void nanInfo(char const* message) const;

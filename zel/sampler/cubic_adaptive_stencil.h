@@ -21,12 +21,12 @@ bool AdaptiveSample<Traits, T, Trace>::getValue1D(int3 tijk, int axis, float pos
                                                   Lane& value) const {
     Trace::getValue1DBegin(axis, position, tijk);
     Lane values[4];
-    float positions[4];
+    int places[4];
     bool jump = false;
     auto const take = [&](int n, Point& point) {
         jump = getValue(tijk, axis, point) || jump;
         values[n] = LaneTraits<T>::from(point.value);
-        positions[n] = static_cast<float>(point.start);
+        places[n] = point.start;
     };
     // The point that holds the sample lies, without a tile, in the voxel of the sample's level.
     Point point{T(), roundedDown<Traits>(tijk[axis], m_vdw) - m_vdw, m_vdw};
@@ -38,8 +38,15 @@ bool AdaptiveSample<Traits, T, Trace>::getValue1D(int3 tijk, int axis, float pos
     for (int n = 2; n < 4; ++n) {
         tijk[axis] = point.start + point.step;
         take(n, point);
+        // The coarser voxel over a flagged one may begin before the end of the last, if only a part
+        // of it is flagged.
+        int const before = tijk[axis] - point.start;
+        if (before > 0) {
+            places[n] = point.start += before;
+            point.step -= before;
+        }
     }
-    value = interpolateValues1D(values, positions, position, jump);
+    value = interpolateValues1D(values, places, axis, position, jump);
     Trace::getValue1DEnd(axis, LaneTraits<T>::to(value));
     return jump;
 }
@@ -52,14 +59,12 @@ template <class Place, class Below>
 bool AdaptiveSample<Traits, T, Trace>::compose(int3 tijk, int axis, float samplePosition, bool jump,
                                                Place place, Below below, Lane& value) const {
     Lane values[4];
-    float positions[4];
     int places[4];
     auto const take = [&](int n, int at, int& position, int& increment) {
         tijk[axis] = at;
         place(tijk, position, increment);
         tijk[axis] = position;
         places[n] = position;
-        positions[n] = static_cast<float>(position);
         jump = below(tijk, values[n]) || jump;
     };
     int position, increment, lowest, lowestIncrement;
@@ -71,7 +76,7 @@ bool AdaptiveSample<Traits, T, Trace>::compose(int3 tijk, int axis, float sample
     // their points are of this level.
     int const step = places[2] - places[1];
     jump = jump || places[1] - places[0] != step || places[3] - places[2] != step;
-    value = interpolateValues1D(values, positions, samplePosition, jump);
+    value = interpolateValues1D(values, places, axis, samplePosition, jump);
     return jump;
 }
 
@@ -120,6 +125,7 @@ template <class Traits, class T, class Trace>
 void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition2D(int3 const& tijk, int across,
                                                                  int along, int& position,
                                                                  int& increment) const {
+    Trace::getIncrementAndPosition2DBegin(tijk);
     increment = std::numeric_limits<int>::max();
     for (int o = -1; o <= 2 && increment >= m_vdw; ++o) {
         int3 p = tijk;
@@ -127,7 +133,7 @@ void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition2D(int3 const& tij
         increment = std::min(increment, smallestVoxelWidth(p));
     }
     position = roundedDown<Traits>(tijk[across], increment);
-    Trace::getIncrementAndPosition2D(tijk, position, increment);
+    Trace::getIncrementAndPosition2DEnd(position, increment);
 }
 
 /// The same for a plane along x and y, with 4x4 voxels.
@@ -144,28 +150,41 @@ void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition3D(int3 const& tij
     position = roundedDown<Traits>(tijk.z, increment);
 }
 
+/// Far from the origin, where floats do not tell the places apart, these are counted from the
+/// sample's voxel, and kept apart by force where one step is some 2^24 times another.
 template <class Traits, class T, class Trace>
 auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Lane const (&values)[4],
-                                                           float const (&positions)[4],
+                                                           int const (&places)[4], int axis,
                                                            float position, bool jump) const
     -> Lane {
-    auto const value = [&] {
-        return Internal::interpolateValues1D(m_source.m_type, m_source.m_clamp, values, positions,
-                                             position, jump);
+    float positions[4];
+    auto const countFrom = [&](int origin) {
+        for (int n = 0; n < 4; ++n)
+            positions[n] = static_cast<float>(std::int64_t{places[n]} - origin);
+        return positions[0] < positions[1] && positions[1] < positions[2] &&
+               positions[2] < positions[3];
     };
-    if constexpr (Trace::kCheckNaN) return checkedRow(values, positions, position, jump, value());
-    return value();
+    if (!countFrom(0)) {
+        position = static_cast<float>(m_vdw) * m_frac[axis];
+        if (!countFrom(m_llc[axis]))
+            for (int n = 1; n < 4; ++n)
+                positions[n] =
+                    std::max(positions[n], std::nextafter(positions[n - 1],
+                                                          std::numeric_limits<float>::infinity()));
+    }
+    Lane const value = Internal::interpolateValues1D(m_source.m_type, m_source.m_clamp, values,
+                                                     positions, position, jump);
+    if constexpr (Trace::kCheckNaN) return checkedRow(values, positions, position, jump, value);
+    return value;
 }
 
 /// The stencil away from a jump: the kernels read the block.
 template <class Traits, class T, class Trace>
 T AdaptiveSample<Traits, T, Trace>::interpolateBlock3D() const {
-    int3 low;
-    for (int axis = 0; axis < 3; ++axis)
-        low[axis] = (m_llc[axis] - m_vdw - m_tileBlock[0]->tijk()[axis]) / m_vdw;
+    StencilRows<Traits, T> rows;
     CubicStencil<T> stencil;
-    gatherBlock<Traits, T>(m_dataBlock, low, stencil);
-    return stencil.interpolate(m_source.m_type, m_source.m_clamp, m_frac);
+    stencil.gather(rows.columnsOf(m_dataBlock, lowestOf<Traits>(lanesOfInts(m_lijk, 0))));
+    return stencil.interpolate(m_source.m_type, m_source.m_clamp, lanesOf(m_frac));
 }
 
 template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>::value() {

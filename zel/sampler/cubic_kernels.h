@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cmath>
 #include <cstdint>
 
@@ -15,7 +16,9 @@ enum CubicType : std::int32_t {
     kQuadraticC0Averaged = 0,  ///< the mean of the parabolas through 0, 1, 2 and 1, 2, 3
     kCubicC0 = 1,              ///< the cubic through all four points
     kCubicC1 = 2,              ///< Hermite, with central differences as slopes
-    kCubicC1Monotonic = 3      ///< the same, with slopes that keep it monotone between 1 and 2
+    /// The same without slopes against the rise from 1 to 2. It is monotone there if neither slope
+    /// is more than three times the rise; a steeper one is kept, and may overshoot.
+    kCubicC1Monotonic = 3
 };
 
 namespace Internal {
@@ -50,25 +53,46 @@ template <class V> V larger(V a, V b) {
 template <class V> V smaller(V a, V b) {
     return b < a ? b : a;
 }
+inline Lanes smaller(Lanes a, Lanes b) {
+    return lower(b, a);
+}
+inline Lanes larger(Lanes a, Lanes b) {
+#ifdef __SSE__
+    return _mm_max_ps(b, a);
+#else
+    return a < b ? b : a;
+#endif
+}
 template <class V> V limited(V v, V low, V high) {
     v = v > high ? high : v;
     return v < low ? low : v;
 }
 
-/// 0 where the condition holds.
-inline float cleared(float v, bool where) {
-    return where ? 0 : v;
+/// All bits set where `a` is above `b`, else none.
+inline std::int32_t above(float a, float b) {
+    return -static_cast<std::int32_t>(a > b);
+}
+inline IntLanes above(Lanes const& a, Lanes const& b) {
+    return a > b;
+}
+/// Each value where its mask is set, and 0 where neither is. Of a choice by ?: compilers make slow
+/// code, since both sides may be 0.
+template <class V, class Mask>
+V either(V const& a, Mask const& whereA, V const& b, Mask const& whereB) {
+    return std::bit_cast<V>((std::bit_cast<Mask>(a) & whereA) | (std::bit_cast<Mask>(b) & whereB));
 }
 
 /// The slopes of kCubicC1Monotonic for a rise of `d`: those against it become 0, and so do both,
 /// and the rise, where there is none.
 template <class V> void limitSlopes(V& d, V& m1, V& m2) {
     constexpr V kZero{};
-    auto const up = d > kZero, down = d < kZero;
-    auto const neither = (up | down) == 0;
-    m1 = cleared(m1, neither | (up & (m1 < kZero)) | (down & (m1 > kZero)));
-    m2 = cleared(m2, neither | (up & (m2 < kZero)) | (down & (m2 > kZero)));
-    d = cleared(d, neither);
+    auto const up = above(d, kZero), down = above(kZero, d);
+    auto const limited = [&](V const& m) {
+        return either(m, up & ~above(kZero, m), m, down & ~above(m, kZero));
+    };
+    m1 = limited(m1);
+    m2 = limited(m2);
+    d = either(d, up, d, down);
 }
 
 /// What the interpolant of a type is made of, for points one step apart, at a fraction t of the

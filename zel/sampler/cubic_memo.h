@@ -8,10 +8,10 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// Values that the adaptive path has found between the data points of coarser tiles, by all that
-/// they follow from. The points of a stencil, and stencils near by, ask for the same ones: without
-/// it, a sample where many levels meet would take time that grows as a power of their number. A
-/// value is kept until another one needs its place.
+/// Values that the adaptive path has found between data points, of coarser tiles or on the lattice
+/// of finer ones, by all that they follow from. The points of a stencil, and stencils near by, ask
+/// for the same ones: without it, a sample where many levels meet would take time that grows as a
+/// power of their number. A value is kept until another one of the same hash takes its place.
 template <class T> class AdaptiveMemo {
 public:
     struct Key {

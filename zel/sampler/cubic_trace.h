@@ -103,10 +103,12 @@ template <bool On, bool CheckNaN = false> struct CubicTrace {
         line("getValue1D.end() = ", value);
     }
 
-    static void getIncrementAndPosition2D(int3 const& tijk, int position, int increment) {
+    static void getIncrementAndPosition2DBegin(int3 const& tijk) {
         line("getIncrementAndPosition2D.begin() ");
         line(" in_tijk2 = ", tijk);
         line("============");
+    }
+    static void getIncrementAndPosition2DEnd(int position, int increment) {
         line(" io_inc = ", increment);
         line(" io_pos = ", position);
         line("getIncrementAndPosition2D.end() ");

@@ -1,6 +1,7 @@
 #include "zel/sampler/voxel_sampler_cubic.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "zel/sampler/cubic_adaptive.h"
 
@@ -8,22 +9,32 @@ namespace ORV::TileTree3D {
 
 namespace {
 
+#define ZEL_DETAIL_CUBIC_HEAD                                                                      \
+    template <class Traits, class T, class Ts, class Position, int A, int B>
+#define ZEL_DETAIL_CUBIC_SAMPLER VoxelSamplerCubic<Traits, T, Ts, Position, A, B>
+
 constexpr VoxelOffsetType kOnCorners = 7;
 
-/// The range of a voxel index that a position can have; only where a lattice coordinate is too
-/// large for a float would it leave it.
-template <class Traits> int3 inRange(int3 const& lijk) {
-    auto const limit = [](int v) { return std::clamp(v, -1, Traits::kSamples - 1); };
-    return {limit(lijk.x), limit(lijk.y), limit(lijk.z)};
+/// Asks memory for the values of a stencil, whose lowest one is the voxel `low` of the first tile.
+template <class Traits, class T>
+void prefetch(std::array<T const*, 8> const& tiles, Internal::IntLanes const& low) {
+    Internal::StencilRows<Traits, T> rows;
+    auto const columnAt = rows.columnsOf(tiles, low);
+    for (int const i : {0, 3}) {
+        auto const column = columnAt(i);
+        for (int n = 0; n < 16; ++n) __builtin_prefetch(column(n / 4, n % 4));
+    }
 }
 
 }  // namespace
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::VoxelSamplerCubic(
-    Container<Traits> const& container, VoxelTopology<Traits> const& topology,
-    DataChannel<Traits, T> const& channel, std::int32_t type, bool clamp, std::int32_t jumpHandling,
-    DofChannel const* dofChannel, std::int32_t dofMask, long long cacheSize)
+ZEL_DETAIL_CUBIC_HEAD
+ZEL_DETAIL_CUBIC_SAMPLER::VoxelSamplerCubic(Container<Traits> const& container,
+                                            VoxelTopology<Traits> const& topology,
+                                            DataChannel<Traits, T> const& channel,
+                                            std::int32_t type, bool clamp,
+                                            std::int32_t jumpHandling, DofChannel const* dofChannel,
+                                            std::int32_t dofMask, long long cacheSize)
     : VoxelSampler<Traits, Ts, Position>(container, topology), m_source{container.tileAccessor(),
                                                                         &container,
                                                                         &channel,
@@ -45,13 +56,13 @@ VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::VoxelSamplerCubic(
                   ? cacheSize
                   : std::min(cacheSize, 0LL),
               container),
-      m_voxel(m_source) {}
+      m_blocks(m_source) {}
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::~VoxelSamplerCubic() = default;
+ZEL_DETAIL_CUBIC_HEAD
+ZEL_DETAIL_CUBIC_SAMPLER::~VoxelSamplerCubic() = default;
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-Quern::String VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::samplerName() const {
+ZEL_DETAIL_CUBIC_HEAD
+Quern::String ZEL_DETAIL_CUBIC_SAMPLER::samplerName() const {
     switch (m_source.m_type) {
     case kQuadraticC0Averaged:
         return "kQuadraticC0Averaged";
@@ -66,87 +77,143 @@ Quern::String VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::samplerName() co
     }
 }
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-T VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::sample(Position const& position, int space) {
+ZEL_DETAIL_CUBIC_HEAD
+T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int space) {
     return sample(position, Traits::kMaxDepth, space);
 }
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-T VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::sample(Position const& position, int depth,
-                                                           int space) {
-    TreeIndex tree;
-    int3 lijk;
-    float3 frac;
-    this->locate(position, space, tree, lijk, frac, std::min(m_source.m_maxDepth, depth), nullptr);
-    return sampleVoxel(tree, lijk, frac, depth, false);
+ZEL_DETAIL_CUBIC_HEAD
+T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int depth, int space) {
+    IntLanes lijk;
+    Lanes frac;
+    if (!this->place(position, space, std::min(m_source.m_maxDepth, depth), lijk, frac))
+        return m_source.m_defaultValue;
+    return sampleVoxel(this->m_box->tree, lijk, frac, depth);
 }
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-T VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::sampleVoxel(TreeIndex const& tree,
-                                                                int3 const& lijk,
-                                                                float3 const& frac, int depth,
-                                                                bool debug) {
-    if (!tree.valid() || m_source.m_minDepth > tree.depth) return m_source.m_defaultValue;
-    int3 const voxel = inRange<Traits>(lijk);
-    if (m_source.m_jumpHandling == kJumpTrilinear) {
-        if (debug) Internal::traceBlock(m_source, tree, voxel, frac);
-        return trilinearAtJump(tree, voxel, frac);
-    }
-    return debug ? Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, tree, voxel,
-                                                                             frac, depth)
-                 : adaptive(tree, voxel, frac, depth);
+ZEL_DETAIL_CUBIC_HEAD
+T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk, float3 const& frac,
+                                        int depth, bool debug) {
+    IntLanes const voxel{lijk.x, lijk.y, lijk.z, 0};
+    bool const sampled = tree.valid() && m_source.m_minDepth <= tree.depth;
+    if (!debug || !sampled)
+        return sampled ? sampleVoxel(tree, voxel, Internal::lanesOf(frac), depth)
+                       : m_source.m_defaultValue;
+    int3 const limited = Internal::int3Of(Internal::limitedVoxel<Traits>(voxel));
+    if (m_source.m_jumpHandling != kJumpTrilinear)
+        return Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, tree, limited,
+                                                                         frac, depth);
+    Internal::traceBlock(m_source, tree, limited, frac);
+    return sampleVoxel(tree, voxel, Internal::lanesOf(frac), depth);
+}
+
+/// The same for a tile that is named.
+ZEL_DETAIL_CUBIC_HEAD
+inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, IntLanes const& lijk,
+                                               Lanes const& frac, int depth) {
+    if (m_source.m_minDepth > tree.depth) return m_source.m_defaultValue;
+    if (m_source.m_jumpHandling != kJumpTrilinear) return adaptive(tree, lijk, frac, depth);
+    return m_voxel.is(tree, lijk) || moveTo(tree, lijk) ? current(frac) : m_source.m_defaultValue;
 }
 
 /// Makes m_voxel that voxel. False if there is no such tile.
-template <class Traits, class T, class Ts, class Position, int A, int B>
-bool VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::moveTo(TreeIndex const& tree,
-                                                              int3 const& lijk) {
-    if (m_voxel.is(tree, lijk)) return true;
-    auto const& tile = m_source.m_container->tile(tree);
+ZEL_DETAIL_CUBIC_HEAD
+bool ZEL_DETAIL_CUBIC_SAMPLER::moveTo(TreeIndex const& tree, IntLanes const& lijk) {
+    Tile const& tile = m_source.m_container->tile(tree);
     if (!tile.exists()) return false;
-    if (m_cache.enabled() && lijk.x >= 0 && lijk.y >= 0 && lijk.z >= 0)
-        m_voxel.moveTo(tree, lijk,
+    IntLanes const voxel = Internal::limitedVoxel<Traits>(lijk);
+    if (m_cache.enabled() && voxel[0] >= 0 && voxel[1] >= 0 && voxel[2] >= 0) {
+        m_voxel.moveTo(tree, lijk, voxel,
                        m_cache.halo(tree, *m_source.m_channel, m_source.m_tileAccessor));
-    else
-        m_voxel.moveTo(m_source, tile, lijk);
+    } else {
+        bool known;
+        m_voxel.moveTo(tile, lijk, voxel,
+                       m_blocks.at(m_source, tile, m_blocks.placeOf(tile, voxel), known));
+    }
     return true;
 }
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-T VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::trilinearAtJump(TreeIndex const& tree,
-                                                                    int3 const& lijk,
-                                                                    float3 const& frac) {
-    if (!moveTo(tree, lijk)) return m_source.m_defaultValue;
-    return m_voxel.atJump() ? m_voxel.blend(m_source, frac) : m_voxel.interpolate(m_source, frac);
+/// The value at a place in m_voxel.
+ZEL_DETAIL_CUBIC_HEAD
+inline T ZEL_DETAIL_CUBIC_SAMPLER::current(Lanes const& frac) {
+    return m_voxel.atJump() ? m_voxel.blend(m_source, Internal::float3Of(frac))
+                            : m_voxel.interpolate(m_source, frac);
 }
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-T VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::adaptive(TreeIndex const& tree,
-                                                             int3 const& lijk, float3 const& frac,
-                                                             int depth) {
+ZEL_DETAIL_CUBIC_HEAD
+T ZEL_DETAIL_CUBIC_SAMPLER::adaptive(TreeIndex const& tree, IntLanes const& lijk, Lanes const& frac,
+                                     int depth) {
     // Between data points, on uniform ground and with nothing below, it is the value of the
     // kernels.
-    bool const between = !(frac.x == 0 || frac.y == 0 || frac.z == 0);
-    if (between && tree.depth == std::min(m_source.m_maxDepth, depth) && moveTo(tree, lijk) &&
-        !m_voxel.atJump()) {
+    bool const between = frac[0] != 0 && frac[1] != 0 && frac[2] != 0;
+    if (between && tree.depth == std::min(m_source.m_maxDepth, depth) &&
+        (m_voxel.is(tree, lijk) || moveTo(tree, lijk)) && !m_voxel.atJump()) {
         T const value = m_voxel.interpolate(m_source, frac);
         if (!Internal::isNaN(value)) return value;
     }
-    return Internal::adaptiveValue<Traits, T, Internal::NoTrace>(m_source, tree, lijk, frac, depth);
+    return Internal::adaptiveValue<Traits, T, Internal::NoTrace>(
+        m_source, tree, Internal::int3Of(Internal::limitedVoxel<Traits>(lijk)),
+        Internal::float3Of(frac), depth);
 }
 
-template <class Traits, class T, class Ts, class Position, int A, int B>
-void VoxelSamplerCubic<Traits, T, Ts, Position, A, B>::sampleBlock(
-    float const* x, float const* y, float const* z, int count, int space,
-    std::array<float*, kComponents> const& values) {
-    for (int i = 0; i < count; ++i) {
-        T const value = sample({x[i], y[i], z[i]}, space);
-        if constexpr (kComponents == 1) {
-            values[0][i] = value;
-        } else {
-            values[0][i] = value.x;
-            values[1][i] = value.y;
-            values[2][i] = value.z;
+/// Locates the first of some positions, kBlock at most, finds the tiles around their stencils, and
+/// asks memory for the samples of those that were not known. Returns how many.
+ZEL_DETAIL_CUBIC_HEAD
+int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float const* z, int count,
+                                          int space, std::array<Located, kBlock>& located,
+                                          std::array<Internal::TileBlock<T>, kBlock>& blocks) {
+    auto const end = static_cast<unsigned>(std::min(count, kBlock));
+    int const depth = std::min(m_source.m_maxDepth, std::int32_t{Traits::kMaxDepth});
+    // A pass of its own, in which the waits for the tiles overlap.
+    for (unsigned i = 0; i < end; ++i) {
+        Located& l = located[i];
+        l.tree = this->place({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac) ? this->m_box->tree
+                                                                               : TreeIndex();
+    }
+    unsigned blockCount = 0;
+    for (unsigned i = 0; i < end; ++i) {
+        Located& l = located[i];
+        if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) continue;
+        Tile const& tile = m_source.m_container->tile(l.tree);
+        IntLanes const voxel = Internal::limitedVoxel<Traits>(l.lijk),
+                       place = m_blocks.placeOf(tile, voxel);
+        if (blockCount == 0 || !blocks[blockCount - 1].is(place)) {
+            bool known;
+            auto& block = blocks[blockCount++] = m_blocks.at(m_source, tile, place, known);
+            if (!known && !block.atJump)
+                prefetch<Traits>(block.tiles, Internal::lowestOf<Traits>(voxel));
+        }
+        l.block = blockCount - 1;
+    }
+    return static_cast<int>(end);
+}
+
+ZEL_DETAIL_CUBIC_HEAD
+void ZEL_DETAIL_CUBIC_SAMPLER::sampleBlock(float const* x, float const* y, float const* z,
+                                           int count, int space,
+                                           std::array<float*, kComponents> const& values) {
+    auto const put = [&](int i, T const& value) {
+        auto const floats = std::bit_cast<std::array<float, kComponents>>(value);
+        for (unsigned c = 0; c < unsigned{kComponents}; ++c) values[c][i] = floats[c];
+    };
+    if (m_source.m_jumpHandling != kJumpTrilinear || m_cache.enabled()) {
+        for (int i = 0; i < count; ++i) put(i, sample({x[i], y[i], z[i]}, space));
+        return;
+    }
+    std::array<Located, kBlock> block;
+    std::array<Internal::TileBlock<T>, kBlock> tiles;
+    for (int i = 0; i < count;) {
+        int const located = locateBlock(x + i, y + i, z + i, count - i, space, block, tiles);
+        for (int j = 0; j < located; ++j, ++i) {
+            Located const& l = block[static_cast<unsigned>(j)];
+            if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) {
+                put(i, m_source.m_defaultValue);
+                continue;
+            }
+            if (!m_voxel.is(l.tree, l.lijk))
+                m_voxel.moveTo(m_source.m_container->tile(l.tree), l.lijk,
+                               Internal::limitedVoxel<Traits>(l.lijk), tiles[l.block]);
+            put(i, current(l.frac));
         }
     }
 }

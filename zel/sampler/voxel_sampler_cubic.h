@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "zel/sampler/cubic_block.h"
 #include "zel/sampler/cubic_halo_cache.h"
 #include "zel/sampler/cubic_voxel.h"
 #include "zel/sampler/voxel_sampler.h"
@@ -34,7 +35,7 @@ public:
     /// value to the range of those around it. With kJumpAdaptive, voxels whose entry in
     /// `dofChannel`, if not null, has a bit of `dofMask` are read from the coarser level, or in a
     /// refined neighbour from the tile's own level; the flags are meant to cover whole voxels of
-    /// the coarser level, none of which is refined: otherwise places in a stencil may coincide.
+    /// the coarser level, none of which is refined: where they do not, values are off.
     /// With kJumpTrilinear and a topology of offset type 7, `cacheSize` tiles are kept with a halo,
     /// and all samples are interpolated within those. Throws std::invalid_argument for a negative
     /// size, std::length_error for one that cannot be held, and std::bad_alloc.
@@ -62,12 +63,31 @@ public:
                   bool debug);
 
 private:
-    bool moveTo(TreeIndex const& tree, int3 const& lijk);
-    T trilinearAtJump(TreeIndex const& tree, int3 const& lijk, float3 const& frac);
-    T adaptive(TreeIndex const& tree, int3 const& lijk, float3 const& frac, int depth);
+    using Tile = TileOf<Traits>;
+    using Lanes = Internal::Lanes;
+    using IntLanes = Internal::IntLanes;
+
+    /// A position of a block: its tile, voxel and place in the voxel, and the block of tiles that
+    /// it reads.
+    struct Located {
+        IntLanes lijk;
+        Lanes frac;
+        TreeIndex tree;
+        unsigned block;
+    };
+    static constexpr int kBlock = 64;
+
+    int locateBlock(float const* x, float const* y, float const* z, int count, int space,
+                    std::array<Located, kBlock>& located,
+                    std::array<Internal::TileBlock<T>, kBlock>& blocks);
+    bool moveTo(TreeIndex const& tree, IntLanes const& lijk);
+    T sampleVoxel(TreeIndex const& tree, IntLanes const& lijk, Lanes const& frac, int depth);
+    T current(Lanes const& frac);
+    T adaptive(TreeIndex const& tree, IntLanes const& lijk, Lanes const& frac, int depth);
 
     Internal::CubicSource<Traits, T> m_source;
     Internal::HaloTileCache<Traits, T> m_cache;
+    Internal::TileBlocks<Traits, T> m_blocks;
     Internal::CubicVoxel<Traits, T> m_voxel;
 };
 

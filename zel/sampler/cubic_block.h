@@ -1,0 +1,124 @@
+#pragma once
+
+#include <bit>
+
+#include "zel/sampler/cubic_source.h"
+#include "zel/sampler/cubic_stencil.h"
+
+namespace ORV::TileTree3D::Internal {
+
+/// Whole numbers, of which the fourth is left out of account in a place. In registers: one that is
+/// written to memory by parts is slow to be read as a whole.
+inline IntLanes lanesOfInts(int3 const& v, int fourth) {
+    return IntLanes{v.x, v.y, v.z, fourth};
+}
+inline int3 int3Of(IntLanes const& v) {
+    return {v[0], v[1], v[2]};
+}
+
+/// A voxel index in the range that a position can have; only where a lattice coordinate is too
+/// large for a float would it leave it.
+template <class Traits> IntLanes limitedVoxel(IntLanes const& lijk) {
+    constexpr int kLast = Traits::kSamples - 1;
+    IntLanes const voxel = lijk < -1 ? IntLanes{} - 1 : lijk;
+    return voxel > kLast ? IntLanes{} + kLast : voxel;
+}
+
+/// The voxel of the lowest value of the stencil of a voxel, in the tile that holds it.
+template <class Traits> IntLanes lowestOf(IntLanes const& voxel) {
+    return voxel - 1 + ((voxel < 1) & Traits::kSamples);
+}
+
+/// The samples of 2x2x2 tiles of one depth, at their blockPlace: those around the stencil of a
+/// voxel. The first tile holds its lowest value.
+template <class T> struct TileBlock {
+    IntLanes place{0, 0, 0, -1};      ///< the low corner of the first tile, and the depth
+    bool atJump = false;              ///< whether there is one that is missing or of another depth
+    std::array<T const*, 8> tiles{};  ///< all of them if not at a jump
+
+    bool is(IntLanes const& other) const { return allSet(place == other); }
+};
+
+/// Blocks found before, by where they are: a scan line comes back to those of the line before it.
+template <class Traits, class T> class TileBlocks {
+    using Tile = TileOf<Traits>;
+    using Source = CubicSource<Traits, T>;
+
+public:
+    explicit TileBlocks(Source const& source)
+        : m_accessors{source.m_tileAccessor, source.m_tileAccessor, source.m_tileAccessor,
+                      source.m_tileAccessor, source.m_tileAccessor, source.m_tileAccessor,
+                      source.m_tileAccessor, source.m_tileAccessor},
+          m_shift(static_cast<int>(std::bit_width(
+                      static_cast<unsigned>(Traits::tileWidth(source.m_container->depth())))) -
+                  1) {}
+
+    /// The place of the block of a voxel of a tile.
+    static IntLanes placeOf(Tile const& tile, IntLanes const& voxel) {
+        IntLanes const below = (voxel < 1) & IntLanes{-1, -1, -1, 0};
+        return lanesOfInts(tile.m_tijk, tile.m_depth) - (below & tile.tileVoxelWidth());
+    }
+
+    /// The block at a place, which is that of a voxel of a tile; valid until the next call. `known`
+    /// tells whether it was there already.
+    TileBlock<T> const& at(Source const& source, Tile const& tile, IntLanes const& place,
+                           bool& known) {
+        auto const cell = [&](int axis) {
+            return static_cast<std::uint32_t>(place[axis] >> m_shift);
+        };
+        TileBlock<T>& block = m_blocks[(cell(0) + 19 * cell(1) + 53 * cell(2)) % m_blocks.size()];
+        known = block.is(place);
+        if (!known) {
+            block.place = place;
+            block.atJump = true;
+            Tile const& parent = source.m_container->tile(tile.parentTreeIndex());
+            if (parent.exists()) find(source, tile, parent, block);  // around the root is nothing
+        }
+        return block;
+    }
+
+private:
+    /// Finds the tiles by their parents. Along an axis they have the same one, or two.
+    void find(Source const& source, Tile const& tile, Tile const& parent, TileBlock<T>& block) {
+        int const width = tile.tileVoxelWidth(), parentWidth = parent.tileVoxelWidth();
+        int3 const corner = int3Of(block.place);
+        int3 firstParent = parent.tijk();
+        unsigned across = 0, own = 0;
+        for (int axis = 0; axis < 3; ++axis) {
+            int const above = corner[axis] - parent.tijk()[axis];
+            unsigned const bit = 4U >> axis;
+            if (above < 0) {
+                firstParent[axis] -= parentWidth;
+                own |= bit;
+            }
+            if (above < 0 || above == parentWidth - width) across |= bit;
+        }
+        // Or shallower tiles in their place.
+        std::array<Tile const*, 8> parents;
+        for (unsigned n = 0; n < 8; ++n) {
+            if ((n & ~across) != 0) continue;
+            int3 const p = firstParent + stepOf(n) * parentWidth;
+            parents[n] = n == own ? &parent : &m_accessors[n].tile(p.x, p.y, p.z, parent.depth());
+        }
+        block.atJump = false;
+        for (unsigned n = 0; n < 8; ++n) {
+            Tile const& over = *parents[n & across];
+            int3 const child = over.childIJK(corner + stepOf(n) * width);
+            block.tiles[n] = over.depth() == parent.depth()
+                                 ? source.m_channel->samples(over.childTreeIndex(child))
+                                 : nullptr;
+            block.atJump = block.atJump || !block.tiles[n];
+        }
+    }
+    /// The way to a blockPlace from the first one.
+    static int3 stepOf(unsigned n) {
+        return {static_cast<int>(n >> 2), static_cast<int>(n >> 1 & 1), static_cast<int>(n & 1)};
+    }
+
+    // One a parent, so that each finds the next one near its last.
+    std::array<typename Container<Traits>::ConstTileAccessor, 8> m_accessors;
+    std::array<TileBlock<T>, 128> m_blocks;
+    int m_shift;  // 2 to the power of this is about the width of the finest tiles
+};
+
+}  // namespace ORV::TileTree3D::Internal
