@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "dense_volume.h"
 #include "orvane_geometry_volume/tile_tree.h"
 #include "ratio_table.h"
 #include "zel/sampler/voxel_sampler_cubic.h"
@@ -81,43 +82,6 @@ Positions makePositions(bool scan, int low, int size, int count) {
     return p;
 }
 
-/// A dense array of samples, x fastest.
-template <class T> struct Dense {
-    int low, size;
-    std::vector<T> samples;
-
-    T sample(float3 const& p) const {
-        constexpr float kInverse = 1 / kVoxelSize;
-        auto const l = static_cast<float>(low);
-        float const x = p.x * kInverse - l, y = p.y * kInverse - l, z = p.z * kInverse - l;
-        auto const end = static_cast<float>(size - 2);
-        if (!(x >= 1 && x < end && y >= 1 && y < end && z >= 1 && z < end)) return T();
-        int const i = static_cast<int>(x), j = static_cast<int>(y), k = static_cast<int>(z);
-        float wx[4], wy[4], wz[4];
-        weights(x - static_cast<float>(i), wx);
-        weights(y - static_cast<float>(j), wy);
-        weights(z - static_cast<float>(k), wz);
-        std::ptrdiff_t const row = size, slice = row * size;
-        T const* const corner = samples.data() + (i - 1) + row * (j - 1) + slice * (k - 1);
-        T columns[4] = {};  // the sums over y and z, for each x
-        for (int c = 0; c < 4; ++c)
-            for (int b = 0; b < 4; ++b) {
-                float const w = wy[b] * wz[c];
-                T const* const from = corner + row * b + slice * c;
-                for (int a = 0; a < 4; ++a) columns[a] += from[a] * w;
-            }
-        return columns[0] * wx[0] + columns[1] * wx[1] + columns[2] * wx[2] + columns[3] * wx[3];
-    }
-
-private:
-    static void weights(float t, float (&w)[4]) {
-        w[0] = t * (1 - t) * (t - 2) * (1.0F / 6);
-        w[1] = (t + 1) * (t - 1) * (t - 2) * 0.5F;
-        w[2] = t * (t + 1) * (2 - t) * 0.5F;
-        w[3] = t * (t + 1) * (t - 1) * (1.0F / 6);
-    }
-};
-
 /// One way to read samples at all positions; `baseline` names another one to compare it with.
 struct Reader {
     std::string name, baseline;
@@ -141,21 +105,13 @@ public:
                          high.y > first && high.z > first;
               },
               function<T>)),
-          m_dense{m_low, m_size, {}} {
-        auto const accessor = m_volume.container->tileAccessor();
-        for (int n = 0; n < m_size * m_size * m_size; ++n) {
-            int3 const p{m_low + n % m_size, m_low + n / m_size % m_size,
-                         m_low + n / m_size / m_size};
-            auto const& tile = accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth);
-            m_dense.samples.push_back(
-                std::as_const(*m_volume.channel).tileData(tile.treeIndex())(p - tile.tijk()));
-        }
+          m_dense(denseCopy(m_volume, m_low, m_size)) {
         std::string const dense = name + "/dense_lagrange";
         auto const add = [&](std::string const& reader, std::function<double()> run) {
             readers.push_back({name + "/" + reader, dense, count, std::move(run)});
         };
         add("dense_lagrange",
-            [this] { return m_positions.sum([&](float3 const& p) { return m_dense.sample(p); }); });
+            [this] { return m_positions.sum([&](float3 const& p) { return m_dense.cubic(p); }); });
         for (unsigned type = 0; type < 4; ++type) {
             m_samplers[type] = std::make_unique<Sampler<Traits, T>>(
                 *m_volume.container, *m_volume.topology, *m_volume.channel, type, true,
@@ -190,7 +146,7 @@ public:
     bool agree() const {
         double worst = 0;
         m_positions.sum([&](float3 const& p) {
-            T const a = m_samplers[1]->sample(p, kWorld), b = m_dense.sample(p);
+            T const a = m_samplers[1]->sample(p, kWorld), b = m_dense.cubic(p);
             float const x = *reinterpret_cast<float const*>(&a),
                         y = *reinterpret_cast<float const*>(&b);
             worst = std::max(worst, std::abs(double{x} - y) / (1 + std::abs(double{y})));
@@ -213,7 +169,7 @@ private:
     int m_low, m_size;
     Positions m_positions;
     Volume<Traits, T> m_volume;
-    Dense<T> m_dense;
+    DenseVolume<T> m_dense;
     std::array<std::unique_ptr<Sampler<Traits, T>>, 4> m_samplers;
     std::vector<float> m_out;
 #ifdef ZEL_WITH_OPENVDB
@@ -266,19 +222,26 @@ private:
     Positions m_at[2];
 };
 
+void printTable(RatioReporter const& report, Readers const& readers) {
+    std::printf("\nread                                    median     least   ratio"
+                "   (ns a position, one thread; to the dense array, or to uniform)\n");
+    for (Reader const& reader : readers) {
+        RatioReporter::Times const own = report[reader.name];
+        std::printf("%-36s", reader.name.c_str());
+        printCell(own.median, 10, 2);
+        printCell(own.least, 10, 2);
+        printCell(ratio(own.least, report[reader.baseline].least), 10, 2);
+        std::printf("\n");
+    }
+#ifndef ZEL_WITH_OPENVDB
+    std::printf("OpenVDB was not found when this was built: no comparison with it\n");
+#endif
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Repetitions in random order even out what else the machine does. The user's own options come
-    // later and win.
-    std::vector<char*> arguments(argv, argv + argc);
-    std::string defaults[] = {"--benchmark_repetitions=9", "--benchmark_min_time=0.02",
-                              "--benchmark_enable_random_interleaving=true"};
-    for (std::string& option : defaults) arguments.insert(arguments.begin() + 1, option.data());
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return EXIT_FAILURE;
+    if (!startBenchmarks(argc, argv, 9, "0.02")) return EXIT_FAILURE;
 
     constexpr int kScan = 1 << 16, kRandom = 1 << 18;
     Readers readers;
@@ -301,25 +264,7 @@ int main(int argc, char** argv) {
                 benchmark::DoNotOptimize(reader.run());
                 benchmark::ClobberMemory();
             }
-            using benchmark::Counter;
-            state.counters[RatioReporter::kCounter] =
-                Counter(reader.count, Counter::kIsIterationInvariantRate | Counter::kInvert);
+            countItems(state, reader.count);
         })->Unit(benchmark::kMillisecond);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::printf("\nread                                    median     least   ratio"
-                "   (ns a position, one thread; to the dense array, or to uniform)\n");
-    for (Reader const& reader : readers) {
-        RatioReporter::Times const own = reporter[reader.name];
-        std::printf("%-36s", reader.name.c_str());
-        printCell(own.median, 10, 2);
-        printCell(own.least, 10, 2);
-        printCell(ratio(own.least, reporter[reader.baseline].least), 10, 2);
-        std::printf("\n");
-    }
-#ifndef ZEL_WITH_OPENVDB
-    std::printf("OpenVDB was not found when this was built: no comparison with it\n");
-#endif
-    benchmark::Shutdown();
-    return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
+    return runBenchmarks([&](RatioReporter const& report) { printTable(report, readers); });
 }
