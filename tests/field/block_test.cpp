@@ -9,6 +9,7 @@
 
 #include "quern_core/simd_target.h"
 #include "support/random_nodes.h"
+#include "zel/field/node_impl.h"
 
 // Evaluation in blocks: that it gives what points give, and asks nodes no more than it may.
 namespace {
@@ -194,6 +195,70 @@ TEST_F(BlockCalls, RetiresPointsThatHaveCome) {
         if (length(positions[i]) < 1e6F) {
             ASSERT_EQ(calls[i], positions[i].x > 0 ? 2 : 6) << positions[i].x;
         }
+}
+
+/// Nodes as a user builds them, outside of the library.
+struct Guarded : LeafNode<Guarded, ScalarField> {
+    float valueOf(float3 const& p, long long) const { return p.x; }
+    float3 gradientOf(float3 const& p, long long) const {
+        if (p.x < 0) throw std::domain_error("not asked by points");
+        return {1, 0, 0};
+    }
+};
+struct Beside : FieldNode<Beside, ScalarField> {
+    Beside(ScalarPtr f, ScalarPtr g) : f(std::move(f)), g(std::move(g)) {}
+    using ScalarField::eval;
+    template <class Node> static auto children(Node& node) { return std::tie(node.f, node.g); }
+    float eval(float3 const& p, long long i) const override {
+        return f->eval({p.x + 1, p.y, p.z}, i) * g->eval(p, i);
+    }
+    void blockValues(Block& block, BlockResult<float>& out) const {
+        Block::Frame const frame(block);
+        auto moved = block.result<float3>();
+        mapLanes(
+            block, moved,
+            [](float3 const& p) {
+                return float3{p.x + 1, p.y, p.z};
+            },
+            block.positions());
+        // Asks for positions of this block while others are at work.
+        block.withPositions(moved.lanes, [&](Block& there) {
+            mapLanes(
+                there, out, [](float x, float y) { return x * y; }, there.values(f),
+                block.values(g));
+        });
+    }
+    ScalarPtr f, g;
+};
+
+TEST(Block, TreatsNodesOfUsersAsPointsDo) {
+    ScalarPtr const zero = makePtr<ScalarFieldConstant>(0.0F);
+    expectEqual(*makePtr<ScalarFieldMax>(makePtr<Guarded>(), zero), somePositions(1000));
+
+    ScalarPtr const g = makePtr<ScalarFieldSine>(makePtr<ScalarFieldYPosition>());
+    ScalarPtr tree = makePtr<Beside>(makePtr<ScalarFieldCosine>(g), g);
+    for (int i = 0; i < 40; ++i) {  // enough to write over results that were given up
+        ScalarPtr const twice = makePtr<ScalarFieldSine>(makePtr<ScalarFieldXPosition>());
+        tree = makePtr<ScalarFieldAdd>(tree, makePtr<ScalarFieldAdd>(twice, twice));
+    }
+    expectEqual(*makePtr<ScalarFieldMultiply>(tree, g), somePositions(1000));
+}
+
+TEST(BlockDeathTest, RunsWhileTheObjectsOfTheThreadAreDestroyed) {
+    struct AtExit {
+        ~AtExit() {
+            Quern::Array<float3> const at(1, float3{1, 2, 3});
+            if (!same((*field(tree).eval(at))[0], tree->eval(at[0], 0))) std::_Exit(1);
+        }
+        ScalarPtr tree = RandomNodes(3).make<ScalarFieldLerp>();
+    };
+    EXPECT_EXIT(
+        {
+            static AtExit const last;
+            field(last.tree).eval(somePositions(1));
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 TEST(Block, SurvivesExceptionsAndBatchesInsideOfIt) {

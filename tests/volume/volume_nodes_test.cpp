@@ -38,6 +38,17 @@ template <class T, class F> auto differences(F const& f, float3 const& p) {
     return Probe(f).grad(p, 0);
 }
 
+TEST(VolumeNodes, ReadTheDefaultValueInTilesTheChannelLacks) {
+    auto volume = build<BinaryTraits, float>(plane<float>);
+    volume.channel =
+        makePtr<DataChannel<BinaryTraits, float>>("", &support::kInf, 0, false, true, 3, 3);
+    volume.channel->update(*volume.topology);
+    for (SamplerType const type : kTypes) {
+        Scalar const node(host(volume), "d", type);
+        EXPECT_EQ(node.eval({-0.21F, -0.13F, -0.33F}, 0), support::kInf);
+    }
+}
+
 TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
         for (auto const& function : {plane<T>, waves<T>}) {
