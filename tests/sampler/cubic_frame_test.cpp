@@ -61,10 +61,15 @@ TYPED_TEST(Frame, BlockIsPointByPoint) {
     using T = typename TypeParam::Value;
     using Floats = std::array<float, Internal::LaneTraits<T>::kComponents>;
     Random random(22);
-    TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), 7, 1, Traits::kMaxDepth, T());
-    volume.fillRandomly(random);
-    for (auto const& [jump, cacheSize] :
-         {std::pair{kJumpTrilinear, 0}, {kJumpTrilinear, 3}, {kJumpAdaptive, 0}})
+    for (auto const& [offsetType, jump, cacheSize] : {std::tuple{7, kJumpTrilinear, 0},
+                                                      {7, kJumpTrilinear, 3},
+                                                      {7, kJumpAdaptive, 0},
+                                                      {0, kJumpTrilinear, 0},
+                                                      {3, kJumpTrilinear, 0}}) {
+        TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), offsetType, offsetType % 2,
+                                     Traits::kMaxDepth, T());
+        volume.fillRandomly(random);
+        auto sampler = volume.sampler(kCubicC1, true, jump, nullptr, cacheSize);
         for (int count : {0, 1, 64, 65, 300}) {
             int const space = count % 2 * 2;
             std::vector<float> x, y, z;
@@ -82,8 +87,9 @@ TYPED_TEST(Frame, BlockIsPointByPoint) {
                 values[c].assign(static_cast<std::size_t>(count) + 1, -3);
                 out[c] = values[c].data();
             }
-            auto sampler = volume.sampler(kCubicC1, true, jump, nullptr, cacheSize),
-                 other = volume.sampler(kCubicC1, true, jump, nullptr, cacheSize);
+            // One sampler goes on from block to block, with a point between them.
+            auto other = volume.sampler(kCubicC1, true, jump, nullptr, cacheSize);
+            if (count > 0) sampler.sample({y[0], z[0], x[0]}, 3, space);
             std::size_t blocks = 0;
             {
                 AllocationCount const allocations;
@@ -98,6 +104,7 @@ TYPED_TEST(Frame, BlockIsPointByPoint) {
             }
             for (auto const& component : values) EXPECT_EQ(component.back(), -3);
         }
+    }
 }
 
 template <class Traits, class T>

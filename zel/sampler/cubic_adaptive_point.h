@@ -233,7 +233,8 @@ int AdaptiveSample<Traits, T, Trace>::getDefaultValue(Point& point) const {
     return 2;
 }
 
-/// The value of another tile, or between data points of this one. A trace follows all of its way.
+/// The value of another tile, or between data points of this one. A trace follows all of its way,
+/// and so does a search for NaNs.
 template <class Traits, class T, class Trace>
 T AdaptiveSample<Traits, T, Trace>::sampleVoxel(Tile const& tile, int3 const& lijk,
                                                 float3 const& frac) const {
@@ -241,7 +242,7 @@ T AdaptiveSample<Traits, T, Trace>::sampleVoxel(Tile const& tile, int3 const& li
         return adaptiveValue<Traits, T, Trace>(m_source, tile.treeIndex(), lijk, frac,
                                                m_depthLimit);
     };
-    if (Trace::kOn || frac == float3{}) return find();
+    if (Trace::kOn || Trace::kCheckNaN || frac == float3{}) return find();
     typename AdaptiveMemo<T>::Key const key{tile.treeIndex(), lijk, m_depthLimit, frac};
     if (T const* const known = m_source.m_memo.find(key)) return *known;
     T const value = find();

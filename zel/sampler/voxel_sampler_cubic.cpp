@@ -103,7 +103,8 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk,
     if (m_source.m_jumpHandling != kJumpTrilinear)
         return Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, tree, limited,
                                                                          frac, depth);
-    Internal::traceBlock(m_source, tree, limited, frac);
+    if (!isCached(Internal::limitedVoxel<Traits>(voxel)))
+        Internal::traceBlock(m_source, tree, limited, frac);
     return sampleVoxel(tree, voxel, Internal::lanesOf(frac), depth);
 }
 
@@ -122,7 +123,7 @@ bool ZEL_DETAIL_CUBIC_SAMPLER::moveTo(TreeIndex const& tree, IntLanes const& lij
     Tile const& tile = m_source.m_container->tile(tree);
     if (!tile.exists()) return false;
     IntLanes const voxel = Internal::limitedVoxel<Traits>(lijk);
-    if (m_cache.enabled() && voxel[0] >= 0 && voxel[1] >= 0 && voxel[2] >= 0) {
+    if (isCached(voxel)) {
         m_voxel.moveTo(tree, lijk, voxel,
                        m_cache.halo(tree, *m_source.m_channel, m_source.m_tileAccessor));
     } else {

@@ -35,10 +35,11 @@ public:
     /// value to the range of those around it. With kJumpAdaptive, voxels whose entry in
     /// `dofChannel`, if not null, has a bit of `dofMask` are read from the coarser level, or in a
     /// refined neighbour from the tile's own level; the flags are meant to cover whole voxels of
-    /// the coarser level, none of which is refined: where they do not, values are off.
-    /// With kJumpTrilinear and a topology of offset type 7, `cacheSize` tiles are kept with a halo,
-    /// and all samples are interpolated within those. Throws std::invalid_argument for a negative
-    /// size, std::length_error for one that cannot be held, and std::bad_alloc.
+    /// the coarser level, none of which is refined: where they do not, values are off. Their halo
+    /// is read for a voxel of -1 that is sampled by name. With kJumpTrilinear and a topology of
+    /// offset type 7, `cacheSize` tiles are kept with a halo, and all samples are interpolated
+    /// within those. Throws std::invalid_argument for a negative size, std::length_error for one
+    /// that cannot be held, and std::bad_alloc.
     VoxelSamplerCubic(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                       DataChannel<Traits, T> const& channel, std::int32_t type, bool clamp,
                       std::int32_t jumpHandling, DofChannel const* dofChannel, std::int32_t dofMask,
@@ -80,6 +81,10 @@ private:
     int locateBlock(float const* x, float const* y, float const* z, int count, int space,
                     std::array<Located, kBlock>& located,
                     std::array<Internal::TileBlock<T>, kBlock>& blocks);
+    /// Whether a voxel is read from a tile with a halo.
+    bool isCached(Internal::IntLanes const& voxel) const {
+        return m_cache.enabled() && voxel[0] >= 0 && voxel[1] >= 0 && voxel[2] >= 0;
+    }
     bool moveTo(TreeIndex const& tree, IntLanes const& lijk);
     T sampleVoxel(TreeIndex const& tree, IntLanes const& lijk, Lanes const& frac, int depth);
     T current(Lanes const& frac);
