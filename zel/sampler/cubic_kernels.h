@@ -3,6 +3,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <limits>
 
 #include "orvane_math/vectors.h"
 #include "zel/sampler/lanes.h"
@@ -75,24 +76,23 @@ inline std::int32_t above(float a, float b) {
 inline IntLanes above(Lanes const& a, Lanes const& b) {
     return a > b;
 }
-/// Each value where its mask is set, and 0 where neither is. Of a choice by ?: compilers make slow
-/// code, since both sides may be 0.
-template <class V, class Mask>
-V either(V const& a, Mask const& whereA, V const& b, Mask const& whereB) {
-    return std::bit_cast<V>((std::bit_cast<Mask>(a) & whereA) | (std::bit_cast<Mask>(b) & whereB));
-}
-
 /// The slopes of kCubicC1Monotonic for a rise of `d`: those against it become 0, and so do both,
-/// and the rise, where there is none.
+/// and the rise, where there is none. By bits, since of a choice compilers make slow code.
 template <class V> void limitSlopes(V& d, V& m1, V& m2) {
     constexpr V kZero{};
-    auto const up = above(d, kZero), down = above(kZero, d);
+    using Mask = decltype(above(d, kZero));
+    constexpr Mask kSign = Mask{} | std::numeric_limits<std::int32_t>::min();
+    auto const bits = std::bit_cast<Mask>(d);
+    Mask const sign = bits & kSign;
+    Mask const rises = above(std::bit_cast<V>(bits & ~kSign), kZero);  // no NaN does
     auto const limited = [&](V const& m) {
-        return either(m, up & ~above(kZero, m), m, down & ~above(m, kZero));
+        auto const slope = std::bit_cast<Mask>(m);
+        Mask const against = above(kZero, std::bit_cast<V>(slope ^ sign));
+        return std::bit_cast<V>(slope & rises & ~against);
     };
     m1 = limited(m1);
     m2 = limited(m2);
-    d = either(d, up, d, down);
+    d = std::bit_cast<V>(bits & rises);
 }
 
 /// What the interpolant of a type is made of, for points one step apart, at a fraction t of the
