@@ -157,9 +157,10 @@ public:
     /// sentinel outside the root, for the sentinel and for a direction outside 0 to 26.
     Tile const& tileNeighbor(Tile const& tile, NeighborDirection direction) const;
 
-    /// Asks memory for what tile() is about to read, where that is a tile of the depth asked for.
-    /// The current tile stays.
-    void prefetch(int i, int j, int k, int depth) const;
+    /// Asks memory for the tile that tile() will most likely give, if that is one of the depth
+    /// asked for, and names it, or null. The current tile stays; made the current one, that tile
+    /// saves the look-up.
+    Tile const* prefetch(int i, int j, int k, int depth) const;
 
     Container const& container() const { return *m_container; }
 

@@ -134,14 +134,17 @@ auto Container<Traits>::ConstTileAccessor::find(int i, int j, int k, int depth) 
 }
 
 template <class Traits>
-void Container<Traits>::ConstTileAccessor::prefetch(int i, int j, int k, int depth) const {
+auto Container<Traits>::ConstTileAccessor::prefetch(int i, int j, int k, int depth) const
+    -> Tile const* {
     int const deepest = std::min(depth, m_container->m_state.depth);
     Search const search(*m_container, i, j, k, deepest);
-    if (deepest <= 1 || !search.insideRoot()) return;
-    if (Tile const* const tile = search.likelyBelow(deepest - 1)) {
+    if (deepest <= 1 || !search.insideRoot()) return nullptr;
+    Tile const* const tile = search.likelyBelow(deepest - 1);
+    if (tile) {
         __builtin_prefetch(tile);  // which may lie in two cache lines
         __builtin_prefetch(&tile->m_exists);
     }
+    return tile;
 }
 
 template <class Traits>

@@ -58,9 +58,9 @@ Internal::IntLanes roundedDown(Internal::Lanes const& v) {
 }  // namespace
 
 template <class Traits, class Real, class Position>
-void VoxelSampler<Traits, Real, Position>::prefetchTiles(float const* x, float const* y,
+bool VoxelSampler<Traits, Real, Position>::prefetchTiles(float const* x, float const* y,
                                                          float const* z, int count, int space,
-                                                         int depth) const {
+                                                         int depth, Tile const** likely) const {
     using namespace Internal;
     // By the step from the position before. Of most blocks no step is far.
     float const scale = space == kWorldSpace ? m_invVoxelSize : 1.0F;
@@ -73,14 +73,16 @@ void VoxelSampler<Traits, Real, Position>::prefetchTiles(float const* x, float c
     };
     int anyFar = 0;
     for (int i = 1; i < count; ++i) anyFar |= farStep(i);
-    if (anyFar == 0) return;
+    if (anyFar == 0) return false;
     for (int i = 0; i < count; ++i) {
+        likely[i] = nullptr;
         if (i > 0 && farStep(i) == 0) continue;
         Lanes const v = Lanes{x[i], y[i], z[i], 0} * scale;
         if (!inReach(v)) continue;
         IntLanes const p = roundedDown(v);
-        m_accessor.prefetch(p[0], p[1], p[2], depth);
+        likely[i] = m_accessor.prefetch(p[0], p[1], p[2], depth);
     }
+    return true;
 }
 
 /// Moves the box to the tile over a position on the lattice, if there is one.

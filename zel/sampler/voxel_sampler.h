@@ -74,9 +74,10 @@ protected:
                                            Internal::Lanes& frac) const;
 
     /// Asks memory for the tiles over `count` positions, but for those that lie near the position
-    /// before them.
-    void prefetchTiles(float const* x, float const* y, float const* z, int count, int space,
-                       int depth) const;
+    /// before them, and names what may be these tiles or null; false, and names none, if there are
+    /// no others.
+    bool prefetchTiles(float const* x, float const* y, float const* z, int count, int space,
+                       int depth, Tile const** likely) const;
 
     /// A tile, the box around a position in which the same tile would be found, and what turns a
     /// position into a place in the tile.

@@ -132,7 +132,8 @@ int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* 
                                    int maxDepth, int space, std::array<Located, kBlock>& located) {
     int const end = std::min(count, kBlock), depth = std::min(m_depth, maxDepth);
     float const scale = space == this->kWorldSpace ? this->m_invVoxelSize : 1.0F;
-    this->prefetchTiles(x, y, z, end, space, depth);
+    std::array<TileOf<Traits> const*, kBlock> likely;
+    bool const anyFar = this->prefetchTiles(x, y, z, end, space, depth, likely.data());
     bool known = false;          // whether the next two are those of the box
     T const* samples = nullptr;  // of its tile in the halo form
     bool hasSamples = false;
@@ -142,6 +143,8 @@ int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* 
         auto const v = Internal::Lanes{x[i], y[i], z[i], 0} * scale;
         bool const moved = !known || !this->inBox(v, depth);
         if (moved) {
+            if (anyFar && likely[static_cast<unsigned>(i)])
+                this->m_accessor.m_currentTile = likely[static_cast<unsigned>(i)];
             known = this->inBox(v, depth) || this->moveBox(v, depth);
             if (!known) continue;
             TreeIndex const& tree = this->m_box->tree;
