@@ -165,9 +165,13 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
                                           std::array<Internal::TileBlock<T>, kBlock>& blocks) {
     auto const end = static_cast<unsigned>(std::min(count, kBlock));
     int const depth = std::min(m_source.m_maxDepth, std::int32_t{Traits::kMaxDepth});
+    std::array<Tile const*, kBlock> likely;
+    bool const anyFar =
+        this->prefetchTiles(x, y, z, static_cast<int>(end), space, depth, likely.data());
     // A pass of its own, in which the waits for the tiles overlap.
     for (unsigned i = 0; i < end; ++i) {
         Located& l = located[i];
+        if (anyFar && likely[i]) this->m_accessor.m_currentTile = likely[i];
         l.tree = this->place({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac) ? this->m_box->tree
                                                                                : TreeIndex();
     }
