@@ -35,14 +35,6 @@ template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, fl
 constexpr float kVoxelSize = 0.1F;
 constexpr int kWorld = 2;
 
-template <class T> T function(float3 const& p) {
-    float const v = p.x * p.y - p.z + std::abs(p.x - p.z);
-    if constexpr (std::same_as<T, float>)
-        return v;
-    else
-        return {v, 1 - v, 2 * v};
-}
-
 /// Positions one array a component, in world units.
 struct Positions {
     std::vector<float> x, y, z;
@@ -104,7 +96,7 @@ public:
                   return low.x < last && low.y < last && low.z < last && high.x > first &&
                          high.y > first && high.z > first;
               },
-              function<T>)),
+              creasedFunction<T>)),
           m_dense(denseCopy(m_volume, m_low, m_size)) {
         std::string const dense = name + "/dense_lagrange";
         auto const add = [&](std::string const& reader, std::function<double()> run) {
@@ -191,7 +183,7 @@ public:
                       if (!(low[axis] < kReach && high[axis] > -kReach)) return false;
                   return depth < Traits::kMaxDepth || high.x < 0.4F;
               },
-              function<float>)) {
+              creasedFunction<float>)) {
         auto const accessor = m_volume.container->tileAccessor();
         int last = 0;  // the first lattice point beyond the fine tiles
         while (accessor.tile(last, 0, 0, Traits::kMaxDepth).depth() == Traits::kMaxDepth) ++last;

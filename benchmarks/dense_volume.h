@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <type_traits>
 #include <utility>
@@ -7,6 +8,15 @@
 #include "orvane_geometry_volume/volume_builder.h"
 #include "orvane_math/vectors.h"
 #include "quern_core/array.h"
+
+/// What the benchmarks of the samplers fill their volumes with: curved, and with a crease.
+template <class T> T creasedFunction(Orvane::Math::float3 const& p) {
+    float const v = p.x * p.y - p.z + std::abs(p.x - p.z);
+    if constexpr (std::is_same_v<T, float>)
+        return v;
+    else
+        return {v, 1 - v, 2 * v};
+}
 
 /// Samples in a dense array, `size` along each axis, x fastest, from lattice point `low` on: what a
 /// caller without a sparse volume would write by hand, as fast as that is.

@@ -34,14 +34,6 @@ using namespace ORV::TileTree3D;
 constexpr float kVoxelSize = 0.1F;
 constexpr int kWorld = 2;
 
-template <class T> T function(float3 const& p) {
-    float const v = p.x * p.y - p.z + std::abs(p.x - p.z);
-    if constexpr (std::same_as<T, float>)
-        return v;
-    else
-        return {v, 1 - v, 2 * v};
-}
-
 /// Positions one array a component, in world units.
 struct Positions {
     std::vector<float> x, y, z;
@@ -156,7 +148,7 @@ public:
                   return low.x < last && low.y < last && low.z < last && high.x > first &&
                          high.y > first && high.z > first;
               },
-              function<T>)),
+              creasedFunction<T>)),
           m_halo("", &m_volume.channel->defaultValue(), 0, false, true, 0, Traits::kMaxDepth),
           m_dense(denseCopy(m_volume, m_low, m_size)) {
         m_halo.update(*m_volume.topology);

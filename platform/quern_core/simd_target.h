@@ -34,3 +34,10 @@ ZEL_PLATFORM_API void useSimdTarget(SimdTarget const& target);
 extern ZEL_PLATFORM_API bool wideVectors;
 
 }  // namespace Quern
+
+/// Marks the form of such a function that is called where there are wide vectors.
+#if defined(__x86_64__) && !defined(__AVX2__)
+#define ZEL_WIDE_TARGET __attribute__((target("avx2")))
+#else
+#define ZEL_WIDE_TARGET
+#endif

@@ -7,12 +7,6 @@
 // operation is contracted or reordered.
 namespace zel::detail {
 
-#if defined(__x86_64__) && !defined(__AVX2__)
-#define ZEL_WIDE_TARGET __attribute__((target("avx2")))
-#else
-#define ZEL_WIDE_TARGET
-#endif
-
 /// Says that no iteration of the loop that follows depends on another; and, of a loop that does
 /// little, to do more at a time. clang finds out by itself: told so, it would warn of each loop
 /// that calls a library function and stays as it is.

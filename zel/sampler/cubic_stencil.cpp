@@ -4,12 +4,6 @@
 
 // The kernels are compiled twice, for the processor that the library is built for and for wider
 // vectors, and one is chosen when they run. Both give the same bits.
-#if defined(__x86_64__) && !defined(__AVX2__)
-#define ZEL_WIDE_TARGET __attribute__((target("avx2")))
-#else
-#define ZEL_WIDE_TARGET
-#endif
-
 namespace ORV::TileTree3D::Internal {
 
 namespace {
