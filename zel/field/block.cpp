@@ -168,7 +168,7 @@ void setColumn(int axis, int count, Lanes<typename Interface::Value> const& abov
         auto const r = static_cast<unsigned>(row);
         float const *const f1 = above.component[r], *const f2 = below.component[r];
         float* const out = write.component[static_cast<unsigned>(3 * row + axis)];
-        forEachLane(count, [=](int i) ZEL_LANES { out[i] = (f1[i] - f2[i]) / divisor[i]; });
+        Quern::forEachLane(count, [=](int i) ZEL_LANES { out[i] = (f1[i] - f2[i]) / divisor[i]; });
     }
 }
 
@@ -185,7 +185,7 @@ void differencesInBlock(Interface const& node, Block& block,
         float *const down = up + kBlockSize, *const divisor = down + kBlockSize;
         auto const at = static_cast<unsigned>(axis);
         float const* const coordinate = block.positions().component[at];
-        forEachLane(block.count(), [=](int i) ZEL_LANES {
+        Quern::forEachLane(block.count(), [=](int i) ZEL_LANES {
             auto const step = stepAround(coordinate[i]);
             up[i] = step.up;
             down[i] = step.down;

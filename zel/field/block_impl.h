@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
 #include "zel/field/differences.h"
-#include "zel/field/lane_loop.h"
 
 // How results are kept and found again, and how a batch goes through its blocks. Private to the
 // sources of the interfaces and of the block.
@@ -161,7 +161,7 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
         float *const y = x + kBlockSize, *const z = y + kBlockSize;
         Block block(workspace, state, count, x, y, z);
         Block::Frame const frame(block, bottom);
-        forEachLane(count, [=, p = positions + at](int i) ZEL_LANES {
+        Quern::forEachLane(count, [=, p = positions + at](int i) ZEL_LANES {
             x[i] = p[i].x;
             y[i] = p[i].y;
             z[i] = p[i].z;
@@ -174,12 +174,12 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
                 block.writeValues(field, false, out);
             } else {
                 auto const v = block.values(field);
-                forEachLane(count, [=, to = values + at](int i) ZEL_LANES { to[i] = v[i]; });
+                Quern::forEachLane(count, [=, to = values + at](int i) ZEL_LANES { to[i] = v[i]; });
             }
         }
         if (gradients) {
             auto const g = block.gradients(field);
-            forEachLane(count, [=, to = gradients + at](int i) ZEL_LANES { to[i] = g[i]; });
+            Quern::forEachLane(count, [=, to = gradients + at](int i) ZEL_LANES { to[i] = g[i]; });
         }
     }
 }

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "orvane_math/vectors.h"
-#include "zel/field/lane_loop.h"
+#include "quern_core/lane_loop.h"
 
 namespace zel::detail {
 

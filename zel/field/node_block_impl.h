@@ -6,8 +6,8 @@
 #include <tuple>
 #include <typeinfo>
 
+#include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
-#include "zel/field/lane_loop.h"
 #include "zel/field/node_impl.h"
 
 // The block forms of the bases in node.h, by the formulas that their point forms use.
@@ -19,7 +19,7 @@ template <class T, class Formula, class... In>
 void mapLanes(Block& block, BlockResult<T>& out, Formula const& formula,
               Lanes<In> const&... lanes) {
     auto const write = out.writer();
-    detail::forEachLane<kComponents<T> == 1>(
+    Quern::forEachLane<kComponents<T> == 1>(
         block.count(), [write, formula, ... in = lanes.component](int i)
                            ZEL_LANES { write.set(i, formula(Lanes<In>{in}[i]...)); });
 }
@@ -91,13 +91,13 @@ void blend(Block& block, int const* chosen, BlockResult<Gradient>& out,
         float const* const first = g[0].component[c];
         if constexpr (sizeof...(Child) == 2) {
             float const* const second = g[1].component[c];
-            forEachLane<true>(block.count(), [=](int i) ZEL_LANES {
+            Quern::forEachLane<true>(block.count(), [=](int i) ZEL_LANES {
                 to[i] = chosen[i] == 0 ? first[i] : second[i];
             });
         } else {
             static_assert(sizeof...(Child) == 1);
-            forEachLane<true>(block.count(),
-                              [=](int i) ZEL_LANES { to[i] = chosen[i] == 0 ? first[i] : 0.0F; });
+            Quern::forEachLane<true>(
+                block.count(), [=](int i) ZEL_LANES { to[i] = chosen[i] == 0 ? first[i] : 0.0F; });
         }
     }
 }
@@ -146,10 +146,10 @@ void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out)
         out.lanes.light = NodeAccess::isLight<Self>;
     } else {
         auto const write = out.writer();
-        detail::forEachLane(block.count(),
-                            [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
-                                write.set(i, NodeAccess::valueOf(node, p[i], block.index(i)));
-                            });
+        Quern::forEachLane(block.count(),
+                           [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
+                               write.set(i, NodeAccess::valueOf(node, p[i], block.index(i)));
+                           });
         out.lanes.light = NodeAccess::isLight<Self>;
     }
 }
@@ -159,10 +159,10 @@ void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& o
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
     auto const write = out.writer();
-    detail::forEachLane(block.count(),
-                        [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
-                            write.set(i, NodeAccess::gradientOf(node, p[i], block.index(i)));
-                        });
+    Quern::forEachLane(block.count(),
+                       [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
+                           write.set(i, NodeAccess::gradientOf(node, p[i], block.index(i)));
+                       });
 }
 
 template <class Self, class Interface>
@@ -230,7 +230,7 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
                 Values const values{block.values(child)...};
                 std::apply(
                     [&](auto const&... v) {
-                        detail::forEachLane(block.count(), [&node, chosen, v...](int i) ZEL_LANES {
+                        Quern::forEachLane(block.count(), [&node, chosen, v...](int i) ZEL_LANES {
                             chosen[i] = NodeAccess::gradientChoice(node, v[i]...);
                         });
                         light = (v.light && ...);
@@ -307,7 +307,8 @@ inline int* branches(Block& block, ScalarPtr const& condition) {
     int* const chosen = allocateInts(block);
     Block::Frame const frame(block);
     auto const c = block.values(condition);
-    forEachLane(block.count(), [chosen, c](int i) ZEL_LANES { chosen[i] = c[i] > 0 ? 0 : 1; });
+    Quern::forEachLane(block.count(),
+                       [chosen, c](int i) ZEL_LANES { chosen[i] = c[i] > 0 ? 0 : 1; });
     return chosen;
 }
 

@@ -104,20 +104,20 @@ void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out)
     std::fill_n(sum, block.count(), 0.0);
     for (int i = 0; i < count; ++i) {
         Octave const octave(*this, i, count);
-        detail::forEachLane(block.count(),
-                            [=, tx = at[0], ty = at[1], tz = at[2], tw = at[3]](int k) ZEL_LANES {
-                                tx[k] = x[k] * octave.scale;
-                                ty[k] = y[k] * octave.scale;
-                                tz[k] = z[k] * octave.scale;
-                                tw[k] = octave.timeScale * w[k];
-                            });
+        Quern::forEachLane(block.count(),
+                           [=, tx = at[0], ty = at[1], tz = at[2], tw = at[3]](int k) ZEL_LANES {
+                               tx[k] = x[k] * octave.scale;
+                               ty[k] = y[k] * octave.scale;
+                               tz[k] = z[k] * octave.scale;
+                               tw[k] = octave.timeScale * w[k];
+                           });
         simplex_noise_block(at[0], at[1], at[2], at[3], block.count(), seed, noise);
-        detail::forEachLane<true>(block.count(),
-                                  [=](int k) ZEL_LANES { sum[k] += noise[k] * octave.weight; });
+        Quern::forEachLane<true>(block.count(),
+                                 [=](int k) ZEL_LANES { sum[k] += noise[k] * octave.weight; });
     }
     auto* const result = out.writer().component[0];
-    detail::forEachLane(block.count(),
-                        [=](int k) ZEL_LANES { result[k] = static_cast<float>(sum[k]); });
+    Quern::forEachLane(block.count(),
+                       [=](int k) ZEL_LANES { result[k] = static_cast<float>(sum[k]); });
 }
 
 VectorFieldCurlNoise::VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int64_t seed)
@@ -197,13 +197,13 @@ void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>
         mapLanes(
             block, at, [s = octave.scale](float3 const& p) ZEL_LANES { return s * p; },
             block.positions());
-        detail::forEachLane<true>(block.count(),
-                                  [=](int k) ZEL_LANES { u[k] = octave.timeScale * t[k]; });
+        Quern::forEachLane<true>(block.count(),
+                                 [=](int k) ZEL_LANES { u[k] = octave.timeScale * t[k]; });
         curlBlock(smooth, at.lanes, u, block.count(), seed, noise.writer());
         for (unsigned c = 0; c < 3; ++c)
-            detail::forEachLane<true>(
-                block.count(), [=, to = sum.component[c], v = noise.lanes.component[c]](int k)
-                                   ZEL_LANES { to[k] += octave.weight * v[k]; });
+            Quern::forEachLane<true>(block.count(),
+                                     [=, to = sum.component[c], v = noise.lanes.component[c]](int k)
+                                         ZEL_LANES { to[k] += octave.weight * v[k]; });
     }
 }
 

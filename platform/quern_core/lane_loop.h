@@ -5,7 +5,7 @@
 // Loops over the positions of a block. Each is compiled twice, for the processor that the library
 // is built for and for wider vectors, and one is chosen when it runs. Both give the same bits: no
 // operation is contracted or reordered.
-namespace zel::detail {
+namespace Quern {
 
 /// Says that no iteration of the loop that follows depends on another; and, of a loop that does
 /// little, to do more at a time. clang finds out by itself: told so, it would warn of each loop
@@ -50,10 +50,10 @@ ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body 
 /// Calls `body(i)` for 0 to count - 1. The body keeps what it reads and writes in arrays by value,
 /// and no iteration depends on another. `kShort` says that it is a few operations.
 template <bool kShort = false, class Body> void forEachLane(int count, Body const& body) {
-    if (Quern::wideVectors)
+    if (wideVectors)
         loopOverWideLanes<kShort>(count, body);
     else
         loopOverLanes<kShort>(count, body);
 }
 
-}  // namespace zel::detail
+}  // namespace Quern
