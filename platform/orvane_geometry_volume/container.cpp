@@ -159,6 +159,7 @@ TreeIndex Container<Traits>::link(Tile* parent, int3 const& childPosition) noexc
         if (!parent->m_children) {
             ChildTable none;
             none.children.fill(-1);
+            none.corner = parent->m_tijk;
             none.owner = parent->m_index;
             none.depth = parent->m_depth;
             parent->m_children = m_tables.add(none).children.data();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -25,6 +26,12 @@ struct TreeStamp {
     std::uint64_t version = 0;  ///< higher whenever tiles have been added
 
     bool operator==(TreeStamp const&) const = default;
+};
+
+/// Points in a row that lie in one tile: those from the end of the run before on.
+struct TileRun {
+    int end;            ///< one past the last of them
+    std::int32_t tile;  ///< place of the tile within its depth; -1 if there is none
 };
 
 /// The tiles of a sparse adaptive tree. A depth-0 tile, the root, covers the whole lattice of the
@@ -68,6 +75,17 @@ public:
         return tile >= 0 && tile < level.size() ? level[tile] : sentinel();
     }
 
+    /// How many points findTiles() takes at once.
+    static constexpr int kMaxPoints = 128;
+
+    /// Finds the tiles of `depth` over `count` points, 0 to kMaxPoints of them, whose coordinates
+    /// are counted in tiles of that depth from the low faces of the root: those of a point below
+    /// are Internal::tilesBelow(). `runs` has room for one a point. Returns how many runs there
+    /// are; two in a row may have the same tile. The waits for memory overlap, so that points far
+    /// from each other cost less than in look-ups one by one.
+    int findTiles(int depth, std::uint32_t const* x, std::uint32_t const* y, std::uint32_t const* z,
+                  int count, TileRun* runs) const;
+
     /// The world length of one finest voxel; 0 or more.
     float voxelSize() const { return m_voxelSize; }
 
@@ -103,10 +121,23 @@ public:
 private:
     friend class Internal::Rollback<Traits>;
 
-    struct ChildTable {
+    /// With the place of its owner, so that a look-up reads no tile. Where children are few it fits
+    /// a cache line.
+    struct alignas(Traits::kBranch == 2 ? 64 : 4) ChildTable {
         std::array<std::int32_t, Traits::kChildCount> children;
+        int3 corner;         ///< low corner of the parent
         std::int32_t owner;  ///< place of the parent within its depth
         std::int32_t depth;  ///< of the parent
+
+        /// Whether the parent, of a depth that wide, covers a point.
+        bool covers(int3 const& p, std::uint32_t width) const {
+            auto const above = [](std::int32_t c, std::int32_t low) {
+                return static_cast<std::uint32_t>(c) - static_cast<std::uint32_t>(low);
+            };
+            // One test for all axes: three would each be mispredicted now and then.
+            return std::max({above(p.x, corner.x), above(p.y, corner.y), above(p.z, corner.z)}) <
+                   width;
+        }
     };
     using Level = Internal::ChunkedStore<Tile, 8>;
     using Tables = Internal::ChunkedStore<ChildTable, Traits::kBranch == 2 ? 8 : 4>;
@@ -156,11 +187,6 @@ public:
     /// What tile() gives one tile width away from `tile` in a direction, at the tile's depth; the
     /// sentinel outside the root, for the sentinel and for a direction outside 0 to 26.
     Tile const& tileNeighbor(Tile const& tile, NeighborDirection direction) const;
-
-    /// Asks memory for the tile that tile() will most likely give, if that is one of the depth
-    /// asked for, and names it, or null. The current tile stays; made the current one, that tile
-    /// saves the look-up.
-    Tile const* prefetch(int i, int j, int k, int depth) const;
 
     Container const& container() const { return *m_container; }
 

@@ -34,12 +34,18 @@ public:
     /// The tile of the level below `depth` over the point, or else that of `depth`, if that one has
     /// children; null if it is not there or has none.
     Tile const* below(int depth) const {
-        return findBelow(depth, [&](Tile const& tile) { return tile.contains(m_p); });
-    }
-
-    /// The tile that below() would look at first, which is not read.
-    Tile const* likelyBelow(int depth) const {
-        return findBelow(depth, [](Tile const&) { return true; });
+        Place const x(m_x, depth), y(m_y, depth), z(m_z, depth);
+        auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
+        ChildTable const* const table = m_tree.m_innerTiles[static_cast<unsigned>(depth)].find(
+            Internal::InnerTileIndex::hash(x.cell, y.cell, z.cell),
+            [&](std::int32_t number) -> ChildTable const* {
+                ChildTable const& found = m_tree.m_tables[number];
+                return found.covers(m_p, width) ? &found : nullptr;
+            });
+        if (!table) return nullptr;
+        std::int32_t const child =
+            table->children[x.child + Traits::kBranch * (y.child + Traits::kBranch * z.child)];
+        return child >= 0 ? &level(depth + 1)[child] : &level(depth)[table->owner];
     }
 
     /// The deepest tile over the point below one that covers it.
@@ -77,20 +83,6 @@ private:
             child = below % Traits::kBranch;
         }
     };
-
-    /// The first tile that is the right one, if a hash does not deceive, of which `isRight` holds.
-    template <class IsRight> Tile const* findBelow(int depth, IsRight const& isRight) const {
-        Place const x(m_x, depth), y(m_y, depth), z(m_z, depth);
-        unsigned const slot = x.child + Traits::kBranch * (y.child + Traits::kBranch * z.child);
-        return m_tree.m_innerTiles[static_cast<unsigned>(depth)].find(
-            Internal::InnerTileIndex::hash(x.cell, y.cell, z.cell),
-            [&](std::int32_t number) -> Tile const* {
-                ChildTable const& table = m_tree.m_tables[number];
-                std::int32_t const child = table.children[slot];
-                Tile const& tile = child >= 0 ? level(depth + 1)[child] : level(depth)[table.owner];
-                return isRight(tile) ? &tile : nullptr;
-            });
-    }
 
     Level const& level(int depth) const { return m_tree.m_levels[static_cast<unsigned>(depth)]; }
 
@@ -131,20 +123,6 @@ auto Container<Traits>::ConstTileAccessor::find(int i, int j, int k, int depth) 
     if (!tile && deepest > 1)
         if (Tile const* const found = search.below(deepest - 1)) return *(m_currentTile = found);
     return *(m_currentTile = search.descend(tile ? tile : &tree.m_levels[0][0]));
-}
-
-template <class Traits>
-auto Container<Traits>::ConstTileAccessor::prefetch(int i, int j, int k, int depth) const
-    -> Tile const* {
-    int const deepest = std::min(depth, m_container->m_state.depth);
-    Search const search(*m_container, i, j, k, deepest);
-    if (deepest <= 1 || !search.insideRoot()) return nullptr;
-    Tile const* const tile = search.likelyBelow(deepest - 1);
-    if (tile) {
-        __builtin_prefetch(tile);  // which may lie in two cache lines
-        __builtin_prefetch(&tile->m_exists);
-    }
-    return tile;
 }
 
 template <class Traits>

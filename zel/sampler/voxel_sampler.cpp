@@ -1,9 +1,12 @@
 #include "zel/sampler/voxel_sampler.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
 #include <limits>
+
+#include "quern_core/lane_loop.h"
 
 namespace ORV::TileTree3D {
 
@@ -44,10 +47,12 @@ Internal::Lanes floatsAbove(std::array<double, 3> const& integers) {
 
 namespace {
 
+constexpr float kReach = 1073741824.0F;  // all trees lie within this distance of the origin
+constexpr auto kReachBits = std::bit_cast<std::int32_t>(kReach);
+
 /// Whether a position is on a lattice that can have tiles; not if it is NaN.
 bool inReach(Internal::Lanes const& v) {
-    constexpr float kBound = 1073741824.0F;  // all trees lie within this distance of the origin
-    return Internal::allSet((v > -kBound) & (v < kBound));
+    return Internal::allSet((v > -kReach) & (v < kReach));
 }
 
 Internal::IntLanes roundedDown(Internal::Lanes const& v) {
@@ -58,31 +63,54 @@ Internal::IntLanes roundedDown(Internal::Lanes const& v) {
 }  // namespace
 
 template <class Traits, class Real, class Position>
-bool VoxelSampler<Traits, Real, Position>::prefetchTiles(float const* x, float const* y,
-                                                         float const* z, int count, int space,
-                                                         int depth, Tile const** likely) const {
-    using namespace Internal;
-    // By the step from the position before. Of most blocks no step is far.
-    float const scale = space == kWorldSpace ? m_invVoxelSize : 1.0F;
-    auto const near = static_cast<float>(1 << m_boxShift);
-    auto const isFar = [=](float from, float to) {
-        return int{std::fabs(to - from) * scale >= near};
-    };
-    auto const farStep = [=](int i) {
-        return isFar(x[i - 1], x[i]) | isFar(y[i - 1], y[i]) | isFar(z[i - 1], z[i]);
-    };
-    int anyFar = 0;
-    for (int i = 1; i < count; ++i) anyFar |= farStep(i);
-    if (anyFar == 0) return false;
-    for (int i = 0; i < count; ++i) {
-        likely[i] = nullptr;
-        if (i > 0 && farStep(i) == 0) continue;
-        Lanes const v = Lanes{x[i], y[i], z[i], 0} * scale;
-        if (!inReach(v)) continue;
-        IntLanes const p = roundedDown(v);
-        likely[i] = m_accessor.prefetch(p[0], p[1], p[2], depth);
+void VoxelSampler<Traits, Real, Position>::placeBlock(float const* x, float const* y,
+                                                      float const* z, int count, int space,
+                                                      int depth, PlacedBlock& placed) const {
+    Container<Traits> const& tree = m_accessor.container();
+    depth = std::min(depth, tree.depth());
+    placed.depth = depth;
+    if (depth < 0) {
+        placed.runCount = 1;
+        placed.runs[0] = {count, -1};
+        return;
     }
-    return true;
+    constexpr float kLast = Traits::kSamples - 1;
+    Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(depth));
+    auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
+    float const s = Internal::kVoxelScales<Traits>[static_cast<unsigned>(depth)];
+    float const perVoxel = Traits::kBranch == 2 ? 2.0F * s : s;
+    float const scale = space == kWorldSpace ? m_invVoxelSize : 1.0F;
+    alignas(64) std::array<std::array<std::uint32_t, PlacedBlock::kSize>, 3> cells;
+    std::array<float const*, 3> const positions{x, y, z};
+    for (unsigned axis = 0; axis < 3; ++axis)
+        Quern::forEachLane(count, [=, offset = m_offset[axis], from = positions[axis],
+                                   cell = cells[axis].data(), voxel = placed.lijk[axis].data(),
+                                   frac = placed.frac[axis].data()](int i) ZEL_LANES {
+            // By bits, since of choices compilers make slow code: all bits of a mask are set
+            // where it holds.
+            auto const mask = [](bool holds) { return -static_cast<std::int32_t>(holds); };
+            float v = from[i] * scale;
+            std::int32_t const inReach =
+                mask((std::bit_cast<std::int32_t>(v) & 0x7fffffff) < kReachBits);
+            v = std::bit_cast<float>(std::bit_cast<std::int32_t>(v) & inReach);
+            auto floor = static_cast<std::int32_t>(v);
+            floor += mask(static_cast<float>(floor) > v);
+            std::uint32_t above = Traits::aboveRoot(floor);
+            above = above < Traits::kRootWidth ? above : Traits::kRootWidth;
+            std::uint32_t const below = tilesBelow(above);
+            cell[i] = below | ~static_cast<std::uint32_t>(inReach);
+            auto const corner = static_cast<std::int32_t>(
+                below * width + static_cast<std::uint32_t>(Traits::kRootCorner));
+            float l = (v - static_cast<float>(corner)) * perVoxel - offset;
+            l = std::bit_cast<float>(std::bit_cast<std::int32_t>(l) &
+                                     ~(mask(l > -1e-5F) & mask(l <= 0.0F)));
+            auto const truncated = static_cast<std::int32_t>(l < kLast ? l : kLast);
+            std::int32_t const lower = truncated + mask(l < 0.0F);
+            voxel[i] = lower;
+            frac[i] = l - static_cast<float>(lower);
+        });
+    placed.runCount = tree.findTiles(depth, cells[0].data(), cells[1].data(), cells[2].data(),
+                                     count, placed.runs.data());
 }
 
 /// Moves the box to the tile over a position on the lattice, if there is one.

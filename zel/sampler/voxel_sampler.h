@@ -73,11 +73,29 @@ protected:
     [[gnu::always_inline]] void placeInBox(Internal::Lanes const& v, Internal::IntLanes& lijk,
                                            Internal::Lanes& frac) const;
 
-    /// Asks memory for the tiles over `count` positions, but for those that lie near the position
-    /// before them, and names what may be these tiles or null; false, and names none, if there are
-    /// no others.
-    bool prefetchTiles(float const* x, float const* y, float const* z, int count, int space,
-                       int depth, Tile const** likely) const;
+    /// Where positions lie in tiles of one depth, for those that have such a tile over them.
+    struct PlacedBlock {
+        static constexpr int kSize = Container<Traits>::kMaxPoints;
+
+        int depth;  ///< of the tiles
+        int runCount;
+        std::array<TileRun, kSize> runs;
+        alignas(
+            64) std::array<std::array<std::int32_t, kSize>, 3> lijk;  ///< by axis, then by position
+        alignas(64) std::array<std::array<float, kSize>, 3> frac;
+
+        Internal::IntLanes voxel(unsigned i) const {
+            return Internal::IntLanes{lijk[0][i], lijk[1][i], lijk[2][i], 0};
+        }
+        Internal::Lanes fraction(unsigned i) const {
+            return Internal::Lanes{frac[0][i], frac[1][i], frac[2][i], 0};
+        }
+    };
+    /// place() for `count` positions at once, 1 to PlacedBlock::kSize of them, by the tiles of
+    /// `depth` or, in a tree that is not so deep, of its depth. A position over which there is no
+    /// such tile is in a run without a tile. The box stays.
+    void placeBlock(float const* x, float const* y, float const* z, int count, int space, int depth,
+                    PlacedBlock& placed) const;
 
     /// A tile, the box around a position in which the same tile would be found, and what turns a
     /// position into a place in the tile.

@@ -165,18 +165,27 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
                                           std::array<Internal::TileBlock<T>, kBlock>& blocks) {
     auto const end = static_cast<unsigned>(std::min(count, kBlock));
     int const depth = std::min(m_source.m_maxDepth, std::int32_t{Traits::kMaxDepth});
-    std::array<Tile const*, kBlock> likely;
-    bool const anyFar =
-        this->prefetchTiles(x, y, z, static_cast<int>(end), space, depth, likely.data());
-    // A pass of its own, in which the waits for the tiles overlap.
-    for (unsigned i = 0; i < end; ++i) {
-        Located& l = located[i];
-        if (anyFar && likely[i]) this->m_accessor.m_currentTile = likely[i];
-        l.tree = this->place({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac) ? this->m_box->tree
-                                                                               : TreeIndex();
+    PlacedBlock placed;
+    this->placeBlock(x, y, z, static_cast<int>(end), space, depth, placed);
+    unsigned i = 0;
+    for (int r = 0; r < placed.runCount; ++r) {
+        TileRun const run = placed.runs[static_cast<unsigned>(r)];
+        TreeIndex const tree{run.tile, placed.depth};
+        for (; i < static_cast<unsigned>(run.end); ++i) {
+            Located& l = located[i];
+            if (run.tile < 0) {
+                bool const found = this->place({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac);
+                l.tree = found ? this->m_box->tree : TreeIndex();
+            } else {
+                l.tree = tree;
+                l.lijk = placed.voxel(i);
+                l.frac = placed.fraction(i);
+            }
+        }
+        if (run.tile >= 0) __builtin_prefetch(&m_source.m_container->tile(tree));
     }
     unsigned blockCount = 0;
-    for (unsigned i = 0; i < end; ++i) {
+    for (i = 0; i < end; ++i) {
         Located& l = located[i];
         if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) continue;
         Tile const& tile = m_source.m_container->tile(l.tree);

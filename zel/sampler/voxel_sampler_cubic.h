@@ -68,6 +68,8 @@ private:
     using Lanes = Internal::Lanes;
     using IntLanes = Internal::IntLanes;
 
+    using typename VoxelSampler<Traits, Ts, Position>::PlacedBlock;
+
     /// A position of a block: its tile, voxel and place in the voxel, and the block of tiles that
     /// it reads.
     struct Located {

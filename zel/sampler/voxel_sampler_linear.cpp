@@ -54,18 +54,17 @@ bool ZEL_DETAIL_LINEAR::insideTile(Internal::IntLanes lijk) const {
     return inside(lijk[0]) && inside(lijk[1]) && inside(lijk[2]);
 }
 
-/// Whether to read a voxel of m_box->tree is to fill a tile of a cache.
-ZEL_DETAIL_LINEAR_HEAD bool ZEL_DETAIL_LINEAR::fills(Internal::IntLanes lijk) const {
-    TreeIndex const& tree = this->m_box->tree;
+/// Whether to read a voxel is to fill a tile of a cache.
+ZEL_DETAIL_LINEAR_HEAD
+bool ZEL_DETAIL_LINEAR::fills(TreeIndex const& tree, Internal::IntLanes lijk) const {
     auto const depth = static_cast<unsigned>(tree.depth);
-    return !m_haloChannel && !insideTile(lijk) &&
-           (this->m_offsetType == 7 ? m_cornerCache[depth].tile : m_ringCache[depth].tile) !=
-               tree.tile;
+    return !insideTile(lijk) && (this->m_offsetType == 7 ? m_cornerCache[depth].tile
+                                                         : m_ringCache[depth].tile) != tree.tile;
 }
 
 ZEL_DETAIL_LINEAR_HEAD
-auto ZEL_DETAIL_LINEAR::channelCorner(Internal::IntLanes lijk) -> std::pair<T const*, int> {
-    TreeIndex const& tree = this->m_box->tree;
+auto ZEL_DETAIL_LINEAR::channelCorner(TreeIndex const& tree, Internal::IntLanes lijk)
+    -> std::pair<T const*, int> {
     T const* const samples = m_channel->samples(tree);
     if (!samples) return {nullptr, 0};
     if (insideTile(lijk)) return {samples + flat(lijk, kSamples), kSamples};
@@ -125,49 +124,77 @@ void ZEL_DETAIL_LINEAR::fill(RingCache& cache, TreeIndex const& tree) {
                             child.x, child.y, child.z, own, neighbors, ring);
 }
 
+/// Asks memory for the eight samples from `corner` on, of data that wide.
+template <class T> static void prefetchCell(T const* corner, int width) {
+    // Of each slice the two rows along x, with what lies between them.
+    constexpr int kLine = 64;
+    for (int const slice : {0, width * width}) {
+        auto const* const first = reinterpret_cast<char const*>(corner + slice);
+        auto const* const last = reinterpret_cast<char const*>(corner + slice + width + 2) - 1;
+        __builtin_prefetch(first);
+        if (sizeof(T) > sizeof(float)) __builtin_prefetch(first + kLine);
+        __builtin_prefetch(last);
+    }
+}
+
+/// Finds the samples around a place in a tile. False, and it does not, if that would take the place
+/// of a surrounded tile that positions before it wait for.
+ZEL_DETAIL_LINEAR_HEAD
+bool ZEL_DETAIL_LINEAR::locateOne(TreeIndex const& tree, Internal::IntLanes lijk, unsigned i,
+                                  LocatedBlock& located) {
+    located.corners[i] = nullptr;
+    located.widths[i] = kHaloWidth;
+    located.depths[i] = tree.depth;
+    if (tree.depth < m_minDepth) return true;
+    if (m_haloChannel) {
+        located.corners[i] = haloCorner(tree, lijk);
+    } else {
+        if (i > 0 && fills(tree, lijk)) return false;
+        std::tie(located.corners[i], located.widths[i]) = channelCorner(tree, lijk);
+    }
+    return true;
+}
+
 /// Locates the first of some positions, a block at most and one at least, and asks memory for their
 /// samples. Returns how many.
 ZEL_DETAIL_LINEAR_HEAD
 int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* z, int count,
-                                   int maxDepth, int space, std::array<Located, kBlock>& located) {
-    int const end = std::min(count, kBlock), depth = std::min(m_depth, maxDepth);
-    float const scale = space == this->kWorldSpace ? this->m_invVoxelSize : 1.0F;
-    std::array<TileOf<Traits> const*, kBlock> likely;
-    bool const anyFar = this->prefetchTiles(x, y, z, end, space, depth, likely.data());
-    bool known = false;          // whether the next two are those of the box
-    T const* samples = nullptr;  // of its tile in the halo form
-    bool hasSamples = false;
-    for (int i = 0; i < end; ++i) {
-        Located& l = located[static_cast<unsigned>(i)];
-        l.corner = nullptr;
-        auto const v = Internal::Lanes{x[i], y[i], z[i], 0} * scale;
-        bool const moved = !known || !this->inBox(v, depth);
-        if (moved) {
-            if (anyFar && likely[static_cast<unsigned>(i)])
-                this->m_accessor.m_currentTile = likely[static_cast<unsigned>(i)];
-            known = this->inBox(v, depth) || this->moveBox(v, depth);
-            if (!known) continue;
-            TreeIndex const& tree = this->m_box->tree;
-            hasSamples = tree.depth >= m_minDepth;
-            if (m_haloChannel) samples = hasSamples ? m_haloChannel->samples(tree) : nullptr;
+                                   int maxDepth, int space, LocatedBlock& located) {
+    int const end = std::min(count, PlacedBlock::kSize), depth = std::min(m_depth, maxDepth);
+    this->placeBlock(x, y, z, end, space, depth, located);
+    unsigned i = 0;
+    for (int r = 0; r < located.runCount; ++r) {
+        TileRun const run = located.runs[static_cast<unsigned>(r)];
+        auto const runEnd = static_cast<unsigned>(run.end);
+        if (run.tile >= 0 && m_haloChannel) {
+            TreeIndex const tree{run.tile, located.depth};
+            T const* const samples =
+                tree.depth >= m_minDepth ? m_haloChannel->samples(tree) : nullptr;
+            unsigned const first = i;
+            for (; i < runEnd; ++i) {
+                located.corners[i] =
+                    samples ? samples + flat(located.voxel(i), kHaloWidth) : nullptr;
+                located.widths[i] = kHaloWidth;
+                located.depths[i] = tree.depth;
+            }
+            if (samples) prefetchCell(located.corners[first], kHaloWidth);
+            continue;
         }
-        if (!hasSamples) continue;
-        Internal::IntLanes lijk;
-        this->placeInBox(v, lijk, l.frac);
-        l.depth = this->m_box->tree.depth;
-        if (m_haloChannel) {
-            l.width = kHaloWidth;
-            if (samples) l.corner = samples + flat(lijk, kHaloWidth);
-        } else {
-            // A tile that is filled now would take the place of one that others wait for.
-            if (i > 0 && fills(lijk)) return i;
-            std::tie(l.corner, l.width) = channelCorner(lijk);
-        }
-        if (!moved || !l.corner) continue;
-        int const slice = l.width * l.width;
-        for (int const row : {0, l.width, slice, slice + l.width}) {
-            __builtin_prefetch(l.corner + row);
-            __builtin_prefetch(l.corner + row + 1);
+        // One by one: in a channel without halos, or in tiles of other depths.
+        T const* last = nullptr;
+        for (; i < runEnd; ++i) {
+            TreeIndex tree{run.tile, located.depth};
+            Internal::IntLanes lijk = located.voxel(i);
+            if (run.tile < 0) {
+                Internal::Lanes frac{};
+                bool const found = this->place({x[i], y[i], z[i]}, space, depth, lijk, frac);
+                tree = found ? this->m_box->tree : TreeIndex();
+                for (unsigned axis = 0; axis < 3; ++axis) located.frac[axis][i] = frac[axis];
+            }
+            if (!locateOne(tree, lijk, i, located)) return static_cast<int>(i);
+            T const* const corner = located.corners[i];
+            if (corner && corner != last) prefetchCell(corner, located.widths[i]);
+            last = corner;
         }
     }
     return end;
@@ -177,15 +204,19 @@ ZEL_DETAIL_LINEAR_HEAD
 void ZEL_DETAIL_LINEAR::sampleBlock(float const* x, float const* y, float const* z, int count,
                                     int maxDepth, int space,
                                     std::array<float*, kFloats> const& values) {
-    std::array<Located, kBlock> block;
-    for (int i = 0; i < count;) {
-        int const located = locateBlock(x + i, y + i, z + i, count - i, maxDepth, space, block);
-        for (int j = 0; j < located; ++j, ++i) {
-            Located const& l = block[static_cast<unsigned>(j)];
-            T const sample = l.corner ? value(l.corner, l.width, l.frac) : m_defaultValue;
+    LocatedBlock block;
+    for (int first = 0; first < count;) {
+        int const located =
+            locateBlock(x + first, y + first, z + first, count - first, maxDepth, space, block);
+        for (int j = 0; j < located; ++j) {
+            auto const n = static_cast<unsigned>(j);
+            T const sample = block.corners[n]
+                                 ? value(block.corners[n], block.widths[n], block.fraction(n))
+                                 : m_defaultValue;
             auto const v = std::bit_cast<std::array<float, kFloats>>(sample);
-            for (std::size_t f = 0; f < kFloats; ++f) values[f][i] = v[f];
+            for (std::size_t f = 0; f < kFloats; ++f) values[f][first + j] = v[f];
         }
+        first += located;
     }
 }
 

@@ -72,15 +72,15 @@ private:
     using CornerCache = std::vector<HaloTileCacheEntry<kHaloWidth, 0>>;
     using RingCache = std::vector<HaloTileCacheEntry<kSamples, 1>>;
 
-    /// Where a value comes from: the lowest of the eight samples around a position, in data that
+    using typename VoxelSampler<Traits, Real, Position>::PlacedBlock;
+
+    /// Where values come from: the lowest of the eight samples around each position, in data that
     /// wide; null, and the rest without a value, where the default value is read.
-    struct Located {
-        T const* corner;
-        int width;
-        int depth;
-        Internal::Lanes frac;
+    struct LocatedBlock : PlacedBlock {
+        static constexpr auto kSize = static_cast<unsigned>(PlacedBlock::kSize);
+        std::array<T const*, kSize> corners;
+        std::array<std::int32_t, kSize> widths, depths;
     };
-    static constexpr int kBlock = 128;
 
     /// Finds the tile, m_box->tree, if it is one that the channel may have.
     bool find(Position const& position, int maxDepth, int space, Internal::IntLanes& lijk,
@@ -91,13 +91,13 @@ private:
     static int flat(Internal::IntLanes p, int width) {
         return p[0] + width * (p[1] + width * p[2]);
     }
-    T const* haloCorner(Internal::IntLanes lijk) const {
-        T const* const samples = m_haloChannel->samples(this->m_box->tree);
+    T const* haloCorner(TreeIndex const& tree, Internal::IntLanes lijk) const {
+        T const* const samples = m_haloChannel->samples(tree);
         return samples ? samples + flat(lijk, kHaloWidth) : nullptr;
     }
-    std::pair<T const*, int> channelCorner(Internal::IntLanes lijk);
+    std::pair<T const*, int> channelCorner(TreeIndex const& tree, Internal::IntLanes lijk);
     bool insideTile(Internal::IntLanes lijk) const;
-    bool fills(Internal::IntLanes lijk) const;
+    bool fills(TreeIndex const& tree, Internal::IntLanes lijk) const;
     T value(T const* corner, int width, Internal::Lanes const& frac) const {
         return corner ? Internal::LinearCell<T>(corner, width).value(frac) : m_defaultValue;
     }
@@ -114,7 +114,9 @@ private:
     }
 
     int locateBlock(float const* x, float const* y, float const* z, int count, int maxDepth,
-                    int space, std::array<Located, kBlock>& located);
+                    int space, LocatedBlock& located);
+    bool locateOne(TreeIndex const& tree, Internal::IntLanes lijk, unsigned i,
+                   LocatedBlock& located);
 
     template <class Cache> auto& filled(Cache& cache, TreeIndex const& tree);
     void fill(CornerCache& cache, TreeIndex const& tree);
@@ -144,8 +146,8 @@ inline T ZEL_DETAIL_LINEAR::sample(Position const& position, int maxDepth, int s
     Internal::IntLanes lijk;
     Internal::Lanes frac;
     if (!find(position, maxDepth, space, lijk, frac)) return m_defaultValue;
-    if (m_haloChannel) return value(haloCorner(lijk), kHaloWidth, frac);
-    auto const [corner, width] = channelCorner(lijk);
+    if (m_haloChannel) return value(haloCorner(this->m_box->tree, lijk), kHaloWidth, frac);
+    auto const [corner, width] = channelCorner(this->m_box->tree, lijk);
     return value(corner, width, frac);
 }
 
@@ -160,8 +162,9 @@ inline Scalar ZEL_DETAIL_LINEAR::sampleGradient(Position const& position, int ma
         return m_defaultValue;
     }
     int const depth = this->m_box->tree.depth;
-    if (m_haloChannel) return value(haloCorner(lijk), kHaloWidth, frac, depth, gradient);
-    auto const [corner, width] = channelCorner(lijk);
+    if (m_haloChannel)
+        return value(haloCorner(this->m_box->tree, lijk), kHaloWidth, frac, depth, gradient);
+    auto const [corner, width] = channelCorner(this->m_box->tree, lijk);
     return value(corner, width, frac, depth, gradient);
 }
 
@@ -170,19 +173,23 @@ template <std::same_as<float> Scalar>
 void ZEL_DETAIL_LINEAR::sampleGradientBlock(float const* x, float const* y, float const* z,
                                             int count, int maxDepth, int space, Scalar* values,
                                             std::array<float*, 3> const& gradients) {
-    std::array<Located, kBlock> block;
-    for (int i = 0; i < count;) {
-        int const located = locateBlock(x + i, y + i, z + i, count - i, maxDepth, space, block);
-        for (int j = 0; j < located; ++j, ++i) {
-            Located const& l = block[static_cast<unsigned>(j)];
+    LocatedBlock block;
+    for (int first = 0; first < count;) {
+        int const located =
+            locateBlock(x + first, y + first, z + first, count - first, maxDepth, space, block);
+        for (int j = 0; j < located; ++j) {
+            auto const n = static_cast<unsigned>(j);
+            int const i = first + j;
             float3 g;
-            float const v =
-                l.corner ? value(l.corner, l.width, l.frac, l.depth, g) : m_defaultValue;
+            float const v = block.corners[n] ? value(block.corners[n], block.widths[n],
+                                                     block.fraction(n), block.depths[n], g)
+                                             : m_defaultValue;
             if (values) values[i] = v;
             gradients[0][i] = g.x;
             gradients[1][i] = g.y;
             gradients[2][i] = g.z;
         }
+        first += located;
     }
 }
 

@@ -67,6 +67,62 @@ TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
     }
 }
 
+TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
+    using Traits = TypeParam;
+    constexpr int kMost = Container<Traits>::kMaxPoints;
+    Random random(57);
+    for (int round = 0; round < 400; ++round) {
+        RandomTree<Traits> const random_tree(random, 60, random(0, Traits::kMaxDepth));
+        auto const& [tree, map, indices, points] = random_tree;
+        int const depth = random(-1, tree.depth() + 1),
+                  count = round % 4 == 0 ? kMost : random(0, kMost);
+        auto const d = static_cast<unsigned>(std::clamp(depth, 0, +Traits::kMaxDepth));
+        std::vector<std::array<std::uint32_t, 3>> cells(static_cast<std::size_t>(count));
+        std::array<std::vector<std::uint32_t>, 3> coordinates;
+        for (auto& cell : cells) {
+            int3 const p = points[static_cast<std::size_t>(random(0, 59))];
+            for (int axis = 0; axis < 3; ++axis)
+                cell[static_cast<unsigned>(axis)] =
+                    Internal::tilesBelow<Traits>(Traits::aboveRoot(p[axis]), d);
+            // Rows of one tile, its neighbours, and cells that no tile can have.
+            if (&cell != &cells[0] && random(0, 2) == 0) cell = (&cell)[-1];
+            auto& some = cell[static_cast<unsigned>(random(0, 2))];
+            if (random(0, 3) == 0) some += static_cast<std::uint32_t>(random(-1, 1));
+            if (random(0, 20) == 0) some = static_cast<std::uint32_t>(random(INT_MIN, INT_MAX));
+            // What a product with a width wraps around to the cell of a tile.
+            if (Traits::kBranch == 2 && random(0, 20) == 0) some |= 1U << (d + 2);
+            for (unsigned axis = 0; axis < 3; ++axis) coordinates[axis].push_back(cell[axis]);
+        }
+        auto const& [x, y, z] = coordinates;
+        std::vector<TileRun> runs(static_cast<std::size_t>(count) + 1, TileRun{-7, -7});
+        int const found = tree.findTiles(depth, x.data(), y.data(), z.data(), count, runs.data());
+        ASSERT_LE(found, count);
+        int i = 0;
+        for (int r = 0; r < found; ++r) {
+            TileRun const run = runs[static_cast<std::size_t>(r)];
+            ASSERT_TRUE(i < run.end && run.end <= count);
+            for (; i < run.end; ++i) {
+                auto const& cell = cells[static_cast<std::size_t>(i)];
+                int3 p;
+                bool inside = depth >= 0 && depth <= Traits::kMaxDepth;
+                for (int axis = 0; inside && axis < 3; ++axis) {
+                    auto const c = cell[static_cast<unsigned>(axis)];
+                    inside = c < Traits::kRootWidth / width<Traits>(depth);
+                    if (inside)
+                        p[axis] = static_cast<int>(Traits::kRootCorner + c * width<Traits>(depth));
+                }
+                bool const there = inside && map.find(p, depth) == depth;
+                ASSERT_EQ(run.tile >= 0, there) << "depth " << depth << ", point " << i;
+                if (there) {
+                    ASSERT_EQ(tree.tile(run.tile, depth).m_tijk, p);
+                }
+            }
+        }
+        ASSERT_EQ(i, count);
+        ASSERT_EQ(runs[static_cast<std::size_t>(found)].end, -7);
+    }
+}
+
 TYPED_TEST(Lookup, CountsTilesLikeADivision) {
     using Traits = TypeParam;
     Random random(56);
@@ -101,6 +157,16 @@ TEST(InnerTiles, OfOneHashAreToldApart) {
         tree.addTile(p.x, p.y, p.z, 28);
         map.add(p, 28);
         expectFound<BinaryTraits>(tree.tileAccessor().tile(q.x, q.y, q.z, 28), map, q, 28);
+        std::array<std::array<std::uint32_t, 2>, 3> cells28;
+        for (int axis = 0; axis < 3; ++axis)
+            cells28[static_cast<unsigned>(axis)] = {
+                2 * static_cast<std::uint32_t>(a[axis]),
+                2 * static_cast<std::uint32_t>(found->second[axis])};
+        auto const& [x, y, z] = cells28;
+        std::array<TileRun, 2> runs;
+        ASSERT_EQ(tree.findTiles(28, x.data(), y.data(), z.data(), 2, runs.data()), 2);
+        EXPECT_EQ(runs[0].tile, 0);
+        EXPECT_EQ(runs[1].tile, -1);
         break;
     }
 }
