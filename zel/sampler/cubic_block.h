@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <bit>
+#include <span>
 
 #include "zel/sampler/cubic_source.h"
 #include "zel/sampler/cubic_stencil.h"
@@ -53,20 +55,17 @@ public:
                       static_cast<unsigned>(Traits::tileWidth(source.m_container->depth())))) -
                   1) {}
 
-    /// The place of the block of a voxel of a tile.
-    static IntLanes placeOf(Tile const& tile, IntLanes const& voxel) {
+    /// The place of the block of a voxel of a tile, which is named by its low corner and its depth.
+    static IntLanes placeOf(int3 const& corner, int depth, IntLanes const& voxel) {
         IntLanes const below = (voxel < 1) & IntLanes{-1, -1, -1, 0};
-        return lanesOfInts(tile.m_tijk, tile.m_depth) - (below & tile.tileVoxelWidth());
+        return lanesOfInts(corner, depth) - (below & Traits::tileWidth(depth));
     }
 
     /// The block at a place, which is that of a voxel of a tile; valid until the next call. `known`
     /// tells whether it was there already.
     TileBlock<T> const& at(Source const& source, Tile const& tile, IntLanes const& place,
                            bool& known) {
-        auto const cell = [&](int axis) {
-            return static_cast<std::uint32_t>(place[axis] >> m_shift);
-        };
-        TileBlock<T>& block = m_blocks[(cell(0) + 19 * cell(1) + 53 * cell(2)) % m_blocks.size()];
+        TileBlock<T>& block = entry(place);
         known = block.is(place);
         if (!known) {
             block.place = place;
@@ -77,7 +76,53 @@ public:
         return block;
     }
 
+    /// The block at a place if it was found before; else null.
+    TileBlock<T> const* known(IntLanes const& place) {
+        TileBlock<T> const& block = entry(place);
+        return block.is(place) ? &block : nullptr;
+    }
+
+    /// Finds the tiles of blocks at places of one depth; the waits for memory overlap.
+    void find(Source const& source, int depth, std::span<TileBlock<T>* const> blocks) {
+        constexpr std::size_t kMost = Container<Traits>::kMaxPoints / 8;
+        for (; !blocks.empty(); blocks = blocks.subspan(std::min(blocks.size(), kMost))) {
+            auto const count = std::min(blocks.size(), kMost);
+            std::array<std::array<std::uint32_t, 8 * kMost>, 3> cells;
+            for (std::size_t b = 0; b < count; ++b)
+                for (unsigned axis = 0; axis < 3; ++axis) {
+                    // A place below the root becomes one above it: both are at jumps.
+                    std::uint32_t const first = tilesBelow<Traits>(
+                        std::min(Traits::aboveRoot(blocks[b]->place[static_cast<int>(axis)]),
+                                 Traits::kRootWidth),
+                        static_cast<unsigned>(depth));
+                    for (unsigned n = 0; n < 8; ++n)
+                        cells[axis][8 * b + n] = first + (n >> (2 - axis) & 1);
+                }
+            std::array<TileRun, 8 * kMost> runs;
+            int const runCount = source.m_container->findTiles(
+                depth, cells[0].data(), cells[1].data(), cells[2].data(),
+                static_cast<int>(8 * count), runs.data());
+            std::size_t i = 0;
+            for (int r = 0; r < runCount; ++r) {
+                TileRun const run = runs[static_cast<std::size_t>(r)];
+                for (; i < static_cast<std::size_t>(run.end); ++i)
+                    blocks[i / 8]->tiles[i % 8] = source.m_channel->samples({run.tile, depth});
+            }
+            for (TileBlock<T>* const block : blocks.first(count)) {
+                auto const& tiles = block->tiles;
+                block->atJump = std::find(tiles.begin(), tiles.end(), nullptr) != tiles.end();
+                entry(block->place) = *block;
+            }
+        }
+    }
+
 private:
+    TileBlock<T>& entry(IntLanes const& place) {
+        auto const cell = [&](int axis) {
+            return static_cast<std::uint32_t>(place[axis] >> m_shift);
+        };
+        return m_blocks[(cell(0) + 19 * cell(1) + 53 * cell(2)) % m_blocks.size()];
+    }
     /// Finds the tiles by their parents. Along an axis they have the same one, or two.
     void find(Source const& source, Tile const& tile, Tile const& parent, TileBlock<T>& block) {
         int const width = tile.tileVoxelWidth(), parentWidth = parent.tileVoxelWidth();

@@ -15,9 +15,9 @@ public:
 
     /// Makes this a voxel of a tile, named `lijk` by a position and `voxel` by limitedVoxel, with
     /// the stencil from the block of that voxel.
-    void moveTo(TileOf<Traits> const& tile, IntLanes const& lijk, IntLanes const& voxel,
+    void moveTo(TreeIndex const& tree, IntLanes const& lijk, IntLanes const& voxel,
                 TileBlock<T> const& block) {
-        become(tile.treeIndex(), lijk, block.atJump ? kAtJump : kUniform);
+        become(tree, lijk, block.atJump ? kAtJump : kUniform);
         if (block.atJump) return;
         IntLanes const low = lowestOf<Traits>(voxel);
         auto const columns = m_rows.columnsOf(block.tiles, low);
@@ -25,7 +25,7 @@ public:
         IntLanes step = low - m_low;
         bool near = true;
         if (!block.is(m_block)) {
-            int const w = tile.tileVoxelWidth();
+            int const w = Traits::tileWidth(tree.depth);
             IntLanes const width{w, w, w, 0}, tiles = block.place - m_block;
             IntLanes const above = tiles == width, below = tiles == -width;
             step += (above & Traits::kSamples) - (below & Traits::kSamples);

@@ -80,7 +80,7 @@ void VoxelSampler<Traits, Real, Position>::placeBlock(float const* x, float cons
     float const s = Internal::kVoxelScales<Traits>[static_cast<unsigned>(depth)];
     float const perVoxel = Traits::kBranch == 2 ? 2.0F * s : s;
     float const scale = space == kWorldSpace ? m_invVoxelSize : 1.0F;
-    alignas(64) std::array<std::array<std::uint32_t, PlacedBlock::kSize>, 3> cells;
+    auto& cells = placed.cells;
     std::array<float const*, 3> const positions{x, y, z};
     for (unsigned axis = 0; axis < 3; ++axis)
         Quern::forEachLane(count, [=, offset = m_offset[axis], from = positions[axis],

@@ -74,16 +74,27 @@ protected:
                                            Internal::Lanes& frac) const;
 
     /// Where positions lie in tiles of one depth, for those that have such a tile over them.
-    struct PlacedBlock {
+    struct alignas(64) PlacedBlock {
         static constexpr int kSize = Container<Traits>::kMaxPoints;
+        /// By axis, then by position.
+        template <class V> using Coordinates = std::array<std::array<V, kSize>, 3>;
 
-        int depth;  ///< of the tiles
-        int runCount;
+        Coordinates<std::uint32_t> cells;  ///< of the tiles, as Container::findTiles() takes them
+        Coordinates<std::int32_t> lijk;
+        Coordinates<float> frac;
         std::array<TileRun, kSize> runs;
-        alignas(
-            64) std::array<std::array<std::int32_t, kSize>, 3> lijk;  ///< by axis, then by position
-        alignas(64) std::array<std::array<float, kSize>, 3> frac;
+        int runCount;
+        int depth;  ///< of the tiles
 
+        /// The low corner of the tile.
+        int3 corner(unsigned i) const {
+            auto const along = [&](unsigned axis) {
+                return static_cast<std::int32_t>(
+                    cells[axis][i] * static_cast<std::uint32_t>(Traits::tileWidth(depth)) +
+                    static_cast<std::uint32_t>(Traits::kRootCorner));
+            };
+            return {along(0), along(1), along(2)};
+        }
         Internal::IntLanes voxel(unsigned i) const {
             return Internal::IntLanes{lijk[0][i], lijk[1][i], lijk[2][i], 0};
         }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <span>
 
 #include "zel/sampler/cubic_adaptive.h"
 
@@ -20,9 +21,13 @@ template <class Traits, class T>
 void prefetch(std::array<T const*, 8> const& tiles, Internal::IntLanes const& low) {
     Internal::StencilRows<Traits, T> rows;
     auto const columnAt = rows.columnsOf(tiles, low);
+    // A slice of a tile may be a cache line.
+    constexpr int kSlice = Traits::kSamples * Traits::kSamples * static_cast<int>(sizeof(T));
+    constexpr int kStep = kSlice <= 64 ? 3 : 1;
     for (int const i : {0, 3}) {
         auto const column = columnAt(i);
-        for (int n = 0; n < 16; ++n) __builtin_prefetch(column(n / 4, n % 4));
+        for (int k = 0; k < 4; ++k)
+            for (int j = 0; j < 4; j += kStep) __builtin_prefetch(column(j, k));
     }
 }
 
@@ -128,8 +133,9 @@ bool ZEL_DETAIL_CUBIC_SAMPLER::moveTo(TreeIndex const& tree, IntLanes const& lij
                        m_cache.halo(tree, *m_source.m_channel, m_source.m_tileAccessor));
     } else {
         bool known;
-        m_voxel.moveTo(tile, lijk, voxel,
-                       m_blocks.at(m_source, tile, m_blocks.placeOf(tile, voxel), known));
+        m_voxel.moveTo(
+            tree, lijk, voxel,
+            m_blocks.at(m_source, tile, m_blocks.placeOf(tile.m_tijk, tile.m_depth, voxel), known));
     }
     return true;
 }
@@ -167,37 +173,52 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
     int const depth = std::min(m_source.m_maxDepth, std::int32_t{Traits::kMaxDepth});
     PlacedBlock placed;
     this->placeBlock(x, y, z, static_cast<int>(end), space, depth, placed);
-    unsigned i = 0;
+    // What is not known of blocks of the depth of most positions is found later, all at once.
+    std::array<unsigned, kBlock> firsts;  // by block: the position it was met at
+    std::array<Internal::TileBlock<T>*, kBlock> unknown;
+    unsigned blockCount = 0, unknownCount = 0, i = 0;
     for (int r = 0; r < placed.runCount; ++r) {
         TileRun const run = placed.runs[static_cast<unsigned>(r)];
-        TreeIndex const tree{run.tile, placed.depth};
         for (; i < static_cast<unsigned>(run.end); ++i) {
             Located& l = located[i];
+            l.tree = {run.tile, placed.depth};
             if (run.tile < 0) {
                 bool const found = this->place({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac);
                 l.tree = found ? this->m_box->tree : TreeIndex();
             } else {
-                l.tree = tree;
                 l.lijk = placed.voxel(i);
                 l.frac = placed.fraction(i);
             }
+            if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) continue;
+            int3 const corner =
+                run.tile < 0 ? m_source.m_container->tile(l.tree).m_tijk : placed.corner(i);
+            IntLanes const voxel = Internal::limitedVoxel<Traits>(l.lijk),
+                           place = m_blocks.placeOf(corner, l.tree.depth, voxel);
+            if (blockCount == 0 || !blocks[blockCount - 1].is(place)) {
+                auto& block = blocks[blockCount];
+                firsts[blockCount++] = i;
+                if (auto const* const known = m_blocks.known(place)) {
+                    block = *known;
+                } else if (run.tile < 0) {
+                    bool wasKnown;
+                    block =
+                        m_blocks.at(m_source, m_source.m_container->tile(l.tree), place, wasKnown);
+                    if (!block.atJump)
+                        prefetch<Traits>(block.tiles, Internal::lowestOf<Traits>(voxel));
+                } else {
+                    block.place = place;
+                    unknown[unknownCount++] = &block;
+                }
+            }
+            l.block = blockCount - 1;
         }
-        if (run.tile >= 0) __builtin_prefetch(&m_source.m_container->tile(tree));
     }
-    unsigned blockCount = 0;
-    for (i = 0; i < end; ++i) {
-        Located& l = located[i];
-        if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) continue;
-        Tile const& tile = m_source.m_container->tile(l.tree);
-        IntLanes const voxel = Internal::limitedVoxel<Traits>(l.lijk),
-                       place = m_blocks.placeOf(tile, voxel);
-        if (blockCount == 0 || !blocks[blockCount - 1].is(place)) {
-            bool known;
-            auto& block = blocks[blockCount++] = m_blocks.at(m_source, tile, place, known);
-            if (!known && !block.atJump)
-                prefetch<Traits>(block.tiles, Internal::lowestOf<Traits>(voxel));
-        }
-        l.block = blockCount - 1;
+    m_blocks.find(m_source, placed.depth, std::span(unknown).first(unknownCount));
+    for (Internal::TileBlock<T> const* const block : std::span(unknown).first(unknownCount)) {
+        if (block->atJump) continue;
+        Located const& l = located[firsts[static_cast<unsigned>(block - blocks.data())]];
+        prefetch<Traits>(block->tiles,
+                         Internal::lowestOf<Traits>(Internal::limitedVoxel<Traits>(l.lijk)));
     }
     return static_cast<int>(end);
 }
@@ -225,8 +246,8 @@ void ZEL_DETAIL_CUBIC_SAMPLER::sampleBlock(float const* x, float const* y, float
                 continue;
             }
             if (!m_voxel.is(l.tree, l.lijk))
-                m_voxel.moveTo(m_source.m_container->tile(l.tree), l.lijk,
-                               Internal::limitedVoxel<Traits>(l.lijk), tiles[l.block]);
+                m_voxel.moveTo(l.tree, l.lijk, Internal::limitedVoxel<Traits>(l.lijk),
+                               tiles[l.block]);
             put(i, current(l.frac));
         }
     }

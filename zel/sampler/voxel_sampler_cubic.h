@@ -78,7 +78,7 @@ private:
         TreeIndex tree;
         unsigned block;
     };
-    static constexpr int kBlock = 64;
+    static constexpr int kBlock = 32;
 
     int locateBlock(float const* x, float const* y, float const* z, int count, int space,
                     std::array<Located, kBlock>& located,
