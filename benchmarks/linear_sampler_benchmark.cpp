@@ -167,10 +167,12 @@ public:
             return sumOf(m_positions, [&](float3 const& p) { return m_dense.linear(p); });
         });
         addSampler(name + "/halo", *m_halos);
-        add(name + "/halo_block", [this] { return block(); });
+        add(name + "/halo_block", [this] { return block(*m_halos); });
         if (scan) {
             addSampler(name + "/channel", *m_direct);
             addSampler(name + "/ring", *m_ring);
+            add(name + "/channel_block", [this] { return block(*m_direct); });
+            add(name + "/ring_block", [this] { return block(*m_ring); });
         }
         if constexpr (std::same_as<T, float>) {
             std::string const gradient = name + "_gradient";
@@ -231,12 +233,12 @@ private:
     float* out(int array) {
         return m_out.data() + array * count();
     }
-    double block() {
+    double block(LinearSampler<Traits, T>& sampler) {
         auto const& [x, y, z] = m_positions;
         std::array<float*, sizeof(T) / sizeof(float)> values;
         for (std::size_t i = 0; i < values.size(); ++i) values[i] = out(static_cast<int>(i));
-        m_halos->sampleBlock(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth, kWorld,
-                             values);
+        sampler.sampleBlock(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth, kWorld,
+                            values);
         return static_cast<double>(*values[0]);
     }
     double gradientBlock() {

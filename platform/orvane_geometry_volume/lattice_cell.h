@@ -34,7 +34,7 @@ private:
         for (unsigned d = 0; d < divisors.size(); ++d) {
             auto const width = static_cast<std::uint64_t>(Traits::tileWidth(static_cast<int>(d)));
             auto const log = static_cast<unsigned>(std::bit_width(width - 1));
-            // Less than 2^32, since no width of the latter kind is a power of two.
+            // Less than 2^32, since no width of Traits<5, 5, 1> is a power of two.
             if constexpr (Traits::kBranch == 2)
                 divisors[d] = {0, log};
             else

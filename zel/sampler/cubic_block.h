@@ -61,13 +61,10 @@ public:
         return lanesOfInts(corner, depth) - (below & Traits::tileWidth(depth));
     }
 
-    /// The block at a place, which is that of a voxel of a tile; valid until the next call. `known`
-    /// tells whether it was there already.
-    TileBlock<T> const& at(Source const& source, Tile const& tile, IntLanes const& place,
-                           bool& known) {
+    /// The block at a place, which is that of a voxel of a tile; valid until the next call.
+    TileBlock<T> const& at(Source const& source, Tile const& tile, IntLanes const& place) {
         TileBlock<T>& block = entry(place);
-        known = block.is(place);
-        if (!known) {
+        if (!block.is(place)) {
             block.place = place;
             block.atJump = true;
             Tile const& parent = source.m_container->tile(tile.parentTreeIndex());
@@ -82,8 +79,9 @@ public:
         return block.is(place) ? &block : nullptr;
     }
 
-    /// Finds the tiles of blocks at places of one depth; the waits for memory overlap.
-    void find(Source const& source, int depth, std::span<TileBlock<T>* const> blocks) {
+    /// Finds, and keeps for known(), the blocks at places of one depth. The waits for memory
+    /// overlap.
+    void findAll(Source const& source, int depth, std::span<TileBlock<T>* const> blocks) {
         constexpr std::size_t kMost = Container<Traits>::kMaxPoints / 8;
         for (; !blocks.empty(); blocks = blocks.subspan(std::min(blocks.size(), kMost))) {
             auto const count = std::min(blocks.size(), kMost);

@@ -43,10 +43,6 @@ Internal::Lanes floatsAbove(std::array<double, 3> const& integers) {
     return above;
 }
 
-}  // namespace
-
-namespace {
-
 constexpr float kReach = 1073741824.0F;  // all trees lie within this distance of the origin
 constexpr auto kReachBits = std::bit_cast<std::int32_t>(kReach);
 

@@ -132,10 +132,9 @@ bool ZEL_DETAIL_CUBIC_SAMPLER::moveTo(TreeIndex const& tree, IntLanes const& lij
         m_voxel.moveTo(tree, lijk, voxel,
                        m_cache.halo(tree, *m_source.m_channel, m_source.m_tileAccessor));
     } else {
-        bool known;
         m_voxel.moveTo(
             tree, lijk, voxel,
-            m_blocks.at(m_source, tile, m_blocks.placeOf(tile.m_tijk, tile.m_depth, voxel), known));
+            m_blocks.at(m_source, tile, m_blocks.placeOf(tile.m_tijk, tile.m_depth, voxel)));
     }
     return true;
 }
@@ -200,9 +199,7 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
                 if (auto const* const known = m_blocks.known(place)) {
                     block = *known;
                 } else if (run.tile < 0) {
-                    bool wasKnown;
-                    block =
-                        m_blocks.at(m_source, m_source.m_container->tile(l.tree), place, wasKnown);
+                    block = m_blocks.at(m_source, m_source.m_container->tile(l.tree), place);
                     if (!block.atJump)
                         prefetch<Traits>(block.tiles, Internal::lowestOf<Traits>(voxel));
                 } else {
@@ -213,7 +210,7 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
             l.block = blockCount - 1;
         }
     }
-    m_blocks.find(m_source, placed.depth, std::span(unknown).first(unknownCount));
+    m_blocks.findAll(m_source, placed.depth, std::span(unknown).first(unknownCount));
     for (Internal::TileBlock<T> const* const block : std::span(unknown).first(unknownCount)) {
         if (block->atJump) continue;
         Located const& l = located[firsts[static_cast<unsigned>(block - blocks.data())]];

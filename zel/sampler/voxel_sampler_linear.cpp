@@ -58,8 +58,9 @@ bool ZEL_DETAIL_LINEAR::insideTile(Internal::IntLanes lijk) const {
 ZEL_DETAIL_LINEAR_HEAD
 bool ZEL_DETAIL_LINEAR::fills(TreeIndex const& tree, Internal::IntLanes lijk) const {
     auto const depth = static_cast<unsigned>(tree.depth);
-    return !insideTile(lijk) && (this->m_offsetType == 7 ? m_cornerCache[depth].tile
-                                                         : m_ringCache[depth].tile) != tree.tile;
+    long long const cached =
+        this->m_offsetType == 7 ? m_cornerCache[depth].tile : m_ringCache[depth].tile;
+    return cached != tree.tile && !insideTile(lijk) && m_channel->samples(tree);
 }
 
 ZEL_DETAIL_LINEAR_HEAD
@@ -137,11 +138,11 @@ template <class T> static void prefetchCell(T const* corner, int width) {
     }
 }
 
-/// Finds the samples around a place in a tile. False, and it does not, if that would take the place
-/// of a surrounded tile that positions before it wait for.
+/// Finds the samples around a place in a tile. False, and it does not, if that fills a tile of a
+/// cache and must not.
 ZEL_DETAIL_LINEAR_HEAD
 bool ZEL_DETAIL_LINEAR::locateOne(TreeIndex const& tree, Internal::IntLanes lijk, unsigned i,
-                                  LocatedBlock& located) {
+                                  bool mayFill, LocatedBlock& located) {
     located.corners[i] = nullptr;
     located.widths[i] = kHaloWidth;
     located.depths[i] = tree.depth;
@@ -149,75 +150,70 @@ bool ZEL_DETAIL_LINEAR::locateOne(TreeIndex const& tree, Internal::IntLanes lijk
     if (m_haloChannel) {
         located.corners[i] = haloCorner(tree, lijk);
     } else {
-        if (i > 0 && fills(tree, lijk)) return false;
+        if (!mayFill && fills(tree, lijk)) return false;
         std::tie(located.corners[i], located.widths[i]) = channelCorner(tree, lijk);
     }
     return true;
 }
 
-/// Locates the first of some positions, a block at most and one at least, and asks memory for their
-/// samples. Returns how many.
+/// Locates the next positions of a block that is placed, one at least, and asks memory for their
+/// samples. It stops before one for which a tile of a cache had to be filled: that would take the
+/// place of a tile that those before it wait for.
 ZEL_DETAIL_LINEAR_HEAD
-int ZEL_DETAIL_LINEAR::locateBlock(float const* x, float const* y, float const* z, int count,
-                                   int maxDepth, int space, LocatedBlock& located) {
-    int const end = std::min(count, PlacedBlock::kSize), depth = std::min(m_depth, maxDepth);
-    this->placeBlock(x, y, z, end, space, depth, located);
-    unsigned i = 0;
-    for (int r = 0; r < located.runCount; ++r) {
-        TileRun const run = located.runs[static_cast<unsigned>(r)];
+void ZEL_DETAIL_LINEAR::locateMore(float const* x, float const* y, float const* z, int space,
+                                   int depth, LocatedBlock& located) {
+    unsigned const first = located.count;
+    unsigned& i = located.count;
+    for (; located.run < static_cast<unsigned>(located.runCount); ++located.run) {
+        TileRun const run = located.runs[located.run];
         auto const runEnd = static_cast<unsigned>(run.end);
         if (run.tile >= 0 && m_haloChannel) {
             TreeIndex const tree{run.tile, located.depth};
             T const* const samples =
                 tree.depth >= m_minDepth ? m_haloChannel->samples(tree) : nullptr;
-            unsigned const first = i;
-            for (; i < runEnd; ++i) {
-                located.corners[i] =
-                    samples ? samples + flat(located.voxel(i), kHaloWidth) : nullptr;
-                located.widths[i] = kHaloWidth;
-                located.depths[i] = tree.depth;
+            unsigned n = i;
+            for (; n < runEnd; ++n) {
+                located.corners[n] =
+                    samples ? samples + flat(located.voxel(n), kHaloWidth) : nullptr;
+                located.widths[n] = kHaloWidth;
+                located.depths[n] = tree.depth;
             }
-            if (samples) prefetchCell(located.corners[first], kHaloWidth);
+            if (samples) prefetchCell(located.corners[i], kHaloWidth);
+            i = n;
             continue;
         }
         // One by one: in a channel without halos, or in tiles of other depths.
         T const* last = nullptr;
         for (; i < runEnd; ++i) {
             TreeIndex tree{run.tile, located.depth};
-            Internal::IntLanes lijk = located.voxel(i);
+            Internal::IntLanes lijk{};
             if (run.tile < 0) {
                 Internal::Lanes frac{};
                 bool const found = this->place({x[i], y[i], z[i]}, space, depth, lijk, frac);
                 tree = found ? this->m_box->tree : TreeIndex();
                 for (unsigned axis = 0; axis < 3; ++axis) located.frac[axis][i] = frac[axis];
+            } else {
+                lijk = located.voxel(i);
             }
-            if (!locateOne(tree, lijk, i, located)) return static_cast<int>(i);
+            if (!locateOne(tree, lijk, i, i == first, located)) return;
             T const* const corner = located.corners[i];
             if (corner && corner != last) prefetchCell(corner, located.widths[i]);
             last = corner;
         }
     }
-    return end;
 }
 
 ZEL_DETAIL_LINEAR_HEAD
 void ZEL_DETAIL_LINEAR::sampleBlock(float const* x, float const* y, float const* z, int count,
                                     int maxDepth, int space,
                                     std::array<float*, kFloats> const& values) {
-    LocatedBlock block;
-    for (int first = 0; first < count;) {
-        int const located =
-            locateBlock(x + first, y + first, z + first, count - first, maxDepth, space, block);
-        for (int j = 0; j < located; ++j) {
-            auto const n = static_cast<unsigned>(j);
-            T const sample = block.corners[n]
-                                 ? value(block.corners[n], block.widths[n], block.fraction(n))
-                                 : m_defaultValue;
-            auto const v = std::bit_cast<std::array<float, kFloats>>(sample);
-            for (std::size_t f = 0; f < kFloats; ++f) values[f][first + j] = v[f];
-        }
-        first += located;
-    }
+    forEachLocated(x, y, z, count, maxDepth, space,
+                   [&](int i, T const* corner, LocatedBlock const& block, unsigned n) {
+                       T const sample = corner ? value(corner, block.widths[n], block.fraction(n))
+                                               : m_defaultValue;
+                       auto const v = std::bit_cast<std::array<float, kFloats>>(sample);
+                       for (std::size_t f = 0; f < kFloats; ++f) values[f][i] = v[f];
+                   });
 }
 
 template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;

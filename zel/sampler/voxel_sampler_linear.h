@@ -80,6 +80,7 @@ private:
         static constexpr auto kSize = static_cast<unsigned>(PlacedBlock::kSize);
         std::array<T const*, kSize> corners;
         std::array<std::int32_t, kSize> widths, depths;
+        unsigned count, run;  ///< the positions located so far, and the run that the next is in
     };
 
     /// Finds the tile, m_box->tree, if it is one that the channel may have.
@@ -113,9 +114,12 @@ private:
         return Internal::LinearCell<T>(corner, width).value(frac, perVoxel, gradient);
     }
 
-    int locateBlock(float const* x, float const* y, float const* z, int count, int maxDepth,
-                    int space, LocatedBlock& located);
-    bool locateOne(TreeIndex const& tree, Internal::IntLanes lijk, unsigned i,
+    template <class Use>
+    void forEachLocated(float const* x, float const* y, float const* z, int count, int maxDepth,
+                        int space, Use const& use);
+    void locateMore(float const* x, float const* y, float const* z, int space, int depth,
+                    LocatedBlock& located);
+    bool locateOne(TreeIndex const& tree, Internal::IntLanes lijk, unsigned i, bool mayFill,
                    LocatedBlock& located);
 
     template <class Cache> auto& filled(Cache& cache, TreeIndex const& tree);
@@ -173,23 +177,36 @@ template <std::same_as<float> Scalar>
 void ZEL_DETAIL_LINEAR::sampleGradientBlock(float const* x, float const* y, float const* z,
                                             int count, int maxDepth, int space, Scalar* values,
                                             std::array<float*, 3> const& gradients) {
+    forEachLocated(x, y, z, count, maxDepth, space,
+                   [&](int i, T const* corner, LocatedBlock const& block, unsigned n) {
+                       float3 g;
+                       float const v = corner ? value(corner, block.widths[n], block.fraction(n),
+                                                      block.depths[n], g)
+                                              : m_defaultValue;
+                       if (values) values[i] = v;
+                       gradients[0][i] = g.x;
+                       gradients[1][i] = g.y;
+                       gradients[2][i] = g.z;
+                   });
+}
+
+/// Calls use(i, corner, block, n) for each position i, which is the n-th of a block: in their
+/// order, and after memory was asked for the samples of many.
+ZEL_DETAIL_LINEAR_HEAD
+template <class Use>
+void ZEL_DETAIL_LINEAR::forEachLocated(float const* x, float const* y, float const* z, int count,
+                                       int maxDepth, int space, Use const& use) {
+    int const depth = std::min(m_depth, maxDepth);
     LocatedBlock block;
-    for (int first = 0; first < count;) {
-        int const located =
-            locateBlock(x + first, y + first, z + first, count - first, maxDepth, space, block);
-        for (int j = 0; j < located; ++j) {
-            auto const n = static_cast<unsigned>(j);
-            int const i = first + j;
-            float3 g;
-            float const v = block.corners[n] ? value(block.corners[n], block.widths[n],
-                                                     block.fraction(n), block.depths[n], g)
-                                             : m_defaultValue;
-            if (values) values[i] = v;
-            gradients[0][i] = g.x;
-            gradients[1][i] = g.y;
-            gradients[2][i] = g.z;
+    for (int first = 0; first < count; first += PlacedBlock::kSize) {
+        int const size = std::min(count - first, PlacedBlock::kSize);
+        this->placeBlock(x + first, y + first, z + first, size, space, depth, block);
+        block.count = block.run = 0;
+        for (unsigned n = 0; n < static_cast<unsigned>(size);) {
+            locateMore(x + first, y + first, z + first, space, depth, block);
+            for (; n < block.count; ++n)
+                use(first + static_cast<int>(n), block.corners[n], block, n);
         }
-        first += located;
     }
 }
 
