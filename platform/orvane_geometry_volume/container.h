@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -128,16 +127,6 @@ private:
         int3 corner;         ///< low corner of the parent
         std::int32_t owner;  ///< place of the parent within its depth
         std::int32_t depth;  ///< of the parent
-
-        /// Whether the parent, of a depth that wide, covers a point.
-        bool covers(int3 const& p, std::uint32_t width) const {
-            auto const above = [](std::int32_t c, std::int32_t low) {
-                return static_cast<std::uint32_t>(c) - static_cast<std::uint32_t>(low);
-            };
-            // One test for all axes: three would each be mispredicted now and then.
-            return std::max({above(p.x, corner.x), above(p.y, corner.y), above(p.z, corner.z)}) <
-                   width;
-        }
     };
     using Level = Internal::ChunkedStore<Tile, 8>;
     using Tables = Internal::ChunkedStore<ChildTable, Traits::kBranch == 2 ? 8 : 4>;

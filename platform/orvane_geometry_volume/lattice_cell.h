@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -50,6 +51,22 @@ private:
 
 template <class Traits> std::uint32_t tilesBelow(std::uint32_t coordinate, unsigned depth) {
     return TilesBelow<Traits>(depth)(coordinate);
+}
+
+/// The low face, on the lattice of finest voxels, of a tile that has `below` tiles below it along
+/// an axis, all of one width.
+template <class Traits> std::int32_t cornerOf(std::uint32_t below, std::uint32_t width) {
+    return static_cast<std::int32_t>(below * width +
+                                     static_cast<std::uint32_t>(Traits::kRootCorner));
+}
+
+/// Whether a cube covers a lattice point.
+inline bool covers(int3 const& corner, std::uint32_t width, int3 const& p) {
+    auto const above = [](std::int32_t c, std::int32_t low) {
+        return static_cast<std::uint32_t>(c) - static_cast<std::uint32_t>(low);
+    };
+    // One test for all axes: three would each be mispredicted now and then.
+    return std::max({above(p.x, corner.x), above(p.y, corner.y), above(p.z, corner.z)}) < width;
 }
 
 }  // namespace ORV::TileTree3D::Internal

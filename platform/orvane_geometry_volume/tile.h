@@ -4,6 +4,7 @@
 #include <bit>
 #include <limits>
 
+#include "orvane_geometry_volume/lattice_cell.h"
 #include "orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D {
@@ -73,10 +74,7 @@ public:
     /// Whether the tile exists and a lattice point lies in it.
     bool contains(int i, int j, int k) const {
         auto const width = static_cast<std::uint32_t>(tileVoxelWidth());
-        // One test for all axes: three would each be mispredicted now and then.
-        std::uint32_t const farthest = std::max(
-            {above(i, this->m_tijk.x), above(j, this->m_tijk.y), above(k, this->m_tijk.z)});
-        return farthest < width && this->m_exists != 0;
+        return Internal::covers(this->m_tijk, width, {i, j, k}) && this->m_exists != 0;
     }
     bool contains(int3 const& p) const { return contains(p.x, p.y, p.z); }
 

@@ -40,7 +40,7 @@ public:
             Internal::InnerTileIndex::hash(x.cell, y.cell, z.cell),
             [&](std::int32_t number) -> ChildTable const* {
                 ChildTable const& found = m_tree.m_tables[number];
-                return found.covers(m_p, width) ? &found : nullptr;
+                return Internal::covers(found.corner, width, m_p) ? &found : nullptr;
             });
         if (!table) return nullptr;
         std::int32_t const child =

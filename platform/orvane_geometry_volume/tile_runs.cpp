@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cassert>
 
 #include "orvane_geometry_volume/container.h"
@@ -76,11 +77,9 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
     for (unsigned p = 0; p < parentCount; ++p) {
         Parent& parent = parents[p];
         if (!parent.table) continue;
-        auto const corner = [&](std::uint32_t cell) {
-            return static_cast<std::int32_t>(cell * width +
-                                             static_cast<std::uint32_t>(Traits::kRootCorner));
-        };
-        int3 const at{corner(parent.x), corner(parent.y), corner(parent.z)};
+        int3 const at{Internal::cornerOf<Traits>(parent.x, width),
+                      Internal::cornerOf<Traits>(parent.y, width),
+                      Internal::cornerOf<Traits>(parent.z, width)};
         bool const inside = std::max({parent.x, parent.y, parent.z}) < Traits::kRootWidth / width;
         auto const isOwner = [&](ChildTable const& table) { return inside && table.corner == at; };
         if (isOwner(*parent.table)) continue;

@@ -95,8 +95,7 @@ void VoxelSampler<Traits, Real, Position>::placeBlock(float const* x, float cons
             above = above < Traits::kRootWidth ? above : Traits::kRootWidth;
             std::uint32_t const below = tilesBelow(above);
             cell[i] = below | ~static_cast<std::uint32_t>(inReach);
-            auto const corner = static_cast<std::int32_t>(
-                below * width + static_cast<std::uint32_t>(Traits::kRootCorner));
+            std::int32_t const corner = Internal::cornerOf<Traits>(below, width);
             float l = (v - static_cast<float>(corner)) * perVoxel - offset;
             l = std::bit_cast<float>(std::bit_cast<std::int32_t>(l) &
                                      ~(mask(l > -1e-5F) & mask(l <= 0.0F)));

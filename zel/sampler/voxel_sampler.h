@@ -88,12 +88,10 @@ protected:
 
         /// The low corner of the tile.
         int3 corner(unsigned i) const {
-            auto const along = [&](unsigned axis) {
-                return static_cast<std::int32_t>(
-                    cells[axis][i] * static_cast<std::uint32_t>(Traits::tileWidth(depth)) +
-                    static_cast<std::uint32_t>(Traits::kRootCorner));
-            };
-            return {along(0), along(1), along(2)};
+            auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
+            return {Internal::cornerOf<Traits>(cells[0][i], width),
+                    Internal::cornerOf<Traits>(cells[1][i], width),
+                    Internal::cornerOf<Traits>(cells[2][i], width)};
         }
         Internal::IntLanes voxel(unsigned i) const {
             return Internal::IntLanes{lijk[0][i], lijk[1][i], lijk[2][i], 0};

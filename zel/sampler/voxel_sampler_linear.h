@@ -198,8 +198,8 @@ void ZEL_DETAIL_LINEAR::forEachLocated(float const* x, float const* y, float con
                                        int maxDepth, int space, Use const& use) {
     int const depth = std::min(m_depth, maxDepth);
     LocatedBlock block;
-    for (int first = 0; first < count; first += PlacedBlock::kSize) {
-        int const size = std::min(count - first, PlacedBlock::kSize);
+    for (int first = 0, size = 0; first < count; first += size) {
+        size = std::min(count - first, PlacedBlock::kSize);
         this->placeBlock(x + first, y + first, z + first, size, space, depth, block);
         block.count = block.run = 0;
         for (unsigned n = 0; n < static_cast<unsigned>(size);) {
