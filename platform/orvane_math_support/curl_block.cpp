@@ -95,7 +95,7 @@ template <class Arrays> struct PlainBody : CurlBody<Arrays, 3, PlainScalar> {
         using namespace Simplex::HWY_NAMESPACE;
         using L = BlockLane<float>;
         L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]), L::load(a.in[3])};
-        atPlace<L>(p, skew<L>(p), Simplex::NoOrigin{}, use);
+        atPlace<L>(skew<L>(p), Simplex::NoOrigin{}, use);
         return inLattice<L>(
             {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), L::loadOne(a.in[3])});
     }
@@ -107,12 +107,10 @@ template <class Arrays> struct SmoothBody : CurlBody<Arrays, 4, SmoothScalar> {
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use const& use) const {
         using namespace Simplex::HWY_NAMESPACE;
         using L = BlockLane<float>;
-        auto const findAt = [&](Wide const& latticeXyz, Wide const& latticeW, Wide const& offsetXyz,
-                                Wide const& offsetW, Cell const& cellXyz,
+        auto const findAt = [&](Wide const& latticeXyz, Wide const& latticeW, Cell const& cellXyz,
                                 Cell const& cellW) ZEL_KERNEL_LAMBDA {
             L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]), Wide::all(0)};
-            atPlace<L>(p + L::spread(offsetXyz, offsetW),
-                       skew<L>(p) + L::spread(latticeXyz, latticeW), L::spread(cellXyz, cellW),
+            atPlace<L>(skew<L>(p) + L::spread(latticeXyz, latticeW), L::spread(cellXyz, cellW),
                        use);
             return inLattice<L>(
                 {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), FloatReal::all(0)});
@@ -123,8 +121,7 @@ template <class Arrays> struct SmoothBody : CurlBody<Arrays, 4, SmoothScalar> {
         } else {
             auto const time = Simplex::readTimeTable(this->timeTable);
             auto const lattice = L::spread(Wide::all(time.latticeXyz), Wide::all(time.latticeW));
-            return findAt(lattice.x, lattice.w, Wide::all(time.offsetXyz), Wide::all(time.offsetW),
-                          Cell::all(time.cellXyz), Cell::all(time.cellW)) &&
+            return findAt(lattice.x, lattice.w, Cell::all(time.cellXyz), Cell::all(time.cellW)) &&
                    timeInLattice<L>(lattice);
         }
     }

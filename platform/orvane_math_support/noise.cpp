@@ -32,7 +32,7 @@ template <class Real, class Point> Real value(Point const& point, std::int64_t s
     using L = ScalarLane<Real>;
     Double4 const p = widen(point);
     if (!inLattice<L>(gather(point))) return outside<Real>(p - p);
-    return atPlace<L>(p, skew<L>(p), NoOrigin{}, [&](auto const& d, auto const& cell) {
+    return atPlace<L>(skew<L>(p), NoOrigin{}, [&](auto const& d, auto const& cell) {
         return simplexValue<L>(d, hashCell<L>(cell, makeKeys(seed)));
     });
 }
@@ -47,7 +47,7 @@ Real valueAndDerivative(Point const& point, std::int64_t seed, Point& derivative
         return none;
     }
     typename L::Real4 d;
-    Real const v = atPlace<L>(p, skew<L>(p), NoOrigin{}, [&](auto const& place, auto const& cell) {
+    Real const v = atPlace<L>(skew<L>(p), NoOrigin{}, [&](auto const& place, auto const& cell) {
         return simplexDerivative<L>(place, hashCell<L>(cell, makeKeys(seed)), d);
     });
     derivative = {d[0], d[1], d[2], d[3]};
@@ -65,7 +65,7 @@ TimePlace placeTime(float time) {
         return Simplex::placeTime<L>(lattice,
                                      [](auto... members) { return TimePlace{members...}; });
     double const none = t - t + kLatticeLimit;  // NaN if the time is not finite
-    return {none, none, 0, 0, 0, 0};
+    return {none, none, 0, 0};
 }
 
 template <class Jacobian> float3 noCurl(Double4 const& zeros, Jacobian& jacobian) {
@@ -76,10 +76,10 @@ template <class Jacobian> float3 noCurl(Double4 const& zeros, Jacobian& jacobian
 }
 
 template <int power, class Origin, class Jacobian>
-float3 curlAt(Double4 const& p, Double4 const& lattice, Origin const& origin, std::uint32_t seed,
+float3 curlAt(Double4 const& lattice, Origin const& origin, std::uint32_t seed,
               Jacobian& jacobian) {
     auto const vector = [](Vec3<float> const& v) { return float3{v.x, v.y, v.z}; };
-    return atPlace<L>(p, lattice, origin, [&](auto const& d, auto const& cell) {
+    return atPlace<L>(lattice, origin, [&](auto const& d, auto const& cell) {
         auto const hash = hashCell<L>(cell, makeKeys(seed));
         if constexpr (std::is_same_v<Jacobian, float3x3>) {
             Vec3<Vec3<float>> rows;
@@ -97,7 +97,7 @@ float3 plainCurl(float3 const& position, float time, std::uint32_t seed, Jacobia
     float4 const point = {position.x, position.y, position.z, time};
     Double4 const p = widen(point);
     if (!inLattice<L>(gather(point))) return noCurl(p - p, jacobian);
-    return curlAt<3>(p, skew<L>(p), NoOrigin{}, seed, jacobian);
+    return curlAt<3>(skew<L>(p), NoOrigin{}, seed, jacobian);
 }
 
 template <class Jacobian>
@@ -107,8 +107,7 @@ float3 smoothCurl(float3 const& position, TimePlace const& time, std::uint32_t s
     Double4 const p = widen(point), lattice = L::spread(time.latticeXyz, time.latticeW);
     if (!inLattice<L>(gather(point)) || !timeInLattice<L>(lattice))
         return noCurl((p - p) + (lattice - lattice), jacobian);
-    return curlAt<4>(p + L::spread(time.offsetXyz, time.offsetW), skew<L>(p) + lattice,
-                     L::spread(time.cellXyz, time.cellW), seed, jacobian);
+    return curlAt<4>(skew<L>(p) + lattice, L::spread(time.cellXyz, time.cellW), seed, jacobian);
 }
 
 }  // namespace

@@ -117,8 +117,9 @@ template <> struct ScalarLane<float> : ScalarCells {
         a = reinterpret_cast<Float4>(reinterpret_cast<Word4>(a) & (~0u >> 1));
         return (a[0] + a[1]) + (a[2] + a[3]);
     }
-    ZEL_INLINE static float dot(Real4 a, Real4 b) {
-        Float4 p = a * b;
+    ZEL_INLINE static float dot(Real4 a, Real4 b) { return sum(a * b); }
+    using ScalarCells::sum;
+    ZEL_INLINE static float sum(Real4 p) {
         p += __builtin_shufflevector(p, p, 1, 0, 3, 2);
         return p[0] + p[2];
     }

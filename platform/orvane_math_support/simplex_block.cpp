@@ -43,7 +43,7 @@ template <class Arrays> struct SimplexBody {
         using namespace Simplex::HWY_NAMESPACE;
         typename L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]),
                                      L::load(a.in[3])};
-        atPlace<L>(p, skew<L>(p), Simplex::NoOrigin{}, use);
+        atPlace<L>(skew<L>(p), Simplex::NoOrigin{}, use);
         return inLattice<L>(
             {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), L::loadOne(a.in[3])});
     }

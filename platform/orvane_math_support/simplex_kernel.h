@@ -78,18 +78,20 @@ template <class L> ZEL_INLINE typename L::Wide4 skew(typename L::Wide4 const& p)
     return p + (L::sum(p) * kSkew - 0.5);
 }
 
-/// Calls use(d, cell) with the place of the point `p` in the lattice: the point minus the first
-/// vertex of its cell, and the cell. `lattice` is what skew() gives for `p`, within 2^51;
-/// `origin` is added to the cell.
+/// Calls use(d, cell) with the place in the lattice of a point for which skew() gives `lattice`,
+/// within 2^51: the point minus the first vertex of its cell, and the cell. `origin` is added to
+/// the cell.
 ///
 /// Groups are handed on in calls like this one, since g++ 12 copies structures of registers in
 /// pieces.
 template <class L, class Origin, class Use>
-ZEL_INLINE auto atPlace(typename L::Wide4 const& p, typename L::Wide4 const& lattice,
-                        Origin const& origin, Use&& use) {
+ZEL_INLINE auto atPlace(typename L::Wide4 const& lattice, Origin const& origin, Use&& use) {
+    using Number = typename L::Number;
     auto const shifted = lattice + kCellShift;
-    auto const whole = shifted - kCellShift;
-    auto const d = L::narrow(p - (whole - L::sum(whole) * kUnskew));
+    // Small numbers from here on, so that their own precision does; -1/2 to 1/2.
+    auto const rest = L::narrow(lattice - (shifted - kCellShift));
+    auto const d = rest + (static_cast<Number>(0.5 - 2 * kUnskew) -
+                           L::sum(rest) * static_cast<Number>(kUnskew));
     auto const cell = L::bits(shifted);
     if constexpr (std::is_same_v<Origin, NoOrigin>)
         return use(d, cell);
@@ -249,17 +251,14 @@ template <class L> ZEL_INLINE typename L::Wide roundToTwoFloats(typename L::Wide
     return high + L::cutToFloat(a - high);
 }
 
-/// Calls use() with the six members of the TimePlace of a time within the lattice, from its
+/// Calls use() with the four members of the TimePlace of a time within the lattice, from its
 /// coordinates there.
 template <class L, class Use>
 ZEL_INLINE auto placeTime(typename L::Wide4 const& lattice, Use const& use) {
     auto const shifted = (lattice - 0.5) + kCellShift;
     auto const place = lattice - (shifted - kCellShift);
     auto const cell = L::unbiased(L::bits(shifted));
-    auto const xyz = roundToTwoFloats<L>(place[2]), w = roundToTwoFloats<L>(place[3]);
-    auto const unskew = (xyz * 3.0 + w) * kUnskew;
-    return use(xyz, w, roundToTwoFloats<L>(xyz - unskew), roundToTwoFloats<L>(w - unskew), cell[2],
-               cell[3]);
+    return use(roundToTwoFloats<L>(place[2]), roundToTwoFloats<L>(place[3]), cell[2], cell[3]);
 }
 
 ZEL_KERNEL_END

@@ -12,7 +12,6 @@ namespace Orvane::Math::Simplex {
 /// the time axis are equal: `xyz` stands for each of them.
 struct TimePlace {
     double latticeXyz, latticeW;   // in the cell, 0..1; kLatticeLimit for a time outside
-    double offsetXyz, offsetW;     // the same place in Cartesian coordinates
     std::uint64_t cellXyz, cellW;  // two's complement
 };
 
@@ -28,17 +27,18 @@ inline void splitInTwo(double a, float* out) {
     out[1] = static_cast<float>(a - high);
 }
 
-/// Table: the four numbers, each as the sum of two floats, then the two cells, four digits of 16
-/// bits each, lowest first; the highest has the sign.
+/// Table: the two numbers, each as the sum of two floats, then the two cells, four digits of 16
+/// bits each, lowest first; the highest has the sign. The last four floats are 0.
 inline void writeTimeTable(TimePlace const& place, float* table) {
-    double const numbers[4] = {place.latticeXyz, place.latticeW, place.offsetXyz, place.offsetW};
-    for (int i = 0; i < 4; ++i) splitInTwo(numbers[i], table + 2 * i);
+    splitInTwo(place.latticeXyz, table);
+    splitInTwo(place.latticeW, table + 2);
     auto const digits = [](std::uint64_t cell, float* out) {
         for (int i = 0; i < 3; ++i) out[i] = static_cast<float>(cell >> (16 * i) & 0xffff);
         out[3] = static_cast<float>(static_cast<std::int64_t>(cell) >> 48);
     };
-    digits(place.cellXyz, table + 8);
-    digits(place.cellW, table + 12);
+    digits(place.cellXyz, table + 4);
+    digits(place.cellW, table + 8);
+    for (int i = 12; i < 16; ++i) table[i] = 0;
 }
 
 /// Any 16 floats are good to read: no float is cast to an integer.
@@ -49,7 +49,7 @@ inline TimePlace readTimeTable(float const* table) {
         double const c = ((at(i + 3) * 0x1p16 + at(i + 2)) * 0x1p16 + at(i + 1)) * 0x1p16 + at(i);
         return std::bit_cast<std::uint64_t>(c + kCellShift) - kCellBias;
     };
-    return {number(0), number(2), number(4), number(6), cell(8), cell(12)};
+    return {number(0), number(2), cell(4), cell(8)};
 }
 
 }  // namespace Orvane::Math::Simplex

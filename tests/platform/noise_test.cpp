@@ -69,7 +69,7 @@ float4 single(Point const& p) {
 template <class Use> auto atPlace(Point const& p, std::uint32_t seed, Use const& use) {
     Simplex::Double4 const w = {Simplex::Double2{p[0], p[1]}, Simplex::Double2{p[2], p[3]}};
     return Simplex::atPlace<Lane>(
-        w, Simplex::skew<Lane>(w), Simplex::NoOrigin{}, [&](auto const& d, auto const& cell) {
+        Simplex::skew<Lane>(w), Simplex::NoOrigin{}, [&](auto const& d, auto const& cell) {
             return use(d, Simplex::hashCell<Lane>(cell, Simplex::makeKeys(seed)));
         });
 }
