@@ -97,6 +97,7 @@ struct FloatReal {
         return hn::AllTrue(FloatTag(), hn::Lt(v, all(b).v));
     }
     ZEL_INLINE FloatReal magnitude() const { return {hn::Abs(v)}; }
+    ZEL_INLINE FloatReal positive() const { return {hn::Max(v, hn::Zero(FloatTag()))}; }
 };
 
 /// Doubles: `a` has the first half of the points, `b` the second.
@@ -119,6 +120,10 @@ struct Wide {
         return hn::AllTrue(DoubleTag(), hn::And(hn::Lt(a, v), hn::Lt(b, v)));
     }
     ZEL_INLINE Wide magnitude() const { return {hn::Abs(a), hn::Abs(b)}; }
+    ZEL_INLINE Wide positive() const {
+        auto const zero = hn::Zero(DoubleTag());
+        return {hn::Max(a, zero), hn::Max(b, zero)};
+    }
 
     /// The low and the high words of the representations.
     ZEL_INLINE Word low() const {
@@ -227,7 +232,10 @@ struct BlockCells {
     template <class T> ZEL_INLINE static T dot(Four<T> const& a, Four<T> const& b) {
         return sum(a * b);
     }
-    template <class T> ZEL_INLINE static T twicePositive(T const& a) { return a + a.magnitude(); }
+    template <class T> ZEL_INLINE static T dot3(Four<T> const& a, Four<T> const& b) {
+        return (a.x * b.x + a.y * b.y) + a.z * b.z;
+    }
+    template <class T> ZEL_INLINE static T positive(T const& a) { return a.positive(); }
     /// As in ScalarLane. Each pair is compared once: of two numbers one is larger.
     ZEL_INLINE static auto largest(Four<FloatReal> const& d) {
         auto const above = [](FloatReal const& p, FloatReal const& q) ZEL_KERNEL_LAMBDA {
@@ -248,11 +256,33 @@ struct BlockCells {
         return {round(a.x), round(a.y), round(a.z), round(a.w)};
     }
     /// Packed directions.
-    ZEL_INLINE static auto look(Word const& row) {
+    template <std::size_t size>
+    ZEL_INLINE static auto look(std::array<std::uint32_t, size> const& packed, Word const& row) {
         hn::RebindToSigned<WordTag> const integers;
-        return hn::GatherIndex(integers,
-                               reinterpret_cast<std::int32_t const*>(kPackedDirections.data()),
+        return hn::GatherIndex(integers, reinterpret_cast<std::int32_t const*>(packed.data()),
                                hn::BitCast(integers, row.v));
+    }
+    ZEL_INLINE static auto look(Word const& row) { return look(kPackedDirections, row); }
+    /// Packed directions in space, of the six bits of the hashes from bit `low` on.
+    template <int low> ZEL_INLINE static auto lookInSpace(Word const& hash) {
+        if constexpr (kLanes >= 8) {
+            auto const at = [](std::array<std::uint32_t, 8> const& table, Word const& row)
+                                ZEL_KERNEL_LAMBDA {
+                                    // The lowest bits count. IndicesFromVec may refuse others.
+                                    using Index = decltype(hn::IndicesFromVec(WordTag(), row.v));
+                                    return hn::TableLookupLanes(repeat(table), Index{row.v.raw});
+                                };
+            hn::RebindToSigned<WordTag> const integers;
+            return hn::BitCast(integers, hn::Xor(at(kOctant, hash.template shiftRight<low + 3>()),
+                                                 at(kMirrors, hash.template shiftRight<low>())));
+        } else {
+            return look(kPackedSpatialDirections, hash.template shiftRight<low>() & 63u);
+        }
+    }
+    ZEL_INLINE static hn::Vec<WordTag> repeat(std::array<std::uint32_t, 8> const& table) {
+        alignas(64) std::uint32_t all[kLanes];
+        for (std::size_t i = 0; i < kLanes; ++i) all[i] = table[i % 8];
+        return hn::Load(WordTag(), all);
     }
 };
 
@@ -264,11 +294,19 @@ template <> struct BlockLane<float> : BlockCells {
     using Real4 = Four<Real>;
 
     ZEL_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
-    ZEL_INLINE static Real ones(Mask const& m) {
-        return {hn::IfThenElseZero(hn::RebindMask(FloatTag(), m.v), hn::Set(FloatTag(), 1.0f))};
+    ZEL_INLINE static Real step(Real const& d, Mask const& m) {
+        auto const one = hn::Set(FloatTag(), 1.0f);
+        return {hn::Sub(d.v, hn::IfThenElseZero(hn::RebindMask(FloatTag(), m.v), one))};
     }
-    ZEL_INLINE static Real4 ones(Four<Mask> const& m) {
-        return {ones(m.x), ones(m.y), ones(m.z), ones(m.w)};
+    ZEL_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
+        return {step(d.x, m.x), step(d.y, m.y), step(d.z, m.z), step(d.w, m.w)};
+    }
+    template <int low> ZEL_INLINE static Real4 spatialDirection(Word const& hash) {
+        auto const d = lookInSpace<low>(hash);
+        FloatTag const f;
+        return {Real{hn::ConvertTo(f, hn::ShiftLeft<21>(d))},
+                Real{hn::ConvertTo(f, hn::ShiftLeft<10>(d))}, Real{hn::ConvertTo(f, d)},
+                Real{hn::Zero(f)}};
     }
     ZEL_INLINE static Real4 direction(Word const& row) {
         auto const d = look(row);
@@ -285,6 +323,7 @@ template <> struct BlockLane<double> : BlockCells {
     using Real4 = Wide4;
 
     ZEL_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
+    ZEL_INLINE static Real step(Real const& d, Mask const& m) { return d - ones(m); }
     ZEL_INLINE static Real ones(Mask const& m) {
         auto const one = hn::Set(DoubleTag(), 1.0);
 #if HWY_TARGET <= HWY_AVX3
@@ -303,8 +342,8 @@ template <> struct BlockLane<double> : BlockCells {
         return {keep(hn::LowerHalf(half, words)), keep(hn::UpperHalf(half, words))};
 #endif
     }
-    ZEL_INLINE static Real4 ones(Four<Mask> const& m) {
-        return {ones(m.x), ones(m.y), ones(m.z), ones(m.w)};
+    ZEL_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
+        return {step(d.x, m.x), step(d.y, m.y), step(d.z, m.z), step(d.w, m.w)};
     }
     ZEL_INLINE static Real4 direction(Word const& row) {
         auto const d = look(row);

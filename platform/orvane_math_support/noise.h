@@ -36,16 +36,17 @@ ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed);
 ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed, float4& derivative);
 ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed, double4& derivative);
 
-/// Curl of a vector potential at `position`; the potential's three components are simplex noises of
-/// (position, time), each within -1..1. Computed from analytic derivatives, so that the divergence
-/// is 0 but for rounding. Continuous with its first derivatives. The root mean square of the length
-/// is about 2.7.
+/// Curl of a vector potential at `position`; the potential's three components are gradient noises
+/// of (position, time), each within -1..1, on the lattice of simplex noise. Computed from analytic
+/// derivatives, so that the divergence is 0 but for rounding. Continuous with its first
+/// derivatives. The root mean square of the length is about 2.8.
 ///
-/// R. Bridson, J. Hourihan, M. Nordenstam, "Curl-noise for procedural fluid flow", 2007.
+/// R. Bridson, J. Hourihan, M. Nordenstam, "Curl-noise for procedural fluid flow", 2007. Different
+/// from that: the gradients lie in space, 64 of one length and without a part along the time.
 ZEL_PLATFORM_API float3 curl_noise(float3 const& position, float time, std::uint32_t seed);
 
 /// As `curl_noise`, with a smoother potential on the same lattice and directions: continuous with
-/// its second derivatives. The root mean square of the length is about 2.7. Keeps its spatial
+/// its second derivatives. The root mean square of the length is about 2.8. Keeps its spatial
 /// detail at any time inside the lattice, to about 5e14.
 ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed);
 

@@ -118,20 +118,30 @@ template <> struct ScalarLane<float> : ScalarCells {
         return (a[0] + a[1]) + (a[2] + a[3]);
     }
     ZEL_INLINE static float dot(Real4 a, Real4 b) { return sum(a * b); }
+    /// Of the first three coordinates.
+    ZEL_INLINE static float dot3(Real4 a, Real4 b) {
+        Float4 const p = a * b;
+        return (p + __builtin_shufflevector(p, p, 1, 0, 3, 2))[0] + p[2];
+    }
     using ScalarCells::sum;
     ZEL_INLINE static float sum(Real4 p) {
         p += __builtin_shufflevector(p, p, 1, 0, 3, 2);
         return p[0] + p[2];
     }
-    /// 2a if that is above 0, else 0; exactly, and without the branch that a compiler may make of a
+    /// a if that is above 0, else 0; exactly, and without the branch that a compiler may make of a
     /// comparison.
-    ZEL_INLINE static float twicePositive(float a) { return a + std::abs(a); }
-    /// 1 where the mask is set, else 0.
-    ZEL_INLINE static Real4 ones(Word4 m) {
-        return reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f));
+    ZEL_INLINE static float positive(float a) { return (a + std::abs(a)) * 0.5f; }
+    /// One less where the mask is set.
+    ZEL_INLINE static Real4 step(Real4 d, Word4 m) {
+        return d - reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f));
     }
     ZEL_INLINE static Real4 direction(Word row) {
         auto const& d = kDirectionTable<float>[row];
+        return Float4{d.x, d.y, d.z, d.w};
+    }
+    /// The direction of the six bits of the hash from bit `low` on.
+    template <int low> ZEL_INLINE static Real4 spatialDirection(Word hash) {
+        auto const& d = kSpatialDirectionTable<float>[hash >> low & 63];
         return Float4{d.x, d.y, d.z, d.w};
     }
 };
@@ -145,17 +155,24 @@ template <> struct ScalarLane<double> : ScalarCells {
     ZEL_INLINE static double dot(Real4 const& a, Real4 const& b) {
         return sum({a.xy * b.xy, a.zw * b.zw});
     }
-    ZEL_INLINE static double twicePositive(double a) { return a + std::abs(a); }
-    ZEL_INLINE static Real4 ones(Word4 m) {
+    ZEL_INLINE static double dot3(Real4 const& a, Real4 const& b) {
+        return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
+    }
+    ZEL_INLINE static double positive(double a) { return (a + std::abs(a)) * 0.5; }
+    ZEL_INLINE static Real4 step(Real4 const& d, Word4 m) {
         constexpr auto one = std::bit_cast<std::uint64_t>(1.0);
         auto const wide = [](Word4 pairs) __attribute__((always_inline)) {
             return reinterpret_cast<Double2>(reinterpret_cast<Long2>(pairs) & one);
         };
-        return {wide(__builtin_shufflevector(m, m, 0, 0, 1, 1)),
-                wide(__builtin_shufflevector(m, m, 2, 2, 3, 3))};
+        return {d.xy - wide(__builtin_shufflevector(m, m, 0, 0, 1, 1)),
+                d.zw - wide(__builtin_shufflevector(m, m, 2, 2, 3, 3))};
     }
     ZEL_INLINE static Real4 direction(Word row) {
         auto const& d = kDirectionTable<double>[row];
+        return {Double2{d.x, d.y}, Double2{d.z, d.w}};
+    }
+    template <int low> ZEL_INLINE static Real4 spatialDirection(Word hash) {
+        auto const& d = kSpatialDirectionTable<double>[hash >> low & 63];
         return {Double2{d.x, d.y}, Double2{d.z, d.w}};
     }
 };

@@ -57,15 +57,17 @@ template <class Word> ZEL_INLINE Word finishHash(Word h) {
     return (h ^ shiftRight<15>(h)) * 0x846ca68bu;
 }
 
-/// Direction number `n` of a vertex, from its hash: 0, 1 or 2.
-template <class L, int n = 0> ZEL_INLINE typename L::Real4 direction(typename L::Word const& hash) {
-    constexpr int kBits = std::bit_width(kDirections - 1u);
-    static_assert(kDirections == 1u << kBits);
-    auto const row = shiftRight<32 - kBits*(n + 1)>(hash);
-    if constexpr (n == 0)
-        return L::direction(row);
-    else
-        return L::direction(row & (kDirections - 1u));
+/// Direction of a vertex, from its hash.
+template <class L> ZEL_INLINE typename L::Real4 direction(typename L::Word const& hash) {
+    static_assert(kDirections == 128);
+    return L::direction(shiftRight<32 - 7>(hash));
+}
+
+/// Direction number `n` in space, 0 to 2. Its w is not to be used.
+template <class L, int n>
+ZEL_INLINE typename L::Real4 spatialDirection(typename L::Word const& hash) {
+    static_assert(kSpatialDirections == 64);
+    return L::template spatialDirection<32 - 6 * (n + 1)>(hash);
 }
 
 /// Whether a point lies in the lattice; not if a coordinate is NaN.
@@ -126,7 +128,7 @@ ZEL_INLINE void forEachVertex(typename L::Real4 const& d, CellHash<L> const& has
     // smallest.
     auto const moved = L::largest(d);
     auto const inner = [&](int steps, auto const& mask) ZEL_KERNEL_LAMBDA {
-        add((d - L::ones(mask)) + static_cast<Number>(steps * kUnskew),
+        add(L::step(d, mask) + static_cast<Number>(steps * kUnskew),
             finishHash(first ^ L::fold(flip & mask)));
     };
     add(d, finishHash(first));
@@ -136,9 +138,9 @@ ZEL_INLINE void forEachVertex(typename L::Real4 const& d, CellHash<L> const& has
     add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ L::fold(flip)));
 }
 
-/// The base of the kernel's power: 1 - 2 d^2 within the support, else 0.
+/// The base of the kernel's power: 1/2 - d^2 within the support, else 0.
 template <class L> ZEL_INLINE typename L::Real falloff(typename L::Real4 const& d) {
-    return L::twicePositive(static_cast<typename L::Number>(kRadius2) - L::dot(d, d));
+    return L::positive(static_cast<typename L::Number>(kRadius2) - L::dot(d, d));
 }
 
 /// Simplex noise: the sum over the vertices of t^4 * dot(g, d), with t the falloff and g the
@@ -151,10 +153,10 @@ ZEL_INLINE typename L::Real simplexValue(typename L::Real4 const& place,
         auto const t = falloff<L>(d), t2 = t * t;
         sum = sum + (t2 * t2) * L::dot(direction<L>(hash), d);
     });
-    return sum * static_cast<typename L::Number>(kScale<4>);
+    return sum * static_cast<typename L::Number>(kScale);
 }
 
-/// The same value, and the derivative: the sum of t^4 * g - 16 * t^3 * dot(g, d) * d.
+/// The same value, and the derivative: the sum of t^4 * g - 8 * t^3 * dot(g, d) * d.
 template <class L>
 ZEL_INLINE typename L::Real simplexDerivative(typename L::Real4 const& place,
                                               CellHash<L> const& cellHash,
@@ -167,20 +169,20 @@ ZEL_INLINE typename L::Real simplexDerivative(typename L::Real4 const& place,
         auto const g = direction<L>(hash);
         auto const along = L::dot(g, d);
         sum = sum + t4 * along;
-        slope = slope + (g * t4 - d * ((t2 * t) * along * Number{16}));
+        slope = slope + (g * t4 - d * ((t2 * t) * along * Number{8}));
     });
-    derivative = slope * static_cast<Number>(kScale<4>);
-    return sum * static_cast<Number>(kScale<4>);
+    derivative = slope * static_cast<Number>(kScale);
+    return sum * static_cast<Number>(kScale);
 }
 
 /// Spatial curl of the potential whose components are sums of t^power * dot(g, d), with
-/// directions g of its own at each vertex. A vertex gives t^power * c - 4 * power * t^(power -
-/// 1) * cross(d, s), where s is the field of the three dot products and c its curl.
+/// directions g of its own in space at each vertex: only their parts in space give the curl of
+/// dot(g, d). A vertex gives t^power * c - 2 * power * t^(power - 1) * cross(d, s), where s is the
+/// field of the three dot products and c its curl.
 ///
-/// `jacobian` is a NoJacobian, or rows of the derivatives of a component along x, y and z. To
-/// that of component r along coordinate j a vertex gives d_j * (16 * power * (power - 1) *
-/// t^(power - 2)
-/// * cross_r - 4 * power * t^(power - 1) * c_r) - 4 * power * t^(power - 1) * (derivative of
+/// `jacobian` is a NoJacobian, or rows of the derivatives of a component along x, y and z. To that
+/// of component r along coordinate j a vertex gives d_j * (4 * power * (power - 1) * t^(power - 2)
+/// * cross_r - 2 * power * t^(power - 1) * c_r) - 2 * power * t^(power - 1) * (derivative of
 /// cross_r along j).
 template <class L, int power, class Jacobian>
 ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<L> const& cellHash,
@@ -192,13 +194,13 @@ ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<
     forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
         auto const t = falloff<L>(d), t2 = t * t;
         auto const weight = power == 3 ? t2 : t2 * t;
-        auto const steep = weight * Number{4 * power}, flat = weight * t;
-        auto const gx = direction<L, 0>(hash);
-        auto const sx = L::dot(gx, d);
-        auto const gy = direction<L, 1>(hash);
-        auto const sy = L::dot(gy, d);
-        auto const gz = direction<L, 2>(hash);
-        auto const sz = L::dot(gz, d);
+        auto const steep = weight * Number{2 * power}, flat = weight * t;
+        auto const gx = spatialDirection<L, 0>(hash);
+        auto const sx = L::dot3(gx, d);
+        auto const gy = spatialDirection<L, 1>(hash);
+        auto const sy = L::dot3(gy, d);
+        auto const gz = spatialDirection<L, 2>(hash);
+        auto const sz = L::dot3(gz, d);
         auto const cx = gz[1] - gy[2], cy = gx[2] - gz[0], cz = gy[0] - gx[1];
         auto const rx = d[1] * sz - d[2] * sy, ry = d[2] * sx - d[0] * sz,
                    rz = d[0] * sy - d[1] * sx;
@@ -206,7 +208,7 @@ ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<
         sum.y = sum.y + (flat * cy - steep * ry);
         sum.z = sum.z + (flat * cz - steep * rz);
         if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
-            auto const steeper = (power == 3 ? t : t2) * Number{16 * power * (power - 1)};
+            auto const steeper = (power == 3 ? t : t2) * Number{4 * power * (power - 1)};
             auto const ax = steeper * rx - steep * cx, ay = steeper * ry - steep * cy,
                        az = steeper * rz - steep * cz;
             auto const ex = steep * d[0], ey = steep * d[1], ez = steep * d[2];
@@ -224,7 +226,7 @@ ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<
         }
     });
     auto const scaled = [](Vec3<typename L::Real> const& v) ZEL_KERNEL_LAMBDA {
-        auto const scale = static_cast<Number>(kScale<power>);
+        auto const scale = static_cast<Number>(kCurlScale<power>);
         return Vec3<typename L::Real>{v.x * scale, v.y * scale, v.z * scale};
     };
     if constexpr (!std::is_same_v<Jacobian, NoJacobian>)

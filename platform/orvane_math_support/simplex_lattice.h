@@ -36,14 +36,18 @@ inline constexpr double kCellShift = 0x1.8p52;
 /// What the bits of that sum are more than the integer.
 inline constexpr auto kCellBias = std::bit_cast<std::uint64_t>(kCellShift);
 
-/// Puts a noise with kernel (1 - 2 d^2)^power into -1..1: the reciprocal, rounded down, of the
-/// largest sum over the vertices of |d| * (1 - 2 d^2)^power, which needs all gradients along d, and
-/// of the length of a gradient. The
-/// largest sums, found by a search over the simplex, are 0.1931963 and 0.1473733; one vertex alone
-/// reaches 87 % and 99.8 % of them.
-template <int power> inline constexpr double kScale = 0;
-template <> inline constexpr double kScale<3> = 5.176 / kDirectionLength;
-template <> inline constexpr double kScale<4> = 6.7854 / kDirectionLength;
+/// Puts a noise with kernel (1/2 - d^2)^power and gradients of length 1 into -1..1: the reciprocal,
+/// rounded down, of the largest sum over the vertices of |d| * (1/2 - d^2)^power, which needs all
+/// gradients along d. The largest sums of the kernel times 2^power, found by a search over the
+/// simplex, are 0.1931963 and 0.1473733; one vertex alone reaches 87 % and 99.8 % of them.
+template <int power> inline constexpr double kUnitScale = 0;
+template <> inline constexpr double kUnitScale<3> = 5.176 * 8;
+template <> inline constexpr double kUnitScale<4> = 6.7854 * 16;
+
+/// The same for the gradients of simplex noise, and of a component of the potential of curl noise.
+inline constexpr double kScale = kUnitScale<4> / kDirectionLength;
+template <int power>
+inline constexpr double kCurlScale = kUnitScale<power> / kSpatialDirectionLength;
 
 /// Hash keys of a seed. No two seeds have the same axis keys.
 struct Keys {

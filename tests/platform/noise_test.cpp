@@ -95,13 +95,13 @@ template <int power> std::array<Point, 3> curlJacobian(Point const& p) {
 template <int power> Point potential(Point const& p) {
     Point sum = {0, 0, 0, 1};
     auto const add = [&](auto const& d, std::uint32_t hash) {
-        Simplex::Double4 const g[3] = {Simplex::direction<Lane, 0>(hash),
-                                       Simplex::direction<Lane, 1>(hash),
-                                       Simplex::direction<Lane, 2>(hash)};
+        Simplex::Double4 const g[3] = {Simplex::spatialDirection<Lane, 0>(hash),
+                                       Simplex::spatialDirection<Lane, 1>(hash),
+                                       Simplex::spatialDirection<Lane, 2>(hash)};
         double const t = 1 - 2 * Lane::dot(d, d);
         for (std::size_t i = 0; i < 3; ++i)
-            sum[i] +=
-                std::pow(std::max(0.0, t), power) * Lane::dot(g[i], d) * Simplex::kScale<power>;
+            sum[i] += std::pow(std::max(0.0, t / 2), power) * Lane::dot(g[i], d) *
+                      Simplex::kCurlScale<power>;
         sum[3] = std::min(sum[3], std::abs(t));
     };
     atPlace(p, kCurlSeed, [&](auto const& d, auto const& hash) {
@@ -281,6 +281,24 @@ TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
     check(curl<3>, potential<3>, curlJacobian<3>, Curl(curl_noise), curl_noise_derivative);
     check(curl<4>, potential<4>, curlJacobian<4>, Curl(smooth_curl_noise),
           smooth_curl_noise_derivative);
+}
+
+TEST(CurlNoise, DirectionsHaveTheMomentsOfTheSphere) {
+    double second = 0, fourth = 0, mixed = 0, sixth = 0;
+    Point sum{};
+    for (auto const& d : Simplex::kSpatialDirectionTable<double>) {
+        double const length = std::hypot(d.x, d.y, d.z);
+        EXPECT_NEAR(length / Simplex::kSpatialDirectionLength, 0.997, 0.003001);
+        double const x = d.x * d.x / length / length, y = d.y * d.y / length / length;
+        second += x / 64, fourth += x * x / 64, mixed += x * y / 64,
+            sixth += x * y * (1 - x - y) / 64;
+        sum = along(sum, {d.x, d.y, d.z, d.w}, 1);
+    }
+    EXPECT_NEAR(second * 3, 1, 1e-3);
+    EXPECT_NEAR(fourth * 5, 1, 3e-3);
+    EXPECT_NEAR(mixed * 15, 1, 3e-3);
+    EXPECT_NEAR(sixth * 105, 1, 1e-2);
+    EXPECT_EQ(sum, Point{});
 }
 
 TEST(CurlNoise, TableGivesTheBitsOfItsTime) {
