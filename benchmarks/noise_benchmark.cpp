@@ -287,12 +287,15 @@ void addBlocks() {
     addBlock<float>("smoothCurlNoiseBlock", [](auto x, auto y, auto z, auto t, int n, auto& out) {
         smooth_curl_noise_block(x, y, z, t, n, 7, out[0].data(), out[1].data(), out[2].data());
     });
-    std::array<float, 16> table;
-    create_curl_noise_time_table(1.5f, table.data());
-    addBlock<float>("smoothCurlNoiseTableBlock",
-                    [table](auto x, auto y, auto z, auto, int n, auto& out) {
-                        smooth_curl_noise_table_block(x, y, z, table.data(), n, 7, out[0].data(),
-                                                      out[1].data(), out[2].data());
+    addBlock<float>("smoothCurlNoiseBlockAtOneTime",
+                    [](auto x, auto y, auto z, auto, int n, auto& out) {
+                        static constexpr auto times = [] {
+                            std::array<float, 128> all{};
+                            all.fill(1.5f);
+                            return all;
+                        }();
+                        smooth_curl_noise_block(x, y, z, times.data(), n, 7, out[0].data(),
+                                                out[1].data(), out[2].data());
                     });
     addBlock<float>("curlNoiseDerivativeBlock",
                     [](auto x, auto y, auto z, auto t, int n, auto& out) {

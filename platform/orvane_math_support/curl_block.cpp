@@ -4,6 +4,7 @@
 #include "quern_core/simd_target.h"
 
 #include <cstddef>
+#include <cstring>
 
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "orvane_math_support/curl_block.cpp"
@@ -17,14 +18,13 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-// Each body takes x, y, z, and the time where it is not the same for all, to the three components,
-// and with twelve outputs to the nine entries of the Jacobian too.
+// Each body takes x, y, z and the time to the three components, and with twelve outputs to the nine
+// entries of the Jacobian too.
 
 /// What all have in common. `Scalar` gives `at(position, a)` and `at(position, a, jacobian)`.
 template <class Arrays, int power, class Scalar> struct CurlBody {
     static constexpr bool kDerives = Arrays::kOutputs == 12;
     std::uint32_t seed;
-    float const* timeTable = nullptr;
 
     void point(Arrays const& a) const {
         auto const put = [&](std::size_t at, float3 const& v) {
@@ -35,10 +35,8 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
             float3x3 jacobian;
             put(0, Scalar::at(position, *a.in[3], seed, jacobian));
             for (int r = 0; r < 3; ++r) put(3 + 3 * static_cast<std::size_t>(r), jacobian[r]);
-        } else if constexpr (Arrays::kInputs == 4) {
-            put(0, Scalar::at(position, *a.in[3], seed));
         } else {
-            put(0, Scalar::at(position, timeTable, seed));
+            put(0, Scalar::at(position, *a.in[3], seed));
         }
     }
 
@@ -78,10 +76,9 @@ struct PlainScalar {
     }
 };
 
-/// A time, or a time table.
 struct SmoothScalar {
-    template <class Time, class... Jacobian>
-    static float3 at(float3 const& p, Time time, std::uint32_t seed, Jacobian&... jacobian) {
+    template <class... Jacobian>
+    static float3 at(float3 const& p, float time, std::uint32_t seed, Jacobian&... jacobian) {
         if constexpr (sizeof...(jacobian) == 0)
             return smooth_curl_noise(p, time, seed);
         else
@@ -103,6 +100,8 @@ template <class Arrays> struct PlainBody : CurlBody<Arrays, 3, PlainScalar> {
 };
 
 template <class Arrays> struct SmoothBody : CurlBody<Arrays, 4, SmoothScalar> {
+    Simplex::TimePlace const* oneTime;  // the place of the time that all points have, if they do
+
 #if ZEL_HAS_BLOCK_LANE
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use const& use) const {
         using namespace Simplex::HWY_NAMESPACE;
@@ -115,37 +114,43 @@ template <class Arrays> struct SmoothBody : CurlBody<Arrays, 4, SmoothScalar> {
             return inLattice<L>(
                 {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), FloatReal::all(0)});
         };
-        if constexpr (Arrays::kInputs == 4) {
-            auto const lattice = skewTime<L>(L::load(a.in[3]));
-            return placeTime<L>(lattice, findAt) && timeInLattice<L>(lattice);
-        } else {
-            auto const time = Simplex::readTimeTable(this->timeTable);
-            auto const lattice = L::spread(Wide::all(time.latticeXyz), Wide::all(time.latticeW));
-            return findAt(lattice.x, lattice.w, Cell::all(time.cellXyz), Cell::all(time.cellW)) &&
-                   timeInLattice<L>(lattice);
-        }
+        if (oneTime != nullptr)
+            return findAt(Wide::all(oneTime->latticeXyz), Wide::all(oneTime->latticeW),
+                          Cell::all(oneTime->cellXyz), Cell::all(oneTime->cellW));
+        auto const lattice = skewTime<L>(L::load(a.in[3]));
+        return placeTime<L>(lattice, findAt) && timeInLattice<L>(lattice);
     }
 #endif
 };
 
+/// Works off all points. That the time is the same for all is the rule, and worth a look.
+template <class Arrays>
+HWY_INLINE void smoothBlock(Arrays const& a, int count, std::uint32_t seed) {
+    float const* const time = a.in[3];
+    if (count <= 0) return;
+    if (std::memcmp(time, time + 1, static_cast<std::size_t>(count - 1) * sizeof *time) != 0)
+        return forEachInBlock(a, count, SmoothBody<Arrays>{{seed}, nullptr});
+    float table[16];
+    create_curl_noise_time_table(*time, table);
+    auto const place = Simplex::readTimeTable(table);
+    bool const inside = place.latticeXyz < Simplex::kLatticeLimit;
+    forEachInBlock(a, count, SmoothBody<Arrays>{{seed}, inside ? &place : nullptr});
+}
+
 using Values = BlockArrays<float, 4, 3>;
-using TableValues = BlockArrays<float, 3, 3>;
 using Derivatives = BlockArrays<float, 4, 12>;
 
 void plainCurl(Values const& a, int count, std::uint32_t seed) {
     forEachInBlock(a, count, PlainBody<Values>{{seed}});
 }
 void smoothCurl(Values const& a, int count, std::uint32_t seed) {
-    forEachInBlock(a, count, SmoothBody<Values>{{seed}});
-}
-void smoothTableCurl(TableValues const& a, float const* timeTable, int count, std::uint32_t seed) {
-    forEachInBlock(a, count, SmoothBody<TableValues>{{seed, timeTable}});
+    smoothBlock(a, count, seed);
 }
 void plainCurlDerivative(Derivatives const& a, int count, std::uint32_t seed) {
     forEachInBlock(a, count, PlainBody<Derivatives>{{seed}});
 }
 void smoothCurlDerivative(Derivatives const& a, int count, std::uint32_t seed) {
-    forEachInBlock(a, count, SmoothBody<Derivatives>{{seed}});
+    smoothBlock(a, count, seed);
 }
 
 }  // namespace HWY_NAMESPACE
@@ -157,7 +162,6 @@ namespace Orvane::Math {
 
 HWY_EXPORT(plainCurl);
 HWY_EXPORT(smoothCurl);
-HWY_EXPORT(smoothTableCurl);
 HWY_EXPORT(plainCurlDerivative);
 HWY_EXPORT(smoothCurlDerivative);
 
@@ -169,13 +173,6 @@ void curl_noise_block(float const* x, float const* y, float const* z, float cons
 void smooth_curl_noise_block(float const* x, float const* y, float const* z, float const* time,
                              int count, std::uint32_t seed, float* outX, float* outY, float* outZ) {
     HWY_DYNAMIC_DISPATCH(smoothCurl)({{x, y, z, time}, {outX, outY, outZ}}, count, seed);
-}
-
-void smooth_curl_noise_table_block(float const* x, float const* y, float const* z,
-                                   float const* timeTable, int count, std::uint32_t seed,
-                                   float* outX, float* outY, float* outZ) {
-    HWY_DYNAMIC_DISPATCH(smoothTableCurl)
-    ({{x, y, z}, {outX, outY, outZ}}, timeTable, count, seed);
 }
 
 void curl_noise_derivative_block(float const* x, float const* y, float const* z, float const* time,

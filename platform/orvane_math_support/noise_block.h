@@ -31,20 +31,14 @@ ZEL_PLATFORM_API void simplex_noise_block(double const* x, double const* y, doub
                                           double* out, double* alongX, double* alongY,
                                           double* alongZ, double* alongW);
 
-/// curl_noise, and smooth_curl_noise, of the position (x, y, z) at a time of its own for each.
+/// curl_noise, and smooth_curl_noise, of the position (x, y, z) at a time of its own for each. The
+/// smooth one is quicker where all times are the same.
 ZEL_PLATFORM_API void curl_noise_block(float const* x, float const* y, float const* z,
                                        float const* time, int count, std::uint32_t seed,
                                        float* outX, float* outY, float* outZ);
 ZEL_PLATFORM_API void smooth_curl_noise_block(float const* x, float const* y, float const* z,
                                               float const* time, int count, std::uint32_t seed,
                                               float* outX, float* outY, float* outZ);
-
-/// smooth_curl_noise of positions at the one time that the 16 floats of `timeTable` were created
-/// for. The quickest form for a time that is the same everywhere.
-ZEL_PLATFORM_API void smooth_curl_noise_table_block(float const* x, float const* y, float const* z,
-                                                    float const* timeTable, int count,
-                                                    std::uint32_t seed, float* outX, float* outY,
-                                                    float* outZ);
 
 /// curl_noise_derivative, and smooth_curl_noise_derivative. `jacobian` holds nine arrays, row after
 /// row: jacobian[3 * r + c] is the derivative of component r along coordinate c.

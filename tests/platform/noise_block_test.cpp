@@ -81,20 +81,22 @@ std::vector<Form<float>> floatForms() {
     addDerivative("curl derivative", curl_noise_derivative, curl_noise_derivative_block);
     addDerivative("smooth curl derivative", smooth_curl_noise_derivative,
                   smooth_curl_noise_derivative_block);
-    // Tables of a time in the lattice, one outside of it, and none.
-    for (float const time : {-7.3e6f, 1e20f, std::numeric_limits<float>::infinity()}) {
-        std::array<float, 16> table;
-        create_curl_noise_time_table(time, table.data());
-        forms.push_back(
-            {"smooth curl, table of " + std::to_string(time), 3,
-             [=](float const* const* p, int n, float* const* r) {
-                 smooth_curl_noise_table_block(p[0], p[1], p[2], table.data(), n, kCurlSeed, r[0],
-                                               r[1], r[2]);
-             },
-             [=](float const* p, float* r) {
-                 write(smooth_curl_noise({p[0], p[1], p[2]}, table.data(), kCurlSeed), r);
-             }});
-    }
+    // All at one time: in the lattice, outside of it, and none; whatever the fourth coordinate is.
+    for (float const time : {-7.3e6f, -0.0f, 1e20f, std::numeric_limits<float>::infinity()})
+        for (std::size_t const k : {3u, 5u}) {
+            auto form = forms[k];
+            form.name += " at " + std::to_string(time);
+            form.block = [=, block = form.block](float const* const* p, int n, float* const* r) {
+                std::vector<float> const times(static_cast<std::size_t>(n) + 1, time);
+                float const* const in[4] = {p[0], p[1], p[2], times.data()};
+                block(in, n, r);
+            };
+            form.one = [=, one = form.one](float const* p, float* r) {
+                float const in[4] = {p[0], p[1], p[2], time};
+                one(in, r);
+            };
+            forms.push_back(std::move(form));
+        }
     return forms;
 }
 
