@@ -23,37 +23,42 @@ namespace Quern {
 
 // The body is not passed by value: the caller would write it in parts and read it back in whole
 // vectors, and wait for that. A copy of it may stay in registers, since no result overwrites it.
-template <bool kShort, class Body>
-__attribute__((flatten)) void loopOverLanes(int count, Body const& shared) {
+template <bool kShort, class Body, class... Read>
+__attribute__((flatten)) void loopOverLanes(int count, Body const& shared,
+                                            Read const& __restrict... read) {
     Body const body = shared;
     if constexpr (kShort) {
         ZEL_INDEPENDENT_SHORT
-        for (int i = 0; i < count; ++i) body(i);
+        for (int i = 0; i < count; ++i) body(i, read...);
     } else {
         ZEL_INDEPENDENT
-        for (int i = 0; i < count; ++i) body(i);
+        for (int i = 0; i < count; ++i) body(i, read...);
     }
 }
 
-template <bool kShort, class Body>
-ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body const& shared) {
+template <bool kShort, class Body, class... Read>
+ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body const& shared,
+                                                                Read const& __restrict... read) {
     Body const body = shared;
     if constexpr (kShort) {
         ZEL_INDEPENDENT_SHORT
-        for (int i = 0; i < count; ++i) body(i);
+        for (int i = 0; i < count; ++i) body(i, read...);
     } else {
         ZEL_INDEPENDENT
-        for (int i = 0; i < count; ++i) body(i);
+        for (int i = 0; i < count; ++i) body(i, read...);
     }
 }
 
-/// Calls `body(i)` for 0 to count - 1. The body keeps what it reads and writes in arrays by value,
-/// and no iteration depends on another. `kShort` says that it is a few operations.
-template <bool kShort = false, class Body> void forEachLane(int count, Body const& body) {
+/// Calls `body(i, read...)` for 0 to count - 1. The body keeps pointers to the arrays that it reads
+/// and writes, and its parameters, by value, and no iteration depends on another. Parameters that
+/// are best not copied are handed to it as `read`: no result overwrites them, so that they are
+/// loaded once, and not again after each result. `kShort` says that it is a few operations.
+template <bool kShort = false, class Body, class... Read>
+void forEachLane(int count, Body const& body, Read const&... read) {
     if (wideVectors)
-        loopOverWideLanes<kShort>(count, body);
+        loopOverWideLanes<kShort, Body, Read...>(count, body, read...);
     else
-        loopOverLanes<kShort>(count, body);
+        loopOverLanes<kShort, Body, Read...>(count, body, read...);
 }
 
 }  // namespace Quern

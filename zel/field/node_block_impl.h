@@ -13,15 +13,32 @@
 // The block forms of the bases in node.h, by the formulas that their point forms use.
 namespace zel {
 
+namespace detail {
+
+/// Sets `out` to `formula(node, v...)` of each position, with the values in `lanes`. The formula
+/// has no state of its own.
+template <class T, class Node, class Formula, class... In>
+void mapNode(Block& block, BlockResult<T>& out, Node const& node, Formula const& formula,
+             Lanes<In> const&... lanes) {
+    auto const write = out.writer();
+    Quern::forEachLane<kComponents<T> == 1>(
+        block.count(),
+        [write, formula, ... in = lanes.component](int i, Node const& n)
+            ZEL_LANES { write.set(i, formula(n, Lanes<In>{in}[i]...)); },
+        node);
+}
+
+}  // namespace detail
+
 /// Sets `out` to `formula(v...)` of each position, with the values in `lanes`. Part of a node's
 /// block form.
 template <class T, class Formula, class... In>
 void mapLanes(Block& block, BlockResult<T>& out, Formula const& formula,
               Lanes<In> const&... lanes) {
-    auto const write = out.writer();
-    Quern::forEachLane<kComponents<T> == 1>(
-        block.count(), [write, formula, ... in = lanes.component](int i)
-                           ZEL_LANES { write.set(i, formula(Lanes<In>{in}[i]...)); });
+    auto const object = formula;  // which a function is not
+    detail::mapNode(
+        block, out, object, [](auto const& f, auto const&... v) ZEL_LANES { return f(v...); },
+        lanes...);
 }
 
 namespace detail {
@@ -146,10 +163,11 @@ void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out)
         out.lanes.light = NodeAccess::isLight<Self>;
     } else {
         auto const write = out.writer();
-        Quern::forEachLane(block.count(),
-                           [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
-                               write.set(i, NodeAccess::valueOf(node, p[i], block.index(i)));
-                           });
+        Quern::forEachLane(
+            block.count(),
+            [write, p = block.positions()](int i, Self const& n, Block const& b)
+                ZEL_LANES { write.set(i, NodeAccess::valueOf(n, p[i], b.index(i))); },
+            node, block);
         out.lanes.light = NodeAccess::isLight<Self>;
     }
 }
@@ -159,10 +177,11 @@ void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& o
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
     auto const write = out.writer();
-    Quern::forEachLane(block.count(),
-                       [&node, &block, write, p = block.positions()](int i) ZEL_LANES {
-                           write.set(i, NodeAccess::gradientOf(node, p[i], block.index(i)));
-                       });
+    Quern::forEachLane(
+        block.count(),
+        [write, p = block.positions()](int i, Self const& n, Block const& b)
+            ZEL_LANES { write.set(i, NodeAccess::gradientOf(n, p[i], b.index(i))); },
+        node, block);
 }
 
 template <class Self, class Interface>
@@ -178,17 +197,16 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
             out.lanes.light = out.lanes.light && NodeAccess::isLight<Self>;
         } else {
             Block::Frame const frame(block);
-            In const in{block.values(child)...};
             std::apply(
                 [&](auto const&... lanes) {
-                    mapLanes(
-                        block, out,
-                        [&node](auto const&... v)
-                            ZEL_LANES { return NodeAccess::valueOf(node, v...); },
+                    detail::mapNode(
+                        block, out, node,
+                        [](Self const& n, auto const&... v)
+                            ZEL_LANES { return NodeAccess::valueOf(n, v...); },
                         lanes...);
                     out.lanes.light = (NodeAccess::isLight<Self> && ... && lanes.light);
                 },
-                in);
+                In{block.values(child)...});
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -200,11 +218,12 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
     auto const form = [&]<class... Child>([[maybe_unused]] Quern::Ptr<Child> const&... child) {
         auto const map = [&](auto const& formula, auto const&... lanes) {
-            std::apply([&](auto const&... in) { mapLanes(block, out, formula, in...); },
-                       std::tuple_cat(lanes...));
+            std::apply(
+                [&](auto const&... in) { detail::mapNode(block, out, node, formula, in...); },
+                std::tuple_cat(lanes...));
         };
-        auto const formula = [&node](auto const&... in)
-                                 ZEL_LANES { return NodeAccess::gradientOf(node, in...); };
+        auto const formula = [](Self const& n, auto const&... in)
+                                 ZEL_LANES { return NodeAccess::gradientOf(n, in...); };
         using Values = std::tuple<Lanes<typename Child::Value>...>;
         using Gradients = std::tuple<Lanes<typename Child::Gradient>...>;
 
@@ -212,16 +231,14 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
             map(formula);
         } else if constexpr (NodeAccess::hasGradient<Self, typename Child::Gradient...>) {
             Block::Frame const frame(block);
-            Gradients const g{block.gradients(child)...};
-            map(formula, g);
+            map(formula, Gradients{block.gradients(child)...});
         } else if constexpr (NodeAccess::hasGradientFromValue<Self, Value,
                                                               typename Child::Gradient...>) {
             Block::Frame const frame(block);
             std::tuple const own{block.values(static_cast<Interface const&>(*this))};
-            Gradients const g{block.gradients(child)...};
-            map([&node](auto const&... in)
-                    ZEL_LANES { return NodeAccess::gradientFromValue(node, in...); },
-                own, g);
+            map([](Self const& n, auto const&... in)
+                    ZEL_LANES { return NodeAccess::gradientFromValue(n, in...); },
+                own, Gradients{block.gradients(child)...});
         } else if constexpr (NodeAccess::hasGradientChoice<Self, typename Child::Value...>) {
             int* const chosen = detail::allocateInts(block);
             bool light = false;
@@ -230,9 +247,11 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
                 Values const values{block.values(child)...};
                 std::apply(
                     [&](auto const&... v) {
-                        Quern::forEachLane(block.count(), [&node, chosen, v...](int i) ZEL_LANES {
-                            chosen[i] = NodeAccess::gradientChoice(node, v[i]...);
-                        });
+                        Quern::forEachLane(
+                            block.count(),
+                            [chosen, v...](int i, Self const& n)
+                                ZEL_LANES { chosen[i] = NodeAccess::gradientChoice(n, v[i]...); },
+                            node);
                         light = (v.light && ...);
                     },
                     values);
@@ -245,8 +264,7 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         } else {
             Block::Frame const frame(block);
             Values const v{block.values(child)...};
-            Gradients const g{block.gradients(child)...};
-            map(formula, v, g);
+            map(formula, v, Gradients{block.gradients(child)...});
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -257,9 +275,9 @@ namespace detail {
 /// The positions at which a TransformNode asks its child.
 template <class Node> Lanes<float3> childPositions(Node const& node, Block& block) {
     auto moved = block.result<float3>();
-    mapLanes(
-        block, moved,
-        [&node](float3 const& p) ZEL_LANES { return NodeAccess::childPosition(node, p); },
+    mapNode(
+        block, moved, node,
+        [](Node const& n, float3 const& p) ZEL_LANES { return NodeAccess::childPosition(n, p); },
         block.positions());
     return moved.lanes;
 }
@@ -278,9 +296,10 @@ void TransformNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
             out.lanes.light = out.lanes.light && NodeAccess::isLight<Self>;
         } else {
             auto const v = there.values(field);
-            mapLanes(
-                there, out,
-                [&node](Value const& in) ZEL_LANES { return NodeAccess::valueOf(node, in); }, v);
+            detail::mapNode(
+                there, out, node,
+                [](Self const& n, Value const& in) ZEL_LANES { return NodeAccess::valueOf(n, in); },
+                v);
             out.lanes.light = NodeAccess::isLight<Self> && v.light;
         }
     });
@@ -293,9 +312,9 @@ void TransformNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
     auto const& field = std::get<0>(NodeAccess::children(node));
     Block::Frame const frame(block);
     block.withPositions(detail::childPositions(node, block), [&](Block& there) {
-        mapLanes(
-            there, out,
-            [&node](Gradient const& g) ZEL_LANES { return NodeAccess::gradientOf(node, g); },
+        detail::mapNode(
+            there, out, node,
+            [](Self const& n, Gradient const& g) ZEL_LANES { return NodeAccess::gradientOf(n, g); },
             there.gradients(field));
     });
 }
