@@ -166,6 +166,21 @@ public:
         m_positions.keepAll = true;
         return ask<true>(*child, child.useCount() > 1);
     }
+    /// The same, in the storage of `room` where there are no arrays of them yet: a node asks its
+    /// first child so, whose values it then overwrites with its own. So a chain of nodes works in
+    /// one place, and the caches see little of it.
+    template <class Interface>
+    Lanes<typename Interface::Value> values(Quern::Ptr<Interface> const& child,
+                                            BlockResult<typename Interface::Value> const& room) {
+        return ask<false>(*child, child.useCount() > 1, &room);
+    }
+    template <class Interface>
+    Lanes<typename Interface::Gradient>
+    gradients(Quern::Ptr<Interface> const& child,
+              BlockResult<typename Interface::Gradient> const& room) {
+        m_positions.keepAll = true;
+        return ask<true>(*child, child.useCount() > 1, &room);
+    }
     /// The same of a node that is not a child.
     template <class Interface> Lanes<typename Interface::Value> values(Interface const& node) {
         return ask<false>(node, false);
@@ -254,9 +269,12 @@ private:
         std::conditional_t<gradient, typename Interface::Gradient, typename Interface::Value>;
 
     template <bool gradient, class Interface>
-    Lanes<Asked<gradient, Interface>> ask(Interface const& node, bool shared) {
+    Lanes<Asked<gradient, Interface>>
+    ask(Interface const& node, bool shared,
+        BlockResult<Asked<gradient, Interface>> const* room = nullptr) {
         if (shared || (m_positions.keepAll && !gradient)) return askKept<gradient>(node);
-        auto out = result<Asked<gradient, Interface>>();
+        using T = Asked<gradient, Interface>;
+        auto out = room ? BlockResult<T>(room->storage, room->stride) : result<T>();
         call<gradient>(node, *this, out);
         return out.lanes;
     }

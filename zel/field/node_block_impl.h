@@ -53,6 +53,35 @@ template <class Node, class Interface>
 inline constexpr bool hasDefaultGradient =
     std::same_as<decltype(&Node::grad), decltype(&Interface::grad)>;
 
+/// Values, and gradients, of the children, in their order. Those of the first may come to lie in
+/// `room`.
+template <class T, class First, class... Rest>
+[[gnu::always_inline]] inline auto
+valuesInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
+              Quern::Ptr<First> const& first, Quern::Ptr<Rest> const&... rest) {
+    auto const ofFirst = [&] {
+        if constexpr (std::same_as<typename First::Value, T>)
+            return block.values(first, room);
+        else
+            return block.values(first);
+    };
+    return std::tuple<Lanes<typename First::Value>, Lanes<typename Rest::Value>...>{
+        ofFirst(), block.values(rest)...};
+}
+template <class T, class First, class... Rest>
+[[gnu::always_inline]] inline auto
+gradientsInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
+                 Quern::Ptr<First> const& first, Quern::Ptr<Rest> const&... rest) {
+    auto const ofFirst = [&] {
+        if constexpr (std::same_as<typename First::Gradient, T>)
+            return block.gradients(first, room);
+        else
+            return block.gradients(first);
+    };
+    return std::tuple<Lanes<typename First::Gradient>, Lanes<typename Rest::Gradient>...>{
+        ofFirst(), block.gradients(rest)...};
+}
+
 /// An array of integers that stays until the frame ends.
 inline int* allocateInts(Block& block) {
     static_assert(sizeof(int) == sizeof(float));
@@ -189,9 +218,8 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
     auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) {
-        using In = std::tuple<Lanes<typename Child::Value>...>;
         if constexpr (NodeAccess::hasView<Self, Lanes<typename Child::Value> const...>) {
-            In const in{block.values(child)...};
+            std::tuple<Lanes<typename Child::Value>...> const in{block.values(child)...};
             out.set(std::apply(
                 [&](auto const&... lanes) { return NodeAccess::viewOf(node, lanes...); }, in));
             out.lanes.light = out.lanes.light && NodeAccess::isLight<Self>;
@@ -206,7 +234,7 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
                         lanes...);
                     out.lanes.light = (NodeAccess::isLight<Self> && ... && lanes.light);
                 },
-                In{block.values(child)...});
+                detail::valuesInBlock(block, out, child...));
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -225,20 +253,19 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         auto const formula = [](Self const& n, auto const&... in)
                                  ZEL_LANES { return NodeAccess::gradientOf(n, in...); };
         using Values = std::tuple<Lanes<typename Child::Value>...>;
-        using Gradients = std::tuple<Lanes<typename Child::Gradient>...>;
 
         if constexpr (NodeAccess::hasGradient<Self>) {
             map(formula);
         } else if constexpr (NodeAccess::hasGradient<Self, typename Child::Gradient...>) {
             Block::Frame const frame(block);
-            map(formula, Gradients{block.gradients(child)...});
+            map(formula, detail::gradientsInBlock(block, out, child...));
         } else if constexpr (NodeAccess::hasGradientFromValue<Self, Value,
                                                               typename Child::Gradient...>) {
             Block::Frame const frame(block);
             std::tuple const own{block.values(static_cast<Interface const&>(*this))};
             map([](Self const& n, auto const&... in)
                     ZEL_LANES { return NodeAccess::gradientFromValue(n, in...); },
-                own, Gradients{block.gradients(child)...});
+                own, detail::gradientsInBlock(block, out, child...));
         } else if constexpr (NodeAccess::hasGradientChoice<Self, typename Child::Value...>) {
             int* const chosen = detail::allocateInts(block);
             bool light = false;
@@ -264,7 +291,7 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         } else {
             Block::Frame const frame(block);
             Values const v{block.values(child)...};
-            map(formula, v, Gradients{block.gradients(child)...});
+            map(formula, v, detail::gradientsInBlock(block, out, child...));
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -295,7 +322,7 @@ void TransformNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
             there.writeValues(*field, field.useCount() > 1, out);
             out.lanes.light = out.lanes.light && NodeAccess::isLight<Self>;
         } else {
-            auto const v = there.values(field);
+            auto const v = there.values(field, out);
             detail::mapNode(
                 there, out, node,
                 [](Self const& n, Value const& in) ZEL_LANES { return NodeAccess::valueOf(n, in); },
@@ -315,7 +342,7 @@ void TransformNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         detail::mapNode(
             there, out, node,
             [](Self const& n, Gradient const& g) ZEL_LANES { return NodeAccess::gradientOf(n, g); },
-            there.gradients(field));
+            there.gradients(field, out));
     });
 }
 
