@@ -136,7 +136,7 @@ namespace detail {
 /// function that does no more than this.
 [[gnu::always_inline]] inline void prefetch(Orvane::Math::float3 const* positions,
                                             std::size_t count) {
-    constexpr std::size_t kStep = 128;  // cache lines come in pairs
+    constexpr std::size_t kStep = 64;
     auto const* const bytes = reinterpret_cast<char const*>(positions);
     for (std::size_t at = 0; at < count * sizeof(*positions); at += kStep)
         __builtin_prefetch(bytes + at, 0, 2);
