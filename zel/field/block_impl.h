@@ -1,6 +1,8 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 
 #include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
@@ -142,6 +144,52 @@ namespace detail {
         __builtin_prefetch(bytes + at, 0, 2);
 }
 
+/// The coordinates of positions as three arrays.
+inline void splitPositions(int count, Orvane::Math::float3 const* p, float* x, float* y, float* z) {
+    ZEL_INDEPENDENT
+    for (int i = 0; i < count; ++i) {
+        x[i] = p[i].x;
+        y[i] = p[i].y;
+        z[i] = p[i].z;
+    }
+}
+
+/// The same, eight positions at a time by eight instructions; a compiler takes fifteen, most of
+/// them across the halves of a register.
+ZEL_WIDE_TARGET inline void splitPositionsWide(int count, Orvane::Math::float3 const* p, float* x,
+                                               float* y, float* z) {
+    using Float4 = float __attribute__((vector_size(16)));
+    using Float8 = float __attribute__((vector_size(32)));
+    static_assert(sizeof(*p) == 3 * sizeof(float));
+    int i = 0;
+    for (; i + 8 <= count; i += 8) {
+        // By memcpy, since the arrays may begin anywhere, and each by itself, so that all stay in
+        // registers.
+        Float4 q0, q1, q2, q3, q4, q5;
+        auto const* const from = reinterpret_cast<std::byte const*>(p + i);
+        std::memcpy(&q0, from, sizeof q0);
+        std::memcpy(&q1, from + 1 * sizeof q0, sizeof q0);
+        std::memcpy(&q2, from + 2 * sizeof q0, sizeof q0);
+        std::memcpy(&q3, from + 3 * sizeof q0, sizeof q0);
+        std::memcpy(&q4, from + 4 * sizeof q0, sizeof q0);
+        std::memcpy(&q5, from + 5 * sizeof q0, sizeof q0);
+        // Positions 0 and 1 begin in a, and so on: x0 y0 z0 x1, y1 z1 x2 y2, z2 x3 y3 z3; the
+        // positions from 4 on are in the upper halves.
+        Float8 const a = __builtin_shufflevector(q0, q3, 0, 1, 2, 3, 4, 5, 6, 7),
+                     b = __builtin_shufflevector(q1, q4, 0, 1, 2, 3, 4, 5, 6, 7),
+                     c = __builtin_shufflevector(q2, q5, 0, 1, 2, 3, 4, 5, 6, 7);
+        Float8 const xy23 = __builtin_shufflevector(b, c, 2, 3, 9, 10, 6, 7, 13, 14),
+                     yz01 = __builtin_shufflevector(a, b, 1, 2, 8, 9, 5, 6, 12, 13);
+        Float8 const allX = __builtin_shufflevector(a, xy23, 0, 3, 8, 10, 4, 7, 12, 14),
+                     allY = __builtin_shufflevector(yz01, xy23, 0, 2, 9, 11, 4, 6, 13, 15),
+                     allZ = __builtin_shufflevector(yz01, c, 1, 3, 8, 11, 5, 7, 12, 15);
+        std::memcpy(x + i, &allX, sizeof allX);
+        std::memcpy(y + i, &allY, sizeof allY);
+        std::memcpy(z + i, &allZ, sizeof allZ);
+    }
+    splitPositions(count - i, p + i, x + i, y + i, z + i);
+}
+
 /// Evaluates a field at positions `begin` to `end` of an array, in blocks; each of the two results
 /// may be null.
 template <class Interface>
@@ -161,11 +209,7 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
         float *const y = x + kBlockSize, *const z = y + kBlockSize;
         Block block(workspace, state, count, x, y, z);
         Block::Frame const frame(block, bottom);
-        Quern::forEachLane(count, [=, p = positions + at](int i) ZEL_LANES {
-            x[i] = p[i].x;
-            y[i] = p[i].y;
-            z[i] = p[i].z;
-        });
+        (Quern::wideVectors ? splitPositionsWide : splitPositions)(count, positions + at, x, y, z);
         prefetch(positions + at + count,
                  std::min(end - at - static_cast<std::size_t>(count), std::size_t{kBlockSize}));
         if (values) {
