@@ -51,8 +51,9 @@ ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body 
 
 /// Calls `body(i, read...)` for 0 to count - 1. The body keeps pointers to the arrays that it reads
 /// and writes, and its parameters, by value, and no iteration depends on another. Parameters that
-/// are best not copied are handed to it as `read`: no result overwrites them, so that they are
-/// loaded once, and not again after each result. `kShort` says that it is a few operations.
+/// are best not copied are handed to it as `read`: no result overwrites them, and nothing else that
+/// the loop does but through `read` itself, so that they are loaded once, and not again after each
+/// result. `kShort` says that it is a few operations.
 template <bool kShort = false, class Body, class... Read>
 void forEachLane(int count, Body const& body, Read const&... read) {
     if (wideVectors)

@@ -166,9 +166,10 @@ public:
         m_positions.keepAll = true;
         return ask<true>(*child, child.useCount() > 1);
     }
-    /// The same, in the storage of `room` where there are no arrays of them yet: a node asks its
-    /// first child so, whose values it then overwrites with its own. So a chain of nodes works in
-    /// one place, and the caches see little of it.
+    /// The same, in the storage of `room` where there are no arrays of them yet, and only until
+    /// `room` is written: a node asks one child so, whose values it then overwrites with its own.
+    /// Nothing else that the node reads may lie there. So a chain of nodes works in one place, and
+    /// the caches see little of it.
     template <class Interface>
     Lanes<typename Interface::Value> values(Quern::Ptr<Interface> const& child,
                                             BlockResult<typename Interface::Value> const& room) {
