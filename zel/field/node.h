@@ -75,7 +75,8 @@ protected:
 ///     Value valueOf(float3 const& p, long long i) const;
 ///     Gradient gradientOf(float3 const& p, long long i) const;
 ///
-/// and, if there are arrays already that hold the values of a block,
+/// either without the index where it plays no part; and, if there are arrays already that hold the
+/// values of a block,
 ///
 ///     Lanes<Value> viewOf(Block& block) const;
 template <class Self, class Interface> class ZEL_API LeafNode : public NamedNode<Self, Interface> {

@@ -195,7 +195,7 @@ void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out)
         Quern::forEachLane(
             block.count(),
             [write, p = block.positions()](int i, Self const& n, Block const& b)
-                ZEL_LANES { write.set(i, NodeAccess::valueOf(n, p[i], b.index(i))); },
+                ZEL_LANES { write.set(i, NodeAccess::valueAt(n, p[i], b.index(i))); },
             node, block);
         out.lanes.light = NodeAccess::isLight<Self>;
     }
@@ -209,7 +209,7 @@ void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& o
     Quern::forEachLane(
         block.count(),
         [write, p = block.positions()](int i, Self const& n, Block const& b)
-            ZEL_LANES { write.set(i, NodeAccess::gradientOf(n, p[i], b.index(i))); },
+            ZEL_LANES { write.set(i, NodeAccess::gradientAt(n, p[i], b.index(i))); },
         node, block);
 }
 

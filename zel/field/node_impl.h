@@ -19,6 +19,25 @@ struct NodeAccess {
     [[gnu::always_inline]] static auto valueOf(Node const& node, In const&... in) {
         return node.valueOf(in...);
     }
+    /// The formulas of a leaf, which may have no use for the index.
+    template <class Node>
+    static constexpr bool isOfPosition = requires(Node const& node, float3 const& p) {
+        node.valueOf(p);
+    };
+    template <class Node>
+    [[gnu::always_inline]] static auto valueAt(Node const& node, float3 const& p, long long i) {
+        if constexpr (isOfPosition<Node>)
+            return node.valueOf(p);
+        else
+            return node.valueOf(p, i);
+    }
+    template <class Node>
+    [[gnu::always_inline]] static auto gradientAt(Node const& node, float3 const& p, long long i) {
+        if constexpr (requires { node.gradientOf(p); })
+            return node.gradientOf(p);
+        else
+            return node.gradientOf(p, i);
+    }
     template <class Node>
     [[gnu::always_inline]] static float3 childPosition(Node const& node, float3 const& p) {
         return node.childPosition(p);
@@ -140,12 +159,12 @@ template <class Self, class Interface> NamedNode<Self, Interface>::NamedNode() {
 
 template <class Self, class Interface>
 auto LeafNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
-    return NodeAccess::valueOf(this->self(), position, index);
+    return NodeAccess::valueAt(this->self(), position, index);
 }
 
 template <class Self, class Interface>
 auto LeafNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
-    return NodeAccess::gradientOf(this->self(), position, index);
+    return NodeAccess::gradientAt(this->self(), position, index);
 }
 
 // In what follows a comma fold, and a braced list of values, run from the first child to the last.

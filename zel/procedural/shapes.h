@@ -17,8 +17,8 @@ public:
 
 private:
     friend NodeAccess;
-    float valueOf(float3 const& p, long long /*i*/) const { return length(p - center) - radius; }
-    float3 gradientOf(float3 const& p, long long /*i*/) const {
+    float valueOf(float3 const& p) const { return length(p - center) - radius; }
+    float3 gradientOf(float3 const& p) const {
         float3 const d = p - center;
         float const l = length(d);
         return l > 0 ? d / l : d;
@@ -40,10 +40,10 @@ public:
 private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
-    float valueOf(float3 const& p, long long /*i*/) const {
+    float valueOf(float3 const& p) const {
         return std::pow(powerSum(p - center), 1 / exponent) - level;
     }
-    float3 gradientOf(float3 const& p, long long /*i*/) const {
+    float3 gradientOf(float3 const& p) const {
         float3 const d = p - center;
         float const factor = std::pow(powerSum(d), 1 / exponent - 1);
         return mapComponents(
@@ -67,8 +67,8 @@ public:
 
 private:
     friend NodeAccess;
-    float valueOf(float3 const& p, long long /*i*/) const { return dot(p - point, normal); }
-    float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return normal; }
+    float valueOf(float3 const& p) const { return dot(p - point, normal); }
+    float3 gradientOf(float3 const& /*p*/) const { return normal; }
 
     float3 point;
     float3 normal;
