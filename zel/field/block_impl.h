@@ -154,35 +154,32 @@ inline void splitPositions(int count, Orvane::Math::float3 const* p, float* x, f
     }
 }
 
-/// The same, eight positions at a time by eight instructions; a compiler takes fifteen, most of
-/// them across the halves of a register.
+/// The same, eight positions at a time. The eight of a coordinate are at other places in each of
+/// three registers: two blends bring them together, and one permutation in order. A compiler takes
+/// fifteen shuffles, most of them across the halves of a register.
 ZEL_WIDE_TARGET inline void splitPositionsWide(int count, Orvane::Math::float3 const* p, float* x,
                                                float* y, float* z) {
-    using Float4 = float __attribute__((vector_size(16)));
     using Float8 = float __attribute__((vector_size(32)));
     static_assert(sizeof(*p) == 3 * sizeof(float));
     int i = 0;
     for (; i + 8 <= count; i += 8) {
         // By memcpy, since the arrays may begin anywhere, and each by itself, so that all stay in
         // registers.
-        Float4 q0, q1, q2, q3, q4, q5;
+        Float8 a, b, c;
         auto const* const from = reinterpret_cast<std::byte const*>(p + i);
-        std::memcpy(&q0, from, sizeof q0);
-        std::memcpy(&q1, from + 1 * sizeof q0, sizeof q0);
-        std::memcpy(&q2, from + 2 * sizeof q0, sizeof q0);
-        std::memcpy(&q3, from + 3 * sizeof q0, sizeof q0);
-        std::memcpy(&q4, from + 4 * sizeof q0, sizeof q0);
-        std::memcpy(&q5, from + 5 * sizeof q0, sizeof q0);
-        // Positions 0 and 1 begin in a, and so on: x0 y0 z0 x1, y1 z1 x2 y2, z2 x3 y3 z3; the
-        // positions from 4 on are in the upper halves.
-        Float8 const a = __builtin_shufflevector(q0, q3, 0, 1, 2, 3, 4, 5, 6, 7),
-                     b = __builtin_shufflevector(q1, q4, 0, 1, 2, 3, 4, 5, 6, 7),
-                     c = __builtin_shufflevector(q2, q5, 0, 1, 2, 3, 4, 5, 6, 7);
-        Float8 const xy23 = __builtin_shufflevector(b, c, 2, 3, 9, 10, 6, 7, 13, 14),
-                     yz01 = __builtin_shufflevector(a, b, 1, 2, 8, 9, 5, 6, 12, 13);
-        Float8 const allX = __builtin_shufflevector(a, xy23, 0, 3, 8, 10, 4, 7, 12, 14),
-                     allY = __builtin_shufflevector(yz01, xy23, 0, 2, 9, 11, 4, 6, 13, 15),
-                     allZ = __builtin_shufflevector(yz01, c, 1, 3, 8, 11, 5, 7, 12, 15);
+        std::memcpy(&a, from, sizeof a);
+        std::memcpy(&b, from + sizeof a, sizeof a);
+        std::memcpy(&c, from + 2 * sizeof a, sizeof a);
+        // a: x0 y0 z0 x1 y1 z1 x2 y2; b: z2 x3 y3 z3 x4 y4 z4 x5; c: y5 z5 x6 y6 z6 x7 y7 z7
+        Float8 const xOfAb = __builtin_shufflevector(a, b, 0, 9, 2, 3, 12, 5, 6, 15),
+                     yOfBc = __builtin_shufflevector(b, c, 8, 1, 2, 11, 4, 5, 14, 7),
+                     zOfAb = __builtin_shufflevector(a, b, 8, 1, 2, 11, 4, 5, 14, 7);
+        Float8 const xs = __builtin_shufflevector(xOfAb, c, 0, 1, 10, 3, 4, 13, 6, 7),
+                     ys = __builtin_shufflevector(yOfBc, a, 0, 9, 2, 3, 12, 5, 6, 15),
+                     zs = __builtin_shufflevector(zOfAb, c, 0, 9, 2, 3, 12, 5, 6, 15);
+        Float8 const allX = __builtin_shufflevector(xs, xs, 0, 3, 6, 1, 4, 7, 2, 5),
+                     allY = __builtin_shufflevector(ys, ys, 1, 4, 7, 2, 5, 0, 3, 6),
+                     allZ = __builtin_shufflevector(zs, zs, 2, 5, 0, 3, 6, 1, 4, 7);
         std::memcpy(x + i, &allX, sizeof allX);
         std::memcpy(y + i, &allY, sizeof allY);
         std::memcpy(z + i, &allZ, sizeof allZ);
