@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <map>
+#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -22,6 +23,9 @@ unsigned seed() {
     char const* const set = std::getenv("ZEL_TEST_SEED");
     return set ? static_cast<unsigned>(std::strtoul(set, nullptr, 10)) : 20250117;
 }
+
+/// Enough for nodes to be worked out together, and no multiple of a block.
+constexpr long long kManyPositions = 3001;
 
 /// Values and gradients of a tree in all ways, with each instruction set, against points.
 template <class Interface>
@@ -81,6 +85,163 @@ TEST(Block, KeepsIndicesThroughChoicesAmongMovedPositions) {
     expectEqual(*tree, somePositions(1000));
 }
 
+ScalarField const& field(ScalarPtr const& node) {
+    return *node;
+}
+
+void expectValues(ScalarPtr const& tree, Quern::Array<float3> const& positions) {
+    auto const values = field(tree).eval(positions);
+    for (long long i = 0; i < positions.size(); ++i)
+        ASSERT_TRUE(same((*values)[i], tree->eval(positions[i], i))) << i;
+}
+
+/// A user's leaf that is a leaf of the library to begin with.
+struct OwnSphere : ScalarFieldSphere {
+    using ScalarField::eval;
+    using ScalarFieldSphere::ScalarFieldSphere;
+    float eval(float3 const& p, long long i) const override {
+        return 0.5F * ScalarFieldSphere::eval(p, i);
+    }
+};
+
+/// A tree of light nodes with a few others among them, most with one parent.
+class RandomTree {
+public:
+    explicit RandomTree(unsigned seed) : m_random(seed), m_hasOwn(seed % 3 == 0) {}
+
+    ScalarPtr grow(unsigned nodes) {
+        ScalarPtr const tree = nodes > 1 ? grown(nodes - 1) : leaf();
+        if (random() % 8 == 0) m_shared.push_back(tree);
+        return tree;
+    }
+
+private:
+    unsigned random() { return static_cast<unsigned>(m_random()); }
+    float number() { return static_cast<float>(random() % 1000) / 500 - 1; }
+    ScalarPtr leaf() {
+        if (!m_shared.empty() && random() % 8 == 0) return m_shared[random() % m_shared.size()];
+        float3 const p{number(), number(), number()};
+        switch (random() % (m_hasOwn ? 8 : 6)) {
+        case 0:
+            return makePtr<ScalarFieldXPosition>();
+        case 1:
+            return makePtr<ScalarFieldZPosition>();
+        case 2:
+            return makePtr<ScalarFieldConstant>(number());
+        case 3:
+            return makePtr<ScalarFieldSphere>(p, number());
+        case 4:
+            return makePtr<ScalarFieldPlane>(p, float3{1, number(), number()});
+        case 5:
+            return makePtr<ScalarFieldImplicitBox>(p, number(), 3.0F);
+        case 6:
+            return makePtr<OwnSphere>(p, number());
+        default:
+            return makePtr<OwnScalar>();
+        }
+    }
+    ScalarPtr grown(unsigned nodes) {
+        unsigned const left = random() % 3 ? random() % nodes : 0;
+        auto const first = [&] { return grow(left); };
+        auto const second = [&] { return grow(nodes - left); };
+        switch (random() % (m_hasOwn ? 18 : 17)) {
+        case 0:
+            return makePtr<ScalarFieldAbsolute>(grow(nodes));
+        case 1:
+            return makePtr<ScalarFieldNegative>(grow(nodes));
+        case 2:
+            return makePtr<ScalarFieldClamp>(grow(nodes), -0.5F, 0.5F);
+        case 3:
+            return makePtr<ScalarFieldSquareRoot>(grow(nodes));
+        case 4:
+            return makePtr<ScalarFieldMask>(grow(nodes));
+        case 5:
+            return makePtr<ScalarFieldSine>(grow(nodes));
+        case 6:
+            return makePtr<ScalarFieldTranslate>(grow(nodes), float3{number(), 0, 1});
+        case 7:
+            return makePtr<ScalarFieldSwitch>(leaf(), first(), second());
+        case 8:
+            return makePtr<ScalarFieldLerp>(first(), second(), leaf());
+        case 9:
+            return makePtr<ScalarFieldLerp>(leaf(), first(), second());
+        case 10:
+            return makePtr<ScalarFieldMin>(first(), second());
+        case 11:
+            return makePtr<ScalarFieldMax>(first(), second());
+        case 12:
+            return makePtr<ScalarFieldMultiply>(first(), second());
+        case 13:
+            return makePtr<ScalarFieldDivide>(first(), second());
+        case 14:
+            return makePtr<ScalarFieldSubtract>(first(), second());
+        case 15:
+            return makePtr<ScalarFieldWarp>(first(), makePtr<ScalarFieldGradient>(second()));
+        case 16:
+            return makePtr<ScalarFieldAdd>(first(), second());
+        default:
+            return makePtr<OwnSum>(first(), second());
+        }
+    }
+
+    std::mt19937 m_random;
+    bool m_hasOwn;
+    std::vector<ScalarPtr> m_shared;
+};
+
+TEST(Block, WorksOutNodesTogetherAsPointsDo) {
+    tbb::global_control const limit(tbb::global_control::max_allowed_parallelism, 2);
+    auto const positions = somePositions(kManyPositions);
+    for (unsigned number = seed(); number < seed() + 100; ++number) {
+        SCOPED_TRACE("ZEL_TEST_SEED=" + std::to_string(number));
+        ScalarPtr const tree = RandomTree(number).grow(2 + number % 150);
+        ASSERT_NO_FATAL_FAILURE(expectValues(tree, positions));
+    }
+}
+
+TEST(Block, WorksOutLongChainsOnBothSides) {
+    auto const x = [] { return makePtr<ScalarFieldXPosition>(); };
+    ScalarPtr left = makePtr<ScalarFieldMultiply>(x(), x()), right = left.clone();
+    for (int length = 1; length < 90; ++length) {
+        float3 const center{0.01F * static_cast<float>(length), 0.2F, -0.3F};
+        auto const sphere = [&] { return makePtr<ScalarFieldSphere>(center, 0.5F); };
+        left = makePtr<ScalarFieldSubtract>(std::move(left), sphere());
+        right = makePtr<ScalarFieldSubtract>(sphere(), std::move(right));
+        if (length % 11 == 0)
+            expectEqual(*makePtr<ScalarFieldMin>(left, right), somePositions(kManyPositions), 1);
+    }
+}
+
+TEST(Block, FollowsPositionsThatMoveAlongOneAxis) {
+    ScalarPtr const shared =
+        makePtr<ScalarFieldAdd>(makePtr<ScalarFieldSphere>(float3{0, 0.1F, 0}, 1.0F),
+                                makePtr<ScalarFieldAbsolute>(makePtr<ScalarFieldYPosition>()));
+    auto const moved = [&](ScalarPtr const& y) {
+        return makePtr<ScalarFieldWarp>(
+            shared, makePtr<VectorFieldFromComponents>(makePtr<ScalarFieldXPosition>(), y,
+                                                       makePtr<ScalarFieldZPosition>()));
+    };
+    expectEqual(
+        *makePtr<ScalarFieldAdd>(moved(makePtr<ScalarFieldSine>(makePtr<ScalarFieldZPosition>())),
+                                 moved(makePtr<ScalarFieldZPosition>())),
+        somePositions(kManyPositions), 1);
+}
+
+TEST(Block, KeepsMoreConstantsThanItRemembers) {
+    auto const most = [](int from, int to) {
+        ScalarPtr all = makePtr<ScalarFieldYPosition>();
+        for (int i = from; i < to; ++i)
+            all = makePtr<ScalarFieldMax>(
+                std::move(all), makePtr<ScalarFieldMultiply>(
+                                    makePtr<ScalarFieldConstant>(0.01F * static_cast<float>(i)),
+                                    makePtr<ScalarFieldXPosition>()));
+        return makePtr<ScalarFieldTranslate>(std::move(all), float3{1, 2, 3});
+    };
+    auto const tree =
+        makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(most(0, 20), most(20, 90)), most(-80, 0));
+    expectValues(tree, somePositions(100003));  // several blocks in a range
+}
+
 /// Batches of what follows run on one thread: their leaves keep count.
 class OnOneThread : public testing::Test {
     tbb::global_control const m_limit{tbb::global_control::max_allowed_parallelism, 1};
@@ -101,10 +262,6 @@ struct Counted : OwnScalar {
     mutable bool rising = true;
 };
 
-ScalarField const& field(ScalarPtr const& node) {
-    return *node;
-}
-
 TEST_F(BlockCalls, AsksSharedNodesOnce) {
     auto const leaf = makePtr<Counted>();
     ScalarPtr tree = makePtr<ScalarFieldNegative>(leaf);
@@ -121,10 +278,10 @@ TEST_F(BlockCalls, AsksSharedNodesOnce) {
         if (i % 4 == 2)
             tree = makePtr<ScalarFieldMultiply>(tree, makePtr<ScalarFieldConstant>(0.1F));
     }
-    Quern::Array<float3> const positions = somePositions(300);
+    Quern::Array<float3> const positions = somePositions(kManyPositions);
     field(tree).eval(positions);
     for (auto const& [i, count] : leaf->counts) ASSERT_EQ(count, 1) << i;
-    ASSERT_EQ(leaf->counts.size(), 300U);
+    ASSERT_EQ(leaf->counts.size(), std::size_t{kManyPositions});
     leaf->counts.clear();
     Core::Fields::grad(*tree, positions);
     for (auto const& [i, count] : leaf->counts) ASSERT_EQ(count, 1) << i;
@@ -267,7 +424,7 @@ TEST(Block, SurvivesExceptionsAndBatchesInsideOfIt) {
         float eval(float3 const& p, long long i) const override {
             if (i == bad) throw std::runtime_error("element");
             if (i % 100 != 0) return p.x;
-            Quern::Array<float3> const there(5, p);
+            Quern::Array<float3> const there(i == 2600 ? kManyPositions : 5, p);
             return (*field(tree).eval(there))[4] + (*grad(field(tree), there))[2].x;
         }
         using ScalarField::grad;
@@ -283,15 +440,13 @@ TEST(Block, SurvivesExceptionsAndBatchesInsideOfIt) {
     ScalarPtr const tree =
         makePtr<ScalarFieldAdd>(makePtr<ScalarFieldTranslate>(shared, float3{1, 2, 3}),
                                 makePtr<ScalarFieldMultiply>(shared, shared));
-    auto const positions = somePositions(600);
+    auto const positions = somePositions(kManyPositions);
     for (int round = 0; round < 3; ++round) {
-        inner->bad = 300 + round;
+        inner->bad = 2700 + round;
         EXPECT_THROW(field(tree).eval(positions), std::runtime_error);
         EXPECT_THROW(Core::Fields::grad(*tree, positions), std::runtime_error);
         inner->bad = -1;
-        auto const values = field(tree).eval(positions);
-        for (long long i = 0; i < positions.size(); ++i)
-            ASSERT_TRUE(same((*values)[i], tree->eval(positions[i], i))) << i;
+        expectValues(tree, positions);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <tbb/task_group.h>
 
 #include <algorithm>
+#include <atomic>
 #include <concepts>
 
 #include "orvane_geometry_volume/array_pool.h"
@@ -39,9 +40,10 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
               ValuesAndGradients<Interface> const& out) {
     auto* const values = out.values ? out.values->data() : nullptr;
     auto* const gradients = out.gradients ? out.gradients->data() : nullptr;
-    auto const loop = [&field, in = positions.data(), values,
-                       gradients](tbb::blocked_range<std::size_t> const& range) {
-        zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end());
+    static std::atomic<std::uint64_t> lastBatch = 0;
+    auto const loop = [&field, in = positions.data(), values, gradients,
+                       batch = ++lastBatch](tbb::blocked_range<std::size_t> const& range) {
+        zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end(), batch);
     };
     {
         zel::detail::HookWalk::Scope const ownWalk;

@@ -16,7 +16,11 @@
 
 namespace zel {
 
+class Fuser;
+
 namespace detail {
+
+class Fusion;
 
 /// Memory that is taken and given back in the order of a stack. What it has once taken it keeps.
 class ZEL_API Arena {
@@ -84,9 +88,19 @@ public:
         Workspace& m_workspace;
     };
 
+    /// Whether the range that is worked on is below another one.
+    bool isNested() const { return m_depth > 1; }
+
     Arena stack;                           ///< results of the nodes that are at work
     Arena kept;                            ///< results that are kept until their positions are done
+    Arena fusions;                         ///< what a Fuser has found
     Positions const* innermost = nullptr;  ///< whose results are kept now
+    Fuser* fuser = nullptr;                ///< of the positions that are worked on, if any
+    // Of the last range that was not nested: its batch, how many positions this thread has had of
+    // it, and what was found out about its tree.
+    std::uint64_t batch = 0;
+    std::size_t countOfBatch = 0;
+    Fuser* fuserOfBatch = nullptr;
     std::size_t bucketCount = 8;
 
 private:
@@ -199,6 +213,13 @@ public:
     /// An array of one value.
     Lanes<float> constant(float value);
 
+    /// What works out a node of the library together with others, at these positions; null if
+    /// nothing does.
+    detail::Fusion* fusionOf(void const* node) const {
+        if (!m_workspace.fuser || m_positions.keepAll) return nullptr;
+        return findFusion(node);
+    }
+
     /// Takes arrays that stay until the frame ends.
     float* allocate(int arrays = 1) { return m_workspace.stack.floats(arrays * kBlockSize); }
     template <class T> BlockResult<T> result() { return BlockResult<T>(allocate(kComponents<T>)); }
@@ -293,6 +314,7 @@ private:
 
     detail::KeptResult* find(void const* node, bool gradient) const;
     detail::KeptResult* keep(void const* node, bool gradient, float* storage);
+    detail::Fusion* findFusion(void const* node) const;
     int* choose(int const* choice, int count, float* xyz) const;
     void moveIndices(detail::Positions& positions, int const* choice, int count) const;
     int place(int i) const { return m_choice ? m_choice[i] : i; }

@@ -7,6 +7,7 @@
 #include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
 #include "zel/field/differences.h"
+#include "zel/field/fusion.h"
 
 // How results are kept and found again, and how a batch goes through its blocks. Private to the
 // sources of the interfaces and of the block.
@@ -159,7 +160,6 @@ inline void splitPositions(int count, Orvane::Math::float3 const* p, float* x, f
 /// fifteen shuffles, most of them across the halves of a register.
 ZEL_WIDE_TARGET inline void splitPositionsWide(int count, Orvane::Math::float3 const* p, float* x,
                                                float* y, float* z) {
-    using Float8 = float __attribute__((vector_size(32)));
     static_assert(sizeof(*p) == 3 * sizeof(float));
     int i = 0;
     for (; i + 8 <= count; i += 8) {
@@ -188,13 +188,14 @@ ZEL_WIDE_TARGET inline void splitPositionsWide(int count, Orvane::Math::float3 c
 }
 
 /// Evaluates a field at positions `begin` to `end` of an array, in blocks; each of the two results
-/// may be null.
+/// may be null. `batch` is a number that the ranges of one batch have in common, and no other.
 template <class Interface>
 void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
                typename Interface::Value* values, typename Interface::Gradient* gradients,
-               std::size_t begin, std::size_t end) {
+               std::size_t begin, std::size_t end, std::uint64_t batch) {
     Workspace& workspace = Workspace::local();
     Workspace::Run const run(workspace);
+    Fuser::Range const range(workspace, field, batch, end - begin);
     for (std::size_t at = begin; at < end; at += kBlockSize) {
         int const count = static_cast<int>(std::min(end - at, std::size_t{kBlockSize}));
         Positions state;

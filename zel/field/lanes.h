@@ -37,7 +37,8 @@ template <class T, class Component>
 template <class T> struct Lanes {
     using Components = std::array<float const*, kComponents<T>>;
 
-    Components component{};  ///< arrays of at least as many floats as the block has positions
+    /// Arrays of kBlockSize floats, of which as many count as the block has positions.
+    Components component{};
     /// Whether the arrays stay as they are until the block is done. Others are given up when the
     /// node that asked for them returns.
     bool lasting = false;

@@ -62,6 +62,7 @@ public:
 
     void evalBlock(Block& block, BlockResult<Value>& out) const override;
     void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+    void fuse(Fuser& fuser) const override;
 
 protected:
     NamedNode();
@@ -89,6 +90,7 @@ public:
     Gradient grad(float3 const& position, long long index) const override;
     void evalBlock(Block& block, BlockResult<Value>& out) const override;
     void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+    void fuse(Fuser& fuser) const override;
 };
 
 /// A node that passes the sampling hooks on to its children, in their order, and does not show them
@@ -99,6 +101,7 @@ class ZEL_API HookedNode : public NamedNode<Self, Interface> {
 public:
     void preSampleField() const override;
     void postSampleField() const override;
+    void fuse(Fuser& fuser) const override;
 };
 
 /// An operator: walks and hooks over its children. Never triggerable itself. A null child is a
@@ -144,6 +147,7 @@ public:
     Gradient grad(float3 const& position, long long index) const override;
     void evalBlock(Block& block, BlockResult<Value>& out) const override;
     void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+    void fuse(Fuser& fuser) const override;
 };
 
 /// An operator that asks its one child, `field`, at another position and with the same index:

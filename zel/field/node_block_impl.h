@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <concepts>
+#include <cstring>
 #include <tuple>
+#include <type_traits>
 #include <typeinfo>
+#include <utility>
 
 #include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
+#include "zel/field/fusion.h"
 #include "zel/field/node_impl.h"
 
 // The block forms of the bases in node.h, by the formulas that their point forms use.
@@ -46,6 +50,11 @@ namespace detail {
 /// Whether a node is of its class and of none derived from it, which could override point `eval`.
 template <class Node> bool isExactly(Node const& node) {
     return typeid(node) == typeid(Node);
+}
+
+/// Whether it is of a class of the library.
+template <class Node> bool isOfLibrary(Node const& node) {
+    return NodeAccess::kIsLibrary && isExactly(node);
 }
 
 /// Whether a node's point `grad` is the default one of its interface.
@@ -213,10 +222,102 @@ void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& o
         node, block);
 }
 
+namespace detail {
+
+/// A stage that sets the tile to `formula(node, v...)`. Input number `inRegisters`, if that is not
+/// negative, is the tile as it was; the others are arrays.
+template <class Node, class Formula, int inRegisters, int... input>
+ZEL_WIDE_TARGET __attribute__((flatten)) void runStage(Stage const* stage, std::ptrdiff_t at,
+                                                       Float8 v0, Float8 v1, Float8 v2, Float8 v3,
+                                                       Float8 v4, Float8 v5, Float8 v6, Float8 v7) {
+    Float8 v[] = {v0, v1, v2, v3, v4, v5, v6, v7};
+    float tile[kTileSize];
+    std::memcpy(tile, v, sizeof tile);
+    auto const& node = *static_cast<Node const*>(stage->node);
+    float const* const in[] = {(input == inRegisters ? tile : stage->in[input] + at)...};
+    for (int i = 0; i < kTileSize; ++i) tile[i] = Formula()(node, in[input][i]...);
+    std::memcpy(v, tile, sizeof tile);
+    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
+}
+
+struct LeafFormula {
+    template <class Node> float operator()(Node const& node, float x, float y, float z) const {
+        return NodeAccess::valueAt(node, {x, y, z}, 0);
+    }
+};
+
+struct ChildrenFormula {
+    template <class Node, class... V> float operator()(Node const& node, V const&... v) const {
+        return NodeAccess::valueOf(node, v...);
+    }
+};
+
+/// Whether a node is a formula of scalar children that takes little time.
+template <class Node>
+inline constexpr bool isFusible = kFusesNodes&& std::same_as<typename Node::Value, float>&&
+    NodeAccess::isLight<Node>&& []<class... Child>(std::type_identity<std::tuple<Child...>>) {
+        return (std::same_as<std::remove_cvref_t<Child>, ScalarPtr> && ...);
+    }(std::type_identity<decltype(NodeAccess::children(std::declval<Node const&>()))>());
+
+/// Adds a node, whose children the numbers `child` count, with a stage for each place of its
+/// inputs.
+template <class Node, int... child, class... Child>
+void addFormula(Fuser& fuser, Node const& node, std::integer_sequence<int, child...> /*numbers*/,
+                Quern::Ptr<Child> const&... children) {
+    static constexpr Stage::Run forms[] = {
+        runStage<Node, ChildrenFormula, -1, child...>,
+        runStage<Node, ChildrenFormula, child, child...>...,  // a form for each child
+    };
+    fuser.add(node, &node, forms, {&children...});
+}
+
+}  // namespace detail
+
+template <class Self, class Interface> void NamedNode<Self, Interface>::fuse(Fuser& fuser) const {
+    if (!detail::isOfLibrary(this->self())) fuser.hideChildren();
+}
+
+template <class Self, class Interface> void HookedNode<Self, Interface>::fuse(Fuser& fuser) const {
+    if (!detail::isOfLibrary(this->self())) return fuser.hideChildren();
+    std::apply([&](auto const&... child) { (fuser.queue(*child), ...); },
+               NodeAccess::children(this->self()));
+}
+
+template <class Self, class Interface> void LeafNode<Self, Interface>::fuse(Fuser& fuser) const {
+    Self const& node = this->self();
+    if (!detail::isOfLibrary(node)) return fuser.hideChildren();
+    if constexpr (!detail::kFusesNodes || !std::same_as<Value, float> || !NodeAccess::isLight<Self>)
+        return;
+    else if constexpr (NodeAccess::hasView<Self, Block>)
+        fuser.addView(&node, [](void const* self, Block& block) {
+            return NodeAccess::viewOf(*static_cast<Self const*>(self), block);
+        });
+    else if constexpr (NodeAccess::isOfPosition<Self>)
+        fuser.addLeaf(&node, detail::runStage<Self, detail::LeafFormula, -1, 0, 1, 2>);
+}
+
+template <class Self, class Interface>
+void PointwiseNode<Self, Interface>::fuse(Fuser& fuser) const {
+    if constexpr (detail::isFusible<Self>) {
+        if (!detail::isOfLibrary(this->self())) return fuser.hideChildren();
+        std::apply(
+            [&](auto const&... child) {
+                detail::addFormula(fuser, this->self(),
+                                   std::make_integer_sequence<int, sizeof...(child)>(), child...);
+            },
+            NodeAccess::children(this->self()));
+    } else {
+        FieldNode<Self, Interface>::fuse(fuser);
+    }
+}
+
 template <class Self, class Interface>
 void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out) const {
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
+    if constexpr (detail::isFusible<Self>)
+        if (detail::Fusion* const fusion = block.fusionOf(static_cast<Interface const*>(this)))
+            return fusion->run(block, out);
     auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) {
         if constexpr (NodeAccess::hasView<Self, Lanes<typename Child::Value> const...>) {
             std::tuple<Lanes<typename Child::Value>...> const in{block.values(child)...};

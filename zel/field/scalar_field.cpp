@@ -2,6 +2,7 @@
 
 #include "zel/field/block.h"
 #include "zel/field/differences.h"
+#include "zel/field/fusion.h"
 
 namespace Core::Fields {
 
@@ -41,6 +42,10 @@ void ScalarField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) con
 
 void ScalarField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
     zel::detail::gradByPoints(*this, block, out);
+}
+
+void ScalarField::fuse(zel::Fuser& fuser) const {
+    fuser.hideChildren();
 }
 
 }  // namespace Core::Fields

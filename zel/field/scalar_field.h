@@ -6,6 +6,7 @@
 
 namespace zel {
 class Block;
+class Fuser;
 template <class T> class BlockResult;
 }  // namespace zel
 
@@ -57,6 +58,10 @@ public:
     /// from a node is asked through its point operations. See zel::Block.
     virtual void evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const;
     virtual void gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const;
+
+    /// Tells what of this node and its children may be worked out together. Here, that nothing is
+    /// known. See zel::Fuser.
+    virtual void fuse(zel::Fuser& fuser) const;
 
 protected:
     Quern::String typeName;

@@ -2,6 +2,7 @@
 
 #include "zel/field/block.h"
 #include "zel/field/differences.h"
+#include "zel/field/fusion.h"
 
 namespace Core::Fields {
 
@@ -44,6 +45,10 @@ void VectorField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) con
 
 void VectorField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
     zel::detail::gradByPoints(*this, block, out);
+}
+
+void VectorField::fuse(zel::Fuser& fuser) const {
+    fuser.hideChildren();
 }
 
 }  // namespace Core::Fields

@@ -7,6 +7,7 @@
 
 namespace zel {
 class Block;
+class Fuser;
 template <class T> class BlockResult;
 }  // namespace zel
 
@@ -42,6 +43,7 @@ public:
 
     virtual void evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const;
     virtual void gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const;
+    virtual void fuse(zel::Fuser& fuser) const;
 
 protected:
     Quern::String typeName;
