@@ -25,10 +25,10 @@ TEST(Allocation, BuildingATreeTakesOneBlockANode) {
 TEST(Allocation, ABatchAllocatesItsResultAndAPointNothing) {
     // Without other threads, whose first part of a batch may come late.
     tbb::global_control const limit(tbb::global_control::max_allowed_parallelism, 1);
-    auto const positions = support::somePositions(1000);
+    auto const positions = support::somePositions(5000);
     unsigned seed = 0;
     support::forEveryNode([&]<class Node>(std::string const& name) {
-        for (int round = 0; round < 5; ++round) {
+        for (int round = 0; round < 3; ++round) {
             SCOPED_TRACE(name + ", seed " + std::to_string(seed));
             auto const node = support::RandomNodes(seed++).make<Node>();
             auto const blocks = [&](auto const& call) {

@@ -20,6 +20,9 @@ using Orvane::Math::float3x3;
 
 namespace {
 
+/// The number of the last batch that was started, of either interface.
+std::atomic<std::uint64_t> lastBatch = 0;
+
 /// An array of `count` values that are written next, out of the pool of arrays if that is enabled
 /// and has such arrays.
 template <class T> Quern::Ptr<Quern::Array<T>> makeResult(long long count) {
@@ -40,7 +43,6 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
               ValuesAndGradients<Interface> const& out) {
     auto* const values = out.values ? out.values->data() : nullptr;
     auto* const gradients = out.gradients ? out.gradients->data() : nullptr;
-    static std::atomic<std::uint64_t> lastBatch = 0;
     auto const loop = [&field, in = positions.data(), values, gradients,
                        batch = ++lastBatch](tbb::blocked_range<std::size_t> const& range) {
         zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end(), batch);

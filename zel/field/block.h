@@ -216,8 +216,11 @@ public:
     /// What works out a node of the library together with others, at these positions; null if
     /// nothing does.
     detail::Fusion* fusionOf(void const* node) const {
-        if (!m_workspace.fuser || m_positions.keepAll) return nullptr;
-        return findFusion(node);
+        return m_workspace.fuser ? findFusion(node) : nullptr;
+    }
+    /// The same for values and gradients together.
+    detail::Fusion* dualFusionOf(void const* node) const {
+        return m_workspace.fuser ? findDualFusion(node) : nullptr;
     }
 
     /// Takes arrays that stay until the frame ends.
@@ -315,6 +318,7 @@ private:
     detail::KeptResult* find(void const* node, bool gradient) const;
     detail::KeptResult* keep(void const* node, bool gradient, float* storage);
     detail::Fusion* findFusion(void const* node) const;
+    detail::Fusion* findDualFusion(void const* node) const;
     int* choose(int const* choice, int count, float* xyz) const;
     void moveIndices(detail::Positions& positions, int const* choice, int count) const;
     int place(int i) const { return m_choice ? m_choice[i] : i; }

@@ -210,6 +210,14 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
         (Quern::wideVectors ? splitPositionsWide : splitPositions)(count, positions + at, x, y, z);
         prefetch(positions + at + count,
                  std::min(end - at - static_cast<std::size_t>(count), std::size_t{kBlockSize}));
+        if constexpr (kComponents<typename Interface::Value> == 1)
+            if (auto* const fusion = values && gradients ? block.dualFusionOf(&field) : nullptr) {
+                auto const [v, g] = fusion->runDuals(block);
+                std::copy_n(v.component[0], count, values + at);
+                Quern::forEachLane(count,
+                                   [g = g, to = gradients + at](int i) ZEL_LANES { to[i] = g[i]; });
+                continue;
+            }
         if (values) {
             if constexpr (kComponents<typename Interface::Value> == 1) {
                 BlockResult<float> out(values + at);

@@ -4,12 +4,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <utility>
 
 #include "zel/field/block.h"
 #include "zel/field/node.h"
 
 // Light scalar nodes that hang together are worked out as one: 64 positions at a time go through
-// all their formulas in registers, where node by node each would read and write a whole block.
+// all their formulas in registers, where node by node each would read and write a whole block. With
+// gradients it is 16, of trees without any other nodes among them.
 namespace zel {
 
 namespace detail {
@@ -22,28 +24,45 @@ inline constexpr bool kFusesNodes = true;
 inline constexpr bool kFusesNodes = false;
 #endif
 
-/// The number of values that are passed from stage to stage, in eight vectors.
-inline constexpr int kTileSize = 64;
+/// The number of floats that are passed from stage to stage, in eight vectors: the values at that
+/// many positions; or at kDualTileSize of them the values and then the gradients, a component after
+/// the other.
+inline constexpr int kTileSize = 64, kDualTileSize = kTileSize / 4;
 using Float8 = float __attribute__((vector_size(32)));
 
-/// What one node does to a tile of values, or what becomes of the tile. It calls the stage after
-/// it, which is the next one of an array.
+/// What one node does to a tile, or what becomes of the tile. It calls the stage after it, which is
+/// the next one of an array.
 struct Stage {
     using Run = void (*)(Stage const* stage, std::ptrdiff_t at, Float8, Float8, Float8, Float8,
                          Float8, Float8, Float8, Float8);
 
     Run run;
     void const* node;
-    std::array<float const*, 3> in;  ///< arrays of a block, by the number of the child
-    float* out;                      ///< an array of a block
+    std::array<float const*, 3> in;  ///< arrays of a block, or tiles, by the number of the child
+    float* out;                      ///< an array of a block, or a tile
 };
+
+/// The stages of a formula of children, for values and for values with gradients. The first of each
+/// takes all children from memory; the others take one of them from the registers, by its number.
+struct Forms {
+    Stage::Run const* values;
+    Stage::Run const* duals;
+    bool choosesGradient;  ///< of one child, or none
+};
+
+/// The stages of a formula of the position.
+struct LeafForms {
+    Stage::Run values;
+    Stage::Run duals;
+};
+
+/// Names the arrays of a node that has its values without work. They depend on nothing but the
+/// node, and on where the block has its positions.
+using View = Lanes<float> (*)(void const* node, Block& block);
 
 /// Nodes that are worked out as one, and what they ask of others.
 class Fusion {
 public:
-    /// Names the arrays of a node of the library that has them without work.
-    using View = Lanes<float> (*)(void const* node, Block& block);
-
     /// What a stage reads: the values of a child, or of a view, or else the positions.
     struct Operand {
         ScalarPtr const* child;
@@ -53,8 +72,12 @@ public:
         int number;  ///< of the child
     };
 
+    /// Whether it is at work already, and has asked a child that asks its outermost node again.
+    bool isRunning() const { return m_isRunning; }
     /// Sets `out` to the values of the outermost node. Needs AVX2.
     void run(Block& block, BlockResult<float>& out);
+    /// Its values and gradients, where the stages are those for both. Needs AVX2.
+    std::pair<Lanes<float>, Lanes<float3>> runDuals(Block& block);
 
 private:
     friend Fuser;
@@ -65,6 +88,7 @@ private:
     Operand* m_views = nullptr;
     Operand* m_operands = nullptr;
     int m_stageCount = 0, m_viewCount = 0, m_operandCount = 0;
+    bool m_isRunning = false;
     Lanes<float3>::Components m_viewedAt{};  // the positions for which the views hold
 };
 
@@ -73,9 +97,10 @@ private:
 /// Finds out which nodes of a tree are to be worked out as one, in a walk from its root. Nodes tell
 /// about themselves in their `fuse`.
 ///
-/// A node with several parents is worked out once, by itself or as the outermost one of others.
-/// What is below a node of another library stays as it is: it may be asked from there too, or be
-/// replaced while the tree is in use.
+/// A node with several parents is worked out once, by itself or as the outermost one of others. In
+/// a tree with a node of another library it is one with several owners: that node may ask it too.
+/// What only such a node knows of stays as it is, since it may be replaced while the tree is in
+/// use.
 class ZEL_API Fuser {
 public:
     using Stage = detail::Stage;
@@ -98,8 +123,10 @@ public:
         detail::Arena::Mark const m_mark;
     };
 
-    /// What works out a node as the outermost one of several; null if nothing does.
-    detail::Fusion* find(void const* node) const { return entryOf(node).fusion; }
+    /// What works out a node as the outermost one of several, its values, or these and its
+    /// gradients; null if nothing does.
+    detail::Fusion* find(void const* node) const { return entryOf(node).values; }
+    detail::Fusion* findDual(void const* node) const { return entryOf(node).duals; }
 
     // For `fuse`, which may be called more than once:
 
@@ -109,24 +136,23 @@ public:
     /// Says that there may be children that are not named.
     void hideChildren() { m_isAnyHidden = true; }
 
-    /// Adds a node that is a formula of its children, three at most. The first of `forms` takes
-    /// them all from memory, the others take one of them from the registers, by its number.
-    void add(ScalarField const& node, void const* self, Stage::Run const* forms,
+    /// Adds a formula of children, three at most.
+    void add(ScalarField const& node, void const* self, detail::Forms const& forms,
              std::initializer_list<ScalarPtr const*> children);
     /// Adds a formula of the position.
-    void addLeaf(void const* self, Stage::Run run);
-    /// Adds arrays that are there already. They depend on nothing but the node, and on where the
-    /// block has its positions.
-    void addView(void const* self, detail::Fusion::View view);
+    void addLeaf(void const* self, detail::LeafForms const& forms);
+    /// Adds values that are there already, with the same gradient everywhere.
+    void addView(void const* self, detail::View view, float3 const& gradient);
 
 private:
     static constexpr int kMostSpills = 8;
     struct Draft;
     struct Entry {
         void const* node;
-        detail::Fusion* fusion;
-        unsigned parents, timesQueued;
+        detail::Fusion *values, *duals;
+        std::array<unsigned, 3> timesQueued;  // by the aim; when counting, by each parent
         bool isView;
+        bool hasNoDuals;  // it asks others, or has too much below it
     };
     struct Waiting {
         void const* node;
@@ -136,11 +162,14 @@ private:
 
     explicit Fuser(detail::Arena& memory) : m_memory(memory) {}
     template <class Interface> void walk(Interface const& root);
+    bool isAtRoot() const { return m_outermost.node == m_root; }
+    bool adds() const { return m_aim != kCount && !m_namesChildren; }
     template <class Interface> void queueNode(Interface const& node);
-    void count();
     void fuse();
+    detail::Fusion* finish();
     int ask(ScalarPtr const& child);
-    bool vacateRegisters();
+    bool isRoomForNode();
+    void vacateRegisters();
     Entry& entryOf(void const* node) const;
     void growTable();
     template <class T> T* allocate(std::size_t count);
@@ -149,8 +178,11 @@ private:
     Entry* m_table = nullptr;
     std::size_t m_tableSize = 0, m_entryCount = 0;
     Waiting* m_waiting = nullptr;
-    Waiting m_current{};
-    bool m_isCounting = true, m_isAnyHidden = false;
+    Waiting m_outermost{};
+    void const* m_root = nullptr;
+    enum Aim { kCount, kValues, kDuals } m_aim = kCount;
+    bool m_namesChildren = false;  // what `add` does then
+    bool m_isAnyHidden = false;
     Draft* m_draft = nullptr;
     std::array<float*, kMostSpills> m_spills{};
 };

@@ -104,7 +104,8 @@ public:
         return arrays;
     }
 
-    /// Names other arrays as the result: those of the block, of a child, or of a constant.
+    /// Names other arrays of kBlockSize floats as the result: those of the block, of a child, or of
+    /// a constant.
     void set(Lanes<T> const& other) { lanes = other; }
 
     bool inStorage() const { return lanes.component[0] == storage; }
