@@ -274,6 +274,7 @@ TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
         }
         EXPECT_GT(checked, 4'500);
         double const mean = (covariance[0][0] + covariance[1][1] + covariance[2][2]) / 3;
+        EXPECT_NEAR(std::sqrt(3 * mean / 5'000), 2.8, 0.1);
         for (std::size_t r = 0; r < 3; ++r)
             for (std::size_t c = 0; c < 3; ++c) EXPECT_NEAR(covariance[r][c] / mean, r == c, 0.1);
     };
