@@ -275,6 +275,32 @@ TEST_F(Fusion, IsOfOneBatchAndTreeAlone) {
     }
 }
 
+TEST_F(Fusion, IsFoundWhereItPays) {
+    if (!detail::kFusesNodes || !Quern::wideVectors) GTEST_SKIP();
+    auto const chain = [](ScalarPtr tree, int length) {
+        for (int i = 0; i < length; ++i) {
+            tree = makePtr<ScalarFieldAbsolute>(std::move(tree));
+            tree = makePtr<ScalarFieldMin>(std::move(tree), makePtr<ScalarFieldXPosition>());
+        }
+        return tree;
+    };
+    auto const x = [] { return makePtr<ScalarFieldXPosition>(); };
+    auto const positions = somePositions(kManyPositions);
+    struct Found {
+        ScalarPtr tree;
+        bool values, duals;
+    };
+    for (auto const& [tree, values, duals] :
+         {Found{chain(x(), 4), true, true}, Found{chain(x(), 20), true, false},
+          Found{chain(makePtr<ScalarFieldSine>(x()), 4), true, false},
+          Found{makePtr<ScalarFieldAbsolute>(makePtr<OwnScalar>()), false, false}}) {
+        field(tree).eval(positions);
+        Fuser const& fuser = *detail::Workspace::local().fuserOfBatch;
+        EXPECT_EQ(fuser.find(&field(tree)) != nullptr, values);
+        EXPECT_EQ(fuser.findDual(&field(tree)) != nullptr, duals);
+    }
+}
+
 /// A field that is made of the one above it, at other positions.
 struct Again : FieldNode<Again, ScalarField> {
     using ScalarField::eval;
