@@ -76,6 +76,9 @@ ZEL_WIDE_TARGET void readView(ZEL_TILE_PARAMETERS) {
     stage[1].run(stage + 1, at, ZEL_TILE);
 }
 
+#undef ZEL_TILE
+#undef ZEL_TILE_PARAMETERS
+
 ZEL_WIDE_TARGET void runStages(Stage const* stages, int count, int tileSize) {
     Float8 const none{};
     for (int at = 0; at < count; at += tileSize)

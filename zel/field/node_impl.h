@@ -19,14 +19,16 @@ struct NodeAccess {
     [[gnu::always_inline]] static auto valueOf(Node const& node, In const&... in) {
         return node.valueOf(in...);
     }
-    /// The formulas of a leaf, which may have no use for the index.
+    /// Whether both formulas of a leaf do without the index.
     template <class Node>
     static constexpr bool isOfPosition = requires(Node const& node, float3 const& p) {
         node.valueOf(p);
+        node.gradientOf(p);
     };
+    /// The formulas of a leaf.
     template <class Node>
     [[gnu::always_inline]] static auto valueAt(Node const& node, float3 const& p, long long i) {
-        if constexpr (isOfPosition<Node>)
+        if constexpr (requires { node.valueOf(p); })
             return node.valueOf(p);
         else
             return node.valueOf(p, i);
