@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "dense_volume.h"
-#include "orvane_geometry_volume/tile_tree.h"
 #include "ratio_table.h"
 #include "zel/sampler/voxel_sampler_cubic.h"
+#include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 #ifdef ZEL_WITH_OPENVDB
 #include <openvdb/openvdb.h>

@@ -5,9 +5,9 @@
 #include <type_traits>
 #include <utility>
 
-#include "orvane_geometry_volume/volume_builder.h"
-#include "orvane_math/vectors.h"
-#include "quern_core/array.h"
+#include "zel_platform/orvane_geometry_volume/volume_builder.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/array.h"
 
 /// What the benchmarks of the samplers fill their volumes with: curved, and with a crease.
 template <class T> T creasedFunction(Orvane::Math::float3 const& p) {

@@ -4,10 +4,10 @@
 // of the machine, in blocks of 128 points; the nodes by points, and in a batch on one thread with
 // every instruction set and on all threads with the best.
 
-#include "orvane_math_support/noise.h"
-#include "orvane_math_support/noise_block.h"
-#include "quern_core/simd_target.h"
 #include "zel/zel.h"
+#include "zel_platform/orvane_math_support/noise.h"
+#include "zel_platform/orvane_math_support/noise_block.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>

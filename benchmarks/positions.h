@@ -1,7 +1,7 @@
 #pragma once
 
-#include "orvane_math/vectors.h"
-#include "quern_core/array.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/array.h"
 
 /// 2^20 positions in the cube from -1.5 to 1.5, as neighbours along the scan lines of a grid of 128
 /// by 128 by 64 points.

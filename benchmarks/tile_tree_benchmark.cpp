@@ -11,8 +11,8 @@
 #include <random>
 #include <vector>
 
-#include "orvane_geometry_volume/tile_tree.h"
 #include "ratio_table.h"
+#include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 namespace {
 

@@ -31,10 +31,10 @@
 
 #include "allocation_count.h"
 #include "positions.h"
-#include "quern_core/lane_loop.h"
-#include "quern_core/simd_target.h"
 #include "ratio_table.h"
 #include "trees.h"
+#include "zel_platform/quern_core/lane_loop.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 namespace {
 

@@ -29,12 +29,12 @@
 #include <vector>
 
 #include "dense_volume.h"
-#include "orvane_geometry_volume/channel_pool.h"
-#include "orvane_geometry_volume/halo.h"
-#include "orvane_geometry_volume/volume_builder.h"
 #include "ratio_table.h"
 #include "zel/volume/volume_reader.h"
 #include "zel/zel.h"
+#include "zel_platform/orvane_geometry_volume/channel_pool.h"
+#include "zel_platform/orvane_geometry_volume/halo.h"
+#include "zel_platform/orvane_geometry_volume/volume_builder.h"
 
 namespace {
 

@@ -15,9 +15,15 @@ function(zel_compile_options target)
             -fno-trapping-math)
 endfunction()
 
-# A shared library from sources listed by hand; its public headers keep their place below `base`.
+# A shared library from the sources of this folder, listed by hand. Its headers are included as
+# "<target>/...", whatever the folder is called, from one folder that holds nothing else: the build
+# tree has a link to this folder there, the install tree the public headers.
 function(zel_add_library target)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "BASE;INCLUDE_DIR" "HEADERS;SOURCES")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;SOURCES")
+  set(include ${PROJECT_BINARY_DIR}/include)
+  file(MAKE_DIRECTORY ${include})
+  file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${include}/${target} SYMBOLIC)
+  list(TRANSFORM arg_HEADERS PREPEND ${include}/${target}/)
   add_library(${target} SHARED ${arg_SOURCES})
   add_library(ZEL::${target} ALIAS ${target})
   zel_compile_options(${target})
@@ -35,13 +41,13 @@ function(zel_add_library target)
                # An installed libzel finds libzel_platform beside it.
                INSTALL_RPATH "$ORIGIN"
                VERIFY_INTERFACE_HEADER_SETS ${PROJECT_IS_TOP_LEVEL})
-  target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${arg_BASE} FILES ${arg_HEADERS})
+  target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${include} FILES ${arg_HEADERS})
   if(ZEL_INSTALL)
     install(
       TARGETS ${target}
       EXPORT ZELTargets
       LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-      FILE_SET HEADERS DESTINATION ${arg_INCLUDE_DIR}
-      INCLUDES DESTINATION ${arg_INCLUDE_DIR})
+      FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+      INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   endif()
 endfunction()

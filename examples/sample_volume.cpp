@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <exception>
 
-#include <orvane_geometry_volume/tile_tree.h>
-#include <shape_store/scene_units.h>
+#include <zel_platform/orvane_geometry_volume/tile_tree.h>
+#include <zel_platform/shape_store/scene_units.h>
 
 #include "binder.h"
 

@@ -2,7 +2,6 @@
 
 // Every public class of the library.
 
-#include "quern_core/any.h"
 #include "zel/curve/fcurve.h"
 #include "zel/field/batch.h"
 #include "zel/field/field.h"
@@ -28,3 +27,4 @@
 #include "zel/vector/selection.h"
 #include "zel/vector/spatial.h"
 #include "zel/volume/volume_fields.h"
+#include "zel_platform/quern_core/any.h"

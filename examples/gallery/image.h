@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "orvane_math/vectors.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 namespace examples {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <orvane_geometry_volume/tile_tree.h>
+#include <zel_platform/orvane_geometry_volume/tile_tree.h>
 
 #include "trees.h"
 

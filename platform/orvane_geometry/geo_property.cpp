@@ -1,11 +1,11 @@
-#include "orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
 
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include "orvane_geometry_volume/object.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace Orvane::Geometry {
 

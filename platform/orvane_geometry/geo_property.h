@@ -1,7 +1,7 @@
 #pragma once
 
-#include "orvane_geometry/object.h"
-#include "quern_core/array.h"
+#include "zel_platform/orvane_geometry/object.h"
+#include "zel_platform/quern_core/array.h"
 
 // Geo properties: values for the elements of a part of an object, such as its points. The object
 // holds a property under its name, as a `Quern::Ptr<Orvane::Object>`, and that property object

@@ -1,4 +1,4 @@
-#include "orvane_geometry/object.h"
+#include "zel_platform/orvane_geometry/object.h"
 
 #include <stdexcept>
 

@@ -5,10 +5,10 @@
 #include <string>
 #include <utility>
 
-#include "platform_api.h"
-#include "quern_core/any.h"
-#include "quern_core/ptr.h"
-#include "quern_core/string.h"
+#include "zel_platform/platform_api.h"
+#include "zel_platform/quern_core/any.h"
+#include "zel_platform/quern_core/ptr.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace Orvane {
 

@@ -1,12 +1,12 @@
-#include "orvane_geometry_volume/array_pool.h"
+#include "zel_platform/orvane_geometry_volume/array_pool.h"
 
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
 #include <utility>
 
-#include "orvane_geometry_volume/free_list.h"
-#include "orvane_geometry_volume/messages.h"
+#include "zel_platform/orvane_geometry_volume/free_list.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
 
 namespace ORV::TileTree3D::ArrayPool {
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "orvane_math/vectors.h"
-#include "platform_api.h"
-#include "quern_core/array.h"
-#include "quern_core/ptr.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/platform_api.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/ptr.h"
 
 /// Keeps the storage of arrays for later arrays, up to 1 GiB for each element type. Disabled until
 /// enabled; safe to use from any number of threads.

@@ -1,4 +1,4 @@
-#include "orvane_geometry_volume/channel_update_impl.h"
+#include "zel_platform/orvane_geometry_volume/channel_update_impl.h"
 
 namespace ORV::TileTree3D {
 

@@ -7,12 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "orvane_geometry_volume/channel_memory_pool.h"
-#include "orvane_geometry_volume/tile_data.h"
-#include "orvane_geometry_volume/voxel_topology.h"
-#include "quern_core/any.h"
-#include "quern_core/array.h"
-#include "quern_core/string.h"
+#include "zel_platform/orvane_geometry_volume/channel_memory_pool.h"
+#include "zel_platform/orvane_geometry_volume/tile_data.h"
+#include "zel_platform/orvane_geometry_volume/voxel_topology.h"
+#include "zel_platform/quern_core/any.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace ORV::TileTree3D {
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-#include "orvane_geometry_volume/channel.h"
-#include "orvane_geometry_volume/messages.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
 
 // Making, sizing and describing channels. The operations that move samples about are in
 // channel_update_impl.h.

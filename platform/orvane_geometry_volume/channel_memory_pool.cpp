@@ -1,12 +1,12 @@
-#include "orvane_geometry_volume/channel_memory_pool.h"
+#include "zel_platform/orvane_geometry_volume/channel_memory_pool.h"
 
 #include <limits>
 #include <memory>
 #include <stdexcept>
 
-#include "orvane_geometry_volume/free_list.h"
-#include "orvane_geometry_volume/messages.h"
-#include "quern_core/type_rep.h"
+#include "zel_platform/orvane_geometry_volume/free_list.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
+#include "zel_platform/quern_core/type_rep.h"
 
 namespace ORV::TileTree3D {
 

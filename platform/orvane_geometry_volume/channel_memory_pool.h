@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "platform_api.h"
+#include "zel_platform/platform_api.h"
 
 namespace ORV::TileTree3D {
 

@@ -1,9 +1,9 @@
-#include "orvane_geometry_volume/channel_pool.h"
+#include "zel_platform/orvane_geometry_volume/channel_pool.h"
 
 #include <tuple>
 #include <utility>
 
-#include "orvane_geometry_volume/free_list.h"
+#include "zel_platform/orvane_geometry_volume/free_list.h"
 
 namespace ORV::TileTree3D::ChannelPool {
 

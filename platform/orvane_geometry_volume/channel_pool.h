@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 /// Keeps whole channels, with their memory, for later channels of the same type, up to 1 GiB for
 /// each. Disabled until enabled; safe to use from any number of threads.

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orvane_geometry_volume/channel_impl.h"
+#include "zel_platform/orvane_geometry_volume/channel_impl.h"
 
 // The operations of channels that move samples about.
 namespace ORV::TileTree3D {

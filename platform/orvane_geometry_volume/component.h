@@ -2,8 +2,8 @@
 
 #include <iosfwd>
 
-#include "orvane_geometry_volume/traits.h"
-#include "quern_core/ptr.h"
+#include "zel_platform/orvane_geometry_volume/traits.h"
+#include "zel_platform/quern_core/ptr.h"
 
 namespace ORV {
 

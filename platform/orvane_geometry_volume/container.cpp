@@ -1,11 +1,11 @@
-#include "orvane_geometry_volume/container.h"
+#include "zel_platform/orvane_geometry_volume/container.h"
 
 #include <atomic>
 #include <cmath>
 #include <ostream>
 #include <stdexcept>
 
-#include "orvane_geometry_volume/messages.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
 
 namespace ORV::TileTree3D {
 

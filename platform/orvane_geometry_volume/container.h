@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "orvane_geometry_volume/chunked_store.h"
-#include "orvane_geometry_volume/component.h"
-#include "orvane_geometry_volume/inner_tile_index.h"
-#include "orvane_geometry_volume/lattice_cell.h"
-#include "orvane_geometry_volume/tile.h"
+#include "zel_platform/orvane_geometry_volume/chunked_store.h"
+#include "zel_platform/orvane_geometry_volume/component.h"
+#include "zel_platform/orvane_geometry_volume/inner_tile_index.h"
+#include "zel_platform/orvane_geometry_volume/lattice_cell.h"
+#include "zel_platform/orvane_geometry_volume/tile.h"
 
 namespace ORV::TileTree3D {
 

@@ -1,11 +1,11 @@
-#include "orvane_geometry_volume/halo.h"
+#include "zel_platform/orvane_geometry_volume/halo.h"
 
 #include <stdexcept>
 #include <string>
 
-#include "orvane_geometry_volume/halo_fill.h"
-#include "orvane_geometry_volume/messages.h"
-#include "orvane_geometry_volume/parallel.h"
+#include "zel_platform/orvane_geometry_volume/halo_fill.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
+#include "zel_platform/orvane_geometry_volume/parallel.h"
 
 namespace ORV::TileTree3D {
 

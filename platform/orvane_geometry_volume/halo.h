@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Halos: the samples of a tile together with those just across its faces, so that a sampler needs
 // no second tile.

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 namespace ORV::TileTree3D::Internal {
 

@@ -5,7 +5,7 @@
 #include <bit>
 #include <cstdint>
 
-#include "orvane_geometry_volume/traits.h"
+#include "zel_platform/orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D::Internal {
 

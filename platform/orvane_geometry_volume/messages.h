@@ -5,8 +5,8 @@
 #include <string>
 #include <typeinfo>
 
-#include "orvane_geometry_volume/component.h"
-#include "quern_core/string.h"
+#include "zel_platform/orvane_geometry_volume/component.h"
+#include "zel_platform/quern_core/string.h"
 
 // The texts of exceptions, which name the value at fault.
 namespace ORV::TileTree3D::Internal {

@@ -1,4 +1,4 @@
-#include "orvane_geometry_volume/object.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
 
 #include <utility>
 

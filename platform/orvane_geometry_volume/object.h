@@ -3,9 +3,9 @@
 #include <map>
 #include <string>
 
-#include "orvane_geometry_volume/component.h"
-#include "quern_core/ptr.h"
-#include "quern_core/string.h"
+#include "zel_platform/orvane_geometry_volume/component.h"
+#include "zel_platform/quern_core/ptr.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace ORV {
 

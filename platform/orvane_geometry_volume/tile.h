@@ -4,8 +4,8 @@
 #include <bit>
 #include <limits>
 
-#include "orvane_geometry_volume/lattice_cell.h"
-#include "orvane_geometry_volume/traits.h"
+#include "zel_platform/orvane_geometry_volume/lattice_cell.h"
+#include "zel_platform/orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D {
 

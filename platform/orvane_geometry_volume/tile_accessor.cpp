@@ -1,4 +1,4 @@
-#include "orvane_geometry_volume/container.h"
+#include "zel_platform/orvane_geometry_volume/container.h"
 
 namespace ORV::TileTree3D {
 

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "orvane_geometry_volume/traits.h"
-#include "quern_core/type_rep.h"
+#include "zel_platform/orvane_geometry_volume/traits.h"
+#include "zel_platform/quern_core/type_rep.h"
 
 namespace ORV::TileTree3D {
 

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cassert>
 
-#include "orvane_geometry_volume/container.h"
-#include "quern_core/lane_loop.h"
+#include "zel_platform/orvane_geometry_volume/container.h"
+#include "zel_platform/quern_core/lane_loop.h"
 
 namespace ORV::TileTree3D {
 

@@ -4,8 +4,8 @@
 #include <compare>
 #include <cstdint>
 
-#include "orvane_math/vectors.h"
-#include "platform_api.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/platform_api.h"
 
 namespace ORV::TileTree3D {
 

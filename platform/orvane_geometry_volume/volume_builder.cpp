@@ -1,4 +1,4 @@
-#include "orvane_geometry_volume/volume_builder.h"
+#include "zel_platform/orvane_geometry_volume/volume_builder.h"
 
 #include <algorithm>
 #include <array>
@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "orvane_geometry_volume/messages.h"
-#include "orvane_geometry_volume/parallel.h"
-#include "orvane_geometry_volume/tree_rollback.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
+#include "zel_platform/orvane_geometry_volume/parallel.h"
+#include "zel_platform/orvane_geometry_volume/tree_rollback.h"
 
 namespace ORV::TileTree3D {
 

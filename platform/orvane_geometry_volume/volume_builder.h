@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Volumes made from a function of position: a tree refined where a predicate wants it, and a
 // channel with data at every depth, each coarse sample a restriction of the finer ones.

@@ -1,10 +1,10 @@
-#include "orvane_geometry_volume/voxel_topology.h"
+#include "zel_platform/orvane_geometry_volume/voxel_topology.h"
 
 #include <ostream>
 #include <stdexcept>
 #include <utility>
 
-#include "orvane_geometry_volume/messages.h"
+#include "zel_platform/orvane_geometry_volume/messages.h"
 
 namespace ORV::TileTree3D {
 

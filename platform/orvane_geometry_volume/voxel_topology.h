@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orvane_geometry_volume/container.h"
+#include "zel_platform/orvane_geometry_volume/container.h"
 
 namespace ORV::TileTree3D {
 

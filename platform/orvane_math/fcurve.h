@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform_api.h"
+#include "zel_platform/platform_api.h"
 
 #include <vector>
 

@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-#include "orvane_math/vectors.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 namespace Orvane::Math {
 

@@ -10,7 +10,7 @@
 
 #include <hwy/highway.h>
 
-#include "orvane_math_support/simplex_kernel.h"
+#include "zel_platform/orvane_math_support/simplex_kernel.h"
 
 #include <array>
 #include <bit>

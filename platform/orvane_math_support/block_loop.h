@@ -16,10 +16,10 @@
 #define ZEL_HAS_BLOCK_LANE 0
 #else
 #define ZEL_HAS_BLOCK_LANE 1
-#include "orvane_math_support/block_lane.h"
+#include "zel_platform/orvane_math_support/block_lane.h"
 #endif
 
-#include "orvane_math_support/block_arrays.h"
+#include "zel_platform/orvane_math_support/block_arrays.h"
 
 #include <algorithm>
 

@@ -1,18 +1,18 @@
-#include "orvane_math_support/noise.h"
-#include "orvane_math_support/noise_block.h"
-#include "orvane_math_support/simplex_time.h"
-#include "quern_core/simd_target.h"
+#include "zel_platform/orvane_math_support/noise.h"
+#include "zel_platform/orvane_math_support/noise_block.h"
+#include "zel_platform/orvane_math_support/simplex_time.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 #include <cstddef>
 #include <cstring>
 
 #undef HWY_TARGET_INCLUDE
-#define HWY_TARGET_INCLUDE "orvane_math_support/curl_block.cpp"
+#define HWY_TARGET_INCLUDE "zel_platform/orvane_math_support/curl_block.cpp"
 #include <hwy/foreach_target.h>
 
 #include <hwy/highway.h>
 
-#include "orvane_math_support/block_loop.h"
+#include "zel_platform/orvane_math_support/block_loop.h"
 
 HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {

@@ -1,4 +1,4 @@
-#include "orvane_math_support/exception_message.h"
+#include "zel_platform/orvane_math_support/exception_message.h"
 
 namespace ORV {
 

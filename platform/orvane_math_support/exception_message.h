@@ -1,7 +1,7 @@
 #pragma once
 
-#include "platform_api.h"
-#include "quern_core/string.h"
+#include "zel_platform/platform_api.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace ORV {
 

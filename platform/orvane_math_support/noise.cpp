@@ -1,7 +1,7 @@
-#include "orvane_math_support/noise.h"
+#include "zel_platform/orvane_math_support/noise.h"
 
-#include "orvane_math_support/scalar_lane.h"
-#include "orvane_math_support/simplex_time.h"
+#include "zel_platform/orvane_math_support/scalar_lane.h"
+#include "zel_platform/orvane_math_support/simplex_time.h"
 
 #include <limits>
 #include <type_traits>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "orvane_math/float3x3.h"
-#include "orvane_math/vectors.h"
-#include "platform_api.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/platform_api.h"
 
 #include <cstdint>
 

@@ -4,7 +4,7 @@
 // in a register; every operation is exact or rounded once, so that any other arrangement gives the
 // same bits.
 
-#include "orvane_math_support/simplex_kernel.h"
+#include "zel_platform/orvane_math_support/simplex_kernel.h"
 
 #include <array>
 #include <bit>

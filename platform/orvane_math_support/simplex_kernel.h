@@ -14,8 +14,8 @@
 #define ZEL_SIMPLEX_KERNEL
 #endif
 
-#include "orvane_math_support/simplex_lattice.h"
-#include "orvane_math_support/simplex_time.h"
+#include "zel_platform/orvane_math_support/simplex_lattice.h"
+#include "zel_platform/orvane_math_support/simplex_time.h"
 
 #include <bit>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 // The simplex lattice: its shape, its limits, and the keys of its hash.
 
-#include "orvane_math_support/simplex_gradients.h"
+#include "zel_platform/orvane_math_support/simplex_gradients.h"
 
 #include <array>
 #include <bit>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "orvane_math_support/simplex_lattice.h"
+#include "zel_platform/orvane_math_support/simplex_lattice.h"
 
 #include <bit>
 #include <cstdint>

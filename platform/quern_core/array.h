@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "quern_core/type_rep.h"
+#include "zel_platform/quern_core/type_rep.h"
 
 namespace Quern {
 

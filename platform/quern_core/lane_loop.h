@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quern_core/simd_target.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 // Loops over the positions of a block. Each is compiled twice, for the processor that the library
 // is built for and for wider vectors, and one is chosen when it runs. Both give the same bits: no

@@ -11,7 +11,7 @@
 #include <typeinfo>
 #include <utility>
 
-#include "platform_api.h"
+#include "zel_platform/platform_api.h"
 
 namespace Quern {
 

@@ -1,4 +1,4 @@
-#include "quern_core/simd_target.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 #include <hwy/highway.h>
 

@@ -1,4 +1,4 @@
-#include "quern_core/string.h"
+#include "zel_platform/quern_core/string.h"
 
 #include <ostream>
 #include <utility>

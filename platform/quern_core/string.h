@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform_api.h"
-#include "quern_core/ptr.h"
+#include "zel_platform/platform_api.h"
+#include "zel_platform/quern_core/ptr.h"
 
 namespace Quern {
 

@@ -1,4 +1,4 @@
-#include "quern_core/type_rep.h"
+#include "zel_platform/quern_core/type_rep.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "platform_api.h"
+#include "zel_platform/platform_api.h"
 
 namespace Quern::Internal {
 

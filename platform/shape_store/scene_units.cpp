@@ -1,4 +1,4 @@
-#include "shape_store/scene_units.h"
+#include "zel_platform/shape_store/scene_units.h"
 
 namespace Vellum {
 

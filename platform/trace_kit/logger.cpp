@@ -1,4 +1,4 @@
-#include "trace_kit/logger.h"
+#include "zel_platform/trace_kit/logger.h"
 
 #include <atomic>
 

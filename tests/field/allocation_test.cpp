@@ -2,8 +2,8 @@
 #include <tbb/global_control.h>
 
 #include "benchmarks/allocation_count.h"
-#include "orvane_geometry_volume/array_pool.h"
 #include "support/random_nodes.h"
+#include "zel_platform/orvane_geometry_volume/array_pool.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "quern_core/simd_target.h"
 #include "support/random_nodes.h"
 #include "zel/field/node_impl.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 // Evaluation in blocks: that it gives what points give, and asks nodes no more than it may.
 namespace {

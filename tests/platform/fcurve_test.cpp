@@ -1,4 +1,4 @@
-#include "orvane_math/fcurve.h"
+#include "zel_platform/orvane_math/fcurve.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "orvane_math_support/noise_block.h"
+#include "zel_platform/orvane_math_support/noise_block.h"
 
 #include <gtest/gtest.h>
 
@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "orvane_math_support/noise.h"
-#include "quern_core/simd_target.h"
+#include "zel_platform/orvane_math_support/noise.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 namespace {
 

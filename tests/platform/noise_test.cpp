@@ -1,6 +1,6 @@
-#include "orvane_math_support/noise.h"
+#include "zel_platform/orvane_math_support/noise.h"
 
-#include "orvane_math_support/scalar_lane.h"
+#include "zel_platform/orvane_math_support/scalar_lane.h"
 
 #include <gtest/gtest.h>
 

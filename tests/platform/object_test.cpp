@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "orvane_geometry/geo_property.h"
 #include "support/refused.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
 
 namespace {
 

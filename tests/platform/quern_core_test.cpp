@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "quern_core/any.h"
-#include "quern_core/array.h"
-#include "quern_core/ptr.h"
-#include "quern_core/string.h"
 #include "support/refused.h"
+#include "zel_platform/quern_core/any.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/ptr.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace {
 

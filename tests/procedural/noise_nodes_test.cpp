@@ -1,7 +1,7 @@
 #include <vector>
 
-#include "orvane_math_support/noise.h"
 #include "support/probe.h"
+#include "zel_platform/orvane_math_support/noise.h"
 
 // What the noise nodes feed to the noise functions, and how they add the layers up.
 namespace {

@@ -5,8 +5,8 @@
 #include <stdexcept>
 
 #include "benchmarks/allocation_count.h"
-#include "quern_core/simd_target.h"
 #include "sampler/cubic_volume.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 namespace {
 

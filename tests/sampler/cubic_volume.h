@@ -6,9 +6,9 @@
 #include <sstream>
 #include <string>
 
-#include "orvane_geometry_volume/channel.h"
 #include "platform/volume/trees.h"
 #include "zel/sampler/voxel_sampler_cubic.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Volumes for the tests of the cubic sampler, and what a sampler with kJumpTrilinear must give,
 // written slowly: every stencil value and every corner is looked up by its place in the tree.

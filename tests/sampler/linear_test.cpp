@@ -3,7 +3,7 @@
 #include <optional>
 #include <vector>
 
-#include "../benchmarks/allocation_count.h"
+#include "benchmarks/allocation_count.h"
 #include "platform/volume/trees.h"
 #include "support/probe.h"
 #include "zel/sampler/ring_fill.h"

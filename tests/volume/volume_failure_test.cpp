@@ -6,8 +6,8 @@
 #include <functional>
 #include <stdexcept>
 
-#include "orvane_math_support/exception_message.h"
-#include "shape_store/scene_units.h"
+#include "zel_platform/orvane_math_support/exception_message.h"
+#include "zel_platform/shape_store/scene_units.h"
 
 // What binding does when it fails.
 namespace {

@@ -1,8 +1,8 @@
 #include "volume/volumes.h"
 
-#include "orvane_geometry_volume/channel_pool.h"
-#include "shape_store/scene_units.h"
-#include "trace_kit/logger.h"
+#include "zel_platform/orvane_geometry_volume/channel_pool.h"
+#include "zel_platform/shape_store/scene_units.h"
+#include "zel_platform/trace_kit/logger.h"
 
 // What volume nodes answer, and what they hold of a volume.
 namespace {

@@ -6,10 +6,10 @@
 #include <string>
 #include <utility>
 
-#include "orvane_geometry_volume/tile_tree.h"
 #include "support/probe.h"
 #include "zel/volume/volume_reader.h"
 #include "zel/zel.h"
+#include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 // Volumes for tests of the nodes that read them, and a look at what such a node holds.
 namespace volumes {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "orvane_math/fcurve.h"
 #include "zel/field/node.h"
+#include "zel_platform/orvane_math/fcurve.h"
 
 // A child's value sent through a curve, which the node shares and does not change. The curve is
 // evaluated in double precision. The gradients are the default ones, by differences.

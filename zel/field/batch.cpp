@@ -9,9 +9,9 @@
 #include <atomic>
 #include <concepts>
 
-#include "orvane_geometry_volume/array_pool.h"
 #include "zel/field/block_impl.h"
 #include "zel/field/hook_walk.h"
+#include "zel_platform/orvane_geometry_volume/array_pool.h"
 
 namespace Core::Fields {
 

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "orvane_math/float3x3.h"
-#include "orvane_math/vectors.h"
-#include "quern_core/array.h"
-#include "quern_core/ptr.h"
 #include "zel/api.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/ptr.h"
 
 // Gradients of whole arrays of positions. All that is said of the batch `eval` of a field holds
 // here too: hooks, threads, element indices and exceptions. A gradient has the bits of the point

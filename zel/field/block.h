@@ -8,11 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "quern_core/ptr.h"
 #include "zel/api.h"
 #include "zel/field/lanes.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
+#include "zel_platform/quern_core/ptr.h"
 
 namespace zel {
 

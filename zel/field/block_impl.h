@@ -4,10 +4,10 @@
 #include <cstddef>
 #include <cstring>
 
-#include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
 #include "zel/field/differences.h"
 #include "zel/field/fusion.h"
+#include "zel_platform/quern_core/lane_loop.h"
 
 // How results are kept and found again, and how a batch goes through its blocks. Private to the
 // sources of the interfaces and of the block.

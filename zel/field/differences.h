@@ -5,8 +5,8 @@
 #include <bit>
 #include <cstdint>
 
-#include "orvane_math/vectors.h"
-#include "quern_core/lane_loop.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/lane_loop.h"
 
 namespace zel::detail {
 

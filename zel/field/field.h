@@ -1,8 +1,8 @@
 #pragma once
 
-#include "quern_core/array.h"
-#include "quern_core/ptr.h"
 #include "zel/api.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/ptr.h"
 
 namespace Orvane {
 class Object;

@@ -9,7 +9,7 @@
 #include <span>
 #include <utility>
 
-#include "quern_core/lane_loop.h"
+#include "zel_platform/quern_core/lane_loop.h"
 
 namespace zel {
 

@@ -3,8 +3,8 @@
 #include <array>
 #include <type_traits>
 
-#include "orvane_math/float3x3.h"
-#include "orvane_math/vectors.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 // Values of many points, an array for each component, and the loops over them.
 namespace zel {

@@ -2,8 +2,8 @@
 
 #include <cmath>
 
-#include "orvane_math/float3x3.h"
-#include "orvane_math/vectors.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 // The small mathematics of the nodes, in single precision. Where a rounding could show, the order
 // of operations is part of the definition.

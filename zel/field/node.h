@@ -3,11 +3,11 @@
 #include <tuple>
 #include <type_traits>
 
-#include "orvane_math/float3x3.h"
-#include "orvane_math/vectors.h"
 #include "zel/field/lanes.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 // The bases of all nodes: what nodes do alike stands here once, and a node class shows only its
 // members and its formulas, and does not override what the base does with them. `Self` is the node

@@ -9,10 +9,10 @@
 #include <typeinfo>
 #include <utility>
 
-#include "quern_core/lane_loop.h"
 #include "zel/field/block.h"
 #include "zel/field/fusion.h"
 #include "zel/field/node_impl.h"
+#include "zel_platform/quern_core/lane_loop.h"
 
 // The block forms of the bases in node.h, by the formulas that their point forms use.
 namespace zel {

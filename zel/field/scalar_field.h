@@ -1,8 +1,8 @@
 #pragma once
 
-#include "orvane_math/vectors.h"
-#include "quern_core/string.h"
 #include "zel/field/field.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace zel {
 class Block;

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "orvane_math/vectors.h"
 #include "zel/api.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 // What the scalar and the vector transform nodes do with their parameters. Out of line, so that
 // they come out the same whatever a user's program is compiled with.

@@ -2,8 +2,8 @@
 
 #include <typeinfo>
 
-#include "quern_core/string.h"
 #include "zel/api.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace zel {
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "orvane_math/float3x3.h"
-#include "orvane_math/vectors.h"
-#include "quern_core/string.h"
 #include "zel/field/field.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace zel {
 class Block;

@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "orvane_geometry/geo_property.h"
 #include "zel/field/node.h"
 #include "zel/geo_property/property_binding.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
 
 // Leaves that read a property of a geometry object, by element index. A node is made of the name of
 // the property alone; later a caller walks the tree and binds each node that is triggerable:

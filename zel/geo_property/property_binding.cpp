@@ -4,8 +4,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "orvane_geometry/geo_property.h"
 #include "zel/geo_property/scalar_converter.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
 
 namespace zel::detail {
 

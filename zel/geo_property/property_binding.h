@@ -1,10 +1,10 @@
 #pragma once
 
-#include "orvane_math/vectors.h"
-#include "quern_core/array.h"
-#include "quern_core/ptr.h"
-#include "quern_core/string.h"
 #include "zel/api.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/ptr.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace Orvane {
 class Object;

@@ -3,8 +3,8 @@
 #include <limits>
 #include <tuple>
 
-#include "quern_core/array.h"
-#include "quern_core/ptr.h"
+#include "zel_platform/quern_core/array.h"
+#include "zel_platform/quern_core/ptr.h"
 
 // Internal: reads an array of one of ten numeric types as floats.
 namespace zel {

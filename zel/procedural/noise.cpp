@@ -4,10 +4,10 @@
 #include <cmath>
 #include <new>
 
-#include "orvane_math_support/noise.h"
-#include "orvane_math_support/noise_block.h"
 #include "zel/field/node_impl.h"
 #include "zel/scalar/arithmetic.h"
+#include "zel_platform/orvane_math_support/noise.h"
+#include "zel_platform/orvane_math_support/noise_block.h"
 
 namespace zel {
 

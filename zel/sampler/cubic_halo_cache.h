@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "orvane_geometry_volume/halo.h"
+#include "zel_platform/orvane_geometry_volume/halo.h"
 
 namespace ORV::TileTree3D::Internal {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "orvane_geometry_volume/channel.h"
 #include "zel/api.h"
 #include "zel/sampler/lanes.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Reading a channel at a point where the tree may be coarser than asked for.
 namespace ORV::TileTree3D {

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <limits>
 
-#include "orvane_math/vectors.h"
 #include "zel/sampler/lanes.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 // The arithmetic of the cubic sampler: the one-dimensional interpolants, uniform and not. Each
 // stands once, for a lane that is a float or a vector of four, which run the same operations.

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "orvane_geometry_volume/traits.h"
+#include "zel_platform/orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D::Internal {
 

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "orvane_geometry_volume/channel.h"
 #include "zel/sampler/cubic_memo.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 
 namespace ORV::TileTree3D::Internal {
 

@@ -1,6 +1,6 @@
 #include "zel/sampler/cubic_stencil.h"
 
-#include "quern_core/simd_target.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 // The kernels are compiled twice, for the processor that the library is built for and for wider
 // vectors, and one is chosen when they run. Both give the same bits.

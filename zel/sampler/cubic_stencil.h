@@ -3,9 +3,9 @@
 #include <array>
 #include <cstring>
 
-#include "orvane_geometry_volume/traits.h"
 #include "zel/api.h"
 #include "zel/sampler/cubic_kernels.h"
+#include "zel_platform/orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D::Internal {
 

@@ -2,7 +2,7 @@
 
 #include <iostream>
 
-#include "orvane_geometry_volume/tile.h"
+#include "zel_platform/orvane_geometry_volume/tile.h"
 
 // What the adaptive path of the cubic sampler tells about itself on the standard output: the words
 // of its trace. A sample that is not traced compiles to none of it.

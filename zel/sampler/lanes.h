@@ -8,7 +8,7 @@
 #include <xmmintrin.h>
 #endif
 
-#include "orvane_math/vectors.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 // Four floats in a register, by the vector extension of the compilers: the same operations as one
 // by one, and so the same bits.

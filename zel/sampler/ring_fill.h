@@ -2,8 +2,8 @@
 
 #include <array>
 
-#include "orvane_geometry_volume/tile_data.h"
 #include "zel/api.h"
+#include "zel_platform/orvane_geometry_volume/tile_data.h"
 
 // Ring tiles: the samples of a tile and one layer more on all six sides, for topologies whose
 // samples do not all lie on the low corners of their voxels.

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <limits>
 
-#include "quern_core/lane_loop.h"
+#include "zel_platform/quern_core/lane_loop.h"
 
 namespace ORV::TileTree3D {
 

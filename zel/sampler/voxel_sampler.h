@@ -2,12 +2,12 @@
 
 #include <array>
 
-#include "orvane_geometry_volume/container.h"
-#include "orvane_geometry_volume/voxel_topology.h"
-#include "orvane_math/vectors.h"
-#include "quern_core/string.h"
 #include "zel/api.h"
 #include "zel/sampler/lanes.h"
+#include "zel_platform/orvane_geometry_volume/container.h"
+#include "zel_platform/orvane_geometry_volume/voxel_topology.h"
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/string.h"
 
 namespace ORV::TileTree3D {
 

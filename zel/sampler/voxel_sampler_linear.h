@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "orvane_geometry_volume/halo.h"
 #include "zel/sampler/linear_cell.h"
 #include "zel/sampler/voxel_sampler.h"
+#include "zel_platform/orvane_geometry_volume/halo.h"
 
 namespace ORV::TileTree3D {
 

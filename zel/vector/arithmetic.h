@@ -2,9 +2,9 @@
 
 #include <cmath>
 
-#include "quern_core/array.h"
 #include "zel/field/math.h"
 #include "zel/field/node.h"
+#include "zel_platform/quern_core/array.h"
 
 // Vector nodes that compute, component by component unless the formula says otherwise. None guards
 // a division but where it is said. In a gradient, `M[r][c]` is the derivative of component `r`

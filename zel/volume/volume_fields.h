@@ -2,9 +2,9 @@
 
 #include <memory>
 
-#include "orvane_geometry/geo_property.h"
-#include "orvane_geometry/sampler_type.h"
 #include "zel/field/node.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry/sampler_type.h"
 
 // Leaves that read a channel of a sparse voxel volume at a position. Each thread that samples a
 // node gets samplers of its own, which the node keeps until it is destroyed, bound anew, copied to

@@ -4,12 +4,12 @@
 #include <exception>
 #include <stdexcept>
 
-#include "orvane_math_support/exception_message.h"
-#include "shape_store/scene_units.h"
 #include "zel/field/differences.h"
 #include "zel/field/node_impl.h"
 #include "zel/volume/volume_fields.h"
 #include "zel/volume/volume_reader_impl.h"
+#include "zel_platform/orvane_math_support/exception_message.h"
+#include "zel_platform/shape_store/scene_units.h"
 
 // The definitions of the volume nodes' bases, together with those of their reader, so that a value
 // is one call.

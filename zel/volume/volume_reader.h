@@ -2,12 +2,12 @@
 
 #include <concepts>
 
-#include "orvane_geometry/object.h"
 #include "zel/field/lanes.h"
 #include "zel/sampler/voxel_sampler_cubic.h"
 #include "zel/sampler/voxel_sampler_linear.h"
 #include "zel/volume/sampler_pool.h"
 #include "zel/volume/volume_state.h"
+#include "zel_platform/orvane_geometry/object.h"
 
 namespace zel::detail {
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "orvane_geometry/geo_property.h"
 #include "zel/volume/volume_reader.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
 
 // The definitions of VolumeReader, for the source file of each type of value: samplers over both
 // kinds of tree are much to compile. What a sample goes through is inlined.

@@ -3,10 +3,10 @@
 #include <iostream>
 #include <utility>
 
-#include "orvane_geometry/geo_property.h"
-#include "orvane_geometry_volume/channel_pool.h"
-#include "orvane_geometry_volume/halo.h"
-#include "trace_kit/logger.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry_volume/channel_pool.h"
+#include "zel_platform/orvane_geometry_volume/halo.h"
+#include "zel_platform/trace_kit/logger.h"
 
 namespace zel::detail {
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "orvane_geometry/sampler_type.h"
-#include "orvane_geometry_volume/channel.h"
-#include "orvane_geometry_volume/object.h"
 #include "zel/api.h"
+#include "zel_platform/orvane_geometry/sampler_type.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace zel::detail {
 

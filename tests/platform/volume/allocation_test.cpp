@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "orvane_geometry_volume/tree_rollback.h"
+#include "zel_platform/orvane_geometry_volume/tree_rollback.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <tuple>
 #include <vector>
 
-#include "orvane_geometry_volume/tile_tree.h"
+#include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 // Random trees, and the same trees as a plain map of tiles.
 namespace trees {
