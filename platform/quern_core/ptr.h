@@ -24,14 +24,15 @@ public:
     /// the type for which this block was made. Throws std::logic_error if that type has none.
     virtual ControlBlock* clone() const = 0;
 
-    /// Deletes the object and the block.
+    /// Deletes the object and the block. `object()` no longer tells where the object is.
     virtual void destroy() noexcept = 0;
 
     void acquire() noexcept { count.fetch_add(1, std::memory_order_relaxed); }
 
     void release() noexcept {
         // The only owner needs no atomic write: nobody else can add to the count.
-        if (useCount() == 1 || count.fetch_sub(1, std::memory_order_acq_rel) == 1) destroy();
+        if (useCount() == 1 || count.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            destroyInBoundedStack();
     }
 
     std::int64_t useCount() const noexcept { return count.load(std::memory_order_acquire); }
@@ -42,8 +43,12 @@ protected:
     ~ControlBlock() = default;
 
 private:
+    /// Calls `destroy` for a block that has no user left: at once, or, deep inside of other such
+    /// calls, when the outermost of them has destroyed its own block.
+    void destroyInBoundedStack() noexcept;
+
     std::atomic<std::int64_t> count;
-    void* managed;
+    void* managed;  // of a block that waits to be destroyed: the next such block
 };
 
 /// A control block and its object in one allocation.
@@ -73,6 +78,10 @@ private:
 /// count, and whoever brings it to 0 destroys the object; a move leaves the source empty. Distinct
 /// pointers to one object may be used from any number of threads; one pointer may not be written
 /// while another thread reads it.
+///
+/// Releasing takes a bounded stack, however long a chain of objects that own each other is. Where
+/// destructors have released pointers 64 levels deep, a further object is destroyed after the
+/// outermost one, before its release returns.
 template <class T> class Ptr {
 public:
     using Element = T;

@@ -87,4 +87,19 @@ TEST(DefaultObject, IsOneZeroField) {
               float3x3{});
 }
 
+TEST(Ownership, ReleasesAnyChainOnABoundedStack) {
+    int alive = 0;
+    struct Leaf : ScalarField {
+        explicit Leaf(int& alive) : alive(alive) { ++alive; }
+        ~Leaf() override { --alive; }
+        int& alive;
+    };
+    ScalarPtr chain = makePtr<Leaf>(alive);
+    for (int i = 0; i < 1'000'000; ++i)
+        chain = makePtr<ScalarFieldAdd>(std::move(chain), makePtr<Leaf>(alive));
+    EXPECT_EQ(alive, 1'000'001);
+    chain.reset();
+    EXPECT_EQ(alive, 0);
+}
+
 }  // namespace
