@@ -146,17 +146,24 @@ VectorFieldFractalTurbulence::VectorFieldFractalTurbulence(float amplitude, floa
 
 void VectorFieldFractalTurbulence::preSampleField() const {
     HookedNode::preSampleField();
-    if (timeIsConstant) {
-        cache.cachedTime = time->eval(float3{}, 0);
-        cache.cachedTimeValid = true;
-        Orvane::Math::create_curl_noise_time_table(cache.cachedTime, cache.timeTable);
-    }
+    if (!timeIsConstant) return;
+    float const t = time->eval(float3{}, 0);
+    std::array<float, 16> table;
+    Orvane::Math::create_curl_noise_time_table(t, table.data());
+    for (std::size_t i = 0; i < table.size(); ++i)
+        cache.timeTable[i].store(table[i], std::memory_order_relaxed);
+    cache.time.store({t, 1}, std::memory_order_relaxed);
 }
 
 void VectorFieldFractalTurbulence::postSampleField() const {
     HookedNode::postSampleField();
-    cache.cachedTime = std::numeric_limits<float>::max();
-    cache.cachedTimeValid = false;
+    cache.time.store({}, std::memory_order_relaxed);
+}
+
+std::optional<float> VectorFieldFractalTurbulence::keptTime() const {
+    if (!timeIsConstant || !smooth) return std::nullopt;
+    auto const [t, valid] = cache.time.load(std::memory_order_relaxed);
+    return valid != 0 ? std::optional(t) : std::nullopt;
 }
 
 struct VectorFieldFractalTurbulence::Octave {
@@ -172,7 +179,8 @@ struct VectorFieldFractalTurbulence::Octave {
 };
 
 float3 VectorFieldFractalTurbulence::eval(float3 const& position, long long index) const {
-    float const t = hasTime() ? cache.cachedTime : time->eval(position, index);
+    auto const kept = keptTime();
+    float const t = kept ? *kept : time->eval(position, index);
     int const count = octaveCount(amplitude, scaleRatio, octaves);
     float3 result;
     for (int i = 0; i < count; ++i) {
@@ -186,7 +194,8 @@ float3 VectorFieldFractalTurbulence::eval(float3 const& position, long long inde
 
 void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>& out) const {
     Block::Frame const frame(block);
-    auto const t = (hasTime() ? block.constant(cache.cachedTime) : block.values(time)).component[0];
+    auto const kept = keptTime();
+    auto const t = (kept ? block.constant(*kept) : block.values(time)).component[0];
     int const count = octaveCount(amplitude, scaleRatio, octaves);
     auto const sum = out.writer();
     for (float* const component : sum.component) std::fill_n(component, block.count(), 0.0F);

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <limits>
+#include <optional>
 
 #include "zel/field/node.h"
 
@@ -79,8 +82,8 @@ private:
 /// single precision throughout.
 ///
 /// Where `time` is a ScalarFieldConstant and the noise is smooth, a batch evaluates it once: the
-/// hook before it keeps the value. The hooks write to the node, whatever its time is: they must not
-/// run while another thread samples it, and a tree with this node in it takes one batch at a time.
+/// hook before it keeps the value, and the hook after it drops it. Hooks and samples may run on any
+/// number of threads at once: a sample that finds no kept value evaluates `time`, to the same bits.
 /// A copy starts without a kept value.
 class ZEL_API VectorFieldFractalTurbulence
     : public HookedNode<VectorFieldFractalTurbulence, VectorField> {
@@ -100,17 +103,22 @@ private:
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
     struct Octave;
     void blockValues(Block& block, BlockResult<float3>& out) const;
-    /// Whether the time has been asked for already.
-    bool hasTime() const { return timeIsConstant && smooth && cache.cachedTimeValid; }
+    /// The time, where the hook has evaluated it already.
+    std::optional<float> keptTime() const;
 
-    /// The time of the batch that is being sampled, if it is constant.
+    /// The time of the batches that are being sampled, if it is constant. Batches on several
+    /// threads write it at once.
     struct TimeCache {
+        struct Time {
+            float cachedTime = std::numeric_limits<float>::max();
+            std::uint32_t cachedTimeValid = 0;  // no padding, which an atomic would have to clear
+        };
+
         TimeCache() = default;
         TimeCache(TimeCache const& /*other*/) noexcept {}
 
-        float cachedTime = std::numeric_limits<float>::max();
-        float timeTable[16] = {};
-        bool cachedTimeValid = false;
+        std::atomic<Time> time = Time();
+        std::array<std::atomic<float>, 16> timeTable = {};
     };
 
     float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
@@ -124,7 +132,7 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_HOOKED(zel::ScalarFieldSimplexNoise, ScalarField);
-ZEL_DECLARE_HOOKED(zel::ScalarFieldFractalNoise, ScalarField);
-ZEL_DECLARE_HOOKED(zel::VectorFieldCurlNoise, VectorField);
-ZEL_DECLARE_HOOKED(zel::VectorFieldFractalTurbulence, VectorField);
+ZEL_DECLARE_LIBRARY_HOOKED(zel::ScalarFieldSimplexNoise, ScalarField);
+ZEL_DECLARE_LIBRARY_HOOKED(zel::ScalarFieldFractalNoise, ScalarField);
+ZEL_DECLARE_LIBRARY_HOOKED(zel::VectorFieldCurlNoise, VectorField);
+ZEL_DECLARE_LIBRARY_HOOKED(zel::VectorFieldFractalTurbulence, VectorField);
