@@ -10,6 +10,7 @@
 #include <concepts>
 
 #include "zel/field/block_impl.h"
+#include "zel/field/float_environment.h"
 #include "zel/field/hook_walk.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
 
@@ -45,8 +46,10 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
     auto* const gradients = out.gradients ? out.gradients->data() : nullptr;
     auto const loop = [&field, in = positions.data(), values, gradients,
                        batch = ++lastBatch](tbb::blocked_range<std::size_t> const& range) {
+        zel::detail::FloatEnvironment const standard;
         zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end(), batch);
     };
+    zel::detail::FloatEnvironment const standard;  // for the hooks; workers set their own
     {
         zel::detail::HookWalk::Scope const ownWalk;
         field.preSampleField();

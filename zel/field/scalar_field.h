@@ -30,7 +30,8 @@ public:
     /// The values at all positions, worked out in parallel; the element index of a position is its
     /// place in the array. `preSampleField` runs before and `postSampleField` after it, on the
     /// calling thread. An exception of a point `eval` ends the batch, keeps its type, and leaves
-    /// `postSampleField` uncalled.
+    /// `postSampleField` uncalled. Floats are rounded to nearest and subnormal numbers kept,
+    /// whatever the calling thread has set.
     virtual Quern::Ptr<Quern::Array<float>>
     eval(Quern::Array<Orvane::Math::float3> const& positions) const;
 
