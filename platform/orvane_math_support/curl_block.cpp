@@ -1,7 +1,7 @@
 #include "zel_platform/orvane_math_support/noise.h"
 #include "zel_platform/orvane_math_support/noise_block.h"
 #include "zel_platform/orvane_math_support/simplex_time.h"
-#include "zel_platform/quern_core/simd_target.h"
+#include "zel_platform/quern_core/simd_kernels.h"
 
 #include <cstddef>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "zel_platform/orvane_math_support/noise.h"
 #include "zel_platform/orvane_math_support/noise_block.h"
-#include "zel_platform/quern_core/simd_target.h"
+#include "zel_platform/quern_core/simd_kernels.h"
 
 #include <type_traits>
 

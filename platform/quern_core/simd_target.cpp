@@ -1,5 +1,7 @@
 #include "zel_platform/quern_core/simd_target.h"
 
+#include "zel_platform/quern_core/simd_kernels.h"
+
 #include <hwy/highway.h>
 
 namespace Quern {
@@ -22,15 +24,17 @@ bool isWide(SimdTarget const& target) {
     return target.bit == HWY_AVX3 || target.bit == HWY_AVX2;
 }
 
+bool isWideChosen = isWide(simdTargets().front());
+
 }  // namespace
 
-bool wideVectors = isWide(simdTargets().front());
+bool const& wideVectors = isWideChosen;
 
 void useSimdTarget(SimdTarget const& target) {
     simdTargets();  // asks the machine before the first restriction
     hwy::SetSupportedTargetsForTest(target.bit);
     hwy::GetChosenTarget().Update(hwy::SupportedTargets());
-    wideVectors = isWide(target);
+    isWideChosen = isWide(target);
 }
 
 }  // namespace Quern

@@ -5,14 +5,8 @@
 #include <cstdint>
 #include <vector>
 
-// Kernels are compiled once for every instruction set below and chosen at run time, for the whole
-// process, by the Highway library. A source file that holds kernels includes this header, then
-// "hwy/foreach_target.h" and "hwy/highway.h".
-//
-// Left out: what lies between the baseline and SSE4.2, vectors without a fixed size, and the
-// AVX-512 extensions of later machines, which no kernel here needs.
-#define HWY_DISABLED_TARGETS (HWY_SSSE3 | HWY_SVE | HWY_SVE_256 | HWY_SVE2 | HWY_SVE2_128)
-
+// The instruction sets that kernels are compiled for. One is chosen at run time, for the whole
+// process, by the Highway library.
 namespace Quern {
 
 /// An instruction set that kernels are compiled for.
@@ -30,8 +24,8 @@ ZEL_PLATFORM_API std::vector<SimdTarget> simdTargets();
 ZEL_PLATFORM_API void useSimdTarget(SimdTarget const& target);
 
 /// Whether the processor has vectors of 256 bits, AVX2, and the chosen instruction set uses them:
-/// for loops that a compiler makes into vector code of two widths.
-extern ZEL_PLATFORM_API bool wideVectors;
+/// for loops that a compiler makes into vector code of two widths. `useSimdTarget` sets it.
+extern ZEL_PLATFORM_API bool const& wideVectors;
 
 }  // namespace Quern
 
