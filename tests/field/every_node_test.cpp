@@ -63,6 +63,7 @@ struct Walked : FieldVisitor {
 TEST(EveryNode, HasItsNameAndWalksHooksAndAsksItsChildren) {
     forEveryNode([]<class Node>(std::string const& name) {
         SCOPED_TRACE(name);
+        static_assert(zel::detail::isLibraryNode<Node>);
         Children children;
         auto const node = construct<Node>(children);
         auto const copy = node.clone();

@@ -45,5 +45,5 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_FIELD(zel::ScalarFieldFCurve, ScalarField);
-ZEL_DECLARE_FIELD(zel::VectorFieldFCurve, VectorField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::ScalarFieldFCurve, ScalarField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::VectorFieldFCurve, VectorField);

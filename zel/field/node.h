@@ -46,6 +46,13 @@ using Orvane::Math::float4;
 /// Reaches what a node keeps private. A node makes it a friend.
 struct NodeAccess;
 
+namespace detail {
+
+/// Whether a node class is one of the library, which says so by ZEL_LIBRARY_NODE.
+template <class Node> inline constexpr bool isLibraryNode = false;
+
+}  // namespace detail
+
 /// Gives a node its type name, and what it has in blocks. A node that writes `eval` itself may have
 ///
 ///     void blockValues(Block& block, BlockResult<Value>& out) const;
@@ -156,7 +163,8 @@ public:
 ///     Value valueOf(v) const;           from the child's value there
 ///     Gradient gradientOf(g) const;     from the child's gradient there
 ///
-/// A `static constexpr bool kMovesOnly = true` says that both give back what they get.
+/// A `static constexpr bool kMovesOnly = true` says that the value is the child's as it comes. It
+/// says nothing about the gradient.
 template <class Self, class Interface>
 class ZEL_API TransformNode : public FieldNode<Self, Interface> {
 public:
@@ -202,6 +210,24 @@ public:
 #define ZEL_DEFINE_OPERATOR(Base, Node, Interface)                                                 \
     ZEL_DETAIL_FIELD(template, Node, Interface);                                                   \
     template class zel::Base<Node, Core::Fields::Interface>
+
+/// The DECLARE forms for nodes of the library itself. Their formulas only compute, so that a batch
+/// may ask them more often than point evaluation does, and work out several nodes as one. It stands
+/// in the header, so that every source that instantiates a base agrees.
+#define ZEL_DECLARE_LIBRARY_LEAF(Node, Interface)                                                  \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_LEAF(Node, Interface)
+#define ZEL_DECLARE_LIBRARY_HOOKED(Node, Interface)                                                \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_HOOKED(Node, Interface)
+#define ZEL_DECLARE_LIBRARY_FIELD(Node, Interface)                                                 \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_FIELD(Node, Interface)
+#define ZEL_DECLARE_LIBRARY_OPERATOR(Base, Node, Interface)                                        \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_OPERATOR(Base, Node, Interface)
+#define ZEL_LIBRARY_NODE(Node)                                                                     \
+    template <> inline constexpr bool zel::detail::isLibraryNode<Node> = true
 
 #define ZEL_DETAIL_LEAF(Template, Node, Interface)                                                 \
     Template class zel::NamedNode<Node, Core::Fields::Interface>;                                  \

@@ -54,7 +54,7 @@ template <class Node> bool isExactly(Node const& node) {
 
 /// Whether it is of a class of the library.
 template <class Node> bool isOfLibrary(Node const& node) {
-    return NodeAccess::kIsLibrary && isExactly(node);
+    return isLibraryNode<Node> && isExactly(node);
 }
 
 /// Whether a node's point `grad` is the default one of its interface.

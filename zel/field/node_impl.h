@@ -87,20 +87,14 @@ struct NodeAccess {
             return false;
     }();
 
-    /// Whether nodes are those of the library.
-#ifdef zel_EXPORTS
-    static constexpr bool kIsLibrary = true;
-#else
-    static constexpr bool kIsLibrary = false;
-#endif
     /// Whether a node may be asked where it need not be: one of the library that is not heavy. The
     /// formulas of a user's may count their calls, or throw.
     template <class Node>
     static constexpr bool isLight = [] {
         if constexpr (requires { Node::kHeavy; })
-            return kIsLibrary && !Node::kHeavy;
+            return detail::isLibraryNode<Node> && !Node::kHeavy;
         else
-            return kIsLibrary;
+            return detail::isLibraryNode<Node>;
     }();
 
     template <class Node, class Value>

@@ -120,4 +120,8 @@ private:
     ZEL_DETAIL_GEO_PROPERTY(Template, zel::VectorGeoPropertyFound, ScalarField,                    \
                             VectorPropertyBinding)
 
+ZEL_LIBRARY_NODE(zel::ScalarGeoPropertyTriggered);
+ZEL_LIBRARY_NODE(zel::VectorGeoPropertyTriggered);
+ZEL_LIBRARY_NODE(zel::ScalarGeoPropertyFound);
+ZEL_LIBRARY_NODE(zel::VectorGeoPropertyFound);
 ZEL_DETAIL_GEO_PROPERTIES(extern template);

@@ -54,5 +54,5 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_FIELD(zel::VectorFieldClosestPointTransform, VectorField);
-ZEL_DECLARE_FIELD(zel::VectorFieldIteratedNearPointTransform, VectorField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::VectorFieldClosestPointTransform, VectorField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::VectorFieldIteratedNearPointTransform, VectorField);

@@ -56,6 +56,6 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_FIELD(zel::ScalarFieldGradient, VectorField);
-ZEL_DECLARE_FIELD(zel::ScalarFieldDivergence, ScalarField);
-ZEL_DECLARE_FIELD(zel::VectorFieldCurl, VectorField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::ScalarFieldGradient, VectorField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::ScalarFieldDivergence, ScalarField);
+ZEL_DECLARE_LIBRARY_FIELD(zel::VectorFieldCurl, VectorField);

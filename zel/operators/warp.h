@@ -87,7 +87,7 @@ public:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(WarpNode, zel::ScalarFieldWarp, ScalarField);
-ZEL_DECLARE_OPERATOR(WarpNode, zel::VectorFieldWarp, VectorField);
-ZEL_DECLARE_OPERATOR(AdvectNode, zel::ScalarFieldAdvect, ScalarField);
-ZEL_DECLARE_OPERATOR(AdvectNode, zel::VectorFieldAdvect, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(WarpNode, zel::ScalarFieldWarp, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(WarpNode, zel::VectorFieldWarp, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(AdvectNode, zel::ScalarFieldAdvect, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(AdvectNode, zel::VectorFieldAdvect, VectorField);

@@ -76,6 +76,6 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_LEAF(zel::ScalarFieldSphere, ScalarField);
-ZEL_DECLARE_LEAF(zel::ScalarFieldImplicitBox, ScalarField);
-ZEL_DECLARE_LEAF(zel::ScalarFieldPlane, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldSphere, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldImplicitBox, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldPlane, ScalarField);

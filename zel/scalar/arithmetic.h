@@ -116,10 +116,10 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_LEAF(zel::ScalarFieldConstant, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldAdd, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldSubtract, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldNegative, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMultiply, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldDivide, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldLerp, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldConstant, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldAdd, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldSubtract, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldNegative, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldMultiply, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldDivide, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldLerp, ScalarField);

@@ -62,6 +62,6 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldPow, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldSquareRoot, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldExp, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldPow, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldSquareRoot, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldExp, ScalarField);

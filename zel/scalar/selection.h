@@ -104,9 +104,9 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMax, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMin, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldMask, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldClamp, ScalarField);
-ZEL_DECLARE_OPERATOR(SwitchNode, zel::ScalarFieldSwitch, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldAbsolute, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldMax, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldMin, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldMask, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldClamp, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(SwitchNode, zel::ScalarFieldSwitch, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldAbsolute, ScalarField);

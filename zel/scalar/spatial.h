@@ -95,9 +95,9 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_LEAF(zel::ScalarFieldXPosition, ScalarField);
-ZEL_DECLARE_LEAF(zel::ScalarFieldYPosition, ScalarField);
-ZEL_DECLARE_LEAF(zel::ScalarFieldZPosition, ScalarField);
-ZEL_DECLARE_OPERATOR(TransformNode, zel::ScalarFieldTranslate, ScalarField);
-ZEL_DECLARE_OPERATOR(TransformNode, zel::ScalarFieldScale, ScalarField);
-ZEL_DECLARE_OPERATOR(TransformNode, zel::ScalarFieldRotate, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldXPosition, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldYPosition, ScalarField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::ScalarFieldZPosition, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(TransformNode, zel::ScalarFieldTranslate, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(TransformNode, zel::ScalarFieldScale, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(TransformNode, zel::ScalarFieldRotate, ScalarField);

@@ -134,10 +134,10 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldSine, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldCosine, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldTangent, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldArcSine, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldArcCosine, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldArcTangent, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::ScalarFieldArcTangent_2D, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldSine, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldCosine, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldTangent, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldArcSine, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldArcCosine, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldArcTangent, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::ScalarFieldArcTangent_2D, ScalarField);

@@ -230,15 +230,15 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_LEAF(zel::VectorFieldConstant, VectorField);
-ZEL_DECLARE_LEAF(zel::VectorFieldConstantArray, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldAdd, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldSubtract, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldNegative, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldMultiply, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldDivide, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldVSMultiply, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldVSDivide, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldLerp, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldCross, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldUnitVector, VectorField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::VectorFieldConstant, VectorField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::VectorFieldConstantArray, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldAdd, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldSubtract, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldNegative, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldMultiply, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldDivide, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldVSMultiply, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldVSDivide, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldLerp, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldCross, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldUnitVector, VectorField);

@@ -53,5 +53,5 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldPow, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldSquareRoot, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldPow, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldSquareRoot, VectorField);

@@ -143,11 +143,11 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldXComponent, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldYComponent, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldZComponent, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldComponent, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldFromComponents, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldDotProduct, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldLength, ScalarField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldLengthSquared, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldXComponent, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldYComponent, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldZComponent, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldComponent, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldFromComponents, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldDotProduct, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldLength, ScalarField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldLengthSquared, ScalarField);

@@ -105,8 +105,8 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldMax, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldMin, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldAbsolute, VectorField);
-ZEL_DECLARE_OPERATOR(PointwiseNode, zel::VectorFieldClamp, VectorField);
-ZEL_DECLARE_OPERATOR(SwitchNode, zel::VectorFieldSwitch, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldMax, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldMin, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldAbsolute, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(PointwiseNode, zel::VectorFieldClamp, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(SwitchNode, zel::VectorFieldSwitch, VectorField);

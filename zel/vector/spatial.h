@@ -82,7 +82,7 @@ private:
 
 }  // namespace zel
 
-ZEL_DECLARE_LEAF(zel::VectorFieldPosition, VectorField);
-ZEL_DECLARE_OPERATOR(TransformNode, zel::VectorFieldTranslate, VectorField);
-ZEL_DECLARE_OPERATOR(TransformNode, zel::VectorFieldScale, VectorField);
-ZEL_DECLARE_OPERATOR(TransformNode, zel::VectorFieldRotate, VectorField);
+ZEL_DECLARE_LIBRARY_LEAF(zel::VectorFieldPosition, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(TransformNode, zel::VectorFieldTranslate, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(TransformNode, zel::VectorFieldScale, VectorField);
+ZEL_DECLARE_LIBRARY_OPERATOR(TransformNode, zel::VectorFieldRotate, VectorField);

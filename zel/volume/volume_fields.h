@@ -162,5 +162,9 @@ public:
     ZEL_DETAIL_VOLUME_NODE(Template, BoundVolumeNode, zel::VectorOrvane, VectorField);             \
     ZEL_DETAIL_VOLUME_NODE(Template, TriggeredVolumeNode, zel::VectorOrvaneTriggered, VectorField)
 
+ZEL_LIBRARY_NODE(zel::ScalarOrvane);
+ZEL_LIBRARY_NODE(zel::VectorOrvane);
+ZEL_LIBRARY_NODE(zel::ScalarOrvaneTriggered);
+ZEL_LIBRARY_NODE(zel::VectorOrvaneTriggered);
 ZEL_DETAIL_SCALAR_VOLUME_NODES(extern template);
 ZEL_DETAIL_VECTOR_VOLUME_NODES(extern template);
