@@ -3,13 +3,21 @@
 #include <tbb/task_group.h>
 
 #include <atomic>
+#include <cfenv>
+#include <functional>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
+
+#ifdef __SSE__
+#include <xmmintrin.h>
+#endif
 
 #include "zel/zel.h"
 
-// Batch evaluation: hooks, exceptions and cancelled groups. Its values are the business of the
-// tests of blocks.
+// Batch evaluation: hooks, exceptions, cancelled groups and threads. Its values are the business of
+// the tests of blocks.
 namespace {
 
 using namespace zel;
@@ -79,6 +87,103 @@ TEST(Batch, RunsToItsEndInsideACancelledGroup) {
         },
         tbb::simple_partitioner(), outer);
     EXPECT_EQ(leaf->calls, Quern::Array<int>(20000, 1));
+}
+
+/// Counts how often it is prepared, and expects to be so when asked.
+class Prepared : public ScalarField {
+public:
+    using ScalarField::eval;
+    float eval(float3 const& /*p*/, long long /*i*/) const override {
+        EXPECT_GT(prepared, 0);
+        return 1;
+    }
+    void preSampleField() const override {
+        if (std::exchange(throwsOnce, false)) throw 77;
+        ++prepared;
+    }
+    void postSampleField() const override { --prepared; }
+    mutable int prepared = 0;
+    mutable bool throwsOnce = false;
+};
+
+/// Does what it is told to do in each of its hooks.
+class InHooks : public ScalarField {
+public:
+    explicit InHooks(std::function<void()> work) : work(std::move(work)) {}
+    void preSampleField() const override { work(); }
+    void postSampleField() const override { work(); }
+
+private:
+    std::function<void()> work;
+};
+
+TEST(Batch, PreparesATreeAnewForEachHookThatSamplesIt) {
+    auto const leaf = makePtr<Prepared>();
+    ScalarPtr const tree = makePtr<ScalarFieldNegative>(leaf);
+    auto const sampling = makePtr<InHooks>([&] {
+        for (int i = 0; i < 2; ++i) {
+            tree->preSampleField();
+            EXPECT_EQ(tree->eval(float3(), 0), -1);
+            tree->postSampleField();
+        }
+    });
+    auto const inBatch = makePtr<InHooks>([&] { tree->eval(Quern::Array<float3>(3)); });
+    auto const sum = [](ScalarPtr a, ScalarPtr b) -> ScalarPtr {
+        return makePtr<ScalarFieldAdd>(std::move(a), std::move(b));
+    };
+    for (ScalarPtr const& root :
+         {sum(sampling, sampling), sum(tree, tree), sum(tree, sum(sampling, tree)),
+          sum(sum(sampling, sum(tree, sampling)), tree), sum(inBatch, inBatch)}) {
+        root->eval(Quern::Array<float3>(3));
+        EXPECT_EQ(leaf->prepared, 0);
+    }
+    // An operator at the address of one that is gone, and one whose hook failed.
+    makePtr<ScalarFieldNegative>(makePtr<InHooks>([&] {
+        for (int i = 0; i < 3; ++i) {
+            ScalarFieldNegative(tree.clone()).preSampleField();
+            EXPECT_EQ(std::exchange(leaf->prepared, 0), 1);
+        }
+        leaf->throwsOnce = true;
+        EXPECT_THROW(tree->preSampleField(), int);
+        tree->preSampleField();
+        EXPECT_EQ(std::exchange(leaf->prepared, 0), 1);
+    }))->eval(Quern::Array<float3>());
+}
+
+TEST(Batch, RoundsToNearestAndKeepsSubnormalsWhateverTheThreadHasSet) {
+    ScalarPtr const x = makePtr<ScalarFieldXPosition>();
+    ScalarPtr const third = makePtr<ScalarFieldDivide>(x, makePtr<ScalarFieldConstant>(3.0F));
+    for (long long const count : {1, 1000, 100000}) {
+        Quern::Array<float3> positions(count, float3{1, 0, 0});
+        positions[0].x = 1e-38F;
+        auto const expected = third->eval(positions);
+        std::fesetround(FE_UPWARD);
+#ifdef __SSE__
+        _mm_setcsr(_mm_getcsr() | _MM_FLUSH_ZERO_ON);
+#endif
+        auto const values = third->eval(positions);
+        int const rounding = std::fegetround();
+        std::fesetenv(FE_DFL_ENV);
+        EXPECT_EQ(rounding, FE_UPWARD);
+        EXPECT_EQ(*values, *expected);
+    }
+}
+
+TEST(Batch, OfOneTreeRunsOnManyThreadsAtOnce) {
+    ScalarPtr const time = makePtr<ScalarFieldConstant>(0.375F);
+    VectorFieldFractalTurbulence const field(1, 2, 1, 0.5F, 0.5F, time, 2, true, 1);
+    Quern::Array<float3> positions;
+    for (int i = 0; i < 500; ++i)
+        positions.push_back(float3{0.1F, 0.2F, 0.3F} * static_cast<float>(i));
+    auto const expected = field.eval(positions);
+    std::atomic<int> wrong = 0;
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 3; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) wrong += *field.eval(positions) != *expected;
+        });
+    threads.clear();
+    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

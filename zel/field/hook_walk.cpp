@@ -1,6 +1,8 @@
 #include "zel/field/hook_walk.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -10,85 +12,117 @@ namespace zel::detail {
 
 namespace {
 
-/// The nodes that the hooks at work on a thread have come to, each with the number of its walk.
-class Visited {
-public:
-    int depth = 0;                ///< of the walk that runs
-    unsigned long long walk = 0;  ///< its number
-    unsigned long long lastWalk = 0;
-    int alive = 0;  ///< parts of all walks of the thread
+/// What a walk has done to an operator.
+struct Visit {
+    HookTarget const* target = nullptr;
+    long long prepared = 0;  ///< how often it was prepared and not yet released
+    bool released = false;   ///< without having been prepared in this walk
 
-    bool insert(void const* node) {
-        if (2 * (m_count + 1) > m_slots.size()) grow();
-        Slot& slot = find(m_slots, {node, walk});
-        if (slot.node) return false;
-        slot = {node, walk};
+    /// Whether the hook that comes now is to be passed on.
+    bool enter(HookWalk::Hook hook) {
+        if (hook == HookWalk::Hook::kPre) return prepared++ == 0;
+        if (prepared > 0) return --prepared == 0;
+        return !std::exchange(released, true);
+    }
+};
+
+/// A walk and the operators that it has come to, in a hash table by address.
+class Walk {
+public:
+    int depth = 0;  ///< how many operators are at work; the walk ends when the last one is done
+
+    /// The visit to an operator, made if there is none. Throws std::bad_alloc.
+    Visit& at(HookTarget const& target) {
+        if (m_count > 0)
+            if (Visit& visit = find(m_visits, target); visit.target) return visit;
+        if (2 * (m_count + 1) > m_visits.size()) grow();
+        Visit& visit = find(m_visits, target);
+        visit.target = &target;
         ++m_count;
-        return true;
+        return visit;
     }
 
-    /// Forgets all, once no walk is left.
-    void clear() {
-        if (m_count > 0) m_slots.assign(m_slots.size(), {});
+    void forget(HookTarget const& target) noexcept {
+        if (m_count == 0) return;
+        if (Visit& visit = find(m_visits, target); visit.target) visit = {&target};
+    }
+
+    void end() {
+        m_visits.assign(m_visits.size(), {});
         m_count = 0;
     }
 
 private:
-    struct Slot {
-        void const* node = nullptr;
-        unsigned long long walk = 0;
-    };
-
-    static Slot& find(std::vector<Slot>& slots, Slot const& wanted) {
-        std::size_t const mask = slots.size() - 1;
-        auto const address = reinterpret_cast<std::uintptr_t>(wanted.node);
-        std::size_t at = ((address >> 4) + wanted.walk) * 0x9e3779b97f4a7c15U >> 32;
-        while (slots[at & mask].node &&
-               (slots[at & mask].node != wanted.node || slots[at & mask].walk != wanted.walk))
-            ++at;
-        return slots[at & mask];
+    /// The operator's place, or the free one where it would be.
+    static Visit& find(std::vector<Visit>& visits, HookTarget const& target) {
+        std::size_t const mask = visits.size() - 1;
+        std::size_t at =
+            (reinterpret_cast<std::uintptr_t>(&target) >> 4) * 0x9e3779b97f4a7c15U >> 32;
+        while (visits[at & mask].target && visits[at & mask].target != &target) ++at;
+        return visits[at & mask];
     }
     void grow() {
-        std::vector<Slot> larger(m_slots.empty() ? 64 : 2 * m_slots.size());
-        for (Slot const& slot : m_slots)
-            if (slot.node) find(larger, slot) = slot;
-        m_slots = std::move(larger);
+        std::vector<Visit> larger(m_visits.empty() ? 64 : 2 * m_visits.size());
+        for (Visit const& visit : m_visits)
+            if (visit.target) find(larger, *visit.target) = visit;
+        m_visits = std::move(larger);
     }
 
-    std::vector<Slot> m_slots;
+    std::vector<Visit> m_visits;
     std::size_t m_count = 0;
 };
 
-Visited& visited() {
-    return threadObject<Visited>();
+/// The walks of a thread: each was started inside of the one before it.
+struct Walks {
+    std::vector<Walk> all = std::vector<Walk>(1);
+    std::size_t level = 0;
+
+    Walk& current() { return all[level]; }
+};
+
+Walks& walks() {
+    return threadObject<Walks>();
 }
+
+/// The depth of all walks of the thread.
+thread_local constinit int operatorsAtWork = 0;
 
 }  // namespace
 
-HookWalk::HookWalk(void const* node, Hook hook) {
-    Visited& nodes = visited();
-    if (nodes.depth == 0) nodes.walk = ++nodes.lastWalk;
-    m_first = nodes.insert(static_cast<char const*>(node) + (hook == Hook::kPost ? 1 : 0));
-    ++nodes.depth;
-    ++nodes.alive;
+HookWalk::HookWalk(HookTarget const& target, Hook hook)
+    : m_target(target), m_exceptions(std::uncaught_exceptions()) {
+    Walk& walk = walks().current();
+    Visit& visit = walk.at(target);
+    m_preparedBefore = visit.prepared;
+    m_releasedBefore = visit.released;
+    m_passesOn = visit.enter(hook);
+    ++walk.depth;
+    ++operatorsAtWork;
 }
 
 HookWalk::~HookWalk() {
-    Visited& nodes = visited();
-    --nodes.depth;
-    if (--nodes.alive == 0) nodes.clear();
+    --operatorsAtWork;
+    Walk& walk = walks().current();
+    if (--walk.depth == 0)
+        walk.end();
+    else if (std::uncaught_exceptions() > m_exceptions)
+        walk.at(m_target) = {&m_target, m_preparedBefore, m_releasedBefore};
+}
+
+HookTarget::~HookTarget() {
+    if (operatorsAtWork == 0) return;
+    Walks& of = walks();
+    for (std::size_t level = 0; level <= of.level; ++level) of.all[level].forget(*this);
 }
 
 HookWalk::Scope::Scope() {
-    Visited& nodes = visited();
-    m_outerDepth = std::exchange(nodes.depth, 0);
-    m_outerWalk = nodes.walk;
+    Walks& of = walks();
+    if (of.level + 1 == of.all.size()) of.all.emplace_back();
+    ++of.level;
 }
 
 HookWalk::Scope::~Scope() {
-    Visited& nodes = visited();
-    nodes.depth = m_outerDepth;
-    nodes.walk = m_outerWalk;
+    --walks().level;
 }
 
 }  // namespace zel::detail

@@ -3,6 +3,7 @@
 #include <tuple>
 #include <type_traits>
 
+#include "zel/field/hook_walk.h"
 #include "zel/field/lanes.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
@@ -109,6 +110,9 @@ public:
     void preSampleField() const override;
     void postSampleField() const override;
     void fuse(Fuser& fuser) const override;
+
+private:
+    [[no_unique_address]] detail::HookTarget hookTarget;
 };
 
 /// An operator: walks and hooks over its children. Never triggerable itself. A null child is a

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "zel/field/block.h"
-#include "zel/field/hook_walk.h"
 #include "zel/field/node.h"
 #include "zel/field/type_name.h"
 
@@ -184,15 +183,15 @@ template <class Self, class Interface> bool FieldNode<Self, Interface>::is_trigg
 }
 
 template <class Self, class Interface> void HookedNode<Self, Interface>::preSampleField() const {
-    detail::HookWalk const walk(this, detail::HookWalk::Hook::kPre);
-    if (!walk.first()) return;
+    detail::HookWalk const walk(hookTarget, detail::HookWalk::Hook::kPre);
+    if (!walk.passesOn()) return;
     std::apply([](auto const&... child) { (child->preSampleField(), ...); },
                NodeAccess::children(this->self()));
 }
 
 template <class Self, class Interface> void HookedNode<Self, Interface>::postSampleField() const {
-    detail::HookWalk const walk(this, detail::HookWalk::Hook::kPost);
-    if (!walk.first()) return;
+    detail::HookWalk const walk(hookTarget, detail::HookWalk::Hook::kPost);
+    if (!walk.passesOn()) return;
     std::apply([](auto const&... child) { (child->postSampleField(), ...); },
                NodeAccess::children(this->self()));
 }
