@@ -9,8 +9,13 @@
 #include "zel/field/node.h"
 
 // Noise over space and a fourth coordinate, which a child field supplies. A walk does not reach
-// that child; the sampling hooks do. The gradients are the default ones, by differences. None of
-// the nodes can be assigned.
+// that child; the sampling hooks do. None of the nodes can be assigned.
+//
+// The gradients are the default ones, differences over 2 % of each coordinate. Near the origin they
+// are close to the derivative; farther out the distance grows past the size of a cell of the noise,
+// which is about 1, and they are of no use. The error of one layer is 3 to 6 % of the derivative,
+// root mean square, for positions within 10 of the origin, about 75 % within 100, and all of it
+// beyond. A `frequency` above 1 brings that nearer.
 namespace zel {
 
 /// One layer of 4-D simplex noise: simplex_noise((p, time(p)), seed).
