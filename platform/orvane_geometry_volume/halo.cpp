@@ -126,7 +126,7 @@ void setHaloTile(TreeIndex const& index, DataChannel<Traits, T> const& channel, 
     // Up the tree for as long as a tile rests on its parent, then down again.
     auto const& container = accessor.container();
     std::array<TileOf<Traits> const*, Traits::kMaxDepth + 1> chain;
-    std::array<Internal::TileBlock<T>, Traits::kMaxDepth + 1> blocks;
+    std::array<Internal::SurroundingTiles<T>, Traits::kMaxDepth + 1> blocks;
     std::size_t count = 0;
     for (auto const* tile = &container.tile(index);;
          tile = &container.tile(tile->parentTreeIndex())) {

@@ -9,14 +9,14 @@ namespace ORV::TileTree3D::Internal {
 
 /// The samples of a tile and of the tiles of its depth around it, by NeighborDirection; null where
 /// there are none.
-template <class T> using TileBlock = std::array<T const*, 27>;
+template <class T> using SurroundingTiles = std::array<T const*, 27>;
 
 /// Looks up the tiles around a tile: those at steps of `lowest` to 1 along each axis.
 template <class Traits, class T>
-TileBlock<T> tileBlock(TileOf<Traits> const& tile, int lowest,
-                       DataChannel<Traits, T> const& channel,
-                       typename Container<Traits>::ConstTileAccessor const& accessor) {
-    TileBlock<T> block{};
+SurroundingTiles<T> tileBlock(TileOf<Traits> const& tile, int lowest,
+                              DataChannel<Traits, T> const& channel,
+                              typename Container<Traits>::ConstTileAccessor const& accessor) {
+    SurroundingTiles<T> block{};
     block[13] = channel.samples(tile.treeIndex());
     if (!block[13]) return block;  // the channel has no tile of this depth
     for (int dz = lowest; dz <= 1; ++dz)
@@ -44,7 +44,7 @@ public:
                  axis(tile, tile.m_tijk.z, (type & 4) != 0)} {}
 
     /// Whether a sample of the halo has to come from the parent.
-    bool needsParent(TileBlock<T> const& block) const {
+    bool needsParent(SurroundingTiles<T> const& block) const {
         for (int z = 0; z < kWidth; z += next(z))
             for (int y = 0; y < kWidth; y += next(y))
                 for (int x = 0; x < kWidth; x += next(x))
@@ -53,7 +53,8 @@ public:
     }
 
     /// `parent` is the finished halo of the parent, or null.
-    void run(TileBlock<T> const& block, T const* parent, T const& defaultValue, T* out) const {
+    void run(SurroundingTiles<T> const& block, T const* parent, T const& defaultValue,
+             T* out) const {
         for (int z = 0; z < kWidth; ++z)
             for (int y = 0; y < kWidth; ++y) {
                 T* const row = out + kWidth * (y + kWidth * z);

@@ -68,7 +68,7 @@ private:
 struct Positions;
 
 /// What a thread evaluates blocks with. It grows on first use and stays with the thread.
-class ZEL_API Workspace {
+class Workspace {
 public:
     static Workspace& local();
 
@@ -315,8 +315,8 @@ private:
     template <bool gradient, class Interface>
     Lanes<Asked<gradient, Interface>> complete(Interface const& node, detail::KeptResult* kept);
 
-    detail::KeptResult* find(void const* node, bool gradient) const;
-    detail::KeptResult* keep(void const* node, bool gradient, float* storage);
+    ZEL_INTERNAL detail::KeptResult* find(void const* node, bool gradient) const;
+    ZEL_INTERNAL detail::KeptResult* keep(void const* node, bool gradient, float* storage);
     detail::Fusion* findFusion(void const* node) const;
     detail::Fusion* findDualFusion(void const* node) const;
     int* choose(int const* choice, int count, float* xyz) const;

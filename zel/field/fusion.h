@@ -101,7 +101,7 @@ private:
 /// a tree with a node of another library it is one with several owners: that node may ask it too.
 /// What only such a node knows of stays as it is, since it may be replaced while the tree is in
 /// use.
-class ZEL_API Fuser {
+class Fuser {
 public:
     using Stage = detail::Stage;
 
@@ -131,8 +131,8 @@ public:
     // For `fuse`, which may be called more than once:
 
     /// Names a child that is asked by itself.
-    void queue(ScalarField const& child);
-    void queue(VectorField const& child);
+    ZEL_API void queue(ScalarField const& child);
+    ZEL_API void queue(VectorField const& child);
     /// Says that there may be children that are not named.
     void hideChildren() { m_isAnyHidden = true; }
 

@@ -28,7 +28,7 @@ struct ZEL_API PropertyBinding {
 
     /// Takes the range indices of the property's target, or none if it has none. Those of an
     /// earlier object stay if the target is the voxel tile tree.
-    void bindRange(Orvane::Object const& object);
+    ZEL_INTERNAL void bindRange(Orvane::Object const& object);
 
     /// The place of the value of an element: through both maps, as far as they are set. An index
     /// outside a map becomes -1, which lies outside all that follows.
@@ -52,7 +52,7 @@ private:
 struct ZEL_API ScalarPropertyBinding : PropertyBinding {
     using PropertyBinding::PropertyBinding;
 
-    void bind(Orvane::Object const& object);
+    ZEL_INTERNAL void bind(Orvane::Object const& object);
 
     float defaultValue = 0;
     Quern::Ptr<Quern::Array<float>> data;
@@ -63,7 +63,7 @@ struct ZEL_API ScalarPropertyBinding : PropertyBinding {
 struct ZEL_API VectorPropertyBinding : PropertyBinding {
     using PropertyBinding::PropertyBinding;
 
-    void bind(Orvane::Object const& object);
+    ZEL_INTERNAL void bind(Orvane::Object const& object);
 
     Orvane::Math::float3 defaultValue;
     Orvane::Math::float4 defaultRotation;

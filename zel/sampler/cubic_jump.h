@@ -1,6 +1,5 @@
 #pragma once
 
-#include "zel/api.h"
 #include "zel/sampler/lanes.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
@@ -38,12 +37,12 @@ template <class T> T blendCorners(T const (&corners)[8], float3 const& frac) {
 }  // namespace Internal
 
 #define ZEL_DETAIL_JUMP(prefix, Traits, T)                                                         \
-    prefix template ZEL_API T sampleChannelPoint<Traits, T>(                                       \
-        int3 const&, int, VoxelOffsetType, DataChannel<Traits, T> const&,                          \
-        Container<Traits>::ConstTileAccessor const&);                                              \
-    prefix template ZEL_API T sampleTilePoint<Traits, T>(                                          \
-        TileOf<Traits> const&, int3 const&, int, VoxelOffsetType, DataChannel<Traits, T> const&,   \
-        Container<Traits>::ConstTileAccessor const&)
+    prefix template T sampleChannelPoint<Traits, T>(int3 const&, int, VoxelOffsetType,             \
+                                                    DataChannel<Traits, T> const&,                 \
+                                                    Container<Traits>::ConstTileAccessor const&);  \
+    prefix template T sampleTilePoint<Traits, T>(TileOf<Traits> const&, int3 const&, int,          \
+                                                 VoxelOffsetType, DataChannel<Traits, T> const&,   \
+                                                 Container<Traits>::ConstTileAccessor const&)
 #define ZEL_DETAIL_JUMPS(prefix)                                                                   \
     ZEL_DETAIL_JUMP(prefix, BinaryTraits, float);                                                  \
     ZEL_DETAIL_JUMP(prefix, BinaryTraits, float3);                                                 \

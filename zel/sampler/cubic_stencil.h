@@ -3,7 +3,6 @@
 #include <array>
 #include <cstring>
 
-#include "zel/api.h"
 #include "zel/sampler/cubic_kernels.h"
 #include "zel_platform/orvane_geometry_volume/traits.h"
 
@@ -37,7 +36,7 @@ public:
 
     /// The value at a fraction of the voxel: along x, then y, then z. `clamp` limits it to the
     /// range of the corners.
-    ZEL_API T interpolate(std::int32_t type, bool clamp, Lanes const& frac) const;
+    T interpolate(std::int32_t type, bool clamp, Lanes const& frac) const;
 
 private:
     static constexpr unsigned kFloats = kComponents == 1 ? 1 : 4;    // of a value
@@ -93,8 +92,8 @@ private:
     Lane m_low, m_high;
 };
 
-extern template class ZEL_API CubicStencil<float>;
-extern template class ZEL_API CubicStencil<float3>;
+extern template class CubicStencil<float>;
+extern template class CubicStencil<float3>;
 
 /// The place of tile (a, b, c), each 0 or 1 along x, y, z, in a block of 2x2x2.
 constexpr unsigned blockPlace(int a, int b, int c) {

@@ -9,17 +9,17 @@
 namespace ORV::TileTree3D::Internal {
 
 /// A number, a text, or {i, j, k}, where an f follows each float.
-template <class Value> void put(std::ostream& stream, Value const& value) {
+template <class Value> void printValue(std::ostream& stream, Value const& value) {
     stream << value;
 }
-inline void put(std::ostream& stream, int3 const& p) {
+inline void printValue(std::ostream& stream, int3 const& p) {
     stream << '{' << p.x << ", " << p.y << ", " << p.z << '}';
 }
-inline void put(std::ostream& stream, float3 const& p) {
+inline void printValue(std::ostream& stream, float3 const& p) {
     stream << '{' << p.x << "f, " << p.y << "f, " << p.z << "f}";
 }
 template <class... Values> void putLine(Values const&... values) {
-    (put(std::cout, values), ...);
+    (printValue(std::cout, values), ...);
     std::cout << std::endl;
 }
 

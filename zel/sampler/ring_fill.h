@@ -2,7 +2,6 @@
 
 #include <array>
 
-#include "zel/api.h"
 #include "zel_platform/orvane_geometry_volume/tile_data.h"
 
 // Ring tiles: the samples of a tile and one layer more on all six sides, for topologies whose
@@ -38,10 +37,10 @@ void fillRingTileFromDefault(VoxelOffsetType in_offsetType, T const& in_default,
                              OwnData<Traits, T> const& in_own, RingTile<Traits, T>& io_ring);
 
 #define ZEL_DETAIL_RING_FILL(prefix, Traits, T)                                                    \
-    prefix template ZEL_API void fillRingTile<Traits, T>(                                          \
+    prefix template void fillRingTile<Traits, T>(                                                  \
         VoxelOffsetType, RingTile<Traits, T> const&, int, int, int, OwnData<Traits, T> const&,     \
         NeighborData<Traits, T> const&, RingTile<Traits, T>&);                                     \
-    prefix template ZEL_API void fillRingTileFromDefault<Traits, T>(                               \
+    prefix template void fillRingTileFromDefault<Traits, T>(                                       \
         VoxelOffsetType, T const&, OwnData<Traits, T> const&, RingTile<Traits, T>&)
 #define ZEL_DETAIL_RING_FILLS(prefix)                                                              \
     ZEL_DETAIL_RING_FILL(prefix, BinaryTraits, float);                                             \

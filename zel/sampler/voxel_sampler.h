@@ -2,7 +2,6 @@
 
 #include <array>
 
-#include "zel/api.h"
 #include "zel/sampler/lanes.h"
 #include "zel_platform/orvane_geometry_volume/container.h"
 #include "zel_platform/orvane_geometry_volume/voxel_topology.h"
@@ -29,7 +28,7 @@ inline constexpr auto kVoxelScales = [] {
 /// Turns a position into a tile, a voxel of it and a place in that voxel: what samplers do alike.
 /// Independent of the type of the samples. A sampler belongs to one thread. The tree and the
 /// topology must outlive it.
-template <class Traits, class Real, class Position> class ZEL_API VoxelSampler {
+template <class Traits, class Real, class Position> class VoxelSampler {
 public:
     using Tile = TileOf<Traits>;
     using ConstTileAccessor = typename Container<Traits>::ConstTileAccessor;
@@ -173,7 +172,7 @@ inline bool VoxelSampler<Traits, Real, Position>::locate(Position const& positio
     return true;
 }
 
-extern template class ZEL_API VoxelSampler<BinaryTraits, float, float3>;
-extern template class ZEL_API VoxelSampler<QuinaryTraits, float, float3>;
+extern template class VoxelSampler<BinaryTraits, float, float3>;
+extern template class VoxelSampler<QuinaryTraits, float, float3>;
 
 }  // namespace ORV::TileTree3D

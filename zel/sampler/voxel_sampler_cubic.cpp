@@ -250,6 +250,6 @@ void ZEL_DETAIL_CUBIC_SAMPLER::sampleBlock(float const* x, float const* y, float
     }
 }
 
-ZEL_DETAIL_CUBIC(, );
+ZEL_DETAIL_CUBIC();
 
 }  // namespace ORV::TileTree3D

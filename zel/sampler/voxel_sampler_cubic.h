@@ -25,7 +25,7 @@ enum JumpHandling : std::int32_t {
 /// Outside the tree, and in tiles above the channel's minimum depth, a sample is the channel's
 /// default value.
 template <class Traits, class T, class Ts, class Position, int A, int B>
-class ZEL_API VoxelSamplerCubic : public VoxelSampler<Traits, Ts, Position> {
+class VoxelSamplerCubic : public VoxelSampler<Traits, Ts, Position> {
 public:
     static_assert(A == 0 && B == 0);
     using DofChannel = Internal::DofChannel<Traits>;
@@ -98,11 +98,11 @@ private:
     Internal::CubicVoxel<Traits, T> m_voxel;
 };
 
-#define ZEL_DETAIL_CUBIC(prefix, api)                                                              \
-    prefix template class api VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;         \
-    prefix template class api VoxelSamplerCubic<BinaryTraits, float3, float, float3, 0, 0>;        \
-    prefix template class api VoxelSamplerCubic<QuinaryTraits, float, float, float3, 0, 0>;        \
-    prefix template class api VoxelSamplerCubic<QuinaryTraits, float3, float, float3, 0, 0>
-ZEL_DETAIL_CUBIC(extern, ZEL_API);
+#define ZEL_DETAIL_CUBIC(prefix)                                                                   \
+    prefix template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;             \
+    prefix template class VoxelSamplerCubic<BinaryTraits, float3, float, float3, 0, 0>;            \
+    prefix template class VoxelSamplerCubic<QuinaryTraits, float, float, float3, 0, 0>;            \
+    prefix template class VoxelSamplerCubic<QuinaryTraits, float3, float, float3, 0, 0>
+ZEL_DETAIL_CUBIC(extern);
 
 }  // namespace ORV::TileTree3D

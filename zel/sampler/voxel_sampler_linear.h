@@ -26,7 +26,7 @@ namespace ORV::TileTree3D {
 /// allocates nor throws. One thread only; the channel is sized to the tree, and the volume must
 /// outlive the sampler and stay as it is.
 template <class Traits, class T, int N, class Real, class Position, int A, int B, int C, int D>
-requires HighSideHalo<A, B, C, D> &&(N == 1) class ZEL_API VoxelSamplerLinear
+requires HighSideHalo<A, B, C, D> &&(N == 1) class VoxelSamplerLinear
     : public VoxelSampler<Traits, Real, Position> {
 public:
     static constexpr int kSamples = Traits::kSamples;
@@ -214,12 +214,9 @@ void ZEL_DETAIL_LINEAR::forEachLocated(float const* x, float const* y, float con
 template <class Traits, class T>
 using LinearSampler = VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0>;
 
-extern template class ZEL_API VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
-extern template class ZEL_API
-    VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
-extern template class ZEL_API
-    VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
-extern template class ZEL_API
-    VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
 
 }  // namespace ORV::TileTree3D

@@ -13,8 +13,7 @@ namespace zel::detail {
 
 using Orvane::Math::float3;
 
-template <class Traits, class T>
-using LinearSampler = ORV::TileTree3D::VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0>;
+using ORV::TileTree3D::LinearSampler;
 template <class Traits, class T>
 using CubicSampler = ORV::TileTree3D::VoxelSamplerCubic<Traits, T, float, float3, 0, 0>;
 
@@ -23,7 +22,7 @@ using CubicSampler = ORV::TileTree3D::VoxelSamplerCubic<Traits, T, float, float3
 ///
 /// Values and gradients may be asked for from any number of threads at once. All else needs the
 /// reader to itself.
-template <class T> class ZEL_API VolumeReader {
+template <class T> class VolumeReader {
 public:
     VolumeReader(Quern::String const& channelName, SamplerType type);
     /// Shares the volume and the halo, and has no samplers.
@@ -78,7 +77,7 @@ private:
     mutable CubicPool<ORV::TileTree3D::QuinaryTraits> m_cubicQuinary;
 };
 
-extern template class ZEL_API VolumeReader<float>;
-extern template class ZEL_API VolumeReader<float3>;
+extern template class VolumeReader<float>;
+extern template class VolumeReader<float3>;
 
 }  // namespace zel::detail

@@ -57,10 +57,10 @@ allocateHaloChannel(VoxelTopology<Traits> const& topology, T defaultValue, bool 
 }
 
 #define ZEL_DETAIL_STATE(Traits, T, W)                                                             \
-    template ZEL_API bool initSamplerState(Quern::Ptr<ORV::Object> const&, Quern::String const&,   \
-                                           SamplerType, bool, VolumeSamplerState<Traits, T, W>&);  \
-    template ZEL_API Quern::Ptr<Channel<Traits, T, W + 1, 0, 0>>                                   \
-    allocateHaloChannel<Traits, T, W>(VoxelTopology<Traits> const&, T, bool, bool, int, int)
+    template bool initSamplerState(Quern::Ptr<ORV::Object> const&, Quern::String const&,           \
+                                   SamplerType, bool, VolumeSamplerState<Traits, T, W>&);          \
+    template Quern::Ptr<Channel<Traits, T, W + 1, 0, 0>> allocateHaloChannel<Traits, T, W>(        \
+        VoxelTopology<Traits> const&, T, bool, bool, int, int)
 ZEL_DETAIL_STATE(BinaryTraits, float, 4);
 ZEL_DETAIL_STATE(BinaryTraits, float3, 4);
 ZEL_DETAIL_STATE(QuinaryTraits, float, 5);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "zel/api.h"
 #include "zel_platform/orvane_geometry/sampler_type.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 #include "zel_platform/orvane_geometry_volume/object.h"
@@ -28,9 +27,8 @@ using VolumeStateOf = VolumeSamplerState<Traits, T, Traits::kSamples>;
 /// sampling of samples on voxel corners (offset type 7) gets a halo channel, which any other
 /// sampling does without. Throws what making it throws; the state is then valid and has none.
 template <class Traits, class T, int W>
-ZEL_API bool initSamplerState(Quern::Ptr<ORV::Object> const& object,
-                              Quern::String const& channelName, SamplerType type, bool wantHalo,
-                              VolumeSamplerState<Traits, T, W>& state);
+bool initSamplerState(Quern::Ptr<ORV::Object> const& object, Quern::String const& channelName,
+                      SamplerType type, bool wantHalo, VolumeSamplerState<Traits, T, W>& state);
 
 /// A channel for the halo of a channel of W samples, sized to `topology`, for tiles of the depths
 /// `minDepth` to `maxDepth`. Any number of threads may call it. Throws std::out_of_range for depths
@@ -38,7 +36,7 @@ ZEL_API bool initSamplerState(Quern::Ptr<ORV::Object> const& object,
 /// ChannelPool, or its memory from ChannelMemoryPool, where these are enabled. Without
 /// `callElementConstructor`, and from a verbose level of 3, a warning goes to standard output.
 template <class Traits, class T, int W>
-ZEL_API Quern::Ptr<ORV::TileTree3D::Channel<Traits, T, W + 1, 0, 0>>
+Quern::Ptr<ORV::TileTree3D::Channel<Traits, T, W + 1, 0, 0>>
 allocateHaloChannel(ORV::TileTree3D::VoxelTopology<Traits> const& topology, T defaultValue,
                     bool pooled, bool callElementConstructor, int minDepth, int maxDepth);
 
