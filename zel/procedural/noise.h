@@ -114,7 +114,7 @@ private:
     /// The time of the batches that are being sampled, if it is constant. Batches on several
     /// threads write it at once.
     struct TimeCache {
-        struct Time {
+        struct alignas(8) Time {  // so that clang, too, takes it for lock-free
             float cachedTime = std::numeric_limits<float>::max();
             std::uint32_t cachedTimeValid = 0;  // no padding, which an atomic would have to clear
         };
@@ -122,6 +122,7 @@ private:
         TimeCache() = default;
         TimeCache(TimeCache const& /*other*/) noexcept {}
 
+        static_assert(std::atomic<Time>::is_always_lock_free);
         std::atomic<Time> time = Time();
         std::array<std::atomic<float>, 16> timeTable = {};
     };
