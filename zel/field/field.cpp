@@ -1,6 +1,15 @@
 #include "zel/field/field.h"
 
+#include "zel/field/version_report.h"
+
 namespace zel {
+
+namespace {
+
+// When the library is loaded; or, as part of a program, in this source, which every field needs.
+[[maybe_unused]] bool const reported = detail::reportVersion();
+
+}  // namespace
 
 FieldConstVisitor::FieldConstVisitor() = default;
 FieldConstVisitor::FieldConstVisitor(FieldConstVisitor const&) = default;

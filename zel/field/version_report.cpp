@@ -1,4 +1,4 @@
-// Prints one line that identifies the build when the library is loaded, if the environment asks.
+#include "zel/field/version_report.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,15 +33,16 @@ bool reportRequested() {
     return requested && fileno(stderr) >= 0;
 }
 
-// The stream is flushed at once: the process may end without running destructors.
-[[maybe_unused]] bool const reported = [] {
+}  // namespace
+
+bool reportVersion() {
+    std::ios_base::Init const streams;  // this may run before this source's own initialisers
     bool const requested = reportRequested();
+    // Flushed at once: the process may end without running destructors.
     if (requested)
         std::cerr << std::setw(16) << "ZEL"
                   << ": " << versionText() << std::endl;
     return requested;
-}();
-
-}  // namespace
+}
 
 }  // namespace zel::detail
