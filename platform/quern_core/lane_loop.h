@@ -6,7 +6,8 @@
 // is built for and for wider vectors, and one is chosen when it runs. Both give the same bits: no
 // operation is contracted or reordered.
 
-// A loop that calls a library function stays as it is, and clang would warn of it.
+// A loop that calls a library function stays as it is. clang warns of it, at the function that it
+// has become part of: here, since no form of the loop is inlined.
 #ifdef __clang__
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wpass-failed"
@@ -19,9 +20,11 @@ namespace Quern {
 #ifdef __clang__
 #define ZEL_INDEPENDENT _Pragma("clang loop vectorize(assume_safety)")
 #define ZEL_INDEPENDENT_SHORT ZEL_INDEPENDENT
+#define ZEL_CLANG_NOINLINE __attribute__((noinline))
 #else
 #define ZEL_INDEPENDENT _Pragma("GCC ivdep")
 #define ZEL_INDEPENDENT_SHORT _Pragma("GCC ivdep") _Pragma("GCC unroll 4")
+#define ZEL_CLANG_NOINLINE
 #endif
 
 /// Marks the body of a loop over lanes, so that it is compiled as part of each form of the loop.
@@ -30,8 +33,8 @@ namespace Quern {
 // The body is not passed by value: the caller would write it in parts and read it back in whole
 // vectors, and wait for that. A copy of it may stay in registers, since no result overwrites it.
 template <bool kShort, class Body, class... Read>
-__attribute__((flatten)) void loopOverLanes(int count, Body const& shared,
-                                            Read const& __restrict... read) {
+ZEL_CLANG_NOINLINE __attribute__((flatten)) void loopOverLanes(int count, Body const& shared,
+                                                               Read const& __restrict... read) {
     Body const body = shared;
     if constexpr (kShort) {
         ZEL_INDEPENDENT_SHORT
@@ -43,8 +46,8 @@ __attribute__((flatten)) void loopOverLanes(int count, Body const& shared,
 }
 
 template <bool kShort, class Body, class... Read>
-ZEL_WIDE_TARGET __attribute__((flatten)) void loopOverWideLanes(int count, Body const& shared,
-                                                                Read const& __restrict... read) {
+ZEL_CLANG_NOINLINE ZEL_WIDE_TARGET __attribute__((flatten)) void
+loopOverWideLanes(int count, Body const& shared, Read const& __restrict... read) {
     Body const body = shared;
     if constexpr (kShort) {
         ZEL_INDEPENDENT_SHORT

@@ -89,9 +89,9 @@ template <class T> struct LaneWriter {
 /// such arrays already, by naming them.
 template <class T> class BlockResult {
 public:
-    /// `storage` has room for kComponents<T> arrays, `stride` floats apart.
-    explicit BlockResult(float* storage, int stride = kBlockSize)
-        : storage(storage), stride(stride) {}
+    /// `floats` has room for kComponents<T> arrays, `floatsApart` floats apart.
+    explicit BlockResult(float* floats, int floatsApart = kBlockSize)
+        : storage(floats), stride(floatsApart) {}
 
     /// The arrays to write to, all of which are then the result.
     LaneWriter<T> writer() {

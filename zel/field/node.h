@@ -26,12 +26,6 @@
 // node their compilation, its header says ZEL_DECLARE_OPERATOR (or the like) after the class, and
 // its source ZEL_DEFINE_OPERATOR, both outside any namespace.
 
-// clang warns of a loop that calls a library function at the member that the loop is part of.
-#ifdef __clang__
-#pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wpass-failed"
-#endif
-
 namespace zel {
 
 /// The child pointers of nodes.
@@ -242,7 +236,3 @@ public:
 #define ZEL_DETAIL_FIELD(Template, Node, Interface)                                                \
     ZEL_DETAIL_HOOKED(Template, Node, Interface);                                                  \
     Template class zel::FieldNode<Node, Core::Fields::Interface>
-
-#ifdef __clang__
-#pragma clang diagnostic pop
-#endif
