@@ -2,20 +2,19 @@
 
 # Warnings and the rules of arithmetic: no contraction into fused operations, so that a value is the
 # same at every optimisation level. Nothing reads errno or the floating-point exception flags, which
-# leaves the values as they are and lets a loop with a choice in it become vector code. clang would
-# warn of each loop that could not.
+# leaves the values as they are and lets a loop with a choice in it become vector code.
 function(zel_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(
     ${target}
     PRIVATE -Wall -Wextra -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
             $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
-            $<$<CXX_COMPILER_ID:Clang>:-Wshadow;-Wno-pass-failed>
+            $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
             $<$<BOOL:${ZEL_WARNINGS_AS_ERRORS}>:-Werror> -ffp-contract=off -fno-math-errno
             -fno-trapping-math)
 endfunction()
 
-# A shared library from the sources of this folder, listed by hand. Its headers are included as
+# A library from the sources of this folder, listed by hand. Its headers are included as
 # "<target>/...", whatever the folder is called, from one folder that holds nothing else: the build
 # tree has a link to this folder there, the install tree the public headers.
 function(zel_add_library target)
@@ -24,9 +23,14 @@ function(zel_add_library target)
   file(MAKE_DIRECTORY ${include})
   file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${include}/${target} SYMBOLIC)
   list(TRANSFORM arg_HEADERS PREPEND ${include}/${target}/)
-  add_library(${target} SHARED ${arg_SOURCES})
+  add_library(${target} ${arg_SOURCES})
   add_library(ZEL::${target} ALIAS ${target})
   zel_compile_options(${target})
+  # A node costs what its loops cost: optimised as for a release by all builds but those that ask for
+  # another kind of code, and without assertions where nothing is said of them.
+  target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug,MinSizeRel>>:-O3>)
+  target_compile_definitions(
+    ${target} PRIVATE $<$<NOT:$<CONFIG:Debug,Release,RelWithDebInfo,MinSizeRel>>:NDEBUG>)
   # Without unique symbols a process that closes the library really unloads it.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition
                                            $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
@@ -40,6 +44,8 @@ function(zel_add_library target)
                CXX_EXTENSIONS OFF
                # An installed libzel finds libzel_platform beside it.
                INSTALL_RPATH "$ORIGIN"
+               # Warnings of the headers are no business of a project that takes in the sources.
+               SYSTEM $<NOT:$<BOOL:${PROJECT_IS_TOP_LEVEL}>>
                VERIFY_INTERFACE_HEADER_SETS ${PROJECT_IS_TOP_LEVEL})
   target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${include} FILES ${arg_HEADERS})
   if(ZEL_INSTALL)

@@ -1,6 +1,6 @@
 #pragma once
 
-// Every public class of the library.
+// Every public class of the library, and what its fields are bound to.
 
 #include "zel/curve/fcurve.h"
 #include "zel/field/batch.h"
@@ -26,5 +26,10 @@
 #include "zel/vector/projection.h"
 #include "zel/vector/selection.h"
 #include "zel/vector/spatial.h"
+#include "zel/version.h"
 #include "zel/volume/volume_fields.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry/object.h"
+#include "zel_platform/orvane_geometry_volume/tile_tree.h"
 #include "zel_platform/quern_core/any.h"
+#include "zel_platform/shape_store/scene_units.h"

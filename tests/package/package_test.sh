@@ -1,30 +1,108 @@
 #!/usr/bin/env bash
-# package_test.sh SOURCE BUILD MODE COMPILER: builds and runs the consumer project, against the
-# library in BUILD installed to an empty prefix (MODE install) or against its sources (MODE sources).
+# package_test.sh SOURCE BUILD COMPILER MODE: ZEL as other projects take it. The modes `install` and
+# `install_static` put a shared and a static ZEL where the others look for them, below BUILD/package.
+# Each way in builds and runs the first program of README.
 set -euo pipefail
-source=$(realpath "$1") build=$(realpath "$2") mode=$3 compiler=$4
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cp "$source"/tests/package/CMakeLists.txt "$work"
-configure() {
-    cmake -S "$work" -B "$work/build" -G Ninja -DREADME="$source/README.md" \
-        -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_BUILD_TYPE=Release "$@" >"$work/log" ||
-        { cat "$work/log"; exit 1; }
+source=$(realpath "$1") build=$(realpath "$2") compiler=$3 mode=$4
+here=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
+package=$build/package work=$build/package/work/$mode
+rm -rf "$work"
+mkdir -p "$work"
+cd "$work"
+
+extract() {  # PAGE
+    awk -v name="$work/$(basename "$1" .md)" -f "$here/extract_programs.awk" "$1"
+}
+extract "$source/README.md"
+mv README-1.cpp app.cpp
+expect_output() {  # COMMAND...
+    diff <("$@") README-1.txt
+}
+quietly() {
+    "$@" >log 2>&1 || { cat log; exit 1; }
+}
+cmake_project() {  # OPTION...
+    quietly cmake -S "$here" -B b -G Ninja -DPROGRAM="$work/app.cpp" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_CXX_COMPILER="$compiler" "$@"
+    quietly cmake --build b --target app
+    expect_output b/app
+}
+use_pkg_config() {  # PREFIX
+    PKG_CONFIG_PATH=$(dirname "$(find "$1" -name zel.pc)")
+    LD_LIBRARY_PATH=$(dirname "$(find "$1" -name 'libzel.*' -not -type d | head -n 1)")
+    export PKG_CONFIG_PATH LD_LIBRARY_PATH
+}
+compile() {  # PROGRAM.cpp OPTION...: to PROGRAM
+    # shellcheck disable=SC2046
+    "$compiler" -std=c++20 "${@:2}" "$1" -o "${1%.cpp}" $(pkg-config --cflags --libs zel)
 }
 
 case $mode in
 install)
-    cmake --install "$build" --prefix "$work/prefix" >/dev/null
-    configure -DCMAKE_PREFIX_PATH="$work/prefix"
-    # Nothing of the source or build tree may be named in what was installed.
-    if grep -rlE "$source|$build" "$work/prefix" --include='*.cmake' --include='*.h'; then
+    rm -rf "$package/shared"
+    cmake --install "$build" --prefix "$package/shared" >/dev/null
+    if grep -rlE "$source|$build" "$package/shared" --include='*.cmake' --include='*.h' \
+        --include='*.pc'; then
         echo "these installed files name the source or the build tree"
         exit 1
     fi
+    [ "$(ls "$package/shared/include")" = $'zel\nzel_platform' ]
     ;;
-sources)
-    configure -DZEL_SOURCE_DIR="$source"
+install_static)
+    # Without optimisation, which takes the least time.
+    rm -rf "$package/static"
+    quietly cmake -S "$source" -B b -G Ninja -DBUILD_SHARED_LIBS=OFF -DCMAKE_BUILD_TYPE=Debug \
+        -DCMAKE_CXX_COMPILER="$compiler" -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCHMARKS=OFF \
+        -DZEL_BUILD_EXAMPLES=OFF
+    quietly cmake --build b
+    cmake --install b --prefix "$package/static" >/dev/null
+    rm -rf b
+    ;;
+find_package) cmake_project -DCMAKE_PREFIX_PATH="$package/shared" ;;
+find_package_static)
+    cmake_project -DCMAKE_PREFIX_PATH="$package/static"
+    TALLOW_DUMP_VERSION_INFO=1 b/app 2>&1 >/dev/null | grep -q ' ZEL: Orvane version '
+    ;;
+add_subdirectory)
+    cmake_project -DZEL_SOURCE_DIR="$source" -DCMAKE_BUILD_TYPE=Debug
+    ;;
+pkg_config)
+    use_pkg_config "$package/shared"
+    compile app.cpp
+    expect_output ./app
+    ;;
+pkg_config_static)
+    use_pkg_config "$package/static"
+    compile app.cpp
+    expect_output env -u LD_LIBRARY_PATH ./app
+    ;;
+meson)
+    use_pkg_config "$package/shared"
+    cp "$here/meson.build" .
+    CXX=$compiler quietly meson setup b
+    quietly meson compile -C b
+    expect_output b/app
+    ;;
+headers)
+    # Each alone, by the warnings of a strict project that does not take them as system headers.
+    cd "$package/shared/include"
+    find zel zel_platform -name '*.h' -print0 |
+        xargs -0 -I{} -P "$(nproc)" "$compiler" -std=c++20 -fsyntax-only -Wall -Wextra -Wshadow \
+            -Wconversion -pedantic -Werror -I. -include {} -x c++ /dev/null
+    ;;
+pages)
+    use_pkg_config "$package/shared"
+    rm app.cpp README-*
+    for page in "$source/README.md" "$source"/docs/*.md; do extract "$page"; done
+    for program in *.cpp; do
+        echo "$program"
+        compile "$program" -O2 -Wall -Wextra -Werror
+        "./${program%.cpp}" >output
+        [ ! -e "${program%.cpp}.txt" ] || diff output "${program%.cpp}.txt"
+    done
+    ;;
+*)
+    echo "$0: no mode $mode" >&2
+    exit 2
     ;;
 esac
-cmake --build "$work/build" --target app
-diff <("$work/build/app") <(printf '%s\n' -0.5 0.5 1)
