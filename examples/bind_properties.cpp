@@ -7,6 +7,7 @@
 #include <string>
 
 #include "binder.h"
+#include "output.h"
 
 namespace {
 
@@ -101,6 +102,7 @@ int main() try {
     auto const selection = values<long long>({5, 2, 9});
     printTable("\nsampled   density     found", bindTree(density, dense, selection),
                bindTree(found, dense, selection));
+    return examples::finish("bind_properties");
 } catch (std::exception const& error) {
     std::fprintf(stderr, "bind_properties: %s\n", error.what());
     return 1;

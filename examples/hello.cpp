@@ -8,4 +8,7 @@ int main() {
     auto const cut = Quern::makePtr<zel::ScalarFieldMax>(ball, wall);
     auto const values = cut->eval(Quern::Array<float3>{{0, 0, 0}, {1, 0, 0}, {0, 2, 0}});
     for (float const value : *values) std::cout << value << '\n';  // -0.5 0.5 1
+    if (std::cout.flush()) return 0;
+    std::cerr << "hello: standard output: cannot be written\n";
+    return 2;
 }

@@ -4,9 +4,10 @@
 #include <iostream>
 #include <typeinfo>
 
+#include <zel/field/node_impl.h>
 #include <zel/zel.h>
 
-#include "zel/field/node_impl.h"
+#include "output.h"
 
 namespace {
 
@@ -154,4 +155,5 @@ int main() {
         std::cout << (*values)[i] << "  gradient " << g.x << ' ' << g.y << ' ' << g.z << '\n';
     }
     std::cout << "the ring outside the tree: " << ring->eval({2, 0, 0}, 0) << '\n';
+    return examples::finish("own_nodes");
 }

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <istream>
-#include <string_view>
+#include <cmath>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
 
@@ -16,7 +16,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kSpace = " \t\r";
+constexpr std::string_view kSpace = " \t\r", kByteOrderMark = "\xEF\xBB\xBF";
+
+[[noreturn]] void failWith(std::string const& name, char const* what) {
+    throw std::runtime_error(name + ": " + what + ": " + std::generic_category().message(errno));
+}
 
 /// The text of a line, fit for a message: no control characters, not too long.
 std::string shown(std::string_view line) {
@@ -28,81 +32,142 @@ std::string shown(std::string_view line) {
     return line.size() > kLongest ? text + "..." : text;
 }
 
+void skipSpace(std::string_view& rest) {
+    rest.remove_prefix(std::min(rest.find_first_not_of(kSpace), rest.size()));
+}
+
 /// Takes the next word off the front of `rest`; empty if there is none.
 std::string_view nextWord(std::string_view& rest) {
-    rest.remove_prefix(std::min(rest.find_first_not_of(kSpace), rest.size()));
-    std::string_view const word = rest.substr(0, rest.find_first_of(kSpace));
+    skipSpace(rest);
+    std::string_view const word = rest.substr(0, rest.find_first_of(" \t\r,"));
     rest.remove_prefix(word.size());
     return word;
 }
 
-/// Reads one position; gives what is wrong with the line, or null.
-char const* parsePoint(std::string_view line, zel::float3& point) {
-    std::string_view rest = line;
-    for (int axis = 0; axis < 3; ++axis) {
-        std::string_view const word = nextWord(rest);
-        if (word.empty()) return "fewer than three numbers";
-        char const* const end = word.data() + word.size();
-        auto const [stop, error] = std::from_chars(word.data(), end, point[axis]);
-        if (error == std::errc::invalid_argument) return "not a number";
-        // The whole word is looked at first: "1e99x" is no number, in range or not.
-        if (stop != end) return "not a number";
-        if (error == std::errc::result_out_of_range) return "number out of range";
+/// Reads a number; gives what is wrong with it, or null.
+char const* parseNumber(std::string_view word, float& number) {
+    if (word.size() > 1 && word[0] == '+' && word[1] != '-') word.remove_prefix(1);
+    char const* const end = word.data() + word.size();
+    auto const [stop, error] = std::from_chars(word.data(), end, number);
+    // The whole word is looked at first: "1e99x" is no number, in range or not.
+    if (error == std::errc::invalid_argument || stop != end) return "not a number";
+    if (error == std::errc::result_out_of_range) {
+        number = std::strtof(std::string(word).c_str(), nullptr);  // tells too small from too large
+        if (std::isinf(number)) return "number out of range";
     }
-    return nextWord(rest).empty() ? nullptr : "more than three numbers";
+    return nullptr;
+}
+
+/// Reads one position; gives what is wrong with the line, or null.
+char const* parsePoint(std::string_view rest, zel::float3& point) {
+    for (int axis = 0; axis < 3; ++axis) {
+        skipSpace(rest);
+        if (axis > 0 && rest.starts_with(',')) rest.remove_prefix(1);
+        std::string_view const word = nextWord(rest);
+        if (word.empty()) return rest.empty() ? "fewer than three numbers" : "not a number";
+        if (char const* const problem = parseNumber(word, point[axis])) return problem;
+    }
+    skipSpace(rest);
+    return rest.empty() ? nullptr : "more than three numbers";
 }
 
 }  // namespace
 
-Quern::Array<zel::float3> readPoints(std::istream& in, std::string const& name) {
+PointReader::PointReader(std::string const& path)
+    : name(path == "-" ? "standard input" : path),
+      opened(path == "-" ? nullptr : std::fopen(path.c_str(), "r")),
+      file(path == "-" ? stdin : opened.get()) {
+    if (!file) failWith(name, "cannot be opened");
+}
+
+/// Reads on behind what is left in the buffer. False at the end of the file.
+bool PointReader::fill() {
+    constexpr std::size_t kLeast = std::size_t{1} << 20, kLongestLine = std::size_t{1} << 24;
+    buffer.erase(0, std::exchange(begin, 0));
+    std::size_t const kept = buffer.size();
+    if (kept > kLongestLine)
+        throw PointFileError(name + ":" + std::to_string(lineNumber + 1) +
+                             ": line too long: " + shown(buffer));
+    buffer.resize(kept + std::max(kLeast, kept));
+    std::size_t const count = std::fread(buffer.data() + kept, 1, buffer.size() - kept, file);
+    buffer.resize(kept + count);
+    if (std::ferror(file)) failWith(name, "cannot be read");
+    return count > 0;
+}
+
+bool PointReader::nextLine(std::string_view& line) {
+    std::size_t newline = buffer.find('\n', begin);
+    while (newline == std::string::npos && fill()) newline = buffer.find('\n', begin);
+    if (begin == buffer.size()) return false;
+    line = std::string_view(buffer).substr(begin, newline - begin);
+    begin = newline == std::string::npos ? buffer.size() : newline + 1;
+    if (++lineNumber == 1 && line.starts_with(kByteOrderMark))
+        line.remove_prefix(kByteOrderMark.size());
+    return true;
+}
+
+Quern::Array<zel::float3> PointReader::read(long long most) {
     Quern::Array<zel::float3> points;
-    std::string line;
-    for (long long number = 1; std::getline(in, line); ++number) {
+    points.reserve(most);
+    std::string_view line;
+    while (points.size() < most && nextLine(line)) {
         std::string_view rest = line;
-        std::string_view const first = nextWord(rest);
-        if (first.empty() || line[0] == '#') continue;
+        skipSpace(rest);
+        if (rest.empty() || rest[0] == '#') continue;
         zel::float3 point;
-        if (char const* const problem = parsePoint(line, point))
-            throw PointFileError(name + ":" + std::to_string(number) + ": " + problem + ": " +
+        if (char const* const problem = parsePoint(rest, point))
+            throw PointFileError(name + ":" + std::to_string(lineNumber) + ": " + problem + ": " +
                                  shown(line));
         points.push_back(point);
     }
-    if (in.bad()) throw std::runtime_error(name + ": cannot be read");
     return points;
 }
 
-WholeFile::WholeFile(fs::path const& path) : target(path) {
-    if (fs::exists(target)) {
-        target = fs::canonical(target);  // keeps a symbolic link, and replaces what it leads to
-        if (!fs::is_regular_file(target))
-            throw std::runtime_error(path.string() + ": not a regular file");
+OutputFile::OutputFile(std::string const& path)
+    : name(path == "-" ? "standard output" : path), target(path) {
+    if (path == "-") {
+        file = stdout;
+        if (std::fflush(stdout) != 0) fail();
+        return;
     }
-    temporary = target;
-    temporary += ".part" + std::to_string(getpid());
-    file = std::fopen(temporary.c_str(), "wx");
-    if (!file) fail();
+    bool const isDevice = path.starts_with("/dev/") || path.starts_with("/proc/");
+    fs::file_status const status = isDevice ? fs::file_status() : fs::status(target);
+    if (isDevice || (fs::exists(status) && !fs::is_regular_file(status))) {
+        opened.reset(std::fopen(path.c_str(), "w"));
+    } else {
+        // Keeps a symbolic link, and replaces what it leads to.
+        if (fs::exists(status)) target = fs::canonical(target);
+        temporary = target;
+        temporary += ".part" + std::to_string(getpid());
+        opened.reset(std::fopen(temporary.c_str(), "wx"));
+        if (opened && fs::exists(status)) fs::permissions(temporary, status.permissions());
+    }
+    file = opened.get();
+    if (!file) {
+        temporary.clear();
+        fail();
+    }
 }
 
-WholeFile::~WholeFile() {
-    if (temporary.empty()) return;
-    if (file) std::fclose(file);
+OutputFile::~OutputFile() {
     std::error_code ignored;
-    fs::remove(temporary, ignored);
+    if (!temporary.empty()) fs::remove(temporary, ignored);
 }
 
-void WholeFile::write(std::string const& text) {
+void OutputFile::write(std::string const& text) {
     if (std::fwrite(text.data(), 1, text.size(), file) != text.size()) fail();
 }
 
-void WholeFile::commit() {
-    if (std::fclose(std::exchange(file, nullptr)) != 0) fail();
+void OutputFile::commit() {
+    if (std::fflush(file) != 0) fail();
+    if (opened && std::fclose(opened.release()) != 0) fail();
+    if (temporary.empty()) return;
     fs::rename(temporary, target);
     temporary.clear();
 }
 
-void WholeFile::fail() const {
-    throw std::runtime_error(target.string() +
-                             ": cannot be written: " + std::generic_category().message(errno));
+void OutputFile::fail() const {
+    failWith(name, "cannot be written");
 }
 
 }  // namespace examples

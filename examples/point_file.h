@@ -4,9 +4,10 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <iosfwd>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace examples {
 
@@ -16,22 +17,47 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Reads positions, `x y z` a line with spaces or tabs between, in the notation of C++ without a
-/// leading `+`; `inf` and `nan` are numbers too. Skips blank lines and lines that start with `#`.
-/// Throws PointFileError for any other line and for a number that no float can hold, and
-/// std::runtime_error if reading fails. `name` stands for the file in messages.
-Quern::Array<zel::float3> readPoints(std::istream& in, std::string const& name);
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
 
-/// A file that appears complete or not at all: it is written beside its final place and moved there
-/// by `commit`. A file that was there before stays until then.
-class WholeFile {
+/// Reads positions, three numbers a line with spaces, tabs or a comma between, in the notation of
+/// C++ or with a leading `+`; `inf` and `nan` are numbers too. A number too small for a float is
+/// read as the nearest one. Skips blank lines, comments, which start with `#`, and a byte order
+/// mark.
+class PointReader {
 public:
-    /// Throws std::runtime_error if `path` names something other than a regular file, or nothing
-    /// can be written there.
-    explicit WholeFile(std::filesystem::path const& path);
-    ~WholeFile();
-    WholeFile(WholeFile const&) = delete;
-    WholeFile& operator=(WholeFile const&) = delete;
+    /// Opens a file; `-` is the standard input. Throws std::runtime_error if it cannot be opened.
+    explicit PointReader(std::string const& path);
+
+    /// The next positions, `most` unless the file ends; none at its end. Throws PointFileError for
+    /// any other line and for a number too large for a float, and std::runtime_error if reading
+    /// fails.
+    Quern::Array<zel::float3> read(long long most);
+
+private:
+    bool nextLine(std::string_view& line);
+    bool fill();
+
+    std::string name;
+    FilePtr opened;
+    std::FILE* file;
+    std::string buffer;
+    std::size_t begin = 0;  // of what is not read yet of the buffer
+    long long lineNumber = 0;
+};
+
+/// A file to write. One that is regular, or not there yet, appears complete or not at all: it is
+/// written beside its final place and moved there by `commit`. Devices, pipes and the standard
+/// output, `-`, are written directly. Errors are std::runtime_error with the name of the file.
+class OutputFile {
+public:
+    /// Throws if the file cannot be written, or is a directory.
+    explicit OutputFile(std::string const& path);
+    ~OutputFile();
+    OutputFile(OutputFile const&) = delete;
+    OutputFile& operator=(OutputFile const&) = delete;
 
     void write(std::string const& text);
     void commit();
@@ -39,7 +65,9 @@ public:
 private:
     [[noreturn]] void fail() const;
 
-    std::filesystem::path target, temporary;
+    std::string name;
+    std::filesystem::path target, temporary;  // of a file that is written beside its place
+    FilePtr opened;
     std::FILE* file = nullptr;
 };
 

@@ -1,12 +1,8 @@
 // Reads positions and writes the value and the gradient of a field at each of them.
 
-#include <tbb/parallel_for.h>
-
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <cstdio>
-#include <fstream>
-#include <iostream>
 #include <string>
 
 #include "point_file.h"
@@ -18,12 +14,9 @@ using zel::float3;
 
 constexpr int kFailed = 2;
 
-Quern::Array<float3> readInput(std::string const& path) {
-    if (path == "-") return examples::readPoints(std::cin, "<stdin>");
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error(path + ": cannot be opened");
-    return examples::readPoints(in, path);
-}
+/// How many points are in memory at a time. No scene looks at the element index, which starts anew
+/// with each batch.
+constexpr long long kPointsAtATime = 1 << 16;
 
 /// Nine digits, so that reading the text gives the same float.
 void append(std::string& text, float value, char end) {
@@ -34,39 +27,35 @@ void append(std::string& text, float value, char end) {
     text += end;
 }
 
-/// `x y z value gx gy gz`, a line for each position.
-std::string sampled(zel::ScalarField const& field, Quern::Array<float3> const& points) {
-    auto const values = field.eval(points);
-    Quern::Array<float3> gradients(points.size());
-    // The hooks bracket any sampling of many points; the batch above has run its own.
-    field.preSampleField();
-    tbb::parallel_for(0LL, points.size(),
-                      [&](long long i) { gradients[i] = field.grad(points[i], i); });
-    field.postSampleField();
-    std::string text;
+/// Appends `x y z value gx gy gz`, a line for each position.
+void appendSamples(std::string& text, zel::ScalarField const& field,
+                   Quern::Array<float3> const& points) {
+    auto const samples = Core::Fields::evalAndGrad(field, points);
     for (long long i = 0; i < points.size(); ++i) {
+        float3 const& gradient = (*samples.gradients)[i];
         for (int c = 0; c < 3; ++c) append(text, points[i][c], ' ');
-        append(text, (*values)[i], ' ');
-        for (int c = 0; c < 3; ++c) append(text, gradients[i][c], c < 2 ? ' ' : '\n');
+        append(text, (*samples.values)[i], ' ');
+        for (int c = 0; c < 3; ++c) append(text, gradient[c], c < 2 ? ' ' : '\n');
     }
-    return text;
 }
 
-void writeOutput(std::string const& path, std::string const& text) {
-    if (path == "-") {
-        if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-            std::fflush(stdout) != 0)
-            throw std::runtime_error("<stdout>: cannot be written");
-        return;
+void sample(zel::ScalarField const& field, std::string const& input, std::string const& output) {
+    examples::PointReader reader(input);
+    auto points = reader.read(kPointsAtATime);
+    examples::OutputFile file(output);
+    for (std::string text; points.size() > 0; points = reader.read(kPointsAtATime)) {
+        text.clear();
+        appendSamples(text, field, points);
+        file.write(text);
     }
-    examples::WholeFile file(path);
-    file.write(text);
     file.commit();
 }
 
 void listScenes() {
+    examples::OutputFile file("-");
     for (examples::Scene const& scene : examples::scenes())
-        std::cout << scene.name << ": " << scene.title << '\n';
+        file.write(std::string(scene.name) + ": " + std::string(scene.title) + '\n');
+    file.commit();
 }
 
 int run(int argc, char** argv) {
@@ -76,9 +65,9 @@ int run(int argc, char** argv) {
     bool list = false;
     CLI::App app{
         "Writes `x y z value gx gy gz` for each position `x y z` that it reads: the value "
-        "of a scene and its gradient. Blank lines and lines that start with # are skipped; "
-        "nan and inf are numbers. Ends with status 2 if anything fails, and then leaves "
-        "the output file as it was."};
+        "of a scene and its gradient. Numbers are separated by spaces, tabs or a comma; nan and "
+        "inf are numbers. Blank lines and lines that start with # are skipped. Ends with status 2 "
+        "if anything fails, and then leaves an output file as it was."};
     app.add_option("points", input, "file of positions, - for standard input")
         ->capture_default_str();
     app.add_option("--scene", sceneName, "name of the scene")->capture_default_str();
@@ -97,7 +86,7 @@ int run(int argc, char** argv) {
     examples::Scene const* const scene = examples::findScene(sceneName);
     if (!scene)
         throw std::runtime_error("no scene is named '" + sceneName + "'; --list shows them all");
-    writeOutput(output, sampled(*scene->make(), readInput(input)));
+    sample(*scene->make(), input, output);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include <zel_platform/shape_store/scene_units.h>
 
 #include "binder.h"
+#include "output.h"
 
 namespace {
 
@@ -75,6 +76,7 @@ int main() try {
                     double{p.z}, double{(*linearValues)[i]}, double{(*cubicValues)[i]}, double{g.x},
                     double{g.y}, double{g.z});
     }
+    return examples::finish("sample_volume");
 } catch (std::exception const& error) {
     std::fprintf(stderr, "sample_volume: %s\n", error.what());
     return 1;

@@ -10,6 +10,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/png_writer.h"
+#include "output.h"
 
 namespace {
 
@@ -80,9 +81,9 @@ int main(int argc, char** argv) {
         std::filesystem::create_directories(folder);
         for (Picture const& picture : kPictures) draw(picture, folder);
         std::printf("pictures in %s\n", folder.c_str());
-        return 0;
+        return examples::finish(argv[0]);
     } catch (std::exception const& error) {
         std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
-        return 1;
+        return 2;
     }
 }

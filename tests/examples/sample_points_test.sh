@@ -21,7 +21,7 @@ refused() {
 }
 
 # The unit sphere: |p| - 1, with the gradient p / |p|.
-printf '# a comment\n\n2 0 0\n 0\t3 4 \r\n-1e-3 0.1 -7.25\n' >good
+printf '\xEF\xBB\xBF  # a comment\n\n+2 0,1e-60\n 0,\t3 4 \r\n-1e-3 , 0.1 -7.25\n' >good
 "$program" good --scene sphere >fromFile
 "$program" - --scene sphere <good >fromInput
 cmp fromFile fromInput || fail "a file and standard input differ"
@@ -37,11 +37,11 @@ awk 'function near(a, b) { return a - b < 2e-6 && b - a < 2e-6 }
 mkdir results
 echo earlier >results/samples
 for case in '1 2|fewer than three numbers' '1 2 3 4|more than three numbers' '1 x 3|not a number' \
-    '1 2 3z|not a number' '+1 2 3|not a number' '1 2 1e39|number out of range'; do
+    '1 2 3z|not a number' '+-1 2 3|not a number' '1,,2 3|not a number' '1 2 1e39|number out of range'; do
     line=${case%|*}
     printf '1 2 3\n\n%s\n4 5 6\n' "$line" >bad
     refused "bad:3: ${case#*|}: $line" bad --output results/samples
-    refused "<stdin>:3: ${case#*|}: $line" --output results/samples <bad
+    refused "standard input:3: ${case#*|}: $line" --output results/samples <bad
 done
 [ "$(cat results/samples)" = earlier ] || fail "a failure touched the output"
 [ "$(ls -A results)" = samples ] || fail "left beside the output: $(ls -A results)"
@@ -49,8 +49,37 @@ done
 cmp fromFile results/samples || fail "the output file"
 
 refused "sample_points: no scene is named 'nowhere'; --list shows them all" good --scene nowhere
-refused "sample_points: missing: cannot be opened" missing
-refused "sample_points: results: not a regular file" good --output results
+cannot="sample_points: %s: cannot be %s: %s"
+refused "$(printf "$cannot" missing opened 'No such file or directory')" missing
+refused "$(printf "$cannot" results read 'Is a directory')" results --output results/samples
+refused "$(printf "$cannot" 'standard input' read 'Bad file descriptor')" --output results/samples <&-
+refused "$(printf "$cannot" results written 'Is a directory')" good --output results
+refused "$(printf "$cannot" /dev/full written 'No space left on device')" good --output /dev/full
+cmp fromFile results/samples || fail "a failure touched the output"
+"$program" good --output /dev/stdout | cmp - fromFile || fail "output to a device"
+mkfifo pipe
+cat pipe >fromPipe &
+"$program" good --output pipe
+wait
+cmp fromPipe fromFile || fail "output to a pipe"
+
+# Standard output that cannot be written, of this program and of the others beside it.
+others=$(dirname "$program")
+: >pictures  # where the gallery would make a folder
+for command in "$program good" "$program --list" "$others/hello" "$others/own_nodes" \
+    "$others/bind_properties" "$others/sample_volume" "$others/gallery pictures"; do
+    for target in 'full >/dev/full' 'closed >&-'; do
+        status=0
+        eval "$command ${target#* }" 2>err || status=$?
+        [ "$status" -eq 2 ] && grep -qE 'standard output|pictures' err ||
+            fail "status $status of $command, its output ${target% *}: $(cat err)"
+    done
+done
+
+# Chunks of a large file give what small files give.
+awk 'BEGIN { for (i = 0; i < 200000; ++i) print i % 7, i % 11 / 10, -i / 1000 }' >many
+"$program" many --scene gear | tail -n 1000 >last
+tail -n 1000 many | "$program" --scene gear | cmp - last || fail "a large file"
 : >empty
 "$program" empty --output results/samples
 [ -f results/samples ] && [ ! -s results/samples ] || fail "output file for no input"

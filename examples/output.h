@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+namespace examples {
+
+/// The exit status of a program that has printed all: 0, or 2, with a message, if its standard
+/// output could not be written.
+inline int finish(char const* program) {
+    if (std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
+    std::fprintf(stderr, "%s: standard output: cannot be written: %s\n", program,
+                 std::strerror(errno));
+    return 2;
+}
+
+}  // namespace examples
