@@ -145,7 +145,7 @@ private:
         unsigned long long tiles = 0;
     };
     using Levels = std::array<Level, Traits::kMaxDepth + 1>;
-    using TileCounts = std::array<long long, Traits::kMaxDepth + 1>;
+    using TileCounts = typename Container<Traits>::TileCounts;
 
     static Container<Traits> const& containerOf(Component const& topology, char const* caller);
     bool hasDepth(unsigned depth) const {
@@ -158,7 +158,8 @@ private:
     std::span<T> depthSamples(unsigned depth, Quern::Any const& value, char const* caller);
     ChannelMemory place(Levels& levels, TileCounts const& counts, int minDepth, int maxDepth,
                         bool reuse);
-    void resize(Container<Traits> const& container, int minDepth, int maxDepth, bool keep);
+    void resize(Container<Traits> const& container, int minDepth, int maxDepth,
+                TileCounts const& most);
 
     Quern::String m_name;
     T m_defaultValue;

@@ -108,19 +108,22 @@ ChannelMemory ZEL_DETAIL_CHANNEL::place(Levels& levels, TileCounts const& counts
     return memory;
 }
 
+/// Sizes the channel to the tree. The first tiles of each depth keep their samples, `most` of them.
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth, int maxDepth,
-                                bool keep) {
+                                TileCounts const& most) {
     if (fits(container) && minDepth == m_minDepth && maxDepth == m_maxDepth) return;
     auto const counts = container.tileCounts();
-    bool const anyKept =
-        keep && std::any_of(m_levels.begin(), m_levels.end(), [](auto& l) { return l.tiles > 0; });
+    auto const had = [&](unsigned d) {
+        return std::min(most[d], static_cast<long long>(m_levels[d].tiles));
+    };
+    bool anyKept = false;
+    for (unsigned d = 0; d < most.size(); ++d) anyKept = anyKept || had(d) > 0;
     Levels levels;
     ChannelMemory memory = place(levels, counts, minDepth, maxDepth, !anyKept);
     for (unsigned d = 0; d < levels.size(); ++d) {
         auto const tiles = static_cast<long long>(levels[d].tiles);
-        long long const kept =
-            anyKept ? std::min(tiles, static_cast<long long>(m_levels[d].tiles)) : 0;
+        long long const kept = std::min(tiles, had(d));
         std::uninitialized_copy_n(m_levels[d].first, kept * Layout::kCount, levels[d].first);
         std::uninitialized_fill_n(levels[d].first + kept * Layout::kCount,
                                   (tiles - kept) * Layout::kCount, m_defaultValue);
@@ -134,7 +137,7 @@ void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth
 
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::updateTo(Container<Traits> const& container) {
-    resize(container, m_minDepth, m_maxDepth, container.continues(m_stamp));
+    resize(container, m_minDepth, m_maxDepth, container.tileCountsSince(m_stamp));
 }
 
 ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::update(Component const& topology) {
@@ -145,14 +148,14 @@ ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::setMinDepth(int minDepth, Component const& topology) {
     checkDepths(minDepth, m_maxDepth, "Channel::setMinDepth");
     auto const& container = containerOf(topology, "setMinDepth");
-    resize(container, minDepth, m_maxDepth, container.continues(m_stamp));
+    resize(container, minDepth, m_maxDepth, container.tileCountsSince(m_stamp));
 }
 
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::setDepth(int maxDepth, Component const& topology) {
     checkDepths(m_minDepth, maxDepth, "Channel::setDepth");
     auto const& container = containerOf(topology, "setDepth");
-    resize(container, m_minDepth, maxDepth, container.continues(m_stamp));
+    resize(container, m_minDepth, maxDepth, container.tileCountsSince(m_stamp));
 }
 
 ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::dump(std::ostream& stream) const {

@@ -48,7 +48,7 @@ void ZEL_DETAIL_CHANNEL::updateTilesAdded(Component const& topology) {
             throw std::invalid_argument(
                 Internal::message("Channel::updateTilesAdded: ", container.tileCount(d),
                                   " tiles of depth ", d, ", and had ", present(d)));
-    resize(container, m_minDepth, m_maxDepth, true);
+    resize(container, m_minDepth, m_maxDepth, container.tileCounts());
 }
 
 ZEL_DETAIL_CHANNEL_HEAD

@@ -176,9 +176,8 @@ TreeIndex Container<Traits>::link(Tile* parent, int3 const& childPosition) noexc
     return tile.treeIndex();
 }
 
-template <class Traits>
-std::array<long long, Traits::kMaxDepth + 1> Container<Traits>::tileCounts() const {
-    std::array<long long, Traits::kMaxDepth + 1> counts;
+template <class Traits> auto Container<Traits>::tileCounts() const -> TileCounts {
+    TileCounts counts;
     for (unsigned depth = 0; depth < counts.size(); ++depth) counts[depth] = m_levels[depth].size();
     return counts;
 }

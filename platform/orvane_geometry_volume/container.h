@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <vector>
@@ -93,15 +94,25 @@ public:
 
     TreeStamp stamp() const { return m_state.stamp; }
     /// Whether a tile of this tree has the index that it had when the stamp was taken: the stamp is
-    /// one of this tree, or of the tree that this is a copy of, from before the copy grew.
+    /// one of this tree, or of the tree that this is a copy of, from before the copy grew, and
+    /// there was no tile that has been dropped since.
     bool continues(TreeStamp const& stamp) const {
         TreeStamp const& origin = m_state.origin;
-        return stamp.tree != 0 && (stamp.tree == m_state.stamp.tree ||
-                                   (stamp.tree == origin.tree && stamp.version <= origin.version));
+        bool const ours = stamp.tree == m_state.stamp.tree ||
+                          (stamp.tree == origin.tree && stamp.version <= origin.version);
+        return stamp.tree != 0 && ours && !dropAfter(stamp);
     }
 
+    /// By depth.
+    using TileCounts = std::array<long long, Traits::kMaxDepth + 1>;
     /// The number of tiles of each depth.
-    std::array<long long, Traits::kMaxDepth + 1> tileCounts() const;
+    TileCounts tileCounts() const;
+    /// How many tiles of each depth, the first ones, have an index that no other tile had when the
+    /// stamp was taken.
+    TileCounts tileCountsSince(TreeStamp const& stamp) const {
+        Drop const* const drop = dropAfter(stamp);
+        return drop ? drop->left : continues(stamp) ? tileCounts() : TileCounts{};
+    }
 
     void dump(std::ostream& stream) const override;
     void memUse(unsigned long long& used, unsigned long long& held, bool withObject) const override;
@@ -131,12 +142,29 @@ private:
     using Level = Internal::ChunkedStore<Tile, 8>;
     using Tables = Internal::ChunkedStore<ChildTable, Traits::kBranch == 2 ? 8 : 4>;
 
+    /// Tiles that were added to the tree and dropped again.
+    struct Drop {
+        TreeStamp start;    ///< before the first of them was added
+        std::uint64_t end;  ///< the version with all of them
+        TileCounts left;    ///< without them
+    };
+    /// The drop of a tile that there was when the stamp was taken, or null.
+    Drop const* dropAfter(TreeStamp const& stamp) const {
+        auto const& drops = m_state.drops;
+        auto const found = std::find_if(drops.begin(), drops.end(), [&](Drop const& drop) {
+            return stamp.tree == drop.start.tree && drop.start.version < stamp.version &&
+                   stamp.version <= drop.end;
+        });
+        return found == drops.end() ? nullptr : &*found;
+    }
+
     /// All that changes as a tree grows, but for what hangs on the tiles.
     struct State {
         long long total = 0;
         int depth = -1;
         bool copy = false;  ///< of a tree that has the same stamp
         TreeStamp stamp, origin;
+        std::vector<Drop> drops;
     };
 
     static std::uint32_t hashOf(Tile const& tile);

@@ -1,17 +1,22 @@
 #pragma once
 
+#include <utility>
+
 #include "zel_platform/orvane_geometry_volume/container.h"
 
 namespace ORV::TileTree3D::Internal {
 
 /// Drops all tiles that were added to a tree during its life, unless they are to be kept, and
-/// leaves the tree as it was, stamp included. References to the dropped tiles, and accessors that
-/// met them, are not to be used any more.
+/// leaves the tree as it was, stamp included. What was sized to them counts as sized to another
+/// tree, which has the tiles before them in common with this one. References to the dropped tiles,
+/// and accessors that met them, are not to be used any more.
 template <class Traits> class Rollback {
 public:
     explicit Rollback(Container<Traits>& tree)
         : m_tree(tree), m_state(tree.m_state), m_counts(tree.tileCounts()),
-          m_tables(tree.m_tables.size()) {}
+          m_tables(tree.m_tables.size()) {
+        m_state.drops.reserve(m_state.drops.size() + 1);
+    }
     Rollback(Rollback const&) = delete;
     Rollback& operator=(Rollback const&) = delete;
     ~Rollback() {
@@ -38,12 +43,22 @@ private:
         }
         m_tree.m_tables.truncate(m_tables);
         for (unsigned d = 0; d < m_counts.size(); ++d) m_tree.m_levels[d].truncate(m_counts[d]);
-        m_tree.m_state = m_state;
+        auto const end = m_tree.m_state.stamp;
+        m_tree.m_state = std::move(m_state);
+        auto const& [tree, version] = m_tree.m_state.stamp;
+        if (end == m_tree.m_state.stamp) return;
+        // A copy became another tree with the first tile that was added.
+        TreeStamp const start{end.tree, end.tree == tree ? version : 0};
+        auto& drops = m_tree.m_state.drops;
+        if (!drops.empty() && drops.back().start == start)
+            drops.back().end = end.version;
+        else
+            drops.push_back({start, end.version, m_counts});  // for which there is room
     }
 
     Container<Traits>& m_tree;
-    typename Container<Traits>::State const m_state;
-    std::array<long long, Traits::kMaxDepth + 1> const m_counts;
+    typename Container<Traits>::State m_state;
+    typename Container<Traits>::TileCounts const m_counts;
     long long const m_tables;
     bool m_kept = false;
 };

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "zel_platform/orvane_geometry_volume/tree_rollback.h"
+
 namespace {
 
 using namespace trees;
@@ -120,6 +122,36 @@ TYPED_TEST(Channels, TellCopiesOfATreeApartOnceTheyGrow) {
     grown.update(twins);
     Floats const none(4, kDefault);
     EXPECT_TRUE(this->firsts(grown) == none && this->firsts(other) == none);
+}
+
+TYPED_TEST(Channels, LoseTheTilesOfADroppedRefinementAlone) {
+    using Traits = TypeParam;
+    auto const old = this->numbered(0, 4);
+    auto const copy = Quern::makePtr<Container<Traits>>(*this->tree);  // not a tree of its own yet
+    for (auto const& tree : {this->tree, copy}) {
+        VoxelTopology<Traits> const topology(tree);
+        std::vector<DataChannel<Traits, float>> channels{old};
+        for (int round = 1; round < 4; ++round) {
+            for (int attempt = 0; attempt < 2; ++attempt) {
+                auto channel = channels.front();
+                Internal::Rollback<Traits> const rollback(*tree);
+                for (int i = 0; i <= attempt; ++i)
+                    tree->addTile(-this->kWidth * round, i * this->kWidth, 0, 3);
+                channel.update(topology);
+                channel.samples({tree->tileCount(3) - 1, 3})[Traits::kSampleCount - 1] = 100;
+                channels.push_back(channel);
+            }
+            EXPECT_TRUE(old.belongsTo(*tree) && !channels.back().belongsTo(*tree));
+            if (round == 1) continue;  // dropped twice over
+            tree->addTile(0, -this->kWidth * round, 0, 3);
+            Floats expected{0, 1, 2};
+            expected.resize(static_cast<std::size_t>(tree->tileCount(3)), kDefault);
+            for (auto& channel : channels) {
+                channel.update(topology);
+                EXPECT_EQ(this->firsts(channel), expected) << round;
+            }
+        }
+    }
 }
 
 TYPED_TEST(Channels, RemoveAndPermuteTiles) {
