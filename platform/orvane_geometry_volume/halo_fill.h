@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
@@ -141,8 +142,10 @@ private:
         };
         return fz == 0 ? plane(0) : lerp(plane(0), plane(1), fz);
     }
-    /// `a` for equal ends, and finite between finite ones: what is subtracted has one sign.
+    /// `a` for equal ends, infinite ones too, and finite between finite ones: what is subtracted
+    /// has one sign.
     static float lerp(float a, float b, float t) {
+        if (a == b && std::isinf(a)) return a;
         return (a < 0) == (b < 0) ? (b - a) * t + a : a * (1 - t) + b * t;
     }
     static float3 lerp(float3 const& a, float3 const& b, float t) {

@@ -174,6 +174,16 @@ TYPED_TEST(HaloOf, StaysFiniteBetweenTheLargestSamples) {
     for (int d = 0; d <= 4; ++d)
         for (long long i = 0; i < volume.halo.elementCount(d); ++i)
             ASSERT_LE(std::abs(volume.halo.samples({0, d})[i]), 3.0001e38f);
+
+    // Infinite ones are their own mean.
+    for (float const all : {INFINITY, -INFINITY}) {
+        DataChannel<TypeParam, float> channel("", &all, 0, false, true, 0, 4);
+        channel.update(volume.topology);
+        computeHalo<TypeParam, float, 0, 0, 1, 0>(channel, volume.tree, volume.halo, 0, 4);
+        for (int d = 0; d <= 4; ++d)
+            for (long long i = 0; i < volume.halo.elementCount(d); ++i)
+                ASSERT_EQ(volume.halo.samples({0, d})[i], all);
+    }
 }
 
 thread_local bool insideHalo = false;
