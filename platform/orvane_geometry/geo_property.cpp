@@ -2,26 +2,31 @@
 
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace Orvane::Geometry {
 
+/// What may set entries of reserved names.
+class ReservedEntries {
+public:
+    static void set(Object& object, Quern::StringView key, Quern::Any value) {
+        object.entries.insert_or_assign(key, std::move(value));
+    }
+};
+
 namespace {
 
 /// The key of a property object's target, a Quern::String.
 constexpr char const* kTarget = "target";
 
-/// The key of an object's volume, a Quern::Ptr<ORV::Object>.
-constexpr char const* kVolume = "volume";
+/// As sVolume, which is not there yet for statics of a program that holds this library.
+constexpr char const* kVolume = "Orvane::Geometry::volume";
 
-/// Before the name of a target, the key of its range indices in the object.
-constexpr std::string_view kRangePrefix = "range indices of ";
-
+/// The key of the range indices of a target in the object.
 std::string rangeKey(Quern::StringView target) {
-    return std::string(kRangePrefix).append(target.standardView());
+    return std::string("Orvane::Geometry::range indices of ").append(target.standardView());
 }
 
 }  // namespace
@@ -30,6 +35,7 @@ Quern::String const sDefault = "default";
 Quern::String const sData = "data";
 Quern::String const sVoxelTileTree = "voxel tile tree";
 Quern::String const sVoxelComp = "voxel component";
+Quern::String const sVolume = kVolume;
 
 Quern::String getGeoPropTargetName(Object const& object, Quern::StringView property) {
     auto const propertyObject = pointerProperty<Object>(object, property);
@@ -51,12 +57,12 @@ void setRangeGeoPropIndices(Object& object, Quern::StringView target,
     if (!indices)
         throw std::invalid_argument(where + "no array of indices for target \"" +
                                     std::string(target) + "\"");
-    object.setProperty(rangeKey(target), std::move(indices));
+    ReservedEntries::set(object, rangeKey(target), std::move(indices));
 }
 
 void setVolume(Object& object, Quern::Ptr<ORV::Object> volume) {
     if (!volume) throw std::invalid_argument("Orvane::Geometry::setVolume: no volume");
-    object.setProperty(kVolume, std::move(volume));
+    ReservedEntries::set(object, kVolume, std::move(volume));
 }
 
 Quern::Ptr<ORV::Object> shallow_copy_object_to_orv_volume(Object const& object) {
@@ -69,8 +75,6 @@ void detail::setGeoProperty(Object& object, Quern::StringView name, Quern::Any v
     std::string const where = "Orvane::Geometry::setGeoProperty: ";
     if (name.empty()) throw std::invalid_argument(where + "the property's name is empty");
     std::string const text = name;
-    if (name.standardView().starts_with(kRangePrefix))
-        throw std::invalid_argument(where + "the name \"" + text + "\" is kept for range indices");
     if (!hasData)
         throw std::invalid_argument(where + "no array of values for property \"" + text + "\"");
 

@@ -26,6 +26,9 @@ ZEL_PLATFORM_API extern Quern::String const sData;
 /// defined on it, and where samples sit in its voxels.
 ZEL_PLATFORM_API extern Quern::String const sVoxelTileTree;
 ZEL_PLATFORM_API extern Quern::String const sVoxelComp;
+/// The reserved name by which an object is asked for its volume, a `Quern::Ptr<ORV::Object>`: for
+/// hosts that hold volumes of their own.
+ZEL_PLATFORM_API extern Quern::String const sVolume;
 
 /// The target of a property: empty if it names none, or if there is no such property.
 ZEL_PLATFORM_API Quern::String getGeoPropTargetName(Object const& object,
@@ -37,12 +40,12 @@ getRangeGeoPropIndices(Object const& object, Quern::StringView target);
 
 /// Gives the object range indices for `target`, in place of earlier ones. Throws
 /// std::invalid_argument if `target` is empty or `indices` holds no array; the object is then
-/// unchanged. They are kept as an entry of the object, under "range indices of " and the target.
+/// unchanged. They are kept as an entry of the object, under a reserved name for each target.
 ZEL_PLATFORM_API void setRangeGeoPropIndices(Object& object, Quern::StringView target,
                                              Quern::Ptr<Quern::Array<unsigned int>> indices);
 
 /// Gives the object a volume, in place of an earlier one. Throws std::invalid_argument if there is
-/// none; the object is then unchanged. It is kept as an entry of the object, under "volume".
+/// none; the object is then unchanged. It is kept as an entry of the object, under sVolume.
 ZEL_PLATFORM_API void setVolume(Object& object, Quern::Ptr<ORV::Object> volume);
 
 /// The object's volume: a copy of it that shares its components, found by the object's `property`.
@@ -55,8 +58,8 @@ ZEL_PLATFORM_API void setGeoProperty(Object& object, Quern::StringView name, Que
 }  // namespace detail
 
 /// Gives the object the property `name`, in place of an earlier one, and shares the array. Throws
-/// std::invalid_argument if `name` is empty or begins like the entries of range indices, or if
-/// `data` holds no array; the object is then unchanged.
+/// std::invalid_argument if `name` is empty or reserved, or if `data` holds no array; the object is
+/// then unchanged.
 template <class T>
 void setGeoProperty(Object& object, Quern::StringView name, T const& defaultValue,
                     Quern::Ptr<Quern::Array<T>> data, Quern::StringView target = {}) {

@@ -1,8 +1,19 @@
 #include "zel_platform/orvane_geometry/object.h"
 
 #include <stdexcept>
+#include <string>
 
 namespace Orvane {
+
+namespace {
+
+void refuseReserved(char const* caller, Quern::StringView key) {
+    if (key.standardView().starts_with("Orvane::"))
+        throw std::invalid_argument(std::string("Orvane::Object::") + caller + ": the key \"" +
+                                    std::string(key) + "\" is reserved");
+}
+
+}  // namespace
 
 Object::Object() = default;
 Object::Object(Object const&) = default;
@@ -20,10 +31,12 @@ Quern::Any Object::property(Quern::StringView key) const {
 
 void Object::setProperty(Quern::StringView key, Quern::Any value) {
     if (key.empty()) throw std::invalid_argument("Orvane::Object::setProperty: the key is empty");
+    refuseReserved("setProperty", key);
     entries.insert_or_assign(key, std::move(value));
 }
 
 void Object::removeProperty(Quern::StringView key) {
+    refuseReserved("removeProperty", key);
     auto const found = entries.find(key.standardView());
     if (found != entries.end()) entries.erase(found);
 }

@@ -12,9 +12,16 @@
 
 namespace Orvane {
 
+namespace Geometry {
+class ReservedEntries;
+}  // namespace Geometry
+
 /// A geometry object: entries of any type under names. A host with entries of its own derives from
 /// it and overrides the two look-ups; what they throw reaches whoever asks. A copy has the same
 /// entries and shares what they point to. Any number of threads may look up while none sets.
+///
+/// Names that begin with "Orvane::" are reserved for what the library keeps in an object, such as
+/// its volume: they can be looked up, but neither set nor removed.
 class ZEL_PLATFORM_API Object {
 public:
     Object();
@@ -28,13 +35,15 @@ public:
     /// The entry under `key`; an empty Any if there is none.
     virtual Quern::Any property(Quern::StringView key) const;
 
-    /// Makes or replaces an entry. Throws std::invalid_argument if `key` is empty.
+    /// Makes or replaces an entry. Throws std::invalid_argument if `key` is empty or reserved.
     void setProperty(Quern::StringView key, Quern::Any value);
 
-    /// Does nothing if there is no such entry.
+    /// Does nothing if there is no such entry. Throws std::invalid_argument if `key` is reserved.
     void removeProperty(Quern::StringView key);
 
 private:
+    friend Geometry::ReservedEntries;
+
     std::map<std::string, Quern::Any, std::less<>> entries;
 };
 

@@ -5,6 +5,8 @@
 
 #include "support/refused.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry_volume/container.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace {
 
@@ -43,7 +45,6 @@ TEST(GeoProperty, IsStoredWholeOrNotAtAll) {
     };
     refused([&] { setGeoProperty(object, "", short{3}, data); }, "name is empty");
     refused([&] { setGeoProperty<short>(object, "id", 3, nullptr); }, "\"id\"");
-    refused([&] { setGeoProperty(object, "range indices of x", short{3}, data); }, "of x\"");
     refused([&] { setRangeGeoPropIndices(object, "points", nullptr); }, "\"points\"");
     refused([&] { setVolume(object, nullptr); }, "no volume");
     auto const property = pointerProperty<Object>(object, "id");
@@ -54,6 +55,43 @@ TEST(GeoProperty, IsStoredWholeOrNotAtAll) {
     EXPECT_TRUE(getGeoPropTargetName(object, "none").empty());
     EXPECT_EQ(getRangeGeoPropIndices(object, "points"), indices);
     EXPECT_FALSE(getRangeGeoPropIndices(object, ""));
+}
+
+// What the library keeps in an object shares no name with what a caller keeps there.
+TEST(GeoProperty, OfAnyNameLeavesVolumeAndRangeIndicesAlone) {
+    Object object;
+    auto const volume = makePtr<ORV::Object>();
+    auto const part = makePtr<ORV::TileTree3D::Container<ORV::TileTree3D::BinaryTraits>>(1.0f);
+    volume->setComponent("part", part);
+    auto const indices = makePtr<Array<unsigned int>>(2LL, 5U);
+    std::string const reserved = sVolume;
+    for (std::string const& name :
+         {std::string("volume"), std::string("range indices of "), std::string("target"),
+          std::string("range indices of range indices of points"), std::string("\0", 1),
+          reserved + "\n", reserved, reserved.substr(0, reserved.size() - 6),
+          reserved.substr(0, reserved.size() - 6) + "range indices of points", std::string()}) {
+        setVolume(object, volume);
+        for (auto const& target : {std::string("points"), name})
+            if (!target.empty()) setRangeGeoPropIndices(object, target, indices);
+        bool const free = !name.empty() && !name.starts_with("Orvane::");
+        auto const set = [&](auto const& call) {
+            if (free)
+                call();
+            else
+                support::expectRefused<std::invalid_argument>(call, name.empty() ? "empty"
+                                                                                 : name.c_str());
+        };
+        set([&] { object.setProperty(name, 1); });
+        set([&] { setGeoProperty(object, name, 2.0F, makePtr<Array<float>>()); });
+        EXPECT_EQ(getGeoPropTargetName(object, name), "");
+        EXPECT_EQ(static_cast<bool>(pointerProperty<Object>(object, name)), free);
+        if (!name.empty()) set([&] { object.removeProperty(name); });
+        auto const found = shallow_copy_object_to_orv_volume(object);
+        ASSERT_TRUE(found) << name;
+        EXPECT_EQ(found->component<ORV::Component>("part"), part);
+        EXPECT_EQ(getRangeGeoPropIndices(object, "points"), indices);
+        EXPECT_EQ(getRangeGeoPropIndices(object, name), name.empty() ? nullptr : indices);
+    }
 }
 
 }  // namespace

@@ -83,7 +83,7 @@ std::vector<Failure> failures() {
 template <class Node, class Late, class Value> void checkFailures(Value const& unbound) {
     for (Failure const& failure : failures())
         for (SamplerType const type : kTypes) {
-            Broken const host("volume", failure.fail);
+            Broken const host(Orvane::Geometry::sVolume, failure.fail);
             // A node that is bound by its constructor: nothing leaves it, and whatever it is, the
             // group is cancelled.
             auto const construct = [&] {
@@ -120,7 +120,7 @@ TEST(VolumeFailure, LeavesABoundNodeWithItsVolume) {
     auto const volume = build<QuinaryTraits, float>(plane<float>);
     ScalarLate node("d", SamplerType::kCubicC1);
     node.apply_object(host(volume));
-    Broken const broken("volume", [] { throw 1; });
+    Broken const broken(Orvane::Geometry::sVolume, [] { throw 1; });
     EXPECT_THROW(node.apply_object(broken), int);
     EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), 1.2F, 1e-6F));
 }

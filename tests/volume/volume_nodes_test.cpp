@@ -137,9 +137,10 @@ TEST(VolumeNodes, StayUnboundWithoutAllComponents) {
             late.apply_object(host(quinary));
             EXPECT_TRUE(same(late.eval({0.1F, 0, 0}, 0), 1.2F, 1e-6F));
         }
-    Orvane::Object odd;
-    odd.setProperty("volume", 3);
-    EXPECT_FALSE(Scalar(odd, "d", SamplerType::kLinear).bound());
+    struct Odd : Orvane::Object {
+        Quern::Any property(Quern::StringView) const override { return 3; }
+    };
+    EXPECT_FALSE(Scalar(Odd(), "d", SamplerType::kLinear).bound());
 }
 
 TEST(VolumeNodes, ReadSamplesThatAreNotOnCorners) {
