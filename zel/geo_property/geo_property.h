@@ -13,12 +13,12 @@
 //                         range indices of its target. The type of the default value decides how
 //                         the array is read, and both must be of one type; but a scalar node also
 //                         reads an array of `float` whose default value is of another type, and
-//                         keeps its own default then. A property with a default value and without
-//                         an array of that type gives the default alone. Without such a property
-//                         nothing changes. `float` or `float3` values, once bound, are read before
-//                         values of another type from a later object. Throws what the look-ups of
-//                         the object throw; the node may then be bound in part, and is bound anew
-//                         by the next call.
+//                         keeps its own default then. If no array fits, a default value of the
+//                         node's own type, `float` or `float3`, is taken all the same, and one of
+//                         another type is not. Without such a property nothing changes. `float` or
+//                         `float3` values, once bound, are read before values of another type from
+//                         a later object. Throws what the look-ups of the object throw; the node
+//                         may then be bound in part, and is bound anew by the next call.
 //   use_property_indices  for a property that is read as `float` or `float3`: shares an array that
 //                         gives, for each sampled index, the element to read. It has no effect
 //                         while there is no such property or if the array is empty. A later array
