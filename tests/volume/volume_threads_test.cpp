@@ -1,7 +1,10 @@
 #include "volume/volumes.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <barrier>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
@@ -52,6 +55,35 @@ TEST(SamplerPool, GivesEachThreadOneSamplerAndDeletesThem) {
         }
     }
     EXPECT_EQ(alive, 0);
+}
+
+TEST(SamplerPool, HandsOnWhatAnEndedThreadHadAndMayEndBeforeIt) {
+    zel::detail::SamplerPool<int> pool, cleared;
+    auto gone = std::make_unique<zel::detail::SamplerPool<int>>();
+    bool exists = true;
+    std::set<pthread_t> threads;
+    std::barrier turn(2);
+    std::thread thread([&] {
+        threads.insert(pthread_self());
+        for (auto* const asked : {&pool, &cleared, gone.get()}) asked->local(exists) = new int(5);
+        turn.arrive_and_wait();
+        turn.arrive_and_wait();
+        cleared.local(exists);
+        EXPECT_FALSE(exists);
+    });
+    turn.arrive_and_wait();
+    gone.reset();
+    cleared.clear();
+    turn.arrive_and_wait();
+    thread.join();
+    for (int i = 0; i < 3; ++i)
+        std::thread([&] {
+            int* const sampler = pool.local(exists);
+            EXPECT_EQ(exists, !threads.insert(pthread_self()).second);
+            EXPECT_TRUE(!sampler || *sampler == 5);
+            pool.local(exists);
+            EXPECT_TRUE(exists);
+        }).join();
 }
 
 TEST(VolumeThreads, ShareOneFieldOfEachType) {

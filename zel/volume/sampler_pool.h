@@ -7,12 +7,15 @@
 #include <bit>
 #include <cstdint>
 
+#include "zel/volume/thread_slots.h"
+
 namespace zel::detail {
 
 /// One sampler for each thread that asks, owned by the pool. Any number of threads may ask at once,
-/// and no lock is taken; the other operations need the pool to themselves. A thread that has the
-/// identity of one that has ended takes over its sampler: the system gives an identity anew only
-/// after the thread has ended, and so after its last use.
+/// and only the first time of a thread takes a lock; the other operations need the pool to
+/// themselves, but for threads that end. A thread that has the identity of one that has ended takes
+/// over its sampler. The end of a thread is marked in its slots, so that the next owner sees all
+/// that the one before it did.
 ///
 /// A table of threads that only grows until it is cleared: a thread that is not among the slots
 /// where a block would have it is looked for in one of the blocks below. Pointers are read far more
@@ -67,15 +70,16 @@ private:
     // A slot keeps its owner, and so the first free slot that a thread meets on its way is beyond
     // all that it could own.
     struct Slot {
-        std::atomic<std::uint64_t> owner{0};  // 0 for none, which is no thread
+        std::atomic<std::uint64_t> owner{0};  // 0 for none; with kEnded one that has ended
         Sampler* sampler = nullptr;           // used by the owner alone
     };
     struct alignas(64) Block {
         std::array<Slot, 1U << kSlotBits> slots;
         std::array<std::atomic<Block*>, 1U << kBranchBits> below{};
+        std::array<OwnedSlot, 1U << kSlotBits> owned;  // by the place of the slot
     };
 
-    /// What no other living thread has, and not 0. The call that gives it is worth saving.
+    /// What no other living thread has, even and not 0. The call that gives it is worth saving.
     static std::uint64_t thisThread() {
 #if defined(__GNUC__) && !defined(__clang__)
         return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer());
@@ -92,13 +96,16 @@ private:
         for (std::atomic<Block*>* link = &m_first;;) {
             Block& block = blockAt(*link);
             for (unsigned probe = 0; probe < kProbes; ++probe) {
-                Slot& slot = block.slots[((hash >> kSlotShift) + probe) % block.slots.size()];
-                std::uint64_t owner = slot.owner.load(std::memory_order_relaxed);
-                bool const claimed =
-                    owner == 0 && slot.owner.compare_exchange_strong(owner, me,  //
-                                                                     std::memory_order_relaxed);
-                if (claimed || owner == me) {
-                    exists = !claimed;
+                auto const place = ((hash >> kSlotShift) + probe) % block.slots.size();
+                Slot& slot = block.slots[place];
+                std::uint64_t owner = slot.owner.load(std::memory_order_acquire);
+                exists = owner == me;
+                if (exists) return slot.sampler;
+                if (owner != 0 && owner != (me | kEnded)) continue;
+                watchThread();
+                exists = owner != 0;  // the pointer of the thread before this one
+                if (slot.owner.compare_exchange_strong(owner, me, std::memory_order_relaxed)) {
+                    own(block.owned[place], slot.owner);
                     return slot.sampler;
                 }
             }
@@ -120,13 +127,14 @@ private:
     template <class Visit> static void forEach(Block* block, Visit const& visit) {
         if (!block) return;
         for (Slot& slot : block->slots)
-            if (slot.owner.load(std::memory_order_relaxed) != 0) visit(slot.sampler);
+            if (slot.owner.load(std::memory_order_acquire) != 0) visit(slot.sampler);
         for (auto& link : block->below) forEach(link.load(std::memory_order_acquire), visit);
     }
 
     static void release(Block* block) {
         if (!block) return;
         for (auto& link : block->below) release(link.load(std::memory_order_acquire));
+        disown(block->owned);
         delete block;
     }
 
