@@ -2,3 +2,6 @@
 
 // Marks what libzel_platform offers to other libraries and programs: everything else stays hidden.
 #define ZEL_PLATFORM_API __attribute__((visibility("default")))
+
+/// Marks what a class that is offered keeps to the library.
+#define ZEL_PLATFORM_INTERNAL __attribute__((visibility("hidden")))

@@ -147,19 +147,21 @@ private:
     using Levels = std::array<Level, Traits::kMaxDepth + 1>;
     using TileCounts = typename Container<Traits>::TileCounts;
 
-    static Container<Traits> const& containerOf(Component const& topology, char const* caller);
+    ZEL_PLATFORM_INTERNAL static Container<Traits> const& containerOf(Component const& topology,
+                                                                      char const* caller);
     bool hasDepth(unsigned depth) const {
         return m_minDepth <= static_cast<int>(depth) && static_cast<int>(depth) <= m_maxDepth;
     }
-    static void checkDepths(int minDepth, int maxDepth, char const* caller);
+    ZEL_PLATFORM_INTERNAL static void checkDepths(int minDepth, int maxDepth, char const* caller);
     long long present(int depth) const {
         return static_cast<long long>(m_levels[static_cast<unsigned>(depth)].tiles);
     }
-    std::span<T> depthSamples(unsigned depth, Quern::Any const& value, char const* caller);
-    ChannelMemory place(Levels& levels, TileCounts const& counts, int minDepth, int maxDepth,
-                        bool reuse);
-    void resize(Container<Traits> const& container, int minDepth, int maxDepth,
-                TileCounts const& most);
+    ZEL_PLATFORM_INTERNAL std::span<T> depthSamples(unsigned depth, Quern::Any const& value,
+                                                    char const* caller);
+    ZEL_PLATFORM_INTERNAL ChannelMemory place(Levels& levels, TileCounts const& counts,
+                                              int minDepth, int maxDepth, bool reuse);
+    ZEL_PLATFORM_INTERNAL void resize(Container<Traits> const& container, int minDepth,
+                                      int maxDepth, TileCounts const& most);
 
     Quern::String m_name;
     T m_defaultValue;

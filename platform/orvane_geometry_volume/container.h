@@ -169,10 +169,10 @@ private:
 
     static std::uint32_t hashOf(Tile const& tile);
 
-    void checkRoom(long long more) const;
-    void reserveChild(Tile const* parent, int depth);
-    TreeIndex link(Tile* parent, int3 const& childPosition) noexcept;
-    void changed() noexcept;
+    ZEL_PLATFORM_INTERNAL void checkRoom(long long more) const;
+    ZEL_PLATFORM_INTERNAL void reserveChild(Tile const* parent, int depth);
+    ZEL_PLATFORM_INTERNAL TreeIndex link(Tile* parent, int3 const& childPosition) noexcept;
+    ZEL_PLATFORM_INTERNAL void changed() noexcept;
 
     std::array<Level, Traits::kMaxDepth + 1> m_levels;
     Tables m_tables;
@@ -219,7 +219,7 @@ protected:
 
 private:
     Tile const& find(int i, int j, int k, int depth) const;
-    class Search;
+    class ZEL_PLATFORM_INTERNAL Search;
 
     Container const* m_container;
 };

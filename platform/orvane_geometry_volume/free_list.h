@@ -32,7 +32,7 @@ public:
         std::scoped_lock const lock(m_mutex);
         auto const found = m_entries.lower_bound(size);
         if (found == m_entries.end() || found->first - size > size) return std::nullopt;
-        std::optional<Taken> taken(Taken{found->first, std::move(found->second)});
+        std::optional<Taken> taken(Taken{found->first, std::move(found->second.entry)});
         m_heldSize -= found->first;
         m_entries.erase(found);
         return taken;
@@ -49,7 +49,7 @@ public:
                 dropped.swap(m_entries);
                 m_heldSize = 0;
             }
-            m_entries.emplace(size, std::move(entry));
+            m_entries.emplace(size, Held{std::move(entry)});
             m_heldSize += size;
             return true;
         } catch (...) {
@@ -70,7 +70,12 @@ public:
     }
 
 private:
-    using Entries = std::multimap<unsigned long long, Entry>;
+    /// Of a type that the library keeps to itself, and so the map does not become part of what it
+    /// exports.
+    struct Held {
+        Entry entry;
+    };
+    using Entries = std::multimap<unsigned long long, Held>;
 
     unsigned long long const m_limit;
     std::atomic<bool> m_enabled = false;

@@ -57,10 +57,10 @@ public:
     double evalFCurve(double x) const;
 
 private:
-    double insideKeys(double x) const;
-    double extrapolate(Extrapolation kind, bool after, double x) const;
-    double endSlope(bool after) const;
-    double cycle(bool withOffset, double x) const;
+    ZEL_PLATFORM_INTERNAL double insideKeys(double x) const;
+    ZEL_PLATFORM_INTERNAL double extrapolate(Extrapolation kind, bool after, double x) const;
+    ZEL_PLATFORM_INTERNAL double endSlope(bool after) const;
+    ZEL_PLATFORM_INTERNAL double cycle(bool withOffset, double x) const;
 
     std::vector<Key> m_keys;
     Extrapolation m_before = Extrapolation::kConstant;

@@ -47,7 +47,8 @@ protected:
 
 private:
     friend NodeAccess;
-    typename Interface::Gradient gradientOf(float3 const& /*p*/, long long /*i*/) const {
+    ZEL_INTERNAL typename Interface::Gradient gradientOf(float3 const& /*p*/,
+                                                         long long /*i*/) const {
         return {};
     }
 };
@@ -62,7 +63,7 @@ public:
 
 private:
     friend NodeAccess;
-    float valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
 };
 
 /// The value of a property of type float3, or the rotation vector of one of type float4: the axis
@@ -78,7 +79,7 @@ public:
 
 private:
     friend NodeAccess;
-    float3 valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL float3 valueOf(float3 const& p, long long index) const;
 };
 
 /// 1 where ScalarGeoPropertyTriggered, bound alike, reads an element, and 0 where it answers its
@@ -90,7 +91,7 @@ public:
 
 private:
     friend NodeAccess;
-    float valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
 };
 
 /// 1 where VectorGeoPropertyTriggered, bound alike, reads an element, and 0 where it answers its
@@ -102,7 +103,7 @@ public:
 
 private:
     friend NodeAccess;
-    float valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
 };
 
 }  // namespace zel

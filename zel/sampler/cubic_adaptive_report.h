@@ -9,7 +9,8 @@
 namespace ORV::TileTree3D::Internal {
 
 /// Whether the sampler of a kind has reported a NaN in this process.
-template <class Traits, class T> inline std::atomic<bool> nanReported = false;
+template <class Traits, class T>
+[[gnu::visibility("hidden")]] inline std::atomic<bool> nanReported = false;
 
 template <class Traits, class T, class Trace>
 void AdaptiveSample<Traits, T, Trace>::nanInfo(char const* message) const {

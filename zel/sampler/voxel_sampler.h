@@ -15,7 +15,7 @@ namespace Internal {
 /// What a length in finest voxels is multiplied with to be counted in voxels of a depth, and half
 /// of that for Traits<2, 4, 1>.
 template <class Traits>
-inline constexpr auto kVoxelScales = [] {
+[[gnu::visibility("hidden")]] inline constexpr auto kVoxelScales = [] {
     std::array<float, Traits::kMaxDepth + 1> scales{};
     double width = Traits::kBranch == 2 ? 2.0 : 1.0;
     for (int d = Traits::kMaxDepth; d >= 0; --d, width *= Traits::kBranch)

@@ -59,17 +59,17 @@ public:
 protected:
     friend NodeAccess;
     VolumeNode(Quern::String const& channelName, SamplerType type);
-    void copyVolume(VolumeNode const& other);
+    ZEL_INTERNAL void copyVolume(VolumeNode const& other);
 
     /// Where a position is looked up in the volume.
     float3 const& inVolume(float3 const& position) const { return position; }
     /// Whether that is another place.
     bool isScaled() const { return false; }
 
-    void blockValues(Block& block, BlockResult<Value>& out) const;
-    void blockGradients(Block& block, BlockResult<Gradient>& out) const;
-    void differencesInBlock(Block& block, BlockResult<Gradient>& out) const;
-    Lanes<float3> inVolume(Block& block) const;
+    ZEL_INTERNAL void blockValues(Block& block, BlockResult<Value>& out) const;
+    ZEL_INTERNAL void blockGradients(Block& block, BlockResult<Gradient>& out) const;
+    ZEL_INTERNAL void differencesInBlock(Block& block, BlockResult<Gradient>& out) const;
+    ZEL_INTERNAL Lanes<float3> inVolume(Block& block) const;
 
     std::unique_ptr<detail::VolumeReader<Value>> reader;
 };
