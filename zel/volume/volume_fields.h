@@ -31,8 +31,10 @@
 // sampling it.
 //
 // Where a failure to bind cancels a task group, that is the innermost one around the running task.
-// A task that was enqueued to an arena has none of its own but the arena's, which no caller can
-// wait for: bind in a task group or a parallel loop there.
+// A task that was enqueued to a tbb::task_arena has none of its own but the arena's. Cancelling
+// that one cannot be undone, and the next task that is enqueued to the arena ends the program. Bind
+// in a tbb::task_group or a parallel loop there: it is cancelled alone. tbb::this_task_arena::isolate
+// makes no group.
 namespace zel {
 
 using Orvane::Geometry::Query::SamplerType;
@@ -80,7 +82,7 @@ class ZEL_API BoundVolumeNode : public VolumeNode<Self, Interface> {
 public:
     /// Binds to the object's volume. If that throws, whatever it is, the task group of the oneTBB
     /// task that runs the constructor is cancelled, if there is one, and the node stays with what
-    /// it found until then.
+    /// it found until then. Not to be called by an enqueued task outside a group; see above.
     BoundVolumeNode(Orvane::Object const& object, Quern::String const& channelName,
                     SamplerType const& type);
 
@@ -106,7 +108,7 @@ public:
     /// with the text ORV::exceptionMessage, the task group of the oneTBB task that runs this is
     /// cancelled, if there is one, and nothing is thrown; with another text, a std::runtime_error
     /// with that text is thrown. Anything else reaches the caller as it is. The node stays with
-    /// what it found until then.
+    /// what it found until then. Not to be called by an enqueued task outside a group; see above.
     void apply_object(Orvane::Object const& object) override;
 
     /// Takes over all but the type name, as for a bound node, and the scale.
