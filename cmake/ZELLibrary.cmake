@@ -14,6 +14,14 @@ function(zel_compile_options target)
             -fno-trapping-math)
 endfunction()
 
+# Whether the libraries are optimised as for a release: a node costs what its loops cost, so all
+# builds do it but those whose type or flags ask for another kind of code.
+set(ZEL_OPTIMISED $<NOT:$<CONFIG:Debug,MinSizeRel>>)
+get_directory_property(flags COMPILE_OPTIONS)
+if("${CMAKE_CXX_FLAGS} ${flags}" MATCHES "-fsanitize|-O[01gsz]")
+  set(ZEL_OPTIMISED 0)
+endif()
+
 # A library from the sources of this folder, listed by hand. Its headers are included as
 # "<target>/...", whatever the folder is called, from one folder that holds nothing else: the build
 # tree has a link to this folder there, the install tree the public headers.
@@ -26,11 +34,8 @@ function(zel_add_library target)
   add_library(${target} ${arg_SOURCES})
   add_library(ZEL::${target} ALIAS ${target})
   zel_compile_options(${target})
-  # A node costs what its loops cost: optimised as for a release by all builds but those that ask for
-  # another kind of code, and without assertions where nothing is said of them.
-  target_compile_options(${target} PRIVATE $<$<NOT:$<CONFIG:Debug,MinSizeRel>>:-O3>)
-  target_compile_definitions(
-    ${target} PRIVATE $<$<NOT:$<CONFIG:Debug,Release,RelWithDebInfo,MinSizeRel>>:NDEBUG>)
+  target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
+  target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
   # Without unique symbols a process that closes the library really unloads it.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition
                                            $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
@@ -44,9 +49,12 @@ function(zel_add_library target)
                CXX_EXTENSIONS OFF
                # An installed libzel finds libzel_platform beside it.
                INSTALL_RPATH "$ORIGIN"
-               # Warnings of the headers are no business of a project that takes in the sources.
-               SYSTEM $<NOT:$<BOOL:${PROJECT_IS_TOP_LEVEL}>>
                VERIFY_INTERFACE_HEADER_SETS ${PROJECT_IS_TOP_LEVEL})
+  if(NOT PROJECT_IS_TOP_LEVEL)
+    # A project that takes in the sources sees no warnings of the headers. The property is no
+    # generator expression.
+    set_target_properties(${target} PROPERTIES SYSTEM ON)
+  endif()
   target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${include} FILES ${arg_HEADERS})
   if(ZEL_INSTALL)
     install(
