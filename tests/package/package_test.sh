@@ -65,6 +65,7 @@ find_package_static)
     ;;
 add_subdirectory)
     cmake_project -DZEL_SOURCE_DIR="$source" -DCMAKE_BUILD_TYPE=Debug
+    ninja -C b -t commands app | grep -q -- "-isystem $work/b/zel/include "
     ;;
 pkg_config)
     use_pkg_config "$package/shared"
