@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Prints the layout of the classes that programs compiled against ZEL depend on.
 
-abi_layout.py FILE.abi...: what abidw made of libraries with debug information. A line for each size,
-base, member and virtual function; offsets are in bytes, virtual functions by their place in the table.
+abi_layout.py FILE.abi: what abidw made of all public headers, compiled with debug information. A line
+for each size, base, member, virtual function and enumerator; offsets are in bytes, virtual functions
+by their place in the table. The instances of a base of nodes share their lines.
 """
 
 import re
@@ -10,46 +11,78 @@ import sys
 import xml.etree.ElementTree
 
 NAMESPACES = ("zel", "Core", "Quern", "Orvane", "ORV", "Vellum")
-# What is not exported, and the bases of nodes, which the nodes themselves stand for.
-LEFT_OUT = re.compile("anonymous|Sampler|VolumeReader|ScalarConverter|TileTree3D::Internal|"
-                      "zel::[A-Za-z]*Node<|Internal::ObjectBlock|^zel::detail::Fusion")
+SHARED = re.compile("(zel::[A-Za-z]*Node)<.*>$")
 
 
-def classes(element, scope):
+def declarations(element, scope):
+    """All types below `element`, with their qualified names."""
     for child in element:
         name = child.get("name")
-        if child.tag == "namespace-decl":
-            yield from classes(child, scope + [name])
-        elif child.tag in ("class-decl", "union-decl") and name:
-            if scope and scope[0] in NAMESPACES and child.get("is-declaration-only") != "yes":
-                yield "::".join(scope + [name]), child
-            for member in child.iter("member-type"):
-                yield from classes(member, scope + [name])
-        elif child.tag == "abi-instr":
-            yield from classes(child, scope)
+        if child.get("id"):
+            yield "::".join(scope + [name or "?"]), child
+        if child.tag in ("namespace-decl", "class-decl", "union-decl"):
+            yield from declarations(child, scope + [name])
+        elif child.tag in ("abi-instr", "member-type"):
+            yield from declarations(child, scope)
 
 
-def layout(name, node, names):
+class Types:
+    def __init__(self, root):
+        self.declared = {}
+        for name, node in declarations(root, []):
+            self.declared.setdefault(node.get("id"), (name, node))
+
+    def name(self, identifier):
+        """The type as C++ writes it, without the names that typedefs give it."""
+        if identifier not in self.declared:
+            return "?"
+        name, node = self.declared[identifier]
+        of = node.get("type-id")
+        if node.tag == "typedef-decl":
+            return self.name(of)
+        if node.tag == "pointer-type-def":
+            return self.name(of) + "*"
+        if node.tag == "reference-type-def":
+            return self.name(of) + ("&" if node.get("kind") == "lvalue" else "&&")
+        if node.tag == "qualified-type-def":
+            qualifiers = [q for q in ("const", "volatile") if node.get(q) == "yes"]
+            return " ".join([self.name(of)] + qualifiers)
+        if node.tag == "array-type-def":
+            lengths = (f"[{sub.get('length')}]" for sub in node.findall("subrange"))
+            return self.name(of) + "".join(lengths)
+        return "function" if node.tag == "function-type" else name
+
+
+def layout(name, node, types):
+    if node.tag == "enum-decl":
+        for value in node.findall("enumerator"):
+            yield f"{name} enumerator {value.get('value')} {value.get('name')}"
+        return
     yield f"{name} size {int(node.get('size-in-bits', 0)) // 8}"
     for base in node.findall("base-class"):
         offset = int(base.get("layout-offset-in-bits", 0)) // 8
-        yield f"{name} base {offset} {names.get(base.get('type-id'), '?')}"
+        base_name = SHARED.sub(r"\1", types.name(base.get("type-id")))
+        yield f"{name} base {offset} {base_name}"
     for member in node.findall("data-member"):
-        variable = member.find("var-decl")
         if member.get("static") != "yes":
+            variable = member.find("var-decl")
             offset = int(member.get("layout-offset-in-bits", 0)) / 8
-            yield f"{name} member {offset:g} {variable.get('name')}"
+            of = types.name(variable.get("type-id"))
+            yield f"{name} member {offset:3g} {variable.get('name')}: {of}"
     for function in node.findall("member-function"):
-        place = function.get("vtable-offset")
-        if place and int(place) >= 0:
-            yield f"{name} virtual {place} {function.find('function-decl').get('name')}"
+        place = int(function.get("vtable-offset", -1))
+        if place >= 0:
+            declared = function.find("function-decl")
+            parameters = ", ".join(types.name(p.get("type-id")) for p in declared.findall("parameter")
+                                   if p.get("is-artificial") != "yes")
+            yield f"{name} virtual {place:2} {declared.get('name')}({parameters})"
 
 
+root = xml.etree.ElementTree.parse(sys.argv[1]).getroot()
+types = Types(root)
 lines = set()
-for path in sys.argv[1:]:
-    found = list(classes(xml.etree.ElementTree.parse(path).getroot(), []))
-    names = {node.get("id"): name for name, node in found}
-    for name, node in found:
-        if not LEFT_OUT.search(name):
-            lines.update(layout(name, node, names))
+for name, node in declarations(root, []):
+    if (node.tag in ("class-decl", "union-decl", "enum-decl") and name.split("::")[0] in NAMESPACES
+            and node.get("is-declaration-only") != "yes"):
+        lines.update(layout(SHARED.sub(r"\1", name), node, types))
 print("\n".join(sorted(lines)))
