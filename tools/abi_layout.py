@@ -75,7 +75,8 @@ def layout(name, node, types):
             declared = function.find("function-decl")
             parameters = ", ".join(types.name(p.get("type-id")) for p in declared.findall("parameter")
                                    if p.get("is-artificial") != "yes")
-            yield f"{name} virtual {place:2} {declared.get('name')}({parameters})"
+            result = types.name(declared.find("return").get("type-id"))
+            yield f"{name} virtual {place:2} {result} {declared.get('name')}({parameters})"
 
 
 root = xml.etree.ElementTree.parse(sys.argv[1]).getroot()
