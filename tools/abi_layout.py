@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """Prints the layout of the classes that programs compiled against ZEL depend on.
 
-abi_layout.py FILE.abi: what abidw made of all public headers, compiled with debug information. A line
+abi_layout.py FILE.abi [--functions]: what abidw made of all public headers, compiled with debug information. A line
 for each size, base, member, virtual function and enumerator; offsets are in bytes, virtual functions
 by their place in the table. The instances of a base of nodes share their lines.
+With --functions it prints a C++ function for each class instead, since abidiff looks at no others than
+those that functions take.
 """
 
 import re
@@ -79,11 +81,31 @@ def layout(name, node, types):
             yield f"{name} virtual {place:2} {result} {declared.get('name')}({parameters})"
 
 
+def is_ours(name, node):
+    return (node.tag in ("class-decl", "union-decl", "enum-decl")
+            and name.split("::")[0] in NAMESPACES and node.get("is-declaration-only") != "yes")
+
+
+def functions(element, scope):
+    """A function for each class that is a member of no other."""
+    for child in element:
+        if child.tag == "namespace-decl":
+            yield from functions(child, scope + [child.get("name")])
+        elif child.tag == "abi-instr":
+            yield from functions(child, scope)
+        elif child.tag == "class-decl" and child.get("is-anonymous") != "yes":
+            name = "::".join(scope + [child.get("name")])
+            if is_ours(name, child):
+                yield f"void zelTakes({name} const&) {{}}"
+
+
 root = xml.etree.ElementTree.parse(sys.argv[1]).getroot()
+if "--functions" in sys.argv:
+    print("\n".join(sorted(set(functions(root, [])))))
+    sys.exit()
 types = Types(root)
 lines = set()
 for name, node in declarations(root, []):
-    if (node.tag in ("class-decl", "union-decl", "enum-decl") and name.split("::")[0] in NAMESPACES
-            and node.get("is-declaration-only") != "yes"):
+    if is_ours(name, node):
         lines.update(layout(SHARED.sub(r"\1", name), node, types))
 print("\n".join(sorted(lines)))
