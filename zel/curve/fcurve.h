@@ -10,8 +10,8 @@ namespace zel {
 /// curve(field)
 class ZEL_API ScalarFieldFCurve : public FieldNode<ScalarFieldFCurve, ScalarField> {
 public:
-    ScalarFieldFCurve(ScalarPtr field, Quern::Ptr<Orvane::Math::FCurve> curve)
-        : field(std::move(field)), curve(std::move(curve)) {}
+    ScalarFieldFCurve(ScalarPtr field_, Quern::Ptr<Orvane::Math::FCurve> curve_)
+        : field(std::move(field_)), curve(std::move(curve_)) {}
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;
@@ -28,8 +28,8 @@ private:
 /// curve(field[c]) for each component, by one curve for all three.
 class ZEL_API VectorFieldFCurve : public FieldNode<VectorFieldFCurve, VectorField> {
 public:
-    VectorFieldFCurve(VectorPtr field, Quern::Ptr<Orvane::Math::FCurve> curve)
-        : field(std::move(field)), curve(std::move(curve)) {}
+    VectorFieldFCurve(VectorPtr field_, Quern::Ptr<Orvane::Math::FCurve> curve_)
+        : field(std::move(field_)), curve(std::move(curve_)) {}
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;

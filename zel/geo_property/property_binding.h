@@ -24,7 +24,7 @@ constexpr bool inside(long long i, long long count) {
 
 /// What the bindings of scalar and of vector properties share.
 struct ZEL_API PropertyBinding {
-    explicit PropertyBinding(Quern::String const& propertyName) : propertyName(propertyName) {}
+    explicit PropertyBinding(Quern::String const& propertyName_) : propertyName(propertyName_) {}
 
     /// Takes the range indices of the property's target, or none if it has none. Those of an
     /// earlier object stay if the target is the voxel tile tree.

@@ -14,7 +14,7 @@ namespace zel {
 class ZEL_API VectorFieldClosestPointTransform
     : public FieldNode<VectorFieldClosestPointTransform, VectorField> {
 public:
-    explicit VectorFieldClosestPointTransform(ScalarPtr field) : field(std::move(field)) {}
+    explicit VectorFieldClosestPointTransform(ScalarPtr field_) : field(std::move(field_)) {}
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;

@@ -9,7 +9,7 @@ namespace zel {
 /// The gradient of a scalar field, a vector field.
 class ZEL_API ScalarFieldGradient : public FieldNode<ScalarFieldGradient, VectorField> {
 public:
-    explicit ScalarFieldGradient(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldGradient(ScalarPtr field_) : field(std::move(field_)) {}
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;
@@ -25,7 +25,7 @@ private:
 /// The divergence of a vector field, a scalar field: the trace of its gradient.
 class ZEL_API ScalarFieldDivergence : public FieldNode<ScalarFieldDivergence, ScalarField> {
 public:
-    explicit ScalarFieldDivergence(VectorPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldDivergence(VectorPtr field_) : field(std::move(field_)) {}
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;
@@ -41,7 +41,7 @@ private:
 /// The curl of a vector field: (dz/dy - dy/dz, dx/dz - dz/dx, dy/dx - dx/dy).
 class ZEL_API VectorFieldCurl : public FieldNode<VectorFieldCurl, VectorField> {
 public:
-    explicit VectorFieldCurl(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldCurl(VectorPtr field_) : field(std::move(field_)) {}
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;

@@ -12,8 +12,8 @@ template <class Self, class Interface> class ZEL_API WarpNode : public FieldNode
 public:
     using typename NamedNode<Self, Interface>::Value;
     using typename NamedNode<Self, Interface>::Gradient;
-    WarpNode(Quern::Ptr<Interface> field, VectorPtr warp)
-        : field(std::move(field)), warp(std::move(warp)) {}
+    WarpNode(Quern::Ptr<Interface> field_, VectorPtr warp_)
+        : field(std::move(field_)), warp(std::move(warp_)) {}
 
     using Interface::eval;
     Value eval(float3 const& position, long long index) const override;
@@ -49,8 +49,8 @@ class ZEL_API AdvectNode : public FieldNode<Self, Interface> {
 public:
     using typename NamedNode<Self, Interface>::Value;
     using typename NamedNode<Self, Interface>::Gradient;
-    AdvectNode(Quern::Ptr<Interface> field, VectorPtr velocity, float dt)
-        : field(std::move(field)), velocity(std::move(velocity)), dt(dt) {}
+    AdvectNode(Quern::Ptr<Interface> field_, VectorPtr velocity_, float dt_)
+        : field(std::move(field_)), velocity(std::move(velocity_)), dt(dt_) {}
 
     using Interface::eval;
     Value eval(float3 const& position, long long index) const override;

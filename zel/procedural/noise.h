@@ -21,8 +21,8 @@ namespace zel {
 /// One layer of 4-D simplex noise: simplex_noise((p, time(p)), seed).
 class ZEL_API ScalarFieldSimplexNoise : public HookedNode<ScalarFieldSimplexNoise, ScalarField> {
 public:
-    ScalarFieldSimplexNoise(ScalarPtr time, std::int64_t seed)
-        : time(std::move(time)), seed(seed) {}
+    ScalarFieldSimplexNoise(ScalarPtr time_, std::int64_t seed_)
+        : time(std::move(time_)), seed(seed_) {}
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;
@@ -43,11 +43,12 @@ private:
 /// `scaleRatio` is 0 or NaN, and where `octaves` is not above 0, not finite, or 2^31 or more.
 class ZEL_API ScalarFieldFractalNoise : public HookedNode<ScalarFieldFractalNoise, ScalarField> {
 public:
-    ScalarFieldFractalNoise(float amplitude, float octaves, float frequency, float amplitudeRatio,
-                            float scaleRatio, ScalarPtr time, float timeRatio, std::int64_t seed)
-        : amplitude(amplitude), octaves(octaves), frequency(frequency),
-          amplitudeRatio(amplitudeRatio), scaleRatio(scaleRatio), time(std::move(time)),
-          timeRatio(timeRatio), seed(seed) {}
+    ScalarFieldFractalNoise(float amplitude_, float octaves_, float frequency_,
+                            float amplitudeRatio_, float scaleRatio_, ScalarPtr time_,
+                            float timeRatio_, std::int64_t seed_)
+        : amplitude(amplitude_), octaves(octaves_), frequency(frequency_),
+          amplitudeRatio(amplitudeRatio_), scaleRatio(scaleRatio_), time(std::move(time_)),
+          timeRatio(timeRatio_), seed(seed_) {}
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;

@@ -13,7 +13,8 @@ namespace zel {
 /// at the centre is zero.
 class ZEL_API ScalarFieldSphere : public LeafNode<ScalarFieldSphere, ScalarField> {
 public:
-    ScalarFieldSphere(float3 const& center, float const& radius) : center(center), radius(radius) {}
+    ScalarFieldSphere(float3 const& center_, float const& radius_)
+        : center(center_), radius(radius_) {}
 
 private:
     friend NodeAccess;

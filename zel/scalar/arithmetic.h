@@ -9,7 +9,7 @@ namespace zel {
 class ZEL_API ScalarFieldConstant : public LeafNode<ScalarFieldConstant, ScalarField> {
 public:
     ScalarFieldConstant() = default;
-    explicit ScalarFieldConstant(float value) : value(value) {}
+    explicit ScalarFieldConstant(float value_) : value(value_) {}
 
 private:
     friend NodeAccess;
@@ -23,7 +23,7 @@ private:
 /// a + b
 class ZEL_API ScalarFieldAdd : public PointwiseNode<ScalarFieldAdd, ScalarField> {
 public:
-    ScalarFieldAdd(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldAdd(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -37,7 +37,7 @@ private:
 /// a - b
 class ZEL_API ScalarFieldSubtract : public PointwiseNode<ScalarFieldSubtract, ScalarField> {
 public:
-    ScalarFieldSubtract(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldSubtract(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -51,7 +51,7 @@ private:
 /// -field, by the sign bit: +0 gives -0.
 class ZEL_API ScalarFieldNegative : public PointwiseNode<ScalarFieldNegative, ScalarField> {
 public:
-    explicit ScalarFieldNegative(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldNegative(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -65,7 +65,7 @@ private:
 /// a * b
 class ZEL_API ScalarFieldMultiply : public PointwiseNode<ScalarFieldMultiply, ScalarField> {
 public:
-    ScalarFieldMultiply(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldMultiply(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -81,7 +81,7 @@ private:
 /// a / b. No guard: where b is 0 the value and the gradient are infinite or NaN.
 class ZEL_API ScalarFieldDivide : public PointwiseNode<ScalarFieldDivide, ScalarField> {
 public:
-    ScalarFieldDivide(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldDivide(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -97,8 +97,8 @@ private:
 /// b * t + a * (1 - t). Not limited: a `t` outside 0..1 extrapolates.
 class ZEL_API ScalarFieldLerp : public PointwiseNode<ScalarFieldLerp, ScalarField> {
 public:
-    ScalarFieldLerp(ScalarPtr a, ScalarPtr b, ScalarPtr t)
-        : a(std::move(a)), b(std::move(b)), t(std::move(t)) {}
+    ScalarFieldLerp(ScalarPtr a_, ScalarPtr b_, ScalarPtr t_)
+        : a(std::move(a_)), b(std::move(b_)), t(std::move(t_)) {}
 
 private:
     friend NodeAccess;

@@ -12,7 +12,8 @@ namespace zel {
 /// 1 has an infinite gradient.
 class ZEL_API ScalarFieldPow : public PointwiseNode<ScalarFieldPow, ScalarField> {
 public:
-    ScalarFieldPow(ScalarPtr field, float exponent) : field(std::move(field)), exponent(exponent) {}
+    ScalarFieldPow(ScalarPtr field_, float exponent_)
+        : field(std::move(field_)), exponent(exponent_) {}
 
 private:
     friend NodeAccess;
@@ -32,7 +33,7 @@ private:
 /// The square root of field, and 0 with a zero gradient where field is negative or NaN.
 class ZEL_API ScalarFieldSquareRoot : public PointwiseNode<ScalarFieldSquareRoot, ScalarField> {
 public:
-    explicit ScalarFieldSquareRoot(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldSquareRoot(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -48,7 +49,7 @@ private:
 /// e to the power of field.
 class ZEL_API ScalarFieldExp : public PointwiseNode<ScalarFieldExp, ScalarField> {
 public:
-    explicit ScalarFieldExp(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldExp(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;

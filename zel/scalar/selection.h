@@ -12,7 +12,7 @@ namespace zel {
 /// a if a > b, else b. On a tie the gradient is that of a.
 class ZEL_API ScalarFieldMax : public PointwiseNode<ScalarFieldMax, ScalarField> {
 public:
-    ScalarFieldMax(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldMax(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -26,7 +26,7 @@ private:
 /// a if a < b, else b. On a tie the gradient is that of b.
 class ZEL_API ScalarFieldMin : public PointwiseNode<ScalarFieldMin, ScalarField> {
 public:
-    ScalarFieldMin(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldMin(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -40,7 +40,7 @@ private:
 /// 1 where field > 0, else 0. The gradient is zero everywhere.
 class ZEL_API ScalarFieldMask : public PointwiseNode<ScalarFieldMask, ScalarField> {
 public:
-    explicit ScalarFieldMask(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldMask(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -56,8 +56,8 @@ private:
 /// and zero on and beyond them. A NaN stays, with a zero gradient.
 class ZEL_API ScalarFieldClamp : public PointwiseNode<ScalarFieldClamp, ScalarField> {
 public:
-    ScalarFieldClamp(ScalarPtr field, float min, float max)
-        : field(std::move(field)), min(min), max(max) {}
+    ScalarFieldClamp(ScalarPtr field_, float min_, float max_)
+        : field(std::move(field_)), min(min_), max(max_) {}
 
 private:
     friend NodeAccess;
@@ -75,8 +75,8 @@ private:
 /// a where condition > 0, else b. Only the branch taken is evaluated.
 class ZEL_API ScalarFieldSwitch : public SwitchNode<ScalarFieldSwitch, ScalarField> {
 public:
-    ScalarFieldSwitch(ScalarPtr condition, ScalarPtr a, ScalarPtr b)
-        : condition(std::move(condition)), a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldSwitch(ScalarPtr condition_, ScalarPtr a_, ScalarPtr b_)
+        : condition(std::move(condition_)), a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -91,7 +91,7 @@ private:
 /// negative.
 class ZEL_API ScalarFieldAbsolute : public PointwiseNode<ScalarFieldAbsolute, ScalarField> {
 public:
-    explicit ScalarFieldAbsolute(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldAbsolute(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;

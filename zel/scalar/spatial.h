@@ -36,8 +36,8 @@ private:
 /// field moved by `offset`: field(p - offset).
 class ZEL_API ScalarFieldTranslate : public TransformNode<ScalarFieldTranslate, ScalarField> {
 public:
-    ScalarFieldTranslate(ScalarPtr field, float3 const& offset)
-        : field(std::move(field)), offset(offset) {}
+    ScalarFieldTranslate(ScalarPtr field_, float3 const& offset_)
+        : field(std::move(field_)), offset(offset_) {}
 
 private:
     friend NodeAccess;
@@ -55,8 +55,8 @@ private:
 /// component nearer to 0 than 2^-23 is taken as +2^-23.
 class ZEL_API ScalarFieldScale : public TransformNode<ScalarFieldScale, ScalarField> {
 public:
-    ScalarFieldScale(ScalarPtr field, float3 const& scale)
-        : field(std::move(field)), scale(detail::limitedScale(scale)) {}
+    ScalarFieldScale(ScalarPtr field_, float3 const& scale_)
+        : field(std::move(field_)), scale(detail::limitedScale(scale_)) {}
 
 private:
     friend NodeAccess;
@@ -76,10 +76,10 @@ class ZEL_API ScalarFieldRotate : public TransformNode<ScalarFieldRotate, Scalar
 public:
     /// Turns by the negative of a rotation vector, whose length is an angle in radians. A vector of
     /// length 0, or with a NaN in it, does not turn.
-    ScalarFieldRotate(ScalarPtr field, float3 const& rotation)
-        : field(std::move(field)), rotation(detail::rotationOf(rotation)) {}
-    ScalarFieldRotate(ScalarPtr field, float4 const& rotation)
-        : field(std::move(field)), rotation(rotation) {}
+    ScalarFieldRotate(ScalarPtr field_, float3 const& rotation_)
+        : field(std::move(field_)), rotation(detail::rotationOf(rotation_)) {}
+    ScalarFieldRotate(ScalarPtr field_, float4 const& rotation_)
+        : field(std::move(field_)), rotation(rotation_) {}
 
 private:
     friend NodeAccess;

@@ -12,7 +12,7 @@ namespace zel {
 /// sin(field)
 class ZEL_API ScalarFieldSine : public PointwiseNode<ScalarFieldSine, ScalarField> {
 public:
-    explicit ScalarFieldSine(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldSine(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -27,7 +27,7 @@ private:
 /// cos(field)
 class ZEL_API ScalarFieldCosine : public PointwiseNode<ScalarFieldCosine, ScalarField> {
 public:
-    explicit ScalarFieldCosine(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldCosine(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -42,7 +42,7 @@ private:
 /// tan(field). The gradient is the child's times w * w + 1, with w this node's value.
 class ZEL_API ScalarFieldTangent : public PointwiseNode<ScalarFieldTangent, ScalarField> {
 public:
-    explicit ScalarFieldTangent(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldTangent(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -57,7 +57,7 @@ private:
 /// asin(field). The gradient is 0 where field is 1 or above, -1, or NaN; NaN below -1.
 class ZEL_API ScalarFieldArcSine : public PointwiseNode<ScalarFieldArcSine, ScalarField> {
 public:
-    explicit ScalarFieldArcSine(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldArcSine(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -81,7 +81,7 @@ private:
 /// acos(field). The gradient has the same special places as that of ScalarFieldArcSine.
 class ZEL_API ScalarFieldArcCosine : public PointwiseNode<ScalarFieldArcCosine, ScalarField> {
 public:
-    explicit ScalarFieldArcCosine(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldArcCosine(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -98,7 +98,7 @@ private:
 /// atan(field)
 class ZEL_API ScalarFieldArcTangent : public PointwiseNode<ScalarFieldArcTangent, ScalarField> {
 public:
-    explicit ScalarFieldArcTangent(ScalarPtr field) : field(std::move(field)) {}
+    explicit ScalarFieldArcTangent(ScalarPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -115,7 +115,7 @@ private:
 class ZEL_API ScalarFieldArcTangent_2D
     : public PointwiseNode<ScalarFieldArcTangent_2D, ScalarField> {
 public:
-    ScalarFieldArcTangent_2D(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
+    ScalarFieldArcTangent_2D(ScalarPtr a_, ScalarPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;

@@ -15,7 +15,7 @@ namespace zel {
 class ZEL_API VectorFieldConstant : public LeafNode<VectorFieldConstant, VectorField> {
 public:
     VectorFieldConstant() = default;
-    explicit VectorFieldConstant(float3 const& value) : value(value) {}
+    explicit VectorFieldConstant(float3 const& value_) : value(value_) {}
 
 private:
     friend NodeAccess;
@@ -31,7 +31,7 @@ private:
 class ZEL_API VectorFieldConstantArray : public LeafNode<VectorFieldConstantArray, VectorField> {
 public:
     VectorFieldConstantArray() = default;
-    explicit VectorFieldConstantArray(Quern::Array<float3> values) : values(std::move(values)) {}
+    explicit VectorFieldConstantArray(Quern::Array<float3> values_) : values(std::move(values_)) {}
 
 private:
     friend NodeAccess;
@@ -48,7 +48,7 @@ private:
 /// a + b
 class ZEL_API VectorFieldAdd : public PointwiseNode<VectorFieldAdd, VectorField> {
 public:
-    VectorFieldAdd(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldAdd(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -62,7 +62,7 @@ private:
 /// a - b
 class ZEL_API VectorFieldSubtract : public PointwiseNode<VectorFieldSubtract, VectorField> {
 public:
-    VectorFieldSubtract(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldSubtract(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -76,7 +76,7 @@ private:
 /// -field, by the sign bits.
 class ZEL_API VectorFieldNegative : public PointwiseNode<VectorFieldNegative, VectorField> {
 public:
-    explicit VectorFieldNegative(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldNegative(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -90,7 +90,7 @@ private:
 /// a[c] * b[c] for each component.
 class ZEL_API VectorFieldMultiply : public PointwiseNode<VectorFieldMultiply, VectorField> {
 public:
-    VectorFieldMultiply(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldMultiply(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -109,7 +109,7 @@ private:
 /// a[c] / b[c] for each component. No guard.
 class ZEL_API VectorFieldDivide : public PointwiseNode<VectorFieldDivide, VectorField> {
 public:
-    VectorFieldDivide(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldDivide(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -128,8 +128,8 @@ private:
 /// field * factor
 class ZEL_API VectorFieldVSMultiply : public PointwiseNode<VectorFieldVSMultiply, VectorField> {
 public:
-    VectorFieldVSMultiply(VectorPtr field, ScalarPtr factor)
-        : field(std::move(field)), factor(std::move(factor)) {}
+    VectorFieldVSMultiply(VectorPtr field_, ScalarPtr factor_)
+        : field(std::move(field_)), factor(std::move(factor_)) {}
 
 private:
     friend NodeAccess;
@@ -148,8 +148,8 @@ private:
 /// field / factor, by three divisions. No guard.
 class ZEL_API VectorFieldVSDivide : public PointwiseNode<VectorFieldVSDivide, VectorField> {
 public:
-    VectorFieldVSDivide(VectorPtr field, ScalarPtr factor)
-        : field(std::move(field)), factor(std::move(factor)) {}
+    VectorFieldVSDivide(VectorPtr field_, ScalarPtr factor_)
+        : field(std::move(field_)), factor(std::move(factor_)) {}
 
 private:
     friend NodeAccess;
@@ -168,8 +168,8 @@ private:
 /// a * (1 - t) + b * t. Not limited: a `t` outside 0..1 extrapolates.
 class ZEL_API VectorFieldLerp : public PointwiseNode<VectorFieldLerp, VectorField> {
 public:
-    VectorFieldLerp(VectorPtr a, VectorPtr b, ScalarPtr t)
-        : a(std::move(a)), b(std::move(b)), t(std::move(t)) {}
+    VectorFieldLerp(VectorPtr a_, VectorPtr b_, ScalarPtr t_)
+        : a(std::move(a_)), b(std::move(b_)), t(std::move(t_)) {}
 
 private:
     friend NodeAccess;
@@ -191,7 +191,7 @@ private:
 /// The cross product a × b.
 class ZEL_API VectorFieldCross : public PointwiseNode<VectorFieldCross, VectorField> {
 public:
-    VectorFieldCross(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldCross(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -212,7 +212,7 @@ private:
 /// length of the field. It has no guard: it is NaN where the field is zero.
 class ZEL_API VectorFieldUnitVector : public PointwiseNode<VectorFieldUnitVector, VectorField> {
 public:
-    explicit VectorFieldUnitVector(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldUnitVector(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;

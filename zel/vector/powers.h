@@ -11,8 +11,8 @@ namespace zel {
 /// ScalarFieldPow.
 class ZEL_API VectorFieldPow : public PointwiseNode<VectorFieldPow, VectorField> {
 public:
-    VectorFieldPow(VectorPtr field, float3 exponent)
-        : field(std::move(field)), exponent(exponent) {}
+    VectorFieldPow(VectorPtr field_, float3 exponent_)
+        : field(std::move(field_)), exponent(exponent_) {}
 
 private:
     friend NodeAccess;
@@ -34,7 +34,7 @@ private:
 /// The square root of each component, and 0 with a zero gradient row where it is negative or NaN.
 class ZEL_API VectorFieldSquareRoot : public PointwiseNode<VectorFieldSquareRoot, VectorField> {
 public:
-    explicit VectorFieldSquareRoot(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldSquareRoot(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;

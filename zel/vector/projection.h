@@ -12,7 +12,7 @@ namespace zel {
 /// The x component of a vector field.
 class ZEL_API VectorFieldXComponent : public PointwiseNode<VectorFieldXComponent, ScalarField> {
 public:
-    explicit VectorFieldXComponent(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldXComponent(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -27,7 +27,7 @@ private:
 /// The y component of a vector field.
 class ZEL_API VectorFieldYComponent : public PointwiseNode<VectorFieldYComponent, ScalarField> {
 public:
-    explicit VectorFieldYComponent(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldYComponent(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -42,7 +42,7 @@ private:
 /// The z component of a vector field.
 class ZEL_API VectorFieldZComponent : public PointwiseNode<VectorFieldZComponent, ScalarField> {
 public:
-    explicit VectorFieldZComponent(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldZComponent(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -57,8 +57,8 @@ private:
 /// Component 0, 1 or 2 of a vector field; 0 for any other number.
 class ZEL_API VectorFieldComponent : public PointwiseNode<VectorFieldComponent, ScalarField> {
 public:
-    VectorFieldComponent(VectorPtr field, int component)
-        : field(std::move(field)), component(component) {}
+    VectorFieldComponent(VectorPtr field_, int component_)
+        : field(std::move(field_)), component(component_) {}
 
 private:
     friend NodeAccess;
@@ -75,8 +75,8 @@ private:
 class ZEL_API VectorFieldFromComponents
     : public PointwiseNode<VectorFieldFromComponents, VectorField> {
 public:
-    VectorFieldFromComponents(ScalarPtr x, ScalarPtr y, ScalarPtr z)
-        : x(std::move(x)), y(std::move(y)), z(std::move(z)) {}
+    VectorFieldFromComponents(ScalarPtr x_, ScalarPtr y_, ScalarPtr z_)
+        : x(std::move(x_)), y(std::move(y_)), z(std::move(z_)) {}
 
 private:
     friend NodeAccess;
@@ -98,7 +98,7 @@ private:
 /// (a.y*b.y + a.x*b.x) + a.z*b.z
 class ZEL_API VectorFieldDotProduct : public PointwiseNode<VectorFieldDotProduct, ScalarField> {
 public:
-    VectorFieldDotProduct(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldDotProduct(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -115,7 +115,7 @@ private:
 /// The Euclidean length of a vector field. The gradient is NaN where it is 0.
 class ZEL_API VectorFieldLength : public PointwiseNode<VectorFieldLength, ScalarField> {
 public:
-    explicit VectorFieldLength(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldLength(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -130,7 +130,7 @@ private:
 class ZEL_API VectorFieldLengthSquared
     : public PointwiseNode<VectorFieldLengthSquared, ScalarField> {
 public:
-    explicit VectorFieldLengthSquared(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldLengthSquared(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;

@@ -13,7 +13,7 @@ namespace zel {
 /// that of b.
 class ZEL_API VectorFieldMax : public PointwiseNode<VectorFieldMax, VectorField> {
 public:
-    VectorFieldMax(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldMax(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -30,7 +30,7 @@ private:
 /// that of b.
 class ZEL_API VectorFieldMin : public PointwiseNode<VectorFieldMin, VectorField> {
 public:
-    VectorFieldMin(VectorPtr a, VectorPtr b) : a(std::move(a)), b(std::move(b)) {}
+    VectorFieldMin(VectorPtr a_, VectorPtr b_) : a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;
@@ -47,7 +47,7 @@ private:
 /// field is below the zero vector, else the child's.
 class ZEL_API VectorFieldAbsolute : public PointwiseNode<VectorFieldAbsolute, VectorField> {
 public:
-    explicit VectorFieldAbsolute(VectorPtr field) : field(std::move(field)) {}
+    explicit VectorFieldAbsolute(VectorPtr field_) : field(std::move(field_)) {}
 
 private:
     friend NodeAccess;
@@ -65,8 +65,8 @@ private:
 /// against the bounds as passed, else zero.
 class ZEL_API VectorFieldClamp : public PointwiseNode<VectorFieldClamp, VectorField> {
 public:
-    VectorFieldClamp(VectorPtr field, float3 min, float3 max)
-        : field(std::move(field)), min(min), max(max) {}
+    VectorFieldClamp(VectorPtr field_, float3 min_, float3 max_)
+        : field(std::move(field_)), min(min_), max(max_) {}
 
 private:
     friend NodeAccess;
@@ -90,8 +90,8 @@ private:
 /// a where condition > 0, else b. Only the branch taken is evaluated.
 class ZEL_API VectorFieldSwitch : public SwitchNode<VectorFieldSwitch, VectorField> {
 public:
-    VectorFieldSwitch(ScalarPtr condition, VectorPtr a, VectorPtr b)
-        : condition(std::move(condition)), a(std::move(a)), b(std::move(b)) {}
+    VectorFieldSwitch(ScalarPtr condition_, VectorPtr a_, VectorPtr b_)
+        : condition(std::move(condition_)), a(std::move(a_)), b(std::move(b_)) {}
 
 private:
     friend NodeAccess;

@@ -22,8 +22,8 @@ private:
 /// field(p - offset); the value is not shifted.
 class ZEL_API VectorFieldTranslate : public TransformNode<VectorFieldTranslate, VectorField> {
 public:
-    VectorFieldTranslate(VectorPtr field, float3 const& offset)
-        : field(std::move(field)), offset(offset) {}
+    VectorFieldTranslate(VectorPtr field_, float3 const& offset_)
+        : field(std::move(field_)), offset(offset_) {}
 
 private:
     friend NodeAccess;
@@ -42,8 +42,8 @@ private:
 /// components of `scale` are equal.
 class ZEL_API VectorFieldScale : public TransformNode<VectorFieldScale, VectorField> {
 public:
-    VectorFieldScale(VectorPtr field, float3 const& scale)
-        : field(std::move(field)), scale(detail::limitedScale(scale)) {}
+    VectorFieldScale(VectorPtr field_, float3 const& scale_)
+        : field(std::move(field_)), scale(detail::limitedScale(scale_)) {}
 
 private:
     friend NodeAccess;
@@ -62,10 +62,10 @@ private:
 class ZEL_API VectorFieldRotate : public TransformNode<VectorFieldRotate, VectorField> {
 public:
     /// Turns by the negative of a rotation vector, as ScalarFieldRotate does.
-    VectorFieldRotate(VectorPtr field, float3 const& rotation)
-        : field(std::move(field)), rotation(detail::rotationOf(rotation)) {}
-    VectorFieldRotate(VectorPtr field, float4 const& rotation)
-        : field(std::move(field)), rotation(rotation) {}
+    VectorFieldRotate(VectorPtr field_, float3 const& rotation_)
+        : field(std::move(field_)), rotation(detail::rotationOf(rotation_)) {}
+    VectorFieldRotate(VectorPtr field_, float4 const& rotation_)
+        : field(std::move(field_)), rotation(rotation_) {}
 
 private:
     friend NodeAccess;

@@ -33,8 +33,8 @@
 // Where a failure to bind cancels a task group, that is the innermost one around the running task.
 // A task that was enqueued to a tbb::task_arena has none of its own but the arena's. Cancelling
 // that one cannot be undone, and the next task that is enqueued to the arena ends the program. Bind
-// in a tbb::task_group or a parallel loop there: it is cancelled alone. tbb::this_task_arena::isolate
-// makes no group.
+// in a tbb::task_group or a parallel loop there: it is cancelled alone.
+// tbb::this_task_arena::isolate makes no group.
 namespace zel {
 
 using Orvane::Geometry::Query::SamplerType;
