@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <iostream>
+#include <system_error>
 
 namespace examples {
 
@@ -12,7 +12,7 @@ namespace examples {
 inline int finish(char const* program) {
     if (std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
     std::fprintf(stderr, "%s: standard output: cannot be written: %s\n", program,
-                 std::strerror(errno));
+                 std::generic_category().message(errno).c_str());
     return 2;
 }
 

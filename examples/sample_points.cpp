@@ -43,7 +43,7 @@ void sample(zel::ScalarField const& field, std::string const& input, std::string
     examples::PointReader reader(input);
     auto points = reader.read(kPointsAtATime);
     examples::OutputFile file(output);
-    for (std::string text; points.size() > 0; points = reader.read(kPointsAtATime)) {
+    for (std::string text; !points.empty(); points = reader.read(kPointsAtATime)) {
         text.clear();
         appendSamples(text, field, points);
         file.write(text);

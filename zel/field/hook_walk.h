@@ -7,10 +7,10 @@ namespace zel::detail {
 /// What an operator is known by while hooks run: a member without a size, at an address of its own.
 class ZEL_API HookTarget {
 public:
-    HookTarget() noexcept {}
-    HookTarget(HookTarget const& /*other*/) noexcept {}
+    HookTarget() = default;
+    HookTarget(HookTarget const&) = default;
     ~HookTarget();  ///< the hooks forget the operator: another may come to lie at its address
-    HookTarget& operator=(HookTarget const& /*other*/) noexcept { return *this; }
+    HookTarget& operator=(HookTarget const&) = default;
 };
 
 /// The passing on of a sampling hook by an operator to its children. A tree is a graph, and a hook
