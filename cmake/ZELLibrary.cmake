@@ -48,8 +48,7 @@ function(zel_add_library target)
                VISIBILITY_INLINES_HIDDEN ON
                CXX_EXTENSIONS OFF
                # An installed libzel finds libzel_platform beside it.
-               INSTALL_RPATH "$ORIGIN"
-               VERIFY_INTERFACE_HEADER_SETS ${PROJECT_IS_TOP_LEVEL})
+               INSTALL_RPATH "$ORIGIN")
   if(NOT PROJECT_IS_TOP_LEVEL)
     # A project that takes in the sources sees no warnings of the headers. The property is no
     # generator expression.

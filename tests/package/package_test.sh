@@ -65,7 +65,8 @@ find_package_static)
     ;;
 add_subdirectory)
     cmake_project -DZEL_SOURCE_DIR="$source" -DCMAKE_BUILD_TYPE=Debug
-    ninja -C b -t commands app | grep -q -- "-isystem $work/b/zel/include "
+    ninja -C b -t commands app >commands
+    grep -q -- "-isystem $work/b/zel/include " commands
     ;;
 pkg_config)
     use_pkg_config "$package/shared"
