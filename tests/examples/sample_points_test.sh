@@ -45,8 +45,12 @@ for case in '1 2|fewer than three numbers' '1 2 3 4|more than three numbers' '1 
 done
 [ "$(cat results/samples)" = earlier ] || fail "a failure touched the output"
 [ "$(ls -A results)" = samples ] || fail "left beside the output: $(ls -A results)"
-"$program" good --output results/samples
+chmod 666 results/samples
+ln -s samples results/link
+"$program" good --output results/link
 cmp fromFile results/samples || fail "the output file"
+[ -L results/link ] && [ "$(stat -c %a results/samples)" = 666 ] || fail "$(ls -l results)"
+rm results/link
 
 refused "sample_points: no scene is named 'nowhere'; --list shows them all" good --scene nowhere
 cannot="sample_points: %s: cannot be %s: %s"
