@@ -90,7 +90,7 @@ TEST(DefaultObject, IsOneZeroField) {
 TEST(Ownership, ReleasesAnyChainOnABoundedStack) {
     int alive = 0;
     struct Leaf : ScalarField {
-        explicit Leaf(int& alive) : alive(alive) { ++alive; }
+        explicit Leaf(int& count) : alive(count) { ++alive; }
         ~Leaf() override { --alive; }
         int& alive;
     };
