@@ -13,6 +13,10 @@ namespace {
 /// Guards the lists of all threads.
 constinit std::mutex mutex;
 
+/// Whether the ends of threads are no longer marked, as the program or the use of the library ends.
+/// Then the lists may lead to threads that are gone, and nobody follows them.
+constinit std::atomic<bool> isOver = false;
+
 thread_local constinit OwnedSlot* ownSlots = nullptr;
 
 void unlink(OwnedSlot& slot) noexcept {
@@ -24,7 +28,7 @@ void unlink(OwnedSlot& slot) noexcept {
 void endThread(void* list) noexcept {
     auto& first = *static_cast<OwnedSlot**>(list);
     std::scoped_lock const lock(mutex);
-    while (first) {
+    while (first && !isOver) {
         first->owner->fetch_or(kEnded, std::memory_order_release);
         unlink(*first);
     }
@@ -40,11 +44,14 @@ public:
     }
     ThreadEnd(ThreadEnd const&) = delete;
     ThreadEnd& operator=(ThreadEnd const&) = delete;
-    ~ThreadEnd() { pthread_key_delete(m_key); }
+    ~ThreadEnd() {
+        std::scoped_lock const lock(mutex);
+        isOver = true;
+        pthread_key_delete(m_key);
+    }
 
     void watch() const {
-        // Another error tells that the process, or the use of the library, is at its end.
-        if (pthread_setspecific(m_key, &ownSlots) == ENOMEM) throw std::bad_alloc();
+        if (!isOver && pthread_setspecific(m_key, &ownSlots) == ENOMEM) throw std::bad_alloc();
     }
 
 private:
@@ -60,6 +67,7 @@ void watchThread() {
 
 void own(OwnedSlot& slot, std::atomic<std::uint64_t>& owner) noexcept {
     std::scoped_lock const lock(mutex);
+    if (isOver) return;
     slot = {&owner, ownSlots, &ownSlots};
     if (ownSlots) ownSlots->link = &slot.next;
     ownSlots = &slot;
@@ -68,7 +76,7 @@ void own(OwnedSlot& slot, std::atomic<std::uint64_t>& owner) noexcept {
 void disown(std::span<OwnedSlot> slots) noexcept {
     std::scoped_lock const lock(mutex);
     for (OwnedSlot& slot : slots)
-        if (slot.link) unlink(slot);
+        if (slot.link && !isOver) unlink(slot);
 }
 
 }  // namespace zel::detail
