@@ -31,11 +31,11 @@ std::string rangeKey(Quern::StringView target) {
 
 }  // namespace
 
-Quern::String const sDefault = "default";
-Quern::String const sData = "data";
-Quern::String const sVoxelTileTree = "voxel tile tree";
-Quern::String const sVoxelComp = "voxel component";
-Quern::String const sVolume = kVolume;
+ZEL_PLATFORM_FIRST Quern::String const sDefault = "default";
+ZEL_PLATFORM_FIRST Quern::String const sData = "data";
+ZEL_PLATFORM_FIRST Quern::String const sVoxelTileTree = "voxel tile tree";
+ZEL_PLATFORM_FIRST Quern::String const sVoxelComp = "voxel component";
+ZEL_PLATFORM_FIRST Quern::String const sVolume = kVolume;
 
 Quern::String getGeoPropTargetName(Object const& object, Quern::StringView property) {
     auto const propertyObject = pointerProperty<Object>(object, property);

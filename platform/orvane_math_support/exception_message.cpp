@@ -2,6 +2,6 @@
 
 namespace ORV {
 
-Quern::String const exceptionMessage = "work on a volume was cancelled";
+ZEL_PLATFORM_FIRST Quern::String const exceptionMessage = "work on a volume was cancelled";
 
 }  // namespace ORV

@@ -2,6 +2,6 @@
 
 namespace Vellum {
 
-Quern::String const sceneUnitsInMeters = "scene units in meters";
+ZEL_PLATFORM_FIRST Quern::String const sceneUnitsInMeters = "scene units in meters";
 
 }  // namespace Vellum
