@@ -81,7 +81,7 @@ private:
 ///
 /// Releasing takes a bounded stack, however long a chain of objects that own each other is. Where
 /// destructors have released pointers 64 levels deep, a further object is destroyed after the
-/// outermost one, before its release returns.
+/// outermost one, before its release returns; so hold no lock by a Ptr.
 template <class T> class Ptr {
 public:
     using Element = T;

@@ -8,8 +8,8 @@
 
 namespace zel::detail {
 
-/// While it exists, the calling thread computes floats as a new thread does: rounded to nearest,
-/// subnormal numbers kept, no exception trapped. Afterwards as before.
+/// While it exists, the calling thread computes floats as a program does at its start: rounded to
+/// nearest, subnormal numbers kept, no exception trapped. Afterwards as before.
 class FloatEnvironment {
 public:
     FloatEnvironment(FloatEnvironment const&) = delete;

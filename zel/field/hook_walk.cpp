@@ -48,7 +48,12 @@ public:
     }
 
     void end() {
-        m_visits.assign(m_visits.size(), {});
+        // A table that is much larger than what is used of it would be cleared at length each time.
+        constexpr std::size_t kLarge = 1024;
+        if (m_visits.size() > kLarge && 8 * m_count < m_visits.size())
+            m_visits = {};
+        else
+            m_visits.assign(m_visits.size(), {});
         m_count = 0;
     }
 

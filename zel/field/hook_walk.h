@@ -31,7 +31,8 @@ public:
     /// A hook comes to an operator: within the walk that runs on this thread, or as the start of
     /// one. Throws std::bad_alloc.
     HookWalk(HookTarget const& target, Hook hook);
-    /// Leaves the operator. If an exception passes, the hook counts as not called.
+    /// Leaves the operator. If an exception passes, the hook counts as not called for it; what it
+    /// has prepared below stays prepared.
     ~HookWalk();
     HookWalk(HookWalk const&) = delete;
     HookWalk& operator=(HookWalk const&) = delete;
@@ -46,10 +47,6 @@ public:
         ~Scope();
         Scope(Scope const&) = delete;
         Scope& operator=(Scope const&) = delete;
-
-    private:
-        int m_outerDepth;
-        unsigned long long m_outerWalk;
     };
 
 private:
