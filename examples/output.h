@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <string>
 #include <system_error>
 
 namespace examples {
@@ -10,9 +11,10 @@ namespace examples {
 /// The exit status of a program that has printed all: 0, or 2, with a message, if its standard
 /// output could not be written.
 inline int finish(char const* program) {
+    errno = 0;
     if (std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
-    std::fprintf(stderr, "%s: standard output: cannot be written: %s\n", program,
-                 std::generic_category().message(errno).c_str());
+    std::string const reason = errno != 0 ? ": " + std::generic_category().message(errno) : "";
+    std::fprintf(stderr, "%s: standard output: cannot be written%s\n", program, reason.c_str());
     return 2;
 }
 

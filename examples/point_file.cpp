@@ -130,17 +130,23 @@ OutputFile::OutputFile(std::string const& path)
         if (std::fflush(stdout) != 0) fail();
         return;
     }
-    bool const isDevice = path.starts_with("/dev/") || path.starts_with("/proc/");
-    fs::file_status const status = isDevice ? fs::file_status() : fs::status(target);
-    if (isDevice || (fs::exists(status) && !fs::is_regular_file(status))) {
-        opened.reset(std::fopen(path.c_str(), "w"));
+    bool const isOpen = path == "/dev/stdout" || path.starts_with("/dev/fd/");
+    fs::file_status const status = fs::status(target);
+    if (isOpen || (fs::exists(status) && !fs::is_regular_file(status))) {
+        opened.reset(std::fopen(path.c_str(), isOpen ? "a" : "w"));
     } else {
         // Keeps a symbolic link, and replaces what it leads to.
-        if (fs::exists(status)) target = fs::canonical(target);
+        if (fs::exists(status))
+            target = fs::canonical(target);
+        else if (fs::is_symlink(target))
+            target = target.parent_path() / fs::read_symlink(target);
         temporary = target;
         temporary += ".part" + std::to_string(getpid());
         opened.reset(std::fopen(temporary.c_str(), "wx"));
-        if (opened && fs::exists(status)) fs::permissions(temporary, status.permissions());
+        if (opened && fs::exists(status)) {
+            std::error_code ignored;  // by a file system without permissions
+            fs::permissions(temporary, status.permissions(), ignored);
+        }
     }
     file = opened.get();
     if (!file) {

@@ -22,9 +22,9 @@ struct CloseFile {
 };
 using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
 
-/// Reads positions, three numbers a line with spaces, tabs or a comma between, in the notation of
-/// C++ or with a leading `+`; `inf` and `nan` are numbers too. A number too small for a float is
-/// read as the nearest one. Skips blank lines, comments, which start with `#`, and a byte order
+/// Reads positions, three numbers a line with spaces, tabs or a comma between, in decimal notation,
+/// with or without a leading `+`; `inf` and `nan` are numbers too. A number too small for a float
+/// is read as the nearest one. Skips blank lines, comments, which start with `#`, and a byte order
 /// mark.
 class PointReader {
 public:

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string>
 
+#include "output.h"
 #include "point_file.h"
 #include "scenes.h"
 
@@ -77,7 +78,7 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
-        return app.exit(error) == 0 ? 0 : kFailed;
+        return app.exit(error) == 0 ? examples::finish("sample_points") : kFailed;
     }
     if (list) {
         listScenes();

@@ -70,7 +70,7 @@ cmp fromPipe fromFile || fail "output to a pipe"
 # Standard output that cannot be written, of this program and of the others beside it.
 others=$(dirname "$program")
 : >pictures  # where the gallery would make a folder
-for command in "$program good" "$program --list" "$others/hello" "$others/own_nodes" \
+for command in "$program good" "$program --list" "$program --help" "$others/hello" "$others/own_nodes" \
     "$others/bind_properties" "$others/sample_volume" "$others/gallery pictures"; do
     for target in 'full >/dev/full' 'closed >&-'; do
         status=0
