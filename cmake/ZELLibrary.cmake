@@ -18,7 +18,8 @@ endfunction()
 # builds do it but those whose type or flags ask for another kind of code.
 set(ZEL_OPTIMISED $<NOT:$<CONFIG:Debug,MinSizeRel>>)
 get_directory_property(flags COMPILE_OPTIONS)
-if("${CMAKE_CXX_FLAGS} ${flags}" MATCHES "-fsanitize|-O[01gsz]")
+string(TOUPPER "${CMAKE_BUILD_TYPE}" type)
+if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "-fsanitize|-O[01gsz]")
   set(ZEL_OPTIMISED 0)
 endif()
 

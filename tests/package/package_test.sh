@@ -16,7 +16,8 @@ extract() {  # PAGE
 extract "$source/README.md"
 mv README-1.cpp app.cpp
 expect_output() {  # COMMAND...
-    diff <("$@") README-1.txt
+    "$@" >output
+    diff output README-1.txt
 }
 quietly() {
     "$@" >log 2>&1 || { cat log; exit 1; }
