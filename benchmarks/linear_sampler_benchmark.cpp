@@ -17,7 +17,7 @@
 
 #include "dense_volume.h"
 #include "ratio_table.h"
-#include "zel/sampler/voxel_sampler_linear.h"
+#include "zel/sampler/linear/voxel_sampler_linear.h"
 #include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 #ifdef ZEL_WITH_OPENVDB

@@ -33,7 +33,7 @@
 #include "positions.h"
 #include "ratio_table.h"
 #include "trees.h"
-#include "zel_platform/quern_core/lane_loop.h"
+#include "zel_platform/quern_core/position_loop.h"
 #include "zel_platform/quern_core/simd_target.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <typeinfo>
 
-#include <zel/field/node_impl.h>
+#include <zel/node/node_impl.h>
 #include <zel/zel.h>
 
 #include "output.h"
@@ -74,13 +74,13 @@ private:
     void blockValues(zel::Block& block, zel::BlockResult<float>& out) const {
         zel::Block::Frame const frame(block);  // gives back what is taken below
         auto mirrored = block.result<float3>();
-        zel::mapLanes(
+        zel::mapBlock(
             block, mirrored,
             [](float3 const& p) {
                 return float3{std::fabs(p.x), p.y, p.z};
             },
             block.positions());
-        block.withPositions(mirrored.lanes, [&](zel::Block& there) {
+        block.withPositions(mirrored.columns, [&](zel::Block& there) {
             there.writeValues(*field, field.useCount() > 1, out);
         });
     }

@@ -2,7 +2,7 @@
 #include <cassert>
 
 #include "zel_platform/orvane_geometry_volume/container.h"
-#include "zel_platform/quern_core/lane_loop.h"
+#include "zel_platform/quern_core/position_loop.h"
 
 namespace ORV::TileTree3D {
 
@@ -39,7 +39,7 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
     static_assert(kMaxPoints <= 256 && Traits::kChildCount <= 256);
     std::array<std::uint32_t, kMaxPoints> changes;
     changes[0] = 1;
-    Quern::forEachLane(count - 1, [x, y, z, to = changes.data() + 1](int i) ZEL_LANES {
+    Quern::forEachPosition(count - 1, [x, y, z, to = changes.data() + 1](int i) ZEL_ALWAYS_INLINE {
         to[i] = (x[i] ^ x[i + 1]) | (y[i] ^ y[i + 1]) | (z[i] ^ z[i + 1]);
     });
 

@@ -36,20 +36,24 @@ inline constexpr int kLanes = HWY_LANES(float);
 template <class T> struct Four {
     T x, y, z, w;
 
-    ZEL_INLINE T const& operator[](int i) const { return i == 0 ? x : i == 1 ? y : i == 2 ? z : w; }
-    template <int bits> ZEL_INLINE Four shiftRight() const {
+    ZEL_ALWAYS_INLINE T const& operator[](int i) const {
+        return i == 0 ? x : i == 1 ? y : i == 2 ? z : w;
+    }
+    template <int bits> ZEL_ALWAYS_INLINE Four shiftRight() const {
         return {x.template shiftRight<bits>(), y.template shiftRight<bits>(),
                 z.template shiftRight<bits>(), w.template shiftRight<bits>()};
     }
 };
-template <class T> ZEL_INLINE Four<T> makeFour(T const& x, T const& y, T const& z, T const& w) {
+template <class T>
+ZEL_ALWAYS_INLINE inline Four<T> makeFour(T const& x, T const& y, T const& z, T const& w) {
     return {x, y, z, w};
 }
 #define ZEL_FOUR_OPERATOR(op)                                                                      \
-    template <class A, class B> ZEL_INLINE auto operator op(Four<A> const& a, Four<B> const& b) {  \
+    template <class A, class B>                                                                    \
+    ZEL_ALWAYS_INLINE auto operator op(Four<A> const& a, Four<B> const& b) {                       \
         return makeFour(a.x op b.x, a.y op b.y, a.z op b.z, a.w op b.w);                           \
     }                                                                                              \
-    template <class A, class B> ZEL_INLINE auto operator op(Four<A> const& a, B const& b) {        \
+    template <class A, class B> ZEL_ALWAYS_INLINE auto operator op(Four<A> const& a, B const& b) { \
         return makeFour(a.x op b, a.y op b, a.z op b, a.w op b);                                   \
     }
 ZEL_FOUR_OPERATOR(+)
@@ -63,41 +67,43 @@ ZEL_FOUR_OPERATOR(|)
 /// All ones or zeros in each lane of a register of words.
 struct Mask {
     hn::Mask<WordTag> v;
-    ZEL_INLINE Mask operator&(Mask const& b) const { return {hn::And(v, b.v)}; }
-    ZEL_INLINE Mask operator|(Mask const& b) const { return {hn::Or(v, b.v)}; }
-    ZEL_INLINE Mask operator!() const { return {hn::Not(v)}; }
+    ZEL_ALWAYS_INLINE Mask operator&(Mask const& b) const { return {hn::And(v, b.v)}; }
+    ZEL_ALWAYS_INLINE Mask operator|(Mask const& b) const { return {hn::Or(v, b.v)}; }
+    ZEL_ALWAYS_INLINE Mask operator!() const { return {hn::Not(v)}; }
 };
 
 /// 32-bit words.
 struct Word {
     hn::Vec<WordTag> v;
-    ZEL_INLINE static Word all(std::uint32_t a) { return {hn::Set(WordTag(), a)}; }
-    ZEL_INLINE Word operator+(Word const& b) const { return {hn::Add(v, b.v)}; }
-    ZEL_INLINE Word operator*(Word const& b) const { return {hn::Mul(v, b.v)}; }
-    ZEL_INLINE Word operator^(Word const& b) const { return {hn::Xor(v, b.v)}; }
-    ZEL_INLINE Word operator&(Word const& b) const { return {hn::And(v, b.v)}; }
-    ZEL_INLINE Word operator+(std::uint32_t b) const { return *this + all(b); }
-    ZEL_INLINE Word operator*(std::uint32_t b) const { return *this * all(b); }
-    ZEL_INLINE Word operator&(std::uint32_t b) const { return *this & all(b); }
-    ZEL_INLINE Word operator^(std::uint32_t b) const { return *this ^ all(b); }
-    ZEL_INLINE Word operator&(Mask const& b) const { return {hn::IfThenElseZero(b.v, v)}; }
-    template <int bits> ZEL_INLINE Word shiftRight() const { return {hn::ShiftRight<bits>(v)}; }
+    ZEL_ALWAYS_INLINE static Word all(std::uint32_t a) { return {hn::Set(WordTag(), a)}; }
+    ZEL_ALWAYS_INLINE Word operator+(Word const& b) const { return {hn::Add(v, b.v)}; }
+    ZEL_ALWAYS_INLINE Word operator*(Word const& b) const { return {hn::Mul(v, b.v)}; }
+    ZEL_ALWAYS_INLINE Word operator^(Word const& b) const { return {hn::Xor(v, b.v)}; }
+    ZEL_ALWAYS_INLINE Word operator&(Word const& b) const { return {hn::And(v, b.v)}; }
+    ZEL_ALWAYS_INLINE Word operator+(std::uint32_t b) const { return *this + all(b); }
+    ZEL_ALWAYS_INLINE Word operator*(std::uint32_t b) const { return *this * all(b); }
+    ZEL_ALWAYS_INLINE Word operator&(std::uint32_t b) const { return *this & all(b); }
+    ZEL_ALWAYS_INLINE Word operator^(std::uint32_t b) const { return *this ^ all(b); }
+    ZEL_ALWAYS_INLINE Word operator&(Mask const& b) const { return {hn::IfThenElseZero(b.v, v)}; }
+    template <int bits> ZEL_ALWAYS_INLINE Word shiftRight() const {
+        return {hn::ShiftRight<bits>(v)};
+    }
 };
 
 struct FloatReal {
     hn::Vec<FloatTag> v;
-    ZEL_INLINE static FloatReal all(float a) { return {hn::Set(FloatTag(), a)}; }
-    ZEL_INLINE FloatReal operator+(FloatReal const& b) const { return {hn::Add(v, b.v)}; }
-    ZEL_INLINE FloatReal operator-(FloatReal const& b) const { return {hn::Sub(v, b.v)}; }
-    ZEL_INLINE FloatReal operator*(FloatReal const& b) const { return {hn::Mul(v, b.v)}; }
-    ZEL_INLINE FloatReal operator+(float b) const { return *this + all(b); }
-    ZEL_INLINE FloatReal operator*(float b) const { return *this * all(b); }
-    ZEL_INLINE friend FloatReal operator-(float a, FloatReal const& b) { return all(a) - b; }
-    ZEL_INLINE bool operator<(float b) const {  // all of them
+    ZEL_ALWAYS_INLINE static FloatReal all(float a) { return {hn::Set(FloatTag(), a)}; }
+    ZEL_ALWAYS_INLINE FloatReal operator+(FloatReal const& b) const { return {hn::Add(v, b.v)}; }
+    ZEL_ALWAYS_INLINE FloatReal operator-(FloatReal const& b) const { return {hn::Sub(v, b.v)}; }
+    ZEL_ALWAYS_INLINE FloatReal operator*(FloatReal const& b) const { return {hn::Mul(v, b.v)}; }
+    ZEL_ALWAYS_INLINE FloatReal operator+(float b) const { return *this + all(b); }
+    ZEL_ALWAYS_INLINE FloatReal operator*(float b) const { return *this * all(b); }
+    ZEL_ALWAYS_INLINE friend FloatReal operator-(float a, FloatReal const& b) { return all(a) - b; }
+    ZEL_ALWAYS_INLINE bool operator<(float b) const {  // all of them
         return hn::AllTrue(FloatTag(), hn::Lt(v, all(b).v));
     }
-    ZEL_INLINE FloatReal magnitude() const { return {hn::Abs(v)}; }
-    ZEL_INLINE FloatReal positive() const { return {hn::Max(v, hn::Zero(FloatTag()))}; }
+    ZEL_ALWAYS_INLINE FloatReal magnitude() const { return {hn::Abs(v)}; }
+    ZEL_ALWAYS_INLINE FloatReal positive() const { return {hn::Max(v, hn::Zero(FloatTag()))}; }
 };
 
 /// Doubles: `a` has the first half of the points, `b` the second.
@@ -105,31 +111,37 @@ struct Wide {
     using V = hn::Vec<DoubleTag>;
     V a, b;
 
-    ZEL_INLINE static Wide all(double v) {
+    ZEL_ALWAYS_INLINE static Wide all(double v) {
         return {hn::Set(DoubleTag(), v), hn::Set(DoubleTag(), v)};
     }
-    ZEL_INLINE Wide operator+(Wide const& o) const { return {hn::Add(a, o.a), hn::Add(b, o.b)}; }
-    ZEL_INLINE Wide operator-(Wide const& o) const { return {hn::Sub(a, o.a), hn::Sub(b, o.b)}; }
-    ZEL_INLINE Wide operator*(Wide const& o) const { return {hn::Mul(a, o.a), hn::Mul(b, o.b)}; }
-    ZEL_INLINE Wide operator+(double o) const { return *this + all(o); }
-    ZEL_INLINE Wide operator-(double o) const { return *this - all(o); }
-    ZEL_INLINE Wide operator*(double o) const { return *this * all(o); }
-    ZEL_INLINE friend Wide operator-(double v, Wide const& o) { return all(v) - o; }
-    ZEL_INLINE bool operator<(double o) const {  // all of them
+    ZEL_ALWAYS_INLINE Wide operator+(Wide const& o) const {
+        return {hn::Add(a, o.a), hn::Add(b, o.b)};
+    }
+    ZEL_ALWAYS_INLINE Wide operator-(Wide const& o) const {
+        return {hn::Sub(a, o.a), hn::Sub(b, o.b)};
+    }
+    ZEL_ALWAYS_INLINE Wide operator*(Wide const& o) const {
+        return {hn::Mul(a, o.a), hn::Mul(b, o.b)};
+    }
+    ZEL_ALWAYS_INLINE Wide operator+(double o) const { return *this + all(o); }
+    ZEL_ALWAYS_INLINE Wide operator-(double o) const { return *this - all(o); }
+    ZEL_ALWAYS_INLINE Wide operator*(double o) const { return *this * all(o); }
+    ZEL_ALWAYS_INLINE friend Wide operator-(double v, Wide const& o) { return all(v) - o; }
+    ZEL_ALWAYS_INLINE bool operator<(double o) const {  // all of them
         auto const v = hn::Set(DoubleTag(), o);
         return hn::AllTrue(DoubleTag(), hn::And(hn::Lt(a, v), hn::Lt(b, v)));
     }
-    ZEL_INLINE Wide magnitude() const { return {hn::Abs(a), hn::Abs(b)}; }
-    ZEL_INLINE Wide positive() const {
+    ZEL_ALWAYS_INLINE Wide magnitude() const { return {hn::Abs(a), hn::Abs(b)}; }
+    ZEL_ALWAYS_INLINE Wide positive() const {
         auto const zero = hn::Zero(DoubleTag());
         return {hn::Max(a, zero), hn::Max(b, zero)};
     }
 
     /// The low and the high words of the representations.
-    ZEL_INLINE Word low() const {
+    ZEL_ALWAYS_INLINE Word low() const {
         return {hn::ConcatEven(WordTag(), hn::BitCast(WordTag(), b), hn::BitCast(WordTag(), a))};
     }
-    ZEL_INLINE Word high() const {
+    ZEL_ALWAYS_INLINE Word high() const {
         return {hn::ConcatOdd(WordTag(), hn::BitCast(WordTag(), b), hn::BitCast(WordTag(), a))};
     }
 };
@@ -137,11 +149,11 @@ struct Wide {
 /// 64-bit integers, two's complement.
 struct Cell {
     Word low, high;
-    ZEL_INLINE static Cell all(std::uint64_t a) {
+    ZEL_ALWAYS_INLINE static Cell all(std::uint64_t a) {
         return {Word::all(static_cast<std::uint32_t>(a)),
                 Word::all(static_cast<std::uint32_t>(a >> 32))};
     }
-    ZEL_INLINE Cell operator+(Cell const& b) const {
+    ZEL_ALWAYS_INLINE Cell operator+(Cell const& b) const {
         Word const sum = low + b.low;
         auto const carry = hn::VecFromMask(WordTag(), hn::Lt(sum.v, low.v));
         return {sum, {hn::Sub((high + b.high).v, carry)}};
@@ -157,42 +169,50 @@ struct BlockCells {
     using Cell = HWY_NAMESPACE::Cell;
     using Cell4 = Four<Cell>;
 
-    ZEL_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
+    ZEL_ALWAYS_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
         return {Word::all(a[0]), Word::all(a[1]), Word::all(a[2]), Word::all(a[3])};
     }
-    ZEL_INLINE static Wide load(float const* p) {
+    ZEL_ALWAYS_INLINE static Wide load(float const* p) {
         HalfFloatTag const half;
         return {hn::PromoteTo(DoubleTag(), hn::LoadU(half, p)),
                 hn::PromoteTo(DoubleTag(), hn::LoadU(half, p + kLanes / 2))};
     }
-    ZEL_INLINE static Wide load(double const* p) {
+    ZEL_ALWAYS_INLINE static Wide load(double const* p) {
         return {hn::LoadU(DoubleTag(), p), hn::LoadU(DoubleTag(), p + kLanes / 2)};
     }
-    ZEL_INLINE static Word loadOne(std::uint32_t const* p) { return {hn::LoadU(WordTag(), p)}; }
-    ZEL_INLINE static FloatReal loadOne(float const* p) { return {hn::LoadU(FloatTag(), p)}; }
-    ZEL_INLINE static Wide loadOne(double const* p) { return load(p); }
-    ZEL_INLINE static void store(Word const& a, std::uint32_t* p) { hn::StoreU(a.v, WordTag(), p); }
-    ZEL_INLINE static void store(FloatReal const& a, float* p) { hn::StoreU(a.v, FloatTag(), p); }
-    ZEL_INLINE static void store(Wide const& a, double* p) {
+    ZEL_ALWAYS_INLINE static Word loadOne(std::uint32_t const* p) {
+        return {hn::LoadU(WordTag(), p)};
+    }
+    ZEL_ALWAYS_INLINE static FloatReal loadOne(float const* p) {
+        return {hn::LoadU(FloatTag(), p)};
+    }
+    ZEL_ALWAYS_INLINE static Wide loadOne(double const* p) { return load(p); }
+    ZEL_ALWAYS_INLINE static void store(Word const& a, std::uint32_t* p) {
+        hn::StoreU(a.v, WordTag(), p);
+    }
+    ZEL_ALWAYS_INLINE static void store(FloatReal const& a, float* p) {
+        hn::StoreU(a.v, FloatTag(), p);
+    }
+    ZEL_ALWAYS_INLINE static void store(Wide const& a, double* p) {
         hn::StoreU(a.a, DoubleTag(), p);
         hn::StoreU(a.b, DoubleTag(), p + kLanes / 2);
     }
     /// At place `i` of four arrays.
     template <class Number, std::size_t size>
-    ZEL_INLINE static auto load(Number const (&p)[4][size], int i) {
+    ZEL_ALWAYS_INLINE static auto load(Number const (&p)[4][size], int i) {
         return makeFour(loadOne(p[0] + i), loadOne(p[1] + i), loadOne(p[2] + i), loadOne(p[3] + i));
     }
     template <class T, class Number, std::size_t size>
-    ZEL_INLINE static void store(Four<T> const& a, Number (&p)[4][size], int i) {
+    ZEL_ALWAYS_INLINE static void store(Four<T> const& a, Number (&p)[4][size], int i) {
         store(a.x, p[0] + i);
         store(a.y, p[1] + i);
         store(a.z, p[2] + i);
         store(a.w, p[3] + i);
     }
-    template <class T> ZEL_INLINE static Four<T> spread(T const& a, T const& b) {
+    template <class T> ZEL_ALWAYS_INLINE static Four<T> spread(T const& a, T const& b) {
         return {a, a, a, b};
     }
-    ZEL_INLINE static Wide cutToFloat(Wide const& a) {
+    ZEL_ALWAYS_INLINE static Wide cutToFloat(Wide const& a) {
         hn::RebindToUnsigned<DoubleTag> const bits;
         auto const mask = hn::Set(bits, ~std::uint64_t{0x1fffffff});
         auto const cut = [&](Wide::V const& v) ZEL_KERNEL_LAMBDA {
@@ -200,27 +220,29 @@ struct BlockCells {
         };
         return {cut(a.a), cut(a.b)};
     }
-    template <class T> ZEL_INLINE static T sum(Four<T> const& a) {
+    template <class T> ZEL_ALWAYS_INLINE static T sum(Four<T> const& a) {
         return (a.x + a.y) + (a.z + a.w);
     }
-    template <class T> ZEL_INLINE static T size(Four<T> const& a) {
+    template <class T> ZEL_ALWAYS_INLINE static T size(Four<T> const& a) {
         return sum(makeFour(a.x.magnitude(), a.y.magnitude(), a.z.magnitude(), a.w.magnitude()));
     }
-    ZEL_INLINE static Cell4 bits(Wide4 const& a) {
+    ZEL_ALWAYS_INLINE static Cell4 bits(Wide4 const& a) {
         return {{a.x.low(), a.x.high()},
                 {a.y.low(), a.y.high()},
                 {a.z.low(), a.z.high()},
                 {a.w.low(), a.w.high()}};
     }
-    ZEL_INLINE static Cell4 unbiased(Cell4 const& a) { return a + Cell::all(0 - kCellBias); }
-    ZEL_INLINE static Cell4 makeCell(Word4 const& low, Word4 const& high) {
+    ZEL_ALWAYS_INLINE static Cell4 unbiased(Cell4 const& a) { return a + Cell::all(0 - kCellBias); }
+    ZEL_ALWAYS_INLINE static Cell4 makeCell(Word4 const& low, Word4 const& high) {
         return {{low.x, high.x}, {low.y, high.y}, {low.z, high.z}, {low.w, high.w}};
     }
-    ZEL_INLINE static Word4 low(Cell4 const& a) { return {a.x.low, a.y.low, a.z.low, a.w.low}; }
-    ZEL_INLINE static Word4 high(Cell4 const& a) {
+    ZEL_ALWAYS_INLINE static Word4 low(Cell4 const& a) {
+        return {a.x.low, a.y.low, a.z.low, a.w.low};
+    }
+    ZEL_ALWAYS_INLINE static Word4 high(Cell4 const& a) {
         return {a.x.high, a.y.high, a.z.high, a.w.high};
     }
-    ZEL_INLINE static Word4 highOfNext(Cell4 const& a) {
+    ZEL_ALWAYS_INLINE static Word4 highOfNext(Cell4 const& a) {
         // Minus an all-ones mask is plus 1.
         auto const next = [](Cell const& c) ZEL_KERNEL_LAMBDA {
             auto const carry = hn::Eq((c.low + 1u).v, hn::Zero(WordTag()));
@@ -228,16 +250,16 @@ struct BlockCells {
         };
         return {next(a.x), next(a.y), next(a.z), next(a.w)};
     }
-    ZEL_INLINE static Word fold(Word4 const& a) { return (a.x ^ a.z) ^ (a.y ^ a.w); }
-    template <class T> ZEL_INLINE static T dot(Four<T> const& a, Four<T> const& b) {
+    ZEL_ALWAYS_INLINE static Word fold(Word4 const& a) { return (a.x ^ a.z) ^ (a.y ^ a.w); }
+    template <class T> ZEL_ALWAYS_INLINE static T dot(Four<T> const& a, Four<T> const& b) {
         return sum(a * b);
     }
-    template <class T> ZEL_INLINE static T dot3(Four<T> const& a, Four<T> const& b) {
+    template <class T> ZEL_ALWAYS_INLINE static T dot3(Four<T> const& a, Four<T> const& b) {
         return (a.x * b.x + a.y * b.y) + a.z * b.z;
     }
-    template <class T> ZEL_INLINE static T positive(T const& a) { return a.positive(); }
+    template <class T> ZEL_ALWAYS_INLINE static T positive(T const& a) { return a.positive(); }
     /// As in ScalarLane. Each pair is compared once: of two numbers one is larger.
-    ZEL_INLINE static auto largest(Four<FloatReal> const& d) {
+    ZEL_ALWAYS_INLINE static auto largest(Four<FloatReal> const& d) {
         auto const above = [](FloatReal const& p, FloatReal const& q) ZEL_KERNEL_LAMBDA {
             return Mask{hn::RebindMask(WordTag(), hn::Gt(p.v, q.v))};
         };
@@ -247,24 +269,25 @@ struct BlockCells {
                    c = makeFour(xw, !xy, !yz, !zw);
         return std::array{a & b & c, (a & b) | (c & (a | b)), a | b | c};
     }
-    ZEL_INLINE static auto largest(Wide4 const& d) { return largest(round(d)); }
-    ZEL_INLINE static FloatReal round(Wide const& a) {
+    ZEL_ALWAYS_INLINE static auto largest(Wide4 const& d) { return largest(round(d)); }
+    ZEL_ALWAYS_INLINE static FloatReal round(Wide const& a) {
         HalfFloatTag const half;
         return {hn::Combine(FloatTag(), hn::DemoteTo(half, a.b), hn::DemoteTo(half, a.a))};
     }
-    ZEL_INLINE static Four<FloatReal> round(Wide4 const& a) {
+    ZEL_ALWAYS_INLINE static Four<FloatReal> round(Wide4 const& a) {
         return {round(a.x), round(a.y), round(a.z), round(a.w)};
     }
     /// Packed directions.
     template <std::size_t size>
-    ZEL_INLINE static auto look(std::array<std::uint32_t, size> const& packed, Word const& row) {
+    ZEL_ALWAYS_INLINE static auto look(std::array<std::uint32_t, size> const& packed,
+                                       Word const& row) {
         hn::RebindToSigned<WordTag> const integers;
         return hn::GatherIndex(integers, reinterpret_cast<std::int32_t const*>(packed.data()),
                                hn::BitCast(integers, row.v));
     }
-    ZEL_INLINE static auto look(Word const& row) { return look(kPackedDirections, row); }
+    ZEL_ALWAYS_INLINE static auto look(Word const& row) { return look(kPackedDirections, row); }
     /// Packed directions in space, of the six bits of the hashes from bit `low` on.
-    template <int low> ZEL_INLINE static auto lookInSpace(Word const& hash) {
+    template <int low> ZEL_ALWAYS_INLINE static auto lookInSpace(Word const& hash) {
         if constexpr (kLanes >= 8) {
             auto const at = [](std::array<std::uint32_t, 8> const& table, Word const& row)
                                 ZEL_KERNEL_LAMBDA {
@@ -279,7 +302,7 @@ struct BlockCells {
             return look(kPackedSpatialDirections, hash.template shiftRight<low>() & 63u);
         }
     }
-    ZEL_INLINE static hn::Vec<WordTag> repeat(std::array<std::uint32_t, 8> const& table) {
+    ZEL_ALWAYS_INLINE static hn::Vec<WordTag> repeat(std::array<std::uint32_t, 8> const& table) {
         alignas(64) std::uint32_t all[kLanes];
         for (std::size_t i = 0; i < kLanes; ++i) all[i] = table[i % 8];
         return hn::Load(WordTag(), all);
@@ -293,22 +316,22 @@ template <> struct BlockLane<float> : BlockCells {
     using Real = FloatReal;
     using Real4 = Four<Real>;
 
-    ZEL_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
-    ZEL_INLINE static Real step(Real const& d, Mask const& m) {
+    ZEL_ALWAYS_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
+    ZEL_ALWAYS_INLINE static Real step(Real const& d, Mask const& m) {
         auto const one = hn::Set(FloatTag(), 1.0f);
         return {hn::Sub(d.v, hn::IfThenElseZero(hn::RebindMask(FloatTag(), m.v), one))};
     }
-    ZEL_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
         return {step(d.x, m.x), step(d.y, m.y), step(d.z, m.z), step(d.w, m.w)};
     }
-    template <int low> ZEL_INLINE static Real4 spatialDirection(Word const& hash) {
+    template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word const& hash) {
         auto const d = lookInSpace<low>(hash);
         FloatTag const f;
         return {Real{hn::ConvertTo(f, hn::ShiftLeft<21>(d))},
                 Real{hn::ConvertTo(f, hn::ShiftLeft<10>(d))}, Real{hn::ConvertTo(f, d)},
                 Real{hn::Zero(f)}};
     }
-    ZEL_INLINE static Real4 direction(Word const& row) {
+    ZEL_ALWAYS_INLINE static Real4 direction(Word const& row) {
         auto const d = look(row);
         FloatTag const f;
         return {Real{hn::ConvertTo(f, hn::ShiftLeft<24>(d))},
@@ -322,9 +345,9 @@ template <> struct BlockLane<double> : BlockCells {
     using Real = Wide;
     using Real4 = Wide4;
 
-    ZEL_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
-    ZEL_INLINE static Real step(Real const& d, Mask const& m) { return d - ones(m); }
-    ZEL_INLINE static Real ones(Mask const& m) {
+    ZEL_ALWAYS_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
+    ZEL_ALWAYS_INLINE static Real step(Real const& d, Mask const& m) { return d - ones(m); }
+    ZEL_ALWAYS_INLINE static Real ones(Mask const& m) {
         auto const one = hn::Set(DoubleTag(), 1.0);
 #if HWY_TARGET <= HWY_AVX3
         // A mask is a number of bits.
@@ -342,10 +365,10 @@ template <> struct BlockLane<double> : BlockCells {
         return {keep(hn::LowerHalf(half, words)), keep(hn::UpperHalf(half, words))};
 #endif
     }
-    ZEL_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
         return {step(d.x, m.x), step(d.y, m.y), step(d.z, m.z), step(d.w, m.w)};
     }
-    ZEL_INLINE static Real4 direction(Word const& row) {
+    ZEL_ALWAYS_INLINE static Real4 direction(Word const& row) {
         auto const d = look(row);
         auto const widen = [](auto const& words) ZEL_KERNEL_LAMBDA {
             hn::Half<hn::RebindToSigned<WordTag>> const half;

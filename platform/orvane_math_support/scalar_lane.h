@@ -21,19 +21,19 @@ using Long2 = std::uint64_t __attribute__((vector_size(16)));
 /// Four 64-bit values in two registers.
 struct Long4 {
     Long2 xy, zw;
-    ZEL_INLINE std::uint64_t operator[](int i) const { return i < 2 ? xy[i] : zw[i - 2]; }
-    ZEL_INLINE Long4 operator+(Long4 const& b) const { return {xy + b.xy, zw + b.zw}; }
-    ZEL_INLINE Long4 operator+(std::uint64_t b) const { return {xy + b, zw + b}; }
+    ZEL_ALWAYS_INLINE std::uint64_t operator[](int i) const { return i < 2 ? xy[i] : zw[i - 2]; }
+    ZEL_ALWAYS_INLINE Long4 operator+(Long4 const& b) const { return {xy + b.xy, zw + b.zw}; }
+    ZEL_ALWAYS_INLINE Long4 operator+(std::uint64_t b) const { return {xy + b, zw + b}; }
 };
 
 struct Double4 {
     Double2 xy, zw;
-    ZEL_INLINE double operator[](int i) const { return i < 2 ? xy[i] : zw[i - 2]; }
-    ZEL_INLINE Double4 operator+(Double4 const& b) const { return {xy + b.xy, zw + b.zw}; }
-    ZEL_INLINE Double4 operator-(Double4 const& b) const { return {xy - b.xy, zw - b.zw}; }
-    ZEL_INLINE Double4 operator+(double b) const { return {xy + b, zw + b}; }
-    ZEL_INLINE Double4 operator-(double b) const { return {xy - b, zw - b}; }
-    ZEL_INLINE Double4 operator*(double b) const { return {xy * b, zw * b}; }
+    ZEL_ALWAYS_INLINE double operator[](int i) const { return i < 2 ? xy[i] : zw[i - 2]; }
+    ZEL_ALWAYS_INLINE Double4 operator+(Double4 const& b) const { return {xy + b.xy, zw + b.zw}; }
+    ZEL_ALWAYS_INLINE Double4 operator-(Double4 const& b) const { return {xy - b.xy, zw - b.zw}; }
+    ZEL_ALWAYS_INLINE Double4 operator+(double b) const { return {xy + b, zw + b}; }
+    ZEL_ALWAYS_INLINE Double4 operator-(double b) const { return {xy - b, zw - b}; }
+    ZEL_ALWAYS_INLINE Double4 operator*(double b) const { return {xy * b, zw * b}; }
 };
 
 /// What both precisions share: cells are found in double precision.
@@ -45,39 +45,41 @@ struct ScalarCells {
     using Cell = std::uint64_t;
     using Cell4 = Long4;
 
-    ZEL_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
+    ZEL_ALWAYS_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
         return Word4{a[0], a[1], a[2], a[3]};
     }
     /// (a, a, a, b)
-    ZEL_INLINE static Wide4 spread(double a, double b) { return {Double2{a, a}, Double2{a, b}}; }
-    ZEL_INLINE static Cell4 spread(std::uint64_t a, std::uint64_t b) {
+    ZEL_ALWAYS_INLINE static Wide4 spread(double a, double b) {
+        return {Double2{a, a}, Double2{a, b}};
+    }
+    ZEL_ALWAYS_INLINE static Cell4 spread(std::uint64_t a, std::uint64_t b) {
         return {Long2{a, a}, Long2{a, b}};
     }
-    ZEL_INLINE static double cutToFloat(double a) { return Simplex::cutToFloat(a); }
-    ZEL_INLINE static double sum(Wide4 const& a) { return (a[0] + a[1]) + (a[2] + a[3]); }
+    ZEL_ALWAYS_INLINE static double cutToFloat(double a) { return Simplex::cutToFloat(a); }
+    ZEL_ALWAYS_INLINE static double sum(Wide4 const& a) { return (a[0] + a[1]) + (a[2] + a[3]); }
     /// Sum of absolute values.
-    ZEL_INLINE static double size(Wide4 const& a) {
+    ZEL_ALWAYS_INLINE static double size(Wide4 const& a) {
         constexpr std::uint64_t bits = ~std::uint64_t{0} >> 1;
         return sum({reinterpret_cast<Double2>(reinterpret_cast<Long2>(a.xy) & bits),
                     reinterpret_cast<Double2>(reinterpret_cast<Long2>(a.zw) & bits)});
     }
-    ZEL_INLINE static Cell4 bits(Wide4 const& a) {
+    ZEL_ALWAYS_INLINE static Cell4 bits(Wide4 const& a) {
         return {reinterpret_cast<Long2>(a.xy), reinterpret_cast<Long2>(a.zw)};
     }
-    ZEL_INLINE static Cell4 unbiased(Cell4 const& a) { return a + (0 - kCellBias); }
-    ZEL_INLINE static Word4 low(Cell4 const& a) {
+    ZEL_ALWAYS_INLINE static Cell4 unbiased(Cell4 const& a) { return a + (0 - kCellBias); }
+    ZEL_ALWAYS_INLINE static Word4 low(Cell4 const& a) {
         return __builtin_shufflevector(reinterpret_cast<Word4>(a.xy), reinterpret_cast<Word4>(a.zw),
                                        0, 2, 4, 6);
     }
-    ZEL_INLINE static Word4 high(Cell4 const& a) {
+    ZEL_ALWAYS_INLINE static Word4 high(Cell4 const& a) {
         return __builtin_shufflevector(reinterpret_cast<Word4>(a.xy), reinterpret_cast<Word4>(a.zw),
                                        1, 3, 5, 7);
     }
     /// High words of the cells one further along each axis.
-    ZEL_INLINE static Word4 highOfNext(Cell4 const& a) { return high(a + 1); }
+    ZEL_ALWAYS_INLINE static Word4 highOfNext(Cell4 const& a) { return high(a + 1); }
     /// Masks, all ones or zeros, of the largest coordinate, the two largest, and the three largest.
     /// Of two equal ones the later is larger.
-    ZEL_INLINE static std::array<Word4, 3> largest(Float4 d) {
+    ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Float4 d) {
         auto const above = [&](Float4 other, Word4 later) __attribute__((always_inline)) {
             return reinterpret_cast<Word4>(d > other) |
                    (reinterpret_cast<Word4>(d == other) & later);
@@ -91,14 +93,16 @@ struct ScalarCells {
     }
     /// The same, to single precision: where two doubles are equal in it, the vertices that their
     /// order decides about are out of reach of the point but for less than a double can tell.
-    ZEL_INLINE static std::array<Word4, 3> largest(Double4 const& d) { return largest(round(d)); }
-    ZEL_INLINE static Float4 round(Double4 const& a) {
+    ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Double4 const& d) {
+        return largest(round(d));
+    }
+    ZEL_ALWAYS_INLINE static Float4 round(Double4 const& a) {
         using Float2 = float __attribute__((vector_size(8)));
         return __builtin_shufflevector(__builtin_convertvector(a.xy, Float2),
                                        __builtin_convertvector(a.zw, Float2), 0, 1, 2, 3);
     }
     /// Exclusive or of the four.
-    ZEL_INLINE static Word fold(Word4 a) {
+    ZEL_ALWAYS_INLINE static Word fold(Word4 a) {
         a ^= __builtin_shufflevector(a, a, 2, 3, 0, 1);
         return a[0] ^ a[1];
     }
@@ -111,36 +115,36 @@ template <> struct ScalarLane<float> : ScalarCells {
     using Real = float;
     using Real4 = Float4;
 
-    ZEL_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
+    ZEL_ALWAYS_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
     using ScalarCells::size;
-    ZEL_INLINE static float size(Real4 a) {
+    ZEL_ALWAYS_INLINE static float size(Real4 a) {
         a = reinterpret_cast<Float4>(reinterpret_cast<Word4>(a) & (~0u >> 1));
         return (a[0] + a[1]) + (a[2] + a[3]);
     }
-    ZEL_INLINE static float dot(Real4 a, Real4 b) { return sum(a * b); }
+    ZEL_ALWAYS_INLINE static float dot(Real4 a, Real4 b) { return sum(a * b); }
     /// Of the first three coordinates.
-    ZEL_INLINE static float dot3(Real4 a, Real4 b) {
+    ZEL_ALWAYS_INLINE static float dot3(Real4 a, Real4 b) {
         Float4 const p = a * b;
         return (p + __builtin_shufflevector(p, p, 1, 0, 3, 2))[0] + p[2];
     }
     using ScalarCells::sum;
-    ZEL_INLINE static float sum(Real4 p) {
+    ZEL_ALWAYS_INLINE static float sum(Real4 p) {
         p += __builtin_shufflevector(p, p, 1, 0, 3, 2);
         return p[0] + p[2];
     }
     /// a if that is above 0, else 0; exactly, and without the branch that a compiler may make of a
     /// comparison.
-    ZEL_INLINE static float positive(float a) { return (a + std::abs(a)) * 0.5f; }
+    ZEL_ALWAYS_INLINE static float positive(float a) { return (a + std::abs(a)) * 0.5f; }
     /// One less where the mask is set.
-    ZEL_INLINE static Real4 step(Real4 d, Word4 m) {
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 d, Word4 m) {
         return d - reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f));
     }
-    ZEL_INLINE static Real4 direction(Word row) {
+    ZEL_ALWAYS_INLINE static Real4 direction(Word row) {
         auto const& d = kDirectionTable<float>[row];
         return Float4{d.x, d.y, d.z, d.w};
     }
     /// The direction of the six bits of the hash from bit `low` on.
-    template <int low> ZEL_INLINE static Real4 spatialDirection(Word hash) {
+    template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word hash) {
         auto const& d = kSpatialDirectionTable<float>[hash >> low & 63];
         return Float4{d.x, d.y, d.z, d.w};
     }
@@ -151,15 +155,15 @@ template <> struct ScalarLane<double> : ScalarCells {
     using Real = double;
     using Real4 = Double4;
 
-    ZEL_INLINE static Real4 narrow(Wide4 const& a) { return a; }
-    ZEL_INLINE static double dot(Real4 const& a, Real4 const& b) {
+    ZEL_ALWAYS_INLINE static Real4 narrow(Wide4 const& a) { return a; }
+    ZEL_ALWAYS_INLINE static double dot(Real4 const& a, Real4 const& b) {
         return sum({a.xy * b.xy, a.zw * b.zw});
     }
-    ZEL_INLINE static double dot3(Real4 const& a, Real4 const& b) {
+    ZEL_ALWAYS_INLINE static double dot3(Real4 const& a, Real4 const& b) {
         return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
     }
-    ZEL_INLINE static double positive(double a) { return (a + std::abs(a)) * 0.5; }
-    ZEL_INLINE static Real4 step(Real4 const& d, Word4 m) {
+    ZEL_ALWAYS_INLINE static double positive(double a) { return (a + std::abs(a)) * 0.5; }
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Word4 m) {
         constexpr auto one = std::bit_cast<std::uint64_t>(1.0);
         auto const wide = [](Word4 pairs) __attribute__((always_inline)) {
             return reinterpret_cast<Double2>(reinterpret_cast<Long2>(pairs) & one);
@@ -167,11 +171,11 @@ template <> struct ScalarLane<double> : ScalarCells {
         return {d.xy - wide(__builtin_shufflevector(m, m, 0, 0, 1, 1)),
                 d.zw - wide(__builtin_shufflevector(m, m, 2, 2, 3, 3))};
     }
-    ZEL_INLINE static Real4 direction(Word row) {
+    ZEL_ALWAYS_INLINE static Real4 direction(Word row) {
         auto const& d = kDirectionTable<double>[row];
         return {Double2{d.x, d.y}, Double2{d.z, d.w}};
     }
-    template <int low> ZEL_INLINE static Real4 spatialDirection(Word hash) {
+    template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word hash) {
         auto const& d = kSpatialDirectionTable<double>[hash >> low & 63];
         return {Double2{d.x, d.y}, Double2{d.z, d.w}};
     }

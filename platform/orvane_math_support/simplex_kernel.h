@@ -22,11 +22,11 @@
 #include <type_traits>
 
 #ifdef HWY_NAMESPACE
-#define ZEL_KERNEL_LAMBDA HWY_ATTR __attribute__((always_inline))
+#define ZEL_KERNEL_LAMBDA HWY_ATTR ZEL_ALWAYS_INLINE
 #define ZEL_KERNEL_BEGIN namespace HWY_NAMESPACE {
 HWY_BEFORE_NAMESPACE();
 #else
-#define ZEL_KERNEL_LAMBDA __attribute__((always_inline))
+#define ZEL_KERNEL_LAMBDA ZEL_ALWAYS_INLINE
 #define ZEL_KERNEL_BEGIN inline namespace Baseline {
 #endif
 #define ZEL_KERNEL_END }
@@ -34,7 +34,7 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math::Simplex {
 ZEL_KERNEL_BEGIN
 
-template <int bits, class W> ZEL_INLINE W shiftRight(W const& w) {
+template <int bits, class W> ZEL_ALWAYS_INLINE inline W shiftRight(W const& w) {
     if constexpr (requires { w.template shiftRight<bits>(); })
         return w.template shiftRight<bits>();
     else
@@ -46,37 +46,39 @@ template <int bits, class W> ZEL_INLINE W shiftRight(W const& w) {
 /// word is mixed before the high word enters: a small step of one must not undo a carry into
 /// the other.
 template <class L>
-ZEL_INLINE typename L::Word4 hashAxes(typename L::Word4 u, typename L::Word4 const& high) {
+ZEL_ALWAYS_INLINE inline typename L::Word4 hashAxes(typename L::Word4 u,
+                                                    typename L::Word4 const& high) {
     u = (u ^ shiftRight<16>(u)) * L::load(kMix);
     return ((u ^ shiftRight<15>(u)) + high) * 0x9e3779b1u;
 }
 
 /// Mixes the exclusive or of four axis hashes; the upper bits are the ones to use.
-template <class Word> ZEL_INLINE Word finishHash(Word h) {
+template <class Word> ZEL_ALWAYS_INLINE inline Word finishHash(Word h) {
     h = (h ^ shiftRight<16>(h)) * 0x7feb352du;
     return (h ^ shiftRight<15>(h)) * 0x846ca68bu;
 }
 
 /// Direction of a vertex, from its hash.
-template <class L> ZEL_INLINE typename L::Real4 direction(typename L::Word const& hash) {
+template <class L>
+ZEL_ALWAYS_INLINE inline typename L::Real4 direction(typename L::Word const& hash) {
     static_assert(kDirections == 128);
     return L::direction(shiftRight<32 - 7>(hash));
 }
 
 /// Direction number `n` in space, 0 to 2. Its w is not to be used.
 template <class L, int n>
-ZEL_INLINE typename L::Real4 spatialDirection(typename L::Word const& hash) {
+ZEL_ALWAYS_INLINE inline typename L::Real4 spatialDirection(typename L::Word const& hash) {
     static_assert(kSpatialDirections == 64);
     return L::template spatialDirection<32 - 6 * (n + 1)>(hash);
 }
 
 /// Whether a point lies in the lattice; not if a coordinate is NaN.
-template <class L> ZEL_INLINE auto inLattice(typename L::Real4 const& p) {
+template <class L> ZEL_ALWAYS_INLINE inline auto inLattice(typename L::Real4 const& p) {
     return L::size(p) < static_cast<typename L::Number>(kReach);
 }
 
 /// Lattice coordinates, less 1/2 each: the nearest integers to these make the cell.
-template <class L> ZEL_INLINE typename L::Wide4 skew(typename L::Wide4 const& p) {
+template <class L> ZEL_ALWAYS_INLINE inline typename L::Wide4 skew(typename L::Wide4 const& p) {
     return p + (L::sum(p) * kSkew - 0.5);
 }
 
@@ -87,7 +89,8 @@ template <class L> ZEL_INLINE typename L::Wide4 skew(typename L::Wide4 const& p)
 /// Groups are handed on in calls like this one, since g++ 12 copies structures of registers in
 /// pieces.
 template <class L, class Origin, class Use>
-ZEL_INLINE auto atPlace(typename L::Wide4 const& lattice, Origin const& origin, Use&& use) {
+ZEL_ALWAYS_INLINE inline auto atPlace(typename L::Wide4 const& lattice, Origin const& origin,
+                                      Use&& use) {
     using Number = typename L::Number;
     auto const shifted = lattice + kCellShift;
     // Small numbers from here on, so that their own precision does; -1/2 to 1/2.
@@ -108,7 +111,7 @@ template <class L> struct CellHash {
 };
 
 template <class L>
-ZEL_INLINE CellHash<L> hashCell(typename L::Cell4 const& cell, Keys const& keys) {
+ZEL_ALWAYS_INLINE inline CellHash<L> hashCell(typename L::Cell4 const& cell, Keys const& keys) {
     auto const low = L::low(cell) + L::load(keys.axis);
     auto const here = hashAxes<L>(low, L::high(cell));
     return {L::fold(here) ^ keys.last, here ^ hashAxes<L>(low + 1u, L::highOfNext(cell))};
@@ -118,7 +121,8 @@ ZEL_INLINE CellHash<L> hashCell(typename L::Cell4 const& cell, Keys const& keys)
 /// the vertex and the hash of the vertex. The arguments are the same of the first one, and of the
 /// cell.
 template <class L, class Add>
-ZEL_INLINE void forEachVertex(typename L::Real4 const& d, CellHash<L> const& hash, Add&& add) {
+ZEL_ALWAYS_INLINE inline void forEachVertex(typename L::Real4 const& d, CellHash<L> const& hash,
+                                            Add&& add) {
     using Number = typename L::Number;
     auto const& first = hash.first;
     auto const& flip = hash.flip;
@@ -139,15 +143,15 @@ ZEL_INLINE void forEachVertex(typename L::Real4 const& d, CellHash<L> const& has
 }
 
 /// The base of the kernel's power: 1/2 - d^2 within the support, else 0.
-template <class L> ZEL_INLINE typename L::Real falloff(typename L::Real4 const& d) {
+template <class L> ZEL_ALWAYS_INLINE inline typename L::Real falloff(typename L::Real4 const& d) {
     return L::positive(static_cast<typename L::Number>(kRadius2) - L::dot(d, d));
 }
 
 /// Simplex noise: the sum over the vertices of t^4 * dot(g, d), with t the falloff and g the
 /// gradient of the vertex.
 template <class L>
-ZEL_INLINE typename L::Real simplexValue(typename L::Real4 const& place,
-                                         CellHash<L> const& cellHash) {
+ZEL_ALWAYS_INLINE inline typename L::Real simplexValue(typename L::Real4 const& place,
+                                                       CellHash<L> const& cellHash) {
     typename L::Real sum{};
     forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
         auto const t = falloff<L>(d), t2 = t * t;
@@ -158,9 +162,9 @@ ZEL_INLINE typename L::Real simplexValue(typename L::Real4 const& place,
 
 /// The same value, and the derivative: the sum of t^4 * g - 8 * t^3 * dot(g, d) * d.
 template <class L>
-ZEL_INLINE typename L::Real simplexDerivative(typename L::Real4 const& place,
-                                              CellHash<L> const& cellHash,
-                                              typename L::Real4& derivative) {
+ZEL_ALWAYS_INLINE inline typename L::Real simplexDerivative(typename L::Real4 const& place,
+                                                            CellHash<L> const& cellHash,
+                                                            typename L::Real4& derivative) {
     using Number = typename L::Number;
     typename L::Real sum{};
     typename L::Real4 slope{};
@@ -185,8 +189,8 @@ ZEL_INLINE typename L::Real simplexDerivative(typename L::Real4 const& place,
 /// * cross_r - 2 * power * t^(power - 1) * c_r) - 2 * power * t^(power - 1) * (derivative of
 /// cross_r along j).
 template <class L, int power, class Jacobian>
-ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<L> const& cellHash,
-                                       Jacobian& jacobian) {
+ZEL_ALWAYS_INLINE inline Vec3<typename L::Real>
+curl(typename L::Real4 const& place, CellHash<L> const& cellHash, Jacobian& jacobian) {
     static_assert(power == 3 || power == 4);
     using Number = typename L::Number;
     Vec3<typename L::Real> sum{};
@@ -235,20 +239,22 @@ ZEL_INLINE Vec3<typename L::Real> curl(typename L::Real4 const& place, CellHash<
 }
 
 /// Lattice coordinates of a time.
-template <class L> ZEL_INLINE typename L::Wide4 skewTime(typename L::Wide const& time) {
+template <class L>
+ZEL_ALWAYS_INLINE inline typename L::Wide4 skewTime(typename L::Wide const& time) {
     auto const skewed = time * kSkew;
     return L::spread(skewed, time + skewed);
 }
 
 /// Whether they lie in the lattice, or in the cell of a TimePlace; not if one is NaN.
-template <class L> ZEL_INLINE auto timeInLattice(typename L::Wide4 const& lattice) {
+template <class L> ZEL_ALWAYS_INLINE inline auto timeInLattice(typename L::Wide4 const& lattice) {
     return L::size(lattice) < kLatticeLimit;
 }
 
 /// Keeps what two floats hold, 48 bits. Cut off in the representation, not by going to float
 /// and back: g++ 12 drops such a round trip where it vectorises, and the bits would depend on
 /// that.
-template <class L> ZEL_INLINE typename L::Wide roundToTwoFloats(typename L::Wide const& a) {
+template <class L>
+ZEL_ALWAYS_INLINE inline typename L::Wide roundToTwoFloats(typename L::Wide const& a) {
     auto const high = L::cutToFloat(a);
     return high + L::cutToFloat(a - high);
 }
@@ -256,7 +262,7 @@ template <class L> ZEL_INLINE typename L::Wide roundToTwoFloats(typename L::Wide
 /// Calls use() with the four members of the TimePlace of a time within the lattice, from its
 /// coordinates there.
 template <class L, class Use>
-ZEL_INLINE auto placeTime(typename L::Wide4 const& lattice, Use const& use) {
+ZEL_ALWAYS_INLINE inline auto placeTime(typename L::Wide4 const& lattice, Use const& use) {
     auto const shifted = (lattice - 0.5) + kCellShift;
     auto const place = lattice - (shifted - kCellShift);
     auto const cell = L::unbiased(L::bits(shifted));

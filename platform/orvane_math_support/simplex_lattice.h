@@ -3,13 +3,11 @@
 // The simplex lattice: its shape, its limits, and the keys of its hash.
 
 #include "zel_platform/orvane_math_support/simplex_gradients.h"
+#include "zel_platform/quern_core/always_inline.h"
 
 #include <array>
 #include <bit>
 #include <cstdint>
-
-// Registers must not pass through memory, and a call per vertex would cost more than the vertex.
-#define ZEL_INLINE [[gnu::always_inline]] inline
 
 namespace Orvane::Math::Simplex {
 
@@ -57,7 +55,7 @@ struct Keys {
 
 /// After G. Steele, D. Lea, C. Flood, "Fast splittable pseudorandom number generators", 2014: a
 /// bijection of the seed to the first two axis keys, and a further round.
-ZEL_INLINE Keys makeKeys(std::int64_t seed) {
+ZEL_ALWAYS_INLINE inline Keys makeKeys(std::int64_t seed) {
     std::uint64_t a = static_cast<std::uint64_t>(seed) + 0x9e3779b97f4a7c15u;
     a = (a ^ (a >> 30)) * 0xbf58476d1ce4e5b9u;
     a = (a ^ (a >> 27)) * 0x94d049bb133111ebu;

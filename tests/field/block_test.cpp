@@ -9,7 +9,7 @@
 #include <string>
 
 #include "support/random_nodes.h"
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 #include "zel_platform/quern_core/simd_target.h"
 
 // Evaluation in blocks: that it gives what points give, and asks nodes no more than it may.
@@ -312,13 +312,13 @@ struct Again : FieldNode<Again, ScalarField> {
         if (block.positions()[0].x < 1) return out.set(block.positions().part(1));
         Block::Frame const frame(block);
         auto moved = block.result<float3>();
-        mapLanes(
+        mapBlock(
             block, moved,
             [](float3 const& p) {
                 return float3{p.x - 1, p.y, p.z};
             },
             block.positions());
-        block.withPositions(moved.lanes,
+        block.withPositions(moved.columns,
                             [&](Block& there) { there.writeValues(*above, false, out); });
     }
     ScalarPtr none = makePtr<ScalarFieldZPosition>();
@@ -506,15 +506,15 @@ struct Beside : FieldNode<Beside, ScalarField> {
     void blockValues(Block& block, BlockResult<float>& out) const {
         Block::Frame const frame(block);
         auto moved = block.result<float3>();
-        mapLanes(
+        mapBlock(
             block, moved,
             [](float3 const& p) {
                 return float3{p.x + 1, p.y, p.z};
             },
             block.positions());
         // Asks for positions of this block while others are at work.
-        block.withPositions(moved.lanes, [&](Block& there) {
-            mapLanes(
+        block.withPositions(moved.columns, [&](Block& there) {
+            mapBlock(
                 there, out, [](float x, float y) { return x * y; }, there.values(f),
                 block.values(g));
         });

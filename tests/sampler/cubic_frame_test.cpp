@@ -59,7 +59,7 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
 TYPED_TEST(Frame, BlockIsPointByPoint) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
-    using Floats = std::array<float, Internal::LaneTraits<T>::kComponents>;
+    using Floats = std::array<float, Internal::RegisterTraits<T>::kComponents>;
     Random random(22);
     for (auto const& [offsetType, jump, cacheSize] : {std::tuple{7, kJumpTrilinear, 0},
                                                       {7, kJumpTrilinear, 3},

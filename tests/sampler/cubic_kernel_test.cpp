@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/volume/trees.h"
-#include "zel/sampler/cubic_kernels.h"
+#include "zel/sampler/cubic/cubic_kernels.h"
 
 namespace {
 
@@ -121,7 +121,7 @@ TEST(Interpolant, LanesHaveTheBitsOfFloats) {
                               -1e38F};
     for (int n = 0; n < 3000; ++n) {
         Row rows[4];
-        Lanes f[4];
+        Float4 f[4];
         for (int lane = 0; lane < 4; ++lane) {
             rows[lane] = randomRow(random, false);
             if (n % 3 == 0) rows[lane].f[random(0, 3)] = kOdd[random(0, 5)];
@@ -132,7 +132,7 @@ TEST(Interpolant, LanesHaveTheBitsOfFloats) {
         for (int type : kTypes)
             for (int mode = 0; mode < 4; ++mode) {
                 bool const atJump = (mode & 1) != 0, clamp = (mode & 2) != 0;
-                Lanes const lanes =
+                Float4 const lanes =
                     interpolateValues1D(type, clamp, f, rows[0].x, rows[0].at, atJump);
                 for (int lane = 0; lane < 4; ++lane)
                     EXPECT_TRUE(sameBits(lanes[lane], value(type, rows[lane], atJump, clamp)));

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/volume/trees.h"
-#include "zel/sampler/voxel_sampler_cubic.h"
+#include "zel/sampler/cubic/voxel_sampler_cubic.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Volumes for the tests of the cubic sampler, and what a sampler with kJumpTrilinear must give,
@@ -289,10 +289,11 @@ private:
         return lerp(lerp(a, b, f[1]), lerp(e, g, f[1]), f[2]);
     }
     static T interpolate(int type, T const (&f)[4], float t) {
-        using Lane = Internal::LaneTraits<T>;
+        using Register = Internal::RegisterTraits<T>;
         return Internal::withType(type, [&]<int Type>() {
-            return Lane::to(Internal::UniformInterpolant<Type>(t)(
-                Lane::from(f[0]), Lane::from(f[1]), Lane::from(f[2]), Lane::from(f[3])));
+            return Register::to(
+                Internal::UniformInterpolant<Type>(t)(Register::from(f[0]), Register::from(f[1]),
+                                                      Register::from(f[2]), Register::from(f[3])));
         });
     }
 

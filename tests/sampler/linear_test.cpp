@@ -6,8 +6,8 @@
 #include "benchmarks/allocation_count.h"
 #include "platform/volume/trees.h"
 #include "support/probe.h"
-#include "zel/sampler/ring_fill.h"
-#include "zel/sampler/voxel_sampler_linear.h"
+#include "zel/sampler/linear/ring_fill.h"
+#include "zel/sampler/linear/voxel_sampler_linear.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "zel/curve/fcurve.h"
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
@@ -16,7 +16,7 @@ float3 remap(Orvane::Math::FCurve const& curve, float3 const& v) {
 
 /// By points: the curve is double precision and a call, which no vector code gains from.
 template <class T>
-void remap(Orvane::Math::FCurve const& curve, Block& block, Lanes<T> const& v,
+void remap(Orvane::Math::FCurve const& curve, Block& block, Columns<T> const& v,
            BlockResult<T>& out) {
     auto const write = out.writer();
     for (int i = 0; i < block.count(); ++i) write.set(i, remap(curve, v[i]));

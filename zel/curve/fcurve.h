@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 #include "zel_platform/orvane_math/fcurve.h"
 
 // A child's value sent through a curve, which the node shares and does not change. The curve is

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "zel_platform/orvane_math/vectors.h"
-#include "zel_platform/quern_core/lane_loop.h"
+#include "zel_platform/quern_core/position_loop.h"
 
 namespace zel::detail {
 
@@ -24,7 +24,7 @@ struct Steps {
 };
 
 /// The relative step around a coordinate, or an absolute one at 0.
-ZEL_LANES inline Steps stepAround(float c) {
+ZEL_ALWAYS_INLINE inline Steps stepAround(float c) {
     float const d = c == 0.0F ? 0.0001F : 0.0F;
     float const h = c + d;
     return {h * kUpperStep, h * kLowerStep, (d + c) * kStepDifference};

@@ -1,8 +1,8 @@
 #include "zel/field/vector_field.h"
 
-#include "zel/field/block.h"
+#include "zel/batch/block.h"
+#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
-#include "zel/field/fusion.h"
 
 namespace Core::Fields {
 

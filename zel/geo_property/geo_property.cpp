@@ -3,8 +3,8 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node_impl.h"
 #include "zel/geo_property/scalar_converter.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 

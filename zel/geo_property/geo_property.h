@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "zel/field/node.h"
 #include "zel/geo_property/property_binding.h"
+#include "zel/node/node.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 
 // Leaves that read a property of a geometry object, by element index. A node is made of the name of

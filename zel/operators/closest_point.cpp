@@ -1,7 +1,7 @@
 #include "zel/operators/closest_point.h"
 
 #include "zel/field/math.h"
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
@@ -15,10 +15,10 @@ void VectorFieldClosestPointTransform::blockValues(Block& block, BlockResult<flo
     Block::Frame const frame(block);
     auto const g = block.gradients(field);
     auto const d = block.values(field);
-    mapLanes(
+    mapBlock(
         block, out,
         [](float3 const& position, float distance, float3 const& direction)
-            ZEL_LANES { return position - distance * direction; },
+            ZEL_ALWAYS_INLINE { return position - distance * direction; },
         block.positions(), d, g);
 }
 
@@ -50,15 +50,15 @@ void VectorFieldIteratedNearPointTransform::blockValues(Block& block,
     for (int i = 0; i < count; ++i) working[i] = i;
     auto here = block.result<float3>();
     auto const move = here.writer();
-    for (int i = 0; i < count; ++i) move.set(i, out.lanes[i]);
+    for (int i = 0; i < count; ++i) move.set(i, out.columns[i]);
 
     for (std::int32_t step = 0; step < iterations && count > 0; ++step) {
-        block.withPositions(here.lanes, working, count, [&](Block& there) {
+        block.withPositions(here.columns, working, count, [&](Block& there) {
             Block::Frame const inner(there);
             auto const next = there.values(transform);
             int left = 0;
             for (int i = 0; i < count; ++i) {
-                float3 const p = here.lanes[i], q = next[i];
+                float3 const p = here.columns[i], q = next[i];
                 write.set(working[i], q);
                 move.set(left, q);
                 working[left] = working[i];

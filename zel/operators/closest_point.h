@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Projection of the position onto the surface where a scalar field, read as a signed distance, is
 // 0. The values are positions; the gradients are the default ones, by differences.

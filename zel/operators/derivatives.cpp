@@ -1,6 +1,6 @@
 #include "zel/operators/derivatives.h"
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
@@ -30,7 +30,7 @@ float ScalarFieldDivergence::eval(float3 const& position, long long index) const
 
 void ScalarFieldDivergence::blockValues(Block& block, BlockResult<float>& out) const {
     Block::Frame const frame(block);
-    mapLanes(block, out, divergence, block.gradients(field));
+    mapBlock(block, out, divergence, block.gradients(field));
 }
 
 float3 VectorFieldCurl::eval(float3 const& position, long long index) const {
@@ -39,7 +39,7 @@ float3 VectorFieldCurl::eval(float3 const& position, long long index) const {
 
 void VectorFieldCurl::blockValues(Block& block, BlockResult<float3>& out) const {
     Block::Frame const frame(block);
-    mapLanes(block, out, curl, block.gradients(field));
+    mapBlock(block, out, curl, block.gradients(field));
 }
 
 }  // namespace zel

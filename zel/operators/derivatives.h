@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // A child's first derivative as a field, as accurate as the child's `grad`. Their own gradients are
 // the default ones, by differences of the first derivative.

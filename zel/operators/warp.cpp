@@ -2,7 +2,7 @@
 
 #include <concepts>
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
@@ -21,14 +21,14 @@ namespace {
 
 /// The gradients of `field` at other positions, times those of the map to them.
 template <class Interface>
-void chain(Block& block, Quern::Ptr<Interface> const& field, Lanes<float3> const& there,
-           Lanes<float3x3> const& map, BlockResult<typename Interface::Gradient>& out) {
+void chain(Block& block, Quern::Ptr<Interface> const& field, Columns<float3> const& there,
+           Columns<float3x3> const& map, BlockResult<typename Interface::Gradient>& out) {
     block.withPositions(there, [&](Block& moved) {
         Block::Frame const frame(moved);
-        mapLanes(
+        mapBlock(
             moved, out,
             [](typename Interface::Gradient const& g, float3x3 const& m)
-                ZEL_LANES { return g * m; },
+                ZEL_ALWAYS_INLINE { return g * m; },
             moved.gradients(field), map);
     });
 }
@@ -41,7 +41,7 @@ void WarpNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& ou
     auto const moved = block.values(warp);
     block.withPositions(
         moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
-    out.lanes.light = out.lanes.light && moved.light;
+    out.columns.light = out.columns.light && moved.light;
 }
 
 template <class Self, class Interface>
@@ -71,15 +71,15 @@ auto AdvectNode<Self, Interface>::grad(float3 const& position, long long index) 
 }
 
 template <class Self, class Interface>
-Lanes<float3> AdvectNode<Self, Interface>::origins(Block& block) const {
+Columns<float3> AdvectNode<Self, Interface>::origins(Block& block) const {
     auto there = block.result<float3>();
     auto const v = block.values(velocity);
-    mapLanes(
+    mapBlock(
         block, there,
-        [this](float3 const& p, float3 const& flow) ZEL_LANES { return origin(p, flow); },
+        [this](float3 const& p, float3 const& flow) ZEL_ALWAYS_INLINE { return origin(p, flow); },
         block.positions(), v);
-    there.lanes.light = v.light;
-    return there.lanes;
+    there.columns.light = v.light;
+    return there.columns;
 }
 
 template <class Self, class Interface>
@@ -88,17 +88,17 @@ void AdvectNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& 
     auto const moved = origins(block);
     block.withPositions(
         moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
-    out.lanes.light = out.lanes.light && moved.light;
+    out.columns.light = out.columns.light && moved.light;
 }
 
 template <class Self, class Interface>
 void AdvectNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradient>& out) const {
     Block::Frame const frame(block);
     auto map = block.result<float3x3>();
-    mapLanes(
-        block, map, [this](float3x3 const& g) ZEL_LANES { return originGradient(g); },
+    mapBlock(
+        block, map, [this](float3x3 const& g) ZEL_ALWAYS_INLINE { return originGradient(g); },
         block.gradients(velocity));
-    chain(block, field, origins(block), map.lanes, out);
+    chain(block, field, origins(block), map.columns, out);
 }
 
 }  // namespace zel

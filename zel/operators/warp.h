@@ -1,7 +1,7 @@
 #pragma once
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Nodes that ask a child somewhere else than at the position asked for. Their gradients follow the
 // chain rule: the gradient of the child there, times the matrix of the map, in that order.
@@ -65,7 +65,7 @@ private:
     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
     float3 origin(float3 const& position, float3 const& v) const { return position - dt * v; }
     float3x3 originGradient(float3x3 const& g) const { return Orvane::Math::identity() - g * dt; }
-    Lanes<float3> origins(Block& block) const;
+    Columns<float3> origins(Block& block) const;
 
     Quern::Ptr<Interface> field;
     VectorPtr velocity;

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <new>
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 #include "zel/scalar/arithmetic.h"
 #include "zel_platform/orvane_math_support/noise.h"
 #include "zel_platform/orvane_math_support/noise_block.h"
@@ -40,8 +40,8 @@ double* allocateDoubles(Block& block) {
     return new (block.allocate(kArrays)) double[kBlockSize];
 }
 
-void curlBlock(bool smooth, Lanes<float3> const& p, float const* time, int count,
-               std::uint32_t seed, LaneWriter<float3> const& out) {
+void curlBlock(bool smooth, Columns<float3> const& p, float const* time, int count,
+               std::uint32_t seed, ColumnWriter<float3> const& out) {
     auto const [x, y, z] = p.component;
     auto const [toX, toY, toZ] = out.component;
     if (smooth)
@@ -94,7 +94,7 @@ float ScalarFieldFractalNoise::eval(float3 const& position, long long index) con
 void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out) const {
     Block::Frame const frame(block);
     auto const w = block.values(time).component[0];
-    Lanes<float3> const& p = block.positions();
+    Columns<float3> const& p = block.positions();
     float const *const x = p.component[0], *const y = p.component[1], *const z = p.component[2];
     int const count = octaveCount(amplitude, scaleRatio, octaves);
     auto* const sum = allocateDoubles(block);
@@ -104,20 +104,20 @@ void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out)
     std::fill_n(sum, block.count(), 0.0);
     for (int i = 0; i < count; ++i) {
         Octave const octave(*this, i, count);
-        Quern::forEachLane(block.count(),
-                           [=, tx = at[0], ty = at[1], tz = at[2], tw = at[3]](int k) ZEL_LANES {
-                               tx[k] = x[k] * octave.scale;
-                               ty[k] = y[k] * octave.scale;
-                               tz[k] = z[k] * octave.scale;
-                               tw[k] = octave.timeScale * w[k];
-                           });
+        Quern::forEachPosition(block.count(), [=, tx = at[0], ty = at[1], tz = at[2],
+                                               tw = at[3]](int k) ZEL_ALWAYS_INLINE {
+            tx[k] = x[k] * octave.scale;
+            ty[k] = y[k] * octave.scale;
+            tz[k] = z[k] * octave.scale;
+            tw[k] = octave.timeScale * w[k];
+        });
         simplex_noise_block(at[0], at[1], at[2], at[3], block.count(), seed, noise);
-        Quern::forEachLane<true>(block.count(),
-                                 [=](int k) ZEL_LANES { sum[k] += noise[k] * octave.weight; });
+        Quern::forEachPosition<true>(
+            block.count(), [=](int k) ZEL_ALWAYS_INLINE { sum[k] += noise[k] * octave.weight; });
     }
     auto* const result = out.writer().component[0];
-    Quern::forEachLane(block.count(),
-                       [=](int k) ZEL_LANES { result[k] = static_cast<float>(sum[k]); });
+    Quern::forEachPosition(
+        block.count(), [=](int k) ZEL_ALWAYS_INLINE { result[k] = static_cast<float>(sum[k]); });
 }
 
 VectorFieldCurlNoise::VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int64_t seed)
@@ -203,16 +203,16 @@ void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>
     float* const u = block.allocate();
     for (int i = 0; i < count; ++i) {
         Octave const octave(*this, i, count);
-        mapLanes(
-            block, at, [s = octave.scale](float3 const& p) ZEL_LANES { return s * p; },
+        mapBlock(
+            block, at, [s = octave.scale](float3 const& p) ZEL_ALWAYS_INLINE { return s * p; },
             block.positions());
-        Quern::forEachLane<true>(block.count(),
-                                 [=](int k) ZEL_LANES { u[k] = octave.timeScale * t[k]; });
-        curlBlock(smooth, at.lanes, u, block.count(), seed, noise.writer());
+        Quern::forEachPosition<true>(
+            block.count(), [=](int k) ZEL_ALWAYS_INLINE { u[k] = octave.timeScale * t[k]; });
+        curlBlock(smooth, at.columns, u, block.count(), seed, noise.writer());
         for (unsigned c = 0; c < 3; ++c)
-            Quern::forEachLane<true>(block.count(),
-                                     [=, to = sum.component[c], v = noise.lanes.component[c]](int k)
-                                         ZEL_LANES { to[k] += octave.weight * v[k]; });
+            Quern::forEachPosition<true>(
+                block.count(), [=, to = sum.component[c], v = noise.columns.component[c]](int k)
+                                   ZEL_ALWAYS_INLINE { to[k] += octave.weight * v[k]; });
     }
 }
 

@@ -6,7 +6,7 @@
 #include <limits>
 #include <optional>
 
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Noise over space and a fourth coordinate, which a child field supplies. A walk does not reach
 // that child; the sampling hooks do. None of the nodes can be assigned.

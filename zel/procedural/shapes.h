@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Implicit shapes: negative inside or behind, 0 on the surface, positive outside. Parameters are
 // not tested; numbers that are not finite give results that are not finite.

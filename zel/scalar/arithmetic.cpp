@@ -1,10 +1,10 @@
 #include "zel/scalar/arithmetic.h"
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
-Lanes<float> ScalarFieldConstant::viewOf(Block& block) const {
+Columns<float> ScalarFieldConstant::viewOf(Block& block) const {
     return block.constant(value);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 namespace zel {
 
@@ -15,7 +15,7 @@ private:
     friend NodeAccess;
     float valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
-    Lanes<float> viewOf(Block& block) const;
+    Columns<float> viewOf(Block& block) const;
 
     float value = 0;
 };

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 namespace zel {
 

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Scalar nodes that compare. Tests against 0 and between children are exact, and a NaN makes each
 // of them false.

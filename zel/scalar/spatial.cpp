@@ -1,18 +1,18 @@
 #include "zel/scalar/spatial.h"
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
-Lanes<float> ScalarFieldXPosition::viewOf(Block& block) const {
+Columns<float> ScalarFieldXPosition::viewOf(Block& block) const {
     return block.positions().part(0);
 }
 
-Lanes<float> ScalarFieldYPosition::viewOf(Block& block) const {
+Columns<float> ScalarFieldYPosition::viewOf(Block& block) const {
     return block.positions().part(1);
 }
 
-Lanes<float> ScalarFieldZPosition::viewOf(Block& block) const {
+Columns<float> ScalarFieldZPosition::viewOf(Block& block) const {
     return block.positions().part(2);
 }
 

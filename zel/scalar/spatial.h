@@ -1,8 +1,8 @@
 #pragma once
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
-#include "zel/field/transform.h"
+#include "zel/node/node.h"
+#include "zel/node/transform.h"
 
 namespace zel {
 
@@ -11,7 +11,7 @@ class ZEL_API ScalarFieldXPosition : public LeafNode<ScalarFieldXPosition, Scala
 private:
     friend NodeAccess;
     float valueOf(float3 const& p, long long /*i*/) const { return p.x; }
-    Lanes<float> viewOf(Block& block) const;
+    Columns<float> viewOf(Block& block) const;
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {1, 0, 0}; }
 };
 
@@ -20,7 +20,7 @@ class ZEL_API ScalarFieldYPosition : public LeafNode<ScalarFieldYPosition, Scala
 private:
     friend NodeAccess;
     float valueOf(float3 const& p, long long /*i*/) const { return p.y; }
-    Lanes<float> viewOf(Block& block) const;
+    Columns<float> viewOf(Block& block) const;
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {0, 1, 0}; }
 };
 
@@ -29,7 +29,7 @@ class ZEL_API ScalarFieldZPosition : public LeafNode<ScalarFieldZPosition, Scala
 private:
     friend NodeAccess;
     float valueOf(float3 const& p, long long /*i*/) const { return p.z; }
-    Lanes<float> viewOf(Block& block) const;
+    Columns<float> viewOf(Block& block) const;
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {0, 0, 1}; }
 };
 

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Trigonometric functions of scalar fields, in radians and single precision, by the functions of
 // the C mathematics library. Outside a function's domain the value is what that library gives.

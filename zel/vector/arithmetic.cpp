@@ -1,10 +1,10 @@
 #include "zel/vector/arithmetic.h"
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
-Lanes<float3> VectorFieldConstant::viewOf(Block& block) const {
+Columns<float3> VectorFieldConstant::viewOf(Block& block) const {
     return joined(block.constant(value.x), block.constant(value.y), block.constant(value.z));
 }
 

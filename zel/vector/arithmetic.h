@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 #include "zel_platform/quern_core/array.h"
 
 // Vector nodes that compute, component by component unless the formula says otherwise. None guards
@@ -21,7 +21,7 @@ private:
     friend NodeAccess;
     float3 valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
     float3x3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
-    Lanes<float3> viewOf(Block& block) const;
+    Columns<float3> viewOf(Block& block) const;
 
     float3 value;
 };

@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Nodes that cross between scalar and vector fields. Their names go by the child: a
 // VectorFieldXComponent is a scalar field.
@@ -18,7 +18,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float3 const& v) const { return v.x; }
-    Lanes<float> viewOf(Lanes<float3> const& v) const { return v.part(0); }
+    Columns<float> viewOf(Columns<float3> const& v) const { return v.part(0); }
     float3 gradientOf(float3x3 const& g) const { return g[0]; }
 
     VectorPtr field;
@@ -33,7 +33,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float3 const& v) const { return v.y; }
-    Lanes<float> viewOf(Lanes<float3> const& v) const { return v.part(1); }
+    Columns<float> viewOf(Columns<float3> const& v) const { return v.part(1); }
     float3 gradientOf(float3x3 const& g) const { return g[1]; }
 
     VectorPtr field;
@@ -48,7 +48,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float3 const& v) const { return v.z; }
-    Lanes<float> viewOf(Lanes<float3> const& v) const { return v.part(2); }
+    Columns<float> viewOf(Columns<float3> const& v) const { return v.part(2); }
     float3 gradientOf(float3x3 const& g) const { return g[2]; }
 
     VectorPtr field;
@@ -84,8 +84,8 @@ private:
         return std::tie(node.x, node.y, node.z);
     }
     float3 valueOf(float xv, float yv, float zv) const { return {xv, yv, zv}; }
-    Lanes<float3> viewOf(Lanes<float> const& xl, Lanes<float> const& yl,
-                         Lanes<float> const& zl) const {
+    Columns<float3> viewOf(Columns<float> const& xl, Columns<float> const& yl,
+                           Columns<float> const& zl) const {
         return joined(xl, yl, zl);
     }
     float3x3 gradientOf(float3 const& xg, float3 const& yg, float3 const& zg) const {

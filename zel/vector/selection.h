@@ -3,7 +3,7 @@
 #include <cmath>
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 
 // Vector nodes that compare. Values are worked out component by component, but a gradient is one
 // whole matrix, chosen by one lexicographic comparison of vectors. A NaN makes a comparison false.

@@ -1,10 +1,10 @@
 #include "zel/vector/spatial.h"
 
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 
 namespace zel {
 
-Lanes<float3> VectorFieldPosition::viewOf(Block& block) const {
+Columns<float3> VectorFieldPosition::viewOf(Block& block) const {
     return block.positions();
 }
 

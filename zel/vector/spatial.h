@@ -1,8 +1,8 @@
 #pragma once
 
 #include "zel/field/math.h"
-#include "zel/field/node.h"
-#include "zel/field/transform.h"
+#include "zel/node/node.h"
+#include "zel/node/transform.h"
 
 // The position as a field, and vector fields moved as a whole: the sample point goes back, the
 // value forward.
@@ -13,7 +13,7 @@ class ZEL_API VectorFieldPosition : public LeafNode<VectorFieldPosition, VectorF
 private:
     friend NodeAccess;
     float3 valueOf(float3 const& p, long long /*i*/) const { return p; }
-    Lanes<float3> viewOf(Block& block) const;
+    Columns<float3> viewOf(Block& block) const;
     float3x3 gradientOf(float3 const& /*p*/, long long /*i*/) const {
         return Orvane::Math::identity();
     }

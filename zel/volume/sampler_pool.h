@@ -29,7 +29,7 @@ public:
 
     /// The pointer of the calling thread, null at first. `exists` tells whether the thread has
     /// asked before. Throws std::bad_alloc.
-    [[gnu::always_inline]] Sampler*& local(bool& exists) {
+    ZEL_ALWAYS_INLINE Sampler*& local(bool& exists) {
         std::uint64_t const me = thisThread();
         std::uint64_t const hash = hashOf(me);
         if (Block* const block = m_first.load(std::memory_order_acquire)) [[likely]] {

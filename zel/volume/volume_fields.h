@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "zel/field/node.h"
+#include "zel/node/node.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry/sampler_type.h"
 
@@ -71,7 +71,7 @@ protected:
     ZEL_INTERNAL void blockValues(Block& block, BlockResult<Value>& out) const;
     ZEL_INTERNAL void blockGradients(Block& block, BlockResult<Gradient>& out) const;
     ZEL_INTERNAL void differencesInBlock(Block& block, BlockResult<Gradient>& out) const;
-    ZEL_INTERNAL Lanes<float3> inVolume(Block& block) const;
+    ZEL_INTERNAL Columns<float3> inVolume(Block& block) const;
 
     std::unique_ptr<detail::VolumeReader<Value>> reader;
 };

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "zel/field/differences.h"
-#include "zel/field/node_impl.h"
+#include "zel/node/node_impl.h"
 #include "zel/volume/volume_fields.h"
 #include "zel/volume/volume_reader_impl.h"
 #include "zel_platform/orvane_math_support/exception_message.h"
@@ -77,14 +77,14 @@ auto VolumeNode<Self, Interface>::grad(float3 const& position, long long index) 
 
 /// Where the positions of a block are looked up in the volume.
 template <class Self, class Interface>
-Lanes<float3> VolumeNode<Self, Interface>::inVolume(Block& block) const {
+Columns<float3> VolumeNode<Self, Interface>::inVolume(Block& block) const {
     if (!this->self().isScaled()) return block.positions();
     auto moved = block.result<float3>();
-    mapLanes(
+    mapBlock(
         block, moved,
-        [node = &this->self()](float3 const& p) ZEL_LANES { return node->inVolume(p); },
+        [node = &this->self()](float3 const& p) ZEL_ALWAYS_INLINE { return node->inVolume(p); },
         block.positions());
-    return moved.lanes;
+    return moved.columns;
 }
 
 template <class Self, class Interface>
@@ -113,7 +113,7 @@ void VolumeNode<Self, Interface>::differencesInBlock(Block& block,
     constexpr bool kInVolume = std::is_same_v<Value, float>;
     auto const write = out.writer();
     Block::Frame const frame(block);
-    Lanes<float3> const centers = kInVolume ? inVolume(block) : block.positions();
+    Columns<float3> const centers = kInVolume ? inVolume(block) : block.positions();
     auto probes = block.result<float3>();
     auto values = block.result<Value>();
     float* const divisors = block.allocate();
@@ -131,9 +131,9 @@ void VolumeNode<Self, Interface>::differencesInBlock(Block& block,
                 at.set(probe + 1, kInVolume ? down : this->self().inVolume(down));
                 divisors[3 * i + axis] = steps.divisor;
             }
-        reader->values(probes.lanes, kProbes * count, values.writer());
-        for (unsigned row = 0; row < values.lanes.component.size(); ++row) {
-            float const* const f = values.lanes.component[row];
+        reader->values(probes.columns, kProbes * count, values.writer());
+        for (unsigned row = 0; row < values.columns.component.size(); ++row) {
+            float const* const f = values.columns.component[row];
             for (int n = 0; n < 3 * count; ++n)
                 write.component[3 * row + static_cast<unsigned>(n % 3)][first + n / 3] =
                     (f[2 * n] - f[2 * n + 1]) / divisors[n];

@@ -2,9 +2,9 @@
 
 #include <concepts>
 
-#include "zel/field/lanes.h"
-#include "zel/sampler/voxel_sampler_cubic.h"
-#include "zel/sampler/voxel_sampler_linear.h"
+#include "zel/batch/columns.h"
+#include "zel/sampler/cubic/voxel_sampler_cubic.h"
+#include "zel/sampler/linear/voxel_sampler_linear.h"
 #include "zel/volume/sampler_pool.h"
 #include "zel/volume/volume_state.h"
 #include "zel_platform/orvane_geometry/object.h"
@@ -47,8 +47,9 @@ public:
     bool gradient(float3 const& position, float3& result) const;
 
     /// value(), and gradient(), at many positions. Gradients are those of `float` channels.
-    void values(Lanes<float3> const& positions, int count, LaneWriter<T> const& out) const;
-    void gradients(Lanes<float3> const& positions, int count, LaneWriter<float3> const& out) const;
+    void values(Columns<float3> const& positions, int count, ColumnWriter<T> const& out) const;
+    void gradients(Columns<float3> const& positions, int count,
+                   ColumnWriter<float3> const& out) const;
     /// Whether gradient() has an answer; without a volume it has.
     bool hasGradients() const;
 

@@ -35,7 +35,7 @@ template <class Traits, class T>
 // The calling thread's sampler, made if it has none: also if making one failed before.
 
 template <class Traits, class T>
-[[gnu::always_inline]] inline LinearSampler<Traits, T>&
+ZEL_ALWAYS_INLINE inline LinearSampler<Traits, T>&
 linearSampler(VolumeStateOf<Traits, T> const& state, SamplerPool<LinearSampler<Traits, T>>& pool) {
     bool exists;
     auto*& sampler = pool.local(exists);
@@ -45,7 +45,7 @@ linearSampler(VolumeStateOf<Traits, T> const& state, SamplerPool<LinearSampler<T
 }
 
 template <class Traits, class T>
-[[gnu::always_inline]] inline CubicSampler<Traits, T>&
+ZEL_ALWAYS_INLINE inline CubicSampler<Traits, T>&
 cubicSampler(VolumeStateOf<Traits, T> const& state, SamplerType type,
              SamplerPool<CubicSampler<Traits, T>>& pool) {
     bool exists;
@@ -73,10 +73,10 @@ template <class Traits, class T>
 /// Sets `result` to the value at a position and says whether the state is valid: only then is the
 /// other kind of tree left alone, whatever was found.
 template <class Traits, class T>
-[[gnu::always_inline]] inline bool evalTree(float3 const& position, SamplerType type,
-                                            VolumeStateOf<Traits, T> const& state, T& result,
-                                            SamplerPool<LinearSampler<Traits, T>>& linear,
-                                            SamplerPool<CubicSampler<Traits, T>>& cubic) {
+ZEL_ALWAYS_INLINE inline bool evalTree(float3 const& position, SamplerType type,
+                                       VolumeStateOf<Traits, T> const& state, T& result,
+                                       SamplerPool<LinearSampler<Traits, T>>& linear,
+                                       SamplerPool<CubicSampler<Traits, T>>& cubic) {
     if (!state.valid) return false;
     switch (type) {
     case SamplerType::kLinear:
@@ -103,8 +103,7 @@ bool gradTree(float3 const& position, SamplerType type, VolumeStateOf<Traits, fl
     return true;
 }
 
-template <class T>
-[[gnu::always_inline]] inline T VolumeReader<T>::value(float3 const& position) const {
+template <class T> ZEL_ALWAYS_INLINE inline T VolumeReader<T>::value(float3 const& position) const {
     T result{};
     if (!evalTree<QuinaryTraits>(position, m_type, m_quinary, result, m_linearQuinary,
                                  m_cubicQuinary))
@@ -124,8 +123,8 @@ template <class T> bool VolumeReader<T>::gradient(float3 const& position, float3
 
 /// evalTree at many positions; sets nothing if the state is not valid.
 template <class Traits, class T>
-bool evalTree(Lanes<float3> const& positions, int count, SamplerType type,
-              VolumeStateOf<Traits, T> const& state, LaneWriter<T> const& out,
+bool evalTree(Columns<float3> const& positions, int count, SamplerType type,
+              VolumeStateOf<Traits, T> const& state, ColumnWriter<T> const& out,
               SamplerPool<LinearSampler<Traits, T>>& linear,
               SamplerPool<CubicSampler<Traits, T>>& cubic) {
     if (!state.valid) return false;
@@ -146,8 +145,9 @@ bool evalTree(Lanes<float3> const& positions, int count, SamplerType type,
 
 /// The linear gradTree at many positions.
 template <class Traits>
-bool gradTree(Lanes<float3> const& positions, int count, VolumeStateOf<Traits, float> const& state,
-              LaneWriter<float3> const& out, SamplerPool<LinearSampler<Traits, float>>& linear) {
+bool gradTree(Columns<float3> const& positions, int count,
+              VolumeStateOf<Traits, float> const& state, ColumnWriter<float3> const& out,
+              SamplerPool<LinearSampler<Traits, float>>& linear) {
     if (!state.valid) return false;
     auto const [x, y, z] = positions.component;
     linearSampler<Traits, float>(state, linear)
@@ -157,8 +157,8 @@ bool gradTree(Lanes<float3> const& positions, int count, VolumeStateOf<Traits, f
 }
 
 template <class T>
-void VolumeReader<T>::values(Lanes<float3> const& positions, int count,
-                             LaneWriter<T> const& out) const {
+void VolumeReader<T>::values(Columns<float3> const& positions, int count,
+                             ColumnWriter<T> const& out) const {
     if (evalTree<QuinaryTraits>(positions, count, m_type, m_quinary, out, m_linearQuinary,
                                 m_cubicQuinary) ||
         evalTree<BinaryTraits>(positions, count, m_type, m_binary, out, m_linearBinary,
@@ -168,8 +168,8 @@ void VolumeReader<T>::values(Lanes<float3> const& positions, int count,
 }
 
 template <class T>
-void VolumeReader<T>::gradients(Lanes<float3> const& positions, int count,
-                                LaneWriter<float3> const& out) const {
+void VolumeReader<T>::gradients(Columns<float3> const& positions, int count,
+                                ColumnWriter<float3> const& out) const {
     if constexpr (std::same_as<T, float>)
         if (m_type == SamplerType::kLinear &&
             (gradTree<QuinaryTraits>(positions, count, m_quinary, out, m_linearQuinary) ||

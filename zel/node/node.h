@@ -1,0 +1,238 @@
+#pragma once
+
+#include <tuple>
+#include <type_traits>
+
+#include "zel/batch/columns.h"
+#include "zel/field/scalar_field.h"
+#include "zel/field/vector_field.h"
+#include "zel/node/hook_walk.h"
+#include "zel_platform/orvane_math/float3x3.h"
+#include "zel_platform/orvane_math/vectors.h"
+
+// The bases of all nodes: what nodes do alike stands here once, and a node class shows only its
+// members and its formulas, and does not override what the base does with them. `Self` is the node
+// class, `Interface` ScalarField or VectorField.
+//
+// A node names its children, in the order of its members, for the walks and the hooks:
+//
+//     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+//
+// and makes `friend zel::NodeAccess` so that `children` and the formulas may stay private. Declare
+// no destructor, copy or move operation in a node: the implicit ones share the children on a copy,
+// take them on a move, and release them last to first.
+//
+// Definitions are in node_impl.h, which the source file of a node includes. To spare the users of a
+// node their compilation, its header says ZEL_DECLARE_OPERATOR (or the like) after the class, and
+// its source ZEL_DEFINE_OPERATOR, both outside any namespace.
+
+namespace zel {
+
+/// The child pointers of nodes.
+using ScalarPtr = Quern::Ptr<Core::Fields::ScalarField>;
+using VectorPtr = Quern::Ptr<Core::Fields::VectorField>;
+
+using Core::Fields::ScalarField;
+using Core::Fields::VectorField;
+using Orvane::Math::float3;
+using Orvane::Math::float3x3;
+using Orvane::Math::float4;
+
+/// Reaches what a node keeps private. A node makes it a friend.
+struct NodeAccess;
+
+namespace detail {
+
+/// Whether a node class is one of the library, which says so by ZEL_LIBRARY_NODE.
+template <class Node> inline constexpr bool isLibraryNode = false;
+
+}  // namespace detail
+
+/// Gives a node its type name, and what it has in blocks. A node that writes `eval` itself may have
+///
+///     void blockValues(Block& block, BlockResult<Value>& out) const;
+///     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
+///
+/// with the bits of its point operations. Without the first, both are done by points. With the
+/// first alone, the gradients are differences if the node has inherited the default `grad`.
+template <class Self, class Interface> class ZEL_API NamedNode : public Interface {
+public:
+    using Value = typename Interface::Value;
+    using Gradient = typename Interface::Gradient;
+
+    using Interface::eval;
+
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+    void fuse(Fuser& fuser) const override;
+
+protected:
+    NamedNode();
+
+    Self const& self() const { return static_cast<Self const&>(*this); }
+    Self& self() { return static_cast<Self&>(*this); }
+};
+
+/// A leaf by two formulas of the position and the element index:
+///
+///     Value valueOf(float3 const& p, long long i) const;
+///     Gradient gradientOf(float3 const& p, long long i) const;
+///
+/// either without the index where it plays no part; and, if there are arrays already that hold the
+/// values of a block,
+///
+///     Columns<Value> viewOf(Block& block) const;
+template <class Self, class Interface> class ZEL_API LeafNode : public NamedNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    using Interface::eval;
+
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+    void fuse(Fuser& fuser) const override;
+};
+
+/// A node that passes the sampling hooks on to its children, in their order, and does not show them
+/// to a walk. It writes `eval`, and `grad` if it has a formula, itself, beside
+/// `using Interface::eval;`.
+template <class Self, class Interface>
+class ZEL_API HookedNode : public NamedNode<Self, Interface> {
+public:
+    void preSampleField() const override;
+    void postSampleField() const override;
+    void fuse(Fuser& fuser) const override;
+
+private:
+    [[no_unique_address]] detail::HookTarget hookTarget;
+};
+
+/// An operator: walks and hooks over its children. Never triggerable itself. A null child is a
+/// broken precondition, asserted in a debug build.
+template <class Self, class Interface>
+class ZEL_API FieldNode : public HookedNode<Self, Interface> {
+public:
+    void accept(FieldConstVisitor& visitor) const override;
+    void accept(FieldVisitor& visitor) override;
+    bool is_triggerable() const override;
+};
+
+/// An operator whose value is a formula of its children's values at the same position and index.
+/// The children are asked in their order, for all values first.
+///
+///     Value valueOf(av, bv, ...) const;             from the children's values
+///
+/// and for the gradient one of
+///
+///     Gradient gradientOf(ag, bg, ...) const;           from the children's gradients
+///     Gradient gradientOf(av, bv, ag, bg) const;        from values and gradients
+///     Gradient gradientFromValue(w, ag, ...) const;     from this node's own value, asked through
+///                                                     its virtual `eval`, and the gradients
+///     int gradientChoice(av, bv, ...) const;          the gradient of the child of that number,
+///                                                     the only one asked; zero if negative
+///     Gradient gradientOf() const;                      from nothing, no child is asked
+///
+/// and, if its values are among those of its children,
+///
+///     Columns<Value> viewOf(al, bl, ...) const;           from the children's columns
+///
+/// In a node of the library a `static constexpr bool kHeavy = true` says that a formula takes as
+/// long as dozens of others; a node like Min then asks for it only where it must, as it asks all
+/// nodes of other libraries, and not wherever that is simpler.
+template <class Self, class Interface>
+class ZEL_API PointwiseNode : public FieldNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    using Interface::eval;
+
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+    void fuse(Fuser& fuser) const override;
+};
+
+/// An operator that asks its one child, `field`, at another position and with the same index:
+///
+///     float3 childPosition(float3 const& p) const;
+///     Value valueOf(v) const;           from the child's value there
+///     Gradient gradientOf(g) const;     from the child's gradient there
+///
+/// A `static constexpr bool kMovesOnly = true` says that the value is the child's as it comes. It
+/// says nothing about the gradient.
+template <class Self, class Interface>
+class ZEL_API TransformNode : public FieldNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    using Interface::eval;
+
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+};
+
+/// An operator with three children, `condition`, `a` and `b`: it is `a` where the condition is
+/// above 0, else `b`. Only the branch taken is asked.
+template <class Self, class Interface>
+class ZEL_API SwitchNode : public FieldNode<Self, Interface> {
+public:
+    using typename NamedNode<Self, Interface>::Value;
+    using typename NamedNode<Self, Interface>::Gradient;
+    using Interface::eval;
+
+    Value eval(float3 const& position, long long index) const override;
+    Gradient grad(float3 const& position, long long index) const override;
+    void evalBlock(Block& block, BlockResult<Value>& out) const override;
+    void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
+};
+
+}  // namespace zel
+
+/// Says, after the class of a node, that its bases are instantiated in its source file. `Base` is
+/// the one it names, such as PointwiseNode; `Node` is qualified; `Interface` is not. The DEFINE
+/// forms are the instantiations themselves, in a source file that includes node_impl.h.
+#define ZEL_DECLARE_LEAF(Node, Interface) ZEL_DETAIL_LEAF(extern template, Node, Interface)
+#define ZEL_DEFINE_LEAF(Node, Interface) ZEL_DETAIL_LEAF(template, Node, Interface)
+#define ZEL_DECLARE_HOOKED(Node, Interface) ZEL_DETAIL_HOOKED(extern template, Node, Interface)
+#define ZEL_DEFINE_HOOKED(Node, Interface) ZEL_DETAIL_HOOKED(template, Node, Interface)
+#define ZEL_DECLARE_FIELD(Node, Interface) ZEL_DETAIL_FIELD(extern template, Node, Interface)
+#define ZEL_DEFINE_FIELD(Node, Interface) ZEL_DETAIL_FIELD(template, Node, Interface)
+#define ZEL_DECLARE_OPERATOR(Base, Node, Interface)                                                \
+    ZEL_DETAIL_FIELD(extern template, Node, Interface);                                            \
+    extern template class zel::Base<Node, Core::Fields::Interface>
+#define ZEL_DEFINE_OPERATOR(Base, Node, Interface)                                                 \
+    ZEL_DETAIL_FIELD(template, Node, Interface);                                                   \
+    template class zel::Base<Node, Core::Fields::Interface>
+
+/// The DECLARE forms for nodes of the library itself. Their formulas only compute, so that a batch
+/// may ask them more often than point evaluation does, and work out several nodes as one. It stands
+/// in the header, so that every source that instantiates a base agrees.
+#define ZEL_DECLARE_LIBRARY_LEAF(Node, Interface)                                                  \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_LEAF(Node, Interface)
+#define ZEL_DECLARE_LIBRARY_HOOKED(Node, Interface)                                                \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_HOOKED(Node, Interface)
+#define ZEL_DECLARE_LIBRARY_FIELD(Node, Interface)                                                 \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_FIELD(Node, Interface)
+#define ZEL_DECLARE_LIBRARY_OPERATOR(Base, Node, Interface)                                        \
+    ZEL_LIBRARY_NODE(Node);                                                                        \
+    ZEL_DECLARE_OPERATOR(Base, Node, Interface)
+#define ZEL_LIBRARY_NODE(Node)                                                                     \
+    template <> inline constexpr bool zel::detail::isLibraryNode<Node> = true
+
+#define ZEL_DETAIL_LEAF(Template, Node, Interface)                                                 \
+    Template class zel::NamedNode<Node, Core::Fields::Interface>;                                  \
+    Template class zel::LeafNode<Node, Core::Fields::Interface>
+#define ZEL_DETAIL_HOOKED(Template, Node, Interface)                                               \
+    Template class zel::NamedNode<Node, Core::Fields::Interface>;                                  \
+    Template class zel::HookedNode<Node, Core::Fields::Interface>
+#define ZEL_DETAIL_FIELD(Template, Node, Interface)                                                \
+    ZEL_DETAIL_HOOKED(Template, Node, Interface);                                                  \
+    Template class zel::FieldNode<Node, Core::Fields::Interface>

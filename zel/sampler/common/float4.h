@@ -1,0 +1,74 @@
+#pragma once
+
+#include <bit>
+#include <cstdint>
+#include <cstring>
+
+#ifdef __SSE__
+#include <xmmintrin.h>
+#endif
+
+#include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/always_inline.h"
+
+// Four floats in a register, by the vector extension of the compilers: the same operations as one
+// by one, and so the same bits.
+namespace ORV::TileTree3D::Internal {
+
+using Float4 = float __attribute__((vector_size(16)));
+using Int4 = std::int32_t __attribute__((vector_size(16)));
+
+inline Float4 float4Of(Orvane::Math::float3 const& v) {
+    return Float4{v.x, v.y, v.z, 0};
+}
+inline Orvane::Math::float3 float3Of(Float4 const& v) {
+    return {v[0], v[1], v[2]};
+}
+
+inline bool allSet(Int4 const& mask) {
+    using Halves = std::int64_t __attribute__((vector_size(16)));
+    auto const halves = std::bit_cast<Halves>(mask);
+    return (halves[0] & halves[1]) == -1;
+}
+/// 0 where the mask is set.
+inline Float4 cleared(Float4 const& v, Int4 const& mask) {
+    return std::bit_cast<Float4>(std::bit_cast<Int4>(v) & ~mask);
+}
+
+/// The lower ones; `b` where they do not compare.
+inline Float4 lower(Float4 const& a, Float4 const& b) {
+#ifdef __SSE__
+    return _mm_min_ps(a, b);
+#else
+    return a < b ? a : b;
+#endif
+}
+
+/// Without the fraction; `v` must fit.
+inline Int4 truncated(Float4 const& v) {
+    return __builtin_convertvector(v, Int4);
+}
+inline Float4 converted(Int4 const& v) {
+    return __builtin_convertvector(v, Float4);
+}
+
+inline Float4 load(float const* four) {
+    Float4 v;
+    std::memcpy(&v, four, sizeof v);
+    return v;
+}
+/// Two floats from either place.
+inline Float4 load(float const* two, float const* twoMore) {
+    using Pairs = std::uint64_t __attribute__((vector_size(16)));
+    std::uint64_t a, b;
+    std::memcpy(&a, two, sizeof a);
+    std::memcpy(&b, twoMore, sizeof b);
+    return std::bit_cast<Float4>(Pairs{a, b});
+}
+
+/// From `a` to `b` as `t` goes from 0 to 1.
+template <class V, class S> V lerp(V const& a, V const& b, S const& t) {
+    return (b - a) * t + a;
+}
+
+}  // namespace ORV::TileTree3D::Internal

@@ -1,0 +1,234 @@
+#pragma once
+
+#include <limits>
+
+#include "zel/sampler/cubic/adaptive/cubic_adaptive_point.h"
+
+// AdaptiveSample: the composition of stencil points to a row, a plane and a volume.
+namespace ORV::TileTree3D::Internal {
+
+/// A lattice coordinate rounded down to a multiple of a width, counted from the root's low corner.
+template <class Traits> int roundedDown(int coordinate, int width) {
+    std::int64_t const above = std::int64_t{coordinate} - Traits::kRootCorner;
+    std::int64_t const rest = above % width;
+    return static_cast<int>(coordinate - (rest < 0 ? rest + width : rest));
+}
+
+/// A row of four points along an axis: each comes from the voxel that truly lies next to the one
+/// before, whatever its size. True if one of them is off the uniform grid.
+template <class Traits, class T, class Trace>
+bool AdaptiveSample<Traits, T, Trace>::getValue1D(int3 tijk, int axis, float position,
+                                                  Register& value) const {
+    Trace::getValue1DBegin(axis, position, tijk);
+    Register values[4];
+    int places[4];
+    bool jump = false;
+    auto const take = [&](int n, Point& point) {
+        jump = getValue(tijk, axis, point) || jump;
+        values[n] = RegisterTraits<T>::from(point.value);
+        places[n] = point.start;
+    };
+    // The point that holds the sample lies, without a tile, in the voxel of the sample's level.
+    Point point{T(), roundedDown<Traits>(tijk[axis], m_vdw) - m_vdw, m_vdw};
+    take(1, point);
+    // And the one below lies, without a tile, one step below it.
+    Point below{T(), point.start - 2 * point.step, point.step};
+    tijk[axis] = point.start - 1;
+    take(0, below);
+    for (int n = 2; n < 4; ++n) {
+        tijk[axis] = point.start + point.step;
+        take(n, point);
+        // The coarser voxel over a flagged one may begin before the end of the last, if only a part
+        // of it is flagged.
+        int const before = tijk[axis] - point.start;
+        if (before > 0) {
+            places[n] = point.start += before;
+            point.step -= before;
+        }
+    }
+    value = interpolateValues1D(values, places, axis, position, jump);
+    Trace::getValue1DEnd(axis, RegisterTraits<T>::to(value));
+    return jump;
+}
+
+/// Four rows across an axis, or four planes: `place(tijk, position, increment)` tells where the one
+/// over a lattice point lies and how far it is to the next, and `below(tijk, value)` gives its
+/// value. True if a point is off the uniform grid, or if `jump` says so.
+template <class Traits, class T, class Trace>
+template <class Place, class Below>
+bool AdaptiveSample<Traits, T, Trace>::compose(int3 tijk, int axis, float samplePosition, bool jump,
+                                               Place place, Below below, Register& value) const {
+    Register values[4];
+    int places[4];
+    auto const take = [&](int n, int at, int& position, int& increment) {
+        tijk[axis] = at;
+        place(tijk, position, increment);
+        tijk[axis] = position;
+        places[n] = position;
+        jump = below(tijk, values[n]) || jump;
+    };
+    int position, increment, lowest, lowestIncrement;
+    take(1, tijk[axis], position, increment);
+    take(0, position - 1, lowest, lowestIncrement);
+    take(2, position + increment, position, increment);
+    take(3, position + increment, position, increment);
+    // Next to a refined neighbour whose voxels are flagged the rows lie on its lattice, though all
+    // their points are of this level.
+    int const step = places[2] - places[1];
+    jump = jump || places[1] - places[0] != step || places[3] - places[2] != step;
+    value = interpolateValues1D(values, places, axis, samplePosition, jump);
+    return jump;
+}
+
+/// A plane: rows along the second axis, across the first.
+template <class Traits, class T, class Trace>
+bool AdaptiveSample<Traits, T, Trace>::getValue2D(int3 const& tijk, int across, int along,
+                                                  float3 const& position, Register& value) const {
+    Trace::getValue2DBegin(across, along, position, tijk);
+    bool const jump = compose(
+        tijk, across, position[across], false,
+        [&](int3 const& p, int& start, int& increment) {
+            getIncrementAndPosition2D(p, across, along, start, increment);
+        },
+        [&](int3 const& p, Register& row) { return getValue1D(p, along, position[along], row); },
+        value);
+    Trace::getValue2DEnd(RegisterTraits<T>::to(value));
+    return jump;
+}
+
+/// The volume: planes along x and y, across z.
+template <class Traits, class T, class Trace>
+bool AdaptiveSample<Traits, T, Trace>::getValue3D(float3 const& position, Register& value) const {
+    return compose(
+        m_tijk, 2, position.z, m_atResolutionJump,
+        [&](int3 const& p, int& start, int& increment) {
+            getIncrementAndPosition3D(p, start, increment);
+        },
+        [&](int3 const& p, Register& plane) { return getValue2D(p, 0, 1, position, plane); },
+        value);
+}
+
+/// The width of the voxel over a point; that of the sample's level where there is no tile.
+template <class Traits, class T, class Trace>
+int AdaptiveSample<Traits, T, Trace>::smallestVoxelWidth(int3 const& p) const {
+    int3 lti;
+    bool inBlock;
+    Tile const& tile = getTile(p, lti, inBlock);
+    if (!tile.exists()) return m_vdw;
+    bool const mayBeRefined = tile.depth() >= m_tile.depth() && m_depthLimit > m_tile.depth();
+    return mayBeRefined && !tile.isLeaf(tile.childIJK(p)) ? tile.childVoxelDataWidth()
+                                                          : tile.voxelDataWidth();
+}
+
+/// Where the row over a lattice point lies, and how far it is to the next: rows lie on the lattice
+/// of the smallest voxel among four in the row.
+template <class Traits, class T, class Trace>
+void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition2D(int3 const& tijk, int across,
+                                                                 int along, int& position,
+                                                                 int& increment) const {
+    Trace::getIncrementAndPosition2DBegin(tijk);
+    increment = std::numeric_limits<int>::max();
+    for (int o = -1; o <= 2 && increment >= m_vdw; ++o) {
+        int3 p = tijk;
+        p[along] += m_vdw * o;
+        increment = std::min(increment, smallestVoxelWidth(p));
+    }
+    position = roundedDown<Traits>(tijk[across], increment);
+    Trace::getIncrementAndPosition2DEnd(position, increment);
+}
+
+/// The same for a plane along x and y, with 4x4 voxels.
+template <class Traits, class T, class Trace>
+void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition3D(int3 const& tijk, int& position,
+                                                                 int& increment) const {
+    increment = std::numeric_limits<int>::max();
+    for (int oj = -1; oj <= 2; ++oj)
+        for (int oi = -1; oi <= 2; ++oi) {
+            increment =
+                std::min(increment, smallestVoxelWidth(tijk + int3{m_vdw * oi, m_vdw * oj, 0}));
+            if (increment < m_vdw) break;
+        }
+    position = roundedDown<Traits>(tijk.z, increment);
+}
+
+/// Far from the origin, where floats do not tell the places apart, these are counted from the
+/// sample's voxel, and kept apart by force where one step is some 2^24 times another.
+template <class Traits, class T, class Trace>
+auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Register const (&values)[4],
+                                                           int const (&places)[4], int axis,
+                                                           float position, bool jump) const
+    -> Register {
+    float positions[4];
+    auto const countFrom = [&](int origin) {
+        for (int n = 0; n < 4; ++n)
+            positions[n] = static_cast<float>(std::int64_t{places[n]} - origin);
+        return positions[0] < positions[1] && positions[1] < positions[2] &&
+               positions[2] < positions[3];
+    };
+    if (!countFrom(0)) {
+        position = static_cast<float>(m_vdw) * m_frac[axis];
+        if (!countFrom(m_llc[axis]))
+            for (int n = 1; n < 4; ++n)
+                positions[n] =
+                    std::max(positions[n], std::nextafter(positions[n - 1],
+                                                          std::numeric_limits<float>::infinity()));
+    }
+    Register const value = Internal::interpolateValues1D(m_source.m_type, m_source.m_clamp, values,
+                                                         positions, position, jump);
+    if constexpr (Trace::kCheckNaN) return checkedRow(values, positions, position, jump, value);
+    return value;
+}
+
+/// The stencil away from a jump: the kernels read the block.
+template <class Traits, class T, class Trace>
+T AdaptiveSample<Traits, T, Trace>::interpolateBlock3D() const {
+    StencilRows<Traits, T> rows;
+    CubicStencil<T> stencil;
+    stencil.gather(rows.columnsOf(m_dataBlock, lowestOf<Traits>(int4Of(m_lijk, 0))));
+    return stencil.interpolate(m_source.m_type, m_source.m_clamp, float4Of(m_frac));
+}
+
+template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>::value() {
+    T const found = find();
+    if (!isNaN(found)) return found;
+    nanInfo("voxelSamplerCubic: output is NAN");
+    return T();
+}
+
+template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>::find() {
+    // The axes along which the sample lies between data points.
+    int3 axes;
+    int count = 0;
+    float3 position;
+    for (int axis = 0; axis < 3; ++axis) {
+        position[axis] = static_cast<float>(m_vdw) * m_frac[axis] + static_cast<float>(m_llc[axis]);
+        if (!(m_frac[axis] == 0)) axes[count++] = axis;
+    }
+    if (count == 0) return dataPoint();
+
+    fetchTiles({2, count > 1 ? 2 : 1, count > 2 ? 2 : 1}, axes, count);
+    Register value;
+    if (count == 1) {
+        getValue1D(m_tijk, axes.x, position[axes.x], value);
+    } else if (count == 2) {
+        getValue2D(m_tijk, axes.x, axes.y, position, value);
+    } else if (!m_atResolutionJump && m_tile.depth() == m_depthLimit) {
+        return interpolateBlock3D();
+    } else {
+        getValue3D(position, value);
+    }
+    return RegisterTraits<T>::to(value);
+}
+
+template <class Traits, class T, class Trace>
+T adaptiveValue(CubicSource<Traits, T> const& source, TreeIndex const& tree, int3 const& lijk,
+                float3 const& frac, int depth) {
+    if (!tree.valid() || source.m_minDepth > tree.depth) return source.m_defaultValue;
+    auto const& tile = source.m_container->tile(tree);
+    if (!tile.exists()) return source.m_defaultValue;
+    return AdaptiveSample<Traits, T, Trace>(source, tile, lijk, frac,
+                                            std::min(source.m_maxDepth, depth))
+        .value();
+}
+
+}  // namespace ORV::TileTree3D::Internal

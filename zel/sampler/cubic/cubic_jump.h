@@ -1,0 +1,53 @@
+#pragma once
+
+#include "zel/sampler/common/float4.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
+
+// Reading a channel at a point where the tree may be coarser than asked for.
+namespace ORV::TileTree3D {
+
+/// The value of a channel at the data point of the voxel of `depth` whose low corner is the lattice
+/// point `tijk`: its sample where the tree has that voxel; else a blend of the eight samples around
+/// it of the deepest tile there, at its true place, which `offsetType` tells. The channel's default
+/// value outside the tree, above the channel's minimum depth, and where the blend would be one of
+/// the root's samples.
+template <class Traits, class T>
+T sampleChannelPoint(int3 const& tijk, int depth, VoxelOffsetType offsetType,
+                     DataChannel<Traits, T> const& channel,
+                     typename Container<Traits>::ConstTileAccessor const& accessor);
+
+/// The same, with the deepest tile over the point that is no deeper than `depth` at hand.
+template <class Traits, class T>
+T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
+                  VoxelOffsetType offsetType, DataChannel<Traits, T> const& channel,
+                  typename Container<Traits>::ConstTileAccessor const& accessor);
+
+namespace Internal {
+
+/// Eight values at the corners of a cell, of which entry c + 2 (b + 2 a) lies at a, b, c along x,
+/// y, z; blended along x, then y, then z.
+template <class T> T blendCorners(T const (&corners)[8], float3 const& frac) {
+    T const y0z0 = lerp(corners[0], corners[4], frac.x),
+            y1z0 = lerp(corners[2], corners[6], frac.x),
+            y0z1 = lerp(corners[1], corners[5], frac.x),
+            y1z1 = lerp(corners[3], corners[7], frac.x);
+    return lerp(lerp(y0z0, y1z0, frac.y), lerp(y0z1, y1z1, frac.y), frac.z);
+}
+
+}  // namespace Internal
+
+#define ZEL_DETAIL_JUMP(prefix, Traits, T)                                                         \
+    prefix template T sampleChannelPoint<Traits, T>(int3 const&, int, VoxelOffsetType,             \
+                                                    DataChannel<Traits, T> const&,                 \
+                                                    Container<Traits>::ConstTileAccessor const&);  \
+    prefix template T sampleTilePoint<Traits, T>(TileOf<Traits> const&, int3 const&, int,          \
+                                                 VoxelOffsetType, DataChannel<Traits, T> const&,   \
+                                                 Container<Traits>::ConstTileAccessor const&)
+#define ZEL_DETAIL_JUMPS(prefix)                                                                   \
+    ZEL_DETAIL_JUMP(prefix, BinaryTraits, float);                                                  \
+    ZEL_DETAIL_JUMP(prefix, BinaryTraits, float3);                                                 \
+    ZEL_DETAIL_JUMP(prefix, QuinaryTraits, float);                                                 \
+    ZEL_DETAIL_JUMP(prefix, QuinaryTraits, float3)
+ZEL_DETAIL_JUMPS(extern);
+
+}  // namespace ORV::TileTree3D

@@ -1,0 +1,218 @@
+#pragma once
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include "zel/sampler/common/float4.h"
+#include "zel_platform/orvane_math/vectors.h"
+
+// The arithmetic of the cubic sampler: the one-dimensional interpolants, uniform and not. Each
+// stands once, for a lane that is a float or a vector of four, which run the same operations.
+namespace ORV::TileTree3D {
+
+/// The interpolant through four points 0, 1, 2, 3, for a sample between 1 and 2.
+enum CubicType : std::int32_t {
+    kQuadraticC0Averaged = 0,  ///< the mean of the parabolas through 0, 1, 2 and 1, 2, 3
+    kCubicC0 = 1,              ///< the cubic through all four points
+    kCubicC1 = 2,              ///< Hermite, with central differences as slopes
+    /// The same without slopes against the rise from 1 to 2. It is monotone there if neither slope
+    /// is more than three times the rise; a steeper one is kept, and may overshoot.
+    kCubicC1Monotonic = 3
+};
+
+namespace Internal {
+
+using Orvane::Math::float3;
+
+template <class T> struct RegisterTraits;
+template <> struct RegisterTraits<float> {
+    using Register = float;
+    static constexpr int kComponents = 1;
+    static float from(float v) { return v; }
+    static float to(float lane) { return lane; }
+};
+template <> struct RegisterTraits<float3> {
+    using Register = Float4;  // x, y, z and a lane that is not used
+    static constexpr int kComponents = 3;
+    static Float4 from(float3 const& v) { return float4Of(v); }
+    static float3 to(Float4 lane) { return float3Of(lane); }
+};
+template <class T> using RegisterOf = typename RegisterTraits<T>::Register;
+
+inline bool isNaN(float v) {
+    return std::isnan(v);
+}
+inline bool isNaN(float3 const& v) {
+    return isNaN(v.x) || isNaN(v.y) || isNaN(v.z);
+}
+
+template <class V> V larger(V a, V b) {
+    return a < b ? b : a;
+}
+template <class V> V smaller(V a, V b) {
+    return b < a ? b : a;
+}
+inline Float4 smaller(Float4 a, Float4 b) {
+    return lower(b, a);
+}
+inline Float4 larger(Float4 a, Float4 b) {
+#ifdef __SSE__
+    return _mm_max_ps(b, a);
+#else
+    return a < b ? b : a;
+#endif
+}
+template <class V> V limited(V v, V low, V high) {
+    v = v > high ? high : v;
+    return v < low ? low : v;
+}
+
+/// All bits set where `a` is above `b`, else none.
+inline std::int32_t above(float a, float b) {
+    return -static_cast<std::int32_t>(a > b);
+}
+inline Int4 above(Float4 const& a, Float4 const& b) {
+    return a > b;
+}
+/// The slopes of kCubicC1Monotonic for a rise of `d`: those against it become 0, and so do both,
+/// and the rise, where there is none. By bits, since of a choice compilers make slow code.
+template <class V> void limitSlopes(V& d, V& m1, V& m2) {
+    constexpr V kZero{};
+    using Mask = decltype(above(d, kZero));
+    constexpr Mask kSign = Mask{} | std::numeric_limits<std::int32_t>::min();
+    auto const bits = std::bit_cast<Mask>(d);
+    Mask const sign = bits & kSign;
+    Mask const rises = above(std::bit_cast<V>(bits & ~kSign), kZero);  // no NaN does
+    auto const limited = [&](V const& m) {
+        auto const slope = std::bit_cast<Mask>(m);
+        Mask const against = above(kZero, std::bit_cast<V>(slope ^ sign));
+        return std::bit_cast<V>(slope & rises & ~against);
+    };
+    m1 = limited(m1);
+    m2 = limited(m2);
+    d = std::bit_cast<V>(bits & rises);
+}
+
+/// What the interpolant of a type is made of, for points one step apart, at a fraction t of the
+/// step from point 1: weights, or the powers of t. Of a float, or of a fraction a lane.
+template <int Type, class V> struct UniformWeights {
+    V a{}, b{}, c{}, d{};
+
+    explicit UniformWeights(V t) {
+        V const t2 = t * t, t3 = t2 * t;
+        if constexpr (Type == kQuadraticC0Averaged) {
+            a = 0.25F * (t2 - t);
+            b = 1.0F - 0.75F * t - 0.25F * t2;
+            c = 0.25F * (5.0F * t - t2);
+        } else if constexpr (Type == kCubicC0) {
+            a = 0.5F * t2 - 0.33333334F * t - 0.16666667F * t3;
+            b = 0.5F * (t3 - t) + 1.0F - t2;
+            c = 0.5F * (t2 - t3) + t;
+            d = 0.16666667F * (t3 - t);
+        } else {
+            a = t;
+            b = t2;
+            c = t3;
+        }
+    }
+};
+
+/// The interpolant of a type through points one step apart. Any other type gives 0.
+template <int Type> class UniformInterpolant {
+public:
+    explicit UniformInterpolant(float t) : UniformInterpolant(UniformWeights<Type, float>(t)) {}
+    explicit UniformInterpolant(UniformWeights<Type, float> const& w)
+        : m_a(w.a), m_b(w.b), m_c(w.c), m_d(w.d) {}
+    /// At the fraction in a lane.
+    UniformInterpolant(UniformWeights<Type, Float4> const& w, int lane)
+        : m_a(w.a[lane]), m_b(w.b[lane]), m_c(w.c[lane]), m_d(w.d[lane]) {}
+
+    template <class V> V operator()(V f0, V f1, V f2, V f3) const {
+        if constexpr (Type == kQuadraticC0Averaged) {
+            return m_b * f1 + m_a * f0 + m_c * f2 + m_a * f3;
+        } else if constexpr (Type == kCubicC0) {
+            return m_a * f0 + m_b * f1 + m_c * f2 + m_d * f3;
+        } else if constexpr (Type == kCubicC1) {
+            V const m1 = 0.5F * (f2 - f0), m2 = 0.5F * (f3 - f1);
+            return f1 + m1 * m_a + (3.0F * f2 - 3.0F * f1 - 2.0F * m1 - m2) * m_b +
+                   (2.0F * f1 - 2.0F * f2 + m1 + m2) * m_c;
+        } else if constexpr (Type == kCubicC1Monotonic) {
+            V d = f2 - f1, m1 = 0.5F * (f2 - f0), m2 = 0.5F * (f3 - f1);
+            limitSlopes(d, m1, m2);
+            return f1 + m1 * m_a + (3.0F * d - 2.0F * m1 - m2) * m_b + (m1 + m2 - 2.0F * d) * m_c;
+        } else {
+            return V{};
+        }
+    }
+
+private:
+    float m_a, m_b, m_c, m_d;
+};
+
+/// The interpolant of a type through points at rising places x0 to x3, at x. Places that coincide
+/// divide by zero.
+template <int Type, class V> V nonUniform(V f0, V f1, V f2, V f3, float const (&p)[4], float x) {
+    float const x0 = p[0], x1 = p[1], x2 = p[2], x3 = p[3];
+    float const h0 = x1 - x0, h1 = x2 - x1, h2 = x3 - x2;
+    if constexpr (Type == kQuadraticC0Averaged) {
+        V const s0 = (f1 - f0) / h0, s1 = (f2 - f1) / h1, s2 = (f3 - f2) / h2;
+        V const q1 = f0 + (x - x0) * s0 + (s1 - s0) / (h1 + h0) * (x - x0) * (x - x1);
+        V const q2 = f1 + (x - x1) * s1 + (s2 - s1) / (h2 + h1) * (x - x1) * (x - x2);
+        return 0.5F * (q1 + q2);
+    } else if constexpr (Type == kCubicC0) {
+        float const d0 = x - x0, d1 = x - x1, d2 = x - x2, d3 = x - x3;
+        return f0 * ((d1 * d2 * d3) / ((x0 - x1) * (x0 - x2) * (x0 - x3))) +
+               f1 * ((d0 * d2 * d3) / ((x1 - x0) * (x1 - x2) * (x1 - x3))) +
+               f2 * ((d0 * d1 * d3) / ((x2 - x0) * (x2 - x1) * (x2 - x3))) +
+               f3 * ((d0 * d1 * d2) / ((x3 - x0) * (x3 - x1) * (x3 - x2)));
+    } else if constexpr (Type == kCubicC1 || Type == kCubicC1Monotonic) {
+        float const u = (x - x1) / h1, u2 = u * u, u3 = u2 * u;
+        float const h00 = 2.0F * u3 - 3.0F * u2 + 1.0F, h01 = 3.0F * u2 - 2.0F * u3;
+        float const h10 = u3 - 2.0F * u2 + u, h11 = u3 - u2;
+        V m1 = ((h1 / h0) * (f1 - f0) + (h0 / h1) * (f2 - f1)) / (h1 + h0);
+        V m2 = ((h1 / h2) * (f3 - f2) + (h2 / h1) * (f2 - f1)) / (h2 + h1);
+        V d = f2 - f1;
+        if constexpr (Type == kCubicC1Monotonic) limitSlopes(d, m1, m2);
+        V const value = h00 * f1 + h01 * f2 + h1 * h10 * m1 + h1 * h11 * m2;
+        if constexpr (Type == kCubicC1Monotonic) return d == V{} ? f1 : value;
+        return value;
+    } else {
+        return V{};
+    }
+}
+
+/// Calls `function` with the type as a compile-time constant, -1 for one that is none.
+template <class Function> decltype(auto) withType(std::int32_t type, Function&& function) {
+    switch (type) {
+    case kQuadraticC0Averaged:
+        return function.template operator()<kQuadraticC0Averaged>();
+    case kCubicC0:
+        return function.template operator()<kCubicC0>();
+    case kCubicC1:
+        return function.template operator()<kCubicC1>();
+    case kCubicC1Monotonic:
+        return function.template operator()<kCubicC1Monotonic>();
+    default:
+        return function.template operator()<-1>();
+    }
+}
+
+/// The value of one row of a stencil: four values at four positions. `atResolutionJump` says that
+/// the positions are not one step apart.
+template <class V>
+V interpolateValues1D(std::int32_t type, bool clamp, V const (&f)[4], float const (&positions)[4],
+                      float samplePosition, bool atResolutionJump) {
+    V const value = withType(type, [&]<int Type>() -> V {
+        if (atResolutionJump)
+            return nonUniform<Type>(f[0], f[1], f[2], f[3], positions, samplePosition);
+        float const t = (samplePosition - positions[1]) / (positions[2] - positions[1]);
+        return UniformInterpolant<Type>(t)(f[0], f[1], f[2], f[3]);
+    });
+    return clamp ? limited(value, smaller(f[1], f[2]), larger(f[1], f[2])) : value;
+}
+
+}  // namespace Internal
+
+}  // namespace ORV::TileTree3D
