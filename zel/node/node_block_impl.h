@@ -6,12 +6,11 @@
 #include <cstring>
 #include <tuple>
 #include <type_traits>
-#include <typeinfo>
 #include <utility>
 
 #include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
-#include "zel/node/node_impl.h"
+#include "zel/node/fused_forms.h"
+#include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
 // The block forms of the bases in node.h, by the formulas that their point forms use.
@@ -46,16 +45,6 @@ void mapBlock(Block& block, BlockResult<T>& out, Formula const& formula,
 }
 
 namespace detail {
-
-/// Whether a node is of its class and of none derived from it, which could override point `eval`.
-template <class Node> bool isExactly(Node const& node) {
-    return typeid(node) == typeid(Node);
-}
-
-/// Whether it is of a class of the library.
-template <class Node> bool isOfLibrary(Node const& node) {
-    return isLibraryNode<Node> && isExactly(node);
-}
 
 /// Whether a node's point `grad` is the default one of its interface.
 template <class Node, class Interface>
@@ -221,189 +210,6 @@ void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& o
         [write, p = block.positions()](int i, Self const& n, Block const& b)
             ZEL_ALWAYS_INLINE { write.set(i, NodeAccess::gradientAt(n, p[i], b.index(i))); },
         node, block);
-}
-
-namespace detail {
-
-/// A stage that sets the tile to `formula(node, v...)`. Input number `inRegisters`, if that is not
-/// negative, is the tile as it was; the others are arrays.
-template <class Node, class Formula, int inRegisters, int... input>
-ZEL_WIDE_TARGET __attribute__((flatten)) void runStage(Stage const* stage, std::ptrdiff_t at,
-                                                       Float8 v0, Float8 v1, Float8 v2, Float8 v3,
-                                                       Float8 v4, Float8 v5, Float8 v6, Float8 v7) {
-    Float8 v[] = {v0, v1, v2, v3, v4, v5, v6, v7};
-    float tile[kTileSize];
-    std::memcpy(tile, v, sizeof tile);
-    auto const& node = *static_cast<Node const*>(stage->node);
-    float const* const in[] = {(input == inRegisters ? tile : stage->in[input] + at)...};
-    for (int i = 0; i < kTileSize; ++i) tile[i] = Formula()(node, in[input][i]...);
-    std::memcpy(v, tile, sizeof tile);
-    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-}
-
-/// A value and its gradient, and their places in a tile.
-struct Dual {
-    float value;
-    float3 gradient;
-};
-ZEL_ALWAYS_INLINE inline Dual dualAt(float const* tile, int i) {
-    constexpr int kSize = kDualTileSize;
-    return {tile[i], {tile[kSize + i], tile[2 * kSize + i], tile[3 * kSize + i]}};
-}
-ZEL_ALWAYS_INLINE inline void setDual(float* tile, int i, Dual const& d) {
-    constexpr int kSize = kDualTileSize;
-    tile[i] = d.value;
-    tile[kSize + i] = d.gradient.x;
-    tile[2 * kSize + i] = d.gradient.y;
-    tile[3 * kSize + i] = d.gradient.z;
-}
-
-/// The value and the gradient of a node by those of its children, as its point operations have
-/// them.
-template <class Node, std::same_as<Dual>... D>
-ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
-    float const value = NodeAccess::valueOf(node, d.value...);
-    if constexpr (NodeAccess::hasGradient<Node>) {
-        return {value, NodeAccess::gradientOf(node)};
-    } else if constexpr (NodeAccess::hasGradient<Node, decltype(d.gradient)...>) {
-        return {value, NodeAccess::gradientOf(node, d.gradient...)};
-    } else if constexpr (NodeAccess::hasGradientFromValue<Node, float, decltype(d.gradient)...>) {
-        return {value, NodeAccess::gradientFromValue(node, value, d.gradient...)};
-    } else if constexpr (NodeAccess::hasGradientChoice<Node, decltype(d.value)...>) {
-        int const choice = NodeAccess::gradientChoice(node, d.value...);
-        float3 gradient{};
-        int number = 0;
-        auto const offer = [&](float3 const& g) ZEL_ALWAYS_INLINE {
-            bool const isChosen = choice == number++;
-            gradient = mapComponents([=](float other, float own) { return isChosen ? own : other; },
-                                     gradient, g);
-        };
-        (offer(d.gradient), ...);
-        return {value, gradient};
-    } else {
-        return {value, NodeAccess::gradientOf(node, d.value..., d.gradient...)};
-    }
-}
-
-/// A stage that sets the tile to the duals of a node. Child number `inRegisters`, if that is not
-/// negative, is the tile as it was; the others are tiles in memory.
-template <class Node, int inRegisters, int... child>
-ZEL_WIDE_TARGET __attribute__((flatten)) void
-runDualStage(Stage const* stage, std::ptrdiff_t at, Float8 v0, Float8 v1, Float8 v2, Float8 v3,
-             Float8 v4, Float8 v5, Float8 v6, Float8 v7) {
-    Float8 v[] = {v0, v1, v2, v3, v4, v5, v6, v7};
-    float tile[kTileSize];
-    std::memcpy(tile, v, sizeof tile);
-    auto const& node = *static_cast<Node const*>(stage->node);
-    float const* const in[] = {(child == inRegisters ? tile : stage->in[child])...};
-    for (int i = 0; i < kDualTileSize; ++i) setDual(tile, i, dualOf(node, dualAt(in[child], i)...));
-    std::memcpy(v, tile, sizeof tile);
-    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-}
-
-/// The same of a leaf, whose inputs are the positions.
-template <class Node>
-ZEL_WIDE_TARGET __attribute__((flatten)) void
-runDualLeafStage(Stage const* stage, std::ptrdiff_t at, Float8 /*v0*/, Float8 /*v1*/, Float8 /*v2*/,
-                 Float8 /*v3*/, Float8 /*v4*/, Float8 /*v5*/, Float8 /*v6*/, Float8 /*v7*/) {
-    Float8 v[8];
-    float tile[kTileSize];
-    auto const& node = *static_cast<Node const*>(stage->node);
-    float const *const x = stage->in[0] + at, *const y = stage->in[1] + at,
-                       *const z = stage->in[2] + at;
-    for (int i = 0; i < kDualTileSize; ++i) {
-        float3 const p{x[i], y[i], z[i]};
-        setDual(tile, i, {NodeAccess::valueAt(node, p, 0), NodeAccess::gradientAt(node, p, 0)});
-    }
-    std::memcpy(v, tile, sizeof tile);
-    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-}
-
-struct LeafFormula {
-    template <class Node> float operator()(Node const& node, float x, float y, float z) const {
-        return NodeAccess::valueAt(node, {x, y, z}, 0);
-    }
-};
-
-struct ChildrenFormula {
-    template <class Node, class... V> float operator()(Node const& node, V const&... v) const {
-        return NodeAccess::valueOf(node, v...);
-    }
-};
-
-/// Whether a node is a formula of scalar children that takes little time.
-template <class Node>
-inline constexpr bool isFusible = [] {
-    if constexpr (kFusesNodes && NodeAccess::isLight<Node> &&
-                  std::same_as<typename Node::Value, float>)
-        return []<class... Child>(std::type_identity<std::tuple<Child...>> /*children*/) {
-            return (std::same_as<std::remove_cvref_t<Child>, ScalarPtr> && ...);
-        }(std::type_identity<decltype(NodeAccess::children(std::declval<Node const&>()))>());
-    else
-        return false;
-}();
-
-/// Adds a node, whose children the numbers `child` count, with a stage for each place of its
-/// inputs.
-template <class Node, int... child, class... Child>
-void addFormula(Fuser& fuser, Node const& node, std::integer_sequence<int, child...> /*numbers*/,
-                Quern::Ptr<Child> const&... children) {
-    static_assert(sizeof...(child) <= std::tuple_size_v<decltype(Stage::in)>);
-    // A form for each child, after the one without.
-    static constexpr Stage::Run values[] = {
-        runStage<Node, ChildrenFormula, -1, child...>,
-        runStage<Node, ChildrenFormula, child, child...>...,
-    };
-    static constexpr Stage::Run duals[] = {
-        runDualStage<Node, -1, child...>,
-        runDualStage<Node, child, child...>...,
-    };
-    constexpr bool kChooses = NodeAccess::hasGradientChoice<Node, typename Child::Value...>;
-    fuser.add(node, &node, {values, duals, kChooses}, {&children...});
-}
-
-}  // namespace detail
-
-template <class Self, class Interface> void NamedNode<Self, Interface>::fuse(Fuser& fuser) const {
-    if (!detail::isOfLibrary(this->self())) fuser.hideChildren();
-}
-
-template <class Self, class Interface> void HookedNode<Self, Interface>::fuse(Fuser& fuser) const {
-    if (!detail::isOfLibrary(this->self())) return fuser.hideChildren();
-    std::apply([&](auto const&... child) { (fuser.queue(*child), ...); },
-               NodeAccess::children(this->self()));
-}
-
-template <class Self, class Interface> void LeafNode<Self, Interface>::fuse(Fuser& fuser) const {
-    Self const& node = this->self();
-    if (!detail::isOfLibrary(node)) return fuser.hideChildren();
-    if constexpr (!detail::kFusesNodes || !std::same_as<Value, float> ||
-                  !NodeAccess::isLight<Self>) {
-        return;
-    } else if constexpr (NodeAccess::hasView<Self, Block>) {
-        auto const view = [](void const* self, Block& block) {
-            return NodeAccess::viewOf(*static_cast<Self const*>(self), block);
-        };
-        fuser.addView(&node, view, NodeAccess::gradientAt(node, {}, 0));
-    } else if constexpr (NodeAccess::isOfPosition<Self>) {
-        fuser.addLeaf(&node, {detail::runStage<Self, detail::LeafFormula, -1, 0, 1, 2>,
-                              detail::runDualLeafStage<Self>});
-    }
-}
-
-template <class Self, class Interface>
-void PointwiseNode<Self, Interface>::fuse(Fuser& fuser) const {
-    if constexpr (detail::isFusible<Self>) {
-        if (!detail::isOfLibrary(this->self())) return fuser.hideChildren();
-        std::apply(
-            [&](auto const&... child) {
-                detail::addFormula(fuser, this->self(),
-                                   std::make_integer_sequence<int, sizeof...(child)>(), child...);
-            },
-            NodeAccess::children(this->self()));
-    } else {
-        FieldNode<Self, Interface>::fuse(fuser);
-    }
 }
 
 template <class Self, class Interface>
