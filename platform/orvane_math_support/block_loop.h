@@ -1,4 +1,5 @@
-// How a block form works its arrays off, for the instruction set that Highway asks for.
+// The loop of a noise function over the points of a block, for the instruction set that Highway
+// selects.
 
 #if defined(ZEL_BLOCK_LOOP) == defined(HWY_TARGET_TOGGLE)
 #ifdef HWY_TARGET_TOGGLE
@@ -9,14 +10,14 @@
 
 #include <hwy/highway.h>
 
-// Without vectors, or with vectors of a size that the compiler does not know, a block form is a
-// loop over points.
-#undef ZEL_HAS_BLOCK_LANE
+// Without SIMD registers, or with registers whose size the compiler does not know, the loop calls
+// the function for one point.
+#undef ZEL_HAS_SIMD_ARITHMETIC
 #if HWY_TARGET == HWY_SCALAR || HWY_TARGET == HWY_EMU128 || HWY_HAVE_SCALABLE
-#define ZEL_HAS_BLOCK_LANE 0
+#define ZEL_HAS_SIMD_ARITHMETIC 0
 #else
-#define ZEL_HAS_BLOCK_LANE 1
-#include "zel_platform/orvane_math_support/block_lane.h"
+#define ZEL_HAS_SIMD_ARITHMETIC 1
+#include "zel_platform/orvane_math_support/simd_arithmetic.h"
 #endif
 
 #include "zel_platform/orvane_math_support/block_arrays.h"
@@ -27,16 +28,17 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-#if ZEL_HAS_BLOCK_LANE
+#if ZEL_HAS_SIMD_ARITHMETIC
 
 using Simplex::HWY_NAMESPACE::kLanes;
 
-/// Works off `groups` registers of points, at most kGroups. Three short loops leave the machine
-/// more to do at the same time than a long one, in which each step waits for the one before.
+/// Evaluates `groups` registers of points, at most kGroups. The work is split into three short
+/// loops over the registers: in one long loop each step would wait for the result of the step
+/// before, while the processor can overlap the iterations of a short one.
 inline constexpr int kGroups = 8;
 template <class Arrays, class Body>
 HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& body) {
-    using L = typename Body::L;
+    using Arith = typename Body::Arith;
     using Simplex::HWY_NAMESPACE::CellHash;
     // Plain arrays: g++ 12 copies structures of registers in pieces.
     alignas(64) typename Arrays::Number place[4][kGroups * kLanes];
@@ -45,31 +47,33 @@ HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& b
     for (int g = 0; g < groups; ++g) {
         int const i = g * kLanes;
         auto const keep = [&](auto const& d, auto const& cell) ZEL_KERNEL_LAMBDA {
-            L::store(d, place, i);
-            L::store(L::low(cell), low, i);
-            L::store(L::high(cell), high, i);
+            Arith::store(d, place, i);
+            Arith::store(Arith::low(cell), low, i);
+            Arith::store(Arith::high(cell), high, i);
         };
         inside[g] = body.find(arrays.from(i), keep);
     }
     Simplex::Keys const keys = Simplex::makeKeys(body.seed);
     for (int i = 0; i < groups * kLanes; i += kLanes) {
-        auto const hash = Simplex::HWY_NAMESPACE::hashCell<L>(
-            L::makeCell(L::load(low, i), L::load(high, i)), keys);
-        L::store(hash.flip, low, i);
-        L::store(hash.first, high[0] + i);
+        auto const hash = Simplex::HWY_NAMESPACE::hashCell<Arith>(
+            Arith::makeCell(Arith::load(low, i), Arith::load(high, i)), keys);
+        Arith::store(hash.flip, low, i);
+        Arith::store(hash.first, high[0] + i);
     }
     for (int g = 0; g < groups; ++g) {
         int const i = g * kLanes;
         Arrays const a = arrays.from(i);
         if (inside[g])
-            body.evaluate(L::load(place, i), CellHash<L>{L::loadOne(high[0] + i), L::load(low, i)},
-                          a);
+            body.evaluate(Arith::load(place, i),
+                          CellHash<Arith>{Arith::loadOne(high[0] + i), Arith::load(low, i)}, a);
         else
             for (int k = 0; k < kLanes; ++k) body.point(a.from(k));
     }
 }
 
-/// Works off all points.
+/// Evaluates all points of a block. `body` offers `seed`; `find`, which passes the place and the
+/// cell of a register of points to a callback and returns whether all points lie in the lattice;
+/// `evaluate`, which writes their results; and `point`, for a single point.
 template <class Arrays, class Body>
 HWY_INLINE void forEachInBlock(Arrays const& arrays, int count, Body const& body) {
     int i = 0;
@@ -80,7 +84,7 @@ HWY_INLINE void forEachInBlock(Arrays const& arrays, int count, Body const& body
     }
     if (i >= count) return;
 
-    // The last points are padded with zeros.
+    // The last points do not fill a register: the rest of it is padded with zeros.
     using Number = typename Arrays::Number;
     Number in[Arrays::kInputs][kLanes] = {}, out[Arrays::kOutputs][kLanes];
     Arrays padded;

@@ -18,10 +18,11 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-// Each body takes x, y, z and the time to the three components, and with twelve outputs to the nine
-// entries of the Jacobian too.
+// A body reads x, y, z and the time, and writes the three components of the curl; with twelve
+// output arrays it writes the nine entries of the Jacobian, too.
 
-/// What all have in common. `Scalar` gives `at(position, a)` and `at(position, a, jacobian)`.
+/// The parts common to all bodies. `Scalar` offers the function for one point: `at(position, time,
+/// seed)` and `at(position, time, seed, jacobian)`.
 template <class Arrays, int power, class Scalar> struct CurlBody {
     static constexpr bool kDerives = Arrays::kOutputs == 12;
     std::uint32_t seed;
@@ -40,27 +41,27 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
         }
     }
 
-#if ZEL_HAS_BLOCK_LANE
-    using L = Simplex::HWY_NAMESPACE::BlockLane<float>;
-    using Hash = Simplex::HWY_NAMESPACE::CellHash<L>;
-    using Components = Simplex::Vec3<L::Real>;
+#if ZEL_HAS_SIMD_ARITHMETIC
+    using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<float>;
+    using Hash = Simplex::HWY_NAMESPACE::CellHash<Arith>;
+    using Components = Simplex::Vec3<Arith::Real>;
 
     static HWY_INLINE void store(Components const& v, float* const* out) {
-        L::store(v.x, out[0]);
-        L::store(v.y, out[1]);
-        L::store(v.z, out[2]);
+        Arith::store(v.x, out[0]);
+        Arith::store(v.y, out[1]);
+        Arith::store(v.z, out[2]);
     }
-    HWY_INLINE void evaluate(L::Real4 const& d, Hash const& hash, Arrays const& a) const {
+    HWY_INLINE void evaluate(Arith::Real4 const& d, Hash const& hash, Arrays const& a) const {
         using namespace Simplex::HWY_NAMESPACE;
         if constexpr (kDerives) {
             Simplex::Vec3<Components> rows;
-            store(curl<L, power>(d, hash, rows), a.out.data());
+            store(curl<Arith, power>(d, hash, rows), a.out.data());
             store(rows.x, a.out.data() + 3);
             store(rows.y, a.out.data() + 6);
             store(rows.z, a.out.data() + 9);
         } else {
             Simplex::NoJacobian none;
-            store(curl<L, power>(d, hash, none), a.out.data());
+            store(curl<Arith, power>(d, hash, none), a.out.data());
         }
     }
 #endif
@@ -87,43 +88,45 @@ struct SmoothScalar {
 };
 
 template <class Arrays> struct PlainBody : CurlBody<Arrays, 3, PlainScalar> {
-#if ZEL_HAS_BLOCK_LANE
+#if ZEL_HAS_SIMD_ARITHMETIC
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use const& use) const {
         using namespace Simplex::HWY_NAMESPACE;
-        using L = BlockLane<float>;
-        L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]), L::load(a.in[3])};
-        atPlace<L>(skew<L>(p), Simplex::NoOrigin{}, use);
-        return inLattice<L>(
-            {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), L::loadOne(a.in[3])});
+        using Arith = SimdArithmetic<float>;
+        Arith::Wide4 const p = {Arith::load(a.in[0]), Arith::load(a.in[1]), Arith::load(a.in[2]),
+                                Arith::load(a.in[3])};
+        atPlace<Arith>(skew<Arith>(p), Simplex::NoOrigin{}, use);
+        return inLattice<Arith>({Arith::loadOne(a.in[0]), Arith::loadOne(a.in[1]),
+                                 Arith::loadOne(a.in[2]), Arith::loadOne(a.in[3])});
     }
 #endif
 };
 
 template <class Arrays> struct SmoothBody : CurlBody<Arrays, 4, SmoothScalar> {
-    Simplex::TimePlace const* oneTime;  // the place of the time that all points have, if they do
+    Simplex::TimePlace const* oneTime;  // of the time common to all points; null if times differ
 
-#if ZEL_HAS_BLOCK_LANE
+#if ZEL_HAS_SIMD_ARITHMETIC
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use const& use) const {
         using namespace Simplex::HWY_NAMESPACE;
-        using L = BlockLane<float>;
+        using Arith = SimdArithmetic<float>;
         auto const findAt = [&](Wide const& latticeXyz, Wide const& latticeW, Cell const& cellXyz,
                                 Cell const& cellW) ZEL_KERNEL_LAMBDA {
-            L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]), Wide::all(0)};
-            atPlace<L>(skew<L>(p) + L::spread(latticeXyz, latticeW), L::spread(cellXyz, cellW),
-                       use);
-            return inLattice<L>(
-                {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), FloatReal::all(0)});
+            Arith::Wide4 const p = {Arith::load(a.in[0]), Arith::load(a.in[1]),
+                                    Arith::load(a.in[2]), Wide::all(0)};
+            atPlace<Arith>(skew<Arith>(p) + Arith::spread(latticeXyz, latticeW),
+                           Arith::spread(cellXyz, cellW), use);
+            return inLattice<Arith>({Arith::loadOne(a.in[0]), Arith::loadOne(a.in[1]),
+                                     Arith::loadOne(a.in[2]), FloatReal::all(0)});
         };
         if (oneTime != nullptr)
             return findAt(Wide::all(oneTime->latticeXyz), Wide::all(oneTime->latticeW),
                           Cell::all(oneTime->cellXyz), Cell::all(oneTime->cellW));
-        auto const lattice = skewTime<L>(L::load(a.in[3]));
-        return placeTime<L>(lattice, findAt) && timeInLattice<L>(lattice);
+        auto const lattice = skewTime<Arith>(Arith::load(a.in[3]));
+        return placeTime<Arith>(lattice, findAt) && timeInLattice<Arith>(lattice);
     }
 #endif
 };
 
-/// Works off all points. That the time is the same for all is the rule, and worth a look.
+/// Evaluates all points. Usually they have the same time: its place is then computed only once.
 template <class Arrays>
 HWY_INLINE void smoothBlock(Arrays const& a, int count, std::uint32_t seed) {
     float const* const time = a.in[3];

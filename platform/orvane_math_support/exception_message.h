@@ -5,9 +5,9 @@
 
 namespace ORV {
 
-/// The text of the exception by which work on a volume ends after it was cancelled. Whoever catches
-/// it cancels what depends on that work, and reports nothing. Made when the library is loaded,
-/// ahead of the statics of all that link it.
+/// The text of the exception that ends work on a volume after the work was cancelled. A function
+/// that catches it cancels the work that depends on the volume, and reports nothing. The string is
+/// initialised when the library is loaded, before the static objects of all programs that link it.
 ZEL_PLATFORM_API extern Quern::String const exceptionMessage;
 
 }  // namespace ORV

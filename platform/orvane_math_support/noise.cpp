@@ -1,6 +1,6 @@
 #include "zel_platform/orvane_math_support/noise.h"
 
-#include "zel_platform/orvane_math_support/scalar_lane.h"
+#include "zel_platform/orvane_math_support/scalar_arithmetic.h"
 #include "zel_platform/orvane_math_support/simplex_time.h"
 
 #include <limits>
@@ -11,8 +11,8 @@ namespace {
 
 using namespace Simplex;
 
-/// What noise is for a point outside the lattice: NaN if a coordinate is not finite, else 0.
-/// `zeros` are the differences of each coordinate to itself.
+/// The value of noise at a point outside the lattice: NaN if a coordinate is not finite, else 0.
+/// `zeros` holds each coordinate minus itself, which is NaN for one that is not finite.
 template <class Real> Real outside(Double4 const& zeros) {
     return ScalarCells::sum(zeros) == 0 ? Real{0} : std::numeric_limits<Real>::quiet_NaN();
 }
@@ -29,41 +29,42 @@ template <class Point> Double4 widen(Point const& p) {
 }
 
 template <class Real, class Point> Real value(Point const& point, std::int64_t seed) {
-    using L = ScalarLane<Real>;
+    using Arith = ScalarArithmetic<Real>;
     Double4 const p = widen(point);
-    if (!inLattice<L>(gather(point))) return outside<Real>(p - p);
-    return atPlace<L>(skew<L>(p), NoOrigin{}, [&](auto const& d, auto const& cell) {
-        return simplexValue<L>(d, hashCell<L>(cell, makeKeys(seed)));
+    if (!inLattice<Arith>(gather(point))) return outside<Real>(p - p);
+    return atPlace<Arith>(skew<Arith>(p), NoOrigin{}, [&](auto const& d, auto const& cell) {
+        return simplexValue<Arith>(d, hashCell<Arith>(cell, makeKeys(seed)));
     });
 }
 
 template <class Real, class Point>
 Real valueAndDerivative(Point const& point, std::int64_t seed, Point& derivative) {
-    using L = ScalarLane<Real>;
+    using Arith = ScalarArithmetic<Real>;
     Double4 const p = widen(point);
-    if (!inLattice<L>(gather(point))) {
+    if (!inLattice<Arith>(gather(point))) {
         Real const none = outside<Real>(p - p);
         derivative = {none, none, none, none};
         return none;
     }
-    typename L::Real4 d;
-    Real const v = atPlace<L>(skew<L>(p), NoOrigin{}, [&](auto const& place, auto const& cell) {
-        return simplexDerivative<L>(place, hashCell<L>(cell, makeKeys(seed)), d);
-    });
+    typename Arith::Real4 d;
+    Real const v =
+        atPlace<Arith>(skew<Arith>(p), NoOrigin{}, [&](auto const& place, auto const& cell) {
+            return simplexDerivative<Arith>(place, hashCell<Arith>(cell, makeKeys(seed)), d);
+        });
     derivative = {d[0], d[1], d[2], d[3]};
     return v;
 }
 
-// The curls of both kinds, below, take a NoJacobian or set a float3x3.
+// The functions for curl noise below take a NoJacobian, or a float3x3 that they set.
 
-using L = ScalarLane<float>;
+using Arith = ScalarArithmetic<float>;
 
 TimePlace placeTime(float time) {
     auto const t = static_cast<double>(time);
-    Double4 const lattice = skewTime<L>(t);
-    if (timeInLattice<L>(lattice))
-        return Simplex::placeTime<L>(lattice,
-                                     [](auto... members) { return TimePlace{members...}; });
+    Double4 const lattice = skewTime<Arith>(t);
+    if (timeInLattice<Arith>(lattice))
+        return Simplex::placeTime<Arith>(lattice,
+                                         [](auto... members) { return TimePlace{members...}; });
     double const none = t - t + kLatticeLimit;  // NaN if the time is not finite
     return {none, none, 0, 0};
 }
@@ -79,15 +80,15 @@ template <int power, class Origin, class Jacobian>
 float3 curlAt(Double4 const& lattice, Origin const& origin, std::uint32_t seed,
               Jacobian& jacobian) {
     auto const vector = [](Vec3<float> const& v) { return float3{v.x, v.y, v.z}; };
-    return atPlace<L>(lattice, origin, [&](auto const& d, auto const& cell) {
-        auto const hash = hashCell<L>(cell, makeKeys(seed));
+    return atPlace<Arith>(lattice, origin, [&](auto const& d, auto const& cell) {
+        auto const hash = hashCell<Arith>(cell, makeKeys(seed));
         if constexpr (std::is_same_v<Jacobian, float3x3>) {
             Vec3<Vec3<float>> rows;
-            auto const v = curl<L, power>(d, hash, rows);
+            auto const v = curl<Arith, power>(d, hash, rows);
             jacobian = {{vector(rows.x), vector(rows.y), vector(rows.z)}};
             return vector(v);
         } else {
-            return vector(curl<L, power>(d, hash, jacobian));
+            return vector(curl<Arith, power>(d, hash, jacobian));
         }
     });
 }
@@ -96,18 +97,19 @@ template <class Jacobian>
 float3 plainCurl(float3 const& position, float time, std::uint32_t seed, Jacobian& jacobian) {
     float4 const point = {position.x, position.y, position.z, time};
     Double4 const p = widen(point);
-    if (!inLattice<L>(gather(point))) return noCurl(p - p, jacobian);
-    return curlAt<3>(skew<L>(p), NoOrigin{}, seed, jacobian);
+    if (!inLattice<Arith>(gather(point))) return noCurl(p - p, jacobian);
+    return curlAt<3>(skew<Arith>(p), NoOrigin{}, seed, jacobian);
 }
 
 template <class Jacobian>
 float3 smoothCurl(float3 const& position, TimePlace const& time, std::uint32_t seed,
                   Jacobian& jacobian) {
     float4 const point = {position.x, position.y, position.z, 0};
-    Double4 const p = widen(point), lattice = L::spread(time.latticeXyz, time.latticeW);
-    if (!inLattice<L>(gather(point)) || !timeInLattice<L>(lattice))
+    Double4 const p = widen(point), lattice = Arith::spread(time.latticeXyz, time.latticeW);
+    if (!inLattice<Arith>(gather(point)) || !timeInLattice<Arith>(lattice))
         return noCurl((p - p) + (lattice - lattice), jacobian);
-    return curlAt<4>(skew<L>(p) + lattice, L::spread(time.cellXyz, time.cellW), seed, jacobian);
+    return curlAt<4>(skew<Arith>(p) + lattice, Arith::spread(time.cellXyz, time.cellW), seed,
+                     jacobian);
 }
 
 }  // namespace

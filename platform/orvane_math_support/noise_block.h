@@ -6,13 +6,13 @@
 
 namespace Orvane::Math {
 
-// The noise functions of noise.h for many points at once, with the vector instructions of the
-// machine. Coordinates and results are separate arrays of `count` elements; nothing is done for a
-// count of 0 or below. Each element is, in every bit, what the function for one point gives, for
-// any input, on any machine.
+// The noise functions of noise.h for a block of points, with the SIMD instructions of the machine.
+// Each coordinate and each component of a result is an array of `count` elements. A count of 0 or
+// below does nothing. Each result equals that of the function for one point, bit for bit, for any
+// input, on any machine.
 //
 // A result array may be one of the coordinate arrays; otherwise no two arrays may overlap. Arrays
-// need no alignment. Blocks of some hundred points use the instructions fully.
+// need no alignment. A block of a few hundred points reaches the full speed.
 
 /// simplex_noise of (x, y, z, w).
 ZEL_PLATFORM_API void simplex_noise_block(float const* x, float const* y, float const* z,
@@ -21,7 +21,7 @@ ZEL_PLATFORM_API void simplex_noise_block(double const* x, double const* y, doub
                                           double const* w, int count, std::int64_t seed,
                                           double* out);
 
-/// Also the derivatives along the four coordinates.
+/// Also writes the derivatives along the four coordinates.
 ZEL_PLATFORM_API void simplex_noise_block(float const* x, float const* y, float const* z,
                                           float const* w, int count, std::int64_t seed, float* out,
                                           float* alongX, float* alongY, float* alongZ,
@@ -31,8 +31,8 @@ ZEL_PLATFORM_API void simplex_noise_block(double const* x, double const* y, doub
                                           double* out, double* alongX, double* alongY,
                                           double* alongZ, double* alongW);
 
-/// curl_noise, and smooth_curl_noise, of the position (x, y, z) at a time of its own for each. The
-/// smooth one is quicker where all times are the same.
+/// curl_noise and smooth_curl_noise of the positions (x, y, z), each at its own time. The smooth
+/// function is faster where all times are equal.
 ZEL_PLATFORM_API void curl_noise_block(float const* x, float const* y, float const* z,
                                        float const* time, int count, std::uint32_t seed,
                                        float* outX, float* outY, float* outZ);
@@ -40,8 +40,8 @@ ZEL_PLATFORM_API void smooth_curl_noise_block(float const* x, float const* y, fl
                                               float const* time, int count, std::uint32_t seed,
                                               float* outX, float* outY, float* outZ);
 
-/// curl_noise_derivative, and smooth_curl_noise_derivative. `jacobian` holds nine arrays, row after
-/// row: jacobian[3 * r + c] is the derivative of component r along coordinate c.
+/// curl_noise_derivative and smooth_curl_noise_derivative. `jacobian` holds nine arrays:
+/// jacobian[3 * r + c] is the derivative of component r along coordinate c.
 ZEL_PLATFORM_API void curl_noise_derivative_block(float const* x, float const* y, float const* z,
                                                   float const* time, int count, std::uint32_t seed,
                                                   float* outX, float* outY, float* outZ,

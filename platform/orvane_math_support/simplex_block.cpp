@@ -16,7 +16,7 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-/// x, y, z, w to the value, and with five outputs to the four derivatives too.
+/// Reads x, y, z and w, and writes the value; with five output arrays, the four derivatives, too.
 template <class Arrays> struct SimplexBody {
     using Real = typename Arrays::Number;
     static constexpr bool kDerives = Arrays::kOutputs == 5;
@@ -34,32 +34,32 @@ template <class Arrays> struct SimplexBody {
         }
     }
 
-#if ZEL_HAS_BLOCK_LANE
+#if ZEL_HAS_SIMD_ARITHMETIC
 
-    using L = Simplex::HWY_NAMESPACE::BlockLane<Real>;
-    using Hash = Simplex::HWY_NAMESPACE::CellHash<L>;
+    using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<Real>;
+    using Hash = Simplex::HWY_NAMESPACE::CellHash<Arith>;
 
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use&& use) const {
         using namespace Simplex::HWY_NAMESPACE;
-        typename L::Wide4 const p = {L::load(a.in[0]), L::load(a.in[1]), L::load(a.in[2]),
-                                     L::load(a.in[3])};
-        atPlace<L>(skew<L>(p), Simplex::NoOrigin{}, use);
-        return inLattice<L>(
-            {L::loadOne(a.in[0]), L::loadOne(a.in[1]), L::loadOne(a.in[2]), L::loadOne(a.in[3])});
+        typename Arith::Wide4 const p = {Arith::load(a.in[0]), Arith::load(a.in[1]),
+                                         Arith::load(a.in[2]), Arith::load(a.in[3])};
+        atPlace<Arith>(skew<Arith>(p), Simplex::NoOrigin{}, use);
+        return inLattice<Arith>({Arith::loadOne(a.in[0]), Arith::loadOne(a.in[1]),
+                                 Arith::loadOne(a.in[2]), Arith::loadOne(a.in[3])});
     }
 
-    HWY_INLINE void evaluate(typename L::Real4 const& place, Hash const& hash,
+    HWY_INLINE void evaluate(typename Arith::Real4 const& place, Hash const& hash,
                              Arrays const& a) const {
         using namespace Simplex::HWY_NAMESPACE;
         if constexpr (kDerives) {
-            typename L::Real4 d;
-            L::store(simplexDerivative<L>(place, hash, d), a.out[0]);
-            L::store(d.x, a.out[1]);
-            L::store(d.y, a.out[2]);
-            L::store(d.z, a.out[3]);
-            L::store(d.w, a.out[4]);
+            typename Arith::Real4 d;
+            Arith::store(simplexDerivative<Arith>(place, hash, d), a.out[0]);
+            Arith::store(d.x, a.out[1]);
+            Arith::store(d.y, a.out[2]);
+            Arith::store(d.z, a.out[3]);
+            Arith::store(d.w, a.out[4]);
         } else {
-            L::store(simplexValue<L>(place, hash), a.out[0]);
+            Arith::store(simplexValue<Arith>(place, hash), a.out[0]);
         }
     }
 #endif

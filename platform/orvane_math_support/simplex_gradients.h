@@ -7,10 +7,10 @@
 
 namespace Orvane::Math::Simplex {
 
-/// Number of gradient directions.
+/// The number of gradient directions in four dimensions.
 inline constexpr std::size_t kDirections = 128;
 
-/// The coordinates of a direction, a row of a table: 16 bytes or 32.
+/// A direction as a row of a table, aligned to its size.
 template <class Real> struct alignas(4 * sizeof(Real)) Direction { Real x, y, z, w; };
 
 using Quaternion = std::array<double, 4>;  // real part last
@@ -23,11 +23,11 @@ constexpr Quaternion multiply(Quaternion const& a, Quaternion const& b) {
 }
 
 /// The 120 vertices of the regular 600-cell (H. S. M. Coxeter, "Regular Polytopes", 1973). Their
-/// moments are those of the whole sphere up to the eleventh degree, so that no axis shows in sums
-/// of noise. They are turned by v -> p * v * q with two unit quaternions, which takes them off the
-/// axes and diagonals of the lattice. The first eight, which are four pairs at right angles, count
-/// twice, so that seven bits of a hash are a direction; of the moments, those above the third
-/// degree feel this, by one part in 16.
+/// moments equal those of the sphere up to the eleventh degree, so that no axis shows in sums of
+/// noise. They are rotated by v -> p * v * q with two unit quaternions, away from the axes and
+/// diagonals of the lattice. The first eight vertices, four opposite pairs at right angles, are
+/// listed twice, so that seven bits of a hash select a direction; this changes only moments above
+/// the third degree, by one part in 16.
 constexpr std::array<Quaternion, kDirections> makeDirections() {
     constexpr Quaternion p = {1 / 11.0, 2 / 11.0, 4 / 11.0, 10 / 11.0};
     constexpr Quaternion q = {2 / 9.0, 4 / 9.0, 5 / 9.0, 6 / 9.0};
@@ -67,12 +67,13 @@ constexpr std::array<Quaternion, kDirections> makeDirections() {
     return out;
 }
 
-/// The directions, packed into a word each, so that one look-up is all that a direction costs. A
-/// coordinate is the word, shifted to the left by 24, 16, 8 and 0 bits for x, y, z and w, as a
-/// signed number: its own byte and, as a fraction, those of the coordinates before it, with which
-/// the byte is rounded to. So a coordinate is off by at most 0.4 % of the length.
+/// The directions, each packed into a word, so that one look-up fetches a direction. A coordinate
+/// is the word, shifted to the left by 24, 16, 8 and 0 bits for x, y, z and w, as a signed number.
+/// That number has the coordinate's own byte on top and, as a fraction of it, the bytes of the
+/// coordinates before; the byte is chosen so that both together come closest to the coordinate. The
+/// error of a coordinate is at most 0.4 % of the length.
 constexpr std::array<std::uint32_t, kDirections> packDirections() {
-    constexpr double kLength = 126;  // in units of the own byte; leaves room to round up
+    constexpr double kLength = 126;  // in units of a byte; leaves room to round up
     std::array<std::uint32_t, kDirections> out{};
     auto const directions = makeDirections();
     for (std::size_t i = 0; i < out.size(); ++i) {
@@ -90,7 +91,7 @@ constexpr std::array<std::uint32_t, kDirections> packDirections() {
 
 inline constexpr std::array<std::uint32_t, kDirections> kPackedDirections = packDirections();
 
-/// The unpacked directions, of a length just below kDirectionLength.
+/// The unpacked directions. Their length is at most kDirectionLength.
 template <class Real> constexpr std::array<Direction<Real>, kDirections> unpackDirections() {
     std::array<Direction<Real>, kDirections> out{};
     auto const number = [](std::uint32_t word) {
@@ -107,7 +108,7 @@ template <class Real>
 inline constexpr std::array<Direction<Real>, kDirections>
     kDirectionTable = unpackDirections<Real>();
 
-/// Bound of the lengths of unpacked directions, met by the longest within rounding.
+/// The length of the longest direction, rounded up.
 template <std::size_t size>
 constexpr double longest(std::array<Direction<double>, size> const& directions) {
     double square = 0;
@@ -122,19 +123,20 @@ constexpr double longest(std::array<Direction<double>, size> const& directions) 
 }
 inline constexpr double kDirectionLength = longest(kDirectionTable<double>);
 
-/// Directions in space, for a noise of which time derivatives are not asked: one of kOctant, in
-/// the octant of positive coordinates, mirrored by one of kMirrors. A table of eight words fits
-/// into a register, where a look-up for eight points is one quick instruction.
+/// The spatial directions, without a part along the time, of the potential of curl noise. Direction
+/// 8 * o + m is direction o of kOctant, which lies in the octant of positive coordinates, mirrored
+/// by entry m of kMirrors. Two tables of eight words are used because each fits into a register,
+/// where one fast instruction looks up eight points.
 ///
-/// The octant has the six permutations of a triple, and the diagonal twice. With their mirror
-/// images the triple makes the moments those of the whole sphere up to the seventh degree: its
+/// The octant has the six permutations of a triple, and the diagonal twice. The triple is chosen so
+/// that the moments of all directions equal those of the sphere up to the seventh degree: its
 /// squares are the roots of t^3 - t^2 + 7/45 t - 1/2835, so that the means of x^4 + y^4 + z^4 and
 /// of x^2 y^2 z^2 over all directions are 3/5 and 1/105.
 ///
 /// A word has 11 bits for x, 11 for y and 10 for z. A coordinate is the word, shifted to the left
-/// by 21, 10 and 0 bits, as a signed number, and so has the coordinates before it as a fraction.
-/// The last bit is always set and never mirrored: so opposite words are exactly opposite
-/// directions. A coordinate is off by at most 0.2 % of the length.
+/// by 21, 10 and 0 bits, as a signed number; the coordinates before it are a fraction of its last
+/// place. The last bit is always set and never mirrored, so that mirroring all axes gives the
+/// exactly opposite direction. The error of a coordinate is at most 0.2 % of the length.
 inline constexpr std::size_t kSpatialDirections = 64;
 inline constexpr std::array<std::uint32_t, 8> kMirrors = [] {
     std::array<std::uint32_t, 8> out{};
@@ -157,7 +159,8 @@ inline constexpr std::array<std::uint32_t, 8> kOctant = [] {
     std::array<std::uint32_t, 8> out{};
     for (std::size_t i = 0; i < out.size(); ++i) {
         auto const& [x, y, z] = triples[i];
-        // The fractions below y and z are anything from 0 to 1, by how x and y are mirrored.
+        // The bytes are truncated: the fractions below y and z, which depend on how x and y are
+        // mirrored, lie anywhere from 0 to 1.
         out[i] = static_cast<std::uint32_t>(x * 512) << 1 | 1 |
                  static_cast<std::uint32_t>(y * 1024) << 11 |
                  static_cast<std::uint32_t>(z * 512) << 22;
@@ -165,14 +168,14 @@ inline constexpr std::array<std::uint32_t, 8> kOctant = [] {
     return out;
 }();
 
-/// All of them: number 8 * o + m is octant o, mirrored by m.
+/// The spatial directions, packed.
 inline constexpr std::array<std::uint32_t, kSpatialDirections> kPackedSpatialDirections = [] {
     std::array<std::uint32_t, kSpatialDirections> out{};
     for (std::size_t i = 0; i < out.size(); ++i) out[i] = kOctant[i / 8] ^ kMirrors[i % 8];
     return out;
 }();
 
-/// The unpacked directions; their w is 0.
+/// The spatial directions, unpacked, with a w of 0.
 template <class Real>
 inline constexpr std::array<Direction<Real>, kSpatialDirections> kSpatialDirectionTable = [] {
     std::array<Direction<Real>, kSpatialDirections> out{};

@@ -1,11 +1,11 @@
-// The formulas of the simplex noises, each once, over a lane type L: ScalarLane, whose Real is a
-// number, or BlockLane, whose Real is a register of them. A lane type says what a Real, a Word and
-// their groups of four coordinates are, and gives the operations on them. Nothing below branches on
-// a number, and every operation is rounded once, in the order that is written here: so all lanes
-// give the same bits.
+// The formulas of the simplex noises, each written once, over an arithmetic `Arith`. An arithmetic
+// is a class that defines the number types (Real, Word, Cell, and their groups of four coordinates)
+// and the operations on them: the Real of ScalarArithmetic is one number, that of SimdArithmetic a
+// register of numbers. No formula branches on a number, and each operation is rounded once, in the
+// order written here, so that all arithmetics give the same bits.
 //
-// After "hwy/highway.h" this header is compiled for the instruction set that Highway asks for, once
-// for each, in a namespace of its own; without it, for the baseline.
+// Where "hwy/highway.h" is included first, this header is compiled once for each instruction set
+// that Highway selects, in a namespace for that set; otherwise it is compiled for the baseline.
 
 #if defined(ZEL_SIMPLEX_KERNEL) == defined(HWY_TARGET_TOGGLE)
 #ifdef HWY_TARGET_TOGGLE
@@ -41,137 +41,141 @@ template <int bits, class W> ZEL_ALWAYS_INLINE inline W shiftRight(W const& w) {
         return w >> bits;
 }
 
-/// Hash of each coordinate of a cell by itself, from its low word plus the key, and its high
-/// word. Not linear, so that no translation maps the lattice's hashes onto one another. The low
-/// word is mixed before the high word enters: a small step of one must not undo a carry into
-/// the other.
-template <class L>
-ZEL_ALWAYS_INLINE inline typename L::Word4 hashAxes(typename L::Word4 u,
-                                                    typename L::Word4 const& high) {
-    u = (u ^ shiftRight<16>(u)) * L::load(kMix);
+/// Hashes each coordinate of a cell separately, from the low word plus the key, and the high word.
+/// The hash is not linear, so that no translation maps the hashes of the lattice onto one another.
+/// The low word is mixed before the high word is added: otherwise a small step of the low word
+/// could cancel a carry into the high word.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Word4 hashAxes(typename Arith::Word4 u,
+                                                        typename Arith::Word4 const& high) {
+    u = (u ^ shiftRight<16>(u)) * Arith::load(kMix);
     return ((u ^ shiftRight<15>(u)) + high) * 0x9e3779b1u;
 }
 
-/// Mixes the exclusive or of four axis hashes; the upper bits are the ones to use.
+/// Mixes the exclusive or of four axis hashes. The upper bits of the result are the best mixed.
 template <class Word> ZEL_ALWAYS_INLINE inline Word finishHash(Word h) {
     h = (h ^ shiftRight<16>(h)) * 0x7feb352du;
     return (h ^ shiftRight<15>(h)) * 0x846ca68bu;
 }
 
-/// Direction of a vertex, from its hash.
-template <class L>
-ZEL_ALWAYS_INLINE inline typename L::Real4 direction(typename L::Word const& hash) {
+/// The gradient direction of a vertex, from its hash.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Real4 direction(typename Arith::Word const& hash) {
     static_assert(kDirections == 128);
-    return L::direction(shiftRight<32 - 7>(hash));
+    return Arith::direction(shiftRight<32 - 7>(hash));
 }
 
-/// Direction number `n` in space, 0 to 2. Its w is not to be used.
-template <class L, int n>
-ZEL_ALWAYS_INLINE inline typename L::Real4 spatialDirection(typename L::Word const& hash) {
+/// The spatial direction of potential component `n`, 0 to 2. Callers must not use its w.
+template <class Arith, int n>
+ZEL_ALWAYS_INLINE inline typename Arith::Real4 spatialDirection(typename Arith::Word const& hash) {
     static_assert(kSpatialDirections == 64);
-    return L::template spatialDirection<32 - 6 * (n + 1)>(hash);
+    return Arith::template spatialDirection<32 - 6 * (n + 1)>(hash);
 }
 
-/// Whether a point lies in the lattice; not if a coordinate is NaN.
-template <class L> ZEL_ALWAYS_INLINE inline auto inLattice(typename L::Real4 const& p) {
-    return L::size(p) < static_cast<typename L::Number>(kReach);
+/// Whether a point lies in the lattice; false if a coordinate is NaN.
+template <class Arith> ZEL_ALWAYS_INLINE inline auto inLattice(typename Arith::Real4 const& p) {
+    return Arith::size(p) < static_cast<typename Arith::Number>(kReach);
 }
 
-/// Lattice coordinates, less 1/2 each: the nearest integers to these make the cell.
-template <class L> ZEL_ALWAYS_INLINE inline typename L::Wide4 skew(typename L::Wide4 const& p) {
-    return p + (L::sum(p) * kSkew - 0.5);
+/// The lattice coordinates of a point, each minus 1/2. Rounded to integers they name the cell.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Wide4 skew(typename Arith::Wide4 const& p) {
+    return p + (Arith::sum(p) * kSkew - 0.5);
 }
 
-/// Calls use(d, cell) with the place in the lattice of a point for which skew() gives `lattice`,
-/// within 2^51: the point minus the first vertex of its cell, and the cell. `origin` is added to
-/// the cell.
+/// Calls use(d, cell) for a point with the coordinates `lattice`, from skew() and below 2^51 in
+/// magnitude. `d` is the point minus the first vertex of its cell. `origin`, if it is not NoOrigin,
+/// is added to the cell.
 ///
-/// Groups are handed on in calls like this one, since g++ 12 copies structures of registers in
-/// pieces.
-template <class L, class Origin, class Use>
-ZEL_ALWAYS_INLINE inline auto atPlace(typename L::Wide4 const& lattice, Origin const& origin,
+/// The results are passed to a callback and not returned, because g++ 12 copies structures of
+/// registers in pieces.
+template <class Arith, class Origin, class Use>
+ZEL_ALWAYS_INLINE inline auto atPlace(typename Arith::Wide4 const& lattice, Origin const& origin,
                                       Use&& use) {
-    using Number = typename L::Number;
+    using Number = typename Arith::Number;
     auto const shifted = lattice + kCellShift;
-    // Small numbers from here on, so that their own precision does; -1/2 to 1/2.
-    auto const rest = L::narrow(lattice - (shifted - kCellShift));
+    // The fractions, -1/2 to 1/2, need no more than the precision of the Real.
+    auto const rest = Arith::narrow(lattice - (shifted - kCellShift));
     auto const d = rest + (static_cast<Number>(0.5 - 2 * kUnskew) -
-                           L::sum(rest) * static_cast<Number>(kUnskew));
-    auto const cell = L::bits(shifted);
+                           Arith::sum(rest) * static_cast<Number>(kUnskew));
+    auto const cell = Arith::bits(shifted);
     if constexpr (std::is_same_v<Origin, NoOrigin>)
         return use(d, cell);
     else
         return use(d, cell + origin);
 }
 
-/// What the hashes of the vertices of a cell are made of.
-template <class L> struct CellHash {
-    typename L::Word first;  // of the first vertex
-    typename L::Word4 flip;  // what changes with a step along each axis
+/// The parts from which the hashes of all vertices of a cell are computed.
+template <class Arith> struct CellHash {
+    typename Arith::Word first;  // of the first vertex
+    typename Arith::Word4 flip;  // bits that a step along each axis flips
 };
 
-template <class L>
-ZEL_ALWAYS_INLINE inline CellHash<L> hashCell(typename L::Cell4 const& cell, Keys const& keys) {
-    auto const low = L::low(cell) + L::load(keys.axis);
-    auto const here = hashAxes<L>(low, L::high(cell));
-    return {L::fold(here) ^ keys.last, here ^ hashAxes<L>(low + 1u, L::highOfNext(cell))};
+template <class Arith>
+ZEL_ALWAYS_INLINE inline CellHash<Arith> hashCell(typename Arith::Cell4 const& cell,
+                                                  Keys const& keys) {
+    auto const low = Arith::low(cell) + Arith::load(keys.axis);
+    auto const here = hashAxes<Arith>(low, Arith::high(cell));
+    return {Arith::fold(here) ^ keys.last,
+            here ^ hashAxes<Arith>(low + 1u, Arith::highOfNext(cell))};
 }
 
-/// Calls add(d, hash) for the five vertices of the simplex that holds a point, with the point minus
-/// the vertex and the hash of the vertex. The arguments are the same of the first one, and of the
-/// cell.
-template <class L, class Add>
-ZEL_ALWAYS_INLINE inline void forEachVertex(typename L::Real4 const& d, CellHash<L> const& hash,
-                                            Add&& add) {
-    using Number = typename L::Number;
+/// Calls add(d, hash) for each of the five vertices of the simplex around a point, with the point
+/// minus the vertex and the hash of the vertex. The parameter `d` is the point minus the first
+/// vertex, and `hash` that of the cell.
+template <class Arith, class Add>
+ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
+                                            CellHash<Arith> const& hash, Add&& add) {
+    using Number = typename Arith::Number;
     auto const& first = hash.first;
     auto const& flip = hash.flip;
 
-    // The path through the simplex steps along the largest coordinate first: at the first inner
-    // vertex it has moved, at the second the second largest too, at the third all but the
-    // smallest.
-    auto const moved = L::largest(d);
+    // The path from the first vertex to the last steps along the axis of the largest coordinate
+    // first, then along those of the second and the third largest.
+    auto const moved = Arith::largest(d);
     auto const inner = [&](int steps, auto const& mask) ZEL_KERNEL_LAMBDA {
-        add(L::step(d, mask) + static_cast<Number>(steps * kUnskew),
-            finishHash(first ^ L::fold(flip & mask)));
+        add(Arith::step(d, mask) + static_cast<Number>(steps * kUnskew),
+            finishHash(first ^ Arith::fold(flip & mask)));
     };
     add(d, finishHash(first));
     inner(1, moved[0]);
     inner(2, moved[1]);
     inner(3, moved[2]);
-    add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ L::fold(flip)));
+    add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ Arith::fold(flip)));
 }
 
-/// The base of the kernel's power: 1/2 - d^2 within the support, else 0.
-template <class L> ZEL_ALWAYS_INLINE inline typename L::Real falloff(typename L::Real4 const& d) {
-    return L::positive(static_cast<typename L::Number>(kRadius2) - L::dot(d, d));
+/// The falloff of a vertex, which the kernel raises to a power: 1/2 - d^2 within the support, else
+/// 0.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Real falloff(typename Arith::Real4 const& d) {
+    return Arith::positive(static_cast<typename Arith::Number>(kRadius2) - Arith::dot(d, d));
 }
 
-/// Simplex noise: the sum over the vertices of t^4 * dot(g, d), with t the falloff and g the
-/// gradient of the vertex.
-template <class L>
-ZEL_ALWAYS_INLINE inline typename L::Real simplexValue(typename L::Real4 const& place,
-                                                       CellHash<L> const& cellHash) {
-    typename L::Real sum{};
-    forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<L>(d), t2 = t * t;
-        sum = sum + (t2 * t2) * L::dot(direction<L>(hash), d);
+/// Simplex noise: the sum over the vertices of t^4 * dot(g, d), where t is the falloff and g the
+/// gradient direction of the vertex.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Real simplexValue(typename Arith::Real4 const& place,
+                                                           CellHash<Arith> const& cellHash) {
+    typename Arith::Real sum{};
+    forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+        auto const t = falloff<Arith>(d), t2 = t * t;
+        sum = sum + (t2 * t2) * Arith::dot(direction<Arith>(hash), d);
     });
-    return sum * static_cast<typename L::Number>(kScale);
+    return sum * static_cast<typename Arith::Number>(kScale);
 }
 
-/// The same value, and the derivative: the sum of t^4 * g - 8 * t^3 * dot(g, d) * d.
-template <class L>
-ZEL_ALWAYS_INLINE inline typename L::Real simplexDerivative(typename L::Real4 const& place,
-                                                            CellHash<L> const& cellHash,
-                                                            typename L::Real4& derivative) {
-    using Number = typename L::Number;
-    typename L::Real sum{};
-    typename L::Real4 slope{};
-    forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<L>(d), t2 = t * t, t4 = t2 * t2;
-        auto const g = direction<L>(hash);
-        auto const along = L::dot(g, d);
+/// The value of simplexValue(), and its derivative: the sum of t^4 * g - 8 * t^3 * dot(g, d) * d.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::Real4 const& place,
+                                                                CellHash<Arith> const& cellHash,
+                                                                typename Arith::Real4& derivative) {
+    using Number = typename Arith::Number;
+    typename Arith::Real sum{};
+    typename Arith::Real4 slope{};
+    forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+        auto const t = falloff<Arith>(d), t2 = t * t, t4 = t2 * t2;
+        auto const g = direction<Arith>(hash);
+        auto const along = Arith::dot(g, d);
         sum = sum + t4 * along;
         slope = slope + (g * t4 - d * ((t2 * t) * along * Number{8}));
     });
@@ -179,32 +183,32 @@ ZEL_ALWAYS_INLINE inline typename L::Real simplexDerivative(typename L::Real4 co
     return sum * static_cast<Number>(kScale);
 }
 
-/// Spatial curl of the potential whose components are sums of t^power * dot(g, d), with
-/// directions g of its own in space at each vertex: only their parts in space give the curl of
-/// dot(g, d). A vertex gives t^power * c - 2 * power * t^(power - 1) * cross(d, s), where s is the
-/// field of the three dot products and c its curl.
+/// The spatial curl of a vector potential. Each component of the potential is a sum over the
+/// vertices of t^power * dot(g, d), with a spatial direction g for each vertex and component. A
+/// vertex contributes t^power * c - 2 * power * t^(power - 1) * cross(d, s), where s is the vector
+/// of the three dot products and c the curl of s.
 ///
-/// `jacobian` is a NoJacobian, or rows of the derivatives of a component along x, y and z. To that
-/// of component r along coordinate j a vertex gives d_j * (4 * power * (power - 1) * t^(power - 2)
-/// * cross_r - 2 * power * t^(power - 1) * c_r) - 2 * power * t^(power - 1) * (derivative of
-/// cross_r along j).
-template <class L, int power, class Jacobian>
-ZEL_ALWAYS_INLINE inline Vec3<typename L::Real>
-curl(typename L::Real4 const& place, CellHash<L> const& cellHash, Jacobian& jacobian) {
+/// `jacobian` is a NoJacobian, or three rows: row r is the gradient of component r. A vertex
+/// contributes to the derivative of component r along coordinate j: d_j * (4 * power * (power - 1)
+/// * t^(power - 2) * cross_r - 2 * power * t^(power - 1) * c_r) - 2 * power * t^(power - 1) *
+/// (derivative of cross_r along j).
+template <class Arith, int power, class Jacobian>
+ZEL_ALWAYS_INLINE inline Vec3<typename Arith::Real>
+curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobian& jacobian) {
     static_assert(power == 3 || power == 4);
-    using Number = typename L::Number;
-    Vec3<typename L::Real> sum{};
+    using Number = typename Arith::Number;
+    Vec3<typename Arith::Real> sum{};
     Jacobian slope{};
-    forEachVertex<L>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<L>(d), t2 = t * t;
+    forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+        auto const t = falloff<Arith>(d), t2 = t * t;
         auto const weight = power == 3 ? t2 : t2 * t;
         auto const steep = weight * Number{2 * power}, flat = weight * t;
-        auto const gx = spatialDirection<L, 0>(hash);
-        auto const sx = L::dot3(gx, d);
-        auto const gy = spatialDirection<L, 1>(hash);
-        auto const sy = L::dot3(gy, d);
-        auto const gz = spatialDirection<L, 2>(hash);
-        auto const sz = L::dot3(gz, d);
+        auto const gx = spatialDirection<Arith, 0>(hash);
+        auto const sx = Arith::dot3(gx, d);
+        auto const gy = spatialDirection<Arith, 1>(hash);
+        auto const sy = Arith::dot3(gy, d);
+        auto const gz = spatialDirection<Arith, 2>(hash);
+        auto const sz = Arith::dot3(gz, d);
         auto const cx = gz[1] - gy[2], cy = gx[2] - gz[0], cz = gy[0] - gx[1];
         auto const rx = d[1] * sz - d[2] * sy, ry = d[2] * sx - d[0] * sz,
                    rz = d[0] * sy - d[1] * sx;
@@ -229,44 +233,47 @@ curl(typename L::Real4 const& place, CellHash<L> const& cellHash, Jacobian& jaco
             jz.z = jz.z + (d[2] * az - (ex * gy[2] - ey * gx[2]));
         }
     });
-    auto const scaled = [](Vec3<typename L::Real> const& v) ZEL_KERNEL_LAMBDA {
+    auto const scaled = [](Vec3<typename Arith::Real> const& v) ZEL_KERNEL_LAMBDA {
         auto const scale = static_cast<Number>(kCurlScale<power>);
-        return Vec3<typename L::Real>{v.x * scale, v.y * scale, v.z * scale};
+        return Vec3<typename Arith::Real>{v.x * scale, v.y * scale, v.z * scale};
     };
     if constexpr (!std::is_same_v<Jacobian, NoJacobian>)
         jacobian = {scaled(slope.x), scaled(slope.y), scaled(slope.z)};
     return scaled(sum);
 }
 
-/// Lattice coordinates of a time.
-template <class L>
-ZEL_ALWAYS_INLINE inline typename L::Wide4 skewTime(typename L::Wide const& time) {
+/// The lattice coordinates of the point (0, 0, 0, time).
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Wide4 skewTime(typename Arith::Wide const& time) {
     auto const skewed = time * kSkew;
-    return L::spread(skewed, time + skewed);
+    return Arith::spread(skewed, time + skewed);
 }
 
-/// Whether they lie in the lattice, or in the cell of a TimePlace; not if one is NaN.
-template <class L> ZEL_ALWAYS_INLINE inline auto timeInLattice(typename L::Wide4 const& lattice) {
-    return L::size(lattice) < kLatticeLimit;
+/// Whether lattice coordinates of a time, or those of a TimePlace, lie in the lattice; false if one
+/// is NaN.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline auto timeInLattice(typename Arith::Wide4 const& lattice) {
+    return Arith::size(lattice) < kLatticeLimit;
 }
 
-/// Keeps what two floats hold, 48 bits. Cut off in the representation, not by going to float
-/// and back: g++ 12 drops such a round trip where it vectorises, and the bits would depend on
-/// that.
-template <class L>
-ZEL_ALWAYS_INLINE inline typename L::Wide roundToTwoFloats(typename L::Wide const& a) {
-    auto const high = L::cutToFloat(a);
-    return high + L::cutToFloat(a - high);
+/// Truncates a double to the 48 bits that the sum of two floats can hold. The bits are masked and
+/// not converted to float and back: g++ 12 drops such a conversion where it vectorises, and the
+/// result would depend on it.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Wide roundToTwoFloats(typename Arith::Wide const& a) {
+    auto const high = Arith::cutToFloat(a);
+    return high + Arith::cutToFloat(a - high);
 }
 
-/// Calls use() with the four members of the TimePlace of a time within the lattice, from its
-/// coordinates there.
-template <class L, class Use>
-ZEL_ALWAYS_INLINE inline auto placeTime(typename L::Wide4 const& lattice, Use const& use) {
+/// Calls use() with the four members of the TimePlace of a time, from the lattice coordinates of
+/// the time, which must lie in the lattice.
+template <class Arith, class Use>
+ZEL_ALWAYS_INLINE inline auto placeTime(typename Arith::Wide4 const& lattice, Use const& use) {
     auto const shifted = (lattice - 0.5) + kCellShift;
     auto const place = lattice - (shifted - kCellShift);
-    auto const cell = L::unbiased(L::bits(shifted));
-    return use(roundToTwoFloats<L>(place[2]), roundToTwoFloats<L>(place[3]), cell[2], cell[3]);
+    auto const cell = Arith::unbiased(Arith::bits(shifted));
+    return use(roundToTwoFloats<Arith>(place[2]), roundToTwoFloats<Arith>(place[3]), cell[2],
+               cell[3]);
 }
 
 ZEL_KERNEL_END

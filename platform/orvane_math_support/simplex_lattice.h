@@ -1,6 +1,6 @@
 #pragma once
 
-// The simplex lattice: its shape, its limits, and the keys of its hash.
+// The simplex lattice: its shape, its limits and the keys of its hash.
 
 #include "zel_platform/orvane_math_support/simplex_gradients.h"
 #include "zel_platform/quern_core/always_inline.h"
@@ -11,50 +11,52 @@
 
 namespace Orvane::Math::Simplex {
 
-// Between Cartesian and lattice coordinates: lattice = p + kSkew * sum(p), p = lattice - kUnskew *
-// sum(lattice).
+// The conversion between Cartesian and lattice coordinates: lattice = p + kSkew * sum(p),
+// p = lattice - kUnskew * sum(lattice).
 inline constexpr double kSkew = 0.30901699437494745;    // (sqrt(5) - 1) / 4
 inline constexpr double kUnskew = 0.13819660112501053;  // (5 - sqrt(5)) / 20
 
-/// Squared radius of a vertex's support. A vertex is sqrt(1/2) away from the opposite facet of each
-/// of its simplices, in four dimensions as in all others, so that nothing is cut off when a simplex
-/// sums its own five vertices alone.
+/// The squared radius of a vertex's support. A vertex is sqrt(1/2) away from the opposite facet of
+/// each of its simplices, in any number of dimensions. Within a simplex, therefore, no vertex but
+/// its own five contributes.
 inline constexpr double kRadius2 = 0.5;
 
-/// Absolute lattice coordinates of a time sum up to less than this, so that a double has bits for
-/// the place in a cell.
+/// The limit of the sum of a time's absolute lattice coordinates: below it a double has bits left
+/// for the place in a cell.
 inline constexpr double kLatticeLimit = 0x1p50;
 
-/// Absolute coordinates of a point sum up to less than this, which keeps its lattice coordinates
-/// within that limit too.
+/// The limit of the sum of a point's absolute coordinates: below it the point's lattice coordinates
+/// are below kLatticeLimit.
 inline constexpr double kReach = 0x1p48;
 
-/// Added to a number below 2^51, leaves the integer next to it in the low bits.
+/// Rounds when added: the low bits of kCellShift + x hold the integer nearest to x, for |x| < 2^51.
 inline constexpr double kCellShift = 0x1.8p52;
-/// What the bits of that sum are more than the integer.
+/// The bits of kCellShift + x, as an integer, minus kCellBias are the integer nearest to x.
 inline constexpr auto kCellBias = std::bit_cast<std::uint64_t>(kCellShift);
 
-/// Puts a noise with kernel (1/2 - d^2)^power and gradients of length 1 into -1..1: the reciprocal,
-/// rounded down, of the largest sum over the vertices of |d| * (1/2 - d^2)^power, which needs all
-/// gradients along d. The largest sums of the kernel times 2^power, found by a search over the
-/// simplex, are 0.1931963 and 0.1473733; one vertex alone reaches 87 % and 99.8 % of them.
+/// The factor that scales a noise with kernel (1/2 - d^2)^power and gradients of length 1 to -1..1:
+/// the reciprocal, rounded down, of the largest possible sum over the vertices, that of |d| * (1/2
+/// - d^2)^power, where all gradients point along d. Times 2^power, the largest sums for powers 3
+/// and 4 are 0.1931963 and 0.1473733, from a search over the simplex; a single vertex reaches 87 %
+/// and 99.8 % of them.
 template <int power> inline constexpr double kUnitScale = 0;
 template <> inline constexpr double kUnitScale<3> = 5.176 * 8;
 template <> inline constexpr double kUnitScale<4> = 6.7854 * 16;
 
-/// The same for the gradients of simplex noise, and of a component of the potential of curl noise.
+/// The factors for the lengths of the tables' directions: of simplex noise, and of a component of
+/// the potential of curl noise.
 inline constexpr double kScale = kUnitScale<4> / kDirectionLength;
 template <int power>
 inline constexpr double kCurlScale = kUnitScale<power> / kSpatialDirectionLength;
 
-/// Hash keys of a seed. No two seeds have the same axis keys.
+/// The hash keys of a seed. No two seeds have the same axis keys.
 struct Keys {
     std::array<std::uint32_t, 4> axis;
     std::uint32_t last;
 };
 
 /// After G. Steele, D. Lea, C. Flood, "Fast splittable pseudorandom number generators", 2014: a
-/// bijection of the seed to the first two axis keys, and a further round.
+/// bijection maps the seed to the first two axis keys, and a further round gives the other keys.
 ZEL_ALWAYS_INLINE inline Keys makeKeys(std::int64_t seed) {
     std::uint64_t a = static_cast<std::uint64_t>(seed) + 0x9e3779b97f4a7c15u;
     a = (a ^ (a >> 30)) * 0xbf58476d1ce4e5b9u;
@@ -68,14 +70,14 @@ ZEL_ALWAYS_INLINE inline Keys makeKeys(std::int64_t seed) {
     return {{word(a, 0), word(a, 32), word(b, 0), word(b, 32)}, word(a + b, 16)};
 }
 
-/// Odd factors, another one for each axis.
+/// An odd factor for each axis, all different.
 inline constexpr std::array<std::uint32_t, 4> kMix = {0xcc9e2d51u, 0x1b873593u, 0xe6546b65u,
                                                       0x85ebca6bu};
 
-/// The origin of the lattice where that is no argument.
+/// Stands for the origin of the lattice, which adds nothing to a cell.
 struct NoOrigin {};
 
-/// A Jacobian that is not asked for.
+/// Stands for a Jacobian that is not computed.
 struct NoJacobian {};
 
 template <class T> struct Vec3 { T x, y, z; };

@@ -7,28 +7,29 @@
 
 namespace Orvane::Math::Simplex {
 
-/// The point (0, 0, 0, time) split into a lattice cell and the place within it, which keeps
-/// positions near the origin of the lattice at any time. Three lattice coordinates of a point on
-/// the time axis are equal: `xyz` stands for each of them.
+/// The point (0, 0, 0, time), split into a lattice cell and the place within it. Positions are
+/// added to the place alone, so that they keep their precision at any time. Three lattice
+/// coordinates of a point on the time axis are equal: `Xyz` stands for each of them.
 struct TimePlace {
-    double latticeXyz, latticeW;   // in the cell, 0..1; kLatticeLimit for a time outside
+    double latticeXyz, latticeW;   // place in the cell, 0..1; kLatticeLimit for a time outside
     std::uint64_t cellXyz, cellW;  // two's complement
 };
 
-/// The 24 leading bits of a number.
+/// Truncates a number to its 24 leading bits, the precision of a float.
 inline double cutToFloat(double a) {
     return std::bit_cast<double>(std::bit_cast<std::uint64_t>(a) & ~std::uint64_t{0x1fffffff});
 }
 
-/// A number of 48 bits as the sum of two floats.
+/// Writes a number of 48 bits as two floats whose sum it is.
 inline void splitInTwo(double a, float* out) {
     double const high = cutToFloat(a);
     out[0] = static_cast<float>(high);
     out[1] = static_cast<float>(a - high);
 }
 
-/// Table: the two numbers, each as the sum of two floats, then the two cells, four digits of 16
-/// bits each, lowest first; the highest has the sign. The last four floats are 0.
+/// Writes a place as 16 floats: the two places in the cell, each as the sum of two floats; then the
+/// two cells, each as four digits of 16 bits, lowest first, of which the highest has the sign; then
+/// four zeros.
 inline void writeTimeTable(TimePlace const& place, float* table) {
     splitInTwo(place.latticeXyz, table);
     splitInTwo(place.latticeW, table + 2);
@@ -41,7 +42,8 @@ inline void writeTimeTable(TimePlace const& place, float* table) {
     for (int i = 12; i < 16; ++i) table[i] = 0;
 }
 
-/// Any 16 floats are good to read: no float is cast to an integer.
+/// Reads a table that writeTimeTable() wrote. Any other 16 floats are read without undefined
+/// behaviour, too, since no float is cast to an integer.
 inline TimePlace readTimeTable(float const* table) {
     auto const at = [&](int i) { return static_cast<double>(table[i]); };
     auto const number = [&](int i) { return at(i) + at(i + 1); };

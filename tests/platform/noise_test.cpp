@@ -1,6 +1,6 @@
 #include "zel_platform/orvane_math_support/noise.h"
 
-#include "zel_platform/orvane_math_support/scalar_lane.h"
+#include "zel_platform/orvane_math_support/scalar_arithmetic.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 namespace {
 
 using namespace Orvane::Math;
-using Lane = Simplex::ScalarLane<double>;
+using Lane = Simplex::ScalarArithmetic<double>;
 using Point = std::array<double, 4>;
 
 constexpr std::uint32_t kCurlSeed = 77;

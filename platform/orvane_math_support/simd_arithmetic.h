@@ -1,11 +1,12 @@
-// Types and operations of the simplex kernel for a register of points, for the instruction set that
-// Highway asks for. The four coordinates are four registers.
+// SimdArithmetic: the types and operations of the simplex kernel for a register of points, one
+// point a lane, for the instruction set that Highway selects. The four coordinates of the points
+// are four registers. Functions without a comment are those of ScalarArithmetic.
 
-#if defined(ZEL_BLOCK_LANE) == defined(HWY_TARGET_TOGGLE)
+#if defined(ZEL_SIMD_ARITHMETIC) == defined(HWY_TARGET_TOGGLE)
 #ifdef HWY_TARGET_TOGGLE
-#undef ZEL_BLOCK_LANE
+#undef ZEL_SIMD_ARITHMETIC
 #else
-#define ZEL_BLOCK_LANE
+#define ZEL_SIMD_ARITHMETIC
 #endif
 
 #include <hwy/highway.h>
@@ -28,11 +29,11 @@ using WordTag = hn::ScalableTag<std::uint32_t>;
 using DoubleTag = hn::ScalableTag<double>;
 using HalfFloatTag = hn::Half<FloatTag>;
 
-/// Points in a register: as many as there are floats in it. Doubles take two registers.
+/// The number of points in a register: that of its float lanes. Doubles take two registers.
 inline constexpr int kLanes = HWY_LANES(float);
 
-/// One group of four things. Operators work on each of the four; an operand that is no group goes
-/// to all of them.
+/// Four values of a type, one for each coordinate. Operators apply to each coordinate; an operand
+/// that is not a Four applies to all of them.
 template <class T> struct Four {
     T x, y, z, w;
 
@@ -64,7 +65,7 @@ ZEL_FOUR_OPERATOR(&)
 ZEL_FOUR_OPERATOR(|)
 #undef ZEL_FOUR_OPERATOR
 
-/// All ones or zeros in each lane of a register of words.
+/// A truth value for each lane of a register of words.
 struct Mask {
     hn::Mask<WordTag> v;
     ZEL_ALWAYS_INLINE Mask operator&(Mask const& b) const { return {hn::And(v, b.v)}; }
@@ -72,7 +73,7 @@ struct Mask {
     ZEL_ALWAYS_INLINE Mask operator!() const { return {hn::Not(v)}; }
 };
 
-/// 32-bit words.
+/// A register of 32-bit unsigned integers.
 struct Word {
     hn::Vec<WordTag> v;
     ZEL_ALWAYS_INLINE static Word all(std::uint32_t a) { return {hn::Set(WordTag(), a)}; }
@@ -90,6 +91,7 @@ struct Word {
     }
 };
 
+/// A register of floats.
 struct FloatReal {
     hn::Vec<FloatTag> v;
     ZEL_ALWAYS_INLINE static FloatReal all(float a) { return {hn::Set(FloatTag(), a)}; }
@@ -99,14 +101,15 @@ struct FloatReal {
     ZEL_ALWAYS_INLINE FloatReal operator+(float b) const { return *this + all(b); }
     ZEL_ALWAYS_INLINE FloatReal operator*(float b) const { return *this * all(b); }
     ZEL_ALWAYS_INLINE friend FloatReal operator-(float a, FloatReal const& b) { return all(a) - b; }
-    ZEL_ALWAYS_INLINE bool operator<(float b) const {  // all of them
+    /// Whether all lanes are less.
+    ZEL_ALWAYS_INLINE bool operator<(float b) const {
         return hn::AllTrue(FloatTag(), hn::Lt(v, all(b).v));
     }
     ZEL_ALWAYS_INLINE FloatReal magnitude() const { return {hn::Abs(v)}; }
     ZEL_ALWAYS_INLINE FloatReal positive() const { return {hn::Max(v, hn::Zero(FloatTag()))}; }
 };
 
-/// Doubles: `a` has the first half of the points, `b` the second.
+/// Doubles in two registers: `a` has the first half of the points, `b` the second.
 struct Wide {
     using V = hn::Vec<DoubleTag>;
     V a, b;
@@ -127,7 +130,8 @@ struct Wide {
     ZEL_ALWAYS_INLINE Wide operator-(double o) const { return *this - all(o); }
     ZEL_ALWAYS_INLINE Wide operator*(double o) const { return *this * all(o); }
     ZEL_ALWAYS_INLINE friend Wide operator-(double v, Wide const& o) { return all(v) - o; }
-    ZEL_ALWAYS_INLINE bool operator<(double o) const {  // all of them
+    /// Whether all lanes are less.
+    ZEL_ALWAYS_INLINE bool operator<(double o) const {
         auto const v = hn::Set(DoubleTag(), o);
         return hn::AllTrue(DoubleTag(), hn::And(hn::Lt(a, v), hn::Lt(b, v)));
     }
@@ -137,7 +141,7 @@ struct Wide {
         return {hn::Max(a, zero), hn::Max(b, zero)};
     }
 
-    /// The low and the high words of the representations.
+    /// The low and the high 32 bits of each double.
     ZEL_ALWAYS_INLINE Word low() const {
         return {hn::ConcatEven(WordTag(), hn::BitCast(WordTag(), b), hn::BitCast(WordTag(), a))};
     }
@@ -146,7 +150,7 @@ struct Wide {
     }
 };
 
-/// 64-bit integers, two's complement.
+/// 64-bit integers in two's complement, as two registers of 32-bit halves.
 struct Cell {
     Word low, high;
     ZEL_ALWAYS_INLINE static Cell all(std::uint64_t a) {
@@ -160,8 +164,9 @@ struct Cell {
     }
 };
 
-/// What both precisions share: cells are found in double precision.
-struct BlockCells {
+/// The operations that do not depend on the type of a Real. Cells are found in double precision in
+/// both.
+struct SimdCells {
     using Word = HWY_NAMESPACE::Word;
     using Word4 = Four<Word>;
     using Wide = HWY_NAMESPACE::Wide;
@@ -197,7 +202,7 @@ struct BlockCells {
         hn::StoreU(a.a, DoubleTag(), p);
         hn::StoreU(a.b, DoubleTag(), p + kLanes / 2);
     }
-    /// At place `i` of four arrays.
+    /// Loads or stores four arrays from element `i` on.
     template <class Number, std::size_t size>
     ZEL_ALWAYS_INLINE static auto load(Number const (&p)[4][size], int i) {
         return makeFour(loadOne(p[0] + i), loadOne(p[1] + i), loadOne(p[2] + i), loadOne(p[3] + i));
@@ -243,7 +248,7 @@ struct BlockCells {
         return {a.x.high, a.y.high, a.z.high, a.w.high};
     }
     ZEL_ALWAYS_INLINE static Word4 highOfNext(Cell4 const& a) {
-        // Minus an all-ones mask is plus 1.
+        // Subtracting an all-ones mask adds 1.
         auto const next = [](Cell const& c) ZEL_KERNEL_LAMBDA {
             auto const carry = hn::Eq((c.low + 1u).v, hn::Zero(WordTag()));
             return Word{hn::Sub(c.high.v, hn::VecFromMask(WordTag(), carry))};
@@ -258,7 +263,8 @@ struct BlockCells {
         return (a.x * b.x + a.y * b.y) + a.z * b.z;
     }
     template <class T> ZEL_ALWAYS_INLINE static T positive(T const& a) { return a.positive(); }
-    /// As in ScalarLane. Each pair is compared once: of two numbers one is larger.
+    /// As in ScalarArithmetic, but each pair of coordinates is compared only once: the opposite
+    /// comparison is the complement of the mask.
     ZEL_ALWAYS_INLINE static auto largest(Four<FloatReal> const& d) {
         auto const above = [](FloatReal const& p, FloatReal const& q) ZEL_KERNEL_LAMBDA {
             return Mask{hn::RebindMask(WordTag(), hn::Gt(p.v, q.v))};
@@ -277,7 +283,7 @@ struct BlockCells {
     ZEL_ALWAYS_INLINE static Four<FloatReal> round(Wide4 const& a) {
         return {round(a.x), round(a.y), round(a.z), round(a.w)};
     }
-    /// Packed directions.
+    /// Packed directions: the table's entries for a register of indices.
     template <std::size_t size>
     ZEL_ALWAYS_INLINE static auto look(std::array<std::uint32_t, size> const& packed,
                                        Word const& row) {
@@ -286,12 +292,13 @@ struct BlockCells {
                                hn::BitCast(integers, row.v));
     }
     ZEL_ALWAYS_INLINE static auto look(Word const& row) { return look(kPackedDirections, row); }
-    /// Packed directions in space, of the six bits of the hashes from bit `low` on.
+    /// Packed spatial directions, indexed by the six bits of the hashes from bit `low` on.
     template <int low> ZEL_ALWAYS_INLINE static auto lookInSpace(Word const& hash) {
         if constexpr (kLanes >= 8) {
             auto const at = [](std::array<std::uint32_t, 8> const& table, Word const& row)
                                 ZEL_KERNEL_LAMBDA {
-                                    // The lowest bits count. IndicesFromVec may refuse others.
+                                    // The look-up uses the three lowest bits of an index, while
+                                    // IndicesFromVec may assert that no other bit is set.
                                     using Index = decltype(hn::IndicesFromVec(WordTag(), row.v));
                                     return hn::TableLookupLanes(repeat(table), Index{row.v.raw});
                                 };
@@ -309,9 +316,9 @@ struct BlockCells {
     }
 };
 
-template <class RealType> struct BlockLane;
+template <class RealType> struct SimdArithmetic;
 
-template <> struct BlockLane<float> : BlockCells {
+template <> struct SimdArithmetic<float> : SimdCells {
     using Number = float;
     using Real = FloatReal;
     using Real4 = Four<Real>;
@@ -340,7 +347,7 @@ template <> struct BlockLane<float> : BlockCells {
     }
 };
 
-template <> struct BlockLane<double> : BlockCells {
+template <> struct SimdArithmetic<double> : SimdCells {
     using Number = double;
     using Real = Wide;
     using Real4 = Wide4;
@@ -350,7 +357,7 @@ template <> struct BlockLane<double> : BlockCells {
     ZEL_ALWAYS_INLINE static Real ones(Mask const& m) {
         auto const one = hn::Set(DoubleTag(), 1.0);
 #if HWY_TARGET <= HWY_AVX3
-        // A mask is a number of bits.
+        // On these targets a mask is an integer with one bit a lane.
         using Half = hn::Mask<DoubleTag>;
         return {hn::IfThenElseZero(Half{static_cast<__mmask8>(m.v.raw)}, one),
                 hn::IfThenElseZero(Half{static_cast<__mmask8>(m.v.raw >> 8)}, one)};

@@ -1,8 +1,9 @@
 #pragma once
 
-// Types and operations of the simplex kernel for one point. The four coordinates stand side by side
-// in a register; every operation is exact or rounded once, so that any other arrangement gives the
-// same bits.
+// ScalarArithmetic: the types and operations of the simplex kernel for one point. The four
+// coordinates of the point are lanes of one register, or of two for 64-bit types. Each operation is
+// exact or rounded once, so that SimdArithmetic, which arranges numbers differently, gives the same
+// bits.
 
 #include "zel_platform/orvane_math_support/simplex_kernel.h"
 
@@ -26,6 +27,7 @@ struct Long4 {
     ZEL_ALWAYS_INLINE Long4 operator+(std::uint64_t b) const { return {xy + b, zw + b}; }
 };
 
+/// Four doubles in two registers.
 struct Double4 {
     Double2 xy, zw;
     ZEL_ALWAYS_INLINE double operator[](int i) const { return i < 2 ? xy[i] : zw[i - 2]; }
@@ -36,7 +38,8 @@ struct Double4 {
     ZEL_ALWAYS_INLINE Double4 operator*(double b) const { return {xy * b, zw * b}; }
 };
 
-/// What both precisions share: cells are found in double precision.
+/// The operations that do not depend on the type of a Real. Cells are found in double precision in
+/// both.
 struct ScalarCells {
     using Word = std::uint32_t;
     using Word4 = Simplex::Word4;
@@ -57,7 +60,7 @@ struct ScalarCells {
     }
     ZEL_ALWAYS_INLINE static double cutToFloat(double a) { return Simplex::cutToFloat(a); }
     ZEL_ALWAYS_INLINE static double sum(Wide4 const& a) { return (a[0] + a[1]) + (a[2] + a[3]); }
-    /// Sum of absolute values.
+    /// The sum of the absolute values.
     ZEL_ALWAYS_INLINE static double size(Wide4 const& a) {
         constexpr std::uint64_t bits = ~std::uint64_t{0} >> 1;
         return sum({reinterpret_cast<Double2>(reinterpret_cast<Long2>(a.xy) & bits),
@@ -75,24 +78,24 @@ struct ScalarCells {
         return __builtin_shufflevector(reinterpret_cast<Word4>(a.xy), reinterpret_cast<Word4>(a.zw),
                                        1, 3, 5, 7);
     }
-    /// High words of the cells one further along each axis.
+    /// The high words of the next cell along each axis.
     ZEL_ALWAYS_INLINE static Word4 highOfNext(Cell4 const& a) { return high(a + 1); }
-    /// Masks, all ones or zeros, of the largest coordinate, the two largest, and the three largest.
-    /// Of two equal ones the later is larger.
+    /// Masks, each coordinate all ones or zeros: of the largest coordinate, of the two largest, and
+    /// of the three largest. Of two equal coordinates the later counts as larger.
     ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Float4 d) {
         auto const above = [&](Float4 other, Word4 later) __attribute__((always_inline)) {
             return reinterpret_cast<Word4>(d > other) |
                    (reinterpret_cast<Word4>(d == other) & later);
         };
         constexpr std::uint32_t yes = ~0u;
-        // Each against the three others.
+        // Compares each coordinate with the three others.
         Word4 const a = above(__builtin_shufflevector(d, d, 1, 2, 3, 0), Word4{0, 0, 0, yes}),
                     b = above(__builtin_shufflevector(d, d, 2, 3, 0, 1), Word4{0, 0, yes, yes}),
                     c = above(__builtin_shufflevector(d, d, 3, 0, 1, 2), Word4{0, yes, yes, yes});
         return {a & b & c, (a & b) | (c & (a | b)), a | b | c};
     }
-    /// The same, to single precision: where two doubles are equal in it, the vertices that their
-    /// order decides about are out of reach of the point but for less than a double can tell.
+    /// Compares in single precision. Where two coordinates are equal as floats, the vertices that
+    /// their order selects contribute less than the rounding error of a double.
     ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Double4 const& d) {
         return largest(round(d));
     }
@@ -101,17 +104,17 @@ struct ScalarCells {
         return __builtin_shufflevector(__builtin_convertvector(a.xy, Float2),
                                        __builtin_convertvector(a.zw, Float2), 0, 1, 2, 3);
     }
-    /// Exclusive or of the four.
+    /// The exclusive or of the four words.
     ZEL_ALWAYS_INLINE static Word fold(Word4 a) {
         a ^= __builtin_shufflevector(a, a, 2, 3, 0, 1);
         return a[0] ^ a[1];
     }
 };
 
-template <class RealType> struct ScalarLane;
+template <class RealType> struct ScalarArithmetic;
 
-template <> struct ScalarLane<float> : ScalarCells {
-    using Number = float;  // one number of a Real
+template <> struct ScalarArithmetic<float> : ScalarCells {
+    using Number = float;  // the type of a Real's lanes
     using Real = float;
     using Real4 = Float4;
 
@@ -122,7 +125,7 @@ template <> struct ScalarLane<float> : ScalarCells {
         return (a[0] + a[1]) + (a[2] + a[3]);
     }
     ZEL_ALWAYS_INLINE static float dot(Real4 a, Real4 b) { return sum(a * b); }
-    /// Of the first three coordinates.
+    /// The dot product of the first three coordinates.
     ZEL_ALWAYS_INLINE static float dot3(Real4 a, Real4 b) {
         Float4 const p = a * b;
         return (p + __builtin_shufflevector(p, p, 1, 0, 3, 2))[0] + p[2];
@@ -132,10 +135,10 @@ template <> struct ScalarLane<float> : ScalarCells {
         p += __builtin_shufflevector(p, p, 1, 0, 3, 2);
         return p[0] + p[2];
     }
-    /// a if that is above 0, else 0; exactly, and without the branch that a compiler may make of a
-    /// comparison.
+    /// `a` if it is above 0, else 0. The formula is exact, and a compiler cannot make a branch of
+    /// it as it can of a comparison.
     ZEL_ALWAYS_INLINE static float positive(float a) { return (a + std::abs(a)) * 0.5f; }
-    /// One less where the mask is set.
+    /// Subtracts 1 from the coordinates whose mask is set.
     ZEL_ALWAYS_INLINE static Real4 step(Real4 d, Word4 m) {
         return d - reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f));
     }
@@ -143,14 +146,14 @@ template <> struct ScalarLane<float> : ScalarCells {
         auto const& d = kDirectionTable<float>[row];
         return Float4{d.x, d.y, d.z, d.w};
     }
-    /// The direction of the six bits of the hash from bit `low` on.
+    /// The spatial direction indexed by the six bits of the hash from bit `low` on.
     template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word hash) {
         auto const& d = kSpatialDirectionTable<float>[hash >> low & 63];
         return Float4{d.x, d.y, d.z, d.w};
     }
 };
 
-template <> struct ScalarLane<double> : ScalarCells {
+template <> struct ScalarArithmetic<double> : ScalarCells {
     using Number = double;
     using Real = double;
     using Real4 = Double4;
