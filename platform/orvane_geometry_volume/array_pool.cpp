@@ -15,16 +15,16 @@ namespace {
 using Orvane::Math::float3;
 using Quern::Array;
 
-/// The most that is held for each type.
+/// The limit of the pool for each element type.
 constexpr unsigned long long kHeldBytes = 1ULL << 30;
 
-/// Never destroyed, for arrays that outlive static objects.
+/// The list is never destroyed, since an array may outlive static objects.
 template <class T> Internal::FreeList<Array<T>>& arrays() {
     static auto& list = *new Internal::FreeList<Array<T>>(kHeldBytes / sizeof(T));
     return list;
 }
 
-/// An array whose storage goes back to the pool.
+/// An array whose destructor gives its storage to the pool.
 template <class T> class PooledArray : public Array<T> {
 public:
     explicit PooledArray(Array<T>&& array) noexcept : Array<T>(std::move(array)) {}

@@ -16,22 +16,23 @@
 
 namespace ORV::TileTree3D {
 
-/// A move of an element within a depth: place `to` takes the value that place `from` had.
+/// A move of an element within a depth: the element at place `to` is set to that at place `from`.
 struct ElementToFrom {
     long long to, from;
 };
 
-/// The samples of the tiles of a tree, from a minimum depth to a deepest depth: W samples of a T
-/// along each axis of a tile, and a ring of H around them. Each depth is one run of samples, tile
-/// after tile, so that the samples of a tile are found by arithmetic alone.
+/// The samples of a tree's tiles, from a minimum depth to a deepest depth: W samples of type T
+/// along each axis of a tile, and a ring of H around them. The samples of a depth are contiguous,
+/// tile after tile, so that the address of a tile's samples is computed and not looked up.
 ///
 /// A channel has no tiles until it is sized to a topology. The operations that size it, or change
-/// its tiles, leave it as it was when they throw: std::invalid_argument for a component that is not
-/// a topology of this kind of tree, and for lists that do not fit the tiles; std::out_of_range for
-/// depths outside 0 to Traits::kMaxDepth, or in the wrong order; std::length_error for more samples
-/// than can be addressed; std::bad_alloc.
+/// its tiles, throw std::invalid_argument for a component that is not a topology of this kind of
+/// tree, and for lists that do not fit the tiles; std::out_of_range for depths outside 0 to
+/// Traits::kMaxDepth, or in the wrong order; std::length_error for more samples than can be
+/// addressed; std::bad_alloc. The channel is then unchanged.
 ///
-/// Any number of threads may read one channel while none writes it, and write distinct tiles.
+/// Any number of threads may read one channel while no thread writes it; threads may write distinct
+/// tiles at the same time.
 template <class Traits, class T, int W, int H, int X>
 class ZEL_PLATFORM_API Channel : public Component {
 public:
@@ -39,10 +40,10 @@ public:
     using ConstData = ConstTileData<T, W, H, X>;
     using Data = TileData<T, W, H, X>;
 
-    /// `defaultValue` may be null, for a zero. The initializer type is 0, and any other throws
-    /// std::invalid_argument. `pooled` takes the memory from ChannelMemoryPool where that is
+    /// `defaultValue` may be null, which stands for zero. Any initializer type but 0 throws
+    /// std::invalid_argument. With `pooled` the memory comes from ChannelMemoryPool while that is
     /// enabled. Elements are always constructed, whatever `callElementConstructor` says: a channel
-    /// never shows raw memory.
+    /// never exposes uninitialised memory.
     Channel(Quern::String const& name, T const* defaultValue,
             DataElementInitializerType initializer, bool pooled, bool callElementConstructor,
             int minDepth, int maxDepth);
@@ -57,46 +58,45 @@ public:
     void copyTo(Quern::Ptr<Component>& target) const override;
     unsigned long long size() const override;
     bool empty() const override;
-    /// Sizes the channel to a topology. Tiles of the same tree that it had keep their samples; all
-    /// others start at the default value.
+    /// Sizes the channel to a topology. Tiles of the same tree that the channel had keep their
+    /// samples; all others are set to the default value.
     void update(Component const& topology) override;
     long long elementCount(int depth) const override;
     int elementCount(TreeIndex const& index) const override;
     long long tileCount(int depth) const override;
     int minDepth() const override { return m_minDepth; }
-    /// The deepest depth of which the channel would hold tiles, as it was set.
+    /// The deepest depth for which the channel holds tiles, if the tree has any there.
     int depth() const override { return m_maxDepth; }
 
-    /// Changes the depths and sizes the channel to the topology. Tiles of depths that stay keep
-    /// their samples.
+    /// Changes the range of depths and sizes the channel to the topology. Tiles of depths in both
+    /// ranges keep their samples.
     virtual void setMinDepth(int minDepth, Component const& topology);
     virtual void setDepth(int maxDepth, Component const& topology);
     /// Whether `value` holds exactly a T.
     virtual bool hasElementType(Quern::Any const& value) const;
-    /// A copy of the samples of a depth, tile after tile, as a Quern::Array<T>. `value` must hold a
-    /// T, to show that the caller knows the type.
+    /// Returns a copy of the samples of a depth, tile after tile, as a Quern::Array<T>. `value`
+    /// must hold a T: it proves that the caller knows the element type.
     virtual Quern::Ptr<void> channelData(unsigned int depth, Quern::Any const& value);
-    /// Takes over the samples of a depth from a Quern::Array<T> of just as many elements.
+    /// Copies the samples of a depth from a Quern::Array<T> with the same number of elements.
     virtual void setChannelData(unsigned int depth, Quern::Any const& value,
                                 Quern::Ptr<void> const& data);
-    /// Sizes the channel to a tree that has grown; tiles keep their samples by their index. Throws
-    /// std::invalid_argument if the topology has fewer tiles at some depth.
+    /// Sizes the channel to a tree that has grown; the samples stay with the index of their tile.
+    /// Throws std::invalid_argument if the topology has fewer tiles at some depth.
     virtual void updateTilesAdded(Component const& topology);
-    /// Removes, at each depth, the tiles of the given half-open ranges, which are in ascending
-    /// order and apart. The tiles behind move down, with their samples, and the channel then fits
-    /// `topology`. Lists for depths of the tree that the channel lacks are skipped.
+    /// Removes, at each depth, the tiles of the given half-open ranges, which are disjoint and in
+    /// ascending order. Later tiles move down, with their samples. The channel then belongs to
+    /// `topology`. Lists for depths that the channel does not have are ignored.
     virtual void
     updateTilesRemoved(std::vector<std::vector<std::pair<long long, long long>>> const& ranges,
                        Component const& topology);
-    /// Reorders the tiles of each depth: entry `i` of a depth is the present place of the tile that
-    /// goes to place `i`. An empty list leaves a depth as it is, and lists for depths of the tree
-    /// that the channel lacks are skipped. The channel then belongs to no tree until it is sized,
-    /// by updateTilesAdded, to the topology of the reordered one.
+    /// Reorders the tiles of each depth: entry `i` of a list is the present place of the tile that
+    /// moves to place `i`. An empty list leaves a depth unchanged, and lists for depths that the
+    /// channel does not have are ignored. The channel then belongs to no tree until
+    /// updateTilesAdded sizes it to the topology of the reordered tree.
     virtual void updateTilesPermuted(std::vector<std::vector<long long>> const& sources);
-    /// Moves elements within each depth, all at once. `to` and `from` are flat places: tile times
-    /// the elements of a tile, and the place in the tile. The other lists and maps belong to
-    /// channels with elements of their own in a tile, of which there are none here: they must be
-    /// empty.
+    /// Moves elements within each depth, as if all at the same time. `to` and `from` are the number
+    /// of the tile times the elements of a tile, plus the place in the tile. The other parameters
+    /// are for channels whose tiles have a variable number of elements; here they must be empty.
     virtual void
     updateElements(std::vector<std::vector<ElementToFrom>> const& moves,
                    std::vector<std::vector<long long>> const& elements = {},
@@ -122,21 +122,22 @@ public:
         return level.first + index.tile * Layout::kCount;
     }
 
-    /// The value of every point that no tile of the channel covers.
+    /// The value at every point that no tile of the channel covers.
     T const& defaultValue() const { return m_defaultValue; }
     Quern::String const& name() const { return m_name; }
-    /// Whether the channel is sized to the present tiles of that tree.
+    /// Whether the channel is sized to the present tiles of a tree.
     bool fits(Container<Traits> const& container) const { return m_stamp == container.stamp(); }
-    /// Whether the channel is sized to that tree, be it with fewer tiles, or has no tiles at all.
+    /// Whether the channel is sized to a tree, possibly from before the tree grew, or has no tiles.
     bool belongsTo(Container<Traits> const& container) const {
         return container.continues(m_stamp) || empty();
     }
-    /// Sizes the channel like update(), to a tree at hand.
+    /// As update(), with the tree of the topology.
     void updateTo(Container<Traits> const& container);
 
-    /// Starts afresh, as the constructor does, without tiles but with the memory it has.
+    /// Drops all tiles and sets the parameters of the constructor. The channel keeps its name, and
+    /// its memory for later use.
     void restart(T const& defaultValue, bool pooled, int minDepth, int maxDepth);
-    /// The bytes that the channel holds for samples.
+    /// The bytes that are allocated for samples.
     std::size_t capacity() const { return m_memory.capacity(); }
 
 private:
@@ -153,8 +154,8 @@ private:
         return m_minDepth <= static_cast<int>(depth) && static_cast<int>(depth) <= m_maxDepth;
     }
     ZEL_PLATFORM_INTERNAL static void checkDepths(int minDepth, int maxDepth, char const* caller);
-    long long present(int depth) const {
-        return static_cast<long long>(m_levels[static_cast<unsigned>(depth)].tiles);
+    long long present(unsigned depth) const {
+        return static_cast<long long>(m_levels[depth].tiles);
     }
     ZEL_PLATFORM_INTERNAL std::span<T> depthSamples(unsigned depth, Quern::Any const& value,
                                                     char const* caller);

@@ -12,8 +12,8 @@
 #include "zel_platform/orvane_geometry_volume/channel.h"
 #include "zel_platform/orvane_geometry_volume/messages.h"
 
-// Making, sizing and describing channels. The operations that move samples about are in
-// channel_update_impl.h.
+// The operations that make, size and describe channels. Those that move samples within a channel
+// are in channel_update_impl.h.
 namespace ORV::TileTree3D {
 
 #define ZEL_DETAIL_CHANNEL_HEAD template <class Traits, class T, int W, int H, int X>
@@ -36,8 +36,7 @@ ZEL_DETAIL_CHANNEL::Channel(Channel const& other)
       m_pooled(other.m_pooled), m_minDepth(other.m_minDepth), m_maxDepth(other.m_maxDepth),
       m_stamp(other.m_stamp) {
     TileCounts counts{};
-    for (int d = 0; d <= Traits::kMaxDepth; ++d)
-        counts[static_cast<unsigned>(d)] = other.present(d);
+    for (unsigned d = 0; d < m_levels.size(); ++d) counts[d] = other.present(d);
     m_memory = place(m_levels, counts, m_minDepth, m_maxDepth, false);
     for (unsigned d = 0; d < m_levels.size(); ++d)
         std::uninitialized_copy_n(other.m_levels[d].first, counts[d] * Layout::kCount,
@@ -57,7 +56,6 @@ ZEL_DETAIL_CHANNEL_HEAD ZEL_DETAIL_CHANNEL::~Channel() = default;
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::restart(T const& defaultValue, bool pooled, int minDepth, int maxDepth) {
     checkDepths(minDepth, maxDepth, "Channel::restart");
-    m_name = Quern::String();
     m_defaultValue = defaultValue;
     m_pooled = pooled;
     m_minDepth = minDepth;
@@ -82,15 +80,16 @@ void ZEL_DETAIL_CHANNEL::checkDepths(int minDepth, int maxDepth, char const* cal
         throw std::out_of_range(Internal::message(caller, ": depths ", minDepth, " to ", maxDepth));
 }
 
-/// Lays out memory for tiles, without constructing a sample: the present memory, if it is wanted
-/// and is large enough, or new memory, which is returned.
+/// Lays out memory for the tiles of all depths, without constructing samples. With `reuse` the
+/// present memory is used if it is large enough; otherwise new memory is allocated and returned.
 ZEL_DETAIL_CHANNEL_HEAD
 ChannelMemory ZEL_DETAIL_CHANNEL::place(Levels& levels, TileCounts const& counts, int minDepth,
                                         int maxDepth, bool reuse) {
     constexpr std::size_t kTileBytes = Layout::kCount * sizeof(T);
+    auto const first = static_cast<unsigned>(minDepth), last = static_cast<unsigned>(maxDepth);
     std::size_t bytes = 0;
-    for (int d = minDepth; d <= maxDepth; ++d) {
-        auto const tiles = static_cast<std::size_t>(counts[static_cast<unsigned>(d)]);
+    for (unsigned d = first; d <= last; ++d) {
+        auto const tiles = static_cast<std::size_t>(counts[d]);
         if (tiles > (std::numeric_limits<std::size_t>::max() - bytes) / kTileBytes)
             throw std::length_error(Internal::message("Channel: ", tiles, " tiles of depth ", d));
         bytes += tiles * kTileBytes;
@@ -99,24 +98,21 @@ ChannelMemory ZEL_DETAIL_CHANNEL::place(Levels& levels, TileCounts const& counts
     if (!reuse || bytes > m_memory.capacity()) memory = ChannelMemory(bytes, m_pooled);
     auto* next = static_cast<T*>(reuse && !memory.data() ? m_memory.data() : memory.data());
     levels = Levels();
-    for (int d = minDepth; d <= maxDepth; ++d) {
-        Level& level = levels[static_cast<unsigned>(d)];
-        level.tiles = static_cast<unsigned long long>(counts[static_cast<unsigned>(d)]);
-        level.first = next;
-        if (level.tiles > 0) next += counts[static_cast<unsigned>(d)] * Layout::kCount;
+    for (unsigned d = first; d <= last; ++d) {
+        levels[d] = {next, static_cast<unsigned long long>(counts[d])};
+        if (counts[d] > 0) next += counts[d] * Layout::kCount;
     }
     return memory;
 }
 
-/// Sizes the channel to the tree. The first tiles of each depth keep their samples, `most` of them.
+/// Sizes the channel to the tree. At each depth the first tiles, at most `most`, keep their
+/// samples.
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth, int maxDepth,
                                 TileCounts const& most) {
     if (fits(container) && minDepth == m_minDepth && maxDepth == m_maxDepth) return;
     auto const counts = container.tileCounts();
-    auto const had = [&](unsigned d) {
-        return std::min(most[d], static_cast<long long>(m_levels[d].tiles));
-    };
+    auto const had = [&](unsigned d) { return std::min(most[d], present(d)); };
     bool anyKept = false;
     for (unsigned d = 0; d < most.size(); ++d) anyKept = anyKept || had(d) > 0;
     Levels levels;
@@ -161,7 +157,7 @@ void ZEL_DETAIL_CHANNEL::setDepth(int maxDepth, Component const& topology) {
 ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::dump(std::ostream& stream) const {
     stream << "Channel '" << m_name.c_str() << "' of " << Layout::kCount
            << " elements a tile, depths " << m_minDepth << " to " << m_maxDepth << "\n";
-    for (int d = 0; d <= Traits::kMaxDepth; ++d)
+    for (unsigned d = 0; d < m_levels.size(); ++d)
         if (present(d) > 0) stream << "  depth " << d << ": " << present(d) << " tiles\n";
 }
 
@@ -195,10 +191,10 @@ ZEL_DETAIL_CHANNEL_HEAD int ZEL_DETAIL_CHANNEL::elementCount(TreeIndex const& in
 }
 
 ZEL_DETAIL_CHANNEL_HEAD long long ZEL_DETAIL_CHANNEL::tileCount(int depth) const {
-    if (depth >= 0 && depth <= Traits::kMaxDepth) return present(depth);
+    if (depth >= 0 && depth <= Traits::kMaxDepth) return present(static_cast<unsigned>(depth));
     long long all = 0;
     if (depth == -1)
-        for (int d = 0; d <= Traits::kMaxDepth; ++d) all += present(d);
+        for (unsigned d = 0; d < m_levels.size(); ++d) all += present(d);
     return all;
 }
 

@@ -19,7 +19,7 @@ struct Deallocate {
 };
 using Block = std::unique_ptr<void, Deallocate>;
 
-/// Never destroyed, for channels that outlive static objects.
+/// The list is never destroyed, since a channel may outlive static objects.
 Internal::FreeList<Block>& blocks() {
     constexpr unsigned long long kHeldBytes = 1ULL << 30;
     static auto& list = *new Internal::FreeList<Block>(kHeldBytes);

@@ -7,26 +7,26 @@
 
 namespace ORV::TileTree3D {
 
-/// Keeps the memory of channels for other channels of whatever type, up to 1 GiB. Disabled until
-/// enabled; safe to use from any number of threads.
+/// Keeps the memory of channels that are no longer used for other channels of any type, up to 1
+/// GiB. The pool is disabled until it is enabled, and safe to use from any number of threads.
 namespace ChannelMemoryPool {
 
 ZEL_PLATFORM_API bool enabled();
-/// Disabling gives back what the pool holds.
+/// Disabling frees the memory in the pool.
 ZEL_PLATFORM_API void setEnabled(bool on);
-/// Gives back to the system what the pool holds.
+/// Frees the memory in the pool.
 ZEL_PLATFORM_API void clear();
-/// The bytes that the pool holds for later use.
+/// The bytes in the pool.
 ZEL_PLATFORM_API unsigned long long heldBytes();
 
 }  // namespace ChannelMemoryPool
 
-/// A block of raw memory, aligned to a cache line, with one owner. A pooled block comes from the
-/// pool and goes back to it, whenever that is enabled.
+/// Raw memory, aligned to a cache line, with one owner. Pooled memory is taken from the pool, and
+/// given back to it, if the pool is enabled at that time.
 class ZEL_PLATFORM_API ChannelMemory {
 public:
     ChannelMemory() noexcept = default;
-    /// No memory for 0 bytes. Throws std::bad_alloc and std::length_error.
+    /// Allocates memory; none for 0 bytes. Throws std::bad_alloc and std::length_error.
     ChannelMemory(std::size_t bytes, bool pooled);
     ChannelMemory(ChannelMemory&& other) noexcept { swap(other); }
     ChannelMemory& operator=(ChannelMemory&& other) noexcept {
@@ -36,7 +36,7 @@ public:
     ~ChannelMemory();
 
     void* data() const noexcept { return m_data; }
-    /// At least the bytes asked for.
+    /// At least the bytes requested.
     std::size_t capacity() const noexcept { return m_capacity; }
 
     void swap(ChannelMemory& other) noexcept {

@@ -16,7 +16,7 @@ using Lists =
                List<DataChannel<QuinaryTraits, float>>, List<HaloChannel<QuinaryTraits, float>>,
                List<DataChannel<QuinaryTraits, float3>>, List<HaloChannel<QuinaryTraits, float3>>>;
 
-/// Never destroyed, for channels that outlive static objects.
+/// The lists are never destroyed, since a channel may outlive static objects.
 Lists& lists() {
     constexpr unsigned long long kHeldBytes = 1ULL << 30;
     static auto& all = *new Lists(kHeldBytes, kHeldBytes, kHeldBytes, kHeldBytes, kHeldBytes,
@@ -28,7 +28,7 @@ template <class Visit> void forEachList(Visit const& visit) {
     std::apply([&](auto&... list) { (visit(list), ...); }, lists());
 }
 
-/// A channel that goes back to the pool.
+/// A channel whose destructor moves it to the pool.
 template <class Base> class PooledChannel final : public Base {
 public:
     explicit PooledChannel(Base&& channel) noexcept : Base(std::move(channel)) {}
@@ -65,7 +65,7 @@ allocate(T defaultValue, bool pooledMemory, bool callElementConstructor, int min
     Base fresh(Quern::String(), &defaultValue, 0, pooledMemory, callElementConstructor, minDepth,
                maxDepth);
     Quern::Ptr<PooledChannel<Base>> channel;
-    if (topology) {  // of whose tiles the channel may hold but a few depths
+    if (topology) {  // only the tiles of the channel's depths count
         tileCount = 0;
         for (int d = minDepth; d <= maxDepth; ++d)
             tileCount += static_cast<unsigned long long>(topology->tileCount(d));

@@ -2,23 +2,25 @@
 
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
-/// Keeps whole channels, with their memory, for later channels of the same type, up to 1 GiB for
-/// each. Disabled until enabled; safe to use from any number of threads.
+/// Keeps channels that are no longer used, with their memory, for later channels of the same type:
+/// up to 1 GiB for each type. The pool is disabled until it is enabled, and safe to use from any
+/// number of threads.
 namespace ORV::TileTree3D::ChannelPool {
 
 ZEL_PLATFORM_API bool enabled();
-/// Disabling gives back what the pool holds.
+/// Disabling frees the channels in the pool.
 ZEL_PLATFORM_API void setEnabled(bool on);
-/// Gives back to the system what the pool holds.
+/// Frees the channels in the pool.
 ZEL_PLATFORM_API void clear();
-/// The bytes of samples that the pool holds for later use.
+/// The bytes of samples in the pool.
 ZEL_PLATFORM_API unsigned long long heldBytes();
 
-/// A channel without a name that goes back to the pool with the last pointer to it, if the pool is
-/// enabled then; null while the pool is disabled. It is sized to `topology`; if that is null it has
-/// no tiles, and is chosen to have memory for `tileCount` of them. `pooledMemory` has any memory
-/// that it needs beyond that of a channel in the pool come from ChannelMemoryPool. Throws what the
-/// channel's constructor and update() throw.
+/// Returns a channel without a name, from the pool if it has a suitable one; null while the pool is
+/// disabled. When its last pointer is released, the channel goes back to the pool, if that is
+/// enabled then. The channel is sized to `topology`; if that is null, it has no tiles, and a
+/// channel of the pool is chosen by its memory for `tileCount` tiles. With `pooledMemory`, further
+/// memory comes from ChannelMemoryPool. Throws the exceptions of the channel's constructor and of
+/// update().
 template <class Traits, class T, int W, int X>
 Quern::Ptr<Channel<Traits, T, W, 0, X>>
 allocate(T defaultValue, bool pooledMemory, bool callElementConstructor, int minDepth, int maxDepth,

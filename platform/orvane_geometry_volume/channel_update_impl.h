@@ -2,14 +2,14 @@
 
 #include "zel_platform/orvane_geometry_volume/channel_impl.h"
 
-// The operations of channels that move samples about.
+// The operations that read, write and move samples within a channel.
 namespace ORV::TileTree3D {
 
 ZEL_DETAIL_CHANNEL_HEAD bool ZEL_DETAIL_CHANNEL::hasElementType(Quern::Any const& value) const {
     return value.get<T>() != nullptr;
 }
 
-/// The samples of a depth, for a caller that shows the element type.
+/// The samples of a depth, for a caller whose `value` proves that it knows the element type.
 ZEL_DETAIL_CHANNEL_HEAD
 std::span<T> ZEL_DETAIL_CHANNEL::depthSamples(unsigned depth, Quern::Any const& value,
                                               char const* caller) {
@@ -44,10 +44,10 @@ ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::updateTilesAdded(Component const& topology) {
     auto const& container = containerOf(topology, "updateTilesAdded");
     for (int d = m_minDepth; d <= m_maxDepth; ++d)
-        if (container.tileCount(d) < present(d))
+        if (container.tileCount(d) < tileCount(d))
             throw std::invalid_argument(
                 Internal::message("Channel::updateTilesAdded: ", container.tileCount(d),
-                                  " tiles of depth ", d, ", and had ", present(d)));
+                                  " tiles of depth ", d, ", and had ", tileCount(d)));
     resize(container, m_minDepth, m_maxDepth, container.tileCounts());
 }
 
@@ -58,7 +58,7 @@ void ZEL_DETAIL_CHANNEL::updateTilesRemoved(
     auto const& container = containerOf(topology, "updateTilesRemoved");
     for (unsigned d = 0; d < std::max(ranges.size(), m_levels.size()); ++d) {
         if (d < m_levels.size() && !hasDepth(d)) continue;
-        long long const had = d < m_levels.size() ? present(static_cast<int>(d)) : 0;
+        long long const had = d < m_levels.size() ? present(d) : 0;
         long long left = had, end = 0;
         if (d < ranges.size())
             for (auto const& [first, last] : ranges[d]) {
@@ -89,7 +89,7 @@ void ZEL_DETAIL_CHANNEL::updateTilesRemoved(
             moveUntil(first);
             from = last;
         }
-        moveUntil(static_cast<long long>(level.tiles));
+        moveUntil(present(d));
         level.tiles = static_cast<unsigned long long>(to);
     }
     m_stamp = container.stamp();

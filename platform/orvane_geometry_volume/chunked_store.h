@@ -6,7 +6,7 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// A list that grows and shrinks at its end without ever moving an element: it is held in chunks of
+/// A list that grows and shrinks at its end and never moves an element: it allocates chunks of
 /// 2^Log elements.
 template <class T, int Log> class ChunkedStore {
 public:
@@ -16,7 +16,7 @@ public:
     T& operator[](long long i) { return m_chunks[chunk(i)][place(i)]; }
     T const& operator[](long long i) const { return m_chunks[chunk(i)][place(i)]; }
 
-    /// Makes room for `count` more elements, so that adding them cannot fail.
+    /// Allocates room for `count` more elements, so that adding them cannot fail.
     void reserveMore(long long count) {
         while (capacity() < m_size + count)
             m_chunks.push_back(std::make_unique<T[]>(std::size_t{1} << Log));
@@ -26,7 +26,7 @@ public:
         T& added = (*this)[m_size++];
         return added = value;
     }
-    /// Drops the elements from place `count` on.
+    /// Removes the elements from index `count` on.
     void truncate(long long count) { m_size = count; }
 
     long long bytes() const { return capacity() * static_cast<long long>(sizeof(T)); }

@@ -47,8 +47,7 @@ Container<Traits>::Container(Container const& other)
     m_tables.reserveMore(other.m_tables.size());
     for (long long i = 0; i < other.m_tables.size(); ++i) {
         ChildTable& table = m_tables.add(other.m_tables[i]);
-        m_levels[static_cast<unsigned>(table.depth)][table.owner].m_children =
-            table.children.data();
+        level(table.depth)[table.owner].m_children = table.children.data();
     }
 }
 
@@ -85,19 +84,19 @@ template <class Traits> TreeIndex Container<Traits>::addTile(int i, int j, int k
     while (tile && tile->m_depth < depth) {
         TreeIndex const child = tile->childTreeIndex(tile->childIJK(p));
         if (!child.valid()) break;
-        tile = &m_levels[static_cast<unsigned>(child.depth)][child.tile];
+        tile = &level(child.depth)[child.tile];
     }
     int const found = tile ? tile->m_depth : -1;
     if (found == depth) return tile->treeIndex();
 
-    // All that can fail comes before the first change.
+    // Reserve all memory first: after the first change nothing may fail.
     checkRoom(depth - found);
     for (int d = found + 1; d <= depth; ++d) reserveChild(d == found + 1 ? tile : nullptr, d);
     m_tables.reserveMore(depth - found);
     TreeIndex added;
     for (int d = found + 1; d <= depth; ++d) {
         added = link(tile, tile ? tile->childIJK(p) : int3());
-        tile = &m_levels[static_cast<unsigned>(d)][added.tile];
+        tile = &level(d)[added.tile];
     }
     changed();
     return added;
@@ -118,20 +117,19 @@ TreeIndex Container<Traits>::addChild(TreeIndex const& parent, int3 const& child
                 Internal::message("Container::addChild: child position ", childPosition));
     if (TreeIndex const child = found.childTreeIndex(childPosition); child.valid()) return child;
 
-    auto const depth = static_cast<unsigned>(parent.depth);
     checkRoom(1);
     reserveChild(&found, parent.depth + 1);
     m_tables.reserveMore(1);
-    TreeIndex const added = link(&m_levels[depth][parent.tile], childPosition);
+    TreeIndex const added = link(&level(parent.depth)[parent.tile], childPosition);
     changed();
     return added;
 }
 
-/// Makes room for one tile of a depth, and for its parent, which may be yet to come, in the index.
+/// Reserves memory for one tile of a depth, and for its parent's entry in the index of inner tiles.
+/// `parent` is null if the parent itself is still to be added.
 template <class Traits> void Container<Traits>::reserveChild(Tile const* parent, int depth) {
-    m_levels[static_cast<unsigned>(depth)].reserveMore(1);
-    if (depth > 1 && !(parent && parent->m_children))
-        m_innerTiles[static_cast<unsigned>(depth) - 1].reserveOne();
+    level(depth).reserveMore(1);
+    if (depth > 1 && !(parent && parent->m_children)) innerTiles(depth - 1).reserveOne();
 }
 
 template <class Traits> std::uint32_t Container<Traits>::hashOf(Tile const& tile) {
@@ -143,14 +141,14 @@ template <class Traits> std::uint32_t Container<Traits>::hashOf(Tile const& tile
                                           cell(tile.m_tijk.z));
 }
 
-/// Adds a child, or the root if `parent` is null, for which there is room.
+/// Adds a child, or the root if `parent` is null. Memory for it must have been reserved.
 template <class Traits>
 TreeIndex Container<Traits>::link(Tile* parent, int3 const& childPosition) noexcept {
     int const depth = parent ? parent->m_depth + 1 : 0;
-    Level& level = m_levels[static_cast<unsigned>(depth)];
+    Level& tiles = level(depth);
     Tile tile;
     tile.m_depth = depth;
-    tile.m_index = static_cast<std::int32_t>(level.size());
+    tile.m_index = static_cast<std::int32_t>(tiles.size());
     tile.m_exists = 1;
     tile.m_tijk = {Traits::kRootCorner, Traits::kRootCorner, Traits::kRootCorner};
     if (parent) {
@@ -164,13 +162,13 @@ TreeIndex Container<Traits>::link(Tile* parent, int3 const& childPosition) noexc
             none.depth = parent->m_depth;
             parent->m_children = m_tables.add(none).children.data();
             if (depth > 1)
-                m_innerTiles[static_cast<unsigned>(parent->m_depth)].add(
-                    hashOf(*parent), static_cast<std::int32_t>(m_tables.size() - 1));
+                innerTiles(parent->m_depth)
+                    .add(hashOf(*parent), static_cast<std::int32_t>(m_tables.size() - 1));
         }
         parent->m_children[Tile::childSlot(childPosition.x, childPosition.y, childPosition.z)] =
             tile.m_index;
     }
-    level.add(tile);
+    tiles.add(tile);
     ++m_state.total;
     m_state.depth = std::max(m_state.depth, depth);
     return tile.treeIndex();
@@ -185,7 +183,7 @@ template <class Traits> auto Container<Traits>::tileCounts() const -> TileCounts
 template <class Traits> long long Container<Traits>::tileCount(int depth) const {
     if (depth == -1) return m_state.total;
     if (depth < 0 || depth > Traits::kMaxDepth) return 0;
-    return m_levels[static_cast<unsigned>(depth)].size();
+    return level(depth).size();
 }
 
 template <class Traits> void Container<Traits>::dump(std::ostream& stream) const {

@@ -19,8 +19,8 @@ namespace Internal {
 template <class Traits> class Rollback;
 }  // namespace Internal
 
-/// Tells trees apart, and the states of one tree as it grows. A copy of a tree shares both numbers
-/// until tiles are added to it, which makes it a tree of its own.
+/// Identifies a tree, and its state as it grows. A copy of a tree has the stamp of the original
+/// until tiles are added to the copy, which then gets a tree number of its own.
 struct TreeStamp {
     std::uint64_t tree = 0;     ///< 0 for no tree
     std::uint64_t version = 0;  ///< higher whenever tiles have been added
@@ -28,9 +28,9 @@ struct TreeStamp {
     bool operator==(TreeStamp const&) const = default;
 };
 
-/// Points in a row that lie in one tile: those from the end of the run before on.
+/// Consecutive points that lie in one tile. A run begins where the run before it ends.
 struct TileRun {
-    int end;            ///< one past the last of them
+    int end;            ///< one past the last point
     std::int32_t tile;  ///< place of the tile within its depth; -1 if there is none
 };
 
@@ -44,58 +44,60 @@ public:
     using Tile = TileOf<Traits>;
     class ConstTileAccessor;
 
-    /// No tree holds more tiles than these 2^31.
+    /// The largest number of tiles in any tree.
     static constexpr long long kMaxTiles = 1LL << 31;
 
-    /// A tree without tiles. `voxelSize` is the world length of one finest voxel, and `maxTiles`
-    /// bounds the number of tiles, for a caller with a budget. Throws std::invalid_argument for a
-    /// size that is negative, NaN or infinite, and for a bound below 0 or above kMaxTiles.
+    /// Makes a tree without tiles. `voxelSize` is the width of a finest voxel in world units, and
+    /// `maxTiles` limits the number of tiles. Throws std::invalid_argument for a size that is
+    /// negative, NaN or infinite, and for a limit below 0 or above kMaxTiles.
     explicit Container(float voxelSize, long long maxTiles = kMaxTiles);
     Container(Container const& other);
     Container& operator=(Container const&) = delete;
     ~Container() override;
 
-    /// The tile of `depth` over a lattice point, made with all its missing ancestors if need be.
-    /// Throws std::out_of_range for a point outside the root or a depth outside 0 to
-    /// Traits::kMaxDepth, and std::length_error beyond the bound; the tree is then as it was.
+    /// Returns the tile of `depth` over a lattice point, and adds it, with all its missing
+    /// ancestors, if the tree does not have it. Throws std::out_of_range for a point outside the
+    /// root or a depth outside 0 to Traits::kMaxDepth, and std::length_error if the tree would
+    /// exceed its limit; the tree is then unchanged.
     TreeIndex addTile(int i, int j, int k, int depth);
 
-    /// The child of a tile of this tree at a child position, made if need be: addTile without the
-    /// way down from the root. Throws like addTile, also for a position outside 0 to B - 1.
+    /// Returns the child of a tile of this tree at a child position, and adds it if the tree does
+    /// not have it. Faster than addTile, since it does not descend from the root. Throws like
+    /// addTile, and std::out_of_range for a position outside 0 to B - 1.
     TreeIndex addChild(TreeIndex const& parent, int3 const& childPosition);
 
-    /// A reader of the tree for one thread. The tree must outlive it.
+    /// A cursor for look-ups in the tree, for one thread. The tree must outlive it.
     ConstTileAccessor tileAccessor() const;
 
-    /// The tile of that name; the sentinel if there is none.
+    /// The tile with an index; the sentinel if there is none.
     Tile const& tile(TreeIndex const& index) const { return tile(index.tile, index.depth); }
     Tile const& tile(long long tile, int depth) const {
         if (static_cast<unsigned>(depth) > unsigned{Traits::kMaxDepth}) return sentinel();
-        Level const& level = m_levels[static_cast<unsigned>(depth)];
-        return tile >= 0 && tile < level.size() ? level[tile] : sentinel();
+        Level const& tiles = level(depth);
+        return tile >= 0 && tile < tiles.size() ? tiles[tile] : sentinel();
     }
 
-    /// How many points findTiles() takes at once.
+    /// The largest number of points for findTiles().
     static constexpr int kMaxPoints = 128;
 
-    /// Finds the tiles of `depth` over `count` points, 0 to kMaxPoints of them, whose coordinates
-    /// are counted in tiles of that depth from the low faces of the root: those of a point below
-    /// are Internal::tilesBelow(). `runs` has room for one a point. Returns how many runs there
-    /// are; two in a row may have the same tile. The waits for memory overlap, so that points far
-    /// from each other cost less than in look-ups one by one.
+    /// Finds the tiles of `depth` over `count` points, 0 to kMaxPoints. The coordinates are numbers
+    /// of tiles of that depth from the low faces of the root on, as Internal::tilesBelow() computes
+    /// them. Writes the runs to `runs`, which has room for one run a point, and returns their
+    /// number; two consecutive runs may have the same tile. Memory accesses for different points
+    /// overlap, so that distant points cost less than in separate look-ups.
     int findTiles(int depth, std::uint32_t const* x, std::uint32_t const* y, std::uint32_t const* z,
                   int count, TileRun* runs) const;
 
-    /// The world length of one finest voxel; 0 or more.
+    /// The width of a finest voxel in world units; 0 or more.
     float voxelSize() const { return m_voxelSize; }
 
-    /// What a look-up without a result returns: see TileBinaryNonCompatible.
+    /// The tile that a look-up returns if it finds none: see TileBinaryNonCompatible.
     static Tile const& sentinel();
 
     TreeStamp stamp() const { return m_state.stamp; }
-    /// Whether a tile of this tree has the index that it had when the stamp was taken: the stamp is
-    /// one of this tree, or of the tree that this is a copy of, from before the copy grew, and
-    /// there was no tile that has been dropped since.
+    /// Whether every tile that existed when the stamp was taken is in this tree with the same
+    /// index. This holds for a stamp of this tree, or of the tree from which it was copied, taken
+    /// before the copy grew, unless tiles that existed then have been dropped since.
     bool continues(TreeStamp const& stamp) const {
         TreeStamp const& origin = m_state.origin;
         bool const ours = stamp.tree == m_state.stamp.tree ||
@@ -103,12 +105,12 @@ public:
         return stamp.tree != 0 && ours && !dropAfter(stamp);
     }
 
-    /// By depth.
+    /// A number of tiles for each depth.
     using TileCounts = std::array<long long, Traits::kMaxDepth + 1>;
     /// The number of tiles of each depth.
     TileCounts tileCounts() const;
-    /// How many tiles of each depth, the first ones, have an index that no other tile had when the
-    /// stamp was taken.
+    /// The number of tiles of each depth, from the first on, whose index named no other tile when
+    /// the stamp was taken.
     TileCounts tileCountsSince(TreeStamp const& stamp) const {
         Drop const* const drop = dropAfter(stamp);
         return drop ? drop->left : continues(stamp) ? tileCounts() : TileCounts{};
@@ -131,8 +133,8 @@ public:
 private:
     friend class Internal::Rollback<Traits>;
 
-    /// With the place of its owner, so that a look-up reads no tile. Where children are few it fits
-    /// a cache line.
+    /// The children of a tile, and the place of the tile, which saves a look-up the access to the
+    /// tile itself. A table of 8 children fits a cache line.
     struct alignas(Traits::kBranch == 2 ? 64 : 4) ChildTable {
         std::array<std::int32_t, Traits::kChildCount> children;
         int3 corner;         ///< low corner of the parent
@@ -142,13 +144,13 @@ private:
     using Level = Internal::ChunkedStore<Tile, 8>;
     using Tables = Internal::ChunkedStore<ChildTable, Traits::kBranch == 2 ? 8 : 4>;
 
-    /// Tiles that were added to the tree and dropped again.
+    /// A record of tiles that were added to the tree and dropped again.
     struct Drop {
-        TreeStamp start;    ///< before the first of them was added
-        std::uint64_t end;  ///< the version with all of them
-        TileCounts left;    ///< without them
+        TreeStamp start;    ///< the stamp before the first of these tiles was added
+        std::uint64_t end;  ///< the version with all of these tiles
+        TileCounts left;    ///< the tiles that were left
     };
-    /// The drop of a tile that there was when the stamp was taken, or null.
+    /// The record whose tiles, or some of them, existed when the stamp was taken; or null.
     Drop const* dropAfter(TreeStamp const& stamp) const {
         auto const& drops = m_state.drops;
         auto const found = std::find_if(drops.begin(), drops.end(), [&](Drop const& drop) {
@@ -158,14 +160,23 @@ private:
         return found == drops.end() ? nullptr : &*found;
     }
 
-    /// All that changes as a tree grows, but for what hangs on the tiles.
+    /// The members that change as a tree grows, apart from tiles, child tables and their index.
     struct State {
         long long total = 0;
         int depth = -1;
-        bool copy = false;  ///< of a tree that has the same stamp
+        bool copy = false;  ///< whether this is a copy of a tree that has the same stamp
         TreeStamp stamp, origin;
         std::vector<Drop> drops;
     };
+
+    Level& level(int depth) { return m_levels[static_cast<unsigned>(depth)]; }
+    Level const& level(int depth) const { return m_levels[static_cast<unsigned>(depth)]; }
+    Internal::InnerTileIndex& innerTiles(int depth) {
+        return m_innerTiles[static_cast<unsigned>(depth)];
+    }
+    Internal::InnerTileIndex const& innerTiles(int depth) const {
+        return m_innerTiles[static_cast<unsigned>(depth)];
+    }
 
     static std::uint32_t hashOf(Tile const& tile);
 
@@ -182,9 +193,10 @@ private:
     State m_state;
 };
 
-/// A cursor in a tree, for one thread. A look-up near the current tile climbs only to the first
-/// tile that covers the new point; one farther away, or far below that tile, goes to the tree's
-/// index of inner tiles. Tiles may be added to the tree between look-ups.
+/// A cursor for look-ups in a tree, for one thread. For a point near the current tile a look-up
+/// climbs to the first ancestor that covers the point; for a distant point, or one far below that
+/// ancestor, it uses the tree's index of inner tiles. Tiles may be added to the tree between
+/// look-ups.
 template <class Traits> class ZEL_PLATFORM_API Container<Traits>::ConstTileAccessor {
 public:
     explicit ConstTileAccessor(Container const& container);
@@ -201,17 +213,17 @@ public:
         return deepest && current.contains(i, j, k) ? current : tileImpl<0>(i, j, k, depth);
     }
 
-    /// What tile() gives one tile width away from `tile` in a direction, at the tile's depth; the
-    /// sentinel outside the root, for the sentinel and for a direction outside 0 to 26.
+    /// The result of tile() at the tile's depth, one tile width away from `tile` in a direction;
+    /// the sentinel outside the root, for the sentinel and for a direction outside 0 to 26.
     Tile const& tileNeighbor(Tile const& tile, NeighborDirection direction) const;
 
     Container const& container() const { return *m_container; }
 
-    /// The tile found last, or the sentinel: never null.
+    /// The tile that was found last, or the sentinel; never null.
     mutable Tile const* m_currentTile;
 
 protected:
-    /// tile() without the look at the current tile.
+    /// As tile(), without the test of the current tile.
     template <int Mode> Tile const& tileImpl(int i, int j, int k, int depth) const {
         static_assert(Mode == 0);
         return find(i, j, k, depth);

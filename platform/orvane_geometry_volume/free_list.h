@@ -8,9 +8,10 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// What a pool holds, by size. A request takes the smallest entry that is large enough, and none
-/// that is more than twice as large, so that little memory lies idle in a long-lived owner. A list
-/// that would hold more than its limit is cleared first: what nobody asked for any more goes.
+/// The free entries of a pool, by size. A request takes the smallest entry that is large enough,
+/// but none that is more than twice as large, since an owner may live long and leave the rest
+/// unused. A list that would exceed its limit is cleared first, so that sizes no longer requested
+/// are freed.
 template <class Entry> class FreeList {
 public:
     explicit FreeList(unsigned long long limit) : m_limit(limit) {}
@@ -38,8 +39,8 @@ public:
         return taken;
     }
 
-    /// Whether the entry was taken over. A list that is disabled, or has no memory to note the
-    /// entry, and an entry beyond the limit, leave it to its owner.
+    /// Adds an entry, and returns whether it did. The entry is left unchanged if the list is
+    /// disabled, if the entry alone exceeds the limit, or if no memory is left for the list.
     bool give(unsigned long long size, Entry&& entry) noexcept {
         Entries dropped;
         try {
@@ -70,8 +71,8 @@ public:
     }
 
 private:
-    /// Of a type that the library keeps to itself, and so the map does not become part of what it
-    /// exports.
+    /// A hidden type around the entry, so that the library does not export the instances of the
+    /// map.
     struct Held {
         Entry entry;
     };

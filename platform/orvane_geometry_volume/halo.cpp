@@ -11,7 +11,6 @@ namespace ORV::TileTree3D {
 
 namespace {
 
-constexpr VoxelOffsetType kOnCorners = 7;
 constexpr HaloMode kHighSides = 2, kAllRound = 4;
 constexpr HaloType kAllElements = 15;
 
@@ -26,7 +25,7 @@ constexpr HaloType kAllElements = 15;
                                                   " tiles as it is"));
 }
 
-/// What the two forms of setHaloTile ask for alike.
+/// Checks the arguments that both forms of setHaloTile have.
 template <class Traits, class Channel, class Data>
 void checkHaloTile(TreeIndex const& index, Channel const& channel,
                    Container<Traits> const& container, Data const& out) {
@@ -38,7 +37,7 @@ void checkHaloTile(TreeIndex const& index, Channel const& channel,
                     container.tileCount(-1));
 }
 
-/// Whether a tile of `depth` takes samples from its parent, in a channel of that minimum depth.
+/// Whether a tile of `depth` may take samples from its parent, in a channel of that minimum depth.
 bool parentUsable(int depth, int minDepth) {
     return depth > 0 && depth - 1 >= minDepth;
 }
@@ -52,8 +51,8 @@ void haloOfDepth(DataChannel<Traits, T> const& source, Container<Traits> const& 
         auto const accessor = container.tileAccessor();
         for (long long i = first; i < last; ++i) {
             auto const& tile = container.tile(i, depth);
-            Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnCorners);
-            fill.run(Internal::tileBlock<Traits, T>(tile, 0, source, accessor),
+            Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnVoxelCorners);
+            fill.run(Internal::surroundingTiles<Traits, T>(tile, 0, source, accessor),
                      useParent ? parents.samples(tile.parentTreeIndex()) : nullptr,
                      source.defaultValue(), halo.samples({i, depth}));
         }
@@ -80,7 +79,7 @@ void computeHalo(DataChannel<Traits, T> const& source, Container<Traits> const& 
     if (first > last) return;
 
     if (source.minDepth() < first) {
-        // The halos of the ancestors, which the first depth rests on.
+        // The first depth takes samples from the halos of its ancestors.
         HaloChannel<Traits, T> above(Quern::String(), &source.defaultValue(), 0, false, true,
                                      source.minDepth(), first - 1);
         above.updateTo(container);
@@ -105,8 +104,8 @@ void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
     checkHaloTile(tile.treeIndex(), channel, accessor.container(), out);
     bool const useParent =
         parent && parent->exists() && parentUsable(tile.depth(), channel.minDepth());
-    Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnCorners);
-    fill.run(Internal::tileBlock<Traits, T>(tile, 0, channel, accessor),
+    Internal::HaloFill<Traits, T, 0, 1> const fill(tile, kOnVoxelCorners);
+    fill.run(Internal::surroundingTiles<Traits, T>(tile, 0, channel, accessor),
              useParent ? parentHalo.data() : nullptr, channel.defaultValue(), out.data());
 }
 
@@ -123,25 +122,26 @@ void setHaloTile(TreeIndex const& index, DataChannel<Traits, T> const& channel, 
     if (type < 0 || type > 7) refuse("setHaloTile", "offset type", type);
     checkHaloTile(index, channel, accessor.container(), out);
 
-    // Up the tree for as long as a tile rests on its parent, then down again.
+    // Climb the tree as long as a halo depends on the parent's halo, then compute the halos
+    // downwards.
     auto const& container = accessor.container();
     std::array<TileOf<Traits> const*, Traits::kMaxDepth + 1> chain;
-    std::array<Internal::SurroundingTiles<T>, Traits::kMaxDepth + 1> blocks;
+    std::array<Internal::SurroundingTiles<T>, Traits::kMaxDepth + 1> tiles;
     std::size_t count = 0;
     for (auto const* tile = &container.tile(index);;
          tile = &container.tile(tile->parentTreeIndex())) {
         chain[count] = tile;
-        blocks[count] = Internal::tileBlock<Traits, T>(*tile, -1, channel, accessor);
+        tiles[count] = Internal::surroundingTiles<Traits, T>(*tile, -1, channel, accessor);
         ++count;
         if (!parentUsable(tile->depth(), channel.minDepth()) ||
-            !Fill(*tile, type).needsParent(blocks[count - 1]))
+            !Fill(*tile, type).needsParent(tiles[count - 1]))
             break;
     }
     std::array<std::array<T, Fill::kCount>, 2> halos;
     T const* parent = nullptr;
     while (count-- > 0) {
         T* const halo = count > 0 ? halos[count % 2].data() : out.data();
-        Fill(*chain[count], type).run(blocks[count], parent, channel.defaultValue(), halo);
+        Fill(*chain[count], type).run(tiles[count], parent, channel.defaultValue(), halo);
         parent = halo;
     }
 

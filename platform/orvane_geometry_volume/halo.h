@@ -2,15 +2,14 @@
 
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
-// Halos: the samples of a tile together with those just across its faces, so that a sampler needs
-// no second tile.
+// A halo holds the samples of a tile together with the adjacent samples across its faces, edges and
+// corners, so that a sampler needs no second tile.
 //
-// A sample across a face, an edge or a corner is the sample of the tile of the same depth in which
-// its lattice point lies. If there is none it is the value of the parent's finished halo there,
-// linear between the parent's samples along each axis. Outside the root, and where the parent is
-// shallower than the channel's minimum depth, it is the channel's default value. A tile deeper than
-// the channel takes all its samples from its parent's halo, and a tile shallower than the channel
-// has the default value everywhere.
+// An adjacent sample is that of the tile of the same depth in which its lattice point lies. If
+// there is no such tile, it is interpolated in the parent's finished halo, linearly along each
+// axis. Outside the root, and where the parent is shallower than the channel's minimum depth, it is
+// the channel's default value. A tile deeper than the channel takes all its samples from its
+// parent's halo, and a tile shallower than the channel has the default value everywhere.
 namespace ORV::TileTree3D {
 
 /// 2 for a halo on the high sides alone, 4 for a halo all round.
@@ -23,21 +22,22 @@ concept HighSideHalo = A == 0 && B == 0 && C == 1 && D == 0;
 template <int A, int B, int C, int D>
 concept AllRoundHalo = A == 0 && B == 1 && C == 0 && D == 1;
 
-/// Fills the halos of all tiles of depth `minDepth` to `maxDepth` that the halo channel has: at
-/// (i, j, k) with all three below W the tile's sample, and at an index of W the sample across the
-/// high face, for samples on the low corners of their voxels (offset type 7). Depth after depth, in
-/// parallel within a depth; the result does not depend on the number of threads, nor on what the
-/// halo channel held. Throws std::invalid_argument if one of the channels is not sized to the
-/// container as it is, and std::out_of_range for a depth below 0 or depths in the wrong order.
+/// Fills the halos of all tiles of depth `minDepth` to `maxDepth` that the halo channel has, for
+/// samples on the low corners of their voxels (kOnVoxelCorners): at (i, j, k) the tile's sample if
+/// all three are below W, and the sample across the high face along an axis whose index is W.
+/// Depths are computed in order, the tiles of a depth in parallel. The result does not depend on
+/// the number of threads, nor on the earlier contents of the halo channel. Throws
+/// std::invalid_argument if one of the channels is not sized to the container's present tiles, and
+/// std::out_of_range for a depth below 0 or depths in the wrong order.
 template <class Traits, class T, int A, int B, int C, int D>
 requires HighSideHalo<A, B, C, D>
 void computeHalo(DataChannel<Traits, T> const& source, Container<Traits> const& container,
                  HaloChannel<Traits, T>& halo, int minDepth, int maxDepth);
 
-/// The same for one tile, bit for bit, into `out`. `parentHalo` is the parent's finished halo;
-/// without a usable parent, `parent` is null or `parentHalo` has no data. `out` and `parentHalo`
-/// are not to overlap. Throws std::invalid_argument for a mode other than 2, for an `out` without
-/// data and for a channel that is sized to a tree other than the accessor's.
+/// Computes the halo of one tile into `out`, with the bits of computeHalo(). `parentHalo` is the
+/// parent's finished halo; without a usable parent, `parent` is null or `parentHalo` has no data.
+/// `out` and `parentHalo` must not overlap. Throws std::invalid_argument for a mode other than 2,
+/// for an `out` without data and for a channel that is sized to a tree other than the accessor's.
 template <class Traits, class T, int A, int B, int C, int D>
 requires HighSideHalo<A, B, C, D>
 void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
@@ -46,12 +46,13 @@ void setHaloTile(TileOf<Traits> const& tile, TileOf<Traits> const* parent,
                  typename Container<Traits>::ConstTileAccessor& accessor,
                  TileData<T, Traits::kSamples + 1, 0, 0>& out);
 
-/// One tile with a layer on its low sides and two on its high sides, indices -1 to W + 1, by the
-/// same rule; the halos of its ancestors are made as far as they are needed. `type` tells where the
-/// samples sit. Each sample s is stored as `shift + s * scale`, and as it is for 0 and 1. A tile
-/// that is not in the tree has the default value everywhere. Throws std::invalid_argument for a
-/// mode other than 4, a halo type other than 15, an offset type outside 0 to 7, an `out` without
-/// data and a channel that is sized to a tree other than the accessor's.
+/// Computes the halo of one tile, by the same rule, with one layer on its low sides and two on its
+/// high sides: indices -1 to W + 1. The halos of its ancestors are computed as far as they are
+/// needed. `type` is the place of the samples in their voxels. Each sample s is stored as `shift +
+/// s * scale`; a shift of 0 and a scale of 1 leave it unchanged. A tile that is not in the tree has
+/// the default value everywhere. Throws std::invalid_argument for a mode other than 4, a halo type
+/// other than 15, an offset type outside 0 to 7, an `out` without data and a channel that is sized
+/// to a tree other than the accessor's.
 template <class Traits, class T, int A, int B, int C, int D>
 requires AllRoundHalo<A, B, C, D>
 void setHaloTile(TreeIndex const& index, DataChannel<Traits, T> const& channel, HaloMode mode,

@@ -8,12 +8,12 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// The child tables of one depth by the place on the lattice of the tile that owns them: a hash
-/// table of buckets of 4, at most half full, of 8 bytes an entry. It holds hashes and the numbers
-/// of the tables, and leaves it to the caller to see whether a table of the same hash is the one.
+/// The inner tiles of one depth, those with children, by their place on the lattice: a hash table
+/// of buckets of 4, at most half full, with 8 bytes an entry. An entry is a hash and the number of
+/// a child table; the caller checks whether a table of the same hash belongs to the tile.
 ///
-/// A bucket is compared as a whole, without a branch that depends on where in it an entry lies: in
-/// look-ups at random places mispredicted branches cost more than the memory.
+/// A bucket is compared as a whole, without a branch on the position of an entry in it: in look-ups
+/// at random places mispredicted branches cost more than memory accesses.
 class InnerTileIndex {
 public:
     static std::uint32_t hash(std::uint32_t x, std::uint32_t y, std::uint32_t z) {
@@ -23,7 +23,7 @@ public:
         return static_cast<std::uint32_t>(h >> 32);
     }
 
-    /// Makes room for one more, so that adding it cannot fail.
+    /// Allocates room for one more entry, so that the next add() cannot fail.
     void reserveOne() {
         std::size_t const size = bucketsFor(m_count + 1);
         if (size <= m_buckets.size()) return;
@@ -37,11 +37,12 @@ public:
         put(hash, table);
         ++m_count;
     }
-    /// Asks memory for what find() reads first.
+    /// Prefetches the bucket that find() reads first.
     void prefetch(std::uint32_t hash) const {
         if (m_count > 0) __builtin_prefetch(&m_buckets[hash & mask()]);
     }
-    /// What `resolve` makes of the first table of that hash for which it gives no null; else null.
+    /// Calls `resolve` with each table of that hash, until it returns a pointer that is not null,
+    /// and returns that pointer; else null.
     template <class Resolve>
     auto find(std::uint32_t hash, Resolve const& resolve) const
         -> decltype(resolve(std::int32_t{})) {
@@ -65,14 +66,14 @@ public:
         m_count = 0;
     }
 
-    /// The bytes that the present entries need, and the bytes held.
+    /// The bytes that the present entries need, and the bytes allocated.
     std::size_t bytesUsed() const { return m_count > 0 ? bucketsFor(m_count) * sizeof(Bucket) : 0; }
     std::size_t bytes() const { return m_buckets.capacity() * sizeof(Bucket); }
 
 private:
     static constexpr unsigned kBucketSize = 4;
 
-    /// Filled from the first entry on.
+    /// The entries in use come first; a table of -1 marks a free entry.
     struct alignas(32) Bucket {
         std::array<std::uint32_t, kBucketSize> hash{};
         std::array<std::int32_t, kBucketSize> table{-1, -1, -1, -1};

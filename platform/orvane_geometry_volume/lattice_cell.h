@@ -9,11 +9,12 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// Counts the tiles of a depth that lie below a coordinate, which is counted from the root's low
-/// face and less than 2^31: `coordinate / Traits::tileWidth(depth)`. For Traits<5, 5, 1> by a
-/// product with the reciprocal, rounded up, in fixed point of 31 + ceil(log2 width) binary places:
-/// exact, and a product of 32 bits by 32 (Granlund and Montgomery, "Division by invariant integers
-/// using multiplication", 1994).
+/// Computes `coordinate / Traits::tileWidth(depth)`, for a coordinate that is counted from the
+/// root's low face and less than 2^31: the number of tiles of that depth below it along an axis.
+/// For Traits<5, 5, 1> the division is a product with the reciprocal, rounded up, in fixed point
+/// with 31
+/// + ceil(log2 width) binary places, which is exact and takes a product of 32 by 32 bits (Granlund
+/// and Montgomery, "Division by invariant integers using multiplication", 1994).
 template <class Traits> class TilesBelow {
 public:
     explicit TilesBelow(unsigned depth) : m_by(kDivisors[depth]) {}
@@ -35,7 +36,8 @@ private:
         for (unsigned d = 0; d < divisors.size(); ++d) {
             auto const width = static_cast<std::uint64_t>(Traits::tileWidth(static_cast<int>(d)));
             auto const log = static_cast<unsigned>(std::bit_width(width - 1));
-            // Less than 2^32, since no width of Traits<5, 5, 1> is a power of two.
+            // The reciprocal is less than 2^32, since no width of Traits<5, 5, 1> is a power of
+            // two.
             if constexpr (Traits::kBranch == 2)
                 divisors[d] = {0, log};
             else
@@ -53,19 +55,19 @@ template <class Traits> std::uint32_t tilesBelow(std::uint32_t coordinate, unsig
     return TilesBelow<Traits>(depth)(coordinate);
 }
 
-/// The low face, on the lattice of finest voxels, of a tile that has `below` tiles below it along
-/// an axis, all of one width.
+/// The lattice coordinate of the low face of a tile that has `below` tiles of the same width below
+/// it along an axis.
 template <class Traits> std::int32_t cornerOf(std::uint32_t below, std::uint32_t width) {
     return static_cast<std::int32_t>(below * width +
                                      static_cast<std::uint32_t>(Traits::kRootCorner));
 }
 
-/// Whether a cube covers a lattice point.
+/// Whether a cube contains a lattice point.
 inline bool covers(int3 const& corner, std::uint32_t width, int3 const& p) {
     auto const above = [](std::int32_t c, std::int32_t low) {
         return static_cast<std::uint32_t>(c) - static_cast<std::uint32_t>(low);
     };
-    // One test for all axes: three would each be mispredicted now and then.
+    // One comparison for all axes, since each of three branches would be mispredicted now and then.
     return std::max({above(p.x, corner.x), above(p.y, corner.y), above(p.z, corner.z)}) < width;
 }
 

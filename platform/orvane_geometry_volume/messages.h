@@ -8,7 +8,7 @@
 #include "zel_platform/orvane_geometry_volume/component.h"
 #include "zel_platform/quern_core/string.h"
 
-// The texts of exceptions, which name the value at fault.
+// Builds the texts of exceptions, which name the value at fault.
 namespace ORV::TileTree3D::Internal {
 
 inline void put(std::ostream& stream, int3 const& p) {
@@ -26,7 +26,7 @@ void put(std::ostream& stream, Value value) {
     stream << value;
 }
 
-/// The parts of a message, one after the other.
+/// Joins the parts of a message.
 template <class... Parts> std::string message(Parts const&... parts) {
     std::ostringstream stream;
     (put(stream, parts), ...);

@@ -20,7 +20,7 @@ public:
     Object& operator=(Object&&) noexcept;
     virtual ~Object();
 
-    /// Puts a component under a name, in place of the one there; an empty pointer removes it.
+    /// Sets the component of a name, or replaces it; an empty pointer removes it.
     void setComponent(Quern::StringView name, Quern::Ptr<Component> component);
 
     /// The component of that name if it is a T, else an empty pointer.

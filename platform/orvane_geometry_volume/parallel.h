@@ -7,9 +7,9 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// Calls `body(first, last)` on ranges that cover 0 to `count` - 1, in parallel. While it waits,
-/// the calling thread takes up none of the caller's other tasks, and an exception of `body`, which
-/// is passed on, cancels none of them.
+/// Calls `body(first, last)` for ranges that cover 0 to `count` - 1, in parallel. While it waits,
+/// the calling thread runs none of the caller's other tasks. An exception of `body` is passed on,
+/// and does not cancel the caller's other tasks.
 template <class Body> void parallelRanges(long long count, long long grain, Body const& body) {
     tbb::this_task_arena::isolate([&] {
         tbb::task_group_context context(tbb::task_group_context::isolated);

@@ -9,9 +9,10 @@
 
 namespace ORV::TileTree3D {
 
-/// A tile as its place in a tree of N children a tile. The fields are read directly by samplers and
-/// written by the tree alone. A default tile is the sentinel: what a look-up outside a tree
-/// returns. It does not exist, has depth -1, contains nothing, and its voxel width is 1.
+/// The part of a tile that depends only on the number of its children, N. Samplers read the fields
+/// directly; only the tree writes them. A default-constructed tile is the sentinel, which a look-up
+/// returns that finds no tile: it does not exist, has depth -1, contains nothing, and its voxel
+/// width is 1.
 template <int N> class TileBinaryNonCompatible {
 public:
     static_assert(N == 8 || N == 125);
@@ -20,8 +21,8 @@ public:
     int3 m_tijk;                         ///< low corner on the finest-voxel lattice
     std::int32_t m_depth = -1;           ///< 0 for the root
     std::int64_t m_parentIndex = -1;     ///< place within the depth above; -1 without a parent
-    std::int32_t* m_children = nullptr;  ///< N places within the depth below, x fastest, or -1;
-                                         ///< null without children
+    std::int32_t* m_children = nullptr;  ///< the child table: the place of each child within the
+                                         ///< depth below, x fastest, or -1; null without children
     std::int32_t m_index = -1;           ///< place within the depth
     std::uint8_t m_exists = 0;           ///< 0 for the sentinel
 
@@ -56,7 +57,7 @@ private:
     }
 };
 
-/// A tile of a tree of a kind: its place, and the widths that follow from its depth.
+/// A tile of a tree of one kind: its place, and the widths that follow from its depth.
 template <class Traits, int N> class Tile : public TileBinaryNonCompatible<N> {
 public:
     static_assert(N == Traits::kChildCount);
@@ -79,7 +80,7 @@ public:
     bool contains(int3 const& p) const { return contains(p.x, p.y, p.z); }
 
     /// The child position, 0 to B - 1 along each axis, of the child that contains a lattice point
-    /// of this tile. A point outside the tile gives some position in that range.
+    /// of this tile. The result for a point outside the tile is unspecified, but in that range.
     int3 childIJK(int3 const& p) const {
         int3 child;
         childIJK(p.x, p.y, p.z, child.x, child.y, child.z);
@@ -92,9 +93,10 @@ public:
         ck = childCoordinate(k, this->m_tijk.z, width);
     }
 
-    /// The voxel index in this tile of a lattice point: tijk + voxelDataWidth() times the result is
-    /// the voxel's low corner. 0 to W - 1 along each axis for a point of this tile, and counted on
-    /// beyond its faces for a point outside, up to the ends of the 32-bit range.
+    /// The index, within this tile, of the voxel that contains a lattice point: the voxel's low
+    /// corner is tijk + voxelDataWidth() times the index. Along each axis it is 0 to W - 1 for a
+    /// point of this tile; for a point outside, it continues beyond the tile's faces, clamped to
+    /// the 32-bit range.
     int3 childDataIJK(int3 const& p) const { return childDataIJK(p.x, p.y, p.z); }
     int3 childDataIJK(int const& i, int const& j, int const& k) const {
         int const width = voxelDataWidth();

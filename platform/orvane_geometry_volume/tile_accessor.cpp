@@ -2,7 +2,7 @@
 
 namespace ORV::TileTree3D {
 
-/// One look-up: a point of the root, and the depth asked for.
+/// One look-up: a lattice point, and the deepest depth that it may return.
 template <class Traits> class Container<Traits>::ConstTileAccessor::Search {
 public:
     Search(Container const& tree, int i, int j, int k, int deepest)
@@ -11,12 +11,12 @@ public:
 
     bool insideRoot() const { return std::max({m_x, m_y, m_z}) < Traits::kRootWidth; }
 
-    /// The first tile from the current one upwards that is not too deep and covers the point, if it
-    /// is near; else null.
+    /// The first tile, from `tile` upwards, that covers the point and is not too deep; null if that
+    /// takes more than kClimb steps.
     Tile const* climb(Tile const* tile) const {
         int const top = std::max(tile->m_depth - kClimb, 0);
         if (!tile->m_exists || top > m_deepest) return nullptr;
-        // A point that is as far away as the highest tile is wide needs no climb to find out.
+        // A point farther from the tile's corner than the highest ancestor is wide is not in it.
         auto const reach = static_cast<std::uint32_t>(Traits::tileWidth(top));
         auto const above = [&](std::uint32_t c, std::int32_t corner) {
             return c - Traits::aboveRoot(corner) + reach;
@@ -31,12 +31,13 @@ public:
         return tile;
     }
 
-    /// The tile of the level below `depth` over the point, or else that of `depth`, if that one has
-    /// children; null if it is not there or has none.
+    /// Looks up the tile of `depth` over the point in the index of inner tiles. Returns its child
+    /// over the point; the tile itself if that child does not exist; null if there is no such tile,
+    /// or it has no children.
     Tile const* below(int depth) const {
         Place const x(m_x, depth), y(m_y, depth), z(m_z, depth);
         auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
-        ChildTable const* const table = m_tree.m_innerTiles[static_cast<unsigned>(depth)].find(
+        ChildTable const* const table = m_tree.innerTiles(depth).find(
             Internal::InnerTileIndex::hash(x.cell, y.cell, z.cell),
             [&](std::int32_t number) -> ChildTable const* {
                 ChildTable const& found = m_tree.m_tables[number];
@@ -48,11 +49,12 @@ public:
         return child >= 0 ? &level(depth + 1)[child] : &level(depth)[table->owner];
     }
 
-    /// The deepest tile over the point below one that covers it.
+    /// The deepest tile over the point that is not too deep, from `tile`, which covers it,
+    /// downwards.
     Tile const* descend(Tile const* tile) const {
         for (int steps = 0; steps < kClimb; ++steps)
             if (!step(tile)) return tile;
-        // Above an inner tile all tiles are inner ones.
+        // All ancestors of an inner tile are inner tiles: a binary search finds the deepest one.
         int low = tile->m_depth, high = m_deepest - 1;
         for (int probe = high; low < high; probe = low + (high - low + 1) / 2) {
             if (Tile const* const found = below(probe)) {
@@ -62,17 +64,17 @@ public:
                 high = probe - 1;
             }
         }
-        while (step(tile)) {
-        }
+        // No inner tile is deeper than `low`, so that one step at most is left: from the tile at
+        // which the search began, if it found no other.
+        step(tile);
         return tile;
     }
 
 private:
-    /// How far a look-up climbs from the current tile, and goes down again, before it turns to the
-    /// index.
+    /// The number of steps that a look-up climbs, and then descends, before it uses the index.
     static constexpr int kClimb = Traits::kBranch == 2 ? 3 : 1;
 
-    /// The tile of a depth along one axis, and the child in it.
+    /// Along one axis: the place of a tile among those of its depth, and the child within it.
     struct Place {
         std::uint32_t cell, child;
 
@@ -84,7 +86,7 @@ private:
         }
     };
 
-    Level const& level(int depth) const { return m_tree.m_levels[static_cast<unsigned>(depth)]; }
+    Level const& level(int depth) const { return m_tree.level(depth); }
 
     /// Steps down to the child over the point; false if there is none, or if it is too deep.
     bool step(Tile const*& tile) const {
@@ -119,7 +121,8 @@ auto Container<Traits>::ConstTileAccessor::find(int i, int j, int k, int depth) 
     Search const search(tree, i, j, k, deepest);
     if (deepest < 0 || !search.insideRoot()) return *(m_currentTile = &sentinel());
     Tile const* tile = search.climb(m_currentTile);
-    // Of the tiles farther away, the deepest is tried first: most often it is there.
+    // The point is far from the current tile: the deepest tile, which most often exists, is tried
+    // first.
     if (!tile && deepest > 1)
         if (Tile const* const found = search.below(deepest - 1)) return *(m_currentTile = found);
     return *(m_currentTile = search.descend(tile ? tile : &tree.m_levels[0][0]));
@@ -130,8 +133,8 @@ auto Container<Traits>::ConstTileAccessor::tileNeighbor(Tile const& tile,
                                                         NeighborDirection direction) const
     -> Tile const& {
     if (!tile.exists() || direction < 0 || direction > 26) return *(m_currentTile = &sentinel());
-    // No neighbour of a tile of the root, at most 2^30.2 wide, leaves the 32-bit range: the lattice
-    // ends at 3 times half the root's width.
+    // The corner of a neighbour fits 32 bits: the root is at most 2^30.2 wide, and no neighbour of
+    // a tile in it begins farther from the origin than 3/2 of that width.
     long long const width = tile.tileVoxelWidth();
     long long const i = tile.m_tijk.x + width * (direction / 9 - 1),
                     j = tile.m_tijk.y + width * (direction / 3 % 3 - 1),

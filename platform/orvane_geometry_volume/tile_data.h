@@ -13,7 +13,7 @@
 
 namespace ORV::TileTree3D {
 
-/// Gives storage aligned to a cache line. Throws std::bad_alloc and std::length_error.
+/// Allocates storage aligned to a cache line. Throws std::bad_alloc and std::length_error.
 template <class T> struct TileDataAllocator {
     using value_type = T;
 
@@ -29,8 +29,8 @@ template <class T> struct TileDataAllocator {
     template <class U> bool operator==(TileDataAllocator<U> const&) const noexcept { return true; }
 };
 
-/// How the samples of a tile lie in storage: W along each axis and a ring of H around them, x
-/// fastest, from the lowest corner of the ring.
+/// The order of a tile's samples in storage: W samples along each axis and a ring of H around them,
+/// x fastest, from the lowest corner of the ring.
 template <int W, int H> struct TileLayout {
     static constexpr int kWidth = W + 2 * H;
     static constexpr int kCount = kWidth * kWidth * kWidth;
@@ -42,16 +42,16 @@ template <int W, int H> struct TileLayout {
     }
 };
 
-/// The samples of one tile to read: a pointer into a channel, or no data. Indices are not tested in
-/// a release build, and there must be data.
+/// A read-only view of the samples of one tile, or of no data. Samples may be read only if there is
+/// data; a release build does not check this, nor indices.
 template <class T, int W, int H, int X> class ConstTileData {
 public:
     using Layout = TileLayout<W, H>;
     using Vector = std::vector<T, TileDataAllocator<T>>;
 
     ConstTileData() noexcept = default;
-    /// Refers to the elements of a vector, which must outlive it and not reallocate meanwhile; to
-    /// no data if that is null or holds fewer elements than a tile.
+    /// Refers to the elements of a vector, which must outlive the view and must not reallocate; to
+    /// no data if the vector is null or holds fewer elements than a tile.
     explicit ConstTileData(Vector* elements) noexcept
         : m_flat(elements && elements->size() >= Layout::kCount ? elements->data() : nullptr) {}
     explicit ConstTileData(T const* flat) noexcept : m_flat(flat) {}
@@ -61,7 +61,7 @@ public:
     ConstTileData& operator=(ConstTileData&&) noexcept = default;
     virtual ~ConstTileData() = default;
 
-    /// False if this refers to no data.
+    /// False if the view refers to no data.
     operator bool() const noexcept { return m_flat != nullptr; }
     T const& operator()(int flat) const {
         assert(m_flat && 0 <= flat && flat < Layout::kCount);
@@ -75,16 +75,16 @@ private:
     T const* m_flat = nullptr;
 };
 
-/// The samples of one tile to write: its own storage, a vector of the caller's or a place in a
-/// channel, or no data.
+/// The writable samples of one tile: in storage of its own, in a vector of the caller or in a
+/// channel; or no data.
 template <class T, int W, int H, int X> class TileData {
 public:
     using Layout = TileLayout<W, H>;
     using Vector = std::vector<T, TileDataAllocator<T>>;
 
     TileData() noexcept = default;
-    /// Its own storage of `count` zeros; no data for 0. Throws std::invalid_argument for another
-    /// count that is less than the samples of a tile.
+    /// Allocates storage of its own for `count` elements, which are 0; no data for a count of 0.
+    /// Throws std::invalid_argument for any other count below that of a tile's samples.
     explicit TileData(int count) {
         if (count == 0) return;
         if (count < Layout::kCount)
@@ -94,10 +94,10 @@ public:
         m_own = std::make_unique<Vector>(static_cast<std::size_t>(count));
         refer(m_own.get());
     }
-    /// Refers to a vector, which must outlive it and not reallocate meanwhile; to no data if that
-    /// is null or holds fewer elements than a tile.
+    /// Refers to a vector, which must outlive this and must not reallocate; to no data if the
+    /// vector is null or holds fewer elements than a tile.
     explicit TileData(Vector* elements) noexcept { refer(elements); }
-    /// Copies its own storage; otherwise refers to the same samples.
+    /// Copies storage that `other` owns; otherwise refers to the same samples.
     TileData(TileData const& other) : m_flat(other.m_flat), m_elements(other.m_elements) {
         if (!other.m_own) return;
         bool const own = other.m_flat == other.m_own->data();
@@ -120,13 +120,14 @@ public:
         m_flat = flat;
         m_elements = nullptr;
     }
-    /// The elements that the vector in use holds behind the samples of the tile.
+    /// The elements that the vector holds after the samples of the tile; null if there is no
+    /// vector.
     virtual T* beginElementsAdded() { return m_elements ? m_flat + Layout::kCount : nullptr; }
     virtual T* endElementsAdded() { return m_elements ? m_flat + m_elements->size() : nullptr; }
     virtual long long elementsAddedSize() const {
         return m_elements ? static_cast<long long>(m_elements->size()) - Layout::kCount : 0;
     }
-    /// Cuts the vector in use down to the samples of the tile.
+    /// Truncates the vector to the samples of the tile.
     virtual void clearElementsAdded() {
         if (m_elements) m_elements->resize(Layout::kCount);
     }

@@ -6,8 +6,8 @@
 
 namespace ORV::TileTree3D {
 
-/// In steps over all points, each of which asks memory for what the next one reads: the index of
-/// inner tiles, then the child tables. The tiles themselves are not read.
+/// Works in passes over all points, each of which prefetches the data of the next pass: first the
+/// index of inner tiles, then the child tables. The tiles themselves are not read.
 template <class Traits>
 int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_t const* y,
                                  std::uint32_t const* z, int count, TileRun* runs) const {
@@ -18,7 +18,7 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
         return 1;
     }
     constexpr std::uint32_t B = Traits::kBranch;
-    if (depth < 2) {  // of which there is no index
+    if (depth < 2) {  // the root has no entry in the index
         std::uint32_t const size = depth == 0 ? 1 : B;
         std::int32_t const* const children = m_levels[0][0].m_children;
         for (int i = 0; i < count; ++i) {
@@ -29,7 +29,8 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
         return count;
     }
 
-    // The parents, a row of points in one parent counted once, and what becomes of the search.
+    // The parent tiles of the runs, in which consecutive runs of one parent share an entry, and the
+    // child table found for each.
     struct Parent {
         std::uint32_t x, y, z, hash;
         ChildTable const* table;
@@ -43,7 +44,7 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
         to[i] = (x[i] ^ x[i + 1]) | (y[i] ^ y[i + 1]) | (z[i] ^ z[i + 1]);
     });
 
-    auto const& index = m_innerTiles[static_cast<unsigned>(depth) - 1];
+    auto const& index = innerTiles(depth - 1);
     unsigned runCount = 0, parentCount = 0;
     for (int i = 0; i < count; ++i) {
         if (changes[static_cast<unsigned>(i)] == 0) continue;
@@ -72,7 +73,8 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
             if (ChildTable const* const table = parents[parentOf[r]].table)
                 __builtin_prefetch(&table->children[slotOf[r]]);
 
-    // Now that they are there: whether the tables are those of the parents.
+    // The tables are in the cache now. A table with the same hash may belong to another tile:
+    // compare corners, and search again where they differ.
     auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth - 1));
     for (unsigned p = 0; p < parentCount; ++p) {
         Parent& parent = parents[p];

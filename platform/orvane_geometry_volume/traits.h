@@ -12,9 +12,9 @@ namespace ORV::TileTree3D {
 using Orvane::Math::float3;
 using Orvane::Math::int3;
 
-/// The shape of a tree: `B` children and `W` samples of a tile along each axis. Two kinds are
-/// built, Traits<2, 4, 1> and Traits<5, 5, 1>. All widths are in finest voxels, the unit of the
-/// lattice.
+/// The shape of a tree: a tile has `B` children and `W` samples along each axis. Two kinds exist,
+/// Traits<2, 4, 1> and Traits<5, 5, 1>. The unit of the lattice, and of all widths, is the finest
+/// voxel.
 template <int B, int W, int X> struct ZEL_PLATFORM_API Traits {
     static_assert((B == 2 && W == 4 && X == 1) || (B == 5 && W == 5 && X == 1),
                   "a tree is of one of two kinds");
@@ -26,7 +26,8 @@ template <int B, int W, int X> struct ZEL_PLATFORM_API Traits {
     /// The deepest depth, where a voxel is one finest voxel wide.
     static constexpr int kMaxDepth = B == 2 ? 28 : 12;
 
-    /// The voxel widths by depth; the first entry is that of depth -1, which is no depth.
+    /// Entry d + 1 is the voxel width of depth d. The first entry is that of the sentinel's depth,
+    /// -1.
     static constexpr std::array<std::int32_t, kMaxDepth + 2> kVoxelWidths = [] {
         std::array<std::int32_t, kMaxDepth + 2> widths{};
         std::int32_t width = 1;
@@ -49,7 +50,7 @@ template <int B, int W, int X> struct ZEL_PLATFORM_API Traits {
     /// The low corner of the root tile, along each axis.
     static constexpr std::int32_t kRootCorner = -static_cast<std::int32_t>(kRootWidth / 2);
 
-    /// How far a lattice coordinate lies above the root's low corner. Outside the root the result
+    /// The distance of a lattice coordinate from the root's low corner. Outside the root the result
     /// is kRootWidth or more, for every 32-bit coordinate.
     static constexpr std::uint32_t aboveRoot(std::int32_t coordinate) {
         return static_cast<std::uint32_t>(coordinate) - static_cast<std::uint32_t>(kRootCorner);
@@ -59,12 +60,13 @@ template <int B, int W, int X> struct ZEL_PLATFORM_API Traits {
 using BinaryTraits = Traits<2, 4, 1>;
 using QuinaryTraits = Traits<5, 5, 1>;
 
-/// What names a tile in a tree and in its channels: the tile's place among those of its depth.
+/// The index of a tile in a tree and in its channels: its depth, and its place among the tiles of
+/// that depth.
 struct TreeIndex {
     long long tile = -1;
     int depth = -1;
 
-    /// False for (-1, -1), which is no tile.
+    /// False for (-1, -1), which names no tile.
     constexpr bool valid() const { return tile >= 0 && depth >= 0; }
     constexpr bool operator==(TreeIndex const&) const = default;
     /// By depth first, then by tile.
@@ -73,19 +75,21 @@ struct TreeIndex {
     }
 };
 
-/// Where samples sit in a voxel, one bit an axis, x in bit 0: set, on the voxel's low face; clear,
-/// at its middle.
+/// The place of a sample in its voxel, one bit an axis, x in bit 0: on the voxel's low face if the
+/// bit is set, at its middle if it is clear.
 using VoxelOffsetType = int;
+/// Each sample is on the low corner of its voxel.
+inline constexpr VoxelOffsetType kOnVoxelCorners = 7;
 
 /// 13 + dz + 3 dy + 9 dx, with dx, dy, dz of -1, 0 or 1; 13 is the tile itself.
 using NeighborDirection = int;
 
-/// The direction of a step, each of whose components is -1, 0 or 1.
+/// The direction of a step whose components are -1, 0 or 1.
 constexpr NeighborDirection neighborDirection(int dx, int dy, int dz) {
     return 13 + dz + 3 * dy + 9 * dx;
 }
 
-/// How the elements of a new tile begin: 0, as the channel's default value, is the only way.
+/// The initial value of a new tile's elements: 0, the channel's default value, is the only type.
 using DataElementInitializerType = int;
 
 }  // namespace ORV::TileTree3D

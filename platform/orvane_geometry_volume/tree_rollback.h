@@ -6,10 +6,11 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// Drops all tiles that were added to a tree during its life, unless they are to be kept, and
-/// leaves the tree as it was, stamp included. What was sized to them counts as sized to another
-/// tree, which has the tiles before them in common with this one. References to the dropped tiles,
-/// and accessors that met them, are not to be used any more.
+/// Removes, at the end of its life, all tiles that were added to a tree during its life, unless
+/// keep() was called. The tree is then as it was before, its stamp included. A channel that was
+/// sized to the removed tiles counts as sized to another tree, which has the remaining tiles in
+/// common with this tree. References to removed tiles, and accessors that found them, become
+/// invalid.
 template <class Traits> class Rollback {
 public:
     explicit Rollback(Container<Traits>& tree)
@@ -30,16 +31,16 @@ private:
         for (auto& inner : m_tree.m_innerTiles) inner.clear();
         for (long long i = 0; i < m_tree.m_tables.size(); ++i) {
             auto& table = m_tree.m_tables[i];
-            auto const depth = static_cast<unsigned>(table.depth);
-            auto& owner = m_tree.m_levels[depth][table.owner];
+            auto& owner = m_tree.level(table.depth)[table.owner];
             if (i >= m_tables) {
                 owner.m_children = nullptr;
                 continue;
             }
             for (std::int32_t& child : table.children)
-                if (child >= m_counts[depth + 1]) child = -1;
-            if (depth > 0)
-                m_tree.m_innerTiles[depth].add(m_tree.hashOf(owner), static_cast<std::int32_t>(i));
+                if (child >= m_counts[static_cast<unsigned>(table.depth) + 1]) child = -1;
+            if (table.depth > 0)
+                m_tree.innerTiles(table.depth)
+                    .add(m_tree.hashOf(owner), static_cast<std::int32_t>(i));
         }
         m_tree.m_tables.truncate(m_tables);
         for (unsigned d = 0; d < m_counts.size(); ++d) m_tree.m_levels[d].truncate(m_counts[d]);
@@ -47,13 +48,13 @@ private:
         m_tree.m_state = std::move(m_state);
         auto const& [tree, version] = m_tree.m_state.stamp;
         if (end == m_tree.m_state.stamp) return;
-        // A copy became another tree with the first tile that was added.
+        // A copy of a tree became a tree of its own with the first tile that was added.
         TreeStamp const start{end.tree, end.tree == tree ? version : 0};
         auto& drops = m_tree.m_state.drops;
         if (!drops.empty() && drops.back().start == start)
             drops.back().end = end.version;
         else
-            drops.push_back({start, end.version, m_counts});  // for which there is room
+            drops.push_back({start, end.version, m_counts});  // the constructor reserved room
     }
 
     Container<Traits>& m_tree;

@@ -19,7 +19,8 @@ namespace ORV::TileTree3D {
 
 namespace {
 
-/// A lattice coordinate, which need not be whole, in world units; infinite beyond the floats.
+/// A lattice coordinate, which may have a fraction, in world units; infinite beyond the range of
+/// floats.
 float toWorld(double lattice, float voxelSize) {
     constexpr double kMost = std::numeric_limits<float>::max();
     double const world = lattice * double{voxelSize};
@@ -33,11 +34,14 @@ template <class Traits> int3 childPosition(int slot) {
     return {slot % B, slot / B % B, slot / (B * B)};
 }
 
-/// Asks the predicate for all children of one tile.
+/// A truth value for each child of a tile, by its slot in the child table.
+template <class Traits> struct ChildFlags { bool wanted[Traits::kChildCount]; };
+
+/// Calls the predicate for all children of a tile.
 template <class Traits>
-std::array<bool, Traits::kChildCount> wantedChildren(TileOf<Traits> const& tile, float voxelSize,
-                                                     RefinePredicate const& wanted) {
-    std::array<bool, Traits::kChildCount> flags;
+ChildFlags<Traits> wantedChildren(TileOf<Traits> const& tile, float voxelSize,
+                                  RefinePredicate const& wanted) {
+    ChildFlags<Traits> flags;
     int const depth = tile.depth() + 1;
     double const width = Traits::tileWidth(depth);
     for (int slot = 0; slot < Traits::kChildCount; ++slot) {
@@ -48,7 +52,7 @@ std::array<bool, Traits::kChildCount> wantedChildren(TileOf<Traits> const& tile,
             low[axis] = toWorld(corner, voxelSize);
             high[axis] = toWorld(corner + width, voxelSize);
         }
-        flags[static_cast<unsigned>(slot)] = wanted(low, high, depth);
+        flags.wanted[slot] = wanted(low, high, depth);
     }
     return flags;
 }
@@ -57,19 +61,18 @@ template <class Traits>
 void refineDepth(Container<Traits>& container, int depth, RefinePredicate const& wanted) {
     constexpr long long kGrain = 16;
     long long const count = container.tileCount(depth);
-    std::vector<std::array<bool, Traits::kChildCount>> flags(static_cast<std::size_t>(count));
+    auto flags = Quern::Array<ChildFlags<Traits>>::forOverwrite(count);
     Internal::parallelRanges(count, kGrain, [&](long long first, long long last) {
         for (long long i = first; i < last; ++i)
-            flags[static_cast<std::size_t>(i)] =
+            flags[i] =
                 wantedChildren<Traits>(container.tile(i, depth), container.voxelSize(), wanted);
     });
     for (long long i = 0; i < count; ++i)
         for (int slot = 0; slot < Traits::kChildCount; ++slot)
-            if (flags[static_cast<std::size_t>(i)][static_cast<unsigned>(slot)])
-                container.addChild({i, depth}, childPosition<Traits>(slot));
+            if (flags[i].wanted[slot]) container.addChild({i, depth}, childPosition<Traits>(slot));
 }
 
-/// Fills and restricts the samples of single tiles, finer tiles first.
+/// Sets the samples of one tile. Finer tiles must be set before it: it restricts their samples.
 template <class Traits, class T> class TileFill {
 public:
     TileFill(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology,
@@ -88,9 +91,7 @@ public:
                         *sample = restricted(
                             fine, {i * B - child.x * W, j * B - child.y * W, k * B - child.z * W});
                     else if (m_function)
-                        *sample = (*m_function)({places[0][static_cast<unsigned>(i)],
-                                                 places[1][static_cast<unsigned>(j)],
-                                                 places[2][static_cast<unsigned>(k)]});
+                        *sample = (*m_function)({places.x[i], places.y[j], places.z[k]});
                 }
     }
 
@@ -98,26 +99,36 @@ private:
     static constexpr int W = Traits::kSamples;
     static constexpr int B = Traits::kBranch;
 
-    std::array<std::array<float, W>, 3> samplePlaces(TileOf<Traits> const& tile) const {
-        std::array<std::array<float, W>, 3> places;
+    /// The coordinates of a tile's samples along each axis, in world units.
+    struct Places {
+        float x[W], y[W], z[W];
+    };
+
+    Places samplePlaces(TileOf<Traits> const& tile) const {
+        float3 const& offset = m_topology.offset();
         double const width = tile.voxelDataWidth();
-        for (int axis = 0; axis < 3; ++axis)
-            for (int i = 0; i < W; ++i)
-                places[static_cast<unsigned>(axis)][static_cast<unsigned>(i)] =
-                    toWorld(tile.m_tijk[axis] + width * (i + double{m_topology.offset()[axis]}),
-                            m_topology.container().voxelSize());
+        auto const place = [&](int corner, int voxel, float inVoxel) {
+            return toWorld(corner + width * (voxel + double{inVoxel}),
+                           m_topology.container().voxelSize());
+        };
+        Places places;
+        for (int i = 0; i < W; ++i) {
+            places.x[i] = place(tile.m_tijk.x, i, offset.x);
+            places.y[i] = place(tile.m_tijk.y, i, offset.y);
+            places.z[i] = place(tile.m_tijk.z, i, offset.z);
+        }
         return places;
     }
 
-    /// The sample of a coarse voxel from the B samples along each axis of the fine voxels in it,
-    /// the first of which is at `first`.
+    /// The sample of a coarse voxel, restricted from the fine voxels in it: B along each axis, from
+    /// voxel `first` of the fine tile on.
     T restricted(T const* fine, int3 const& first) const {
         auto const count = [&](int axis) { return m_topology.offset()[axis] == 0 ? 1 : B; };
         int const nx = count(0), ny = count(1), nz = count(2);
         T const* const corner = fine + first.x + W * (first.y + W * first.z);
         if (nx * ny * nz == 1) return *corner;
         constexpr std::size_t kParts = std::same_as<T, float> ? 1 : 3;
-        std::array<double, kParts> sums{};  // beyond the range of floats
+        std::array<double, kParts> sums{};  // in double, since a sum of floats may overflow
         for (int z = 0; z < nz; ++z)
             for (int y = 0; y < ny; ++y)
                 for (int x = 0; x < nx; ++x) {

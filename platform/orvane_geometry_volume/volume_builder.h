@@ -4,35 +4,35 @@
 
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
-// Volumes made from a function of position: a tree refined where a predicate wants it, and a
-// channel with data at every depth, each coarse sample a restriction of the finer ones.
+// Builds volumes from a function of position: a tree that is refined where a predicate holds, and a
+// channel with data at every depth, in which each coarse sample is a restriction of finer samples.
 namespace ORV::TileTree3D {
 
-/// Whether the tree shall have a tile of `depth` over the box from `low` to `high`, in world units.
-/// Called from many threads at once.
+/// Returns whether the tree is to have a tile of `depth` over the box from `low` to `high`, in
+/// world units. Called from many threads at once.
 using RefinePredicate = std::function<bool(float3 const& low, float3 const& high, int depth)>;
 
-/// Adds the root, and below each tile the children that the predicate wants, down to `maxDepth`.
-/// The order of the tiles does not depend on the number of threads. Throws what addTile and the
-/// predicate throw; the tree is then as it was.
+/// Adds the root, and below each tile the children for which the predicate holds, down to
+/// `maxDepth`. The order of the tiles does not depend on the number of threads. Throws the
+/// exceptions of addTile and of the predicate; the tree is then unchanged.
 template <class Traits>
 void refineTree(Container<Traits>& container, int maxDepth, RefinePredicate const& wanted);
 
 /// A function of world position. Called from many threads at once.
 template <class T> using PositionFunction = std::function<T(float3 const& position)>;
 
-/// Fills a channel, in parallel: a sample in no finer tile of the channel is the function's value
-/// at the sample's place; all others are restricted. Throws std::invalid_argument if the channel is
-/// not sized to the topology as it is, and what the function throws, which leaves the samples in
-/// part as they were.
+/// Fills a channel, in parallel: a sample that no finer tile of the channel covers is set to the
+/// function's value at the sample's place; all others are restricted. Throws std::invalid_argument
+/// if the channel is not sized to the topology's present tiles. An exception of the function is
+/// passed on, and leaves part of the samples unchanged.
 template <class Traits, class T>
 void fillChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology,
                  PositionFunction<T> const& function);
 
-/// Restricts the deepest samples up the tree, and leaves those that no finer tile covers. Along an
-/// axis whose samples lie on voxel faces, a coarse sample takes over the fine sample at the same
-/// place; along the others it is the mean of the fine samples in its voxel. Either reproduces a
-/// linear function. Throws std::invalid_argument like fillChannel.
+/// Sets each sample that a finer tile covers to a restriction of the finer samples, from the
+/// deepest depth upwards. Along an axis whose samples lie on voxel faces, a coarse sample is a copy
+/// of the fine sample at the same place; along the other axes it is the mean of the fine samples in
+/// its voxel. Both reproduce a linear function. Throws std::invalid_argument like fillChannel.
 template <class Traits, class T>
 void restrictChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology);
 
@@ -43,11 +43,11 @@ template <class Traits, class T> struct Volume {
     Quern::Ptr<DataChannel<Traits, T>> channel;
 };
 
-/// Tree, topology and filled channel in one call.
+/// Makes the tree, the topology and the filled channel of a volume.
 template <class Traits, class T>
 Volume<Traits, T> buildVolume(float voxelSize, int maxDepth, RefinePredicate const& wanted,
                               PositionFunction<T> const& function, T const& defaultValue = T(),
-                              VoxelOffsetType type = 7);
+                              VoxelOffsetType type = kOnVoxelCorners);
 
 #define ZEL_DETAIL_BUILDER(prefix, Traits, T)                                                      \
     prefix template ZEL_PLATFORM_API void fillChannel<Traits, T>(                                  \

@@ -4,12 +4,13 @@
 
 namespace ORV::TileTree3D {
 
-/// Where the samples of a tree's voxels sit, and what channels are sized to. It shares the tree,
-/// and always tells the tree's present tiles.
+/// A tree together with the place of the samples in its voxels. Channels are sized to a topology.
+/// It shares the tree, and always describes the tree's present tiles.
 template <class Traits> class ZEL_PLATFORM_API VoxelTopology : public Component {
 public:
     /// Throws std::invalid_argument without a container, or if the type is not one of 0 to 7.
-    explicit VoxelTopology(Quern::Ptr<Container<Traits>> container, VoxelOffsetType type = 7);
+    explicit VoxelTopology(Quern::Ptr<Container<Traits>> container,
+                           VoxelOffsetType type = kOnVoxelCorners);
 
     VoxelOffsetType offsetType() const { return m_offsetType; }
     /// The place of a sample in its voxel, in voxel widths: along each axis 0 for a set bit, 0.5
