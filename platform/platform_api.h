@@ -1,10 +1,11 @@
 #pragma once
 
-// Marks what libzel_platform offers to other libraries and programs: everything else stays hidden.
+// Marks symbols that libzel_platform exports; all others are hidden.
 #define ZEL_PLATFORM_API __attribute__((visibility("default")))
 
-/// Marks an object that is made ahead of the statics of all that use it, in a static library, too.
+/// Marks a static object that is initialised before the static objects of all its users, even if
+/// the library is linked statically.
 #define ZEL_PLATFORM_FIRST __attribute__((init_priority(101)))
 
-/// Marks what a class that is offered keeps to the library.
+/// Marks members of an exported class that are not exported.
 #define ZEL_PLATFORM_INTERNAL __attribute__((visibility("hidden")))

@@ -8,7 +8,7 @@
 
 namespace Orvane::Geometry {
 
-/// What may set entries of reserved names.
+/// Sets entries with reserved names.
 class ReservedEntries {
 public:
     static void set(Object& object, Quern::StringView key, Quern::Any value) {
@@ -18,10 +18,11 @@ public:
 
 namespace {
 
-/// The key of a property object's target, a Quern::String.
+/// The key of a property object's target, which is a Quern::String.
 constexpr char const* kTarget = "target";
 
-/// As sVolume, which is not there yet for statics of a program that holds this library.
+/// The text of sVolume, which is not initialised yet while static objects of a program that links
+/// this library statically are.
 constexpr char const* kVolume = "Orvane::Geometry::volume";
 
 /// The key of the range indices of a target in the object.
@@ -70,8 +71,8 @@ Quern::Ptr<ORV::Object> shallow_copy_object_to_orv_volume(Object const& object) 
     return volume ? Quern::makePtr<ORV::Object>(*volume) : Quern::Ptr<ORV::Object>();
 }
 
-void detail::setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,
-                            Quern::Any data, bool hasData, Quern::StringView target) {
+void Internal::setGeoProperty(Object& object, Quern::StringView name, Quern::Any value,
+                              Quern::Any data, bool hasData, Quern::StringView target) {
     std::string const where = "Orvane::Geometry::setGeoProperty: ";
     if (name.empty()) throw std::invalid_argument(where + "the property's name is empty");
     std::string const text = name;

@@ -16,12 +16,13 @@ namespace Geometry {
 class ReservedEntries;
 }  // namespace Geometry
 
-/// A geometry object: entries of any type under names. A host with entries of its own derives from
-/// it and overrides the two look-ups; what they throw reaches whoever asks. A copy has the same
-/// entries and shares what they point to. Any number of threads may look up while none sets.
+/// A geometry object: entries of any type under string keys. A host with entries of its own derives
+/// from it and overrides the two look-ups; their exceptions are passed on to the caller. A copy has
+/// the same entries, and shares the objects to which they point. Any number of threads may look up
+/// entries while no thread sets or removes one.
 ///
-/// Names that begin with "Orvane::" are reserved for what the library keeps in an object, such as
-/// its volume: they can be looked up, but neither set nor removed.
+/// Keys that begin with "Orvane::" are reserved for entries of the library, such as the volume:
+/// they can be looked up, but neither set nor removed.
 class ZEL_PLATFORM_API Object {
 public:
     Object();
@@ -29,16 +30,16 @@ public:
     virtual ~Object();
     Object& operator=(Object const&);
 
-    /// Whether there is an entry under `key`, be it an empty one.
+    /// Whether there is an entry under `key`, even an empty Any.
     virtual bool hasProperty(Quern::StringView key) const;
 
     /// The entry under `key`; an empty Any if there is none.
     virtual Quern::Any property(Quern::StringView key) const;
 
-    /// Makes or replaces an entry. Throws std::invalid_argument if `key` is empty or reserved.
+    /// Sets or replaces an entry. Throws std::invalid_argument if `key` is empty or reserved.
     void setProperty(Quern::StringView key, Quern::Any value);
 
-    /// Does nothing if there is no such entry. Throws std::invalid_argument if `key` is reserved.
+    /// Removes an entry, if there is one. Throws std::invalid_argument if `key` is reserved.
     void removeProperty(Quern::StringView key);
 
 private:

@@ -43,7 +43,7 @@ void checkExtrapolation(FCurve::Extrapolation kind) {
         refuse("unknown extrapolation ", static_cast<int>(kind));
 }
 
-/// (b.value - a.value) / (b.x - a.x), where the differences may overflow.
+/// (b.value - a.value) / (b.x - a.x), also where a difference overflows.
 double chord(Key const& a, Key const& b) {
     double const rise = b.value - a.value, width = b.x - a.x;
     return std::isfinite(rise) && std::isfinite(width)
@@ -62,20 +62,21 @@ double line(double anchor, double value, double slope, double x) {
     double const dx = x - anchor, rise = slope * dx, sum = value + rise;
     double const lost = error(value, rise, sum) + slope * error(x, -anchor, dx);
     if (std::isfinite(sum) && std::isfinite(lost)) return sum + lost;
-    // Half of it, where what comes in between overflows and the result need not.
+    // An intermediate result overflows, but the value need not: compute half of it.
     return std::isfinite(x) ? 2 * (value / 2 + slope * (x / 2 - anchor / 2)) : sum;
 }
 
-/// Straight line from a to b, `x` between them. The slope of keys close together may overflow.
+/// The straight line from a to b, at an `x` between them. The slope between keys that are close to
+/// each other may overflow.
 double linear(Key const& a, Key const& b, double x) {
     double const slope = chord(a, b);
     return std::isfinite(slope) ? line(a.x, a.value, slope, x)
                                 : std::lerp(a.value, b.value, (x - a.x) / (b.x - a.x));
 }
 
-/// Hermite cubic from a to b.
+/// The Hermite cubic from a to b.
 double cubic(Key const& a, Key const& b, double x) {
-    // Scaled down where what comes in between overflows and the result need not.
+    // Where an intermediate result overflows, the curve is computed again from scaled keys.
     auto const scaled = [&](double sx, double sv) {
         double const width = sx * b.x - sx * a.x, u = (sx * x - sx * a.x) / width;
         double const rise = sv * b.value - sv * a.value;
@@ -104,7 +105,7 @@ double FCurve::evalFCurve(double x) const {
     return insideKeys(x);
 }
 
-/// `x` from the first key to the last.
+/// The curve at an `x` that is not before the first key; after the last key, that key's value.
 double FCurve::insideKeys(double x) const {
     auto const next = std::upper_bound(m_keys.begin(), m_keys.end(), x,
                                        [](double at, Key const& key) { return at < key.x; });
@@ -137,7 +138,8 @@ double FCurve::extrapolate(Extrapolation kind, bool after, double x) const {
     return end.value;
 }
 
-/// Slope of the first or the last segment at the end of the keys, of which there are two or more.
+/// The slope of the first segment at the first key, or of the last segment at the last key. There
+/// must be two keys or more.
 double FCurve::endSlope(bool after) const {
     std::size_t const i = after ? m_keys.size() - 2 : 0;
     Key const &a = m_keys[i], &b = m_keys[i + 1];
@@ -159,11 +161,11 @@ double FCurve::cycle(bool withOffset, double x) const {
     if (!std::isfinite(period)) return x < first.x ? first.value : last.value;
 
     // Remainders are exact, so that only the difference and one sum are rounded, however far away x
-    // is.
-    // Just before a whole period the sum may be rounded up to it, which is the end of the keys.
+    // is. Just before a whole period the sum may be rounded up to the period, the end of the keys.
     double phase = std::fmod(std::fmod(x, period) - std::fmod(first.x, period), period);
     if (phase < 0) phase += period;
-    double const value = insideKeys(std::clamp(first.x + phase, first.x, last.x));
+    // The sum is less than first.x only on a thread that flushes subnormal numbers to zero.
+    double const value = insideKeys(std::max(first.x, first.x + phase));
     if (offset == 0) return value;
     double const count = std::round(x / period - first.x / period - phase / period);
     return std::isfinite(count) ? value + count * offset

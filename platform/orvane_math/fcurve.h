@@ -6,22 +6,22 @@
 
 namespace Orvane::Math {
 
-/// A piecewise function of one variable, set up from keys and not changed afterwards.
+/// A piecewise function of one variable. It is made from keys and does not change afterwards.
 class ZEL_PLATFORM_API FCurve {
 public:
-    /// The curve between a key and the next one.
+    /// The curve between a key and the next key.
     enum class Segment {
         kConstant,  ///< the key's value
         kLinear,    ///< the straight line between the two keys
         kCubic,     ///< the Hermite cubic with the key's outSlope and the next key's inSlope
     };
 
-    /// The curve before the first key, and after the last one.
+    /// The curve before the first key, and after the last key.
     enum class Extrapolation {
         kConstant,         ///< the value of the key at that end
         kLinear,           ///< the tangent of the curve at that end
-        kCycle,            ///< the keyed range over and over
-        kCycleWithOffset,  ///< the same, each time moved on by the last value minus the first
+        kCycle,            ///< the curve between the keys, repeated
+        kCycleWithOffset,  ///< repeated, each time shifted by the last value minus the first
     };
 
     struct Key {
@@ -32,28 +32,27 @@ public:
         Segment segment = Segment::kLinear;  ///< of the interval that starts at this key
     };
 
-    /// No keys: 0 everywhere, NaN included.
+    /// A curve without keys is 0 everywhere, NaN included.
     FCurve() = default;
 
-    /// Keys in strictly rising order of x, all numbers finite. Throws std::invalid_argument
-    /// otherwise, with the index and the value of the key at fault, and for an enumerator that does
-    /// not exist.
+    /// Keys must be in strictly ascending order of x, and all numbers finite. Throws
+    /// std::invalid_argument otherwise, with the index and the value of the key at fault, and for
+    /// an enumerator that does not exist.
     FCurve(std::vector<Key> keys, Extrapolation before, Extrapolation after);
 
-    /// The curve at `x`; at a key, that key's value. One binary search. Safe to call from many
-    /// threads at once.
+    /// Returns the curve at `x`; at a key, that key's value. Takes one binary search. Safe to call
+    /// from any number of threads at once.
     ///
-    /// Linear extrapolation has the slope of a linear end segment, the slope of the end key towards
-    /// the keys if that segment is cubic, and 0 if it is constant; a single key has its inSlope
-    /// before and its outSlope after. A straight line of slope 1 through keys with x == value gives
-    /// x exactly. Cycles repeat with the period last x minus first x, exactly reduced at any x; at
-    /// whole periods outside the keys they have reached the first key again. A single key is
-    /// constant in a cycle.
+    /// Linear extrapolation has the slope of the end segment at the end key: 0 if the segment is
+    /// constant. A single key is extrapolated by its inSlope before it and its outSlope after it. A
+    /// straight line of slope 1 through keys with x == value gives x exactly. The period of a cycle
+    /// is last x minus first x, and x is reduced to it exactly; at whole periods outside the keys a
+    /// cycle begins again with the first key. A single key is constant in a cycle.
     ///
-    /// NaN gives NaN. Infinities give the limit where there is one: the end value, or an infinity
-    /// of the sign in which the line or the offset cycles go; a cycle without offset has none and
-    /// gives NaN. A cycle whose period overflows has the value of the nearer end. Slopes that
-    /// overflow, or whose products with a width do, follow the floating-point rules.
+    /// NaN gives NaN. An infinite x gives the limit where there is one: the end value, or infinity
+    /// with the sign of the line or of the offset cycles; a cycle without offset has no limit and
+    /// gives NaN. A cycle whose period overflows has the value of the nearer end. Where a slope
+    /// overflows, or its product with a width, the result follows the floating-point rules.
     double evalFCurve(double x) const;
 
 private:

@@ -6,9 +6,9 @@
 
 namespace Orvane::Math {
 
-/// Nine floats, row after row. `M[r]` is row `r` and `M[r][c]` an entry. As the gradient of a
-/// vector field, `M[r][c]` is the derivative of component `r` along coordinate `c`: row `r` is the
-/// gradient of component `r`, and column `c` the derivative along one axis.
+/// A matrix of floats, row after row. `M[r]` is row `r` and `M[r][c]` an entry. As the gradient of
+/// a vector field, `M[r][c]` is the derivative of component `r` along coordinate `c`: row `r` is
+/// the gradient of component `r`, and column `c` the derivative along one axis.
 struct float3x3 {
     float3 rows[3];
 

@@ -1,5 +1,5 @@
 #pragma once
 
-/// Marks a function, or a lambda after its parameters, that is part of every caller, whatever the
-/// compiler would decide: kernels, and bodies of loops that are compiled for two widths of vectors.
+/// Marks a function, or a lambda (after its parameters), that must be inlined into every caller:
+/// kernels, and bodies of loops that are compiled for two register widths.
 #define ZEL_ALWAYS_INLINE __attribute__((always_inline))

@@ -7,8 +7,8 @@
 
 namespace Quern {
 
-/// A value of any copyable type, or none. Asking never converts: a `float` is not found as a
-/// `double`, nor a `Ptr<Base>` as a `Ptr<Derived>`.
+/// A value of any copyable type, or no value. Access never converts: a `float` is not found as a
+/// `double`, nor a `Ptr<Derived>` as a `Ptr<Base>`.
 class Any {
 public:
     Any() noexcept = default;
@@ -19,7 +19,7 @@ public:
 
     bool empty() const noexcept { return !held.has_value(); }
 
-    /// The value if it is exactly a T, else null.
+    /// A pointer to the value if its type is exactly T, else null.
     template <class T> T* get() noexcept { return std::any_cast<T>(&held); }
     template <class T> T const* get() const noexcept { return std::any_cast<T>(&held); }
 

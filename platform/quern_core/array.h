@@ -11,22 +11,22 @@
 
 namespace Quern {
 
-/// A growable array. Sizes and indices are signed 64-bit. Copying copies the elements, moving takes
-/// the storage and leaves the source empty. Indices are not tested in a release build. Any number
-/// of threads may read one array while none writes it.
+/// A growable array. Sizes and indices are signed 64-bit. A copy copies the elements; a move takes
+/// the storage and leaves the source empty. A release build does not check indices. Any number of
+/// threads may read one array while no thread writes it.
 template <class T> class Array {
 public:
     Array() noexcept = default;
 
-    /// `count` elements, value-initialised. A count that is negative or too large to address throws
-    /// std::length_error, here and in all operations that take a size.
+    /// Makes an array of `count` value-initialised elements. A count that is negative or too large
+    /// to address throws std::length_error, as in all operations that take a size.
     explicit Array(long long count) : Array() {
         build(count, [](T* first, long long n) { std::uninitialized_value_construct_n(first, n); });
     }
     Array(long long count, T const& value) : Array() {
         build(count, [&](T* first, long long n) { std::uninitialized_fill_n(first, n, value); });
     }
-    /// `count` elements that have no value yet. All are to be written before one is read.
+    /// Makes an array of `count` uninitialised elements. Each must be written before it is read.
     static Array forOverwrite(long long count) requires std::is_trivially_destructible_v<T> {
         Array array;
         array.build(count, [](T*, long long) {});
@@ -76,7 +76,7 @@ public:
         ++length;
     }
 
-    /// Cuts the array, or adds value-initialised elements.
+    /// Removes elements from the end, or appends value-initialised elements.
     void resize(long long count) {
         if (count > length) {
             reserve(count);
@@ -114,8 +114,8 @@ private:
         return static_cast<long long>(list.size());
     }
 
-    // The delegating constructors have finished, so the destructor gives the storage back if
-    // constructing an element throws.
+    // Constructors delegate to Array() before they call this, so that the destructor runs, and
+    // frees the storage, if the constructor of an element throws.
     template <class Construct> void build(long long count, Construct const& construct) {
         elements = static_cast<T*>(rep->allocate(count));
         room = count;

@@ -3,12 +3,12 @@
 #include "zel_platform/quern_core/always_inline.h"
 #include "zel_platform/quern_core/simd_target.h"
 
-// Loops over the positions of a block. Each is compiled twice, for the processor that the library
-// is built for and for wider vectors, and one is chosen when it runs. Both give the same bits: no
+// Loops over the positions of a block. Each loop is compiled twice, for the target processor of the
+// build and for wider registers, and chosen at run time. Both give the same bits, since no
 // operation is contracted or reordered.
 
-// A loop that calls a library function stays as it is. clang warns of it, at the function that it
-// has become part of: here, since no form of the loop is inlined.
+// A loop that calls a library function is not vectorised. clang warns of that at the function into
+// which the body was inlined: in this header, since the loops themselves are not inlined.
 #ifdef __clang__
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wpass-failed"
@@ -16,8 +16,8 @@
 
 namespace Quern {
 
-/// Says that no iteration of the loop that follows depends on another; and, of a loop that does
-/// little, to do more at a time.
+/// ZEL_INDEPENDENT tells the compiler that no iteration of the following loop depends on another;
+/// ZEL_INDEPENDENT_SHORT also asks it to unroll a loop of few operations.
 #ifdef __clang__
 #define ZEL_INDEPENDENT _Pragma("clang loop vectorize(assume_safety)")
 #define ZEL_INDEPENDENT_SHORT ZEL_INDEPENDENT
@@ -28,8 +28,9 @@ namespace Quern {
 #define ZEL_CLANG_NOINLINE
 #endif
 
-// The body is not passed by value: the caller would write it in parts and read it back in whole
-// vectors, and wait for that. A copy of it may stay in registers, since no result overwrites it.
+// The body is passed by reference: passed by value, it would be stored member by member and loaded
+// again by whole registers, which stalls. The local copy can stay in registers, since no result can
+// overwrite it.
 template <bool kShort, class Body, class... Read>
 ZEL_CLANG_NOINLINE __attribute__((flatten)) void loopOverPositions(int count, Body const& shared,
                                                                    Read const& __restrict... read) {
@@ -56,12 +57,12 @@ loopOverPositionsWide(int count, Body const& shared, Read const& __restrict... r
     }
 }
 
-/// Calls `body(i, read...)` for 0 to count - 1. The body is a lambda marked ZEL_ALWAYS_INLINE, so
-/// that it is compiled as part of each form of the loop. It keeps pointers to the arrays that it
-/// reads and writes, and its parameters, by value, and no iteration depends on another. Parameters
-/// that are best not copied are handed to it as `read`: no result overwrites them, and nothing else
-/// that the loop does but through `read` itself, so that they are loaded once, and not again after
-/// each result. `kShort` says that it is a few operations.
+/// Calls `body(i, read...)` for each i from 0 to count - 1. The body must be a lambda marked
+/// ZEL_ALWAYS_INLINE, so that it is compiled as part of each form of the loop. It captures its
+/// parameters, and pointers to the arrays that it reads and writes, by value; no iteration may
+/// depend on another. Parameters that are costly to copy are passed as `read`. The loop must not
+/// modify them, so that the compiler may load them once and not again after each result. `kShort`
+/// marks a body of few operations.
 template <bool kShort = false, class Body, class... Read>
 void forEachPosition(int count, Body const& body, Read const&... read) {
     if (wideVectors)

@@ -4,8 +4,8 @@ namespace Quern::Internal {
 
 namespace {
 
-/// How deep releases run inside of releases. A level takes about 200 bytes of stack, and what the
-/// object's own destructor takes.
+/// The limit of nested releases. A level takes about 200 bytes of stack, plus the stack of the
+/// object's destructor.
 constexpr int kMostLevels = 64;
 
 thread_local constinit int levels = 0;

@@ -17,20 +17,20 @@ namespace Quern {
 
 namespace Internal {
 
-/// What all pointers to one object share: its use count and the way to copy and to destroy it.
+/// The state that all pointers to an object share: its use count, and how to copy and destroy it.
 class ZEL_PLATFORM_API ControlBlock {
 public:
-    /// A new block, with use count 1, around a copy of the object made by the copy constructor of
-    /// the type for which this block was made. Throws std::logic_error if that type has none.
+    /// Returns a new block, with use count 1, that holds a copy of the object, made by the copy
+    /// constructor of the object's own type. Throws std::logic_error if that type has none.
     virtual ControlBlock* clone() const = 0;
 
-    /// Deletes the object and the block. `object()` no longer tells where the object is.
+    /// Deletes the object and the block. Must not use object(), which may have been overwritten.
     virtual void destroy() noexcept = 0;
 
     void acquire() noexcept { count.fetch_add(1, std::memory_order_relaxed); }
 
     void release() noexcept {
-        // The only owner needs no atomic write: nobody else can add to the count.
+        // The only owner needs no atomic write, since no other thread can change the count.
         if (useCount() == 1 || count.fetch_sub(1, std::memory_order_acq_rel) == 1)
             destroyInBoundedStack();
     }
@@ -43,12 +43,12 @@ protected:
     ~ControlBlock() = default;
 
 private:
-    /// Calls `destroy` for a block that has no user left: at once, or, deep inside of other such
-    /// calls, when the outermost of them has destroyed its own block.
+    /// Calls destroy() for a block that has no owner left. Deep inside nested calls it queues the
+    /// block, which the outermost call then destroys.
     void destroyInBoundedStack() noexcept;
 
     std::atomic<std::int64_t> count;
-    void* managed;  // of a block that waits to be destroyed: the next such block
+    void* managed;  // the object; in a queued block, the next block of the queue
 };
 
 /// A control block and its object in one allocation.
@@ -74,14 +74,14 @@ private:
 
 }  // namespace Internal
 
-/// A shared pointer of two words: the object and its control block. Copying adds 1 to the use
-/// count, and whoever brings it to 0 destroys the object; a move leaves the source empty. Distinct
-/// pointers to one object may be used from any number of threads; one pointer may not be written
+/// A shared pointer of two words: the object and its control block. A copy increases the use count;
+/// the owner that decreases it to 0 destroys the object. A move leaves the source empty. Distinct
+/// pointers to one object may be used from any number of threads; a pointer must not be written
 /// while another thread reads it.
 ///
-/// Releasing takes a bounded stack, however long a chain of objects that own each other is. Where
-/// destructors have released pointers 64 levels deep, a further object is destroyed after the
-/// outermost one, before its release returns; so hold no lock by a Ptr.
+/// Releasing needs a bounded stack, however long a chain of objects that own each other is. Where
+/// nested destructors release pointers more than 64 levels deep, the object is destroyed after the
+/// outermost object, before the outermost release returns. A Ptr must therefore not own a lock.
 template <class T> class Ptr {
 public:
     using Element = T;
@@ -135,12 +135,13 @@ public:
     /// The number of pointers that share the object; 0 for an empty pointer.
     std::int64_t useCount() const noexcept { return block ? block->useCount() : 0; }
 
-    /// A pointer to a copy of the object, of the type that the object was made as; empty if this is
-    /// empty. Throws what the copy constructor throws, and std::logic_error if there is none.
+    /// Returns a pointer to a copy of the object, made by the copy constructor of the object's own
+    /// type; an empty pointer for an empty one. Throws the exceptions of that constructor, and
+    /// std::logic_error if the type has none.
     Ptr<std::remove_const_t<T>> clone() const {
         Ptr<std::remove_const_t<T>> copy;
         if (!block) return copy;
-        // The part of the object that T names lies at the same place in the copy.
+        // The T in the object has the same offset in the copy.
         auto const offset =
             reinterpret_cast<char const*>(pointee) - static_cast<char const*>(block->object());
         copy.block = block->clone();
@@ -170,8 +171,8 @@ private:
     Internal::ControlBlock* block = nullptr;
 };
 
-/// Makes one object and its control block, in one allocation, with use count 1. Throws what the
-/// constructor throws.
+/// Makes an object and its control block, in one allocation, with use count 1. Throws the
+/// exceptions of the constructor, and std::bad_alloc.
 template <class T, class... Args> Ptr<T> makePtr(Args&&... args) {
     using Object = std::remove_const_t<T>;
     Ptr<T> made;
@@ -181,7 +182,7 @@ template <class T, class... Args> Ptr<T> makePtr(Args&&... args) {
     return made;
 }
 
-/// A pointer that shares the object of `from`, if that is a To; else an empty pointer.
+/// Returns a pointer that shares the object of `from` if the object is a To, else an empty pointer.
 template <class To, class From> Ptr<To> dynamicPtrCast(Ptr<From> const& from) noexcept {
     Ptr<To> to;
     if (To* const object = dynamic_cast<To*>(from.pointee)) {
@@ -194,7 +195,8 @@ template <class To, class From> Ptr<To> dynamicPtrCast(Ptr<From> const& from) no
 
 namespace Internal {
 
-/// The default object of a class that takes part in the runtime. Each such class specialises it.
+/// The default object of a class that is registered in the runtime. Each such class specialises
+/// this function.
 template <class T> Ptr<T> const& getDefaultClass();
 
 }  // namespace Internal

@@ -2,8 +2,9 @@
 
 #include <hwy/base.h>
 
-// What a source file of kernels includes before "hwy/foreach_target.h" and "hwy/highway.h".
+// The instruction sets for which kernels are compiled. A source file of kernels includes this
+// header before "hwy/foreach_target.h" and "hwy/highway.h".
 //
-// Left out: what lies between the baseline and SSE4.2, vectors without a fixed size, and the
-// AVX-512 extensions of later machines, which no kernel here needs.
+// Disabled are targets that no kernel needs: those between the baseline and SSE4.2, and registers
+// without a fixed size.
 #define HWY_DISABLED_TARGETS (HWY_SSSE3 | HWY_SVE | HWY_SVE_256 | HWY_SVE2 | HWY_SVE2_128)

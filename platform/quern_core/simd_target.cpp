@@ -31,7 +31,7 @@ bool isWideChosen = isWide(simdTargets().front());
 bool const& wideVectors = isWideChosen;
 
 void useSimdTarget(SimdTarget const& target) {
-    simdTargets();  // asks the machine before the first restriction
+    simdTargets();  // must query the machine before the first restriction
     hwy::SetSupportedTargetsForTest(target.bit);
     hwy::GetChosenTarget().Update(hwy::SupportedTargets());
     isWideChosen = isWide(target);

@@ -5,31 +5,31 @@
 #include <cstdint>
 #include <vector>
 
-// The instruction sets that kernels are compiled for. One is chosen at run time, for the whole
-// process, by the Highway library.
+// The instruction sets for which kernels are compiled. The Highway library selects one at run time,
+// for the whole process.
 namespace Quern {
 
-/// An instruction set that kernels are compiled for.
+/// An instruction set for which kernels are compiled.
 struct SimdTarget {
     std::int64_t bit;
     char const* name;
 };
 
-/// The instruction sets that this build has kernels for and this machine can run, best first. The
-/// last is the baseline, which every machine can run. Every one gives the same bits.
+/// The instruction sets for which this build has kernels and that this machine can run, best first.
+/// The last is the baseline, which every machine can run. All give the same bits.
 ZEL_PLATFORM_API std::vector<SimdTarget> simdTargets();
 
-/// From now on, in the whole process, kernels run with this element of `simdTargets()`. For tests
-/// and benchmarks; not while a kernel runs. The default is the first element.
+/// Makes all kernels in the process use this element of `simdTargets()`; the default is the first.
+/// For tests and benchmarks. Must not be called while a kernel runs.
 ZEL_PLATFORM_API void useSimdTarget(SimdTarget const& target);
 
-/// Whether the processor has vectors of 256 bits, AVX2, and the chosen instruction set uses them:
-/// for loops that a compiler makes into vector code of two widths. `useSimdTarget` sets it.
+/// Whether the selected instruction set has registers of 256 bits: selects between the two forms of
+/// loops that a compiler vectorises. `useSimdTarget` sets it.
 extern ZEL_PLATFORM_API bool const& wideVectors;
 
 }  // namespace Quern
 
-/// Marks the form of such a function that is called where there are wide vectors.
+/// Marks the form of a function that is called where wideVectors is true.
 #if defined(__x86_64__) && !defined(__AVX2__)
 #define ZEL_WIDE_TARGET __attribute__((target("avx2")))
 #else

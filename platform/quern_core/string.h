@@ -10,7 +10,7 @@
 
 namespace Quern {
 
-/// An immutable text. Copies share it, so that copying allocates nothing; like Ptr, distinct
+/// An immutable text. Copies share the text, so that a copy allocates nothing. As for Ptr, distinct
 /// strings may be used from any number of threads.
 class ZEL_PLATFORM_API String {
 public:
@@ -27,8 +27,8 @@ private:
     Ptr<std::string const> shared;  // empty for the empty text
 };
 
-/// A view of a text that ends with a zero: a literal, a std::string or a String, which must outlive
-/// the view.
+/// A view of a null-terminated text: a literal, a std::string or a String, which must outlive the
+/// view.
 class ZEL_PLATFORM_API StringView {
 public:
     constexpr StringView() noexcept = default;
@@ -55,7 +55,7 @@ inline bool operator==(StringView a, StringView b) noexcept {
 inline std::strong_ordering operator<=>(StringView a, StringView b) noexcept {
     return a.standardView() <=> b.standardView();
 }
-// A String beside another is compared as a view.
+// Two Strings are compared as views.
 inline bool operator==(String const& a, String const& b) noexcept {
     return StringView(a) == StringView(b);
 }

@@ -14,17 +14,17 @@
 namespace Quern::Internal {
 
 namespace {
-// Whole cache lines, so that two arrays written by two threads never share one.
+// Storage begins with a cache line, so that arrays written by different threads share none.
 constexpr std::size_t kCacheLine = 64;
 
-/// Asks the system to back large storage with large pages, so that reads at random places wait for
-/// the sample alone and not for the page tables too. Without an effect where there are none.
+/// Asks the system for large pages behind large storage: random reads then miss the cache, but
+/// rarely the page tables. Has no effect on systems without large pages.
 void askForLargePages([[maybe_unused]] void* storage, [[maybe_unused]] std::size_t size) {
 #ifdef MADV_HUGEPAGE
     constexpr std::size_t kLarge = std::size_t{4} << 20, kPage = 4096;
     if (size < kLarge) return;
     std::size_t const skipped = (kPage - reinterpret_cast<std::uintptr_t>(storage) % kPage) % kPage;
-    // No more than a wish.
+    // madvise is a hint; failure is harmless.
     madvise(static_cast<std::byte*>(storage) + skipped, (size - skipped) / kPage * kPage,
             MADV_HUGEPAGE);
 #endif

@@ -5,8 +5,9 @@
 
 namespace Vellum {
 
-/// The key of an object's property that says how long a unit of the scene is in metres: a `float`.
-/// Made when the library is loaded, ahead of the statics of all that link it.
+/// The key of an object's property with the length of a scene unit in metres, a `float`. The string
+/// is initialised when the library is loaded, before the static objects of all programs that link
+/// it.
 ZEL_PLATFORM_API extern Quern::String const sceneUnitsInMeters;
 
 }  // namespace Vellum

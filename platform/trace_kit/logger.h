@@ -4,8 +4,8 @@
 
 namespace Vellum {
 
-/// How much the process wants to hear: warnings from level 3 on. Safe to use from any number of
-/// threads.
+/// The verbosity of messages in this process: warnings are printed from level 3 on. Safe to use
+/// from any number of threads.
 class ZEL_PLATFORM_API Logger {
 public:
     Logger() = delete;
