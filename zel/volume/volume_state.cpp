@@ -15,14 +15,14 @@ using namespace ORV::TileTree3D;
 template <class Traits, class T, int W>
 bool initSamplerState(Quern::Ptr<ORV::Object> const& object, Quern::String const& channelName,
                       SamplerType type, bool wantHalo, VolumeSamplerState<Traits, T, W>& state) {
-    constexpr VoxelOffsetType kOnCorners = 7;
     state = {};
     state.container = object->component<Container<Traits>>(Orvane::Geometry::sVoxelTileTree);
     state.topology = object->component<VoxelTopology<Traits>>(Orvane::Geometry::sVoxelComp);
     state.channel = object->component<Channel<Traits, T, W, 0, 0>>(channelName);
     if (!state.container || !state.topology || !state.channel) return false;
     state.valid = true;
-    if (type != SamplerType::kLinear || !wantHalo || state.topology->offsetType() != kOnCorners)
+    if (type != SamplerType::kLinear || !wantHalo ||
+        state.topology->offsetType() != kOnVoxelCorners)
         return true;
     // From the channel's minimum depth on: in coarser tiles there are default values alone.
     int const minDepth = state.channel->minDepth();

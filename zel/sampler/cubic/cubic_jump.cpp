@@ -100,9 +100,8 @@ template <class Traits, class T>
 T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
                   VoxelOffsetType offsetType, DataChannel<Traits, T> const& channel,
                   typename Container<Traits>::ConstTileAccessor const& accessor) {
-    constexpr VoxelOffsetType kOnCorners = 7;
     if (!tile.exists() || tile.depth() < channel.minDepth()) return channel.defaultValue();
-    if (offsetType != kOnCorners && tile.depth() != depth) {
+    if (offsetType != kOnVoxelCorners && tile.depth() != depth) {
         auto const cell = cellAtTruePlace<Traits>(tile, tijk, depth, offsetType, accessor);
         if (cell.tile->depth() < 1) return channel.defaultValue();
         return blendCell<Traits, T>(cell, offsetType, channel, accessor);

@@ -14,8 +14,6 @@ namespace {
     template <class Traits, class T, class Ts, class Position, int A, int B>
 #define ZEL_DETAIL_CUBIC_SAMPLER VoxelSamplerCubic<Traits, T, Ts, Position, A, B>
 
-constexpr VoxelOffsetType kOnCorners = 7;
-
 /// Asks memory for the values of a stencil, whose lowest one is the voxel `low` of the first tile.
 template <class Traits, class T>
 void prefetch(std::array<T const*, 8> const& tiles, Internal::Int4 const& low) {
@@ -56,7 +54,7 @@ ZEL_DETAIL_CUBIC_SAMPLER::VoxelSamplerCubic(Container<Traits> const& container,
                                                                             jumpHandling !=
                                                                             kJumpTrilinear)},
       // There are no halos for samples off the corners of their voxels, nor of another tree.
-      m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == kOnCorners &&
+      m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == kOnVoxelCorners &&
                       channel.belongsTo(container)
                   ? cacheSize
                   : std::min(cacheSize, 0LL),

@@ -19,7 +19,7 @@ ZEL_DETAIL_LINEAR::VoxelSamplerLinear(Container<Traits> const& container,
       m_invWorldVoxel(1.0F / container.voxelSize()), m_defaultValue(halo.defaultValue()),
       m_minDepth(halo.belongsTo(container) ? halo.minDepth() : std::numeric_limits<int>::max()),
       m_depth(halo.depth()) {
-    if (topology.offsetType() != 7)
+    if (topology.offsetType() != kOnVoxelCorners)
         throw std::invalid_argument("VoxelSamplerLinear: a halo channel, and offset type " +
                                     std::to_string(topology.offsetType()));
 }
@@ -30,9 +30,9 @@ ZEL_DETAIL_LINEAR::VoxelSamplerLinear(Container<Traits> const& container,
                                       DataChannel<Traits, T> const& channel)
     : VoxelSampler<Traits, Real, Position>(container, topology),
       m_neighborAccessor(container.tileAccessor()),
-      m_cornerCache(topology.offsetType() == 7 ? Traits::kMaxDepth + 1 : 0),
-      m_ringCache(topology.offsetType() != 7 ? Traits::kMaxDepth + 1 : 0), m_container(&container),
-      m_channel(&channel), m_invWorldVoxel(1.0F / container.voxelSize()),
+      m_cornerCache(topology.offsetType() == kOnVoxelCorners ? Traits::kMaxDepth + 1 : 0),
+      m_ringCache(topology.offsetType() != kOnVoxelCorners ? Traits::kMaxDepth + 1 : 0),
+      m_container(&container), m_channel(&channel), m_invWorldVoxel(1.0F / container.voxelSize()),
       m_defaultValue(channel.defaultValue()), m_minDepth(channel.minDepth()),
       m_depth(channel.depth()) {
     // Nothing can be read from the samples of other tiles: the default value everywhere.
@@ -49,7 +49,7 @@ ZEL_DETAIL_LINEAR_HEAD Quern::String ZEL_DETAIL_LINEAR::samplerName() const {
 /// not matter. On a low face a sample of a ring tile may differ from that of the tile.
 ZEL_DETAIL_LINEAR_HEAD
 bool ZEL_DETAIL_LINEAR::insideTile(Internal::Int4 lijk) const {
-    int const lowest = this->m_offsetType == 7 ? 0 : 1;
+    int const lowest = this->m_offsetType == kOnVoxelCorners ? 0 : 1;
     auto const inside = [&](int i) { return lowest <= i && i < kSamples - 1; };
     return inside(lijk[0]) && inside(lijk[1]) && inside(lijk[2]);
 }
@@ -59,7 +59,7 @@ ZEL_DETAIL_LINEAR_HEAD
 bool ZEL_DETAIL_LINEAR::fills(TreeIndex const& tree, Internal::Int4 lijk) const {
     auto const depth = static_cast<unsigned>(tree.depth);
     long long const cached =
-        this->m_offsetType == 7 ? m_cornerCache[depth].tile : m_ringCache[depth].tile;
+        this->m_offsetType == kOnVoxelCorners ? m_cornerCache[depth].tile : m_ringCache[depth].tile;
     return cached != tree.tile && !insideTile(lijk) && m_channel->samples(tree);
 }
 
@@ -69,7 +69,7 @@ auto ZEL_DETAIL_LINEAR::channelCorner(TreeIndex const& tree, Internal::Int4 lijk
     T const* const samples = m_channel->samples(tree);
     if (!samples) return {nullptr, 0};
     if (insideTile(lijk)) return {samples + flat(lijk, kSamples), kSamples};
-    if (this->m_offsetType == 7)
+    if (this->m_offsetType == kOnVoxelCorners)
         return {filled(m_cornerCache, tree).data() + flat(lijk, kHaloWidth), kHaloWidth};
     return {filled(m_ringCache, tree).data() + flat(lijk + 1, kSamples + 2), kSamples + 2};
 }
