@@ -1,5 +1,5 @@
-// Field trees over the properties of a small mesh. The trees are written down before there is a
-// mesh; binding them to one makes each corner of its triangles read its own values. Prints tables.
+// Field trees over the properties of a small mesh. The trees are made before a mesh exists; once
+// they are bound to a mesh, each corner of its triangles reads its own values. Prints tables.
 
 #include <cmath>
 #include <cstdio>
@@ -24,15 +24,15 @@ template <class T> Quern::Ptr<Array<T>> values(std::initializer_list<T> list) {
     return makePtr<Array<T>>(list);
 }
 
-/// A turn around z.
+/// A rotation around the z axis.
 float4 turn(float degrees) {
     float const half = degrees * 3.14159265F / 360;
     return {0, 0, std::sin(half), std::cos(half)};
 }
 
-/// Two triangles on four points. An element is a corner of a triangle: the range indices lead from
-/// it to its point, where positions, densities and orientations are stored, or to its triangle,
-/// where the material is.
+/// Two triangles on four points. An element is a corner of a triangle: the range indices map it to
+/// its point, which has a position, a density and an orientation, or to its triangle, which has a
+/// material.
 Orvane::Object makeQuad(float size, float density, short material) {
     using namespace Orvane::Geometry;
     Orvane::Object mesh;
@@ -59,10 +59,10 @@ std::string text(float3 const& v) {
     return text(v.x) + text(v.y) + text(v.z);
 }
 
-/// A line for each element: its index and its value in each of the fields.
+/// Prints a line for each element: its index and its value in each of the fields.
 template <class... Fields> void printTable(char const* head, Fields const&... fields) {
     std::printf("%s\n", head);
-    // The fields here look at the element alone: where it is sampled does not matter.
+    // These fields depend on the element index alone: any position will do.
     Array<float3> const anywhere(kCorners);
     auto const print = [](auto const&... columns) {
         for (long long i = 0; i < kCorners; ++i)
@@ -74,7 +74,7 @@ template <class... Fields> void printTable(char const* head, Fields const&... fi
 }  // namespace
 
 int main() try {
-    // The trees. `mass` and what is below it are shared by both.
+    // The two trees share the subtree `mass`.
     VectorPtr const position = makePtr<zel::VectorGeoPropertyTriggered>("position");
     ScalarPtr const density = makePtr<zel::ScalarGeoPropertyTriggered>("density");
     ScalarPtr const material = makePtr<zel::ScalarGeoPropertyTriggered>("material");
@@ -92,13 +92,13 @@ int main() try {
         bindTree(position, quad), bindTree(rotation, quad), bindTree(density, quad),
         bindTree(material, quad));
 
-    // The same subtree in two trees, bound to two meshes.
+    // A shared subtree is bound to a different mesh in each tree.
     auto const first = bindTree(tree, quad);
     auto const second = bindTree(negative, dense);
     printTable("\n corner     first    second  never bound", first, second, mass);
 
-    // Only some corners of a mesh are sampled: a sampled index leads to one of them. There is no
-    // corner 9 and no fourth index, so the rest reads the default density.
+    // Property indices select the corners that are sampled. Corner 9 and a fourth index do not
+    // exist, so that the other elements read the default density.
     auto const selection = values<long long>({5, 2, 9});
     printTable("\nsampled   density     found", bindTree(density, dense, selection),
                bindTree(found, dense, selection));

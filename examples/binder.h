@@ -5,15 +5,15 @@
 
 #include <zel/zel.h>
 
-/// Binds the nodes of a tree that wait for an object, as far as a walk reaches: the time of a noise
-/// node is not shown to walks. It walks down from the node that it is called
-/// with, which must have no other user; below it, the walk puts a copy in the place of each node
-/// that somebody else holds too, so that no other tree is bound along. A node that the tree holds
-/// in two places becomes two nodes, so that a tree that shares at every level multiplies at each.
+/// Binds the triggerable nodes of a tree to an object. It visits the node with which it is called,
+/// which must have no other owner, and all its descendants that a walk visits; the time of a noise
+/// node is not among them. The walk replaces each descendant that has another owner by a copy, so
+/// that no other tree is bound. A node that appears twice in the tree is copied for each place, so
+/// that a tree that shares a subtree at every level doubles at every level.
 class Binder : public zel::FieldVisitor {
 public:
-    /// `indices`, if any, gives the element of the object that is meant by each sampled index. The
-    /// object must outlive the binder, but need not outlive the tree.
+    /// `indices`, if given, maps each sampled index to an element of the object. The object must
+    /// outlive the binder, but need not outlive the tree.
     explicit Binder(Orvane::Object const& object,
                     Quern::Ptr<Quern::Array<long long>> indices = nullptr)
         : object(object), indices(std::move(indices)) {}
@@ -21,7 +21,7 @@ public:
     using zel::FieldVisitor::operator();
     void operator()(zel::Field& node) override;
 
-    /// How many nodes it has bound.
+    /// The number of nodes that were bound.
     int count() const { return bound; }
 
 private:
@@ -30,8 +30,8 @@ private:
     int bound = 0;
 };
 
-/// The tree bound to an object. Whatever of it has another user, the root too, is copied first.
-/// Throws std::invalid_argument if there is no tree.
+/// Returns the tree, bound to an object. All nodes that have another owner, the root too, are
+/// copied first. Throws std::invalid_argument if `tree` is empty.
 template <class Interface>
 Quern::Ptr<Interface> bindTree(Quern::Ptr<Interface> tree, Orvane::Object const& object,
                                Quern::Ptr<Quern::Array<long long>> indices = nullptr) {

@@ -8,8 +8,8 @@
 
 namespace examples {
 
-/// The exit status of a program that has printed all: 0, or 2, with a message, if its standard
-/// output could not be written.
+/// Flushes the standard output and returns the exit status of the program: 0, or 2, after a
+/// message, if the output could not be written.
 inline int finish(char const* program) {
     errno = 0;
     if (std::cout.flush() && std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;

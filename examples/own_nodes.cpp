@@ -36,7 +36,7 @@ private:
     float radius;
 };
 
-/// A pointwise operator: the root of a * a + b * b.
+/// A pointwise operator: the square root of a * a + b * b.
 class Hypotenuse : public zel::PointwiseNode<Hypotenuse, zel::ScalarField> {
 public:
     Hypotenuse(ScalarPtr a, ScalarPtr b) : a(std::move(a)), b(std::move(b)) {}
@@ -72,7 +72,7 @@ private:
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
 
     void blockValues(zel::Block& block, zel::BlockResult<float>& out) const {
-        zel::Block::Frame const frame(block);  // gives back what is taken below
+        zel::Block::Frame const frame(block);  // frees the arrays that are allocated below
         auto mirrored = block.result<float3>();
         zel::mapBlock(
             block, mirrored,
@@ -88,7 +88,7 @@ private:
     ScalarPtr field;
 };
 
-/// A transform whose change of the position is the same everywhere: field(p - speed * time).
+/// A transform that moves all positions by the same offset: field(p - speed * time).
 class Drift : public zel::TransformNode<Drift, zel::ScalarField> {
 public:
     Drift(ScalarPtr field, float3 const& speed) : field(std::move(field)), speed(speed) {}
@@ -145,7 +145,7 @@ int main() {
     ScalarPtr const tree = makePtr<Mirror>(makePtr<Hypotenuse>(ring, plane));
     Printer()(*tree);
 
-    // `ring` is also held outside the tree: the walk replaces it there by a copy of its own.
+    // `ring` has another owner outside the tree: the walk replaces it in the tree by a copy.
     TimeSetter advance(1.0F);
     advance(*tree);
     Quern::Array<float3> const positions{{2, 0, 0}, {-2, 0, 0}, {0.5F, 1, 0}};

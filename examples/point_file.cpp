@@ -22,7 +22,7 @@ constexpr std::string_view kSpace = " \t\r", kByteOrderMark = "\xEF\xBB\xBF";
     throw std::runtime_error(name + ": " + what + ": " + std::generic_category().message(errno));
 }
 
-/// The text of a line, fit for a message: no control characters, not too long.
+/// The text of a line for a message: without control characters, and shortened.
 std::string shown(std::string_view line) {
     constexpr std::size_t kLongest = 100;
     std::string text(line.substr(0, kLongest));
@@ -36,7 +36,7 @@ void skipSpace(std::string_view& rest) {
     rest.remove_prefix(std::min(rest.find_first_not_of(kSpace), rest.size()));
 }
 
-/// Takes the next word off the front of `rest`; empty if there is none.
+/// Removes the first word from `rest` and returns it; empty if there is none.
 std::string_view nextWord(std::string_view& rest) {
     skipSpace(rest);
     std::string_view const word = rest.substr(0, rest.find_first_of(" \t\r,"));
@@ -44,21 +44,22 @@ std::string_view nextWord(std::string_view& rest) {
     return word;
 }
 
-/// Reads a number; gives what is wrong with it, or null.
+/// Reads a number. Returns a message about an error, or null.
 char const* parseNumber(std::string_view word, float& number) {
     if (word.size() > 1 && word[0] == '+' && word[1] != '-') word.remove_prefix(1);
     char const* const end = word.data() + word.size();
     auto const [stop, error] = std::from_chars(word.data(), end, number);
-    // The whole word is looked at first: "1e99x" is no number, in range or not.
+    // The syntax of the whole word comes first: "1e99x" is not a number, so its range is no error.
     if (error == std::errc::invalid_argument || stop != end) return "not a number";
     if (error == std::errc::result_out_of_range) {
-        number = std::strtof(std::string(word).c_str(), nullptr);  // tells too small from too large
+        // Unlike std::from_chars, strtof distinguishes numbers too small from numbers too large.
+        number = std::strtof(std::string(word).c_str(), nullptr);
         if (std::isinf(number)) return "number out of range";
     }
     return nullptr;
 }
 
-/// Reads one position; gives what is wrong with the line, or null.
+/// Reads a position. Returns a message about an error in the line, or null.
 char const* parsePoint(std::string_view rest, zel::float3& point) {
     for (int axis = 0; axis < 3; ++axis) {
         skipSpace(rest);
@@ -80,7 +81,7 @@ PointReader::PointReader(std::string const& path)
     if (!file) failWith(name, "cannot be opened");
 }
 
-/// Reads on behind what is left in the buffer. False at the end of the file.
+/// Appends the next part of the file to the unread text. Returns false at the end of the file.
 bool PointReader::fill() {
     constexpr std::size_t kLeast = std::size_t{1} << 20, kLongestLine = std::size_t{1} << 24;
     buffer.erase(0, std::exchange(begin, 0));
@@ -135,7 +136,7 @@ OutputFile::OutputFile(std::string const& path)
     if (isOpen || (fs::exists(status) && !fs::is_regular_file(status))) {
         opened.reset(std::fopen(path.c_str(), isOpen ? "a" : "w"));
     } else {
-        // Keeps a symbolic link, and replaces what it leads to.
+        // A symbolic link is kept: its target is replaced.
         if (fs::exists(status))
             target = fs::canonical(target);
         else if (fs::is_symlink(target))
@@ -144,7 +145,7 @@ OutputFile::OutputFile(std::string const& path)
         temporary += ".part" + std::to_string(getpid());
         opened.reset(std::fopen(temporary.c_str(), "wx"));
         if (opened && fs::exists(status)) {
-            std::error_code ignored;  // by a file system without permissions
+            std::error_code ignored;  // some file systems have no permissions
             fs::permissions(temporary, status.permissions(), ignored);
         }
     }

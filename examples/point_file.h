@@ -11,7 +11,7 @@
 
 namespace examples {
 
-/// A line that is no position. Its text reads `FILE:LINE: message: text of the line`.
+/// Reports a line that is not a position, as `FILE:LINE: message: text of the line`.
 class PointFileError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -31,7 +31,7 @@ public:
     /// Opens a file; `-` is the standard input. Throws std::runtime_error if it cannot be opened.
     explicit PointReader(std::string const& path);
 
-    /// The next positions, `most` unless the file ends; none at its end. Throws PointFileError for
+    /// Reads the next `most` positions, or fewer at the end of the file. Throws PointFileError for
     /// any other line and for a number too large for a float, and std::runtime_error if reading
     /// fails.
     Quern::Array<zel::float3> read(long long most);
@@ -44,13 +44,14 @@ private:
     FilePtr opened;
     std::FILE* file;
     std::string buffer;
-    std::size_t begin = 0;  // of what is not read yet of the buffer
+    std::size_t begin = 0;  // of the unread part of the buffer
     long long lineNumber = 0;
 };
 
-/// A file to write. One that is regular, or not there yet, appears complete or not at all: it is
-/// written beside its final place and moved there by `commit`. Devices, pipes and the standard
-/// output, `-`, are written directly. Errors are std::runtime_error with the name of the file.
+/// A file to write. A regular file, or one that does not exist yet, appears complete or not at all:
+/// it is written under a temporary name beside its target, and renamed by `commit`. Devices, pipes
+/// and the standard output, `-`, are written directly. Errors are std::runtime_error with the name
+/// of the file.
 class OutputFile {
 public:
     /// Throws if the file cannot be written, or is a directory.
@@ -66,7 +67,7 @@ private:
     [[noreturn]] void fail() const;
 
     std::string name;
-    std::filesystem::path target, temporary;  // of a file that is written beside its place
+    std::filesystem::path target, temporary;  // of a file that commit() renames
     FilePtr opened;
     std::FILE* file = nullptr;
 };

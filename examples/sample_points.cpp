@@ -15,11 +15,11 @@ using zel::float3;
 
 constexpr int kFailed = 2;
 
-/// How many points are in memory at a time. No scene looks at the element index, which starts anew
-/// with each batch.
+/// The number of points in memory at a time. The element index begins at 0 in each batch; no scene
+/// reads it.
 constexpr long long kPointsAtATime = 1 << 16;
 
-/// Nine digits, so that reading the text gives the same float.
+/// Writes nine digits, so that the same float is read back.
 void append(std::string& text, float value, char end) {
     char digits[32];
     auto const result =
@@ -28,7 +28,7 @@ void append(std::string& text, float value, char end) {
     text += end;
 }
 
-/// Appends `x y z value gx gy gz`, a line for each position.
+/// Appends a line `x y z value gx gy gz` for each position.
 void appendSamples(std::string& text, zel::ScalarField const& field,
                    Quern::Array<float3> const& points) {
     auto const samples = Core::Fields::evalAndGrad(field, points);

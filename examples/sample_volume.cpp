@@ -1,5 +1,5 @@
-// A volume, from its making to its values: an adaptive volume of a ball is built, put on an object,
-// bound to a tree of fields that was written down without it, and sampled. Prints a table.
+// Builds an adaptive volume of a ball, sets it as the volume of an object, binds trees of fields
+// that were made without it to the object, samples them and prints a table.
 
 #include <cmath>
 #include <cstdio>
@@ -22,14 +22,15 @@ float distance(float3 const& p) {
     return std::sqrt(p.x * p.x + p.y * p.y + p.z * p.z) - 1;
 }
 
-/// A volume from -2 to 2 along each axis that holds the distance from a ball of radius 1 in its
-/// channel "distance". Its tiles have 4 by 4 by 4 voxels, each half as wide at the next depth.
+/// A volume from -2 to 2 along each axis with the distance from a ball of radius 1 in its channel
+/// "distance". A tile has 4 by 4 by 4 voxels; at each depth voxels are half as wide as at the depth
+/// above.
 Quern::Ptr<ORV::Object> makeBall() {
     using namespace ORV::TileTree3D;
     constexpr float kVoxelSize =
-        4.0F / static_cast<float>(BinaryTraits::kRootWidth);  // of the deepest depth of all
+        4.0F / static_cast<float>(BinaryTraits::kRootWidth);  // the width of a finest voxel
     constexpr int kMaxDepth = 5;
-    // Whether there shall be a tile: finer ones only where the surface may pass through.
+    // Whether the tree is to have a tile: only where the surface may pass through it.
     auto const wanted = [](float3 const& low, float3 const& high, int) {
         float3 const half = (high - low) * 0.5F;
         return std::fabs(distance(low + half)) < half.x * 1.75F;
@@ -50,14 +51,14 @@ Quern::Ptr<ORV::Object> makeBall() {
 }  // namespace
 
 int main() try {
-    // The trees, one for each sampler: the ball with a coat of 0.1.
+    // One tree for each sampler: the ball, 0.1 thicker.
     auto const coatedBall = [](SamplerType type) {
         return ScalarPtr(
             makePtr<zel::ScalarFieldSubtract>(makePtr<zel::ScalarOrvaneTriggered>("distance", type),
                                               makePtr<zel::ScalarFieldConstant>(0.1F)));
     };
 
-    // The object. The trees are asked at places in centimetres, and the volume is in metres.
+    // The volume is in metres; the trees are evaluated at positions in centimetres.
     Orvane::Object object;
     Orvane::Geometry::setVolume(object, makeBall());
     object.setProperty(Vellum::sceneUnitsInMeters, 0.01F);

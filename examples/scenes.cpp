@@ -50,8 +50,8 @@ ScalarPtr allSolids() {
 }  // namespace
 
 ScalarPtr blend(ScalarPtr const& a, ScalarPtr const& b, float radius) {
-    // The quadratic smooth minimum. A child that is named twice is also evaluated twice, so the
-    // form that names each child least is the fastest.
+    // The quadratic smooth minimum. A child that appears twice is evaluated twice at a point, so
+    // that the form in which children appear least often is the fastest.
     ScalarPtr const near =
         make<zel::ScalarFieldMax>(constant(radius) - absolute(a - b), constant(0));
     ScalarPtr const square = make<zel::ScalarFieldPow>(near, 2.0F);
@@ -66,14 +66,15 @@ ScalarPtr bounded(ScalarPtr const& solid, float3 const& center, float radius) {
 }
 
 ScalarPtr cylinder(float radius) {
-    // A sphere that is stretched without end.
+    // A sphere that is stretched infinitely along z.
     constexpr float kEndless = std::numeric_limits<float>::infinity();
     ScalarPtr const sphere = make<zel::ScalarFieldSphere>(float3{}, radius);
     return make<zel::ScalarFieldScale>(sphere, float3{1, 1, kEndless});
 }
 
 ScalarPtr roundedBox(float3 const& halfWidths, float exponent) {
-    // Only a size of 1 is a half width; scaling it afterwards makes the slope at most 1 / least.
+    // For a box of size 1 the size is the half width. Scaled to its half widths it has a slope of
+    // at most 1 / least.
     ScalarPtr const unit = make<zel::ScalarFieldImplicitBox>(float3{}, 1.0F, exponent);
     float const least = std::min({halfWidths.x, halfWidths.y, halfWidths.z});
     return make<zel::ScalarFieldScale>(unit, halfWidths) * least;
@@ -162,7 +163,7 @@ VectorPtr vortexStreet() {
                                            {{2.0F, -0.42F, 0}, 1}}};
     VectorPtr flow = make<zel::VectorFieldConstant>(float3{0.35F, 0, 0});
     for (Eddy const& eddy : kEddies) {
-        // turn * axis x r / (|r|^2 + core): fastest near the core's rim, still at the centre.
+        // turn * axis x r / (|r|^2 + core): fastest near the rim of the core, and 0 at the centre.
         VectorPtr const axis = make<zel::VectorFieldConstant>(float3{0, 0, 0.55F * eddy.turn});
         VectorPtr const r = make<zel::VectorFieldPosition>();
         VectorPtr const swirl = make<zel::VectorFieldCross>(axis, r);
@@ -214,7 +215,7 @@ ScalarPtr ink(int steps) {
 ScalarPtr blossom() {
     constexpr float kEndless = std::numeric_limits<float>::infinity();
     constexpr float kWidth = 0.5F;
-    ScalarPtr const petals =  // two, on either side
+    ScalarPtr const petals =  // two opposite petals
         make<zel::ScalarFieldScale>(make<zel::ScalarFieldSphere>(float3{}, 1.0F),
                                     float3{1.2F, kWidth, kEndless}) *
         kWidth;

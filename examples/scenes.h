@@ -33,30 +33,29 @@ struct Solids {
 };
 Solids solids();
 
-/// Rings that run out from four centres and add up.
+/// The sum of rings around four centres.
 ScalarPtr interference();
 
 /// Smooth hills and hollows, for the gradient.
 ScalarPtr hills();
 
-/// A flow from left to right past eddies that turn by turns either way.
+/// A flow from left to right past eddies of alternating direction.
 VectorPtr vortexStreet();
 
-/// Fractal noise as the height of a landscape; most of it lies between -1 and 1.
+/// Fractal noise as the height of a landscape, mostly between -1 and 1.
 ScalarPtr mountains();
 
 /// A curve of steps, each a flat tread and a steep riser, along value = x from -1 to 1.
 Quern::Ptr<Orvane::Math::FCurve> terraceCurve();
 
-/// Veins, where it is 0, in between up to 1: stripes that noise has warped.
+/// Stripes that noise has warped: 0 in the veins of the marble, up to 1 between them.
 ScalarPtr marbleVeins();
 
-/// A drop of rings, -1 to 1 inside it and less outside, carried along by noise for that many steps
-/// of time.
+/// A drop of rings, -1 to 1 inside it and -2 outside, advected by noise for a number of time steps.
 ScalarPtr ink(int steps);
 
-/// A blossom around the z axis with 6 petals. Negative inside, but no distance: the slope is 0.5 to
-/// 1.2, from place to place.
+/// A blossom around the z axis with 6 petals. It is negative inside, but not a distance: its slope
+/// varies from 0.5 to 1.2.
 ScalarPtr blossom();
 
 }  // namespace examples

@@ -77,9 +77,9 @@ inline ScalarPtr clamp(ScalarPtr const& a, float min, float max) {
     return make<zel::ScalarFieldClamp>(a, min, max);
 }
 
-// Noise that stands still, at a time off the planes of the lattice: noise is 0 on some lines of
-// those, and pictures would show them. Features have a size of about 1 / frequency; each octave
-// after the first is half as large and `roughness` times as strong.
+// Noise at a constant time between the planes of the lattice: in such a plane noise is 0 along some
+// lines, which would show in pictures. Features have a size of about 1 / frequency; each octave is
+// half as large as the one before and `roughness` times as strong.
 
 inline ScalarPtr stillTime() {
     return constant(0.37F);
@@ -96,12 +96,13 @@ inline VectorPtr turbulence(float octaves, float frequency, std::int64_t seed,
                                                    stillTime(), 1.0F, true, seed);
 }
 
-/// `a` looked up at the position plus `displacement`.
+/// `a` evaluated at the position plus `displacement`.
 inline ScalarPtr displaced(ScalarPtr const& a, VectorPtr const& displacement) {
     return make<zel::ScalarFieldWarp>(a, make<zel::VectorFieldPosition>() + displacement);
 }
 
-// Solids are negative inside. Distances stay distances, or lower bounds of them.
+// Solids are negative inside. These operators make distances, or lower bounds of distances, from
+// distances.
 
 inline ScalarPtr unite(ScalarPtr const& a, ScalarPtr const& b) {
     return make<zel::ScalarFieldMin>(a, b);
@@ -116,19 +117,19 @@ inline ScalarPtr carve(ScalarPtr const& a, ScalarPtr const& b) {
 inline ScalarPtr moved(ScalarPtr const& a, float3 const& offset) {
     return make<zel::ScalarFieldTranslate>(a, offset);
 }
-/// Turned by a rotation vector, counter-clockwise seen from its tip: its length is the angle in
-/// radians.
+/// `a` rotated by a rotation vector: its length is the angle in radians, counter-clockwise as seen
+/// from its tip.
 inline ScalarPtr turned(ScalarPtr const& a, float3 const& rotation) {
     return make<zel::ScalarFieldRotate>(a, -rotation);
 }
 
-/// The union of `a` and `b` with the seam rounded where they are within `radius` of each other.
+/// The union of `a` and `b`, with the seam rounded where their values differ by less than `radius`.
 ScalarPtr blend(ScalarPtr const& a, ScalarPtr const& b, float radius);
 
-/// The solid itself near a ball around it; farther away the distance to the ball, which costs less.
+/// The solid near a ball that contains it; farther away the distance to the ball, which costs less.
 ScalarPtr bounded(ScalarPtr const& solid, float3 const& center, float radius);
 
-/// A cylinder around the z axis that has no end.
+/// An infinite cylinder around the z axis.
 ScalarPtr cylinder(float radius);
 
 /// A superellipsoid around the origin: an exponent of 2 gives an ellipsoid, a large one a box.

@@ -1,4 +1,4 @@
-// One scalar carried along by a flow: each panel is some steps of time after the one before it.
+// A scalar advected by a flow: each panel is some time steps after the panel before it.
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"

@@ -1,6 +1,6 @@
-// The closest points of an implicit blossom whose field is no distance. On the left the paths that
-// repeated steps take from a grid to its surface; on the right noise, looked up at the closest
-// point of each position, so that it is drawn out across the surface.
+// Closest points on an implicit blossom whose field is not a distance. Left: the paths of repeated
+// steps from a grid to the surface. Right: noise evaluated at the closest point of each position,
+// so that it is constant along lines across the surface.
 
 #include "gallery/gallery.h"
 #include "gallery/lines.h"
@@ -14,7 +14,7 @@ constexpr int kSize = 512;
 constexpr View kView{0, 0, 3.4F};
 constexpr int kSteps = 16;
 
-/// Dots at the points of a grid, the places after 1, 2, ... steps, and where they end.
+/// Draws the points of a grid, their positions after 1, 2, ... steps, and their final positions.
 void drawPaths(Meter& meter, ScalarPtr const& field, Image& image) {
     constexpr int kGrid = 16;
     Quern::Array<float3> const grid = pixelPositions(kView, kGrid, kGrid);

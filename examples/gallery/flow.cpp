@@ -15,7 +15,7 @@ namespace {
 
 constexpr int kFine = 2;  // samples for each pixel along an axis
 
-/// White noise: an even random value from 0 to 1 for each cell.
+/// White noise: a uniform random value from 0 to 1 for each cell.
 float cellNoise(int x, int y) {
     auto h =
         static_cast<std::uint32_t>(x) * 0x9E3779B1U ^ static_cast<std::uint32_t>(y) * 0x85EBCA77U;

@@ -21,10 +21,10 @@ public:
     Color& at(int x, int y) { return colors[index(x, y)]; }
     Color const& at(int x, int y) const { return colors[index(x, y)]; }
 
-    /// Pixels of `factor` by `factor` colours of this image, averaged.
+    /// A smaller image: each pixel is the mean of `factor` by `factor` pixels of this image.
     Image reduced(int factor) const;
 
-    /// Copies `image` into this one with its top left corner at (x, y); it has to fit.
+    /// Copies `image`, which must fit, into this one with its top left corner at (x, y).
     void place(Image const& image, int x, int y);
 
     /// Three bytes a pixel, in the sRGB encoding.
@@ -40,7 +40,7 @@ private:
     std::vector<Color> colors;
 };
 
-/// Equal images side by side, `columns` to a row, with white space between and around them.
+/// Arranges images of equal size in rows of `columns`, with white space between and around them.
 Image contactSheet(std::vector<Image> const& panels, int columns);
 
 }  // namespace examples

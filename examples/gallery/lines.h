@@ -5,11 +5,11 @@
 
 namespace examples {
 
-/// How much of a pixel is covered by a line of that width, `distance` from its middle; all in
-/// pixels.
+/// The part of a pixel that a line covers, by the width of the line and the distance of the pixel
+/// from its middle, in pixels.
 float coverage(float distance, float width);
 
-/// Where a position lies on an image of the view, in pixels from the top left corner.
+/// Converts a position to pixels from the top left corner of an image of the view.
 zel::float3 toPixels(View const& view, Image const& image, zel::float3 const& position);
 
 struct Pen {
@@ -18,8 +18,8 @@ struct Pen {
     float opacity = 1;  ///< of the middle of the line
 };
 
-/// Draws a line with round ends between two places in pixels, a dot if they are one. What lies off
-/// the image is left out; with a place that is not finite nothing is drawn.
+/// Draws a line with round ends between two places in pixels; a dot if they are equal. Parts
+/// outside the image are clipped. A line with a place that is not finite is not drawn.
 void drawLine(Image& image, zel::float3 const& from, zel::float3 const& to, Pen const& pen);
 
 }  // namespace examples

@@ -1,4 +1,4 @@
-// Draws pictures of fields into a folder and says what each of them cost.
+// Draws pictures of fields into a folder and prints the cost of each.
 
 #include <tbb/task_arena.h>
 

@@ -4,7 +4,7 @@
 
 namespace examples {
 
-/// Evaluates fields, and keeps count of the points and of the time that they take.
+/// Evaluates fields, and counts the points and the time that they take.
 class Meter {
 public:
     struct Tally {

@@ -1,4 +1,4 @@
-// Noise: one layer, and sums of layers. Above as values with iso-lines, below as surfaces.
+// Noise: one layer, and sums of layers; above as values with iso-lines, below as lit surfaces.
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"

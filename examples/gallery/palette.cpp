@@ -9,7 +9,7 @@ namespace examples {
 
 namespace {
 
-/// The colours of a ramp are at even distances from 0 to 1, with even passages between them.
+/// Interpolates linearly between colours that are evenly spaced from t = 0 to t = 1.
 Color onRamp(std::span<Color const> ramp, float t) {
     if (!(t > 0)) return ramp.front();
     float const place = std::min(t, 1.0F) * static_cast<float>(ramp.size() - 1);

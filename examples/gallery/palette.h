@@ -12,19 +12,19 @@ Color fromHex(std::uint32_t rgb);
 /// `a` at t = 0, `b` at t = 1.
 Color mix(Color const& a, Color const& b, float t);
 
-/// The colour of even perceived lightness and chroma at a hue in radians, cut to what a screen
-/// shows. Lightness runs from 0 to 1; a chroma of 0.12 fits at most hues.
+/// The colour with a perceived lightness, 0 to 1, and a chroma at a hue in radians, clipped to the
+/// colours of a screen. A chroma of 0.12 needs no clipping at most hues.
 Color fromHue(float lightness, float chroma, float hue);
 
 /// Orange below 0, blue above; deeper with the distance from 0, by 63 % at `scale`. Grey for a NaN.
 Color twoSided(float value, float scale);
 
-// Ramps from t = 0 to t = 1, and the colours at their ends beyond.
+// Colour ramps from t = 0 to t = 1, constant beyond.
 
 /// From dark violet through green to yellow.
 Color heat(float t);
 
-/// A map's colours of height: water, shore, woods, rock, snow.
+/// The colours of heights on a map: water, shore, woods, rock, snow.
 Color terrain(float t);
 
 /// From dark veins to white stone.
@@ -33,7 +33,7 @@ Color marble(float t);
 /// From pale early wood to dark late wood.
 Color wood(float t);
 
-/// Pigments on paper, that change at sharp edges.
+/// Pigments on paper, with sharp edges between them.
 Color pigment(float t);
 
 }  // namespace examples

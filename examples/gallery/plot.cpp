@@ -11,14 +11,15 @@ namespace {
 
 using zel::float3;
 
-/// `color` with the iso-lines at a sample where the field has that value and slope for each sample.
+/// Blends iso-lines over `color` at a sample, by the field's value there and its change from sample
+/// to sample.
 Color withLines(Color color, float value, float slope, PlotStyle const& style) {
     static Color const ink = fromHex(0x1A1A1A);
     if (!(slope > 0)) return color;  // a plateau, even one at the value of a line
     if (style.spacing > 0) {
         float const steps = value / style.spacing;
         float const distance = std::fabs(steps - std::round(steps)) * style.spacing / slope;
-        // Lines that would run together fade out.
+        // Lines that are too close to be distinguished fade out.
         float const room = style.spacing / slope / (style.lineWidth * kSamples);
         float const strength = 0.34F * std::clamp((room - 2) / 3, 0.0F, 1.0F);
         color = mix(color, ink, strength * coverage(distance, style.lineWidth * kSamples));
@@ -28,7 +29,7 @@ Color withLines(Color color, float value, float slope, PlotStyle const& style) {
     return color;
 }
 
-/// The light on a surface with these slopes to the right and upwards; 1 if it lies flat.
+/// The light on a surface by its slopes to the right and upwards; 1 for a flat surface.
 float daylight(float slopeX, float slopeY) {
     constexpr float3 kSun{-0.5F, 0.5F, 0.70710678F};
     float const facing = kSun.z - kSun.x * slopeX - kSun.y * slopeY;
@@ -64,8 +65,8 @@ Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int wi
     for (int y = 0; y < fine.height(); ++y)
         for (int x = 0; x < fine.width(); ++x) {
             float const value = at(x, y);
-            // The slope on the screen, towards the nearer of the neighbours in value, so that a
-            // jump beside the sample does not count.
+            // The slope on the screen, from the neighbour that is nearer in value, so that a jump
+            // beside the sample has no effect.
             auto const change = [&](float before, float after) {
                 return std::min(std::fabs(value - before), std::fabs(after - value));
             };

@@ -12,10 +12,10 @@ struct View {
     float width = 2;
 };
 
-/// The positions of the centres of all pixels, row after row from the top, y upwards.
+/// The positions of the centres of all pixels, row after row from the top; y points upwards.
 Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height);
 
-/// How a scalar field is drawn.
+/// The style of a scalar field drawn in two-sided colours.
 struct PlotStyle {
     float scale = 0.5F;      ///< value at which the colour is most of the way to its deepest
     float spacing = 0.1F;    ///< between iso-lines; 0 draws none
@@ -24,27 +24,27 @@ struct PlotStyle {
     bool axes = false;       ///< the lines x = 0 and y = 0, in white
 };
 
-/// The field in two-sided colours with iso-lines.
+/// Draws the field in two-sided colours with iso-lines.
 Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
            PlotStyle const& style = {});
 
-/// How a scalar field is drawn in the colours of a ramp.
+/// The style of a scalar field drawn in the colours of a ramp.
 struct RampStyle {
     Color (*ramp)(float t) = heat;
     float low = -1, high = 1;  ///< values at t = 0 and t = 1
     float relief = 0;  ///< if above 0, lit from the top left as a surface of height relief * value
 };
 
-/// The field in the colours of a ramp.
+/// Draws the field in the colours of a ramp.
 Image plotRamp(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
                RampStyle const& style);
 
-/// The direction of the field's gradient as a hue, and its slope as the brightness: by 63 % at
+/// Draws the direction of the field's gradient as the hue, and its slope as the brightness: 63 % at
 /// 1 / steepness.
 Image plotGradient(Meter& meter, zel::ScalarField const& field, View const& view, int width,
                    int height, float steepness = 1.1F);
 
-/// How many samples a pixel has along each axis, in all flat pictures.
+/// The number of samples of a pixel along each axis, in all flat pictures.
 inline constexpr int kSamples = 3;
 
 }  // namespace examples

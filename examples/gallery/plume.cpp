@@ -26,7 +26,7 @@ VectorPtr jet() {
     return wind + turbulence(4, 0.9F, 8, 0.55F) * (growth * 0.24F);
 }
 
-/// Starts spread evenly over a disc across the jet, from its middle outwards.
+/// The starts of the stream lines, spread evenly over a disc across the jet.
 Quern::Array<float3> starts() {
     constexpr float kRadius = 0.34F;
     constexpr float kTurn = std::numbers::pi_v<float> * 0.76393202F;  // the golden angle
@@ -34,7 +34,7 @@ Quern::Array<float3> starts() {
     for (int i = 0; i < kLines; ++i) {
         float const radius = kRadius * std::sqrt((static_cast<float>(i) + 0.5F) / kLines);
         float const angle = kTurn * static_cast<float>(i);
-        // The lines start apart by parts of a step, so that their joints do not line up.
+        // The starts are shifted by fractions of a step, so that the joints do not line up.
         float const part = 0.618034F * static_cast<float>(i);
         float const back = kStep * (part - std::floor(part));
         places[i] = {-0.2F - back, radius * std::sin(angle), radius * std::cos(angle)};
@@ -50,7 +50,7 @@ Image drawPlume(Meter& meter) {
     Image fine(kWidth * kFine, kHeight * kFine, fromHex(0x0B1020));
     std::vector<Pen> pens;
     for (int i = 0; i < kLines; ++i) {
-        // One hue for each place in the disc, so that the mixing shows.
+        // The hue depends on the start in the disc, so that the mixing shows.
         float const hue = 0.9F + 9.0F * places[i].y;
         pens.push_back({fromHue(0.78F, 0.13F, hue), 1.2F, 0.16F});
     }

@@ -1,5 +1,5 @@
-// A landscape of fractal noise, and the same with its heights sent through curves. Below each
-// landscape its curve, with the height before it to the right and the height after it upwards.
+// A landscape of fractal noise, and the same with its heights remapped by curves. Below each
+// landscape is its curve: the original height to the right, the remapped height upwards.
 
 #include "gallery/gallery.h"
 #include "gallery/lines.h"
@@ -31,12 +31,12 @@ CurvePtr island() {
                         FCurve::Extrapolation::kLinear, FCurve::Extrapolation::kLinear);
 }
 
-/// The curve as the edge of a cut through the land, from -1.2 to 1.2 along both axes.
+/// Draws the curve as a cross section of land, from -1.2 to 1.2 along both axes.
 Image chart(Meter& meter, CurvePtr const& curve) {
     constexpr View kView{0, 0, 2.4F};
     Color const ink = fromHex(0x1A1A1A);
     ScalarPtr const height = make<zel::ScalarFieldFCurve>(xPosition(), curve);
-    // Below the curve the colour of its height, above it none.
+    // The area below the curve has the colour of the height.
     Image image(kSize, kSize, fromHex(0xF4F3EF));
     auto const places = pixelPositions(kView, kSize, kSize);
     auto const heights = meter.values(*height, places);

@@ -1,5 +1,5 @@
-// Rings in a volume so coarse that a wave has 5 voxels, magnified 16 times, and twice as fine on
-// the right of the line. On top the values by each sampler and the rings themselves, below the
+// Rings in a coarse volume, magnified 16 times: a wave is 5 voxels long, and 10 on the right of the
+// line. The upper row shows the values by each sampler and the rings themselves, the lower row the
 // gradients: hue by direction, brightness by slope.
 
 #include <numbers>
@@ -17,7 +17,8 @@ Image drawSamplers(Meter& meter) {
     constexpr float kVoxel = 2 * kHalfWidth / (4 << kDepth);  // its width
     constexpr int kVoxels = 18, kMagnified = 16;
     constexpr int kSize = kVoxels * kMagnified;
-    // Away from the origin, where the default gradient takes differences over rounding errors.
+    // Away from the origin, near which the finite differences of the gradient are so small that
+    // rounding errors show.
     constexpr float kJump = 0.25F;
     constexpr View kView{kJump, 0.4F, kVoxels * kVoxel};
     float const frequency = 2 * std::numbers::pi_v<float> / (5 * kVoxel);

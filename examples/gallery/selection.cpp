@@ -1,4 +1,4 @@
-// Nodes that limit, mix and choose.
+// Nodes that clamp, interpolate and select.
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"

@@ -29,8 +29,9 @@ struct Ray {
     float3 at(float t) const { return origin + direction * t; }
 };
 
-/// Moves along all rays together, starting at `start`. `step(i, t, value)` sees the value of the
-/// field at `t` on ray `i`, moves `t` on, and says whether the ray goes on.
+/// Marches along all rays together, from distance `start` on. `step(i, t, value)` receives the
+/// value of the field at distance `t` on ray `i`, increases `t`, and returns whether the ray
+/// continues.
 template <class Step>
 void march(Meter& meter, zel::ScalarField const& field, std::vector<Ray> const& rays, float start,
            Step const& step) {
@@ -52,7 +53,7 @@ void march(Meter& meter, zel::ScalarField const& field, std::vector<Ray> const& 
     }
 }
 
-/// How far along each ray the surface lies; infinite where it is not met.
+/// The distance of the surface along each ray; infinite if the ray misses it.
 std::vector<float> surfaceDistances(Meter& meter, zel::ScalarField const& field,
                                     std::vector<Ray> const& rays, float safety) {
     std::vector<float> distances(rays.size(), INFINITY);
@@ -67,8 +68,8 @@ std::vector<float> surfaceDistances(Meter& meter, zel::ScalarField const& field,
     return distances;
 }
 
-/// How much light reaches the start of each ray, 0 to 1: less, the nearer the ray passes by a
-/// solid, as seen from its start.
+/// The light that reaches the start of each ray, 0 to 1: the smaller the angle between the ray and
+/// a solid, seen from its start, the less.
 std::vector<float> lightAlong(Meter& meter, zel::ScalarField const& field,
                               std::vector<Ray> const& rays) {
     constexpr float kSharpness = 11.0F;  // about 1 / the angle of the light source
@@ -86,8 +87,8 @@ std::vector<float> lightAlong(Meter& meter, zel::ScalarField const& field,
     return light;
 }
 
-/// How open the space above each point is, 0 to 1: the field there, against what it would be over
-/// a plane.
+/// The openness of the space above each point, 0 to 1: the field at some heights above it, relative
+/// to the field above a plane.
 std::vector<float> openness(Meter& meter, zel::ScalarField const& field,
                             std::vector<Ray> const& normals) {
     std::vector<float> closed(normals.size());

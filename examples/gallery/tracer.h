@@ -8,7 +8,7 @@
 
 namespace examples {
 
-/// From where a picture of solids is seen. The y axis points up.
+/// The camera of a picture of solids. The y axis points up.
 struct Camera {
     zel::float3 eye, target;
     float halfWidth;  ///< of the picture, at distance 1
@@ -17,13 +17,13 @@ struct Camera {
 /// The albedo at each position.
 using Albedo = std::function<std::vector<Color>(Quern::Array<zel::float3> const& positions)>;
 
-/// The solids where the field is negative, in the sun, by sphere tracing (J. C. Hart, 1996): the
-/// value of the field at a point, times `safety`, is a step that must not pass the surface. All
-/// rays that are still under way go into one batch for each step.
+/// Draws the solids where the field is negative, in sunlight, by sphere tracing (J. C. Hart, 1996):
+/// the value of the field at a point, times `safety`, must be a step that does not pass the
+/// surface. Each step evaluates the field for all active rays in one batch.
 Image traceSolids(Meter& meter, zel::ScalarField const& field, Camera const& camera, int width,
                   int height, float safety, Albedo const& albedo);
 
-/// A solid, and the albedo where its field is the least of all.
+/// A solid, and its albedo, which applies where its field is less than those of all other solids.
 struct Part {
     zel::ScalarPtr field;
     Color color;

@@ -9,7 +9,7 @@ namespace examples {
 
 namespace {
 
-/// A flag on a pole, with a knob: no mirror image and no turn of it is the same.
+/// A flag on a pole, with a knob: it has no symmetry.
 ScalarPtr motif() {
     ScalarPtr const pole = moved(sharpBox({0.07F, 0.5F, 0.5F}), {-0.25F, 0, 0});
     ScalarPtr const bar = moved(sharpBox({0.3F, 0.16F, 0.5F}), {0.05F, 0.3F, 0});

@@ -1,6 +1,6 @@
-// A solid as an adaptive volume, whose tiles are the smaller the nearer they are to its surface. A
-// tree that displaces the volume by noise is written down without it and bound to it afterwards,
-// once for each way to sample a volume. Slices with the borders of the tiles, and solids.
+// A solid as an adaptive volume, whose tiles are smaller near its surface. Trees that displace the
+// volume by noise, one for each sampler type, are made first and bound to the volume afterwards.
+// The picture shows slices with the borders of the tiles, and solids.
 
 #include <array>
 #include <cmath>
@@ -24,14 +24,14 @@ constexpr float kHalfWidth = 1.5F;
 VolumeObject makeDie(int depth) {
     ScalarPtr const die = turned(findScene("die")->make(), {0.45F, 0.6F, 0.1F});
     auto const nearSurface = [&](float3 const& low, float3 const& high, int) {
-        // The die's field is no more than the distance.
+        // The die's field is at most the distance in magnitude, so that no tile is missed.
         float const reach = Orvane::Math::length(high - low) / 2;
         return std::fabs(die->eval((low + high) * 0.5F, 0)) < reach;
     };
     return makeVolume(die, kHalfWidth, depth, nearSurface, 1.0F);
 }
 
-/// The volume with its surface displaced by noise, before it is bound.
+/// The volume with its surface displaced by noise; not bound yet.
 ScalarPtr displacedVolume(zel::SamplerType type) {
     return volumeField(type) + fractalNoise(4, 1.6F, 9) * 0.06F;
 }
@@ -90,7 +90,7 @@ Image drawVolumeSolids(Meter& meter) {
         all = unite(all, parts.back().field);
     }
     Camera const camera{{0.5F, 2.35F, 7.6F}, {0.08F, 0.72F, 0}, 0.47F};
-    // The noise makes the field steeper than a distance.
+    // Noise makes the field steeper than a distance, so that steps must be shorter.
     return traceSolids(meter, *all, camera, 800, 400, 0.75F,
                        [&](auto const& at) { return albedoOfLeast(meter, parts, at); });
 }

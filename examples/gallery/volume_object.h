@@ -6,7 +6,8 @@
 
 namespace examples {
 
-/// An object whose volume has the channel `kChannel` of a field's values, and the volume's tree.
+/// An object with a volume, whose channel `kChannel` has the values of a field, and the volume's
+/// tree.
 struct VolumeObject {
     static constexpr char const* kChannel = "values";
 
@@ -14,16 +15,16 @@ struct VolumeObject {
     Quern::Ptr<ORV::TileTree3D::Container<ORV::TileTree3D::BinaryTraits>> tree;
 };
 
-/// A volume from -halfWidth to halfWidth along each axis, with tiles down to `depth` where they are
-/// wanted, and the value `outside` beyond. Tiles of depth `d` have 4 samples along an axis, the
-/// whole volume 4 * 2^d of them.
+/// Makes a volume from -halfWidth to halfWidth along each axis, with tiles down to `depth` where
+/// the predicate holds, and the value `outside` beyond. A tile has 4 samples along an axis, the
+/// whole volume 4 * 2^d samples at depth d.
 VolumeObject makeVolume(ScalarPtr const& field, float halfWidth, int depth,
                         ORV::TileTree3D::RefinePredicate const& wanted, float outside);
 
 /// A leaf that reads such a volume once it is bound.
 ScalarPtr volumeField(zel::SamplerType type);
 
-/// All ways to sample a volume.
+/// All sampler types.
 inline constexpr zel::SamplerType kSamplerTypes[] = {
     zel::SamplerType::kLinear, zel::SamplerType::kCubicC0, zel::SamplerType::kCubicC1};
 

@@ -1,4 +1,4 @@
-// Regular patterns above; below, the same looked up at positions that noise has displaced.
+// Regular patterns above; below, the same patterns at positions displaced by noise.
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"
@@ -8,14 +8,14 @@ namespace examples {
 
 namespace {
 
-/// Three layers of noise of their own, as a vector.
+/// A vector of three independent noises.
 VectorPtr noiseVector(float octaves, float frequency, std::int64_t seed) {
     return make<zel::VectorFieldFromComponents>(fractalNoise(octaves, frequency, seed),
                                                 fractalNoise(octaves, frequency, seed + 1),
                                                 fractalNoise(octaves, frequency, seed + 2));
 }
 
-/// The year rings of a trunk along z: the wood darkens with a year, and begins anew.
+/// The year rings of a trunk along z: the wood darkens within each ring.
 ScalarPtr yearRings() {
     using Orvane::Math::FCurve;
     auto const year =
