@@ -6,7 +6,7 @@
 
 namespace {
 
-// Two plain loads and a branch when nobody counts, so that timings stay what they are.
+// Costs two plain loads and a branch when nothing is counted, too little to affect timings.
 std::atomic<bool> counting{false};
 std::atomic<std::size_t> countedBlocks{0};
 std::atomic<std::size_t> countedBytes{0};
@@ -40,7 +40,7 @@ std::size_t AllocationCount::bytes() const {
     return countedBytes;
 }
 
-// The array and the nothrow forms of the standard library call these.
+// The array and the nothrow forms in the standard library call these operators.
 
 void* operator new(std::size_t size) {
     return counted(std::malloc(size > 0 ? size : 1), size);

@@ -2,9 +2,9 @@
 
 #include <cstddef>
 
-/// Counts what operator new hands out, anywhere in the process, while an object of this class
-/// exists. What a library takes from malloc or from its own allocator is not seen. One object at a
-/// time.
+/// Counts allocations by operator new, in all threads, while an object of this class exists; there
+/// may be only one at a time. Allocations by malloc, or by a library's own allocator, are not
+/// counted.
 class AllocationCount {
 public:
     AllocationCount();

@@ -1,8 +1,8 @@
-// The cubic sampler, of all types, in a volume that is filled throughout: against a Lagrange
-// tricubic read of a dense array of the same samples, written by hand, and against OpenVDB's
-// quadratic sampler with an accessor where that library is installed, which reads 27 samples and
-// not 64. Along scan lines in half-voxel steps, and at random points. And the cost of a sample next
-// to a coarser tile, blended or adaptive, against that of one away from it.
+// Measures the cubic sampler, with all interpolation types, in a volume that is filled throughout:
+// along scan lines in half-voxel steps, and at random points. Compared with it are a tricubic
+// Lagrange sampler, written by hand, of a dense array with the same samples; and, where OpenVDB is
+// installed, its quadratic sampler with an accessor, which reads 27 samples instead of 64. Also
+// measures a sample next to a coarser tile, blended or adaptive, against a sample away from it.
 
 #include <benchmark/benchmark.h>
 
@@ -35,7 +35,7 @@ template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, fl
 constexpr float kVoxelSize = 0.1F;
 constexpr int kWorld = 2;
 
-/// Positions one array a component, in world units.
+/// Positions in world units, with an array for each component.
 struct Positions {
     std::vector<float> x, y, z;
 
@@ -45,7 +45,7 @@ struct Positions {
         z.push_back(k * kVoxelSize);
     }
     int count() const { return static_cast<int>(x.size()); }
-    /// The sum of what `read` gives at all positions, of the first components.
+    /// The sum of the first component of `read(position)` over all positions.
     template <class Read> double sum(Read const& read) const {
         float total = 0;
         for (std::size_t n = 0; n < x.size(); ++n) {
@@ -56,8 +56,8 @@ struct Positions {
     }
 };
 
-/// Within `size` voxels from `low` on, two away from the sides: line after line, half a voxel from
-/// one to the next and to the next line, or at random.
+/// Positions within `size` voxels from `low` on, two voxels away from the sides: along lines, with
+/// half a voxel between positions and between lines, or at random.
 Positions makePositions(bool scan, int low, int size, int count) {
     Positions p;
     float const first = static_cast<float>(low) + 2.25F;
@@ -74,7 +74,7 @@ Positions makePositions(bool scan, int low, int size, int count) {
     return p;
 }
 
-/// One way to read samples at all positions; `baseline` names another one to compare it with.
+/// A method of reading samples at all positions; `baseline` names the method to compare it with.
 struct Reader {
     std::string name, baseline;
     int count;
@@ -134,7 +134,7 @@ public:
     }
     Filled(Filled const&) = delete;
 
-    /// Whether the sampler and the array give about the same.
+    /// Whether the sampler and the array agree approximately.
     bool agree() const {
         double worst = 0;
         m_positions.sum([&](float3 const& p) {
@@ -170,8 +170,8 @@ private:
 #endif
 };
 
-/// A volume that is fine for x below 0, and coarser by a depth above. Lines across y in half-voxel
-/// steps: away from the jump, and in the last fine voxel before it.
+/// A volume that is fine for x below 0, and coarser by one depth above. The positions are lines
+/// along y in half-voxel steps: away from the jump, and in the last fine voxel before it.
 template <class Traits> class Jump {
 public:
     Jump(std::string const& name, int count, Readers& readers)

@@ -9,7 +9,7 @@
 #include "zel_platform/orvane_math/vectors.h"
 #include "zel_platform/quern_core/array.h"
 
-/// What the benchmarks of the samplers fill their volumes with: curved, and with a crease.
+/// The function with which the sampler benchmarks fill their volumes: curved, and with a crease.
 template <class T> T creasedFunction(Orvane::Math::float3 const& p) {
     float const v = p.x * p.y - p.z + std::abs(p.x - p.z);
     if constexpr (std::is_same_v<T, float>)
@@ -18,8 +18,9 @@ template <class T> T creasedFunction(Orvane::Math::float3 const& p) {
         return {v, 1 - v, 2 * v};
 }
 
-/// Samples in a dense array, `size` along each axis, x fastest, from lattice point `low` on: what a
-/// caller without a sparse volume would write by hand, as fast as that is.
+/// Samples in a dense array, `size` along each axis, x fastest, from lattice point `low` on, with
+/// samplers that are written by hand for speed: the alternative of a caller without a sparse
+/// volume.
 template <class T> struct DenseVolume {
     using float3 = Orvane::Math::float3;
 
@@ -27,7 +28,7 @@ template <class T> struct DenseVolume {
     float inverseVoxelSize;
     Quern::Array<T> samples{};
 
-    /// The trilinear value, zero outside, and its gradient.
+    /// The trilinear value, and its gradient; zero outside.
     T linear(float3 const& p, float3* gradient = nullptr) const {
         Place at(*this, p);
         if (!at.inside(0, size - 1)) return T();
@@ -50,7 +51,7 @@ template <class T> struct DenseVolume {
         return lerp(y0, y1, at.fz);
     }
 
-    /// The tricubic value by Lagrange's polynomials, zero outside: four rows at a time along x.
+    /// The tricubic value by Lagrange polynomials; zero outside. Sums four rows along x at a time.
     T cubic(float3 const& p) const {
         Place at(*this, p);
         if (!at.inside(1, size - 2)) return T();
@@ -78,7 +79,8 @@ private:
             y = p.y * volume.inverseVoxelSize - l;
             z = p.z * volume.inverseVoxelSize - l;
         }
-        /// And splits the coordinates, if so.
+        /// Whether all coordinates are from `first` to below `end`. Sets their integer parts and
+        /// fractions if they are.
         bool inside(int first, int end) {
             auto const a = static_cast<float>(first), b = static_cast<float>(end);
             if (!(x >= a && x < b && y >= a && y < b && z >= a && z < b)) return false;
@@ -106,7 +108,7 @@ private:
     }
 };
 
-/// The samples of the deepest depth of a volume with one sample at the low corner of each voxel.
+/// Copies the samples of the deepest depth from a volume with samples on voxel corners.
 template <class Traits, class T>
 DenseVolume<T> denseCopy(ORV::TileTree3D::Volume<Traits, T> const& volume, int low, int size) {
     DenseVolume<T> dense{low, size, 1 / volume.container->voxelSize(), {}};

@@ -1,7 +1,7 @@
-// The linear sampler in a volume that is filled throughout, against a trilinear read of a dense
-// array of the same samples, written by hand, and against OpenVDB's box sampler with an accessor
-// where that library is installed: along scan lines in half-voxel steps of a volume that the caches
-// hold, and at random points of one that they do not.
+// Measures the linear sampler in a volume that is filled throughout: along scan lines in half-voxel
+// steps in a volume that fits the caches, and at random points in a volume that does not. Compared
+// with it are a trilinear sampler, written by hand, of a dense array with the same samples; and,
+// where OpenVDB is installed, its box sampler with an accessor.
 
 #include <benchmark/benchmark.h>
 
@@ -34,7 +34,7 @@ using namespace ORV::TileTree3D;
 constexpr float kVoxelSize = 0.1F;
 constexpr int kWorld = 2;
 
-/// Positions one array a component, in world units.
+/// Positions in world units, with an array for each component.
 struct Positions {
     std::vector<float> x, y, z;
 
@@ -50,8 +50,8 @@ struct Positions {
     }
 };
 
-/// Inside a cube of `size` voxels whose low corner is at `low`: line after line, half a voxel from
-/// one to the next and to the next line, or at random.
+/// Positions inside a cube of `size` voxels whose low corner is at `low`: along lines, with half a
+/// voxel between positions and between lines, or at random.
 Positions makePositions(bool scan, int low, int size, int count) {
     Positions p;
     auto const first = static_cast<float>(low) + 0.25F;
@@ -72,14 +72,14 @@ Positions makePositions(bool scan, int low, int size, int count) {
     return p;
 }
 
-/// One way to read samples at all positions.
+/// A method of reading samples at all positions.
 struct Reader {
     std::string name;
-    /// Reads all positions, and returns the sum of what it read.
+    /// Reads the samples at all positions, and returns their sum.
     std::function<double()> run;
 };
 
-/// Calls `read(position)` for all positions, and sums the floats of what it gives.
+/// Calls `read(position)` for all positions, and returns the sum of all floats in the results.
 template <class Read> double sumOf(Positions const& at, Read const& read) {
     float sum = 0;
     for (int i = 0, n = at.count(); i < n; ++i) {
@@ -134,7 +134,7 @@ template <class T> struct Vdb {
 };
 #endif
 
-/// A volume, the same samples in an array, and what reads them.
+/// A volume, the same samples in an array, and the samplers that read them.
 template <class Traits, class T> class Subject {
 public:
     Subject(std::string const& name, bool scan, int tiles, int count)
@@ -208,7 +208,7 @@ public:
         return m_positions.count();
     }
 
-    /// Whether the ways to read the same place give about the same.
+    /// Whether all methods agree approximately.
     bool agree() {
         for (int i = 0; i < count(); i += 101) {
             T const a = m_halos->sample(m_positions[i], Traits::kMaxDepth, kWorld);

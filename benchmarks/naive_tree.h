@@ -6,8 +6,8 @@
 
 #include "zel/field/math.h"
 
-// The tree that one writes in an afternoon: a virtual function and std::shared_ptr children. Node
-// for node the formulas of ZEL, and nothing else that a ZEL node does.
+// A minimal expression tree: one virtual function and std::shared_ptr children. The nodes have the
+// formulas of ZEL's nodes and none of their other features.
 namespace naive {
 
 using Orvane::Math::float3;

@@ -1,8 +1,8 @@
-// Noise against the textbook: ns a sample of every noise function, and of a plain implementation of
-// four-dimensional simplex noise, over the same million points in the same run. `/0` are points
-// scattered over the lattice, `/1` steps along a line. The block forms run on every instruction set
-// of the machine, in blocks of 128 points; the nodes by points, and in a batch on one thread with
-// every instruction set and on all threads with the best.
+// Measures every noise function against a textbook implementation of four-dimensional simplex
+// noise, over the same million points in the same run, in ns a sample. `/0` are points scattered
+// over the lattice, `/1` points along a line. The functions for blocks run with every instruction
+// set of the machine, in blocks of 128 points. Nodes run point by point, in a batch on one thread
+// with every instruction set, and in a batch on all threads with the best instruction set.
 
 #include "zel/zel.h"
 #include "zel_platform/orvane_math_support/noise.h"
@@ -25,9 +25,9 @@ namespace {
 
 using namespace Orvane::Math;
 
-/// Simplex noise as the textbooks have it (S. Gustavson, "Simplex noise demystified", 2005): a
-/// permutation of 256 entries, 32 gradients at the midpoints of the edges of a hypercube, ranks by
-/// comparison, one branch a vertex.
+/// Textbook simplex noise (S. Gustavson, "Simplex noise demystified", 2005): a permutation of 256
+/// entries, 32 gradients at the midpoints of the edges of a hypercube, ranks by comparison, one
+/// branch a vertex.
 class TextbookNoise {
 public:
     explicit TextbookNoise(unsigned seed) {
@@ -117,7 +117,7 @@ template <class Noise> void run(benchmark::State& state, Noise const& noise) {
     countSamples(state, p.size());
 }
 
-/// The coordinates of the points as arrays.
+/// The points, with an array for each coordinate.
 template <class Real> struct Coordinates { std::vector<Real> x, y, z, w; };
 template <class Real> Coordinates<Real> const& coordinates(bool line) {
     auto const make = [](bool onLine) {
@@ -134,8 +134,8 @@ template <class Real> Coordinates<Real> const& coordinates(bool line) {
     return line ? straight : scattered;
 }
 
-/// A benchmark of a block form for each instruction set. `noise` takes pointers to the coordinates
-/// of a block, and twelve arrays for results.
+/// Registers a benchmark of a function for blocks with each instruction set. `noise` receives
+/// pointers to the coordinates of a block, and twelve arrays for results.
 template <class Real, class Noise> void addBlock(std::string const& name, Noise const& noise) {
     constexpr int kBlock = 128;
     for (auto const& target : Quern::simdTargets())
@@ -215,8 +215,8 @@ zel::ScalarPtr constantTime() {
     return Quern::makePtr<zel::ScalarFieldConstant>(1.5f);
 }
 
-/// Benchmarks of a node with a constant time: called point by point through its interface, and in
-/// a batch on one thread with each instruction set.
+/// Registers benchmarks of a node with a constant time: called point by point through its
+/// interface, and in a batch on one thread with each instruction set.
 template <class Node, class... Args> void addNode(std::string const& name, Args const&... args) {
     auto const node = Quern::makePtr<Node>(args...);
     benchmark::RegisterBenchmark(

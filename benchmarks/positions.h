@@ -3,8 +3,8 @@
 #include "zel_platform/orvane_math/vectors.h"
 #include "zel_platform/quern_core/array.h"
 
-/// 2^20 positions in the cube from -1.5 to 1.5, as neighbours along the scan lines of a grid of 128
-/// by 128 by 64 points.
+/// 2^20 positions in the cube from -1.5 to 1.5, along the scan lines of a grid of 128 by 128 by 64
+/// points.
 inline Quern::Array<Orvane::Math::float3> scanLines() {
     constexpr int kColumns = 128, kRows = 128, kSlices = 64;
     auto const coordinate = [](int i, int count) {

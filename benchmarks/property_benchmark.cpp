@@ -1,15 +1,15 @@
-// What it costs to read a geometry property through a node, against a plain indexed loop over the
-// same arrays, for 2^20 elements in the same run: nanoseconds an element on one thread. After the
-// report of the benchmarks, a table gives the medians and their ratios. The forms must agree before
-// anything is timed.
+// Measures the cost of reading a geometry property through a node, against a plain indexed loop
+// over the same arrays, for 2^20 elements in the same run, in nanoseconds an element on one thread.
+// After the report of the benchmarks, a table shows the medians and their ratios. All forms must
+// agree before the first measurement.
 //
 //   float      a float property
 //   converted  a property of type short
 //   mapped     a float property through property indices and range indices, both shuffled blockwise
 //
-//   loop   the reads by hand, without a test of the indices, into an array that exists already
-//   point  the node's point eval in a loop, likewise
-//   batch  the node's batch eval, the allocation of the result included
+//   loop   a loop by hand, without checks of the indices, that writes to an existing array
+//   point  the node's point eval in such a loop
+//   batch  the node's batch eval, including the allocation of the result
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>
@@ -34,11 +34,11 @@ using Quern::makePtr;
 
 constexpr long long kCount = 1 << 20;
 
-/// Evaluates all elements; the values stay until the next call.
+/// Evaluates all elements. The returned values are valid until the next call.
 using Evaluate = std::function<float const*()>;
 
-/// The indices below kCount, shuffled within blocks of 64: neighbours stay near each other, as in a
-/// mesh.
+/// The indices below kCount, shuffled within groups of 64, so that neighbours stay close to each
+/// other, as in a mesh.
 template <class T> Quern::Ptr<Array<T>> shuffled(unsigned seed) {
     auto indices = makePtr<Array<T>>(kCount);
     for (long long i = 0; i < kCount; ++i) (*indices)[i] = static_cast<T>(i);
@@ -63,7 +63,7 @@ struct Arrays {
     Array<float> out = Array<float>(kCount);
 };
 
-/// The forms of one read: a node bound to `values`, through the maps if there are any, and
+/// The forms of a read: a node that is bound to `values`, through the maps if they are given, and
 /// `read(values, i)` by hand.
 template <class T, class Read>
 Subject makeSubject(std::string const& name, Arrays& arrays,
@@ -78,7 +78,7 @@ Subject makeSubject(std::string const& name, Arrays& arrays,
     node->apply_object(object);
     if (indices) node->use_property_indices(indices);
 
-    // A virtual call, as of a node in a tree.
+    // A virtual call, like that of a node in a tree.
     zel::ScalarPtr const field = node;
     auto const loop = [values, read, &arrays] {
         T const* const in = values->data();
@@ -100,7 +100,7 @@ Subject makeSubject(std::string const& name, Arrays& arrays,
     return {name, {{"loop", loop}, {"point", point}, {"batch", batch}}};
 }
 
-/// Whether every form gives the values of the loop by hand; says which does not.
+/// Whether every form gives the values of the loop by hand; prints the name of one that does not.
 bool formsAgree(Subject const& subject) {
     float const* const loop = subject.forms.front().evaluate();
     std::vector<float> const expected(loop, loop + kCount);
@@ -151,7 +151,7 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
 
 int main(int argc, char** argv) {
     if (!startBenchmarks(argc, argv, 9, "0.03")) return EXIT_FAILURE;
-    // Reads are bound by memory: more threads would time that.
+    // Reads are memory-bound: with more threads the benchmark would measure the memory.
     tbb::global_control const oneThread(tbb::global_control::max_allowed_parallelism, 1);
 
     Arrays arrays;

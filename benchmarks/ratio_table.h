@@ -10,17 +10,17 @@
 #include <utility>
 #include <vector>
 
-/// The console report, of the medians alone where a benchmark is repeated; and the repetitions by
-/// the name of the benchmark, for a table.
+/// Prints the console report, only medians where a benchmark is repeated, and keeps the times of
+/// all repetitions by the name of the benchmark, for a table.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     /// The counter that holds the time of one item, in seconds.
     static constexpr char const* kCounter = "time_per_item";
 
-    /// What the repetitions of one benchmark gave; zeros if it did not run.
+    /// The times of the repetitions of a benchmark; zeros if it did not run.
     struct Times {
         double median = 0, least = 0;  ///< ns an item
-        double busy = 0;               ///< processor time by real time, at the median
+        double busy = 0;               ///< processor time divided by real time, at the median
     };
 
     void ReportRuns(std::vector<Run> const& runs) override {
@@ -62,15 +62,16 @@ private:
     bool failed = false;
 };
 
-/// Says how many items an iteration works off.
+/// Sets the number of items that an iteration processes.
 inline void countItems(benchmark::State& state, double items) {
     using benchmark::Counter;
     state.counters[RatioReporter::kCounter] =
         Counter(items, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
-/// Reads the command line before benchmarks are registered; false if it is wrong. Repetitions, in
-/// random order, even out what else the machine does. The user's own options come later and win.
+/// Reads the command line before benchmarks are registered; returns false if it is wrong.
+/// Repetitions in random order average out other loads of the machine. The options of the command
+/// line override the parameters.
 inline bool startBenchmarks(int argc, char** argv, int repetitions, std::string const& minTime) {
     std::string options[] = {"--benchmark_repetitions=" + std::to_string(repetitions),
                              "--benchmark_min_time=" + minTime,
@@ -83,7 +84,8 @@ inline bool startBenchmarks(int argc, char** argv, int repetitions, std::string 
     return !benchmark::ReportUnrecognizedArguments(count, arguments.data());
 }
 
-/// Runs what is registered, calls `print(report)`, and gives what main returns.
+/// Runs the registered benchmarks, calls `print(report)`, and returns the exit status of the
+/// program.
 template <class Print> int runBenchmarks(Print const& print) {
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -92,7 +94,7 @@ template <class Print> int runBenchmarks(Print const& print) {
     return reporter.anyError() ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
-/// Prints `value` right-aligned, or a dash where it is not known.
+/// Prints `value` right-aligned, or a dash if it is 0, that is, unknown.
 inline void printCell(double value, int width, int digits) {
     if (value > 0)
         std::printf("%*.*f", width, digits, value);
@@ -100,7 +102,7 @@ inline void printCell(double value, int width, int digits) {
         std::printf("%*s", width, "-");
 }
 
-/// a / b, or 0 if one of them is not known.
+/// a / b, or 0 if one of them is unknown.
 inline double ratio(double a, double b) {
     return a > 0 && b > 0 ? a / b : 0;
 }

@@ -1,6 +1,6 @@
-// The tile tree at work: look-ups at random points of a band of about ten million voxels around a
+// Measures the tile tree: look-ups at random points of a band of about ten million voxels around a
 // sphere, at random points of a wide sheet and along scan lines, against a flat hash map of the
-// same tiles by corner; making, filling and restricting the band; and computing its halo.
+// same tiles by corner; building, filling and restricting the band; and computing its halo.
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>
@@ -18,8 +18,8 @@ namespace {
 
 using namespace ORV::TileTree3D;
 
-/// A band of tiles of the deepest depth around a sphere of radius 1, in a tree whose root is far
-/// larger, like that of any volume.
+/// A band of tiles of the deepest depth around a sphere of radius 1, in a tree with a far larger
+/// root, as usual for volumes.
 template <class Traits> class Band {
 public:
     static constexpr float kVoxelSize = Traits::kBranch == 2 ? 1.0f / 230 : 1.0f / 220;
@@ -27,7 +27,8 @@ public:
 
     Band() : volume(build()) {}
 
-    /// The band is wanted where the distance to the sphere's surface has its range in a box.
+    /// Whether the band intersects a box, by the range of distances from the sphere's surface in
+    /// it.
     static bool wanted(float3 const& low, float3 const& high, int) {
         float least = 0, most = 0;
         for (int axis = 0; axis < 3; ++axis) {
@@ -68,8 +69,8 @@ template <class Traits> Container<Traits> const& sheet() {
     return made;
 }
 
-/// Random points of the deepest tiles of the band, lines through the sphere's bounding box, and
-/// random points of the sheet.
+/// Random points in the deepest tiles of the band, points along lines through the sphere's bounding
+/// box, and random points in the sheet.
 enum class Where { kBand, kScan, kSheet };
 
 template <class Traits> Container<Traits> const& treeOf(Where where) {
@@ -105,8 +106,8 @@ template <class Traits> std::vector<int3> points(Where where) {
     return points;
 }
 
-/// What there is beside the samples: for each tile of the deepest depth, and with the samples of
-/// all depths for each voxel of the deepest.
+/// Reports memory: of the tree alone, divided by the tiles of the deepest depth; and of the tree
+/// and the samples of all depths, divided by the voxels of the deepest depth.
 template <class Traits>
 void countBytes(benchmark::State& state, Container<Traits> const& container, double bytes) {
     auto const leaves = static_cast<double>(container.tileCount(container.depth()));
@@ -115,7 +116,7 @@ void countBytes(benchmark::State& state, Container<Traits> const& container, dou
     state.counters["bytes_per_voxel"] = (bytes + samples) / (leaves * Traits::kSampleCount);
 }
 
-/// A look-up as a sampler makes it.
+/// A look-up as in a sampler.
 template <class Traits, Where where> void tree(benchmark::State& state) {
     auto const at = points<Traits>(where);
     auto const& container = treeOf<Traits>(where);
@@ -134,8 +135,8 @@ template <class Traits, Where where> void tree(benchmark::State& state) {
     countBytes(state, container, static_cast<double>(held));
 }
 
-/// All tiles of a tree in one table of open addresses, at most half full: a corner and a depth give
-/// the place within the depth. A look-up asks for the deepest depth first.
+/// A hash table of all tiles of a tree, with open addressing and at most half full. It maps a
+/// corner and a depth to the place within the depth. A look-up tries the deepest depth first.
 template <class Traits> class FlatMap {
 public:
     explicit FlatMap(Container<Traits> const& container) {
@@ -151,7 +152,7 @@ public:
             }
     }
 
-    /// The sum of the tile's place and depth, or -1.
+    /// The sum of the place and the depth of the tile over a point, or -1 if there is none.
     long long find(int3 const& p, int depth) const {
         for (int d = depth; d >= 0; --d) {
             auto const width = static_cast<std::uint32_t>(Traits::tileWidth(d));
@@ -207,7 +208,7 @@ template <class Traits, Where where> void flatMap(benchmark::State& state) {
     countBytes(state, container, static_cast<double>(map.bytes()));
 }
 
-/// Runs on 1 thread, or on all if `threads` is 0.
+/// Runs on `threads` threads, or on all if that is 0.
 class Threads {
 public:
     explicit Threads(std::int64_t threads)

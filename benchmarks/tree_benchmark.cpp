@@ -1,19 +1,18 @@
-// What it costs to evaluate and to build a tree, against the same formula in other forms, over 2^20
-// positions and in the same run: nanoseconds a point, on one thread and on all. After the report of
-// the benchmarks, tables give the medians and their ratios. The forms must agree in every bit
-// before anything is timed.
+// Measures the cost of evaluating and building a tree, against the same formula in other forms,
+// over 2^20 positions and in the same run, in nanoseconds a point, on one thread and on all
+// threads. After the report of the benchmarks, tables show the medians and their ratios. All forms
+// must agree bit for bit before the first measurement.
 //
-//   loop   reads the positions and writes floats, no more
+//   loop   only reads the positions and writes floats
 //   fused  the formula by hand, in one loop
 //   naive  a tree of std::shared_ptr and one virtual function
 //   point  the tree of ZEL, its point eval in a loop
-//   batch  the tree of ZEL, its batch eval, the allocation of the result included
-//   narrow the same without the wide vectors that the processor may have
-//   both   its values and gradients in one go
+//   batch  the tree of ZEL, its batch eval, including the allocation of the result
+//   narrow as batch, without wide registers even if the processor has them
+//   both   values and gradients by evalAndGrad
 //
-// The loops by hand use the widest vectors that the batch does. All but the batches write to one
-// array that exists already. On several threads they run in a
-// tbb::parallel_for of their own.
+// The loops by hand use registers as wide as those of the batch. All forms but the batches write to
+// one existing array, and run in a tbb::parallel_for on several threads.
 
 #include <benchmark/benchmark.h>
 #include <tbb/blocked_range.h>
@@ -41,7 +40,8 @@ namespace {
 using Orvane::Math::float3;
 using Positions = Quern::Array<float3>;
 
-/// Evaluates all positions on that many threads; the values stay until the next call.
+/// Evaluates all positions on a number of threads. The returned values are valid until the next
+/// call.
 using Evaluate = std::function<float const*(int threads)>;
 
 struct Form {
@@ -76,14 +76,14 @@ ZEL_WIDE_TARGET __attribute__((flatten)) void wideLoop(F f, float3 const* in, fl
     for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
 }
 
-/// out[i] = f(positions[i], i), inlined into the loop.
+/// The loop out[i] = f(positions[i], i), with `f` inlined.
 template <class F>
 Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const& f) {
     return [&positions, &values, f](int threads) -> float const* {
         float3 const* const in = positions.data();
         float* const out = values.data();
         auto const loop = [=](std::size_t begin, std::size_t end) {
-            // By value: seen by nobody else, it may stay in registers.
+            // `f` is passed by value, so that it may stay in registers.
             Quern::wideVectors ? wideLoop(f, in, out, begin, end)
                                : narrowLoop(f, in, out, begin, end);
         };
@@ -150,7 +150,7 @@ Subject makeSubject(Parameters const& parameters, Positions const& positions,
     return subject;
 }
 
-/// Ends the program unless every form gives the bits of the fused loop.
+/// Exits with an error unless every form gives the bits of the fused loop.
 void checkForms(Subject const& subject, Positions const& positions, int threads) {
     tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
                                       static_cast<std::size_t>(threads));
@@ -175,7 +175,7 @@ void registerForms(Subject const& subject, Positions const& positions, int threa
         auto const run = [&form, &positions, threads](benchmark::State& state) {
             tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
                                               static_cast<std::size_t>(threads));
-            form.evaluate(threads);  // the first run wakes the threads
+            form.evaluate(threads);  // starts the threads
             AllocationCount const allocations;
             for (auto _ : state) {
                 benchmark::DoNotOptimize(form.evaluate(threads));
@@ -189,16 +189,16 @@ void registerForms(Subject const& subject, Positions const& positions, int threa
             benchmark::RegisterBenchmark(nameOf(subject, threads, form.name).c_str(), run)
                 ->MeasureProcessCPUTime()
                 ->Unit(benchmark::kMillisecond);
-        // The time of one thread is its processor time, which other programs disturb least.
+        // For one thread processor time is measured, which other programs disturb least.
         if (threads > 1) registered->UseRealTime();
     }
 }
 
-/// Building many trees, or giving them back, without the other.
+/// Measures building many trees, or releasing them, but not both.
 template <class Nodes, class Tree> void registerBuilding(Parameters const& parameters, int nodes) {
     constexpr bool kZel = std::is_same_v<Nodes, ZelNodes>;
     double blocks = 0, bytes = 0;
-    (void)Tree::template build<Nodes>(parameters);  // the first tree makes the type names
+    (void)Tree::template build<Nodes>(parameters);  // the first tree initialises the type names
     {
         AllocationCount const allocations;
         auto const tree = Tree::template build<Nodes>(parameters);

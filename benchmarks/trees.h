@@ -7,8 +7,8 @@
 #include "naive_tree.h"
 #include "zel/zel.h"
 
-// The trees that are measured: each once as a recipe for nodes, and once as one formula written by
-// hand in the order of operations of the nodes, so that all results agree in every bit.
+// The trees that are measured, each in two forms: a function that builds the nodes, and the same
+// formula by hand, with the nodes' order of operations, so that all results agree bit for bit.
 
 struct ZelNodes {
     using Ptr = zel::ScalarPtr;
@@ -56,7 +56,7 @@ struct NaiveNodes {
     }
 };
 
-/// A sphere, or a box if the exponent counts.
+/// A sphere; a superellipsoid in trees with boxes, where the exponent is used.
 struct Solid {
     Orvane::Math::float3 center;
     float size;
@@ -67,8 +67,8 @@ struct HalfSpace {
     Orvane::Math::float3 point, normal;
 };
 
-/// The numbers in the trees. They reach the formulas at run time, as those of a node do: a compiler
-/// that knew an exponent would put a multiplication in the place of a call of pow.
+/// The numbers in the trees. They are run-time values, like those of nodes: if the compiler knew an
+/// exponent, it would replace the call of pow by a multiplication.
 struct Parameters {
     Solid body{{-0.6F, 0.1F, 0.2F}, 0.7F, 3.0F};
     Solid head{{-0.2F, 0.8F, 0.0F}, 0.4F, 2.0F};
@@ -84,9 +84,9 @@ struct Parameters {
 };
 
 /// min(lerp(max(min(min(body, head), arm), cut), max(shell, -hollow), clamp(x)),
-///     min(abs(ring) - thickness, ground)): signed distances to spheres and planes; or, with boxes,
-/// the same with body and shell as superellipsoids, whose four calls of pow a point and a box take
-/// most of the time in any form.
+///     min(abs(ring) - thickness, ground)): signed distances to spheres and planes. With boxes,
+///     body
+/// and shell are superellipsoids; their four calls of pow each take most of the time in any form.
 template <bool kBoxes> struct CsgTree {
     static constexpr char const* kName = kBoxes ? "csg with boxes" : "csg of spheres";
 
@@ -121,7 +121,7 @@ template <bool kBoxes> struct CsgTree {
                    min(std::move(rind), plane(k.ground)));
     }
 
-    /// By value, so that a compiler need not fear that the results overwrite the parameters.
+    /// Holds a copy of the parameters: the compiler can tell that no result overwrites them.
     struct Fused {
         explicit Fused(Parameters const& parameters) : k(parameters) {
             k.cut.normal = k.cut.normal / length(k.cut.normal);
@@ -134,7 +134,7 @@ template <bool kBoxes> struct CsgTree {
             float const figure = max(
                 min(min(solid(k.body, p), sphere(k.head, p)), sphere(k.arm, p)), plane(k.cut, p));
             float const bowl = max(solid(k.shell, p), -sphere(k.hollow, p));
-            // Both choices without a branch between them, so that the loop can be vectorised.
+            // Both alternatives are computed, without a branch, so that the loop can be vectorised.
             float const below = p.x >= k.blendTo ? k.blendTo : p.x;
             float const t = p.x <= k.blendFrom ? k.blendFrom : below;
             float const blended = bowl * t + figure * (1 - t);
@@ -172,7 +172,7 @@ template <bool kBoxes> struct CsgTree {
     };
 };
 
-/// (x * y + z) * scale - abs(y + shift): nodes so cheap that the walk is all there is to pay.
+/// (x * y + z) * scale - abs(y + shift): nodes so cheap that the traversal dominates the time.
 struct ArithmeticTree {
     static constexpr char const* kName = "arithmetic";
 

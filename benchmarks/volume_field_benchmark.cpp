@@ -1,13 +1,13 @@
-// What it costs to sample a volume through a node, against the same sampler without a node around
-// it, in the same run: a million positions in the even inside of a volume of ten million voxels,
-// larger than the caches, along scan lines or in random order. And what binding a node to that
-// volume takes, step by step. After the report of the benchmarks, tables give the medians. The
-// forms must agree in every bit before anything is timed.
+// Measures the cost of sampling a volume through a node, against the same sampler without a node,
+// in the same run: a million positions, along scan lines or in random order, inside a volume of ten
+// million voxels of one depth, which exceeds the caches. Also measures the steps of binding a node
+// to that volume. After the report of the benchmarks, tables show the medians. All forms must agree
+// bit for bit before the first measurement.
 //
-//   dense  the samples in an array, read by a trilinear or Lagrange tricubic loop written by hand
-//   bare   the sampler in a loop, into an array that exists already; one sampler for each thread
-//   point  the node's point eval in a loop, likewise
-//   batch  the node's batch eval, the allocation of the result included
+//   dense  the samples in an array, read by a trilinear or tricubic Lagrange loop written by hand
+//   bare   the sampler in a loop that writes to an existing array; one sampler for each thread
+//   point  the node's point eval in such a loop
+//   batch  the node's batch eval, including the allocation of the result
 //   points the node's point eval and grad in a loop
 //   both   evalAndGrad of the node
 
@@ -44,7 +44,7 @@ using Positions = Quern::Array<float3>;
 
 constexpr char const* kTypes[] = {"linear", "cubicC0", "cubicC1"};
 
-/// A cube from -1 to 1 of voxels of the deepest depth, in a tree whose root is far larger.
+/// A cube from -1 to 1 of voxels of the deepest depth, in a tree with a far larger root.
 template <class Traits> struct Cube {
     static constexpr int kHalf = 108;  // voxels
     static constexpr float kVoxelSize = 1.0F / kHalf;
@@ -77,10 +77,10 @@ template <class Traits> Cube<Traits> const& cube() {
 }
 template <class Traits> constexpr char const* kKind = Traits::kBranch == 2 ? "2-tree" : "5-tree";
 
-// Well inside the cube, so that no stencil reaches out of it.
+// Positions far enough inside the cube that all stencils lie in it.
 
-/// Lines from side to side, half a voxel from one position to the next and from one line to the
-/// next, in slices far from each other.
+/// Lines from side to side, with half a voxel between positions and between lines, in distant
+/// slices.
 Positions scanPositions() {
     constexpr int kSteps = 400, kSlices = 6;
     constexpr float kStep = 0.5F / Cube<BinaryTraits>::kHalf;
@@ -104,16 +104,17 @@ Positions randomPositions(long long count) {
     return positions;
 }
 
-/// Runs on that many threads, as far as there are processors.
+/// Runs on a number of threads, at most that of the processors.
 tbb::global_control limitedTo(int threads) {
     return tbb::global_control(tbb::global_control::max_allowed_parallelism,
                                static_cast<std::size_t>(threads));
 }
 
-/// Evaluates all positions on that many threads; the values stay until the next call.
+/// Evaluates all positions on a number of threads. The returned values are valid until the next
+/// call.
 using Evaluate = std::function<float const*(int threads)>;
 
-/// out[i] = sample(positions[i]) by a sampler for each thread, which `make` makes.
+/// The loop out[i] = sample(positions[i]), with a sampler from `make` for each thread.
 template <class Make>
 Evaluate bareLoop(Positions const& positions, Quern::Array<float>& values, Make const& make) {
     using Sampler = decltype(make());
@@ -134,7 +135,7 @@ Evaluate bareLoop(Positions const& positions, Quern::Array<float>& values, Make 
     };
 }
 
-/// A sampler as a function of a position in world units.
+/// Wraps a sampler as a function of a position in world units.
 template <class Traits> struct Linear {
     zel::detail::LinearSampler<Traits, float> sampler;
     float operator()(float3 const& p) { return sampler.sample(p, Traits::kMaxDepth, 2); }
@@ -159,7 +160,7 @@ Subject makeSubject(char const* order, Positions const& positions, Quern::Array<
                     SamplerType type) {
     auto const number = static_cast<int>(type);
     auto const field = Quern::makePtr<zel::ScalarOrvane>(cube<Traits>().object, "density", type);
-    // A virtual call, as of a node in a tree.
+    // A virtual call, like that of a node in a tree.
     zel::ScalarPtr const node = field;
     auto const state = std::make_shared<zel::detail::VolumeStateOf<Traits, float>>();
     zel::detail::initSamplerState(cube<Traits>().view, "density", type, true, *state);
@@ -224,8 +225,8 @@ std::string nameOf(Subject const& subject, int threads, std::string const& form)
     return subject.name + "/" + std::to_string(threads) + "/" + form;
 }
 
-/// Ends the program if a form gives other bits than the bare sampler, or the dense array other
-/// values than a clamp or another spline can explain.
+/// Exits with an error if a form differs in a bit from the bare sampler, or if the dense array
+/// differs by more than a clamp or another spline can explain.
 void checkForms(Subject const& subject, long long count, int threads) {
     auto const limit = limitedTo(threads);
     float const* const bare = subject.forms.front().evaluate(threads);
@@ -243,7 +244,7 @@ void checkForms(Subject const& subject, long long count, int threads) {
     }
 }
 
-/// Measures the processor's time on one thread, which others cannot take away; on more, real time.
+/// Measures processor time on one thread, which other programs disturb least; real time on more.
 void inThreads(benchmark::internal::Benchmark* benchmark, int threads) {
     benchmark->Unit(benchmark::kMillisecond)->MeasureProcessCPUTime();
     if (threads > 1) benchmark->UseRealTime();
@@ -265,7 +266,7 @@ void registerForms(Subject const& subject, long long count, int threads) {
     }
 }
 
-// Binding, step by step.
+// The steps of binding.
 
 using Step = std::function<void()>;
 struct NamedStep {
