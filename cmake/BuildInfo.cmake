@@ -1,15 +1,15 @@
 # The identity of this build, for the version report: ZEL_BUILD_DATE, _NUMBER, _COMMIT, _BRANCH.
 
-set(ZEL_BUILD_NUMBER 0 CACHE STRING "The number of this build, from whoever numbers builds")
+set(ZEL_BUILD_NUMBER 0 CACHE STRING "The number of this build, set by a build server")
 if(NOT ZEL_BUILD_NUMBER MATCHES "^[0-9]+$")
   message(FATAL_ERROR "ZEL_BUILD_NUMBER is no decimal number: ${ZEL_BUILD_NUMBER}")
 endif()
 
-# The time of SOURCE_DATE_EPOCH if that is set, else now.
+# The time in SOURCE_DATE_EPOCH if that is set, else the current time.
 string(TIMESTAMP ZEL_BUILD_DATE "%a %Y-%m-%d, %H:%M:%S" UTC)
 
-# Outside a checkout of its own, be it a plain folder within another project's, there is no commit to
-# name.
+# Sources outside a git checkout of their own, or in a folder of another project's checkout, have no
+# commit.
 set(ZEL_BUILD_COMMIT 0000000000000000000000000000000000000000)
 set(ZEL_BUILD_BRANCH unknown)
 function(zel_git out)

@@ -1,8 +1,8 @@
-# How all of ZEL's own code is compiled.
+# The compiler options of ZEL's own code, and the rules for its libraries.
 
-# Warnings and the rules of arithmetic: no contraction into fused operations, so that a value is the
-# same at every optimisation level. Nothing reads errno or the floating-point exception flags, which
-# leaves the values as they are and lets a loop with a choice in it become vector code.
+# Sets warnings and floating-point rules. Operations are not contracted into fused ones, so that values
+# are the same at every optimisation level. Nothing reads errno or the floating-point exception flags:
+# without them the values are the same, and loops with conditions can be vectorised.
 function(zel_compile_options target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(
@@ -14,8 +14,8 @@ function(zel_compile_options target)
             -fno-trapping-math)
 endfunction()
 
-# Whether the libraries are optimised as for a release: a node costs what its loops cost, so all
-# builds do it but those whose type or flags ask for another kind of code.
+# Whether the libraries are compiled with -O3. All builds do so, because the time of a batch is spent in
+# the libraries' loops, unless the build type or flags request other optimisation or sanitizers.
 set(ZEL_OPTIMISED $<NOT:$<CONFIG:Debug,MinSizeRel>>)
 get_directory_property(flags COMPILE_OPTIONS)
 string(TOUPPER "${CMAKE_BUILD_TYPE}" type)
@@ -23,9 +23,9 @@ if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "-fsanitize|
   set(ZEL_OPTIMISED 0)
 endif()
 
-# A library from the sources of this folder, listed by hand. Its headers are included as
-# "<target>/...", whatever the folder is called, from one folder that holds nothing else: the build
-# tree has a link to this folder there, the install tree the public headers.
+# Adds a library from the sources of this folder, listed by hand. Its headers are included as
+# "<target>/...", whatever the name of the folder, from an include folder that holds nothing else: the
+# build tree has a link to this folder there, the install tree the public headers.
 function(zel_add_library target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;SOURCES")
   set(include ${PROJECT_BINARY_DIR}/include)
@@ -37,7 +37,7 @@ function(zel_add_library target)
   zel_compile_options(${target})
   target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
   target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
-  # Without unique symbols a process that closes the library really unloads it.
+  # With unique symbols dlclose() would not unload the library.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition
                                            $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
   set_target_properties(
@@ -51,7 +51,7 @@ function(zel_add_library target)
                # An installed libzel finds libzel_platform beside it.
                INSTALL_RPATH "$ORIGIN")
   if(NOT PROJECT_IS_TOP_LEVEL)
-    # A project that takes in the sources sees no warnings of the headers. The property is no
+    # A project that includes the sources sees no warnings in the headers. The property takes no
     # generator expression.
     set_target_properties(${target} PROPERTIES SYSTEM ON)
   endif()

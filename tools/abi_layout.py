@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Prints the layout of the classes that programs compiled against ZEL depend on.
 
-abi_layout.py FILE.abi [--functions]: what abidw made of all public headers, compiled with debug information. A line
-for each size, base, member, virtual function and enumerator; offsets are in bytes, virtual functions
-by their place in the table. The instances of a base of nodes share their lines.
-With --functions it prints a C++ function for each class instead, since abidiff looks at no others than
-those that functions take.
+abi_layout.py FILE.abi [--functions]: FILE.abi is the output of abidw for all public headers, compiled
+with debug information. Prints a line for each size, base, member, virtual function and enumerator;
+offsets are in bytes, and a virtual function has its index in the table. The instances of a base of
+nodes share their lines.
+With --functions it prints a C++ function for each class instead, since abidiff compares only classes
+that are parameters of functions.
 """
 
 import re
