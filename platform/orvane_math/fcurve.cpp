@@ -165,7 +165,7 @@ double FCurve::cycle(bool withOffset, double x) const {
     double phase = std::fmod(std::fmod(x, period) - std::fmod(first.x, period), period);
     if (phase < 0) phase += period;
     // The sum is less than first.x only on a thread that flushes subnormal numbers to zero.
-    double const value = insideKeys(std::max(first.x, first.x + phase));
+    double const value = insideKeys(std::max(first.x + phase, first.x));
     if (offset == 0) return value;
     double const count = std::round(x / period - first.x / period - phase / period);
     return std::isfinite(count) ? value + count * offset
