@@ -197,8 +197,7 @@ void differencesInBlock(Interface const& node, Block& block,
             auto values = block.result<Value>();
             auto positions = block.positions();
             positions.component[at] = moved;
-            block.withPositions(positions,
-                                [&](Block& there) { there.writeValues(node, false, values); });
+            block.withPositions(positions, [&](Block& there) { there.writeValues(node, values); });
             return values.columns;
         };
         auto const above = ask(up);
@@ -230,7 +229,7 @@ void gradByPoints(Interface const& node, Block& block,
 #define ZEL_INSTANTIATE_BLOCK(Interface)                                                           \
     template Columns<Interface::Value> Block::askKept<false>(Interface const&);                    \
     template Columns<Interface::Gradient> Block::askKept<true>(Interface const&);                  \
-    template void Block::writeValues(Interface const&, bool, BlockResult<Interface::Value>&);      \
+    template void Block::write(Interface const&, bool, BlockResult<Interface::Value>&);            \
     template void detail::differencesInBlock(Interface const&, Block&,                             \
                                              BlockResult<Interface::Gradient>&);                   \
     template void detail::evalByPoints(Interface const&, Block&, BlockResult<Interface::Value>&);  \

@@ -205,10 +205,17 @@ public:
         m_positions.keepAll = true;
         return ask<true>(node, false);
     }
-    /// Writes a node's values to the storage of `out`.
+    /// Writes the values of a child, or of a node that is not a child, to the storage of `out`, for
+    /// a node whose own values they are.
     template <class Interface>
-    void writeValues(Interface const& node, bool shared,
-                     BlockResult<typename Interface::Value>& out);
+    void writeValues(Quern::Ptr<Interface> const& child,
+                     BlockResult<typename Interface::Value>& out) {
+        write(*child, child.useCount() > 1, out);
+    }
+    template <class Interface>
+    void writeValues(Interface const& node, BlockResult<typename Interface::Value>& out) {
+        write(node, false, out);
+    }
 
     /// An array of one value.
     Columns<float> constant(float value);
@@ -311,6 +318,8 @@ private:
         else
             node.evalBlock(block, out);
     }
+    template <class Interface>
+    void write(Interface const& node, bool shared, BlockResult<typename Interface::Value>& out);
     template <bool gradient, class Interface>
     Columns<Asked<gradient, Interface>> askKept(Interface const& node);
     template <bool gradient, class Interface>

@@ -123,8 +123,7 @@ auto Block::complete(Interface const& node, detail::KeptResult* kept)
 }
 
 template <class Interface>
-void Block::writeValues(Interface const& node, bool shared,
-                        BlockResult<typename Interface::Value>& out) {
+void Block::write(Interface const& node, bool shared, BlockResult<typename Interface::Value>& out) {
     if (shared || m_positions.keepAll)
         out.set(askKept<false>(node));
     else
@@ -220,7 +219,7 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
         if (values) {
             if constexpr (kComponents<typename Interface::Value> == 1) {
                 BlockResult<float> out(values + at);
-                block.writeValues(field, false, out);
+                block.writeValues(field, out);
             } else {
                 auto const v = block.values(field);
                 Quern::forEachPosition(count, [=, to = values + at](int i)

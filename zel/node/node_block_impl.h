@@ -326,7 +326,7 @@ void TransformNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
     Block::Frame const frame(block);
     block.withPositions(detail::childPositions(node, block), [&](Block& there) {
         if constexpr (NodeAccess::movesOnly<Self>) {
-            there.writeValues(*field, field.useCount() > 1, out);
+            there.writeValues(field, out);
             out.columns.light = out.columns.light && NodeAccess::isLight<Self>;
         } else {
             auto const v = there.values(field, out);

@@ -40,7 +40,7 @@ float3 VectorFieldIteratedNearPointTransform::eval(float3 const& position, long 
 
 void VectorFieldIteratedNearPointTransform::blockValues(Block& block,
                                                         BlockResult<float3>& out) const {
-    block.writeValues(*transform, transform.useCount() > 1, out);
+    block.writeValues(transform, out);
     auto const write = out.writer();
     Block::Frame const frame(block);
 

@@ -38,10 +38,7 @@ void chain(Block& block, Quern::Ptr<Interface> const& field, Columns<float3> con
 template <class Self, class Interface>
 void WarpNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
     Block::Frame const frame(block);
-    auto const moved = block.values(warp);
-    block.withPositions(
-        moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
-    out.columns.light = out.columns.light && moved.light;
+    block.withPositions(block.values(warp), [&](Block& there) { there.writeValues(field, out); });
 }
 
 template <class Self, class Interface>
@@ -78,17 +75,13 @@ Columns<float3> AdvectNode<Self, Interface>::origins(Block& block) const {
         block, there,
         [this](float3 const& p, float3 const& flow) ZEL_ALWAYS_INLINE { return origin(p, flow); },
         block.positions(), v);
-    there.columns.light = v.light;
     return there.columns;
 }
 
 template <class Self, class Interface>
 void AdvectNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
     Block::Frame const frame(block);
-    auto const moved = origins(block);
-    block.withPositions(
-        moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
-    out.columns.light = out.columns.light && moved.light;
+    block.withPositions(origins(block), [&](Block& there) { there.writeValues(field, out); });
 }
 
 template <class Self, class Interface>
