@@ -206,24 +206,6 @@ void differencesInBlock(Interface const& node, Block& block,
     }
 }
 
-template <class Interface>
-void evalByPoints(Interface const& node, Block& block,
-                  BlockResult<typename Interface::Value>& out) {
-    auto const write = out.writer();
-    out.byPoints = true;
-    for (int i = 0; i < block.count(); ++i)
-        write.set(i, node.eval(block.positions()[i], block.index(i)));
-}
-
-template <class Interface>
-void gradByPoints(Interface const& node, Block& block,
-                  BlockResult<typename Interface::Gradient>& out) {
-    auto const write = out.writer();
-    out.byPoints = true;
-    for (int i = 0; i < block.count(); ++i)
-        write.set(i, node.grad(block.positions()[i], block.index(i)));
-}
-
 }  // namespace detail
 
 #define ZEL_INSTANTIATE_BLOCK(Interface)                                                           \
@@ -231,9 +213,7 @@ void gradByPoints(Interface const& node, Block& block,
     template Columns<Interface::Gradient> Block::askKept<true>(Interface const&);                  \
     template void Block::write(Interface const&, bool, BlockResult<Interface::Value>&);            \
     template void detail::differencesInBlock(Interface const&, Block&,                             \
-                                             BlockResult<Interface::Gradient>&);                   \
-    template void detail::evalByPoints(Interface const&, Block&, BlockResult<Interface::Value>&);  \
-    template void detail::gradByPoints(Interface const&, Block&, BlockResult<Interface::Gradient>&)
+                                             BlockResult<Interface::Gradient>&)
 
 ZEL_INSTANTIATE_BLOCK(Core::Fields::ScalarField);
 ZEL_INSTANTIATE_BLOCK(Core::Fields::VectorField);

@@ -347,13 +347,5 @@ template <class Interface>
 ZEL_API void differencesInBlock(Interface const& node, Block& block,
                                 BlockResult<typename Interface::Gradient>& out);
 
-/// By one call of the node's point `eval` or `grad` for each position.
-template <class Interface>
-ZEL_API void evalByPoints(Interface const& node, Block& block,
-                          BlockResult<typename Interface::Value>& out);
-template <class Interface>
-ZEL_API void gradByPoints(Interface const& node, Block& block,
-                          BlockResult<typename Interface::Gradient>& out);
-
 }  // namespace detail
 }  // namespace zel

@@ -1,7 +1,5 @@
 #include "zel/field/scalar_field.h"
 
-#include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -35,18 +33,6 @@ Quern::String ScalarField::getType() const {
 
 void ScalarField::preSampleField() const {}
 void ScalarField::postSampleField() const {}
-
-void ScalarField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
-    zel::detail::evalByPoints(*this, block, out);
-}
-
-void ScalarField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
-    zel::detail::gradByPoints(*this, block, out);
-}
-
-void ScalarField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
-}
 
 }  // namespace Core::Fields
 

@@ -1,7 +1,5 @@
 #include "zel/field/vector_field.h"
 
-#include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -38,18 +36,6 @@ Quern::String VectorField::getType() const {
 
 void VectorField::preSampleField() const {}
 void VectorField::postSampleField() const {}
-
-void VectorField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
-    zel::detail::evalByPoints(*this, block, out);
-}
-
-void VectorField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
-    zel::detail::gradByPoints(*this, block, out);
-}
-
-void VectorField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
-}
 
 }  // namespace Core::Fields
 
