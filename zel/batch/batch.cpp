@@ -11,7 +11,7 @@
 
 #include "zel/batch/block_impl.h"
 #include "zel/batch/float_environment.h"
-#include "zel/node/hook_walk.h"
+#include "zel/batch/hook_walk.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
 
 namespace Core::Fields {

@@ -4,9 +4,9 @@
 #include <type_traits>
 
 #include "zel/batch/columns.h"
+#include "zel/batch/hook_walk.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
-#include "zel/node/hook_walk.h"
 #include "zel_platform/orvane_math/float3x3.h"
 #include "zel_platform/orvane_math/vectors.h"
 

@@ -1,4 +1,4 @@
-#include "zel/node/hook_walk.h"
+#include "zel/batch/hook_walk.h"
 
 #include <cstddef>
 #include <cstdint>
