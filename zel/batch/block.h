@@ -169,7 +169,7 @@ public:
     }
 
     /// The values, and the gradients, of a child at these positions. The arrays stay until the
-    /// frame ends in which they were asked for, unless they are lasting. Throws what the node
+    /// frame ends in which they were asked for, unless they are persistent. Throws what the node
     /// throws.
     template <class Interface>
     Columns<typename Interface::Value> values(Quern::Ptr<Interface> const& child) {
@@ -261,9 +261,9 @@ public:
     }
 
     /// Calls `work(block)` with other positions for the same elements; with `choice`, for `count`
-    /// of them only. What that block gives ends with it, also what is lasting. What a child gives
-    /// at the positions of this block is best asked for before: asked for from within, it is not
-    /// kept for the child's other parents.
+    /// of them only. What that block gives ends with it, also what is persistent. What a child
+    /// gives at the positions of this block is best asked for before: asked for from within, it is
+    /// not kept for the child's other parents.
     template <class Work> void withPositions(Columns<float3> const& other, Work const& work) {
         withPositions(other, nullptr, m_count, work);
     }

@@ -27,7 +27,7 @@ inline void setKnown(KeptResult& kept, int place) {
 template <class T> Columns<T> columnsOf(KeptResult const& kept) {
     Columns<T> columns;
     std::copy_n(kept.component, kComponents<T>, columns.component.begin());
-    columns.lasting = true;
+    columns.persistent = true;
     columns.light = kept.light;
     return columns;
 }
@@ -59,8 +59,8 @@ auto Block::askKept(Interface const& node) -> Columns<Asked<gradient, Interface>
 
     BlockResult<T> out(m_workspace.kept.floats(kComponents<T> * kBlockSize));
     call<gradient>(node, *this, out);
-    if (!out.columns.lasting && !out.byPoints) detail::moveToStorage(out, m_count);
-    out.columns.lasting = true;
+    if (!out.columns.persistent && !out.byPoints) detail::moveToStorage(out, m_count);
+    out.columns.persistent = true;
     if (out.byPoints) return out.columns;
     kept = keep(&node, gradient, out.storage);
     kept->known.fill(~std::uint64_t{0});

@@ -41,7 +41,7 @@ template <class T> struct Columns {
     Components component{};
     /// Whether the arrays stay as they are until the block is done. Others are given up when the
     /// node that asked for them returns.
-    bool lasting = false;
+    bool persistent = false;
     /// Whether they come from nodes of the library that do little for each position.
     bool light = false;
 
@@ -51,7 +51,7 @@ template <class T> struct Columns {
 
     /// One component; of a matrix, one entry.
     Columns<float> part(int c) const {
-        return {{component[static_cast<unsigned>(c)]}, lasting, light};
+        return {{component[static_cast<unsigned>(c)]}, persistent, light};
     }
 };
 
@@ -59,7 +59,7 @@ template <class T> struct Columns {
 inline Columns<Orvane::Math::float3> joined(Columns<float> const& x, Columns<float> const& y,
                                             Columns<float> const& z) {
     return {{x.component[0], y.component[0], z.component[0]},
-            x.lasting && y.lasting && z.lasting,
+            x.persistent && y.persistent && z.persistent,
             x.light && y.light && z.light};
 }
 
@@ -100,7 +100,7 @@ public:
             arrays.component[static_cast<unsigned>(c)] = storage + c * stride;
             columns.component[static_cast<unsigned>(c)] = storage + c * stride;
         }
-        columns.lasting = columns.light = false;
+        columns.persistent = columns.light = false;
         return arrays;
     }
 
