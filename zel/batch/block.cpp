@@ -169,8 +169,9 @@ void setColumn(int axis, int count, Columns<typename Interface::Value> const& ab
         auto const r = static_cast<unsigned>(row);
         float const *const f1 = above.component[r], *const f2 = below.component[r];
         float* const out = write.component[static_cast<unsigned>(3 * row + axis)];
-        Quern::forEachPosition(
-            count, [=](int i) ZEL_ALWAYS_INLINE { out[i] = (f1[i] - f2[i]) / divisor[i]; });
+        Quern::forEachPosition(count, [=](int i) ZEL_ALWAYS_INLINE {
+            out[i] = differenceQuotient(f1[i], f2[i], divisor[i]);
+        });
     }
 }
 

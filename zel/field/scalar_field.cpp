@@ -20,11 +20,7 @@ float ScalarField::eval(float3 const& /*position*/, long long /*index*/) const {
 }
 
 float3 ScalarField::grad(float3 const& position, long long index) const {
-    float3 gradient;
-    zel::detail::differences(
-        *this, position, index,
-        [&](int axis, float f1, float f2, float divisor) { gradient[axis] = (f1 - f2) / divisor; });
-    return gradient;
+    return zel::detail::gradientByDifferences<float3>(*this, position, index);
 }
 
 Quern::String ScalarField::getType() const {

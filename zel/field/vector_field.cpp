@@ -21,13 +21,7 @@ float3 VectorField::eval(float3 const& /*position*/, long long /*index*/) const 
 }
 
 float3x3 VectorField::grad(float3 const& position, long long index) const {
-    float3x3 gradient;
-    zel::detail::differences(*this, position, index,
-                             [&](int axis, float3 const& f1, float3 const& f2, float divisor) {
-                                 for (int i = 0; i < 3; ++i)
-                                     gradient[i][axis] = (f1[i] - f2[i]) / divisor;
-                             });
-    return gradient;
+    return zel::detail::gradientByDifferences<float3x3>(*this, position, index);
 }
 
 Quern::String VectorField::getType() const {
