@@ -9,7 +9,7 @@
 #include <atomic>
 #include <concepts>
 
-#include "zel/batch/block_impl.h"
+#include "zel/batch/evaluate_range.h"
 #include "zel/batch/float_environment.h"
 #include "zel/batch/hook_walk.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
@@ -47,7 +47,7 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
     auto const loop = [&field, in = positions.data(), values, gradients,
                        batch = ++lastBatch](tbb::blocked_range<std::size_t> const& range) {
         zel::detail::FloatEnvironment const standard;
-        zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end(), batch);
+        zel::detail::evaluateRange(field, in, values, gradients, range.begin(), range.end(), batch);
     };
     zel::detail::FloatEnvironment const standard;  // for the hooks; workers set their own
     {

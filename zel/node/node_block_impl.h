@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "zel/batch/block.h"
+#include "zel/batch/block_differences.h"
 #include "zel/node/fused_forms.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
