@@ -69,6 +69,10 @@ template <class Self, class Interface> bool FieldNode<Self, Interface>::is_trigg
 }
 
 template <class Self, class Interface> void HookedNode<Self, Interface>::preSampleField() const {
+    static_assert(NodeAccess::hasChildren<Self const>,
+                  "An operator names its children: template <class Node> static auto "
+                  "children(Node& node) { return std::tie(node.a, node.b); } "
+                  "If it is private, zel::NodeAccess is a friend.");
     detail::HookWalk const walk(hookTarget, detail::HookWalk::Hook::kPre);
     if (!walk.passesOn()) return;
     std::apply([](auto const&... child) { (child->preSampleField(), ...); },

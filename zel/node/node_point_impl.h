@@ -11,11 +11,17 @@ namespace zel {
 
 template <class Self, class Interface>
 auto LeafNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
+    static_assert(NodeAccess::hasValueAt<Self>,
+                  "A LeafNode has a member: Value valueOf(float3 const& p, long long i) const, or "
+                  "without i. If it is private, zel::NodeAccess is a friend.");
     return NodeAccess::valueAt(this->self(), position, index);
 }
 
 template <class Self, class Interface>
 auto LeafNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
+    static_assert(NodeAccess::hasGradientAt<Self>,
+                  "A LeafNode has a member: Gradient gradientOf(float3 const& p, long long i) "
+                  "const, or without i. If it is private, zel::NodeAccess is a friend.");
     return NodeAccess::gradientAt(this->self(), position, index);
 }
 
@@ -48,6 +54,11 @@ template <class Self, class Interface>
 auto PointwiseNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
     Self const& node = this->self();
     auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) -> Value {
+        static_assert(
+            !NodeAccess::hasChildren<Self const> ||
+                NodeAccess::hasValue<Self, typename Child::Value...>,
+            "A PointwiseNode has a member: Value valueOf(av, bv, ...) const, with a value "
+            "of each child. If it is private, zel::NodeAccess is a friend.");
         return std::apply([&](auto const&... v) { return NodeAccess::valueOf(node, v...); },
                           detail::valuesOf(position, index, child...));
     };
@@ -61,6 +72,10 @@ auto PointwiseNode<Self, Interface>::grad(float3 const& position, long long inde
     Self const& node = this->self();
     auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) -> Gradient {
         constexpr GradientForm kForm = detail::gradientForm<Self, Child...>;
+        static_assert(!NodeAccess::hasChildren<Self const> || kForm != GradientForm::kNone,
+                      "A PointwiseNode has a member gradientOf, gradientFromValue or "
+                      "gradientChoice, in a form that zel/node/node.h lists. If it is private, "
+                      "zel::NodeAccess is a friend.");
         auto const values = [&] { return detail::valuesOf(position, index, child...); };
         auto const gradients = [&] { return detail::gradientsOf(position, index, child...); };
         auto const formula = [&](auto const&... in) { return NodeAccess::gradientOf(node, in...); };
@@ -88,6 +103,10 @@ auto PointwiseNode<Self, Interface>::grad(float3 const& position, long long inde
 
 template <class Self, class Interface>
 auto TransformNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
+    static_assert(NodeAccess::hasChildPosition<Self> && NodeAccess::hasValue<Self, Value>,
+                  "A TransformNode has two members: float3 childPosition(float3 const& p) const, "
+                  "and Value valueOf(v) const, with the child's value. If they are private, "
+                  "zel::NodeAccess is a friend.");
     Self const& node = this->self();
     auto const& field = std::get<0>(NodeAccess::children(node));
     return NodeAccess::valueOf(node, field->eval(NodeAccess::childPosition(node, position), index));
@@ -96,6 +115,9 @@ auto TransformNode<Self, Interface>::eval(float3 const& position, long long inde
 template <class Self, class Interface>
 auto TransformNode<Self, Interface>::grad(float3 const& position, long long index) const
     -> Gradient {
+    static_assert(NodeAccess::hasGradient<Self, Gradient>,
+                  "A TransformNode has a member: Gradient gradientOf(g) const, with the child's "
+                  "gradient. If it is private, zel::NodeAccess is a friend.");
     Self const& node = this->self();
     auto const& field = std::get<0>(NodeAccess::children(node));
     return NodeAccess::gradientOf(node,
