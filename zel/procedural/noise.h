@@ -56,7 +56,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
-    struct Octave;
+    template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float>& out) const;
 
     float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
@@ -107,7 +107,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
-    struct Octave;
+    template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float3>& out) const;
     /// The time, where the hook has evaluated it already.
     std::optional<float> keptTime() const;
