@@ -4,43 +4,44 @@
 
 namespace zel::detail {
 
-/// What an operator is known by while hooks run: a member without a size, at an address of its own.
+/// Identifies an operator while hooks run, by its address. It is a member that adds no size.
 class ZEL_API HookTarget {
 public:
     HookTarget() = default;
     HookTarget(HookTarget const&) = default;
-    ~HookTarget();  ///< the hooks forget the operator: another may come to lie at its address
+    ~HookTarget();  ///< removes the operator from the walks: its address may be used again
     HookTarget& operator=(HookTarget const&) = default;
 };
 
-/// The passing on of a sampling hook by an operator to its children. A tree is a graph, and a hook
-/// comes to an operator by each of its parents. During a walk, which is the outermost call of a
-/// hook on a thread with all that it calls,
+/// The call of a sampling hook on an operator, which decides whether the operator passes the hook
+/// on to its children. An operator with several parents receives the hook from each of them. A walk
+/// is the outermost call of a hook on a thread, with all calls inside it. During a walk,
 ///
-/// - `preSampleField` is passed on if the operator is not prepared yet. It stays prepared until it
-///   has been released as often as it was prepared;
-/// - `postSampleField` is passed on when the last preparation of the same walk is taken back; and,
-///   where the walk has not prepared the operator, the first time.
+/// - `preSampleField` is passed on if the operator is not prepared. The operator then stays
+/// prepared
+///   until it has been released as often as it was prepared;
+/// - `postSampleField` is passed on when it takes back the last preparation of the walk; and, if
+/// the
+///   walk has not prepared the operator, the first time.
 ///
-/// So a walk is linear in the graph, and a node whose own hook prepares a tree, samples it and
-/// releases it always samples a prepared one, and leaves the tree as it was.
+/// So a walk is linear in the graph. A node whose own hook prepares a tree, samples it and releases
+/// it always samples a prepared tree, and leaves the tree as it was.
 class ZEL_API HookWalk {
 public:
     enum class Hook { kPre, kPost };
 
-    /// A hook comes to an operator: within the walk that runs on this thread, or as the start of
-    /// one. Throws std::bad_alloc.
+    /// Joins the walk that runs on this thread, or starts one. Throws std::bad_alloc.
     HookWalk(HookTarget const& target, Hook hook);
-    /// Leaves the operator. If an exception passes, the hook counts as not called for it; what it
-    /// has prepared below stays prepared.
+    /// Ends the call. After an exception the operator counts as not called; descendants that it has
+    /// prepared stay prepared.
     ~HookWalk();
     HookWalk(HookWalk const&) = delete;
     HookWalk& operator=(HookWalk const&) = delete;
 
-    /// Whether the operator is to pass the hook on.
+    /// Whether the operator must pass the hook on.
     bool passesOn() const { return m_passesOn; }
 
-    /// A hook that is called while this exists starts a walk of its own, even inside of another.
+    /// While it exists, a hook starts a walk of its own, even inside another walk.
     class ZEL_API Scope {
     public:
         Scope();
@@ -51,7 +52,7 @@ public:
 
 private:
     HookTarget const& m_target;
-    int m_exceptions;  // that were in flight when the hook came
+    int m_exceptions;  // in flight when the hook was called
     long long m_preparedBefore;
     bool m_releasedBefore;
     bool m_passesOn;

@@ -19,7 +19,8 @@ auto WarpNode<Self, Interface>::grad(float3 const& position, long long index) co
 
 namespace {
 
-/// The gradients of `field` at other positions, times those of the map to them.
+/// Sets `out` to the gradients of `field` at the positions `there`, times the matrices `map` of the
+/// map from the block's positions to them.
 template <class Interface>
 void chain(Block& block, Quern::Ptr<Interface> const& field, Columns<float3> const& there,
            Columns<float3x3> const& map, BlockResult<typename Interface::Gradient>& out) {
@@ -55,7 +56,7 @@ auto AdvectNode<Self, Interface>::eval(float3 const& position, long long index) 
 
 template <class Self, class Interface>
 auto AdvectNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
-    // The scalar form asks for the derivative of the velocity last, the vector form first.
+    // The scalar node asks for the gradient of the velocity last, the vector node first.
     if constexpr (std::same_as<Interface, ScalarField>) {
         float3 const there = origin(position, velocity->eval(position, index));
         Gradient const g = field->grad(there, index);
