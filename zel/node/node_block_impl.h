@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <concepts>
-#include <cstring>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "zel/batch/block.h"
 #include "zel/batch/block_differences.h"
+#include "zel/node/block_maps.h"
+#include "zel/node/block_selection.h"
 #include "zel/node/fused_forms.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
@@ -17,47 +18,6 @@
 // The block forms of the bases in node.h, by the formulas of the node classes. A node computes by
 // its block form only if it is exactly of its class: a class derived from it may override `eval`.
 namespace zel {
-
-namespace detail {
-
-/// Sets `out` to `formula(node, v...)` at each position, with the values `v` of `columns`. The
-/// formula has no state of its own.
-template <class T, class Node, class Formula, class... In>
-void mapNode(Block& block, BlockResult<T>& out, Node const& node, Formula const& formula,
-             Columns<In> const&... columns) {
-    auto const write = out.writer();
-    Quern::forEachPosition<kComponents<T> == 1>(
-        block.count(),
-        [write, formula, ... in = columns.component](int i, Node const& n)
-            ZEL_ALWAYS_INLINE { write.set(i, formula(n, Columns<In>{in}[i]...)); },
-        node);
-    out.columns.light = (NodeAccess::isLight<Node> && ... && columns.light);
-}
-
-/// Sets `out` to `formula(node, p, i)` at each position `p` with the element index `i`.
-template <class T, class Node, class Formula>
-void mapPositions(Block& block, BlockResult<T>& out, Node const& node, Formula const& formula) {
-    auto const write = out.writer();
-    Quern::forEachPosition(
-        block.count(),
-        [write, formula, p = block.positions()](int i, Node const& n, Block const& b)
-            ZEL_ALWAYS_INLINE { write.set(i, formula(n, p[i], b.index(i))); },
-        node, block);
-    out.columns.light = NodeAccess::isLight<Node>;
-}
-
-}  // namespace detail
-
-/// Sets `out` to `formula(v...)` at each position, with the values `v` of `columns`. A node calls
-/// it in its `blockValues` and `blockGradients`.
-template <class T, class Formula, class... In>
-void mapBlock(Block& block, BlockResult<T>& out, Formula const& formula,
-              Columns<In> const&... columns) {
-    auto const object = formula;  // a function decays to a pointer, which is an object
-    detail::mapNode(
-        block, out, object,
-        [](auto const& f, auto const&... v) ZEL_ALWAYS_INLINE { return f(v...); }, columns...);
-}
 
 namespace detail {
 
@@ -93,73 +53,6 @@ gradientsInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
     };
     return std::tuple<Columns<typename First::Gradient>, Columns<typename Rest::Gradient>...>{
         ofFirst(), block.gradients(rest)...};
-}
-
-/// An array of integers that stays until the frame ends.
-inline int* allocateInts(Block& block) {
-    static_assert(sizeof(int) == sizeof(float));
-    return new (block.allocate()) int[kBlockSize];
-}
-
-inline bool allEqual(int const* chosen, int count) {
-    int differing = 0;
-    for (int i = 1; i < count; ++i) differing |= chosen[i] ^ chosen[0];
-    return differing == 0;
-}
-
-/// Sets `out` to the columns `ask(branch, block)` at the positions where `chosen` is that branch, 0
-/// to kBranches - 1, and to zero where `chosen` is negative. Each branch is asked once at most,
-/// with a block of its own positions.
-template <int kBranches, class T, class Ask>
-void select(Block& block, int const* chosen, BlockResult<T>& out, Ask const& ask) {
-    int const count = block.count();
-    if (chosen[0] >= 0 && allEqual(chosen, count)) {
-        out.set(ask(chosen[0], block));
-        return;
-    }
-    auto const write = out.writer();
-    int* const places = allocateInts(block);
-    for (int branch = -1; branch < kBranches; ++branch) {
-        int placeCount = 0;
-        for (int i = 0; i < count; ++i) {
-            places[placeCount] = i;
-            placeCount += chosen[i] == branch;
-        }
-        if (placeCount == 0) continue;
-        auto const scatter = [&](auto const& from) {
-            for (int i = 0; i < placeCount; ++i) write.set(places[i], from[i]);
-        };
-        if (branch < 0) {
-            for (int i = 0; i < placeCount; ++i) write.set(places[i], T{});
-        } else {
-            block.withChoice(places, placeCount, [&](Block& some) { scatter(ask(branch, some)); });
-        }
-    }
-}
-
-/// Sets `out` to the gradient of child number `chosen`, or to zero where that is negative. All
-/// children are asked at all positions, which takes less time than select() if they are light.
-template <class Gradient, class... Child>
-void blend(Block& block, int const* chosen, BlockResult<Gradient>& out,
-           Quern::Ptr<Child> const&... child) {
-    Block::Frame const frame(block);
-    std::array<Columns<Gradient>, sizeof...(Child)> const g{block.gradients(child)...};
-    auto const write = out.writer();
-    for (std::size_t c = 0; c < kComponents<Gradient>; ++c) {
-        float* const to = write.component[c];
-        float const* const first = g[0].component[c];
-        if constexpr (sizeof...(Child) == 2) {
-            float const* const second = g[1].component[c];
-            Quern::forEachPosition<true>(block.count(), [=](int i) ZEL_ALWAYS_INLINE {
-                to[i] = chosen[i] == 0 ? first[i] : second[i];
-            });
-        } else {
-            static_assert(sizeof...(Child) == 1);
-            Quern::forEachPosition<true>(block.count(), [=](int i) ZEL_ALWAYS_INLINE {
-                to[i] = chosen[i] == 0 ? first[i] : 0.0F;
-            });
-        }
-    }
 }
 
 /// The gradients of child number `number`.
