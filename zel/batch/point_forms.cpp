@@ -1,5 +1,7 @@
 #include "zel/batch/block.h"
 #include "zel/batch/fusion/fusion.h"
+#include "zel/field/scalar_field.h"
+#include "zel/field/vector_field.h"
 
 // The block forms that a node has from its interface: by its point operations.
 namespace Core::Fields {
