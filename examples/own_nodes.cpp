@@ -80,9 +80,8 @@ private:
                 return float3{std::fabs(p.x), p.y, p.z};
             },
             block.positions());
-        block.withPositions(mirrored.columns, [&](zel::Block& there) {
-            there.writeValues(*field, field.useCount() > 1, out);
-        });
+        block.withPositions(mirrored.columns,
+                            [&](zel::Block& there) { there.writeValues(field, out); });
     }
 
     ScalarPtr field;

@@ -318,8 +318,7 @@ struct Again : FieldNode<Again, ScalarField> {
                 return float3{p.x - 1, p.y, p.z};
             },
             block.positions());
-        block.withPositions(moved.columns,
-                            [&](Block& there) { there.writeValues(*above, false, out); });
+        block.withPositions(moved.columns, [&](Block& there) { there.writeValues(*above, out); });
     }
     ScalarPtr none = makePtr<ScalarFieldZPosition>();
     ScalarField const* above = nullptr;
@@ -386,9 +385,7 @@ struct Passing : FieldNode<Passing, ScalarField> {
     using ScalarField::eval;
     float eval(float3 const& p, long long i) const override { return child->eval(p, i); }
     template <class Node> static auto children(Node& node) { return std::tie(node.child); }
-    void blockValues(Block& block, BlockResult<float>& out) const {
-        block.writeValues(*child, child.useCount() > 1, out);
-    }
+    void blockValues(Block& block, BlockResult<float>& out) const { block.writeValues(child, out); }
     ScalarPtr child;
 };
 

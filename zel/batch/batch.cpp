@@ -9,9 +9,9 @@
 #include <atomic>
 #include <concepts>
 
-#include "zel/batch/block_impl.h"
+#include "zel/batch/evaluate_range.h"
 #include "zel/batch/float_environment.h"
-#include "zel/node/hook_walk.h"
+#include "zel/batch/hook_walk.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
 
 namespace Core::Fields {
@@ -24,8 +24,8 @@ namespace {
 /// The number of the last batch that was started, of either interface.
 std::atomic<std::uint64_t> lastBatch = 0;
 
-/// An array of `count` values that are written next, out of the pool of arrays if that is enabled
-/// and has such arrays.
+/// An uninitialised array of `count` values, from the pool of arrays if that is enabled and holds
+/// arrays of this type.
 template <class T> Quern::Ptr<Quern::Array<T>> makeResult(long long count) {
     if constexpr (!std::same_as<T, float3x3>)
         if (ORV::TileTree3D::ArrayPool::enabled())
@@ -38,7 +38,7 @@ template <class T> void clear(Quern::Ptr<Quern::Array<T>> const& array) {
     if (array) std::fill(array->begin(), array->end(), T{});
 }
 
-/// Works out what there is an array for, in parallel.
+/// Computes the results for which `out` has an array, in parallel.
 template <class Interface>
 void evaluate(Interface const& field, Quern::Array<float3> const& positions,
               ValuesAndGradients<Interface> const& out) {
@@ -47,19 +47,19 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
     auto const loop = [&field, in = positions.data(), values, gradients,
                        batch = ++lastBatch](tbb::blocked_range<std::size_t> const& range) {
         zel::detail::FloatEnvironment const standard;
-        zel::detail::evalRange(field, in, values, gradients, range.begin(), range.end(), batch);
+        zel::detail::evaluateRange(field, in, values, gradients, range.begin(), range.end(), batch);
     };
-    zel::detail::FloatEnvironment const standard;  // for the hooks; workers set their own
+    zel::detail::FloatEnvironment const standard;  // for the hooks; each worker sets its own
     {
         zel::detail::HookWalk::Scope const ownWalk;
         field.preSampleField();
     }
     tbb::blocked_range<std::size_t> const all(0, static_cast<std::size_t>(positions.size()), 1);
     if (all.is_divisible()) {
-        // Isolated, so that cancelling the caller's own tasks leaves no batch half done.
+        // Isolated: cancelling the tasks of the caller does not interrupt the batch.
         tbb::task_group_context context(tbb::task_group_context::isolated);
         tbb::parallel_for(all, loop, tbb::auto_partitioner(), context);
-        if (context.is_group_execution_cancelled()) {  // by a node, which left parts undone
+        if (context.is_group_execution_cancelled()) {  // by a node: some blocks are missing
             clear(out.values);
             clear(out.gradients);
         }

@@ -1,20 +1,22 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <type_traits>
 
 #include "zel_platform/orvane_math/float3x3.h"
 #include "zel_platform/orvane_math/vectors.h"
 #include "zel_platform/quern_core/always_inline.h"
 
-// Values of many points, an array for each component, and the loops over them.
+// The values of a block of positions. A column is an array of kBlockSize floats: one component of
+// the value at each position. A block with fewer positions leaves the end of its columns undefined.
 namespace zel {
 
-/// The number of positions that are worked out together.
+/// The largest number of positions in a block.
 inline constexpr int kBlockSize = 256;
 
 /// The number of floats in a value: 1 of a float, 3 of a float3, 9 of a float3x3, row after row.
-template <class T> inline constexpr int kComponents = static_cast<int>(sizeof(T) / sizeof(float));
+template <class T> inline constexpr std::size_t kComponents = sizeof(T) / sizeof(float);
 
 namespace detail {
 
@@ -33,37 +35,36 @@ template <class T, class Component> ZEL_ALWAYS_INLINE inline T gather(Component 
 
 }  // namespace detail
 
-/// Reads values of type T.
+/// Values of type T, to be read: a column for each component.
 template <class T> struct Columns {
     using Components = std::array<float const*, kComponents<T>>;
 
-    /// Arrays of kBlockSize floats, of which as many count as the block has positions.
     Components component{};
-    /// Whether the arrays stay as they are until the block is done. Others are given up when the
-    /// node that asked for them returns.
-    bool lasting = false;
-    /// Whether they come from nodes of the library that do little for each position.
+    /// Whether the columns stay unchanged until the work on their positions is done. Other columns
+    /// are valid until the frame ends in which they were asked for.
+    bool persistent = false;
+    /// Whether all nodes that the values depend on are light. A light node is one of the library
+    /// that takes little time a position: see PointwiseNode for the heavy ones. A node that needs
+    /// light children at some positions only may evaluate them at all positions.
     bool light = false;
 
     ZEL_ALWAYS_INLINE T operator[](int i) const {
-        return detail::gather<T>([&](unsigned c) { return component[c][i]; });
+        return detail::gather<T>([&](std::size_t c) { return component[c][i]; });
     }
 
-    /// One component; of a matrix, one entry.
-    Columns<float> part(int c) const {
-        return {{component[static_cast<unsigned>(c)]}, lasting, light};
-    }
+    /// Column `c` alone: a component of a vector, or an entry of a matrix.
+    Columns<float> part(std::size_t c) const { return {{component[c]}, persistent, light}; }
 };
 
-/// Three arrays as those of a vector.
+/// The columns of vectors with these components.
 inline Columns<Orvane::Math::float3> joined(Columns<float> const& x, Columns<float> const& y,
                                             Columns<float> const& z) {
     return {{x.component[0], y.component[0], z.component[0]},
-            x.lasting && y.lasting && z.lasting,
+            x.persistent && y.persistent && z.persistent,
             x.light && y.light && z.light};
 }
 
-/// Writes values of type T.
+/// Columns to be written.
 template <class T> struct ColumnWriter {
     std::array<float*, kComponents<T>> component{};
 
@@ -75,45 +76,44 @@ template <class T> struct ColumnWriter {
             component[1][i] = value.y;
             component[2][i] = value.z;
         } else {
-            for (unsigned r = 0; r < 3; ++r) {
-                Orvane::Math::float3 const& row = value[static_cast<int>(r)];
-                component[3 * r][i] = row.x;
-                component[3 * r + 1][i] = row.y;
-                component[3 * r + 2][i] = row.z;
+            std::size_t first = 0;
+            for (Orvane::Math::float3 const& row : value.rows) {
+                component[first][i] = row.x;
+                component[first + 1][i] = row.y;
+                component[first + 2][i] = row.z;
+                first += 3;
             }
         }
     }
 };
 
-/// Where a node leaves the values of a block: in the arrays that it is given, or, when there are
-/// such arrays already, by naming them.
+/// The result of a node in a block: columns that the node writes, or columns that exist already and
+/// that the node names.
 template <class T> class BlockResult {
 public:
-    /// `floats` has room for kComponents<T> arrays, `floatsApart` floats apart.
-    explicit BlockResult(float* floats, int floatsApart = kBlockSize)
+    /// `floats` has room for kComponents<T> columns, which begin `floatsApart` floats apart.
+    explicit BlockResult(float* floats, std::size_t floatsApart = kBlockSize)
         : storage(floats), stride(floatsApart) {}
 
-    /// The arrays to write to, all of which are then the result.
+    /// The columns in the storage, which become the result. The node writes all of them.
     ColumnWriter<T> writer() {
-        ColumnWriter<T> arrays;
-        for (int c = 0; c < kComponents<T>; ++c) {
-            arrays.component[static_cast<unsigned>(c)] = storage + c * stride;
-            columns.component[static_cast<unsigned>(c)] = storage + c * stride;
-        }
-        columns.lasting = columns.light = false;
-        return arrays;
+        ColumnWriter<T> written;
+        for (std::size_t c = 0; c < kComponents<T>; ++c)
+            columns.component[c] = written.component[c] = storage + c * stride;
+        columns.persistent = columns.light = false;
+        return written;
     }
 
-    /// Names other arrays of kBlockSize floats as the result: those of the block, of a child, or of
-    /// a constant.
+    /// Names other columns as the result: those of the positions, of a child, or of a constant.
     void set(Columns<T> const& other) { columns = other; }
 
     bool inStorage() const { return columns.component[0] == storage; }
 
     float* const storage;
-    int const stride;
+    std::size_t const stride;
     Columns<T> columns;
-    /// Whether the values come from a class of the user's, which is asked anew by each parent.
+    /// Whether the values come from point operations, by which a class of a user's is evaluated.
+    /// Such values are not kept: each parent of the node asks again.
     bool byPoints = false;
 };
 

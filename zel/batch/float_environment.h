@@ -8,8 +8,8 @@
 
 namespace zel::detail {
 
-/// While it exists, the calling thread computes floats as a program does at its start: rounded to
-/// nearest, subnormal numbers kept, no exception trapped. Afterwards as before.
+/// While it exists, the calling thread computes floats as at the start of a program: rounded to
+/// nearest, subnormal numbers kept, no exception trapped. Its end restores the previous modes.
 class FloatEnvironment {
 public:
     FloatEnvironment(FloatEnvironment const&) = delete;

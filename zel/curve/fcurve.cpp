@@ -14,7 +14,7 @@ float3 remap(Orvane::Math::FCurve const& curve, float3 const& v) {
     return {remap(curve, v.x), remap(curve, v.y), remap(curve, v.z)};
 }
 
-/// By points: the curve is double precision and a call, which no vector code gains from.
+/// A plain loop: the curve is a call in double precision, which SIMD code does not speed up.
 template <class T>
 void remap(Orvane::Math::FCurve const& curve, Block& block, Columns<T> const& v,
            BlockResult<T>& out) {

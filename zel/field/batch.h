@@ -8,10 +8,10 @@
 #include "zel_platform/quern_core/array.h"
 #include "zel_platform/quern_core/ptr.h"
 
-// Gradients of whole arrays of positions. All that is said of the batch `eval` of a field holds
-// here too: hooks, threads, element indices and exceptions. A gradient has the bits of the point
-// `grad`, but for the sign and the payload of a NaN. Within a block of positions, a node of the
-// library is asked for its values once at most, however many of the gradients above it need them.
+// The gradients at arrays of positions. Hooks, threads, element indices and exceptions are as in
+// the batch `eval` of a field. A gradient has the bits of the point `grad`, but for the sign and
+// the payload of a NaN. In a block of positions a node of the library computes its values once at
+// most, however many gradients above it need them.
 namespace Core::Fields {
 
 /// The gradients at all positions.
@@ -25,7 +25,7 @@ template <class Interface> struct ValuesAndGradients {
     Quern::Ptr<Quern::Array<typename Interface::Gradient>> gradients;
 };
 
-/// The values and the gradients at all positions, in one go.
+/// The values and the gradients at all positions, by one batch.
 ZEL_API ValuesAndGradients<ScalarField>
 evalAndGrad(ScalarField const& field, Quern::Array<Orvane::Math::float3> const& positions);
 ZEL_API ValuesAndGradients<VectorField>

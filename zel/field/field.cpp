@@ -6,7 +6,8 @@ namespace zel {
 
 namespace {
 
-// When the library is loaded; or, as part of a program, in this source, which every field needs.
+// Runs when the library is loaded. In a static library this source is linked into each program that
+// has a field.
 [[maybe_unused]] bool const reported = detail::reportVersion();
 
 }  // namespace

@@ -37,8 +37,8 @@ public:
     virtual void operator()(Field& node);         ///< does nothing
 };
 
-/// The root of every node: what does not depend on whether a node yields a scalar or a vector. It
-/// holds no data. All operations speak of this one node and never of what lies below it.
+/// The base of all nodes, of scalar and of vector fields. It holds no data. Its operations concern
+/// this node alone, not its descendants.
 class ZEL_API Field {
 public:
     Field();
@@ -63,10 +63,10 @@ public:
     /// Binds the node to an object. Belongs to the set-up of a tree, before it is sampled.
     virtual void apply_object(Orvane::Object const& object);
 
-    /// Gives the node an index of its own for each element. Belongs to the set-up of a tree.
+    /// Sets the index that the node reads for each element index. Belongs to the set-up of a tree.
     virtual void use_property_indices(Quern::Ptr<Quern::Array<long long>> indices);
 
-    /// The const walk, for a caller that holds a node it could change.
+    /// The const walk, for a caller whose node is not const.
     void caccept(FieldConstVisitor& visitor) const;
 };
 

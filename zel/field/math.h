@@ -22,7 +22,7 @@ inline float length(float3 const& v) {
     return std::sqrt(dot(v, v));
 }
 
-/// f of each component of its arguments: of all x, all y, all z.
+/// The vector (f(x...), f(y...), f(z...)) of the components of the arguments.
 template <class F, class... Vectors>
 constexpr float3 mapComponents(F const& f, Vectors const&... v) {
     return {f(v.x...), f(v.y...), f(v.z...)};
@@ -42,7 +42,7 @@ constexpr float positivePart(float v) {
 }
 
 /// Lexicographic in the order x, y, z: the first component in which the two differ decides. False
-/// if none differs, or if a NaN stands where it would be decided.
+/// if none differs, or if the component that decides is a NaN.
 constexpr bool operator<(float3 const& a, float3 const& b) {
     if (a.x != b.x) return a.x < b.x;
     if (a.y != b.y) return a.y < b.y;
@@ -120,8 +120,8 @@ constexpr float4 operator*(float4 const& a, float4 const& b) {
             a.w * b.w - a.x * b.x - a.y * b.y - a.z * b.z};
 }
 
-/// `v` turned by `q`: the vector part of q * (v, 0) * conjugate(q). Nothing normalises `q`: one of
-/// length `m` also scales by `m * m`.
+/// `v` turned by `q`: the vector part of q * (v, 0) * conjugate(q). `q` is not normalised: a
+/// quaternion of length `m` also scales by `m * m`.
 constexpr float3 rotate(float4 const& q, float3 const& v) {
     float4 const turned = (q * float4{v.x, v.y, v.z, 0.0F}) * conjugate(q);
     return {turned.x, turned.y, turned.z};

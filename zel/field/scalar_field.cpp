@@ -1,7 +1,5 @@
 #include "zel/field/scalar_field.h"
 
-#include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -22,11 +20,7 @@ float ScalarField::eval(float3 const& /*position*/, long long /*index*/) const {
 }
 
 float3 ScalarField::grad(float3 const& position, long long index) const {
-    float3 gradient;
-    zel::detail::differences(
-        *this, position, index,
-        [&](int axis, float f1, float f2, float divisor) { gradient[axis] = (f1 - f2) / divisor; });
-    return gradient;
+    return zel::detail::gradientByDifferences<float3>(*this, position, index);
 }
 
 Quern::String ScalarField::getType() const {
@@ -35,18 +29,6 @@ Quern::String ScalarField::getType() const {
 
 void ScalarField::preSampleField() const {}
 void ScalarField::postSampleField() const {}
-
-void ScalarField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
-    zel::detail::evalByPoints(*this, block, out);
-}
-
-void ScalarField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
-    zel::detail::gradByPoints(*this, block, out);
-}
-
-void ScalarField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
-}
 
 }  // namespace Core::Fields
 

@@ -53,22 +53,24 @@ public:
     virtual void preSampleField() const;
     virtual void postSampleField() const;
 
-    /// The values and the gradients at all positions of a block, which is what batches ask for: by
-    /// the point `eval` and `grad` here, once a position in rising order. Nodes of the library work
-    /// out the whole block, to the same bits but for those of a NaN; but a class that is derived
-    /// from a node is asked through its point operations. See zel::Block.
+    /// The values, and the gradients, at the positions of a block, of which a batch consists. Here
+    /// by the point `eval` and `grad`, once a position in rising order. Nodes of the library
+    /// compute the block as a whole, to the same bits but for those of a NaN. A class derived from
+    /// such a node is evaluated by its point operations again, which it may override. See
+    /// zel::Block.
     virtual void evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const;
     virtual void gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const;
 
-    /// Tells what of this node and its children may be worked out together. Here, that nothing is
-    /// known. See zel::Fuser.
+    /// Describes to a Fuser how this node and its children can be fused. Here, that nothing is
+    /// known about them. See zel::Fuser.
     virtual void fuse(zel::Fuser& fuser) const;
 
 protected:
     Quern::String typeName;
 
 private:
-    // The step factors of the default gradient, for whoever looks for them in the binary.
+    // The step factors of the default gradient as data of the library. The code uses the constants
+    // of differences.h.
     static float const q;       // upper step factor of the default gradient
     static float const qinv;    // lower step factor
     static float const qdenom;  // their difference

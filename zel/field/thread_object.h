@@ -4,9 +4,9 @@
 
 namespace zel::detail {
 
-/// A T of the calling thread, made on first use and destroyed when the thread ends. It may be asked
-/// for even then, by the destructors of a thread's objects and of static ones: a T that is made so
-/// late is left alone. Throws what making a T throws.
+/// The T of the calling thread, constructed by the first call and destroyed when the thread ends.
+/// Destructors of thread-local and of static objects may call this later still: the T that they get
+/// is never destroyed. Throws what the constructor of T throws.
 template <class T> T& threadObject() {
     static thread_local constinit T* object = nullptr;
     static thread_local constinit bool ended = false;

@@ -1,7 +1,5 @@
 #include "zel/field/vector_field.h"
 
-#include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -23,13 +21,7 @@ float3 VectorField::eval(float3 const& /*position*/, long long /*index*/) const 
 }
 
 float3x3 VectorField::grad(float3 const& position, long long index) const {
-    float3x3 gradient;
-    zel::detail::differences(*this, position, index,
-                             [&](int axis, float3 const& f1, float3 const& f2, float divisor) {
-                                 for (int i = 0; i < 3; ++i)
-                                     gradient[i][axis] = (f1[i] - f2[i]) / divisor;
-                             });
-    return gradient;
+    return zel::detail::gradientByDifferences<float3x3>(*this, position, index);
 }
 
 Quern::String VectorField::getType() const {
@@ -38,18 +30,6 @@ Quern::String VectorField::getType() const {
 
 void VectorField::preSampleField() const {}
 void VectorField::postSampleField() const {}
-
-void VectorField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
-    zel::detail::evalByPoints(*this, block, out);
-}
-
-void VectorField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
-    zel::detail::gradByPoints(*this, block, out);
-}
-
-void VectorField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
-}
 
 }  // namespace Core::Fields
 

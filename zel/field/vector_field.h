@@ -14,7 +14,7 @@ template <class T> class BlockResult;
 namespace Core::Fields {
 
 /// A function over space that yields a vector, and the field that is the zero vector everywhere.
-/// All that is said of ScalarField holds here too.
+/// The contract is that of ScalarField.
 class ZEL_API VectorField : public zel::Field {
 public:
     using Value = Orvane::Math::float3;
@@ -49,7 +49,7 @@ protected:
     Quern::String typeName;
 
 private:
-    // The step factors of the default gradient, for whoever looks for them in the binary.
+    // As in ScalarField.
     static float const q;
     static float const qinv;
     static float const qdenom;

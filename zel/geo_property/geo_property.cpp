@@ -26,8 +26,8 @@ void GeoPropertyNode<Self, Interface, Binding>::use_property_indices(
 
 namespace {
 
-// The store that a binding reads from, `data` before all else: how many elements it has, and its
-// element `i`.
+// The number of elements in the store from which a binding reads, and its element `i`. The store is
+// `data` if that is bound.
 
 long long countOf(detail::ScalarPropertyBinding const& binding) {
     if (binding.data) return binding.data->size();

@@ -30,7 +30,7 @@
 // is bound to, and so does what is made by a move: a node can be bound and sampled after it.
 namespace zel {
 
-/// What all four nodes share. `Binding` holds the property.
+/// The base of the four nodes. `Binding` holds the property.
 template <class Self, class Interface, class Binding>
 class ZEL_API GeoPropertyNode : public LeafNode<Self, Interface> {
 public:

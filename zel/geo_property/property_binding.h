@@ -10,7 +10,7 @@ namespace Orvane {
 class Object;
 }  // namespace Orvane
 
-// What a node that reads a geometry property holds, and how it binds to an object.
+// The state of a node that reads a geometry property, and how it binds to an object.
 namespace zel {
 
 class ScalarConverter;
@@ -22,7 +22,7 @@ constexpr bool inside(long long i, long long count) {
     return 0 <= i && i < count;
 }
 
-/// What the bindings of scalar and of vector properties share.
+/// The base of the bindings of scalar and of vector properties.
 struct ZEL_API PropertyBinding {
     explicit PropertyBinding(Quern::String const& propertyName_) : propertyName(propertyName_) {}
 
@@ -30,15 +30,17 @@ struct ZEL_API PropertyBinding {
     /// earlier object stay if the target is the voxel tile tree.
     ZEL_INTERNAL void bindRange(Orvane::Object const& object);
 
-    /// The place of the value of an element: through both maps, as far as they are set. An index
-    /// outside a map becomes -1, which lies outside all that follows.
+    /// The index of an element's value: the element index through both maps, as far as they are
+    /// set. An index outside a map gives -1, which is outside the next map and the values too.
     long long mapIndex(long long i) const {
         return mapped(rangeIndices, mapped(propertyIndices, i));
     }
 
     Quern::String propertyName;
-    Quern::Ptr<Quern::Array<long long>> propertyIndices;  // from sampled to geometry element
-    Quern::Ptr<Quern::Array<unsigned int>> rangeIndices;  // from there to a place in the values
+    Quern::Ptr<Quern::Array<long long>>
+        propertyIndices;  // by sampled element: the geometry element
+    Quern::Ptr<Quern::Array<unsigned int>>
+        rangeIndices;  // by geometry element: the index of its value
 
 private:
     template <class T>

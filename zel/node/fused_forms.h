@@ -36,6 +36,9 @@ ZEL_WIDE_TARGET __attribute__((flatten)) void runStage(Stage const* stage, std::
 
 /// A value and its gradient, and their places in a tile.
 struct Dual {
+    using Value = float;
+    using Gradient = float3;
+
     float value;
     float3 gradient;
 };
@@ -55,14 +58,15 @@ ZEL_ALWAYS_INLINE inline void setDual(float* tile, int i, Dual const& d) {
 /// them.
 template <class Node, std::same_as<Dual>... D>
 ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
+    constexpr GradientForm kForm = gradientForm<Node, D...>;
     float const value = NodeAccess::valueOf(node, d.value...);
-    if constexpr (NodeAccess::hasGradient<Node>) {
+    if constexpr (kForm == GradientForm::kSame) {
         return {value, NodeAccess::gradientOf(node)};
-    } else if constexpr (NodeAccess::hasGradient<Node, decltype(d.gradient)...>) {
+    } else if constexpr (kForm == GradientForm::kFromGradients) {
         return {value, NodeAccess::gradientOf(node, d.gradient...)};
-    } else if constexpr (NodeAccess::hasGradientFromValue<Node, float, decltype(d.gradient)...>) {
+    } else if constexpr (kForm == GradientForm::kFromOwnValue) {
         return {value, NodeAccess::gradientFromValue(node, value, d.gradient...)};
-    } else if constexpr (NodeAccess::hasGradientChoice<Node, decltype(d.value)...>) {
+    } else if constexpr (kForm == GradientForm::kChoice) {
         int const choice = NodeAccess::gradientChoice(node, d.value...);
         float3 gradient{};
         int number = 0;
@@ -151,7 +155,7 @@ void addFormula(Fuser& fuser, Node const& node, std::integer_sequence<int, child
         runDualStage<Node, -1, child...>,
         runDualStage<Node, child, child...>...,
     };
-    constexpr bool kChooses = NodeAccess::hasGradientChoice<Node, typename Child::Value...>;
+    constexpr bool kChooses = gradientForm<Node, Child...> == GradientForm::kChoice;
     fuser.add(node, &node, {values, duals, kChooses}, {&children...});
 }
 

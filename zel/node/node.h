@@ -4,15 +4,15 @@
 #include <type_traits>
 
 #include "zel/batch/columns.h"
+#include "zel/batch/hook_walk.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
-#include "zel/node/hook_walk.h"
 #include "zel_platform/orvane_math/float3x3.h"
 #include "zel_platform/orvane_math/vectors.h"
 
-// The bases of all nodes: what nodes do alike stands here once, and a node class shows only its
-// members and its formulas, and does not override what the base does with them. `Self` is the node
-// class, `Interface` ScalarField or VectorField.
+// The bases of node classes. They implement what nodes have in common: a node class has its members
+// and its formulas, and overrides none of the operations that its base makes of them. `Self` is the
+// node class, `Interface` ScalarField or VectorField.
 //
 // A node names its children, in the order of its members, for the walks and the hooks:
 //
@@ -22,9 +22,9 @@
 // no destructor, copy or move operation in a node: the implicit ones share the children on a copy,
 // take them on a move, and release them last to first.
 //
-// Definitions are in node_impl.h, which the source file of a node includes. To spare the users of a
-// node their compilation, its header says ZEL_DECLARE_OPERATOR (or the like) after the class, and
-// its source ZEL_DEFINE_OPERATOR, both outside any namespace.
+// The definitions are in node_impl.h, which the source file of a node includes. So that the users
+// of a node do not compile them, its header has ZEL_DECLARE_OPERATOR (or the like) after the class,
+// and its source ZEL_DEFINE_OPERATOR, both outside any namespace.
 
 namespace zel {
 
@@ -38,23 +38,24 @@ using Orvane::Math::float3;
 using Orvane::Math::float3x3;
 using Orvane::Math::float4;
 
-/// Reaches what a node keeps private. A node makes it a friend.
+/// Calls the private formulas of a node, which declares it a friend.
 struct NodeAccess;
 
 namespace detail {
 
-/// Whether a node class is one of the library, which says so by ZEL_LIBRARY_NODE.
+/// Whether a node class belongs to the library: see ZEL_LIBRARY_NODE.
 template <class Node> inline constexpr bool isLibraryNode = false;
 
 }  // namespace detail
 
-/// Gives a node its type name, and what it has in blocks. A node that writes `eval` itself may have
+/// The type name and the block forms of a node. A node that writes `eval` itself may have
 ///
 ///     void blockValues(Block& block, BlockResult<Value>& out) const;
 ///     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
 ///
-/// with the bits of its point operations. Without the first, both are done by points. With the
-/// first alone, the gradients are differences if the node has inherited the default `grad`.
+/// which must give the bits of its point operations. A node without them is evaluated by its point
+/// operations. A node with `blockValues` alone, and with the default `grad`, has its gradients by
+/// differences of the values of blocks.
 template <class Self, class Interface> class ZEL_API NamedNode : public Interface {
 public:
     using Value = typename Interface::Value;
@@ -73,13 +74,13 @@ protected:
     Self& self() { return static_cast<Self&>(*this); }
 };
 
-/// A leaf by two formulas of the position and the element index:
+/// A leaf with two formulas of the position and the element index:
 ///
 ///     Value valueOf(float3 const& p, long long i) const;
 ///     Gradient gradientOf(float3 const& p, long long i) const;
 ///
-/// either without the index where it plays no part; and, if there are arrays already that hold the
-/// values of a block,
+/// Both may leave out the index. A leaf whose values in a block are in columns already, such as a
+/// coordinate, may have a view, which names the columns:
 ///
 ///     Columns<Value> viewOf(Block& block) const;
 template <class Self, class Interface> class ZEL_API LeafNode : public NamedNode<Self, Interface> {
@@ -120,7 +121,7 @@ public:
 };
 
 /// An operator whose value is a formula of its children's values at the same position and index.
-/// The children are asked in their order, for all values first.
+/// The children are asked in their order: each for its value, then each for its gradient.
 ///
 ///     Value valueOf(av, bv, ...) const;             from the children's values
 ///
@@ -134,13 +135,14 @@ public:
 ///                                                     the only one asked; zero if negative
 ///     Gradient gradientOf() const;                      from nothing, no child is asked
 ///
-/// and, if its values are among those of its children,
+/// and, if its values are in the columns of its children, a view:
 ///
 ///     Columns<Value> viewOf(al, bl, ...) const;           from the children's columns
 ///
-/// In a node of the library a `static constexpr bool kHeavy = true` says that a formula takes as
-/// long as dozens of others; a node like Min then asks for it only where it must, as it asks all
-/// nodes of other libraries, and not wherever that is simpler.
+/// A class of the library with `static constexpr bool kHeavy = true` is heavy: its formula takes as
+/// long as dozens of others. The other classes of the library are light. A node such as
+/// ScalarFieldMin may ask a light child for gradients at all positions. A heavy child, or one of a
+/// user's class, is asked only at the positions where its gradient is needed.
 template <class Self, class Interface>
 class ZEL_API PointwiseNode : public FieldNode<Self, Interface> {
 public:
@@ -161,8 +163,8 @@ public:
 ///     Value valueOf(v) const;           from the child's value there
 ///     Gradient gradientOf(g) const;     from the child's gradient there
 ///
-/// A `static constexpr bool kMovesOnly = true` says that the value is the child's as it comes. It
-/// says nothing about the gradient.
+/// With `static constexpr bool kMovesOnly = true`, `valueOf` returns its argument, and a block
+/// takes over the child's values without calling it. The gradient may still change.
 template <class Self, class Interface>
 class ZEL_API TransformNode : public FieldNode<Self, Interface> {
 public:
@@ -193,9 +195,9 @@ public:
 
 }  // namespace zel
 
-/// Says, after the class of a node, that its bases are instantiated in its source file. `Base` is
-/// the one it names, such as PointwiseNode; `Node` is qualified; `Interface` is not. The DEFINE
-/// forms are the instantiations themselves, in a source file that includes node_impl.h.
+/// The DECLARE forms stand after the class of a node: its bases are instantiated in a source file,
+/// by the DEFINE forms. `Base` is the base that the class names, such as PointwiseNode. `Node` is
+/// qualified; `Interface` is not.
 #define ZEL_DECLARE_LEAF(Node, Interface) ZEL_DETAIL_LEAF(extern template, Node, Interface)
 #define ZEL_DEFINE_LEAF(Node, Interface) ZEL_DETAIL_LEAF(template, Node, Interface)
 #define ZEL_DECLARE_HOOKED(Node, Interface) ZEL_DETAIL_HOOKED(extern template, Node, Interface)
@@ -209,9 +211,9 @@ public:
     ZEL_DETAIL_FIELD(template, Node, Interface);                                                   \
     template class zel::Base<Node, Core::Fields::Interface>
 
-/// The DECLARE forms for nodes of the library itself. Their formulas only compute, so that a batch
-/// may ask them more often than point evaluation does, and work out several nodes as one. It stands
-/// in the header, so that every source that instantiates a base agrees.
+/// The DECLARE forms for nodes of the library itself. Their formulas have no side effects, so that
+/// a batch may evaluate them at more positions than point evaluation would, and may fuse several
+/// nodes. They are in the header of the node, so that all sources that instantiate a base agree.
 #define ZEL_DECLARE_LIBRARY_LEAF(Node, Interface)                                                  \
     ZEL_LIBRARY_NODE(Node);                                                                        \
     ZEL_DECLARE_LEAF(Node, Interface)

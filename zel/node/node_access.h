@@ -1,46 +1,51 @@
 #pragma once
 
+#include <tuple>
 #include <type_traits>
 #include <typeinfo>
 
 #include "zel/batch/block.h"
 #include "zel/node/node.h"
 
-// How the bases of nodes reach the formulas of a node, and what they may assume of its class.
+// How the bases of nodes reach the formulas of a node class, and what they may assume of the class.
 namespace zel {
 
+namespace detail {
+
+/// Stands for the result of a formula that a node class lacks. A static_assert in the point
+/// operation of the base reports the class; without this type the compiler would also report each
+/// use of the formula.
+struct MissingResult {
+    template <class T> operator T() const;
+};
+
+}  // namespace detail
+
 struct NodeAccess {
+    template <class Node> static constexpr bool hasChildren = requires(Node& node) {
+        std::remove_const_t<Node>::children(node);
+    };
     template <class Node> static auto children(Node& node) {
-        return std::remove_const_t<Node>::children(node);
+        if constexpr (hasChildren<Node>) {
+            return std::remove_const_t<Node>::children(node);
+        } else {
+            static ScalarPtr missing;
+            return std::tie(missing, missing, missing);
+        }
     }
+
+    // The formulas of an operator.
+
+    template <class Node, class... In>
+    static constexpr bool hasValue = requires(Node const& node, In const&... in) {
+        node.valueOf(in...);
+    };
     template <class Node, class... In>
     ZEL_ALWAYS_INLINE static auto valueOf(Node const& node, In const&... in) {
-        return node.valueOf(in...);
-    }
-    /// Whether both formulas of a leaf do without the index.
-    template <class Node>
-    static constexpr bool isOfPosition = requires(Node const& node, float3 const& p) {
-        node.valueOf(p);
-        node.gradientOf(p);
-    };
-    /// The formulas of a leaf.
-    template <class Node>
-    ZEL_ALWAYS_INLINE static auto valueAt(Node const& node, float3 const& p, long long i) {
-        if constexpr (requires { node.valueOf(p); })
-            return node.valueOf(p);
+        if constexpr (hasValue<Node, In...>)
+            return node.valueOf(in...);
         else
-            return node.valueOf(p, i);
-    }
-    template <class Node>
-    ZEL_ALWAYS_INLINE static auto gradientAt(Node const& node, float3 const& p, long long i) {
-        if constexpr (requires { node.gradientOf(p); })
-            return node.gradientOf(p);
-        else
-            return node.gradientOf(p, i);
-    }
-    template <class Node>
-    ZEL_ALWAYS_INLINE static float3 childPosition(Node const& node, float3 const& p) {
-        return node.childPosition(p);
+            return detail::MissingResult();
     }
 
     template <class Node, class... In>
@@ -49,7 +54,10 @@ struct NodeAccess {
     };
     template <class Node, class... In>
     ZEL_ALWAYS_INLINE static auto gradientOf(Node const& node, In const&... in) {
-        return node.gradientOf(in...);
+        if constexpr (hasGradient<Node, In...>)
+            return node.gradientOf(in...);
+        else
+            return detail::MissingResult();
     }
 
     template <class Node, class... In>
@@ -70,12 +78,16 @@ struct NodeAccess {
         return node.gradientChoice(in...);
     }
 
-    template <class Node, class... In>
-    static constexpr bool hasView = requires(Node const& node, In&... in) {
-        node.viewOf(in...);
+    template <class Node>
+    static constexpr bool hasChildPosition = requires(Node const& node, float3 const& p) {
+        node.childPosition(p);
     };
-    template <class Node, class... In> static auto viewOf(Node const& node, In&... in) {
-        return node.viewOf(in...);
+    template <class Node>
+    ZEL_ALWAYS_INLINE static float3 childPosition(Node const& node, float3 const& p) {
+        if constexpr (hasChildPosition<Node>)
+            return node.childPosition(p);
+        else
+            return detail::MissingResult();
     }
     template <class Node>
     static constexpr bool movesOnly = [] {
@@ -85,15 +97,43 @@ struct NodeAccess {
             return false;
     }();
 
-    /// Whether a node may be asked where it need not be: one of the library that is not heavy. The
-    /// formulas of a user's may count their calls, or throw.
+    // The formulas of a leaf, with or without the element index.
+
     template <class Node>
-    static constexpr bool isLight = [] {
-        if constexpr (requires { Node::kHeavy; })
-            return detail::isLibraryNode<Node> && !Node::kHeavy;
+    static constexpr bool hasValueAt = hasValue<Node, float3> || hasValue<Node, float3, long long>;
+    template <class Node>
+    ZEL_ALWAYS_INLINE static auto valueAt(Node const& node, float3 const& p, long long i) {
+        if constexpr (hasValue<Node, float3>)
+            return node.valueOf(p);
         else
-            return detail::isLibraryNode<Node>;
-    }();
+            return valueOf(node, p, i);
+    }
+    template <class Node>
+    static constexpr bool hasGradientAt =
+        hasGradient<Node, float3> || hasGradient<Node, float3, long long>;
+    template <class Node>
+    ZEL_ALWAYS_INLINE static auto gradientAt(Node const& node, float3 const& p, long long i) {
+        if constexpr (hasGradient<Node, float3>)
+            return node.gradientOf(p);
+        else
+            return gradientOf(node, p, i);
+    }
+    /// Whether both formulas of a leaf do without the index.
+    template <class Node>
+    static constexpr bool isOfPosition = hasValue<Node, float3>&& hasGradient<Node, float3>;
+
+    // The block forms of a node.
+
+    /// A view is a result that names columns which exist already: those of the positions, of a
+    /// child or of a constant. The arguments are a block for a leaf, and the columns of the
+    /// children for a PointwiseNode.
+    template <class Node, class... In>
+    static constexpr bool hasView = requires(Node const& node, In&... in) {
+        node.viewOf(in...);
+    };
+    template <class Node, class... In> static auto viewOf(Node const& node, In&... in) {
+        return node.viewOf(in...);
+    }
 
     template <class Node, class Value>
     static constexpr bool hasBlockValues = requires(Node const& node, Block& block,
@@ -113,9 +153,45 @@ struct NodeAccess {
     static void blockGradients(Node const& node, Block& block, BlockResult<Gradient>& out) {
         node.blockGradients(block, out);
     }
+
+    /// Whether a node class is light: one of the library that is not marked `kHeavy`. A light node
+    /// may be evaluated at more positions than needed. A node of a user's is never light, since its
+    /// formula may count its calls, or throw.
+    template <class Node>
+    static constexpr bool isLight = [] {
+        if constexpr (requires { Node::kHeavy; })
+            return detail::isLibraryNode<Node> && !Node::kHeavy;
+        else
+            return detail::isLibraryNode<Node>;
+    }();
 };
 
 namespace detail {
+
+/// The forms in which a PointwiseNode may state its gradient. A class with several of them is taken
+/// at the first.
+enum class GradientForm {
+    kSame,                    ///< gradientOf()
+    kFromGradients,           ///< gradientOf(ag, ...)
+    kFromOwnValue,            ///< gradientFromValue(w, ag, ...)
+    kChoice,                  ///< gradientChoice(av, ...)
+    kFromValuesAndGradients,  ///< gradientOf(av, ..., ag, ...)
+    kNone
+};
+
+/// The form of a node class whose children have the interfaces `Child`.
+template <class Node, class... Child>
+inline constexpr GradientForm gradientForm = [] {
+    if (NodeAccess::hasGradient<Node>) return GradientForm::kSame;
+    if (NodeAccess::hasGradient<Node, typename Child::Gradient...>)
+        return GradientForm::kFromGradients;
+    if (NodeAccess::hasGradientFromValue<Node, typename Node::Value, typename Child::Gradient...>)
+        return GradientForm::kFromOwnValue;
+    if (NodeAccess::hasGradientChoice<Node, typename Child::Value...>) return GradientForm::kChoice;
+    if (NodeAccess::hasGradient<Node, typename Child::Value..., typename Child::Gradient...>)
+        return GradientForm::kFromValuesAndGradients;
+    return GradientForm::kNone;
+}();
 
 /// Whether a node is of its class and of none derived from it, which could override point `eval`.
 template <class Node> bool isExactly(Node const& node) {

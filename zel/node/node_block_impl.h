@@ -3,46 +3,21 @@
 #include <algorithm>
 #include <array>
 #include <concepts>
-#include <cstring>
 #include <tuple>
 #include <type_traits>
 #include <utility>
 
 #include "zel/batch/block.h"
+#include "zel/batch/block_differences.h"
+#include "zel/node/block_maps.h"
+#include "zel/node/block_selection.h"
 #include "zel/node/fused_forms.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
-// The block forms of the bases in node.h, by the formulas that their point forms use.
+// The block forms of the bases in node.h, by the formulas of the node classes. A node computes by
+// its block form only if it is exactly of its class: a class derived from it may override `eval`.
 namespace zel {
-
-namespace detail {
-
-/// Sets `out` to `formula(node, v...)` of each position, with the values in `columns`. The formula
-/// has no state of its own.
-template <class T, class Node, class Formula, class... In>
-void mapNode(Block& block, BlockResult<T>& out, Node const& node, Formula const& formula,
-             Columns<In> const&... columns) {
-    auto const write = out.writer();
-    Quern::forEachPosition<kComponents<T> == 1>(
-        block.count(),
-        [write, formula, ... in = columns.component](int i, Node const& n)
-            ZEL_ALWAYS_INLINE { write.set(i, formula(n, Columns<In>{in}[i]...)); },
-        node);
-}
-
-}  // namespace detail
-
-/// Sets `out` to `formula(v...)` of each position, with the values in `columns`. Part of a node's
-/// block form.
-template <class T, class Formula, class... In>
-void mapBlock(Block& block, BlockResult<T>& out, Formula const& formula,
-              Columns<In> const&... columns) {
-    auto const object = formula;  // which a function is not
-    detail::mapNode(
-        block, out, object,
-        [](auto const& f, auto const&... v) ZEL_ALWAYS_INLINE { return f(v...); }, columns...);
-}
 
 namespace detail {
 
@@ -51,8 +26,8 @@ template <class Node, class Interface>
 inline constexpr bool hasDefaultGradient =
     std::same_as<decltype(&Node::grad), decltype(&Interface::grad)>;
 
-/// Values, and gradients, of the children, in their order. Those of the first may come to lie in
-/// `room`.
+/// The values, or the gradients, of the children, asked for in their order. The columns of the
+/// first child may be in the storage of `room`.
 template <class T, class First, class... Rest>
 ZEL_ALWAYS_INLINE inline auto
 valuesInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
@@ -80,74 +55,7 @@ gradientsInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
         ofFirst(), block.gradients(rest)...};
 }
 
-/// An array of integers that stays until the frame ends.
-inline int* allocateInts(Block& block) {
-    static_assert(sizeof(int) == sizeof(float));
-    return new (block.allocate()) int[kBlockSize];
-}
-
-inline bool allEqual(int const* chosen, int count) {
-    int differing = 0;
-    for (int i = 1; i < count; ++i) differing |= chosen[i] ^ chosen[0];
-    return differing == 0;
-}
-
-/// Sets `out` from `ask(branch, block)` for the positions at which the branch is `chosen`, of 0 to
-/// kBranches - 1, and to zero where it is negative. A branch is asked once at most, for its own
-/// positions alone.
-template <int kBranches, class T, class Ask>
-void select(Block& block, int const* chosen, BlockResult<T>& out, Ask const& ask) {
-    int const count = block.count();
-    if (chosen[0] >= 0 && allEqual(chosen, count)) {
-        out.set(ask(chosen[0], block));
-        return;
-    }
-    auto const write = out.writer();
-    int* const places = allocateInts(block);
-    for (int branch = -1; branch < kBranches; ++branch) {
-        int placeCount = 0;
-        for (int i = 0; i < count; ++i) {
-            places[placeCount] = i;
-            placeCount += chosen[i] == branch;
-        }
-        if (placeCount == 0) continue;
-        auto const scatter = [&](auto const& from) {
-            for (int i = 0; i < placeCount; ++i) write.set(places[i], from[i]);
-        };
-        if (branch < 0) {
-            for (int i = 0; i < placeCount; ++i) write.set(places[i], T{});
-        } else {
-            block.withChoice(places, placeCount, [&](Block& some) { scatter(ask(branch, some)); });
-        }
-    }
-}
-
-/// Sets `out` to the gradient of the child that is `chosen`, zero where that is negative. All
-/// children are asked, at all positions: for light ones that is quicker than to ask for some.
-template <class Gradient, class... Child>
-void blend(Block& block, int const* chosen, BlockResult<Gradient>& out,
-           Quern::Ptr<Child> const&... child) {
-    Block::Frame const frame(block);
-    std::array<Columns<Gradient>, sizeof...(Child)> const g{block.gradients(child)...};
-    auto const write = out.writer();
-    for (unsigned c = 0; c < write.component.size(); ++c) {
-        float* const to = write.component[c];
-        float const* const first = g[0].component[c];
-        if constexpr (sizeof...(Child) == 2) {
-            float const* const second = g[1].component[c];
-            Quern::forEachPosition<true>(block.count(), [=](int i) ZEL_ALWAYS_INLINE {
-                to[i] = chosen[i] == 0 ? first[i] : second[i];
-            });
-        } else {
-            static_assert(sizeof...(Child) == 1);
-            Quern::forEachPosition<true>(block.count(), [=](int i) ZEL_ALWAYS_INLINE {
-                to[i] = chosen[i] == 0 ? first[i] : 0.0F;
-            });
-        }
-    }
-}
-
-/// The gradients of the child of a number.
+/// The gradients of child number `number`.
 template <class Gradient, class... Child>
 Columns<Gradient> gradientsOfChild(int number, Block& block, Quern::Ptr<Child> const&... child) {
     Columns<Gradient> columns;
@@ -190,13 +98,9 @@ void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out)
         out.set(NodeAccess::viewOf(node, block));
         out.columns.light = NodeAccess::isLight<Self>;
     } else {
-        auto const write = out.writer();
-        Quern::forEachPosition(
-            block.count(),
-            [write, p = block.positions()](int i, Self const& n, Block const& b)
-                ZEL_ALWAYS_INLINE { write.set(i, NodeAccess::valueAt(n, p[i], b.index(i))); },
-            node, block);
-        out.columns.light = NodeAccess::isLight<Self>;
+        detail::mapPositions(block, out, node,
+                             [](Self const& n, float3 const& p, long long i)
+                                 ZEL_ALWAYS_INLINE { return NodeAccess::valueAt(n, p, i); });
     }
 }
 
@@ -204,12 +108,9 @@ template <class Self, class Interface>
 void LeafNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradient>& out) const {
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
-    auto const write = out.writer();
-    Quern::forEachPosition(
-        block.count(),
-        [write, p = block.positions()](int i, Self const& n, Block const& b)
-            ZEL_ALWAYS_INLINE { write.set(i, NodeAccess::gradientAt(n, p[i], b.index(i))); },
-        node, block);
+    detail::mapPositions(block, out, node,
+                         [](Self const& n, float3 const& p, long long i)
+                             ZEL_ALWAYS_INLINE { return NodeAccess::gradientAt(n, p, i); });
 }
 
 template <class Self, class Interface>
@@ -234,7 +135,6 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
                         [](Self const& n, auto const&... v)
                             ZEL_ALWAYS_INLINE { return NodeAccess::valueOf(n, v...); },
                         columns...);
-                    out.columns.light = (NodeAccess::isLight<Self> && ... && columns.light);
                 },
                 detail::valuesInBlock(block, out, child...));
         }
@@ -250,6 +150,9 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         if (auto* const fusion = block.dualFusionOf(static_cast<Interface const*>(this)))
             return out.set(fusion->runDuals(block).second);
     auto const form = [&]<class... Child>([[maybe_unused]] Quern::Ptr<Child> const&... child) {
+        using detail::GradientForm;
+        constexpr GradientForm kForm = detail::gradientForm<Self, Child...>;
+        using Values = std::tuple<Columns<typename Child::Value>...>;
         auto const map = [&](auto const& formula, auto const&... columns) {
             std::apply(
                 [&](auto const&... in) { detail::mapNode(block, out, node, formula, in...); },
@@ -257,26 +160,23 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         };
         auto const formula = [](Self const& n, auto const&... in)
                                  ZEL_ALWAYS_INLINE { return NodeAccess::gradientOf(n, in...); };
-        using Values = std::tuple<Columns<typename Child::Value>...>;
 
-        if constexpr (NodeAccess::hasGradient<Self>) {
+        if constexpr (kForm == GradientForm::kSame) {
             map(formula);
-        } else if constexpr (NodeAccess::hasGradient<Self, typename Child::Gradient...>) {
+        } else if constexpr (kForm == GradientForm::kFromGradients) {
             Block::Frame const frame(block);
             map(formula, detail::gradientsInBlock(block, out, child...));
-        } else if constexpr (NodeAccess::hasGradientFromValue<Self, Value,
-                                                              typename Child::Gradient...>) {
+        } else if constexpr (kForm == GradientForm::kFromOwnValue) {
             Block::Frame const frame(block);
             std::tuple const own{block.values(static_cast<Interface const&>(*this))};
             map([](Self const& n, auto const&... in)
                     ZEL_ALWAYS_INLINE { return NodeAccess::gradientFromValue(n, in...); },
                 own, detail::gradientsInBlock(block, out, child...));
-        } else if constexpr (NodeAccess::hasGradientChoice<Self, typename Child::Value...>) {
+        } else if constexpr (kForm == GradientForm::kChoice) {
             int* const chosen = detail::allocateInts(block);
             bool light = false;
             {
                 Block::Frame const frame(block);
-                Values const values{block.values(child)...};
                 std::apply(
                     [&](auto const&... v) {
                         Quern::forEachPosition(
@@ -287,7 +187,7 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
                             node);
                         light = (v.light && ...);
                     },
-                    values);
+                    Values{block.values(child)...});
             }
             if (light && !detail::allEqual(chosen, block.count()))
                 return detail::blend<Gradient>(block, chosen, out, child...);
@@ -326,16 +226,14 @@ void TransformNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
     Block::Frame const frame(block);
     block.withPositions(detail::childPositions(node, block), [&](Block& there) {
         if constexpr (NodeAccess::movesOnly<Self>) {
-            there.writeValues(*field, field.useCount() > 1, out);
+            there.writeValues(field, out);
             out.columns.light = out.columns.light && NodeAccess::isLight<Self>;
         } else {
-            auto const v = there.values(field, out);
             detail::mapNode(
                 there, out, node,
-                [](Self const& n, Value const& in)
-                    ZEL_ALWAYS_INLINE { return NodeAccess::valueOf(n, in); },
-                v);
-            out.columns.light = NodeAccess::isLight<Self> && v.light;
+                [](Self const& n, Value const& v)
+                    ZEL_ALWAYS_INLINE { return NodeAccess::valueOf(n, v); },
+                there.values(field, out));
         }
     });
 }
@@ -357,7 +255,7 @@ void TransformNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
 
 namespace detail {
 
-/// Which child of a SwitchNode is taken.
+/// The branch of a SwitchNode at each position: 0 for `a`, 1 for `b`.
 inline int* branches(Block& block, ScalarPtr const& condition) {
     int* const chosen = allocateInts(block);
     Block::Frame const frame(block);
@@ -379,7 +277,7 @@ void SwitchNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& ou
     detail::select<2>(block, chosen, out, [&, &a = a, &b = b](int branch, Block& some) {
         return some.values(branch == 0 ? a : b);
     });
-    out.columns.light = false;  // the condition and the other branch may not be
+    out.columns.light = false;  // the condition, or the branch not taken, may be heavy
 }
 
 template <class Self, class Interface>

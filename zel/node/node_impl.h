@@ -4,9 +4,12 @@
 #include <utility>
 
 #include "zel/node/node_access.h"
+#include "zel/node/node_block_impl.h"  // IWYU pragma: export
+#include "zel/node/node_point_impl.h"  // IWYU pragma: export
 #include "zel/node/type_name.h"
 
-// The definitions of the bases in node.h, for the source files of nodes.
+// The definitions of the bases in node.h, for the source files of nodes: names, walks and hooks
+// here, the point operations and the block forms in the two headers above.
 namespace zel {
 
 namespace detail {
@@ -47,17 +50,7 @@ template <class Self, class Interface> NamedNode<Self, Interface>::NamedNode() {
     this->typeName = name;
 }
 
-template <class Self, class Interface>
-auto LeafNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
-    return NodeAccess::valueAt(this->self(), position, index);
-}
-
-template <class Self, class Interface>
-auto LeafNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
-    return NodeAccess::gradientAt(this->self(), position, index);
-}
-
-// In what follows a comma fold, and a braced list of values, run from the first child to the last.
+// A comma fold runs from the first child to the last.
 
 template <class Self, class Interface>
 void FieldNode<Self, Interface>::accept(FieldConstVisitor& visitor) const {
@@ -76,6 +69,10 @@ template <class Self, class Interface> bool FieldNode<Self, Interface>::is_trigg
 }
 
 template <class Self, class Interface> void HookedNode<Self, Interface>::preSampleField() const {
+    static_assert(NodeAccess::hasChildren<Self const>,
+                  "An operator names its children: template <class Node> static auto "
+                  "children(Node& node) { return std::tie(node.a, node.b); } "
+                  "If it is private, zel::NodeAccess is a friend.");
     detail::HookWalk const walk(hookTarget, detail::HookWalk::Hook::kPre);
     if (!walk.passesOn()) return;
     std::apply([](auto const&... child) { (child->preSampleField(), ...); },
@@ -89,103 +86,4 @@ template <class Self, class Interface> void HookedNode<Self, Interface>::postSam
                NodeAccess::children(this->self()));
 }
 
-namespace detail {
-
-template <class... Child>
-auto valuesOf(float3 const& position, long long index, Quern::Ptr<Child> const&... child) {
-    return std::tuple<typename Child::Value...>{child->eval(position, index)...};
-}
-
-template <class... Child>
-auto gradientsOf(float3 const& position, long long index, Quern::Ptr<Child> const&... child) {
-    return std::tuple<typename Child::Gradient...>{child->grad(position, index)...};
-}
-
-/// The gradient of child number `choice`, or zero if there is none. The children that could be
-/// chosen are of the node's own interface.
-template <class Gradient, class... Child>
-Gradient gradientOfChild(int choice, float3 const& position, long long index,
-                         Quern::Ptr<Child> const&... child) {
-    Gradient result{};
-    int number = 0;
-    ((number++ == choice ? void(result = child->grad(position, index)) : void()), ...);
-    return result;
-}
-
-}  // namespace detail
-
-template <class Self, class Interface>
-auto PointwiseNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
-    Self const& node = this->self();
-    return std::apply(
-        [&](auto const&... child) {
-            return std::apply([&](auto const&... v) { return NodeAccess::valueOf(node, v...); },
-                              detail::valuesOf(position, index, child...));
-        },
-        NodeAccess::children(node));
-}
-
-template <class Self, class Interface>
-auto PointwiseNode<Self, Interface>::grad(float3 const& position, long long index) const
-    -> Gradient {
-    Self const& node = this->self();
-    auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) -> Gradient {
-        auto const values = [&] { return detail::valuesOf(position, index, child...); };
-        auto const gradients = [&] { return detail::gradientsOf(position, index, child...); };
-
-        if constexpr (NodeAccess::hasGradient<Self>) {
-            return NodeAccess::gradientOf(node);
-        } else if constexpr (NodeAccess::hasGradient<Self, typename Child::Gradient...>) {
-            return std::apply([&](auto const&... g) { return NodeAccess::gradientOf(node, g...); },
-                              gradients());
-        } else if constexpr (NodeAccess::hasGradientFromValue<Self, Value,
-                                                              typename Child::Gradient...>) {
-            Value const own = node.eval(position, index);
-            return std::apply(
-                [&](auto const&... g) { return NodeAccess::gradientFromValue(node, own, g...); },
-                gradients());
-        } else if constexpr (NodeAccess::hasGradientChoice<Self, typename Child::Value...>) {
-            int const choice = std::apply(
-                [&](auto const&... v) { return NodeAccess::gradientChoice(node, v...); }, values());
-            return detail::gradientOfChild<Gradient>(choice, position, index, child...);
-        } else {
-            auto const v = values();
-            return std::apply(
-                [&](auto const&... in) { return NodeAccess::gradientOf(node, in...); },
-                std::tuple_cat(v, gradients()));
-        }
-    };
-    return std::apply(form, NodeAccess::children(node));
-}
-
-template <class Self, class Interface>
-auto TransformNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
-    Self const& node = this->self();
-    auto const& field = std::get<0>(NodeAccess::children(node));
-    return NodeAccess::valueOf(node, field->eval(NodeAccess::childPosition(node, position), index));
-}
-
-template <class Self, class Interface>
-auto TransformNode<Self, Interface>::grad(float3 const& position, long long index) const
-    -> Gradient {
-    Self const& node = this->self();
-    auto const& field = std::get<0>(NodeAccess::children(node));
-    return NodeAccess::gradientOf(node,
-                                  field->grad(NodeAccess::childPosition(node, position), index));
-}
-
-template <class Self, class Interface>
-auto SwitchNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
-    auto const& [condition, a, b] = NodeAccess::children(this->self());
-    return (condition->eval(position, index) > 0 ? a : b)->eval(position, index);
-}
-
-template <class Self, class Interface>
-auto SwitchNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
-    auto const& [condition, a, b] = NodeAccess::children(this->self());
-    return (condition->eval(position, index) > 0 ? a : b)->grad(position, index);
-}
-
 }  // namespace zel
-
-#include "zel/node/node_block_impl.h"  // IWYU pragma: export

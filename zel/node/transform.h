@@ -3,8 +3,8 @@
 #include "zel/api.h"
 #include "zel_platform/orvane_math/vectors.h"
 
-// What the scalar and the vector transform nodes do with their parameters. Out of line, so that
-// they come out the same whatever a user's program is compiled with.
+// The parameters of the scalar and the vector transform nodes. The functions are not inline, so
+// that the results do not depend on the flags by which a user's program is compiled.
 namespace zel::detail {
 
 /// `scale` with each component nearer to 0 than 2^-23 replaced by +2^-23, so that dividing by it is

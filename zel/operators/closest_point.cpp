@@ -5,21 +5,25 @@
 
 namespace zel {
 
+namespace {
+
+/// The position after one step towards the surface.
+constexpr auto stepToSurface = [](float3 const& position, float distance, float3 const& gradient)
+                                   ZEL_ALWAYS_INLINE { return position - distance * gradient; };
+
+}  // namespace
+
 float3 VectorFieldClosestPointTransform::eval(float3 const& position, long long index) const {
     float3 const g = field->grad(position, index);
     float const d = field->eval(position, index);
-    return position - d * g;
+    return stepToSurface(position, d, g);
 }
 
 void VectorFieldClosestPointTransform::blockValues(Block& block, BlockResult<float3>& out) const {
     Block::Frame const frame(block);
     auto const g = block.gradients(field);
     auto const d = block.values(field);
-    mapBlock(
-        block, out,
-        [](float3 const& position, float distance, float3 const& direction)
-            ZEL_ALWAYS_INLINE { return position - distance * direction; },
-        block.positions(), d, g);
+    mapBlock(block, out, stepToSurface, block.positions(), d, g);
 }
 
 VectorFieldIteratedNearPointTransform::VectorFieldIteratedNearPointTransform(
@@ -40,28 +44,28 @@ float3 VectorFieldIteratedNearPointTransform::eval(float3 const& position, long 
 
 void VectorFieldIteratedNearPointTransform::blockValues(Block& block,
                                                         BlockResult<float3>& out) const {
-    block.writeValues(*transform, transform.useCount() > 1, out);
+    block.writeValues(transform, out);
     auto const write = out.writer();
     Block::Frame const frame(block);
 
-    // Those at work, and where they are.
-    int* const working = detail::allocateInts(block);
+    // The numbers in the block of the points that still move, and the points themselves.
+    int* const moving = detail::allocateInts(block);
     int count = block.count();
-    for (int i = 0; i < count; ++i) working[i] = i;
+    for (int i = 0; i < count; ++i) moving[i] = i;
     auto here = block.result<float3>();
     auto const move = here.writer();
     for (int i = 0; i < count; ++i) move.set(i, out.columns[i]);
 
     for (std::int32_t step = 0; step < iterations && count > 0; ++step) {
-        block.withPositions(here.columns, working, count, [&](Block& there) {
+        block.withPositions(here.columns, moving, count, [&](Block& there) {
             Block::Frame const inner(there);
             auto const next = there.values(transform);
             int left = 0;
             for (int i = 0; i < count; ++i) {
                 float3 const p = here.columns[i], q = next[i];
-                write.set(working[i], q);
+                write.set(moving[i], q);
                 move.set(left, q);
-                working[left] = working[i];
+                moving[left] = moving[i];
                 left += !atRest(p, q);
             }
             count = left;

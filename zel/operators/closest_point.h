@@ -9,8 +9,9 @@
 // 0. The values are positions; the gradients are the default ones, by differences.
 namespace zel {
 
-/// One step to the surface: p - field(p) * grad field(p). It arrives where the field is a true
-/// distance; the gradient is used as it comes, and a zero gradient leaves the position where it is.
+/// One step to the surface: p - field(p) * grad field(p). The step ends on the surface if the field
+/// is a true distance. The gradient is not normalised; a zero gradient leaves the position as it
+/// is.
 class ZEL_API VectorFieldClosestPointTransform
     : public FieldNode<VectorFieldClosestPointTransform, VectorField> {
 public:
@@ -28,8 +29,8 @@ private:
 };
 
 /// Steps to the surface: one, and then up to `iterations` more, until a step is shorter than
-/// `tolerance`. With a tolerance that is not above 0 all of them are made. The last point computed
-/// is the value, whether or not the steps have come to rest.
+/// `tolerance`. With a tolerance that is not above 0 all steps are taken. The value is the last
+/// point computed, whether or not the last step was short.
 class ZEL_API VectorFieldIteratedNearPointTransform
     : public FieldNode<VectorFieldIteratedNearPointTransform, VectorField> {
 public:

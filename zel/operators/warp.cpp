@@ -19,7 +19,8 @@ auto WarpNode<Self, Interface>::grad(float3 const& position, long long index) co
 
 namespace {
 
-/// The gradients of `field` at other positions, times those of the map to them.
+/// Sets `out` to the gradients of `field` at the positions `there`, times the matrices `map` of the
+/// map from the block's positions to them.
 template <class Interface>
 void chain(Block& block, Quern::Ptr<Interface> const& field, Columns<float3> const& there,
            Columns<float3x3> const& map, BlockResult<typename Interface::Gradient>& out) {
@@ -38,10 +39,7 @@ void chain(Block& block, Quern::Ptr<Interface> const& field, Columns<float3> con
 template <class Self, class Interface>
 void WarpNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
     Block::Frame const frame(block);
-    auto const moved = block.values(warp);
-    block.withPositions(
-        moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
-    out.columns.light = out.columns.light && moved.light;
+    block.withPositions(block.values(warp), [&](Block& there) { there.writeValues(field, out); });
 }
 
 template <class Self, class Interface>
@@ -58,7 +56,7 @@ auto AdvectNode<Self, Interface>::eval(float3 const& position, long long index) 
 
 template <class Self, class Interface>
 auto AdvectNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
-    // The scalar form asks for the derivative of the velocity last, the vector form first.
+    // The scalar node asks for the gradient of the velocity last, the vector node first.
     if constexpr (std::same_as<Interface, ScalarField>) {
         float3 const there = origin(position, velocity->eval(position, index));
         Gradient const g = field->grad(there, index);
@@ -78,17 +76,13 @@ Columns<float3> AdvectNode<Self, Interface>::origins(Block& block) const {
         block, there,
         [this](float3 const& p, float3 const& flow) ZEL_ALWAYS_INLINE { return origin(p, flow); },
         block.positions(), v);
-    there.columns.light = v.light;
     return there.columns;
 }
 
 template <class Self, class Interface>
 void AdvectNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
     Block::Frame const frame(block);
-    auto const moved = origins(block);
-    block.withPositions(
-        moved, [&](Block& there) { there.writeValues(*field, field.useCount() > 1, out); });
-    out.columns.light = out.columns.light && moved.light;
+    block.withPositions(origins(block), [&](Block& there) { there.writeValues(field, out); });
 }
 
 template <class Self, class Interface>

@@ -3,11 +3,11 @@
 #include "zel/field/math.h"
 #include "zel/node/node.h"
 
-// Nodes that ask a child somewhere else than at the position asked for. Their gradients follow the
-// chain rule: the gradient of the child there, times the matrix of the map, in that order.
+// Nodes that evaluate a child at another position. Their gradients follow the chain rule: the
+// gradient of the child there, times the matrix of the map to that position, in this order.
 namespace zel {
 
-/// What the scalar and the vector warp share.
+/// The base of the scalar and the vector warp.
 template <class Self, class Interface> class ZEL_API WarpNode : public FieldNode<Self, Interface> {
 public:
     using typename NamedNode<Self, Interface>::Value;
@@ -43,7 +43,7 @@ public:
     using WarpNode::WarpNode;
 };
 
-/// What the scalar and the vector advection share.
+/// The base of the scalar and the vector advection.
 template <class Self, class Interface>
 class ZEL_API AdvectNode : public FieldNode<Self, Interface> {
 public:

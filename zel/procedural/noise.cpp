@@ -20,24 +20,55 @@ using Orvane::Math::smooth_curl_noise_block;
 
 namespace {
 
-/// The octaves of a fractal sum: none if a weight or a scale is 0 or NaN, or the count is no number
-/// of octaves.
-int octaveCount(float amplitude, float scaleRatio, float octaves) {
+/// The parameters of a fractal sum, as the nodes have them.
+struct FractalSum {
+    float amplitude, octaves, frequency, amplitudeRatio, scaleRatio, timeRatio;
+};
+
+/// An octave of a fractal sum. `Real` is the precision of the sum.
+template <class Real> struct Octave {
+    /// A coordinate at which the octave samples its noise, and the fourth coordinate.
+    Real place(float coordinate) const { return coordinate * scale; }
+    Real placeTime(Real time) const { return timeScale * time; }
+    void add(Real& sum, Real noise) const { sum += weight * noise; }
+
+    Real scale, timeScale, weight;
+};
+
+/// The number of octaves: 0 if a weight or a scale is 0 or NaN, or `octaves` is not above 0 or does
+/// not fit an integer.
+int octaveCount(FractalSum const& sum) {
     constexpr float kTooMany = 0x1p31F;
-    bool const any = std::fabs(amplitude) > 0 && std::fabs(scaleRatio) > 0;
-    return any && octaves > 0 && octaves < kTooMany ? static_cast<int>(std::ceil(octaves)) : 0;
+    bool const any = std::fabs(sum.amplitude) > 0 && std::fabs(sum.scaleRatio) > 0;
+    return any && sum.octaves > 0 && sum.octaves < kTooMany
+               ? static_cast<int>(std::ceil(sum.octaves))
+               : 0;
 }
 
-/// The amplitude of octave `i` of `count`: the last has a share of it if `octaves` has a fraction.
-float octaveAmplitude(float amplitude, float octaves, int i, int count) {
-    float const fraction = octaves - std::floor(octaves);
-    return i == count - 1 && fraction > 0 ? amplitude * fraction : amplitude;
+/// Calls `use(octave)` for each octave, from the first. If `octaves` has a fraction, the amplitude
+/// of the last octave is multiplied by it.
+template <class Real, class Use> void forEachOctave(FractalSum const& sum, Use const& use) {
+    int const count = octaveCount(sum);
+    float const fraction = sum.octaves - std::floor(sum.octaves);
+    for (int i = 0; i < count; ++i) {
+        auto const power = [i](float ratio) {
+            return std::pow(static_cast<Real>(ratio), static_cast<Real>(i));
+        };
+        float const amplitude =
+            i == count - 1 && fraction > 0 ? sum.amplitude * fraction : sum.amplitude;
+        use(Octave<Real>{sum.frequency / power(sum.scaleRatio), power(sum.timeRatio),
+                         power(sum.amplitudeRatio) * amplitude});
+    }
 }
 
-/// An array of kBlockSize doubles that stays until the frame ends.
+/// An array of kBlockSize doubles that is valid until the frame ends.
 double* allocateDoubles(Block& block) {
     constexpr int kArrays = sizeof(double) / sizeof(float);
     return new (block.allocate(kArrays)) double[kBlockSize];
+}
+
+float3 curlAt(bool smooth, float3 const& p, float time, std::uint32_t seed) {
+    return smooth ? smooth_curl_noise(p, time, seed) : curl_noise(p, time, seed);
 }
 
 void curlBlock(bool smooth, Columns<float3> const& p, float const* time, int count,
@@ -68,53 +99,42 @@ void ScalarFieldSimplexNoise::blockValues(Block& block, BlockResult<float>& out)
     simplex_noise_block(x, y, z, w.component[0], block.count(), seed, out.writer().component[0]);
 }
 
-struct ScalarFieldFractalNoise::Octave {
-    Octave(ScalarFieldFractalNoise const& noise, int i, int count)
-        : scale(noise.frequency / std::pow(static_cast<double>(noise.scaleRatio), i)),
-          timeScale(std::pow(static_cast<double>(noise.timeRatio), i)),
-          weight(std::pow(static_cast<double>(noise.amplitudeRatio), i) *
-                 octaveAmplitude(noise.amplitude, noise.octaves, i, count)) {}
-
-    double scale, timeScale, weight;
-};
+template <class Use> void ScalarFieldFractalNoise::useOctaves(Use const& use) const {
+    forEachOctave<double>({amplitude, octaves, frequency, amplitudeRatio, scaleRatio, timeRatio},
+                          use);
+}
 
 float ScalarFieldFractalNoise::eval(float3 const& position, long long index) const {
     double const w = time->eval(position, index);
-    int const count = octaveCount(amplitude, scaleRatio, octaves);
     double sum = 0;
-    for (int i = 0; i < count; ++i) {
-        Octave const octave(*this, i, count);
-        Orvane::Math::double4 const p{position.x * octave.scale, position.y * octave.scale,
-                                      position.z * octave.scale, octave.timeScale * w};
-        sum += simplex_noise(p, seed) * octave.weight;
-    }
+    useOctaves([&](Octave<double> const& octave) {
+        Orvane::Math::double4 const p{octave.place(position.x), octave.place(position.y),
+                                      octave.place(position.z), octave.placeTime(w)};
+        octave.add(sum, simplex_noise(p, seed));
+    });
     return static_cast<float>(sum);
 }
 
 void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out) const {
     Block::Frame const frame(block);
-    auto const w = block.values(time).component[0];
-    Columns<float3> const& p = block.positions();
-    float const *const x = p.component[0], *const y = p.component[1], *const z = p.component[2];
-    int const count = octaveCount(amplitude, scaleRatio, octaves);
+    float const* const w = block.values(time).component[0];
+    auto const [x, y, z] = block.positions().component;
     auto* const sum = allocateDoubles(block);
-    double* at[4];
-    for (double*& coordinate : at) coordinate = allocateDoubles(block);
+    auto *const px = allocateDoubles(block), *const py = allocateDoubles(block),
+                *const pz = allocateDoubles(block), *const pw = allocateDoubles(block);
     auto* const noise = allocateDoubles(block);
     std::fill_n(sum, block.count(), 0.0);
-    for (int i = 0; i < count; ++i) {
-        Octave const octave(*this, i, count);
-        Quern::forEachPosition(block.count(), [=, tx = at[0], ty = at[1], tz = at[2],
-                                               tw = at[3]](int k) ZEL_ALWAYS_INLINE {
-            tx[k] = x[k] * octave.scale;
-            ty[k] = y[k] * octave.scale;
-            tz[k] = z[k] * octave.scale;
-            tw[k] = octave.timeScale * w[k];
+    useOctaves([&, x = x, y = y, z = z](Octave<double> const& octave) {
+        Quern::forEachPosition(block.count(), [=](int k) ZEL_ALWAYS_INLINE {
+            px[k] = octave.place(x[k]);
+            py[k] = octave.place(y[k]);
+            pz[k] = octave.place(z[k]);
+            pw[k] = octave.placeTime(w[k]);
         });
-        simplex_noise_block(at[0], at[1], at[2], at[3], block.count(), seed, noise);
+        simplex_noise_block(px, py, pz, pw, block.count(), seed, noise);
         Quern::forEachPosition<true>(
-            block.count(), [=](int k) ZEL_ALWAYS_INLINE { sum[k] += noise[k] * octave.weight; });
-    }
+            block.count(), [=](int k) ZEL_ALWAYS_INLINE { octave.add(sum[k], noise[k]); });
+    });
     auto* const result = out.writer().component[0];
     Quern::forEachPosition(
         block.count(), [=](int k) ZEL_ALWAYS_INLINE { result[k] = static_cast<float>(sum[k]); });
@@ -125,7 +145,7 @@ VectorFieldCurlNoise::VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int
 
 float3 VectorFieldCurlNoise::eval(float3 const& position, long long index) const {
     float const t = time->eval(position, index);
-    return smooth ? smooth_curl_noise(position, t, seed) : curl_noise(position, t, seed);
+    return curlAt(smooth, position, t, seed);
 }
 
 void VectorFieldCurlNoise::blockValues(Block& block, BlockResult<float3>& out) const {
@@ -166,54 +186,47 @@ std::optional<float> VectorFieldFractalTurbulence::keptTime() const {
     return valid != 0 ? std::optional(t) : std::nullopt;
 }
 
-struct VectorFieldFractalTurbulence::Octave {
-    Octave(VectorFieldFractalTurbulence const& noise, int i, int count) {
-        auto const power = static_cast<float>(i);
-        weight = std::pow(noise.amplitudeRatio, power) *
-                 octaveAmplitude(noise.amplitude, noise.octaves, i, count);
-        scale = noise.frequency / std::pow(noise.scaleRatio, power);
-        timeScale = std::pow(noise.timeRatio, power);
-    }
-
-    float weight, scale, timeScale;
-};
+template <class Use> void VectorFieldFractalTurbulence::useOctaves(Use const& use) const {
+    forEachOctave<float>({amplitude, octaves, frequency, amplitudeRatio, scaleRatio, timeRatio},
+                         use);
+}
 
 float3 VectorFieldFractalTurbulence::eval(float3 const& position, long long index) const {
     auto const kept = keptTime();
     float const t = kept ? *kept : time->eval(position, index);
-    int const count = octaveCount(amplitude, scaleRatio, octaves);
-    float3 result;
-    for (int i = 0; i < count; ++i) {
-        Octave const octave(*this, i, count);
-        float const u = octave.timeScale * t;
-        float3 const p = octave.scale * position;
-        result += octave.weight * (smooth ? smooth_curl_noise(p, u, seed) : curl_noise(p, u, seed));
-    }
-    return result;
+    float3 sum;
+    useOctaves([&](Octave<float> const& octave) {
+        float3 const p{octave.place(position.x), octave.place(position.y),
+                       octave.place(position.z)};
+        float3 const noise = curlAt(smooth, p, octave.placeTime(t), seed);
+        for (int c = 0; c < 3; ++c) octave.add(sum[c], noise[c]);
+    });
+    return sum;
 }
 
 void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>& out) const {
     Block::Frame const frame(block);
     auto const kept = keptTime();
-    auto const t = (kept ? block.constant(*kept) : block.values(time)).component[0];
-    int const count = octaveCount(amplitude, scaleRatio, octaves);
-    auto const sum = out.writer();
-    for (float* const component : sum.component) std::fill_n(component, block.count(), 0.0F);
-    auto at = block.result<float3>(), noise = block.result<float3>();
+    float const* const t = (kept ? block.constant(*kept) : block.values(time)).component[0];
+    auto const sum = out.writer().component;
+    for (float* const component : sum) std::fill_n(component, block.count(), 0.0F);
+    auto places = block.result<float3>(), noise = block.result<float3>();
     float* const u = block.allocate();
-    for (int i = 0; i < count; ++i) {
-        Octave const octave(*this, i, count);
+    useOctaves([&](Octave<float> const& octave) {
         mapBlock(
-            block, at, [s = octave.scale](float3 const& p) ZEL_ALWAYS_INLINE { return s * p; },
+            block, places,
+            [octave](float3 const& p) ZEL_ALWAYS_INLINE {
+                return float3{octave.place(p.x), octave.place(p.y), octave.place(p.z)};
+            },
             block.positions());
         Quern::forEachPosition<true>(
-            block.count(), [=](int k) ZEL_ALWAYS_INLINE { u[k] = octave.timeScale * t[k]; });
-        curlBlock(smooth, at.columns, u, block.count(), seed, noise.writer());
-        for (unsigned c = 0; c < 3; ++c)
-            Quern::forEachPosition<true>(
-                block.count(), [=, to = sum.component[c], v = noise.columns.component[c]](int k)
-                                   ZEL_ALWAYS_INLINE { to[k] += octave.weight * v[k]; });
-    }
+            block.count(), [=](int k) ZEL_ALWAYS_INLINE { u[k] = octave.placeTime(t[k]); });
+        curlBlock(smooth, places.columns, u, block.count(), seed, noise.writer());
+        for (std::size_t c = 0; c < 3; ++c)
+            Quern::forEachPosition<true>(block.count(),
+                                         [=, to = sum[c], v = noise.columns.component[c]](int k)
+                                             ZEL_ALWAYS_INLINE { octave.add(to[k], v[k]); });
+    });
 }
 
 }  // namespace zel

@@ -12,10 +12,10 @@
 // that child; the sampling hooks do. None of the nodes can be assigned.
 //
 // The gradients are the default ones, differences over 2 % of each coordinate. Near the origin they
-// are close to the derivative; farther out the distance grows past the size of a cell of the noise,
-// which is about 1, and they are of no use. The error of one layer is 3 to 6 % of the derivative,
-// root mean square, for positions within 10 of the origin, about 75 % within 100, and all of it
-// beyond. A `frequency` above 1 brings that nearer.
+// are close to the derivative. Farther out the steps are longer than a cell of the noise, whose
+// size is about 1, and the differences say nothing about the derivative. The error of one layer,
+// root mean square, is 3 to 6 % of the derivative for positions within 10 of the origin, about 75 %
+// within 100, and 100 % beyond. A `frequency` above 1 shortens these distances.
 namespace zel {
 
 /// One layer of 4-D simplex noise: simplex_noise((p, time(p)), seed).
@@ -56,7 +56,7 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
-    struct Octave;
+    template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float>& out) const;
 
     float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
@@ -107,17 +107,17 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
-    struct Octave;
+    template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float3>& out) const;
-    /// The time, where the hook has evaluated it already.
+    /// The time that the hook before the batch has evaluated, if it has.
     std::optional<float> keptTime() const;
 
     /// The time of the batches that are being sampled, if it is constant. Batches on several
     /// threads write it at once.
     struct TimeCache {
-        struct alignas(8) Time {  // so that clang, too, takes it for lock-free
+        struct alignas(8) Time {  // aligned, so that clang also knows it to be lock-free
             float cachedTime = std::numeric_limits<float>::max();
-            std::uint32_t cachedTimeValid = 0;  // no padding, which an atomic would have to clear
+            std::uint32_t cachedTimeValid = 0;  // 32 bits wide: an atomic struct has no padding
         };
 
         TimeCache() = default;

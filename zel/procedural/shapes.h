@@ -9,8 +9,7 @@
 // not tested; numbers that are not finite give results that are not finite.
 namespace zel {
 
-/// The signed distance to a sphere. The radius is used as it is, also a negative one. The gradient
-/// at the centre is zero.
+/// The signed distance to a sphere. The radius may be negative. The gradient at the centre is zero.
 class ZEL_API ScalarFieldSphere : public LeafNode<ScalarFieldSphere, ScalarField> {
 public:
     ScalarFieldSphere(float3 const& center_, float const& radius_)

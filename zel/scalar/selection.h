@@ -63,7 +63,7 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     float valueOf(float v) const {
-        float const below = v >= max ? max : v;  // one choice after the other: quicker in vectors
+        float const below = v >= max ? max : v;  // two selections in a row are faster as SIMD code
         return v <= min ? min : below;
     }
     int gradientChoice(float v) const { return ((min < v) & (v < max)) ? 0 : -1; }  // no branch

@@ -78,7 +78,7 @@ private:
     ScalarPtr field;
 };
 
-/// acos(field). The gradient has the same special places as that of ScalarFieldArcSine.
+/// acos(field). The gradient is 0 and NaN where that of ScalarFieldArcSine is.
 class ZEL_API ScalarFieldArcCosine : public PointwiseNode<ScalarFieldArcCosine, ScalarField> {
 public:
     explicit ScalarFieldArcCosine(ScalarPtr field_) : field(std::move(field_)) {}

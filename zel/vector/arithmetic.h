@@ -6,9 +6,9 @@
 #include "zel/node/node.h"
 #include "zel_platform/quern_core/array.h"
 
-// Vector nodes that compute, component by component unless the formula says otherwise. None guards
-// a division but where it is said. In a gradient, `M[r][c]` is the derivative of component `r`
-// along coordinate `c`; row `r` of `ag` is the gradient of component `r` of `a`.
+// Vector nodes that compute, component by component unless the formula says otherwise. A division
+// is not guarded unless the node says so. In a gradient, `M[r][c]` is the derivative of component
+// `r` along coordinate `c`; row `r` of `ag` is the gradient of component `r` of `a`.
 namespace zel {
 
 /// The same vector everywhere.
@@ -26,8 +26,8 @@ private:
     float3 value;
 };
 
-/// An element of an array, chosen by the element index and over again past the end: values[i % n],
-/// the index taken as unsigned. The zero vector if the array is empty.
+/// An element of an array by the element index, which wraps around past the end: values[i % n],
+/// with the index as an unsigned number. The zero vector if the array is empty.
 class ZEL_API VectorFieldConstantArray : public LeafNode<VectorFieldConstantArray, VectorField> {
 public:
     VectorFieldConstantArray() = default;

@@ -5,8 +5,8 @@
 #include "zel/field/math.h"
 #include "zel/node/node.h"
 
-// Vector nodes that compare. Values are worked out component by component, but a gradient is one
-// whole matrix, chosen by one lexicographic comparison of vectors. A NaN makes a comparison false.
+// Vector nodes that compare. Values are selected component by component, but a gradient as a whole
+// matrix, by one lexicographic comparison of vectors. A NaN makes a comparison false.
 namespace zel {
 
 /// For each component a[c] if a[c] > b[c], else b[c]. The gradient is that of a where a > b, else

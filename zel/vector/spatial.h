@@ -4,8 +4,8 @@
 #include "zel/node/node.h"
 #include "zel/node/transform.h"
 
-// The position as a field, and vector fields moved as a whole: the sample point goes back, the
-// value forward.
+// The position as a field, and vector fields moved as a whole: the sample point by the inverse of
+// the motion, and the value by the motion where its formula says so.
 namespace zel {
 
 /// The position itself.

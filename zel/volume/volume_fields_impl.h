@@ -63,14 +63,9 @@ auto VolumeNode<Self, Interface>::grad(float3 const& position, long long index) 
         float3 const place = this->self().inVolume(position);
         float3 gradient;
         if (reader->gradient(place, gradient)) return gradient;
-        if (this->self().isScaled()) {
-            // Around the place in the volume, so that the scale does not count twice.
-            detail::differences(detail::Unscaled{*reader}, place, index,
-                                [&](int axis, float f1, float f2, float divisor) {
-                                    gradient[axis] = (f1 - f2) / divisor;
-                                });
-            return gradient;
-        }
+        // Around the place in the volume, so that the scale does not count twice.
+        if (this->self().isScaled())
+            return detail::gradientByDifferences<float3>(detail::Unscaled{*reader}, place, index);
     }
     return Interface::grad(position, index);
 }
@@ -136,7 +131,7 @@ void VolumeNode<Self, Interface>::differencesInBlock(Block& block,
             float const* const f = values.columns.component[row];
             for (int n = 0; n < 3 * count; ++n)
                 write.component[3 * row + static_cast<unsigned>(n % 3)][first + n / 3] =
-                    (f[2 * n] - f[2 * n + 1]) / divisors[n];
+                    detail::differenceQuotient(f[2 * n], f[2 * n + 1], divisors[n]);
         }
     }
 }

@@ -107,7 +107,7 @@ void detail::Fusion::view(Block& block) {
     auto const& at = block.positions().component;
     if (m_viewedAt[0] == at[0] && m_viewedAt[1] == at[1] && m_viewedAt[2] == at[2]) return;
     m_viewedAt = {};
-    bool lasting = true;
+    bool persistent = true;
     for (Operand const& operand : std::span(m_views, static_cast<std::size_t>(m_viewCount))) {
         auto& in = m_stages[operand.stage].in;
         if (!operand.view) {
@@ -116,9 +116,9 @@ void detail::Fusion::view(Block& block) {
         }
         Columns<float> const values = operand.view(operand.viewed, block);
         in[static_cast<unsigned>(operand.number)] = values.component[0];
-        lasting = lasting && values.lasting;
+        persistent = persistent && values.persistent;
     }
-    if (lasting) m_viewedAt = at;
+    if (persistent) m_viewedAt = at;
 }
 
 void detail::Fusion::run(Block& block, BlockResult<float>& out) {

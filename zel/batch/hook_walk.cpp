@@ -1,4 +1,4 @@
-#include "zel/node/hook_walk.h"
+#include "zel/batch/hook_walk.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,13 +12,13 @@ namespace zel::detail {
 
 namespace {
 
-/// What a walk has done to an operator.
+/// The hooks that an operator has received in a walk.
 struct Visit {
     HookTarget const* target = nullptr;
     long long prepared = 0;  ///< how often it was prepared and not yet released
-    bool released = false;   ///< without having been prepared in this walk
+    bool released = false;   ///< whether it was released without having been prepared
 
-    /// Whether the hook that comes now is to be passed on.
+    /// Records a hook, and returns whether the operator must pass it on.
     bool enter(HookWalk::Hook hook) {
         if (hook == HookWalk::Hook::kPre) return prepared++ == 0;
         if (prepared > 0) return --prepared == 0;
@@ -26,12 +26,12 @@ struct Visit {
     }
 };
 
-/// A walk and the operators that it has come to, in a hash table by address.
+/// A walk, with a hash table of the operators that it has reached.
 class Walk {
 public:
-    int depth = 0;  ///< how many operators are at work; the walk ends when the last one is done
+    int depth = 0;  ///< the number of operators whose hooks run; the walk ends when it returns to 0
 
-    /// The visit to an operator, made if there is none. Throws std::bad_alloc.
+    /// The visit to an operator, added if there is none. Throws std::bad_alloc.
     Visit& at(HookTarget const& target) {
         if (m_count > 0)
             if (Visit& visit = find(m_visits, target); visit.target) return visit;
@@ -48,7 +48,7 @@ public:
     }
 
     void end() {
-        // A table that is much larger than what is used of it would be cleared at length each time.
+        // To clear a large table that is mostly empty would take longer than the walk.
         constexpr std::size_t kLarge = 1024;
         if (m_visits.size() > kLarge && 8 * m_count < m_visits.size())
             m_visits = {};
@@ -58,7 +58,7 @@ public:
     }
 
 private:
-    /// The operator's place, or the free one where it would be.
+    /// The slot of the operator, or the free slot for it.
     static Visit& find(std::vector<Visit>& visits, HookTarget const& target) {
         std::size_t const mask = visits.size() - 1;
         std::size_t at =
@@ -77,7 +77,7 @@ private:
     std::size_t m_count = 0;
 };
 
-/// The walks of a thread: each was started inside of the one before it.
+/// The walks of a thread, each started inside the one before it.
 struct Walks {
     std::vector<Walk> all = std::vector<Walk>(1);
     std::size_t level = 0;
@@ -89,7 +89,7 @@ Walks& walks() {
     return threadObject<Walks>();
 }
 
-/// The depth of all walks of the thread.
+/// The sum of the depths of all walks of the thread.
 thread_local constinit int operatorsAtWork = 0;
 
 }  // namespace

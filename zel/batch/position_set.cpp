@@ -1,0 +1,57 @@
+#include "zel/batch/position_set.h"
+
+#include <new>
+#include <utility>
+
+namespace zel::detail {
+
+namespace {
+
+std::size_t bucketOf(void const* node, bool gradient, std::size_t count) {
+    auto const address = reinterpret_cast<std::uintptr_t>(node);
+    return (((address >> 4) + gradient) * 0x9e3779b97f4a7c15U >> 40) & (count - 1);
+}
+
+}  // namespace
+
+KeptResult* PositionSet::find(void const* node, bool gradient) const {
+    if (!buckets) return nullptr;
+    KeptResult* kept = buckets[bucketOf(node, gradient, bucketCount)];
+    while (kept && (kept->node != node || kept->gradient != gradient)) kept = kept->next;
+    return kept;
+}
+
+KeptResult& PositionSet::add(void const* node, bool gradient, float* storage,
+                             Workspace& workspace) {
+    if (!buckets) {
+        bucketCount = workspace.bucketCount;
+        buckets =
+            static_cast<KeptResult**>(workspace.kept.allocate(bucketCount * sizeof(KeptResult*)));
+        std::fill_n(buckets, bucketCount, nullptr);
+    }
+    KeptResult*& bucket = buckets[bucketOf(node, gradient, bucketCount)];
+    auto* const kept = new (workspace.kept.allocate(sizeof(KeptResult))) KeptResult;
+    kept->node = node;
+    kept->gradient = gradient;
+    kept->complete = kept->light = false;
+    kept->known = {};
+    kept->storage = storage;
+    kept->next = std::exchange(bucket, kept);
+    ++keptCount;
+    return *kept;
+}
+
+PositionScope::PositionScope(Workspace& workspace, PositionSet& positions)
+    : m_workspace(workspace), m_positions(positions), m_mark(workspace.kept.mark()),
+      m_outer(std::exchange(workspace.innermost, &positions)) {}
+
+PositionScope::~PositionScope() {
+    // The next set has about as many results: a bucket each keeps the searches short.
+    constexpr std::size_t kMostBuckets = 1024;
+    while (m_workspace.bucketCount < std::min(m_positions.keptCount, kMostBuckets))
+        m_workspace.bucketCount *= 2;
+    m_workspace.kept.release(m_mark);
+    m_workspace.innermost = m_outer;
+}
+
+}  // namespace zel::detail

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "zel/api.h"
+#include "zel/batch/arena.h"
+#include "zel/batch/columns.h"
+
+namespace zel {
+
+class Fuser;
+
+namespace detail {
+
+struct PositionSet;
+
+/// The memory and the state by which one thread evaluates blocks. It grows on first use and belongs
+/// to the thread until the thread ends.
+class Workspace {
+public:
+    /// The workspace of the calling thread.
+    static Workspace& local();
+
+    /// Returns a column of `value` that is valid until no batch runs on the thread; null when
+    /// kMaxConstants other values have columns already.
+    float const* constant(float value);
+
+    /// Marks the evaluation of a range of positions while it exists. A node may start another batch
+    /// and so a range inside the range.
+    class Run {
+    public:
+        explicit Run(Workspace& workspace);
+        ~Run() { --m_workspace.m_depth; }
+        Run(Run const&) = delete;
+        Run& operator=(Run const&) = delete;
+
+    private:
+        Workspace& m_workspace;
+    };
+
+    /// Whether the range that is evaluated now is inside another.
+    bool isNested() const { return m_depth > 1; }
+
+    Arena stack;    ///< columns that are valid until a Block::Frame ends
+    Arena kept;     ///< results that are kept with their PositionSet
+    Arena fusions;  ///< what a Fuser has found
+
+    PositionSet const* innermost = nullptr;  ///< the set whose results are at the top of `kept`
+    std::size_t bucketCount = 8;             ///< of the next PositionSet
+
+    Fuser* fuser = nullptr;  ///< of the range that is evaluated now; null if there is none
+    // Of the last range that was not nested: its batch, the number of positions of the batch that
+    // this thread has evaluated, and the Fuser of its tree.
+    std::uint64_t batch = 0;
+    std::size_t countOfBatch = 0;
+    Fuser* fuserOfBatch = nullptr;
+
+private:
+    static constexpr unsigned kMaxConstants = 64, kSlots = 2 * kMaxConstants;
+    struct Slot {
+        std::uint32_t bits;
+        float const* values;
+    };
+
+    std::array<Slot, kSlots> m_slots{};  // a hash table of the constants
+    Arena m_constants;
+    unsigned m_constantCount = 0;
+    int m_depth = 0;
+};
+
+}  // namespace detail
+}  // namespace zel
