@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "sampler/cubic_volume.h"
-#include "zel/sampler/cubic/adaptive/cubic_adaptive_report.h"
+#include "zel/sampler/cubic/adaptive/report.h"
 
 namespace {
 

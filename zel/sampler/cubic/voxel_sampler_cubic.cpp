@@ -4,7 +4,7 @@
 #include <bit>
 #include <span>
 
-#include "zel/sampler/cubic/adaptive/cubic_adaptive.h"
+#include "zel/sampler/cubic/adaptive/adaptive.h"
 
 namespace ORV::TileTree3D {
 

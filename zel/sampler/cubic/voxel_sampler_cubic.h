@@ -3,9 +3,9 @@
 #include <array>
 
 #include "zel/sampler/common/voxel_sampler.h"
-#include "zel/sampler/cubic/cubic_block.h"
-#include "zel/sampler/cubic/cubic_halo_cache.h"
-#include "zel/sampler/cubic/cubic_voxel.h"
+#include "zel/sampler/cubic/halo_cache.h"
+#include "zel/sampler/cubic/tile_cube.h"
+#include "zel/sampler/cubic/voxel.h"
 
 namespace ORV::TileTree3D {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "zel/sampler/common/voxel_sampler.h"
-#include "zel/sampler/linear/linear_cell.h"
+#include "zel/sampler/linear/cell.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
 
 namespace ORV::TileTree3D {

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "zel/sampler/cubic/adaptive/cubic_adaptive_point.h"
+#include "zel/sampler/cubic/adaptive/point.h"
 
 // AdaptiveSample: the composition of stencil points to a row, a plane and a volume.
 namespace ORV::TileTree3D::Internal {

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "zel/sampler/cubic/adaptive/cubic_memo.h"
+#include "zel/sampler/cubic/adaptive/memo.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
 namespace ORV::TileTree3D::Internal {

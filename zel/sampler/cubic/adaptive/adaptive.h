@@ -2,8 +2,8 @@
 
 #include <array>
 
-#include "zel/sampler/cubic/cubic_block.h"
-#include "zel/sampler/cubic/cubic_trace.h"
+#include "zel/sampler/cubic/adaptive/trace.h"
+#include "zel/sampler/cubic/tile_cube.h"
 
 // The adaptive path of the cubic sampler: each stencil point is looked up by itself, and the tree
 // decides how far it lies from the next one. Rows of four points make planes, and planes volumes.

@@ -1,4 +1,4 @@
-#include "zel/sampler/cubic/cubic_halo_cache.h"
+#include "zel/sampler/cubic/halo_cache.h"
 
 #include <algorithm>
 #include <bit>

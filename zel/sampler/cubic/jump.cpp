@@ -1,4 +1,4 @@
-#include "zel/sampler/cubic/cubic_jump.h"
+#include "zel/sampler/cubic/jump.h"
 
 #include <algorithm>
 #include <cmath>

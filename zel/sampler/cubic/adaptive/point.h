@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "zel/sampler/cubic/adaptive/cubic_adaptive.h"
-#include "zel/sampler/cubic/cubic_jump.h"
+#include "zel/sampler/cubic/adaptive/adaptive.h"
+#include "zel/sampler/cubic/jump.h"
 
 // AdaptiveSample: the sample's voxel, and the lookup of one stencil point.
 namespace ORV::TileTree3D::Internal {

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <string>
 
-#include "zel/sampler/cubic/adaptive/cubic_adaptive_stencil.h"
+#include "zel/sampler/cubic/adaptive/stencil.h"
 
 // AdaptiveSample: what is reported of a NaN.
 namespace ORV::TileTree3D::Internal {

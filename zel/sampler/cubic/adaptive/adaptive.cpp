@@ -1,4 +1,4 @@
-#include "zel/sampler/cubic/adaptive/cubic_adaptive_report.h"
+#include "zel/sampler/cubic/adaptive/report.h"
 
 namespace ORV::TileTree3D::Internal {
 

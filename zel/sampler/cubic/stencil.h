@@ -3,7 +3,7 @@
 #include <array>
 #include <cstring>
 
-#include "zel/sampler/cubic/cubic_kernels.h"
+#include "zel/sampler/cubic/kernels.h"
 #include "zel_platform/orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D::Internal {

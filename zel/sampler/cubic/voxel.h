@@ -1,7 +1,7 @@
 #pragma once
 
-#include "zel/sampler/cubic/cubic_block.h"
-#include "zel/sampler/cubic/cubic_jump.h"
+#include "zel/sampler/cubic/jump.h"
+#include "zel/sampler/cubic/tile_cube.h"
 
 namespace ORV::TileTree3D::Internal {
 

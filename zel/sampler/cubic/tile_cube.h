@@ -4,8 +4,8 @@
 #include <bit>
 #include <span>
 
-#include "zel/sampler/cubic/cubic_source.h"
-#include "zel/sampler/cubic/cubic_stencil.h"
+#include "zel/sampler/cubic/source.h"
+#include "zel/sampler/cubic/stencil.h"
 
 namespace ORV::TileTree3D::Internal {
 
