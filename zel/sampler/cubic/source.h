@@ -2,33 +2,33 @@
 
 #include <cstdint>
 
-#include "zel/sampler/cubic/adaptive/memo.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
+#include "zel_platform/orvane_geometry_volume/voxel_topology.h"
 
 namespace ORV::TileTree3D::Internal {
 
 /// Marks, in 16 bits a voxel, voxels that hold no value of their own.
 template <class Traits> using DofChannel = Channel<Traits, short, Traits::kSamples, 1, 0>;
 
-/// What a cubic sampler reads and how: all that stays the same from sample to sample, but for the
-/// accessor's cursor and what is remembered.
+/// What a cubic sampler reads, and how. Only the accessor's cursor changes from sample to sample.
 template <class Traits, class T> struct CubicSource {
-    typename Container<Traits>::ConstTileAccessor m_tileAccessor;
-    Container<Traits> const* m_container;
-    DataChannel<Traits, T> const* m_channel;
-    VoxelTopology<Traits> const* m_topology;
-    T m_defaultValue;
-    std::int32_t m_type;
-    bool m_clamp;
-    std::int32_t m_jumpHandling;
-    DofChannel<Traits> const* m_dofChannel;  ///< may be null
-    std::int32_t m_dofMask;
-    std::int32_t m_minDepth, m_maxDepth;
-    mutable AdaptiveMemo<T> m_memo;
+    Container<Traits> const& container;
+    VoxelTopology<Traits> const& topology;
+    DataChannel<Traits, T> const& channel;
+    std::int32_t type;
+    bool clamp;
+    std::int32_t jumpHandling;
+    DofChannel<Traits> const* dofChannel = nullptr;
+    std::int32_t dofMask = 0;
+
+    T defaultValue = channel.defaultValue();
+    std::int32_t minDepth = channel.minDepth();
+    std::int32_t maxDepth = channel.depth();
+    typename Container<Traits>::ConstTileAccessor accessor = container.tileAccessor();
 
     /// The deepest tile over a lattice point that is no deeper than `depth`.
     TileOf<Traits> const& tileAt(int3 const& p, int depth) const {
-        return m_tileAccessor.tile(p.x, p.y, p.z, depth);
+        return accessor.tile(p.x, p.y, p.z, depth);
     }
 };
 

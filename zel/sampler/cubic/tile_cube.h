@@ -48,11 +48,10 @@ template <class Traits, class T> class TileBlocks {
 
 public:
     explicit TileBlocks(Source const& source)
-        : m_accessors{source.m_tileAccessor, source.m_tileAccessor, source.m_tileAccessor,
-                      source.m_tileAccessor, source.m_tileAccessor, source.m_tileAccessor,
-                      source.m_tileAccessor, source.m_tileAccessor},
+        : m_accessors{source.accessor, source.accessor, source.accessor, source.accessor,
+                      source.accessor, source.accessor, source.accessor, source.accessor},
           m_shift(static_cast<int>(std::bit_width(
-                      static_cast<unsigned>(Traits::tileWidth(source.m_container->depth())))) -
+                      static_cast<unsigned>(Traits::tileWidth(source.container.depth())))) -
                   1) {}
 
     /// The place of the block of a voxel of a tile, which is named by its low corner and its depth.
@@ -67,7 +66,7 @@ public:
         if (!block.is(place)) {
             block.place = place;
             block.atJump = true;
-            Tile const& parent = source.m_container->tile(tile.parentTreeIndex());
+            Tile const& parent = source.container.tile(tile.parentTreeIndex());
             if (parent.exists()) find(source, tile, parent, block);  // around the root is nothing
         }
         return block;
@@ -97,14 +96,14 @@ public:
                         cells[axis][8 * b + n] = first + (n >> (2 - axis) & 1);
                 }
             std::array<TileRun, 8 * kMost> runs;
-            int const runCount = source.m_container->findTiles(
-                depth, cells[0].data(), cells[1].data(), cells[2].data(),
-                static_cast<int>(8 * count), runs.data());
+            int const runCount =
+                source.container.findTiles(depth, cells[0].data(), cells[1].data(), cells[2].data(),
+                                           static_cast<int>(8 * count), runs.data());
             std::size_t i = 0;
             for (int r = 0; r < runCount; ++r) {
                 TileRun const run = runs[static_cast<std::size_t>(r)];
                 for (; i < static_cast<std::size_t>(run.end); ++i)
-                    blocks[i / 8]->tiles[i % 8] = source.m_channel->samples({run.tile, depth});
+                    blocks[i / 8]->tiles[i % 8] = source.channel.samples({run.tile, depth});
             }
             for (TileBlock<T>* const block : blocks.first(count)) {
                 auto const& tiles = block->tiles;
@@ -148,7 +147,7 @@ private:
             Tile const& over = *parents[n & across];
             int3 const child = over.childIJK(corner + stepOf(n) * width);
             block.tiles[n] = over.depth() == parent.depth()
-                                 ? source.m_channel->samples(over.childTreeIndex(child))
+                                 ? source.channel.samples(over.childTreeIndex(child))
                                  : nullptr;
             block.atJump = block.atJump || !block.tiles[n];
         }

@@ -58,7 +58,7 @@ public:
 
     /// The value of the kernels, away from a jump.
     T interpolate(CubicSource<Traits, T> const& source, Float4 const& frac) const {
-        return m_stencil.interpolate(source.m_type, source.m_clamp, frac);
+        return m_stencil.interpolate(source.type, source.clamp, frac);
     }
 
     /// The blend of the eight corners, at a jump.
@@ -76,13 +76,13 @@ private:
         m_state = state;
     }
     void readCorners(CubicSource<Traits, T> const& source) {
-        auto const& tile = source.m_container->tile(m_tree);
+        auto const& tile = source.container.tile(m_tree);
         int const width = tile.voxelDataWidth();
         int3 const corner = tile.tijk() + int3Of(limitedVoxel<Traits>(m_lijk)) * width;
         for (int n = 0; n < 8; ++n)
             m_corners[n] = sampleChannelPoint<Traits, T>(
                 corner + int3{n >> 2, n >> 1 & 1, n & 1} * width, tile.depth(),
-                source.m_topology->offsetType(), *source.m_channel, source.m_tileAccessor);
+                source.topology.offsetType(), source.channel, source.accessor);
         m_state = kWithCorners;
     }
 

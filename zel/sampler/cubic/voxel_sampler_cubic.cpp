@@ -4,7 +4,7 @@
 #include <bit>
 #include <span>
 
-#include "zel/sampler/cubic/adaptive/adaptive.h"
+#include "zel/sampler/cubic/adaptive/sample.h"
 
 namespace ORV::TileTree3D {
 
@@ -40,21 +40,18 @@ ZEL_DETAIL_CUBIC_SAMPLER::VoxelSamplerCubic(Container<Traits> const& container,
                                             std::int32_t type, bool clamp,
                                             std::int32_t jumpHandling, DofChannel const* dofChannel,
                                             std::int32_t dofMask, long long cacheSize)
-    : VoxelSampler<Traits, Ts, Position>(container, topology), m_source{container.tileAccessor(),
-                                                                        &container,
-                                                                        &channel,
-                                                                        &topology,
-                                                                        channel.defaultValue(),
-                                                                        type,
-                                                                        clamp,
-                                                                        jumpHandling,
-                                                                        dofChannel,
-                                                                        dofMask,
-                                                                        channel.minDepth(),
-                                                                        channel.depth(),
-                                                                        Internal::AdaptiveMemo<T>(
-                                                                            jumpHandling !=
-                                                                            kJumpTrilinear)},
+    : VoxelSampler<Traits, Ts, Position>(container, topology),
+      m_source{
+          .container = container,
+          .topology = topology,
+          .channel = channel,
+          .type = type,
+          .clamp = clamp,
+          .jumpHandling = jumpHandling,
+          .dofChannel = dofChannel,
+          .dofMask = dofMask,
+      },
+      m_memo(jumpHandling != kJumpTrilinear),
       // There are no halos for samples off the corners of their voxels, nor of another tree.
       m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == kOnCorners &&
                       channel.belongsTo(container)
@@ -68,7 +65,7 @@ ZEL_DETAIL_CUBIC_SAMPLER::~VoxelSamplerCubic() = default;
 
 ZEL_DETAIL_CUBIC_HEAD
 Quern::String ZEL_DETAIL_CUBIC_SAMPLER::samplerName() const {
-    switch (m_source.m_type) {
+    switch (m_source.type) {
     case kQuadraticC0Averaged:
         return "kQuadraticC0Averaged";
     case kCubicC0:
@@ -91,8 +88,8 @@ ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int depth, int space) {
     Int4 lijk;
     Float4 frac;
-    if (!this->place(position, space, std::min(m_source.m_maxDepth, depth), lijk, frac))
-        return m_source.m_defaultValue;
+    if (!this->place(position, space, std::min(m_source.maxDepth, depth), lijk, frac))
+        return m_source.defaultValue;
     return sampleVoxel(this->m_box->tree, lijk, frac, depth);
 }
 
@@ -100,16 +97,21 @@ ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk, float3 const& frac,
                                         int depth, bool debug) {
     Int4 const voxel{lijk.x, lijk.y, lijk.z, 0};
-    bool const sampled = tree.valid() && m_source.m_minDepth <= tree.depth;
+    bool const sampled = tree.valid() && m_source.minDepth <= tree.depth;
     if (!debug || !sampled)
         return sampled ? sampleVoxel(tree, voxel, Internal::float4Of(frac), depth)
-                       : m_source.m_defaultValue;
+                       : m_source.defaultValue;
     int3 const limited = Internal::int3Of(Internal::limitedVoxel<Traits>(voxel));
-    if (m_source.m_jumpHandling != kJumpTrilinear)
-        return Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, tree, limited,
-                                                                         frac, depth);
-    if (!isCached(Internal::limitedVoxel<Traits>(voxel)))
-        Internal::traceBlock(m_source, tree, limited, frac);
+    if (m_source.jumpHandling != kJumpTrilinear) {
+        T const value = Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(
+            m_source, m_memo, tree, limited, frac, depth);
+        Internal::flushLines();
+        return value;
+    }
+    if (!isCached(Internal::limitedVoxel<Traits>(voxel))) {
+        Internal::traceTiles(m_source, m_memo, tree, limited, frac);
+        Internal::flushLines();
+    }
     return sampleVoxel(tree, voxel, Internal::float4Of(frac), depth);
 }
 
@@ -117,20 +119,19 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk,
 ZEL_DETAIL_CUBIC_HEAD
 inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, Int4 const& lijk,
                                                Float4 const& frac, int depth) {
-    if (m_source.m_minDepth > tree.depth) return m_source.m_defaultValue;
-    if (m_source.m_jumpHandling != kJumpTrilinear) return adaptive(tree, lijk, frac, depth);
-    return m_voxel.is(tree, lijk) || moveTo(tree, lijk) ? current(frac) : m_source.m_defaultValue;
+    if (m_source.minDepth > tree.depth) return m_source.defaultValue;
+    if (m_source.jumpHandling != kJumpTrilinear) return adaptive(tree, lijk, frac, depth);
+    return m_voxel.is(tree, lijk) || moveTo(tree, lijk) ? current(frac) : m_source.defaultValue;
 }
 
 /// Makes m_voxel that voxel. False if there is no such tile.
 ZEL_DETAIL_CUBIC_HEAD
 bool ZEL_DETAIL_CUBIC_SAMPLER::moveTo(TreeIndex const& tree, Int4 const& lijk) {
-    Tile const& tile = m_source.m_container->tile(tree);
+    Tile const& tile = m_source.container.tile(tree);
     if (!tile.exists()) return false;
     Int4 const voxel = Internal::limitedVoxel<Traits>(lijk);
     if (isCached(voxel)) {
-        m_voxel.moveTo(tree, lijk, voxel,
-                       m_cache.halo(tree, *m_source.m_channel, m_source.m_tileAccessor));
+        m_voxel.moveTo(tree, lijk, voxel, m_cache.halo(tree, m_source.channel, m_source.accessor));
     } else {
         m_voxel.moveTo(
             tree, lijk, voxel,
@@ -152,13 +153,13 @@ T ZEL_DETAIL_CUBIC_SAMPLER::adaptive(TreeIndex const& tree, Int4 const& lijk, Fl
     // Between data points, on uniform ground and with nothing below, it is the value of the
     // kernels.
     bool const between = frac[0] != 0 && frac[1] != 0 && frac[2] != 0;
-    if (between && tree.depth == std::min(m_source.m_maxDepth, depth) &&
+    if (between && tree.depth == std::min(m_source.maxDepth, depth) &&
         (m_voxel.is(tree, lijk) || moveTo(tree, lijk)) && !m_voxel.atJump()) {
         T const value = m_voxel.interpolate(m_source, frac);
         if (!Internal::isNaN(value)) return value;
     }
     return Internal::adaptiveValue<Traits, T, Internal::NoTrace>(
-        m_source, tree, Internal::int3Of(Internal::limitedVoxel<Traits>(lijk)),
+        m_source, m_memo, tree, Internal::int3Of(Internal::limitedVoxel<Traits>(lijk)),
         Internal::float3Of(frac), depth);
 }
 
@@ -169,7 +170,7 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
                                           int space, std::array<Located, kBlock>& located,
                                           std::array<Internal::TileBlock<T>, kBlock>& blocks) {
     auto const end = static_cast<unsigned>(std::min(count, kBlock));
-    int const depth = std::min(m_source.m_maxDepth, std::int32_t{Traits::kMaxDepth});
+    int const depth = std::min(m_source.maxDepth, std::int32_t{Traits::kMaxDepth});
     PlacedBlock placed;
     this->placeBlock(x, y, z, static_cast<int>(end), space, depth, placed);
     // What is not known of blocks of the depth of most positions is found later, all at once.
@@ -188,9 +189,9 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
                 l.lijk = placed.voxel(i);
                 l.frac = placed.fraction(i);
             }
-            if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) continue;
+            if (!l.tree.valid() || l.tree.depth < m_source.minDepth) continue;
             int3 const corner =
-                run.tile < 0 ? m_source.m_container->tile(l.tree).m_tijk : placed.corner(i);
+                run.tile < 0 ? m_source.container.tile(l.tree).m_tijk : placed.corner(i);
             Int4 const voxel = Internal::limitedVoxel<Traits>(l.lijk),
                        place = m_blocks.placeOf(corner, l.tree.depth, voxel);
             if (blockCount == 0 || !blocks[blockCount - 1].is(place)) {
@@ -199,7 +200,7 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float 
                 if (auto const* const known = m_blocks.known(place)) {
                     block = *known;
                 } else if (run.tile < 0) {
-                    block = m_blocks.at(m_source, m_source.m_container->tile(l.tree), place);
+                    block = m_blocks.at(m_source, m_source.container.tile(l.tree), place);
                     if (!block.atJump)
                         prefetch<Traits>(block.tiles, Internal::lowestOf<Traits>(voxel));
                 } else {
@@ -228,7 +229,7 @@ void ZEL_DETAIL_CUBIC_SAMPLER::sampleBlock(float const* x, float const* y, float
         auto const floats = std::bit_cast<std::array<float, kComponents>>(value);
         for (unsigned c = 0; c < unsigned{kComponents}; ++c) values[c][i] = floats[c];
     };
-    if (m_source.m_jumpHandling != kJumpTrilinear || m_cache.enabled()) {
+    if (m_source.jumpHandling != kJumpTrilinear || m_cache.enabled()) {
         for (int i = 0; i < count; ++i) put(i, sample({x[i], y[i], z[i]}, space));
         return;
     }
@@ -238,8 +239,8 @@ void ZEL_DETAIL_CUBIC_SAMPLER::sampleBlock(float const* x, float const* y, float
         int const located = locateBlock(x + i, y + i, z + i, count - i, space, block, tiles);
         for (int j = 0; j < located; ++j, ++i) {
             Located const& l = block[static_cast<unsigned>(j)];
-            if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) {
-                put(i, m_source.m_defaultValue);
+            if (!l.tree.valid() || l.tree.depth < m_source.minDepth) {
+                put(i, m_source.defaultValue);
                 continue;
             }
             if (!m_voxel.is(l.tree, l.lijk))

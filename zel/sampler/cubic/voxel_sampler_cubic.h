@@ -3,6 +3,7 @@
 #include <array>
 
 #include "zel/sampler/common/voxel_sampler.h"
+#include "zel/sampler/cubic/adaptive/memo.h"
 #include "zel/sampler/cubic/halo_cache.h"
 #include "zel/sampler/cubic/tile_cube.h"
 #include "zel/sampler/cubic/voxel.h"
@@ -93,6 +94,7 @@ private:
     T adaptive(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth);
 
     Internal::CubicSource<Traits, T> m_source;
+    Internal::AdaptiveMemo<T> m_memo;
     Internal::HaloTileCache<Traits, T> m_cache;
     Internal::TileBlocks<Traits, T> m_blocks;
     Internal::CubicVoxel<Traits, T> m_voxel;
