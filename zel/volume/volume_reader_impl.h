@@ -112,11 +112,11 @@ void VolumeReader<T>::values(Columns<float3> const& positions, int count,
     bool const read =
         visit([&, x = x, y = y, z = z]<class Traits>(BoundVolume<Traits, T> const& volume) {
             if (m_type == SamplerType::kLinear)
-                volume.linearSampler().sampleBlock(x, y, z, count, Traits::kMaxDepth,
+                volume.linearSampler().sampleBatch(x, y, z, count, Traits::kMaxDepth,
                                                    LinearSampler<Traits, T>::kWorldSpace,
                                                    out.component);
             else if (isCubic(m_type))
-                volume.cubicSampler(m_type).sampleBlock(
+                volume.cubicSampler(m_type).sampleBatch(
                     x, y, z, count, CubicSampler<Traits, T>::kWorldSpace, out.component);
             else
                 return false;
@@ -135,7 +135,7 @@ void VolumeReader<T>::gradients(Columns<float3> const& positions, int count,
         if (m_type == SamplerType::kLinear)
             read =
                 visit([&, x = x, y = y, z = z]<class Traits>(BoundVolume<Traits, T> const& volume) {
-                    volume.linearSampler().sampleGradientBlock(
+                    volume.linearSampler().sampleGradientBatch(
                         x, y, z, count, Traits::kMaxDepth, LinearSampler<Traits, T>::kWorldSpace,
                         static_cast<float*>(nullptr), out.component);
                     return true;

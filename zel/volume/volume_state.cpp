@@ -3,6 +3,7 @@
 #include <iostream>
 #include <utility>
 
+#include "zel/sampler/common/offset_type.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry_volume/channel_pool.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
@@ -15,14 +16,14 @@ using namespace ORV::TileTree3D;
 template <class Traits, class T, int W>
 bool initSamplerState(Quern::Ptr<ORV::Object> const& object, Quern::String const& channelName,
                       SamplerType type, bool wantHalo, VolumeSamplerState<Traits, T, W>& state) {
-    constexpr VoxelOffsetType kOnCorners = 7;
     state = {};
     state.container = object->component<Container<Traits>>(Orvane::Geometry::sVoxelTileTree);
     state.topology = object->component<VoxelTopology<Traits>>(Orvane::Geometry::sVoxelComp);
     state.channel = object->component<Channel<Traits, T, W, 0, 0>>(channelName);
     if (!state.container || !state.topology || !state.channel) return false;
     state.valid = true;
-    if (type != SamplerType::kLinear || !wantHalo || state.topology->offsetType() != kOnCorners)
+    if (type != SamplerType::kLinear || !wantHalo ||
+        state.topology->offsetType() != Internal::kOnCorners)
         return true;
     // From the channel's minimum depth on: in coarser tiles there are default values alone.
     int const minDepth = state.channel->minDepth();

@@ -1,20 +1,21 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <memory>
-#include <vector>
+#include <unordered_map>
 
+#include "zel/sampler/common/instances.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
 
 namespace ORV::TileTree3D::Internal {
 
-/// The halo tiles that were used last, as many as there is room for. All memory is taken at
-/// construction.
+/// The halo tiles that were used last. All memory is allocated at construction: a new tile takes
+/// the list entry and the map node of the tile that was used longest ago.
 template <class Traits, class T> class HaloTileCache {
 public:
     /// For `size` tiles, or as many as the tree has if these are fewer. Throws
-    /// std::invalid_argument for a negative size and std::length_error for one that cannot be held,
-    /// and std::bad_alloc.
+    /// std::invalid_argument for a negative size, and std::bad_alloc.
     HaloTileCache(long long size, Container<Traits> const& container);
 
     /// Whether there is room for a tile.
@@ -26,30 +27,25 @@ public:
 
 private:
     using HaloData = TileData<T, Traits::kSamples + 1, 1, 0>;
-    static constexpr std::int32_t kNone = -1;
-
-    /// A slot: its key, its neighbours in the order of use, and the next slot of its chain in the
-    /// index.
     struct Entry {
         TreeIndex key;
-        std::int32_t newer = kNone, older = kNone, chain = kNone;
+        T* samples;
+    };
+    using Entries = std::list<Entry>;
+    struct Hash {
+        std::size_t operator()(TreeIndex const& key) const {
+            return (static_cast<std::uint64_t>(key.tile) * 32 +
+                    static_cast<std::uint64_t>(key.depth)) *
+                   0x9E3779B97F4A7C15U;
+        }
     };
 
-    std::int32_t& chainOf(TreeIndex const& key);
-    std::int32_t find(TreeIndex const& key);
-    std::int32_t freeSlot();
-    void unlink(std::int32_t slot);
-    void makeNewest(std::int32_t slot);
-    Entry& entry(std::int32_t slot) { return m_entries[static_cast<std::size_t>(slot)]; }
-    T* tile(std::int32_t slot) {
-        return m_tiles.get() +
-               std::size_t{HaloData::Layout::kCount} * static_cast<std::size_t>(slot);
-    }
-
-    std::unique_ptr<T[]> m_tiles;
-    std::vector<Entry> m_entries;
-    std::vector<std::int32_t> m_index;  ///< by hash, a power of two, the first slot of a chain
-    std::int32_t m_used = 0, m_newest = kNone, m_oldest = kNone;
+    std::unique_ptr<T[]> m_samples;
+    Entries m_entries;  ///< the one used last first
+    std::unordered_map<TreeIndex, typename Entries::iterator, Hash> m_index;
 };
+
+#define ZEL_DETAIL_HALO_CACHE(prefix, Traits, T) prefix template class HaloTileCache<Traits, T>
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_HALO_CACHE, extern);
 
 }  // namespace ORV::TileTree3D::Internal

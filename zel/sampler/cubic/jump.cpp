@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "zel/sampler/common/offset_type.h"
+
 namespace ORV::TileTree3D {
 
 namespace {
@@ -100,9 +102,8 @@ template <class Traits, class T>
 T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
                   VoxelOffsetType offsetType, DataChannel<Traits, T> const& channel,
                   typename Container<Traits>::ConstTileAccessor const& accessor) {
-    constexpr VoxelOffsetType kOnCorners = 7;
     if (!tile.exists() || tile.depth() < channel.minDepth()) return channel.defaultValue();
-    if (offsetType != kOnCorners && tile.depth() != depth) {
+    if (offsetType != Internal::kOnCorners && tile.depth() != depth) {
         auto const cell = cellAtTruePlace<Traits>(tile, tijk, depth, offsetType, accessor);
         if (cell.tile->depth() < 1) return channel.defaultValue();
         return blendCell<Traits, T>(cell, offsetType, channel, accessor);
@@ -126,6 +127,6 @@ T sampleChannelPoint(int3 const& tijk, int depth, VoxelOffsetType offsetType,
                                       offsetType, channel, accessor);
 }
 
-ZEL_DETAIL_JUMPS();
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_JUMP, );
 
 }  // namespace ORV::TileTree3D

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "zel/sampler/cubic/adaptive/sample.h"
-#include "zel/sampler/cubic/stencil.h"
+#include "zel/sampler/cubic/tile_cube.h"
 
 namespace ORV::TileTree3D::Internal {
 
@@ -32,7 +32,7 @@ void reportNaN(AdaptiveState<Traits, T> const& state, char const* message) {
         for (int b = 0; b < 2; ++b)
             for (int c = 0; c < 2; ++c) {
                 std::cout << "Tile(" << a << "," << b << "," << c << ") = ";
-                if (auto const* const tile = state.tiles[blockPlace(a, b, c)])
+                if (auto const* const tile = state.tiles[TileCube<T>::slotOf(a, b, c)])
                     putLine(tile->tijk(), ", depth = ", tile->depth());
                 else
                     putLine("nullptr");

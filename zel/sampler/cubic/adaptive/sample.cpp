@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "zel/sampler/cubic/adaptive/nan_report.h"
+#include "zel/sampler/cubic/stencil.h"
 #include "zel/sampler/cubic/tile_cube.h"
 
 namespace ORV::TileTree3D::Internal {
@@ -176,10 +177,10 @@ auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Register const (&valu
     return value;
 }
 
-/// The stencil away from a jump: the kernels read the block.
+/// Away from a jump the kernels read the cube.
 template <class Traits, class T, class Trace>
 T AdaptiveSample<Traits, T, Trace>::interpolateBlock3D() const {
-    StencilRows<Traits, T> rows;
+    TileCubeRows<Traits, T> rows;
     CubicStencil<T> stencil;
     stencil.gather(rows.columnsOf(m_state.samples, lowestOf<Traits>(int4Of(m_state.lijk, 0))));
     return stencil.interpolate(m_state.source.type, m_state.source.clamp, float4Of(m_state.frac));
@@ -230,8 +231,8 @@ T adaptiveValue(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo, Tre
 }
 
 template <class Traits, class T>
-void traceTiles(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo, TreeIndex const& tree,
-                int3 const& lijk, float3 const& frac) {
+void traceTileCube(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo,
+                   TreeIndex const& tree, int3 const& lijk, float3 const& frac) {
     auto const& tile = source.container.tile(tree);
     if (!tile.exists()) return;
     AdaptiveState<Traits, T> state(source, memo, tile, lijk, frac, tree.depth);

@@ -22,8 +22,8 @@ T adaptiveValue(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo, Tre
 /// Traces how the eight tiles around the stencil of a voxel are fetched, for a sample that goes no
 /// further.
 template <class Traits, class T>
-void traceTiles(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo, TreeIndex const& tree,
-                int3 const& lijk, float3 const& frac);
+void traceTileCube(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo,
+                   TreeIndex const& tree, int3 const& lijk, float3 const& frac);
 
 /// One sample: the composition of its stencil from points.
 template <class Traits, class T, class Trace> class AdaptiveSample {
@@ -64,8 +64,8 @@ private:
 #define ZEL_DETAIL_ADAPTIVE(prefix, Traits, T)                                                     \
     ZEL_DETAIL_ADAPTIVE_VALUE(prefix, Traits, T, NoTrace);                                         \
     ZEL_DETAIL_ADAPTIVE_VALUE(prefix, Traits, T, StreamTrace);                                     \
-    prefix template void traceTiles(CubicSource<Traits, T> const&, AdaptiveMemo<T>&,               \
-                                    TreeIndex const&, int3 const&, float3 const&)
+    prefix template void traceTileCube(CubicSource<Traits, T> const&, AdaptiveMemo<T>&,            \
+                                       TreeIndex const&, int3 const&, float3 const&)
 ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_ADAPTIVE, extern);
 ZEL_DETAIL_ADAPTIVE_VALUE(extern, BinaryTraits, float, CheckTrace);
 

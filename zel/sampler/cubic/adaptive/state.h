@@ -40,12 +40,12 @@ template <class Traits, class T> struct AdaptiveState {
     int3 const llc;        ///< the voxel's low corner
     int3 tijk;             ///< the lattice point of the sample
 
-    // By blockPlace, where they were fetched. The sentinel may be one of the tiles.
+    // By slot of a TileCube, where they were fetched. The sentinel may be one of the tiles.
     std::array<Tile const*, 8> tiles{};
     std::array<T const*, 8> samples{};
     std::array<short const*, 8> flags{};
     int3 origin;       ///< the low corner of the tile over tijk
-    int3 originIndex;  ///< and its indices in the block
+    int3 originIndex;  ///< and its indices in the cube
     bool atJump = false;
 };
 

@@ -5,7 +5,7 @@
 #include "zel/sampler/cubic/adaptive/nan_report.h"
 #include "zel/sampler/cubic/adaptive/sample.h"
 #include "zel/sampler/cubic/jump.h"
-#include "zel/sampler/cubic/stencil.h"
+#include "zel/sampler/cubic/tile_cube.h"
 
 namespace ORV::TileTree3D::Internal {
 
@@ -76,7 +76,7 @@ void StencilPoints<Traits, T, Trace>::fetchTiles(int3 const& sizes, int3 const& 
                 }
                 Tile const& tile = m_state.source.tileAt(p, depth);
                 Trace::fetched(index, tile.tijk(), tile.depth());
-                unsigned const slot = blockPlace(index.x, index.y, index.z);
+                unsigned const slot = TileCube<T>::slotOf(index.x, index.y, index.z);
                 m_state.tiles[slot] = &tile;
                 m_state.samples[slot] = m_state.source.channel.samples(tile.treeIndex());
                 m_state.flags[slot] = flagsOf(tile);
@@ -86,7 +86,7 @@ void StencilPoints<Traits, T, Trace>::fetchTiles(int3 const& sizes, int3 const& 
                     m_state.originIndex = index;
             }
     int3 const& index = m_state.originIndex;
-    m_state.origin = m_state.tiles[blockPlace(index.x, index.y, index.z)]->tijk();
+    m_state.origin = m_state.tiles[TileCube<T>::slotOf(index.x, index.y, index.z)]->tijk();
     Trace::fetchTilesEnd(m_state.atJump, m_state.origin);
     Trace::info(m_state.atJump);
 }
@@ -103,7 +103,7 @@ auto StencilPoints<Traits, T, Trace>::getTile(int3 const& tijk, int3& lti, bool&
                     m_state.originIndex[axis];
         inCube = inCube && (lti[axis] & ~1) == 0;
     }
-    Tile const* tile = inCube ? m_state.tiles[blockPlace(lti.x, lti.y, lti.z)] : nullptr;
+    Tile const* tile = inCube ? m_state.tiles[TileCube<T>::slotOf(lti.x, lti.y, lti.z)] : nullptr;
     // Next to a coarser tile the fetched tiles may be aligned to that tile, and one found among
     // them by mistake would hide a finer tile.
     inCube = tile && tile->depth() == m_state.tile.depth() && tile->contains(tijk);
@@ -132,7 +132,7 @@ PointCase StencilPoints<Traits, T, Trace>::findPoint(int3 const& tijk, int axis,
         Trace::coarserTile();
         return getCoarserValue(tile, tijk, axis, point);
     }
-    unsigned const slot = inCube ? blockPlace(lti.x, lti.y, lti.z) : 0;
+    unsigned const slot = inCube ? TileCube<T>::slotOf(lti.x, lti.y, lti.z) : 0;
     T const* const data = inCube ? m_state.samples[slot] : source.channel.samples(tile.treeIndex());
     int3 const lijk = tile.childDataIJK(tijk), childPosition = tile.childIJK(tijk);
     Trace::voxel(lijk, childPosition);
