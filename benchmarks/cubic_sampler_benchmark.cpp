@@ -153,7 +153,7 @@ private:
         auto const n = static_cast<std::size_t>(m_positions.count());
         m_out.resize(n * out.size());
         for (std::size_t c = 0; c < out.size(); ++c) out[c] = m_out.data() + n * c;
-        m_samplers[1]->sampleBlock(m_positions.x.data(), m_positions.y.data(), m_positions.z.data(),
+        m_samplers[1]->sampleBatch(m_positions.x.data(), m_positions.y.data(), m_positions.z.data(),
                                    m_positions.count(), kWorld, out);
         return m_out[0];
     }

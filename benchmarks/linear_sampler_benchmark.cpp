@@ -237,13 +237,13 @@ private:
         auto const& [x, y, z] = m_positions;
         std::array<float*, sizeof(T) / sizeof(float)> values;
         for (std::size_t i = 0; i < values.size(); ++i) values[i] = out(static_cast<int>(i));
-        sampler.sampleBlock(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth, kWorld,
+        sampler.sampleBatch(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth, kWorld,
                             values);
         return static_cast<double>(*values[0]);
     }
     double gradientBlock() {
         auto const& [x, y, z] = m_positions;
-        m_halos->sampleGradientBlock(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth,
+        m_halos->sampleGradientBatch(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth,
                                      kWorld, out(0), {out(1), out(2), out(3)});
         return static_cast<double>(*out(0));
     }

@@ -93,7 +93,7 @@ TYPED_TEST(Frame, BlockIsPointByPoint) {
             std::size_t blocks = 0;
             {
                 AllocationCount const allocations;
-                sampler.sampleBlock(x.data(), y.data(), z.data(), count, space, out);
+                sampler.sampleBatch(x.data(), y.data(), z.data(), count, space, out);
                 blocks = allocations.blocks();
             }
             EXPECT_EQ(blocks, 0U);

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "sampler/cubic_volume.h"
-#include "zel/sampler/cubic/cubic_jump.h"
+#include "zel/sampler/cubic/jump.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/volume/trees.h"
-#include "zel/sampler/cubic/cubic_kernels.h"
+#include "zel/sampler/cubic/kernels.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "sampler/cubic_volume.h"
-#include "zel/sampler/cubic/adaptive/cubic_adaptive_report.h"
+#include "zel/sampler/cubic/adaptive/sample.h"
 
 namespace {
 
@@ -99,22 +99,18 @@ TEST(Report, ChecksOnTheWay) {
     auto const sample = [](float odd, int3 const& oddVoxel, float outside, int minDepth, int depth,
                            int3 const& lijk, float3 const& frac, float want, char const* lines) {
         auto const volume = withOdd<BinaryTraits, float>(oddVoxel, odd);
-        CubicSource<BinaryTraits, float> const source{volume.container->tileAccessor(),
-                                                      volume.container.get(),
-                                                      &volume.channel,
-                                                      &volume.topology,
-                                                      outside,
-                                                      kCubicC1,
-                                                      false,
-                                                      kJumpAdaptive,
-                                                      nullptr,
-                                                      0,
-                                                      minDepth,
-                                                      28,
-                                                      AdaptiveMemo<float>(false)};
+        CubicSource<BinaryTraits, float> const source{.container = *volume.container,
+                                                      .topology = volume.topology,
+                                                      .channel = volume.channel,
+                                                      .type = kCubicC1,
+                                                      .clamp = false,
+                                                      .jumpHandling = kJumpAdaptive,
+                                                      .defaultValue = outside,
+                                                      .minDepth = minDepth};
+        AdaptiveMemo<float> memo(false);
         StandardOutput const output;
-        float const value = adaptiveValue<BinaryTraits, float, CubicTrace<false, true>>(
-            source, {0, depth}, lijk, frac, depth == 0 ? 0 : 28);
+        float const value = adaptiveValue<BinaryTraits, float, CheckTrace>(
+            source, memo, {0, depth}, lijk, frac, depth == 0 ? 0 : 28);
         if (std::abs(value - want) > 1e-6F) std::exit(2);
         exitWith(output.text(), lines);
     };
@@ -204,10 +200,3 @@ TEST(Trace, FollowsASample) {
 }
 
 }  // namespace
-
-// The copies of what the library keeps to itself.
-namespace ORV::TileTree3D::Internal {
-template float
-adaptiveValue<BinaryTraits, float, StreamTrace>(CubicSource<BinaryTraits, float> const&,
-                                                TreeIndex const&, int3 const&, float3 const&, int);
-}  // namespace ORV::TileTree3D::Internal

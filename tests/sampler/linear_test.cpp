@@ -238,13 +238,13 @@ TYPED_TEST(Linear, IsTrilinearBetweenHaloOrRingSamples) {
                     std::array<std::array<float, kCount>, 7> out;
                     int const count = static_cast<int>(block.values.size());
                     auto const blocks = [&](auto... first) {
-                        sampler->sampleBlock(block.at[0].data(), block.at[1].data(),
+                        sampler->sampleBatch(block.at[0].data(), block.at[1].data(),
                                              block.at[2].data(), count, block.limit, kLattice,
                                              {out[static_cast<unsigned>(first)].data()...});
                     };
                     if constexpr (kScalar) {
                         blocks(0);
-                        sampler->sampleGradientBlock(block.at[0].data(), block.at[1].data(),
+                        sampler->sampleGradientBatch(block.at[0].data(), block.at[1].data(),
                                                      block.at[2].data(), count, block.limit,
                                                      kLattice, out[3].data(),
                                                      {out[4].data(), out[5].data(), out[6].data()});
@@ -352,7 +352,7 @@ TYPED_TEST(LinearOf, SamplingAllocatesNothing) {
         AllocationCount const count;
         float3 g;
         for (float const c : x) values[0] += sampler.sampleGradient({c, c, c}, 99, kLattice, g);
-        sampler.sampleBlock(x.data(), x.data(), x.data(), 500, 99, kLattice, {values.data()});
+        sampler.sampleBatch(x.data(), x.data(), x.data(), 500, 99, kLattice, {values.data()});
         EXPECT_EQ(count.blocks(), 0U);
     }
 }

@@ -81,13 +81,12 @@ Orvane::Object host(Volume<Traits, T> const& volume, char const* channel = "d") 
 template <class Node> struct Peek : Node {
     using Node::Node;
     auto const& held() const { return *this->reader; }
-    bool bound() const { return held().quinary().valid || held().binary().valid; }
+    bool bound() const { return held().isBound(); }
     int samplers() const { return held().samplerCount(); }
     template <class Traits> auto const& state() const {
-        if constexpr (Traits::kBranch == 5)
-            return held().quinary();
-        else
-            return held().binary();
+        static zel::detail::VolumeStateOf<Traits, typename Node::Value> const none;
+        auto const* const state = held().template state<Traits>();
+        return state ? *state : none;
     }
 };
 using Scalar = Peek<zel::ScalarOrvane>;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <concepts>
+#include <variant>
 
 #include "zel/batch/columns.h"
 #include "zel/sampler/cubic/voxel_sampler_cubic.h"
@@ -17,26 +18,40 @@ using ORV::TileTree3D::LinearSampler;
 template <class Traits, class T>
 using CubicSampler = ORV::TileTree3D::VoxelSamplerCubic<Traits, T, float, float3, 0, 0>;
 
+/// A volume of one kind of tree, with the samplers that read it. A copy shares the volume, and
+/// starts without samplers.
+template <class Traits, class T> struct BoundVolume {
+    BoundVolume() = default;
+    BoundVolume(BoundVolume const& other) noexcept : state(other.state) {}
+    BoundVolume& operator=(BoundVolume const& other) noexcept;
+    ~BoundVolume() = default;
+
+    /// The calling thread's sampler, made if it has none: also if making one failed before.
+    LinearSampler<Traits, T>& linearSampler() const;
+    CubicSampler<Traits, T>& cubicSampler(SamplerType type) const;
+
+    VolumeStateOf<Traits, T> state;
+    // Samplers point into the state, and are deleted before it.
+    mutable SamplerPool<LinearSampler<Traits, T>> linear;
+    mutable SamplerPool<CubicSampler<Traits, T>> cubic;
+};
+
 /// What a volume node is bound to, and the samplers that it reads it with. The kind of tree is
-/// known at run time alone: there is a state for each, and at most one is valid.
+/// known at run time alone.
 ///
 /// Values and gradients may be asked for from any number of threads at once. All else needs the
 /// reader to itself.
 template <class T> class VolumeReader {
 public:
     VolumeReader(Quern::String const& channelName, SamplerType type);
-    /// Shares the volume and the halo, and has no samplers.
-    VolumeReader(VolumeReader const& other);
-    /// The same; drops the samplers that there are.
-    VolumeReader& operator=(VolumeReader const& other);
-    ~VolumeReader();
 
     /// Binds to the volume of an object, in place of an earlier one. If the object has none, what
     /// was bound stays. Throws what that takes; what was found until then stays bound.
     void bind(Orvane::Object const& object);
 
+    bool isBound() const;
     /// Whether there is a volume for which a halo was made.
-    bool hasHalo() const { return m_object && (m_quinary.haloChannel || m_binary.haloChannel); }
+    bool hasHalo() const;
 
     /// The value at a position of the volume, in world units; zero if there is no volume, or no
     /// sampler of the type.
@@ -53,29 +68,24 @@ public:
     /// Whether gradient() has an answer; without a volume it has.
     bool hasGradients() const;
 
-    VolumeStateOf<ORV::TileTree3D::QuinaryTraits, T> const& quinary() const { return m_quinary; }
-    VolumeStateOf<ORV::TileTree3D::BinaryTraits, T> const& binary() const { return m_binary; }
+    /// What is held of a volume of a kind of tree; null if the last one bound is of the other kind.
+    template <class Traits> VolumeStateOf<Traits, T> const* state() const {
+        auto const* const volume = std::get_if<BoundVolume<Traits, T>>(&m_volume);
+        return volume ? &volume->state : nullptr;
+    }
 
     /// How many threads have a sampler.
     int samplerCount() const;
 
 private:
-    template <class Traits> using LinearPool = SamplerPool<LinearSampler<Traits, T>>;
-    template <class Traits> using CubicPool = SamplerPool<CubicSampler<Traits, T>>;
+    template <class Use> auto visit(Use const& use) const;
 
-    template <class Visit> void forEachPool(Visit const& visit) const;
-    void dropSamplers();
-
-    // Samplers point into the states, which outlive them: released last to first.
     Quern::String m_channelName;
     SamplerType m_type;
     Quern::Ptr<ORV::Object> m_object;
-    VolumeStateOf<ORV::TileTree3D::QuinaryTraits, T> m_quinary;
-    VolumeStateOf<ORV::TileTree3D::BinaryTraits, T> m_binary;
-    mutable LinearPool<ORV::TileTree3D::BinaryTraits> m_linearBinary;
-    mutable CubicPool<ORV::TileTree3D::BinaryTraits> m_cubicBinary;
-    mutable LinearPool<ORV::TileTree3D::QuinaryTraits> m_linearQuinary;
-    mutable CubicPool<ORV::TileTree3D::QuinaryTraits> m_cubicQuinary;
+    std::variant<BoundVolume<ORV::TileTree3D::QuinaryTraits, T>,
+                 BoundVolume<ORV::TileTree3D::BinaryTraits, T>>
+        m_volume;
 };
 
 extern template class VolumeReader<float>;

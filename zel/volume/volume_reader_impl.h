@@ -12,8 +12,9 @@ namespace zel::detail {
 using ORV::TileTree3D::BinaryTraits;
 using ORV::TileTree3D::QuinaryTraits;
 
-/// Samplers are asked for positions in world units.
-inline constexpr int kWorldSpace = 2;
+inline bool isCubic(SamplerType type) {
+    return type == SamplerType::kCubicC0 || type == SamplerType::kCubicC1;
+}
 
 template <class Traits, class T>
 [[gnu::noinline]] LinearSampler<Traits, T>* makeLinear(VolumeStateOf<Traits, T> const& state) {
@@ -26,19 +27,24 @@ template <class Traits, class T>
 [[gnu::noinline]] CubicSampler<Traits, T>* makeCubic(VolumeStateOf<Traits, T> const& state,
                                                      SamplerType type) {
     constexpr bool kClamp = true;
-    constexpr int kJumpTrilinear = 1;
     return new CubicSampler<Traits, T>(*state.container, *state.topology, *state.channel,
-                                       static_cast<int>(type), kClamp, kJumpTrilinear, nullptr, 0,
-                                       0);
+                                       static_cast<int>(type), kClamp,
+                                       ORV::TileTree3D::kJumpTrilinear, nullptr, 0, 0);
 }
 
-// The calling thread's sampler, made if it has none: also if making one failed before.
+template <class Traits, class T>
+BoundVolume<Traits, T>& BoundVolume<Traits, T>::operator=(BoundVolume const& other) noexcept {
+    if (this == &other) return *this;
+    linear.clear();
+    cubic.clear();
+    state = other.state;
+    return *this;
+}
 
 template <class Traits, class T>
-ZEL_ALWAYS_INLINE inline LinearSampler<Traits, T>&
-linearSampler(VolumeStateOf<Traits, T> const& state, SamplerPool<LinearSampler<Traits, T>>& pool) {
+ZEL_ALWAYS_INLINE inline LinearSampler<Traits, T>& BoundVolume<Traits, T>::linearSampler() const {
     bool exists;
-    auto*& sampler = pool.local(exists);
+    auto*& sampler = linear.local(exists);
     if (!sampler) [[unlikely]]
         sampler = makeLinear<Traits, T>(state);
     return *sampler;
@@ -46,195 +52,133 @@ linearSampler(VolumeStateOf<Traits, T> const& state, SamplerPool<LinearSampler<T
 
 template <class Traits, class T>
 ZEL_ALWAYS_INLINE inline CubicSampler<Traits, T>&
-cubicSampler(VolumeStateOf<Traits, T> const& state, SamplerType type,
-             SamplerPool<CubicSampler<Traits, T>>& pool) {
+BoundVolume<Traits, T>::cubicSampler(SamplerType type) const {
     bool exists;
-    auto*& sampler = pool.local(exists);
+    auto*& sampler = cubic.local(exists);
     if (!sampler) [[unlikely]]
         sampler = makeCubic<Traits, T>(state, type);
     return *sampler;
 }
 
-// The value at a position. Functions of their own, so that evalTree only branches to one of them
-// and saves no registers.
+// The value at a position. Functions of their own, so that VolumeReader::value only branches to one
+// of them and saves no registers.
 
 template <class Traits, class T>
-[[gnu::noinline]] T readLinear(float3 const& position, VolumeStateOf<Traits, T> const& state,
-                               SamplerPool<LinearSampler<Traits, T>>& pool) {
-    return linearSampler<Traits, T>(state, pool).sample(position, Traits::kMaxDepth, kWorldSpace);
+[[gnu::noinline]] T readLinear(BoundVolume<Traits, T> const& volume, float3 const& position) {
+    using Sampler = LinearSampler<Traits, T>;
+    return volume.linearSampler().sample(position, Traits::kMaxDepth, Sampler::kWorldSpace);
 }
 
 template <class Traits, class T>
-[[gnu::noinline]] T readCubic(float3 const& position, VolumeStateOf<Traits, T> const& state,
-                              SamplerType type, SamplerPool<CubicSampler<Traits, T>>& pool) {
-    return cubicSampler<Traits, T>(state, type, pool).sample(position, kWorldSpace);
+[[gnu::noinline]] T readCubic(BoundVolume<Traits, T> const& volume, SamplerType type,
+                              float3 const& position) {
+    return volume.cubicSampler(type).sample(position, CubicSampler<Traits, T>::kWorldSpace);
 }
 
-/// Sets `result` to the value at a position and says whether the state is valid: only then is the
-/// other kind of tree left alone, whatever was found.
-template <class Traits, class T>
-ZEL_ALWAYS_INLINE inline bool evalTree(float3 const& position, SamplerType type,
-                                       VolumeStateOf<Traits, T> const& state, T& result,
-                                       SamplerPool<LinearSampler<Traits, T>>& linear,
-                                       SamplerPool<CubicSampler<Traits, T>>& cubic) {
-    if (!state.valid) return false;
-    switch (type) {
-    case SamplerType::kLinear:
-        result = readLinear<Traits, T>(position, state, linear);
-        break;
-    case SamplerType::kCubicC0:
-    case SamplerType::kCubicC1:
-        result = readCubic<Traits, T>(position, state, type, cubic);
-        break;
-    }
-    return true;
-}
-
-/// Sets `result` to the gradient at a position, and `analytic` to whether samplers of the type have
-/// one; says whether the state is valid.
-template <class Traits>
-bool gradTree(float3 const& position, SamplerType type, VolumeStateOf<Traits, float> const& state,
-              float3& result, bool& analytic, SamplerPool<LinearSampler<Traits, float>>& linear) {
-    if (!state.valid) return false;
-    if (type == SamplerType::kLinear)
-        linearSampler<Traits, float>(state, linear)
-            .sampleGradient(position, Traits::kMaxDepth, kWorldSpace, result);
-    analytic = type != SamplerType::kCubicC0 && type != SamplerType::kCubicC1;
-    return true;
+/// Returns `use(volume)` for the volume that is bound, and an empty result without one.
+template <class T>
+template <class Use>
+ZEL_ALWAYS_INLINE inline auto VolumeReader<T>::visit(Use const& use) const {
+    return std::visit(
+        [&](auto const& volume) ZEL_ALWAYS_INLINE {
+            return volume.state.valid ? use(volume) : decltype(use(volume)){};
+        },
+        m_volume);
 }
 
 template <class T> ZEL_ALWAYS_INLINE inline T VolumeReader<T>::value(float3 const& position) const {
-    T result{};
-    if (!evalTree<QuinaryTraits>(position, m_type, m_quinary, result, m_linearQuinary,
-                                 m_cubicQuinary))
-        evalTree<BinaryTraits>(position, m_type, m_binary, result, m_linearBinary, m_cubicBinary);
-    return result;
+    return visit([&](auto const& volume) ZEL_ALWAYS_INLINE {
+        if (m_type == SamplerType::kLinear) return readLinear(volume, position);
+        return isCubic(m_type) ? readCubic(volume, m_type, position) : T{};
+    });
 }
 
 template <class T> bool VolumeReader<T>::gradient(float3 const& position, float3& result) const {
     result = {};
-    bool analytic = true;
     if constexpr (std::same_as<T, float>)
-        if (!gradTree<QuinaryTraits>(position, m_type, m_quinary, result, analytic,
-                                     m_linearQuinary))
-            gradTree<BinaryTraits>(position, m_type, m_binary, result, analytic, m_linearBinary);
-    return analytic;
-}
-
-/// evalTree at many positions; sets nothing if the state is not valid.
-template <class Traits, class T>
-bool evalTree(Columns<float3> const& positions, int count, SamplerType type,
-              VolumeStateOf<Traits, T> const& state, ColumnWriter<T> const& out,
-              SamplerPool<LinearSampler<Traits, T>>& linear,
-              SamplerPool<CubicSampler<Traits, T>>& cubic) {
-    if (!state.valid) return false;
-    auto const [x, y, z] = positions.component;
-    switch (type) {
-    case SamplerType::kLinear:
-        linearSampler<Traits, T>(state, linear)
-            .sampleBlock(x, y, z, count, Traits::kMaxDepth, kWorldSpace, out.component);
-        return true;
-    case SamplerType::kCubicC0:
-    case SamplerType::kCubicC1:
-        cubicSampler<Traits, T>(state, type, cubic)
-            .sampleBlock(x, y, z, count, kWorldSpace, out.component);
-        return true;
-    }
-    return false;
-}
-
-/// The linear gradTree at many positions.
-template <class Traits>
-bool gradTree(Columns<float3> const& positions, int count,
-              VolumeStateOf<Traits, float> const& state, ColumnWriter<float3> const& out,
-              SamplerPool<LinearSampler<Traits, float>>& linear) {
-    if (!state.valid) return false;
-    auto const [x, y, z] = positions.component;
-    linearSampler<Traits, float>(state, linear)
-        .sampleGradientBlock(x, y, z, count, Traits::kMaxDepth, kWorldSpace,
-                             static_cast<float*>(nullptr), out.component);
-    return true;
+        visit([&]<class Traits>(BoundVolume<Traits, T> const& volume) {
+            if (m_type == SamplerType::kLinear)
+                volume.linearSampler().sampleGradient(
+                    position, Traits::kMaxDepth, LinearSampler<Traits, T>::kWorldSpace, result);
+            return true;
+        });
+    return !std::same_as<T, float> || hasGradients();
 }
 
 template <class T>
 void VolumeReader<T>::values(Columns<float3> const& positions, int count,
                              ColumnWriter<T> const& out) const {
-    if (evalTree<QuinaryTraits>(positions, count, m_type, m_quinary, out, m_linearQuinary,
-                                m_cubicQuinary) ||
-        evalTree<BinaryTraits>(positions, count, m_type, m_binary, out, m_linearBinary,
-                               m_cubicBinary))
-        return;
-    for (float* const to : out.component) std::fill_n(to, count, 0.0F);
+    auto const [x, y, z] = positions.component;
+    bool const read =
+        visit([&, x = x, y = y, z = z]<class Traits>(BoundVolume<Traits, T> const& volume) {
+            if (m_type == SamplerType::kLinear)
+                volume.linearSampler().sampleBatch(x, y, z, count, Traits::kMaxDepth,
+                                                   LinearSampler<Traits, T>::kWorldSpace,
+                                                   out.component);
+            else if (isCubic(m_type))
+                volume.cubicSampler(m_type).sampleBatch(
+                    x, y, z, count, CubicSampler<Traits, T>::kWorldSpace, out.component);
+            else
+                return false;
+            return true;
+        });
+    if (!read)
+        for (float* const to : out.component) std::fill_n(to, count, 0.0F);
 }
 
 template <class T>
 void VolumeReader<T>::gradients(Columns<float3> const& positions, int count,
                                 ColumnWriter<float3> const& out) const {
-    if constexpr (std::same_as<T, float>)
-        if (m_type == SamplerType::kLinear &&
-            (gradTree<QuinaryTraits>(positions, count, m_quinary, out, m_linearQuinary) ||
-             gradTree<BinaryTraits>(positions, count, m_binary, out, m_linearBinary)))
-            return;
-    for (float* const to : out.component) std::fill_n(to, count, 0.0F);
+    bool read = false;
+    if constexpr (std::same_as<T, float>) {
+        auto const [x, y, z] = positions.component;
+        if (m_type == SamplerType::kLinear)
+            read =
+                visit([&, x = x, y = y, z = z]<class Traits>(BoundVolume<Traits, T> const& volume) {
+                    volume.linearSampler().sampleGradientBatch(
+                        x, y, z, count, Traits::kMaxDepth, LinearSampler<Traits, T>::kWorldSpace,
+                        static_cast<float*>(nullptr), out.component);
+                    return true;
+                });
+    }
+    if (!read)
+        for (float* const to : out.component) std::fill_n(to, count, 0.0F);
 }
 
 template <class T> bool VolumeReader<T>::hasGradients() const {
-    bool const cubic = m_type == SamplerType::kCubicC0 || m_type == SamplerType::kCubicC1;
-    return !cubic || (!m_quinary.valid && !m_binary.valid);
+    return !isCubic(m_type) || !isBound();
+}
+
+template <class T> bool VolumeReader<T>::isBound() const {
+    return visit([](auto const&) { return true; });
+}
+
+template <class T> bool VolumeReader<T>::hasHalo() const {
+    return m_object && visit([](auto const& volume) { return bool(volume.state.haloChannel); });
 }
 
 template <class T>
 VolumeReader<T>::VolumeReader(Quern::String const& channelName, SamplerType type)
     : m_channelName(channelName), m_type(type) {}
 
-template <class T>
-VolumeReader<T>::VolumeReader(VolumeReader const& other)
-    : m_channelName(other.m_channelName), m_type(other.m_type), m_object(other.m_object),
-      m_quinary(other.m_quinary), m_binary(other.m_binary) {}
-
-template <class T> VolumeReader<T>& VolumeReader<T>::operator=(VolumeReader const& other) {
-    if (this == &other) return *this;
-    dropSamplers();
-    m_channelName = other.m_channelName;
-    m_type = other.m_type;
-    m_object = other.m_object;
-    m_quinary = other.m_quinary;
-    m_binary = other.m_binary;
-    return *this;
-}
-
-template <class T> VolumeReader<T>::~VolumeReader() {
-    forEachPool([](auto& pool) { pool.deleteSamplers(); });
-}
-
 template <class T> void VolumeReader<T>::bind(Orvane::Object const& object) {
     m_object = Orvane::Geometry::shallow_copy_object_to_orv_volume(object);
     if (!m_object) return;
-    dropSamplers();
-    m_binary = {};
-    if (!initSamplerState(m_object, m_channelName, m_type, true, m_quinary))
-        initSamplerState(m_object, m_channelName, m_type, true, m_binary);
+    auto const bindTo = [&]<class Traits>(Traits) {
+        auto& state = m_volume.template emplace<BoundVolume<Traits, T>>().state;
+        return initSamplerState(m_object, m_channelName, m_type, true, state);
+    };
+    if (!bindTo(QuinaryTraits())) bindTo(BinaryTraits());
 }
 
 template <class T> int VolumeReader<T>::samplerCount() const {
-    int count = 0;
-    forEachPool([&](auto& pool) {
-        pool.forEach([&](auto const* sampler) { count += sampler != nullptr; });
+    return visit([](auto const& volume) {
+        int count = 0;
+        auto const add = [&](auto const* sampler) { count += sampler != nullptr; };
+        volume.linear.forEach(add);
+        volume.cubic.forEach(add);
+        return count;
     });
-    return count;
-}
-
-template <class T>
-template <class Visit>
-void VolumeReader<T>::forEachPool(Visit const& visit) const {
-    visit(m_linearBinary);
-    visit(m_cubicBinary);
-    visit(m_linearQuinary);
-    visit(m_cubicQuinary);
-}
-
-template <class T> void VolumeReader<T>::dropSamplers() {
-    forEachPool([](auto& pool) { pool.clear(); });
 }
 
 }  // namespace zel::detail

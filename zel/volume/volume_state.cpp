@@ -3,6 +3,7 @@
 #include <iostream>
 #include <utility>
 
+#include "zel/sampler/common/offset_type.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry_volume/channel_pool.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
@@ -22,7 +23,7 @@ bool initSamplerState(Quern::Ptr<ORV::Object> const& object, Quern::String const
     if (!state.container || !state.topology || !state.channel) return false;
     state.valid = true;
     if (type != SamplerType::kLinear || !wantHalo ||
-        state.topology->offsetType() != kOnVoxelCorners)
+        state.topology->offsetType() != Internal::kOnCorners)
         return true;
     // From the channel's minimum depth on: in coarser tiles there are default values alone.
     int const minDepth = state.channel->minDepth();

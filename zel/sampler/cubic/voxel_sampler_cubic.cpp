@@ -4,7 +4,8 @@
 #include <bit>
 #include <span>
 
-#include "zel/sampler/cubic/adaptive/cubic_adaptive.h"
+#include "zel/sampler/common/offset_type.h"
+#include "zel/sampler/cubic/adaptive/sample.h"
 
 namespace ORV::TileTree3D {
 
@@ -14,12 +15,12 @@ namespace {
     template <class Traits, class T, class Ts, class Position, int A, int B>
 #define ZEL_DETAIL_CUBIC_SAMPLER VoxelSamplerCubic<Traits, T, Ts, Position, A, B>
 
-/// Asks memory for the values of a stencil, whose lowest one is the voxel `low` of the first tile.
+/// Prefetches the values of the stencil whose lowest value is the voxel `low` of the first tile.
 template <class Traits, class T>
 void prefetch(std::array<T const*, 8> const& tiles, Internal::Int4 const& low) {
-    Internal::StencilRows<Traits, T> rows;
+    Internal::TileCubeRows<Traits, T> rows;
     auto const columnAt = rows.columnsOf(tiles, low);
-    // A slice of a tile may be a cache line.
+    // A slice of a tile may fit in a cache line.
     constexpr int kSlice = Traits::kSamples * Traits::kSamples * static_cast<int>(sizeof(T));
     constexpr int kStep = kSlice <= 64 ? 3 : 1;
     for (int const i : {0, 3}) {
@@ -38,35 +39,32 @@ ZEL_DETAIL_CUBIC_SAMPLER::VoxelSamplerCubic(Container<Traits> const& container,
                                             std::int32_t type, bool clamp,
                                             std::int32_t jumpHandling, DofChannel const* dofChannel,
                                             std::int32_t dofMask, long long cacheSize)
-    : VoxelSampler<Traits, Ts, Position>(container, topology), m_source{container.tileAccessor(),
-                                                                        &container,
-                                                                        &channel,
-                                                                        &topology,
-                                                                        channel.defaultValue(),
-                                                                        type,
-                                                                        clamp,
-                                                                        jumpHandling,
-                                                                        dofChannel,
-                                                                        dofMask,
-                                                                        channel.minDepth(),
-                                                                        channel.depth(),
-                                                                        Internal::AdaptiveMemo<T>(
-                                                                            jumpHandling !=
-                                                                            kJumpTrilinear)},
-      // There are no halos for samples off the corners of their voxels, nor of another tree.
-      m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == kOnVoxelCorners &&
+    : VoxelSampler<Traits, Ts, Position>(container, topology),
+      m_source{
+          .container = container,
+          .topology = topology,
+          .channel = channel,
+          .type = type,
+          .clamp = clamp,
+          .jumpHandling = jumpHandling,
+          .dofChannel = dofChannel,
+          .dofMask = dofMask,
+      },
+      m_memo(jumpHandling != kJumpTrilinear),
+      // Only samples on the corners of voxels, and of this tree, have halos.
+      m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == Internal::kOnCorners &&
                       channel.belongsTo(container)
                   ? cacheSize
                   : std::min(cacheSize, 0LL),
               container),
-      m_blocks(m_source) {}
+      m_cubes(m_source) {}
 
 ZEL_DETAIL_CUBIC_HEAD
 ZEL_DETAIL_CUBIC_SAMPLER::~VoxelSamplerCubic() = default;
 
 ZEL_DETAIL_CUBIC_HEAD
 Quern::String ZEL_DETAIL_CUBIC_SAMPLER::samplerName() const {
-    switch (m_source.m_type) {
+    switch (m_source.type) {
     case kQuadraticC0Averaged:
         return "kQuadraticC0Averaged";
     case kCubicC0:
@@ -89,165 +87,162 @@ ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int depth, int space) {
     Int4 lijk;
     Float4 frac;
-    if (!this->place(position, space, std::min(m_source.m_maxDepth, depth), lijk, frac))
-        return m_source.m_defaultValue;
-    return sampleVoxel(this->m_box->tree, lijk, frac, depth);
+    if (!this->locateVoxel(position, space, std::min(m_source.maxDepth, depth), lijk, frac))
+        return m_source.defaultValue;
+    return valueInTile(this->m_box->tree, lijk, frac, depth);
 }
 
 ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk, float3 const& frac,
                                         int depth, bool debug) {
-    Int4 const voxel{lijk.x, lijk.y, lijk.z, 0};
-    bool const sampled = tree.valid() && m_source.m_minDepth <= tree.depth;
-    if (!debug || !sampled)
-        return sampled ? sampleVoxel(tree, voxel, Internal::float4Of(frac), depth)
-                       : m_source.m_defaultValue;
-    int3 const limited = Internal::int3Of(Internal::limitedVoxel<Traits>(voxel));
-    if (m_source.m_jumpHandling != kJumpTrilinear)
-        return Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, tree, limited,
-                                                                         frac, depth);
-    if (!isCached(Internal::limitedVoxel<Traits>(voxel)))
-        Internal::traceBlock(m_source, tree, limited, frac);
-    return sampleVoxel(tree, voxel, Internal::float4Of(frac), depth);
-}
-
-/// The same for a tile that is named.
-ZEL_DETAIL_CUBIC_HEAD
-inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, Int4 const& lijk,
-                                               Float4 const& frac, int depth) {
-    if (m_source.m_minDepth > tree.depth) return m_source.m_defaultValue;
-    if (m_source.m_jumpHandling != kJumpTrilinear) return adaptive(tree, lijk, frac, depth);
-    return m_voxel.is(tree, lijk) || moveTo(tree, lijk) ? current(frac) : m_source.m_defaultValue;
-}
-
-/// Makes m_voxel that voxel. False if there is no such tile.
-ZEL_DETAIL_CUBIC_HEAD
-bool ZEL_DETAIL_CUBIC_SAMPLER::moveTo(TreeIndex const& tree, Int4 const& lijk) {
-    Tile const& tile = m_source.m_container->tile(tree);
-    if (!tile.exists()) return false;
-    Int4 const voxel = Internal::limitedVoxel<Traits>(lijk);
-    if (isCached(voxel)) {
-        m_voxel.moveTo(tree, lijk, voxel,
-                       m_cache.halo(tree, *m_source.m_channel, m_source.m_tileAccessor));
+    if (!isSampled(tree)) return m_source.defaultValue;
+    int3 voxel;
+    for (int axis = 0; axis < 3; ++axis)
+        voxel[axis] = std::clamp(lijk[axis], -1, Traits::kSamples - 1);
+    Int4 const lanes = Internal::int4Of(voxel, 0);
+    if (!debug) return valueInTile(tree, lanes, Internal::float4Of(frac), depth);
+    T value;
+    if (m_source.jumpHandling != kJumpTrilinear) {
+        value = Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, m_memo, tree,
+                                                                          voxel, frac, depth);
     } else {
-        m_voxel.moveTo(
-            tree, lijk, voxel,
-            m_blocks.at(m_source, tile, m_blocks.placeOf(tile.m_tijk, tile.m_depth, voxel)));
+        if (!isCached(lanes)) Internal::traceTileCube(m_source, m_memo, tree, voxel, frac);
+        value = valueInTile(tree, lanes, Internal::float4Of(frac), depth);
     }
-    return true;
+    Internal::flushLines();
+    return value;
 }
 
-/// The value at a place in m_voxel.
 ZEL_DETAIL_CUBIC_HEAD
-inline T ZEL_DETAIL_CUBIC_SAMPLER::current(Float4 const& frac) {
+inline T ZEL_DETAIL_CUBIC_SAMPLER::valueInTile(TreeIndex const& tree, Int4 const& lijk,
+                                               Float4 const& frac, int depth) {
+    if (m_source.minDepth > tree.depth) return m_source.defaultValue;
+    if (m_source.jumpHandling != kJumpTrilinear) return adaptive(tree, lijk, frac, depth);
+    return m_voxel.is(tree, lijk) || enterVoxel(tree, lijk) ? valueHere(frac)
+                                                            : m_source.defaultValue;
+}
+
+/// The value at a fraction of m_voxel.
+ZEL_DETAIL_CUBIC_HEAD
+inline T ZEL_DETAIL_CUBIC_SAMPLER::valueHere(Float4 const& frac) {
     return m_voxel.atJump() ? m_voxel.blend(m_source, Internal::float3Of(frac))
                             : m_voxel.interpolate(m_source, frac);
+}
+
+/// Makes m_voxel a voxel of a tile. Returns false if there is no such tile.
+ZEL_DETAIL_CUBIC_HEAD
+bool ZEL_DETAIL_CUBIC_SAMPLER::enterVoxel(TreeIndex const& tree, Int4 const& lijk) {
+    Tile const& tile = m_source.container.tile(tree);
+    if (!tile.exists()) return false;
+    if (isCached(lijk)) {
+        m_voxel.readHalo(tree, lijk, m_cache.halo(tree, m_source.channel, m_source.accessor));
+    } else {
+        Int4 const key = m_cubes.keyOf(tile.m_tijk, tile.m_depth, lijk);
+        m_voxel.readCube(tree, lijk, m_cubes.cubeOf(m_source, tile, key));
+    }
+    return true;
 }
 
 ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::adaptive(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac,
                                      int depth) {
-    // Between data points, on uniform ground and with nothing below, it is the value of the
-    // kernels.
+    // Between data points, away from jumps and with no finer tile to read, the kernels give the
+    // same value.
     bool const between = frac[0] != 0 && frac[1] != 0 && frac[2] != 0;
-    if (between && tree.depth == std::min(m_source.m_maxDepth, depth) &&
-        (m_voxel.is(tree, lijk) || moveTo(tree, lijk)) && !m_voxel.atJump()) {
+    if (between && tree.depth == std::min(m_source.maxDepth, depth) &&
+        (m_voxel.is(tree, lijk) || enterVoxel(tree, lijk)) && !m_voxel.atJump()) {
         T const value = m_voxel.interpolate(m_source, frac);
         if (!Internal::isNaN(value)) return value;
     }
     return Internal::adaptiveValue<Traits, T, Internal::NoTrace>(
-        m_source, tree, Internal::int3Of(Internal::limitedVoxel<Traits>(lijk)),
-        Internal::float3Of(frac), depth);
+        m_source, m_memo, tree, Internal::int3Of(lijk), Internal::float3Of(frac), depth);
 }
 
-/// Locates the first of some positions, kBlock at most, finds the tiles around their stencils, and
-/// asks memory for the samples of those that were not known. Returns how many.
+/// Locates the first of some positions, kBatch at most, finds the cubes of their stencils, and
+/// prefetches the samples of cubes that were not known. Returns the number of positions.
 ZEL_DETAIL_CUBIC_HEAD
-int ZEL_DETAIL_CUBIC_SAMPLER::locateBlock(float const* x, float const* y, float const* z, int count,
-                                          int space, std::array<Located, kBlock>& located,
-                                          std::array<Internal::TileBlock<T>, kBlock>& blocks) {
-    auto const end = static_cast<unsigned>(std::min(count, kBlock));
-    int const depth = std::min(m_source.m_maxDepth, std::int32_t{Traits::kMaxDepth});
-    PlacedBlock placed;
-    this->placeBlock(x, y, z, static_cast<int>(end), space, depth, placed);
-    // What is not known of blocks of the depth of most positions is found later, all at once.
-    std::array<unsigned, kBlock> firsts;  // by block: the position it was met at
-    std::array<Internal::TileBlock<T>*, kBlock> unknown;
-    unsigned blockCount = 0, unknownCount = 0, i = 0;
-    for (int r = 0; r < placed.runCount; ++r) {
-        TileRun const run = placed.runs[static_cast<unsigned>(r)];
+int ZEL_DETAIL_CUBIC_SAMPLER::locateStencils(float const* x, float const* y, float const* z,
+                                             int count, int space,
+                                             std::array<Located, kBatch>& located, Cubes& cubes) {
+    auto const end = static_cast<unsigned>(std::min(count, kBatch));
+    int const depth = std::min(m_source.maxDepth, std::int32_t{Traits::kMaxDepth});
+    VoxelBatch batch;
+    this->locateBatch(x, y, z, static_cast<int>(end), space, depth, batch);
+    // Unknown cubes of the batch's depth are fetched at the end, all at once.
+    std::array<unsigned, kBatch> firsts;  // by cube: the first position in it
+    std::array<TileCube*, kBatch> unknown;
+    unsigned cubeCount = 0, unknownCount = 0, i = 0;
+    for (int r = 0; r < batch.runCount; ++r) {
+        TileRun const run = batch.runs[static_cast<unsigned>(r)];
         for (; i < static_cast<unsigned>(run.end); ++i) {
             Located& l = located[i];
-            l.tree = {run.tile, placed.depth};
+            l.tree = {run.tile, batch.depth};
             if (run.tile < 0) {
-                bool const found = this->place({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac);
+                bool const found =
+                    this->locateVoxel({x[i], y[i], z[i]}, space, depth, l.lijk, l.frac);
                 l.tree = found ? this->m_box->tree : TreeIndex();
             } else {
-                l.lijk = placed.voxel(i);
-                l.frac = placed.fraction(i);
+                l.lijk = batch.voxel(i);
+                l.frac = batch.fraction(i);
             }
-            if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) continue;
+            if (!isSampled(l.tree)) continue;
             int3 const corner =
-                run.tile < 0 ? m_source.m_container->tile(l.tree).m_tijk : placed.corner(i);
-            Int4 const voxel = Internal::limitedVoxel<Traits>(l.lijk),
-                       place = m_blocks.placeOf(corner, l.tree.depth, voxel);
-            if (blockCount == 0 || !blocks[blockCount - 1].is(place)) {
-                auto& block = blocks[blockCount];
-                firsts[blockCount++] = i;
-                if (auto const* const known = m_blocks.known(place)) {
-                    block = *known;
+                run.tile < 0 ? m_source.container.tile(l.tree).m_tijk : batch.tileCorner(i);
+            Int4 const key = m_cubes.keyOf(corner, l.tree.depth, l.lijk);
+            if (cubeCount == 0 || !cubes[cubeCount - 1].is(key)) {
+                TileCube& cube = cubes[cubeCount];
+                firsts[cubeCount++] = i;
+                if (auto const* const known = m_cubes.known(key)) {
+                    cube = *known;
                 } else if (run.tile < 0) {
-                    block = m_blocks.at(m_source, m_source.m_container->tile(l.tree), place);
-                    if (!block.atJump)
-                        prefetch<Traits>(block.tiles, Internal::lowestOf<Traits>(voxel));
+                    cube = m_cubes.cubeOf(m_source, m_source.container.tile(l.tree), key);
+                    if (!cube.atJump)
+                        prefetch<Traits>(cube.tiles, Internal::lowestOf<Traits>(l.lijk));
                 } else {
-                    block.place = place;
-                    unknown[unknownCount++] = &block;
+                    cube.key = key;
+                    unknown[unknownCount++] = &cube;
                 }
             }
-            l.block = blockCount - 1;
+            l.cube = cubeCount - 1;
         }
     }
-    m_blocks.findAll(m_source, placed.depth, std::span(unknown).first(unknownCount));
-    for (Internal::TileBlock<T> const* const block : std::span(unknown).first(unknownCount)) {
-        if (block->atJump) continue;
-        Located const& l = located[firsts[static_cast<unsigned>(block - blocks.data())]];
-        prefetch<Traits>(block->tiles,
-                         Internal::lowestOf<Traits>(Internal::limitedVoxel<Traits>(l.lijk)));
+    auto const fetched = std::span(unknown).first(unknownCount);
+    m_cubes.fetchAll(m_source, batch.depth, fetched);
+    for (TileCube const* const cube : fetched) {
+        if (cube->atJump) continue;
+        Located const& l = located[firsts[static_cast<unsigned>(cube - cubes.data())]];
+        prefetch<Traits>(cube->tiles, Internal::lowestOf<Traits>(l.lijk));
     }
     return static_cast<int>(end);
 }
 
 ZEL_DETAIL_CUBIC_HEAD
-void ZEL_DETAIL_CUBIC_SAMPLER::sampleBlock(float const* x, float const* y, float const* z,
+void ZEL_DETAIL_CUBIC_SAMPLER::sampleBatch(float const* x, float const* y, float const* z,
                                            int count, int space,
                                            std::array<float*, kComponents> const& values) {
     auto const put = [&](int i, T const& value) {
         auto const floats = std::bit_cast<std::array<float, kComponents>>(value);
         for (unsigned c = 0; c < unsigned{kComponents}; ++c) values[c][i] = floats[c];
     };
-    if (m_source.m_jumpHandling != kJumpTrilinear || m_cache.enabled()) {
+    if (m_source.jumpHandling != kJumpTrilinear || m_cache.enabled()) {
         for (int i = 0; i < count; ++i) put(i, sample({x[i], y[i], z[i]}, space));
         return;
     }
-    std::array<Located, kBlock> block;
-    std::array<Internal::TileBlock<T>, kBlock> tiles;
-    for (int i = 0; i < count;) {
-        int const located = locateBlock(x + i, y + i, z + i, count - i, space, block, tiles);
-        for (int j = 0; j < located; ++j, ++i) {
-            Located const& l = block[static_cast<unsigned>(j)];
-            if (!l.tree.valid() || l.tree.depth < m_source.m_minDepth) {
-                put(i, m_source.m_defaultValue);
-                continue;
-            }
-            if (!m_voxel.is(l.tree, l.lijk))
-                m_voxel.moveTo(l.tree, l.lijk, Internal::limitedVoxel<Traits>(l.lijk),
-                               tiles[l.block]);
-            put(i, current(l.frac));
+    std::array<Located, kBatch> located;
+    Cubes cubes;
+    for (int first = 0; first < count; first += kBatch) {
+        int const end =
+            locateStencils(x + first, y + first, z + first, count - first, space, located, cubes);
+        for (int n = 0; n < end; ++n) {
+            Located const& l = located[static_cast<unsigned>(n)];
+            bool const sampled = isSampled(l.tree);
+            if (sampled && !m_voxel.is(l.tree, l.lijk))
+                m_voxel.readCube(l.tree, l.lijk, cubes[l.cube]);
+            put(first + n, sampled ? valueHere(l.frac) : m_source.defaultValue);
         }
     }
 }
 
-ZEL_DETAIL_CUBIC();
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_CUBIC, );
 
 }  // namespace ORV::TileTree3D

@@ -3,10 +3,21 @@
 #include <array>
 
 #include "zel/sampler/common/voxel_sampler.h"
-#include "zel/sampler/cubic/cubic_block.h"
-#include "zel/sampler/cubic/cubic_halo_cache.h"
-#include "zel/sampler/cubic/cubic_voxel.h"
+#include "zel/sampler/cubic/adaptive/memo.h"
+#include "zel/sampler/cubic/halo_cache.h"
+#include "zel/sampler/cubic/tile_cube.h"
+#include "zel/sampler/cubic/voxel.h"
 
+// The way of a sample, in order:
+// 1. VoxelSampler::locateVoxel turns the position into a tile, a voxel of it and a fraction.
+// 2. valueInTile stops at tiles above the channel, and sends kJumpAdaptive to adaptive().
+// 3. If the last sample was in another voxel, enterVoxel reads that voxel's stencil: from the
+//    tile's halo (halo_cache.h), or from the 2x2x2 tiles around the stencil (tile_cube.h).
+// 4. valueHere interpolates the stencil (voxel.h, stencil.h, kernels.h); where the eight tiles are
+//    not all of one depth, it blends the voxel's corners, read by sampleChannelPoint (jump.h).
+// 5. adaptive() does 3 and 4 away from jumps; else adaptiveValue (adaptive/sample.h) composes rows,
+//    planes and a volume of points that StencilPoints looks up, some by a sample of their own.
+// 6. sampleBatch does 1 and 3 for 32 positions ahead, so that the waits for memory overlap.
 namespace ORV::TileTree3D {
 
 /// What a cubic sampler does where tiles of different depth meet. Any other number is
@@ -18,7 +29,7 @@ enum JumpHandling : std::int32_t {
 
 /// Reads a channel by interpolation over 4x4x4 voxels, of one of the types of CubicType. A sampler
 /// belongs to one thread; the tree, the topology and the channels must outlive it and stay as they
-/// are. What it keeps from one sample to the next never shows in a result, and no sample allocates
+/// are. What a sampler keeps from one sample to the next changes no result, and no sample allocates
 /// memory.
 ///
 /// Positions are on the lattice of finest voxels, or in world units for a `space` of kWorldSpace.
@@ -38,8 +49,7 @@ public:
     /// the coarser level, none of which is refined: where they do not, values are off. Their halo
     /// is read for a voxel of -1 that is sampled by name. With kJumpTrilinear and a topology of
     /// offset type 7, `cacheSize` tiles are kept with a halo, and all samples are interpolated
-    /// within those. Throws std::invalid_argument for a negative size, std::length_error for one
-    /// that cannot be held, and std::bad_alloc.
+    /// within those. Throws std::invalid_argument for a negative size, and std::bad_alloc.
     VoxelSamplerCubic(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                       DataChannel<Traits, T> const& channel, std::int32_t type, bool clamp,
                       std::int32_t jumpHandling, DofChannel const* dofChannel, std::int32_t dofMask,
@@ -52,14 +62,14 @@ public:
     /// As if the tree ended at a depth.
     T sample(Position const& position, int depth, int space);
 
-    /// What sample() gives for each position in order, bit for bit. The positions, and the values,
-    /// are one array a component.
-    void sampleBlock(float const* x, float const* y, float const* z, int count, int space,
+    /// sample() at `count` positions, in their order and bit for bit; one array for each float of
+    /// a T.
+    void sampleBatch(float const* x, float const* y, float const* z, int count, int space,
                      std::array<float*, kComponents> const& values);
 
-    /// The value at a voxel, -1 to W - 1 along each axis, of a tile, and at a place in it that is
-    /// counted from its sample. `depth` limits the depth of the tiles that are read, and is no less
-    /// than that of the tile. `debug` prints the way of the sample to the standard output.
+    /// The value at a fraction of a voxel of a tile, counted from the voxel's sample. The voxel is
+    /// limited to -1 to W - 1 along each axis. `depth` limits the depth of the tiles that are read,
+    /// and is no less than that of the tile. `debug` traces the sample to the standard output.
     T sampleVoxel(TreeIndex const& tree, int3 const& lijk, float3 const& frac, int depth,
                   bool debug);
 
@@ -68,41 +78,43 @@ private:
     using Float4 = Internal::Float4;
     using Int4 = Internal::Int4;
 
-    using typename VoxelSampler<Traits, Ts, Position>::PlacedBlock;
+    using TileCube = Internal::TileCube<T>;
+    using typename VoxelSampler<Traits, Ts, Position>::VoxelBatch;
 
-    /// A position of a block: its tile, voxel and place in the voxel, and the block of tiles that
-    /// it reads.
+    static constexpr int kBatch = 32;
+    /// A position of a batch: its tile, voxel and fraction, and the cube of its stencil.
     struct Located {
         Int4 lijk;
         Float4 frac;
         TreeIndex tree;
-        unsigned block;
+        unsigned cube;
     };
-    static constexpr int kBlock = 32;
+    /// The cubes of a batch. Positions in a row often share one.
+    using Cubes = std::array<TileCube, kBatch>;
 
-    int locateBlock(float const* x, float const* y, float const* z, int count, int space,
-                    std::array<Located, kBlock>& located,
-                    std::array<Internal::TileBlock<T>, kBlock>& blocks);
-    /// Whether a voxel is read from a tile with a halo.
-    bool isCached(Internal::Int4 const& voxel) const {
-        return m_cache.enabled() && voxel[0] >= 0 && voxel[1] >= 0 && voxel[2] >= 0;
+    bool isSampled(TreeIndex const& tree) const {
+        return tree.valid() && m_source.minDepth <= tree.depth;
     }
-    bool moveTo(TreeIndex const& tree, Int4 const& lijk);
-    T sampleVoxel(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth);
-    T current(Float4 const& frac);
+    /// Whether a voxel is read from a tile with a halo.
+    bool isCached(Int4 const& lijk) const {
+        return m_cache.enabled() && lijk[0] >= 0 && lijk[1] >= 0 && lijk[2] >= 0;
+    }
+    T valueInTile(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth);
+    T valueHere(Float4 const& frac);
+    bool enterVoxel(TreeIndex const& tree, Int4 const& lijk);
     T adaptive(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth);
+    int locateStencils(float const* x, float const* y, float const* z, int count, int space,
+                       std::array<Located, kBatch>& located, Cubes& cubes);
 
     Internal::CubicSource<Traits, T> m_source;
+    Internal::AdaptiveMemo<T> m_memo;
     Internal::HaloTileCache<Traits, T> m_cache;
-    Internal::TileBlocks<Traits, T> m_blocks;
+    Internal::TileCubeCache<Traits, T> m_cubes;
     Internal::CubicVoxel<Traits, T> m_voxel;
 };
 
-#define ZEL_DETAIL_CUBIC(prefix)                                                                   \
-    prefix template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;             \
-    prefix template class VoxelSamplerCubic<BinaryTraits, float3, float, float3, 0, 0>;            \
-    prefix template class VoxelSamplerCubic<QuinaryTraits, float, float, float3, 0, 0>;            \
-    prefix template class VoxelSamplerCubic<QuinaryTraits, float3, float, float3, 0, 0>
-ZEL_DETAIL_CUBIC(extern);
+#define ZEL_DETAIL_CUBIC(prefix, Traits, T)                                                        \
+    prefix template class VoxelSamplerCubic<Traits, T, float, float3, 0, 0>
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_CUBIC, extern);
 
 }  // namespace ORV::TileTree3D

@@ -269,6 +269,6 @@ void fillRingTileFromDefault(VoxelOffsetType in_offsetType, T const& in_default,
     }
 }
 
-ZEL_DETAIL_RING_FILLS();
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_RING_FILL, );
 
 }  // namespace ORV::TileTree3D

@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "zel/sampler/common/instances.h"
 #include "zel_platform/orvane_geometry_volume/tile_data.h"
 
 // Ring tiles: the samples of a tile and one layer more on all six sides, for topologies whose
@@ -42,11 +43,6 @@ void fillRingTileFromDefault(VoxelOffsetType in_offsetType, T const& in_default,
         NeighborData<Traits, T> const&, RingTile<Traits, T>&);                                     \
     prefix template void fillRingTileFromDefault<Traits, T>(                                       \
         VoxelOffsetType, T const&, OwnData<Traits, T> const&, RingTile<Traits, T>&)
-#define ZEL_DETAIL_RING_FILLS(prefix)                                                              \
-    ZEL_DETAIL_RING_FILL(prefix, BinaryTraits, float);                                             \
-    ZEL_DETAIL_RING_FILL(prefix, BinaryTraits, float3);                                            \
-    ZEL_DETAIL_RING_FILL(prefix, QuinaryTraits, float);                                            \
-    ZEL_DETAIL_RING_FILL(prefix, QuinaryTraits, float3)
-ZEL_DETAIL_RING_FILLS(extern);
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_RING_FILL, extern);
 
 }  // namespace ORV::TileTree3D

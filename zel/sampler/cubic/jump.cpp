@@ -1,7 +1,9 @@
-#include "zel/sampler/cubic/cubic_jump.h"
+#include "zel/sampler/cubic/jump.h"
 
 #include <algorithm>
 #include <cmath>
+
+#include "zel/sampler/common/offset_type.h"
 
 namespace ORV::TileTree3D {
 
@@ -101,7 +103,7 @@ T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
                   VoxelOffsetType offsetType, DataChannel<Traits, T> const& channel,
                   typename Container<Traits>::ConstTileAccessor const& accessor) {
     if (!tile.exists() || tile.depth() < channel.minDepth()) return channel.defaultValue();
-    if (offsetType != kOnVoxelCorners && tile.depth() != depth) {
+    if (offsetType != Internal::kOnCorners && tile.depth() != depth) {
         auto const cell = cellAtTruePlace<Traits>(tile, tijk, depth, offsetType, accessor);
         if (cell.tile->depth() < 1) return channel.defaultValue();
         return blendCell<Traits, T>(cell, offsetType, channel, accessor);
@@ -125,6 +127,6 @@ T sampleChannelPoint(int3 const& tijk, int depth, VoxelOffsetType offsetType,
                                       offsetType, channel, accessor);
 }
 
-ZEL_DETAIL_JUMPS();
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_JUMP, );
 
 }  // namespace ORV::TileTree3D

@@ -69,25 +69,18 @@ template <class V> V limited(V v, V low, V high) {
     return v < low ? low : v;
 }
 
-/// All bits set where `a` is above `b`, else none.
-inline std::int32_t above(float a, float b) {
-    return -static_cast<std::int32_t>(a > b);
-}
-inline Int4 above(Float4 const& a, Float4 const& b) {
-    return a > b;
-}
-/// The slopes of kCubicC1Monotonic for a rise of `d`: those against it become 0, and so do both,
-/// and the rise, where there is none. By bits, since of a choice compilers make slow code.
+/// Limits the slopes of kCubicC1Monotonic for a rise of `d`: a slope against the rise becomes 0.
+/// Without a rise both slopes and the rise become 0.
 template <class V> void limitSlopes(V& d, V& m1, V& m2) {
     constexpr V kZero{};
-    using Mask = decltype(above(d, kZero));
+    using Mask = decltype(maskOf(d > kZero));
     constexpr Mask kSign = Mask{} | std::numeric_limits<std::int32_t>::min();
     auto const bits = std::bit_cast<Mask>(d);
     Mask const sign = bits & kSign;
-    Mask const rises = above(std::bit_cast<V>(bits & ~kSign), kZero);  // no NaN does
+    Mask const rises = maskOf(std::bit_cast<V>(bits & ~kSign) > kZero);  // not if NaN
     auto const limited = [&](V const& m) {
         auto const slope = std::bit_cast<Mask>(m);
-        Mask const against = above(kZero, std::bit_cast<V>(slope ^ sign));
+        Mask const against = maskOf(std::bit_cast<V>(slope ^ sign) < kZero);
         return std::bit_cast<V>(slope & rises & ~against);
     };
     m1 = limited(m1);

@@ -1,11 +1,16 @@
-#pragma once
+#include "zel/sampler/cubic/adaptive/sample.h"
 
+#include <algorithm>
+#include <cmath>
 #include <limits>
 
-#include "zel/sampler/cubic/adaptive/cubic_adaptive_point.h"
+#include "zel/sampler/cubic/adaptive/nan_report.h"
+#include "zel/sampler/cubic/stencil.h"
+#include "zel/sampler/cubic/tile_cube.h"
 
-// AdaptiveSample: the composition of stencil points to a row, a plane and a volume.
 namespace ORV::TileTree3D::Internal {
+
+namespace {
 
 /// A lattice coordinate rounded down to a multiple of a width, counted from the root's low corner.
 template <class Traits> int roundedDown(int coordinate, int width) {
@@ -13,6 +18,8 @@ template <class Traits> int roundedDown(int coordinate, int width) {
     std::int64_t const rest = above % width;
     return static_cast<int>(coordinate - (rest < 0 ? rest + width : rest));
 }
+
+}  // namespace
 
 /// A row of four points along an axis: each comes from the voxel that truly lies next to the one
 /// before, whatever its size. True if one of them is off the uniform grid.
@@ -23,16 +30,17 @@ bool AdaptiveSample<Traits, T, Trace>::getValue1D(int3 tijk, int axis, float pos
     Register values[4];
     int places[4];
     bool jump = false;
-    auto const take = [&](int n, Point& point) {
-        jump = getValue(tijk, axis, point) || jump;
+    auto const take = [&](int n, StencilPoint<T>& point) {
+        jump = m_points.getValue(tijk, axis, point) || jump;
         values[n] = RegisterTraits<T>::from(point.value);
         places[n] = point.start;
     };
     // The point that holds the sample lies, without a tile, in the voxel of the sample's level.
-    Point point{T(), roundedDown<Traits>(tijk[axis], m_vdw) - m_vdw, m_vdw};
+    StencilPoint<T> point{T(), roundedDown<Traits>(tijk[axis], m_state.vdw) - m_state.vdw,
+                          m_state.vdw};
     take(1, point);
     // And the one below lies, without a tile, one step below it.
-    Point below{T(), point.start - 2 * point.step, point.step};
+    StencilPoint<T> below{T(), point.start - 2 * point.step, point.step};
     tijk[axis] = point.start - 1;
     take(0, below);
     for (int n = 2; n < 4; ++n) {
@@ -100,24 +108,12 @@ bool AdaptiveSample<Traits, T, Trace>::getValue2D(int3 const& tijk, int across, 
 template <class Traits, class T, class Trace>
 bool AdaptiveSample<Traits, T, Trace>::getValue3D(float3 const& position, Register& value) const {
     return compose(
-        m_tijk, 2, position.z, m_atResolutionJump,
+        m_state.tijk, 2, position.z, m_state.atJump,
         [&](int3 const& p, int& start, int& increment) {
             getIncrementAndPosition3D(p, start, increment);
         },
         [&](int3 const& p, Register& plane) { return getValue2D(p, 0, 1, position, plane); },
         value);
-}
-
-/// The width of the voxel over a point; that of the sample's level where there is no tile.
-template <class Traits, class T, class Trace>
-int AdaptiveSample<Traits, T, Trace>::smallestVoxelWidth(int3 const& p) const {
-    int3 lti;
-    bool inBlock;
-    Tile const& tile = getTile(p, lti, inBlock);
-    if (!tile.exists()) return m_vdw;
-    bool const mayBeRefined = tile.depth() >= m_tile.depth() && m_depthLimit > m_tile.depth();
-    return mayBeRefined && !tile.isLeaf(tile.childIJK(p)) ? tile.childVoxelDataWidth()
-                                                          : tile.voxelDataWidth();
 }
 
 /// Where the row over a lattice point lies, and how far it is to the next: rows lie on the lattice
@@ -128,10 +124,10 @@ void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition2D(int3 const& tij
                                                                  int& increment) const {
     Trace::getIncrementAndPosition2DBegin(tijk);
     increment = std::numeric_limits<int>::max();
-    for (int o = -1; o <= 2 && increment >= m_vdw; ++o) {
+    for (int o = -1; o <= 2 && increment >= m_state.vdw; ++o) {
         int3 p = tijk;
-        p[along] += m_vdw * o;
-        increment = std::min(increment, smallestVoxelWidth(p));
+        p[along] += m_state.vdw * o;
+        increment = std::min(increment, m_points.smallestVoxelWidth(p));
     }
     position = roundedDown<Traits>(tijk[across], increment);
     Trace::getIncrementAndPosition2DEnd(position, increment);
@@ -144,9 +140,10 @@ void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition3D(int3 const& tij
     increment = std::numeric_limits<int>::max();
     for (int oj = -1; oj <= 2; ++oj)
         for (int oi = -1; oi <= 2; ++oi) {
-            increment =
-                std::min(increment, smallestVoxelWidth(tijk + int3{m_vdw * oi, m_vdw * oj, 0}));
-            if (increment < m_vdw) break;
+            increment = std::min(
+                increment,
+                m_points.smallestVoxelWidth(tijk + int3{m_state.vdw * oi, m_state.vdw * oj, 0}));
+            if (increment < m_state.vdw) break;
         }
     position = roundedDown<Traits>(tijk.z, increment);
 }
@@ -166,53 +163,55 @@ auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Register const (&valu
                positions[2] < positions[3];
     };
     if (!countFrom(0)) {
-        position = static_cast<float>(m_vdw) * m_frac[axis];
-        if (!countFrom(m_llc[axis]))
+        position = static_cast<float>(m_state.vdw) * m_state.frac[axis];
+        if (!countFrom(m_state.llc[axis]))
             for (int n = 1; n < 4; ++n)
                 positions[n] =
                     std::max(positions[n], std::nextafter(positions[n - 1],
                                                           std::numeric_limits<float>::infinity()));
     }
-    Register const value = Internal::interpolateValues1D(m_source.m_type, m_source.m_clamp, values,
-                                                         positions, position, jump);
-    if constexpr (Trace::kCheckNaN) return checkedRow(values, positions, position, jump, value);
+    Register const value = Internal::interpolateValues1D(m_state.source.type, m_state.source.clamp,
+                                                         values, positions, position, jump);
+    if constexpr (Trace::kCheckNaN)
+        return checkedRow<Traits, T>(m_state, values, positions, position, jump, value);
     return value;
 }
 
-/// The stencil away from a jump: the kernels read the block.
+/// Away from a jump the kernels read the cube.
 template <class Traits, class T, class Trace>
 T AdaptiveSample<Traits, T, Trace>::interpolateBlock3D() const {
-    StencilRows<Traits, T> rows;
+    TileCubeRows<Traits, T> rows;
     CubicStencil<T> stencil;
-    stencil.gather(rows.columnsOf(m_dataBlock, lowestOf<Traits>(int4Of(m_lijk, 0))));
-    return stencil.interpolate(m_source.m_type, m_source.m_clamp, float4Of(m_frac));
+    stencil.gather(rows.columnsOf(m_state.samples, lowestOf<Traits>(int4Of(m_state.lijk, 0))));
+    return stencil.interpolate(m_state.source.type, m_state.source.clamp, float4Of(m_state.frac));
 }
 
 template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>::value() {
-    T const found = find();
-    if (!isNaN(found)) return found;
-    nanInfo("voxelSamplerCubic: output is NAN");
+    T const result = interpolate();
+    if (!isNaN(result)) return result;
+    reportNaN(m_state, "voxelSamplerCubic: output is NAN");
     return T();
 }
 
-template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>::find() {
+template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>::interpolate() {
     // The axes along which the sample lies between data points.
     int3 axes;
     int count = 0;
     float3 position;
     for (int axis = 0; axis < 3; ++axis) {
-        position[axis] = static_cast<float>(m_vdw) * m_frac[axis] + static_cast<float>(m_llc[axis]);
-        if (!(m_frac[axis] == 0)) axes[count++] = axis;
+        position[axis] = static_cast<float>(m_state.vdw) * m_state.frac[axis] +
+                         static_cast<float>(m_state.llc[axis]);
+        if (!(m_state.frac[axis] == 0)) axes[count++] = axis;
     }
-    if (count == 0) return dataPoint();
+    if (count == 0) return m_points.dataPoint();
 
-    fetchTiles({2, count > 1 ? 2 : 1, count > 2 ? 2 : 1}, axes, count);
+    m_points.fetchTiles({2, count > 1 ? 2 : 1, count > 2 ? 2 : 1}, axes, count);
     Register value;
     if (count == 1) {
-        getValue1D(m_tijk, axes.x, position[axes.x], value);
+        getValue1D(m_state.tijk, axes.x, position[axes.x], value);
     } else if (count == 2) {
-        getValue2D(m_tijk, axes.x, axes.y, position, value);
-    } else if (!m_atResolutionJump && m_tile.depth() == m_depthLimit) {
+        getValue2D(m_state.tijk, axes.x, axes.y, position, value);
+    } else if (!m_state.atJump && m_state.tile.depth() == m_state.depthLimit) {
         return interpolateBlock3D();
     } else {
         getValue3D(position, value);
@@ -221,14 +220,26 @@ template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>
 }
 
 template <class Traits, class T, class Trace>
-T adaptiveValue(CubicSource<Traits, T> const& source, TreeIndex const& tree, int3 const& lijk,
-                float3 const& frac, int depth) {
-    if (!tree.valid() || source.m_minDepth > tree.depth) return source.m_defaultValue;
-    auto const& tile = source.m_container->tile(tree);
-    if (!tile.exists()) return source.m_defaultValue;
-    return AdaptiveSample<Traits, T, Trace>(source, tile, lijk, frac,
-                                            std::min(source.m_maxDepth, depth))
-        .value();
+T adaptiveValue(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo, TreeIndex const& tree,
+                int3 const& lijk, float3 const& frac, int depth) {
+    if (!tree.valid() || source.minDepth > tree.depth) return source.defaultValue;
+    auto const& tile = source.container.tile(tree);
+    if (!tile.exists()) return source.defaultValue;
+    AdaptiveState<Traits, T> state(source, memo, tile, lijk, frac,
+                                   std::min(source.maxDepth, depth));
+    return AdaptiveSample<Traits, T, Trace>(state).value();
 }
+
+template <class Traits, class T>
+void traceTileCube(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo,
+                   TreeIndex const& tree, int3 const& lijk, float3 const& frac) {
+    auto const& tile = source.container.tile(tree);
+    if (!tile.exists()) return;
+    AdaptiveState<Traits, T> state(source, memo, tile, lijk, frac, tree.depth);
+    StencilPoints<Traits, T, StreamTrace>(state).fetchTiles({2, 2, 2}, {0, 1, 2}, 3);
+}
+
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_ADAPTIVE, );
+ZEL_DETAIL_ADAPTIVE_VALUE(, BinaryTraits, float, CheckTrace);
 
 }  // namespace ORV::TileTree3D::Internal

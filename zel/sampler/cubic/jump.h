@@ -1,6 +1,7 @@
 #pragma once
 
 #include "zel/sampler/common/float4.h"
+#include "zel/sampler/common/instances.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Reading a channel at a point where the tree may be coarser than asked for.
@@ -43,11 +44,6 @@ template <class T> T blendCorners(T const (&corners)[8], float3 const& frac) {
     prefix template T sampleTilePoint<Traits, T>(TileOf<Traits> const&, int3 const&, int,          \
                                                  VoxelOffsetType, DataChannel<Traits, T> const&,   \
                                                  Container<Traits>::ConstTileAccessor const&)
-#define ZEL_DETAIL_JUMPS(prefix)                                                                   \
-    ZEL_DETAIL_JUMP(prefix, BinaryTraits, float);                                                  \
-    ZEL_DETAIL_JUMP(prefix, BinaryTraits, float3);                                                 \
-    ZEL_DETAIL_JUMP(prefix, QuinaryTraits, float);                                                 \
-    ZEL_DETAIL_JUMP(prefix, QuinaryTraits, float3)
-ZEL_DETAIL_JUMPS(extern);
+ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_JUMP, extern);
 
 }  // namespace ORV::TileTree3D

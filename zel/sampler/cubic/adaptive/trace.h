@@ -18,9 +18,13 @@ inline void printValue(std::ostream& stream, int3 const& p) {
 inline void printValue(std::ostream& stream, float3 const& p) {
     stream << '{' << p.x << "f, " << p.y << "f, " << p.z << "f}";
 }
+/// Prints a line. A report may have a million of them, so that the stream is flushed at its end.
 template <class... Values> void putLine(Values const&... values) {
     (printValue(std::cout, values), ...);
-    std::cout << std::endl;
+    std::cout << '\n';
+}
+inline void flushLines() {
+    std::cout.flush();
 }
 
 /// The trace of one sample, if it is `On`. `CheckNaN` also tests the numbers on the way, and
@@ -46,14 +50,14 @@ template <bool On, bool CheckNaN = false> struct CubicTrace {
     }
 
     static void getTile(int3 const& tijk, int3 const& origin, int3 const& originIndex,
-                        int3 const& lti, int3 const& corner, bool inBlock) {
+                        int3 const& lti, int3 const& corner, bool inCube) {
         line("getTile:");
         line(" in_tijk = ", tijk);
         line(" origin = ", origin);
         line(" originIndex = ", originIndex);
         line(" io_lti = ", lti);
         line(" tile.tijk = ", corner);
-        line(" io_foundInCache = ", inBlock);
+        line(" io_foundInCache = ", inCube);
     }
 
     static void getValue(int3 const& tijk) {
@@ -141,5 +145,7 @@ private:
 
 using NoTrace = CubicTrace<false>;
 using StreamTrace = CubicTrace<true>;
+/// A switch for debugging, compiled for one kind of volume: only tests turn it on.
+using CheckTrace = CubicTrace<false, true>;
 
 }  // namespace ORV::TileTree3D::Internal

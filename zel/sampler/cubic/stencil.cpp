@@ -1,4 +1,4 @@
-#include "zel/sampler/cubic/cubic_stencil.h"
+#include "zel/sampler/cubic/stencil.h"
 
 #include "zel_platform/quern_core/simd_target.h"
 
