@@ -3,7 +3,6 @@
 #include <iostream>
 #include <utility>
 
-#include "zel/sampler/common/offset_type.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry_volume/channel_pool.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
@@ -23,7 +22,7 @@ bool initSamplerState(Quern::Ptr<ORV::Object> const& object, Quern::String const
     if (!state.container || !state.topology || !state.channel) return false;
     state.valid = true;
     if (type != SamplerType::kLinear || !wantHalo ||
-        state.topology->offsetType() != Internal::kOnCorners)
+        state.topology->offsetType() != kOnVoxelCorners)
         return true;
     // From the channel's minimum depth on: in coarser tiles there are default values alone.
     int const minDepth = state.channel->minDepth();

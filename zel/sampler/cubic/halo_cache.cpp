@@ -5,8 +5,6 @@
 #include <string>
 #include <utility>
 
-#include "zel/sampler/common/offset_type.h"
-
 namespace ORV::TileTree3D::Internal {
 
 template <class Traits, class T>
@@ -38,7 +36,8 @@ T const* HaloTileCache<Traits, T>::halo(TreeIndex const& key, DataChannel<Traits
     auto const oldest = std::prev(m_entries.end());
     HaloData data;
     data.setFlatPointer(oldest->samples);
-    setHaloTile<Traits, T, 0, 1, 0, 1>(key, channel, 4, 15, accessor, data, T(), 1.0F, kOnCorners);
+    setHaloTile<Traits, T, 0, 1, 0, 1>(key, channel, 4, 15, accessor, data, T(), 1.0F,
+                                       kOnVoxelCorners);
     auto node = m_index.extract(oldest->key);
     node.key() = oldest->key = key;
     m_index.insert(std::move(node));

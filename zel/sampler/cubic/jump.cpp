@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "zel/sampler/common/offset_type.h"
-
 namespace ORV::TileTree3D {
 
 namespace {
@@ -103,7 +101,7 @@ T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
                   VoxelOffsetType offsetType, DataChannel<Traits, T> const& channel,
                   typename Container<Traits>::ConstTileAccessor const& accessor) {
     if (!tile.exists() || tile.depth() < channel.minDepth()) return channel.defaultValue();
-    if (offsetType != Internal::kOnCorners && tile.depth() != depth) {
+    if (offsetType != kOnVoxelCorners && tile.depth() != depth) {
         auto const cell = cellAtTruePlace<Traits>(tile, tijk, depth, offsetType, accessor);
         if (cell.tile->depth() < 1) return channel.defaultValue();
         return blendCell<Traits, T>(cell, offsetType, channel, accessor);

@@ -4,7 +4,6 @@
 #include <bit>
 #include <span>
 
-#include "zel/sampler/common/offset_type.h"
 #include "zel/sampler/cubic/adaptive/sample.h"
 
 namespace ORV::TileTree3D {
@@ -52,7 +51,7 @@ ZEL_DETAIL_CUBIC_SAMPLER::VoxelSamplerCubic(Container<Traits> const& container,
       },
       m_memo(jumpHandling != kJumpTrilinear),
       // Only samples on the corners of voxels, and of this tree, have halos.
-      m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == Internal::kOnCorners &&
+      m_cache(jumpHandling == kJumpTrilinear && topology.offsetType() == kOnVoxelCorners &&
                       channel.belongsTo(container)
                   ? cacheSize
                   : std::min(cacheSize, 0LL),

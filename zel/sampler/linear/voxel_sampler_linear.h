@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "zel/sampler/common/instances.h"
-#include "zel/sampler/common/offset_type.h"
 #include "zel/sampler/common/voxel_sampler.h"
 #include "zel/sampler/linear/cell.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
@@ -118,7 +117,7 @@ private:
         return {samples ? samples + flat(lijk, kHaloWidth) : nullptr, kHaloWidth};
     }
     Cell channelCell(TreeIndex const& tree, Internal::Int4 lijk);
-    bool isOnCorners() const { return this->m_offsetType == Internal::kOnCorners; }
+    bool isOnCorners() const { return this->m_offsetType == kOnVoxelCorners; }
     bool insideTile(Internal::Int4 lijk) const;
     bool fills(TreeIndex const& tree, Internal::Int4 lijk) const;
     T value(Cell const& cell, Internal::Float4 const& frac) const {
