@@ -9,6 +9,7 @@
 #include <string>
 
 #include "support/random_nodes.h"
+#include "zel/batch/fusion/fusion.h"
 #include "zel/node/node_impl.h"
 #include "zel_platform/quern_core/simd_target.h"
 

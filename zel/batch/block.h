@@ -213,14 +213,13 @@ public:
     /// An array of one value.
     Columns<float> constant(float value);
 
-    /// What works out a node of the library together with others, at these positions; null if
-    /// nothing does.
-    detail::Fusion* fusionOf(void const* node) const {
-        return m_workspace.fuser ? findFusion(node) : nullptr;
+    /// Sets `out` to the values, or the gradients, of a node of the library by the fusion whose
+    /// root it is. Returns false if there is no such fusion, and leaves `out` as it is.
+    bool evalFused(void const* node, BlockResult<float>& out) {
+        return m_workspace.fuser && runFusion(node, out);
     }
-    /// The same for values and gradients together.
-    detail::Fusion* dualFusionOf(void const* node) const {
-        return m_workspace.fuser ? findDualFusion(node) : nullptr;
+    bool gradFused(void const* node, BlockResult<float3>& out) {
+        return m_workspace.fuser && runDualFusion(node, out);
     }
 
     /// Takes arrays that stay until the frame ends.
@@ -318,8 +317,8 @@ private:
 
     ZEL_INTERNAL detail::KeptResult* find(void const* node, bool gradient) const;
     ZEL_INTERNAL detail::KeptResult* keep(void const* node, bool gradient, float* storage);
-    detail::Fusion* findFusion(void const* node) const;
-    detail::Fusion* findDualFusion(void const* node) const;
+    bool runFusion(void const* node, BlockResult<float>& out);
+    bool runDualFusion(void const* node, BlockResult<float3>& out);
     int* choose(int const* choice, int count, float* xyz) const;
     void moveIndices(detail::Positions& positions, int const* choice, int count) const;
     int place(int i) const { return m_choice ? m_choice[i] : i; }

@@ -210,7 +210,7 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
         prefetch(positions + at + count,
                  std::min(end - at - static_cast<std::size_t>(count), std::size_t{kBlockSize}));
         if constexpr (kComponents<typename Interface::Value> == 1)
-            if (auto* const fusion = values && gradients ? block.dualFusionOf(&field) : nullptr) {
+            if (auto* const fusion = values && gradients ? range.findDual(&field) : nullptr) {
                 auto const [v, g] = fusion->runDuals(block);
                 std::copy_n(v.component[0], count, values + at);
                 Quern::forEachPosition(count, [g = g, to = gradients + at](int i)

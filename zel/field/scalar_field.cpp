@@ -1,7 +1,6 @@
 #include "zel/field/scalar_field.h"
 
 #include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -42,10 +41,6 @@ void ScalarField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) con
 
 void ScalarField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
     zel::detail::gradByPoints(*this, block, out);
-}
-
-void ScalarField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
 }
 
 }  // namespace Core::Fields

@@ -1,7 +1,6 @@
 #include "zel/field/vector_field.h"
 
 #include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -45,10 +44,6 @@ void VectorField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) con
 
 void VectorField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
     zel::detail::gradByPoints(*this, block, out);
-}
-
-void VectorField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
 }
 
 }  // namespace Core::Fields

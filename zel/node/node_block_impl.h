@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "zel/batch/block.h"
-#include "zel/node/fused_forms.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
@@ -217,8 +216,7 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
     if constexpr (detail::isFusible<Self>)
-        if (detail::Fusion* const fusion = block.fusionOf(static_cast<Interface const*>(this)))
-            return fusion->run(block, out);
+        if (block.evalFused(static_cast<Interface const*>(this), out)) return;
     auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) {
         if constexpr (NodeAccess::hasView<Self, Columns<typename Child::Value> const...>) {
             std::tuple<Columns<typename Child::Value>...> const in{block.values(child)...};
@@ -247,8 +245,7 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
     if constexpr (detail::isFusible<Self>)
-        if (auto* const fusion = block.dualFusionOf(static_cast<Interface const*>(this)))
-            return out.set(fusion->runDuals(block).second);
+        if (block.gradFused(static_cast<Interface const*>(this), out)) return;
     auto const form = [&]<class... Child>([[maybe_unused]] Quern::Ptr<Child> const&... child) {
         auto const map = [&](auto const& formula, auto const&... columns) {
             std::apply(

@@ -90,17 +90,22 @@ ZEL_WIDE_TARGET void runStages(Stage const* stages, int count, int tileSize) {
 
 }  // namespace
 
-detail::Fusion* Block::findFusion(void const* node) const {
+bool Block::runFusion(void const* node, BlockResult<float>& out) {
     Fuser const& fuser = *m_workspace.fuser;
     detail::Fusion* const fusion = fuser.find(node);
-    if (!fusion || fusion->isRunning()) return nullptr;
+    if (!fusion || fusion->isRunning()) return false;
     // The values of nodes below are of use where a gradient is asked for, unless it comes from a
     // fusion too.
-    return m_positions.keepAll && !fuser.findDual(node) ? nullptr : fusion;
+    if (m_positions.keepAll && !fuser.findDual(node)) return false;
+    fusion->run(*this, out);
+    return true;
 }
 
-detail::Fusion* Block::findDualFusion(void const* node) const {
-    return m_workspace.fuser->findDual(node);
+bool Block::runDualFusion(void const* node, BlockResult<float3>& out) {
+    detail::Fusion* const fusion = m_workspace.fuser->findDual(node);
+    if (!fusion) return false;
+    out.set(fusion->runDuals(*this).second);
+    return true;
 }
 
 void detail::Fusion::view(Block& block) {
@@ -212,6 +217,10 @@ template Fuser::Range::Range(detail::Workspace&, VectorField const&, std::uint64
 Fuser::Range::~Range() {
     if (m_workspace.isNested()) m_workspace.fusions.release(m_mark);
     m_workspace.fuser = m_outer;
+}
+
+detail::Fusion* Fuser::Range::findDual(void const* node) const {
+    return m_workspace.fuser ? m_workspace.fuser->findDual(node) : nullptr;
 }
 
 template <class Interface> void Fuser::walk(Interface const& root) {
@@ -412,3 +421,11 @@ void Fuser::addView(void const* self, detail::View view, float3 const& gradient)
 }
 
 }  // namespace zel
+
+void Core::Fields::ScalarField::fuse(zel::Fuser& fuser) const {
+    fuser.hideChildren();
+}
+
+void Core::Fields::VectorField::fuse(zel::Fuser& fuser) const {
+    fuser.hideChildren();
+}

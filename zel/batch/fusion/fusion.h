@@ -117,6 +117,9 @@ public:
         Range(Range const&) = delete;
         Range& operator=(Range const&) = delete;
 
+        /// What works out the values and gradients of a node in this range; null if nothing does.
+        detail::Fusion* findDual(void const* node) const;
+
     private:
         detail::Workspace& m_workspace;
         Fuser* const m_outer;
@@ -131,8 +134,8 @@ public:
     // For `fuse`, which may be called more than once:
 
     /// Names a child that is asked by itself.
-    ZEL_API void queue(ScalarField const& child);
-    ZEL_API void queue(VectorField const& child);
+    void queue(ScalarField const& child);
+    void queue(VectorField const& child);
     /// Says that there may be children that are not named.
     void hideChildren() { m_isAnyHidden = true; }
 
