@@ -55,7 +55,7 @@ Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
         workspace.m_slots = {};
         workspace.m_constants.release(nullptr);
         workspace.m_constantCount = 0;
-        workspace.fuserOfBatch = nullptr;  // which knows where constants were
+        workspace.planOfBatch = nullptr;  // which knows where constants were
     }
 }
 

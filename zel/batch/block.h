@@ -16,11 +16,9 @@
 
 namespace zel {
 
-class Fuser;
-
 namespace detail {
 
-class Fusion;
+class FusionPlan;
 
 /// Memory that is taken and given back in the order of a stack. What it has once taken it keeps.
 class ZEL_API Arena {
@@ -93,14 +91,14 @@ public:
 
     Arena stack;                           ///< results of the nodes that are at work
     Arena kept;                            ///< results that are kept until their positions are done
-    Arena fusions;                         ///< what a Fuser has found
+    Arena plans;                           ///< plans of fusions, with their fusions
     Positions const* innermost = nullptr;  ///< whose results are kept now
-    Fuser* fuser = nullptr;                ///< of the positions that are worked on, if any
+    FusionPlan const* plan = nullptr;      ///< of the positions that are worked on, if any
     // Of the last range that was not nested: its batch, how many positions this thread has had of
-    // it, and what was found out about its tree.
+    // it, and the plan of its tree.
     std::uint64_t batch = 0;
     std::size_t countOfBatch = 0;
-    Fuser* fuserOfBatch = nullptr;
+    FusionPlan const* planOfBatch = nullptr;
     std::size_t bucketCount = 8;
 
 private:
@@ -216,10 +214,10 @@ public:
     /// Sets `out` to the values, or the gradients, of a node of the library by the fusion whose
     /// root it is. Returns false if there is no such fusion, and leaves `out` as it is.
     bool evalFused(void const* node, BlockResult<float>& out) {
-        return m_workspace.fuser && runFusion(node, out);
+        return m_workspace.plan && runFusion(node, out);
     }
     bool gradFused(void const* node, BlockResult<float3>& out) {
-        return m_workspace.fuser && runDualFusion(node, out);
+        return m_workspace.plan && runDualFusion(node, out);
     }
 
     /// Takes arrays that stay until the frame ends.

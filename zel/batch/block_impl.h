@@ -6,6 +6,7 @@
 
 #include "zel/batch/block.h"
 #include "zel/batch/fusion/fusion.h"
+#include "zel/batch/fusion/fusion_scope.h"
 #include "zel/field/differences.h"
 #include "zel_platform/quern_core/position_loop.h"
 
@@ -194,7 +195,7 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
                std::size_t begin, std::size_t end, std::uint64_t batch) {
     Workspace& workspace = Workspace::local();
     Workspace::Run const run(workspace);
-    Fuser::Range const range(workspace, field, batch, end - begin);
+    FusionScope const fusions(workspace, field, batch, end - begin);
     for (std::size_t at = begin; at < end; at += kBlockSize) {
         int const count = static_cast<int>(std::min(end - at, std::size_t{kBlockSize}));
         Positions state;
@@ -210,7 +211,7 @@ void evalRange(Interface const& field, Orvane::Math::float3 const* positions,
         prefetch(positions + at + count,
                  std::min(end - at - static_cast<std::size_t>(count), std::size_t{kBlockSize}));
         if constexpr (kComponents<typename Interface::Value> == 1)
-            if (auto* const fusion = values && gradients ? range.findDual(&field) : nullptr) {
+            if (auto* const fusion = values && gradients ? fusions.dualsOf(&field) : nullptr) {
                 auto const [v, g] = fusion->runDuals(block);
                 std::copy_n(v.component[0], count, values + at);
                 Quern::forEachPosition(count, [g = g, to = gradients + at](int i)

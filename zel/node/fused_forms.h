@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
+#include "zel/batch/fusion/fuser.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
@@ -141,7 +141,7 @@ void describeFormula(Fuser& fuser, Node const& node,
         runDualStage<Node, child, child...>...,
     };
     constexpr bool kChooses = NodeAccess::hasGradientChoice<Node, typename Child::Value...>;
-    fuser.add(node, &node, {values, duals, kChooses}, {&children...});
+    fuser.addFormula(node, &node, {values, duals, kChooses}, {&children...});
 }
 
 /// Describes a node by its base.
