@@ -9,6 +9,8 @@
 #include <string>
 
 #include "support/random_nodes.h"
+#include "zel/batch/fusion/fusion_plan.h"
+#include "zel/batch/fusion/stage.h"
 #include "zel/node/node_impl.h"
 #include "zel_platform/quern_core/simd_target.h"
 
@@ -265,7 +267,7 @@ TEST_F(Fusion, IsOfOneBatchAndTreeAlone) {
     for (int round = 0; round < 3; ++round) {
         // What is freed by the one batch is used again by the tree of the other.
         expectValues(makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(x(), y()), x()), positions);
-        EXPECT_EQ(detail::Workspace::local().fuserOfBatch != nullptr,
+        EXPECT_EQ(detail::Workspace::local().planOfBatch != nullptr,
                   detail::kFusesNodes && Quern::wideVectors);
         VectorPtr const tree = makePtr<VectorFieldFromComponents>(
             makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(y(), y()), y()), x(), x());
@@ -295,9 +297,9 @@ TEST_F(Fusion, IsFoundWhereItPays) {
           Found{chain(makePtr<ScalarFieldSine>(x()), 4), true, false},
           Found{makePtr<ScalarFieldAbsolute>(makePtr<OwnScalar>()), false, false}}) {
         field(tree).eval(positions);
-        Fuser const& fuser = *detail::Workspace::local().fuserOfBatch;
-        EXPECT_EQ(fuser.find(&field(tree)) != nullptr, values);
-        EXPECT_EQ(fuser.findDual(&field(tree)) != nullptr, duals);
+        auto const& found = detail::Workspace::local().planOfBatch->find(&field(tree));
+        EXPECT_EQ(found.values != nullptr, values);
+        EXPECT_EQ(found.duals != nullptr, duals);
     }
 }
 

@@ -12,7 +12,7 @@
 namespace zel {
 
 namespace detail {
-class Fusion;
+class FusionPlan;
 }  // namespace detail
 
 /// Positions at which a graph is evaluated together, 1 to kBlockSize of them, on one thread. A node
@@ -95,14 +95,13 @@ public:
     /// A column of one value.
     Columns<float> constant(float value);
 
-    /// What works out a node of the library together with others, at these positions; null if
-    /// nothing does.
-    detail::Fusion* fusionOf(void const* node) const {
-        return m_workspace.fuser ? findFusion(node) : nullptr;
+    /// Sets `out` to the values, or the gradients, of a node of the library by the fusion whose
+    /// root it is. Returns false if there is no such fusion, and leaves `out` as it is.
+    bool evalFused(void const* node, BlockResult<float>& out) {
+        return m_workspace.plan && runFusion(node, out);
     }
-    /// The same for values and gradients together.
-    detail::Fusion* dualFusionOf(void const* node) const {
-        return m_workspace.fuser ? findDualFusion(node) : nullptr;
+    bool gradFused(void const* node, BlockResult<float3>& out) {
+        return m_workspace.plan && runDualFusion(node, out);
     }
 
     /// Allocates columns that are valid until the frame ends.
@@ -188,8 +187,8 @@ private:
     template <bool gradient, class Interface>
     Columns<Asked<gradient, Interface>> complete(Interface const& node, detail::KeptResult* kept);
 
-    detail::Fusion* findFusion(void const* node) const;
-    detail::Fusion* findDualFusion(void const* node) const;
+    bool runFusion(void const* node, BlockResult<float>& out);
+    bool runDualFusion(void const* node, BlockResult<float3>& out);
     int* choose(int const* choice, int count, float* xyz) const;
     void moveElements(detail::PositionSet& positions, int const* choice, int count) const;
     int* allocateInts() const {

@@ -7,6 +7,7 @@
 
 #include "zel/batch/block.h"
 #include "zel/batch/fusion/fusion.h"
+#include "zel/batch/fusion/fusion_scope.h"
 #include "zel/batch/split_positions.h"
 #include "zel/batch/workspace.h"
 #include "zel_platform/quern_core/position_loop.h"
@@ -38,7 +39,7 @@ void evaluateRange(Interface const& field, Orvane::Math::float3 const* positions
     constexpr std::size_t kSize = kBlockSize;
     Workspace& workspace = Workspace::local();
     Workspace::Run const run(workspace);
-    Fuser::Range const range(workspace, field, batch, end - begin);
+    FusionScope const fusions(workspace, field, batch, end - begin);
     for (std::size_t at = begin; at < end; at += kSize) {
         std::size_t const size = std::min(end - at, kSize);
         int const count = static_cast<int>(size);
@@ -54,7 +55,7 @@ void evaluateRange(Interface const& field, Orvane::Math::float3 const* positions
         (Quern::wideVectors ? splitPositionsWide : splitPositions)(count, positions + at, x, y, z);
         prefetch(positions + at + size, std::min(end - at - size, kSize));
         if constexpr (kIsScalar)
-            if (auto* const fusion = values && gradients ? block.dualFusionOf(&field) : nullptr) {
+            if (auto* const fusion = values && gradients ? fusions.dualsOf(&field) : nullptr) {
                 auto const [v, g] = fusion->runDuals(block);
                 std::copy_n(v.component[0], count, values + at);
                 joinColumns(count, g, gradients + at);

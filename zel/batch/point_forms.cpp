@@ -1,5 +1,4 @@
 #include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
 
@@ -35,20 +34,12 @@ void ScalarField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) 
     askPoints(block, out, gradOf(*this));
 }
 
-void ScalarField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
-}
-
 void VectorField::evalBlock(zel::Block& block, zel::BlockResult<Value>& out) const {
     askPoints(block, out, evalOf(*this));
 }
 
 void VectorField::gradBlock(zel::Block& block, zel::BlockResult<Gradient>& out) const {
     askPoints(block, out, gradOf(*this));
-}
-
-void VectorField::fuse(zel::Fuser& fuser) const {
-    fuser.hideChildren();
 }
 
 }  // namespace Core::Fields

@@ -16,7 +16,7 @@ Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
         workspace.m_slots = {};
         workspace.m_constants.release(nullptr);
         workspace.m_constantCount = 0;
-        workspace.fuserOfBatch = nullptr;  // its fusions name the columns of constants
+        workspace.planOfBatch = nullptr;  // which holds pointers to constants
     }
 }
 

@@ -10,10 +10,9 @@
 
 namespace zel {
 
-class Fuser;
-
 namespace detail {
 
+class FusionPlan;
 struct PositionSet;
 
 /// The memory and the state by which one thread evaluates blocks. It grows on first use and belongs
@@ -43,19 +42,19 @@ public:
     /// Whether the range that is evaluated now is inside another.
     bool isNested() const { return m_depth > 1; }
 
-    Arena stack;    ///< columns that are valid until a Block::Frame ends
-    Arena kept;     ///< results that are kept with their PositionSet
-    Arena fusions;  ///< what a Fuser has found
+    Arena stack;  ///< columns that are valid until a Block::Frame ends
+    Arena kept;   ///< results that are kept with their PositionSet
+    Arena plans;  ///< plans of fusions, with their fusions
 
     PositionSet const* innermost = nullptr;  ///< the set whose results are at the top of `kept`
     std::size_t bucketCount = 8;             ///< of the next PositionSet
 
-    Fuser* fuser = nullptr;  ///< of the range that is evaluated now; null if there is none
+    FusionPlan const* plan = nullptr;  ///< of the range that is evaluated now; null if none
     // Of the last range that was not nested: its batch, the number of positions of the batch that
-    // this thread has evaluated, and the Fuser of its tree.
+    // this thread has evaluated, and the plan of its tree.
     std::uint64_t batch = 0;
     std::size_t countOfBatch = 0;
-    Fuser* fuserOfBatch = nullptr;
+    FusionPlan const* planOfBatch = nullptr;
 
 private:
     static constexpr unsigned kMaxConstants = 64, kSlots = 2 * kMaxConstants;

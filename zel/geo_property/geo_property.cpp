@@ -4,7 +4,7 @@
 
 #include "zel/field/math.h"
 #include "zel/geo_property/scalar_converter.h"
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 
 namespace zel {
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "zel/batch/block.h"
-#include "zel/batch/fusion/fusion.h"
+#include "zel/batch/fusion/fuser.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
@@ -128,23 +128,12 @@ struct ChildrenFormula {
     }
 };
 
-/// Whether a node is a formula of scalar children that takes little time.
-template <class Node>
-inline constexpr bool isFusible = [] {
-    if constexpr (kFusesNodes && NodeAccess::isLight<Node> &&
-                  std::same_as<typename Node::Value, float>)
-        return []<class... Child>(std::type_identity<std::tuple<Child...>> /*children*/) {
-            return (std::same_as<std::remove_cvref_t<Child>, ScalarPtr> && ...);
-        }(std::type_identity<decltype(NodeAccess::children(std::declval<Node const&>()))>());
-    else
-        return false;
-}();
-
 /// Adds a node, whose children the numbers `child` count, with a stage for each place of its
 /// inputs.
 template <class Node, int... child, class... Child>
-void addFormula(Fuser& fuser, Node const& node, std::integer_sequence<int, child...> /*numbers*/,
-                Quern::Ptr<Child> const&... children) {
+void describeFormula(Fuser& fuser, Node const& node,
+                     std::integer_sequence<int, child...> /*numbers*/,
+                     Quern::Ptr<Child> const&... children) {
     static_assert(sizeof...(child) <= std::tuple_size_v<decltype(Stage::in)>);
     // A form for each child, after the one without.
     static constexpr Stage::Run values[] = {
@@ -156,51 +145,48 @@ void addFormula(Fuser& fuser, Node const& node, std::integer_sequence<int, child
         runDualStage<Node, child, child...>...,
     };
     constexpr bool kChooses = gradientForm<Node, Child...> == GradientForm::kChoice;
-    fuser.add(node, &node, {values, duals, kChooses}, {&children...});
+    fuser.addFormula(node, &node, {values, duals, kChooses}, {&children...});
 }
+
+/// Describes a node by its base.
+template <class Node, class Interface> struct FusedForm {
+    static void describe(Node const& node, Fuser& fuser) {
+        if constexpr (std::derived_from<Node, LeafNode<Node, Interface>>)
+            describeLeaf(node, fuser);
+        else if constexpr (std::derived_from<Node, HookedNode<Node, Interface>>)
+            std::apply([&](auto const&... child) { describeOperator(node, fuser, child...); },
+                       NodeAccess::children(node));
+        // Other nodes of the library have no children.
+    }
+
+private:
+    static constexpr bool kIsScalar = std::same_as<typename Interface::Value, float>;
+
+    static void describeLeaf(Node const& node, Fuser& fuser) {
+        if constexpr (!kFusesNodes || !kIsScalar || !NodeAccess::isLight<Node>) {
+            return;
+        } else if constexpr (NodeAccess::hasView<Node, Block>) {
+            auto const view = [](void const* self, Block& block) {
+                return NodeAccess::viewOf(*static_cast<Node const*>(self), block);
+            };
+            fuser.addView(&node, view, NodeAccess::gradientAt(node, {}, 0));
+        } else if constexpr (NodeAccess::isOfPosition<Node>) {
+            fuser.addLeaf(&node,
+                          {runStage<Node, LeafFormula, -1, 0, 1, 2>, runDualLeafStage<Node>});
+        }
+    }
+
+    template <class... Child>
+    static void describeOperator(Node const& node, Fuser& fuser,
+                                 Quern::Ptr<Child> const&... children) {
+        if constexpr (kFusesNodes && isFusible<Node> &&
+                      std::derived_from<Node, PointwiseNode<Node, Interface>>)
+            describeFormula(fuser, node, std::make_integer_sequence<int, sizeof...(Child)>(),
+                            children...);
+        else
+            (fuser.queue(*children), ...);
+    }
+};
 
 }  // namespace detail
-
-template <class Self, class Interface> void NamedNode<Self, Interface>::fuse(Fuser& fuser) const {
-    if (!detail::isOfLibrary(this->self())) fuser.hideChildren();
-}
-
-template <class Self, class Interface> void HookedNode<Self, Interface>::fuse(Fuser& fuser) const {
-    if (!detail::isOfLibrary(this->self())) return fuser.hideChildren();
-    std::apply([&](auto const&... child) { (fuser.queue(*child), ...); },
-               NodeAccess::children(this->self()));
-}
-
-template <class Self, class Interface> void LeafNode<Self, Interface>::fuse(Fuser& fuser) const {
-    Self const& node = this->self();
-    if (!detail::isOfLibrary(node)) return fuser.hideChildren();
-    if constexpr (!detail::kFusesNodes || !std::same_as<Value, float> ||
-                  !NodeAccess::isLight<Self>) {
-        return;
-    } else if constexpr (NodeAccess::hasView<Self, Block>) {
-        auto const view = [](void const* self, Block& block) {
-            return NodeAccess::viewOf(*static_cast<Self const*>(self), block);
-        };
-        fuser.addView(&node, view, NodeAccess::gradientAt(node, {}, 0));
-    } else if constexpr (NodeAccess::isOfPosition<Self>) {
-        fuser.addLeaf(&node, {detail::runStage<Self, detail::LeafFormula, -1, 0, 1, 2>,
-                              detail::runDualLeafStage<Self>});
-    }
-}
-
-template <class Self, class Interface>
-void PointwiseNode<Self, Interface>::fuse(Fuser& fuser) const {
-    if constexpr (detail::isFusible<Self>) {
-        if (!detail::isOfLibrary(this->self())) return fuser.hideChildren();
-        std::apply(
-            [&](auto const&... child) {
-                detail::addFormula(fuser, this->self(),
-                                   std::make_integer_sequence<int, sizeof...(child)>(), child...);
-            },
-            NodeAccess::children(this->self()));
-    } else {
-        FieldNode<Self, Interface>::fuse(fuser);
-    }
-}
-
 }  // namespace zel

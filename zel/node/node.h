@@ -93,7 +93,6 @@ public:
     Gradient grad(float3 const& position, long long index) const override;
     void evalBlock(Block& block, BlockResult<Value>& out) const override;
     void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
-    void fuse(Fuser& fuser) const override;
 };
 
 /// A node that passes the sampling hooks on to its children, in their order, and does not show them
@@ -104,7 +103,6 @@ class ZEL_API HookedNode : public NamedNode<Self, Interface> {
 public:
     void preSampleField() const override;
     void postSampleField() const override;
-    void fuse(Fuser& fuser) const override;
 
 private:
     [[no_unique_address]] detail::HookTarget hookTarget;
@@ -154,7 +152,6 @@ public:
     Gradient grad(float3 const& position, long long index) const override;
     void evalBlock(Block& block, BlockResult<Value>& out) const override;
     void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
-    void fuse(Fuser& fuser) const override;
 };
 
 /// An operator that asks its one child, `field`, at another position and with the same index:

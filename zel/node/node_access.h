@@ -3,6 +3,7 @@
 #include <tuple>
 #include <type_traits>
 #include <typeinfo>
+#include <utility>
 
 #include "zel/batch/block.h"
 #include "zel/node/node.h"
@@ -198,10 +199,16 @@ template <class Node> bool isExactly(Node const& node) {
     return typeid(node) == typeid(Node);
 }
 
-/// Whether it is of a class of the library.
-template <class Node> bool isOfLibrary(Node const& node) {
-    return isLibraryNode<Node> && isExactly(node);
-}
+/// Whether a PointwiseNode is fused with others: a light formula of scalars, of the library.
+template <class Node>
+inline constexpr bool isFusible = [] {
+    if constexpr (NodeAccess::isLight<Node> && std::same_as<typename Node::Value, float>)
+        return []<class... Child>(std::type_identity<std::tuple<Child...>> /*children*/) {
+            return (std::same_as<std::remove_cvref_t<Child>, ScalarPtr> && ...);
+        }(std::type_identity<decltype(NodeAccess::children(std::declval<Node const&>()))>());
+    else
+        return false;
+}();
 
 }  // namespace detail
 }  // namespace zel

@@ -11,7 +11,6 @@
 #include "zel/batch/block_differences.h"
 #include "zel/node/block_maps.h"
 #include "zel/node/block_selection.h"
-#include "zel/node/fused_forms.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
@@ -118,8 +117,7 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::evalBlock(block, out);
     if constexpr (detail::isFusible<Self>)
-        if (detail::Fusion* const fusion = block.fusionOf(static_cast<Interface const*>(this)))
-            return fusion->run(block, out);
+        if (block.evalFused(static_cast<Interface const*>(this), out)) return;
     auto const form = [&]<class... Child>(Quern::Ptr<Child> const&... child) {
         if constexpr (NodeAccess::hasView<Self, Columns<typename Child::Value> const...>) {
             std::tuple<Columns<typename Child::Value>...> const in{block.values(child)...};
@@ -147,8 +145,7 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
     Self const& node = this->self();
     if (!detail::isExactly(node)) return NamedNode<Self, Interface>::gradBlock(block, out);
     if constexpr (detail::isFusible<Self>)
-        if (auto* const fusion = block.dualFusionOf(static_cast<Interface const*>(this)))
-            return out.set(fusion->runDuals(block).second);
+        if (block.gradFused(static_cast<Interface const*>(this), out)) return;
     auto const form = [&]<class... Child>([[maybe_unused]] Quern::Ptr<Child> const&... child) {
         using detail::GradientForm;
         constexpr GradientForm kForm = detail::gradientForm<Self, Child...>;

@@ -50,6 +50,21 @@ template <class Self, class Interface> NamedNode<Self, Interface>::NamedNode() {
     this->typeName = name;
 }
 
+namespace detail {
+
+/// How a node of the library takes part in fusions. Sources of the library, which instantiate its
+/// nodes, include library_node_impl.h for the definition.
+template <class Node, class Interface> struct FusedForm;
+
+}  // namespace detail
+
+template <class Self, class Interface> void NamedNode<Self, Interface>::fuse(Fuser& fuser) const {
+    if constexpr (detail::isLibraryNode<Self>)
+        if (detail::isExactly(this->self()))
+            return detail::FusedForm<Self, Interface>::describe(this->self(), fuser);
+    Interface::fuse(fuser);
+}
+
 // A comma fold runs from the first child to the last.
 
 template <class Self, class Interface>

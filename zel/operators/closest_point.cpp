@@ -1,7 +1,7 @@
 #include "zel/operators/closest_point.h"
 
 #include "zel/field/math.h"
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 
 namespace zel {
 

@@ -2,7 +2,7 @@
 
 #include <concepts>
 
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 
 namespace zel {
 

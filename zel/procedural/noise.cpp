@@ -4,7 +4,7 @@
 #include <cmath>
 #include <new>
 
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 #include "zel/scalar/arithmetic.h"
 #include "zel_platform/orvane_math_support/noise.h"
 #include "zel_platform/orvane_math_support/noise_block.h"

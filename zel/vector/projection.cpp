@@ -1,6 +1,6 @@
 #include "zel/vector/projection.h"
 
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::VectorFieldXComponent, ScalarField);
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::VectorFieldYComponent, ScalarField);

@@ -1,6 +1,6 @@
 #include "zel/vector/selection.h"
 
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::VectorFieldMax, VectorField);
 ZEL_DEFINE_OPERATOR(PointwiseNode, zel::VectorFieldMin, VectorField);

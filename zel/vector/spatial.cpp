@@ -1,6 +1,6 @@
 #include "zel/vector/spatial.h"
 
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 
 namespace zel {
 

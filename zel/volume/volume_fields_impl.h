@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "zel/field/differences.h"
-#include "zel/node/node_impl.h"
+#include "zel/node/library_node_impl.h"
 #include "zel/volume/volume_fields.h"
 #include "zel/volume/volume_reader_impl.h"
 #include "zel_platform/orvane_math_support/exception_message.h"

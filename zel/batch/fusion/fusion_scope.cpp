@@ -1,0 +1,78 @@
+#include "zel/batch/fusion/fusion_scope.h"
+
+#include <utility>
+
+#include "zel/batch/fusion/fusion.h"
+#include "zel/batch/fusion/fusion_plan.h"
+#include "zel/batch/workspace.h"
+#include "zel/field/scalar_field.h"
+#include "zel/field/vector_field.h"
+#include "zel_platform/quern_core/simd_target.h"
+
+namespace zel {
+
+namespace detail {
+
+namespace {
+
+/// From this number of positions on the walk that makes a plan takes a small part of the time.
+constexpr std::size_t kLeastCount = std::size_t{8} * kBlockSize;
+
+}  // namespace
+
+template <class Interface>
+FusionScope::FusionScope(Workspace& workspace, Interface const& root, std::uint64_t batch,
+                         std::size_t count)
+    : m_workspace(workspace), m_outer(std::exchange(workspace.plan, nullptr)),
+      m_mark(workspace.plans.mark()) {
+    if (!kFusesNodes || !Quern::wideVectors) return;
+    if (workspace.isNested()) {
+        if (count >= kLeastCount) workspace.plan = makeFusionPlan(root, workspace.plans);
+        return;
+    }
+    if (std::exchange(workspace.batch, batch) != batch) {
+        workspace.planOfBatch = nullptr;
+        workspace.countOfBatch = 0;
+    }
+    workspace.countOfBatch += count;
+    if (!workspace.planOfBatch && workspace.countOfBatch >= kLeastCount) {
+        workspace.plans.release(nullptr);
+        workspace.planOfBatch = makeFusionPlan(root, workspace.plans);
+    }
+    workspace.plan = workspace.planOfBatch;
+}
+
+template FusionScope::FusionScope(Workspace&, Core::Fields::ScalarField const&, std::uint64_t,
+                                  std::size_t);
+template FusionScope::FusionScope(Workspace&, Core::Fields::VectorField const&, std::uint64_t,
+                                  std::size_t);
+
+FusionScope::~FusionScope() {
+    if (m_workspace.isNested()) m_workspace.plans.release(m_mark);
+    m_workspace.plan = m_outer;
+}
+
+Fusion* FusionScope::dualsOf(void const* node) const {
+    return m_workspace.plan ? m_workspace.plan->find(node).duals : nullptr;
+}
+
+}  // namespace detail
+
+bool Block::runFusion(void const* node, BlockResult<float>& out) {
+    auto const& entry = m_workspace.plan->find(node);
+    if (!entry.values || entry.values->isRunning()) return false;
+    // Where gradients are asked for, the values of the nodes below are asked for too, and kept. A
+    // fusion keeps none; so it runs only if the node's gradients come from a fusion as well.
+    if (m_positions.keepAll && !entry.duals) return false;
+    entry.values->run(*this, out);
+    return true;
+}
+
+bool Block::runDualFusion(void const* node, BlockResult<float3>& out) {
+    auto const& entry = m_workspace.plan->find(node);
+    if (!entry.duals) return false;
+    out.set(entry.duals->runDuals(*this).second);
+    return true;
+}
+
+}  // namespace zel

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zel/batch/block.h"
+
+namespace zel {
+
+namespace detail {
+
+class Fusion;
+
+/// Chooses the plan of fusions for a range of a batch's positions on this thread, and sets it in
+/// the workspace for as long as it exists.
+///
+/// A thread plans a batch once it has had enough of the batch's positions to make up for the walk,
+/// and keeps the plan for the further ranges of the batch that it is given. A batch that a node
+/// runs while another batch is computed on the same thread is planned for the one range.
+class FusionScope {
+public:
+    /// Evaluates `count` positions of the batch with that number, the tree below `root`.
+    template <class Interface>
+    FusionScope(Workspace& workspace, Interface const& root, std::uint64_t batch,
+                std::size_t count);
+    ~FusionScope();
+    FusionScope(FusionScope const&) = delete;
+    FusionScope& operator=(FusionScope const&) = delete;
+
+    /// The fusion of a node's values and gradients, or null.
+    Fusion* dualsOf(void const* node) const;
+
+private:
+    Workspace& m_workspace;
+    FusionPlan const* const m_outer;
+    Arena::Mark const m_mark;
+};
+
+}  // namespace detail
+}  // namespace zel

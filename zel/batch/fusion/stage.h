@@ -1,0 +1,56 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+
+// A fusion goes through the positions of a block tile by tile. A stage is one step of that work: a
+// function that takes a tile in eight vector registers, computes one node from it, and calls the
+// next stage with the result in the same registers. docs/batches.md explains the whole.
+namespace zel {
+
+namespace detail {
+
+/// Whether nodes are fused at all. g++ passes eight AVX2 vectors from function to function in
+/// registers. Other compilers pass them through memory, where a fusion would gain nothing.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+inline constexpr bool kFusesNodes = true;
+#else
+inline constexpr bool kFusesNodes = false;
+#endif
+
+/// What a fusion computes: the values of its root, or duals, which are values with their gradients.
+enum class Aim { kValues, kDuals };
+
+/// A tile is 64 floats in eight vectors. A tile of values holds 64 positions. A tile of duals holds
+/// 16: their values, then the x, the y and the z components of their gradients.
+inline constexpr int kTileSize = 64, kDualTileSize = kTileSize / 4;
+using Float8 = float __attribute__((vector_size(32)));
+
+/// One element of the array of stages that a fusion runs. A stage calls the element behind its own.
+struct Stage {
+    /// `at` is the place of the tile's first position in the block.
+    using Run = void (*)(Stage const* stage, std::ptrdiff_t at, Float8, Float8, Float8, Float8,
+                         Float8, Float8, Float8, Float8);
+
+    Run run;
+    void const* node;                ///< whose formula the stage computes, if any
+    std::array<float const*, 3> in;  ///< inputs in memory, by the number of the child
+    float* out;                      ///< where a stage writes that saves its tile
+};
+
+/// The stages of a formula of children. Element 0 reads all children from memory; element 1 + c
+/// takes child `c` from the registers, and the others from memory.
+struct FormulaStages {
+    Stage::Run const* values;
+    Stage::Run const* duals;
+    bool choosesGradient;  ///< whether the gradient is that of one child, chosen by the values
+};
+
+/// The stages of a formula of the position, whose inputs are the arrays of x, y and z.
+struct LeafStages {
+    Stage::Run values;
+    Stage::Run duals;
+};
+
+}  // namespace detail
+}  // namespace zel
