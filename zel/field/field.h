@@ -52,7 +52,7 @@ public:
 
     /// The same for a visitor that may change the children. A child that has another owner is first
     /// replaced by a copy of that one node, so other trees never see a change. If the visitor
-    /// throws, the child that it was handed is back in its place. While it is visited, a child is
+    /// throws, the child is back in its parent. While it is visited, a child is
     /// out of its parent, which cannot be evaluated then. One thread owns the tree meanwhile.
     virtual void accept(FieldVisitor& visitor);
 

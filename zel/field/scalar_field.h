@@ -27,7 +27,7 @@ public:
     ~ScalarField() override;
     ScalarField& operator=(ScalarField const&);
 
-    /// The values at all positions, worked out in parallel; the element index of a position is its
+    /// The values at all positions, computed in parallel; the element index of a position is its
     /// place in the array. `preSampleField` runs before and `postSampleField` after it, on the
     /// calling thread. An exception of a point `eval` ends the batch, keeps its type, and leaves
     /// `postSampleField` uncalled. Floats are rounded to nearest and subnormal numbers kept,

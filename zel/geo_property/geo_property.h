@@ -6,28 +6,28 @@
 #include "zel/node/node.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 
-// Leaves that read a property of a geometry object, by element index. A node is made of the name of
-// the property alone; later a caller walks the tree and binds each node that is triggerable:
+// Leaves that read a property of a geometry object, by element index. A node is constructed with
+// the name of the property. Later a caller walks the tree and binds each node that is triggerable:
 //
-//   apply_object          finds the property, takes its default value, shares its array, and the
+//   apply_object          finds the property, takes its default value, and shares its array and the
 //                         range indices of its target. The type of the default value decides how
-//                         the array is read, and both must be of one type; but a scalar node also
-//                         reads an array of `float` whose default value is of another type, and
-//                         keeps its own default then. If no array fits, a default value of the
-//                         node's own type, `float` or `float3`, is taken all the same, and one of
-//                         another type is not. Without such a property nothing changes. `float` or
-//                         `float3` values, once bound, are read before values of another type from
-//                         a later object. Throws what the look-ups of the object throw; the node
-//                         may then be bound in part, and is bound anew by the next call.
+//                         the array is read, and the array must have the same type. Two exceptions:
+//                         a scalar node also reads an array of `float` if the default value is of
+//                         another type, and then keeps its own default value; and if no array fits,
+//                         a default value of the node's own type, `float` or `float3`, is taken
+//                         nevertheless. Without such a property nothing changes. An array of
+//                         `float` or `float3`, once bound, takes precedence over arrays of other
+//                         types of later objects. Throws what the look-ups of the object throw; the
+//                         node may then be bound in part, and the next call binds it anew.
 //   use_property_indices  for a property that is read as `float` or `float3`: shares an array that
-//                         gives, for each sampled index, the element to read. It has no effect
-//                         while there is no such property or if the array is empty. A later array
-//                         replaces an earlier one; a later object does not, whatever its type.
+//                         gives the element to read for each sampled index. It has no effect while
+//                         no such property is bound, or if the array is empty. A later array
+//                         replaces an earlier one; a later object leaves the array as it is.
 //
-// Until then, and for each index that either map or the values do not have, a node answers its
-// default value. The position plays no part and the gradient is zero. A bound array must keep its
-// size as long as it is bound, and its values while it is sampled. A copy shares all that the node
-// is bound to, and so does what is made by a move: a node can be bound and sampled after it.
+// A node returns its default value before it is bound, and for an index that is outside either map
+// or outside the values. The position plays no part, and the gradient is zero. A bound array must
+// keep its size as long as it is bound, and its values while it is sampled. A copy, and the result
+// of a move, share all that the node is bound to; the node itself stays bound.
 namespace zel {
 
 /// The base of the four nodes. `Binding` holds the property.
@@ -82,8 +82,8 @@ private:
     ZEL_INTERNAL float3 valueOf(float3 const& p, long long index) const;
 };
 
-/// 1 where ScalarGeoPropertyTriggered, bound alike, reads an element, and 0 where it answers its
-/// default value.
+/// 1 where a ScalarGeoPropertyTriggered with the same binding reads an element, and 0 where it
+/// returns its default value.
 class ZEL_API ScalarGeoPropertyFound
     : public GeoPropertyNode<ScalarGeoPropertyFound, ScalarField, detail::ScalarPropertyBinding> {
 public:
@@ -94,8 +94,8 @@ private:
     ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
 };
 
-/// 1 where VectorGeoPropertyTriggered, bound alike, reads an element, and 0 where it answers its
-/// default value.
+/// 1 where a VectorGeoPropertyTriggered with the same binding reads an element, and 0 where it
+/// returns its default value.
 class ZEL_API VectorGeoPropertyFound
     : public GeoPropertyNode<VectorGeoPropertyFound, ScalarField, detail::VectorPropertyBinding> {
 public:

@@ -36,7 +36,7 @@ private:
     std::int64_t const seed;
 };
 
-/// A weighted sum of layers of 4-D simplex noise, worked out in double precision. Octave `i`
+/// A weighted sum of layers of 4-D simplex noise, computed in double precision. Octave `i`
 /// samples at the frequency `frequency / scaleRatio^i` and the fourth coordinate `timeRatio^i *
 /// time(p)`, with the weight `amplitudeRatio^i * amplitude`. If `octaves` has a fraction, the last
 /// octave's weight is multiplied by it. The sum is not normalised. 0 where `amplitude` or

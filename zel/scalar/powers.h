@@ -7,7 +7,7 @@
 
 namespace zel {
 
-/// field to the power of `exponent`, worked out in double precision; the gradient in single. No
+/// field to the power of `exponent`, computed in double precision; the gradient in single. No
 /// guard: a negative base with a fractional exponent is NaN, and a base of 0 with an exponent below
 /// 1 has an infinite gradient.
 class ZEL_API ScalarFieldPow : public PointwiseNode<ScalarFieldPow, ScalarField> {

@@ -38,7 +38,7 @@ private:
 };
 
 /// scale * field(p / scale), by components. A component of `scale` nearer to 0 than 2^-23 is taken
-/// as +2^-23. The gradient is the child's as it comes, which is the derivative only where all
+/// as +2^-23. The gradient is the child's, unscaled, which is the derivative only where all
 /// components of `scale` are equal.
 class ZEL_API VectorFieldScale : public TransformNode<VectorFieldScale, VectorField> {
 public:
