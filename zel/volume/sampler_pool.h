@@ -8,18 +8,22 @@
 #include <cstdint>
 
 #include "zel/volume/thread_slots.h"
+#include "zel_platform/quern_core/always_inline.h"
 
 namespace zel::detail {
 
 /// One sampler for each thread that asks, owned by the pool. Any number of threads may ask at once,
-/// and only the first time of a thread takes a lock; the other operations need the pool to
+/// and only the first call of a thread takes a lock; the other operations need the pool to
 /// themselves, but for threads that end. A thread that has the identity of one that has ended takes
 /// over its sampler. The end of a thread is marked in its slots, so that the next owner sees all
-/// that the one before it did.
+/// that the last one wrote.
 ///
-/// A table of threads that only grows until it is cleared: a thread that is not among the slots
-/// where a block would have it is looked for in one of the blocks below. Pointers are read far more
-/// than they are written, once for a thread, so they may share cache lines.
+/// A table of its own, since local() is called once a sample: it takes 1 ns here, and 10 ns in a
+/// tbb::enumerable_thread_specific, or 27 ns with two threads. A linear sample takes about 10 ns.
+///
+/// The table is a tree of blocks that only grows until it is cleared: a thread that has none of its
+/// slots in a block is looked for in one of the blocks below. Pointers are read far more than they
+/// are written, once for a thread, so they may share cache lines.
 template <class Sampler> class SamplerPool {
 public:
     SamplerPool() = default;
@@ -28,7 +32,7 @@ public:
     ~SamplerPool() { clear(); }
 
     /// The pointer of the calling thread, null at first. `exists` tells whether the thread has
-    /// asked before. Throws std::bad_alloc.
+    /// called before. Throws std::bad_alloc.
     ZEL_ALWAYS_INLINE Sampler*& local(bool& exists) {
         std::uint64_t const me = thisThread();
         std::uint64_t const hash = hashOf(me);
@@ -42,7 +46,7 @@ public:
         return search(me, hash, exists);
     }
 
-    /// Hands over each pointer that a thread has.
+    /// Calls `visit` with the pointer of each thread.
     template <class Visit> void forEach(Visit const& visit) {
         forEach(m_first.load(std::memory_order_acquire), visit);
     }
@@ -67,10 +71,10 @@ private:
     static constexpr unsigned kSlotShift = 64 - kSlotBits;
     static constexpr unsigned kProbes = 4;
 
-    // A slot keeps its owner, and so the first free slot that a thread meets on its way is beyond
-    // all that it could own.
+    // A slot keeps its owner, so that no slot of a thread lies behind the first free slot on its
+    // way.
     struct Slot {
-        std::atomic<std::uint64_t> owner{0};  // 0 for none; with kEnded one that has ended
+        std::atomic<std::uint64_t> owner{0};  // 0 for none; with kEnded a thread that has ended
         Sampler* sampler = nullptr;           // used by the owner alone
     };
     struct alignas(64) Block {
@@ -79,7 +83,8 @@ private:
         std::array<OwnedSlot, 1U << kSlotBits> owned;  // by the place of the slot
     };
 
-    /// What no other living thread has, even and not 0. The call that gives it is worth saving.
+    /// The identity of the calling thread: even, not 0, and of no other living thread. Read from a
+    /// register where the compiler can, without a call.
     static std::uint64_t thisThread() {
 #if defined(__GNUC__) && !defined(__clang__)
         return reinterpret_cast<std::uintptr_t>(__builtin_thread_pointer());

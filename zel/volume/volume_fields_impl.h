@@ -52,32 +52,48 @@ void VolumeNode<Self, Interface>::copyVolume(VolumeNode const& other) {
     *reader = *other.reader;
 }
 
+/// The position in the volume at which a position of the node is looked up.
+template <class Self, class Interface>
+ZEL_ALWAYS_INLINE inline float3
+VolumeNode<Self, Interface>::inVolume(float3 const& position) const {
+    if constexpr (Self::kHasScale)
+        return position * this->self().scale;
+    else
+        return position;
+}
+
+template <class Self, class Interface> bool VolumeNode<Self, Interface>::isScaled() const {
+    if constexpr (Self::kHasScale)
+        return this->self().scale != 1;
+    else
+        return false;
+}
+
 template <class Self, class Interface>
 auto VolumeNode<Self, Interface>::eval(float3 const& position, long long /*index*/) const -> Value {
-    return reader->value(this->self().inVolume(position));
+    return reader->value(inVolume(position));
 }
 
 template <class Self, class Interface>
 auto VolumeNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
     if constexpr (std::is_same_v<Value, float>) {
-        float3 const place = this->self().inVolume(position);
+        float3 const center = inVolume(position);
         float3 gradient;
-        if (reader->gradient(place, gradient)) return gradient;
-        // Around the place in the volume, so that the scale does not count twice.
-        if (this->self().isScaled())
-            return detail::gradientByDifferences<float3>(detail::Unscaled{*reader}, place, index);
+        if (reader->gradient(center, gradient)) return gradient;
+        // Around the position in the volume, so that the scale does not count twice.
+        if (isScaled())
+            return detail::gradientByDifferences<float3>(detail::Unscaled{*reader}, center, index);
     }
     return Interface::grad(position, index);
 }
 
-/// Where the positions of a block are looked up in the volume.
+/// The positions of a block, in the volume.
 template <class Self, class Interface>
-Columns<float3> VolumeNode<Self, Interface>::inVolume(Block& block) const {
-    if (!this->self().isScaled()) return block.positions();
+Columns<float3> VolumeNode<Self, Interface>::blockInVolume(Block& block) const {
+    if (!isScaled()) return block.positions();
     auto moved = block.result<float3>();
     mapBlock(
-        block, moved,
-        [node = &this->self()](float3 const& p) ZEL_ALWAYS_INLINE { return node->inVolume(p); },
+        block, moved, [this](float3 const& p) ZEL_ALWAYS_INLINE { return inVolume(p); },
         block.positions());
     return moved.columns;
 }
@@ -85,7 +101,7 @@ Columns<float3> VolumeNode<Self, Interface>::inVolume(Block& block) const {
 template <class Self, class Interface>
 void VolumeNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
     Block::Frame const frame(block);
-    reader->values(inVolume(block), block.count(), out.writer());
+    reader->values(blockInVolume(block), block.count(), out.writer());
 }
 
 template <class Self, class Interface>
@@ -93,22 +109,22 @@ void VolumeNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradi
     if constexpr (std::is_same_v<Value, float>)
         if (reader->hasGradients()) {
             Block::Frame const frame(block);
-            return reader->gradients(inVolume(block), block.count(), out.writer());
+            return reader->gradients(blockInVolume(block), block.count(), out.writer());
         }
     differencesInBlock(block, out);
 }
 
-/// The six values of a position next to each other, and not an axis of the block after the other:
-/// in that order a sampler mostly has the voxel already.
+/// Asks for the six values of a position in a row, not for those of all positions along one axis: a
+/// sampler then mostly stays in its voxel.
 template <class Self, class Interface>
 void VolumeNode<Self, Interface>::differencesInBlock(Block& block,
                                                      BlockResult<Gradient>& out) const {
     constexpr int kProbes = 6, kPositions = kBlockSize / kProbes;
-    // As in grad(): around the place in the volume, or around the position of the node.
+    // As in grad(): around the position in the volume, or around that of the node.
     constexpr bool kInVolume = std::is_same_v<Value, float>;
     auto const write = out.writer();
     Block::Frame const frame(block);
-    Columns<float3> const centers = kInVolume ? inVolume(block) : block.positions();
+    Columns<float3> const centers = kInVolume ? blockInVolume(block) : block.positions();
     auto probes = block.result<float3>();
     auto values = block.result<Value>();
     float* const divisors = block.allocate();
@@ -122,8 +138,8 @@ void VolumeNode<Self, Interface>::differencesInBlock(Block& block,
                 up[axis] = steps.up;
                 down[axis] = steps.down;
                 int const probe = kProbes * i + 2 * axis;
-                at.set(probe, kInVolume ? up : this->self().inVolume(up));
-                at.set(probe + 1, kInVolume ? down : this->self().inVolume(down));
+                at.set(probe, kInVolume ? up : inVolume(up));
+                at.set(probe + 1, kInVolume ? down : inVolume(down));
                 divisors[3 * i + axis] = steps.divisor;
             }
         reader->values(probes.columns, kProbes * count, values.writer());

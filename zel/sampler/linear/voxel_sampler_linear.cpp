@@ -230,9 +230,11 @@ void ZEL_DETAIL_LINEAR_SAMPLER::sampleBatch(float const* x, float const* y, floa
 }
 
 ZEL_DETAIL_LINEAR_HEAD
-void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(
-    float const* x, float const* y, float const* z, int count, int maxDepth, int space,
-    float* values, std::array<float*, 3> const& gradients) requires std::same_as<T, float> {
+template <std::same_as<float> Scalar>
+void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(float const* x, float const* y, float const* z,
+                                                    int count, int maxDepth, int space,
+                                                    Scalar* values,
+                                                    std::array<float*, 3> const& gradients) {
     forEachCell(x, y, z, count, maxDepth, space, [&](int i, CellBatch const& batch, unsigned n) {
         float3 g;
         float const v = value(batch.cell[n], batch.fraction(n), batch.depths[n], g);
@@ -244,5 +246,7 @@ void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(
 }
 
 ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_LINEAR, );
+ZEL_DETAIL_LINEAR_GRADIENTS(, BinaryTraits);
+ZEL_DETAIL_LINEAR_GRADIENTS(, QuinaryTraits);
 
 }  // namespace ORV::TileTree3D

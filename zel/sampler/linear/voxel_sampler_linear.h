@@ -55,8 +55,9 @@ public:
     }
 
     /// The value, and the exact gradient of the trilinear patch around the position by world units.
-    ZEL_ALWAYS_INLINE float sampleGradient(Position const& position, int maxDepth, int space,
-                                           float3& gradient) requires std::same_as<T, float> {
+    template <std::same_as<float> Scalar = T>
+    ZEL_ALWAYS_INLINE Scalar sampleGradient(Position const& position, int maxDepth, int space,
+                                            float3& gradient) {
         Internal::Int4 lijk;
         Internal::Float4 frac;
         if (!locateSampled(position, maxDepth, space, lijk, frac)) {
@@ -72,10 +73,10 @@ public:
     void sampleBatch(float const* x, float const* y, float const* z, int count, int maxDepth,
                      int space, std::array<float*, kFloats> const& values);
     /// sampleGradient() at `count` positions. `values` may be null.
-    void
-    sampleGradientBatch(float const* x, float const* y, float const* z, int count, int maxDepth,
-                        int space, float* values,
-                        std::array<float*, 3> const& gradients) requires std::same_as<T, float>;
+    template <std::same_as<float> Scalar = T>
+    void sampleGradientBatch(float const* x, float const* y, float const* z, int count,
+                             int maxDepth, int space, Scalar* values,
+                             std::array<float*, 3> const& gradients);
 
 private:
     /// A tile's samples with their halo, by the tile's index in its depth; -1 if there is none.
@@ -124,8 +125,9 @@ private:
         return cell.corner ? Internal::LinearCell<T>(cell.corner, cell.width).value(frac)
                            : m_defaultValue;
     }
-    float value(Cell const& cell, Internal::Float4 const& frac, int depth,
-                float3& gradient) const requires std::same_as<T, float> {
+    template <std::same_as<float> Scalar = T>
+    Scalar value(Cell const& cell, Internal::Float4 const& frac, int depth,
+                 float3& gradient) const {
         if (!cell.corner) {
             gradient = float3();
             return m_defaultValue;
@@ -165,6 +167,12 @@ using LinearSampler = VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0
 
 #define ZEL_DETAIL_LINEAR(prefix, Traits, T)                                                       \
     prefix template class VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0>
+#define ZEL_DETAIL_LINEAR_GRADIENTS(prefix, Traits)                                                \
+    prefix template void LinearSampler<Traits, float>::sampleGradientBatch<float>(                 \
+        float const*, float const*, float const*, int, int, int, float*,                           \
+        std::array<float*, 3> const&)
 ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_LINEAR, extern);
+ZEL_DETAIL_LINEAR_GRADIENTS(extern, BinaryTraits);
+ZEL_DETAIL_LINEAR_GRADIENTS(extern, QuinaryTraits);
 
 }  // namespace ORV::TileTree3D
