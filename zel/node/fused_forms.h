@@ -12,14 +12,18 @@
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
-// The stages of a fusion by which the nodes of the library are worked out, from the formulas that
-// their point forms use.
+// How nodes of the library take part in fusions: their stages, made of the formulas that their
+// point forms use, and what each base tells a Fuser. Private to the sources of the library's nodes.
 namespace zel {
 
 namespace detail {
 
-/// A stage that sets the tile to `formula(node, v...)`. Input number `inRegisters`, if that is not
-/// negative, is the tile as it was; the others are arrays.
+// The formulas of a stage are inlined into its loop over the tile, which becomes vector code. The
+// eight vectors come and go as arguments, since only then they stay in registers between stages.
+
+/// A stage of values: sets each float of the tile to `formula(node, v...)`. Input `inRegisters` is
+/// the tile that the stage is called with, the other inputs are arrays of the block; -1 means that
+/// all are.
 template <class Node, class Formula, int inRegisters, int... input>
 ZEL_WIDE_TARGET __attribute__((flatten)) void runStage(Stage const* stage, std::ptrdiff_t at,
                                                        Float8 v0, Float8 v1, Float8 v2, Float8 v3,
@@ -34,7 +38,7 @@ ZEL_WIDE_TARGET __attribute__((flatten)) void runStage(Stage const* stage, std::
     stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
 }
 
-/// A value and its gradient, and their places in a tile.
+/// A value and its gradient.
 struct Dual {
     using Value = float;
     using Gradient = float3;
@@ -42,6 +46,8 @@ struct Dual {
     float value;
     float3 gradient;
 };
+
+/// Reads and writes number `i` of the duals in a tile.
 ZEL_ALWAYS_INLINE inline Dual dualAt(float const* tile, int i) {
     constexpr int kSize = kDualTileSize;
     return {tile[i], {tile[kSize + i], tile[2 * kSize + i], tile[3 * kSize + i]}};
@@ -54,8 +60,8 @@ ZEL_ALWAYS_INLINE inline void setDual(float* tile, int i, Dual const& d) {
     tile[3 * kSize + i] = d.gradient.z;
 }
 
-/// The value and the gradient of a node by those of its children, as its point operations have
-/// them.
+/// The value and the gradient of a node from those of its children, by the form of the gradient
+/// that the node has: see PointwiseNode.
 template <class Node, std::same_as<Dual>... D>
 ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
     constexpr GradientForm kForm = gradientForm<Node, D...>;
@@ -82,8 +88,8 @@ ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
     }
 }
 
-/// A stage that sets the tile to the duals of a node. Child number `inRegisters`, if that is not
-/// negative, is the tile as it was; the others are tiles in memory.
+/// A stage of duals: sets the tile to the duals of a node. Child `inRegisters` is the tile that the
+/// stage is called with, the other children are spill tiles; -1 means that all are.
 template <class Node, int inRegisters, int... child>
 ZEL_WIDE_TARGET __attribute__((flatten)) void
 runDualStage(Stage const* stage, std::ptrdiff_t at, Float8 v0, Float8 v1, Float8 v2, Float8 v3,
@@ -98,7 +104,7 @@ runDualStage(Stage const* stage, std::ptrdiff_t at, Float8 v0, Float8 v1, Float8
     stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
 }
 
-/// The same of a leaf, whose inputs are the positions.
+/// A stage of duals of a leaf, whose inputs are the positions in the block.
 template <class Node>
 ZEL_WIDE_TARGET __attribute__((flatten)) void
 runDualLeafStage(Stage const* stage, std::ptrdiff_t at, Float8 /*v0*/, Float8 /*v1*/, Float8 /*v2*/,
@@ -128,14 +134,13 @@ struct ChildrenFormula {
     }
 };
 
-/// Adds a node, whose children the numbers `child` count, with a stage for each place of its
-/// inputs.
+/// Adds a node with its stages: one for all children in memory, and one for each child in the
+/// registers. The children have the numbers `child`, from 0 on.
 template <class Node, int... child, class... Child>
 void describeFormula(Fuser& fuser, Node const& node,
                      std::integer_sequence<int, child...> /*numbers*/,
                      Quern::Ptr<Child> const&... children) {
     static_assert(sizeof...(child) <= std::tuple_size_v<decltype(Stage::in)>);
-    // A form for each child, after the one without.
     static constexpr Stage::Run values[] = {
         runStage<Node, ChildrenFormula, -1, child...>,
         runStage<Node, ChildrenFormula, child, child...>...,
@@ -148,7 +153,7 @@ void describeFormula(Fuser& fuser, Node const& node,
     fuser.addFormula(node, &node, {values, duals, kChooses}, {&children...});
 }
 
-/// Describes a node by its base.
+/// Describes a node to a Fuser, by the base that the node has.
 template <class Node, class Interface> struct FusedForm {
     static void describe(Node const& node, Fuser& fuser) {
         if constexpr (std::derived_from<Node, LeafNode<Node, Interface>>)
