@@ -193,7 +193,7 @@ TYPED_TEST(Linear, IsTrilinearBetweenHaloOrRingSamples) {
                             return inverse *
                                    trilinear(
                                        [&](int, int a, int b) { return f(1, a, b) - f(0, a, b); },
-                                       {0, u, v});
+                                       float3{0, u, v});
                         };
                         gradient = {
                             between(cell, t[1], t[2]),
