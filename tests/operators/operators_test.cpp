@@ -32,6 +32,9 @@ TEST(Derivatives, AreThoseOfTheChild) {
     EXPECT_EQ(VectorFieldCurl(v({}, kMatrixA)).eval(kPosition, kIndex),
               (float3{-7 - 5, -3 - 6, 0.5F - 2}));
     EXPECT_EQ(ScalarFieldDivergence(v({}, kMatrixA)).eval(kPosition, kIndex), 1 - 4 + 8);
+    // x and y meet first, so the 1 is lost.
+    float3x3 const large{{{1e8F, 0, 0}, {0, 1, 0}, {0, 0, -1e8F}}};
+    EXPECT_EQ(ScalarFieldDivergence(v({}, large)).eval(kPosition, kIndex), 0);
     EXPECT_EQ(ScalarFieldGradient(s(0, kB)).eval(kPosition, kIndex), kB);
     // Second derivatives, by differences of the first.
     ScalarPtr const x = makePtr<ScalarFieldXPosition>(), y = makePtr<ScalarFieldYPosition>();

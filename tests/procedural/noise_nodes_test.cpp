@@ -95,13 +95,11 @@ TEST(FractalTurbulence, AddsOctavesInSinglePrecision) {
 }
 
 /// A constant that counts how often it is asked.
-class CountedConstant : public ScalarFieldConstant {
-public:
+struct CountedConstant : ScalarFieldConstant {
     using ScalarField::eval;
     using ScalarFieldConstant::ScalarFieldConstant;
     float eval(float3 const& p, long long i) const override {
-        ++count;
-        return ScalarFieldConstant::eval(p, i);
+        return ++count, ScalarFieldConstant::eval(p, i);
     }
     mutable int count = 0;
 };

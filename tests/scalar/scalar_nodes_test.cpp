@@ -78,6 +78,7 @@ TEST(ScalarNodes, Transcendental) {
     check(ScalarRows{
         {arcSine(1), kPi / 2, none, kRounding},
         {arcSine(-2), kNaN, nan},
+        {arcSine(2), kNaN, none},
         {arcCosine(1), 0, none},
         {arcCosine(-2), kNaN, nan},
         {angle(0, -0.0F), kPi, {1e4F, -2e4F, 4e4F}, kRounding},

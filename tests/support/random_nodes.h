@@ -125,6 +125,9 @@ public:
     operator bool() const { return random() % 2; }
     operator std::int64_t() const { return static_cast<std::int64_t>(random()) << 8; }
 
+protected:
+    mutable std::mt19937 random;
+
 private:
     template <class Pool> typename Pool::value_type pick(Pool const& pool) const {
         return pool[pool.size() - 1 - std::min<std::size_t>(random() % 8, pool.size() - 1)];
@@ -136,10 +139,52 @@ private:
             vectors.push_back(std::move(node));
     }
 
-    mutable std::mt19937 random;
     std::vector<ScalarPtr> scalars;
     std::vector<VectorPtr> vectors;
     std::vector<void (*)(RandomNodes&)> grow;
+};
+
+/// Makes scalar trees of light nodes, most of which have one parent; of three seeds one has others
+/// among them, and one also a user's.
+class RandomTrees : public RandomNodes {
+public:
+    RandomTrees(unsigned seed, unsigned nodes) : RandomNodes(seed), left(nodes), kinds(seed % 3) {}
+    operator ScalarPtr() const {
+        // The next of its parent's children gets what this one leaves.
+        auto const share = random() % 3 ? static_cast<unsigned>(random() % (left + 1)) : left;
+        unsigned const rest = left - share;
+        ScalarPtr tree;
+        if (share > 0) {
+            left = share - 1;
+            tree = one<ScalarFieldAbsolute, ScalarFieldNegative, ScalarFieldClamp,
+                       ScalarFieldSquareRoot, ScalarFieldMask, ScalarFieldLerp, ScalarFieldLerp,
+                       ScalarFieldMin, ScalarFieldMax, ScalarFieldMultiply, ScalarFieldDivide,
+                       ScalarFieldSubtract, ScalarFieldAdd, ScalarFieldSine, ScalarFieldTranslate,
+                       ScalarFieldSwitch, ScalarFieldWarp, OwnSum>(std::array{13U, 17U, 18U});
+            left += rest;
+        } else if (!shared.empty() && random() % 8 == 0) {
+            return shared[random() % shared.size()];
+        } else {
+            tree = one<ScalarFieldXPosition, ScalarFieldZPosition, ScalarFieldConstant,
+                       ScalarFieldSphere, ScalarFieldPlane, ScalarFieldImplicitBox, OwnScalar>(
+                std::array{5U, 6U, 7U});
+        }
+        if (random() % 8 == 0) shared.push_back(tree);
+        return tree;
+    }
+    operator VectorPtr() const { return makePtr<ScalarFieldGradient>(ScalarPtr(*this)); }
+
+private:
+    template <class... Node> ScalarPtr one(std::array<unsigned, 3> const& counts) const {
+        using Make = ScalarPtr (*)(RandomTrees const&);
+        constexpr Make kMakers[] = {
+            [](RandomTrees const& trees) -> ScalarPtr { return construct<Node>(trees); }...};
+        return kMakers[random() % counts[kinds]](*this);
+    }
+
+    mutable unsigned left;
+    unsigned kinds;
+    mutable std::vector<ScalarPtr> shared;
 };
 
 }  // namespace support

@@ -105,27 +105,15 @@ struct VectorChild {
     VectorPtr node = v(value, gradient);
     double3 at(int axis, double h) const {
         float3x3 const& g = gradient;
-        return double3(value) + double3{g[0][axis], g[1][axis], g[2][axis]} * h;
+        return double3(value) + double3(g[0][axis], g[1][axis], g[2][axis]) * h;
     }
 };
-Child any() {
-    return {number(-3, 3)};
-}
-Child belowOne() {
-    return {number(-0.9, 0.9)};
-}
-Child positive() {
-    return {number(0.5, 3)};
-}
-Child negative() {
-    return {number(-3, -0.5)};
-}
-VectorChild vector() {
-    return {numbers(-3, 3)};
-}
-VectorChild positives() {
-    return {numbers(0.5, 3)};
-}
+constexpr auto any = [] { return Child{number(-3, 3)}; };
+constexpr auto belowOne = [] { return Child{number(-0.9, 0.9)}; };
+constexpr auto positive = [] { return Child{number(0.5, 3)}; };
+constexpr auto negative = [] { return Child{number(-3, -0.5)}; };
+constexpr auto vector = [] { return VectorChild{numbers(-3, 3)}; };
+constexpr auto positives = [] { return VectorChild{numbers(0.5, 3)}; };
 
 template <class... Makers> auto from(Makers... makers) {
     return std::tuple<Makers...>(makers...);
@@ -142,12 +130,8 @@ void of(auto const& f, std::tuple<Makers...> const& makers, Parameter... paramet
         return std::apply([&](auto... make) { return compareWith(make()...); }, makers);
     });
 }
-template <class Node> void unary(double (*f)(double), Child (*child)() = any) {
-    of<Node>(f, from(child));
-}
-template <class Node> void binary(double (*f)(double, double), Child (*second)() = any) {
-    of<Node>(f, from(any, second));
-}
+using Unary = double (*)(double);
+using Binary = double (*)(double, double);
 /// A node beside `f` of the position.
 template <class Node> void at(auto const& f, Node const& node) {
     compareMany<Node>([&] {
@@ -158,7 +142,7 @@ template <class Node> void at(auto const& f, Node const& node) {
 }
 
 constexpr auto componentwise = [](auto f) {
-    return [=](auto... a) { return double3{f(a.x...), f(a.y...), f(a.z...)}; };
+    return [=](auto... a) { return double3(f(a.x...), f(a.y...), f(a.z...)); };
 };
 constexpr auto choose = [](double condition, auto a, auto b) { return condition > 0 ? a : b; };
 constexpr auto mix = [](auto a, auto b, double t) { return a + (b - a) * t; };
@@ -175,25 +159,25 @@ TEST(Derivatives, OfScalarNodes) {
     of<ScalarFieldMultiply>(std::multiplies<>(), kk);
     of<ScalarFieldDivide>(std::divides<>(), from(any, positive));
     of<ScalarFieldDivide>(std::divides<>(), from(any, negative));
-    binary<ScalarFieldMax>(std::fmax);
-    binary<ScalarFieldMin>(std::fmin);
+    of<ScalarFieldMax>(Binary(std::fmax), kk);
+    of<ScalarFieldMin>(Binary(std::fmin), kk);
     of<ScalarFieldMask>([](double u) { return u > 0 ? 1.0 : 0.0; }, k);
     of<ScalarFieldClamp>([](double u) { return std::clamp(u, -0.5, 0.75); }, k, -0.5F, 0.75F);
     of<ScalarFieldSwitch>(choose, from(any, any, any));
-    unary<ScalarFieldAbsolute>(std::fabs);
+    of<ScalarFieldAbsolute>(Unary(std::fabs), k);
     of<ScalarFieldPow>([](double u) { return 1 / (u * std::sqrt(u)); }, from(positive), -1.5F);
     of<ScalarFieldPow>([](double u) { return u * u * u; }, k, 3.0F);
-    unary<ScalarFieldSquareRoot>(std::sqrt, positive);
-    unary<ScalarFieldExp>(std::exp);
+    of<ScalarFieldSquareRoot>(Unary(std::sqrt), from(positive));
+    of<ScalarFieldExp>(Unary(std::exp), k);
     of<ScalarFieldLerp>(mix, from(any, any, any));
-    unary<ScalarFieldSine>(std::sin);
-    unary<ScalarFieldCosine>(std::cos);
-    unary<ScalarFieldTangent>(std::tan, belowOne);
-    unary<ScalarFieldArcSine>(std::asin, belowOne);
-    unary<ScalarFieldArcCosine>(std::acos, belowOne);
-    unary<ScalarFieldArcTangent>(std::atan);
-    binary<ScalarFieldArcTangent_2D>(std::atan2, positive);
-    binary<ScalarFieldArcTangent_2D>(std::atan2, negative);
+    of<ScalarFieldSine>(Unary(std::sin), k);
+    of<ScalarFieldCosine>(Unary(std::cos), k);
+    of<ScalarFieldTangent>(Unary(std::tan), from(belowOne));
+    of<ScalarFieldArcSine>(Unary(std::asin), from(belowOne));
+    of<ScalarFieldArcCosine>(Unary(std::acos), from(belowOne));
+    of<ScalarFieldArcTangent>(Unary(std::atan), k);
+    of<ScalarFieldArcTangent_2D>(Binary(std::atan2), from(any, positive));
+    of<ScalarFieldArcTangent_2D>(Binary(std::atan2), from(any, negative));
     of<VectorFieldXComponent>([](double3 a) { return a.x; }, v1);
     of<VectorFieldYComponent>([](double3 a) { return a.y; }, v1);
     of<VectorFieldZComponent>([](double3 a) { return a.z; }, v1);
@@ -204,21 +188,15 @@ TEST(Derivatives, OfScalarNodes) {
 }
 
 TEST(Derivatives, OfVectorNodes) {
-    of<VectorFieldFromComponents>(
-        [](double a, double b, double c) {
-            return double3{a, b, c};
-        },
-        from(any, any, any));
+    of<VectorFieldFromComponents>([](double a, double b, double c) { return double3(a, b, c); },
+                                  from(any, any, any));
     of<VectorFieldAdd>(std::plus<>(), vv);
     of<VectorFieldSubtract>(std::minus<>(), vv);
     of<VectorFieldNegative>([](double3 a) { return a * -1; }, v1);
     of<VectorFieldMultiply>(componentwise(std::multiplies<>()), vv);
     of<VectorFieldDivide>(componentwise(std::divides<>()), from(vector, positives));
-    of<VectorFieldPow>(
-        [](double3 a) {
-            return double3{std::sqrt(a.x), a.y * a.y, 1 / a.z};
-        },
-        from(positives), float3{0.5F, 2, -1});
+    of<VectorFieldPow>([](double3 a) { return double3(std::sqrt(a.x), a.y * a.y, 1 / a.z); },
+                       from(positives), float3{0.5F, 2, -1});
     of<VectorFieldSquareRoot>(componentwise([](double u) { return std::sqrt(u); }),
                               from(positives));
     of<VectorFieldCross>(crossed, vv);
@@ -261,11 +239,8 @@ TEST(Derivatives, OfFunctionsOfThePosition) {
     at([](double3) { return -1.25; }, ScalarFieldConstant(-1.25F));
     at([&](double3) { return o; }, VectorFieldConstant(point));
     at([&](double3) { return o; }, VectorFieldConstantArray(Quern::Array<float3>(3, point)));
-    at(
-        [&](double3 p) {
-            return inner(p - o, {2, -3, 6}) / 7;
-        },
-        ScalarFieldPlane(point, {2, -3, 6}));
+    at([&](double3 p) { return inner(p - o, double3(2, -3, 6)) / 7; },
+       ScalarFieldPlane(point, {2, -3, 6}));
     at([&](double3 p) { return norm(p - o) - 0.5; }, ScalarFieldSphere(point, 0.5F));
     at(
         [&](double3 p) {
@@ -276,11 +251,8 @@ TEST(Derivatives, OfFunctionsOfThePosition) {
         ScalarFieldImplicitBox(point, -0.75F, 2.5F));
     at([&](double3 p) { return Hill::of(p - o); }, ScalarFieldTranslate(hill, point));
     at([&](double3 p) { return Bent::of(p - o); }, VectorFieldTranslate(bent, point));
-    at(
-        [&](double3 p) {
-            return Hill::of(double3{p.x / 2, p.y / -0.5, p.z * 0.8});
-        },
-        ScalarFieldScale(hill, float3{2, -0.5F, 1.25F}));
+    at([&](double3 p) { return Hill::of(double3(p.x / 2, p.y / -0.5, p.z * 0.8)); },
+       ScalarFieldScale(hill, float3{2, -0.5F, 1.25F}));
     at([&](double3 p) { return Bent::of(p * -0.5) * -2; },
        VectorFieldScale(bent, float3{-2, -2, -2}));
     at([&](double3 p) { return Hill::of(turned(p, axis, norm(axis))); },

@@ -1,7 +1,10 @@
 #include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <set>
 
-#include "support/every_node.h"
-#include "support/probe.h"
+#include "support/random_nodes.h"
 
 // What holds for every class of node.
 using namespace support;
@@ -11,7 +14,8 @@ namespace {
 
 /// Children named a, b, ..., in the order of the constructor's arguments, that log their hooks and
 /// expect an index that does not fit into 32 bits.
-struct Children {
+struct Children : RandomNodes {
+    Children() : RandomNodes(7) {}
     template <class Interface> struct Child : Interface {
         Child(char name, std::string& log) : name(name), log(&log) {}
         using Interface::eval;
@@ -35,17 +39,6 @@ struct Children {
     }
     operator ScalarPtr() const { return next<ScalarField>(); }
     operator VectorPtr() const { return next<VectorField>(); }
-    operator Quern::Ptr<Orvane::Math::FCurve>() const { return makePtr<Orvane::Math::FCurve>(); }
-    operator Quern::Array<float3>() const { return {{1, 2, 3}}; }
-    operator Quern::String() const { return "p"; }
-    operator Orvane::Object() const { return {}; }
-    operator SamplerType() const { return SamplerType::kLinear; }
-    operator float3() const { return {1, 2, 3}; }
-    operator float() const { return 1; }
-    operator int() const { return 1; }
-    operator bool() const { return true; }
-    operator std::int64_t() const { return 1; }
-
     mutable std::vector<Field const*> made;
     mutable std::string log;
 };
@@ -59,6 +52,20 @@ struct Walked : FieldVisitor {
 };
 
 }  // namespace
+
+TEST(EveryNode, IsInTheListOfThem) {
+    std::set<std::string> declared, listed;
+    std::regex const node("class ZEL_API (\\w+)\\s*:\\s*public\\s+\\w+<\\1,");
+    for (auto const& file : std::filesystem::recursive_directory_iterator(ZEL_TEST_SOURCES)) {
+        if (file.path().extension() != ".h") continue;
+        std::ifstream stream(file.path());
+        std::string const text(std::istreambuf_iterator<char>(stream), {});
+        for (std::sregex_iterator found(text.begin(), text.end(), node), end; found != end; ++found)
+            declared.insert("zel::" + found->str(1));
+    }
+    forEveryNode([&]<class Node>(std::string const& name) { listed.insert(name); });
+    EXPECT_EQ(listed, declared);
+}
 
 TEST(EveryNode, HasItsNameAndWalksHooksAndAsksItsChildren) {
     forEveryNode([]<class Node>(std::string const& name) {
