@@ -30,14 +30,14 @@ void Fusion::bindViews(Block& block) {
     auto const& at = block.positions().component;
     if (m_boundAt == at) return;
     m_boundAt = {};
-    bool lasting = true;
+    bool persistent = true;
     for (int const stage : m_parts.leafStages) m_parts.stages[static_cast<unsigned>(stage)].in = at;
     for (ViewOperand const& operand : m_parts.views) {
         Columns<float> const values = operand.view(operand.node, block);
         input(operand.input) = values.component[0];
-        lasting = lasting && values.lasting;
+        persistent = persistent && values.lasting;
     }
-    if (lasting) m_boundAt = at;
+    if (persistent) m_boundAt = at;
 }
 
 void Fusion::run(Block& block, BlockResult<float>& out) {

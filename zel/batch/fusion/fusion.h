@@ -43,7 +43,7 @@ private:
     Parts m_parts;
     bool m_isRunning = false;
     Columns<Orvane::Math::float3>::Components
-        m_boundAt{};  // the positions for which views are bound, if lasting
+        m_boundAt{};  // the positions for which views are bound, if persistent
 };
 
 }  // namespace detail
