@@ -13,8 +13,8 @@ namespace {
 /// Guards the lists of all threads.
 constinit std::mutex mutex;
 
-/// Whether the ends of threads are no longer marked, as the program or the use of the library ends.
-/// Then the lists may lead to threads that are gone, and nobody follows them.
+/// Whether the ends of threads are no longer marked, since the program ends or the library is
+/// unloaded. The lists may then contain threads that are gone, and must not be read.
 constinit std::atomic<bool> isOver = false;
 
 thread_local constinit OwnedSlot* ownSlots = nullptr;

@@ -4,21 +4,21 @@
 #include <cstdint>
 #include <span>
 
-// What a thread owns in the sampler pools, so that its end can be marked there.
+// The slots of sampler pools that each thread owns, so that its end can be marked there.
 namespace zel::detail {
 
-/// A slot in the list of those that one thread owns.
+/// A slot in the list of slots that one thread owns.
 struct OwnedSlot {
     std::atomic<std::uint64_t>* owner = nullptr;  ///< the slot's field that names the thread
     OwnedSlot* next = nullptr;
-    OwnedSlot** link = nullptr;  ///< what points to it; null while it is in no list
+    OwnedSlot** link = nullptr;  ///< the pointer to this slot; null while it is in no list
 };
 
-/// Set, with release order, in the owner of each slot of a thread as that thread ends. No thread's
-/// name has it.
+/// The bit that is set, with release order, in the owner of each slot of a thread as that thread
+/// ends. No identity of a thread has it.
 inline constexpr std::uint64_t kEnded = 1;
 
-/// Has endings of the calling thread marked. Throws std::bad_alloc.
+/// Makes the end of the calling thread be marked. Throws std::bad_alloc.
 void watchThread();
 /// Puts a slot in the list of the calling thread, which is watched. Takes a lock.
 void own(OwnedSlot& slot, std::atomic<std::uint64_t>& owner) noexcept;

@@ -36,8 +36,8 @@ template <class Traits, class T> struct BoundVolume {
     mutable SamplerPool<CubicSampler<Traits, T>> cubic;
 };
 
-/// What a volume node is bound to, and the samplers that it reads it with. The kind of tree is
-/// known at run time alone.
+/// The volume that a node is bound to, and its samplers. The kind of tree is known at run time
+/// only.
 ///
 /// Values and gradients may be asked for from any number of threads at once. All else needs the
 /// reader to itself.
@@ -45,8 +45,8 @@ template <class T> class VolumeReader {
 public:
     VolumeReader(Quern::String const& channelName, SamplerType type);
 
-    /// Binds to the volume of an object, in place of an earlier one. If the object has none, what
-    /// was bound stays. Throws what that takes; what was found until then stays bound.
+    /// Binds to the volume of an object, in place of an earlier one, which stays if the object has
+    /// none. If a step throws, the exception passes; the components found until then stay bound.
     void bind(Orvane::Object const& object);
 
     bool isBound() const;

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cmath>
 
+#include "zel/sampler/common/offset_type.h"
+
 namespace ORV::TileTree3D {
 
 namespace {
 
-/// The cell of eight samples of a tile that a point lies in: its lowest voxel, and how far above
-/// that voxel's sample the point lies, in voxels.
+/// The cell of eight samples of a tile around a point: its lowest voxel, and how far above that
+/// voxel's sample the point lies, in voxels.
 template <class Traits> struct Cell {
     TileOf<Traits> const* tile;
     int3 lijk;
@@ -17,19 +19,18 @@ template <class Traits> struct Cell {
     int3 corner() const { return tile->tijk() + lijk * tile->voxelDataWidth(); }
 };
 
-/// The cell below a tile's data points: that of the samples at or just below the place of a data
-/// point of `depth`, which is finer than the tile. It may be one of a tile below; that may be
-/// coarser, or not exist.
+/// The cell around a data point of `depth`, which is finer than the tile over that point. The
+/// lowest sample of the cell may be one of a tile below, which may be coarser, or not exist.
 template <class Traits>
-Cell<Traits> cellAtTruePlace(TileOf<Traits> const& in, int3 const& tijk, int depth,
-                             VoxelOffsetType offsetType,
-                             typename Container<Traits>::ConstTileAccessor const& accessor) {
+Cell<Traits> cellAround(TileOf<Traits> const& in, int3 const& tijk, int depth,
+                        VoxelOffsetType offsetType,
+                        typename Container<Traits>::ConstTileAccessor const& accessor) {
     // Offsets are 0 or half a voxel, and lattice points less than 2^31, so a double is exact.
     double const width = TileOf<Traits>::voxelDataWidth(depth);
-    double place[3], offset[3];
+    double point[3], offset[3];
     for (int axis = 0; axis < 3; ++axis) {
         offset[axis] = (offsetType >> axis & 1) != 0 ? 0.0 : 0.5;
-        place[axis] = tijk[axis] + width * offset[axis];
+        point[axis] = tijk[axis] + width * offset[axis];
     }
     Cell<Traits> cell{&in, {}, {}};
     int3 corner;
@@ -37,11 +38,11 @@ Cell<Traits> cellAtTruePlace(TileOf<Traits> const& in, int3 const& tijk, int dep
         double const w = cell.tile->voxelDataWidth();
         for (int axis = 0; axis < 3; ++axis)
             cell.lijk[axis] = static_cast<int>(
-                std::floor((place[axis] - cell.tile->tijk()[axis] - w * offset[axis]) / w));
+                std::floor((point[axis] - cell.tile->tijk()[axis] - w * offset[axis]) / w));
         corner = cell.corner();
     };
     locate();
-    // Each turn ends in the tile of that corner, or in one that is coarser.
+    // Each pass ends in the tile of that corner, or in a coarser one.
     while (!cell.tile->contains(corner) && cell.tile->depth() > 0) {
         cell.tile = &accessor.tile(corner.x, corner.y, corner.z, cell.tile->depth());
         if (!cell.tile->exists()) return cell;
@@ -49,7 +50,7 @@ Cell<Traits> cellAtTruePlace(TileOf<Traits> const& in, int3 const& tijk, int dep
     }
     double const w = cell.tile->voxelDataWidth();
     for (int axis = 0; axis < 3; ++axis)
-        cell.frac[axis] = static_cast<float>((place[axis] - (corner[axis] + w * offset[axis])) / w);
+        cell.frac[axis] = static_cast<float>((point[axis] - (corner[axis] + w * offset[axis])) / w);
     return cell;
 }
 
@@ -62,8 +63,8 @@ T sampleAt(DataChannel<Traits, T> const& channel, TileOf<Traits> const& tile, in
                    : channel.defaultValue();
 }
 
-/// The blend over a cell. The corners beyond the tile that have no sample of its depth are points
-/// of a coarser tile.
+/// The blend over a cell. Corners beyond the tile are read from its neighbours, or from a coarser
+/// tile where there is no neighbour of its depth.
 template <class Traits, class T>
 T blendCell(Cell<Traits> const& cell, VoxelOffsetType offsetType,
             DataChannel<Traits, T> const& channel,
@@ -102,7 +103,7 @@ T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
                   typename Container<Traits>::ConstTileAccessor const& accessor) {
     if (!tile.exists() || tile.depth() < channel.minDepth()) return channel.defaultValue();
     if (offsetType != kOnVoxelCorners && tile.depth() != depth) {
-        auto const cell = cellAtTruePlace<Traits>(tile, tijk, depth, offsetType, accessor);
+        auto const cell = cellAround<Traits>(tile, tijk, depth, offsetType, accessor);
         if (cell.tile->depth() < 1) return channel.defaultValue();
         return blendCell<Traits, T>(cell, offsetType, channel, accessor);
     }

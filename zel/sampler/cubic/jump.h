@@ -8,16 +8,16 @@
 namespace ORV::TileTree3D {
 
 /// The value of a channel at the data point of the voxel of `depth` whose low corner is the lattice
-/// point `tijk`: its sample where the tree has that voxel; else a blend of the eight samples around
-/// it of the deepest tile there, at its true place, which `offsetType` tells. The channel's default
-/// value outside the tree, above the channel's minimum depth, and where the blend would be one of
-/// the root's samples.
+/// point `tijk`. It is the voxel's sample where the tree has that voxel; else a blend of the eight
+/// samples around the data point, whose position `offsetType` tells, of the deepest tile there. The
+/// channel's default value outside the tree, above the channel's minimum depth, and instead of a
+/// blend of the root's samples.
 template <class Traits, class T>
 T sampleChannelPoint(int3 const& tijk, int depth, VoxelOffsetType offsetType,
                      DataChannel<Traits, T> const& channel,
                      typename Container<Traits>::ConstTileAccessor const& accessor);
 
-/// The same, with the deepest tile over the point that is no deeper than `depth` at hand.
+/// The same, in the deepest tile over the point that is no deeper than `depth`.
 template <class Traits, class T>
 T sampleTilePoint(TileOf<Traits> const& tile, int3 const& tijk, int depth,
                   VoxelOffsetType offsetType, DataChannel<Traits, T> const& channel,

@@ -9,7 +9,7 @@
 #include "zel_platform/orvane_math/vectors.h"
 
 // The arithmetic of the cubic sampler: the one-dimensional interpolants, uniform and not. Each
-// stands once, for a lane that is a float or a vector of four, which run the same operations.
+// formula stands once, for a float and for four floats in a register, with the same operations.
 namespace ORV::TileTree3D {
 
 /// The interpolant through four points 0, 1, 2, 3, for a sample between 1 and 2.
@@ -26,6 +26,7 @@ namespace Internal {
 
 using Orvane::Math::float3;
 
+/// The form of a value in a register, for the kernels.
 template <class T> struct RegisterTraits;
 template <> struct RegisterTraits<float> {
     using Register = float;
@@ -88,8 +89,8 @@ template <class V> void limitSlopes(V& d, V& m1, V& m2) {
     d = std::bit_cast<V>(bits & rises);
 }
 
-/// What the interpolant of a type is made of, for points one step apart, at a fraction t of the
-/// step from point 1: weights, or the powers of t. Of a float, or of a fraction a lane.
+/// What the interpolant of a type takes from the fraction t of the step from point 1, for points
+/// one step apart: weights, or the powers of t. For one fraction, or one in each lane.
 template <int Type, class V> struct UniformWeights {
     V a{}, b{}, c{}, d{};
 
@@ -144,8 +145,8 @@ private:
     float m_a, m_b, m_c, m_d;
 };
 
-/// The interpolant of a type through points at rising places x0 to x3, at x. Places that coincide
-/// divide by zero.
+/// The interpolant of a type through points at rising positions x0 to x3, at x. Positions that
+/// coincide divide by zero.
 template <int Type, class V> V nonUniform(V f0, V f1, V f2, V f3, float const (&p)[4], float x) {
     float const x0 = p[0], x1 = p[1], x2 = p[2], x3 = p[3];
     float const h0 = x1 - x0, h1 = x2 - x1, h2 = x3 - x2;
@@ -176,7 +177,7 @@ template <int Type, class V> V nonUniform(V f0, V f1, V f2, V f3, float const (&
     }
 }
 
-/// Calls `function` with the type as a compile-time constant, -1 for one that is none.
+/// Calls `function` with the type as a compile-time constant, or with -1 for any other number.
 template <class Function> decltype(auto) withType(std::int32_t type, Function&& function) {
     switch (type) {
     case kQuadraticC0Averaged:

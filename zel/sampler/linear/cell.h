@@ -4,12 +4,12 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// The eight samples around a position, and what lies between them: along x first, then y, then z.
+/// The eight samples around a position, interpolated along x first, then y, then z.
 template <class T> class LinearCell;
 
 template <> class LinearCell<float> {
 public:
-    /// From tile data `width` samples wide, at its lowest sample.
+    /// From the lowest sample, in tile data `width` samples wide.
     LinearCell(float const* corner, int width)
         : m_low(load(corner, corner + width)),
           m_high(load(corner + width * width, corner + width * width + width)) {}
@@ -21,7 +21,7 @@ public:
     }
     /// The value, and the gradient by the position in voxels, times `perVoxel`: blends of the
     /// differences along an axis, by the two other coordinates.
-    float value(Float4 const& t, float perVoxel, Orvane::Math::float3& gradient) const {
+    float value(Float4 const& t, float perVoxel, float3& gradient) const {
         Float4 const rows = alongX(t);
         Float4 const dx = odd(m_low, m_high) - even(m_low, m_high);
         Float4 const dy = __builtin_shufflevector(m_low, m_high, 2, 3, 6, 7) -
@@ -50,11 +50,11 @@ private:
     Float4 m_low, m_high;  ///< of the lower z and the higher one: two along x, then the next y
 };
 
-template <> class LinearCell<Orvane::Math::float3> {
+template <> class LinearCell<float3> {
 public:
-    LinearCell(Orvane::Math::float3 const* corner, int width) : m_corner(corner), m_width(width) {}
+    LinearCell(float3 const* corner, int width) : m_corner(corner), m_width(width) {}
 
-    Orvane::Math::float3 value(Float4 const& t) const {
+    float3 value(Float4 const& t) const {
         Float4 const low = lerp(row(0, t[0]), row(m_width, t[0]), t[1]);
         int const slice = m_width * m_width;
         Float4 const high = lerp(row(slice, t[0]), row(slice + m_width, t[0]), t[1]);
@@ -69,7 +69,7 @@ private:
         return lerp(load(six), __builtin_shufflevector(last, last, 1, 2, 3, 3), t);
     }
 
-    Orvane::Math::float3 const* m_corner;
+    float3 const* m_corner;
     int m_width;
 };
 

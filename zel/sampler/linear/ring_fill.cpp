@@ -20,7 +20,7 @@ NeighborDirection neighborOf(Direction const& d) {
 
 template <class Traits> constexpr int kWidth = Traits::kSamples + 2;
 
-/// The place of an index of a ring tile, counted from its corner.
+/// The offset of a sample of a ring tile from its corner.
 template <class Traits> constexpr int flatRing(int i, int j, int k) {
     return i + 1 + kWidth<Traits> * (j + 1 + kWidth<Traits> * (k + 1));
 }
@@ -46,7 +46,7 @@ template <class Traits, class Action> void forSamples(Direction const& d, Action
             for (int x = first(0); x < end(0); ++x) action(int3{x, y, z}, number++);
 }
 
-/// Where the samples of a child lie along an axis among those of its parent.
+/// The positions of a child's samples along one axis, among those of its parent.
 template <class Traits> class ParentAxis {
 public:
     static constexpr int kSpan = Traits::kBranch == 2 ? 2 : 1;  ///< parent voxels under a child
@@ -61,12 +61,12 @@ public:
 
     /// Sample `s` of the child, from `samples` of the parent that are `step` apart.
     template <class T> T interpolate(T const* samples, int step, int s) const {
-        // Counted from the first parent sample, in halves of a voxel of the child. A sample of the
-        // child that falls on one of the parent is reached from below if samples are at the middle.
+        // Counted from the first parent sample, in halves of a voxel of the child. With samples at
+        // the middle of voxels, a sample that falls on one of the parent has t = 1.
         constexpr int kParts = 2 * Traits::kSamples / kSpan;
-        int const place = 2 * s + (m_onFace ? 0 : 1 + kParts / 2);
-        int const below = (m_onFace ? place : place - 1) / kParts;
-        float const t = static_cast<float>(place - below * kParts) / static_cast<float>(kParts);
+        int const position = 2 * s + (m_onFace ? 0 : 1 + kParts / 2);
+        int const below = (m_onFace ? position : position - 1) / kParts;
+        float const t = static_cast<float>(position - below * kParts) / static_cast<float>(kParts);
         return (1.0F - t) * samples[below * step] + t * samples[(below + 1) * step];
     }
 
@@ -104,8 +104,7 @@ private:
         return {child, onFace(m_type, number)};
     }
 
-    /// Whether there are samples of the tile in that direction, and of all others between it and
-    /// this one.
+    /// Whether the tile in a direction has samples, and so do all tiles between it and this one.
     bool surrounded(Direction const& d) const {
         for (int part = 1; part < 8; ++part) {
             Direction const towards{part & 1 ? d[0] : 0, part & 2 ? d[1] : 0, part & 4 ? d[2] : 0};
@@ -170,7 +169,7 @@ private:
     }
 
     /// The sums of the parent's samples around an element, interpolated along the free axes at the
-    /// places of the child's samples.
+    /// positions of the child's samples.
     Layer parentSums(Direction const& d) const {
         constexpr int kMost = ParentAxis<Traits>::kMostSamples;
         std::array<T, kMost * kMost> sums;
@@ -190,8 +189,8 @@ private:
                 for (int x = 0; x < count[0]; ++x) {
                     T const& p =
                         m_parent[flatRing<Traits>(first[0] + x, first[1] + y, first[2] + z)];
-                    int const place = x * step[0] + y * step[1] + z * step[2];
-                    T& sum = sums.data()[place];
+                    int const slot = x * step[0] + y * step[1] + z * step[2];
+                    T& sum = sums.data()[slot];
                     bool const begins =
                         (d[0] == 0 || x == 0) && (d[1] == 0 || y == 0) && (d[2] == 0 || z == 0);
                     sum = begins ? p : sum + p;

@@ -8,10 +8,10 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// Values that the adaptive path has found between data points, of coarser tiles or on the lattice
-/// of finer ones, by all that they follow from. The points of a stencil, and stencils near by, ask
-/// for the same ones: without it, a sample where many levels meet would take time that grows as a
-/// power of their number. A value is kept until another one of the same hash takes its place.
+/// Nested samples of the adaptive path, by all that their values depend on. The points of a stencil
+/// ask for the same nested samples, and so do other stencils near by: without the memo, the time of
+/// a sample would grow as a power of the number of levels that meet there. Direct-mapped: a value
+/// stays until one of the same hash takes its slot.
 template <class T> class AdaptiveMemo {
 public:
     struct Key {
@@ -29,21 +29,21 @@ public:
     /// The value of a key, or null.
     T const* find(Key const& key) const {
         if (m_entries.empty()) return nullptr;
-        Entry const& entry = m_entries[placeOf(key)];
+        Entry const& entry = m_entries[slotOf(key)];
         return entry.key == key ? &entry.value : nullptr;
     }
     void keep(Key const& key, T const& value) {
-        if (!m_entries.empty()) m_entries[placeOf(key)] = {key, value};
+        if (!m_entries.empty()) m_entries[slotOf(key)] = {key, value};
     }
 
 private:
     static constexpr std::size_t kSize = 4096;
     struct Entry {
-        Key key;  // no tree at first, which nobody asks for
+        Key key;  // at first of no tile
         T value{};
     };
 
-    static std::size_t placeOf(Key const& key) {
+    static std::size_t slotOf(Key const& key) {
         std::uint64_t hash = static_cast<std::uint64_t>(key.tree.tile);
         auto const mix = [&](std::uint64_t part) {
             hash = (hash ^ part) * 0x9E3779B97F4A7C15U;

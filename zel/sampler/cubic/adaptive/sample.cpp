@@ -21,19 +21,19 @@ template <class Traits> int roundedDown(int coordinate, int width) {
 
 }  // namespace
 
-/// A row of four points along an axis: each comes from the voxel that truly lies next to the one
-/// before, whatever its size. True if one of them is off the uniform grid.
+/// A row of four points along an axis. Each point comes from the voxel next to the last one's,
+/// whatever its size. True if a point is off the uniform grid.
 template <class Traits, class T, class Trace>
 bool AdaptiveSample<Traits, T, Trace>::getValue1D(int3 tijk, int axis, float position,
                                                   Register& value) const {
     Trace::getValue1DBegin(axis, position, tijk);
     Register values[4];
-    int places[4];
+    int starts[4];
     bool jump = false;
     auto const take = [&](int n, StencilPoint<T>& point) {
         jump = m_points.getValue(tijk, axis, point) || jump;
         values[n] = RegisterTraits<T>::from(point.value);
-        places[n] = point.start;
+        starts[n] = point.start;
     };
     // The point that holds the sample lies, without a tile, in the voxel of the sample's level.
     StencilPoint<T> point{T(), roundedDown<Traits>(tijk[axis], m_state.vdw) - m_state.vdw,
@@ -46,34 +46,35 @@ bool AdaptiveSample<Traits, T, Trace>::getValue1D(int3 tijk, int axis, float pos
     for (int n = 2; n < 4; ++n) {
         tijk[axis] = point.start + point.step;
         take(n, point);
-        // The coarser voxel over a flagged one may begin before the end of the last, if only a part
-        // of it is flagged.
+        // If only a part of a coarser voxel is flagged, that voxel may begin before the end of the
+        // last one.
         int const before = tijk[axis] - point.start;
         if (before > 0) {
-            places[n] = point.start += before;
+            starts[n] = point.start += before;
             point.step -= before;
         }
     }
-    value = interpolateValues1D(values, places, axis, position, jump);
+    value = interpolateValues1D(values, starts, axis, position, jump);
     Trace::getValue1DEnd(axis, RegisterTraits<T>::to(value));
     return jump;
 }
 
-/// Four rows across an axis, or four planes: `place(tijk, position, increment)` tells where the one
-/// over a lattice point lies and how far it is to the next, and `below(tijk, value)` gives its
-/// value. True if a point is off the uniform grid, or if `jump` says so.
+/// Four rows across an axis, or four planes. `locate(tijk, position, increment)` tells where the
+/// row over a lattice point lies and how far it is to the next row, and `sample(tijk, value)` gives
+/// its value. True if a point is off the uniform grid, or if `jump` is true.
 template <class Traits, class T, class Trace>
-template <class Place, class Below>
+template <class Locate, class Sample>
 bool AdaptiveSample<Traits, T, Trace>::compose(int3 tijk, int axis, float samplePosition, bool jump,
-                                               Place place, Below below, Register& value) const {
+                                               Locate locate, Sample sample,
+                                               Register& value) const {
     Register values[4];
-    int places[4];
+    int starts[4];
     auto const take = [&](int n, int at, int& position, int& increment) {
         tijk[axis] = at;
-        place(tijk, position, increment);
+        locate(tijk, position, increment);
         tijk[axis] = position;
-        places[n] = position;
-        jump = below(tijk, values[n]) || jump;
+        starts[n] = position;
+        jump = sample(tijk, values[n]) || jump;
     };
     int position, increment, lowest, lowestIncrement;
     take(1, tijk[axis], position, increment);
@@ -82,9 +83,9 @@ bool AdaptiveSample<Traits, T, Trace>::compose(int3 tijk, int axis, float sample
     take(3, position + increment, position, increment);
     // Next to a refined neighbour whose voxels are flagged the rows lie on its lattice, though all
     // their points are of this level.
-    int const step = places[2] - places[1];
-    jump = jump || places[1] - places[0] != step || places[3] - places[2] != step;
-    value = interpolateValues1D(values, places, axis, samplePosition, jump);
+    int const step = starts[2] - starts[1];
+    jump = jump || starts[1] - starts[0] != step || starts[3] - starts[2] != step;
+    value = interpolateValues1D(values, starts, axis, samplePosition, jump);
     return jump;
 }
 
@@ -116,8 +117,8 @@ bool AdaptiveSample<Traits, T, Trace>::getValue3D(float3 const& position, Regist
         value);
 }
 
-/// Where the row over a lattice point lies, and how far it is to the next: rows lie on the lattice
-/// of the smallest voxel among four in the row.
+/// Where the row over a lattice point lies, and how far it is to the next row: rows lie on the
+/// lattice of the smallest of four voxels along the row.
 template <class Traits, class T, class Trace>
 void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition2D(int3 const& tijk, int across,
                                                                  int along, int& position,
@@ -148,17 +149,18 @@ void AdaptiveSample<Traits, T, Trace>::getIncrementAndPosition3D(int3 const& tij
     position = roundedDown<Traits>(tijk.z, increment);
 }
 
-/// Far from the origin, where floats do not tell the places apart, these are counted from the
-/// sample's voxel, and kept apart by force where one step is some 2^24 times another.
+/// Interpolates between four points that start at lattice coordinates. Far from the origin, where
+/// floats cannot tell these apart, they are counted from the sample's voxel; if one step is some
+/// 2^24 times another, positions that still coincide are moved to the next float.
 template <class Traits, class T, class Trace>
 auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Register const (&values)[4],
-                                                           int const (&places)[4], int axis,
+                                                           int const (&starts)[4], int axis,
                                                            float position, bool jump) const
     -> Register {
     float positions[4];
     auto const countFrom = [&](int origin) {
         for (int n = 0; n < 4; ++n)
-            positions[n] = static_cast<float>(std::int64_t{places[n]} - origin);
+            positions[n] = static_cast<float>(std::int64_t{starts[n]} - origin);
         return positions[0] < positions[1] && positions[1] < positions[2] &&
                positions[2] < positions[3];
     };

@@ -12,9 +12,9 @@
 // axes whose samples lie on the corners.
 namespace ORV::TileTree3D::Internal {
 
-/// The value of a sample; see VoxelSamplerCubic::sampleVoxel. It calls itself for a value of a
-/// coarser tile, and for one between the voxels of a tile along fewer axes: at most two times a
-/// depth, and once more.
+/// The value of a sample; see VoxelSamplerCubic::sampleVoxel. Recursive, for samples of coarser
+/// tiles, and for samples between the data points of a tile along fewer axes: to at most two levels
+/// for each depth of the tree, and one more.
 template <class Traits, class T, class Trace>
 T adaptiveValue(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo, TreeIndex const& tree,
                 int3 const& lijk, float3 const& frac, int depth);
@@ -44,13 +44,13 @@ private:
     bool getValue2D(int3 const& tijk, int across, int along, float3 const& position,
                     Register& value) const;
     bool getValue3D(float3 const& position, Register& value) const;
-    template <class Place, class Below>
-    bool compose(int3 tijk, int axis, float samplePosition, bool jump, Place place, Below below,
+    template <class Locate, class Sample>
+    bool compose(int3 tijk, int axis, float samplePosition, bool jump, Locate locate, Sample sample,
                  Register& value) const;
     void getIncrementAndPosition2D(int3 const& tijk, int across, int along, int& position,
                                    int& increment) const;
     void getIncrementAndPosition3D(int3 const& tijk, int& position, int& increment) const;
-    Register interpolateValues1D(Register const (&values)[4], int const (&places)[4], int axis,
+    Register interpolateValues1D(Register const (&values)[4], int const (&starts)[4], int axis,
                                  float position, bool jump) const;
 
     State& m_state;

@@ -4,8 +4,8 @@
 
 #include "zel_platform/orvane_geometry_volume/tile.h"
 
-// What the adaptive path of the cubic sampler tells about itself on the standard output: the words
-// of its trace. A sample that is not traced compiles to none of it.
+// The trace of the adaptive path of the cubic sampler on the standard output. For samples that are
+// not traced the compiler drops all of it.
 namespace ORV::TileTree3D::Internal {
 
 /// A number, a text, or {i, j, k}, where an f follows each float.
@@ -27,8 +27,8 @@ inline void flushLines() {
     std::cout.flush();
 }
 
-/// The trace of one sample, if it is `On`. `CheckNaN` also tests the numbers on the way, and
-/// replaces what is NaN by 0.
+/// The trace of one sample, printed if `On`. With `CheckNaN` the path also tests each number, and
+/// replaces NaNs by 0.
 template <bool On, bool CheckNaN = false> struct CubicTrace {
     static constexpr bool kOn = On, kCheckNaN = CheckNaN;
     static constexpr char axisName(int axis) { return static_cast<char>('x' + axis); }
@@ -39,8 +39,8 @@ template <bool On, bool CheckNaN = false> struct CubicTrace {
         line("in_nzc = ", axes);
         line("in_nzcc = ", count);
     }
-    static void fetched(int3 const& place, int3 const& corner, int depth) {
-        line("localTileIndex(", place.x, ",", place.y, ",", place.z, ") = ", corner,
+    static void fetched(int3 const& index, int3 const& corner, int depth) {
+        line("localTileIndex(", index.x, ",", index.y, ",", index.z, ") = ", corner,
              ", depth = ", depth);
     }
     static void fetchTilesEnd(bool atJump, int3 const& origin) {
