@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "zel/sampler/common/offset_type.h"
 
 namespace ORV::TileTree3D {
 
