@@ -149,7 +149,10 @@ bool ZEL_DETAIL_LINEAR_SAMPLER::findCell(TreeIndex const& tree, Internal::Int4 l
                                          bool mayFill, CellBatch& batch) {
     bool const sampled = tree.depth >= m_minDepth;
     if (sampled && !m_haloChannel && !mayFill && fills(tree, lijk)) return false;
-    batch.cell[i] = sampled ? cellOf(tree, lijk) : Cell();
+    Cell cell{};
+    if (sampled) cell = m_haloChannel ? haloCell(tree, lijk) : channelCell(tree, lijk);
+    batch.corners[i] = cell.corner;
+    batch.widths[i] = cell.width;
     batch.depths[i] = tree.depth;
     return true;
 }
@@ -171,9 +174,8 @@ void ZEL_DETAIL_LINEAR_SAMPLER::findCells(float const* x, float const* y, float 
                 tree.depth >= m_minDepth ? m_haloChannel->samples(tree) : nullptr;
             if (samples) prefetchCell(samples + flat(batch.voxel(i), kHaloWidth), kHaloWidth);
             for (; i < runEnd; ++i) {
-                batch.cell[i].corner =
-                    samples ? samples + flat(batch.voxel(i), kHaloWidth) : nullptr;
-                batch.cell[i].width = kHaloWidth;
+                batch.corners[i] = samples ? samples + flat(batch.voxel(i), kHaloWidth) : nullptr;
+                batch.widths[i] = kHaloWidth;
                 batch.depths[i] = tree.depth;
             }
             continue;
@@ -192,8 +194,8 @@ void ZEL_DETAIL_LINEAR_SAMPLER::findCells(float const* x, float const* y, float 
                 lijk = batch.voxel(i);
             }
             if (!findCell(tree, lijk, i, i == first, batch)) return;
-            T const* const corner = batch.cell[i].corner;
-            if (corner && corner != last) prefetchCell(corner, batch.cell[i].width);
+            T const* const corner = batch.corners[i];
+            if (corner && corner != last) prefetchCell(corner, batch.widths[i]);
             last = corner;
         }
     }
@@ -224,7 +226,7 @@ void ZEL_DETAIL_LINEAR_SAMPLER::sampleBatch(float const* x, float const* y, floa
                                             std::array<float*, kFloats> const& values) {
     forEachCell(x, y, z, count, maxDepth, space, [&](int i, CellBatch const& batch, unsigned n) {
         auto const v =
-            std::bit_cast<std::array<float, kFloats>>(value(batch.cell[n], batch.fraction(n)));
+            std::bit_cast<std::array<float, kFloats>>(value(batch.cell(n), batch.fraction(n)));
         for (std::size_t f = 0; f < kFloats; ++f) values[f][i] = v[f];
     });
 }
@@ -237,7 +239,7 @@ void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(float const* x, float const*
                                                     std::array<float*, 3> const& gradients) {
     forEachCell(x, y, z, count, maxDepth, space, [&](int i, CellBatch const& batch, unsigned n) {
         float3 g;
-        float const v = value(batch.cell[n], batch.fraction(n), batch.depths[n], g);
+        float const v = value(batch.cell(n), batch.fraction(n), batch.depths[n], g);
         if (values) values[i] = v;
         gradients[0][i] = g.x;
         gradients[1][i] = g.y;

@@ -49,9 +49,10 @@ public:
     ZEL_ALWAYS_INLINE T sample(Position const& position, int maxDepth, int space) {
         Internal::Int4 lijk;
         Internal::Float4 frac;
-        return locateSampled(position, maxDepth, space, lijk, frac)
-                   ? value(cellOf(this->m_box->tree, lijk), frac)
-                   : m_defaultValue;
+        if (!locateSampled(position, maxDepth, space, lijk, frac)) return m_defaultValue;
+        TreeIndex const& tree = this->m_box->tree;
+        return m_haloChannel ? value(haloCell(tree, lijk), frac)
+                             : value(channelCell(tree, lijk), frac);
     }
 
     /// The value, and the exact gradient of the trilinear patch around the position by world units.
@@ -65,7 +66,8 @@ public:
             return m_defaultValue;
         }
         TreeIndex const tree = this->m_box->tree;
-        return value(cellOf(tree, lijk), frac, tree.depth, gradient);
+        return m_haloChannel ? value(haloCell(tree, lijk), frac, tree.depth, gradient)
+                             : value(channelCell(tree, lijk), frac, tree.depth, gradient);
     }
 
     /// sample() at `count` positions, in their order and bit for bit; one array for each float of
@@ -99,10 +101,12 @@ private:
     /// The cells of a batch of positions, and the depths of their tiles.
     struct CellBatch : VoxelBatch {
         static constexpr auto kSize = static_cast<unsigned>(VoxelBatch::kSize);
-        std::array<Cell, kSize> cell;
-        std::array<std::int32_t, kSize> depths;
+        std::array<T const*, kSize> corners;
+        std::array<std::int32_t, kSize> widths, depths;
         unsigned count;  ///< of the cells that are found
         unsigned run;    ///< of the next position
+
+        Cell cell(unsigned i) const { return {corners[i], widths[i]}; }
     };
 
     /// Whether there is a tile over a position, m_box->tree, that may have samples.
@@ -112,8 +116,7 @@ private:
                this->m_box->tree.depth >= m_minDepth;
     }
     static int flat(Internal::Int4 p, int width) { return p[0] + width * (p[1] + width * p[2]); }
-    Cell cellOf(TreeIndex const& tree, Internal::Int4 lijk) {
-        if (!m_haloChannel) return channelCell(tree, lijk);
+    Cell haloCell(TreeIndex const& tree, Internal::Int4 lijk) const {
         T const* const samples = m_haloChannel->samples(tree);
         return {samples ? samples + flat(lijk, kHaloWidth) : nullptr, kHaloWidth};
     }
