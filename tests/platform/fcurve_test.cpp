@@ -52,17 +52,9 @@ TEST(FCurve, Segments) {
                        kHold, kHold);
     for (double x = -1; x <= 2; x += 0.01)
         EXPECT_NEAR(curve.evalFCurve(x), f(x), 1e-13);  // a cubic is reproduced
-    for (auto [x, value] : {std::pair{2.0, f(2)},
-                            {2.999, f(2)},
-                            {3.0, 5.0},
-                            {3.5, 4.0},
-                            {4.5, 2.0},
-                            {5.0, 1.0},
-                            {6.0, 1.0},
-                            {kInf, 1.0},
-                            {-1.5, f(-1)},
-                            {-kInf, f(-1)}})
-        EXPECT_DOUBLE_EQ(curve.evalFCurve(x), value) << x;
+    double const values[][2] = {{2, f(2)}, {2.999, f(2)}, {3, 5},    {3.5, 4},      {4.5, 2},
+                                {5, 1},    {6, 1},        {kInf, 1}, {-1.5, f(-1)}, {-kInf, f(-1)}};
+    for (auto const& [x, value] : values) EXPECT_DOUBLE_EQ(curve.evalFCurve(x), value) << x;
 }
 
 TEST(FCurve, LinearExtrapolationContinuesTheTangent) {
@@ -77,6 +69,9 @@ TEST(FCurve, LinearExtrapolationContinuesTheTangent) {
         EXPECT_DOUBLE_EQ(curve.evalFCurve(12), 3 + 10 * after);
         EXPECT_EQ(curve.evalFCurve(kInf), after == 0 ? 3 : after * kInf);
     }
+    // Of more than two keys the outer ones count.
+    FCurve const bent({{0, 0}, {1, 1}, {2, 5}}, kGoOn, kGoOn);
+    EXPECT_TRUE(bent.evalFCurve(-2) == -2 && bent.evalFCurve(3) == 9);
     FCurve const single({{1, 1, 2, -3}}, kGoOn, kGoOn);
     EXPECT_TRUE(single.evalFCurve(0) == -1 && single.evalFCurve(2) == -2);
 }

@@ -6,7 +6,6 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -22,82 +21,67 @@ using namespace Orvane::Math;
 constexpr std::int64_t kSeed = -0x123456789abcdef;
 constexpr auto kCurlSeed = 0xfedcba98u;
 
-/// A block form and the function for one point, both over arrays of coordinates and of results.
-template <class Real> struct Form {
-    std::string name;
-    int outputs;
-    std::function<void(Real const* const* in, int count, Real* const* out)> block;
-    std::function<void(Real const* in, Real* out)> one;
-};
-
-template <class Real, class Point> std::vector<Form<Real>> simplexForms() {
-    return {{"value", 1,
-             [](Real const* const* p, int n, Real* const* r) {
-                 simplex_noise_block(p[0], p[1], p[2], p[3], n, kSeed, r[0]);
-             },
-             [](Real const* p, Real* r) {
-                 r[0] = simplex_noise(Point{p[0], p[1], p[2], p[3]}, kSeed);
-             }},
-            {"value and derivative", 5,
-             [](Real const* const* p, int n, Real* const* r) {
-                 simplex_noise_block(p[0], p[1], p[2], p[3], n, kSeed, r[0], r[1], r[2], r[3],
-                                     r[4]);
-             },
-             [](Real const* p, Real* r) {
-                 Point d;
-                 r[0] = simplex_noise(Point{p[0], p[1], p[2], p[3]}, kSeed, d);
-                 r[1] = d.x, r[2] = d.y, r[3] = d.z, r[4] = d.w;
-             }}};
+/// Calls `check(name, number of results, block, one)` for each block form and the function for one
+/// point, both over arrays of coordinates and of results.
+template <class Real, class Point> void forSimplexForms(auto const& check) {
+    check(
+        "value", 1,
+        [](auto p, int n, auto r) { simplex_noise_block(p[0], p[1], p[2], p[3], n, kSeed, r[0]); },
+        [](auto p, auto r) {
+            r[0] = simplex_noise(Point{p[0], p[1], p[2], p[3]}, kSeed);
+        });
+    check(
+        "value and derivative", 5,
+        [](auto p, int n, auto r) {
+            simplex_noise_block(p[0], p[1], p[2], p[3], n, kSeed, r[0], r[1], r[2], r[3], r[4]);
+        },
+        [](auto p, auto r) {
+            Point d;
+            r[0] = simplex_noise(Point{p[0], p[1], p[2], p[3]}, kSeed, d);
+            r[1] = d.x, r[2] = d.y, r[3] = d.z, r[4] = d.w;
+        });
 }
-
-std::vector<Form<float>> floatForms() {
-    auto forms = simplexForms<float, float4>();
+void forCurlForms(auto const& check) {
     auto const write = [](float3 const& v, float* r) { r[0] = v.x, r[1] = v.y, r[2] = v.z; };
-    auto const addCurl = [&](char const* name, auto one, auto block) {
-        forms.push_back({name, 3,
-                         [=](float const* const* p, int n, float* const* r) {
-                             block(p[0], p[1], p[2], p[3], n, kCurlSeed, r[0], r[1], r[2]);
-                         },
-                         [=](float const* p, float* r) {
-                             write(one(float3{p[0], p[1], p[2]}, p[3], kCurlSeed), r);
-                         }});
+    auto const value = [&](char const* name, auto curl, auto curlBlock) {
+        auto const block = [=](auto p, int n, auto r) {
+            curlBlock(p[0], p[1], p[2], p[3], n, kCurlSeed, r[0], r[1], r[2]);
+        };
+        auto const one = [=](auto p, auto r) {
+            write(curl(float3{p[0], p[1], p[2]}, p[3], kCurlSeed), r);
+        };
+        check(name, 3, block, one);
+        // All at one time: in the lattice, outside of it, and none.
+        for (float const time : {-7.3e6f, -0.0f, 1e20f, std::numeric_limits<float>::infinity()})
+            check(
+                std::string(name) + " at " + std::to_string(time), 3,
+                [=](auto p, int n, auto r) {
+                    std::vector<float> const times(static_cast<std::size_t>(n) + 1, time);
+                    block(std::array{p[0], p[1], p[2], times.data()}, n, r);
+                },
+                [=](auto p, auto r) {
+                    one(std::array{p[0], p[1], p[2], time}, r);
+                });
+    };
+    auto const derivative = [&](char const* name, auto curl, auto curlBlock) {
+        check(
+            name, 12,
+            [=](auto p, int n, auto r) {
+                float* const m[9] = {r[3], r[4], r[5], r[6], r[7], r[8], r[9], r[10], r[11]};
+                curlBlock(p[0], p[1], p[2], p[3], n, kCurlSeed, r[0], r[1], r[2], m);
+            },
+            [=](auto p, auto r) {
+                float3x3 m;
+                write(curl(float3{p[0], p[1], p[2]}, p[3], kCurlSeed, m), r);
+                for (int i = 0; i < 3; ++i) write(m[i], r + 3 + 3 * i);
+            });
     };
     using Curl = float3 (*)(float3 const&, float, std::uint32_t);
-    addCurl("curl", Curl(curl_noise), curl_noise_block);
-    addCurl("smooth curl", Curl(smooth_curl_noise), smooth_curl_noise_block);
-    auto const addDerivative = [&](char const* name, auto one, auto block) {
-        forms.push_back({name, 12,
-                         [=](float const* const* p, int n, float* const* r) {
-                             float* const m[9] = {r[3], r[4], r[5],  r[6], r[7],
-                                                  r[8], r[9], r[10], r[11]};
-                             block(p[0], p[1], p[2], p[3], n, kCurlSeed, r[0], r[1], r[2], m);
-                         },
-                         [=](float const* p, float* r) {
-                             float3x3 m;
-                             write(one(float3{p[0], p[1], p[2]}, p[3], kCurlSeed, m), r);
-                             for (int i = 0; i < 3; ++i) write(m[i], r + 3 + 3 * i);
-                         }});
-    };
-    addDerivative("curl derivative", curl_noise_derivative, curl_noise_derivative_block);
-    addDerivative("smooth curl derivative", smooth_curl_noise_derivative,
-                  smooth_curl_noise_derivative_block);
-    // All at one time: in the lattice, outside of it, and none; whatever the fourth coordinate is.
-    for (float const time : {-7.3e6f, -0.0f, 1e20f, std::numeric_limits<float>::infinity()})
-        for (std::size_t const k : {3u, 5u}) {
-            auto form = forms[k];
-            form.name += " at " + std::to_string(time);
-            form.block = [=, block = form.block](float const* const* p, int n, float* const* r) {
-                std::vector<float> const times(static_cast<std::size_t>(n) + 1, time);
-                float const* const in[4] = {p[0], p[1], p[2], times.data()};
-                block(in, n, r);
-            };
-            form.one = [=, one = form.one](float const* p, float* r) {
-                float const in[4] = {p[0], p[1], p[2], time};
-                one(in, r);
-            };
-            forms.push_back(std::move(form));
-        }
-    return forms;
+    value("curl", Curl(curl_noise), curl_noise_block);
+    value("smooth curl", Curl(smooth_curl_noise), smooth_curl_noise_block);
+    derivative("curl derivative", curl_noise_derivative, curl_noise_derivative_block);
+    derivative("smooth curl derivative", smooth_curl_noise_derivative,
+               smooth_curl_noise_derivative_block);
 }
 
 template <class Real> using Coordinates = std::array<std::vector<Real>, 4>;
@@ -109,20 +93,8 @@ template <class Real> Coordinates<Real> makePoints(std::size_t count) {
     auto const uniform = [&](double size) {
         return static_cast<Real>(std::uniform_real_distribution(-size, size)(random));
     };
-    using Limits = std::numeric_limits<Real>;
-    Real const special[] = {Real{0},
-                            -Real{0},
-                            Real{1},
-                            -Limits::min(),
-                            Limits::denorm_min(),
-                            Limits::max(),
-                            -Limits::max(),
-                            Real(0x1p46),
-                            Limits::infinity(),
-                            -Limits::infinity(),
-                            Real(0x1p48),
-                            Limits::quiet_NaN(),
-                            Real(0x1p31)};
+    double const special[] = {0,    -0.0,  1,        0x1p31,    0x1p46, 0x1p48,
+                              1e38, -1e38, INFINITY, -INFINITY, NAN};
     Coordinates<Real> points;
     for (auto& p : points) p.resize(count);
     for (std::size_t i = 0; i < count; ++i) {
@@ -130,19 +102,20 @@ template <class Real> Coordinates<Real> makePoints(std::size_t count) {
         double const size = anySize ? std::pow(10.0, uniform(18)) : 100;
         for (auto& p : points) p[i] = whole ? std::round(uniform(size)) : uniform(size);
         auto& some = points[random() % 4][i];
-        if (random() % 8 == 0) some = special[random() % std::size(special)];
+        if (random() % 8 == 0) some = static_cast<Real>(special[random() % std::size(special)]);
         if (random() % 8 == 0) some = points[random() % 4][i];
     }
     return points;
 }
 
-/// Compares every bit of `count` results, for arrays that begin anywhere, and that nothing is
-/// written behind. `inPlace` lets results replace the coordinates.
+/// Compares every bit of `n` results, for arrays that begin anywhere, and that nothing is written
+/// behind. `inPlace` lets results replace the coordinates.
 template <class Real>
-void check(Form<Real> const& form, Coordinates<Real> const& points, std::size_t n, bool inPlace) {
+void check(Coordinates<Real> const& points, std::size_t n, bool inPlace, std::size_t outputs,
+           auto const& block, auto const& one) {
     using Bits = std::conditional_t<sizeof(Real) == 4, std::uint32_t, std::uint64_t>;
     constexpr Real kUntouched = Real{-12345};
-    SCOPED_TRACE(form.name + ", " + std::to_string(n) + " points" + (inPlace ? ", in place" : ""));
+    SCOPED_TRACE(std::to_string(n) + " points" + (inPlace ? ", in place" : ""));
     Coordinates<Real> in;
     std::array<std::vector<Real>, 12> out;
     std::array<Real const*, 4> from{};
@@ -156,40 +129,45 @@ void check(Form<Real> const& form, Coordinates<Real> const& points, std::size_t 
         from[k] = in[k].data() + k;
         if (inPlace) to[k] = in[k].data() + k;
     }
-    form.block(from.data(), static_cast<int>(n), to.data());
+    block(from, static_cast<int>(n), to.data());
     for (std::size_t i = 0; i < n; ++i) {
-        Real const p[4] = {points[0][i], points[1][i], points[2][i], points[3][i]};
+        std::array const p{points[0][i], points[1][i], points[2][i], points[3][i]};
         std::array<Real, 12> expected;
-        form.one(p, expected.data());
-        for (std::size_t k = 0; k < static_cast<std::size_t>(form.outputs); ++k)
+        one(p, expected.data());
+        for (std::size_t k = 0; k < outputs; ++k)
             ASSERT_EQ(std::bit_cast<Bits>(to[k][i]), std::bit_cast<Bits>(expected[k]))
                 << "result " << k << " at " << p[0] << ' ' << p[1] << ' ' << p[2] << ' ' << p[3];
     }
     for (std::size_t k = 0; k < 12; ++k) ASSERT_EQ(to[k][n], kUntouched);
 }
 
-template <class Real> void checkForms(std::vector<Form<Real>> const& forms) {
+template <class Real> void checkForms(auto const& forForms) {
     auto const points = makePoints<Real>(20'000);
     auto const targets = Quern::simdTargets();
     EXPECT_EQ(std::string(targets.back().name), "baseline");
     for (auto const& target : targets) {
         SCOPED_TRACE(target.name);
         Quern::useSimdTarget(target);
-        for (auto const& form : forms) {
+        forForms([&](std::string const& name, std::size_t outputs, auto const& block,
+                     auto const& one) {
+            SCOPED_TRACE(name);
             for (std::size_t count = 0; count <= 40; ++count)
-                ASSERT_NO_FATAL_FAILURE(check(form, points, count, count % 2 == 0));
+                ASSERT_NO_FATAL_FAILURE(check(points, count, count % 2 == 0, outputs, block, one));
             for (std::size_t const count : {127u, 128u, 129u, 255u, 20'000u})
-                ASSERT_NO_FATAL_FAILURE(check(form, points, count, count == 255));
-        }
+                ASSERT_NO_FATAL_FAILURE(check(points, count, count == 255, outputs, block, one));
+        });
     }
     Quern::useSimdTarget(targets.front());
 }
 
 TEST(NoiseBlock, FloatsEqualPointsInEveryBit) {
-    checkForms(floatForms());
+    checkForms<float>([](auto const& check) {
+        forSimplexForms<float, float4>(check);
+        forCurlForms(check);
+    });
 }
 TEST(NoiseBlock, DoublesEqualPointsInEveryBit) {
-    checkForms(simplexForms<double, double4>());
+    checkForms<double>([](auto const& check) { forSimplexForms<double, double4>(check); });
 }
 
 }  // namespace

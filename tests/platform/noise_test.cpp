@@ -90,26 +90,6 @@ template <int power> std::array<Point, 3> curlJacobian(Point const& p) {
             Point{m.x.x, m.y.x, m.z.x}, {m.x.y, m.y.y, m.z.y}, {m.x.z, m.y.z, m.z.z}};
     });
 }
-/// The potential of it, and last how far the point is off the spheres on which supports end, where
-/// the plain curl has a kink.
-template <int power> Point potential(Point const& p) {
-    Point sum = {0, 0, 0, 1};
-    auto const add = [&](auto const& d, std::uint32_t hash) {
-        Simplex::Double4 const g[3] = {Simplex::spatialDirection<Lane, 0>(hash),
-                                       Simplex::spatialDirection<Lane, 1>(hash),
-                                       Simplex::spatialDirection<Lane, 2>(hash)};
-        double const t = 1 - 2 * Lane::dot(d, d);
-        for (std::size_t i = 0; i < 3; ++i)
-            sum[i] += std::pow(std::max(0.0, t / 2), power) * Lane::dot(g[i], d) *
-                      Simplex::kCurlScale<power>;
-        sum[3] = std::min(sum[3], std::abs(t));
-    };
-    atPlace(p, kCurlSeed, [&](auto const& d, auto const& hash) {
-        Simplex::forEachVertex<Lane>(d, hash, add);
-        return 0;
-    });
-    return sum;
-}
 /// Jacobian by central differences of fourth order.
 template <class F> std::array<Point, 3> jacobian(F const& f, Point const& p, double h) {
     std::array<Point, 3> columns{};
@@ -238,68 +218,50 @@ TEST(Noise, NotFiniteAndHugeCoordinates) {
         EXPECT_LE(std::abs(noise(random.point(size), std::numeric_limits<std::int64_t>::min())), 1);
 }
 
-TEST(CurlNoise, IsTheCurlOfItsPotentialAndFreeOfDivergence) {
+TEST(CurlNoise, IsFreeOfDivergenceAndAgreesWithDifferences) {
     Random random;
-    auto const check = [&](auto const& field, auto const& psi, auto const& slope,
-                           auto const& publicField, auto const& publicSlope) {
+    auto const check = [&](auto const& field, auto const& slope, auto const& publicField,
+                           auto const& publicSlope) {
         int checked = 0;
         std::array<Point, 3> covariance{};
         for (int i = 0; i < 5'000; ++i) {
             float4 const f = single(random.point(20));
             Point const p = {f.x, f.y, f.z, f.w}, v = field(p);
-            auto const a = jacobian(psi, p, 1e-3), j = jacobian(field, p, 1e-4);
-            Point const curl = {a[1][2] - a[2][1], a[2][0] - a[0][2], a[0][1] - a[1][0]};
-            float3 const w = publicField({f.x, f.y, f.z}, f.w, kCurlSeed);
-            double size = 1;
-            for (std::size_t c = 0; c < 3; ++c) {
-                for (std::size_t r = 0; r < 3; ++r) covariance[r][c] += v[r] * v[c];
-                ASSERT_NEAR(v[c], curl[c], 1e-4);
-                ASSERT_NEAR(v[c], w[static_cast<int>(c)], 1e-4);
-                size = std::max({size, std::abs(j[c][0]), std::abs(j[c][1]), std::abs(j[c][2])});
-            }
-            if (psi(p)[3] < 0.002) continue;
-            ++checked;
-            ASSERT_LT(std::abs(j[0][0] + j[1][1] + j[2][2]) / size, 1e-9);
+            auto const j = jacobian(field, p, 1e-4), wide = jacobian(field, p, 2e-3);
             auto const exact = slope(p);
             float3x3 m;
-            ASSERT_EQ(publicSlope({f.x, f.y, f.z}, f.w, kCurlSeed, m), w);
+            float3 const w = publicSlope({f.x, f.y, f.z}, f.w, kCurlSeed, m);
+            ASSERT_EQ(publicField({f.x, f.y, f.z}, f.w, kCurlSeed), w);
+            double size = 1, kink = 0;
+            for (std::size_t c = 0; c < 3; ++c) {
+                ASSERT_NEAR(v[c], w[static_cast<int>(c)], 1e-4);
+                for (std::size_t r = 0; r < 3; ++r) {
+                    covariance[r][c] += v[r] * v[c];
+                    size = std::max(size, std::abs(j[c][r]));
+                    kink = std::max(kink, std::abs(j[c][r] - wide[c][r]));
+                }
+            }
+            ASSERT_LT(std::abs(exact[0][0] + exact[1][1] + exact[2][2]) / size, 1e-12);
+            // The plain curl has a kink where the support of a vertex ends.
+            if (kink > 1e-6 * size) continue;
+            ++checked;
+            ASSERT_LT(std::abs(j[0][0] + j[1][1] + j[2][2]) / size, 1e-7);
             for (std::size_t r = 0; r < 3; ++r)
                 for (std::size_t c = 0; c < 3; ++c) {
-                    ASSERT_LT(std::abs(exact[c][r] - j[c][r]) / size, 1e-8);
-                    ASSERT_LT(std::abs(exact[c][r] - m[static_cast<int>(r)][static_cast<int>(c)]) /
-                                  size,
-                              1e-4);
+                    ASSERT_LT(std::abs(exact[c][r] - j[c][r]) / size, 1e-7);
+                    ASSERT_NEAR(exact[c][r], m[static_cast<int>(r)][static_cast<int>(c)],
+                                1e-4 * size);
                 }
-            ASSERT_LT(std::abs(exact[0][0] + exact[1][1] + exact[2][2]) / size, 1e-12);
         }
-        EXPECT_GT(checked, 4'500);
+        EXPECT_GT(checked, 4'000);
         double const mean = (covariance[0][0] + covariance[1][1] + covariance[2][2]) / 3;
         EXPECT_NEAR(std::sqrt(3 * mean / 5'000), 2.8, 0.1);
         for (std::size_t r = 0; r < 3; ++r)
             for (std::size_t c = 0; c < 3; ++c) EXPECT_NEAR(covariance[r][c] / mean, r == c, 0.1);
     };
     using Curl = float3 (*)(float3 const&, float, std::uint32_t);
-    check(curl<3>, potential<3>, curlJacobian<3>, Curl(curl_noise), curl_noise_derivative);
-    check(curl<4>, potential<4>, curlJacobian<4>, Curl(smooth_curl_noise),
-          smooth_curl_noise_derivative);
-}
-
-TEST(CurlNoise, DirectionsHaveTheMomentsOfTheSphere) {
-    double second = 0, fourth = 0, mixed = 0, sixth = 0;
-    Point sum{};
-    for (auto const& d : Simplex::kSpatialDirectionTable<double>) {
-        double const length = std::hypot(d.x, d.y, d.z);
-        EXPECT_NEAR(length / Simplex::kSpatialDirectionLength, 0.997, 0.003001);
-        double const x = d.x * d.x / length / length, y = d.y * d.y / length / length;
-        second += x / 64, fourth += x * x / 64, mixed += x * y / 64,
-            sixth += x * y * (1 - x - y) / 64;
-        sum = along(sum, {d.x, d.y, d.z, d.w}, 1);
-    }
-    EXPECT_NEAR(second * 3, 1, 1e-3);
-    EXPECT_NEAR(fourth * 5, 1, 3e-3);
-    EXPECT_NEAR(mixed * 15, 1, 3e-3);
-    EXPECT_NEAR(sixth * 105, 1, 1e-2);
-    EXPECT_EQ(sum, Point{});
+    check(curl<3>, curlJacobian<3>, Curl(curl_noise), curl_noise_derivative);
+    check(curl<4>, curlJacobian<4>, Curl(smooth_curl_noise), smooth_curl_noise_derivative);
 }
 
 TEST(CurlNoise, TableGivesTheBitsOfItsTime) {

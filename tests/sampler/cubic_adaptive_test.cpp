@@ -2,15 +2,15 @@
 
 #include "benchmarks/allocation_count.h"
 #include "sampler/cubic_volume.h"
+#include "zel/sampler/cubic/cubic_jump.h"
 
 namespace {
 
 using namespace cubic;
+using Internal::DofChannel;
 
 template <class Case> class Adaptive : public testing::Test {};
 TYPED_TEST_SUITE(Adaptive, Cases);
-
-template <class Traits> using Dof = Channel<Traits, short, Traits::kSamples, 1, 0>;
 
 /// Within the reach, or a power of 2 less, often with integer coordinates.
 float3 oftenOnPlanes(Random& random, float reach, int most) {
@@ -75,8 +75,8 @@ Quern::Ptr<Container<Traits>> nested(Random& random, int coarse, int levels) {
     return tree;
 }
 
-/// Ramps go unchanged through every jump, along axes whose samples lie on the corners. Along the
-/// others the places of coarse and fine samples are taken for those of their voxels' corners.
+/// Ramps go unchanged through every jump, with kJumpAdaptive along axes whose samples lie on the
+/// corners: along the others it takes the places of samples for those of their voxels' corners.
 TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
@@ -84,8 +84,11 @@ TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
     int const coarse = Traits::kMaxDepth - 4, deepest = Traits::kMaxDepth - 1;
     auto tree = nested<Traits>(random, coarse, 4);
     float const reach = static_cast<float>(width<Traits>(coarse)) * 1.5F;
-    for (int offsetType = 0; offsetType < 8; ++offsetType) {
-        auto const slope = [&](int axis) { return (offsetType >> axis & 1) != 0 ? 1 + axis : 0; };
+    for (int round = 0; round < 16; ++round) {
+        int const offsetType = round / 2, jump = round % 2 ? kJumpTrilinear : kJumpAdaptive;
+        auto const slope = [&](int axis) {
+            return jump == kJumpTrilinear || (offsetType >> axis & 1) != 0 ? 1 + axis : 0;
+        };
         auto const ramp = [&](double x, double y, double z) {
             auto const v = static_cast<float>(slope(0) * x + slope(1) * y + slope(2) * z - 5);
             return make<T>(v, -v, v / 2);
@@ -94,12 +97,14 @@ TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
         volume.fill(ramp);
         for (int type = 0; type < 4; ++type)
             for (bool clamp : {false, true}) {
-                auto sampler = volume.sampler(type, clamp, kJumpAdaptive);
+                auto sampler = volume.sampler(type, clamp, jump);
+                AllocationCount const allocations;
                 for (int n = 0; n < 200; ++n) {
                     float3 const p = oftenOnPlanes(random, reach, 4);
                     int const limit = random(0, 2) == 0 ? random(coarse, deepest) : 99;
-                    ASSERT_LT(distance(sampler.sample(p, limit, 0), ramp(p.x, p.y, p.z)),
-                              2e-5F * reach)
+                    T const value = sampler.sample(p, limit, 0);
+                    ASSERT_EQ(allocations.blocks(), 0U);
+                    ASSERT_LT(distance(value, ramp(p.x, p.y, p.z)), 2e-5F * reach)
                         << "offsets " << offsetType << " type " << type << " clamp " << clamp
                         << " limit " << limit << " at " << p.x << " " << p.y << " " << p.z;
                 }
@@ -123,7 +128,7 @@ TYPED_TEST(Adaptive, FlaggedVoxelsTakeTheirValueElsewhere) {
     for (int depth = coarse + 1; depth <= deepest; ++depth) {
         TestVolume<Traits, T> volume(tree, 7, 0, deepest + 1, T());  // no tile is at the limit
         volume.fill(ramp);
-        Dof<Traits> dof("", nullptr, 0, false, true, 0, deepest + 1);
+        DofChannel<Traits> dof("", nullptr, 0, false, true, 0, deepest + 1);
         dof.update(volume.topology);
         // Whole voxels of the coarser level, B voxels along each axis, that are not refined.
         int flagged = 0;
@@ -170,6 +175,22 @@ TYPED_TEST(Adaptive, FlaggedVoxelsTakeTheirValueElsewhere) {
     }
 }
 
+/// Between the samples of the root alone lies the default value.
+TYPED_TEST(Adaptive, NothingIsBetweenTheSamplesOfTheRoot) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    auto tree = Quern::makePtr<Container<Traits>>(1.0F);
+    tree->addTile(0, 0, 0, 0);
+    for (int offsetType = 0; offsetType < 8; ++offsetType) {
+        TestVolume<Traits, T> volume(tree, offsetType, 0, 5, make<T>(5, 5, 5));
+        volume.fill([](double, double, double) { return make<T>(1, 1, 1); });
+        int const half = voxel<Traits>(1);
+        EXPECT_TRUE(same(sampleChannelPoint<Traits, T>({half, half, half}, 1, offsetType,
+                                                       volume.channel, tree->tileAccessor()),
+                         make<T>(5, 5, 5)));
+    }
+}
+
 /// In the root there is no coarser level: a flagged voxel there has the default value.
 TYPED_TEST(Adaptive, FlaggedVoxelsOfTheRoot) {
     using Traits = typename TypeParam::Traits;
@@ -179,7 +200,7 @@ TYPED_TEST(Adaptive, FlaggedVoxelsOfTheRoot) {
     T const five = make<T>(5, 5, 5);
     TestVolume<Traits, T> volume(tree, 7, 0, 2, five);
     volume.fill([](double, double, double) { return make<T>(1, 1, 1); });
-    Dof<Traits> dof("", nullptr, 0, false, true, 0, 2);
+    DofChannel<Traits> dof("", nullptr, 0, false, true, 0, 2);
     dof.update(volume.topology);
     dof.tileData(TreeIndex{0, 0})(1, 1, 1) = 1;
     auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive, &dof);
@@ -225,85 +246,71 @@ TYPED_TEST(Adaptive, RunsOnAcrossEmptySpace) {
     }
 }
 
-/// On whatever tree, with whatever flags and limits, anywhere in the root: a constant is
-/// reproduced, and a sampler that has been elsewhere gives the bits of a fresh one, without
-/// allocating.
-TYPED_TEST(Adaptive, AnyTree) {
-    using Traits = typename TypeParam::Traits;
-    using T = typename TypeParam::Value;
-    Random random(44);
-    for (int offsetType = 0; offsetType < 8; ++offsetType) {
-        auto const tree = offsetType % 2 == 0
-                              ? clusteredTree<Traits>(random, 2)
-                              : Quern::makePtr<Container<Traits>>(
-                                    RandomTree<Traits>(random, 60, Traits::kMaxDepth).tree);
-        T const constant = make<T>(3, -2, 1);
-        TestVolume<Traits, T> volume(tree, offsetType, offsetType / 4, Traits::kMaxDepth, constant);
-        Dof<Traits> dof("", nullptr, 0, false, true, 0, Traits::kMaxDepth);
-        dof.update(volume.topology);
-        for (int depth = 0; depth <= tree->depth(); ++depth)
-            for (long long n = 0; n < tree->tileCount(depth); ++n)
-                for (int l = 0; l < 20; ++l)
-                    dof.tileData(TreeIndex{n, depth})(random(0, 3), random(0, 3), random(0, 3)) = 1;
-        for (bool const varied : {false, true}) {
-            volume.fill(
-                [&](double, double, double) { return varied ? randomValue<T>(random) : constant; });
-            int const type = random(0, 3);
-            bool const clamp = random(0, 1) != 0;
-            auto const* const flags = random(0, 1) != 0 ? &dof : nullptr;
-            auto const make = [&] { return volume.sampler(type, clamp, kJumpAdaptive, flags); };
-            auto walker = make();
-            StandardOutput const output;
-            float3 p{};
-            for (int n = 0; n < 300; ++n) {
-                if (n % 3 != 1) p = volume.step(random, p, n);
-                int const limit = n % 3 == 0 ? 99 : random(0, Traits::kMaxDepth);
-                T value;
-                std::size_t blocks = 0;
-                {
-                    AllocationCount const allocations;
-                    value = walker.sample(p, limit, 0);
-                    blocks = allocations.blocks();
-                }
-                ASSERT_EQ(blocks, 0U);
-                ASSERT_TRUE(same(value, make().sample(p, limit, 0)));
-                if (!varied) {
-                    ASSERT_LT(distance(value, constant), 1e-3F)
-                        << type << clamp << " at " << p.x << " " << p.y << " " << p.z;
-                }
-            }
-            EXPECT_EQ(output.text(), "");  // no NaN is reported
-        }
+double lagrange(std::array<double, 4> const& x, std::array<double, 4> const& f, double at) {
+    double sum = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        double weight = f[i];
+        for (std::size_t j = 0; j < 4; ++j) weight *= i == j ? 1 : (at - x[j]) / (x[i] - x[j]);
+        sum += weight;
     }
+    return sum;
 }
 
-/// Samples call one another no more often than the tree is deep, and three times. A trace tells.
-TYPED_TEST(Adaptive, RecursionIsBounded) {
-    using Traits = typename TypeParam::Traits;
-    using T = typename TypeParam::Value;
-    Random random(45);
-    constexpr int kCoarse = 3, kLevels = 3;
-    auto const tree = nested<Traits>(random, kCoarse, kLevels);
-    TestVolume<Traits, T> volume(tree, 7, 0, Traits::kMaxDepth, T());
-    auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
-    int deepest = 0;
-    for (int n = 0; n < 40; ++n) {
-        int const depth = random(kCoarse, kCoarse + kLevels - 1);
-        TreeIndex const tile{random(0, static_cast<int>(tree->tileCount(depth)) - 1), depth};
-        int3 const lijk{random(-1, 3), random(-1, 3), random(-1, 3)};
-        StandardOutput const output;
-        sampler.sampleVoxel(tile, lijk, {0.5F, 0.25F, 0.75F}, 99, true);
-        std::istringstream lines(output.text());
-        int calls = 0;
-        for (std::string line; std::getline(lines, line);) {
-            calls += line.starts_with("calling recursively");
-            calls -= line.starts_with("recursively fetched");
-            deepest = std::max(deepest, calls);
-            ASSERT_LE(calls, depth + 3);
-        }
-        ASSERT_EQ(calls, 0);
+/// The place of a coarser value over a flagged voxel is that voxel's, and the next point lies where
+/// the coarser voxel ends.
+TEST(AdaptiveStencil, GoesOnWhereACoarserVoxelEnds) {
+    auto tree = Quern::makePtr<Container<BinaryTraits>>(1.0F);
+    addCube<BinaryTraits>(*tree, 28, 4);
+    TestVolume<BinaryTraits, float> volume(tree, 7, 0, 28, 0);
+    volume.fill([](double x, double, double) { return static_cast<float>(x * x * x * x); });
+    DofChannel<BinaryTraits> dof("", nullptr, 0, false, true, 0, 28);
+    dof.update(volume.topology);
+    TreeIndex const tile = tree->tileAccessor().tile(0, 0, 0, 28).treeIndex();
+    dof.tileData(tile)(3, 0, 0) = 1;
+    auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive, &dof);
+    EXPECT_NEAR(sampler.sampleVoxel(tile, {2, 0, 0}, {0.5F, 0, 0}, 28, false),
+                lagrange({1, 2, 3, 4}, {1, 16, 16, 256}, 2.5), 1e-3);
+}
+
+/// Planes, and rows, are as far apart as the finest voxels of all the columns that they cut. What
+/// is read depends on one coordinate alone, and between coarse samples is what is interpolated
+/// there.
+TEST(AdaptiveStencil, PlanesAndRowsAreAsFineAsTheFinestColumn) {
+    auto const coarse = [](double c) { return std::sin(c * c); };
+    auto const read = [&](double c) {
+        if (std::fmod(c, 2) == 0) return coarse(c);
+        std::array<double, 4> const x{c - 3, c - 1, c + 1, c + 3};
+        return lagrange(x, {coarse(x[0]), coarse(x[1]), coarse(x[2]), coarse(x[3])}, c);
+    };
+    struct Row {
+        int along;
+        int3 lijk, fine;  // of the sample's voxel, and the first or the last column's tile
+    };
+    for (auto const& [along, lijk, fine] :
+         {Row{2, {1, 0, 0}, {0, -4, 0}}, Row{2, {1, 2, 0}, {0, 8, 0}},
+          Row{2, {0, 1, 0}, {-4, 0, 0}}, Row{2, {2, 1, 0}, {8, 0, 0}},
+          Row{0, {0, 0, 1}, {0, -4, 0}}, Row{0, {0, 2, 1}, {0, 8, 0}}}) {
+        auto tree = Quern::makePtr<Container<BinaryTraits>>(1.0F);
+        addCube<BinaryTraits>(*tree, 27, 6);
+        for (int c = -16; c < 16; c += 4)
+            tree->addTile(along == 0 ? c : fine.x, fine.y, along == 2 ? c : fine.z, 28);
+        TestVolume<BinaryTraits, float> volume(tree, 7, 0, 28, 0);
+        volume.fill([&, d = along](double x, double, double z) {
+            return static_cast<float>(read(d == 0 ? x : z));
+        });
+        auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
+        TreeIndex const tile = tree->tileAccessor().tile(0, 0, 0, 27).treeIndex();
+        float3 frac{0.5F, 0.5F, 0};
+        frac[along] = 0.25F;
+        EXPECT_NEAR(sampler.sampleVoxel(tile, lijk, frac, 28, false),
+                    lagrange({-1, 0, 1, 2}, {read(-1), read(0), read(1), read(2)}, 0.5), 1e-5);
+        // A limit hides what is finer.
+        std::fill_n(volume.channel.samples({0, 28}), volume.channel.elementCount(28), 1e6F);
+        auto limited = volume.sampler(kCubicC0, false, kJumpAdaptive);
+        frac = {0.5F, 0.5F, 0.5F};
+        frac[along] = 0;
+        EXPECT_NEAR(limited.sampleVoxel(tile, lijk, frac, 27, false), coarse(0), 1e-5);
     }
-    EXPECT_GE(deepest, 2);
 }
 
 }  // namespace

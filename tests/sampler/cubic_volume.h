@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/volume/trees.h"
+#include "support/probe.h"
 #include "zel/sampler/cubic/voxel_sampler_cubic.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
@@ -15,15 +16,11 @@
 namespace cubic {
 
 using namespace trees;
+using support::kInf;
+using support::kNaN;
+using support::same;
 
 template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, float, float3, 0, 0>;
-
-template <class Traits_, class T> struct Case {
-    using Traits = Traits_;
-    using Value = T;
-};
-using Cases = testing::Types<Case<BinaryTraits, float>, Case<BinaryTraits, float3>,
-                             Case<QuinaryTraits, float>, Case<QuinaryTraits, float3>>;
 
 template <class Traits> constexpr int voxel(int depth) {
     return static_cast<int>(width<Traits>(depth) / Traits::kSamples);
@@ -34,23 +31,6 @@ template <class T> T make(float x, float y, float z) {
     else
         return {x, y, z};
 }
-template <class T> T randomValue(Random& random) {
-    float3 const v{random.real(-1, 1), random.real(-1, 1), random.real(-1, 1)};
-    return make<T>(v.x, v.y, v.z);
-}
-inline bool same(float a, float b) {
-    return a == b ? std::signbit(a) == std::signbit(b) : std::isnan(a) && std::isnan(b);
-}
-inline bool same(float3 const& a, float3 const& b) {
-    return same(a.x, b.x) && same(a.y, b.y) && same(a.z, b.z);
-}
-inline float distance(float a, float b) {
-    return std::abs(a - b);
-}
-inline float distance(float3 const& a, float3 const& b) {
-    return std::max({distance(a.x, b.x), distance(a.y, b.y), distance(a.z, b.z)});
-}
-
 /// Catches the standard output.
 class StandardOutput {
 public:
@@ -122,7 +102,7 @@ template <class Traits, class T> struct TestVolume {
             }
     }
     void fillRandomly(Random& random) {
-        fill([&](double, double, double) { return randomValue<T>(random); });
+        fill([&](double, double, double) { return number<T>(random); });
     }
 
     Sampler<Traits, T> sampler(int type, bool clamp = false, int jump = kJumpTrilinear,
@@ -195,25 +175,25 @@ public:
                                  n >> 1 & 1, n & 1);
             if (deepest(p, tile.depth()).depth() != tile.depth()) kind = kJump;
         }
-        T corners[8];
-        for (int n = 0; n < 8; ++n)
-            corners[n] = point(step(llc, w, n >> 2, n >> 1 & 1, n & 1), tile.depth());
-        if (kind == kJump) return blend(corners, frac);
+        auto const corner = [&](int i, int j, int k) {
+            return point(step(llc, w, i, j, k), tile.depth());
+        };
+        if (kind == kJump) return trilinear(corner, frac);
 
-        T planes[4], low = corners[0], high = corners[0];
+        T planes[4], low = corner(0, 0, 0), high = low;
         for (int k = 0; k < 4; ++k) {
             T rows[4];
             for (int j = 0; j < 4; ++j) {
                 T f[4];
-                for (int i = 0; i < 4; ++i)
-                    f[i] = point(step(llc, w, i - 1, j - 1, k - 1), tile.depth());
+                for (int i = 0; i < 4; ++i) f[i] = corner(i - 1, j - 1, k - 1);
                 rows[j] = interpolate(type, f, frac[0]);
             }
             planes[k] = interpolate(type, rows, frac[1]);
         }
         T const value = interpolate(type, planes, frac[2]);
         if (!clamp) return value;
-        for (T const& c : corners) {
+        for (int n = 0; n < 8; ++n) {
+            T const c = corner(n >> 2, n >> 1 & 1, n & 1);
             low = each([](float a, float b) { return std::min(a, b); }, low, c);
             high = each([](float a, float b) { return std::max(a, b); }, high, c);
         }
@@ -251,11 +231,10 @@ public:
         }
         if (frac == float3{} && m_volume.topology.offsetType() == 7) return value(corner, level);
         if (level < 1) return channel.defaultValue();
-        T corners[8];
-        for (int n = 0; n < 8; ++n)
-            corners[n] =
-                point(step(corner, voxel<Traits>(level), n >> 2, n >> 1 & 1, n & 1), level);
-        return blend(corners, frac);
+        auto const sample = [&](int i, int j, int k) {
+            return point(step(corner, voxel<Traits>(level), i, j, k), level);
+        };
+        return trilinear(sample, frac);
     }
 
 private:
@@ -281,12 +260,6 @@ private:
             return function(a, b);
         else
             return {function(a.x, b.x), function(a.y, b.y), function(a.z, b.z)};
-    }
-    static T blend(T const (&c)[8], float3 const& f) {
-        auto const lerp = [](T const& u, T const& v, float t) { return (v - u) * t + u; };
-        T const a = lerp(c[0], c[4], f[0]), b = lerp(c[2], c[6], f[0]), e = lerp(c[1], c[5], f[0]),
-                g = lerp(c[3], c[7], f[0]);
-        return lerp(lerp(a, b, f[1]), lerp(e, g, f[1]), f[2]);
     }
     static T interpolate(int type, T const (&f)[4], float t) {
         using Register = Internal::RegisterTraits<T>;

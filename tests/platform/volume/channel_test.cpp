@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <atomic>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "zel_platform/orvane_geometry_volume/free_list.h"
 #include "zel_platform/orvane_geometry_volume/tree_rollback.h"
 
 namespace {
@@ -52,7 +52,7 @@ TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
     using Traits = TypeParam;
     constexpr int W = Traits::kSamples;
     auto channel = makeChannel<Traits>(1, 3);
-    EXPECT_TRUE(channel.empty());
+    EXPECT_TRUE(channel.empty() && channel.belongsTo(*this->tree));  // one without samples, to any
     EXPECT_FALSE(channel.tileData({0, 3}));
     channel.update(this->topology);
     EXPECT_EQ(channel.tileCount(-1), channel.tileCount(1) + channel.tileCount(2) + 3);
@@ -73,9 +73,6 @@ TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
     unsigned long long used = 0, held = 0;
     copy.memUse(used, held, true);
     EXPECT_EQ(used, copy.size() * sizeof(float) + sizeof copy);
-    std::ostringstream text;
-    copy.dump(text);
-    EXPECT_NE(text.str().find("depth 3: 3 tiles"), std::string::npos) << text.str();
 }
 
 TYPED_TEST(Channels, KeepSamplesAsTheTreeGrows) {
@@ -172,8 +169,9 @@ TYPED_TEST(Channels, RemoveAndPermuteTiles) {
     smaller->addTile(-this->kWidth, 0, 0, 3);
     VoxelTopology<Traits> const left(smaller);
     using Ranges = std::vector<std::vector<std::pair<long long, long long>>>;
-    for (auto const& bad : {Ranges{{}, {}, {}, {{0, 1}}}, Ranges{{}, {}, {}, {{2, 3}, {0, 1}}},
-                            Ranges{{}, {}, {}, {{2, 5}}}, Ranges(40, {{0, 1}})})
+    for (auto const& bad :
+         {Ranges{{}, {}, {}, {{0, 1}}}, Ranges{{}, {}, {}, {{2, 3}, {0, 1}}},
+          Ranges{{}, {}, {}, {{2, 5}}}, Ranges{{}, {}, {}, {{1, 0}, {0, 3}}}, Ranges(40, {{0, 1}})})
         EXPECT_THROW(channel.updateTilesRemoved(bad, left), std::invalid_argument);
     EXPECT_EQ(this->firsts(channel), (Floats{3, 0, 1, 2}));
     channel.updateTilesRemoved({{}, {{0, 9}}, {}, {{0, 1}, {2, 3}}}, left);
@@ -215,9 +213,8 @@ TYPED_TEST(Channels, RefuseForeignTopologiesAndDepths) {
     EXPECT_THROW(channel.update(channel), Refused);
     EXPECT_THROW(channel.setDepth(4, other), Refused);
     EXPECT_EQ(channel.tileCount(3), 3);
-    EXPECT_THROW(makeChannel<Traits>(-1, 5), std::out_of_range);
-    EXPECT_THROW(makeChannel<Traits>(3, 2), std::out_of_range);
-    EXPECT_THROW(makeChannel<Traits>(0, Traits::kMaxDepth + 1), std::out_of_range);
+    for (auto const& [low, high] : {std::pair{-1, 5}, {3, 2}, {0, Traits::kMaxDepth + 1}})
+        EXPECT_THROW(makeChannel<Traits>(low, high), std::out_of_range);
     EXPECT_THROW((DataChannel<Traits, float>("", nullptr, 1, false, true, 0, 1)), Refused);
 
     HaloChannel<Traits, float> halo("", &kDefault, 0, false, true, 0, 5);
@@ -241,18 +238,15 @@ TEST(TileDataTest, OwnsOrRefers) {
     EXPECT_TRUE(own.data()[0] == 1 && own.data()[215] == 2);
     Ring copy(own);
     copy(4, 4, 4) = 3;
-    EXPECT_EQ(own(4, 4, 4), 2);
-    EXPECT_EQ(Ring(std::move(copy))(4, 4, 4), 3);
+    EXPECT_TRUE(own(4, 4, 4) == 2 && Ring(std::move(copy))(4, 4, 4) == 3);
     EXPECT_THROW(Ring(215), std::invalid_argument);
 
     Ring::Vector elements(218, 5.0f);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(elements.data()) % 64, 0u);
-    Ring view(&elements), second(view);
-    EXPECT_EQ(view.beginElementsAdded(), &elements[216]);
-    EXPECT_EQ(view.endElementsAdded(), &elements[0] + 218);
+    Ring view(&elements);
+    EXPECT_EQ(view.endElementsAdded() - view.beginElementsAdded(), 2);
     view.clearElementsAdded();
-    EXPECT_EQ(elements.size(), 216u);
-    second(0, 0, 0) = 8;
+    view(0, 0, 0) = 8;
     EXPECT_EQ((ConstTileData<float, 4, 1, 0>(&elements)(int3{0, 0, 0})), 8);
     elements.resize(215);
     EXPECT_FALSE(Ring(&elements) || Ring() || Ring(0));
@@ -273,6 +267,19 @@ public:
     }
 };
 
+TEST(FreeList, HoldsNoMoreThanItsLimit) {
+    Internal::FreeList<int> list(100);
+    EXPECT_FALSE(list.give(1, 1));
+    list.setEnabled(true);
+    EXPECT_TRUE(list.give(60, 6) && list.give(40, 4) && !list.give(101, 0));
+    EXPECT_EQ(list.heldSize(), 100U);
+    EXPECT_TRUE(!list.take(19) && !list.take(61));  // too large, or none
+    EXPECT_EQ(list.take(20)->entry, 4);
+    EXPECT_EQ(list.heldSize(), 60U);
+    EXPECT_TRUE(list.give(50, 5));  // in place of all the others
+    EXPECT_EQ(list.heldSize(), 50U);
+}
+
 TEST_F(Pools, ArraysUseStorageAgain) {
     all(true);
     auto array = ArrayPool::allocate<float3>({1, 2, 3}, 1001);
@@ -283,9 +290,6 @@ TEST_F(Pools, ArraysUseStorageAgain) {
         EXPECT_EQ(ArrayPool::heldBytes(), 0u);  // still in use
     }
     EXPECT_EQ(ArrayPool::heldBytes(), 12012u);
-    auto const tooSmall = ArrayPool::allocate<float3>({}, 1002),
-               tooLarge = ArrayPool::allocate<float3>({}, 500);
-    EXPECT_TRUE(tooSmall->data() != storage && tooLarge->data() != storage);
     auto const again = ArrayPool::allocate<float3>({4, 5, 6}, 900);
     EXPECT_EQ(again->data(), storage);
     EXPECT_EQ(*again, (Quern::Array<float3>(900, {4, 5, 6})));
@@ -297,15 +301,14 @@ TEST_F(Pools, ChannelsUseMemoryAndChannelsAgain) {
     for (int i = 0; i < 50; ++i) tree->addTile(4 * i, 0, 0, 28);
     VoxelTopology<BinaryTraits> const topology(tree);
     using Halo = HaloChannel<BinaryTraits, float>;
-    auto const make = [&](bool pooled) {
-        auto channel = Quern::makePtr<Halo>("", &kDefault, 0, pooled, true, 0, 28);
+    auto const make = [&](bool pooled, int low = 0) {
+        auto channel = Quern::makePtr<Halo>("", &kDefault, 0, pooled, true, low, 28);
         channel->update(topology);
         return channel;
     };
     auto const allocate = [&](float value, int low = 0) {
-        return ChannelPool::allocate<BinaryTraits, float, 5, 0>(
-            value, false, true, low, 28, static_cast<unsigned long long>(topology.tileCount(-1)),
-            &topology);
+        return ChannelPool::allocate<BinaryTraits, float, 5, 0>(value, false, true, low, 28, 0,
+                                                                &topology);
     };
     EXPECT_FALSE(allocate(0));  // the pools are off at first
     EXPECT_EQ((*ArrayPool::allocate<float>(2, 100))[99], 2);
@@ -314,21 +317,22 @@ TEST_F(Pools, ChannelsUseMemoryAndChannelsAgain) {
     float* const first = channel->samples({0, 0});
     *first = 1;
     channel.reset();
-    EXPECT_GT(ChannelMemoryPool::heldBytes(), 0u);
+    auto const held = ChannelMemoryPool::heldBytes();
+    EXPECT_GT(held, 0u);
     EXPECT_NE(make(false)->samples({0, 0}), first);
     channel = make(true);
-    EXPECT_EQ(channel->samples({0, 0}), first);
-    EXPECT_EQ(*first, kDefault);
+    EXPECT_TRUE(channel->samples({0, 0}) == first && *first == kDefault);
     EXPECT_EQ(ChannelMemoryPool::heldBytes(), 0u);
+    channel.reset();
+    EXPECT_EQ(make(true, 1)->samples({0, 1}), first);
+    EXPECT_EQ(ChannelMemoryPool::heldBytes(), held);  // more than was asked for
 
     Quern::Ptr<Halo> pooled = allocate(3);
     float* const samples = pooled->samples({0, 28});
-    EXPECT_EQ(*samples, 3);
-    EXPECT_TRUE(pooled->fits(*tree));
+    EXPECT_TRUE(*samples == 3 && pooled->fits(*tree));
     pooled.reset();
     pooled = allocate(4);
-    EXPECT_EQ(pooled->samples({0, 28}), samples);
-    EXPECT_EQ(*samples, 4);
+    EXPECT_TRUE(pooled->samples({0, 28}) == samples && *samples == 4);
     EXPECT_NE(allocate(5)->samples({0, 28}), samples);  // the first is in use
     *samples = 6;
     pooled->update(topology);  // in step already

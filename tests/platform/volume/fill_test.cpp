@@ -1,13 +1,11 @@
 #include "platform/volume/trees.h"
 
-#include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <stdexcept>
 
@@ -89,31 +87,17 @@ TYPED_TEST(Fill, GivesTheFunctionAtLeavesAndMeansAbove) {
     }
 }
 
-TYPED_TEST(Fill, DoesNotDependOnThreads) {
+TYPED_TEST(Fill, RestrictsWhatIsWrittenAtTheDeepestDepth) {
     using Traits = TypeParam;
-    auto const wave = [](float3 const& p) { return std::sin(100 * p.x + p.y) + p.z; };
-    auto const make = [&](std::size_t threads) {
-        tbb::global_control const control(tbb::global_control::max_allowed_parallelism, threads);
-        return buildVolume<Traits, float>(1 / static_cast<float>(width<Traits>(0)), kDeep<Traits>,
-                                          shell, wave);
-    };
-    auto const one = make(1), many = make(4);
-    auto const& tree = *one.container;
-    ASSERT_EQ(tree.size(), many.container->size());
-    for (int d = 0; d <= kDeep<Traits>; ++d)
-        for (long long i = 0; i < tree.tileCount(d); ++i) {
-            ASSERT_EQ(tree.tile(i, d).tijk(), many.container->tile(i, d).tijk());
-            ASSERT_EQ(std::memcmp(one.channel->samples({i, d}), many.channel->samples({i, d}),
-                                  sizeof(float) * Traits::kSampleCount),
-                      0);
-        }
-    // A value written at the deepest depth arrives above.
-    auto const& deep = tree.tile(0, kDeep<Traits>);
-    auto const& above = tree.tile(deep.parentTreeIndex());
-    *one.channel->samples(deep.treeIndex()) = 50;
-    restrictChannel<Traits, float>(*one.channel, *one.topology);
+    auto const volume =
+        buildVolume<Traits, float>(1 / static_cast<float>(width<Traits>(0)), kDeep<Traits>, shell,
+                                   [](float3 const& p) { return p.z; });
+    auto const& deep = volume.container->tile(0, kDeep<Traits>);
+    auto const& above = volume.container->tile(deep.parentTreeIndex());
+    *volume.channel->samples(deep.treeIndex()) = 50;
+    restrictChannel<Traits, float>(*volume.channel, *volume.topology);
     int3 const voxel = above.childDataIJK(deep.tijk());
-    EXPECT_EQ(std::as_const(*one.channel).tileData(above.treeIndex())(voxel), 50);
+    EXPECT_EQ(std::as_const(*volume.channel).tileData(above.treeIndex())(voxel), 50);
 }
 
 TYPED_TEST(Fill, PassesErrorsOnAndStopsAtTheChannelsDepths) {

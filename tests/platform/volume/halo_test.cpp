@@ -14,13 +14,6 @@ namespace {
 
 using namespace trees;
 
-float distance(float a, float b) {
-    return std::abs(a - b);
-}
-float distance(float3 const& a, float3 const& b) {
-    return std::max({std::abs(a.x - b.x), std::abs(a.y - b.y), std::abs(a.z - b.z)});
-}
-
 template <class Traits, class T> struct Volume : RandomVolume<Traits, T> {
     using Base = RandomVolume<Traits, T>;
     using Base::Base, Base::channel, Base::tree;
@@ -49,15 +42,13 @@ template <class Traits, class T> struct Volume : RandomVolume<Traits, T> {
 };
 
 template <class Case> class Halo : public testing::Test {};
-using Cases = testing::Types<std::pair<BinaryTraits, float>, std::pair<BinaryTraits, float3>,
-                             std::pair<QuinaryTraits, float>, std::pair<QuinaryTraits, float3>>;
 TYPED_TEST_SUITE(Halo, Cases);
 
 template <class Traits> constexpr int kDense = Traits::kBranch == 2 ? 5 : 3;
 
 TYPED_TEST(Halo, OfAChannelAndOfATileFollowsTheRule) {
-    using Traits = typename TypeParam::first_type;
-    using T = typename TypeParam::second_type;
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
     constexpr int W = Traits::kSamples;
     Random random(61);
     struct Shape {
@@ -97,8 +88,8 @@ TYPED_TEST(Halo, OfAChannelAndOfATileFollowsTheRule) {
 }
 
 TYPED_TEST(Halo, AllRoundFollowsTheRuleForEveryOffset) {
-    using Traits = typename TypeParam::first_type;
-    using T = typename TypeParam::second_type;
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
     constexpr int W = Traits::kSamples;
     Random random(62);
     for (int type = 0; type < 9; ++type) {
@@ -143,7 +134,7 @@ TYPED_TEST(HaloOf, DependsOnNeitherThreadsNorDepthsNorWhatWasThere) {
     Volume<Traits, float> volume(random, 80, 5, 1, 5);
     volume.compute(volume.halo);
     float const nan = std::numeric_limits<float>::quiet_NaN();
-    for (int const low : {0, 1, 3, 5})
+    for (int const low : {0, 1, 2, 3, 5})
         for (bool const few : {false, true}) {
             HaloChannel<Traits, float> halo("", &nan, 0, false, true, few ? low : 0, 5);
             halo.update(volume.topology);

@@ -1,12 +1,9 @@
 #include "platform/volume/trees.h"
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <cmath>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "support/refused.h"
 
@@ -69,71 +66,54 @@ TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
 
 TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
     using Traits = TypeParam;
-    constexpr int kMost = Container<Traits>::kMaxPoints;
+    using Cells = std::array<std::uint32_t, Container<Traits>::kMaxPoints>;
     Random random(57);
     for (int round = 0; round < 400; ++round) {
-        RandomTree<Traits> const random_tree(random, 60, random(0, Traits::kMaxDepth));
-        auto const& [tree, map, indices, points] = random_tree;
-        int const depth = random(-1, tree.depth() + 1),
-                  count = round % 4 == 0 ? kMost : random(0, kMost);
-        auto const d = static_cast<unsigned>(std::clamp(depth, 0, +Traits::kMaxDepth));
-        std::vector<std::array<std::uint32_t, 3>> cells(static_cast<std::size_t>(count));
-        std::array<std::vector<std::uint32_t>, 3> coordinates;
-        for (auto& cell : cells) {
-            int3 const p = points[static_cast<std::size_t>(random(0, 59))];
-            for (int axis = 0; axis < 3; ++axis)
-                cell[static_cast<unsigned>(axis)] =
-                    Internal::tilesBelow<Traits>(Traits::aboveRoot(p[axis]), d);
-            // Rows of one tile, its neighbours, and cells that no tile can have.
-            if (&cell != &cells[0] && random(0, 2) == 0) cell = (&cell)[-1];
-            auto& some = cell[static_cast<unsigned>(random(0, 2))];
+        RandomTree<Traits> const made(random, 60, random(0, Traits::kMaxDepth));
+        int const depth = random(-1, made.tree.depth() + 1),
+                  count = random(0, 3) ? random(0, 128) : 128;
+        auto const d = std::clamp(depth, 0, +Traits::kMaxDepth);
+        std::array<Cells, 3> cells;
+        for (unsigned i = 0; i < static_cast<unsigned>(count); ++i) {
+            int3 const p = made.points[static_cast<std::size_t>(random(0, 59))];
+            bool const again = i > 0 && random(0, 2) == 0;  // rows of one tile
+            for (unsigned a = 0; a < 3; ++a)
+                cells[a][i] = again ? cells[a][i - 1]
+                                    : Traits::aboveRoot(p[static_cast<int>(a)]) /
+                                          static_cast<std::uint32_t>(width<Traits>(d));
+            // A tile's neighbours, cells that no tile can have, and what a product with a width
+            // wraps around to the cell of a tile.
+            auto& some = cells[static_cast<unsigned>(random(0, 2))][i];
             if (random(0, 3) == 0) some += static_cast<std::uint32_t>(random(-1, 1));
             if (random(0, 20) == 0) some = static_cast<std::uint32_t>(random(INT_MIN, INT_MAX));
-            // What a product with a width wraps around to the cell of a tile.
             if (Traits::kBranch == 2 && random(0, 20) == 0) some |= 1U << (d + 2);
-            for (unsigned axis = 0; axis < 3; ++axis) coordinates[axis].push_back(cell[axis]);
         }
-        auto const& [x, y, z] = coordinates;
         std::vector<TileRun> runs(static_cast<std::size_t>(count) + 1, TileRun{-7, -7});
-        int const found = tree.findTiles(depth, x.data(), y.data(), z.data(), count, runs.data());
-        ASSERT_LE(found, count);
+        int const found = made.tree.findTiles(depth, cells[0].data(), cells[1].data(),
+                                              cells[2].data(), count, runs.data());
         int i = 0;
         for (int r = 0; r < found; ++r) {
             TileRun const run = runs[static_cast<std::size_t>(r)];
             ASSERT_TRUE(i < run.end && run.end <= count);
             for (; i < run.end; ++i) {
-                auto const& cell = cells[static_cast<std::size_t>(i)];
                 int3 p;
-                bool inside = depth >= 0 && depth <= Traits::kMaxDepth;
-                for (int axis = 0; inside && axis < 3; ++axis) {
-                    auto const c = cell[static_cast<unsigned>(axis)];
-                    inside = c < Traits::kRootWidth / width<Traits>(depth);
+                bool inside = depth == d;
+                for (unsigned a = 0; a < 3; ++a) {
+                    auto const c = cells[a][static_cast<unsigned>(i)];
+                    inside = inside && c < Traits::kRootWidth / width<Traits>(d);
                     if (inside)
-                        p[axis] = static_cast<int>(Traits::kRootCorner + c * width<Traits>(depth));
+                        p[static_cast<int>(a)] =
+                            static_cast<int>(kLow<Traits> + c * width<Traits>(d));
                 }
-                bool const there = inside && map.find(p, depth) == depth;
-                ASSERT_EQ(run.tile >= 0, there) << "depth " << depth << ", point " << i;
-                if (there) {
-                    ASSERT_EQ(tree.tile(run.tile, depth).m_tijk, p);
+                ASSERT_EQ(run.tile >= 0, inside && made.map.find(p, depth) == depth) << depth;
+                if (run.tile >= 0) {
+                    ASSERT_EQ(made.tree.tile(run.tile, depth).m_tijk, p);
                 }
             }
         }
         ASSERT_EQ(i, count);
         ASSERT_EQ(runs[static_cast<std::size_t>(found)].end, -7);
     }
-}
-
-TYPED_TEST(Lookup, CountsTilesLikeADivision) {
-    using Traits = TypeParam;
-    Random random(56);
-    for (int d = 0; d <= Traits::kMaxDepth; ++d)
-        for (int i = 0; i < 3000; ++i) {
-            auto const w = static_cast<std::uint32_t>(width<Traits>(d)),
-                       most = static_cast<std::uint32_t>(width<Traits>(0) - 1);
-            std::uint32_t n = static_cast<std::uint32_t>(random(0, static_cast<int>(most)));
-            if (i % 3 > 0) n = std::min(most, n / w * w + (i % 3 == 1 ? 0 : w - 1));
-            ASSERT_EQ(Internal::tilesBelow<Traits>(n, static_cast<unsigned>(d)), n / w);
-        }
 }
 
 TEST(InnerTiles, OfOneHashAreToldApart) {
@@ -212,10 +192,19 @@ TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
         }
     }
     auto const& root = tree.tile(0, 0);
-    EXPECT_FALSE(accessor.tileNeighbor(root, 27).exists());
-    EXPECT_FALSE(accessor.tileNeighbor(root, -1).exists());
     EXPECT_TRUE(root.isLeaf({-1, 0, 0}) && root.isLeaf({0, Traits::kBranch, 0}));
     EXPECT_FALSE(root.childTreeIndex({0, 0, INT_MAX}).valid());
+    Container<Traits> row(1);  // directions that are none would lead to these tiles
+    int const w = static_cast<int>(width<Traits>(4));
+    auto const& middle = row.tile(row.addTile(0, 0, 0, 4));
+    row.addTile(2 * w, -w, -w, 4);
+    row.addTile(-w, -w, -2 * w, 4);
+    for (int const direction : {27, -1, 1 << 30})
+        EXPECT_FALSE(row.tileAccessor().tileNeighbor(middle, direction).exists());
+    int const voxel = middle.voxelDataWidth();
+    for (int const below : {1, voxel, voxel + 1})  // rounded down
+        EXPECT_EQ(middle.childDataIJK(middle.tijk() - int3{below, 0, 0}).x,
+                  below > voxel ? -2 : -1);
     // Voxels 1 wide, up to 2^32 away: the index ends with the range.
     Container<Traits> far(1);
     for (long long const low : {kLow<Traits>, kLow<Traits> + width<Traits>(0) - 1}) {
@@ -254,28 +243,6 @@ TYPED_TEST(Lookup, SeesTilesAddedSinceAndKeepsReferences) {
     }
 }
 
-TYPED_TEST(Lookup, TenThreadsReadOneTree) {
-    using Traits = TypeParam;
-    Random random(54);
-    RandomTree<Traits> const made(random, 300, Traits::kMaxDepth);
-    std::vector<int> expected;
-    for (int3 const& p : made.points) expected.push_back(made.map.find(p, Traits::kMaxDepth));
-    std::atomic<int> wrong = 0;
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < 10; ++t)
-        threads.emplace_back([&, t] {
-            auto const accessor = made.tree.tileAccessor();
-            std::mt19937 engine(t);
-            for (int i = 0; i < 50000; ++i) {
-                auto const n = engine() % made.points.size();
-                int3 const& p = made.points[n];
-                wrong += accessor.tile(p.x, p.y, p.z, Traits::kMaxDepth).depth() != expected[n];
-            }
-        });
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(wrong, 0);
-}
-
 TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     using Traits = TypeParam;
     using Tree = Container<Traits>;
@@ -297,16 +264,19 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
             return d < depth ? depth == 3 : throw std::runtime_error("predicate");
         };
     };
-    expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, INT_MIN, 3); }, "-2147483648");
-    expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, 1, -2); }, "-2");
-    expectRefused<std::out_of_range>([&] { tree.addTile(1, 1, 1, Traits::kMaxDepth + 1); },
-                                     std::to_string(Traits::kMaxDepth + 1));
-    expectRefused<std::out_of_range>(
-        [&] {
-            tree.addChild({0, 2}, {0, Traits::kBranch, 0});
-        },
-        std::to_string(Traits::kBranch));
-    expectRefused<std::out_of_range>([&] { tree.addChild({7, 2}, {}); }, "7");
+    int const most = Traits::kMaxDepth, B = Traits::kBranch;
+    for (auto const& [p, depth, named] : {std::tuple{int3{1, 1, INT_MIN}, 3, INT_MIN},
+                                          {int3{1, 1, 1}, -2, -2},
+                                          {int3{1, 1, 1}, most + 1, most + 1}})
+        expectRefused<std::out_of_range>(
+            [&, &p = p, &depth = depth] { tree.addTile(p.x, p.y, p.z, depth); },
+            std::to_string(named));
+    for (auto const& [tile, child, named] : {std::tuple{0LL, int3{0, B, 0}, B}, {7LL, int3{}, 7}})
+        expectRefused<std::out_of_range>(
+            [&, &tile = tile, &child = child] {
+                tree.addChild({tile, 2}, child);
+            },
+            std::to_string(named));
     expectRefused<std::length_error>([&] { tree.addTile(-999999, 5, 5, 8); }, "10 tiles");
     expectRefused<std::length_error>(
         [&] { refineTree(tree, 5, [](auto&, auto&, int) { return true; }); }, "10 tiles");

@@ -19,6 +19,20 @@ namespace trees {
 using namespace ORV::TileTree3D;
 
 using Kinds = testing::Types<BinaryTraits, QuinaryTraits>;
+/// Kinds of trees and types of values.
+template <class Traits_, class T> struct Case {
+    using Traits = Traits_;
+    using Value = T;
+};
+using Cases = testing::Types<Case<BinaryTraits, float>, Case<BinaryTraits, float3>,
+                             Case<QuinaryTraits, float>, Case<QuinaryTraits, float3>>;
+
+inline float distance(float a, float b) {
+    return std::abs(a - b);
+}
+inline float distance(float3 const& a, float3 const& b) {
+    return std::max({distance(a.x, b.x), distance(a.y, b.y), distance(a.z, b.z)});
+}
 
 /// Random numbers of a seed that is printed, so that a failure can be repeated.
 class Random {
@@ -133,6 +147,13 @@ template <class Traits> struct RandomTree {
     std::vector<TreeIndex> indices;
     std::vector<int3> points;
 };
+
+/// The value between eight samples `f(dx, dy, dz)`, to the bit.
+auto trilinear(auto const& f, auto const& t) {
+    auto const lerp = [](auto const& a, auto const& b, float s) { return (b - a) * s + a; };
+    auto const row = [&](int y, int z) { return lerp(f(0, y, z), f(1, y, z), t[0]); };
+    return lerp(lerp(row(0, 0), row(1, 0), t[1]), lerp(row(0, 1), row(1, 1), t[1]), t[2]);
+}
 
 template <class T> T number(Random& random) {
     if constexpr (std::is_same_v<T, float>)
