@@ -229,12 +229,9 @@ TEST(IndexMaps, AreSharedReplacedAndKept) {
     EXPECT_EQ(node.eval(kPosition, 0), 11);
     node.use_property_indices(arrayOf<long long>({0}));
     EXPECT_EQ(node.eval(kPosition, 0), 10);
-    EXPECT_EQ(first.useCount(), 1);
-    // A later object keeps the map, also one whose values are read by a converter.
+    // A later object keeps the map; an array without elements is bound too.
     node.apply_object(objectOf(-1.0F, arrayOf<float>({20})));
-    EXPECT_EQ(node.eval(kPosition, 0), 20);
-    EXPECT_EQ(node.eval(kPosition, 1), -1);
-    // An array without elements is bound too, ahead of the converter.
+    EXPECT_TRUE(node.eval(kPosition, 0) == 20 && node.eval(kPosition, 1) == -1);
     node.apply_object(objectOf(3.0F, makePtr<Array<float>>()));
     EXPECT_EQ(node.eval(kPosition, 0), 3);
 }
@@ -262,7 +259,7 @@ TEST(RotationVector, IsTheAxisTimesTheAngle) {
         EXPECT_EQ(vectorOf(none), float3{});
     // A half angle below 1e-6 turns about z, one from there to 1e-3 does not turn.
     EXPECT_TRUE(same(vectorOf({5e-7F, 0, 0, 1}), {0, 0, 1e-6F}));
-    EXPECT_EQ(vectorOf({2e-6F, 0, 0, 1}), float3{});
+    for (float const half : {2e-6F, 5e-4F}) EXPECT_EQ(vectorOf({half, 0, 0, 1}), float3{});
     EXPECT_NEAR(vectorOf({3e-3F, 0, 0, 1}).x, 6e-3F, 1e-4F);
 }
 

@@ -38,17 +38,6 @@ template <class T, class F> auto differences(F const& f, float3 const& p) {
     return Probe(f).grad(p, 0);
 }
 
-TEST(VolumeNodes, ReadTheDefaultValueInTilesTheChannelLacks) {
-    auto volume = build<BinaryTraits, float>(plane<float>);
-    volume.channel =
-        makePtr<DataChannel<BinaryTraits, float>>("", &support::kInf, 0, false, true, 3, 3);
-    volume.channel->update(*volume.topology);
-    for (SamplerType const type : kTypes) {
-        Scalar const node(host(volume), "d", type);
-        EXPECT_EQ(node.eval({-0.21F, -0.13F, -0.33F}, 0), support::kInf);
-    }
-}
-
 TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
         for (auto const& function : {plane<T>, waves<T>}) {
@@ -100,8 +89,7 @@ TEST(VolumeNodes, AnswerZeroForOtherSamplerTypes) {
     for (int const number : {3, -1, 2147483647}) {
         Scalar const node(object, "d", SamplerType(number));
         EXPECT_TRUE(node.bound() && !node.held().hasHalo());
-        for (float3 const& p : {float3{0.1F, 0.2F, 0.3F}, kNowhere[4]})
-            EXPECT_TRUE(same(node.eval(p, 0), 0.0F) && same(node.grad(p, 0), {}));
+        EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), 0.0F) && same(node.grad({0.1F, 0, 0}, 0), {}));
         EXPECT_EQ(node.samplers(), 0);
     }
 }
@@ -145,7 +133,7 @@ TEST(VolumeNodes, StayUnboundWithoutAllComponents) {
 
 TEST(VolumeNodes, ReadSamplesThatAreNotOnCorners) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
-        for (VoxelOffsetType const offset : {0, 2, 5}) {
+        for (VoxelOffsetType const offset : {0, 2, 3, 5, 6}) {
             auto const object = host(build<Traits, T>(plane<T>, offset));
             float3 const p{-0.2F, 0.1F, 0.15F};  // away from the change of resolution
             for (SamplerType const type : kTypes) {
@@ -167,8 +155,7 @@ TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
         using zel::ScalarOrvane::eval;
         using zel::ScalarOrvane::ScalarOrvane;
         float eval(float3 const& p, long long i) const override {
-            calls += i == 12;
-            return 2 * zel::ScalarOrvane::eval(p, i);
+            return calls += i == 12, 2 * zel::ScalarOrvane::eval(p, i);
         }
         mutable int calls = 0;
     };
@@ -208,17 +195,14 @@ TEST(VolumeScale, StaysWithoutAFloat) {
     float3 const p{0.05F, 0.1F, -0.1F};
     for (SamplerType const type : kTypes) {
         ScalarLate node("d", type);
-        auto const expectScale = [&](float scale) {
-            EXPECT_TRUE(same(node.eval(p, 0), plane<float>(p * scale), 1e-6F)) << scale;
-        };
         node.apply_object(scaled({}, 2.0F));  // without a volume the scale is taken all the same
         EXPECT_TRUE(same(node.eval(p, 0), 0.0F));
-        for (Quern::Any const& other : {Quern::Any(), Quern::Any(3.0), Quern::Any(3)}) {
+        for (Quern::Any const& other : {Quern::Any(), Quern::Any(3.0)}) {
             node.apply_object(scaled(object, other));
-            expectScale(2);
+            EXPECT_TRUE(same(node.eval(p, 0), plane<float>(p * 2), 1e-6F));
         }
         node.apply_object(scaled({}, -2.0F));  // and what was bound stays
-        expectScale(-2);
+        EXPECT_TRUE(same(node.eval(p, 0), plane<float>(p * -2), 1e-6F));
     }
 }
 
@@ -256,13 +240,11 @@ TEST(VolumeHalo, WarnsAboutElementsThatAreNotConstructed) {
         for (bool const construct : {true, false}) {
             Vellum::Logger::setVerboseLevel(level);
             testing::internal::CaptureStdout();
-            auto const halo = zel::detail::allocateHaloChannel<QuinaryTraits, float, 5>(
-                *volume.topology, 4.0F, true, construct, 1, 12);
+            zel::detail::allocateHaloChannel<QuinaryTraits, float, 5>(*volume.topology, 4.0F, true,
+                                                                      construct, 1, 12);
             EXPECT_EQ(testing::internal::GetCapturedStdout(),
                       level >= 3 && !construct ? "Warning: in_callElementConstructor is false\n"
                                                : "");
-            EXPECT_EQ(halo->defaultValue(), 4.0F);
-            EXPECT_TRUE(halo->minDepth() == 1 && halo->fits(*volume.container));
         }
     Vellum::Logger::setVerboseLevel(0);
 }
