@@ -125,14 +125,6 @@ TEST(Block, FollowsPositionsThatMoveAlongOneAxis) {
     }
 }
 
-TEST(Block, KeepsAVectorOfWhichOneComponentIsAPosition) {
-    VectorPtr const shared =
-        makePtr<VectorFieldFromComponents>(x(), makePtr<ScalarFieldSine>(y()), z());
-    auto const length = [&] { return makePtr<VectorFieldLength>(shared); };
-    ScalarPtr tree = makePtr<ScalarFieldAdd>(length(), makePtr<ScalarFieldCosine>(x()));
-    expectEqual(*makePtr<ScalarFieldSubtract>(tree, length()), somePositions(1000), 1);
-}
-
 /// Batches of what follows run on one thread: their leaves keep count.
 class OnOneThread : public testing::Test {
     tbb::global_control const m_limit{tbb::global_control::max_allowed_parallelism, 1};
