@@ -244,6 +244,39 @@ TYPED_TEST(Adaptive, RunsOnAcrossEmptySpace) {
         check(first, axis, -1, 0.5F);
         check(last, axis, Traits::kSamples - 1, 0.5F);
     }
+    float const all = 17.0F / 16 * (17.0F / 16) * (17.0F / 16);  // along all three axes
+    EXPECT_LT(distance(sampler.sampleVoxel(first, {0, 0, 0}, {0.5F, 0.5F, 0.5F}, 9, false),
+                       make<T>(1, 2, 3) * all),
+              1e-4F);
+}
+
+/// On whatever tree, with whatever flags and limits, anywhere in the root.
+TYPED_TEST(Adaptive, ReproducesConstantsOnAnyTree) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(44);
+    for (int round = 0; round < 16; ++round) {
+        auto const tree = round % 2 == 0
+                              ? clusteredTree<Traits>(random, 2)
+                              : Quern::makePtr<Container<Traits>>(
+                                    RandomTree<Traits>(random, 60, Traits::kMaxDepth).tree);
+        T const constant = make<T>(3, -2, 1);
+        TestVolume<Traits, T> volume(tree, round / 2, round / 8, Traits::kMaxDepth, constant);
+        volume.fill([&](double, double, double) { return constant; });
+        DofChannel<Traits> dof("", nullptr, 0, false, true, 0, Traits::kMaxDepth);
+        dof.update(volume.topology);
+        for (int depth = 0; depth <= tree->depth(); ++depth)
+            for (long long n = 0; n < dof.elementCount(depth); n += random(1, 5))
+                dof.samples({0, depth})[n] = 1;
+        auto sampler =
+            volume.sampler(round % 4, round % 3 == 0, kJumpAdaptive, round % 5 ? &dof : nullptr);
+        float3 p{};
+        for (int n = 0; n < 200; ++n) {
+            p = volume.step(random, p, n);
+            int const limit = n % 3 == 0 ? 99 : random(0, Traits::kMaxDepth);
+            ASSERT_LT(distance(sampler.sample(p, limit, 0), constant), 1e-3F) << round;
+        }
+    }
 }
 
 double lagrange(std::array<double, 4> const& x, std::array<double, 4> const& f, double at) {
@@ -286,17 +319,18 @@ TEST(AdaptiveStencil, PlanesAndRowsAreAsFineAsTheFinestColumn) {
         int along;
         int3 lijk, fine;  // of the sample's voxel, and the first or the last column's tile
     };
-    for (auto const& [along, lijk, fine] :
-         {Row{2, {1, 0, 0}, {0, -4, 0}}, Row{2, {1, 2, 0}, {0, 8, 0}},
-          Row{2, {0, 1, 0}, {-4, 0, 0}}, Row{2, {2, 1, 0}, {8, 0, 0}},
-          Row{0, {0, 0, 1}, {0, -4, 0}}, Row{0, {0, 2, 1}, {0, 8, 0}}}) {
+    for (Row const& row : {Row{2, {1, 0, 0}, {0, -4, 0}}, Row{2, {1, 2, 0}, {0, 8, 0}},
+                           Row{2, {0, 1, 0}, {-4, 0, 0}}, Row{2, {2, 1, 0}, {8, 0, 0}},
+                           Row{0, {0, 0, 1}, {0, -4, 0}}, Row{0, {0, 2, 1}, {0, 8, 0}}}) {
+        int const along = row.along;
+        int3 const lijk = row.lijk, fine = row.fine;
         auto tree = Quern::makePtr<Container<BinaryTraits>>(1.0F);
         addCube<BinaryTraits>(*tree, 27, 6);
         for (int c = -16; c < 16; c += 4)
             tree->addTile(along == 0 ? c : fine.x, fine.y, along == 2 ? c : fine.z, 28);
         TestVolume<BinaryTraits, float> volume(tree, 7, 0, 28, 0);
-        volume.fill([&, d = along](double x, double, double z) {
-            return static_cast<float>(read(d == 0 ? x : z));
+        volume.fill([&](double x, double, double z) {
+            return static_cast<float>(read(along == 0 ? x : z));
         });
         auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
         TreeIndex const tile = tree->tileAccessor().tile(0, 0, 0, 27).treeIndex();
