@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-
 namespace ORV::TileTree3D {
 
 namespace {
