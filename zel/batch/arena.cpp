@@ -33,8 +33,8 @@ void Arena::nextChunk(std::size_t size) {
 }
 
 void Arena::returnTo(Mark mark) {
-    // A mark belongs to one chunk alone: an allocation is longer than its chunk, so that no chunk
-    // begins where another ends.
+    // A mark belongs to one chunk alone: the memory behind a chunk is 64 bytes longer than the
+    // chunk, so that no chunk begins where another ends.
     std::size_t chunk = m_current;
     while (chunk > 0 && !(std::less_equal<>()(m_chunks[chunk].begin, mark) &&
                           std::less_equal<>()(mark, m_chunks[chunk].end)))

@@ -55,7 +55,7 @@ public:
 
     /// The same, but columns that do not exist yet are written to the storage of `room`, and are
     /// valid only until `room` is written. A node asks for one child in this way, and then replaces
-    /// the child's values by its own: a chain of nodes works in one place of the cache. Nothing
+    /// the child's values by its own: a chain of nodes reuses the same cache lines. Nothing
     /// else that the node reads may be in `room`.
     template <class Interface>
     Columns<typename Interface::Value> values(Quern::Ptr<Interface> const& child,

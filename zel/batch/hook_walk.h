@@ -17,12 +17,10 @@ public:
 /// on to its children. An operator with several parents receives the hook from each of them. A walk
 /// is the outermost call of a hook on a thread, with all calls inside it. During a walk,
 ///
-/// - `preSampleField` is passed on if the operator is not prepared. The operator then stays
-/// prepared
+/// - `preSampleField` is passed on if the operator is not prepared. The operator stays prepared
 ///   until it has been released as often as it was prepared;
-/// - `postSampleField` is passed on when it takes back the last preparation of the walk; and, if
-/// the
-///   walk has not prepared the operator, the first time.
+/// - `postSampleField` is passed on when it takes back the last preparation of the walk, and the
+///   first time if the walk has not prepared the operator.
 ///
 /// So a walk is linear in the graph. A node whose own hook prepares a tree, samples it and releases
 /// it always samples a prepared tree, and leaves the tree as it was.

@@ -46,7 +46,8 @@ struct KeptResult {
 /// Block has all positions of a set, or some of them.
 struct PositionSet {
     KeptResult* find(void const* node, bool gradient) const;
-    /// Adds a result that is not known anywhere. `storage` is in the workspace's arena `kept`.
+    /// Adds a result that is not yet known at any position. `storage` is in the workspace's arena
+    /// `kept`.
     KeptResult& add(void const* node, bool gradient, float* storage, Workspace& workspace);
 
     long long element(int position) const {

@@ -52,8 +52,8 @@ public:
 
     /// The same for a visitor that may change the children. A child that has another owner is first
     /// replaced by a copy of that one node, so other trees never see a change. If the visitor
-    /// throws, the child is back in its parent. While it is visited, a child is
-    /// out of its parent, which cannot be evaluated then. One thread owns the tree meanwhile.
+    /// throws, the child is back in its parent. While it is visited, a child is out of its parent,
+    /// which cannot be evaluated then. One thread owns the tree meanwhile.
     virtual void accept(FieldVisitor& visitor);
 
     /// Whether the node waits for an object. False for every operator, whatever its children say:

@@ -69,8 +69,8 @@ protected:
     Quern::String typeName;
 
 private:
-    // The step factors of the default gradient as data of the library. The code uses the constants
-    // of differences.h.
+    // The step factors of the default gradient, for programs that look them up in the binary. The
+    // library itself uses the constants of differences.h.
     static float const q;       // upper step factor of the default gradient
     static float const qinv;    // lower step factor
     static float const qdenom;  // their difference

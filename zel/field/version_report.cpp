@@ -28,7 +28,7 @@ std::string versionText() {
 bool reportRequested() {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): runs once, while the library is loaded
     char const* const value = std::getenv("TALLOW_DUMP_VERSION_INFO");
-    // The result of atoi, which is undefined for a number out of range.
+    // By strtol, since atoi is undefined for a number out of range.
     bool const requested = value && static_cast<int>(std::strtol(value, nullptr, 10)) != 0;
     return requested && fileno(stderr) >= 0;
 }

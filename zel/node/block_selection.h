@@ -5,7 +5,7 @@
 #include "zel/batch/block.h"
 #include "zel_platform/quern_core/position_loop.h"
 
-// Results that are taken from another child at each position of a block.
+// Results whose value at each position of a block is that of one child, chosen for the position.
 namespace zel::detail {
 
 /// An array of kBlockSize integers that is valid until the frame ends.

@@ -48,7 +48,7 @@ template <class Node> inline constexpr bool isLibraryNode = false;
 
 }  // namespace detail
 
-/// The type name and the block forms of a node. A node that writes `eval` itself may have
+/// Supplies the type name of a node, and its block forms. A node that writes `eval` itself may have
 ///
 ///     void blockValues(Block& block, BlockResult<Value>& out) const;
 ///     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
@@ -129,13 +129,14 @@ public:
 ///     Gradient gradientOf(av, bv, ag, bg) const;        from values and gradients
 ///     Gradient gradientFromValue(w, ag, ...) const;     from this node's own value, asked through
 ///                                                     its virtual `eval`, and the gradients
-///     int gradientChoice(av, bv, ...) const;          the gradient of the child of that number,
-///                                                     the only one asked; zero if negative
+///     int gradientChoice(av, bv, ...) const;          the gradient of the child of that number;
+///                                                     zero if negative. At a point no other
+///                                                     child is asked
 ///     Gradient gradientOf() const;                      from nothing, no child is asked
 ///
 /// and, if its values are in the columns of its children, a view:
 ///
-///     Columns<Value> viewOf(al, bl, ...) const;           from the children's columns
+///     Columns<Value> viewOf(ac, bc, ...) const;           from the children's columns
 ///
 /// A class of the library with `static constexpr bool kHeavy = true` is heavy: its formula takes as
 /// long as dozens of others. The other classes of the library are light. A node such as

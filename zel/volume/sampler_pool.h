@@ -13,17 +13,17 @@
 namespace zel::detail {
 
 /// One sampler for each thread that asks, owned by the pool. Any number of threads may ask at once,
-/// and only the first call of a thread takes a lock; the other operations need the pool to
-/// themselves, but for threads that end. A thread that has the identity of one that has ended takes
-/// over its sampler. The end of a thread is marked in its slots, so that the next owner sees all
-/// that the last one wrote.
+/// and only the first call of a thread takes a lock. The other operations must not run beside any
+/// other call; threads may end meanwhile. A thread that has the identity of one that has ended
+/// takes over its sampler. The end of a thread is marked in its slots, so that the next owner sees
+/// all that the last one wrote.
 ///
 /// A table of its own, since local() is called once a sample: it takes 1 ns here, and 10 ns in a
 /// tbb::enumerable_thread_specific, or 27 ns with two threads. A linear sample takes about 10 ns.
 ///
-/// The table is a tree of blocks that only grows until it is cleared: a thread that has none of its
-/// slots in a block is looked for in one of the blocks below. Pointers are read far more than they
-/// are written, once for a thread, so they may share cache lines.
+/// The table is a tree of blocks that only grows until it is cleared: if all slots for a thread in
+/// a block are taken, the search goes on in a block below. Pointers are read far more than they are
+/// written, once for a thread, so they may share cache lines.
 template <class Sampler> class SamplerPool {
 public:
     SamplerPool() = default;
@@ -71,8 +71,7 @@ private:
     static constexpr unsigned kSlotShift = 64 - kSlotBits;
     static constexpr unsigned kProbes = 4;
 
-    // A slot keeps its owner, so that no slot of a thread lies behind the first free slot on its
-    // way.
+    // A slot is never freed, so that a search meets the thread's own slot before a free one.
     struct Slot {
         std::atomic<std::uint64_t> owner{0};  // 0 for none; with kEnded a thread that has ended
         Sampler* sampler = nullptr;           // used by the owner alone

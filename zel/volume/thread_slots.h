@@ -18,7 +18,8 @@ struct OwnedSlot {
 /// ends. No identity of a thread has it.
 inline constexpr std::uint64_t kEnded = 1;
 
-/// Makes the end of the calling thread be marked. Throws std::bad_alloc.
+/// Registers the calling thread, so that its slots are marked when the thread ends. Throws
+/// std::bad_alloc.
 void watchThread();
 /// Puts a slot in the list of the calling thread, which is watched. Takes a lock.
 void own(OwnedSlot& slot, std::atomic<std::uint64_t>& owner) noexcept;

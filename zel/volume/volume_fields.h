@@ -10,7 +10,7 @@
 // node gets a sampler of its own, which the node keeps until it is destroyed, bound anew, copied to
 // or assigned to. A thread's first sample makes its sampler, and may throw std::bad_alloc. For each
 // node and thread a linear sampler takes 12.5 KB, and a cubic one 25.6 KB, or 26.5 KB for vectors:
-// most of it are the places in the tree that were met last. A linear sampler of a topology whose
+// most of it caches the tiles found last. A linear sampler of a topology whose
 // samples do not lie on the corners of voxels also holds one tile with its halo for each depth.
 //
 // A node takes from the volume of an object the tile tree, the topology and the channel of a name,
@@ -24,8 +24,8 @@
 //
 // The gradient of a scalar node with the linear sampler is that of the trilinear patch, and zero
 // where the value is the default value; with the cubic samplers, and of all vector nodes, it is the
-// interface's finite difference, also of a vector node that is not bound. The index of an element
-// plays no part.
+// interface's finite difference, also of a vector node that is not bound. A triggered scalar node
+// with a scale is the exception: see ScalarOrvaneTriggered. The index of an element plays no part.
 //
 // Binding a linear node computes a halo for the whole channel, if the samples lie on the corners of
 // their voxels. It takes 1.7 times the memory of the channel, or twice that memory for trees of the
@@ -66,8 +66,8 @@ protected:
     VolumeNode(Quern::String const& channelName, SamplerType type);
     ZEL_INTERNAL void copyVolume(VolumeNode const& other);
 
-    // A node class must have kHasScale: whether it looks positions up at `scale` times their
-    // coordinates.
+    // A node class defines kHasScale: whether positions are multiplied by `scale` before the
+    // look-up.
     ZEL_INTERNAL float3 inVolume(float3 const& position) const;
     ZEL_INTERNAL bool isScaled() const;
 

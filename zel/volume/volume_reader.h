@@ -57,8 +57,8 @@ public:
     /// sampler of the type.
     T value(float3 const& position) const;
 
-    /// Sets the gradient there, to zero in the same cases; false for a type whose samplers have no
-    /// gradients.
+    /// Sets the gradient there, to zero in the same cases. Returns false if T is `float` and the
+    /// samplers of the type have no gradients.
     bool gradient(float3 const& position, float3& result) const;
 
     /// value(), and gradient(), at many positions. Gradients are those of `float` channels.
@@ -68,7 +68,7 @@ public:
     /// Whether gradient() has an answer; without a volume it has.
     bool hasGradients() const;
 
-    /// What is held of a volume of a kind of tree; null if the last one bound is of the other kind.
+    /// The bound volume if its tree is of the kind Traits; else null.
     template <class Traits> VolumeStateOf<Traits, T> const* state() const {
         auto const* const volume = std::get_if<BoundVolume<Traits, T>>(&m_volume);
         return volume ? &volume->state : nullptr;

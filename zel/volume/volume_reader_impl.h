@@ -6,7 +6,7 @@
 #include "zel_platform/orvane_geometry/geo_property.h"
 
 // The definitions of VolumeReader, for the source file of each type of value: samplers over both
-// kinds of tree are much to compile. What a sample goes through is inlined.
+// kinds of tree take long to compile. The path of a sample is inlined.
 namespace zel::detail {
 
 using ORV::TileTree3D::BinaryTraits;

@@ -9,9 +9,9 @@
 
 namespace zel {
 
-/// What a node describes itself to in its `fuse`, by one call of one of these functions. Each pass
-/// over a graph is a Fuser, and takes the description in its own way. A node may be asked for it
-/// several times.
+/// Receives the description that a node gives in its `fuse`: one call of addFormula, addLeaf,
+/// addView or hideChildren; or of `queue` for each child; or none, for a leaf that is not fused.
+/// Each pass over a graph is a Fuser. A node may be asked several times.
 class Fuser {
 public:
     using ScalarField = Core::Fields::ScalarField;

@@ -22,7 +22,7 @@ public:
         // What the walk needs to know of the node:
         int parentCount = 0;  ///< counted once for each time that a parent names it
         bool isView = false;
-        bool isRootOfValues = false, isRootOfDuals = false;  ///< or is to be tried as one
+        bool isRootOfValues = false, isRootOfDuals = false;  ///< or is queued as a root
         bool hasNoDuals = false;                             ///< no fusion of duals is possible
     };
 

@@ -19,7 +19,8 @@ class Fusion;
 /// runs while another batch is computed on the same thread is planned for the one range.
 class FusionScope {
 public:
-    /// Evaluates `count` positions of the batch with that number, the tree below `root`.
+    /// For a range of `count` positions of batch number `batch`, at which the graph below `root` is
+    /// evaluated.
     template <class Interface>
     FusionScope(Workspace& workspace, Interface const& root, std::uint64_t batch,
                 std::size_t count);

@@ -11,8 +11,8 @@ namespace {
 
 // A fusion computes the gradients of all children of a node that chooses among them. Node by node,
 // a block asks one child alone where all its positions agree on the choice. The fusion still wins
-// in graphs up to this size, and below the root of a graph it hardly does: there the parents ask
-// for the values by themselves too.
+// in graphs up to this size. Below the root of a graph it gains little, because the parents of a
+// node also ask for its values alone.
 constexpr int kMostNodesWithChoice = 24;
 
 /// Queues the children of a node that is not fused, though it could be.

@@ -11,8 +11,9 @@
 #include "zel_platform/orvane_math/vectors.h"
 #include "zel_platform/quern_core/always_inline.h"
 
-// Four floats in a register, by the vector extension of the compilers: the same operations as one
-// by one, and so the same bits. What has an overload for a single float serves both in one formula.
+// Four floats in a register, by the vector extension of the compilers. A vector operation acts on
+// each element with the bits of scalar code. Where a function has an overload for `float`, one
+// template serves both.
 namespace ORV::TileTree3D::Internal {
 
 using Orvane::Math::float3;

@@ -90,7 +90,8 @@ void VoxelSampler<Traits, Real, Position>::locateBatch(float const* x, float con
                                     batch.runs.data());
 }
 
-/// Moves the box to the tile over a position on the lattice, if there is one.
+/// Makes `m_box` the box of the tile over a position on the lattice. Returns false if there is no
+/// tile.
 template <class Traits, class Real, class Position>
 bool VoxelSampler<Traits, Real, Position>::moveBox(Internal::Float4 v, int depth) {
     using namespace Internal;
@@ -104,7 +105,8 @@ bool VoxelSampler<Traits, Real, Position>::moveBox(Internal::Float4 v, int depth
     auto const& tile = m_accessor.tile(point[0], point[1], point[2], depth);
     if (!tile.m_exists) return false;
 
-    // A tile with children is the one found only in those of its parts that have no child.
+    // A tile with children is found only over child positions that have no child: the box is then
+    // that one child position.
     int3 corner = tile.m_tijk;
     int width = tile.tileVoxelWidth();
     if (tile.m_depth < depth && tile.m_children) {

@@ -13,7 +13,7 @@ namespace ORV::TileTree3D {
 
 namespace Internal {
 
-/// By depth: how many voxels one finest voxel is, one over the voxel width.
+/// By depth, the reciprocal of the voxel width: turns lattice units into voxels.
 template <class Traits>
 [[gnu::visibility("hidden")]] inline constexpr auto kVoxelScales = [] {
     std::array<float, Traits::kMaxDepth + 1> scales{};
@@ -109,8 +109,8 @@ protected:
 
     /// A tile, and the box of all positions for which that tile is found.
     struct Box {
-        // A bound that is no float is rounded up, which leaves the same floats in the box. The
-        // first box holds no position.
+        // A bound that is no float is rounded up, which leaves the same floats in the box. A
+        // default box holds no position.
         Internal::Float4 low{}, high{};
         Internal::Float4 corner{};  ///< of the tile
         Internal::Float4 scale{};   ///< voxels for one finest voxel

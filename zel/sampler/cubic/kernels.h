@@ -89,8 +89,8 @@ template <class V> void limitSlopes(V& d, V& m1, V& m2) {
     d = std::bit_cast<V>(bits & rises);
 }
 
-/// What the interpolant of a type takes from the fraction t of the step from point 1, for points
-/// one step apart: weights, or the powers of t. For one fraction, or one in each lane.
+/// The coefficients that the interpolant of a type computes from the fraction t of the step from
+/// point 1, for points one step apart: weights, or the powers of t. For one fraction, or for four.
 template <int Type, class V> struct UniformWeights {
     V a{}, b{}, c{}, d{};
 

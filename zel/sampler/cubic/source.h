@@ -7,7 +7,8 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// Marks, in 16 bits a voxel, voxels that hold no value of their own.
+/// Marks, in 16 bits a voxel, voxels that are no degrees of freedom (DOF): these hold no value of
+/// their own.
 template <class Traits> using DofChannel = Channel<Traits, short, Traits::kSamples, 1, 0>;
 
 /// What a cubic sampler reads, and how. Only the accessor's cursor changes from sample to sample.

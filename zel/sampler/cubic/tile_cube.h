@@ -11,8 +11,8 @@ namespace ORV::TileTree3D::Internal {
 /// The samples of 2x2x2 tiles of one depth: those around the stencil of a voxel. The first tile
 /// holds the lowest value of the stencil.
 template <class T> struct TileCube {
-    Int4 key{0, 0, 0, -1};            ///< the low corner of the first tile, and the depth
-    bool atJump = false;              ///< whether a tile is missing or of another depth
+    Int4 key{0, 0, 0, -1};  ///< the low corner of the first tile, and the depth
+    bool atJump = false;    ///< whether a tile is missing, of another depth or without data
     std::array<T const*, 8> tiles{};  ///< by slot; none is null away from a jump
 
     bool is(Int4 const& other) const { return allSet(key == other); }

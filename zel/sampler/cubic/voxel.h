@@ -52,7 +52,7 @@ public:
         m_cube[3] = -1;
     }
 
-    /// Whether a tile of the cube is missing or of another depth.
+    /// Whether a tile of the cube is missing, of another depth or without data.
     bool atJump() const { return m_state != kUniform; }
 
     /// The value of the kernels, away from a jump.

@@ -10,14 +10,17 @@
 
 // The way of a sample, in order:
 // 1. VoxelSampler::locateVoxel turns the position into a tile, a voxel of it and a fraction.
-// 2. valueInTile stops at tiles above the channel, and sends kJumpAdaptive to adaptive().
+// 2. valueInTile returns the default value in tiles shallower than the channel's minimum depth, and
+//    sends kJumpAdaptive to adaptive().
 // 3. If the last sample was in another voxel, enterVoxel reads that voxel's stencil: from the
 //    tile's halo (halo_cache.h), or from the 2x2x2 tiles around the stencil (tile_cube.h).
 // 4. valueHere interpolates the stencil (voxel.h, stencil.h, kernels.h); where the eight tiles are
-//    not all of one depth, it blends the voxel's corners, read by sampleChannelPoint (jump.h).
+//    not all of one depth with data, it blends the voxel's corners, read by sampleChannelPoint
+//    (jump.h).
 // 5. adaptive() does 3 and 4 away from jumps; else adaptiveValue (adaptive/sample.h) composes rows,
 //    planes and a volume of points that StencilPoints looks up, some by a sample of their own.
-// 6. sampleBatch does 1 and 3 for 32 positions ahead, so that the waits for memory overlap.
+// 6. sampleBatch does 1 and looks up the tile cubes of 3 for 32 positions ahead, so that the waits
+//    for memory overlap; with kJumpAdaptive or halo tiles it samples position by position.
 namespace ORV::TileTree3D {
 
 /// What a cubic sampler does where tiles of different depth meet. Any other number is
@@ -42,14 +45,15 @@ public:
     using DofChannel = Internal::DofChannel<Traits>;
     static constexpr int kComponents = Internal::RegisterTraits<T>::kComponents;
 
-    /// `type` is a CubicType; with any other number every interpolation gives 0. `clamp` limits a
-    /// value to the range of those around it. With kJumpAdaptive, voxels whose entry in
+    /// `type` is a CubicType; with any other number an interpolation gives 0. `clamp` limits its
+    /// result to the range of the values around it. With kJumpAdaptive, voxels whose entry in
     /// `dofChannel`, if not null, has a bit of `dofMask` are read from the coarser level, or in a
     /// refined neighbour from the tile's own level; the flags are meant to cover whole voxels of
-    /// the coarser level, none of which is refined: where they do not, values are off. Their halo
-    /// is read for a voxel of -1 that is sampled by name. With kJumpTrilinear and a topology of
-    /// offset type 7, `cacheSize` tiles are kept with a halo, and all samples are interpolated
-    /// within those. Throws std::invalid_argument for a negative size, and std::bad_alloc.
+    /// the coarser level, none of which is refined: otherwise values are wrong. For a voxel index
+    /// of -1, which only sampleVoxel takes, the flag is read from the halo of `dofChannel`. With
+    /// kJumpTrilinear and a topology of offset type 7, `cacheSize` tiles are kept with a halo, and
+    /// all samples are interpolated within those. Throws std::invalid_argument for a negative size,
+    /// and std::bad_alloc.
     VoxelSamplerCubic(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                       DataChannel<Traits, T> const& channel, std::int32_t type, bool clamp,
                       std::int32_t jumpHandling, DofChannel const* dofChannel, std::int32_t dofMask,

@@ -152,8 +152,8 @@ private:
         });
     }
 
-    /// The mean of the cell around a point of the face, edge or corner becomes that of the coarse
-    /// samples around it.
+    /// Chooses the ring sample so that the mean of the fine samples around a point of the face,
+    /// edge or corner is that of the coarse samples around the point.
     void continueParent(Direction const& d) const {
         Layer const coarse = parentSums(d);
         int middle = 0;  // the axes along which the cell extends

@@ -8,7 +8,8 @@
 // Ring tiles: the samples of a tile and one layer more on all six sides, for topologies whose
 // samples do not all lie on the low corners of their voxels.
 //
-// A sample of the ring is that of the neighbour of the same depth, where there is one. Elsewhere
+// A sample of the ring is that of the neighbour of the same depth, where there is one and, across
+// an edge or a corner, all tiles between exist too. Elsewhere
 // the ring continues the coarser level. Along an axis whose samples lie at the middle of voxels,
 // the value midway between the last sample and that of the ring is the coarse value at the tile's
 // face. Along an axis whose samples lie on voxel faces, the layer on the tile's face takes the

@@ -50,8 +50,9 @@ ZEL_DETAIL_LINEAR_HEAD Quern::String ZEL_DETAIL_LINEAR_SAMPLER::samplerName() co
     return "kLinear";
 }
 
-/// Whether the eight samples from a voxel on are all the tile's own, so that no halo is needed. On
-/// a low face a sample of a ring tile may differ from that of the tile.
+/// Whether the eight samples from a voxel on are all the tile's own, so that no halo is needed. In
+/// a ring tile, fillRingTile may have replaced the samples on a low face, so that index 0 counts as
+/// outside.
 ZEL_DETAIL_LINEAR_HEAD
 bool ZEL_DETAIL_LINEAR_SAMPLER::insideTile(Internal::Int4 lijk) const {
     int const lowest = isOnCorners() ? 0 : 1;

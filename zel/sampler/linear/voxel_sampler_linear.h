@@ -12,8 +12,9 @@
 
 namespace ORV::TileTree3D {
 
-/// The trilinear value of a channel at a position, and its gradient. The last four arguments are
-/// those of the halo operations: one layer on the high side of each axis.
+/// The trilinear value of a channel at a position, and its gradient. N is 1, and Real and Position
+/// are float and float3, in all instances. A to D are the arguments of the halo operations: one
+/// layer on the high side of each axis.
 ///
 /// In the halo form the samples just across a tile's faces come from a channel that computeHalo
 /// filled; it takes topologies of samples on the corners of voxels alone. The other form reads the
@@ -103,8 +104,8 @@ private:
         static constexpr auto kSize = static_cast<unsigned>(VoxelBatch::kSize);
         std::array<T const*, kSize> corners;
         std::array<std::int32_t, kSize> widths, depths;
-        unsigned count;  ///< of the cells that are found
-        unsigned run;    ///< of the next position
+        unsigned count;  ///< the number of cells found
+        unsigned run;    ///< the index of the next position's run
 
         Cell cell(unsigned i) const { return {corners[i], widths[i]}; }
     };

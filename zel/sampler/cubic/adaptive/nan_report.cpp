@@ -46,7 +46,7 @@ void reportNaN(AdaptiveState<Traits, T> const& state, char const* message) {
 
 template <class Traits, class T>
 void checkPoint(AdaptiveState<Traits, T> const& state, PointCase found, StencilPoint<T>& point) {
-    if (!isNaN(point.value)) return;  // the position is an integer
+    if (!isNaN(point.value)) return;  // only the value can be NaN: positions are integers
     std::string const name = "getValue.case" + std::to_string(static_cast<int>(found));
     if (!reported<Traits, T>)
         putLine(name, " = ", point.value, ", ", static_cast<float>(point.start), ", ", point.step,

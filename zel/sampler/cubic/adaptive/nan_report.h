@@ -17,8 +17,8 @@ void reportNaN(AdaptiveState<Traits, T> const& state, char const* message);
 template <class Traits, class T>
 void checkPoint(AdaptiveState<Traits, T> const& state, PointCase found, StencilPoint<T>& point);
 
-/// Tests what a row was interpolated from, and the value that came of it. Returns the value, or 0
-/// after a report of a NaN.
+/// Tests the inputs and the result of a row's interpolation for NaN. Returns the result, or 0 after
+/// a report.
 template <class Traits, class T>
 RegisterOf<T> checkedRow(AdaptiveState<Traits, T> const& state, RegisterOf<T> const (&values)[4],
                          float const (&positions)[4], float position, bool jump,
