@@ -108,7 +108,7 @@ TEST(Array, RefusesSizesThatCannotBe) {
 
 TEST(Array, DestroysWhatItBuiltWhenAnElementThrows) {
     struct Third {
-        explicit Third(int& count) : count(&++count) {}
+        explicit Third(int& live) : count(&++live) {}
         Third(Third const& from) : count(from.count) {
             if (*count == 3) throw std::runtime_error("third");
             ++*count;
