@@ -88,7 +88,9 @@ template <class Node, class Late, class Value> void checkFailures(Value const& u
             EXPECT_TRUE(cancels(construct));
 
             Late late("d", type);
-            auto const apply = [&] { EXPECT_EQ(thrown([&] { late.apply_object(host); }), passed); };
+            auto const apply = [&, &passed = passed] {
+                EXPECT_EQ(thrown([&] { late.apply_object(host); }), passed);
+            };
             apply();
             EXPECT_EQ(cancels(apply), passed == "nothing");
             EXPECT_TRUE(same(late.eval({}, 0), unbound));
