@@ -25,8 +25,9 @@ KeptResult& PositionSet::add(void const* node, bool gradient, float* storage,
                              Workspace& workspace) {
     if (!buckets) {
         bucketCount = workspace.bucketCount;
-        buckets =
-            static_cast<KeptResult**>(workspace.kept.allocate(bucketCount * sizeof(KeptResult*)));
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): the elements are pointers
+        std::size_t const size = bucketCount * sizeof(KeptResult*);
+        buckets = static_cast<KeptResult**>(workspace.kept.allocate(size));
         std::fill_n(buckets, bucketCount, nullptr);
     }
     KeptResult*& bucket = buckets[bucketOf(node, gradient, bucketCount)];
