@@ -5,7 +5,7 @@
 set -euo pipefail
 source=$(realpath "$1") build=$(realpath "$2") compiler=$3 mode=$4
 here=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
-package=$build/package work=$build/package/work/$mode
+package=$build/package work=$build/package/consumers/$mode
 rm -rf "$work"
 mkdir -p "$work"
 cd "$work"
