@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <tbb/parallel_for.h>
 #include <tbb/task.h>
 #include <tbb/task_group.h>
@@ -15,132 +14,100 @@
 #include <xmmintrin.h>
 #endif
 
-#include "zel/zel.h"
+#include "support/probe.h"
 
 // Batch evaluation: hooks, exceptions, cancelled groups and threads. Its values are the business of
 // the tests of blocks.
 namespace {
 
 using namespace zel;
-using Quern::makePtr;
-
-/// Logs its hooks, counts its calls by element, and throws at an element if told to.
-class Hooked : public ScalarField {
-public:
-    explicit Hooked(long long count, long long bad = -1) : calls(count), bad(bad) {}
-    using ScalarField::eval;
-    float eval(float3 const& p, long long i) const override {
-        EXPECT_EQ(log, "pre");
-        if (i == bad) throw 77;
-        std::atomic_ref(calls[i]) += 1;
-        return p.x + static_cast<float>(i);
-    }
-    void preSampleField() const override { note("pre"); }
-    void postSampleField() const override { note("post"); }
-
-    mutable std::string log;
-    mutable Quern::Array<int> calls;
-
-private:
-    void note(char const* what) const {
-        EXPECT_EQ(std::this_thread::get_id(), caller);
-        log += what;
-    }
-    std::thread::id caller = std::this_thread::get_id();
-    long long bad;
-};
-
-/// A tree with two ways to the leaf: it is hooked and asked by one of them.
-ScalarPtr over(Quern::Ptr<Hooked> const& leaf) {
-    ScalarPtr const shared = makePtr<ScalarFieldNegative>(leaf);
-    return makePtr<ScalarFieldAdd>(shared, shared);
-}
+using namespace support;
 
 TEST(Batch, CallsEachElementOnceBetweenTheHooks) {
-    for (long long const count : {0, 1, 2, 1000, 100003}) {
-        auto const leaf = makePtr<Hooked>(count);
-        auto const result = over(leaf)->eval(Quern::Array<float3>(count, float3{0.5F, 0, 0}));
-        ASSERT_EQ(result->size(), count);
-        EXPECT_EQ(leaf->log, "prepost");
-        for (long long i = 0; i < count; ++i) {
-            ASSERT_EQ(leaf->calls[i], 1);
-            ASSERT_EQ((*result)[i], -2 * (0.5F + static_cast<float>(i)));
+    struct Row {
+        long long count, bad = -1;  // the element at which the leaf throws
+        bool insideCancelledGroup = false;
+    };
+    for (auto const& [count, bad, cancelled] : std::initializer_list<Row>{
+             {0}, {1}, {2}, {1000}, {100003}, {20000, -1, true}, {1, 0}, {50000, 25000}}) {
+        SCOPED_TRACE(count);
+        std::string log;
+        Quern::Array<int> calls(count), expected(count, 1);
+        auto const leaf = makePtr<FunctionField>([&, bad = bad](float3 const& p, long long i) {
+            EXPECT_EQ(log, "pre");
+            if (i == bad) throw 77;
+            std::atomic_ref(calls[i]) += 1;
+            return p.x + static_cast<float>(i);
+        });
+        auto const note = [&, caller = std::this_thread::get_id()](char const* what) {
+            EXPECT_EQ(std::this_thread::get_id(), caller);
+            log += what;
+        };
+        leaf->pre = [&] { note("pre"); };
+        leaf->post = [&] { note("post"); };
+        // A leaf that the root reaches in two ways is hooked and evaluated once.
+        ScalarPtr const shared = makePtr<ScalarFieldNegative>(leaf);
+        ScalarPtr const tree = makePtr<ScalarFieldAdd>(shared, shared);
+        Quern::Array<float3> const positions(count, float3{0.5F, 0, 0});
+        if (bad >= 0) {
+            EXPECT_THROW(tree->eval(positions), int);
+            EXPECT_EQ(log, "pre");
+            continue;
         }
+        Quern::Ptr<Quern::Array<float>> result;
+        tbb::task_group_context outer;
+        tbb::parallel_for(
+            tbb::blocked_range<int>(0, 1),
+            [&, cancelled = cancelled](auto const&) {
+                if (cancelled) outer.cancel_group_execution();
+                result = tree->eval(positions);
+            },
+            tbb::simple_partitioner(), outer);
+        EXPECT_EQ(log, "prepost");
+        EXPECT_EQ(calls, expected);
+        ASSERT_EQ(result->size(), count);
+        for (long long i = 0; i < count; ++i)
+            ASSERT_EQ((*result)[i], -2 * (0.5F + static_cast<float>(i)));
     }
-}
-
-TEST(Batch, PassesAnExceptionWithItsTypeAndNoPostHook) {
-    for (long long const count : {1, 50000}) {
-        auto const leaf = makePtr<Hooked>(count, count / 2);
-        EXPECT_THROW(over(leaf)->eval(Quern::Array<float3>(count)), int);
-        EXPECT_EQ(leaf->log, "pre");
-    }
-}
-
-TEST(Batch, RunsToItsEndInsideACancelledGroup) {
-    auto const leaf = makePtr<Hooked>(20000);
-    tbb::task_group_context outer;
-    tbb::parallel_for(
-        tbb::blocked_range<int>(0, 1),
-        [&](auto const&) {
-            outer.cancel_group_execution();
-            over(leaf)->eval(Quern::Array<float3>(20000));
-        },
-        tbb::simple_partitioner(), outer);
-    EXPECT_EQ(leaf->calls, Quern::Array<int>(20000, 1));
 }
 
 TEST(Batch, ThatANodeCancelsGivesZerosAlone) {
-    struct Cancelling : ScalarField {
-        using ScalarField::eval;
-        float eval(float3 const& p, long long i) const override {
-            if (i == 0) tbb::task::current_context()->cancel_group_execution();
-            return p.x;
-        }
-    };
-    Cancelling const node;
+    FunctionField const node([](float3 const& p, long long i) {
+        if (i == 0) tbb::task::current_context()->cancel_group_execution();
+        return p.x;
+    });
     auto const out = Core::Fields::evalAndGrad(node, Quern::Array<float3>(50000, float3{1, 2, 3}));
     EXPECT_EQ(*out.values, Quern::Array<float>(50000, 0.0F));
     EXPECT_EQ(*out.gradients, Quern::Array<float3>(50000, float3()));
 }
 
-/// Counts how often it is prepared, and expects to be so when asked.
-class Prepared : public ScalarField {
-public:
-    using ScalarField::eval;
-    float eval(float3 const& /*p*/, long long /*i*/) const override {
+TEST(Batch, PreparesATreeAnewForEachHookThatSamplesIt) {
+    int prepared = 0, times = 0;
+    bool throwsOnce = false;
+    auto const leaf = makePtr<FunctionField>([&](float3 const&, long long) {
         EXPECT_GT(prepared, 0);
-        return 1;
-    }
-    void preSampleField() const override {
+        return 1.0F;
+    });
+    leaf->pre = [&] {
         if (std::exchange(throwsOnce, false)) throw 77;
         ++prepared;
         ++times;
-    }
-    void postSampleField() const override { --prepared; }
-    mutable int prepared = 0, times = 0;
-    mutable bool throwsOnce = false;
-};
-
-/// Does what it is told to do in each of its hooks.
-struct InHooks : ScalarField {
-    explicit InHooks(std::function<void()> work) : work(std::move(work)) {}
-    void preSampleField() const override { work(); }
-    void postSampleField() const override { work(); }
-    std::function<void()> work;
-};
-
-TEST(Batch, PreparesATreeAnewForEachHookThatSamplesIt) {
-    auto const leaf = makePtr<Prepared>();
+    };
+    leaf->post = [&] { --prepared; };
     ScalarPtr const tree = makePtr<ScalarFieldNegative>(leaf);
-    auto const sampling = makePtr<InHooks>([&] {
+    auto const inHooks = [](std::function<void()> const& work) {
+        auto field = makePtr<FunctionField>([](float3 const&, long long) { return 0.0F; });
+        field->pre = field->post = work;
+        return field;
+    };
+    auto const sampling = inHooks([&] {
         for (int i = 0; i < 2; ++i) {
             tree->preSampleField();
             EXPECT_EQ(tree->eval(float3(), 0), -1);
             tree->postSampleField();
         }
     });
-    auto const inBatch = makePtr<InHooks>([&] { tree->eval(Quern::Array<float3>(3)); });
+    auto const inBatch = inHooks([&] { tree->eval(Quern::Array<float3>(3)); });
     auto const sum = [](ScalarPtr a, ScalarPtr b) -> ScalarPtr {
         return makePtr<ScalarFieldAdd>(std::move(a), std::move(b));
     };
@@ -148,23 +115,23 @@ TEST(Batch, PreparesATreeAnewForEachHookThatSamplesIt) {
          {sum(sampling, sampling), sum(tree, tree), sum(tree, sum(sampling, tree)),
           sum(sum(sampling, sum(tree, sampling)), tree), sum(inBatch, inBatch)}) {
         root->eval(Quern::Array<float3>(3));
-        EXPECT_EQ(leaf->prepared, 0);
+        EXPECT_EQ(prepared, 0);
     }
     // A batch prepares its tree for itself, also within a walk that has done so: before it, and in
     // each of its two hooks.
-    leaf->times = 0;
+    times = 0;
     sum(tree, inBatch)->eval(Quern::Array<float3>(3));
-    EXPECT_EQ(leaf->times, 3);
+    EXPECT_EQ(times, 3);
     // An operator at the address of one that is gone, and one whose hook failed.
-    makePtr<ScalarFieldNegative>(makePtr<InHooks>([&] {
+    makePtr<ScalarFieldNegative>(inHooks([&] {
         for (int i = 0; i < 3; ++i) {
             ScalarFieldNegative(tree.clone()).preSampleField();
-            EXPECT_EQ(std::exchange(leaf->prepared, 0), 1);
+            EXPECT_EQ(std::exchange(prepared, 0), 1);
         }
-        leaf->throwsOnce = true;
+        throwsOnce = true;
         EXPECT_THROW(tree->preSampleField(), int);
         tree->preSampleField();
-        EXPECT_EQ(std::exchange(leaf->prepared, 0), 1);
+        EXPECT_EQ(std::exchange(prepared, 0), 1);
     }))->eval(Quern::Array<float3>());
 }
 
@@ -200,9 +167,11 @@ TEST(Batch, OfOneTreeRunsOnManyThreadsAtOnce) {
     for (int t = 0; t < 3; ++t)
         threads.emplace_back([&] {
             for (int i = 0; i < 200; ++i) wrong += *field.eval(positions) != *expected;
+            for (int i = 0; i < 20000; ++i) ScalarPtr const copy = time;
         });
     threads.clear();
     EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(time.useCount(), 2);  // here and in the field
 }
 
 }  // namespace

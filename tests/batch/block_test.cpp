@@ -24,9 +24,6 @@ unsigned seed() {
     return set ? static_cast<unsigned>(std::strtoul(set, nullptr, 10)) : 20250117;
 }
 
-/// Enough for one thread to work out nodes together, and no multiple of a block.
-constexpr long long kManyPositions = 5001;
-
 /// Values and gradients of a tree in all ways, with each instruction set, against points.
 template <class Interface>
 void expectEqual(Interface const& tree, Quern::Array<float3> const& positions) {
@@ -62,8 +59,15 @@ ScalarField const& field(ScalarPtr const& node) {
     return *node;
 }
 
-void expectValues(ScalarPtr const& tree, Quern::Array<float3> const& positions) {
-    auto const values = field(tree).eval(positions);
+/// Enough for one thread to evaluate the tree by fused nodes, and no multiple of a block.
+Quern::Array<float3> const& manyPositions() {
+    static auto const positions = somePositions(5001);
+    return positions;
+}
+
+template <class Interface>
+void expectValues(Quern::Ptr<Interface> const& tree, Quern::Array<float3> const& positions) {
+    auto const values = static_cast<Interface const&>(*tree).eval(positions);
     for (long long i = 0; i < positions.size(); ++i)
         ASSERT_TRUE(same((*values)[i], tree->eval(positions[i], i))) << i;
 }
@@ -100,12 +104,11 @@ TEST(Block, EqualsPointsToTheBit) {
 }
 
 TEST(Block, WorksOutNodesTogetherAsPointsDo) {
-    auto const positions = somePositions(kManyPositions);
     for (unsigned number = seed(); number < seed() + 100; ++number) {
         SCOPED_TRACE("ZEL_TEST_SEED=" + std::to_string(number));
         // Some have more nodes than are worked out together.
         ScalarPtr const tree = RandomTrees(number, 2 + number % 100 * (number % 4));
-        ASSERT_NO_FATAL_FAILURE(expectEqual(*tree, positions, number % 4 == 0 ? 2 : 1));
+        ASSERT_NO_FATAL_FAILURE(expectEqual(*tree, manyPositions(), number % 4 == 0 ? 2 : 1));
     }
 }
 
@@ -121,7 +124,7 @@ TEST(Block, FollowsPositionsThatMoveAlongOneAxis) {
         };
         ScalarPtr const other = axis == 2 ? x() : z();
         expectEqual(*makePtr<ScalarFieldAdd>(moved(makePtr<ScalarFieldSine>(other)), moved(other)),
-                    somePositions(kManyPositions), 1);
+                    manyPositions(), 1);
     }
 }
 
@@ -154,20 +157,37 @@ TEST_F(Fusion, KeepsMoreConstantsThanItRemembers) {
 }
 
 TEST_F(Fusion, IsOfOneBatchAndTreeAlone) {
-    auto const positions = somePositions(kManyPositions);
     for (int round = 0; round < 3; ++round) {
-        // What is freed by the one batch is used again by the tree of the other.
-        expectValues(makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(x(), y()), x()), positions);
-        VectorPtr const tree = makePtr<VectorFieldFromComponents>(
-            makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(y(), y()), y()), x(), x());
-        auto const got = tree->eval(positions);
-        for (long long i = 0; i < positions.size(); ++i)
-            ASSERT_TRUE(same((*got)[i], tree->eval(positions[i], i))) << i;
+        // The second tree takes the memory that the first one frees.
+        expectValues<ScalarField>(makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(x(), y()), x()),
+                                  manyPositions());
+        expectValues<VectorField>(
+            makePtr<VectorFieldFromComponents>(
+                makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(y(), y()), y()), x(), x()),
+            manyPositions());
     }
 }
 
-/// Writes what a node gives at positions that lie `by` further along x.
-void writeMoved(Block& block, float by, auto const& work) {
+/// A user's operator, whose value and block form are functions of its children.
+struct UserNode : FieldNode<UserNode, ScalarField> {
+    using Values = void (*)(UserNode const&, Block&, BlockResult<float>&);
+    UserNode(ScalarPtr a, ScalarPtr b, float (*value)(UserNode const&, float3 const&),
+             Values values)
+        : a(std::move(a)), b(std::move(b)), value(value), values(values) {}
+    using ScalarField::eval;
+    float eval(float3 const& p, long long) const override { return value(*this, p); }
+    void blockValues(Block& block, BlockResult<float>& out) const { values(*this, block, out); }
+    template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+
+    ScalarPtr a, b;
+    float (*value)(UserNode const&, float3 const&);
+    Values values;
+    ScalarField const* parent = nullptr;
+};
+constexpr auto kPass = [](float value) { return value; };
+
+/// Calls `work` for the block whose positions lie `by` further along x.
+void atMoved(Block& block, float by, auto const& work) {
     Block::Frame const frame(block);
     auto moved = block.result<float3>();
     mapBlock(
@@ -178,172 +198,139 @@ void writeMoved(Block& block, float by, auto const& work) {
         block.positions());
     block.withPositions(moved.columns, work);
 }
-constexpr auto kPass = [](float value) { return value; };
-
-/// A field that is made of the one above it, at other positions.
-struct Again : FieldNode<Again, ScalarField> {
-    using ScalarField::eval;
-    float eval(float3 const& p, long long i) const override {
-        return p.x < 1 ? p.y : above->eval({p.x - 1, p.y, p.z}, i);
-    }
-    template <class Node> static auto children(Node& node) { return std::tie(node.none); }
-    void blockValues(Block& block, BlockResult<float>& out) const {
-        if (block.positions()[0].x < 1) return out.set(block.positions().part(1));
-        writeMoved(block, -1,
-                   [&](Block& there) { mapBlock(there, out, kPass, there.values(*above)); });
-    }
-    ScalarPtr none = z();
-    ScalarField const* above = nullptr;
-};
 
 TEST_F(Fusion, MayBeAskedByItsOwnChild) {
-    auto const again = makePtr<Again>();
+    auto const again = makePtr<UserNode>(
+        y(), y(),
+        [](UserNode const& node, float3 const& p) {
+            return p.x < 1 ? p.y : node.parent->eval({p.x - 1, p.y, p.z}, 0);
+        },
+        [](UserNode const& node, Block& block, BlockResult<float>& out) {
+            if (block.positions()[0].x < 1) return out.set(block.positions().part(1));
+            atMoved(block, -1,
+                    [&](Block& there) { mapBlock(there, out, kPass, there.values(*node.parent)); });
+        });
     ScalarPtr const tree = makePtr<ScalarFieldAdd>(makePtr<ScalarFieldMultiply>(x(), x()), again);
-    again->above = &field(tree);
-    expectValues(tree, Quern::Array<float3>(kManyPositions, float3{3.5F, 2, 1}));
+    again->parent = tree.get();
+    expectValues(tree, Quern::Array<float3>(manyPositions().size(), float3{3.5F, 2, 1}));
 }
 
-/// Remembers how often it was asked for each element, and whether they came in rising order.
+/// Counts its calls by element, and notes whether they come in rising order.
 struct Counted : OwnScalar {
     using ScalarField::eval;
     float eval(float3 const& p, long long i) const override {
+        rising &= counts.empty() || i >= counts.rbegin()->first;
         ++counts[i];
-        rising &= i >= last;
-        last = i;
         return OwnScalar::eval(p, i);
     }
     mutable std::map<long long, int> counts;
-    mutable long long last = -1;
     mutable bool rising = true;
 };
 
-/// Expects that values and gradients of `tree` ask `leaf` as often as `times` says of each
-/// position.
-void expectCalls(ScalarPtr const& tree, Counted& leaf, auto const& times) {
-    auto const positions = somePositions(kManyPositions);
-    for (bool const gradients : {false, true}) {
-        leaf.counts.clear();
-        leaf.last = -1;
-        if (gradients)
-            Core::Fields::grad(*tree, positions);
-        else
-            field(tree).eval(positions);
-        for (long long i = 0; i < positions.size(); ++i)
-            ASSERT_EQ(leaf.counts[i], times(positions[i], gradients)) << i << " " << gradients;
-    }
-}
-constexpr auto kOnce = [](float3 const&, bool) { return 1; };
-
-/// Hands on what its child gives, in blocks.
-struct Passing : FieldNode<Passing, ScalarField> {
-    explicit Passing(ScalarPtr field) : child(std::move(field)) {}
-    using ScalarField::eval;
-    float eval(float3 const& p, long long i) const override { return child->eval(p, i); }
-    template <class Node> static auto children(Node& node) { return std::tie(node.child); }
-    void blockValues(Block& block, BlockResult<float>& out) const {
-        mapBlock(block, out, kPass, block.values(child));
-    }
-    ScalarPtr child;
-};
-
-TEST_F(BlockCalls, AskSharedNodesOnce) {
+TEST_F(BlockCalls, AskALeafNoMoreOftenThanItsTreeNeeds) {
     auto const leaf = makePtr<Counted>();
-    ScalarPtr const negative = makePtr<ScalarFieldNegative>(leaf);
-    ScalarPtr tree = negative;
+    ScalarPtr shared = makePtr<ScalarFieldNegative>(leaf);
+    ScalarPtr deep = shared;
     for (int i = 0; i < 40; ++i) {
-        tree = makePtr<ScalarFieldAdd>(tree, tree);
-        // Where a branch is taken or not, the rest of the block is asked for what it lacks.
+        deep = makePtr<ScalarFieldAdd>(deep, deep);
+        // Each child of a switch adds the positions at which the block lacks its values.
         if (i % 4 == 0)
-            tree = makePtr<ScalarFieldSwitch>(tree, tree, makePtr<ScalarFieldMin>(tree, tree));
+            deep = makePtr<ScalarFieldSwitch>(deep, deep, makePtr<ScalarFieldMin>(deep, deep));
         if (i % 4 == 1)
-            tree =
-                makePtr<ScalarFieldAdd>(makePtr<ScalarFieldSwitch>(x(), tree, constant(1)), tree);
-        if (i % 4 == 2) tree = makePtr<ScalarFieldMultiply>(tree, constant(0.1F));
+            deep =
+                makePtr<ScalarFieldAdd>(makePtr<ScalarFieldSwitch>(x(), deep, constant(1)), deep);
+        if (i % 4 == 2) deep = makePtr<ScalarFieldMultiply>(deep, constant(0.1F));
     }
-    expectCalls(tree, *leaf, kOnce);
-    // So is a node of the library that hands on what a user's node gave.
-    ScalarPtr const moved = makePtr<ScalarFieldTranslate>(leaf, float3{1, 2, 3});
-    expectCalls(makePtr<ScalarFieldAdd>(moved, moved), *leaf,
-                [](float3 const&, bool gradients) { return gradients ? 0 : 1; });
-    // A node of the user's is asked by each parent; for gradients this sum asks no value.
-    expectCalls(makePtr<ScalarFieldAdd>(leaf, leaf), *leaf,
-                [](float3 const&, bool gradients) { return gradients ? 0 : 2; });
-    // Parents in one fusion and out of it share a node.
-    *leaf = Counted();
-    {
-        ScalarPtr shared = makePtr<ScalarFieldNegative>(makePtr<ScalarFieldAbsolute>(leaf));
-        auto const passing = makePtr<Passing>(shared);
-        field(ScalarPtr(makePtr<ScalarFieldAdd>(
-                  makePtr<ScalarFieldMultiply>(std::move(shared), x()), passing)))
-            .eval(somePositions(kManyPositions));
-    }
-    for (auto const& [i, count] : leaf->counts) ASSERT_EQ(count, 1) << i;
-    EXPECT_EQ(leaf->counts.size(), std::size_t{kManyPositions});
-    EXPECT_TRUE(leaf->rising);
-}
-
-TEST_F(BlockCalls, AskOnlyWhatPointsAsk) {
-    auto const leaf = makePtr<Counted>(), other = makePtr<Counted>();
-    ScalarPtr const chosen = makePtr<ScalarFieldSwitch>(x(), leaf, other);
-    expectCalls(chosen, *leaf,
-                [](float3 const& p, bool gradients) { return !gradients && p.x > 0; });
-    EXPECT_TRUE(leaf->rising);
-    expectCalls(chosen, *other,
-                [](float3 const& p, bool gradients) { return !gradients && !(p.x > 0); });
-    EXPECT_TRUE(other->rising);
-    // The gradient of a minimum asks the lesser child alone, be it through a warp or a switch.
+    ScalarPtr const moved = makePtr<ScalarFieldTranslate>(leaf, float3{1, 2, 3}), one = x();
     VectorPtr const warp = makePtr<VectorFieldFromComponents>(x(), leaf, y());
-    ScalarPtr const one = x();
-    for (ScalarPtr const& child :
-         {ScalarPtr(makePtr<ScalarFieldWarp>(x(), warp)),
-          ScalarPtr(makePtr<ScalarFieldSwitch>(makePtr<ScalarFieldAdd>(leaf, y()), one, one))}) {
-        auto const positions = somePositions(kManyPositions);
-        leaf->counts.clear();
-        Core::Fields::grad(*ScalarPtr(makePtr<ScalarFieldMin>(child, y())), positions);
-        for (long long i = 0; i < positions.size(); ++i)
-            ASSERT_LE(leaf->counts.at(i), positions[i].x < positions[i].y ? 3 : 1) << i;
-    }
+    shared = makePtr<ScalarFieldNegative>(makePtr<ScalarFieldAbsolute>(leaf));
+    auto const user = makePtr<UserNode>(
+        shared, y(), [](UserNode const& node, float3 const& p) { return node.a->eval(p, 0); },
+        [](UserNode const& node, Block& block, BlockResult<float>& out) {
+            mapBlock(block, out, kPass, block.values(node.a));
+        });
+
+    using Times = int (*)(float3 const&);
+    Times const never = [](float3 const&) { return 0; }, once = [](float3 const&) { return 1; },
+                twice = [](float3 const&) { return 2; },
+                ifLess = [](float3 const&p) { return p.x < p.y ? 3 : 1; };
+    struct Row {
+        char const* name;
+        ScalarPtr tree;
+        Times forValues, forGradients;  // at most so many values of the leaf at a position
+        bool inRisingOrder = true;
+    };
+    for (auto const& [name, tree, forValues, forGradients, inRisingOrder] :
+         std::initializer_list<Row>{
+             {"shared node", deep, once, once, false},
+             {"shared transform over a user's leaf", makePtr<ScalarFieldAdd>(moved, moved), once,
+              never},
+             {"user's leaf with two parents", makePtr<ScalarFieldAdd>(leaf, leaf), twice, never,
+              false},
+             {"node shared by a fused parent and a user's",
+              makePtr<ScalarFieldAdd>(makePtr<ScalarFieldMultiply>(std::move(shared), x()), user),
+              once, nullptr},
+             {"first choice", makePtr<ScalarFieldSwitch>(x(), leaf, y()),
+              [](float3 const& p) { return p.x > 0 ? 1 : 0; }, never},
+             {"second choice", makePtr<ScalarFieldSwitch>(x(), y(), leaf),
+              [](float3 const& p) { return p.x > 0 ? 0 : 1; }, never},
+             {"lesser child, through a warp",
+              makePtr<ScalarFieldMin>(makePtr<ScalarFieldWarp>(x(), warp), y()), once, ifLess},
+             {"lesser child, through a switch",
+              makePtr<ScalarFieldMin>(
+                  makePtr<ScalarFieldSwitch>(makePtr<ScalarFieldAdd>(leaf, y()), one, one), y()),
+              once, ifLess}})
+        for (bool const gradients : {false, true}) {
+            SCOPED_TRACE(std::string(name) + (gradients ? ", gradients" : ", values"));
+            Times const times = gradients ? forGradients : forValues;
+            if (!times) continue;
+            *leaf = Counted();
+            if (gradients)
+                Core::Fields::grad(*tree, manyPositions());
+            else
+                field(tree).eval(manyPositions());
+            for (long long i = 0; i < manyPositions().size(); ++i)
+                ASSERT_LE(leaf->counts[i], times(manyPositions()[i])) << i;
+            EXPECT_TRUE(leaf->rising || gradients || !inRisingOrder);
+        }
 }
 
 TEST_F(BlockCalls, OfTwoChildrenThatThrowTheFirstIsHeard) {
-    struct Throwing : ScalarField {
-        explicit Throwing(char const* what) : what(what) {}
-        using ScalarField::eval;
-        float eval(float3 const& p, long long i) const override {
-            return i == kManyPositions - 1 ? throw std::runtime_error(what) : p.x;
-        }
-        char const* what;
+    auto const throwing = [](char const* what) {
+        return makePtr<FunctionField>([what](float3 const& p, long long i) {
+            return i == manyPositions().size() - 1 ? throw std::runtime_error(what) : p.x;
+        });
     };
     ScalarPtr const tree =
-        makePtr<ScalarFieldSubtract>(makePtr<ScalarFieldAbsolute>(makePtr<Throwing>("first")),
-                                     makePtr<ScalarFieldNegative>(makePtr<Throwing>("second")));
-    expectRefused<std::runtime_error>([&] { field(tree).eval(somePositions(kManyPositions)); },
-                                      "first");
+        makePtr<ScalarFieldSubtract>(makePtr<ScalarFieldAbsolute>(throwing("first")),
+                                     makePtr<ScalarFieldNegative>(throwing("second")));
+    expectRefused<std::runtime_error>([&] { field(tree).eval(manyPositions()); }, "first");
 }
 
 TEST_F(BlockCalls, RetirePointsThatHaveCome) {
     // The transform leaves a position alone, or moves it on by 0.5 each time.
-    struct Distance : Counted {
-        using ScalarField::eval;
-        float eval(float3 const& p, long long i) const override {
-            Counted::eval(p, i);
-            return p.x > 0 ? 0.0F : 0.5F;
-        }
-        float3 grad(float3 const&, long long) const override { return {1, 0, 0}; }
-    };
-    auto const distance = makePtr<Distance>();
-    VectorPtr const tree = makePtr<VectorFieldIteratedNearPointTransform>(distance, 0.1F, 5);
+    std::map<long long, int> counts;
+    VectorPtr const tree =
+        makePtr<VectorFieldIteratedNearPointTransform>(makePtr<FunctionField>(
+                                                           [&](float3 const& p, long long i) {
+                                                               ++counts[i];
+                                                               return p.x > 0 ? 0.0F : 0.5F;
+                                                           },
+                                                           [](float3 const&, long long) {
+                                                               return float3{1, 0, 0};
+                                                           }),
+                                                       0.1F, 5);
     auto const positions = somePositions(500);
     expectEqual(*tree, positions);
-    distance->counts.clear();
+    counts.clear();
     tree->eval(positions);
     for (long long i = 0; i < positions.size(); ++i)
         if (length(positions[i]) < 1e6F) {
-            ASSERT_EQ(distance->counts[i], positions[i].x > 0 ? 2 : 6) << positions[i].x;
+            ASSERT_EQ(counts[i], positions[i].x > 0 ? 2 : 6) << positions[i].x;
         }
 }
 
-/// Nodes as a user builds them, outside of the library, or derives them from one of it.
+/// A user's leaf with a block form.
 struct Guarded : LeafNode<Guarded, ScalarField> {
     float valueOf(float3 const& p, long long) const { return p.x; }
     float3 gradientOf(float3 const& p, long long) const {
@@ -351,23 +338,7 @@ struct Guarded : LeafNode<Guarded, ScalarField> {
         return {1, 0, 0};
     }
 };
-struct Beside : FieldNode<Beside, ScalarField> {
-    Beside(ScalarPtr f, ScalarPtr g) : f(std::move(f)), g(std::move(g)) {}
-    using ScalarField::eval;
-    template <class Node> static auto children(Node& node) { return std::tie(node.f, node.g); }
-    float eval(float3 const& p, long long i) const override {
-        return f->eval({p.x + 1, p.y, p.z}, i) * g->eval(p, i);
-    }
-    void blockValues(Block& block, BlockResult<float>& out) const {
-        // Asks for positions of this block while others are at work.
-        writeMoved(block, 1, [&](Block& there) {
-            mapBlock(
-                there, out, [](float a, float b) { return a * b; }, there.values(f),
-                block.values(g));
-        });
-    }
-    ScalarPtr f, g;
-};
+/// A user's node that derives from a node of the library.
 template <class Node> struct Halved : Node {
     using Node::eval, Node::Node;
     auto eval(float3 const& p, long long i) const -> typename Node::Value override {
@@ -381,8 +352,19 @@ template <class Node> struct Halved : Node {
 TEST(Block, TreatsNodesOfUsersAsPointsDo) {
     expectEqual(*makePtr<ScalarFieldMax>(makePtr<Guarded>(), constant(0)), somePositions(1000));
 
+    // A node that evaluates one child at other positions while the other is under way.
     ScalarPtr const g = makePtr<ScalarFieldSine>(y());
-    ScalarPtr tree = makePtr<Beside>(makePtr<ScalarFieldCosine>(g), g);
+    ScalarPtr tree = makePtr<UserNode>(
+        makePtr<ScalarFieldCosine>(g), g,
+        [](UserNode const& node, float3 const& p) {
+            return node.a->eval({p.x + 1, p.y, p.z}, 0) * node.b->eval(p, 0);
+        },
+        [](UserNode const& node, Block& block, BlockResult<float>& out) {
+            atMoved(block, 1, [&](Block& there) {
+                auto const product = [](float a, float b) { return a * b; };
+                mapBlock(there, out, product, there.values(node.a), block.values(node.b));
+            });
+        });
     for (int i = 0; i < 40; ++i) {  // enough to write over results that were given up
         ScalarPtr const twice = makePtr<ScalarFieldSine>(x());
         tree = makePtr<ScalarFieldAdd>(tree, makePtr<ScalarFieldAdd>(twice, twice));
@@ -396,8 +378,8 @@ TEST(Block, TreatsNodesOfUsersAsPointsDo) {
              makePtr<Halved<ScalarFieldRotate>>(x(), float3{1, 2, 3}),
              makePtr<Halved<ScalarFieldSphere>>(float3{}, 1.0F),
              makePtr<Halved<ScalarFieldDivergence>>(makePtr<VectorFieldPosition>())}) {
-        auto const both = makePtr<ScalarFieldMin>(makePtr<ScalarFieldAdd>(own, x()), own);
-        expectEqual(*both, somePositions(kManyPositions));
+        expectEqual(*makePtr<ScalarFieldMin>(makePtr<ScalarFieldAdd>(own, x()), own),
+                    manyPositions());
         expectEqual(*own, somePositions(300));
     }
 }
@@ -420,29 +402,24 @@ TEST(BlockDeathTest, RunsWhileTheObjectsOfTheThreadAreDestroyed) {
 }
 
 TEST(Block, SurvivesExceptionsAndBatchesInsideOfIt) {
-    struct Inner : ScalarField {
-        using ScalarField::eval;
-        float eval(float3 const& p, long long i) const override {
-            if (i == bad) throw std::runtime_error("element");
-            if (i % 100 != 0) return p.x;
-            Quern::Array<float3> const there(i == 2600 ? kManyPositions : 5, p);
-            return (*field(tree).eval(there))[4] + (*Core::Fields::grad(*tree, there))[2].x;
-        }
-        long long bad = -1;
-        ScalarPtr tree = RandomNodes(11).make<ScalarFieldLerp>();
-    };
-    auto const inner = makePtr<Inner>();
+    long long bad = -1;
+    ScalarPtr const inside = RandomNodes(11).make<ScalarFieldLerp>();
+    auto const inner = makePtr<FunctionField>([&](float3 const& p, long long i) {
+        if (i == bad) throw std::runtime_error("element");
+        if (i % 100 != 0) return p.x;
+        Quern::Array<float3> const there(i == 2600 ? 5001 : 5, p);
+        return (*field(inside).eval(there))[4] + (*Core::Fields::grad(*inside, there))[2].x;
+    });
     ScalarPtr const shared = makePtr<ScalarFieldNegative>(inner);
     ScalarPtr const tree =
         makePtr<ScalarFieldAdd>(makePtr<ScalarFieldTranslate>(shared, float3{1, 2, 3}),
                                 makePtr<ScalarFieldMultiply>(shared, shared));
-    auto const positions = somePositions(kManyPositions);
     for (int round = 0; round < 3; ++round) {
-        inner->bad = 2700 + round;
-        EXPECT_THROW(field(tree).eval(positions), std::runtime_error);
-        EXPECT_THROW(Core::Fields::grad(*tree, positions), std::runtime_error);
-        inner->bad = -1;
-        expectValues(tree, positions);
+        bad = 2700 + round;
+        EXPECT_THROW(field(tree).eval(manyPositions()), std::runtime_error);
+        EXPECT_THROW(Core::Fields::grad(*tree, manyPositions()), std::runtime_error);
+        bad = -1;
+        expectValues(tree, manyPositions());
     }
 }
 

@@ -43,12 +43,11 @@ struct Children : RandomNodes {
     mutable std::string log;
 };
 
-/// Counts the nodes that each of the operators is called with.
-struct Walked : FieldVisitor {
-    void operator()(Field const& node) override { seen.push_back(&node); }
-    void operator()(Field& /*node*/) override { ++changing; }
-    std::vector<Field const*> seen;
-    std::size_t changing = 0;
+/// Counts the nodes that a walk hands out to be changed.
+struct Changer : FieldVisitor {
+    using FieldVisitor::operator();
+    void operator()(Field& /*node*/) override { ++count; }
+    std::size_t count = 0;
 };
 
 }  // namespace
@@ -85,22 +84,20 @@ TEST(EveryNode, HasItsNameAndWalksHooksAndAsksItsChildren) {
             EXPECT_EQ(std::string(one->getType()), name);
             EXPECT_EQ(one->is_triggerable(),
                       name.find("GeoProperty") != name.npos || name.find("OrvaneTr") != name.npos);
-            Walked walked;
-            one->caccept(walked);
+            auto const walked = childrenOf(*one);
             if (wraps)
-                EXPECT_TRUE(
-                    dynamic_cast<VectorFieldClosestPointTransform const*>(walked.seen.at(0)));
+                EXPECT_TRUE(dynamic_cast<VectorFieldClosestPointTransform const*>(walked.at(0)));
             else
-                EXPECT_EQ(walked.seen, hides ? std::vector<Field const*>() : children.made);
+                EXPECT_EQ(walked, hides ? std::vector<Field const*>() : children.made);
             children.log.clear();
             one->eval(Quern::Array<float3>());
             EXPECT_EQ(children.log, pre + post);
             one->eval(kPosition, kIndex);
             one->grad(kPosition, kIndex);
         }
-        Walked walked;
-        node->accept(walked);
-        EXPECT_EQ(walked.changing, hides ? 0 : children.made.size());
+        Changer changer;
+        node->accept(changer);
+        EXPECT_EQ(changer.count, hides ? 0 : children.made.size());
         if constexpr (std::is_copy_assignable_v<Node>) {
             Node other = *construct<Node>(Children());
             other = std::move(*node);

@@ -3,6 +3,7 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <string>
 #include <utility>
@@ -100,7 +101,37 @@ inline VectorPtr v(float3 const& value, float3x3 const& gradient = kMatrixA,
     return Quern::makePtr<Probe<zel::VectorField>>(value, gradient, std::move(name));
 }
 
+/// A leaf that consists of functions. Without a gradient it has that of all fields.
+struct FunctionField : zel::ScalarField {
+    using Value = std::function<float(float3 const&, long long)>;
+    using Gradient = std::function<float3(float3 const&, long long)>;
+
+    explicit FunctionField(Value value, Gradient gradient = {})
+        : value(std::move(value)), gradient(std::move(gradient)) {}
+    using ScalarField::eval;
+    float eval(float3 const& p, long long i) const override { return value(p, i); }
+    float3 grad(float3 const& p, long long i) const override {
+        return gradient ? gradient(p, i) : ScalarField::grad(p, i);
+    }
+    void preSampleField() const override { pre(); }
+    void postSampleField() const override { post(); }
+
+    Value value;
+    Gradient gradient;
+    std::function<void()> pre = [] {}, post = pre;
+};
+
 using Quern::makePtr;
+
+/// The children of a node in the order of a walk that only reads.
+inline std::vector<zel::Field const*> childrenOf(zel::Field const& node) {
+    struct : zel::FieldConstVisitor {
+        void operator()(zel::Field const& child) override { seen.push_back(&child); }
+        std::vector<zel::Field const*> seen;
+    } visitor;
+    node.caccept(visitor);
+    return visitor.seen;
+}
 
 /// What a node must answer, and where a node that moves the position must ask its child.
 template <class Interface> struct Row {
