@@ -4,9 +4,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "support/refused.h"
 #include "zel_platform/quern_core/any.h"
@@ -60,21 +58,6 @@ TEST(Ptr, SharesMovesClonesAndReleases) {
     EXPECT_THROW(makePtr<std::unique_ptr<int>>().clone(), std::logic_error);
 }
 
-TEST(Ptr, CountsFromManyThreads) {
-    int alive = 0;
-    auto const shared = makePtr<Derived>(alive);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([shared] {
-            for (int i = 0; i < 20000; ++i) {
-                Ptr<Base> copy = shared;
-                Ptr<Base> const moved = std::move(copy);
-            }
-        });
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(shared.useCount(), 1);
-}
-
 TEST(Array, GrowsCopiesAndMoves) {
     Array<std::string> array{"a", "b"};
     for (int i = 0; i < 100; ++i) array.push_back(array[i]);  // an element of itself, across growth
@@ -101,9 +84,8 @@ TEST(Array, GrowsCopiesAndMoves) {
 TEST(Array, RefusesSizesThatCannotBe) {
     Array<int> array{1, 2};
     EXPECT_THROW(Array<int>(std::numeric_limits<long long>::max(), 1), std::length_error);
-    EXPECT_THROW(array.resize(-5), std::length_error);
+    support::expectRefused<std::length_error>([&] { array.resize(-12); }, "-12");
     EXPECT_EQ(array, (Array<int>{1, 2}));
-    support::expectRefused<std::length_error>([] { Array<int>(-12); }, "-12");
 }
 
 TEST(Array, DestroysWhatItBuiltWhenAnElementThrows) {
