@@ -73,82 +73,68 @@ TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
         int const depth = random(-1, made.tree.depth() + 1),
                   count = random(0, 3) ? random(0, 128) : 128;
         auto const d = std::clamp(depth, 0, +Traits::kMaxDepth);
+        auto const w = static_cast<std::uint32_t>(width<Traits>(d));
         std::array<Cells, 3> cells;
         for (unsigned i = 0; i < static_cast<unsigned>(count); ++i) {
             int3 const p = made.points[static_cast<std::size_t>(random(0, 59))];
             bool const again = i > 0 && random(0, 2) == 0;  // rows of one tile
             for (unsigned a = 0; a < 3; ++a)
-                cells[a][i] = again ? cells[a][i - 1]
-                                    : Traits::aboveRoot(p[static_cast<int>(a)]) /
-                                          static_cast<std::uint32_t>(width<Traits>(d));
-            // A tile's neighbours, cells that no tile can have, and what a product with a width
-            // wraps around to the cell of a tile.
+                cells[a][i] =
+                    again ? cells[a][i - 1] : Traits::aboveRoot(p[static_cast<int>(a)]) / w;
+            // A tile's neighbours, cells that no tile can have, and cells whose product with a
+            // width wraps around to the cell of a tile.
             auto& some = cells[static_cast<unsigned>(random(0, 2))][i];
             if (random(0, 3) == 0) some += static_cast<std::uint32_t>(random(-1, 1));
             if (random(0, 20) == 0) some = static_cast<std::uint32_t>(random(INT_MIN, INT_MAX));
             if (Traits::kBranch == 2 && random(0, 20) == 0) some |= 1U << (d + 2);
         }
         std::vector<TileRun> runs(static_cast<std::size_t>(count) + 1, TileRun{-7, -7});
-        int const found = made.tree.findTiles(depth, cells[0].data(), cells[1].data(),
-                                              cells[2].data(), count, runs.data());
-        int i = 0;
+        auto const& [x, y, z] = cells;
+        int const found =
+            made.tree.findTiles(depth, x.data(), y.data(), z.data(), count, runs.data());
+        int end = 0;
         for (int r = 0; r < found; ++r) {
             TileRun const run = runs[static_cast<std::size_t>(r)];
-            ASSERT_TRUE(i < run.end && run.end <= count);
-            for (; i < run.end; ++i) {
-                int3 p;
-                bool inside = depth == d;
-                for (unsigned a = 0; a < 3; ++a) {
-                    auto const c = cells[a][static_cast<unsigned>(i)];
-                    inside = inside && c < Traits::kRootWidth / width<Traits>(d);
-                    if (inside)
-                        p[static_cast<int>(a)] =
-                            static_cast<int>(kLow<Traits> + c * width<Traits>(d));
-                }
-                ASSERT_EQ(run.tile >= 0, inside && made.map.find(p, depth) == depth) << depth;
-                if (run.tile >= 0) {
-                    ASSERT_EQ(made.tree.tile(run.tile, depth).m_tijk, p);
-                }
+            ASSERT_TRUE(end < run.end && run.end <= count);
+            for (auto i = static_cast<unsigned>(end); i < static_cast<unsigned>(run.end); ++i) {
+                bool const inside =
+                    depth == d && std::max({x[i], y[i], z[i]}) < Traits::kRootWidth / w;
+                auto const low = [&](std::uint32_t cell) {
+                    return static_cast<int>(kLow<Traits> + (inside ? cell * w : 0));
+                };
+                int3 const p{low(x[i]), low(y[i]), low(z[i])};
+                ASSERT_EQ(run.tile >= 0, inside && made.map.has(p, depth)) << depth;
+                ASSERT_TRUE(run.tile < 0 || made.tree.tile(run.tile, depth).m_tijk == p);
             }
+            end = run.end;
         }
-        ASSERT_EQ(i, count);
+        ASSERT_EQ(end, count);
         ASSERT_EQ(runs[static_cast<std::size_t>(found)].end, -7);
     }
 }
 
 TEST(InnerTiles, OfOneHashAreToldApart) {
-    // Two cells of depth 27 with the same hash: the tile in the one is not found in the other.
-    Random random(57);
-    std::map<std::uint32_t, int3> cells;
-    for (int i = 0;; ++i) {
-        ASSERT_LT(i, 1000000);
-        auto const draw = [&] { return random(0, (1 << 27) - 1); };
-        int3 const a{draw(), draw(), draw()};
-        auto const [found, fresh] =
-            cells.try_emplace(Internal::InnerTileIndex::hash(static_cast<std::uint32_t>(a.x),
-                                                             static_cast<std::uint32_t>(a.y),
-                                                             static_cast<std::uint32_t>(a.z)),
-                              a);
-        if (fresh) continue;
+    // Two cells of depth 27 with the same hash: the tile in one is not found in the other.
+    std::array<std::uint32_t, 2> x{47779579, 72978050}, y{84111598, 50117738},
+        z{60785206, 16504334};
+    auto const hash = [&](unsigned i) { return Internal::InnerTileIndex::hash(x[i], y[i], z[i]); };
+    ASSERT_EQ(hash(0), hash(1));
+    auto const corner = [&](unsigned i) {
         auto const low = static_cast<int>(kLow<BinaryTraits>);
-        int3 const p = a * 8 + int3{low, low, low}, q = found->second * 8 + int3{low, low, low};
-        Container<BinaryTraits> tree(1);
-        TileMap<BinaryTraits> map;
-        tree.addTile(p.x, p.y, p.z, 28);
-        map.add(p, 28);
-        expectFound<BinaryTraits>(tree.tileAccessor().tile(q.x, q.y, q.z, 28), map, q, 28);
-        std::array<std::array<std::uint32_t, 2>, 3> cells28;
-        for (int axis = 0; axis < 3; ++axis)
-            cells28[static_cast<unsigned>(axis)] = {
-                2 * static_cast<std::uint32_t>(a[axis]),
-                2 * static_cast<std::uint32_t>(found->second[axis])};
-        auto const& [x, y, z] = cells28;
-        std::array<TileRun, 2> runs;
-        ASSERT_EQ(tree.findTiles(28, x.data(), y.data(), z.data(), 2, runs.data()), 2);
-        EXPECT_EQ(runs[0].tile, 0);
-        EXPECT_EQ(runs[1].tile, -1);
-        break;
-    }
+        return int3{static_cast<int>(x[i]), static_cast<int>(y[i]), static_cast<int>(z[i])} * 8 +
+               int3{low, low, low};
+    };
+    Container<BinaryTraits> tree(1);
+    tree.addTile(corner(0).x, corner(0).y, corner(0).z, 28);
+    TileMap<BinaryTraits> map;
+    map.add(corner(0), 28);
+    int3 const q = corner(1);
+    expectFound<BinaryTraits>(tree.tileAccessor().tile(q.x, q.y, q.z, 28), map, q, 28);
+    for (auto* const cells : {&x, &y, &z})
+        for (auto& cell : *cells) cell *= 2;  // of depth 28
+    std::array<TileRun, 2> runs;
+    ASSERT_EQ(tree.findTiles(28, x.data(), y.data(), z.data(), 2, runs.data()), 2);
+    EXPECT_TRUE(runs[0].tile == 0 && runs[1].tile == -1);
 }
 
 TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
@@ -159,42 +145,40 @@ TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
     auto const accessor = tree.tileAccessor();
     for (TreeIndex const& index : indices) {
         auto const& tile = tree.tile(index);
-        long long const w = tile.tileVoxelWidth();
+        int const w = static_cast<int>(tile.tileVoxelWidth());
         for (int direction = 0; direction < 27; ++direction) {
-            int const dz = direction % 3 - 1, dy = direction / 3 % 3 - 1, dx = direction / 9 - 1;
-            long long const x = tile.tijk().x + dx * w, y = tile.tijk().y + dy * w,
-                            z = tile.tijk().z + dz * w;
-            auto const& neighbor = accessor.tileNeighbor(tile, direction);
-            if (!inRoot<Traits>(x, y, z))
-                ASSERT_FALSE(neighbor.exists());
-            else
-                expectFound<Traits>(neighbor, map,
-                                    {static_cast<int>(x), static_cast<int>(y), static_cast<int>(z)},
-                                    index.depth);
+            int3 const step{direction / 9 - 1, direction / 3 % 3 - 1, direction % 3 - 1};
+            expectFound<Traits>(accessor.tileNeighbor(tile, direction), map, tile.tijk() + step * w,
+                                index.depth);
         }
         for (int i = 0; i < 20; ++i) {
-            auto const below = [&] { return random(0, static_cast<int>(w - 1)); };
+            auto const below = [&] { return random(0, w - 1); };
             int3 const p = tile.tijk() + int3{below(), below(), below()};
-            int3 const voxel = tile.childDataIJK(p), child = tile.childIJK(p);
-            int3 const at = tile.tijk() + voxel * tile.voxelDataWidth();
+            int3 const child = tile.childIJK(p);
+            int3 const inVoxel = p - (tile.tijk() + tile.childDataIJK(p) * tile.voxelDataWidth());
             for (int axis = 0; axis < 3; ++axis) {
-                ASSERT_TRUE(at[axis] <= p[axis] && p[axis] - at[axis] < tile.voxelDataWidth());
+                ASSERT_TRUE(0 <= inVoxel[axis] && inVoxel[axis] < tile.voxelDataWidth());
                 ASSERT_EQ(child[axis], (p[axis] - tile.tijk()[axis]) / (w / Traits::kBranch));
             }
             bool const has = index.depth < Traits::kMaxDepth && map.has(p, index.depth + 1);
-            ASSERT_EQ(tile.isLeaf(child), !has);
-            TreeIndex const below_tile = tile.childTreeIndex(child);
-            ASSERT_EQ(below_tile.valid(), has);
+            TreeIndex const found = tile.childTreeIndex(child);
+            ASSERT_TRUE(tile.isLeaf(child) == !has && found.valid() == has);
             if (has) {
-                ASSERT_EQ(tree.tile(below_tile).tijk(), (corner<Traits>(p, index.depth + 1)));
-                ASSERT_EQ(tree.tile(below_tile).parentTreeIndex(), index);
+                ASSERT_EQ(tree.tile(found).tijk(), (corner<Traits>(p, index.depth + 1)));
+                ASSERT_EQ(tree.tile(found).parentTreeIndex(), index);
             }
         }
     }
     auto const& root = tree.tile(0, 0);
     EXPECT_TRUE(root.isLeaf({-1, 0, 0}) && root.isLeaf({0, Traits::kBranch, 0}));
     EXPECT_FALSE(root.childTreeIndex({0, 0, INT_MAX}).valid());
-    Container<Traits> row(1);  // directions that are none would lead to these tiles
+    for (TreeIndex const& bad : {TreeIndex{}, TreeIndex{-1, 0}, TreeIndex{1, 0}, TreeIndex{0, 99}})
+        EXPECT_FALSE(tree.tile(bad).exists());
+}
+
+TYPED_TEST(Lookup, RefusesBadDirectionsAndRoundsDown) {
+    using Traits = TypeParam;
+    Container<Traits> row(1);  // bad directions would lead to these tiles
     int const w = static_cast<int>(width<Traits>(4));
     auto const& middle = row.tile(row.addTile(0, 0, 0, 4));
     row.addTile(2 * w, -w, -w, 4);
@@ -202,20 +186,17 @@ TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
     for (int const direction : {27, -1, 1 << 30})
         EXPECT_FALSE(row.tileAccessor().tileNeighbor(middle, direction).exists());
     int const voxel = middle.voxelDataWidth();
-    for (int const below : {1, voxel, voxel + 1})  // rounded down
+    for (int const below : {1, voxel, voxel + 1})
         EXPECT_EQ(middle.childDataIJK(middle.tijk() - int3{below, 0, 0}).x,
                   below > voxel ? -2 : -1);
     // Voxels 1 wide, up to 2^32 away: the index ends with the range.
-    Container<Traits> far(1);
     for (long long const low : {kLow<Traits>, kLow<Traits> + width<Traits>(0) - 1}) {
-        auto const corner = static_cast<int>(low);
-        auto const& tile = far.tile(far.addTile(corner, corner, corner, Traits::kMaxDepth));
+        auto const end = static_cast<int>(low);
+        auto const& tile = row.tile(row.addTile(end, end, end, Traits::kMaxDepth));
         for (int const p : {INT_MIN, INT_MAX, tile.tijk().x - 1, tile.tijk().x + 9})
             EXPECT_EQ(tile.childDataIJK(p, p, p).y,
                       std::clamp<long long>((long long){p} - tile.tijk().x, INT_MIN, INT_MAX));
     }
-    for (TreeIndex const& bad : {TreeIndex{}, TreeIndex{-1, 0}, TreeIndex{1, 0}, TreeIndex{0, 99}})
-        EXPECT_FALSE(tree.tile(bad).exists());
 }
 
 TYPED_TEST(Lookup, SeesTilesAddedSinceAndKeepsReferences) {
@@ -246,54 +227,47 @@ TYPED_TEST(Lookup, SeesTilesAddedSinceAndKeepsReferences) {
 TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
     using Traits = TypeParam;
     using Tree = Container<Traits>;
+    using Range = std::out_of_range;
     expectRefused<std::invalid_argument>([] { Tree(-1.5f); }, "-1.5");
     expectRefused<std::invalid_argument>([] { Tree{NAN}; }, "nan");
     expectRefused<std::invalid_argument>([] { Tree(1, (1LL << 31) + 1); }, "2147483649");
     expectRefused<std::invalid_argument>(
         [] { VoxelTopology<Traits>(Quern::makePtr<Tree>(1.0f), 8); }, "8");
-    EXPECT_THROW(VoxelTopology<Traits>({}), std::invalid_argument);
     EXPECT_FALSE(std::signbit(Tree(-0.0f).voxelSize()));
 
-    Tree tree(1, 10);
+    Tree tree(1, 10), empty(1);
     tree.addTile(5, 5, 5, 6);
     DataChannel<Traits, float> channel("", nullptr, 0, false, true, 0, 5);
     channel.updateTo(tree);
     auto const stamp = tree.stamp();
-    auto const throwAt = [](int depth) {
-        return [depth](auto&, auto&, int d) {
-            return d < depth ? depth == 3 : throw std::runtime_error("predicate");
-        };
+    auto const refineAndThrow = [](Tree& refined, int at, bool above) {
+        refineTree(refined, 9, [&](auto&, auto&, int d) {
+            return d < at ? above : throw std::runtime_error("predicate");
+        });
     };
-    int const most = Traits::kMaxDepth, B = Traits::kBranch;
-    for (auto const& [p, depth, named] : {std::tuple{int3{1, 1, INT_MIN}, 3, INT_MIN},
-                                          {int3{1, 1, 1}, -2, -2},
-                                          {int3{1, 1, 1}, most + 1, most + 1}})
-        expectRefused<std::out_of_range>(
-            [&, &p = p, &depth = depth] { tree.addTile(p.x, p.y, p.z, depth); },
-            std::to_string(named));
-    for (auto const& [tile, child, named] : {std::tuple{0LL, int3{0, B, 0}, B}, {7LL, int3{}, 7}})
-        expectRefused<std::out_of_range>(
-            [&, &tile = tile, &child = child] {
-                tree.addChild({tile, 2}, child);
-            },
-            std::to_string(named));
+    auto const refineAll = [&] { refineTree(tree, 5, [](auto&, auto&, int) { return true; }); };
+    expectRefused<Range>([&] { tree.addTile(1, 1, INT_MIN, 3); }, std::to_string(INT_MIN));
+    expectRefused<Range>([&] { tree.addTile(1, 1, 1, -2); }, "-2");
+    expectRefused<Range>([&] { tree.addTile(1, 1, 1, Traits::kMaxDepth + 1); },
+                         std::to_string(Traits::kMaxDepth + 1));
+    expectRefused<Range>([&] { tree.addChild({0, 2}, {0, 5, 0}); }, "5");
+    expectRefused<Range>([&] { tree.addChild({7, 2}, {}); }, "7");
     expectRefused<std::length_error>([&] { tree.addTile(-999999, 5, 5, 8); }, "10 tiles");
-    expectRefused<std::length_error>(
-        [&] { refineTree(tree, 5, [](auto&, auto&, int) { return true; }); }, "10 tiles");
-    expectRefused<std::runtime_error>([&] { refineTree(tree, 9, throwAt(7)); }, "predicate");
+    expectRefused<std::length_error>(refineAll, "10 tiles");
+    EXPECT_THROW(refineAndThrow(tree, 7, false), std::runtime_error);
+    EXPECT_THROW(refineAndThrow(empty, 3, true), std::runtime_error);
     EXPECT_THROW(tree.update(tree), std::logic_error);
-    EXPECT_EQ(tree.size(), 7u);
-    EXPECT_TRUE(tree.stamp() == stamp && channel.fits(tree));
-    Tree empty(1);
-    EXPECT_THROW(refineTree(empty, 4, throwAt(3)), std::runtime_error);
+    EXPECT_TRUE(tree.size() == 7 && tree.stamp() == stamp && channel.fits(tree));
     EXPECT_TRUE(empty.empty() && empty.depth() == -1);
     EXPECT_EQ(empty.addTile(5, 5, 5, 6), (TreeIndex{0, 6}));
     TileMap<Traits> map;
     map.add({5, 5, 5}, 6);
     Random random(55);
+    auto const anywhere = [&] {
+        return random(static_cast<int>(kLow<Traits>), static_cast<int>(-kLow<Traits> - 1));
+    };
     for (int i = 0; i < 300; ++i) {  // none of the tiles dropped is found again
-        auto const low = static_cast<int>(kLow<Traits>);
-        int3 const p{random(low, -low - 1), random(low, -low - 1), random(low, -low - 1)};
+        int3 const p{anywhere(), anywhere(), anywhere()};
         for (Tree const* one : {&tree, &empty})
             expectFound<Traits>(one->tileAccessor().tile(p.x, p.y, p.z, 4), map, p, 4);
     }
@@ -303,15 +277,13 @@ TEST(VolumeObject, TellsComponentsByNameAndType) {
     ORV::Object object;
     auto const tree = Quern::makePtr<Container<BinaryTraits>>(1.0f);
     object.setComponent("tree", tree);
-    float const value = 3;
     object.setComponent("data", Quern::makePtr<DataChannel<BinaryTraits, float>>(
-                                    "data", &value, 0, false, true, 0, 28));
+                                    "data", nullptr, 0, false, true, 0, 28));
     EXPECT_EQ(object.component<Container<BinaryTraits>>("tree"), tree);
     EXPECT_FALSE(object.component<Container<QuinaryTraits>>("tree"));
-    EXPECT_FALSE(object.component<Container<BinaryTraits>>("data"));
+    EXPECT_TRUE((object.component<DataChannel<BinaryTraits, float>>("data")));
     EXPECT_FALSE((object.component<DataChannel<BinaryTraits, float3>>("data")));
     EXPECT_FALSE((object.component<HaloChannel<BinaryTraits, float>>("data")));
-    EXPECT_TRUE((object.component<DataChannel<BinaryTraits, float>>("data")));
     ORV::Object const copy(object);
     object.setComponent("tree", {});
     EXPECT_FALSE(object.component<ORV::Component>("tree"));
