@@ -11,12 +11,13 @@
 #include <cstdint>
 #include <limits>
 #include <random>
+#include <valarray>
 
 namespace {
 
 using namespace Orvane::Math;
 using Lane = Simplex::ScalarArithmetic<double>;
-using Point = std::array<double, 4>;
+using Point = std::valarray<double>;  // of 4 coordinates
 
 constexpr std::uint32_t kCurlSeed = 77;
 constexpr float kInf = std::numeric_limits<float>::infinity();
@@ -30,25 +31,19 @@ struct Random {
                 (*this)(-size, size)};
     }
     Point direction() {
-        Point p = point(1);
-        double const length = std::hypot(std::hypot(p[0], p[1]), std::hypot(p[2], p[3]));
-        for (double& c : p) c /= length;
-        return p;
+        Point const p = point(1);
+        return p / std::sqrt((p * p).sum());
     }
 };
 
-Point along(Point const& p, Point const& direction, double s) {
-    return {p[0] + s * direction[0], p[1] + s * direction[1], p[2] + s * direction[2],
-            p[3] + s * direction[3]};
-}
 Point axis(std::size_t i) {
-    Point p{};
+    Point p(0.0, 4);
     p[i] = 1;
     return p;
 }
 /// Cartesian place of lattice coordinates.
 Point unskew(Point const& p) {
-    return along(p, {1, 1, 1, 1}, -(p[0] + p[1] + p[2] + p[3]) * (5 - std::sqrt(5.0)) / 20);
+    return p - p.sum() * (5 - std::sqrt(5.0)) / 20;
 }
 double noise(Point const& p, std::int64_t seed) {
     return simplex_noise(double4{p[0], p[1], p[2], p[3]}, seed);
@@ -78,42 +73,34 @@ template <int power> Point curl(Point const& p) {
         return Point{v.x, v.y, v.z, 0};
     });
 }
-/// Jacobian by central differences of fourth order.
-template <class F> std::array<Point, 3> jacobian(F const& f, Point const& p, double h) {
-    std::array<Point, 3> columns{};
+/// The columns of a Jacobian, by central differences of fourth order.
+std::array<Point, 3> jacobian(auto const& f, Point const& p, double h) {
+    std::array<Point, 3> columns;
     for (std::size_t c = 0; c < 3; ++c) {
-        auto const at = [&](double s) { return f(along(p, axis(c), s * h)); };
-        Point const a = at(-2), b = at(-1), d = at(1), e = at(2);
-        for (std::size_t r = 0; r < 3; ++r)
-            columns[c][r] = (a[r] - 8 * b[r] + 8 * d[r] - e[r]) / (12 * h);
+        auto const at = [&](double s) { return f(p + s * h * axis(c)); };
+        columns[c] = (at(-2) - 8.0 * at(-1) + 8.0 * at(1) - at(2)) / (12 * h);
     }
     return columns;
 }
 
-/// Products of the components of random vectors.
-struct Covariance {
-    void add(Point const& v) {
-        for (std::size_t r = 0; r < 4; ++r)
-            for (std::size_t c = 0; c < 4; ++c) sums[r][c] += v[r] * v[c];
-    }
-    /// Expects `n` uncorrelated components with the same mean square. Their sum of squares.
-    double expectIsotropic(std::size_t n, double tolerance) const {
-        double total = 0;
-        for (std::size_t r = 0; r < n; ++r) total += sums[r][r];
-        for (std::size_t r = 0; r < n; ++r)
-            for (std::size_t c = 0; c < n; ++c)
-                EXPECT_NEAR(sums[r][c] / total * static_cast<double>(n), r == c, tolerance)
-                    << r << ' ' << c;
-        return total;
-    }
-    std::array<Point, 4> sums{};
-};
+/// Expects uncorrelated components of one mean square, from the sums of products of components.
+/// Returns the sum of squares.
+template <std::size_t n>
+double expectIsotropic(std::array<Point, n> const& products, double tolerance) {
+    double squares = 0;
+    for (std::size_t r = 0; r < n; ++r) squares += products[r][r];
+    for (std::size_t r = 0; r < n; ++r)
+        for (std::size_t c = 0; c < n; ++c)
+            EXPECT_NEAR(products[r][c] / squares * n, r == c, tolerance) << r << ' ' << c;
+    return squares;
+}
 
 TEST(SimplexNoise, Statistics) {
     constexpr int kCount = 1'000'000;
     Random random;
     double sum = 0, squares = 0, low = 0, high = 0, difference = 0;
-    Covariance covariance;
+    std::array<Point, 4> products;
+    products.fill(Point(0.0, 4));
     for (int i = 0; i < kCount; ++i) {
         float4 const p = single(random.point(1000));
         float4 d;
@@ -123,13 +110,14 @@ TEST(SimplexNoise, Statistics) {
         low = std::min(low, v);
         high = std::max(high, v);
         difference = std::max(difference, std::abs(v - noise({p.x, p.y, p.z, p.w}, 11)));
-        covariance.add({d.x, d.y, d.z, d.w});
+        Point const slope = {d.x, d.y, d.z, d.w};
+        for (std::size_t r = 0; r < 4; ++r) products[r] += slope[r] * slope;
     }
     EXPECT_LT(std::abs(sum / kCount), 0.002);
     EXPECT_NEAR(std::sqrt(squares / kCount), 0.253, 0.005);
     EXPECT_TRUE(-1 <= low && low < -0.95 && 0.95 < high && high <= 1) << low << ' ' << high;
     EXPECT_LT(difference, 2e-6);
-    covariance.expectIsotropic(4, 0.01);
+    expectIsotropic(products, 0.01);
 }
 
 // Two fields that should have nothing to do with one another: the same field a whole number of
@@ -140,21 +128,21 @@ TEST(SimplexNoise, NeitherPeriodNorRelatedSeeds) {
         double ab = 0, aa = 0, bb = 0;
         for (int i = 0; i < 20'000; ++i) {
             Point const p = random.point(20);
-            double const u = noise(p, a), v = noise(along(p, shift, 1), b);
+            double const u = noise(p, a), v = noise(p + shift, b);
             ab += u * v, aa += u * u, bb += v * v;
         }
         EXPECT_NEAR(std::sqrt(bb / 20'000), 0.253, 0.02);  // still noise out there
         return ab / std::sqrt(aa * bb);
     };
-    EXPECT_NEAR(correlation({}, 5, 5), 1, 1e-12);
+    EXPECT_NEAR(correlation(Point(0.0, 4), 5, 5), 1, 1e-12);
     // Also steps of the low word that a carry into the high word must not undo.
     for (double cells : {256.0, 289.0, 65536.0, 0x1p24, 0x1p31, 0x1p32, 0x1p40, 0x1p32 + 1,
                          0x1p32 - 1, 0x1p32 - 3, 0x1p33 - 2, 0x1p33 + 2, 0x1p40 - 256})
         for (Point const& step : {axis(0), axis(3), Point{1, -1, 0, 0}, Point{1, 1, 1, 1}})
-            EXPECT_LT(std::abs(correlation(unskew(along({}, step, cells)), 5, 5)), 0.04) << cells;
+            EXPECT_LT(std::abs(correlation(unskew(cells * step), 5, 5)), 0.04) << cells;
     for (int bit = 0; bit < 64; ++bit) {
         auto const seed = static_cast<std::int64_t>(5 ^ std::uint64_t{1} << bit);
-        EXPECT_LT(std::abs(correlation({}, 5, seed)), 0.04) << bit;
+        EXPECT_LT(std::abs(correlation(Point(0.0, 4), 5, seed)), 0.04) << bit;
     }
 }
 
@@ -172,8 +160,7 @@ TEST(SimplexNoise, ValueAndDerivativeAreContinuous) {
             p[a] = p[b];
             p[random.engine() % 4] = p[random.engine() % 4];
         }
-        Point const direction = random.direction();
-        Point const before = along(p, direction, -1e-9), after = along(p, direction, 1e-9);
+        Point const step = 1e-9 * random.direction(), before = p - step, after = p + step;
         ASSERT_NEAR(noise(p, i), noise(after, i), 1e-7);
         ASSERT_NEAR(noise(before, i), noise(after, i), 1e-7);
         Point const d = derivative(before, i), e = derivative(after, i);
@@ -189,7 +176,7 @@ TEST(SimplexNoise, DerivativeAgreesWithDifferences) {
         float4 e;
         ASSERT_EQ(simplex_noise(f, -i, e), simplex_noise(f, -i));
         for (std::size_t c = 0; c < 4; ++c) {
-            auto const at = [&](double s) { return noise(along(p, axis(c), s), -i); };
+            auto const at = [&](double s) { return noise(p + s * axis(c), -i); };
             ASSERT_NEAR(d[c], (at(1e-5) - at(-1e-5)) / 2e-5, 1e-6);
             ASSERT_NEAR(d[c], (Point{e.x, e.y, e.z, e.w}[c]), 1e-4);
         }
@@ -223,7 +210,8 @@ TEST(CurlNoise, IsFreeOfDivergenceAndAgreesWithDifferences) {
     Random random;
     auto const check = [&](auto const& field, auto const& publicField, auto const& publicSlope) {
         int checked = 0;
-        Covariance covariance;
+        std::array<Point, 3> products;
+        products.fill(Point(0.0, 4));
         for (int i = 0; i < 5'000; ++i) {
             float4 const f = single(random.point(20));
             Point const p = {f.x, f.y, f.z, f.w}, v = field(p);
@@ -231,14 +219,12 @@ TEST(CurlNoise, IsFreeOfDivergenceAndAgreesWithDifferences) {
             float3x3 m;
             float3 const w = publicSlope({f.x, f.y, f.z}, f.w, kCurlSeed, m);
             ASSERT_EQ(publicField({f.x, f.y, f.z}, f.w, kCurlSeed), w);
-            covariance.add(v);
             double size = 1, kink = 0;
             for (std::size_t c = 0; c < 3; ++c) {
                 ASSERT_NEAR(v[c], w[static_cast<int>(c)], 1e-4);
-                for (std::size_t r = 0; r < 3; ++r) {
-                    size = std::max(size, std::abs(j[c][r]));
-                    kink = std::max(kink, std::abs(j[c][r] - wide[c][r]));
-                }
+                products[c] += v[c] * v;
+                size = std::max(size, Point(std::abs(j[c])).max());
+                kink = std::max(kink, Point(std::abs(j[c] - wide[c])).max());
             }
             ASSERT_LT(std::abs(m[0][0] + m[1][1] + m[2][2]) / size, 1e-6);
             // The plain curl has a kink where the support of a vertex ends.
@@ -250,7 +236,7 @@ TEST(CurlNoise, IsFreeOfDivergenceAndAgreesWithDifferences) {
                     ASSERT_NEAR(j[c][r], m[static_cast<int>(r)][static_cast<int>(c)], 1e-5 * size);
         }
         EXPECT_GT(checked, 4'000);
-        EXPECT_NEAR(std::sqrt(covariance.expectIsotropic(3, 0.1) / 5'000), 2.8, 0.1);
+        EXPECT_NEAR(std::sqrt(expectIsotropic(products, 0.1) / 5'000), 2.8, 0.1);
     };
     using Curl = float3 (*)(float3 const&, float, std::uint32_t);
     check(curl<3>, Curl(curl_noise), curl_noise_derivative);
