@@ -57,12 +57,11 @@ template <class Traits> class Allocation : public testing::Test {};
 TYPED_TEST_SUITE(Allocation, Kinds);
 
 TYPED_TEST(Allocation, ThatFailsLeavesAllAsItWas) {
-    using Traits = TypeParam;
-    using Channel = DataChannel<Traits, float>;
-    auto const tree = Quern::makePtr<Container<Traits>>(1.0f);
-    tree->addTile(5, 5, 5, Traits::kMaxDepth);
-    VoxelTopology<Traits> const topology(tree);
-    Channel channel("", nullptr, 0, true, true, 0, Traits::kMaxDepth);
+    using Channel = DataChannel<TypeParam, float>;
+    auto const tree = Quern::makePtr<Container<TypeParam>>(1.0f);
+    tree->addTile(5, 5, 5, TypeParam::kMaxDepth);
+    VoxelTopology<TypeParam> const topology(tree);
+    Channel channel("", nullptr, 0, true, true, 0, TypeParam::kMaxDepth);
     channel.update(topology);
     *channel.samples({0, 3}) = 5;
     auto const state = [&] {
@@ -76,23 +75,23 @@ TYPED_TEST(Allocation, ThatFailsLeavesAllAsItWas) {
     };
     auto before = state();
     auto const unchanged = [&] { ASSERT_EQ(state(), before); };
-    EXPECT_GT(failEach([&] { Container<Traits> const copy(*tree); }, unchanged), 3);
+    EXPECT_GT(failEach([&] { Container<TypeParam> const copy(*tree); }, unchanged), 3);
     EXPECT_GT(failEach([&] { Channel const copy(channel); }, unchanged), 0);
     // As refineTree does it; the task scheduler itself does not survive a failure.
     auto const refine = [&] {
-        Internal::Rollback<Traits> rollback(*tree);
+        Internal::Rollback<TypeParam> rollback(*tree);
         for (int d = 0; d < 3; ++d)
             for (long long i = 0; i < tree->tileCount(d); ++i)
-                for (int y = 0; y < Traits::kBranch; ++y) tree->addChild({i, d}, {0, y, 1});
+                for (int y = 0; y < TypeParam::kBranch; ++y) tree->addChild({i, d}, {0, y, 1});
         rollback.keep();
     };
     EXPECT_GT(failEach(refine, unchanged), 1);
     before = state();
     EXPECT_GT(failEach([&] { channel.update(topology); }, unchanged), 0);
     EXPECT_EQ(*channel.samples({0, 3}), 5);
-    Container<Traits> fresh(1);
+    Container<TypeParam> fresh(1);
     auto const empty = [&] { ASSERT_FALSE(fresh.tileAccessor().tile(0, 0, 0, 99).exists()); };
-    EXPECT_GT(failEach([&] { fresh.addTile(-5, 5, 5, Traits::kMaxDepth); }, empty), 4);
+    EXPECT_GT(failEach([&] { fresh.addTile(-5, 5, 5, TypeParam::kMaxDepth); }, empty), 4);
 }
 
 TEST(PoolAllocation, ThatFailsKeepsNothing) {

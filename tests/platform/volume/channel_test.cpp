@@ -49,9 +49,8 @@ TYPED_TEST_SUITE(Channels, Kinds);
 using Floats = std::vector<float>;
 
 TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
-    using Traits = TypeParam;
-    constexpr int W = Traits::kSamples;
-    auto channel = makeChannel<Traits>(1, 3);
+    constexpr int W = TypeParam::kSamples;
+    auto channel = makeChannel<TypeParam>(1, 3);
     EXPECT_TRUE(channel.empty() && channel.belongsTo(*this->tree));  // one without samples, to any
     EXPECT_FALSE(channel.tileData({0, 3}));
     channel.update(this->topology);
@@ -67,7 +66,7 @@ TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
     auto data = channel.tileData({1, 3});
     EXPECT_EQ(data(W - 1, W - 1, W - 1), kDefault);
     data(1, 2, 3) = 5;
-    DataChannel<Traits, float> const copy(channel);
+    DataChannel<TypeParam, float> const copy(channel);
     data(1, 2, 3) = 6;
     EXPECT_EQ(copy.tileData({1, 3})(1 + W * (2 + W * 3)), 5);
     unsigned long long used = 0, held = 0;
@@ -76,8 +75,7 @@ TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
 }
 
 TYPED_TEST(Channels, KeepSamplesAsTheTreeGrows) {
-    using Traits = TypeParam;
-    auto channel = this->numbered(0, Traits::kMaxDepth);
+    auto channel = this->numbered(0, TypeParam::kMaxDepth);
     Floats const kept{0, 1, 2, kDefault};
     this->tree->addTile(-this->kWidth, 0, 0, 3);
     EXPECT_FALSE(channel.fits(*this->tree));
@@ -91,21 +89,20 @@ TYPED_TEST(Channels, KeepSamplesAsTheTreeGrows) {
     channel.setMinDepth(2, this->topology);
     EXPECT_EQ(channel.tileCount(5) + channel.tileCount(1), 0);
     EXPECT_EQ(this->firsts(channel), kept);
-    channel.update(VoxelTopology<Traits>(Quern::makePtr<Container<Traits>>(1.0f)));
+    channel.update(VoxelTopology<TypeParam>(Quern::makePtr<Container<TypeParam>>(1.0f)));
     EXPECT_TRUE(channel.empty());
 }
 
 TYPED_TEST(Channels, TellCopiesOfATreeApartOnceTheyGrow) {
-    using Traits = TypeParam;
     auto const old = this->numbered(0, 4);
-    auto const twin = Quern::makePtr<Container<Traits>>(*this->tree);
-    VoxelTopology<Traits> const twins(twin);
+    auto const twin = Quern::makePtr<Container<TypeParam>>(*this->tree);
+    VoxelTopology<TypeParam> const twins(twin);
     EXPECT_TRUE(old.fits(*twin));
     this->tree->addTile(-this->kWidth, 0, 0, 3);
     twin->addTile(0, -this->kWidth, 0, 3);
     auto grown = old, other = old;
     grown.update(this->topology);
-    grown.samples({3, 3})[Traits::kSampleCount - 1] = 3;
+    grown.samples({3, 3})[TypeParam::kSampleCount - 1] = 3;
     other.update(twins);  // the tiles from before the copy are the same ones
     EXPECT_EQ(this->firsts(other), (Floats{0, 1, 2, kDefault}));
     EXPECT_TRUE(other.fits(*twin) && !other.fits(*this->tree));
@@ -117,20 +114,20 @@ TYPED_TEST(Channels, TellCopiesOfATreeApartOnceTheyGrow) {
 }
 
 TYPED_TEST(Channels, LoseTheTilesOfADroppedRefinementAlone) {
-    using Traits = TypeParam;
     auto const old = this->numbered(0, 4);
-    auto const copy = Quern::makePtr<Container<Traits>>(*this->tree);  // not a tree of its own yet
+    auto const copy =
+        Quern::makePtr<Container<TypeParam>>(*this->tree);  // not a tree of its own yet
     for (auto const& tree : {this->tree, copy}) {
-        VoxelTopology<Traits> const topology(tree);
-        std::vector<DataChannel<Traits, float>> channels{old};
+        VoxelTopology<TypeParam> const topology(tree);
+        std::vector<DataChannel<TypeParam, float>> channels{old};
         for (int round = 1; round < 4; ++round) {
             for (int attempt = 0; attempt < 2; ++attempt) {
                 auto channel = channels.front();
-                Internal::Rollback<Traits> const rollback(*tree);
+                Internal::Rollback<TypeParam> const rollback(*tree);
                 for (int i = 0; i <= attempt; ++i)
                     tree->addTile(-this->kWidth * round, i * this->kWidth, 0, 3);
                 channel.update(topology);
-                channel.samples({tree->tileCount(3) - 1, 3})[Traits::kSampleCount - 1] = 100;
+                channel.samples({tree->tileCount(3) - 1, 3})[TypeParam::kSampleCount - 1] = 100;
                 channels.push_back(channel);
             }
             EXPECT_TRUE(old.belongsTo(*tree) && !channels.back().belongsTo(*tree));
@@ -147,7 +144,6 @@ TYPED_TEST(Channels, LoseTheTilesOfADroppedRefinementAlone) {
 }
 
 TYPED_TEST(Channels, RemoveAndPermuteTiles) {
-    using Traits = TypeParam;
     this->tree->addTile(-this->kWidth, 0, 0, 3);
     auto channel = this->numbered(3, 3);
     channel.updateTilesPermuted({{0}, {9, 9}, {}, {3, 0, 1, 2}});  // depth 3 is all it has
@@ -155,10 +151,10 @@ TYPED_TEST(Channels, RemoveAndPermuteTiles) {
     EXPECT_FALSE(channel.fits(*this->tree));
     channel.updateTilesAdded(this->topology);
     EXPECT_TRUE(channel.fits(*this->tree));
-    auto const smaller = Quern::makePtr<Container<Traits>>(1.0f);
+    auto const smaller = Quern::makePtr<Container<TypeParam>>(1.0f);
     smaller->addTile(0, 0, 0, 3);
     smaller->addTile(-this->kWidth, 0, 0, 3);
-    VoxelTopology<Traits> const left(smaller);
+    VoxelTopology<TypeParam> const left(smaller);
     using Ranges = std::vector<std::pair<long long, long long>>;
     for (auto const& bad : {Ranges{{0, 1}}, {{2, 3}, {0, 1}}, {{2, 5}}, {{1, 0}, {0, 3}}})
         EXPECT_THROW(channel.updateTilesRemoved({{}, {}, {}, bad}, left), std::invalid_argument);
@@ -169,9 +165,8 @@ TYPED_TEST(Channels, RemoveAndPermuteTiles) {
 }
 
 TYPED_TEST(Channels, MoveElementsAndWholeDepths) {
-    using Traits = TypeParam;
     auto channel = this->numbered(0, 4);
-    long long const n = Traits::kSampleCount;
+    long long const n = TypeParam::kSampleCount;
     channel.updateElements({{}, {}, {}, {{0, n}, {n, 2 * n}, {2 * n + 1, 0}}});  // all at once
     EXPECT_TRUE(*channel.samples({0, 3}) == 1 && *channel.samples({1, 3}) == 2);
     EXPECT_EQ(channel.samples({2, 3})[1], 0);
@@ -185,29 +180,28 @@ TYPED_TEST(Channels, MoveElementsAndWholeDepths) {
 }
 
 TYPED_TEST(Channels, RefuseWhatDoesNotFit) {
-    using Traits = TypeParam;
-    using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
+    using Other = std::conditional_t<TypeParam::kBranch == 2, QuinaryTraits, BinaryTraits>;
     using Refused = std::invalid_argument;
     VoxelTopology<Other> const other(Quern::makePtr<Container<Other>>(1.0f));
-    VoxelTopology<Traits> const smaller(Quern::makePtr<Container<Traits>>(1.0f));
+    VoxelTopology<TypeParam> const smaller(Quern::makePtr<Container<TypeParam>>(1.0f));
     auto channel = this->numbered(0, 5);
     EXPECT_THROW(channel.update(other), Refused);
     EXPECT_THROW(channel.updateTilesAdded(smaller), Refused);
     for (auto const& bad : {std::vector<long long>{0, 1}, {0, 1, 1}, {0, 1, 3}, {-1, 0, 1}})
         EXPECT_THROW(channel.updateTilesPermuted({{}, {}, {}, bad}), Refused);
-    EXPECT_THROW(channel.updateElements({{}, {}, {}, {{0, 3 * Traits::kSampleCount}}}), Refused);
+    EXPECT_THROW(channel.updateElements({{}, {}, {}, {{0, 3 * TypeParam::kSampleCount}}}), Refused);
     EXPECT_THROW(channel.updateElements({}, {{1}}), Refused);
     EXPECT_THROW(channel.updateElementResize(this->topology), std::logic_error);
     EXPECT_THROW(channel.setChannelData(2, 0.0f, channel.channelData(3, 0.0f)), Refused);
     EXPECT_THROW(channel.channelData(3, 0), Refused);
     EXPECT_THROW(channel.channelData(99, 0.0f), std::out_of_range);
-    for (auto const& [low, high] : {std::pair{-1, 5}, {3, 2}, {0, Traits::kMaxDepth + 1}})
-        EXPECT_THROW(makeChannel<Traits>(low, high), std::out_of_range);
+    for (auto const& [low, high] : {std::pair{-1, 5}, {3, 2}, {0, TypeParam::kMaxDepth + 1}})
+        EXPECT_THROW(makeChannel<TypeParam>(low, high), std::out_of_range);
     EXPECT_EQ(this->firsts(channel), (Floats{0, 1, 2}));
 
-    HaloChannel<Traits, float> halo("", &kDefault, 0, false, true, 0, 5);
+    HaloChannel<TypeParam, float> halo("", &kDefault, 0, false, true, 0, 5);
     auto const compute = [&](int low, int high) {
-        computeHalo<Traits, float, 0, 0, 1, 0>(channel, *this->tree, halo, low, high);
+        computeHalo<TypeParam, float, 0, 0, 1, 0>(channel, *this->tree, halo, low, high);
     };
     EXPECT_THROW(compute(0, 5), Refused);
     halo.update(this->topology);

@@ -4,6 +4,7 @@
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -28,16 +29,16 @@ template <class Traits, class T> struct Volume : RandomVolume<Traits, T> {
         SlowHalo<Traits, T> const slow(tree, channel, type);
         auto const voxel = slow.first(tile);
         int const d = tile.depth();
-        for (int z = first; z <= last; ++z)
-            for (int y = first; y <= last; ++y)
-                for (int x = first; x <= last; ++x) {
-                    T const expected =
-                        d < channel.minDepth()
-                            ? channel.defaultValue()
-                            : slow.sample({voxel[0] + x, voxel[1] + y, voxel[2] + z}, d);
-                    ASSERT_LE(distance(got(x, y, z), expected), 1e-5f)
-                        << "depth " << d << " at " << x << " " << y << " " << z;
-                }
+        int const across = last - first + 1;
+        for (int n = 0; n < across * across * across; ++n) {
+            int const x = first + n % across, y = first + n / across % across,
+                      z = first + n / across / across;
+            T const expected = d < channel.minDepth()
+                                   ? channel.defaultValue()
+                                   : slow.sample({voxel[0] + x, voxel[1] + y, voxel[2] + z}, d);
+            ASSERT_LE(distance(got(x, y, z), expected), 1e-5f)
+                << "depth " << d << " at " << x << " " << y << " " << z;
+        }
     }
 };
 
@@ -46,24 +47,31 @@ TYPED_TEST_SUITE(Halo, Cases);
 
 template <class Traits> constexpr int kDense = Traits::kBranch == 2 ? 5 : 3;
 
-TYPED_TEST(Halo, OfAChannelAndOfATileFollowsTheRule) {
+TYPED_TEST(Halo, OfChannelsAndOfTilesFollowsTheRule) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
-    constexpr int W = Traits::kSamples;
+    constexpr int W = Traits::kSamples, kMost = Traits::kMaxDepth;
     Random random(61);
-    struct Shape {
-        int tiles, deepest, low, high;
+    struct Row {
+        int tiles, deepest, low, high;  // 0 tiles: most have neighbours in all directions
+        int offset;                     // of the halo all round a tile
     };
-    // Deep trees, and shallow ones in which neighbours are many; channels of fewer depths.
-    for (auto const& [tiles, deepest, low, high] :
-         {Shape{60, 3, 0, 9}, Shape{60, 4, 2, 3}, Shape{60, 4, 1, 1},
-          Shape{12, Traits::kMaxDepth, 0, Traits::kMaxDepth},
-          Shape{0, kDense<Traits>, 0, kDense<Traits>}}) {
+    for (auto const& [tiles, deepest, low, high, offset] :
+         {Row{60, 3, 0, 9, 0}, Row{60, 4, 2, 3, 1}, Row{60, 4, 1, 1, 2},
+          Row{12, kMost, 0, kMost, 3}, Row{25, 4, 1, 4, 4},
+          Row{0, kDense<Traits>, 0, kDense<Traits>, 5}, Row{25, 4, 0, 3, 6},
+          Row{0, kDense<Traits>, 0, 9, 7}}) {
         Volume<Traits, T> volume(random, tiles, deepest, low, high);
         volume.compute(volume.halo);
         auto accessor = volume.tree.tileAccessor();
         TileData<T, W + 1, 0, 0> single((W + 1) * (W + 1) * (W + 1)), parent, none;
-        volume.forTiles([&](TileOf<Traits> const& tile) {
+        TileData<T, W + 1, 1, 0> round((W + 3) * (W + 3) * (W + 3)), scaled(round);
+        auto const setRound = [&, to = offset](TreeIndex const& at, auto& out, T shift,
+                                               float scale) {
+            setHaloTile<Traits, T, 0, 1, 0, 1>(at, volume.channel, 4, 15, accessor, out, shift,
+                                               scale, to);
+        };
+        volume.forTiles([&, to = offset](TileOf<Traits> const& tile) {
             auto const halo = volume.halo.tileData(tile.treeIndex());
             ASSERT_NO_FATAL_FAILURE(volume.expect(tile, halo, 0, W, 7));
             // One tile at a time, the same bits.
@@ -75,53 +83,15 @@ TYPED_TEST(Halo, OfAChannelAndOfATileFollowsTheRule) {
             ASSERT_EQ(
                 std::memcmp(single.data(), halo.data(), sizeof(T) * (W + 1) * (W + 1) * (W + 1)),
                 0);
-        });
-        RandomVolume<Traits, T> const other(random, 5, 2, 0, 2);
-        auto const refused = [&](auto const& channel, int mode, auto& out) {
-            EXPECT_THROW((setHaloTile<Traits, T, 0, 0, 1, 0>(volume.tree.tile(0, 0), nullptr,
-                                                             channel, none, mode, accessor, out)),
-                         std::invalid_argument);
-        };
-        refused(other.channel, 2, single), refused(volume.channel, 4, single),
-            refused(volume.channel, 2, none);
-    }
-}
-
-TYPED_TEST(Halo, AllRoundFollowsTheRuleForEveryOffset) {
-    using Traits = typename TypeParam::Traits;
-    using T = typename TypeParam::Value;
-    constexpr int W = Traits::kSamples;
-    Random random(62);
-    for (int type = 0; type < 9; ++type) {
-        bool const dense = type >= 7;  // with neighbours of all kinds in all directions
-        int const offset = type == 8 ? 5 : type;
-        Volume<Traits, T> volume(random, dense ? 0 : 25, dense ? kDense<Traits> : 4,
-                                 dense ? 0 : type % 3, dense ? 9 : 4 - type % 2);
-        auto accessor = volume.tree.tileAccessor();
-        TileData<T, W + 1, 1, 0> halo((W + 3) * (W + 3) * (W + 3)), scaled(halo), none;
-        auto const set = [&](TreeIndex const& at, auto const& channel, auto& out, T shift = T(),
-                             float scale = 1, int mode = 4, int haloType = 15, int to = -1) {
-            setHaloTile<Traits, T, 0, 1, 0, 1>(at, channel, mode, haloType, accessor, out, shift,
-                                               scale, to < 0 ? offset : to);
-        };
-        volume.forTiles([&](TileOf<Traits> const& tile) {
             if (tile.treeIndex().tile % 3 != 0) return;
-            set(tile.treeIndex(), volume.channel, halo);
-            ASSERT_NO_FATAL_FAILURE(volume.expect(tile, halo, -1, W + 1, offset));
+            setRound(tile.treeIndex(), round, T(), 1);
+            ASSERT_NO_FATAL_FAILURE(volume.expect(tile, round, -1, W + 1, to));
             T const shift = number<T>(random);
-            set(tile.treeIndex(), volume.channel, scaled, shift, 2);
-            ASSERT_EQ(scaled(-1, 0, W + 1), shift + halo(-1, 0, W + 1) * 2.0f);
+            setRound(tile.treeIndex(), scaled, shift, 2);
+            ASSERT_EQ(scaled(-1, 0, W + 1), shift + round(-1, 0, W + 1) * 2.0f);
         });
-        set(TreeIndex(), volume.channel, halo);
-        EXPECT_EQ(halo(0, 0, 0), volume.defaultValue);
-        RandomVolume<Traits, T> const other(random, 5, 2, 0, 2);
-        using Refused = std::invalid_argument;
-        TreeIndex const root{0, 0};
-        EXPECT_THROW(set(root, volume.channel, halo, T(), 1, 2), Refused);
-        EXPECT_THROW(set(root, volume.channel, halo, T(), 1, 4, 7), Refused);
-        EXPECT_THROW(set(root, volume.channel, halo, T(), 1, 4, 15, 8), Refused);
-        EXPECT_THROW(set(root, volume.channel, none), Refused);
-        EXPECT_THROW(set(root, other.channel, halo), Refused);
+        setRound(TreeIndex(), round, T(), 1);
+        EXPECT_EQ(round(0, 0, 0), volume.defaultValue);
     }
 }
 
@@ -129,21 +99,20 @@ template <class Traits> class HaloOf : public testing::Test {};
 TYPED_TEST_SUITE(HaloOf, Kinds);
 
 TYPED_TEST(HaloOf, DependsOnNeitherThreadsNorDepthsNorWhatWasThere) {
-    using Traits = TypeParam;
     Random random(63);
-    Volume<Traits, float> volume(random, 80, 5, 1, 5);
+    Volume<TypeParam, float> volume(random, 80, 5, 1, 5);
     volume.compute(volume.halo);
     float const nan = std::numeric_limits<float>::quiet_NaN();
     for (int const low : {0, 1, 2, 3, 5})
         for (bool const few : {false, true}) {
-            HaloChannel<Traits, float> halo("", &nan, 0, false, true, few ? low : 0, 5);
+            HaloChannel<TypeParam, float> halo("", &nan, 0, false, true, few ? low : 0, 5);
             halo.update(volume.topology);
             tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
                                               low == 3 ? 1 : 4);
             volume.compute(halo, few ? 0 : low, 5);
-            volume.forTiles([&](TileOf<Traits> const& tile) {
+            volume.forTiles([&](TileOf<TypeParam> const& tile) {
                 auto const* const got = halo.samples(tile.treeIndex());
-                constexpr int kCount = HaloChannel<Traits, float>::Layout::kCount;
+                constexpr int kCount = HaloChannel<TypeParam, float>::Layout::kCount;
                 if (tile.depth() < low) {
                     ASSERT_TRUE(few || std::isnan(*got));
                 } else {
@@ -158,23 +127,42 @@ TYPED_TEST(HaloOf, DependsOnNeitherThreadsNorDepthsNorWhatWasThere) {
 TYPED_TEST(HaloOf, StaysFiniteBetweenTheLargestSamples) {
     Random random(65);
     RandomVolume<TypeParam, float> volume(random, 40, 4, 0, 4);
-    for (int d = 0; d <= 4; ++d)
-        for (long long n = 0; n < volume.channel.elementCount(d); ++n)
-            volume.channel.samples({0, d})[n] = random(0, 1) == 1 ? 3e38f : -3e38f;
+    auto const forAll = [](auto& channel, auto const& f) {
+        for (int d = 0; d <= 4; ++d)
+            std::for_each_n(channel.samples({0, d}), channel.elementCount(d), f);
+    };
+    forAll(volume.channel, [&](float& f) { f = random(0, 1) == 1 ? 3e38f : -3e38f; });
     volume.compute(volume.halo);
-    for (int d = 0; d <= 4; ++d)
-        for (long long i = 0; i < volume.halo.elementCount(d); ++i)
-            ASSERT_LE(std::abs(volume.halo.samples({0, d})[i]), 3.0001e38f);
-
-    // Infinite ones are their own mean.
+    forAll(volume.halo, [](float f) { ASSERT_LE(std::abs(f), 3.0001e38f); });
+    // Infinite samples are their own mean.
     for (float const all : {INFINITY, -INFINITY}) {
         DataChannel<TypeParam, float> channel("", &all, 0, false, true, 0, 4);
         channel.update(volume.topology);
         computeHalo<TypeParam, float, 0, 0, 1, 0>(channel, volume.tree, volume.halo, 0, 4);
-        for (int d = 0; d <= 4; ++d)
-            for (long long i = 0; i < volume.halo.elementCount(d); ++i)
-                ASSERT_EQ(volume.halo.samples({0, d})[i], all);
+        forAll(volume.halo, [&](float f) { ASSERT_EQ(f, all); });
     }
+}
+
+TEST(HaloTile, RefusesWhatDoesNotFit) {
+    Random random(64);
+    RandomVolume<BinaryTraits, float> const volume(random, 5, 2, 0, 2), other(random, 5, 2, 0, 2);
+    TileData<float, 5, 0, 0> high(125), none;
+    TileData<float, 5, 1, 0> round(343);
+    auto accessor = volume.tree.tileAccessor();
+    auto const setHigh = [&](auto const& channel, int mode, auto& out) {
+        setHaloTile<BinaryTraits, float, 0, 0, 1, 0>(volume.tree.tile(0, 0), nullptr, channel, none,
+                                                     mode, accessor, out);
+    };
+    auto const setRound = [&](int mode, int haloType, int offset) {
+        setHaloTile<BinaryTraits, float, 0, 1, 0, 1>(TreeIndex{0, 0}, volume.channel, mode,
+                                                     haloType, accessor, round, 0, 1, offset);
+    };
+    EXPECT_THROW(setHigh(other.channel, 2, high), std::invalid_argument);
+    EXPECT_THROW(setHigh(volume.channel, 4, high), std::invalid_argument);
+    EXPECT_THROW(setHigh(volume.channel, 2, none), std::invalid_argument);
+    EXPECT_THROW(setRound(2, 15, 7), std::invalid_argument);
+    EXPECT_THROW(setRound(4, 7, 7), std::invalid_argument);
+    EXPECT_THROW(setRound(4, 15, 8), std::invalid_argument);
 }
 
 thread_local bool insideHalo = false;
