@@ -55,10 +55,6 @@ void expectEqual(Tree const& tree, Quern::Array<float3> const& positions, int th
     tbb::task_arena(threads).execute([&] { expectEqual(tree, positions); });
 }
 
-ScalarField const& field(ScalarPtr const& node) {
-    return *node;
-}
-
 /// Enough for one thread to evaluate the tree by fused nodes, and no multiple of a block.
 Quern::Array<float3> const& manyPositions() {
     static auto const positions = somePositions(5001);
@@ -66,24 +62,31 @@ Quern::Array<float3> const& manyPositions() {
 }
 
 template <class Interface>
-void expectValues(Quern::Ptr<Interface> const& tree, Quern::Array<float3> const& positions) {
-    auto const values = static_cast<Interface const&>(*tree).eval(positions);
+void expectValues(Interface const& tree, Quern::Array<float3> const& positions) {
+    auto const values = tree.eval(positions);
     for (long long i = 0; i < positions.size(); ++i)
-        ASSERT_TRUE(same((*values)[i], tree->eval(positions[i], i))) << i;
+        ASSERT_TRUE(same((*values)[i], tree.eval(positions[i], i))) << i;
 }
 
-ScalarPtr x() {
-    return makePtr<ScalarFieldXPosition>();
-}
-ScalarPtr y() {
-    return makePtr<ScalarFieldYPosition>();
-}
-ScalarPtr z() {
-    return makePtr<ScalarFieldZPosition>();
-}
-ScalarPtr constant(float value) {
-    return makePtr<ScalarFieldConstant>(value);
-}
+/// Makes nodes of a class.
+template <class Node, class Interface = ScalarField>
+constexpr auto make =
+    [](auto... arguments) { return Quern::Ptr<Interface>(makePtr<Node>(std::move(arguments)...)); };
+constexpr auto x = make<ScalarFieldXPosition>;
+constexpr auto y = make<ScalarFieldYPosition>;
+constexpr auto z = make<ScalarFieldZPosition>;
+constexpr auto constant = [](float value) { return make<ScalarFieldConstant>(value); };
+constexpr auto add = make<ScalarFieldAdd>;
+constexpr auto subtract = make<ScalarFieldSubtract>;
+constexpr auto multiply = make<ScalarFieldMultiply>;
+constexpr auto negative = make<ScalarFieldNegative>;
+constexpr auto absolute = make<ScalarFieldAbsolute>;
+constexpr auto sine = make<ScalarFieldSine>;
+constexpr auto lesser = make<ScalarFieldMin>;
+constexpr auto greater = make<ScalarFieldMax>;
+constexpr auto choose = make<ScalarFieldSwitch>;
+constexpr auto warp = make<ScalarFieldWarp>;
+constexpr auto vector = make<VectorFieldFromComponents, VectorField>;
 
 TEST(Block, EqualsPointsToTheBit) {
     constexpr long long kCounts[] = {0, 1, 2, 3, 63, 64, 65, 127, 128, 129, 255, 256, 257, 1000};
@@ -113,18 +116,16 @@ TEST(Block, WorksOutNodesTogetherAsPointsDo) {
 }
 
 TEST(Block, FollowsPositionsThatMoveAlongOneAxis) {
-    ScalarPtr const shared = makePtr<ScalarFieldAdd>(
-        makePtr<ScalarFieldSphere>(float3{0, 0.1F, 0}, 1.0F), makePtr<ScalarFieldAbsolute>(y()));
+    ScalarPtr const shared =
+        add(makePtr<ScalarFieldSphere>(float3{0, 0.1F, 0}, 1.0F), absolute(y()));
     for (unsigned axis = 0; axis < 3; ++axis) {
         auto const moved = [&](ScalarPtr const& there) {
             std::array<ScalarPtr, 3> at{x(), y(), z()};
             at[axis] = there;
-            return makePtr<ScalarFieldWarp>(
-                shared, makePtr<VectorFieldFromComponents>(at[0], at[1], at[2]));
+            return warp(shared, vector(at[0], at[1], at[2]));
         };
         ScalarPtr const other = axis == 2 ? x() : z();
-        expectEqual(*makePtr<ScalarFieldAdd>(moved(makePtr<ScalarFieldSine>(other)), moved(other)),
-                    manyPositions(), 1);
+        expectEqual(*add(moved(sine(other)), moved(other)), manyPositions(), 1);
     }
 }
 
@@ -139,32 +140,25 @@ TEST_F(Fusion, KeepsMoreConstantsThanItRemembers) {
     auto const sum = [](int first) {
         ScalarPtr all = y();
         for (int i = 0; i < 30; ++i)
-            all = makePtr<ScalarFieldMax>(
-                std::move(all),
-                makePtr<ScalarFieldMultiply>(constant(static_cast<float>(first + i)), z()));
+            all = greater(std::move(all), multiply(constant(static_cast<float>(first + i)), z()));
         return all;
     };
     // Which constants a range meets first depends on where it is.
     ScalarPtr tree = sum(0);
     for (int k = 1; k < 5; ++k)
-        tree = makePtr<ScalarFieldSwitch>(
-            makePtr<ScalarFieldSubtract>(x(), constant(0.5F * static_cast<float>(k))),
-            sum(k % 2 ? 30 * k : -30 * k), tree);
+        tree = choose(subtract(x(), constant(0.5F * static_cast<float>(k))),
+                      sum(k % 2 ? 30 * k : -30 * k), tree);
     Quern::Array<float3> positions = somePositions(100003);
     for (long long i = 0; i < positions.size(); ++i)
         positions[i].x = static_cast<float>(i / 1000 * 7 % 6) / 2;
-    expectValues(tree, positions);
+    expectValues(*tree, positions);
 }
 
 TEST_F(Fusion, IsOfOneBatchAndTreeAlone) {
     for (int round = 0; round < 3; ++round) {
         // The second tree takes the memory that the first one frees.
-        expectValues<ScalarField>(makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(x(), y()), x()),
-                                  manyPositions());
-        expectValues<VectorField>(
-            makePtr<VectorFieldFromComponents>(
-                makePtr<ScalarFieldAdd>(makePtr<ScalarFieldAdd>(y(), y()), y()), x(), x()),
-            manyPositions());
+        expectValues(*add(add(x(), y()), x()), manyPositions());
+        expectValues(*vector(add(add(y(), y()), y()), x(), x()), manyPositions());
     }
 }
 
@@ -210,9 +204,9 @@ TEST_F(Fusion, MayBeAskedByItsOwnChild) {
             atMoved(block, -1,
                     [&](Block& there) { mapBlock(there, out, kPass, there.values(*node.parent)); });
         });
-    ScalarPtr const tree = makePtr<ScalarFieldAdd>(makePtr<ScalarFieldMultiply>(x(), x()), again);
+    ScalarPtr const tree = add(multiply(x(), x()), again);
     again->parent = tree.get();
-    expectValues(tree, Quern::Array<float3>(manyPositions().size(), float3{3.5F, 2, 1}));
+    expectValues(*tree, Quern::Array<float3>(manyPositions().size(), float3{3.5F, 2, 1}));
 }
 
 /// Counts its calls by element, and notes whether they come in rising order.
@@ -229,21 +223,18 @@ struct Counted : OwnScalar {
 
 TEST_F(BlockCalls, AskALeafNoMoreOftenThanItsTreeNeeds) {
     auto const leaf = makePtr<Counted>();
-    ScalarPtr shared = makePtr<ScalarFieldNegative>(leaf);
+    ScalarPtr shared = negative(leaf);
     ScalarPtr deep = shared;
     for (int i = 0; i < 40; ++i) {
-        deep = makePtr<ScalarFieldAdd>(deep, deep);
+        deep = add(deep, deep);
         // Each child of a switch adds the positions at which the block lacks its values.
-        if (i % 4 == 0)
-            deep = makePtr<ScalarFieldSwitch>(deep, deep, makePtr<ScalarFieldMin>(deep, deep));
-        if (i % 4 == 1)
-            deep =
-                makePtr<ScalarFieldAdd>(makePtr<ScalarFieldSwitch>(x(), deep, constant(1)), deep);
-        if (i % 4 == 2) deep = makePtr<ScalarFieldMultiply>(deep, constant(0.1F));
+        if (i % 4 == 0) deep = choose(deep, deep, lesser(deep, deep));
+        if (i % 4 == 1) deep = add(choose(x(), deep, constant(1)), deep);
+        if (i % 4 == 2) deep = multiply(deep, constant(0.1F));
     }
     ScalarPtr const moved = makePtr<ScalarFieldTranslate>(leaf, float3{1, 2, 3}), one = x();
-    VectorPtr const warp = makePtr<VectorFieldFromComponents>(x(), leaf, y());
-    shared = makePtr<ScalarFieldNegative>(makePtr<ScalarFieldAbsolute>(leaf));
+    VectorPtr const moves = vector(x(), leaf, y());
+    shared = negative(absolute(leaf));
     auto const user = makePtr<UserNode>(
         shared, y(), [](UserNode const& node, float3 const& p) { return node.a->eval(p, 0); },
         [](UserNode const& node, Block& block, BlockResult<float>& out) {
@@ -263,23 +254,17 @@ TEST_F(BlockCalls, AskALeafNoMoreOftenThanItsTreeNeeds) {
     for (auto const& [name, tree, forValues, forGradients, inRisingOrder] :
          std::initializer_list<Row>{
              {"shared node", deep, once, once, false},
-             {"shared transform over a user's leaf", makePtr<ScalarFieldAdd>(moved, moved), once,
-              never},
-             {"user's leaf with two parents", makePtr<ScalarFieldAdd>(leaf, leaf), twice, never,
-              false},
+             {"shared transform over a user's leaf", add(moved, moved), once, never},
+             {"user's leaf with two parents", add(leaf, leaf), twice, never, false},
              {"node shared by a fused parent and a user's",
-              makePtr<ScalarFieldAdd>(makePtr<ScalarFieldMultiply>(std::move(shared), x()), user),
-              once, nullptr},
-             {"first choice", makePtr<ScalarFieldSwitch>(x(), leaf, y()),
+              add(multiply(std::move(shared), x()), user), once, nullptr},
+             {"first choice", choose(x(), leaf, y()),
               [](float3 const& p) { return p.x > 0 ? 1 : 0; }, never},
-             {"second choice", makePtr<ScalarFieldSwitch>(x(), y(), leaf),
+             {"second choice", choose(x(), y(), leaf),
               [](float3 const& p) { return p.x > 0 ? 0 : 1; }, never},
-             {"lesser child, through a warp",
-              makePtr<ScalarFieldMin>(makePtr<ScalarFieldWarp>(x(), warp), y()), once, ifLess},
-             {"lesser child, through a switch",
-              makePtr<ScalarFieldMin>(
-                  makePtr<ScalarFieldSwitch>(makePtr<ScalarFieldAdd>(leaf, y()), one, one), y()),
-              once, ifLess}})
+             {"lesser child, through a warp", lesser(warp(x(), moves), y()), once, ifLess},
+             {"lesser child, through a switch", lesser(choose(add(leaf, y()), one, one), y()), once,
+              ifLess}})
         for (bool const gradients : {false, true}) {
             SCOPED_TRACE(std::string(name) + (gradients ? ", gradients" : ", values"));
             Times const times = gradients ? forGradients : forValues;
@@ -288,7 +273,7 @@ TEST_F(BlockCalls, AskALeafNoMoreOftenThanItsTreeNeeds) {
             if (gradients)
                 Core::Fields::grad(*tree, manyPositions());
             else
-                field(tree).eval(manyPositions());
+                tree->eval(manyPositions());
             for (long long i = 0; i < manyPositions().size(); ++i)
                 ASSERT_LE(leaf->counts[i], times(manyPositions()[i])) << i;
             EXPECT_TRUE(leaf->rising || gradients || !inRisingOrder);
@@ -301,25 +286,19 @@ TEST_F(BlockCalls, OfTwoChildrenThatThrowTheFirstIsHeard) {
             return i == manyPositions().size() - 1 ? throw std::runtime_error(what) : p.x;
         });
     };
-    ScalarPtr const tree =
-        makePtr<ScalarFieldSubtract>(makePtr<ScalarFieldAbsolute>(throwing("first")),
-                                     makePtr<ScalarFieldNegative>(throwing("second")));
-    expectRefused<std::runtime_error>([&] { field(tree).eval(manyPositions()); }, "first");
+    ScalarPtr const tree = subtract(absolute(throwing("first")), negative(throwing("second")));
+    expectRefused<std::runtime_error>([&] { tree->eval(manyPositions()); }, "first");
 }
 
 TEST_F(BlockCalls, RetirePointsThatHaveCome) {
     // The transform leaves a position alone, or moves it on by 0.5 each time.
     std::map<long long, int> counts;
-    VectorPtr const tree =
-        makePtr<VectorFieldIteratedNearPointTransform>(makePtr<FunctionField>(
-                                                           [&](float3 const& p, long long i) {
-                                                               ++counts[i];
-                                                               return p.x > 0 ? 0.0F : 0.5F;
-                                                           },
-                                                           [](float3 const&, long long) {
-                                                               return float3{1, 0, 0};
-                                                           }),
-                                                       0.1F, 5);
+    auto const distance = makePtr<FunctionField>([&](float3 const& p, long long i) {
+        ++counts[i];
+        return p.x > 0 ? 0.0F : 0.5F;
+    });
+    distance->gradient = [](float3 const&, long long) { return float3{1, 0, 0}; };
+    VectorPtr const tree = makePtr<VectorFieldIteratedNearPointTransform>(distance, 0.1F, 5);
     auto const positions = somePositions(500);
     expectEqual(*tree, positions);
     counts.clear();
@@ -350,10 +329,10 @@ template <class Node> struct Halved : Node {
 };
 
 TEST(Block, TreatsNodesOfUsersAsPointsDo) {
-    expectEqual(*makePtr<ScalarFieldMax>(makePtr<Guarded>(), constant(0)), somePositions(1000));
+    expectEqual(*greater(makePtr<Guarded>(), constant(0)), somePositions(1000));
 
     // A node that evaluates one child at other positions while the other is under way.
-    ScalarPtr const g = makePtr<ScalarFieldSine>(y());
+    ScalarPtr const g = sine(y());
     ScalarPtr tree = makePtr<UserNode>(
         makePtr<ScalarFieldCosine>(g), g,
         [](UserNode const& node, float3 const& p) {
@@ -366,10 +345,10 @@ TEST(Block, TreatsNodesOfUsersAsPointsDo) {
             });
         });
     for (int i = 0; i < 40; ++i) {  // enough to write over results that were given up
-        ScalarPtr const twice = makePtr<ScalarFieldSine>(x());
-        tree = makePtr<ScalarFieldAdd>(tree, makePtr<ScalarFieldAdd>(twice, twice));
+        ScalarPtr const twice = sine(x());
+        tree = add(tree, add(twice, twice));
     }
-    expectEqual(*makePtr<ScalarFieldMultiply>(tree, g), somePositions(1000));
+    expectEqual(*multiply(tree, g), somePositions(1000));
 
     for (ScalarPtr const& own : std::initializer_list<ScalarPtr>{
              makePtr<Halved<ScalarFieldSwitch>>(x(), y(), z()),
@@ -378,8 +357,7 @@ TEST(Block, TreatsNodesOfUsersAsPointsDo) {
              makePtr<Halved<ScalarFieldRotate>>(x(), float3{1, 2, 3}),
              makePtr<Halved<ScalarFieldSphere>>(float3{}, 1.0F),
              makePtr<Halved<ScalarFieldDivergence>>(makePtr<VectorFieldPosition>())}) {
-        expectEqual(*makePtr<ScalarFieldMin>(makePtr<ScalarFieldAdd>(own, x()), own),
-                    manyPositions());
+        expectEqual(*lesser(add(own, x()), own), manyPositions());
         expectEqual(*own, somePositions(300));
     }
 }
@@ -388,14 +366,14 @@ TEST(BlockDeathTest, RunsWhileTheObjectsOfTheThreadAreDestroyed) {
     struct AtExit {
         ~AtExit() {
             Quern::Array<float3> const at(1, float3{1, 2, 3});
-            if (!same((*field(tree).eval(at))[0], tree->eval(at[0], 0))) std::_Exit(1);
+            if (!same((*tree->eval(at))[0], tree->eval(at[0], 0))) std::_Exit(1);
         }
         ScalarPtr tree = RandomNodes(3).make<ScalarFieldLerp>();
     };
     EXPECT_EXIT(
         {
             static AtExit const last;
-            field(last.tree).eval(somePositions(1));
+            last.tree->eval(somePositions(1));
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
@@ -408,18 +386,17 @@ TEST(Block, SurvivesExceptionsAndBatchesInsideOfIt) {
         if (i == bad) throw std::runtime_error("element");
         if (i % 100 != 0) return p.x;
         Quern::Array<float3> const there(i == 2600 ? 5001 : 5, p);
-        return (*field(inside).eval(there))[4] + (*Core::Fields::grad(*inside, there))[2].x;
+        return (*inside->eval(there))[4] + (*Core::Fields::grad(*inside, there))[2].x;
     });
-    ScalarPtr const shared = makePtr<ScalarFieldNegative>(inner);
+    ScalarPtr const shared = negative(inner);
     ScalarPtr const tree =
-        makePtr<ScalarFieldAdd>(makePtr<ScalarFieldTranslate>(shared, float3{1, 2, 3}),
-                                makePtr<ScalarFieldMultiply>(shared, shared));
+        add(makePtr<ScalarFieldTranslate>(shared, float3{1, 2, 3}), multiply(shared, shared));
     for (int round = 0; round < 3; ++round) {
         bad = 2700 + round;
-        EXPECT_THROW(field(tree).eval(manyPositions()), std::runtime_error);
+        EXPECT_THROW(tree->eval(manyPositions()), std::runtime_error);
         EXPECT_THROW(Core::Fields::grad(*tree, manyPositions()), std::runtime_error);
         bad = -1;
-        expectValues(tree, manyPositions());
+        expectValues(*tree, manyPositions());
     }
 }
 

@@ -106,8 +106,7 @@ struct FunctionField : zel::ScalarField {
     using Value = std::function<float(float3 const&, long long)>;
     using Gradient = std::function<float3(float3 const&, long long)>;
 
-    explicit FunctionField(Value value, Gradient gradient = {})
-        : value(std::move(value)), gradient(std::move(gradient)) {}
+    explicit FunctionField(Value value) : value(std::move(value)) {}
     using ScalarField::eval;
     float eval(float3 const& p, long long i) const override { return value(p, i); }
     float3 grad(float3 const& p, long long i) const override {
