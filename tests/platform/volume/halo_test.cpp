@@ -57,10 +57,9 @@ TYPED_TEST(Halo, OfChannelsAndOfTilesFollowsTheRule) {
         int offset;                     // of the halo all round a tile
     };
     for (auto const& [tiles, deepest, low, high, offset] :
-         {Row{60, 3, 0, 9, 0}, Row{60, 4, 2, 3, 1}, Row{60, 4, 1, 1, 2},
-          Row{12, kMost, 0, kMost, 3}, Row{25, 4, 1, 4, 4},
-          Row{0, kDense<Traits>, 0, kDense<Traits>, 5}, Row{25, 4, 0, 3, 6},
-          Row{0, kDense<Traits>, 0, 9, 7}}) {
+         {Row{60, 3, 0, 9, 0}, Row{60, 4, 2, 3, 1}, Row{20, 4, 1, 1, 2}, Row{25, 4, 0, 4, 3},
+          Row{25, 4, 1, 4, 4}, Row{0, kDense<Traits>, 0, kDense<Traits>, 5}, Row{25, 4, 0, 3, 6},
+          Row{0, kDense<Traits>, 0, 9, 7}, Row{12, kMost, 0, kMost, 7}}) {
         Volume<Traits, T> volume(random, tiles, deepest, low, high);
         volume.compute(volume.halo);
         auto accessor = volume.tree.tileAccessor();
@@ -71,7 +70,7 @@ TYPED_TEST(Halo, OfChannelsAndOfTilesFollowsTheRule) {
             setHaloTile<Traits, T, 0, 1, 0, 1>(at, volume.channel, 4, 15, accessor, out, shift,
                                                scale, to);
         };
-        volume.forTiles([&, to = offset](TileOf<Traits> const& tile) {
+        volume.forTiles([&, to = offset, isDeep = deepest == kMost](TileOf<Traits> const& tile) {
             auto const halo = volume.halo.tileData(tile.treeIndex());
             ASSERT_NO_FATAL_FAILURE(volume.expect(tile, halo, 0, W, 7));
             // One tile at a time, the same bits.
@@ -83,7 +82,8 @@ TYPED_TEST(Halo, OfChannelsAndOfTilesFollowsTheRule) {
             ASSERT_EQ(
                 std::memcmp(single.data(), halo.data(), sizeof(T) * (W + 1) * (W + 1) * (W + 1)),
                 0);
-            if (tile.treeIndex().tile % 3 != 0) return;
+            // The slow reference visits 8 samples a depth for a place beyond the parent.
+            if (isDeep || tile.treeIndex().tile % 3 != 0) return;
             setRound(tile.treeIndex(), round, T(), 1);
             ASSERT_NO_FATAL_FAILURE(volume.expect(tile, round, -1, W + 1, to));
             T const shift = number<T>(random);
