@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "support/make.h"
 #include "support/probe.h"
 #include "zel/volume/volume_reader.h"
 #include "zel/zel.h"
@@ -17,6 +18,7 @@ namespace volumes {
 using namespace ORV::TileTree3D;
 using Quern::makePtr;
 using Quern::Ptr;
+using support::make;
 using support::same;
 using zel::SamplerType;
 
@@ -27,25 +29,16 @@ inline constexpr float3 kSlope{2, -3, 0.5F};
 /// Linear functions of the position, which every sampler reproduces, and curved ones.
 template <class T> T plane(float3 const& p) {
     float const v = 1 + 2 * p.x - 3 * p.y + 0.5F * p.z;
-    if constexpr (std::is_same_v<T, float>)
-        return v;
-    else
-        return {v, -2 * v, p.z};
+    return make<T>(v, -2 * v, p.z);
 }
 template <class T> T waves(float3 const& p) {
     float const v = std::sin(7 * p.x) + std::cos(5 * p.y) * p.z;
-    if constexpr (std::is_same_v<T, float>)
-        return v;
-    else
-        return {v, std::sin(9 * p.z) + p.y, 1 - v};
+    return make<T>(v, std::sin(9 * p.z) + p.y, 1 - v);
 }
 
 /// What is read outside the tree.
 template <class T> T outside() {
-    if constexpr (std::is_same_v<T, float>)
-        return -7;
-    else
-        return {-7, 8, -9};
+    return make<T>(-7, 8, -9);
 }
 
 /// A tree from -0.5 to 0.5 along each axis: even, and finer where all coordinates are positive.
