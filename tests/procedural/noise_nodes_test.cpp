@@ -71,18 +71,15 @@ VectorFieldFractalTurbulence turbulence(ScalarPtr time, float octaves, bool smoo
 }
 
 TEST(FractalTurbulence, AddsOctavesInSinglePrecision) {
-    auto const sum = [](auto const& noise) {
-        return (8 * noise(2 * kAt, 0.375F, 7) + 2 * noise(4 * kAt, 1.5F, 7)) +
-               0.25F * noise(8 * kAt, 6, 7);
-    };
-    auto const plain = [](float3 const& p, float t, std::uint32_t seed) {
-        return Orvane::Math::curl_noise(p, t, seed);
-    };
-    auto const smooth = [](float3 const& p, float t, std::uint32_t seed) {
-        return Orvane::Math::smooth_curl_noise(p, t, seed);
-    };
-    EXPECT_TRUE(same(turbulence(s(0.375F), 2.5F, false).eval(kAt, kIndex), sum(plain)));
-    EXPECT_TRUE(same(turbulence(s(0.375F), 2.5F, true).eval(kAt, kIndex), sum(smooth)));
+    for (bool const smooth : {false, true}) {
+        auto const noise = [&](float3 const& p, float t) {
+            return smooth ? Orvane::Math::smooth_curl_noise(p, t, 7)
+                          : Orvane::Math::curl_noise(p, t, 7);
+        };
+        float3 const sum =
+            (8 * noise(2 * kAt, 0.375F) + 2 * noise(4 * kAt, 1.5F)) + 0.25F * noise(8 * kAt, 6);
+        EXPECT_TRUE(same(turbulence(s(0.375F), 2.5F, smooth).eval(kAt, kIndex), sum));
+    }
     auto const expectNone = [](VectorFieldFractalTurbulence const& node) {
         EXPECT_TRUE(same(node.eval({kNaN, 0, 0}, kIndex), float3{}));
     };

