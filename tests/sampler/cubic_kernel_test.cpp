@@ -3,7 +3,7 @@
 #include <cmath>
 #include <vector>
 
-#include "platform/volume/trees.h"
+#include "sampler/places.h"
 #include "support/probe.h"
 #include "zel/sampler/cubic/kernels.h"
 
@@ -14,6 +14,7 @@ using namespace ORV::TileTree3D::Internal;
 using support::kInf;
 using support::kNaN;
 using support::same;
+using trees::lagrange;
 
 constexpr int kTypes[] = {kQuadraticC0Averaged, kCubicC0, kCubicC1, kCubicC1Monotonic};
 
@@ -36,13 +37,6 @@ float value(int type, Row const& row, bool atJump, bool clamp = false) {
     return interpolateValues1D(type, clamp, row.f, row.x, row.at, atJump);
 }
 
-/// The polynomial through points `first` to `last`, by Neville's scheme.
-double neville(Row const& row, int first, int last) {
-    if (first == last) return row.f[first];
-    double const x = row.at, a = row.x[first], b = row.x[last];
-    return ((x - b) * neville(row, first, last - 1) - (x - a) * neville(row, first + 1, last)) /
-           (a - b);
-}
 /// The slope at point i of the parabola through it and its two neighbours.
 double slope(Row const& row, int i) {
     double const h = row.x[i] - row.x[i - 1], g = row.x[i + 1] - row.x[i];
@@ -62,9 +56,11 @@ double expected(int type, Row const& row) {
     auto const limited = [&](double m) { return m * rise > 0 ? m : 0; };
     switch (type) {
     case kQuadraticC0Averaged:
-        return (neville(row, 0, 2) + neville(row, 1, 3)) / 2;
+        return (lagrange({row.x, row.x + 3}, {row.f, row.f + 3}, row.at) +
+                lagrange({row.x + 1, row.x + 4}, {row.f + 1, row.f + 4}, row.at)) /
+               2;
     case kCubicC0:
-        return neville(row, 0, 3);
+        return lagrange({row.x, row.x + 4}, {row.f, row.f + 4}, row.at);
     case kCubicC1:
         return hermite(row, m1, m2);
     default:

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <limits>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "sampler/cubic_volume.h"
 #include "zel/sampler/cubic/adaptive/sample.h"
@@ -8,6 +10,8 @@
 namespace {
 
 using namespace cubic;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 
 /// Two tiles of the deepest depth beside one another, and those above, with ones; in the two tiles
 /// one voxel has another value.
@@ -20,22 +24,14 @@ template <class T = float3> TestVolume<BinaryTraits, T> withOdd(int3 const& voxe
     return volume;
 }
 
-/// The lines of a list that is divided by '|'.
-std::vector<std::string> split(std::string const& list) {
-    std::vector<std::string> lines;
-    std::istringstream stream(list);
-    for (std::string line; std::getline(stream, line, '|');) lines.push_back(line);
-    return lines;
-}
-
-/// Whether the text has these words in this order.
+/// Whether the text has the words of a list, divided by '|', in this order.
 testing::AssertionResult has(std::string const& text, std::string const& list) {
+    std::istringstream words(list);
     std::size_t at = 0;
-    for (std::string const& word : split(list)) {
+    for (std::string word; std::getline(words, word, '|'); at += word.size()) {
         at = text.find(word, at);
         if (at == std::string::npos)
             return testing::AssertionFailure() << word << " is not in\n" << text;
-        at += word.size();
     }
     return testing::AssertionSuccess();
 }
@@ -52,12 +48,13 @@ TEST(Report, OfNaNOnceWithItsLines) {
                    other = withOdd({1, 1, 1}, {1, 1, kNaN});
         auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
         auto again = other.sampler(kCubicC1, true, kJumpAdaptive);
-        StandardOutput const output;
+        CaptureStdout();
         float3 const zero = sampler.sampleVoxel({0, 28}, {1, 1, 1}, {0, 0.25F, 0.5F}, 99, false);
-        std::string const text = output.text();
+        std::string const text = GetCapturedStdout();
+        CaptureStdout();
         // Another place, sampler and volume: nothing more is printed.
         float3 const more = again.sampleVoxel({1, 28}, {1, 1, 1}, {}, 99, false);
-        if (zero != float3() || more != float3() || output.text() != text) std::exit(2);
+        if (zero != float3() || more != float3() || GetCapturedStdout() != "") std::exit(2);
         exitWith(has(text,
                      "VoxelSamplerCubic.nanInfo 'voxelSamplerCubic: output is NAN'\n|"
                      "in_depth = 28\n|in_tijk = {0, 0, 0}\n|llc = {1, 1, 1}\n|"
@@ -86,11 +83,11 @@ TEST(Report, ChecksOnTheWay) {
                                                           .defaultValue = outside,
                                                           .minDepth = 28};
             AdaptiveMemo<float> memo(false);
-            StandardOutput const output;
+            CaptureStdout();
             float const value = adaptiveValue<BinaryTraits, float, CheckTrace>(
                 source, memo, {0, 28}, lijk, frac, 28);
             if (!(std::abs(value - want) < 1e-6F)) std::exit(2);
-            exitWith(has(output.text(), lines));
+            exitWith(has(GetCapturedStdout(), lines));
         };
         EXPECT_EXIT(sample(), testing::ExitedWithCode(0), "");
     };
@@ -115,41 +112,37 @@ TEST(Trace, FollowsASample) {
     tree->addTile(8, 0, 0, 28);
     TestVolume<BinaryTraits, float> volume(tree, 7, 0, 28, 1);
     volume.fill([](double x, double y, double z) { return static_cast<float>(x + y + z); });
-    Channel<BinaryTraits, short, 4, 1, 0> dof("", nullptr, 0, false, true, 0, 28);
-    dof.update(volume.topology);
-    auto flags = dof.tileData(tree->tileAccessor().tile(8, 0, 0, 28).treeIndex());
+    auto flags = volume.flags.tileData(tree->tileAccessor().tile(8, 0, 0, 28).treeIndex());
     for (int n = 0; n < 8; ++n) flags(n & 1, n >> 1 & 1, n >> 2) = 1;
-    auto const traced = [&](int jump, TreeIndex const& tile, int3 const& lijk, float3 const& frac,
+    auto const traced = [&](TreeIndex const& tile, int3 const& lijk, float3 const& frac,
                             std::string const& words) {
-        auto sampler = volume.sampler(kCubicC0, true, jump, &dof);
-        StandardOutput const output;
+        auto sampler = volume.sampler(kCubicC0, true, kJumpAdaptive, &volume.flags);
+        CaptureStdout();
         float const silent = sampler.sampleVoxel(tile, lijk, frac, 99, false);
-        EXPECT_EQ(output.text(), "");
+        EXPECT_EQ(GetCapturedStdout(), "");
+        CaptureStdout();
         EXPECT_EQ(sampler.sampleVoxel(tile, lijk, frac, 99, true), silent);
-        EXPECT_TRUE(has(output.text(), words));
+        EXPECT_TRUE(has(GetCapturedStdout(), words));
     };
     TreeIndex const coarse = tree->tileAccessor().tile(0, 0, 0, 27).treeIndex(),
                     fine = tree->tileAccessor().tile(8, 0, 0, 28).treeIndex();
-    std::string const block =
-        "fetchTiles.begin()\n|in_sizes = {2, 2, 2}\n|in_nzc = {0, 1, 2}\n|in_nzcc = 3\n|"
-        "localTileIndex(0,0,0) = |localTileIndex(1,1,1) = |io_atResolutionJump = 1\n|"
-        "origin = {0, 0, 0}\n|fetchTiles.end()\n|cubic info:\n|atResolutionJump = 1\n|";
-    traced(kJumpTrilinear, coarse, {3, 1, 1}, {0.5F, 0.5F, 0.5F}, block);
-    traced(kJumpAdaptive, coarse, {3, 1, 1}, {0.5F, 0.5F, 0.5F},
-           block +
-               "getValue2D.begin()\n|interpolating along xy-plane at position (7, 3)\n|"
-               "xy-plane-position along orthogonal direction = 2\n|nzcI = 0\n|nzcJ = 1\n|"
-               "getIncrementAndPosition2D.begin() \n in_tijk2 = {|============\ngetTile:\n|"
-               " in_tijk = {| origin = {| originIndex = {| io_lti = {| tile.tijk = {|"
-               " io_foundInCache = | io_inc = 2\n io_pos = 6\ngetIncrementAndPosition2D.end() \n|"
-               "getValue1D.begin()\n|begin interpolating along y-direction at position 3\n|"
-               "y-direction-position along orthogonal direction = (|GETVALUE():\n|in_tijk = {|"
-               "lijk = {|tlijk = {|isLeaf = true \n|getValueAtThisLevel\n| io_tsPos = 2\n|"
-               " io_tsInc = 2\n|end interpolating along y-direction\n|getValue1D.end() = |"
-               "case: neighbor refined\n|getValue2D.end() = ");
-    traced(kJumpAdaptive, coarse, {3, 0, 0}, {0.5F, 0, 0},
+    traced(coarse, {3, 1, 1}, {0.5F, 0.5F, 0.5F},
+           "fetchTiles.begin()\n|in_sizes = {2, 2, 2}\n|in_nzc = {0, 1, 2}\n|in_nzcc = 3\n|"
+           "localTileIndex(0,0,0) = |localTileIndex(1,1,1) = |io_atResolutionJump = 1\n|"
+           "origin = {0, 0, 0}\n|fetchTiles.end()\n|cubic info:\n|atResolutionJump = 1\n|"
+           "getValue2D.begin()\n|interpolating along xy-plane at position (7, 3)\n|"
+           "xy-plane-position along orthogonal direction = 2\n|nzcI = 0\n|nzcJ = 1\n|"
+           "getIncrementAndPosition2D.begin() \n in_tijk2 = {|============\ngetTile:\n|"
+           " in_tijk = {| origin = {| originIndex = {| io_lti = {| tile.tijk = {|"
+           " io_foundInCache = | io_inc = 2\n io_pos = 6\ngetIncrementAndPosition2D.end() \n|"
+           "getValue1D.begin()\n|begin interpolating along y-direction at position 3\n|"
+           "y-direction-position along orthogonal direction = (|GETVALUE():\n|in_tijk = {|"
+           "lijk = {|tlijk = {|isLeaf = true \n|getValueAtThisLevel\n| io_tsPos = 2\n|"
+           " io_tsInc = 2\n|end interpolating along y-direction\n|getValue1D.end() = |"
+           "case: neighbor refined\n|getValue2D.end() = ");
+    traced(coarse, {3, 0, 0}, {0.5F, 0, 0},
            "case: neighbor refined\n|case: dof is valid, branch 2\n|getValueAtThisLevel\n");
-    traced(kJumpAdaptive, fine, {2, 0, 0}, {0.5F, 0, 0},
+    traced(fine, {2, 0, 0}, {0.5F, 0, 0},
            "case: dof is valid, branch 1\n|getCoarserValue.begin()\n|nbFrac1 = {0.5f, 0f, 0f}\n|"
            "nbFrac2 = {0f, 0f, 0f}\n|calling recursively to fetch values\n|"
            "recursively fetched value at: (9, 0, 0)\n|io_tsPos = 8\n|io_tsInc = 2\n|"

@@ -3,10 +3,9 @@
 #include <array>
 #include <cmath>
 #include <functional>
-#include <sstream>
-#include <string>
 
-#include "platform/volume/trees.h"
+#include "sampler/places.h"
+#include "support/make.h"
 #include "support/probe.h"
 #include "zel/sampler/cubic/voxel_sampler_cubic.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
@@ -18,6 +17,7 @@ namespace cubic {
 using namespace trees;
 using support::kInf;
 using support::kNaN;
+using support::make;
 using support::same;
 
 template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, float, float3, 0, 0>;
@@ -25,47 +25,27 @@ template <class Traits, class T> using Sampler = VoxelSamplerCubic<Traits, T, fl
 template <class Traits> constexpr int voxel(int depth) {
     return static_cast<int>(width<Traits>(depth) / Traits::kSamples);
 }
-template <class T> T make(float x, float y, float z) {
-    if constexpr (std::is_same_v<T, float>)
-        return x;
-    else
-        return {x, y, z};
+/// A cube of tiles around a place, `across` along each axis, as far as they lie in the root. With
+/// `gaps` one of ten is missing.
+template <class Traits>
+void addCube(Container<Traits>& tree, int depth, int across, int3 const& centre = {},
+             Random* gaps = nullptr) {
+    long long const w = width<Traits>(depth);
+    for (int n = 0; n < across * across * across; ++n) {
+        if (gaps && (*gaps)(0, 9) == 0) continue;
+        int3 const at = inCube(n, across, -(across / 2));
+        long long const x = centre.x + w * at.x, y = centre.y + w * at.y, z = centre.z + w * at.z;
+        if (inRoot<Traits>(x, y, z))
+            tree.addTile(static_cast<int>(x), static_cast<int>(y), static_cast<int>(z), depth);
+    }
 }
-/// Catches the standard output.
-class StandardOutput {
-public:
-    StandardOutput() : m_before(std::cout.rdbuf(m_text.rdbuf())) {}
-    ~StandardOutput() { std::cout.rdbuf(m_before); }
-    StandardOutput(StandardOutput const&) = delete;
-    StandardOutput& operator=(StandardOutput const&) = delete;
-    std::string text() const { return m_text.str(); }
-
-private:
-    std::ostringstream m_text;
-    std::streambuf* m_before;
-};
-
-/// A cube of whole tiles around the origin, `across` along each axis.
-template <class Traits> void addCube(Container<Traits>& tree, int depth, int across) {
-    int const w = static_cast<int>(width<Traits>(depth));
-    for (int n = 0; n < across * across * across; ++n)
-        tree.addTile(w * (n % across - across / 2), w * (n / across % across - across / 2),
-                     w * (n / across / across - across / 2), depth);
-}
-/// Cubes of about five tiles along each axis, some of which are missing, over one another around
-/// the origin, at a corner of the root and at random places.
+/// Cubes of five tiles along each axis, with gaps, over one another around the origin, at a corner
+/// of the root and at random places.
 template <class Traits>
 Quern::Ptr<Container<Traits>> clusteredTree(Random& random, int shallowest) {
     auto tree = Quern::makePtr<Container<Traits>>(0.25F);
     auto const cluster = [&](int3 const& centre, int depth) {
-        for (int n = 0; n < 125; ++n) {
-            if (random(0, 9) == 0) continue;
-            long long const w = width<Traits>(depth);
-            long long const x = centre.x + w * (n % 5 - 2), y = centre.y + w * (n / 5 % 5 - 2),
-                            z = centre.z + w * (n / 25 - 2);
-            if (inRoot<Traits>(x, y, z))
-                tree->addTile(static_cast<int>(x), static_cast<int>(y), static_cast<int>(z), depth);
-        }
+        addCube<Traits>(*tree, depth, 5, centre, &random);
     };
     int const deepest = Traits::kMaxDepth, low = static_cast<int>(kLow<Traits>);
     for (int depth = deepest - 3; depth <= deepest; ++depth)
@@ -81,8 +61,10 @@ template <class Traits, class T> struct TestVolume {
     TestVolume(Quern::Ptr<Container<Traits>> tree, VoxelOffsetType type, int minDepth, int maxDepth,
                T const& defaultValue)
         : container(tree), topology(tree, type),
-          channel("", &defaultValue, 0, false, true, minDepth, maxDepth) {
+          channel("", &defaultValue, 0, false, true, minDepth, maxDepth),
+          flags("", nullptr, 0, false, true, 0, maxDepth) {
         channel.update(topology);
+        flags.update(topology);
     }
 
     /// Sets each sample to a function of its place, in finest voxels.
@@ -93,12 +75,12 @@ template <class Traits, class T> struct TestVolume {
                 int3 const corner = container->tile(n, depth).tijk();
                 auto data = channel.tileData(TreeIndex{n, depth});
                 double const w = voxel<Traits>(depth);
-                constexpr int kW = Traits::kSamples;
-                for (int l = 0; l < kW * kW * kW; ++l)
-                    data(l % kW, l / kW % kW, l / kW / kW) =
-                        function(corner.x + w * (l % kW + double{o.x}),
-                                 corner.y + w * (l / kW % kW + double{o.y}),
-                                 corner.z + w * (l / kW / kW + double{o.z}));
+                for (int l = 0; l < Traits::kSampleCount; ++l) {
+                    int3 const at = inCube(l, Traits::kSamples);
+                    data(at.x, at.y, at.z) = function(corner.x + w * (at.x + double{o.x}),
+                                                      corner.y + w * (at.y + double{o.y}),
+                                                      corner.z + w * (at.z + double{o.z}));
+                }
             }
     }
     void fillRandomly(Random& random) {
@@ -106,32 +88,16 @@ template <class Traits, class T> struct TestVolume {
     }
 
     Sampler<Traits, T> sampler(int type, bool clamp = false, int jump = kJumpTrilinear,
-                               Channel<Traits, short, Traits::kSamples, 1, 0> const* dof = nullptr,
+                               Internal::DofChannel<Traits> const* dof = nullptr,
                                long long cacheSize = 0) const {
         return {*container, topology, channel, type, clamp, jump, dof, 1, cacheSize};
-    }
-
-    /// A position on the lattice in or just around a random tile, often on a data point along some
-    /// axes.
-    float3 position(Random& random) const {
-        int const depth = random(0, container->depth());
-        auto const& tile =
-            container->tile(random(0, static_cast<int>(container->tileCount(depth)) - 1), depth);
-        float3 p;
-        for (int axis = 0; axis < 3; ++axis) {
-            float const place = random.real(-0.7F, Traits::kSamples + 0.7F);
-            float const steps =
-                random(0, 3) == 0 ? std::floor(place) + topology.offset()[axis] : place;
-            p[axis] = static_cast<float>(tile.tijk()[axis]) +
-                      steps * static_cast<float>(tile.voxelDataWidth());
-        }
-        return p;
     }
 
     /// The next position of a walk: steps within a voxel, to the next ones, and far away.
     float3 step(Random& random, float3 const& last, int n) const {
         auto const near = [&] { return random.real(-2, 2); };
-        float3 p = n % 4 == 0 ? position(random) : last + float3{near(), near(), near()};
+        float3 p =
+            n % 4 == 0 ? somePosition(*container, random) : last + float3{near(), near(), near()};
         if (n % 3 == 0) p.x = std::floor(p.x);
         return p;
     }
@@ -139,6 +105,7 @@ template <class Traits, class T> struct TestVolume {
     Quern::Ptr<Container<Traits>> container;
     VoxelTopology<Traits> topology;
     DataChannel<Traits, T> channel;
+    Internal::DofChannel<Traits> flags;
 };
 
 /// A lattice point without a bound.
@@ -214,17 +181,16 @@ public:
         int level = found.depth();
         for (int next = -1; level != next;) {
             if (next >= 0) level = next;
-            long long const w = voxel<Traits>(level);
-            for (unsigned a = 0; a < 3; ++a) {
-                double const o = m_volume.topology.offset()[static_cast<int>(a)];
-                double const above = static_cast<double>(p[a] - kLow<Traits>) +
-                                     (voxel<Traits>(depth) - static_cast<double>(w)) * o;
-                double const cell = std::floor(above / static_cast<double>(w));
-                corner[a] = kLow<Traits> + w * static_cast<long long>(cell);
-                double const rest = above - cell * static_cast<double>(w);
-                frac[static_cast<int>(a)] = m_volume.topology.offsetType() == 7
-                                                ? static_cast<float>(rest) / static_cast<float>(w)
-                                                : static_cast<float>(rest / static_cast<double>(w));
+            double const w = voxel<Traits>(level);
+            for (unsigned n = 0; n < 3; ++n) {
+                int const a = static_cast<int>(n);
+                double const above = static_cast<double>(p[n] - kLow<Traits>) +
+                                     (voxel<Traits>(depth) - w) * m_volume.topology.offset()[a];
+                double const cell = std::floor(above / w), rest = above - cell * w;
+                corner[n] = kLow<Traits> + static_cast<long long>(cell * w);
+                frac[a] = m_volume.topology.offsetType() == 7
+                              ? static_cast<float>(rest) / static_cast<float>(w)
+                              : static_cast<float>(rest / w);
             }
             next = deepest(corner, level).depth();
             if (next < 0) return channel.defaultValue();
@@ -238,21 +204,17 @@ public:
     }
 
 private:
+    static int3 inInts(Point const& p) {
+        return {static_cast<int>(p[0]), static_cast<int>(p[1]), static_cast<int>(p[2])};
+    }
     TileOf<Traits> const& deepest(Point const& p, int limit) const {
-        auto const* tile = &m_volume.container->tile(0, 0);
-        if (limit < 0 || !inRoot<Traits>(p[0], p[1], p[2])) return Container<Traits>::sentinel();
-        int3 const q{static_cast<int>(p[0]), static_cast<int>(p[1]), static_cast<int>(p[2])};
-        while (tile->depth() < limit && tile->childTreeIndex(tile->childIJK(q)).valid())
-            tile = &m_volume.container->tile(tile->childTreeIndex(tile->childIJK(q)));
-        return *tile;
+        if (!inRoot<Traits>(p[0], p[1], p[2])) return Container<Traits>::sentinel();
+        int3 const q = inInts(p);
+        return m_volume.container->tileAccessor().tile(q.x, q.y, q.z, limit);
     }
     T value(Point const& p, int depth) const {
         auto const& tile = deepest(p, depth);
-        int const w = voxel<Traits>(tile.depth());
-        auto const data = m_volume.channel.tileData(tile.treeIndex());
-        return data(static_cast<int>(p[0] - tile.tijk().x) / w,
-                    static_cast<int>(p[1] - tile.tijk().y) / w,
-                    static_cast<int>(p[2] - tile.tijk().z) / w);
+        return m_volume.channel.tileData(tile.treeIndex())(tile.childDataIJK(inInts(p)));
     }
 
     template <class Function> static T each(Function function, T const& a, T const& b) {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "benchmarks/allocation_count.h"
-#include "platform/volume/trees.h"
+#include "sampler/places.h"
 #include "support/probe.h"
 #include "zel/sampler/linear/ring_fill.h"
 #include "zel/sampler/linear/voxel_sampler_linear.h"
@@ -21,73 +21,122 @@ constexpr int kWorld = 2, kLattice = 0;
 constexpr float kFar[] = {6.2e8F, -6.2e8F, 1.1e9F, 0x1p31F, -0x1p31F, 3e9F,
                           1e38F,  -1e38F,  kInf,   -kInf,   kNaN};
 
-/// A position on the lattice, in and around some tile: anywhere, on a face between voxels or tiles,
-/// or one float to a side of it.
-template <class Traits> float3 somePosition(Container<Traits> const& tree, Random& random) {
-    int const depth = random(0, tree.depth());
-    auto const& tile = tree.tile(random(0, static_cast<int>(tree.tileCount(depth)) - 1), depth);
-    float3 p;
-    for (int axis = 0; axis < 3; ++axis) {
-        float const voxels = random(0, 1) == 0
-                                 ? 0.5F * static_cast<float>(random(-1, 2 * Traits::kSamples + 1))
-                                 : random.real(-0.7F, Traits::kSamples + 0.7F);
-        float const c = static_cast<float>(tile.tijk()[axis]) +
-                        voxels * static_cast<float>(tile.voxelDataWidth());
-        int const side = random(-1, 1);
-        p[axis] = side == 0 ? c : std::nextafter(c, side < 0 ? -INFINITY : INFINITY);
-    }
-    return p;
-}
-
 /// What a position is turned into.
 template <class Traits> struct Place {
     TileOf<Traits> const* tile;
-    std::array<int, 3> lijk;
-    std::array<float, 3> frac;
+    int3 lijk;
+    float3 frac;
 };
 
 template <class Traits>
 std::optional<Place<Traits>> locate(VoxelTopology<Traits> const& topology, float3 const& position,
                                     int depth) {
-    auto const& container = topology.container();
-    std::array<float, 3> v;
-    std::array<long long, 3> point;
+    int3 point;
     for (int axis = 0; axis < 3; ++axis) {
-        auto const a = static_cast<std::size_t>(axis);
-        v[a] = position[axis];
-        if (!(std::fabs(v[a]) < 1e9F)) return {};
-        point[a] = static_cast<long long>(std::floor(double{v[a]}));
+        if (!(std::fabs(position[axis]) < 1e9F)) return {};
+        point[axis] = static_cast<int>(std::floor(position[axis]));
     }
-    for (int d = std::min(depth, container.depth()); d >= 0; --d)
-        for (long long i = 0; i < container.tileCount(d); ++i) {
-            auto const& tile = container.tile(i, d);
-            bool inside = true;
-            for (int axis = 0; axis < 3; ++axis) {
-                long long const above = point[static_cast<std::size_t>(axis)] - tile.tijk()[axis];
-                inside = inside && 0 <= above && above < width<Traits>(d);
-            }
-            if (!inside) continue;
-            Place<Traits> place{&tile, {}, {}};
-            long long const voxel = width<Traits>(d) / Traits::kSamples;
-            auto const perVoxel = static_cast<float>(1.0 / static_cast<double>(voxel));
-            for (std::size_t a = 0; a < 3; ++a) {
-                int const axis = static_cast<int>(a);
-                bool const onCorner = (topology.offsetType() >> a & 1) != 0;
-                float const above = v[a] - static_cast<float>(tile.tijk()[axis]);
-                float l = above * perVoxel - (onCorner ? 0.0F : 0.5F);
-                if (l > -1e-5F && l <= 0) l = 0;
-                double const below = std::clamp(std::floor(double{l}), onCorner ? 0.0 : -1.0,
-                                                Traits::kSamples - 1.0);
-                place.lijk[a] = static_cast<int>(below);
-                place.frac[a] = l - static_cast<float>(below);
-            }
-            return place;
-        }
-    return {};
+    auto const& tile = topology.container().tileAccessor().tile(point.x, point.y, point.z, depth);
+    if (!tile.exists()) return {};
+    Place<Traits> place{&tile, {}, {}};
+    auto const perVoxel = static_cast<float>(1.0 / static_cast<double>(tile.voxelDataWidth()));
+    for (int axis = 0; axis < 3; ++axis) {
+        bool const onCorner = (topology.offsetType() >> axis & 1) != 0;
+        float const above = position[axis] - static_cast<float>(tile.tijk()[axis]);
+        float l = above * perVoxel - (onCorner ? 0.0F : 0.5F);
+        if (l > -1e-5F && l <= 0) l = 0;
+        float const below = std::clamp(std::floor(l), onCorner ? 0.0F : -1.0F,
+                                       static_cast<float>(Traits::kSamples - 1));
+        place.lijk[axis] = static_cast<int>(below);
+        place.frac[axis] = l - below;
+    }
+    return place;
 }
 
 template <class Case> class Linear : public testing::Test {};
 TYPED_TEST_SUITE(Linear, Cases);
+
+/// Checks each sample of a ring: that of the neighbour, or what continues the parent's ring, for
+/// which the default value stands where there is none.
+template <class Traits, class T>
+void checkRing(RingTile<Traits, T> const& ring, NeighborData<Traits, T> const& tiles,
+               RingTile<Traits, T> const* parent, int3 const& child, int type,
+               T const& defaultValue) {
+    constexpr int W = Traits::kSamples, B = Traits::kBranch;
+    auto const onFace = [&](int a) { return (type >> a & 1) != 0; };
+    float largest = 1;  // the levels above may have been extrapolated far
+    for (int i = 0; i < RingTile<Traits, T>::Layout::kCount; ++i)
+        for (auto const* tile : {&ring, parent})
+            if (tile) largest = std::max(largest, distance(tile->data()[i], T{}));
+    auto const isNear = [&](T const& a, T const& b) { return distance(a, b) < 4e-6F * largest; };
+    for (int i = 0; i < (W + 2) * (W + 2) * (W + 2); ++i) {
+        int3 const g = inCube(i, W + 2, -1);
+        int3 d;
+        bool low = false, face = false, replaced = false;
+        int middle = 0, count = 0;
+        for (int a = 0; a < 3; ++a) {
+            d[a] = g[a] < 0 ? -1 : g[a] == W ? 1 : 0;
+            count += d[a] != 0;
+            face = face || (d[a] != 0 && onFace(a));
+            low = low || (d[a] < 0 && onFace(a));
+            replaced = replaced || (g[a] == 0 && onFace(a));
+            if (d[a] != 0 && !onFace(a)) middle |= 1 << a;
+        }
+        auto const direction = [&](int axes) {
+            return static_cast<unsigned>(13 + (axes & 1 ? 9 * d.x : 0) + (axes & 2 ? 3 * d.y : 0) +
+                                         (axes & 4 ? d.z : 0));
+        };
+        bool surrounded = true;
+        for (int axes = 1; axes < 8; ++axes) surrounded = surrounded && tiles[direction(axes)];
+        // The ring some steps inward from this sample, along some axes.
+        auto const at = [&](int steps, int axes = 7) {
+            auto const in = [&](int a) { return g[a] - (axes >> a & 1 ? steps * d[a] : 0); };
+            return ring(in(0), in(1), in(2));
+        };
+        // The parent on the face, edge or corner beside the sample.
+        auto const coarse = [&] {
+            if (!parent) return defaultValue;
+            int3 below;
+            float3 between;
+            for (int a = 0; a < 3; ++a) {
+                float const offset = onFace(a) ? 0.0F : 0.5F;
+                float const voxels = d[a] == 0  ? static_cast<float>(g[a]) + offset
+                                     : d[a] < 0 ? 0
+                                                : W;
+                float const place = (static_cast<float>(child[a] * W) + voxels) / B - offset;
+                below[a] = static_cast<int>(std::floor(place));
+                between[a] = place - std::floor(place);
+            }
+            auto const sample = [&](int x, int y, int z) {
+                int3 const p = below + int3{x, y, z};
+                return (*parent)(std::min(p.x, W), std::min(p.y, W), std::min(p.z, W));
+            };
+            return trilinear(sample, between);
+        };
+        // Faces that meet in a replaced sample saw it before and after.
+        if (replaced && (count < 2 || !parent)) continue;
+        SCOPED_TRACE(g.x + 10 * g.y + 100 * g.z);
+        if (surrounded) {
+            int3 const in = g - d * W;
+            ASSERT_TRUE(same(at(0), tiles[direction(7)](in.x, in.y, in.z)));
+            continue;
+        }
+        if (count == 1 && low) {
+            ASSERT_TRUE(isNear(at(1), coarse()));
+        }
+        if (!parent && face) {
+            ASSERT_TRUE(same(at(0), defaultValue));
+        } else if (low) {
+            ASSERT_TRUE(isNear(at(0), 2.0F * at(1) - at(2)));
+        } else {
+            T sum{};
+            float cells = 0;  // the mean of the cell around the place is the parent
+            for (int axes = 0; axes < 8; ++axes)
+                if ((axes & ~middle) == 0) sum = sum + at(1, axes), ++cells;
+            ASSERT_TRUE(isNear(sum / cells, coarse()));
+        }
+    }
+}
 
 /// The ring tiles of a channel, each made once.
 template <class Traits, class T> class Rings {
@@ -102,20 +151,23 @@ public:
         auto const type = m_scene.topology.offsetType();
         auto const& tile = m_scene.tree.tile(tree);
         OwnData<Traits, T> const own(channel.samples(tree));
+        NeighborData<Traits, T> tiles;
+        tiles[13] = own;
         Ring ring(Ring::Layout::kCount);
         if (tree.depth == channel.minDepth()) {
             fillRingTileFromDefault<Traits, T>(type, m_scene.defaultValue, own, ring);
+            checkRing<Traits, T>(ring, tiles, nullptr, {}, type, m_scene.defaultValue);
         } else {
-            NeighborData<Traits, T> neighbors;
             for (int n = 0; n < 27; ++n) {
                 auto const& beside = m_scene.tree.tileAccessor().tileNeighbor(tile, n);
                 if (n != 13 && beside.depth() == tree.depth)
-                    neighbors[static_cast<unsigned>(n)] =
+                    tiles[static_cast<unsigned>(n)] =
                         OwnData<Traits, T>(channel.samples(beside.treeIndex()));
             }
+            Ring const& parent = of(tile.parentTreeIndex());
             int3 const c = m_scene.tree.tile(tile.parentTreeIndex()).childIJK(tile.tijk());
-            fillRingTile<Traits, T>(type, of(tile.parentTreeIndex()), c.x, c.y, c.z, own, neighbors,
-                                    ring);
+            fillRingTile<Traits, T>(type, parent, c.x, c.y, c.z, own, tiles, ring);
+            checkRing<Traits, T>(ring, tiles, &parent, c, type, m_scene.defaultValue);
         }
         return m_rings[{tree.tile, tree.depth}] = std::move(ring);
     }
@@ -167,9 +219,9 @@ TYPED_TEST(Linear, IsTrilinearBetweenHaloOrRingSamples) {
                 ASSERT_EQ(direct.locate(p, kLattice, tree, lijk, frac, limit, &scale),
                           place.has_value());
                 ASSERT_EQ(tree, place ? place->tile->treeIndex() : TreeIndex());
-                for (unsigned a = 0; place && a < 3; ++a) {
-                    ASSERT_EQ(lijk[static_cast<int>(a)], place->lijk[a]);
-                    ASSERT_TRUE(same(frac[static_cast<int>(a)], place->frac[a]));
+                if (place) {
+                    ASSERT_EQ(lijk, place->lijk);
+                    ASSERT_TRUE(same(frac, place->frac));
                 }
                 float const step = place ? static_cast<float>(place->tile->voxelDataWidth()) : 1;
                 ASSERT_EQ(scale, place ? 1 / (Traits::kBranch == 2 ? 2 * step : step) : 9);
@@ -177,29 +229,26 @@ TYPED_TEST(Linear, IsTrilinearBetweenHaloOrRingSamples) {
                 float3 gradient;
                 if (place && place->tile->depth() >= minDepth) {
                     auto const& tile = *place->tile;
-                    auto const& l = place->lijk;
                     auto const cell = [&](int x, int y, int z) -> T {
-                        int3 const i{l[0] + x, l[1] + y, l[2] + z};
+                        int3 const i = place->lijk + int3{x, y, z};
                         return type == 7 ? scene.halo.tileData(tile.treeIndex())(i.x, i.y, i.z)
                                          : rings.of(tile.treeIndex())(i.x, i.y, i.z);
                     };
                     auto const& t = place->frac;
                     expected = trilinear(cell, t);
                     if constexpr (kScalar) {
-                        // The differences along an axis, between those along the two others.
                         float const inverse = 1.0F / static_cast<float>(tile.voxelDataWidth()) *
                                               (1 / scene.tree.voxelSize());
-                        auto const between = [&](auto const& f, float u, float v) {
-                            return inverse *
-                                   trilinear(
-                                       [&](int, int a, int b) { return f(1, a, b) - f(0, a, b); },
-                                       float3{0, u, v});
-                        };
-                        gradient = {
-                            between(cell, t[1], t[2]),
-                            between([&](int d, int x, int z) { return cell(x, d, z); }, t[0], t[2]),
-                            between([&](int d, int x, int y) { return cell(x, y, d); }, t[0],
-                                    t[1])};
+                        for (int axis = 0; axis < 3; ++axis) {
+                            // The differences along the axis, between those along the two others.
+                            int const u = axis == 0 ? 1 : 0, w = axis == 2 ? 1 : 2;
+                            auto const difference = [&](int, int a, int b) {
+                                int3 low, high;
+                                low[u] = high[u] = a, low[w] = high[w] = b, high[axis] = 1;
+                                return cell(high.x, high.y, high.z) - cell(low.x, low.y, low.z);
+                            };
+                            gradient[axis] = inverse * trilinear(difference, float3{0, t[u], t[w]});
+                        }
                     }
                 }
                 SCOPED_TRACE(testing::Message() << "at " << p.x << " " << p.y << " " << p.z);
@@ -271,9 +320,6 @@ TYPED_TEST(Linear, ReadsTheDefaultWhereNothingIs) {
     }
 }
 
-template <class Traits> class LinearOf : public testing::Test {};
-TYPED_TEST_SUITE(LinearOf, Kinds);
-
 /// A voxel size of 0 puts all positions at the origin.
 TEST(LinearEdges, VoxelSizeZero) {
     Random random(15);
@@ -284,109 +330,6 @@ TEST(LinearEdges, VoxelSizeZero) {
               sampler.sample({}, 28, kLattice));
     EXPECT_TRUE(std::isinf(g.x));
     EXPECT_EQ(sampler.sample({kInf, 0, 0}, 28, kWorld), scene.defaultValue);
-}
-
-/// Each part of a ring with some of the neighbours: their samples, or what continues the parent.
-TYPED_TEST(LinearOf, RingsTakeNeighborsOrContinueTheParent) {
-    using Traits = TypeParam;
-    using Index = std::array<int, 3>;
-    using Ring = RingTile<Traits, float>;
-    constexpr int W = Traits::kSamples, B = Traits::kBranch;
-    Random random(25);
-    Ring parent(Ring::Layout::kCount), ring(Ring::Layout::kCount);
-    std::array<std::array<float, Traits::kSampleCount>, 27> tiles;
-    for (auto& tile : tiles)
-        for (float& sample : tile) sample = random.real(-1, 1);
-    std::for_each_n(parent.data(), Ring::Layout::kCount,
-                    [&](float& sample) { sample = random.real(-1, 1); });
-    for (int round = 0; round < 200; ++round) {
-        int const type = round % 8;
-        bool const fromDefault = round % 5 == 0;
-        auto const onFace = [&](unsigned a) { return (type >> a & 1) != 0; };
-        std::array<bool, 27> has;
-        NeighborData<Traits, float> neighbors;
-        for (std::size_t n = 0; n < 27; ++n) {
-            has[n] = !fromDefault && random(0, 9) < round / 20;
-            if (has[n]) neighbors[n] = OwnData<Traits, float>(tiles[n].data());
-        }
-        Index const child{random(0, B - 1), random(0, B - 1), random(0, B - 1)};
-        OwnData<Traits, float> const own(tiles[13].data());
-        if (fromDefault)
-            fillRingTileFromDefault<Traits, float>(type, 0.75F, own, ring);
-        else
-            fillRingTile<Traits, float>(type, parent, child[0], child[1], child[2], own, neighbors,
-                                        ring);
-        auto const at = [&](Index const& g, Index const& d, int steps, unsigned axes = 7) {
-            auto const in = [&](unsigned a) { return g[a] - (axes >> a & 1 ? steps * d[a] : 0); };
-            return double{ring(in(0), in(1), in(2))};
-        };
-        // The parent on the face, edge or corner beside a sample.
-        auto const coarse = [&](Index const& g, Index const& d) {
-            Index below;
-            std::array<double, 3> t;
-            for (unsigned a = 0; a < 3; ++a) {
-                double const offset = onFace(a) ? 0 : 0.5;
-                double const voxels = d[a] < 0 ? 0 : d[a] > 0 ? W : g[a] + offset;
-                double const place = (child[a] * W + voxels) / B - offset;
-                below[a] = static_cast<int>(std::floor(place));
-                t[a] = place - below[a];
-            }
-            double sum = 0;
-            for (unsigned n = 0; n < 8; ++n) {
-                double weight = 1;
-                for (unsigned a = 0; a < 3; ++a) weight *= n >> a & 1 ? t[a] : 1 - t[a];
-                if (weight > 0)
-                    sum += weight * parent(below[0] + int(n & 1), below[1] + int(n >> 1 & 1),
-                                           below[2] + int(n >> 2));
-            }
-            return fromDefault ? 0.75 : sum;
-        };
-        for (int i = 0; i < (W + 2) * (W + 2) * (W + 2); ++i) {
-            Index const g{i % (W + 2) - 1, i / (W + 2) % (W + 2) - 1, i / (W + 2) / (W + 2) - 1};
-            Index d;
-            bool low = false, face = false, replaced = false;
-            unsigned middle = 0;
-            int count = 0;
-            for (unsigned a = 0; a < 3; ++a) {
-                d[a] = g[a] < 0 ? -1 : g[a] == W ? 1 : 0;
-                count += d[a] != 0;
-                face = face || (d[a] != 0 && onFace(a));
-                low = low || (d[a] < 0 && onFace(a));
-                replaced = replaced || (g[a] == 0 && onFace(a));
-                if (d[a] != 0 && !onFace(a)) middle |= 1U << a;
-            }
-            bool surrounded = true;
-            for (unsigned part = 1; part < 8; ++part) {
-                int const n = 13 + (part & 1 ? 9 * d[0] : 0) + (part & 2 ? 3 * d[1] : 0) +
-                              (part & 4 ? d[2] : 0);
-                surrounded = surrounded && (n == 13 || has[static_cast<unsigned>(n)]);
-            }
-            // Faces that meet in a replaced sample saw it before and after.
-            if (replaced && (count < 2 || fromDefault)) continue;
-            SCOPED_TRACE(testing::Message()
-                         << "round " << round << " at " << g[0] << " " << g[1] << " " << g[2]);
-            if (surrounded) {
-                auto const& from = tiles[static_cast<unsigned>(13 + 9 * d[0] + 3 * d[1] + d[2])];
-                ASSERT_EQ(at(g, d, 0),
-                          from[static_cast<unsigned>(
-                              g[0] - d[0] * W + W * (g[1] - d[1] * W + W * (g[2] - d[2] * W)))]);
-                continue;
-            }
-            if (count == 1 && low) {
-                ASSERT_NEAR(at(g, d, 1), coarse(g, d), 2e-6);
-            }
-            if (fromDefault && face) {
-                ASSERT_EQ(at(g, d, 0), 0.75);
-            } else if (low) {
-                ASSERT_NEAR(at(g, d, 0), 2 * at(g, d, 1) - at(g, d, 2), 2e-6);
-            } else {
-                double sum = 0, cells = 0;  // the mean of the cell around the place is the parent
-                for (unsigned axes = 0; axes < 8; ++axes)
-                    if ((axes & ~middle) == 0) sum += at(g, d, 1, axes), ++cells;
-                ASSERT_NEAR(sum / cells, coarse(g, d), 4e-6);
-            }
-        }
-    }
 }
 
 }  // namespace
