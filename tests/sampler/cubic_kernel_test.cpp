@@ -68,42 +68,26 @@ double expected(int type, Row const& row) {
     }
 }
 
-TEST(Interpolant, ClosedForms) {
+TEST(Interpolant, ClosedFormsEndsAndClamp) {
     trees::Random random(11);
     for (int n = 0; n < 2000; ++n) {
-        Row const row = randomRow(random, n % 2 == 0);
-        for (int type : kTypes) {
-            double const want = expected(type, row);
-            EXPECT_NEAR(value(type, row, true), want, 2e-4) << type;
-            if (n % 2 == 0) {
-                EXPECT_NEAR(value(type, row, false), want, 5e-5) << type;
-            }
-        }
-    }
-}
-
-TEST(Interpolant, EndsClampAndUnknownType) {
-    trees::Random random(13);
-    for (int n = 0; n < 200; ++n) {
-        Row row = randomRow(random, n % 2 == 0);
-        if (n % 5 == 0) {
-            row.f[2] = row.f[1];
-            EXPECT_EQ(value(kCubicC1Monotonic, row, n % 2 != 0), row.f[1]);
-        }
+        bool const uniform = n % 2 == 0;
+        Row row = randomRow(random, uniform);
+        if (n % 5 == 0) row.f[2] = row.f[1];
         if (n % 7 == 0)
             for (float& f : row.f) f = random(0, 1) == 0 ? 0.0F : -0.0F;
+        if (n % 11 == 0) row.at = row.x[random(1, 2)];
         float const low = std::min(row.f[1], row.f[2]), high = std::max(row.f[1], row.f[2]);
-        for (int type : kTypes) {
-            float const free = value(type, row, n % 2 != 0);
-            EXPECT_TRUE(same(value(type, row, n % 2 != 0, true), std::clamp(free, low, high)));
-        }
-        EXPECT_EQ(value(9, row, n % 2 != 0), 0);
-        EXPECT_EQ(value(-1, row, n % 2 != 0, true), std::clamp(0.0F, low, high));
-        for (int end : {1, 2})
+        for (bool const atJump : {true, false}) {
+            if (!atJump && !uniform) continue;
             for (int type : kTypes) {
-                row.at = row.x[end];
-                EXPECT_NEAR(value(type, row, n % 2 != 0), row.f[end], 1e-5);
+                float const free = value(type, row, atJump);
+                EXPECT_NEAR(free, expected(type, row), atJump ? 2e-4 : 5e-5) << type;
+                EXPECT_TRUE(same(value(type, row, atJump, true), std::clamp(free, low, high)));
             }
+            EXPECT_EQ(value(9, row, atJump), 0);
+            EXPECT_EQ(value(-1, row, atJump, true), std::clamp(0.0F, low, high));
+        }
     }
 }
 

@@ -120,15 +120,21 @@ public:
 
     explicit Reference(TestVolume<Traits, T> const& volume) : m_volume(volume) {}
 
-    T sample(float3 const& v, int limit, int type, bool clamp, Kind& kind) const {
+    /// The value, and that of a sampler with a cache, which blends over a jump within a tile's
+    /// halo.
+    struct Sample {
+        Kind kind;
+        T value, cached;
+    };
+    Sample sample(float3 const& v, int limit, int type, bool clamp) const {
         auto const& channel = m_volume.channel;
-        kind = kOutside;
+        T const outside = channel.defaultValue();
         VoxelSampler<Traits, float, float3> base(*m_volume.container, m_volume.topology);
         TreeIndex found;
         int3 lijk;
         float3 frac;
         base.locate(v, 0, found, lijk, frac, std::min(limit, channel.depth()), nullptr);
-        if (found.depth < std::max(channel.minDepth(), 0)) return channel.defaultValue();
+        if (found.depth < std::max(channel.minDepth(), 0)) return {kOutside, outside, outside};
         auto const& tile = m_volume.container->tile(found);
         int const w = voxel<Traits>(tile.depth());
         Point llc{};
@@ -136,17 +142,33 @@ public:
             int const a = static_cast<int>(n), most = Traits::kSamples - 1;
             llc[n] = tile.tijk()[a] + static_cast<long long>(w) * std::clamp(lijk[a], -1, most);
         }
-        kind = kUniform;
+        bool isUniform = true;
         for (int n = 0; n < 8; ++n) {
             Point const p = step(step(llc, w, -1, -1, -1), width<Traits>(tile.depth()), n >> 2,
                                  n >> 1 & 1, n & 1);
-            if (deepest(p, tile.depth()).depth() != tile.depth()) kind = kJump;
+            isUniform = isUniform && deepest(p, tile.depth()).depth() == tile.depth();
         }
         auto const corner = [&](int i, int j, int k) {
             return point(step(llc, w, i, j, k), tile.depth());
         };
-        if (kind == kJump) return trilinear(corner, frac);
+        if (isUniform) {
+            T const value = cubic(corner, frac, type, clamp);
+            return {kUniform, value, value};
+        }
+        T const value = trilinear(corner, frac);
+        if (m_volume.topology.offsetType() != 7) return {kJump, value, value};
+        constexpr int kW = Traits::kSamples;
+        TileData<T, kW + 1, 1, 0> halo((kW + 3) * (kW + 3) * (kW + 3));
+        auto accessor = m_volume.container->tileAccessor();
+        setHaloTile<Traits, T, 0, 1, 0, 1>(found, channel, 4, 15, accessor, halo, T(), 1.0F, 7);
+        auto const inHalo = [&](int i, int j, int k) {
+            return halo(lijk.x + i, lijk.y + j, lijk.z + k);
+        };
+        return {kJump, value, cubic(inHalo, frac, type, clamp)};
+    }
 
+    /// The cubic interpolant of the values `corner(i, j, k)` around a voxel.
+    static T cubic(auto const& corner, float3 const& frac, int type, bool clamp) {
         T planes[4], low = corner(0, 0, 0), high = low;
         for (int k = 0; k < 4; ++k) {
             T rows[4];
@@ -159,13 +181,14 @@ public:
         }
         T const value = interpolate(type, planes, frac[2]);
         if (!clamp) return value;
+        auto const lesser = [](float a, float b) { return std::min(a, b); };
+        auto const greater = [](float a, float b) { return std::max(a, b); };
         for (int n = 0; n < 8; ++n) {
             T const c = corner(n >> 2, n >> 1 & 1, n & 1);
-            low = each([](float a, float b) { return std::min(a, b); }, low, c);
-            high = each([](float a, float b) { return std::max(a, b); }, high, c);
+            low = each(lesser, low, c);
+            high = each(greater, high, c);
         }
-        return each([](float a, float b) { return std::max(a, b); },
-                    each([](float a, float b) { return std::min(a, b); }, value, high), low);
+        return each(greater, each(lesser, value, high), low);
     }
 
     /// The channel at the data point of the voxel of a depth over a lattice point.

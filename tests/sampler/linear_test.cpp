@@ -100,9 +100,8 @@ void checkRing(RingTile<Traits, T> const& ring, NeighborData<Traits, T> const& t
             float3 between;
             for (int a = 0; a < 3; ++a) {
                 float const offset = onFace(a) ? 0.0F : 0.5F;
-                float const voxels = d[a] == 0  ? static_cast<float>(g[a]) + offset
-                                     : d[a] < 0 ? 0
-                                                : W;
+                float const side = d[a] < 0 ? 0 : W;
+                float const voxels = d[a] == 0 ? static_cast<float>(g[a]) + offset : side;
                 float const place = (static_cast<float>(child[a] * W) + voxels) / B - offset;
                 below[a] = static_cast<int>(std::floor(place));
                 between[a] = place - std::floor(place);
