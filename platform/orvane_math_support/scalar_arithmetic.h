@@ -83,7 +83,7 @@ struct ScalarCells {
     /// Masks, each coordinate all ones or zeros: of the largest coordinate, of the two largest, and
     /// of the three largest. Of two equal coordinates the later counts as larger.
     ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Float4 d) {
-        auto const above = [&](Float4 other, Word4 later) __attribute__((always_inline)) {
+        auto const above = [&](Float4 other, Word4 later) ZEL_ALWAYS_INLINE {
             return reinterpret_cast<Word4>(d > other) |
                    (reinterpret_cast<Word4>(d == other) & later);
         };
@@ -168,7 +168,7 @@ template <> struct ScalarArithmetic<double> : ScalarCells {
     ZEL_ALWAYS_INLINE static double positive(double a) { return (a + std::abs(a)) * 0.5; }
     ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Word4 m) {
         constexpr auto one = std::bit_cast<std::uint64_t>(1.0);
-        auto const wide = [](Word4 pairs) __attribute__((always_inline)) {
+        auto const wide = [](Word4 pairs) ZEL_ALWAYS_INLINE {
             return reinterpret_cast<Double2>(reinterpret_cast<Long2>(pairs) & one);
         };
         return {d.xy - wide(__builtin_shufflevector(m, m, 0, 0, 1, 1)),

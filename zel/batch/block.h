@@ -108,6 +108,10 @@ public:
     float* allocate(std::size_t columns = 1) {
         return m_workspace.stack.floats(columns * kBlockSize);
     }
+    /// The same for kBlockSize integers.
+    int* allocateInts() const {
+        return static_cast<int*>(m_workspace.stack.allocate(kBlockSize * sizeof(int)));
+    }
     template <class T> BlockResult<T> result() { return BlockResult<T>(allocate(kComponents<T>)); }
 
     /// Releases at its end what is asked for and allocated while it exists.
@@ -191,9 +195,6 @@ private:
     bool runDualFusion(void const* node, BlockResult<float3>& out);
     int* choose(int const* choice, int count, float* xyz) const;
     void moveElements(detail::PositionSet& positions, int const* choice, int count) const;
-    int* allocateInts() const {
-        return static_cast<int*>(m_workspace.stack.allocate(kBlockSize * sizeof(int)));
-    }
     /// The number of position `i` in the set.
     int numberOf(int i) const { return m_choice ? m_choice[i] : i; }
 

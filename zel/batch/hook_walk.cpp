@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "zel/field/thread_object.h"
+#include "zel/batch/thread_object.h"
 
 namespace zel::detail {
 

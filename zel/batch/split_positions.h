@@ -3,12 +3,11 @@
 #include <cstddef>
 #include <cstring>
 
+#include "zel/batch/float8.h"
 #include "zel_platform/orvane_math/vectors.h"
 #include "zel_platform/quern_core/position_loop.h"
 
 namespace zel::detail {
-
-using Float8 = float __attribute__((vector_size(32)));
 
 /// Writes the coordinates of `count` positions to three columns.
 inline void splitPositions(int count, Orvane::Math::float3 const* p, float* x, float* y, float* z) {

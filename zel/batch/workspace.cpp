@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <bit>
 
-#include "zel/field/thread_object.h"
+#include "zel/batch/thread_object.h"
 
 namespace zel::detail {
 

@@ -8,12 +8,6 @@
 // Results whose value at each position of a block is that of one child, chosen for the position.
 namespace zel::detail {
 
-/// An array of kBlockSize integers that is valid until the frame ends.
-inline int* allocateInts(Block& block) {
-    static_assert(sizeof(int) == sizeof(float));
-    return new (block.allocate()) int[kBlockSize];
-}
-
 inline bool allEqual(int const* chosen, int count) {
     int differing = 0;
     for (int i = 1; i < count; ++i) differing |= chosen[i] ^ chosen[0];
@@ -31,7 +25,7 @@ void select(Block& block, int const* chosen, BlockResult<T>& out, Ask const& ask
         return;
     }
     auto const write = out.writer();
-    int* const places = allocateInts(block);
+    int* const places = block.allocateInts();
     for (int branch = -1; branch < kBranches; ++branch) {
         int placeCount = 0;
         for (int i = 0; i < count; ++i) {

@@ -66,13 +66,7 @@ template <class Node, std::same_as<Dual>... D>
 ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
     constexpr GradientForm kForm = gradientForm<Node, D...>;
     float const value = NodeAccess::valueOf(node, d.value...);
-    if constexpr (kForm == GradientForm::kSame) {
-        return {value, NodeAccess::gradientOf(node)};
-    } else if constexpr (kForm == GradientForm::kFromGradients) {
-        return {value, NodeAccess::gradientOf(node, d.gradient...)};
-    } else if constexpr (kForm == GradientForm::kFromOwnValue) {
-        return {value, NodeAccess::gradientFromValue(node, value, d.gradient...)};
-    } else if constexpr (kForm == GradientForm::kChoice) {
+    if constexpr (kForm == GradientForm::kChoice) {
         int const choice = NodeAccess::gradientChoice(node, d.value...);
         float3 gradient{};
         int number = 0;
@@ -84,7 +78,12 @@ ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
         (offer(d.gradient), ...);
         return {value, gradient};
     } else {
-        return {value, NodeAccess::gradientOf(node, d.value..., d.gradient...)};
+        auto const own = [&]() ZEL_ALWAYS_INLINE { return std::tuple(value); };
+        auto const values = [&]() ZEL_ALWAYS_INLINE { return std::tuple(d.value...); };
+        auto const gradients = [&]() ZEL_ALWAYS_INLINE { return std::tuple(d.gradient...); };
+        return {value, std::apply([&](auto const&... in)
+                                      ZEL_ALWAYS_INLINE { return gradientBy<kForm>(node, in...); },
+                                  gradientInputs<kForm>(own, values, gradients))};
     }
 }
 

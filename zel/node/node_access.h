@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <tuple>
 #include <type_traits>
 #include <typeinfo>
@@ -35,6 +36,19 @@ struct NodeAccess {
         }
     }
 
+    /// Whether the children are those of a SwitchNode.
+    template <class Node, class Branch>
+    static constexpr bool namesSwitch =
+        std::same_as<decltype(children(std::declval<Node&>())),
+                     std::tuple<ScalarPtr const&, Branch const&, Branch const&>>;
+
+    template <class Value, class Class>
+    static Class classOf(Value (Class::*)(float3 const&, long long) const);
+    /// Whether a node takes the point `eval` from its interface, where it is zero everywhere.
+    template <class Node, class Interface> static constexpr bool hasNoEval = requires {
+        { classOf<typename Interface::Value>(&Node::eval) } -> std::same_as<Interface>;
+    };
+
     // The formulas of an operator.
 
     template <class Node, class... In>
@@ -66,7 +80,7 @@ struct NodeAccess {
         node.gradientFromValue(in...);
     };
     template <class Node, class... In>
-    static auto gradientFromValue(Node const& node, In const&... in) {
+    ZEL_ALWAYS_INLINE static auto gradientFromValue(Node const& node, In const&... in) {
         return node.gradientFromValue(in...);
     }
 
@@ -193,6 +207,34 @@ inline constexpr GradientForm gradientForm = [] {
         return GradientForm::kFromValuesAndGradients;
     return GradientForm::kNone;
 }();
+
+/// What the formula of a form takes, as a tuple: asked for by the functions, which return tuples,
+/// in the order of the children, values before gradients.
+template <GradientForm form>
+ZEL_ALWAYS_INLINE inline auto gradientInputs(auto const& ownValue, auto const& values,
+                                             auto const& gradients) {
+    if constexpr (form == GradientForm::kSame) {
+        return std::tuple();
+    } else if constexpr (form == GradientForm::kFromGradients) {
+        return gradients();
+    } else if constexpr (form == GradientForm::kFromOwnValue) {
+        auto const own = ownValue();
+        return std::tuple_cat(own, gradients());
+    } else {
+        static_assert(form == GradientForm::kFromValuesAndGradients);
+        auto const v = values();
+        return std::tuple_cat(v, gradients());
+    }
+}
+
+/// The gradient by the formula of a form, from the elements of gradientInputs().
+template <GradientForm form, class Node, class... In>
+ZEL_ALWAYS_INLINE inline auto gradientBy(Node const& node, In const&... in) {
+    if constexpr (form == GradientForm::kFromOwnValue)
+        return NodeAccess::gradientFromValue(node, in...);
+    else
+        return NodeAccess::gradientOf(node, in...);
+}
 
 /// Whether a node is of its class and of none derived from it, which could override point `eval`.
 template <class Node> bool isExactly(Node const& node) {

@@ -150,27 +150,14 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
         using detail::GradientForm;
         constexpr GradientForm kForm = detail::gradientForm<Self, Child...>;
         using Values = std::tuple<Columns<typename Child::Value>...>;
-        auto const map = [&](auto const& formula, auto const&... columns) {
-            std::apply(
-                [&](auto const&... in) { detail::mapNode(block, out, node, formula, in...); },
-                std::tuple_cat(columns...));
+        auto const values = [&] { return Values{block.values(child)...}; };
+        auto const gradients = [&] { return detail::gradientsInBlock(block, out, child...); };
+        auto const ownValue = [&] {
+            return std::tuple(block.values(static_cast<Interface const&>(*this)));
         };
-        auto const formula = [](Self const& n, auto const&... in)
-                                 ZEL_ALWAYS_INLINE { return NodeAccess::gradientOf(n, in...); };
 
-        if constexpr (kForm == GradientForm::kSame) {
-            map(formula);
-        } else if constexpr (kForm == GradientForm::kFromGradients) {
-            Block::Frame const frame(block);
-            map(formula, detail::gradientsInBlock(block, out, child...));
-        } else if constexpr (kForm == GradientForm::kFromOwnValue) {
-            Block::Frame const frame(block);
-            std::tuple const own{block.values(static_cast<Interface const&>(*this))};
-            map([](Self const& n, auto const&... in)
-                    ZEL_ALWAYS_INLINE { return NodeAccess::gradientFromValue(n, in...); },
-                own, detail::gradientsInBlock(block, out, child...));
-        } else if constexpr (kForm == GradientForm::kChoice) {
-            int* const chosen = detail::allocateInts(block);
+        if constexpr (kForm == GradientForm::kChoice) {
+            int* const chosen = block.allocateInts();
             bool light = false;
             {
                 Block::Frame const frame(block);
@@ -184,17 +171,24 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
                             node);
                         light = (v.light && ...);
                     },
-                    Values{block.values(child)...});
+                    values());
             }
             if (light && !detail::allEqual(chosen, block.count()))
                 return detail::blend<Gradient>(block, chosen, out, child...);
             detail::select<sizeof...(Child)>(block, chosen, out, [&](int number, Block& some) {
                 return detail::gradientsOfChild<Gradient>(number, some, child...);
             });
-        } else {
+        } else if constexpr (kForm != GradientForm::kNone) {
             Block::Frame const frame(block);
-            Values const v{block.values(child)...};
-            map(formula, v, detail::gradientsInBlock(block, out, child...));
+            std::apply(
+                [&](auto const&... columns) {
+                    detail::mapNode(
+                        block, out, node,
+                        [](Self const& n, auto const&... in)
+                            ZEL_ALWAYS_INLINE { return detail::gradientBy<kForm>(n, in...); },
+                        columns...);
+                },
+                detail::gradientInputs<kForm>(ownValue, values, gradients));
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -254,7 +248,7 @@ namespace detail {
 
 /// The branch of a SwitchNode at each position: 0 for `a`, 1 for `b`.
 inline int* branches(Block& block, ScalarPtr const& condition) {
-    int* const chosen = allocateInts(block);
+    int* const chosen = block.allocateInts();
     Block::Frame const frame(block);
     auto const c = block.values(condition);
     Quern::forEachPosition(block.count(),

@@ -88,6 +88,8 @@ template <class Self, class Interface> void HookedNode<Self, Interface>::preSamp
                   "An operator names its children: template <class Node> static auto "
                   "children(Node& node) { return std::tie(node.a, node.b); } "
                   "If it is private, zel::NodeAccess is a friend.");
+    static_assert(!NodeAccess::hasNoEval<Self, Interface>,
+                  "A FieldNode or HookedNode overrides eval(float3 const& p, long long i) const.");
     detail::HookWalk const walk(hookTarget, detail::HookWalk::Hook::kPre);
     if (!walk.passesOn()) return;
     std::apply([](auto const&... child) { (child->preSampleField(), ...); },

@@ -78,24 +78,16 @@ auto PointwiseNode<Self, Interface>::grad(float3 const& position, long long inde
                       "zel::NodeAccess is a friend.");
         auto const values = [&] { return detail::valuesOf(position, index, child...); };
         auto const gradients = [&] { return detail::gradientsOf(position, index, child...); };
-        auto const formula = [&](auto const&... in) { return NodeAccess::gradientOf(node, in...); };
+        auto const ownValue = [&] { return std::tuple(node.eval(position, index)); };
 
-        if constexpr (kForm == GradientForm::kSame) {
-            return formula();
-        } else if constexpr (kForm == GradientForm::kFromGradients) {
-            return std::apply(formula, gradients());
-        } else if constexpr (kForm == GradientForm::kFromOwnValue) {
-            Value const own = node.eval(position, index);
-            return std::apply(
-                [&](auto const&... g) { return NodeAccess::gradientFromValue(node, own, g...); },
-                gradients());
-        } else if constexpr (kForm == GradientForm::kChoice) {
+        if constexpr (kForm == GradientForm::kChoice) {
             int const choice = std::apply(
                 [&](auto const&... v) { return NodeAccess::gradientChoice(node, v...); }, values());
             return detail::gradientOfChild<Gradient>(choice, position, index, child...);
-        } else {
-            auto const v = values();
-            return std::apply(formula, std::tuple_cat(v, gradients()));
+        } else if constexpr (kForm != GradientForm::kNone) {
+            return std::apply(
+                [&](auto const&... in) { return detail::gradientBy<kForm>(node, in...); },
+                detail::gradientInputs<kForm>(ownValue, values, gradients));
         }
     };
     return std::apply(form, NodeAccess::children(node));
@@ -126,6 +118,10 @@ auto TransformNode<Self, Interface>::grad(float3 const& position, long long inde
 
 template <class Self, class Interface>
 auto SwitchNode<Self, Interface>::eval(float3 const& position, long long index) const -> Value {
+    static_assert(!NodeAccess::hasChildren<Self const> ||
+                      NodeAccess::namesSwitch<Self const, Quern::Ptr<Interface>>,
+                  "A SwitchNode names three children: its condition, of scalars, and the two "
+                  "branches, of its own interface.");
     auto const& [condition, a, b] = NodeAccess::children(this->self());
     return (condition->eval(position, index) > 0 ? a : b)->eval(position, index);
 }

@@ -49,7 +49,7 @@ void VectorFieldIteratedNearPointTransform::blockValues(Block& block,
     Block::Frame const frame(block);
 
     // The numbers in the block of the points that still move, and the points themselves.
-    int* const moving = detail::allocateInts(block);
+    int* const moving = block.allocateInts();
     int count = block.count();
     for (int i = 0; i < count; ++i) moving[i] = i;
     auto here = block.result<float3>();

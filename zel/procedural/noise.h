@@ -125,6 +125,7 @@ private:
 
         static_assert(std::atomic<Time>::is_always_lock_free);
         std::atomic<Time> time = Time();
+        /// Of create_curl_noise_time_table(). No noise function takes a table yet.
         std::array<std::atomic<float>, 16> timeTable = {};
     };
 

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstddef>
 
+#include "zel/batch/float8.h"
+
 // A fusion goes through the positions of a block tile by tile. A stage is one step of that work: a
 // function that takes a tile in eight vector registers, computes one node from it, and calls the
 // next stage with the result in the same registers. docs/batches.md explains the whole.
@@ -24,7 +26,6 @@ enum class Aim { kValues, kDuals };
 /// A tile is 64 floats in eight vectors. A tile of values holds 64 positions. A tile of duals holds
 /// 16: their values, then the x, the y and the z components of their gradients.
 inline constexpr int kTileSize = 64, kDualTileSize = kTileSize / 4;
-using Float8 = float __attribute__((vector_size(32)));
 
 /// One element of the array of stages that a fusion runs. A stage calls the element behind its own.
 struct Stage {

@@ -32,13 +32,13 @@ template <> struct RegisterTraits<float> {
     using Register = float;
     static constexpr int kComponents = 1;
     static float from(float v) { return v; }
-    static float to(float lane) { return lane; }
+    static float to(float v) { return v; }
 };
 template <> struct RegisterTraits<float3> {
-    using Register = Float4;  // x, y, z and a lane that is not used
+    using Register = Float4;  // x, y, z, and an unused fourth
     static constexpr int kComponents = 3;
     static Float4 from(float3 const& v) { return float4Of(v); }
-    static float3 to(Float4 lane) { return float3Of(lane); }
+    static float3 to(Float4 v) { return float3Of(v); }
 };
 template <class T> using RegisterOf = typename RegisterTraits<T>::Register;
 

@@ -98,15 +98,15 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk,
     int3 voxel;
     for (int axis = 0; axis < 3; ++axis)
         voxel[axis] = std::clamp(lijk[axis], -1, Traits::kSamples - 1);
-    Int4 const lanes = Internal::int4Of(voxel, 0);
-    if (!debug) return valueInTile(tree, lanes, Internal::float4Of(frac), depth);
+    Int4 const clamped = Internal::int4Of(voxel, 0);
+    if (!debug) return valueInTile(tree, clamped, Internal::float4Of(frac), depth);
     T value;
     if (m_source.jumpHandling != kJumpTrilinear) {
         value = Internal::adaptiveValue<Traits, T, Internal::StreamTrace>(m_source, m_memo, tree,
                                                                           voxel, frac, depth);
     } else {
-        if (!isCached(lanes)) Internal::traceTileCube(m_source, m_memo, tree, voxel, frac);
-        value = valueInTile(tree, lanes, Internal::float4Of(frac), depth);
+        if (!isCached(clamped)) Internal::traceTileCube(m_source, m_memo, tree, voxel, frac);
+        value = valueInTile(tree, clamped, Internal::float4Of(frac), depth);
     }
     Internal::flushLines();
     return value;
@@ -242,6 +242,9 @@ void ZEL_DETAIL_CUBIC_SAMPLER::sampleBatch(float const* x, float const* y, float
     }
 }
 
-ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_CUBIC, );
+template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;
+template class VoxelSamplerCubic<BinaryTraits, float3, float, float3, 0, 0>;
+template class VoxelSamplerCubic<QuinaryTraits, float, float, float3, 0, 0>;
+template class VoxelSamplerCubic<QuinaryTraits, float3, float, float3, 0, 0>;
 
 }  // namespace ORV::TileTree3D

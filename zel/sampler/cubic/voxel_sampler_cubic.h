@@ -117,8 +117,9 @@ private:
     Internal::CubicVoxel<Traits, T> m_voxel;
 };
 
-#define ZEL_DETAIL_CUBIC(prefix, Traits, T)                                                        \
-    prefix template class VoxelSamplerCubic<Traits, T, float, float3, 0, 0>
-ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_CUBIC, extern);
+extern template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;
+extern template class VoxelSamplerCubic<BinaryTraits, float3, float, float3, 0, 0>;
+extern template class VoxelSamplerCubic<QuinaryTraits, float, float, float3, 0, 0>;
+extern template class VoxelSamplerCubic<QuinaryTraits, float3, float, float3, 0, 0>;
 
 }  // namespace ORV::TileTree3D

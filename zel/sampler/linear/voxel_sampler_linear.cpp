@@ -248,8 +248,13 @@ void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(float const* x, float const*
     });
 }
 
-ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_LINEAR, );
-ZEL_DETAIL_LINEAR_GRADIENTS(, BinaryTraits);
-ZEL_DETAIL_LINEAR_GRADIENTS(, QuinaryTraits);
+template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+template class VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+template class VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+template class VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+template void LinearSampler<BinaryTraits, float>::sampleGradientBatch<float>(
+    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
+template void LinearSampler<QuinaryTraits, float>::sampleGradientBatch<float>(
+    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
 
 }  // namespace ORV::TileTree3D

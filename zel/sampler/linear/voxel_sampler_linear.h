@@ -5,7 +5,6 @@
 #include <concepts>
 #include <vector>
 
-#include "zel/sampler/common/instances.h"
 #include "zel/sampler/common/voxel_sampler.h"
 #include "zel/sampler/linear/cell.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
@@ -169,14 +168,14 @@ private:
 template <class Traits, class T>
 using LinearSampler = VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0>;
 
-#define ZEL_DETAIL_LINEAR(prefix, Traits, T)                                                       \
-    prefix template class VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0>
-#define ZEL_DETAIL_LINEAR_GRADIENTS(prefix, Traits)                                                \
-    prefix template void LinearSampler<Traits, float>::sampleGradientBatch<float>(                 \
-        float const*, float const*, float const*, int, int, int, float*,                           \
-        std::array<float*, 3> const&)
-ZEL_SAMPLER_INSTANCES(ZEL_DETAIL_LINEAR, extern);
-ZEL_DETAIL_LINEAR_GRADIENTS(extern, BinaryTraits);
-ZEL_DETAIL_LINEAR_GRADIENTS(extern, QuinaryTraits);
+extern template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
+extern template class VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
+// A class instantiation leaves out members that are templates.
+extern template void LinearSampler<BinaryTraits, float>::sampleGradientBatch<float>(
+    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
+extern template void LinearSampler<QuinaryTraits, float>::sampleGradientBatch<float>(
+    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
 
 }  // namespace ORV::TileTree3D
