@@ -136,24 +136,6 @@ class OnOneThread : public testing::Test {
 using BlockCalls = OnOneThread;
 using Fusion = OnOneThread;
 
-TEST_F(Fusion, KeepsMoreConstantsThanItRemembers) {
-    auto const sum = [](int first) {
-        ScalarPtr all = y();
-        for (int i = 0; i < 30; ++i)
-            all = greater(std::move(all), multiply(constant(static_cast<float>(first + i)), z()));
-        return all;
-    };
-    // Which constants a range meets first depends on where it is.
-    ScalarPtr tree = sum(0);
-    for (int k = 1; k < 5; ++k)
-        tree = choose(subtract(x(), constant(0.5F * static_cast<float>(k))),
-                      sum(k % 2 ? 30 * k : -30 * k), tree);
-    Quern::Array<float3> positions = somePositions(100003);
-    for (long long i = 0; i < positions.size(); ++i)
-        positions[i].x = static_cast<float>(i / 1000 * 7 % 6) / 2;
-    expectValues(*tree, positions);
-}
-
 TEST_F(Fusion, IsOfOneBatchAndTreeAlone) {
     for (int round = 0; round < 3; ++round) {
         // The second tree takes the memory that the first one frees.

@@ -83,7 +83,12 @@ TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
                     }
                 }
                 EXPECT_EQ(node.samplers(), 1);
-                // Only a node with a halo keeps its volume where the next object has none.
+                // Only a node with a halo keeps its volume when another object comes.
+                auto const other = function == plane<T> ? waves<T> : plane<T>;
+                float3 const somewhere{0.12F, 0.03F, -0.21F};
+                late.apply_object(host(build<Traits, T>(other, offset)));
+                EXPECT_EQ(same(late.eval(somewhere, 0), node.eval(somewhere, 0)),
+                          linear && offset == 7);
                 late.apply_object(host(volume, "e"));
                 EXPECT_EQ(late.bound(), linear && offset == 7);
             }
