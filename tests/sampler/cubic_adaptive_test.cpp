@@ -204,21 +204,21 @@ TYPED_TEST(Adaptive, RunsOnAcrossEmptySpace) {
     TestVolume<Traits, T> volume(tree, 7, 0, kDepth, T());
     volume.fill([](double, double, double) { return make<T>(1, 2, 3); });
     auto sampler = volume.sampler(kCubicC0, false, kJumpAdaptive);
-    // Weights of -1/16, 9/16, 9/16, -1/16: without the lowest point 17/16 remain, and without the
-    // two upper or lower ones 8/16.
-    auto const check = [&](TreeIndex const& tile, int axis, int place, float weight) {
+    // Weights of -1/16, 9/16, 9/16, -1/16 along each axis: without the lowest point 17/16 remain,
+    // and without the two upper or lower ones 8/16.
+    auto const check = [&](TreeIndex const& tile, int axes, int place, float weight) {
         int3 lijk{1, 1, 1};
         float3 frac;
-        frac[axis] = 0.5F;
-        lijk[axis] = place;
-        EXPECT_LT(
-            distance(sampler.sampleVoxel(tile, lijk, frac, 9, false), make<T>(1, 2, 3) * weight),
-            1e-4F);
+        T want = make<T>(1, 2, 3);
+        for (int axis = 0; axis < 3; ++axis)
+            if ((axes >> axis & 1) != 0)
+                frac[axis] = 0.5F, lijk[axis] = place, want = want * weight;
+        EXPECT_LT(distance(sampler.sampleVoxel(tile, lijk, frac, 9, false), want), 1e-4F) << axes;
     };
-    for (int axis = 0; axis < 3; ++axis) {
-        check(first, axis, 0, 17.0F / 16);
-        check(first, axis, -1, 0.5F);
-        check(last, axis, Traits::kSamples - 1, 0.5F);
+    for (int axes = 1; axes < 8; ++axes) {
+        check(first, axes, 0, 17.0F / 16);
+        check(first, axes, -1, 0.5F);
+        check(last, axes, Traits::kSamples - 1, 0.5F);
     }
 }
 
