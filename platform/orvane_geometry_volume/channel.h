@@ -85,14 +85,14 @@ public:
     virtual void updateTilesAdded(Component const& topology);
     /// Removes, at each depth, the tiles of the given half-open ranges, which are disjoint and in
     /// ascending order. Later tiles move down, with their samples. The channel then belongs to
-    /// `topology`. Lists for depths that the channel does not have are ignored.
+    /// `topology`. Lists for depths of the tree that the channel does not have are ignored.
     virtual void
     updateTilesRemoved(std::vector<std::vector<std::pair<long long, long long>>> const& ranges,
                        Component const& topology);
     /// Reorders the tiles of each depth: entry `i` of a list is the present place of the tile that
-    /// moves to place `i`. An empty list leaves a depth unchanged, and lists for depths that the
-    /// channel does not have are ignored. The channel then belongs to no tree until
-    /// updateTilesAdded sizes it to the topology of the reordered tree.
+    /// moves to place `i`. An empty list leaves a depth unchanged, and lists for depths of
+    /// the tree that the channel does not have are ignored. The channel then belongs to no tree
+    /// until updateTilesAdded sizes it to the topology of the reordered tree.
     virtual void updateTilesPermuted(std::vector<std::vector<long long>> const& sources);
     /// Moves elements within each depth, as if all at the same time. `to` and `from` are the number
     /// of the tile times the elements of a tile, plus the place in the tile. The other parameters

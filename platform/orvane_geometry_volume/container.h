@@ -35,8 +35,9 @@ struct TileRun {
 };
 
 /// The tiles of a sparse adaptive tree. A depth-0 tile, the root, covers the whole lattice of the
-/// tree; every other tile has its parent in the tree. Tiles are added and never removed, and a
-/// reference to a tile stays valid for as long as the tree lives.
+/// tree; every other tile has its parent in the tree. Tiles are added and never removed, but by a
+/// refinement that fails, which removes its own. A reference to a tile stays valid for as long as
+/// the tree lives.
 ///
 /// Any number of threads may read a tree while none adds to it.
 template <class Traits> class ZEL_PLATFORM_API Container : public Component {

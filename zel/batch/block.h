@@ -22,8 +22,8 @@ class FusionPlan;
 ///     zel::Block::Frame const frame(block);
 ///     zel::Columns<float> const v = block.values(child);
 ///
-/// A node of the library with several owners is evaluated once at each position, however many
-/// parents ask for it.
+/// A node of the library with several owners computes its values once at each position, however
+/// many parents ask for them, and its gradients once.
 class ZEL_API Block {
 public:
     using float3 = Orvane::Math::float3;

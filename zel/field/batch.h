@@ -10,8 +10,8 @@
 
 // The gradients at arrays of positions. Hooks, threads, element indices and exceptions are as in
 // the batch `eval` of a field. A gradient has the bits of the point `grad`, but for the sign and
-// the payload of a NaN. In a block of positions a node of the library computes its values once at
-// most, however many gradients above it need them.
+// the payload of a NaN. At each position a node of the library computes its values once, however
+// many gradients above it need them, or twice if it is light.
 namespace Core::Fields {
 
 /// The gradients at all positions.

@@ -48,8 +48,8 @@ public:
     /// derived from a node has the node's name unless it sets `typeName` itself.
     virtual Quern::String getType() const;
 
-    /// Called once before and once after a batch; operators pass both on to all their children.
-    /// Nothing here.
+    /// Called before and after a batch. Operators pass both on to all their children, but once a
+    /// batch: a leaf is called once for each operator's pointer to it. Nothing here.
     virtual void preSampleField() const;
     virtual void postSampleField() const;
 

@@ -87,10 +87,10 @@ private:
 /// A weighted sum of layers of curl noise, with the octaves of ScalarFieldFractalNoise but in
 /// single precision throughout.
 ///
-/// Where `time` is a ScalarFieldConstant and the noise is smooth, a batch evaluates it once: the
-/// hook before it keeps the value, and the hook after it drops it. Hooks and samples may run on any
-/// number of threads at once: a sample that finds no kept value evaluates `time`, to the same bits.
-/// A copy starts without a kept value.
+/// Where `time` is a ScalarFieldConstant and the noise is smooth, a batch evaluates it in its
+/// hooks alone: the hook before it keeps the value, and the hook after it drops it. Hooks and
+/// samples may run on any number of threads at once: a sample that finds no kept value evaluates
+/// `time`, to the same bits. A copy starts without a kept value.
 class ZEL_API VectorFieldFractalTurbulence
     : public HookedNode<VectorFieldFractalTurbulence, VectorField> {
 public:
@@ -125,7 +125,8 @@ private:
 
         static_assert(std::atomic<Time>::is_always_lock_free);
         std::atomic<Time> time = Time();
-        /// Of create_curl_noise_time_table(). No noise function takes a table yet.
+        /// Of the time, by create_curl_noise_time_table(). The octaves have times of their own, and
+        /// do not read it.
         std::array<std::atomic<float>, 16> timeTable = {};
     };
 

@@ -6,7 +6,7 @@
 #include "zel/node/node.h"
 
 // Implicit shapes: negative inside or behind, 0 on the surface, positive outside. Parameters are
-// not tested; numbers that are not finite give results that are not finite.
+// not tested; the results for numbers that are not finite are those of the formulas.
 namespace zel {
 
 /// The signed distance to a sphere. The radius may be negative. The gradient at the centre is zero.

@@ -54,7 +54,8 @@ private:
     ScalarPtr field;
 };
 
-/// asin(field). The gradient is 0 where field is 1 or above, -1, or NaN; NaN below -1.
+/// asin(field). The gradient is the child's times 0 where field is 1 or above, -1, or NaN; NaN
+/// below -1.
 class ZEL_API ScalarFieldArcSine : public PointwiseNode<ScalarFieldArcSine, ScalarField> {
 public:
     explicit ScalarFieldArcSine(ScalarPtr field_) : field(std::move(field_)) {}
@@ -78,7 +79,7 @@ private:
     ScalarPtr field;
 };
 
-/// acos(field). The gradient is 0 and NaN where that of ScalarFieldArcSine is.
+/// acos(field). The gradient is zero and NaN where that of ScalarFieldArcSine is.
 class ZEL_API ScalarFieldArcCosine : public PointwiseNode<ScalarFieldArcCosine, ScalarField> {
 public:
     explicit ScalarFieldArcCosine(ScalarPtr field_) : field(std::move(field_)) {}

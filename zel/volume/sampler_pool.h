@@ -31,8 +31,8 @@ public:
     SamplerPool& operator=(SamplerPool const&) = delete;
     ~SamplerPool() { clear(); }
 
-    /// The pointer of the calling thread, null at first. `exists` tells whether the thread has
-    /// called before. Throws std::bad_alloc.
+    /// The pointer of the calling thread, null at first. `exists` tells whether the thread, or one
+    /// whose identity it took over, has called before. Throws std::bad_alloc.
     ZEL_ALWAYS_INLINE Sampler*& local(bool& exists) {
         std::uint64_t const me = thisThread();
         std::uint64_t const hash = hashOf(me);

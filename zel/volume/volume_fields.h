@@ -28,10 +28,10 @@
 // with a scale is the exception: see ScalarOrvaneTriggered. The index of an element plays no part.
 //
 // Binding a linear node computes a halo for the whole channel, if the samples lie on the corners of
-// their voxels. It takes 1.7 times the memory of the channel, or twice that memory for trees of the
-// kind Traits<2, 4, 1>. Copies share it. The volume is shared, and must not change while it is
-// bound. Setting a node up - binding, copying to it, assigning to it - is not to run beside
-// sampling it.
+// their voxels. It takes 1.7 times the memory of a channel of all depths of the tree, or twice that
+// memory for trees of the kind Traits<2, 4, 1>. Copies share it. The volume is shared, and must not
+// change while it is bound. Setting a node up - binding, copying to it, assigning to it - is not to
+// run beside sampling it.
 //
 // Where a failure to bind cancels a task group, that is the innermost one around the running task.
 // A task that was enqueued to a tbb::task_arena has none of its own but the arena's. Cancelling

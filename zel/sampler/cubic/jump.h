@@ -10,8 +10,8 @@ namespace ORV::TileTree3D {
 /// The value of a channel at the data point of the voxel of `depth` whose low corner is the lattice
 /// point `tijk`. It is the voxel's sample where the tree has that voxel; else a blend of the eight
 /// samples around the data point, whose position `offsetType` tells, of the deepest tile there. The
-/// channel's default value outside the tree, above the channel's minimum depth, and instead of a
-/// blend of the root's samples.
+/// channel's default value outside the tree, above the channel's minimum depth, and, of a depth
+/// other than 0, instead of a blend of the root's samples.
 template <class Traits, class T>
 T sampleChannelPoint(int3 const& tijk, int depth, VoxelOffsetType offsetType,
                      DataChannel<Traits, T> const& channel,

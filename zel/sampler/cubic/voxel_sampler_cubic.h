@@ -48,12 +48,13 @@ public:
     /// `type` is a CubicType; with any other number an interpolation gives 0. `clamp` limits its
     /// result to the range of the values around it. With kJumpAdaptive, voxels whose entry in
     /// `dofChannel`, if not null, has a bit of `dofMask` are read from the coarser level, or in a
-    /// refined neighbour from the tile's own level; the flags are meant to cover whole voxels of
+    /// refined neighbour from the tile's own level, where a stencil is adaptive: on a data point,
+    /// at a jump, or above the depth limit. The flags are meant to cover whole voxels of
     /// the coarser level, none of which is refined: otherwise values are wrong. For a voxel index
     /// of -1, which only sampleVoxel takes, the flag is read from the halo of `dofChannel`. With
-    /// kJumpTrilinear and a topology of offset type 7, `cacheSize` tiles are kept with a halo, and
-    /// all samples are interpolated within those. Throws std::invalid_argument for a negative size,
-    /// and std::bad_alloc.
+    /// kJumpTrilinear and a topology of offset type 7, up to `cacheSize` tiles are kept with a
+    /// halo, and samples are interpolated within those, but for a voxel index of -1. Throws
+    /// std::invalid_argument for a negative size, and std::bad_alloc.
     VoxelSamplerCubic(Container<Traits> const& container, VoxelTopology<Traits> const& topology,
                       DataChannel<Traits, T> const& channel, std::int32_t type, bool clamp,
                       std::int32_t jumpHandling, DofChannel const* dofChannel, std::int32_t dofMask,
