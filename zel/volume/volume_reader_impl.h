@@ -137,7 +137,7 @@ void VolumeReader<T>::gradients(Columns<float3> const& positions, int count,
                 visit([&, x = x, y = y, z = z]<class Traits>(BoundVolume<Traits, T> const& volume) {
                     volume.linearSampler().sampleGradientBatch(
                         x, y, z, count, Traits::kMaxDepth, LinearSampler<Traits, T>::kWorldSpace,
-                        static_cast<float*>(nullptr), out.component);
+                        {}, out.component);
                     return true;
                 });
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "zel/sampler/common/float4.h"
+#include "zel/sampler/common/gradient.h"
 
 namespace ORV::TileTree3D::Internal {
 
@@ -55,18 +55,40 @@ public:
     LinearCell(float3 const* corner, int width) : m_corner(corner), m_width(width) {}
 
     float3 value(Float4 const& t) const {
-        Float4 const low = lerp(row(0, t[0]), row(m_width, t[0]), t[1]);
         int const slice = m_width * m_width;
-        Float4 const high = lerp(row(slice, t[0]), row(slice + m_width, t[0]), t[1]);
+        Float4 const low = lerp(row(0).at(t[0]), row(m_width).at(t[0]), t[1]);
+        Float4 const high = lerp(row(slice).at(t[0]), row(slice + m_width).at(t[0]), t[1]);
+        return float3Of(lerp(low, high, t[2]));
+    }
+    /// The same with the gradient. A component has the bits of a float's cell.
+    float3 value(Float4 const& t, float perVoxel, Orvane::Math::float3x3& gradient) const {
+        int const slice = m_width * m_width;
+        // By y, then z.
+        Row const a = row(0), b = row(m_width), c = row(slice), d = row(slice + m_width);
+        Float4 const low = lerp(a.at(t[0]), b.at(t[0]), t[1]);
+        Float4 const high = lerp(c.at(t[0]), d.at(t[0]), t[1]);
+        Float4 const dx =
+            lerp(lerp(a.step(), b.step(), t[1]), lerp(c.step(), d.step(), t[1]), t[2]);
+        Float4 const dy = lerp((b - a).at(t[0]), (d - c).at(t[0]), t[2]);
+        Float4 const dz = lerp((c - a).at(t[0]), (d - b).at(t[0]), t[1]);
+        gradient = gradientOf(dx, dy, dz, perVoxel);
         return float3Of(lerp(low, high, t[2]));
     }
 
 private:
-    /// Between two samples along x, six floats.
-    Float4 row(int offset, float t) const {
+    /// Two samples along x. The fourth elements are undefined.
+    struct Row {
+        Float4 low, high;
+
+        Float4 step() const { return high - low; }
+        Float4 at(float t) const { return lerp(low, high, t); }
+        Row operator-(Row const& other) const { return {low - other.low, high - other.high}; }
+    };
+
+    Row row(int offset) const {
         float const* const six = &m_corner[offset].x;
         Float4 const last = load(six + 2);
-        return lerp(load(six), __builtin_shufflevector(last, last, 1, 2, 3, 3), t);
+        return {load(six), __builtin_shufflevector(last, last, 1, 2, 3, 3)};
     }
 
     float3 const* m_corner;

@@ -233,18 +233,17 @@ void ZEL_DETAIL_LINEAR_SAMPLER::sampleBatch(float const* x, float const* y, floa
 }
 
 ZEL_DETAIL_LINEAR_HEAD
-template <std::same_as<float> Scalar>
-void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(float const* x, float const* y, float const* z,
-                                                    int count, int maxDepth, int space,
-                                                    Scalar* values,
-                                                    std::array<float*, 3> const& gradients) {
+void ZEL_DETAIL_LINEAR_SAMPLER::sampleGradientBatch(
+    float const* x, float const* y, float const* z, int count, int maxDepth, int space,
+    std::array<float*, kFloats> const& values, std::array<float*, 3 * kFloats> const& gradients) {
     forEachCell(x, y, z, count, maxDepth, space, [&](int i, CellBatch const& batch, unsigned n) {
-        float3 g;
-        float const v = value(batch.cell(n), batch.fraction(n), batch.depths[n], g);
-        if (values) values[i] = v;
-        gradients[0][i] = g.x;
-        gradients[1][i] = g.y;
-        gradients[2][i] = g.z;
+        GradientOf<T> gradient;
+        auto const v = std::bit_cast<std::array<float, kFloats>>(
+            value(batch.cell(n), batch.fraction(n), batch.depths[n], gradient));
+        auto const g = std::bit_cast<std::array<float, 3 * kFloats>>(gradient);
+        if (values[0])
+            for (std::size_t f = 0; f < kFloats; ++f) values[f][i] = v[f];
+        for (std::size_t f = 0; f < 3 * kFloats; ++f) gradients[f][i] = g[f];
     });
 }
 
@@ -252,9 +251,5 @@ template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 0, 0, 1
 template class VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
 template class VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
 template class VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
-template void LinearSampler<BinaryTraits, float>::sampleGradientBatch<float>(
-    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
-template void LinearSampler<QuinaryTraits, float>::sampleGradientBatch<float>(
-    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
 
 }  // namespace ORV::TileTree3D

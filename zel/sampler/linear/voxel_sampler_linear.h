@@ -56,13 +56,12 @@ public:
     }
 
     /// The value, and the exact gradient of the trilinear patch around the position by world units.
-    template <std::same_as<float> Scalar = T>
-    ZEL_ALWAYS_INLINE Scalar sampleGradient(Position const& position, int maxDepth, int space,
-                                            float3& gradient) {
+    ZEL_ALWAYS_INLINE T sampleGradient(Position const& position, int maxDepth, int space,
+                                       GradientOf<T>& gradient) {
         Internal::Int4 lijk;
         Internal::Float4 frac;
         if (!locateSampled(position, maxDepth, space, lijk, frac)) {
-            gradient = float3();
+            gradient = {};
             return m_defaultValue;
         }
         TreeIndex const tree = this->m_box->tree;
@@ -74,11 +73,11 @@ public:
     /// a T.
     void sampleBatch(float const* x, float const* y, float const* z, int count, int maxDepth,
                      int space, std::array<float*, kFloats> const& values);
-    /// sampleGradient() at `count` positions. `values` may be null.
-    template <std::same_as<float> Scalar = T>
+    /// sampleGradient() at `count` positions; one array for each float of a gradient, row after
+    /// row. The arrays of `values` may be null.
     void sampleGradientBatch(float const* x, float const* y, float const* z, int count,
-                             int maxDepth, int space, Scalar* values,
-                             std::array<float*, 3> const& gradients);
+                             int maxDepth, int space, std::array<float*, kFloats> const& values,
+                             std::array<float*, 3 * kFloats> const& gradients);
 
 private:
     /// A tile's samples with their halo, by the tile's index in its depth; -1 if there is none.
@@ -128,11 +127,10 @@ private:
         return cell.corner ? Internal::LinearCell<T>(cell.corner, cell.width).value(frac)
                            : m_defaultValue;
     }
-    template <std::same_as<float> Scalar = T>
-    Scalar value(Cell const& cell, Internal::Float4 const& frac, int depth,
-                 float3& gradient) const {
+    T value(Cell const& cell, Internal::Float4 const& frac, int depth,
+            GradientOf<T>& gradient) const {
         if (!cell.corner) {
-            gradient = float3();
+            gradient = {};
             return m_defaultValue;
         }
         float const perVoxel = Internal::voxelScale<Traits>(depth) * m_invWorldVoxel;
@@ -172,10 +170,5 @@ extern template class VoxelSamplerLinear<BinaryTraits, float, 1, float, float3, 
 extern template class VoxelSamplerLinear<BinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
 extern template class VoxelSamplerLinear<QuinaryTraits, float, 1, float, float3, 0, 0, 1, 0>;
 extern template class VoxelSamplerLinear<QuinaryTraits, float3, 1, float, float3, 0, 0, 1, 0>;
-// A class instantiation leaves out members that are templates.
-extern template void LinearSampler<BinaryTraits, float>::sampleGradientBatch<float>(
-    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
-extern template void LinearSampler<QuinaryTraits, float>::sampleGradientBatch<float>(
-    float const*, float const*, float const*, int, int, int, float*, std::array<float*, 3> const&);
 
 }  // namespace ORV::TileTree3D
