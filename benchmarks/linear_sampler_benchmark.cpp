@@ -6,6 +6,8 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -83,11 +85,9 @@ struct Reader {
 template <class Read> double sumOf(Positions const& at, Read const& read) {
     float sum = 0;
     for (int i = 0, n = at.count(); i < n; ++i) {
-        auto const value = read(at[i]);
-        if constexpr (sizeof value == sizeof(float))
-            sum += value;
-        else
-            sum += value.x + value.y + value.z;
+        auto const result = read(at[i]);
+        using Floats = std::array<float, sizeof result / sizeof(float)>;
+        for (float const part : std::bit_cast<Floats>(result)) sum += part;
     }
     return static_cast<double>(sum);
 }
@@ -154,7 +154,7 @@ public:
         m_halo.update(*m_volume.topology);
         computeHalo<Traits, T, 0, 0, 1, 0>(*m_volume.channel, *m_volume.container, m_halo, 0,
                                            Traits::kMaxDepth);
-        m_out.assign(static_cast<std::size_t>(6 * count), 0);
+        m_out.assign(4 * kFloats * static_cast<std::size_t>(count), 0);
         m_halos = std::make_unique<LinearSampler<Traits, T>>(*m_volume.container,
                                                              *m_volume.topology, m_halo);
         m_direct = std::make_unique<LinearSampler<Traits, T>>(
@@ -175,23 +175,23 @@ public:
             add(name + "/ring_block", [this] { return block(*m_ring); });
         }
         if constexpr (std::same_as<T, float>) {
-            std::string const gradient = name + "_gradient";
-            add(gradient + "/dense", [this] {
+            add(name + "_gradient/dense", [this] {
                 return sumOf(m_positions, [&](float3 const& p) {
                     float3 g;
                     float const v = m_dense.linear(p, &g);
                     return v + g.x + g.y + g.z;
                 });
             });
-            add(gradient + "/halo", [this] {
-                return sumOf(m_positions, [&](float3 const& p) {
-                    float3 g;
-                    float const v = m_halos->sampleGradient(p, Traits::kMaxDepth, kWorld, g);
-                    return v + g.x + g.y + g.z;
-                });
-            });
-            add(gradient + "/halo_block", [this] { return gradientBlock(); });
         }
+        std::string const gradient = name + "_gradient";
+        add(gradient + "/halo", [this] {
+            return sumOf(m_positions, [&](float3 const& p) {
+                Both both;
+                both.value = m_halos->sampleGradient(p, Traits::kMaxDepth, kWorld, both.gradient);
+                return both;
+            });
+        });
+        add(gradient + "/halo_block", [this] { return gradientBlock(); });
 #ifdef ZEL_WITH_OPENVDB
         m_vdb = std::make_unique<Vdb<T>>(m_dense);
         add(name + "/openvdb", [this] { return m_vdb->values(m_positions); });
@@ -220,6 +220,12 @@ public:
     }
 
 private:
+    static constexpr std::size_t kFloats = LinearSampler<Traits, T>::kFloats;
+    struct Both {
+        T value;
+        GradientOf<T> gradient;
+    };
+
     void add(std::string const& name, std::function<double()> run) {
         m_readers.push_back({name, std::move(run)});
     }
@@ -230,22 +236,26 @@ private:
             });
         });
     }
-    float* out(int array) {
-        return m_out.data() + array * count();
+    /// Arrays for results, from the first-th on.
+    template <std::size_t Count> std::array<float*, Count> out(std::size_t first) {
+        std::array<float*, Count> arrays;
+        for (std::size_t i = 0; i < Count; ++i)
+            arrays[i] = m_out.data() + (first + i) * static_cast<std::size_t>(count());
+        return arrays;
     }
     double block(LinearSampler<Traits, T>& sampler) {
         auto const& [x, y, z] = m_positions;
-        std::array<float*, sizeof(T) / sizeof(float)> values;
-        for (std::size_t i = 0; i < values.size(); ++i) values[i] = out(static_cast<int>(i));
+        auto const values = out<kFloats>(0);
         sampler.sampleBatch(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth, kWorld,
                             values);
         return static_cast<double>(*values[0]);
     }
     double gradientBlock() {
         auto const& [x, y, z] = m_positions;
+        auto const values = out<kFloats>(0);
         m_halos->sampleGradientBatch(x.data(), y.data(), z.data(), count(), Traits::kMaxDepth,
-                                     kWorld, out(0), {out(1), out(2), out(3)});
-        return static_cast<double>(*out(0));
+                                     kWorld, values, out<3 * kFloats>(kFloats));
+        return static_cast<double>(*values[0]);
     }
 
     int m_low, m_size;
@@ -273,7 +283,7 @@ void registerReader(Reader const& reader, int count) {
 }
 
 void printTable(RatioReporter const& report, std::vector<std::string> const& names) {
-    std::printf("\nread                                    median     least  of dense"
+    std::printf("\nread                                    median     least  of dense  of value"
                 "   (ns a position, one thread)\n");
     for (std::string const& name : names) {
         RatioReporter::Times const own = report[name];
@@ -282,6 +292,9 @@ void printTable(RatioReporter const& report, std::vector<std::string> const& nam
         printCell(own.median, 10, 2);
         printCell(own.least, 10, 2);
         printCell(ratio(own.median, dense), 10, 2);
+        std::string value = name;
+        if (auto const at = value.find("_gradient"); at != std::string::npos)
+            printCell(ratio(own.median, report[value.erase(at, 9)].median), 10, 2);
         std::printf("\n");
     }
 }
