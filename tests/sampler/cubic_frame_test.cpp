@@ -22,7 +22,7 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
     using T = typename TypeParam::Value;
     Random random(21);
     auto const targets = Quern::simdTargets();
-    int counts[3] = {};
+    int counts[3] = {}, compared[3] = {};
     for (int offsetType = 0; offsetType < 8; ++offsetType) {
         int const minDepth = offsetType % 3, deepest = Traits::kMaxDepth - offsetType % 2;
         TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), offsetType, minDepth,
@@ -41,12 +41,29 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
                     float3 const p = last = volume.step(random, last, n);
                     int const limit =
                         random(0, 3) > 0 ? Traits::kMaxDepth : random(-1, Traits::kMaxDepth + 1);
-                    auto const [kind, want, wantCached] = reference.sample(p, limit, type, clamp);
-                    ++counts[kind];
+                    auto const sample = reference.sample(p, limit, type, clamp);
+                    ++counts[sample.kind];
+                    T const want = sample.plain.value;
                     ASSERT_TRUE(same(walker.sample(p, limit, 0), want))
                         << "type " << type << " offsets " << offsetType << " at " << p.x << " "
-                        << p.y << " " << p.z << " limit " << limit << " kind " << kind;
-                    ASSERT_TRUE(same(cached.sample(p, limit, 0), wantCached)) << "kind " << kind;
+                        << p.y << " " << p.z << " limit " << limit << " kind " << sample.kind;
+                    ASSERT_TRUE(same(cached.sample(p, limit, 0), sample.cached.value));
+                    for (auto const& [sampler, answer] :
+                         {std::pair(&walker, &sample.plain), std::pair(&cached, &sample.cached)}) {
+                        GradientOf<T> gradient;
+                        T const value = sampler->sampleGradient(p, limit, 0, gradient);
+                        ASSERT_TRUE(same(value, answer->value));
+                        if (sample.kind == Reference<Traits, T>::kOutside) {
+                            ASSERT_TRUE(same(gradient, {}));
+                        } else if (n % 5 == 0) {
+                            compared[sample.kind] += Reference<Traits, T>::checkGradient(
+                                sample, *answer, clamp, gradient);
+                            ASSERT_FALSE(this->HasFailure())
+                                << "type " << type << " clamp " << clamp << " cached "
+                                << (sampler == &cached) << " at " << sample.frac.x << ' '
+                                << sample.frac.y << ' ' << sample.frac.z;
+                        }
+                    }
                     if (n % 16 == 0) {
                         ASSERT_TRUE(same(volume.sampler(type, clamp).sample(p, limit, 0), want));
                     }
@@ -55,6 +72,8 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
     }
     Quern::useSimdTarget(targets.front());
     for (int count : counts) EXPECT_GT(count, 500);
+    for (int kind : {Reference<Traits, T>::kUniform, Reference<Traits, T>::kJump})
+        EXPECT_GT(compared[kind], 2000);
 }
 
 /// On scan lines, on walks and at random positions, with each way to treat a jump.
@@ -86,24 +105,41 @@ TYPED_TEST(Frame, BlockIsPointByPoint) {
                 y.push_back(p.y * scale);
                 z.push_back(p.z * scale);
             }
-            std::vector<float> values[std::tuple_size_v<Floats>];
-            std::array<float*, std::tuple_size_v<Floats>> out;
-            for (unsigned c = 0; c < out.size(); ++c) {
-                values[c].assign(static_cast<std::size_t>(count) + 1, -3);
-                out[c] = values[c].data();
-            }
+            // Values by themselves, with their gradients, and gradients without them.
+            constexpr unsigned kValue = std::tuple_size_v<Floats>, kArrays = 8 * kValue;
+            std::vector<float> values[kArrays];
+            for (auto& array : values) array.assign(static_cast<std::size_t>(count) + 1, -3);
+            auto const arrays = [&]<std::size_t Count>(std::array<float*, Count> out,
+                                                       unsigned first) {
+                for (unsigned c = 0; c < Count; ++c) out[c] = values[first + c].data();
+                return out;
+            };
+            std::array<float*, kValue> const none{}, alone = arrays(none, 0),
+                                                     both = arrays(none, kValue);
+            std::array<float*, 3 *kValue> const gradients =
+                                                    arrays(decltype(gradients){}, 2 * kValue),
+                                                only = arrays(gradients, 5 * kValue);
             // One sampler goes on from block to block, with a point between them.
             auto other = volume.sampler(kCubicC1, true, jump, &volume.flags, cacheSize);
             if (count > 0) sampler.sample({y[0], z[0], x[0]}, 3, space);
             {
                 AllocationCount const allocations;
-                sampler.sampleBatch(x.data(), y.data(), z.data(), count, space, out);
+                auto const [i, j, k] = std::array{x.data(), y.data(), z.data()};
+                sampler.sampleBatch(i, j, k, count, space, alone);
+                sampler.sampleGradientBatch(i, j, k, count, space, both, gradients);
+                sampler.sampleGradientBatch(i, j, k, count, space, none, only);
                 EXPECT_EQ(allocations.blocks(), 0U);
             }
             for (unsigned i = 0; i < x.size(); ++i) {
-                auto const want = std::bit_cast<Floats>(other.sample({x[i], y[i], z[i]}, space));
-                for (unsigned c = 0; c < out.size(); ++c)
-                    ASSERT_TRUE(same(values[c][i], want[c])) << i << " of " << count;
+                GradientOf<T> gradient;
+                auto const value = std::bit_cast<Floats>(
+                    other.sampleGradient({x[i], y[i], z[i]}, space, gradient));
+                auto const slopes = std::bit_cast<std::array<float, 3 * kValue>>(gradient);
+                for (unsigned c = 0; c < kArrays; ++c)
+                    ASSERT_TRUE(same(values[c][i], c < 2 * kValue
+                                                       ? value[c % kValue]
+                                                       : slopes[(c - 2 * kValue) % (3 * kValue)]))
+                        << i << " of " << count << " array " << c;
             }
             for (auto const& component : values) EXPECT_EQ(component.back(), -3);
         }

@@ -1,11 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <vector>
 
-#include "sampler/places.h"
-#include "support/probe.h"
-#include "zel/sampler/cubic/kernels.h"
+#include "sampler/cubic_volume.h"
 
 namespace {
 
@@ -14,7 +11,6 @@ using namespace ORV::TileTree3D::Internal;
 using support::kInf;
 using support::kNaN;
 using support::same;
-using trees::lagrange;
 
 constexpr int kTypes[] = {kQuadraticC0Averaged, kCubicC0, kCubicC1, kCubicC1Monotonic};
 
@@ -37,35 +33,11 @@ float value(int type, Row const& row, bool atJump, bool clamp = false) {
     return interpolateValues1D(type, clamp, row.f, row.x, row.at, atJump);
 }
 
-/// The slope at point i of the parabola through it and its two neighbours.
-double slope(Row const& row, int i) {
-    double const h = row.x[i] - row.x[i - 1], g = row.x[i + 1] - row.x[i];
-    double const s = (row.f[i] - row.f[i - 1]) / h, t = (row.f[i + 1] - row.f[i]) / g;
-    return s + (t - s) * h / (h + g);
-}
-/// The cubic of two values and slopes, in Bezier's form.
-double hermite(Row const& row, double m1, double m2) {
-    double const h = row.x[2] - row.x[1], t = (row.at - row.x[1]) / h;
-    std::vector<double> p{row.f[1], row.f[1] + h * m1 / 3, row.f[2] - h * m2 / 3, row.f[2]};
-    for (std::size_t n = 3; n > 0; --n)
-        for (std::size_t i = 0; i < n; ++i) p[i] += (p[i + 1] - p[i]) * t;
-    return p[0];
-}
 double expected(int type, Row const& row) {
-    double const m1 = slope(row, 1), m2 = slope(row, 2), rise = double{row.f[2]} - row.f[1];
-    auto const limited = [&](double m) { return m * rise > 0 ? m : 0; };
-    switch (type) {
-    case kQuadraticC0Averaged:
-        return (lagrange({row.x, row.x + 3}, {row.f, row.f + 3}, row.at) +
-                lagrange({row.x + 1, row.x + 4}, {row.f + 1, row.f + 4}, row.at)) /
-               2;
-    case kCubicC0:
-        return lagrange({row.x, row.x + 4}, {row.f, row.f + 4}, row.at);
-    case kCubicC1:
-        return hermite(row, m1, m2);
-    default:
-        return hermite(row, limited(m1), limited(m2));
-    }
+    auto const four = [](float const(&from)[4]) {
+        return cubic::Four{from[0], from[1], from[2], from[3]};
+    };
+    return cubic::interpolant(type, four(row.x), four(row.f), row.at);
 }
 
 TEST(Interpolant, ClosedFormsEndsAndClamp) {

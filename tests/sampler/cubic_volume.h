@@ -1,8 +1,10 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cmath>
 #include <functional>
+#include <memory>
 
 #include "sampler/places.h"
 #include "support/make.h"
@@ -108,6 +110,67 @@ template <class Traits, class T> struct TestVolume {
     Internal::DofChannel<Traits> flags;
 };
 
+using Four = std::array<double, 4>;
+
+constexpr int kBlend = 7;
+
+/// The interpolant of a CubicType, or the straight line for kBlend, through points at `x` with
+/// values `f`.
+inline double interpolant(int type, Four const& x, Four const& f, double at) {
+    auto const through = [&](int first, int count) {
+        return lagrange({x.data() + first, x.data() + first + count},
+                        {f.data() + first, f.data() + first + count}, at);
+    };
+    if (type == kQuadraticC0Averaged) return (through(0, 3) + through(1, 3)) / 2;
+    if (type == kCubicC0) return through(0, 4);
+    if (type == kBlend) return f[1] + (f[2] - f[1]) * (at - x[1]) / (x[2] - x[1]);
+    if (type != kCubicC1 && type != kCubicC1Monotonic) return 0;
+    // The slope at a point of the parabola through it and its two neighbours.
+    auto const slope = [&](std::size_t i) {
+        double const h = x[i] - x[i - 1], g = x[i + 1] - x[i];
+        double const s = (f[i] - f[i - 1]) / h, t = (f[i + 1] - f[i]) / g;
+        double const m = s + (t - s) * h / (h + g);
+        return type == kCubicC1 || m * (f[2] - f[1]) > 0 ? m : 0;
+    };
+    // The cubic of two values and slopes, in Bezier's form.
+    double const h = x[2] - x[1], t = (at - x[1]) / h;
+    Four p{f[1], f[1] + h * slope(1) / 3, f[2] - h * slope(2) / 3, f[2]};
+    for (std::size_t n = 3; n > 0; --n)
+        for (std::size_t i = 0; i < n; ++i) p[i] += (p[i + 1] - p[i]) * t;
+    return p[0];
+}
+
+/// Values around a voxel, by offsets of -1 to 2 along x, y and z.
+template <class T> using Corner = std::function<T(int i, int j, int k)>;
+
+/// The interpolant in a voxel of component `c`, in double.
+template <class T>
+double interpolantAround(Corner<T> const& corner, unsigned c, int type, bool clamp,
+                         std::array<double, 3> const& t) {
+    constexpr Four kPlaces{-1, 0, 1, 2};
+    auto const value = [&](unsigned i, unsigned j, unsigned k) -> double {
+        T const v =
+            corner(static_cast<int>(i) - 1, static_cast<int>(j) - 1, static_cast<int>(k) - 1);
+        return std::bit_cast<std::array<float, sizeof(T) / sizeof(float)>>(v)[c];
+    };
+    Four planes{}, rows{};
+    double low = value(1, 1, 1), high = low;
+    unsigned const first = type == kBlend ? 1 : 0, end = 4 - first;
+    for (unsigned k = first; k < end; ++k) {
+        for (unsigned j = first; j < end; ++j) {
+            Four row{};
+            for (unsigned i = first; i < end; ++i) row[i] = value(i, j, k);
+            rows[j] = interpolant(type, kPlaces, row, t[0]);
+            if (k == 0 || k == 3 || j == 0 || j == 3) continue;
+            low = std::min({low, row[1], row[2]});
+            high = std::max({high, row[1], row[2]});
+        }
+        planes[k] = interpolant(type, kPlaces, rows, t[1]);
+    }
+    double const result = interpolant(type, kPlaces, planes, t[2]);
+    return clamp && type != kBlend ? std::clamp(result, low, high) : result;
+}
+
 /// A lattice point without a bound.
 using Point = std::array<long long, 3>;
 inline Point step(Point const& p, long long length, int i, int j, int k) {
@@ -120,11 +183,19 @@ public:
 
     explicit Reference(TestVolume<Traits, T> const& volume) : m_volume(volume) {}
 
-    /// The value, and that of a sampler with a cache, which blends over a jump within a tile's
+    /// The value, and how the voxel is interpolated; `type` may be kBlend.
+    struct Answer {
+        T value;
+        Corner<T> corner{};
+        int type = 0;
+    };
+    /// The answers of a sampler, and of one with a cache, which blends over a jump within a tile's
     /// halo.
     struct Sample {
         Kind kind;
-        T value, cached;
+        Answer plain, cached;
+        float3 frac{};
+        double voxel = 0;  ///< its width in world units
     };
     Sample sample(float3 const& v, int limit, int type, bool clamp) const {
         auto const& channel = m_volume.channel;
@@ -134,7 +205,7 @@ public:
         int3 lijk;
         float3 frac;
         base.locate(v, 0, found, lijk, frac, std::min(limit, channel.depth()), nullptr);
-        if (found.depth < std::max(channel.minDepth(), 0)) return {kOutside, outside, outside};
+        if (found.depth < std::max(channel.minDepth(), 0)) return {kOutside, {outside}, {outside}};
         auto const& tile = m_volume.container->tile(found);
         int const w = voxel<Traits>(tile.depth());
         Point llc{};
@@ -148,23 +219,55 @@ public:
                                  n >> 1 & 1, n & 1);
             isUniform = isUniform && deepest(p, tile.depth()).depth() == tile.depth();
         }
-        auto const corner = [&](int i, int j, int k) {
-            return point(step(llc, w, i, j, k), tile.depth());
+        auto const corner = [this, llc, w, depth = tile.depth()](int i, int j, int k) {
+            return point(step(llc, w, i, j, k), depth);
         };
+        double const inWorld = double{m_volume.container->voxelSize()} * w;
         if (isUniform) {
-            T const value = cubic(corner, frac, type, clamp);
-            return {kUniform, value, value};
+            Answer const answer{cubic(corner, frac, type, clamp), corner, type};
+            return {kUniform, answer, answer, frac, inWorld};
         }
-        T const value = trilinear(corner, frac);
-        if (m_volume.topology.offsetType() != 7) return {kJump, value, value};
+        Answer const blend{trilinear(corner, frac), corner, kBlend};
+        if (m_volume.topology.offsetType() != 7) return {kJump, blend, blend, frac, inWorld};
         constexpr int kW = Traits::kSamples;
-        TileData<T, kW + 1, 1, 0> halo((kW + 3) * (kW + 3) * (kW + 3));
+        using Halo = TileData<T, kW + 1, 1, 0>;
+        auto const halo = std::make_shared<Halo>((kW + 3) * (kW + 3) * (kW + 3));
         auto accessor = m_volume.container->tileAccessor();
-        setHaloTile<Traits, T, 0, 1, 0, 1>(found, channel, 4, 15, accessor, halo, T(), 1.0F, 7);
-        auto const inHalo = [&](int i, int j, int k) {
-            return halo(lijk.x + i, lijk.y + j, lijk.z + k);
+        setHaloTile<Traits, T, 0, 1, 0, 1>(found, channel, 4, 15, accessor, *halo, T(), 1.0F, 7);
+        auto const inHalo = [halo, lijk](int i, int j, int k) {
+            return (*halo)(lijk.x + i, lijk.y + j, lijk.z + k);
         };
-        return {kJump, value, cubic(inHalo, frac, type, clamp)};
+        Answer const inTile{cubic(inHalo, frac, type, clamp), inHalo, type};
+        return {kJump, blend, inTile, frac, inWorld};
+    }
+
+    /// Checks a gradient by world units against differences in double, but for the derivatives that
+    /// change where a limit begins at the place. Returns the number of those checked.
+    static int checkGradient(Sample const& sample, Answer const& answer, bool clamp,
+                             GradientOf<T> const& gradient) {
+        constexpr double kNear = 1e-5, kStep = 1e-7;  // rounding may move a place by kNear
+        using Floats = std::array<float, sizeof(gradient) / sizeof(float)>;
+        auto const got = std::bit_cast<Floats>(gradient);
+        int compared = 0;
+        for (unsigned n = 0; n < got.size(); ++n) {
+            // At the place moved along all axes.
+            auto const slope = [&](double move) {
+                std::array<double, 3> low{}, high{};
+                for (unsigned a = 0; a < 3; ++a)
+                    low[a] = high[a] = double{sample.frac[static_cast<int>(a)]} + move;
+                low[n % 3] -= kStep;
+                high[n % 3] += kStep;
+                auto const value = [&](auto const& t) {
+                    return interpolantAround(answer.corner, n / 3, answer.type, clamp, t);
+                };
+                return (value(high) - value(low)) / (2 * kStep);
+            };
+            double const below = slope(-kNear), above = slope(kNear);
+            if (std::abs(above - below) > 2e-4) continue;
+            ++compared;
+            EXPECT_NEAR(got[n] * sample.voxel, (below + above) / 2, 1e-4) << "float " << n;
+        }
+        return compared;
     }
 
     /// The cubic interpolant of the values `corner(i, j, k)` around a voxel.

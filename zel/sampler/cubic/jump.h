@@ -1,7 +1,8 @@
 #pragma once
 
-#include "zel/sampler/common/float4.h"
+#include "zel/sampler/common/gradient.h"
 #include "zel/sampler/common/instances.h"
+#include "zel/sampler/cubic/kernels.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 
 // Reading a channel at a point where the tree may be coarser than asked for.
@@ -33,6 +34,23 @@ template <class T> T blendCorners(T const (&corners)[8], float3 const& frac) {
             y0z1 = lerp(corners[1], corners[5], frac.x),
             y1z1 = lerp(corners[3], corners[7], frac.x);
     return lerp(lerp(y0z0, y1z0, frac.y), lerp(y0z1, y1z1, frac.y), frac.z);
+}
+
+/// The derivative of the blend by the fraction, times `scale`.
+template <class T>
+GradientOf<T> blendGradient(T const (&corners)[8], float3 const& frac, float scale) {
+    using Register = RegisterOf<T>;
+    Register at[2][2], step[2][2];  // by y and z: the blends along x, and the differences
+    for (int b = 0; b < 2; ++b)
+        for (int c = 0; c < 2; ++c) {
+            auto const low = RegisterTraits<T>::from(corners[c + 2 * b]);
+            step[b][c] = RegisterTraits<T>::from(corners[4 + c + 2 * b]) - low;
+            at[b][c] = step[b][c] * frac.x + low;
+        }
+    return gradientOf(
+        lerp(lerp(step[0][0], step[1][0], frac.y), lerp(step[0][1], step[1][1], frac.y), frac.z),
+        lerp(at[1][0] - at[0][0], at[1][1] - at[0][1], frac.z),
+        lerp(at[0][1] - at[0][0], at[1][1] - at[1][0], frac.y), scale);
 }
 
 }  // namespace Internal

@@ -89,6 +89,15 @@ template <class V> void limitSlopes(V& d, V& m1, V& m2) {
     d = std::bit_cast<V>(bits & rises);
 }
 
+/// Limits the derivatives of these, as the points move: to 0 where `m1`, `m2` or `d` became 0.
+template <class V>
+void limitDerivatives(V const& d, V const& m1, V const& m2, V& dd, V& dm1, V& dm2) {
+    constexpr V kZero{};
+    dd = cleared(dd, maskOf(d == kZero));
+    dm1 = cleared(dm1, maskOf(m1 == kZero));
+    dm2 = cleared(dm2, maskOf(m2 == kZero));
+}
+
 /// The coefficients that the interpolant of a type computes from the fraction t of the step from
 /// point 1, for points one step apart: weights, or the powers of t. For one fraction, or for four.
 template <int Type, class V> struct UniformWeights {
@@ -109,6 +118,26 @@ template <int Type, class V> struct UniformWeights {
             a = t;
             b = t2;
             c = t3;
+        }
+    }
+};
+
+/// The derivatives of UniformWeights by t.
+template <int Type, class V> struct UniformSlopeWeights {
+    V a{}, b{}, c{}, d{};
+
+    explicit UniformSlopeWeights(V t) {
+        if constexpr (Type == kQuadraticC0Averaged) {
+            a = 0.5F * t - 0.25F;
+            c = 1.25F - 0.5F * t;
+        } else if constexpr (Type == kCubicC0) {
+            V const t2 = t * t;
+            a = t - 0.33333334F - 0.5F * t2;
+            c = 1.0F + t - 1.5F * t2;
+            d = 0.5F * t2 - 0.16666667F;
+        } else {
+            b = 2.0F * t;
+            c = 3.0F * (t * t);
         }
     }
 };
@@ -136,6 +165,50 @@ public:
             V d = f2 - f1, m1 = 0.5F * (f2 - f0), m2 = 0.5F * (f3 - f1);
             limitSlopes(d, m1, m2);
             return f1 + m1 * m_a + (3.0F * d - 2.0F * m1 - m2) * m_b + (m1 + m2 - 2.0F * d) * m_c;
+        } else {
+            return V{};
+        }
+    }
+
+    /// The derivative of the value, as the points f move with the derivatives g.
+    template <class V> V derivative(V f0, V f1, V f2, V f3, V g0, V g1, V g2, V g3) const {
+        if constexpr (Type == kCubicC1Monotonic) {
+            V d = f2 - f1, m1 = 0.5F * (f2 - f0), m2 = 0.5F * (f3 - f1);
+            V dd = g2 - g1, dm1 = 0.5F * (g2 - g0), dm2 = 0.5F * (g3 - g1);
+            limitSlopes(d, m1, m2);
+            limitDerivatives(d, m1, m2, dd, dm1, dm2);
+            return g1 + dm1 * m_a + (3.0F * dd - 2.0F * dm1 - dm2) * m_b +
+                   (dm1 + dm2 - 2.0F * dd) * m_c;
+        } else {
+            return (*this)(g0, g1, g2, g3);
+        }
+    }
+
+private:
+    float m_a, m_b, m_c, m_d;
+};
+
+/// The derivative of UniformInterpolant by t. It is made of differences between points, and so
+/// exactly 0 where the points are equal.
+template <int Type> class UniformSlope {
+public:
+    UniformSlope(UniformSlopeWeights<Type, Float4> const& w, int lane)
+        : m_a(w.a[lane]), m_b(w.b[lane]), m_c(w.c[lane]), m_d(w.d[lane]) {}
+
+    template <class V> V operator()(V f0, V f1, V f2, V f3) const {
+        if constexpr (Type == kQuadraticC0Averaged) {
+            return m_a * ((f0 - f1) + (f3 - f1)) + m_c * (f2 - f1);
+        } else if constexpr (Type == kCubicC0) {
+            return m_a * (f0 - f1) + m_c * (f2 - f1) + m_d * (f3 - f1);
+        } else if constexpr (Type == kCubicC1) {
+            // The terms of the value, so that a compiler computes them once.
+            V const m1 = 0.5F * (f2 - f0), m2 = 0.5F * (f3 - f1);
+            return m1 + (3.0F * f2 - 3.0F * f1 - 2.0F * m1 - m2) * m_b +
+                   (2.0F * f1 - 2.0F * f2 + m1 + m2) * m_c;
+        } else if constexpr (Type == kCubicC1Monotonic) {
+            V d = f2 - f1, m1 = 0.5F * (f2 - f0), m2 = 0.5F * (f3 - f1);
+            limitSlopes(d, m1, m2);
+            return m1 + (3.0F * d - 2.0F * m1 - m2) * m_b + (m1 + m2 - 2.0F * d) * m_c;
         } else {
             return V{};
         }

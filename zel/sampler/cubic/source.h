@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "zel/sampler/common/voxel_sampler.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"
 #include "zel_platform/orvane_geometry_volume/voxel_topology.h"
 
@@ -25,7 +26,12 @@ template <class Traits, class T> struct CubicSource {
     T defaultValue = channel.defaultValue();
     std::int32_t minDepth = channel.minDepth();
     std::int32_t maxDepth = channel.depth();
+    /// 0 for a voxel size of 0, so that gradients are 0.
+    float invVoxelSize = container.voxelSize() == 0.0F ? 0.0F : 1.0F / container.voxelSize();
     typename Container<Traits>::ConstTileAccessor accessor = container.tileAccessor();
+
+    /// How many voxels of a depth one world unit is.
+    float voxelsPerUnit(int depth) const { return voxelScale<Traits>(depth) * invVoxelSize; }
 
     /// The deepest tile over a lattice point that is no deeper than `depth`.
     TileOf<Traits> const& tileAt(int3 const& p, int depth) const {

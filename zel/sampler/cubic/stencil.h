@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 
+#include "zel/sampler/common/gradient.h"
 #include "zel/sampler/cubic/kernels.h"
 #include "zel_platform/orvane_geometry_volume/traits.h"
 
@@ -37,14 +38,24 @@ public:
     /// The value at a fraction of the voxel: along x, then y, then z. `clamp` limits it to the
     /// range of the corners.
     T interpolate(std::int32_t type, bool clamp, Float4 const& frac) const;
+    /// The same with the gradient by the fraction, times `scale`. A component that is clamped has a
+    /// gradient of 0; not one that exceeds its range by no more than rounding may be the cause of.
+    T interpolate(std::int32_t type, bool clamp, Float4 const& frac, float scale,
+                  GradientOf<T>& gradient) const;
 
 private:
     static constexpr unsigned kFloats = kComponents == 1 ? 1 : 4;    // of a value
     static constexpr unsigned kRow = 4 * kFloats, kSlab = 4 * kRow;  // along z; along y and z
 
+    // `Gradient` is nothing, or a float, the scale, and a gradient to be set.
     template <int Type> T value(bool clamp, Float4 const& frac) const;
-    template <int Type> T narrowValue(bool clamp, Float4 const& frac) const;
-    template <int Type> T wideValue(bool clamp, Float4 const& frac) const;
+    template <int Type>
+    T value(bool clamp, Float4 const& frac, float scale, GradientOf<T>& gradient) const;
+    template <int Type, class... Gradient>
+    T narrowValue(bool clamp, Float4 const& frac, Gradient&... gradient) const;
+    template <int Type, class... Gradient>
+    T wideValue(bool clamp, Float4 const& frac, Gradient&... gradient) const;
+    void clearClamped(Register const& value, Register& x, Register& y, Register& z) const;
 
     // The offsets of the values of index `i` along x, and of index `j` along y.
     unsigned slab(int i) const { return (m_first[0] + static_cast<unsigned>(i)) % 4 * kSlab; }

@@ -59,11 +59,23 @@ public:
     T interpolate(CubicSource<Traits, T> const& source, Float4 const& frac) const {
         return m_stencil.interpolate(source.type, source.clamp, frac);
     }
+    /// The same with the gradient by world units.
+    T interpolate(CubicSource<Traits, T> const& source, Float4 const& frac,
+                  GradientOf<T>& gradient) const {
+        return m_stencil.interpolate(source.type, source.clamp, frac,
+                                     source.voxelsPerUnit(m_tree.depth), gradient);
+    }
 
     /// The blend of the eight corners, at a jump.
     T blend(CubicSource<Traits, T> const& source, float3 const& frac) {
         if (m_state == kAtJump) readCorners(source);
         return blendCorners(m_corners, frac);
+    }
+    /// The same with the gradient by world units.
+    T blend(CubicSource<Traits, T> const& source, float3 const& frac, GradientOf<T>& gradient) {
+        T const value = blend(source, frac);
+        gradient = blendGradient(m_corners, frac, source.voxelsPerUnit(m_tree.depth));
+        return value;
     }
 
 private:

@@ -4,6 +4,7 @@
 #include <bit>
 #include <span>
 
+#include "zel/sampler/cubic/adaptive/differences.h"
 #include "zel/sampler/cubic/adaptive/sample.h"
 
 namespace ORV::TileTree3D {
@@ -92,6 +93,23 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int depth, int spac
 }
 
 ZEL_DETAIL_CUBIC_HEAD
+T ZEL_DETAIL_CUBIC_SAMPLER::sampleGradient(Position const& position, int space,
+                                           Gradient& gradient) {
+    return sampleGradient(position, Traits::kMaxDepth, space, gradient);
+}
+
+ZEL_DETAIL_CUBIC_HEAD
+T ZEL_DETAIL_CUBIC_SAMPLER::sampleGradient(Position const& position, int depth, int space,
+                                           Gradient& gradient) {
+    Int4 lijk;
+    Float4 frac;
+    if (this->locateVoxel(position, space, std::min(m_source.maxDepth, depth), lijk, frac))
+        return valueInTile(this->m_box->tree, lijk, frac, depth, gradient);
+    gradient = {};
+    return m_source.defaultValue;
+}
+
+ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk, float3 const& frac,
                                         int depth, bool debug) {
     if (!isSampled(tree)) return m_source.defaultValue;
@@ -113,19 +131,24 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sampleVoxel(TreeIndex const& tree, int3 const& lijk,
 }
 
 ZEL_DETAIL_CUBIC_HEAD
+template <class... ToSet>
 inline T ZEL_DETAIL_CUBIC_SAMPLER::valueInTile(TreeIndex const& tree, Int4 const& lijk,
-                                               Float4 const& frac, int depth) {
-    if (m_source.minDepth > tree.depth) return m_source.defaultValue;
-    if (m_source.jumpHandling != kJumpTrilinear) return adaptive(tree, lijk, frac, depth);
-    return m_voxel.is(tree, lijk) || enterVoxel(tree, lijk) ? valueHere(frac)
-                                                            : m_source.defaultValue;
+                                               Float4 const& frac, int depth, ToSet&... gradient) {
+    if (m_source.minDepth <= tree.depth) {
+        if (m_source.jumpHandling != kJumpTrilinear)
+            return adaptive(tree, lijk, frac, depth, gradient...);
+        if (m_voxel.is(tree, lijk) || enterVoxel(tree, lijk)) return valueHere(frac, gradient...);
+    }
+    ((gradient = {}), ...);
+    return m_source.defaultValue;
 }
 
 /// The value at a fraction of m_voxel.
 ZEL_DETAIL_CUBIC_HEAD
-inline T ZEL_DETAIL_CUBIC_SAMPLER::valueHere(Float4 const& frac) {
-    return m_voxel.atJump() ? m_voxel.blend(m_source, Internal::float3Of(frac))
-                            : m_voxel.interpolate(m_source, frac);
+template <class... ToSet>
+inline T ZEL_DETAIL_CUBIC_SAMPLER::valueHere(Float4 const& frac, ToSet&... gradient) {
+    return m_voxel.atJump() ? m_voxel.blend(m_source, Internal::float3Of(frac), gradient...)
+                            : m_voxel.interpolate(m_source, frac, gradient...);
 }
 
 /// Makes m_voxel a voxel of a tile. Returns false if there is no such tile.
@@ -143,18 +166,32 @@ bool ZEL_DETAIL_CUBIC_SAMPLER::enterVoxel(TreeIndex const& tree, Int4 const& lij
 }
 
 ZEL_DETAIL_CUBIC_HEAD
-T ZEL_DETAIL_CUBIC_SAMPLER::adaptive(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac,
-                                     int depth) {
+template <class... ToSet>
+[[gnu::noinline]] T ZEL_DETAIL_CUBIC_SAMPLER::adaptive(TreeIndex const& tree, Int4 const& lijk,
+                                                       Float4 const& frac, int depth,
+                                                       ToSet&... gradient) {
     // Between data points, away from jumps and with no finer tile to read, the kernels give the
-    // same value.
+    // same value. On a data point along an axis they give the gradient of the values around it.
     bool const between = frac[0] != 0 && frac[1] != 0 && frac[2] != 0;
-    if (between && tree.depth == std::min(m_source.maxDepth, depth) &&
-        (m_voxel.is(tree, lijk) || enterVoxel(tree, lijk)) && !m_voxel.atJump()) {
-        T const value = m_voxel.interpolate(m_source, frac);
-        if (!Internal::isNaN(value)) return value;
+    bool const wanted = between || sizeof...(ToSet) > 0;
+    bool const byKernel = wanted && tree.depth == std::min(m_source.maxDepth, depth) &&
+                          (m_voxel.is(tree, lijk) || enterVoxel(tree, lijk)) && !m_voxel.atJump();
+    if (byKernel) {
+        T const value = m_voxel.interpolate(m_source, frac, gradient...);
+        if (Internal::isNaN(value))
+            ((gradient = {}), ...);
+        else if (between)
+            return value;
     }
-    return Internal::adaptiveValue<Traits, T, Internal::NoTrace>(
-        m_source, m_memo, tree, Internal::int3Of(lijk), Internal::float3Of(frac), depth);
+    int3 const voxel = Internal::int3Of(lijk);
+    float3 const fraction = Internal::float3Of(frac);
+    T const value = Internal::adaptiveValue<Traits, T, Internal::NoTrace>(m_source, m_memo, tree,
+                                                                          voxel, fraction, depth);
+    if (!byKernel)
+        ((gradient =
+              Internal::adaptiveDifferences(m_source, m_memo, tree, voxel, fraction, depth, value)),
+         ...);
+    return value;
 }
 
 /// Locates the first of some positions, kBatch at most, finds the cubes of their stencils, and
@@ -215,6 +252,27 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateStencils(float const* x, float const* y, flo
     return static_cast<int>(end);
 }
 
+/// Calls use(i, located) for each position i in order, with m_voxel its voxel if the tile has
+/// samples. Not for kJumpAdaptive or halo tiles.
+ZEL_DETAIL_CUBIC_HEAD
+template <class Use>
+ZEL_ALWAYS_INLINE inline void
+ZEL_DETAIL_CUBIC_SAMPLER::forEachStencil(float const* x, float const* y, float const* z, int count,
+                                         int space, Use const& use) {
+    std::array<Located, kBatch> located;
+    Cubes cubes;
+    for (int first = 0; first < count; first += kBatch) {
+        int const end =
+            locateStencils(x + first, y + first, z + first, count - first, space, located, cubes);
+        for (int n = 0; n < end; ++n) {
+            Located const& l = located[static_cast<unsigned>(n)];
+            if (isSampled(l.tree) && !m_voxel.is(l.tree, l.lijk))
+                m_voxel.readCube(l.tree, l.lijk, cubes[l.cube]);
+            use(first + n, l);
+        }
+    }
+}
+
 ZEL_DETAIL_CUBIC_HEAD
 void ZEL_DETAIL_CUBIC_SAMPLER::sampleBatch(float const* x, float const* y, float const* z,
                                            int count, int space,
@@ -223,23 +281,40 @@ void ZEL_DETAIL_CUBIC_SAMPLER::sampleBatch(float const* x, float const* y, float
         auto const floats = std::bit_cast<std::array<float, kComponents>>(value);
         for (unsigned c = 0; c < unsigned{kComponents}; ++c) values[c][i] = floats[c];
     };
-    if (m_source.jumpHandling != kJumpTrilinear || m_cache.enabled()) {
+    if (isPointwise()) {
         for (int i = 0; i < count; ++i) put(i, sample({x[i], y[i], z[i]}, space));
         return;
     }
-    std::array<Located, kBatch> located;
-    Cubes cubes;
-    for (int first = 0; first < count; first += kBatch) {
-        int const end =
-            locateStencils(x + first, y + first, z + first, count - first, space, located, cubes);
-        for (int n = 0; n < end; ++n) {
-            Located const& l = located[static_cast<unsigned>(n)];
-            bool const sampled = isSampled(l.tree);
-            if (sampled && !m_voxel.is(l.tree, l.lijk))
-                m_voxel.readCube(l.tree, l.lijk, cubes[l.cube]);
-            put(first + n, sampled ? valueHere(l.frac) : m_source.defaultValue);
+    forEachStencil(x, y, z, count, space, [&](int i, Located const& l) ZEL_ALWAYS_INLINE {
+        put(i, isSampled(l.tree) ? valueHere(l.frac) : m_source.defaultValue);
+    });
+}
+
+ZEL_DETAIL_CUBIC_HEAD
+void ZEL_DETAIL_CUBIC_SAMPLER::sampleGradientBatch(
+    float const* x, float const* y, float const* z, int count, int space,
+    std::array<float*, kComponents> const& values,
+    std::array<float*, 3 * kComponents> const& gradients) {
+    auto const put = [&](int i, T const& value, Gradient const& gradient) {
+        auto const v = std::bit_cast<std::array<float, kComponents>>(value);
+        auto const g = std::bit_cast<std::array<float, 3 * kComponents>>(gradient);
+        if (values[0])
+            for (unsigned c = 0; c < unsigned{kComponents}; ++c) values[c][i] = v[c];
+        for (unsigned c = 0; c < 3 * unsigned{kComponents}; ++c) gradients[c][i] = g[c];
+    };
+    if (isPointwise()) {
+        for (int i = 0; i < count; ++i) {
+            Gradient gradient;
+            T const value = sampleGradient({x[i], y[i], z[i]}, space, gradient);
+            put(i, value, gradient);
         }
+        return;
     }
+    forEachStencil(x, y, z, count, space, [&](int i, Located const& l) ZEL_ALWAYS_INLINE {
+        Gradient gradient;
+        T const value = isSampled(l.tree) ? valueHere(l.frac, gradient) : m_source.defaultValue;
+        put(i, value, gradient);
+    });
 }
 
 template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;

@@ -21,6 +21,8 @@
 //    planes and a volume of points that StencilPoints looks up, some by a sample of their own.
 // 6. sampleBatch does 1 and looks up the tile cubes of 3 for 32 positions ahead, so that the waits
 //    for memory overlap; with kJumpAdaptive or halo tiles it samples position by position.
+// 7. Gradients go the same way, each with its value: that of the interpolant or of the blend in 4,
+//    and where adaptiveValue is needed differences of it (adaptive/differences.h).
 namespace ORV::TileTree3D {
 
 /// What a cubic sampler does where tiles of different depth meet. Any other number is
@@ -67,10 +69,28 @@ public:
     /// As if the tree ended at a depth.
     T sample(Position const& position, int depth, int space);
 
+    /// The value of sample(), and the derivative of the interpolant by world units: of the kernels,
+    /// or where tiles of different depth meet of the blend. On a face between voxels it is that of
+    /// the voxel above. A component that `clamp` limits has a gradient of 0, and so has the default
+    /// value where a sample is that.
+    ///
+    /// With kJumpAdaptive, where tiles of different depth meet and in tiles that are coarser than
+    /// the channel and `depth` allow, the gradient is taken by differences of values 1/64 of a
+    /// voxel apart, to the inside of the voxel near its faces: values change their formula within a
+    /// voxel there. Six to nine samples more are taken.
+    T sampleGradient(Position const& position, int space, GradientOf<T>& gradient);
+    T sampleGradient(Position const& position, int depth, int space, GradientOf<T>& gradient);
+
     /// sample() at `count` positions, in their order and bit for bit; one array for each float of
     /// a T.
     void sampleBatch(float const* x, float const* y, float const* z, int count, int space,
                      std::array<float*, kComponents> const& values);
+
+    /// sampleGradient() at `count` positions; one array for each float of a gradient, row after
+    /// row. The arrays of `values` may be null.
+    void sampleGradientBatch(float const* x, float const* y, float const* z, int count, int space,
+                             std::array<float*, kComponents> const& values,
+                             std::array<float*, 3 * kComponents> const& gradients);
 
     /// The value at a fraction of a voxel of a tile, counted from the voxel's sample. The voxel is
     /// limited to -1 to W - 1 along each axis. `depth` limits the depth of the tiles that are read,
@@ -82,6 +102,7 @@ private:
     using Tile = TileOf<Traits>;
     using Float4 = Internal::Float4;
     using Int4 = Internal::Int4;
+    using Gradient = GradientOf<T>;
 
     using TileCube = Internal::TileCube<T>;
     using typename VoxelSampler<Traits, Ts, Position>::VoxelBatch;
@@ -104,10 +125,23 @@ private:
     bool isCached(Int4 const& lijk) const {
         return m_cache.enabled() && lijk[0] >= 0 && lijk[1] >= 0 && lijk[2] >= 0;
     }
-    T valueInTile(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth);
-    T valueHere(Float4 const& frac);
+
+    /// Whether batches are sampled position by position.
+    bool isPointwise() const {
+        return m_source.jumpHandling != kJumpTrilinear || m_cache.enabled();
+    }
+    // `ToSet` is nothing, or a gradient.
+    template <class... ToSet>
+    T valueInTile(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth,
+                  ToSet&... gradient);
+    template <class... ToSet> T valueHere(Float4 const& frac, ToSet&... gradient);
     bool enterVoxel(TreeIndex const& tree, Int4 const& lijk);
-    T adaptive(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth);
+    template <class... ToSet>
+    T adaptive(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth,
+               ToSet&... gradient);
+    template <class Use>
+    void forEachStencil(float const* x, float const* y, float const* z, int count, int space,
+                        Use const& use);
     int locateStencils(float const* x, float const* y, float const* z, int count, int space,
                        std::array<Located, kBatch>& located, Cubes& cubes);
 
