@@ -78,6 +78,9 @@ TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
                 for (float3 const& p : kNowhere) {
                     EXPECT_TRUE(same(node.eval(p, 0), outside<T>()));
                     EXPECT_TRUE(same(late.eval(p, 0), outside<T>()));
+                    GradientOf<T> exact;
+                    EXPECT_TRUE(same(node.held().exactGradient(p, exact), outside<T>()));
+                    EXPECT_TRUE(same(exact, {}));
                     if (linear && std::is_same_v<T, float>) {
                         EXPECT_TRUE(same(node.grad(p, 0), {}));
                     }
@@ -102,6 +105,9 @@ TEST(VolumeNodes, AnswerZeroForOtherSamplerTypes) {
         Scalar const node(object, "d", SamplerType(number));
         EXPECT_TRUE(node.bound() && !node.held().hasHalo());
         EXPECT_TRUE(same(node.eval({0.1F, 0, 0}, 0), 0.0F) && same(node.grad({0.1F, 0, 0}, 0), {}));
+        float3 exact{1, 2, 3};
+        EXPECT_EQ(node.held().exactGradient({0.1F, 0, 0}, exact), 0);
+        EXPECT_TRUE(same(exact, {}));
         EXPECT_EQ(node.samplers(), 0);
     }
 }
@@ -156,6 +162,95 @@ TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
     Counted const node(object, "d", SamplerType::kCubicC1);
     EXPECT_TRUE(same(node.grad({-0.2F, -0.1F, -0.3F}, 12), kSlope * 2, 1e-3F));
     EXPECT_EQ(node.calls, 6);
+}
+
+/// Functions that cubic samplers reproduce. Within 1 of the origin they rise or fall along each
+/// axis, so that no value is clamped.
+double quadratic(std::size_t row, std::array<double, 3> const& d) {
+    auto const [x, y, z] = d;
+    return std::array{3 * x - 2 * y + 5 * z + x * x - y * z / 2,
+                      2 * x + 3 * y - 4 * z + y * z - z * z,
+                      -2 * x + 2 * y - 4 * z + x * y + y * y / 4}[row];
+}
+
+template <class T> struct ValueAndGradient {
+    T value;
+    GradientOf<T> gradient{};
+    auto floats() const { return std::bit_cast<std::array<float, sizeof(*this) / 4>>(*this); }
+};
+
+/// Exact gradients against differences in double, near the origin of the world and far away; and
+/// blocks of them to the bit.
+TEST(ExactGradients, AreThoseOfTheFunction) {
+    forAllKinds([]<class Traits, class T>(Traits, T) {
+        constexpr float kVoxel = 0.125F;
+        constexpr std::size_t kCount = 200, kRows = sizeof(T) / sizeof(float);
+        for (float const far : {0.001F, 1.0F, 50.0F, 10000.0F}) {
+            float3 const centre{far, -far, far};
+            auto const from = [&](float3 const& p, std::size_t a) {
+                return double{p[static_cast<int>(a)]} - double{centre[static_cast<int>(a)]};
+            };
+            auto const volume = buildVolume<Traits, T>(
+                kVoxel, Traits::kMaxDepth,
+                [&](float3 const& low, float3 const& high, int) {
+                    bool near = true;
+                    for (std::size_t a = 0; a < 3; ++a)
+                        near = near && from(low, a) < 3 && from(high, a) > -3;
+                    return near;
+                },
+                [&](float3 const& p) {
+                    auto const f = [&](std::size_t row) {
+                        return static_cast<float>(
+                            quadratic(row, {from(p, 0), from(p, 1), from(p, 2)}));
+                    };
+                    return make<T>(f(0), f(1), f(2));
+                },
+                outside<T>());
+            for (SamplerType const type : kTypes) {
+                zel::detail::VolumeReader<T> reader("d", type);
+                reader.bind(host(volume));
+                std::array<std::array<float, kCount>, 3 + 7 * kRows> columns{};
+                zel::ColumnWriter<float3> const at{
+                    {columns[0].data(), columns[1].data(), columns[2].data()}};
+                zel::ColumnWriter<T> values;
+                zel::ColumnWriter<GradientOf<T>> gradients, alone;
+                for (std::size_t c = 0; c < 3 * kRows; ++c) {
+                    if (c < kRows) values.component[c] = columns[3 + c].data();
+                    gradients.component[c] = columns[3 + kRows + c].data();
+                    alone.component[c] = columns[3 + 4 * kRows + c].data();
+                }
+                auto const places = positions(kCount, 1);
+                for (int n = 0; n < int{kCount}; ++n) at.set(n, centre + places[n]);
+                zel::Columns<float3> const all{{at.component[0], at.component[1], at.component[2]}};
+                reader.exactGradients(all, kCount, &values, gradients);
+                reader.exactGradients(all, kCount, nullptr, alone);
+                for (std::size_t n = 0; n < kCount; ++n) {
+                    float3 const p = all[static_cast<int>(n)];
+                    ValueAndGradient<T> both{};
+                    both.value = reader.exactGradient(p, both.gradient);
+                    ASSERT_TRUE(same(both.value, reader.value(p)));
+                    auto const floats = both.floats();
+                    for (std::size_t c = 0; c < 4 * kRows; ++c)
+                        ASSERT_TRUE(same(columns[3 + c][n], floats[c]));
+                    for (std::size_t c = 0; c < 3 * kRows; ++c) {
+                        ASSERT_TRUE(same(columns[3 + 4 * kRows + c][n], floats[kRows + c]));
+                        // Along an axis a linear sampler has the difference over the voxel.
+                        std::size_t const axis = c % 3;
+                        float const lowest = std::floor(p[static_cast<int>(axis)] / kVoxel);
+                        bool const linear = type == SamplerType::kLinear;
+                        double const step = linear ? double{kVoxel} : 2e-4;
+                        std::array low{from(p, 0), from(p, 1), from(p, 2)}, high = low;
+                        low[axis] = linear ? from(float3{1, 1, 1} * (lowest * kVoxel), axis)
+                                           : low[axis] - step / 2;
+                        high[axis] = low[axis] + step;
+                        double const slope =
+                            (quadratic(c / 3, high) - quadratic(c / 3, low)) / step;
+                        ASSERT_NEAR(floats[kRows + c], slope, 1e-4 * 7) << far << ' ' << c;
+                    }
+                }
+            }
+        }
+    });
 }
 
 // The scale of triggered nodes.

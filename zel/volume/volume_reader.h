@@ -68,6 +68,16 @@ public:
     /// Whether gradient() has an answer; without a volume it has.
     bool hasGradients() const;
 
+    using Gradient = ORV::TileTree3D::GradientOf<T>;
+
+    /// value(), with the derivative of the interpolant by world units of the volume: see the
+    /// samplers. It is zero where the value is the default value, or where value() is zero for want
+    /// of a volume or a sampler.
+    T exactGradient(float3 const& position, Gradient& result) const;
+    /// The same at many positions. `values` may be null.
+    void exactGradients(Columns<float3> const& positions, int count, ColumnWriter<T> const* values,
+                        ColumnWriter<Gradient> const& out) const;
+
     /// The bound volume if its tree is of the kind Traits; else null.
     template <class Traits> VolumeStateOf<Traits, T> const* state() const {
         auto const* const volume = std::get_if<BoundVolume<Traits, T>>(&m_volume);

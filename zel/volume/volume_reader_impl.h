@@ -145,6 +145,45 @@ void VolumeReader<T>::gradients(Columns<float3> const& positions, int count,
         for (float* const to : out.component) std::fill_n(to, count, 0.0F);
 }
 
+template <class T>
+T VolumeReader<T>::exactGradient(float3 const& position, Gradient& result) const {
+    result = {};
+    return visit([&]<class Traits>(BoundVolume<Traits, T> const& volume) {
+        if (m_type == SamplerType::kLinear)
+            return volume.linearSampler().sampleGradient(
+                position, Traits::kMaxDepth, LinearSampler<Traits, T>::kWorldSpace, result);
+        if (isCubic(m_type))
+            return volume.cubicSampler(m_type).sampleGradient(
+                position, CubicSampler<Traits, T>::kWorldSpace, result);
+        return T{};
+    });
+}
+
+template <class T>
+void VolumeReader<T>::exactGradients(Columns<float3> const& positions, int count,
+                                     ColumnWriter<T> const* values,
+                                     ColumnWriter<Gradient> const& out) const {
+    auto const [x, y, z] = positions.component;
+    auto const to = values ? values->component : decltype(values->component){};
+    bool const read =
+        visit([&, x = x, y = y, z = z]<class Traits>(BoundVolume<Traits, T> const& volume) {
+            if (m_type == SamplerType::kLinear)
+                volume.linearSampler().sampleGradientBatch(x, y, z, count, Traits::kMaxDepth,
+                                                           LinearSampler<Traits, T>::kWorldSpace,
+                                                           to, out.component);
+            else if (isCubic(m_type))
+                volume.cubicSampler(m_type).sampleGradientBatch(
+                    x, y, z, count, CubicSampler<Traits, T>::kWorldSpace, to, out.component);
+            else
+                return false;
+            return true;
+        });
+    if (read) return;
+    for (float* const column : to)
+        if (column) std::fill_n(column, count, 0.0F);
+    for (float* const column : out.component) std::fill_n(column, count, 0.0F);
+}
+
 template <class T> bool VolumeReader<T>::hasGradients() const {
     return !isCubic(m_type) || !isBound();
 }
