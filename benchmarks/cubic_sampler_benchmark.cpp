@@ -6,6 +6,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -109,11 +111,25 @@ public:
                 *m_volume.container, *m_volume.topology, *m_volume.channel, type, true,
                 kJumpTrilinear, nullptr, 0, 0);
             auto& sampler = *m_samplers[type];
-            add("type_" + std::to_string(type), [this, &sampler] {
+            std::string const reader = "type_" + std::to_string(type);
+            add(reader, [this, &sampler] {
                 return m_positions.sum([&](float3 const& p) { return sampler.sample(p, kWorld); });
             });
+            add(reader + "_block", [this, &sampler] { return block(sampler); });
+            // Values with their gradients, against the values.
+            auto const addGradient = [&](std::string const& form, std::function<double()> run) {
+                readers.push_back({name + "/" + reader + "_gradient" + form,
+                                   name + "/" + reader + form, count, std::move(run)});
+            };
+            addGradient("", [this, &sampler] {
+                return m_positions.sum([&](float3 const& p) {
+                    Both both;
+                    both.value = sampler.sampleGradient(p, kWorld, both.gradient);
+                    return both.sum();
+                });
+            });
+            addGradient("_block", [this, &sampler] { return gradientBlock(sampler); });
         }
-        add("type_1_block", [this] { return block(); });
 #ifdef ZEL_WITH_OPENVDB
         using openvdb::Coord, openvdb::CoordBBox;
         CoordBBox const box(Coord(m_low), Coord(m_low + m_size - 1));
@@ -148,13 +164,36 @@ public:
     }
 
 private:
-    double block() {
-        std::array<float*, Sampler<Traits, T>::kComponents> out;
+    static constexpr std::size_t kFloats = Sampler<Traits, T>::kComponents;
+    struct Both {
+        T value;
+        GradientOf<T> gradient;
+
+        float sum() const {
+            float total = 0;
+            for (float f : std::bit_cast<std::array<float, 4 * kFloats>>(*this)) total += f;
+            return total;
+        }
+    };
+
+    /// Arrays for results, from the first-th on.
+    template <std::size_t Count> std::array<float*, Count> out(std::size_t first) {
         auto const n = static_cast<std::size_t>(m_positions.count());
-        m_out.resize(n * out.size());
-        for (std::size_t c = 0; c < out.size(); ++c) out[c] = m_out.data() + n * c;
-        m_samplers[1]->sampleBatch(m_positions.x.data(), m_positions.y.data(), m_positions.z.data(),
-                                   m_positions.count(), kWorld, out);
+        m_out.resize(4 * kFloats * n);
+        std::array<float*, Count> arrays;
+        for (std::size_t c = 0; c < Count; ++c) arrays[c] = m_out.data() + n * (first + c);
+        return arrays;
+    }
+    double block(Sampler<Traits, T>& sampler) {
+        auto const& [x, y, z] = m_positions;
+        sampler.sampleBatch(x.data(), y.data(), z.data(), m_positions.count(), kWorld,
+                            out<kFloats>(0));
+        return m_out[0];
+    }
+    double gradientBlock(Sampler<Traits, T>& sampler) {
+        auto const& [x, y, z] = m_positions;
+        sampler.sampleGradientBatch(x.data(), y.data(), z.data(), m_positions.count(), kWorld,
+                                    out<kFloats>(0), out<3 * kFloats>(kFloats));
         return m_out[0];
     }
 
@@ -215,8 +254,9 @@ private:
 };
 
 void printTable(RatioReporter const& report, Readers const& readers) {
-    std::printf("\nread                                    median     least   ratio"
-                "   (ns a position, one thread; to the dense array, or to uniform)\n");
+    std::printf(
+        "\nread                                    median     least   ratio"
+        "   (ns a position, one thread; to the dense array, to values alone, or to uniform)\n");
     for (Reader const& reader : readers) {
         RatioReporter::Times const own = report[reader.name];
         std::printf("%-36s", reader.name.c_str());
