@@ -15,7 +15,8 @@ public:
     }
 
     /// Makes this a voxel of a tile, with the stencil from the cube of that voxel.
-    void readCube(TreeIndex const& tree, Int4 const& lijk, TileCube<T> const& cube) {
+    ZEL_ALWAYS_INLINE void readCube(TreeIndex const& tree, Int4 const& lijk,
+                                    TileCube<T> const& cube) {
         become(tree, lijk, cube.atJump ? kAtJump : kUniform);
         if (cube.atJump) return;
         Int4 const low = lowestOf<Traits>(lijk);

@@ -54,7 +54,7 @@ template <> class LinearCell<float3> {
 public:
     LinearCell(float3 const* corner, int width) : m_corner(corner), m_width(width) {}
 
-    float3 value(Float4 const& t) const {
+    ZEL_ALWAYS_INLINE float3 value(Float4 const& t) const {
         int const slice = m_width * m_width;
         Float4 const low = lerp(row(0).at(t[0]), row(m_width).at(t[0]), t[1]);
         Float4 const high = lerp(row(slice).at(t[0]), row(slice + m_width).at(t[0]), t[1]);
