@@ -69,15 +69,14 @@ public:
     /// As if the tree ended at a depth.
     T sample(Position const& position, int depth, int space);
 
-    /// The value of sample(), and the derivative of the interpolant by world units: of the kernels,
-    /// or where tiles of different depth meet of the blend. On a face between voxels it is that of
-    /// the voxel above. A component that `clamp` limits has a gradient of 0, and so has the default
-    /// value where a sample is that.
+    /// The value of sample(), with the derivative of the interpolant by world units: that of the
+    /// kernels, or of the blend where tiles of different depth meet. On a face between voxels it is
+    /// the derivative in the voxel above. A component that `clamp` limits has a gradient of 0, and
+    /// so has a default value.
     ///
-    /// With kJumpAdaptive, where tiles of different depth meet and in tiles that are coarser than
-    /// the channel and `depth` allow, the gradient is taken by differences of values 1/64 of a
-    /// voxel apart, to the inside of the voxel near its faces: values change their formula within a
-    /// voxel there. Six to nine samples more are taken.
+    /// With kJumpAdaptive, next to tiles of another depth and in tiles above the deepest that may
+    /// be read, where a value's formula changes within a voxel, it is a difference: of values 1/64
+    /// of a voxel apart, inside the voxel also on its faces. That takes six to nine more samples.
     T sampleGradient(Position const& position, int space, GradientOf<T>& gradient);
     T sampleGradient(Position const& position, int depth, int space, GradientOf<T>& gradient);
 
