@@ -12,7 +12,10 @@ namespace Orvane::Math {
 // from it. Every function is pure: equal arguments give equal bits, from any number of threads.
 //
 // The vertices of the lattice are 0.89 to 1.1 apart, so features have a size of about 1. All bits
-// of a seed count; fields of different seeds are unrelated. No field has a period.
+// of a seed count; fields of different seeds are unrelated. No field has a period. The lattice is
+// turned and shifted, so that no plane along the axes, no time and not the origin is a special
+// place of it: over a plane of many features along two axes, at one time, the root mean square is
+// that of the volume, to 1 %.
 //
 // All functions find the cell in double precision, so that the float overloads lose no precision
 // beyond that of their coordinates. A coordinate that is NaN or infinite gives NaN in every
@@ -39,8 +42,7 @@ ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed, d
 /// The curl of a vector potential at `position`. The potential's three components are gradient
 /// noises of (position, time), each within -1..1, on the lattice of simplex noise. The curl is
 /// computed from analytic derivatives, so that its divergence is 0 but for rounding, and has
-/// continuous first derivatives. The root mean square of its length is about 2.8 over volumes; over
-/// a plane along two axes, at one time, it is between 2.3 and 3.3.
+/// continuous first derivatives. The root mean square of its length is about 2.8.
 ///
 /// R. Bridson, J. Hourihan, M. Nordenstam, "Curl-noise for procedural fluid flow", 2007. This noise
 /// differs in its gradients: 56 spatial directions of one length to 0.1 %, without a part along the
@@ -48,9 +50,8 @@ ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed, d
 ZEL_PLATFORM_API float3 curl_noise(float3 const& position, float time, std::uint32_t seed);
 
 /// As `curl_noise`, with a smoother potential on the same lattice and directions: the second
-/// derivatives of the curl are continuous. The root mean square of its length is about 2.8 over
-/// volumes, and between 2.0 and 3.5 over such planes. The function keeps its spatial detail at any
-/// time inside the lattice, whose limit is about 5e14.
+/// derivatives of the curl are continuous. The root mean square of its length is about 2.8. The
+/// function keeps its spatial detail at any time inside the lattice, whose limit is about 4e14.
 ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed);
 
 /// Return the same values, bit for bit, and set `jacobian` to their analytic Jacobian: row r is the

@@ -51,6 +51,9 @@ struct ScalarCells {
     ZEL_ALWAYS_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
         return Word4{a[0], a[1], a[2], a[3]};
     }
+    ZEL_ALWAYS_INLINE static Wide4 load(std::array<double, 4> const& a) {
+        return {Double2{a[0], a[1]}, Double2{a[2], a[3]}};
+    }
     /// (a, a, a, b)
     ZEL_ALWAYS_INLINE static Wide4 spread(double a, double b) {
         return {Double2{a, a}, Double2{a, b}};
@@ -138,9 +141,9 @@ template <> struct ScalarArithmetic<float> : ScalarCells {
     /// `a` if it is above 0, else 0. The formula is exact, and a compiler cannot make a branch of
     /// it as it can of a comparison.
     ZEL_ALWAYS_INLINE static float positive(float a) { return (a + std::abs(a)) * 0.5f; }
-    /// Subtracts 1 from the coordinates whose mask is set.
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 d, Word4 m) {
-        return d - reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f));
+    /// Adds `a - 1` to the coordinates whose mask is set, and `a` to the others.
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 d, Word4 m, float a) {
+        return d + (a - reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f)));
     }
     ZEL_ALWAYS_INLINE static Real4 direction(Word row) {
         auto const& d = kDirectionTable<float>[row];
@@ -166,13 +169,13 @@ template <> struct ScalarArithmetic<double> : ScalarCells {
         return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
     }
     ZEL_ALWAYS_INLINE static double positive(double a) { return (a + std::abs(a)) * 0.5; }
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Word4 m) {
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Word4 m, double a) {
         constexpr auto one = std::bit_cast<std::uint64_t>(1.0);
         auto const wide = [](Word4 pairs) ZEL_ALWAYS_INLINE {
             return reinterpret_cast<Double2>(reinterpret_cast<Long2>(pairs) & one);
         };
-        return {d.xy - wide(__builtin_shufflevector(m, m, 0, 0, 1, 1)),
-                d.zw - wide(__builtin_shufflevector(m, m, 2, 2, 3, 3))};
+        return {d.xy + (a - wide(__builtin_shufflevector(m, m, 0, 0, 1, 1))),
+                d.zw + (a - wide(__builtin_shufflevector(m, m, 2, 2, 3, 3)))};
     }
     ZEL_ALWAYS_INLINE static Real4 direction(Word row) {
         auto const& d = kDirectionTable<double>[row];

@@ -177,6 +177,9 @@ struct SimdCells {
     ZEL_ALWAYS_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
         return {Word::all(a[0]), Word::all(a[1]), Word::all(a[2]), Word::all(a[3])};
     }
+    ZEL_ALWAYS_INLINE static Wide4 load(std::array<double, 4> const& a) {
+        return {Wide::all(a[0]), Wide::all(a[1]), Wide::all(a[2]), Wide::all(a[3])};
+    }
     ZEL_ALWAYS_INLINE static Wide load(float const* p) {
         HalfFloatTag const half;
         return {hn::PromoteTo(DoubleTag(), hn::LoadU(half, p)),
@@ -324,12 +327,12 @@ template <> struct SimdArithmetic<float> : SimdCells {
     using Real4 = Four<Real>;
 
     ZEL_ALWAYS_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
-    ZEL_ALWAYS_INLINE static Real step(Real const& d, Mask const& m) {
-        auto const one = hn::Set(FloatTag(), 1.0f);
-        return {hn::Sub(d.v, hn::IfThenElseZero(hn::RebindMask(FloatTag(), m.v), one))};
-    }
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
-        return {step(d.x, m.x), step(d.y, m.y), step(d.z, m.z), step(d.w, m.w)};
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m, float a) {
+        auto const at = [&](Mask const& in) ZEL_KERNEL_LAMBDA {
+            return Real{hn::IfThenElse(hn::RebindMask(FloatTag(), in.v), Real::all(a - 1).v,
+                                       Real::all(a).v)};
+        };
+        return d + Real4{at(m.x), at(m.y), at(m.z), at(m.w)};
     }
     template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word const& hash) {
         auto const d = lookInSpace<low>(hash);
@@ -353,27 +356,30 @@ template <> struct SimdArithmetic<double> : SimdCells {
     using Real4 = Wide4;
 
     ZEL_ALWAYS_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
-    ZEL_ALWAYS_INLINE static Real step(Real const& d, Mask const& m) { return d - ones(m); }
-    ZEL_ALWAYS_INLINE static Real ones(Mask const& m) {
-        auto const one = hn::Set(DoubleTag(), 1.0);
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m, double a) {
+        return d + Real4{offset(m.x, a), offset(m.y, a), offset(m.z, a), offset(m.w, a)};
+    }
+    /// `a - 1` where the mask is set, else `a`.
+    ZEL_ALWAYS_INLINE static Real offset(Mask const& m, double a) {
+        Real const in = Real::all(a - 1), out = Real::all(a);
 #if HWY_TARGET <= HWY_AVX3
         // On these targets a mask is an integer with one bit a lane.
         using Half = hn::Mask<DoubleTag>;
-        return {hn::IfThenElseZero(Half{static_cast<__mmask8>(m.v.raw)}, one),
-                hn::IfThenElseZero(Half{static_cast<__mmask8>(m.v.raw >> 8)}, one)};
+        return {hn::IfThenElse(Half{static_cast<__mmask8>(m.v.raw)}, in.a, out.a),
+                hn::IfThenElse(Half{static_cast<__mmask8>(m.v.raw >> 8)}, in.b, out.b)};
 #else
         hn::RebindToSigned<DoubleTag> const wide;
         hn::RebindToSigned<WordTag> const narrow;
         hn::Half<decltype(narrow)> const half;
         auto const words = hn::BitCast(narrow, hn::VecFromMask(WordTag(), m.v));
-        auto const keep = [&](auto const& part) ZEL_KERNEL_LAMBDA {
-            return hn::And(hn::BitCast(DoubleTag(), hn::PromoteTo(wide, part)), one);
+        auto const select = [&](auto const& part, auto const& yes,
+                                auto const& no) ZEL_KERNEL_LAMBDA {
+            auto const mask = hn::PromoteTo(wide, part);
+            return hn::IfVecThenElse(hn::BitCast(DoubleTag(), mask), yes, no);
         };
-        return {keep(hn::LowerHalf(half, words)), keep(hn::UpperHalf(half, words))};
+        return {select(hn::LowerHalf(half, words), in.a, out.a),
+                select(hn::UpperHalf(half, words), in.b, out.b)};
 #endif
-    }
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m) {
-        return {step(d.x, m.x), step(d.y, m.y), step(d.z, m.z), step(d.w, m.w)};
     }
     ZEL_ALWAYS_INLINE static Real4 direction(Word const& row) {
         auto const d = look(row);

@@ -80,7 +80,26 @@ template <class Arith> ZEL_ALWAYS_INLINE inline auto inLattice(typename Arith::R
 /// The lattice coordinates of a point, each minus 1/2. Rounded to integers they name the cell.
 template <class Arith>
 ZEL_ALWAYS_INLINE inline typename Arith::Wide4 skew(typename Arith::Wide4 const& p) {
-    return p + (Arith::sum(p) * kSkew - 0.5);
+    // The mirror is a term of its own, so that the processor can overlap the two sums.
+    auto const height = (p[0] + p[1] * kMirrorNormal[1]) + (p[2] * kMirrorNormal[2] + kMirrorShift);
+    return (p + (Arith::sum(p) * kSkew + (kDiagonalShift - 0.5))) -
+           Arith::load(kLatticeNormal) * height;
+}
+
+/// Turns the derivative of a noise from the space of the lattice back to that of the caller.
+template <class Arith>
+ZEL_ALWAYS_INLINE inline typename Arith::Real4 turnBack(typename Arith::Real4 const& d) {
+    auto const height = Arith::dot3(d, Arith::narrow(Arith::load(kMirrorNormal)));
+    return d - Arith::narrow(Arith::load(kScaledMirrorNormal)) * height;
+}
+
+/// The same for a vector in space.
+template <class Number, class T> ZEL_ALWAYS_INLINE inline Vec3<T> turnBack(Vec3<T> const& v) {
+    constexpr auto number = [](double a) { return static_cast<Number>(a); };
+    constexpr auto const& scaled = kScaledMirrorNormal;
+    auto const height = (v.x + v.y * number(kMirrorNormal[1])) + v.z * number(kMirrorNormal[2]);
+    return {v.x - height * number(scaled[0]), v.y - height * number(scaled[1]),
+            v.z - height * number(scaled[2])};
 }
 
 /// Calls use(d, cell) for a point with the coordinates `lattice`, from skew() and below 2^51 in
@@ -134,7 +153,7 @@ ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
     // first, then along those of the second and the third largest.
     auto const moved = Arith::largest(d);
     auto const inner = [&](int steps, auto const& mask) ZEL_KERNEL_LAMBDA {
-        add(Arith::step(d, mask) + static_cast<Number>(steps * kUnskew),
+        add(Arith::step(d, mask, static_cast<Number>(steps * kUnskew)),
             finishHash(first ^ Arith::fold(flip & mask)));
     };
     add(d, finishHash(first));
@@ -179,7 +198,7 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
         sum = sum + t4 * along;
         slope = slope + (g * t4 - d * ((t2 * t) * along * Number{8}));
     });
-    derivative = slope * static_cast<Number>(kScale);
+    derivative = turnBack<Arith>(slope * static_cast<Number>(kScale));
     return sum * static_cast<Number>(kScale);
 }
 
@@ -230,16 +249,26 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobi
             jy.z = jy.z + (d[2] * ay - (ez * gx[2] - ex * gz[2] + ux));
             jz.x = jz.x + (d[0] * az - (ex * gy[0] - ey * gx[0] + uy));
             jz.y = jz.y + (d[1] * az - (ex * gy[1] - ey * gx[1] - ux));
-            jz.z = jz.z + (d[2] * az - (ex * gy[2] - ey * gx[2]));
         }
     });
     auto const scaled = [](Vec3<typename Arith::Real> const& v) ZEL_KERNEL_LAMBDA {
         auto const scale = static_cast<Number>(kCurlScale<power>);
         return Vec3<typename Arith::Real>{v.x * scale, v.y * scale, v.z * scale};
     };
-    if constexpr (!std::is_same_v<Jacobian, NoJacobian>)
-        jacobian = {scaled(slope.x), scaled(slope.y), scaled(slope.z)};
-    return scaled(sum);
+    if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
+        // The divergence is 0. The mirror turns each row, then each column.
+        slope.z.z = Number{0} - (slope.x.x + slope.y.y);
+        auto const x = turnBack<Number>(scaled(slope.x)), y = turnBack<Number>(scaled(slope.y)),
+                   z = turnBack<Number>(scaled(slope.z));
+        using Column = Vec3<typename Arith::Real>;
+        auto const along0 = turnBack<Number>(Column{x.x, y.x, z.x}),
+                   along1 = turnBack<Number>(Column{x.y, y.y, z.y}),
+                   along2 = turnBack<Number>(Column{x.z, y.z, z.z});
+        jacobian = {{along0.x, along1.x, along2.x},
+                    {along0.y, along1.y, along2.y},
+                    {along0.z, along1.z, along2.z}};
+    }
+    return turnBack<Number>(scaled(sum));
 }
 
 /// The lattice coordinates of the point (0, 0, 0, time).

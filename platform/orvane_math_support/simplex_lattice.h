@@ -12,9 +12,41 @@
 namespace Orvane::Math::Simplex {
 
 // The conversion between Cartesian and lattice coordinates: lattice = p + kSkew * sum(p),
-// p = lattice - kUnskew * sum(lattice).
-inline constexpr double kSkew = 0.30901699437494745;    // (sqrt(5) - 1) / 4
-inline constexpr double kUnskew = 0.13819660112501053;  // (5 - sqrt(5)) / 20
+// p = lattice - kUnskew * sum(lattice). Of the two skews that make a simplex regular this is the
+// negative one: it keeps the shortest reciprocal vectors of the lattice farther from the axis of
+// time, along which the variance of curl noise changes most.
+inline constexpr double kSkew = -0.80901699437494745;   // -(sqrt(5) + 1) / 4
+inline constexpr double kUnskew = 0.36180339887498949;  // (5 + sqrt(5)) / 20
+
+/// The normal of the mirror that turns space before the skew, and its scale: the mirror image of p
+/// is p - normal * scale * dot(normal, p). A mirror is its own inverse, and costs less than a
+/// rotation.
+///
+/// Without the turn, planes along two axes lie along planes of the lattice. The variance of noise
+/// over the seeds is a sum of waves, one for each reciprocal vector, and the ten shortest matter
+/// most. In a plane, a wave shows if its projection is too short to average out, and two add up if
+/// their projections are equal. A search over all normals found this one: in each of the three
+/// planes along two axes, the projections of the ten are at least 0.52 long and 0.26 apart, and
+/// those of the next 45 are at least 0.26 long. The search over all rotations found none better.
+inline constexpr std::array<double, 4> kMirrorNormal = {1, 11 / 16.0, 51 / 128.0, 0};
+inline constexpr double kMirrorScale =
+    2 / (1 + kMirrorNormal[1] * kMirrorNormal[1] + kMirrorNormal[2] * kMirrorNormal[2]);
+inline constexpr std::array<double, 4> kScaledMirrorNormal = {
+    kMirrorScale, kMirrorNormal[1] * kMirrorScale, kMirrorNormal[2] * kMirrorScale, 0};
+
+/// The scaled normal in lattice coordinates.
+inline constexpr std::array<double, 4> kLatticeNormal = [] {
+    auto lattice = kScaledMirrorNormal;
+    double const skewed = kSkew * (lattice[0] + lattice[1] + lattice[2]);
+    for (double& coordinate : lattice) coordinate += skewed;
+    return lattice;
+}();
+
+/// The shift of the lattice, which would else have a vertex at the origin: it is added to a point's
+/// height above the mirror, dot(normal, p), and to each lattice coordinate. From a search: over the
+/// seeds, the root mean square of every noise at the spatial origin is 0.9 to 1 of the usual one at
+/// time 0, and 0.92 to 1.06 over all times.
+inline constexpr double kMirrorShift = 181 / 16.0, kDiagonalShift = 13 / 128.0;
 
 /// The squared radius of a vertex's support. A vertex is sqrt(1/2) away from the opposite facet of
 /// each of its simplices, in any number of dimensions. Within a simplex, therefore, no vertex but
