@@ -22,13 +22,13 @@ namespace Orvane::Math {
 // component. The lattice ends where the absolute coordinates sum up to 2^48, about 2.8 * 10^14, and
 // a double has few bits left for the place in a cell; the value of every point outside is 0.
 
-/// Simplex noise at a point: of mean 0, within -1..1 and close to both ends of that range. The
-/// third derivatives are continuous.
+/// Simplex noise at a point: within -1..1, of mean 0 and root mean square 0.25. One value in a
+/// million lies beyond +-0.88. The third derivatives are continuous.
 ///
 /// K. Perlin, "Noise hardware", SIGGRAPH course notes, 2001; S. Gustavson, "Simplex noise
 /// demystified", 2005. This noise differs from both: the support of a vertex ends inside the
-/// simplices around it, the lattice is hashed without a table, and the gradients are the 120
-/// vertices of a regular polytope, to 0.4 % of their length.
+/// simplices around it, within which its kernel is flatter, the lattice is hashed without a table,
+/// and the gradients are the 120 vertices of a regular polytope, to 0.4 % of their length.
 ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed);
 
 /// The same field in double precision. The float overload differs from it by at most about 5e-7.
@@ -40,7 +40,7 @@ ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed, flo
 ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed, double4& derivative);
 
 /// The curl of a vector potential at `position`. The potential's three components are gradient
-/// noises of (position, time), each within -1..1, on the lattice of simplex noise. The curl is
+/// noises of (position, time), each within -1.2..1.2, on the lattice of simplex noise. The curl is
 /// computed from analytic derivatives, so that its divergence is 0 but for rounding, and has
 /// continuous first derivatives. The root mean square of its length is about 2.8.
 ///

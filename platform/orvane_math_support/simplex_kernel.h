@@ -163,27 +163,53 @@ ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
     add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ Arith::fold(flip)));
 }
 
-/// The falloff of a vertex, which the kernel raises to a power: 1/2 - d^2 within the support, else
-/// 0.
+/// The squared distance to a vertex, and the falloff of the vertex: 1/2 - distance2 within its
+/// support, else 0.
+template <class Real> struct Falloff { Real distance2, t; };
 template <class Arith>
-ZEL_ALWAYS_INLINE inline typename Arith::Real falloff(typename Arith::Real4 const& d) {
-    return Arith::positive(static_cast<typename Arith::Number>(kRadius2) - Arith::dot(d, d));
+ZEL_ALWAYS_INLINE inline Falloff<typename Arith::Real> falloff(typename Arith::Real4 const& d) {
+    auto const distance2 = Arith::dot(d, d);
+    return {distance2, Arith::positive(static_cast<typename Arith::Number>(kRadius2) - distance2)};
 }
 
-/// Simplex noise: the sum over the vertices of t^4 * dot(g, d), where t is the falloff and g the
-/// gradient direction of the vertex.
+/// The kernel of a vertex: t^power * (kRim - t).
+template <int power, class Number, class Real>
+ZEL_ALWAYS_INLINE inline Real kernel(Falloff<Real> const& at) {
+    static_assert(power == 3 || power == 4);
+    auto const t2 = at.t * at.t;
+    return (power == 3 ? t2 * at.t : t2 * t2) * (static_cast<Number>(kRim<power>) - at.t);
+}
+
+/// The gradient of the kernel is minus this times d. The kernel is flat at the vertex, so the slope
+/// is 2 * (power + 1) * t^(power - 1) * distance2.
+template <int power, class Number, class Real>
+ZEL_ALWAYS_INLINE inline Real kernelSlope(Falloff<Real> const& at) {
+    auto const t2 = at.t * at.t;
+    return (power == 3 ? t2 : t2 * at.t) * (at.distance2 * Number{2 * (power + 1)});
+}
+
+/// The gradient of kernelSlope() is minus this times d.
+template <int power, class Number, class Real>
+ZEL_ALWAYS_INLINE inline Real kernelCurvature(Falloff<Real> const& at) {
+    constexpr auto flat = static_cast<Number>(4 * (power + 1) * (power - 1) * kRadius2);
+    return (power == 3 ? at.t : at.t * at.t) * (flat - at.t * Number{4 * (power + 1) * power});
+}
+
+/// Simplex noise: the sum over the vertices of kernel * dot(g, d), where g is the gradient
+/// direction of the vertex.
 template <class Arith>
 ZEL_ALWAYS_INLINE inline typename Arith::Real simplexValue(typename Arith::Real4 const& place,
                                                            CellHash<Arith> const& cellHash) {
+    using Number = typename Arith::Number;
     typename Arith::Real sum{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<Arith>(d), t2 = t * t;
-        sum = sum + (t2 * t2) * Arith::dot(direction<Arith>(hash), d);
+        sum = sum + kernel<4, Number>(falloff<Arith>(d)) * Arith::dot(direction<Arith>(hash), d);
     });
-    return sum * static_cast<typename Arith::Number>(kScale);
+    return sum * static_cast<Number>(kScale);
 }
 
-/// The value of simplexValue(), and its derivative: the sum of t^4 * g - 8 * t^3 * dot(g, d) * d.
+/// The value of simplexValue(), and its derivative: the sum of kernel * g - kernelSlope * dot(g, d)
+/// * d.
 template <class Arith>
 ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::Real4 const& place,
                                                                 CellHash<Arith> const& cellHash,
@@ -192,36 +218,35 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
     typename Arith::Real sum{};
     typename Arith::Real4 slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<Arith>(d), t2 = t * t, t4 = t2 * t2;
+        auto const at = falloff<Arith>(d);
+        auto const flat = kernel<4, Number>(at);
         auto const g = direction<Arith>(hash);
         auto const along = Arith::dot(g, d);
-        sum = sum + t4 * along;
-        slope = slope + (g * t4 - d * ((t2 * t) * along * Number{8}));
+        sum = sum + flat * along;
+        slope = slope + (g * flat - d * (kernelSlope<4, Number>(at) * along));
     });
     derivative = turnBack<Arith>(slope * static_cast<Number>(kScale));
     return sum * static_cast<Number>(kScale);
 }
 
 /// The spatial curl of a vector potential. Each component of the potential is a sum over the
-/// vertices of t^power * dot(g, d), with a spatial direction g for each vertex and component. A
-/// vertex contributes t^power * c - 2 * power * t^(power - 1) * cross(d, s), where s is the vector
-/// of the three dot products and c the curl of s.
+/// vertices of kernel * dot(g, d), with a spatial direction g for each vertex and component. A
+/// vertex contributes kernel * c - kernelSlope * cross(d, s), where s is the vector of the three
+/// dot products and c the curl of s.
 ///
 /// `jacobian` is a NoJacobian, or three rows: row r is the gradient of component r. A vertex
-/// contributes to the derivative of component r along coordinate j: d_j * (4 * power * (power - 1)
-/// * t^(power - 2) * cross_r - 2 * power * t^(power - 1) * c_r) - 2 * power * t^(power - 1) *
-/// (derivative of cross_r along j).
+/// contributes to the derivative of component r along coordinate j: d_j * (kernelCurvature *
+/// cross_r
+/// - kernelSlope * c_r) - kernelSlope * (derivative of cross_r along j).
 template <class Arith, int power, class Jacobian>
 ZEL_ALWAYS_INLINE inline Vec3<typename Arith::Real>
 curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobian& jacobian) {
-    static_assert(power == 3 || power == 4);
     using Number = typename Arith::Number;
     Vec3<typename Arith::Real> sum{};
     Jacobian slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<Arith>(d), t2 = t * t;
-        auto const weight = power == 3 ? t2 : t2 * t;
-        auto const steep = weight * Number{2 * power}, flat = weight * t;
+        auto const at = falloff<Arith>(d);
+        auto const flat = kernel<power, Number>(at), steep = kernelSlope<power, Number>(at);
         auto const gx = spatialDirection<Arith, 0>(hash);
         auto const sx = Arith::dot3(gx, d);
         auto const gy = spatialDirection<Arith, 1>(hash);
@@ -235,7 +260,7 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobi
         sum.y = sum.y + (flat * cy - steep * ry);
         sum.z = sum.z + (flat * cz - steep * rz);
         if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
-            auto const steeper = (power == 3 ? t : t2) * Number{4 * power * (power - 1)};
+            auto const steeper = kernelCurvature<power, Number>(at);
             auto const ax = steeper * rx - steep * cx, ay = steeper * ry - steep * cy,
                        az = steeper * rz - steep * cz;
             auto const ex = steep * d[0], ey = steep * d[1], ez = steep * d[2];
