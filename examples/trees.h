@@ -77,23 +77,18 @@ inline ScalarPtr clamp(ScalarPtr const& a, float min, float max) {
     return make<zel::ScalarFieldClamp>(a, min, max);
 }
 
-// Noise at a constant time between the planes of the lattice: in such a plane noise is 0 along some
-// lines, which would show in pictures. Features have a size of about 1 / frequency; each octave is
-// half as large as the one before and `roughness` times as strong.
-
-inline ScalarPtr stillTime() {
-    return constant(0.37F);
-}
+// Noise at time 0. Features have a size of about 1 / frequency; each octave is half as large as the
+// one before and `roughness` times as strong.
 
 inline ScalarPtr fractalNoise(float octaves, float frequency, std::int64_t seed,
                               float roughness = 0.5F) {
     return make<zel::ScalarFieldFractalNoise>(1.0F, octaves, frequency, roughness, 0.5F,
-                                              stillTime(), 1.0F, seed);
+                                              constant(0), 1.0F, seed);
 }
 inline VectorPtr turbulence(float octaves, float frequency, std::int64_t seed,
                             float roughness = 0.5F) {
     return make<zel::VectorFieldFractalTurbulence>(1.0F, octaves, frequency, roughness, 0.5F,
-                                                   stillTime(), 1.0F, true, seed);
+                                                   constant(0), 1.0F, true, seed);
 }
 
 /// `a` evaluated at the position plus `displacement`.

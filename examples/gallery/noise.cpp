@@ -29,7 +29,7 @@ Image drawNoise(Meter& meter) {
     View const view{0, 0, 4};
     std::vector<Image> panels;
     PlotStyle const lines{.scale = 0.45F, .spacing = 0.1F, .zeroWidth = 1.8F};
-    ScalarPtr const layer = make<zel::ScalarFieldSimplexNoise>(stillTime(), 7);
+    ScalarPtr const layer = make<zel::ScalarFieldSimplexNoise>(constant(0), 7);
     for (ScalarPtr const& field : {layer, fractalNoise(2, 1, 7), fractalNoise(3.5F, 1, 7)})
         panels.push_back(plot(meter, *field, view, kSize, kSize, lines));
 

@@ -236,8 +236,7 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
 ///
 /// `jacobian` is a NoJacobian, or three rows: row r is the gradient of component r. A vertex
 /// contributes to the derivative of component r along coordinate j: d_j * (kernelCurvature *
-/// cross_r
-/// - kernelSlope * c_r) - kernelSlope * (derivative of cross_r along j).
+/// cross_r - kernelSlope * c_r) - kernelSlope * (derivative of cross_r along j).
 template <class Arith, int power, class Jacobian>
 ZEL_ALWAYS_INLINE inline Vec3<typename Arith::Real>
 curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobian& jacobian) {
