@@ -40,7 +40,7 @@ ZEL_PLATFORM_API float simplex_noise(float4 const& point, std::int64_t seed, flo
 ZEL_PLATFORM_API double simplex_noise(double4 const& point, std::int64_t seed, double4& derivative);
 
 /// The curl of a vector potential at `position`. The potential's three components are gradient
-/// noises of (position, time), each within -1.2..1.2, on the lattice of simplex noise. The curl is
+/// noises of (position, time), each within -1.1..1.1, on the lattice of simplex noise. The curl is
 /// computed from analytic derivatives, so that its divergence is 0 but for rounding, and has
 /// continuous first derivatives. The root mean square of its length is about 2.8.
 ///

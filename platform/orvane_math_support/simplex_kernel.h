@@ -163,36 +163,33 @@ ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
     add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ Arith::fold(flip)));
 }
 
-/// The squared distance to a vertex, and the falloff of the vertex: 1/2 - distance2 within its
-/// support, else 0.
-template <class Real> struct Falloff { Real distance2, t; };
+/// The falloff of a vertex: 1/2 - d^2 within the support, else 0.
 template <class Arith>
-ZEL_ALWAYS_INLINE inline Falloff<typename Arith::Real> falloff(typename Arith::Real4 const& d) {
-    auto const distance2 = Arith::dot(d, d);
-    return {distance2, Arith::positive(static_cast<typename Arith::Number>(kRadius2) - distance2)};
+ZEL_ALWAYS_INLINE inline typename Arith::Real falloff(typename Arith::Real4 const& d) {
+    return Arith::positive(static_cast<typename Arith::Number>(kRadius2) - Arith::dot(d, d));
 }
 
-/// The kernel of a vertex: t^power * (kRim - t).
-template <int power, class Number, class Real>
-ZEL_ALWAYS_INLINE inline Real kernel(Falloff<Real> const& at) {
+/// The kernel of a vertex, from its falloff: t^power * (kRim - t).
+template <int power, class Number, class Real> ZEL_ALWAYS_INLINE inline Real kernel(Real const& t) {
     static_assert(power == 3 || power == 4);
-    auto const t2 = at.t * at.t;
-    return (power == 3 ? t2 * at.t : t2 * t2) * (static_cast<Number>(kRim<power>) - at.t);
+    auto const t2 = t * t;
+    return (power == 3 ? t2 * t : t2 * t2) * (static_cast<Number>(kRim<power>) - t);
 }
 
-/// The gradient of the kernel is minus this times d. The kernel is flat at the vertex, so the slope
-/// is 2 * (power + 1) * t^(power - 1) * distance2.
+/// Twice the derivative of the kernel along t. The gradient of the kernel is minus this times d.
 template <int power, class Number, class Real>
-ZEL_ALWAYS_INLINE inline Real kernelSlope(Falloff<Real> const& at) {
-    auto const t2 = at.t * at.t;
-    return (power == 3 ? t2 : t2 * at.t) * (at.distance2 * Number{2 * (power + 1)});
+ZEL_ALWAYS_INLINE inline Real kernelSlope(Real const& t) {
+    constexpr auto rim = static_cast<Number>(2 * power * kRim<power>);
+    auto const t2 = t * t;
+    return (power == 3 ? t2 : t2 * t) * (rim - t * Number{2 * (power + 1)});
 }
 
-/// The gradient of kernelSlope() is minus this times d.
+/// Twice the derivative of kernelSlope() along t. The gradient of kernelSlope() is minus this times
+/// d.
 template <int power, class Number, class Real>
-ZEL_ALWAYS_INLINE inline Real kernelCurvature(Falloff<Real> const& at) {
-    constexpr auto flat = static_cast<Number>(4 * (power + 1) * (power - 1) * kRadius2);
-    return (power == 3 ? at.t : at.t * at.t) * (flat - at.t * Number{4 * (power + 1) * power});
+ZEL_ALWAYS_INLINE inline Real kernelCurvature(Real const& t) {
+    constexpr auto rim = static_cast<Number>(4 * power * (power - 1) * kRim<power>);
+    return (power == 3 ? t : t * t) * (rim - t * Number{4 * power * (power + 1)});
 }
 
 /// Simplex noise: the sum over the vertices of kernel * dot(g, d), where g is the gradient
@@ -203,7 +200,8 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexValue(typename Arith::Real4
     using Number = typename Arith::Number;
     typename Arith::Real sum{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        sum = sum + kernel<4, Number>(falloff<Arith>(d)) * Arith::dot(direction<Arith>(hash), d);
+        auto const t = falloff<Arith>(d);
+        sum = sum + kernel<4, Number>(t) * Arith::dot(direction<Arith>(hash), d);
     });
     return sum * static_cast<Number>(kScale);
 }
@@ -218,12 +216,12 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
     typename Arith::Real sum{};
     typename Arith::Real4 slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const at = falloff<Arith>(d);
-        auto const flat = kernel<4, Number>(at);
+        auto const t = falloff<Arith>(d);
+        auto const flat = kernel<4, Number>(t);
         auto const g = direction<Arith>(hash);
         auto const along = Arith::dot(g, d);
         sum = sum + flat * along;
-        slope = slope + (g * flat - d * (kernelSlope<4, Number>(at) * along));
+        slope = slope + (g * flat - d * (kernelSlope<4, Number>(t) * along));
     });
     derivative = turnBack<Arith>(slope * static_cast<Number>(kScale));
     return sum * static_cast<Number>(kScale);
@@ -244,8 +242,8 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobi
     Vec3<typename Arith::Real> sum{};
     Jacobian slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const at = falloff<Arith>(d);
-        auto const flat = kernel<power, Number>(at), steep = kernelSlope<power, Number>(at);
+        auto const t = falloff<Arith>(d);
+        auto const flat = kernel<power, Number>(t), steep = kernelSlope<power, Number>(t);
         auto const gx = spatialDirection<Arith, 0>(hash);
         auto const sx = Arith::dot3(gx, d);
         auto const gy = spatialDirection<Arith, 1>(hash);
@@ -259,7 +257,7 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobi
         sum.y = sum.y + (flat * cy - steep * ry);
         sum.z = sum.z + (flat * cz - steep * rz);
         if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
-            auto const steeper = kernelCurvature<power, Number>(at);
+            auto const steeper = kernelCurvature<power, Number>(t);
             auto const ax = steeper * rx - steep * cx, ay = steeper * ry - steep * cy,
                        az = steeper * rz - steep * cz;
             auto const ex = steep * d[0], ey = steep * d[1], ez = steep * d[2];
