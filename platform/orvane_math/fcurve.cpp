@@ -88,6 +88,18 @@ double cubic(Key const& a, Key const& b, double x) {
     return std::isfinite(value) ? value : 16 * scaled(0.5, 0.0625);
 }
 
+/// The derivative of cubic().
+double cubicSlope(Key const& a, Key const& b, double x) {
+    auto const scaled = [&](double sx, double sv) {
+        double const width = sx * b.x - sx * a.x, u = (sx * x - sx * a.x) / width;
+        double const rise = (sv * b.value - sv * a.value) / width * sx;
+        double const out = sv * a.outSlope, in = sv * b.inSlope;
+        return out + u * (2 * (3 * rise - 2 * out - in) + u * (3 * (out + in - 2 * rise)));
+    };
+    double const slope = scaled(1, 1);
+    return std::isfinite(slope) ? slope : 16 * scaled(0.5, 0.0625);
+}
+
 }  // namespace
 
 FCurve::FCurve(std::vector<Key> keys, Extrapolation before, Extrapolation after)
@@ -103,6 +115,45 @@ double FCurve::evalFCurve(double x) const {
     if (x < m_keys.front().x) return extrapolate(m_before, false, x);
     if (x > m_keys.back().x) return extrapolate(m_after, true, x);
     return insideKeys(x);
+}
+
+double FCurve::slope(double x) const {
+    if (m_keys.empty()) return 0;
+    if (std::isnan(x)) return x;
+    bool const single = m_keys.size() == 1,
+               before = x<m_keys.front().x, after = x> m_keys.back().x || (single && !before);
+    if (!before && !after) return slopeInsideKeys(x);
+    switch (before ? m_before : m_after) {
+    case Extrapolation::kConstant:
+        break;
+    case Extrapolation::kLinear:
+        return lineSlope(after);
+    case Extrapolation::kCycle:
+    case Extrapolation::kCycleWithOffset:
+        if (single) break;
+        if (!std::isfinite(x)) return std::numeric_limits<double>::quiet_NaN();
+        double const first = m_keys.front().x;
+        if (!std::isfinite(m_keys.back().x - first)) break;
+        return slopeInsideKeys(std::max(first + phaseOf(x), first));
+    }
+    return 0;
+}
+
+/// The slope at an `x` from the first of several keys on; from the last key on, that at its left.
+double FCurve::slopeInsideKeys(double x) const {
+    auto const next = std::upper_bound(m_keys.begin(), m_keys.end(), x,
+                                       [](double at, Key const& key) { return at < key.x; });
+    if (next == m_keys.end()) return endSlope(true);
+    Key const &a = *(next - 1), &b = *next;
+    switch (a.segment) {
+    case Segment::kConstant:
+        return 0;
+    case Segment::kLinear:
+        return chord(a, b);
+    case Segment::kCubic:
+        break;
+    }
+    return cubicSlope(a, b, x);
 }
 
 /// The curve at an `x` that is not before the first key; after the last key, that key's value.
@@ -129,13 +180,18 @@ double FCurve::extrapolate(Extrapolation kind, bool after, double x) const {
     case Extrapolation::kConstant:
         break;
     case Extrapolation::kLinear:
-        return line(end.x, end.value,
-                    single ? (after ? end.outSlope : end.inSlope) : endSlope(after), x);
+        return line(end.x, end.value, lineSlope(after), x);
     case Extrapolation::kCycle:
     case Extrapolation::kCycleWithOffset:
         if (!single) return cycle(kind == Extrapolation::kCycleWithOffset, x);
     }
     return end.value;
+}
+
+/// The slope of linear extrapolation.
+double FCurve::lineSlope(bool after) const {
+    if (m_keys.size() > 1) return endSlope(after);
+    return after ? m_keys.back().outSlope : m_keys.front().inSlope;
 }
 
 /// The slope of the first segment at the first key, or of the last segment at the last key. There
@@ -154,16 +210,22 @@ double FCurve::endSlope(bool after) const {
     return after ? b.inSlope : a.outSlope;
 }
 
+/// The distance of an `x` from the beginning of its period, which is finite.
+double FCurve::phaseOf(double x) const {
+    double const first = m_keys.front().x, period = m_keys.back().x - first;
+    // Remainders are exact, so that only the difference and one sum are rounded, however far away x
+    // is. Just before a whole period the sum may be rounded up to the period, the end of the keys.
+    double const phase = std::fmod(std::fmod(x, period) - std::fmod(first, period), period);
+    return phase < 0 ? phase + period : phase;
+}
+
 double FCurve::cycle(bool withOffset, double x) const {
     Key const &first = m_keys.front(), &last = m_keys.back();
     double const period = last.x - first.x, offset = withOffset ? last.value - first.value : 0;
     if (!std::isfinite(x)) return x * offset;  // NaN without an offset
     if (!std::isfinite(period)) return x < first.x ? first.value : last.value;
 
-    // Remainders are exact, so that only the difference and one sum are rounded, however far away x
-    // is. Just before a whole period the sum may be rounded up to the period, the end of the keys.
-    double phase = std::fmod(std::fmod(x, period) - std::fmod(first.x, period), period);
-    if (phase < 0) phase += period;
+    double const phase = phaseOf(x);
     // The sum is less than first.x only on a thread that flushes subnormal numbers to zero.
     double const value = insideKeys(std::max(first.x + phase, first.x));
     if (offset == 0) return value;

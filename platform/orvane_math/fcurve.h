@@ -55,11 +55,19 @@ public:
     /// overflows, or its product with a width, the result follows the floating-point rules.
     double evalFCurve(double x) const;
 
+    /// Returns the derivative of the curve at `x`. At a key it is that of the segment that starts
+    /// there, and at the last of several keys that of the last segment. A step is flat. NaN gives
+    /// NaN, and so does an infinite x in a cycle. As safe and as fast as evalFCurve().
+    double slope(double x) const;
+
 private:
     ZEL_PLATFORM_INTERNAL double insideKeys(double x) const;
+    ZEL_PLATFORM_INTERNAL double slopeInsideKeys(double x) const;
     ZEL_PLATFORM_INTERNAL double extrapolate(Extrapolation kind, bool after, double x) const;
+    ZEL_PLATFORM_INTERNAL double lineSlope(bool after) const;
     ZEL_PLATFORM_INTERNAL double endSlope(bool after) const;
     ZEL_PLATFORM_INTERNAL double cycle(bool withOffset, double x) const;
+    ZEL_PLATFORM_INTERNAL double phaseOf(double x) const;
 
     std::vector<Key> m_keys;
     Extrapolation m_before = Extrapolation::kConstant;

@@ -101,6 +101,36 @@ TEST(FCurve, Cycles) {
     EXPECT_EQ(mixed.evalFCurve(100), 4);
 }
 
+TEST(FCurve, SlopeIsTheDerivative) {
+    std::vector<Key> const keys = {{-1, 2, 3, -1, kHermite},
+                                   {0.5, 1, 0.5, 4, kLine},
+                                   {2, -1, 1, 1, kStep},
+                                   {3, 5, 2, -2, kHermite},
+                                   {4.25, 1, -3, 6}};
+    for (auto kind : {kHold, kGoOn, kCycle, kCycleWithOffset}) {
+        FCurve const curve(keys, kind, kind), single({{1, 2, 3, 4}}, kind, kind);
+        int compared = 0;
+        for (double x = -9.9; x < 14; x += 0.037) {
+            auto const at = [&](double step) { return curve.evalFCurve(x + step); };
+            double const above = (at(1e-5) - at(0)) / 1e-5, below = (at(0) - at(-1e-5)) / 1e-5;
+            if (std::abs(above - below) > 1e-3) continue;  // at a key
+            ++compared;
+            EXPECT_NEAR(curve.slope(x), (above + below) / 2, 1e-8) << x;
+        }
+        EXPECT_GT(compared, 600);
+        EXPECT_TRUE(curve.slope(0.5) == -4.0 / 3 && curve.slope(2) == 0 && curve.slope(3) == -2);
+        EXPECT_EQ(curve.slope(4.25), -3);
+        EXPECT_TRUE(std::isnan(curve.slope(std::nan(""))));
+        bool const hold = kind == kHold, goOn = kind == kGoOn;
+        for (double end : {-kInf, kInf}) {
+            double const slope = curve.slope(end);
+            EXPECT_TRUE(hold || goOn ? slope == (hold ? 0 : end < 0 ? -1 : -3) : std::isnan(slope));
+        }
+        EXPECT_TRUE(single.slope(0.5) == (goOn ? 3 : 0) && single.slope(1) == (goOn ? 4 : 0));
+        EXPECT_EQ(FCurve({}, kind, kind).slope(1), 0);
+    }
+}
+
 TEST(FCurve, AnyInputGivesANumber) {
     EXPECT_EQ(FCurve().evalFCurve(std::nan("")), 0);
     EXPECT_EQ(FCurve({}, kCycle, kCycleWithOffset).evalFCurve(-kInf), 0);
