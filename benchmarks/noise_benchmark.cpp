@@ -143,7 +143,7 @@ template <class Real, class Noise> void addBlock(std::string const& name, Noise 
                                      [target, noise](benchmark::State& state) {
                                          Quern::useSimdTarget(target);
                                          auto const& c = coordinates<Real>(state.range(0) != 0);
-                                         std::array<std::array<Real, kBlock>, 12> out;
+                                         std::array<std::array<Real, kBlock>, 15> out;
                                          for (auto _ : state)
                                              for (std::size_t i = 0; i < c.x.size(); i += kBlock) {
                                                  noise(&c.x[i], &c.y[i], &c.z[i], &c.w[i], kBlock,
@@ -200,7 +200,8 @@ void smoothCurlNoiseTable(benchmark::State& state) {
 void curlNoiseDerivative(benchmark::State& state) {
     run(state, [](float4 const& p) {
         float3x3 jacobian;
-        return curl_noise_derivative({p.x, p.y, p.z}, p.w, 7, jacobian).x + jacobian[2][1];
+        float3 t;
+        return curl_noise_derivative({p.x, p.y, p.z}, p.w, 7, jacobian, t).x + jacobian[2][1] + t.x;
     });
 }
 void createTimeTable(benchmark::State& state) {
@@ -299,10 +300,11 @@ void addBlocks() {
                     });
     addBlock<float>("curlNoiseDerivativeBlock",
                     [](auto x, auto y, auto z, auto t, int n, auto& out) {
-                        float* jacobian[9];
+                        float *jacobian[9], *along[3];
                         for (std::size_t k = 0; k < 9; ++k) jacobian[k] = out[3 + k].data();
+                        for (std::size_t k = 0; k < 3; ++k) along[k] = out[12 + k].data();
                         curl_noise_derivative_block(x, y, z, t, n, 7, out[0].data(), out[1].data(),
-                                                    out[2].data(), jacobian);
+                                                    out[2].data(), jacobian, along);
                     });
 }
 

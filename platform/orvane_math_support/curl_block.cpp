@@ -18,13 +18,14 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-// A body reads x, y, z and the time, and writes the three components of the curl; with twelve
-// output arrays it writes the nine entries of the Jacobian, too.
+// A body reads x, y, z and the time, and writes the three components of the curl; with fifteen
+// output arrays it also writes the nine entries of the Jacobian, and the derivatives along the
+// time.
 
 /// The parts common to all bodies. `Scalar` offers the function for one point: `at(position, time,
-/// seed)` and `at(position, time, seed, jacobian)`.
+/// seed)` and `at(position, time, seed, jacobian, alongTime)`.
 template <class Arrays, int power, class Scalar> struct CurlBody {
-    static constexpr bool kDerives = Arrays::kOutputs == 12;
+    static constexpr bool kDerives = Arrays::kOutputs == 15;
     std::uint32_t seed;
 
     void point(Arrays const& a) const {
@@ -34,8 +35,10 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
         float3 const position = {*a.in[0], *a.in[1], *a.in[2]};
         if constexpr (kDerives) {
             float3x3 jacobian;
-            put(0, Scalar::at(position, *a.in[3], seed, jacobian));
+            float3 alongTime;
+            put(0, Scalar::at(position, *a.in[3], seed, jacobian, alongTime));
             for (int r = 0; r < 3; ++r) put(3 + 3 * static_cast<std::size_t>(r), jacobian[r]);
+            put(12, alongTime);
         } else {
             put(0, Scalar::at(position, *a.in[3], seed));
         }
@@ -54,13 +57,14 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
     HWY_INLINE void evaluate(Arith::Real4 const& d, Hash const& hash, Arrays const& a) const {
         using namespace Simplex::HWY_NAMESPACE;
         if constexpr (kDerives) {
-            Simplex::Vec3<Components> rows;
-            store(curl<Arith, power>(d, hash, rows), a.out.data());
-            store(rows.x, a.out.data() + 3);
-            store(rows.y, a.out.data() + 6);
-            store(rows.z, a.out.data() + 9);
+            Simplex::CurlDerivative<Arith::Real> derivative;
+            store(curl<Arith, power>(d, hash, derivative), a.out.data());
+            store(derivative.rows.x, a.out.data() + 3);
+            store(derivative.rows.y, a.out.data() + 6);
+            store(derivative.rows.z, a.out.data() + 9);
+            store(derivative.alongTime, a.out.data() + 12);
         } else {
-            Simplex::NoJacobian none;
+            Simplex::NoDerivative none;
             store(curl<Arith, power>(d, hash, none), a.out.data());
         }
     }
@@ -68,22 +72,22 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
 };
 
 struct PlainScalar {
-    template <class... Jacobian>
-    static float3 at(float3 const& p, float time, std::uint32_t seed, Jacobian&... jacobian) {
-        if constexpr (sizeof...(jacobian) == 0)
+    template <class... Derivative>
+    static float3 at(float3 const& p, float time, std::uint32_t seed, Derivative&... derivative) {
+        if constexpr (sizeof...(derivative) == 0)
             return curl_noise(p, time, seed);
         else
-            return curl_noise_derivative(p, time, seed, jacobian...);
+            return curl_noise_derivative(p, time, seed, derivative...);
     }
 };
 
 struct SmoothScalar {
-    template <class... Jacobian>
-    static float3 at(float3 const& p, float time, std::uint32_t seed, Jacobian&... jacobian) {
-        if constexpr (sizeof...(jacobian) == 0)
+    template <class... Derivative>
+    static float3 at(float3 const& p, float time, std::uint32_t seed, Derivative&... derivative) {
+        if constexpr (sizeof...(derivative) == 0)
             return smooth_curl_noise(p, time, seed);
         else
-            return smooth_curl_noise_derivative(p, time, seed, jacobian...);
+            return smooth_curl_noise_derivative(p, time, seed, derivative...);
     }
 };
 
@@ -141,7 +145,7 @@ HWY_INLINE void smoothBlock(Arrays const& a, int count, std::uint32_t seed) {
 }
 
 using Values = BlockArrays<float, 4, 3>;
-using Derivatives = BlockArrays<float, 4, 12>;
+using Derivatives = BlockArrays<float, 4, 15>;
 
 void plainCurl(Values const& a, int count, std::uint32_t seed) {
     forEachInBlock(a, count, PlainBody<Values>{{seed}});
@@ -180,20 +184,25 @@ void smooth_curl_noise_block(float const* x, float const* y, float const* z, flo
 
 void curl_noise_derivative_block(float const* x, float const* y, float const* z, float const* time,
                                  int count, std::uint32_t seed, float* outX, float* outY,
-                                 float* outZ, float* const (&jacobian)[9]) {
+                                 float* outZ, float* const (&jacobian)[9],
+                                 float* const (&alongTime)[3]) {
     auto const& j = jacobian;
+    auto const& t = alongTime;
     HWY_DYNAMIC_DISPATCH(plainCurlDerivative)
-    ({{x, y, z, time}, {outX, outY, outZ, j[0], j[1], j[2], j[3], j[4], j[5], j[6], j[7], j[8]}},
+    ({{x, y, z, time},
+      {outX, outY, outZ, j[0], j[1], j[2], j[3], j[4], j[5], j[6], j[7], j[8], t[0], t[1], t[2]}},
      count, seed);
 }
 
 void smooth_curl_noise_derivative_block(float const* x, float const* y, float const* z,
                                         float const* time, int count, std::uint32_t seed,
                                         float* outX, float* outY, float* outZ,
-                                        float* const (&jacobian)[9]) {
+                                        float* const (&jacobian)[9], float* const (&alongTime)[3]) {
     auto const& j = jacobian;
+    auto const& t = alongTime;
     HWY_DYNAMIC_DISPATCH(smoothCurlDerivative)
-    ({{x, y, z, time}, {outX, outY, outZ, j[0], j[1], j[2], j[3], j[4], j[5], j[6], j[7], j[8]}},
+    ({{x, y, z, time},
+      {outX, outY, outZ, j[0], j[1], j[2], j[3], j[4], j[5], j[6], j[7], j[8], t[0], t[1], t[2]}},
      count, seed);
 }
 

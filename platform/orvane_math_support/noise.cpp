@@ -55,7 +55,12 @@ Real valueAndDerivative(Point const& point, std::int64_t seed, Point& derivative
     return v;
 }
 
-// The functions for curl noise below take a NoJacobian, or a float3x3 that they set.
+// The functions for curl noise below take a NoDerivative, or a Derivative whose members they set.
+
+struct Derivative {
+    float3x3& jacobian;
+    float3& alongTime;
+};
 
 using Arith = ScalarArithmetic<float>;
 
@@ -69,47 +74,51 @@ TimePlace placeTime(float time) {
     return {none, none, 0, 0};
 }
 
-template <class Jacobian> float3 noCurl(Double4 const& zeros, Jacobian& jacobian) {
+template <class D> float3 noCurl(Double4 const& zeros, D const& derivative) {
     auto const none = outside<float>(zeros);
     float3 const all = {none, none, none};
-    if constexpr (std::is_same_v<Jacobian, float3x3>) jacobian = {{all, all, all}};
+    if constexpr (std::is_same_v<D, Derivative>) {
+        derivative.jacobian = {{all, all, all}};
+        derivative.alongTime = all;
+    }
     return all;
 }
 
-template <int power, class Origin, class Jacobian>
-float3 curlAt(Double4 const& lattice, Origin const& origin, std::uint32_t seed,
-              Jacobian& jacobian) {
+template <int power, class Origin, class D>
+float3 curlAt(Double4 const& lattice, Origin const& origin, std::uint32_t seed, D& derivative) {
     auto const vector = [](Vec3<float> const& v) { return float3{v.x, v.y, v.z}; };
     return atPlace<Arith>(lattice, origin, [&](auto const& d, auto const& cell) {
         auto const hash = hashCell<Arith>(cell, makeKeys(seed));
-        if constexpr (std::is_same_v<Jacobian, float3x3>) {
-            Vec3<Vec3<float>> rows;
-            auto const v = curl<Arith, power>(d, hash, rows);
-            jacobian = {{vector(rows.x), vector(rows.y), vector(rows.z)}};
+        if constexpr (std::is_same_v<D, Derivative>) {
+            CurlDerivative<float> parts;
+            auto const v = curl<Arith, power>(d, hash, parts);
+            auto const& [x, y, z] = parts.rows;
+            derivative.jacobian = {{vector(x), vector(y), vector(z)}};
+            derivative.alongTime = vector(parts.alongTime);
             return vector(v);
         } else {
-            return vector(curl<Arith, power>(d, hash, jacobian));
+            return vector(curl<Arith, power>(d, hash, derivative));
         }
     });
 }
 
-template <class Jacobian>
-float3 plainCurl(float3 const& position, float time, std::uint32_t seed, Jacobian& jacobian) {
+template <class D>
+float3 plainCurl(float3 const& position, float time, std::uint32_t seed, D&& derivative) {
     float4 const point = {position.x, position.y, position.z, time};
     Double4 const p = widen(point);
-    if (!inLattice<Arith>(gather(point))) return noCurl(p - p, jacobian);
-    return curlAt<3>(skew<Arith>(p), NoOrigin{}, seed, jacobian);
+    if (!inLattice<Arith>(gather(point))) return noCurl(p - p, derivative);
+    return curlAt<3>(skew<Arith>(p), NoOrigin{}, seed, derivative);
 }
 
-template <class Jacobian>
+template <class D>
 float3 smoothCurl(float3 const& position, TimePlace const& time, std::uint32_t seed,
-                  Jacobian& jacobian) {
+                  D&& derivative) {
     float4 const point = {position.x, position.y, position.z, 0};
     Double4 const p = widen(point), lattice = Arith::spread(time.latticeXyz, time.latticeW);
     if (!inLattice<Arith>(gather(point)) || !timeInLattice<Arith>(lattice))
-        return noCurl((p - p) + (lattice - lattice), jacobian);
+        return noCurl((p - p) + (lattice - lattice), derivative);
     return curlAt<4>(skew<Arith>(p) + lattice, Arith::spread(time.cellXyz, time.cellW), seed,
-                     jacobian);
+                     derivative);
 }
 
 }  // namespace
@@ -131,23 +140,21 @@ double simplex_noise(double4 const& point, std::int64_t seed, double4& derivativ
 }
 
 float3 curl_noise(float3 const& position, float time, std::uint32_t seed) {
-    NoJacobian none;
-    return plainCurl(position, time, seed, none);
+    return plainCurl(position, time, seed, NoDerivative());
 }
 
 float3 curl_noise_derivative(float3 const& position, float time, std::uint32_t seed,
-                             float3x3& jacobian) {
-    return plainCurl(position, time, seed, jacobian);
+                             float3x3& jacobian, float3& alongTime) {
+    return plainCurl(position, time, seed, Derivative{jacobian, alongTime});
 }
 
 float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed) {
-    NoJacobian none;
-    return smoothCurl(position, placeTime(time), seed, none);
+    return smoothCurl(position, placeTime(time), seed, NoDerivative());
 }
 
 float3 smooth_curl_noise_derivative(float3 const& position, float time, std::uint32_t seed,
-                                    float3x3& jacobian) {
-    return smoothCurl(position, placeTime(time), seed, jacobian);
+                                    float3x3& jacobian, float3& alongTime) {
+    return smoothCurl(position, placeTime(time), seed, Derivative{jacobian, alongTime});
 }
 
 void create_curl_noise_time_table(float time, float* table) {
@@ -155,8 +162,7 @@ void create_curl_noise_time_table(float time, float* table) {
 }
 
 float3 smooth_curl_noise(float3 const& position, float const* table, std::uint32_t seed) {
-    NoJacobian none;
-    return smoothCurl(position, readTimeTable(table), seed, none);
+    return smoothCurl(position, readTimeTable(table), seed, NoDerivative());
 }
 
 }  // namespace Orvane::Math

@@ -55,11 +55,14 @@ ZEL_PLATFORM_API float3 curl_noise(float3 const& position, float time, std::uint
 ZEL_PLATFORM_API float3 smooth_curl_noise(float3 const& position, float time, std::uint32_t seed);
 
 /// Return the same values, bit for bit, and set `jacobian` to their analytic Jacobian: row r is the
-/// gradient of component r. The Jacobian is continuous, and its trace is 0 but for rounding.
+/// gradient of component r; and `alongTime` to the derivatives along the time. All are continuous,
+/// and the trace of the Jacobian is 0 but for rounding.
 ZEL_PLATFORM_API float3 curl_noise_derivative(float3 const& position, float time,
-                                              std::uint32_t seed, float3x3& jacobian);
+                                              std::uint32_t seed, float3x3& jacobian,
+                                              float3& alongTime);
 ZEL_PLATFORM_API float3 smooth_curl_noise_derivative(float3 const& position, float time,
-                                                     std::uint32_t seed, float3x3& jacobian);
+                                                     std::uint32_t seed, float3x3& jacobian,
+                                                     float3& alongTime);
 
 /// Sets the 16 floats of `table` to the quantities that `smooth_curl_noise` derives from the time
 /// alone: the lattice cell of the point (0, 0, 0, time), and the place of the point in that cell.

@@ -41,15 +41,18 @@ ZEL_PLATFORM_API void smooth_curl_noise_block(float const* x, float const* y, fl
                                               float* outX, float* outY, float* outZ);
 
 /// curl_noise_derivative and smooth_curl_noise_derivative. `jacobian` holds nine arrays:
-/// jacobian[3 * r + c] is the derivative of component r along coordinate c.
+/// jacobian[3 * r + c] is the derivative of component r along coordinate c. `alongTime` holds the
+/// arrays of the three derivatives along the time.
 ZEL_PLATFORM_API void curl_noise_derivative_block(float const* x, float const* y, float const* z,
                                                   float const* time, int count, std::uint32_t seed,
                                                   float* outX, float* outY, float* outZ,
-                                                  float* const (&jacobian)[9]);
+                                                  float* const (&jacobian)[9],
+                                                  float* const (&alongTime)[3]);
 ZEL_PLATFORM_API void smooth_curl_noise_derivative_block(float const* x, float const* y,
                                                          float const* z, float const* time,
                                                          int count, std::uint32_t seed, float* outX,
                                                          float* outY, float* outZ,
-                                                         float* const (&jacobian)[9]);
+                                                         float* const (&jacobian)[9],
+                                                         float* const (&alongTime)[3]);
 
 }  // namespace Orvane::Math

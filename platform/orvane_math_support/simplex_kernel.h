@@ -232,15 +232,15 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
 /// vertex contributes kernel * c - kernelSlope * cross(d, s), where s is the vector of the three
 /// dot products and c the curl of s.
 ///
-/// `jacobian` is a NoJacobian, or three rows: row r is the gradient of component r. A vertex
-/// contributes to the derivative of component r along coordinate j: d_j * (kernelCurvature *
-/// cross_r - kernelSlope * c_r) - kernelSlope * (derivative of cross_r along j).
-template <class Arith, int power, class Jacobian>
+/// `derivative` is a NoDerivative or a CurlDerivative. A vertex contributes to the derivative of
+/// component r along coordinate j: d_j * (kernelCurvature * cross_r - kernelSlope * c_r) -
+/// kernelSlope * (derivative of cross_r along j). The last term is 0 along the time.
+template <class Arith, int power, class Derivative>
 ZEL_ALWAYS_INLINE inline Vec3<typename Arith::Real>
-curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobian& jacobian) {
+curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Derivative& derivative) {
     using Number = typename Arith::Number;
     Vec3<typename Arith::Real> sum{};
-    Jacobian slope{};
+    Derivative slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
         auto const t = falloff<Arith>(d);
         auto const flat = kernel<power, Number>(t), steep = kernelSlope<power, Number>(t);
@@ -256,13 +256,13 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobi
         sum.x = sum.x + (flat * cx - steep * rx);
         sum.y = sum.y + (flat * cy - steep * ry);
         sum.z = sum.z + (flat * cz - steep * rz);
-        if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
+        if constexpr (!std::is_same_v<Derivative, NoDerivative>) {
             auto const steeper = kernelCurvature<power, Number>(t);
             auto const ax = steeper * rx - steep * cx, ay = steeper * ry - steep * cy,
                        az = steeper * rz - steep * cz;
             auto const ex = steep * d[0], ey = steep * d[1], ez = steep * d[2];
             auto const ux = steep * sx, uy = steep * sy, uz = steep * sz;
-            auto& [jx, jy, jz] = slope;
+            auto& [jx, jy, jz] = slope.rows;
             jx.x = jx.x + (d[0] * ax - (ey * gz[0] - ez * gy[0]));
             jx.y = jx.y + (d[1] * ax - (ey * gz[1] - ez * gy[1] + uz));
             jx.z = jx.z + (d[2] * ax - (ey * gz[2] - ez * gy[2] - uy));
@@ -271,24 +271,30 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Jacobi
             jy.z = jy.z + (d[2] * ay - (ez * gx[2] - ex * gz[2] + ux));
             jz.x = jz.x + (d[0] * az - (ex * gy[0] - ey * gx[0] + uy));
             jz.y = jz.y + (d[1] * az - (ex * gy[1] - ey * gx[1] - ux));
+            auto& jt = slope.alongTime;
+            jt.x = jt.x + d[3] * ax;
+            jt.y = jt.y + d[3] * ay;
+            jt.z = jt.z + d[3] * az;
         }
     });
     auto const scaled = [](Vec3<typename Arith::Real> const& v) ZEL_KERNEL_LAMBDA {
         auto const scale = static_cast<Number>(kCurlScale<power>);
         return Vec3<typename Arith::Real>{v.x * scale, v.y * scale, v.z * scale};
     };
-    if constexpr (!std::is_same_v<Jacobian, NoJacobian>) {
+    if constexpr (!std::is_same_v<Derivative, NoDerivative>) {
         // The divergence is 0. The mirror turns each row, then each column.
-        slope.z.z = Number{0} - (slope.x.x + slope.y.y);
-        auto const x = turnBack<Number>(scaled(slope.x)), y = turnBack<Number>(scaled(slope.y)),
-                   z = turnBack<Number>(scaled(slope.z));
+        auto& rows = slope.rows;
+        rows.z.z = Number{0} - (rows.x.x + rows.y.y);
+        auto const x = turnBack<Number>(scaled(rows.x)), y = turnBack<Number>(scaled(rows.y)),
+                   z = turnBack<Number>(scaled(rows.z));
         using Column = Vec3<typename Arith::Real>;
         auto const along0 = turnBack<Number>(Column{x.x, y.x, z.x}),
                    along1 = turnBack<Number>(Column{x.y, y.y, z.y}),
                    along2 = turnBack<Number>(Column{x.z, y.z, z.z});
-        jacobian = {{along0.x, along1.x, along2.x},
-                    {along0.y, along1.y, along2.y},
-                    {along0.z, along1.z, along2.z}};
+        derivative = {{{along0.x, along1.x, along2.x},
+                       {along0.y, along1.y, along2.y},
+                       {along0.z, along1.z, along2.z}},
+                      turnBack<Number>(scaled(slope.alongTime))};
     }
     return turnBack<Number>(scaled(sum));
 }

@@ -116,8 +116,14 @@ inline constexpr std::array<std::uint32_t, 4> kMix = {0xcc9e2d51u, 0x1b873593u, 
 struct NoOrigin {};
 
 /// Stands for a Jacobian that is not computed.
-struct NoJacobian {};
+struct NoDerivative {};
 
 template <class T> struct Vec3 { T x, y, z; };
+
+/// The derivatives of a curl.
+template <class T> struct CurlDerivative {
+    Vec3<Vec3<T>> rows;  ///< row r is the gradient of component r by the position
+    Vec3<T> alongTime;
+};
 
 }  // namespace Orvane::Math::Simplex

@@ -60,15 +60,18 @@ template <Curl* curl, auto* curlBlock> Form<float> curlForm(char const* name) {
             }};
 }
 template <auto* curl, auto* curlBlock> Form<float> curlDerivativeForm(char const* name) {
-    return {name, 12,
+    return {name, 15,
             [](auto p, int n, auto r) {
                 float* const m[9] = {r[3], r[4], r[5], r[6], r[7], r[8], r[9], r[10], r[11]};
-                curlBlock(p[0], p[1], p[2], p[3], n, kCurlSeed, r[0], r[1], r[2], m);
+                float* const t[3] = {r[12], r[13], r[14]};
+                curlBlock(p[0], p[1], p[2], p[3], n, kCurlSeed, r[0], r[1], r[2], m, t);
             },
             [](auto p, auto r) {
                 float3x3 m;
-                write(curl({p[0], p[1], p[2]}, p[3], kCurlSeed, m), r);
+                float3 t;
+                write(curl({p[0], p[1], p[2]}, p[3], kCurlSeed, m, t), r);
                 for (int i = 0; i < 3; ++i) write(m[i], r + 3 + 3 * i);
+                write(t, r + 12);
             }};
 }
 Form<float> const kCurlForms[] = {
@@ -109,19 +112,20 @@ void check(Form<Real> const& form, Coordinates<Real> const& points, std::size_t 
     using Bits = std::conditional_t<sizeof(Real) == 4, std::uint32_t, std::uint64_t>;
     constexpr Real kUntouched = Real{-12345};
     SCOPED_TRACE(std::to_string(n) + " points" + (inPlace ? ", in place" : ""));
-    std::array<std::vector<Real>, 16> arrays;  // results; with the coordinates at the end
-    std::array<Real*, 16> at{};
-    for (std::size_t k = 0; k < 16; ++k) {
+    constexpr std::size_t kResults = 15, kArrays = kResults + 4;
+    std::array<std::vector<Real>, kArrays> arrays;  // results; with the coordinates at the end
+    std::array<Real*, kArrays> at{};
+    for (std::size_t k = 0; k < kArrays; ++k) {
         arrays[k].assign(n + k + 1, kUntouched);
         at[k] = arrays[k].data() + k;
-        if (k >= 12) std::copy_n(points[k - 12].data(), n, at[k]);
+        if (k >= kResults) std::copy_n(points[k - kResults].data(), n, at[k]);
     }
-    Real const* const from[] = {at[12], at[13], at[14], at[15]};
-    if (inPlace) std::copy_n(at.begin() + 12, 4, at.begin());
+    Real const* const from[] = {at[15], at[16], at[17], at[18]};
+    if (inPlace) std::copy_n(at.begin() + kResults, 4, at.begin());
     form.block(from, static_cast<int>(n), at.data());
     for (std::size_t i = 0; i < n; ++i) {
         std::array const p{points[0][i], points[1][i], points[2][i], points[3][i]};
-        std::array<Real, 12> expected;
+        std::array<Real, kResults> expected;
         form.one(p.data(), expected.data());
         for (std::size_t k = 0; k < form.results; ++k)
             ASSERT_EQ(std::bit_cast<Bits>(at[k][i]), std::bit_cast<Bits>(expected[k]))

@@ -1,7 +1,7 @@
 #include "zel_platform/orvane_math_support/noise.h"
 
+#include "support/curl_reference.h"
 #include "zel_platform/orvane_math_support/noise_block.h"
-#include "zel_platform/orvane_math_support/scalar_arithmetic.h"
 
 #include <gtest/gtest.h>
 
@@ -64,26 +64,10 @@ float4 single(Point const& p) {
     return {static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2]),
             static_cast<float>(p[3])};
 }
-/// Calls use(d, hash) for a point: as the kernel places it in the lattice.
-template <class Use> auto atPlace(Point const& p, std::uint32_t seed, Use const& use) {
-    Simplex::Double4 const w = {Simplex::Double2{p[0], p[1]}, Simplex::Double2{p[2], p[3]}};
-    return Simplex::atPlace<Lane>(
-        Simplex::skew<Lane>(w), Simplex::NoOrigin{}, [&](auto const& d, auto const& cell) {
-            return use(d, Simplex::hashCell<Lane>(cell, Simplex::makeKeys(seed)));
-        });
-}
-/// The curl noises in double precision: power 3, or 4 for the smooth one.
-template <int power> Point curl(Point const& p) {
-    return atPlace(p, kCurlSeed, [](auto const& d, auto const& hash) {
-        Simplex::NoJacobian none;
-        auto const v = Simplex::curl<Lane, power>(d, hash, none);
-        return Point{v.x, v.y, v.z, 0};
-    });
-}
-/// The columns of a Jacobian, by central differences of fourth order.
-std::array<Point, 3> jacobian(auto const& f, Point const& p, double h) {
-    std::array<Point, 3> columns;
-    for (std::size_t c = 0; c < 3; ++c) {
+/// The columns of a Jacobian, the last along the time, by central differences of fourth order.
+std::array<Point, 4> jacobian(auto const& f, Point const& p, double h) {
+    std::array<Point, 4> columns;
+    for (std::size_t c = 0; c < 4; ++c) {
         auto const at = [&](double s) { return f(p + s * h * axis(c)); };
         columns[c] = (at(-2) - 8.0 * at(-1) + 8.0 * at(1) - at(2)) / (12 * h);
     }
@@ -202,11 +186,13 @@ TEST(Noise, NotFiniteAndHugeCoordinates) {
             double4 d;
             float4 e;
             float3x3 m, n;
-            float3 const u = curl_noise_derivative({f.x, f.y, f.z}, f.w, 1, m);
-            float3 const v = smooth_curl_noise_derivative({f.x, f.y, f.z}, f.w, 1, n);
-            for (double r : {simplex_noise({p[0], p[1], p[2], p[3]}, 1, d),
-                             double{simplex_noise(f, 1, e)}, d.x, d.w, double{e.y}, double{e.z},
-                             double{u.x}, double{v.y}, double{m[0][0]}, double{n[2][1]}})
+            float3 t;
+            float3 const u = curl_noise_derivative({f.x, f.y, f.z}, f.w, 1, m, t);
+            float3 const v = smooth_curl_noise_derivative({f.x, f.y, f.z}, f.w, 1, n, t);
+            for (double r :
+                 {simplex_noise({p[0], p[1], p[2], p[3]}, 1, d), double{simplex_noise(f, 1, e)},
+                  d.x, d.w, double{e.y}, double{e.z}, double{u.x}, double{v.y}, double{m[0][0]},
+                  double{n[2][1]}, double{t.z}})
                 EXPECT_TRUE(std::abs(bad) < kInf ? r == 0 : std::isnan(r)) << bad << ' ' << r;
         }
     EXPECT_EQ(noise({kMax, kMax, kMax, -kMax}, 1), 0);
@@ -310,13 +296,14 @@ TEST(CurlNoise, IsFreeOfDivergenceAndAgreesWithDifferences) {
     auto const check = [&](auto const& field, auto const& publicField, auto const& publicSlope) {
         int checked = 0;
         std::array<Point, 3> products;
-        products.fill(Point(0.0, 4));
+        products.fill(Point(0.0, 3));
         for (int i = 0; i < 5'000; ++i) {
             float4 const f = single(random.point(20));
             Point const p = {f.x, f.y, f.z, f.w}, v = field(p);
             auto const j = jacobian(field, p, 1e-4), wide = jacobian(field, p, 2e-3);
             float3x3 m;
-            float3 const w = publicSlope({f.x, f.y, f.z}, f.w, kCurlSeed, m);
+            float3 t;
+            float3 const w = publicSlope({f.x, f.y, f.z}, f.w, kCurlSeed, m, t);
             ASSERT_EQ(publicField({f.x, f.y, f.z}, f.w, kCurlSeed), w);
             double size = 1, kink = 0;
             for (std::size_t c = 0; c < 3; ++c) {
@@ -330,16 +317,20 @@ TEST(CurlNoise, IsFreeOfDivergenceAndAgreesWithDifferences) {
             if (kink > 1e-6 * size) continue;
             ++checked;
             ASSERT_LT(std::abs(j[0][0] + j[1][1] + j[2][2]) / size, 1e-7);
-            for (std::size_t r = 0; r < 3; ++r)
+            for (std::size_t r = 0; r < 3; ++r) {
                 for (std::size_t c = 0; c < 3; ++c)
                     ASSERT_NEAR(j[c][r], m[static_cast<int>(r)][static_cast<int>(c)], 1e-5 * size);
+                ASSERT_NEAR(j[3][r], t[static_cast<int>(r)], 1e-5 * size);
+            }
         }
         EXPECT_GT(checked, 4'000);
         EXPECT_NEAR(std::sqrt(expectIsotropic(products, 0.1) / 5'000), 2.8, 0.1);
     };
     using Curl = float3 (*)(float3 const&, float, std::uint32_t);
-    check(curl<3>, Curl(curl_noise), curl_noise_derivative);
-    check(curl<4>, Curl(smooth_curl_noise), smooth_curl_noise_derivative);
+    check([](Point const& p) { return support::curl<3>(p, kCurlSeed); }, Curl(curl_noise),
+          curl_noise_derivative);
+    check([](Point const& p) { return support::curl<4>(p, kCurlSeed); }, Curl(smooth_curl_noise),
+          smooth_curl_noise_derivative);
 }
 
 TEST(CurlNoise, TableGivesTheBitsOfItsTime) {
@@ -358,7 +349,7 @@ TEST(CurlNoise, TableGivesTheBitsOfItsTime) {
             << time;
         // The split of the time, against the time as a plain coordinate in double precision.
         if (std::abs(time) < 1e8f) {
-            ASSERT_NEAR(v.x, (curl<4>({p.x, p.y, p.z, time})[0]), 1e-4);
+            ASSERT_NEAR(v.x, (support::curl<4>({p.x, p.y, p.z, time}, kCurlSeed)[0]), 1e-4);
         }
         table.fill(f.w * 1e30f);  // any other table is harmless
         ASSERT_EQ(smooth_curl_noise(p, table.data(), kCurlSeed).x, 0);
