@@ -9,6 +9,7 @@
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
 #include "zel/geo_property/geo_property.h"
+#include "zel/node/exact_gradients.h"
 #include "zel/node/node.h"
 #include "zel/node/type_name.h"
 #include "zel/operators/closest_point.h"

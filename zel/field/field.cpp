@@ -41,6 +41,28 @@ void Field::apply_object(Orvane::Object const& /*object*/) {}
 // NOLINTNEXTLINE(performance-unnecessary-value-param): overriders keep the pointer
 void Field::use_property_indices(Quern::Ptr<Quern::Array<long long>> /*indices*/) {}
 
+void Field::listChildren(FieldConstVisitor& visitor) const {
+    accept(visitor);
+}
+
+void Field::replaceChildren(ChildReplacer& replacer) {
+    struct Visitor final : FieldVisitor {
+        explicit Visitor(ChildReplacer& to) : replacer(to) {}
+        using FieldVisitor::operator();
+        void operator()(Field& child) override { replacer(child); }
+
+        ChildReplacer& replacer;
+    } visitor(replacer);
+    accept(visitor);
+}
+
+bool Field::hasExactGradient() const {
+    return false;
+}
+void Field::useExactGradient(ChildReplacer& replacer) {
+    replaceChildren(replacer);
+}
+
 void Field::caccept(FieldConstVisitor& visitor) const {
     accept(visitor);
 }

@@ -8,6 +8,11 @@ namespace Orvane {
 class Object;
 }  // namespace Orvane
 
+namespace Core::Fields {
+class ScalarField;
+class VectorField;
+}  // namespace Core::Fields
+
 namespace zel {
 
 class Field;
@@ -35,6 +40,18 @@ public:
 
     void operator()(Field const& node) override;  ///< does nothing
     virtual void operator()(Field& node);         ///< does nothing
+};
+
+/// Receives the children of a node to put others in their place: see Field::replaceChildren.
+class ZEL_API ChildReplacer {
+public:
+    virtual void operator()(Quern::Ptr<Core::Fields::ScalarField>& child) = 0;
+    virtual void operator()(Quern::Ptr<Core::Fields::VectorField>& child) = 0;
+    /// A child that can be changed, but not replaced. No other node owns it.
+    virtual void operator()(Field& child) = 0;
+
+protected:
+    ~ChildReplacer() = default;
 };
 
 /// The base of all nodes, of scalar and of vector fields. It holds no data. Its operations concern
@@ -65,6 +82,25 @@ public:
 
     /// Sets the index that the node reads for each element index. Belongs to the set-up of a tree.
     virtual void use_property_indices(Quern::Ptr<Quern::Array<long long>> indices);
+
+    /// Hands each direct child to the visitor, also a child that `accept` does not show, such as
+    /// the time of a noise. By `accept` here.
+    virtual void listChildren(FieldConstVisitor& visitor) const;
+
+    /// Hands the pointers of the same children to `replacer`, which may set them. Here the children
+    /// that `accept` shows, which cannot be replaced. Belongs to the set-up of a tree.
+    virtual void replaceChildren(ChildReplacer& replacer);
+
+    /// Whether `grad` is the derivative of the value, provided that the gradients of the children
+    /// are. False for a node whose gradients are differences, and for a class derived from a node
+    /// of the library. A class of a user's whose `grad` is the derivative overrides it to say so.
+    virtual bool hasExactGradient() const;
+
+    /// Makes `grad` the derivative of the value from now on, in a class that can have both, and
+    /// hands the children to `replacer`: see withExactGradients(), which calls it. A class whose
+    /// value takes the gradient of a child leaves that child out, so that values stay the same.
+    /// Belongs to the set-up of a tree.
+    virtual void useExactGradient(ChildReplacer& replacer);
 
     /// The const walk, for a caller whose node is not const.
     void caccept(FieldConstVisitor& visitor) const;

@@ -98,6 +98,11 @@ constexpr float3x3 identity() {
     return {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
 }
 
+/// The matrix of the rows f(0), f(1) and f(2).
+template <class F> constexpr float3x3 rowsOf(F const& f) {
+    return {{f(0), f(1), f(2)}};
+}
+
 /// The columns of `m`, each replaced by `f(column)`.
 template <class F> constexpr float3x3 mapColumns(F const& f, float3x3 const& m) {
     float3x3 result;

@@ -1,5 +1,7 @@
 #include "zel/field/scalar_field.h"
 
+#include <typeinfo>
+
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -25,6 +27,10 @@ float3 ScalarField::grad(float3 const& position, long long index) const {
 
 Quern::String ScalarField::getType() const {
     return typeName;
+}
+
+bool ScalarField::hasExactGradient() const {
+    return typeid(*this) == typeid(ScalarField);
 }
 
 void ScalarField::preSampleField() const {}

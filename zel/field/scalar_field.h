@@ -48,6 +48,9 @@ public:
     /// derived from a node has the node's name unless it sets `typeName` itself.
     virtual Quern::String getType() const;
 
+    /// True for a plain field, which is zero everywhere.
+    bool hasExactGradient() const override;
+
     /// Called before and after a batch. Operators pass both on to all their children, but once a
     /// batch: a leaf is called once for each operator's pointer to it. Nothing here.
     virtual void preSampleField() const;

@@ -1,5 +1,7 @@
 #include "zel/field/vector_field.h"
 
+#include <typeinfo>
+
 #include "zel/field/differences.h"
 
 namespace Core::Fields {
@@ -26,6 +28,10 @@ float3x3 VectorField::grad(float3 const& position, long long index) const {
 
 Quern::String VectorField::getType() const {
     return typeName;
+}
+
+bool VectorField::hasExactGradient() const {
+    return typeid(*this) == typeid(VectorField);
 }
 
 void VectorField::preSampleField() const {}

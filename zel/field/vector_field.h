@@ -38,6 +38,9 @@ public:
                                         long long index) const;
 
     virtual Quern::String getType() const;
+
+    /// True for a plain field, which is zero everywhere.
+    bool hasExactGradient() const override;
     virtual void preSampleField() const;
     virtual void postSampleField() const;
 

@@ -56,6 +56,19 @@ template <class Node> inline constexpr bool isLibraryNode = false;
 /// which must give the bits of its point operations. A node without them is evaluated by its point
 /// operations. A node with `blockValues` alone, and with the default `grad`, has its gradients by
 /// differences of the values of blocks.
+///
+/// A node whose `grad` is not the derivative of its value can have that too. It has a member `bool
+/// usesExactGradient = false`, which withExactGradients() sets, and answers accordingly. A
+/// PointwiseNode then leaves `gradientOf` as it is and states the derivative beside it:
+///
+///     Gradient exactGradientOf(av, bv, ag, bg) const;   from the children's values and gradients
+///
+/// and a TransformNode
+///
+///     Gradient exactGradientOf(g) const;                from the child's gradient
+///
+/// A node whose value takes the gradients of its children has `static constexpr bool
+/// kTakesGradients = true`: their gradients, and so its value, then stay what they are.
 template <class Self, class Interface> class ZEL_API NamedNode : public Interface {
 public:
     using Value = typename Interface::Value;
@@ -66,6 +79,11 @@ public:
     void evalBlock(Block& block, BlockResult<Value>& out) const override;
     void gradBlock(Block& block, BlockResult<Gradient>& out) const override;
     void fuse(Fuser& fuser) const override;
+    void listChildren(FieldConstVisitor& visitor) const override;
+    void replaceChildren(ChildReplacer& replacer) override;
+    /// True, of a node that is exactly of its class, if the class has a formula for its gradient.
+    bool hasExactGradient() const override;
+    void useExactGradient(ChildReplacer& replacer) override;
 
 protected:
     NamedNode();

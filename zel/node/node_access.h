@@ -93,6 +93,37 @@ struct NodeAccess {
         return node.gradientChoice(in...);
     }
 
+    // The derivative of a class whose gradient may be another. Its formula is one of the children's
+    // values and gradients, or of a transformed child's gradient.
+
+    template <class Node> static constexpr bool hasExactSwitch = requires(Node& node) {
+        { (node.usesExactGradient) } -> std::same_as<bool&>;
+    };
+    template <class Node> static bool isExact(Node const& node) {
+        if constexpr (hasExactSwitch<Node>)
+            return node.usesExactGradient;
+        else
+            return false;
+    }
+    template <class Node> static void setExact(Node& node) { node.usesExactGradient = true; }
+
+    template <class Node, class... In>
+    static constexpr bool hasExactGradient = requires(Node const& node, In const&... in) {
+        node.exactGradientOf(in...);
+    };
+    template <class Node, class... In>
+    ZEL_ALWAYS_INLINE static auto exactGradientOf(Node const& node, In const&... in) {
+        return node.exactGradientOf(in...);
+    }
+
+    template <class Node>
+    static constexpr bool takesGradients = [] {
+        if constexpr (requires { Node::kTakesGradients; })
+            return Node::kTakesGradients;
+        else
+            return false;
+    }();
+
     template <class Node>
     static constexpr bool hasChildPosition = requires(Node const& node, float3 const& p) {
         node.childPosition(p);
@@ -241,10 +272,12 @@ template <class Node> bool isExactly(Node const& node) {
     return typeid(node) == typeid(Node);
 }
 
-/// Whether a PointwiseNode is fused with others: a light formula of scalars, of the library.
+/// Whether a PointwiseNode is fused with others: a light formula of scalars, of the library, with
+/// one gradient.
 template <class Node>
 inline constexpr bool isFusible = [] {
-    if constexpr (NodeAccess::isLight<Node> && std::same_as<typename Node::Value, float>)
+    if constexpr (NodeAccess::isLight<Node> && std::same_as<typename Node::Value, float> &&
+                  !NodeAccess::hasExactSwitch<Node>)
         return []<class... Child>(std::type_identity<std::tuple<Child...>> /*children*/) {
             return (std::same_as<std::remove_cvref_t<Child>, ScalarPtr> && ...);
         }(std::type_identity<decltype(NodeAccess::children(std::declval<Node const&>()))>());

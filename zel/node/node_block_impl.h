@@ -156,6 +156,23 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
             return std::tuple(block.values(static_cast<Interface const&>(*this)));
         };
 
+        auto const map = [&](auto const& formula, auto const& inputs) {
+            std::apply(
+                [&](auto const&... columns) {
+                    detail::mapNode(block, out, node, formula, columns...);
+                },
+                inputs);
+        };
+
+        if constexpr (NodeAccess::hasExactGradient<Self, typename Child::Value...,
+                                                   typename Child::Gradient...>)
+            if (NodeAccess::isExact(node)) {
+                Block::Frame const frame(block);
+                return map([](Self const& n, auto const&... in)
+                               ZEL_ALWAYS_INLINE { return NodeAccess::exactGradientOf(n, in...); },
+                           detail::gradientInputs<GradientForm::kFromValuesAndGradients>(
+                               ownValue, values, gradients));
+            }
         if constexpr (kForm == GradientForm::kChoice) {
             int* const chosen = block.allocateInts();
             bool light = false;
@@ -180,14 +197,8 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
             });
         } else if constexpr (kForm != GradientForm::kNone) {
             Block::Frame const frame(block);
-            std::apply(
-                [&](auto const&... columns) {
-                    detail::mapNode(
-                        block, out, node,
-                        [](Self const& n, auto const&... in)
-                            ZEL_ALWAYS_INLINE { return detail::gradientBy<kForm>(n, in...); },
-                        columns...);
-                },
+            map([](Self const& n, auto const&... in)
+                    ZEL_ALWAYS_INLINE { return detail::gradientBy<kForm>(n, in...); },
                 detail::gradientInputs<kForm>(ownValue, values, gradients));
         }
     };
@@ -236,11 +247,15 @@ void TransformNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
     auto const& field = std::get<0>(NodeAccess::children(node));
     Block::Frame const frame(block);
     block.withPositions(detail::childPositions(node, block), [&](Block& there) {
-        detail::mapNode(
-            there, out, node,
-            [](Self const& n, Gradient const& g)
-                ZEL_ALWAYS_INLINE { return NodeAccess::gradientOf(n, g); },
-            there.gradients(field, out));
+        auto const map = [&](auto const& formula) {
+            detail::mapNode(there, out, node, formula, there.gradients(field, out));
+        };
+        if constexpr (NodeAccess::hasExactGradient<Self, Gradient>)
+            if (NodeAccess::isExact(node))
+                return map([](Self const& n, Gradient const& g)
+                               ZEL_ALWAYS_INLINE { return NodeAccess::exactGradientOf(n, g); });
+        map([](Self const& n, Gradient const& g)
+                ZEL_ALWAYS_INLINE { return NodeAccess::gradientOf(n, g); });
     });
 }
 

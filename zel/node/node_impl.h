@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cassert>
+#include <concepts>
 #include <utility>
 
 #include "zel/node/node_access.h"
@@ -38,6 +39,22 @@ private:
     Quern::Ptr<Interface> held;
 };
 
+/// A null child is left out.
+template <class Child> void visit(FieldConstVisitor& visitor, Quern::Ptr<Child> const& child) {
+    if (child) visitor(static_cast<Field const&>(*child));
+}
+
+/// A pointer to some class of nodes cannot be set to any other node: the child is made this node's
+/// own, and is changed.
+template <class Child> void replace(ChildReplacer& replacer, Quern::Ptr<Child>& child) {
+    if constexpr (std::same_as<Child, ScalarField> || std::same_as<Child, VectorField>) {
+        replacer(child);
+    } else if (child) {
+        if (child.useCount() > 1) child = child.clone();
+        replacer(static_cast<Field&>(*child));
+    }
+}
+
 template <class Interface> void visitMutably(FieldVisitor& visitor, Quern::Ptr<Interface>& child) {
     HeldChild const held(child);
     visitor(*held);
@@ -63,6 +80,39 @@ template <class Self, class Interface> void NamedNode<Self, Interface>::fuse(Fus
         if (detail::isExactly(this->self()))
             return detail::FusedForm<Self, Interface>::describe(this->self(), fuser);
     Interface::fuse(fuser);
+}
+
+template <class Self, class Interface>
+void NamedNode<Self, Interface>::listChildren(FieldConstVisitor& visitor) const {
+    if constexpr (NodeAccess::hasChildren<Self const>)
+        std::apply([&](auto const&... child) { (detail::visit(visitor, child), ...); },
+                   NodeAccess::children(this->self()));
+    else
+        Interface::listChildren(visitor);
+}
+
+template <class Self, class Interface>
+void NamedNode<Self, Interface>::replaceChildren(ChildReplacer& replacer) {
+    if constexpr (NodeAccess::hasChildren<Self>)
+        std::apply([&](auto&... child) { (detail::replace(replacer, child), ...); },
+                   NodeAccess::children(this->self()));
+    else
+        Interface::replaceChildren(replacer);
+}
+
+template <class Self, class Interface> bool NamedNode<Self, Interface>::hasExactGradient() const {
+    if (!detail::isExactly(this->self())) return false;
+    if constexpr (NodeAccess::hasExactSwitch<Self>)
+        return NodeAccess::isExact(this->self());
+    else
+        return !detail::hasDefaultGradient<Self, Interface>;
+}
+
+template <class Self, class Interface>
+void NamedNode<Self, Interface>::useExactGradient(ChildReplacer& replacer) {
+    if constexpr (!NodeAccess::takesGradients<Self>) this->replaceChildren(replacer);
+    if constexpr (NodeAccess::hasExactSwitch<Self>)
+        if (detail::isExactly(this->self())) NodeAccess::setExact(this->self());
 }
 
 // A comma fold runs from the first child to the last.

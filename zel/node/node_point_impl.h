@@ -80,6 +80,13 @@ auto PointwiseNode<Self, Interface>::grad(float3 const& position, long long inde
         auto const gradients = [&] { return detail::gradientsOf(position, index, child...); };
         auto const ownValue = [&] { return std::tuple(node.eval(position, index)); };
 
+        if constexpr (NodeAccess::hasExactGradient<Self, typename Child::Value...,
+                                                   typename Child::Gradient...>)
+            if (NodeAccess::isExact(node))
+                return std::apply(
+                    [&](auto const&... in) { return NodeAccess::exactGradientOf(node, in...); },
+                    detail::gradientInputs<GradientForm::kFromValuesAndGradients>(ownValue, values,
+                                                                                  gradients));
         if constexpr (kForm == GradientForm::kChoice) {
             int const choice = std::apply(
                 [&](auto const&... v) { return NodeAccess::gradientChoice(node, v...); }, values());
@@ -112,8 +119,10 @@ auto TransformNode<Self, Interface>::grad(float3 const& position, long long inde
                   "gradient. If it is private, zel::NodeAccess is a friend.");
     Self const& node = this->self();
     auto const& field = std::get<0>(NodeAccess::children(node));
-    return NodeAccess::gradientOf(node,
-                                  field->grad(NodeAccess::childPosition(node, position), index));
+    Gradient const g = field->grad(NodeAccess::childPosition(node, position), index);
+    if constexpr (NodeAccess::hasExactGradient<Self, Gradient>)
+        if (NodeAccess::isExact(node)) return NodeAccess::exactGradientOf(node, g);
+    return NodeAccess::gradientOf(node, g);
 }
 
 template <class Self, class Interface>

@@ -22,6 +22,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     void blockValues(Block& block, BlockResult<float3>& out) const;
 

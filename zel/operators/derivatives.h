@@ -16,6 +16,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     void blockValues(Block& block, BlockResult<float3>& out) const;
 
@@ -32,6 +33,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     void blockValues(Block& block, BlockResult<float>& out) const;
 
@@ -48,6 +50,7 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     void blockValues(Block& block, BlockResult<float3>& out) const;
 

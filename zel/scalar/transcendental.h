@@ -112,7 +112,7 @@ private:
 };
 
 /// The angle of the point with ordinate `a` and abscissa `b`, in its quadrant. In the gradient an
-/// abscissa nearer to 0 than 0.0001 is taken as +0.0001.
+/// abscissa nearer to 0 than 0.0001 is taken as +0.0001. See withExactGradients().
 class ZEL_API ScalarFieldArcTangent_2D
     : public PointwiseNode<ScalarFieldArcTangent_2D, ScalarField> {
 public:
@@ -129,8 +129,12 @@ private:
         float const s = y / (g * g);
         return (yg / g - xg * s) * (1 / (s * y + 1));
     }
+    float3 exactGradientOf(float y, float x, float3 const& yg, float3 const& xg) const {
+        return (yg * x - xg * y) / (x * x + y * y);
+    }
 
     ScalarPtr a, b;
+    bool usesExactGradient = false;
 };
 
 }  // namespace zel

@@ -209,7 +209,8 @@ private:
 /// field / length(field), and field itself where its length is 0. The gradient is deliberately not
 /// the derivative: it is the child's gradient without its part along the field,
 /// `M[r][c] = G[r][c] - (sum over k of G[k][c]*v[k]) / dot(v,v) * v[r]`, and is not divided by the
-/// length of the field. It has no guard: it is NaN where the field is zero.
+/// length of the field. It has no guard: it is NaN where the field is zero. See
+/// withExactGradients().
 class ZEL_API VectorFieldUnitVector : public PointwiseNode<VectorFieldUnitVector, VectorField> {
 public:
     explicit VectorFieldUnitVector(VectorPtr field_) : field(std::move(field_)) {}
@@ -224,8 +225,14 @@ private:
     float3x3 gradientOf(float3 const& v, float3x3 const& g) const {
         return g - outerProduct(v, (v * g) / dot(v, v));
     }
+    /// The child's where the value is.
+    float3x3 exactGradientOf(float3 const& v, float3x3 const& g) const {
+        float const l = length(v);
+        return l == 0 ? g : gradientOf(v, g) / l;
+    }
 
     VectorPtr field;
+    bool usesExactGradient = false;
 };
 
 }  // namespace zel

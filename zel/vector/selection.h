@@ -6,7 +6,8 @@
 #include "zel/node/node.h"
 
 // Vector nodes that compare. Values are selected component by component, but a gradient as a whole
-// matrix, by one lexicographic comparison of vectors. A NaN makes a comparison false.
+// matrix, by one lexicographic comparison of vectors; row by row as the values after
+// withExactGradients(). A NaN makes a comparison false.
 namespace zel {
 
 /// For each component a[c] if a[c] > b[c], else b[c]. The gradient is that of a where a > b, else
@@ -22,8 +23,13 @@ private:
         return mapComponents([](float ac, float bc) { return ac > bc ? ac : bc; }, av, bv);
     }
     int gradientChoice(float3 const& av, float3 const& bv) const { return av > bv ? 0 : 1; }
+    float3x3 exactGradientOf(float3 const& av, float3 const& bv, float3x3 const& ag,
+                             float3x3 const& bg) const {
+        return Orvane::Math::rowsOf([&](int r) { return av[r] > bv[r] ? ag[r] : bg[r]; });
+    }
 
     VectorPtr a, b;
+    bool usesExactGradient = false;
 };
 
 /// For each component a[c] if a[c] < b[c], else b[c]. The gradient is that of a where a < b, else
@@ -39,8 +45,13 @@ private:
         return mapComponents([](float ac, float bc) { return ac < bc ? ac : bc; }, av, bv);
     }
     int gradientChoice(float3 const& av, float3 const& bv) const { return av < bv ? 0 : 1; }
+    float3x3 exactGradientOf(float3 const& av, float3 const& bv, float3x3 const& ag,
+                             float3x3 const& bg) const {
+        return Orvane::Math::rowsOf([&](int r) { return av[r] < bv[r] ? ag[r] : bg[r]; });
+    }
 
     VectorPtr a, b;
+    bool usesExactGradient = false;
 };
 
 /// Each component with its sign bit cleared. The gradient is the negative of the child's where the
@@ -56,8 +67,12 @@ private:
         return mapComponents([](float c) { return std::fabs(c); }, v);
     }
     float3x3 gradientOf(float3 const& v, float3x3 const& g) const { return v < float3{} ? -g : g; }
+    float3x3 exactGradientOf(float3 const& v, float3x3 const& g) const {
+        return Orvane::Math::rowsOf([&](int r) { return v[r] < 0 ? -g[r] : g[r]; });
+    }
 
     VectorPtr field;
+    bool usesExactGradient = false;
 };
 
 /// Each component limited to the range between `min[c]` and `max[c]`, whichever is the smaller. A
@@ -82,9 +97,14 @@ private:
         return mapComponents(limited, v, min, max);
     }
     int gradientChoice(float3 const& v) const { return v > min && max > v ? 0 : -1; }
+    float3x3 exactGradientOf(float3 const& v, float3x3 const& g) const {
+        float3 const value = valueOf(v);
+        return Orvane::Math::rowsOf([&](int r) { return value[r] == v[r] ? g[r] : float3{}; });
+    }
 
     VectorPtr field;
     float3 min, max;
+    bool usesExactGradient = false;
 };
 
 /// a where condition > 0, else b. Only the branch taken is evaluated.

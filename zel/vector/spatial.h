@@ -39,7 +39,7 @@ private:
 
 /// scale * field(p / scale), by components. A component of `scale` nearer to 0 than 2^-23 is taken
 /// as +2^-23. The gradient is the child's, unscaled, which is the derivative only where all
-/// components of `scale` are equal.
+/// components of `scale` are equal. See withExactGradients().
 class ZEL_API VectorFieldScale : public TransformNode<VectorFieldScale, VectorField> {
 public:
     VectorFieldScale(VectorPtr field_, float3 const& scale_)
@@ -51,14 +51,19 @@ private:
     float3 childPosition(float3 const& p) const { return divideComponents(p, scale); }
     float3 valueOf(float3 const& v) const { return multiplyComponents(scale, v); }
     float3x3 gradientOf(float3x3 const& g) const { return g; }
+    float3x3 exactGradientOf(float3x3 const& g) const {
+        return Orvane::Math::rowsOf(
+            [&](int r) { return divideComponents(g[r] * scale[r], scale); });
+    }
 
     VectorPtr field;
     float3 scale;
+    bool usesExactGradient = false;
 };
 
 /// field turned by the quaternion `rotation`: rotate(rotation, field(rotate(conjugate(rotation),
 /// p))). The gradient is deliberately not the derivative: each column of the child's is turned, but
-/// not the coordinate.
+/// not the coordinate. See withExactGradients().
 class ZEL_API VectorFieldRotate : public TransformNode<VectorFieldRotate, VectorField> {
 public:
     /// Turns by the negative of a rotation vector, as ScalarFieldRotate does.
@@ -75,9 +80,14 @@ private:
     float3x3 gradientOf(float3x3 const& g) const {
         return mapColumns([&](float3 const& column) { return rotate(rotation, column); }, g);
     }
+    /// Turning back is the transpose of turning, so the rows are turned for the coordinate.
+    float3x3 exactGradientOf(float3x3 const& g) const {
+        return gradientOf(Orvane::Math::rowsOf([&](int r) { return rotate(rotation, g[r]); }));
+    }
 
     VectorPtr field;
     float4 rotation;
+    bool usesExactGradient = false;
 };
 
 }  // namespace zel
