@@ -91,6 +91,21 @@ auto Block::askKept(Interface const& node) -> Columns<Asked<gradient, Interface>
     return out.columns;
 }
 
+/// Columns for gradients of a node that are to be kept; null if they cannot be, or are known.
+float* Block::reserveGradients(void const* node, std::size_t columns) {
+    bool const canKeep = m_positions.keepAll && !m_choice && &m_positions == m_workspace.innermost;
+    if (!canKeep || m_positions.find(node, true)) return nullptr;
+    return m_workspace.kept.floats(columns * kBlockSize);
+}
+
+void Block::keepGradients(void const* node, std::size_t columns, float* storage) {
+    detail::KeptResult& added = m_positions.add(node, true, storage, m_workspace);
+    added.known.fill(~std::uint64_t{0});
+    added.complete = true;
+    for (std::size_t c = 0; c < columns; ++c) added.component[c] = storage + c * kBlockSize;
+    m_positions.knowsGradients = true;
+}
+
 /// The result of a node that is known at some positions of the block at most: it is computed at the
 /// others.
 template <bool gradient, class Interface>

@@ -92,6 +92,19 @@ public:
         write(node, false, out);
     }
 
+    /// For a node that has its gradients for little beside its values. If gradients are asked for
+    /// at the positions of the block too, and those of the node are not known yet, it calls
+    /// `work(writer)`, which writes both; the gradients are then kept. Else returns false.
+    template <class Interface, class Work>
+    bool withGradients(Interface const& node, Work const& work) {
+        using Gradient = typename Interface::Gradient;
+        float* const storage = reserveGradients(&node, kComponents<Gradient>);
+        if (!storage) return false;
+        work(BlockResult<Gradient>(storage).writer());
+        keepGradients(&node, kComponents<Gradient>, storage);
+        return true;
+    }
+
     /// A column of one value.
     Columns<float> constant(float value);
 
@@ -171,7 +184,8 @@ private:
     Columns<Asked<gradient, Interface>>
     ask(Interface const& node, bool shared,
         BlockResult<Asked<gradient, Interface>> const* room = nullptr) {
-        if (shared || (m_positions.keepAll && !gradient)) return askKept<gradient>(node);
+        if (shared || (gradient ? m_positions.knowsGradients : m_positions.keepAll))
+            return askKept<gradient>(node);
         using T = Asked<gradient, Interface>;
         auto out = room ? BlockResult<T>(room->storage, room->stride) : result<T>();
         call<gradient>(node, *this, out);
@@ -191,6 +205,8 @@ private:
     template <bool gradient, class Interface>
     Columns<Asked<gradient, Interface>> complete(Interface const& node, detail::KeptResult* kept);
 
+    float* reserveGradients(void const* node, std::size_t columns);
+    void keepGradients(void const* node, std::size_t columns, float* storage);
     bool runFusion(void const* node, BlockResult<float>& out);
     bool runDualFusion(void const* node, BlockResult<float3>& out);
     int* choose(int const* choice, int count, float* xyz) const;

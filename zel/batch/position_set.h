@@ -59,6 +59,7 @@ struct PositionSet {
     KeptResult** buckets = nullptr;
     std::size_t bucketCount = 0, keptCount = 0;
     bool keepAll = false;  ///< whether the values of all nodes are kept, not of shared ones alone
+    bool knowsGradients = false;  ///< whether some were kept that came with their values
 };
 
 /// While it exists, results can be kept for a set, and for none of the sets outside of it. All of
