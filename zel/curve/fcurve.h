@@ -4,7 +4,8 @@
 #include "zel_platform/orvane_math/fcurve.h"
 
 // A child's value sent through a curve, which the node shares and does not change. The curve is
-// evaluated in double precision. The gradients are the default ones, by differences.
+// evaluated in double precision. The gradients are the default ones, by differences; after
+// withExactGradients() they are the child's times the slope of the curve.
 namespace zel {
 
 /// curve(field)
@@ -15,14 +16,17 @@ public:
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;
+    float3 grad(float3 const& position, long long index) const override;
 
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     void blockValues(Block& block, BlockResult<float>& out) const;
+    void blockGradients(Block& block, BlockResult<float3>& out) const;
 
     ScalarPtr field;
     Quern::Ptr<Orvane::Math::FCurve> curve;
+    bool usesExactGradient = false;
 };
 
 /// curve(field[c]) for each component, by one curve for all three.
@@ -33,14 +37,17 @@ public:
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;
+    float3x3 grad(float3 const& position, long long index) const override;
 
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
     void blockValues(Block& block, BlockResult<float3>& out) const;
+    void blockGradients(Block& block, BlockResult<float3x3>& out) const;
 
     VectorPtr field;
     Quern::Ptr<Orvane::Math::FCurve> curve;
+    bool usesExactGradient = false;
 };
 
 }  // namespace zel

@@ -13,10 +13,15 @@ namespace zel {
 
 using Orvane::Math::curl_noise;
 using Orvane::Math::curl_noise_block;
+using Orvane::Math::curl_noise_derivative;
+using Orvane::Math::curl_noise_derivative_block;
+using Orvane::Math::double4;
 using Orvane::Math::simplex_noise;
 using Orvane::Math::simplex_noise_block;
 using Orvane::Math::smooth_curl_noise;
 using Orvane::Math::smooth_curl_noise_block;
+using Orvane::Math::smooth_curl_noise_derivative;
+using Orvane::Math::smooth_curl_noise_derivative_block;
 
 namespace {
 
@@ -31,6 +36,11 @@ template <class Real> struct Octave {
     Real place(float coordinate) const { return coordinate * scale; }
     Real placeTime(Real time) const { return timeScale * time; }
     void add(Real& sum, Real noise) const { sum += weight * noise; }
+    /// Adds a derivative of the noise along a coordinate, as that by the coordinate of the node.
+    void addAlong(Real& sum, Real derivative) const { sum += weight * (scale * derivative); }
+    void addAlongTime(Real& sum, Real derivative) const {
+        sum += weight * (timeScale * derivative);
+    }
 
     Real scale, timeScale, weight;
 };
@@ -61,6 +71,42 @@ template <class Real, class Use> void forEachOctave(FractalSum const& sum, Use c
     }
 }
 
+/// The gradient of a noise by the position: that at constant time, and that along the time times
+/// the time's own.
+float3 byPosition(float3 const& g, float alongTime, float3 const& ofTime) {
+    return g + alongTime * ofTime;
+}
+float3x3 byPosition(float3x3 const& g, float3 const& alongTime, float3 const& ofTime) {
+    return g + Orvane::Math::outerProduct(alongTime, ofTime);
+}
+float3 byPosition(double4 const& g, float3 const& ofTime) {
+    return {static_cast<float>(g.x + g.w * ofTime.x), static_cast<float>(g.y + g.w * ofTime.y),
+            static_cast<float>(g.z + g.w * ofTime.z)};
+}
+
+/// Sets the positions and the times at which an octave of a block samples its noise.
+void placeOctave(Block& block, Octave<float> const& octave, float const* time,
+                 BlockResult<float3>& places, float* octaveTime) {
+    mapBlock(
+        block, places,
+        [octave](float3 const& p) ZEL_ALWAYS_INLINE {
+            return float3{octave.place(p.x), octave.place(p.y), octave.place(p.z)};
+        },
+        block.positions());
+    Quern::forEachPosition<true>(
+        block.count(), [=](int k) ZEL_ALWAYS_INLINE { octaveTime[k] = octave.placeTime(time[k]); });
+}
+
+/// Calls `add(to, v)` for each float of `to` and its counterpart in `values`.
+template <class T, class Add>
+void addColumns(Block const& block, ColumnWriter<T> const& to, Columns<T> const& values,
+                Add const& add) {
+    for (std::size_t c = 0; c < kComponents<T>; ++c)
+        Quern::forEachPosition<true>(block.count(),
+                                     [add, to = to.component[c], v = values.component[c]](int k)
+                                         ZEL_ALWAYS_INLINE { add(to[k], v[k]); });
+}
+
 /// An array of kBlockSize doubles that is valid until the frame ends.
 double* allocateDoubles(Block& block) {
     constexpr int kArrays = sizeof(double) / sizeof(float);
@@ -81,6 +127,28 @@ void curlBlock(bool smooth, Columns<float3> const& p, float const* time, int cou
         curl_noise_block(x, y, z, time, count, seed, toX, toY, toZ);
 }
 
+float3 curlDerivativeAt(bool smooth, float3 const& p, float time, std::uint32_t seed,
+                        float3x3& jacobian, float3& alongTime) {
+    return smooth ? smooth_curl_noise_derivative(p, time, seed, jacobian, alongTime)
+                  : curl_noise_derivative(p, time, seed, jacobian, alongTime);
+}
+
+void curlDerivativeBlock(bool smooth, Columns<float3> const& p, float const* time, int count,
+                         std::uint32_t seed, ColumnWriter<float3> const& out,
+                         ColumnWriter<float3x3> const& jacobian,
+                         ColumnWriter<float3> const& alongTime) {
+    auto const& [x, y, z] = p.component;
+    auto const& [toX, toY, toZ] = out.component;
+    auto const& j = jacobian.component;
+    auto const& t = alongTime.component;
+    float* const rows[9] = {j[0], j[1], j[2], j[3], j[4], j[5], j[6], j[7], j[8]};
+    float* const along[3] = {t[0], t[1], t[2]};
+    if (smooth)
+        smooth_curl_noise_derivative_block(x, y, z, time, count, seed, toX, toY, toZ, rows, along);
+    else
+        curl_noise_derivative_block(x, y, z, time, count, seed, toX, toY, toZ, rows, along);
+}
+
 std::uint32_t foldedSeed(std::int64_t seed) {
     return static_cast<std::uint32_t>((seed >> 32) ^ seed);
 }
@@ -92,9 +160,44 @@ float ScalarFieldSimplexNoise::eval(float3 const& position, long long index) con
     return simplex_noise(float4{position.x, position.y, position.z, w}, seed);
 }
 
+float3 ScalarFieldSimplexNoise::grad(float3 const& position, long long index) const {
+    if (!usesExactGradient) return ScalarField::grad(position, index);
+    float const w = time->eval(position, index);
+    float4 along;
+    simplex_noise(float4{position.x, position.y, position.z, w}, seed, along);
+    return byPosition(float3{along.x, along.y, along.z}, along.w, time->grad(position, index));
+}
+
+/// Sets the values and the gradients at the positions of a block.
+void ScalarFieldSimplexNoise::derivatives(Block& block, float* values,
+                                          ColumnWriter<float3> const& gradients) const {
+    Block::Frame const frame(block);
+    float const* const w = block.values(time).component[0];
+    auto const ofTime = block.gradients(time);
+    auto along = block.result<float3>();
+    float* const alongW = block.allocate();
+    auto const [x, y, z] = block.positions().component;
+    auto const [alongX, alongY, alongZ] = along.writer().component;
+    simplex_noise_block(x, y, z, w, block.count(), seed, values, alongX, alongY, alongZ, alongW);
+    Quern::forEachPosition(block.count(), [=, a = along.columns](int i) ZEL_ALWAYS_INLINE {
+        gradients.set(i, byPosition(a[i], alongW[i], ofTime[i]));
+    });
+}
+
+void ScalarFieldSimplexNoise::blockGradients(Block& block, BlockResult<float3>& out) const {
+    if (!usesExactGradient) return detail::differencesInBlock<ScalarField>(*this, block, out);
+    Block::Frame const frame(block);
+    derivatives(block, block.allocate(), out.writer());
+}
+
 void ScalarFieldSimplexNoise::blockValues(Block& block, BlockResult<float>& out) const {
     Block::Frame const frame(block);
     auto const w = block.values(time);
+    if (usesExactGradient && w.light &&
+        block.withGradients<ScalarField>(*this, [&](ColumnWriter<float3> const& gradients) {
+            derivatives(block, out.writer().component[0], gradients);
+        }))
+        return;
     auto const [x, y, z] = block.positions().component;
     simplex_noise_block(x, y, z, w.component[0], block.count(), seed, out.writer().component[0]);
 }
@@ -108,16 +211,83 @@ float ScalarFieldFractalNoise::eval(float3 const& position, long long index) con
     double const w = time->eval(position, index);
     double sum = 0;
     useOctaves([&](Octave<double> const& octave) {
-        Orvane::Math::double4 const p{octave.place(position.x), octave.place(position.y),
-                                      octave.place(position.z), octave.placeTime(w)};
+        double4 const p{octave.place(position.x), octave.place(position.y),
+                        octave.place(position.z), octave.placeTime(w)};
         octave.add(sum, simplex_noise(p, seed));
     });
     return static_cast<float>(sum);
 }
 
-void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out) const {
+float3 ScalarFieldFractalNoise::grad(float3 const& position, long long index) const {
+    if (!usesExactGradient) return ScalarField::grad(position, index);
+    double const w = time->eval(position, index);
+    double4 sum;
+    useOctaves([&](Octave<double> const& octave) {
+        double4 along;
+        simplex_noise(double4{octave.place(position.x), octave.place(position.y),
+                              octave.place(position.z), octave.placeTime(w)},
+                      seed, along);
+        octave.addAlong(sum.x, along.x);
+        octave.addAlong(sum.y, along.y);
+        octave.addAlong(sum.z, along.z);
+        octave.addAlongTime(sum.w, along.w);
+    });
+    return byPosition(sum, time->grad(position, index));
+}
+
+void ScalarFieldFractalNoise::derivatives(Block& block, float* values,
+                                          ColumnWriter<float3> const& gradients) const {
     Block::Frame const frame(block);
     float const* const w = block.values(time).component[0];
+    auto const ofTime = block.gradients(time);
+    auto const [x, y, z] = block.positions().component;
+    // Sums, places and noises; of the sums and noises the value is the last.
+    std::array<double*, 5> sum, along;
+    std::array<double*, 4> place;
+    for (auto& array : sum) std::fill_n(array = allocateDoubles(block), block.count(), 0.0);
+    for (auto& array : along) array = allocateDoubles(block);
+    for (auto& array : place) array = allocateDoubles(block);
+    useOctaves([&, x = x, y = y, z = z](Octave<double> const& octave) {
+        Quern::forEachPosition(block.count(), [=](int k) ZEL_ALWAYS_INLINE {
+            place[0][k] = octave.place(x[k]);
+            place[1][k] = octave.place(y[k]);
+            place[2][k] = octave.place(z[k]);
+            place[3][k] = octave.placeTime(w[k]);
+        });
+        simplex_noise_block(place[0], place[1], place[2], place[3], block.count(), seed, along[4],
+                            along[0], along[1], along[2], along[3]);
+        for (std::size_t c = 0; c < 3; ++c)
+            Quern::forEachPosition<true>(block.count(),
+                                         [=, to = sum[c], d = along[c]](int k)
+                                             ZEL_ALWAYS_INLINE { octave.addAlong(to[k], d[k]); });
+        Quern::forEachPosition<true>(block.count(), [=, to = sum[3], d = along[3], value = sum[4],
+                                                     v = along[4]](int k) ZEL_ALWAYS_INLINE {
+            octave.addAlongTime(to[k], d[k]);
+            octave.add(value[k], v[k]);
+        });
+    });
+    Quern::forEachPosition(block.count(), [=](int k) ZEL_ALWAYS_INLINE {
+        values[k] = static_cast<float>(sum[4][k]);
+        double4 const s{sum[0][k], sum[1][k], sum[2][k], sum[3][k]};
+        gradients.set(k, byPosition(s, ofTime[k]));
+    });
+}
+
+void ScalarFieldFractalNoise::blockGradients(Block& block, BlockResult<float3>& out) const {
+    if (!usesExactGradient) return detail::differencesInBlock<ScalarField>(*this, block, out);
+    Block::Frame const frame(block);
+    derivatives(block, block.allocate(), out.writer());
+}
+
+void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out) const {
+    Block::Frame const frame(block);
+    auto const times = block.values(time);
+    if (usesExactGradient && times.light &&
+        block.withGradients<ScalarField>(*this, [&](ColumnWriter<float3> const& gradients) {
+            derivatives(block, out.writer().component[0], gradients);
+        }))
+        return;
+    float const* const w = times.component[0];
     auto const [x, y, z] = block.positions().component;
     auto* const sum = allocateDoubles(block);
     auto *const px = allocateDoubles(block), *const py = allocateDoubles(block),
@@ -148,9 +318,45 @@ float3 VectorFieldCurlNoise::eval(float3 const& position, long long index) const
     return curlAt(smooth, position, t, seed);
 }
 
+float3x3 VectorFieldCurlNoise::grad(float3 const& position, long long index) const {
+    if (!usesExactGradient) return VectorField::grad(position, index);
+    float3x3 jacobian;
+    float3 alongTime;
+    curlDerivativeAt(smooth, position, time->eval(position, index), seed, jacobian, alongTime);
+    return byPosition(jacobian, alongTime, time->grad(position, index));
+}
+
+/// As of ScalarFieldSimplexNoise.
+void VectorFieldCurlNoise::derivatives(Block& block, ColumnWriter<float3> const& values,
+                                       ColumnWriter<float3x3> const& gradients) const {
+    Block::Frame const frame(block);
+    float const* const t = block.values(time).component[0];
+    auto const ofTime = block.gradients(time);
+    auto jacobian = block.result<float3x3>();
+    auto alongTime = block.result<float3>();
+    curlDerivativeBlock(smooth, block.positions(), t, block.count(), seed, values,
+                        jacobian.writer(), alongTime.writer());
+    Quern::forEachPosition(block.count(), [=, j = jacobian.columns,
+                                           along = alongTime.columns](int i) ZEL_ALWAYS_INLINE {
+        gradients.set(i, byPosition(j[i], along[i], ofTime[i]));
+    });
+}
+
+void VectorFieldCurlNoise::blockGradients(Block& block, BlockResult<float3x3>& out) const {
+    if (!usesExactGradient) return detail::differencesInBlock<VectorField>(*this, block, out);
+    Block::Frame const frame(block);
+    derivatives(block, block.result<float3>().writer(), out.writer());
+}
+
 void VectorFieldCurlNoise::blockValues(Block& block, BlockResult<float3>& out) const {
     Block::Frame const frame(block);
-    auto const t = block.values(time).component[0];
+    auto const times = block.values(time);
+    if (usesExactGradient && times.light &&
+        block.withGradients<VectorField>(*this, [&](ColumnWriter<float3x3> const& gradients) {
+            derivatives(block, out.writer(), gradients);
+        }))
+        return;
+    auto const t = times.component[0];
     curlBlock(smooth, block.positions(), t, block.count(), seed, out.writer());
 }
 
@@ -204,28 +410,82 @@ float3 VectorFieldFractalTurbulence::eval(float3 const& position, long long inde
     return sum;
 }
 
-void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>& out) const {
+float3x3 VectorFieldFractalTurbulence::grad(float3 const& position, long long index) const {
+    if (!usesExactGradient) return VectorField::grad(position, index);
+    auto const kept = keptTime();
+    float const t = kept ? *kept : time->eval(position, index);
+    float3x3 sum;
+    float3 sumAlongTime;
+    useOctaves([&](Octave<float> const& octave) {
+        float3 const p{octave.place(position.x), octave.place(position.y),
+                       octave.place(position.z)};
+        float3x3 jacobian;
+        float3 alongTime;
+        curlDerivativeAt(smooth, p, octave.placeTime(t), seed, jacobian, alongTime);
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) octave.addAlong(sum[r][c], jacobian[r][c]);
+            octave.addAlongTime(sumAlongTime[r], alongTime[r]);
+        }
+    });
+    return byPosition(sum, sumAlongTime, time->grad(position, index));
+}
+
+void VectorFieldFractalTurbulence::derivatives(Block& block, ColumnWriter<float3> const& values,
+                                               ColumnWriter<float3x3> const& gradients) const {
     Block::Frame const frame(block);
     auto const kept = keptTime();
     float const* const t = (kept ? block.constant(*kept) : block.values(time)).component[0];
+    auto const ofTime = block.gradients(time);
+    auto sums = block.result<float3x3>(), jacobian = block.result<float3x3>();
+    auto sumsAlongTime = block.result<float3>(), alongTime = block.result<float3>(),
+         places = block.result<float3>(), noise = block.result<float3>();
+    float* const u = block.allocate();
+    auto const clear = [&](auto const& writer) {
+        for (float* const column : writer.component) std::fill_n(column, block.count(), 0.0F);
+    };
+    clear(values), clear(sums.writer()), clear(sumsAlongTime.writer());
+    useOctaves([&](Octave<float> const& octave) {
+        placeOctave(block, octave, t, places, u);
+        curlDerivativeBlock(smooth, places.columns, u, block.count(), seed, noise.writer(),
+                            jacobian.writer(), alongTime.writer());
+        addColumns(block, values, noise.columns,
+                   [octave](float& to, float v) ZEL_ALWAYS_INLINE { octave.add(to, v); });
+        addColumns(block, sums.writer(), jacobian.columns,
+                   [octave](float& to, float v) ZEL_ALWAYS_INLINE { octave.addAlong(to, v); });
+        addColumns(block, sumsAlongTime.writer(), alongTime.columns,
+                   [octave](float& to, float v) ZEL_ALWAYS_INLINE { octave.addAlongTime(to, v); });
+    });
+    Quern::forEachPosition(block.count(), [=, j = sums.columns,
+                                           along = sumsAlongTime.columns](int i) ZEL_ALWAYS_INLINE {
+        gradients.set(i, byPosition(j[i], along[i], ofTime[i]));
+    });
+}
+
+void VectorFieldFractalTurbulence::blockGradients(Block& block, BlockResult<float3x3>& out) const {
+    if (!usesExactGradient) return detail::differencesInBlock<VectorField>(*this, block, out);
+    Block::Frame const frame(block);
+    derivatives(block, block.result<float3>().writer(), out.writer());
+}
+
+void VectorFieldFractalTurbulence::blockValues(Block& block, BlockResult<float3>& out) const {
+    Block::Frame const frame(block);
+    auto const kept = keptTime();
+    auto const times = kept ? block.constant(*kept) : block.values(time);
+    if (usesExactGradient && times.light &&
+        block.withGradients<VectorField>(*this, [&](ColumnWriter<float3x3> const& gradients) {
+            derivatives(block, out.writer(), gradients);
+        }))
+        return;
+    float const* const t = times.component[0];
     auto const sum = out.writer().component;
     for (float* const component : sum) std::fill_n(component, block.count(), 0.0F);
     auto places = block.result<float3>(), noise = block.result<float3>();
     float* const u = block.allocate();
     useOctaves([&](Octave<float> const& octave) {
-        mapBlock(
-            block, places,
-            [octave](float3 const& p) ZEL_ALWAYS_INLINE {
-                return float3{octave.place(p.x), octave.place(p.y), octave.place(p.z)};
-            },
-            block.positions());
-        Quern::forEachPosition<true>(
-            block.count(), [=](int k) ZEL_ALWAYS_INLINE { u[k] = octave.placeTime(t[k]); });
+        placeOctave(block, octave, t, places, u);
         curlBlock(smooth, places.columns, u, block.count(), seed, noise.writer());
-        for (std::size_t c = 0; c < 3; ++c)
-            Quern::forEachPosition<true>(block.count(),
-                                         [=, to = sum[c], v = noise.columns.component[c]](int k)
-                                             ZEL_ALWAYS_INLINE { octave.add(to[k], v[k]); });
+        addColumns(block, out.writer(), noise.columns,
+                   [octave](float& to, float v) ZEL_ALWAYS_INLINE { octave.add(to, v); });
     });
 }
 

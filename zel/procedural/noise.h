@@ -11,7 +11,8 @@
 // Noise over space and a fourth coordinate, which a child field supplies. A walk does not reach
 // that child; the sampling hooks do. None of the nodes can be assigned.
 //
-// The gradients are the default ones, differences over 2 % of each coordinate. Near the origin they
+// The gradients are the default ones, differences over 2 % of each coordinate; after
+// withExactGradients() they are derivatives. Near the origin differences
 // are close to the derivative. Farther out the steps are longer than a cell of the noise, whose
 // size is about 1, and the differences say nothing about the derivative. The error of one layer,
 // root mean square, is 3 to 6 % of the derivative for positions within 10 of the origin, about 75 %
@@ -26,14 +27,18 @@ public:
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;
+    float3 grad(float3 const& position, long long index) const override;
 
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
     void blockValues(Block& block, BlockResult<float>& out) const;
+    void blockGradients(Block& block, BlockResult<float3>& out) const;
+    void derivatives(Block& block, float* values, ColumnWriter<float3> const& gradients) const;
 
     ScalarPtr time;
     std::int64_t const seed;
+    bool usesExactGradient = false;
 };
 
 /// A weighted sum of layers of 4-D simplex noise, computed in double precision. Octave `i`
@@ -52,17 +57,21 @@ public:
 
     using ScalarField::eval;
     float eval(float3 const& position, long long index) const override;
+    float3 grad(float3 const& position, long long index) const override;
 
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
     template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float>& out) const;
+    void blockGradients(Block& block, BlockResult<float3>& out) const;
+    void derivatives(Block& block, float* values, ColumnWriter<float3> const& gradients) const;
 
     float amplitude, octaves, frequency, amplitudeRatio, scaleRatio;
     ScalarPtr time;
     float timeRatio;
     std::int64_t const seed;
+    bool usesExactGradient = false;
 };
 
 /// One layer of divergence-free noise: curl_noise(p, time(p), seed), or smooth_curl_noise if
@@ -73,15 +82,20 @@ public:
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;
+    float3x3 grad(float3 const& position, long long index) const override;
 
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
     void blockValues(Block& block, BlockResult<float3>& out) const;
+    void blockGradients(Block& block, BlockResult<float3x3>& out) const;
+    void derivatives(Block& block, ColumnWriter<float3> const& values,
+                     ColumnWriter<float3x3> const& gradients) const;
 
     ScalarPtr time;
     bool smooth;
     std::uint32_t const seed;
+    bool usesExactGradient = false;
 };
 
 /// A weighted sum of layers of curl noise, with the octaves of ScalarFieldFractalNoise but in
@@ -101,6 +115,7 @@ public:
 
     using VectorField::eval;
     float3 eval(float3 const& position, long long index) const override;
+    float3x3 grad(float3 const& position, long long index) const override;
     void preSampleField() const override;
     void postSampleField() const override;
 
@@ -109,6 +124,9 @@ private:
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
     template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float3>& out) const;
+    void blockGradients(Block& block, BlockResult<float3x3>& out) const;
+    void derivatives(Block& block, ColumnWriter<float3> const& values,
+                     ColumnWriter<float3x3> const& gradients) const;
     /// The time that the hook before the batch has evaluated, if it has.
     std::optional<float> keptTime() const;
 
@@ -136,6 +154,7 @@ private:
     bool smooth;
     std::uint32_t const seed;
     bool timeIsConstant;
+    bool usesExactGradient = false;
     mutable TimeCache cache;
 };
 

@@ -25,7 +25,9 @@
 // The gradient of a scalar node with the linear sampler is that of the trilinear patch, and zero
 // where the value is the default value; with the cubic samplers, and of all vector nodes, it is the
 // interface's finite difference, also of a vector node that is not bound. A triggered scalar node
-// with a scale is the exception: see ScalarOrvaneTriggered. The index of an element plays no part.
+// with a scale is the exception: see ScalarOrvaneTriggered. After withExactGradients() it is the
+// derivative of the value: of the interpolant in the voxel of the position, and zero where the
+// value is the default value. The index of an element plays no part.
 //
 // Binding a linear node computes a halo for the whole channel, if the samples lie on the corners of
 // their voxels. It takes 1.7 times the memory of a channel of all depths of the tree, or twice that
@@ -76,7 +78,11 @@ protected:
     ZEL_INTERNAL void differencesInBlock(Block& block, BlockResult<Gradient>& out) const;
     ZEL_INTERNAL Columns<float3> blockInVolume(Block& block) const;
 
+    ZEL_INTERNAL void exactGradients(Block& block, ColumnWriter<Value> const* values,
+                                     ColumnWriter<Gradient> const& out) const;
+
     std::unique_ptr<detail::VolumeReader<Value>> reader;
+    bool usesExactGradient = false;
 };
 
 /// A node that is bound by its constructor.

@@ -5,10 +5,12 @@
 #include <stdexcept>
 
 #include "zel/field/differences.h"
+#include "zel/field/math.h"
 #include "zel/node/library_node_impl.h"
 #include "zel/volume/volume_fields.h"
 #include "zel/volume/volume_reader_impl.h"
 #include "zel_platform/orvane_math_support/exception_message.h"
+#include "zel_platform/quern_core/position_loop.h"
 #include "zel_platform/shape_store/scene_units.h"
 
 // The definitions of the volume nodes' bases, together with those of their reader, so that a value
@@ -36,12 +38,14 @@ VolumeNode<Self, Interface>::VolumeNode(Quern::String const& channelName, Sample
 template <class Self, class Interface>
 VolumeNode<Self, Interface>::VolumeNode(VolumeNode const& other)
     : NamedNode<Self, Interface>(other),
-      reader(std::make_unique<detail::VolumeReader<Value>>(*other.reader)) {}
+      reader(std::make_unique<detail::VolumeReader<Value>>(*other.reader)),
+      usesExactGradient(other.usesExactGradient) {}
 
 template <class Self, class Interface>
 VolumeNode<Self, Interface>& VolumeNode<Self, Interface>::operator=(VolumeNode const& other) {
     NamedNode<Self, Interface>::operator=(other);
     *reader = *other.reader;
+    usesExactGradient = other.usesExactGradient;
     return *this;
 }
 
@@ -76,6 +80,14 @@ auto VolumeNode<Self, Interface>::eval(float3 const& position, long long /*index
 
 template <class Self, class Interface>
 auto VolumeNode<Self, Interface>::grad(float3 const& position, long long index) const -> Gradient {
+    if (usesExactGradient) {
+        Gradient gradient;
+        reader->exactGradient(inVolume(position), gradient);
+        if constexpr (Self::kHasScale)
+            return gradient * this->self().scale;
+        else
+            return gradient;
+    }
     if constexpr (std::is_same_v<Value, float>) {
         float3 const center = inVolume(position);
         float3 gradient;
@@ -100,12 +112,33 @@ Columns<float3> VolumeNode<Self, Interface>::blockInVolume(Block& block) const {
 
 template <class Self, class Interface>
 void VolumeNode<Self, Interface>::blockValues(Block& block, BlockResult<Value>& out) const {
+    if (usesExactGradient) {
+        auto const values = out.writer();
+        auto const both = [&](ColumnWriter<Gradient> const& gradients) {
+            exactGradients(block, &values, gradients);
+        };
+        if (block.withGradients<Interface>(*this, both)) return;
+    }
     Block::Frame const frame(block);
     reader->values(blockInVolume(block), block.count(), out.writer());
 }
 
+/// Sets the gradients at the positions of a block, and the values if `values` is not null.
+template <class Self, class Interface>
+void VolumeNode<Self, Interface>::exactGradients(Block& block, ColumnWriter<Value> const* values,
+                                                 ColumnWriter<Gradient> const& out) const {
+    Block::Frame const frame(block);
+    reader->exactGradients(blockInVolume(block), block.count(), values, out);
+    if constexpr (Self::kHasScale)
+        for (float* const component : out.component)
+            Quern::forEachPosition<true>(
+                block.count(), [component, scale = this->self().scale](int i)
+                                   ZEL_ALWAYS_INLINE { component[i] = component[i] * scale; });
+}
+
 template <class Self, class Interface>
 void VolumeNode<Self, Interface>::blockGradients(Block& block, BlockResult<Gradient>& out) const {
+    if (usesExactGradient) return exactGradients(block, nullptr, out.writer());
     if constexpr (std::is_same_v<Value, float>)
         if (reader->hasGradients()) {
             Block::Frame const frame(block);
