@@ -14,7 +14,8 @@ Image drawSolids(Meter& meter) {
                                   {s.die, fromHex(0x2F6FB5)},
                                   {s.ball, fromHex(0x3C9A68)}};
     Camera const camera{{0.5F, 2.35F, 7.6F}, {0.08F, 0.72F, 0}, 0.47F};
-    return traceSolids(meter, *findScene("solids")->make(), camera, 960, 480, 0.95F,
+    zel::ScalarPtr const all = zel::withExactGradients(findScene("solids")->make());
+    return traceSolids(meter, *all, camera, 960, 480, 0.95F,
                        [&](auto const& at) { return albedoOfLeast(meter, parts, at); });
 }
 

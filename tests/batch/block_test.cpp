@@ -92,12 +92,17 @@ TEST(Block, EqualsPointsToTheBit) {
     constexpr long long kCounts[] = {0, 1, 2, 3, 63, 64, 65, 127, 128, 129, 255, 256, 257, 1000};
     unsigned number = seed();
     forEveryNode([&]<class Node>(std::string const& name) {
+        using Pointer =
+            std::conditional_t<std::is_base_of_v<ScalarField, Node>, ScalarPtr, VectorPtr>;
         for (int round = 0; round < 16; ++round, ++number) {
             SCOPED_TRACE(name + ", ZEL_TEST_SEED=" + std::to_string(seed()));
-            auto const node = RandomNodes(number).make<Node>();
-            auto const count = kCounts[number % std::size(kCounts)];
-            ASSERT_NO_FATAL_FAILURE(
-                expectEqual(*node, somePositions(count, number), 1 << number % 3));
+            Pointer const node = RandomNodes(number).make<Node>();
+            auto const positions = somePositions(kCounts[number % std::size(kCounts)], number);
+            ASSERT_NO_FATAL_FAILURE(expectEqual(*node, positions, 1 << number % 3));
+            auto const exact = withExactGradients(node);
+            ASSERT_NO_FATAL_FAILURE(expectEqual(*exact, positions, 1));
+            for (long long i = 0; i < positions.size(); ++i)
+                ASSERT_TRUE(same(exact->eval(positions[i], i), node->eval(positions[i], i)));
         }
     });
     auto const positions = somePositions(100003);

@@ -5,6 +5,7 @@
 #include <set>
 
 #include "support/random_nodes.h"
+#include "zel/node/node_impl.h"
 
 // What holds for every class of node.
 using namespace support;
@@ -104,4 +105,64 @@ TEST(EveryNode, HasItsNameAndWalksHooksAndAsksItsChildren) {
             EXPECT_EQ(std::string(other.getType()), name);
         }
     });
+}
+
+TEST(EveryNode, HasAnExactGradientOrIsNamed) {
+    std::set<std::string> const differences{
+        "zel::ScalarFieldGradient", "zel::ScalarFieldDivergence", "zel::VectorFieldCurl",
+        "zel::VectorFieldClosestPointTransform", "zel::VectorFieldIteratedNearPointTransform"};
+    forEveryNode([&]<class Node>(std::string const& name) {
+        SCOPED_TRACE(name);
+        using Interface =
+            std::conditional_t<std::is_base_of_v<ScalarField, Node>, ScalarField, VectorField>;
+        struct Derived : Node {
+            explicit Derived(Node const& node) : Node(node) {}
+        };
+        Quern::Ptr<Interface> const node = construct<Node>(Children()),
+                                    derived = makePtr<Derived>(static_cast<Node const&>(*node));
+        auto const exact = withExactGradients(node);
+        EXPECT_EQ(exact->hasExactGradient(), !differences.contains(name));
+        auto const named = hasExactGradients(*exact).differences;
+        EXPECT_EQ(std::count(named.begin(), named.end(), name), differences.contains(name));
+        EXPECT_FALSE(withExactGradients(derived)->hasExactGradient());
+    });
+}
+
+namespace {
+
+/// A user's nodes: one that shows its child to a walk alone, and one with a child of a known class.
+struct Shows : ScalarField {
+    explicit Shows(ScalarPtr node) : child(std::move(node)) {}
+    using ScalarField::accept;
+    void accept(FieldConstVisitor& visitor) const override { visitor(std::as_const(*child)); }
+    void accept(FieldVisitor& visitor) override {
+        child = child.clone();
+        visitor(*child);
+    }
+    bool hasExactGradient() const override { return true; }
+    ScalarPtr child;
+};
+struct Knows : FieldNode<Knows, ScalarField> {
+    explicit Knows(Quern::Ptr<ScalarFieldSimplexNoise> node) : child(std::move(node)) {}
+    using ScalarField::eval;
+    float eval(float3 const& p, long long i) const override { return child->eval(p, i); }
+    float3 grad(float3 const& p, long long i) const override { return child->grad(p, i); }
+    template <class Node> static auto children(Node& node) { return std::tie(node.child); }
+    Quern::Ptr<ScalarFieldSimplexNoise> child;
+};
+
+}  // namespace
+
+TEST(ExactGradients, CopyTheGraphAndLeaveItAsItIs) {
+    auto const still = makePtr<ScalarFieldConstant>(0.5F);
+    auto const noise = makePtr<ScalarFieldSimplexNoise>(still, 1);
+    ScalarPtr tree = makePtr<ScalarFieldSimplexNoise>(noise, 2);  // of a time that is a noise
+    tree = makePtr<ScalarFieldAdd>(makePtr<Shows>(tree), makePtr<Knows>(noise));
+    for (int i = 0; i < 50; ++i) tree = makePtr<ScalarFieldAdd>(tree, tree);
+    EXPECT_EQ(hasExactGradients(*tree).differences,
+              (std::vector<std::string>{"zel::ScalarFieldSimplexNoise"}));
+    auto const exact = withExactGradients(tree);
+    EXPECT_TRUE(hasExactGradients(*exact));
+    EXPECT_FALSE(noise->hasExactGradient() || hasExactGradients(*tree));
+    EXPECT_FALSE(withExactGradients(ScalarPtr()));
 }

@@ -3,11 +3,13 @@
 #include <random>
 #include <valarray>
 
+#include "support/curl_reference.h"
 #include "support/probe.h"
+#include "zel_platform/orvane_math_support/noise.h"
 
-// Nodes whose gradient is the derivative of their value, each beside the same function in double
-// precision, which shares no code with the nodes. The value is compared with that function and the
-// gradient with its central differences.
+// Nodes with exact gradients, each beside the same function in double precision, which shares no
+// code with the nodes. The value is compared with that function and the gradient with its central
+// differences.
 using namespace support;
 using namespace zel;
 
@@ -56,7 +58,7 @@ template <class T> auto floatsOf(T const& a) {
 /// Compares a node with `f(axis, step)`, the function that it should be a step along an axis away.
 /// Whether it could: at a kink or a jump the differences to both sides disagree.
 template <class Node, class F> bool compare(Node const& node, float3 const& p, F const& f) {
-    constexpr double kStep = 1e-5, kTolerance = 2e-4;
+    constexpr double kStep = 1e-6, kTolerance = 2e-4;
     double3 const value = f(0, 0);
     auto const got = floatsOf(node.eval(p, 1));
     auto const gradient = floatsOf(node.grad(p, 1));
@@ -67,7 +69,7 @@ template <class Node, class F> bool compare(Node const& node, float3 const& p, F
             double const slack = kTolerance * (10 + std::abs(slope[r]));
             if (std::abs(above[r] - below[r]) > slack) return false;
             EXPECT_NEAR(got[r], value[r], kTolerance * (1 + std::abs(value[r])));
-            EXPECT_NEAR(gradient[3 * r + axis], slope[r], slack)
+            EXPECT_NEAR(gradient[3 * r + axis], slope[r], slack / 5)
                 << "derivative of " << r << " along " << axis;
         }
     }
@@ -98,6 +100,7 @@ struct VectorChild {
     }
 };
 constexpr auto any = [] { return Child{number(-3, 3)}; };
+constexpr auto tiny = [] { return Child{number(-9e-5, 9e-5)}; };
 constexpr auto belowOne = [] { return Child{number(-0.9, 0.9)}; };
 constexpr auto positive = [] { return Child{number(0.5, 3)}; };
 constexpr auto negative = [] { return Child{number(-3, -0.5)}; };
@@ -108,12 +111,20 @@ template <class... Makers> auto from(Makers... makers) {
     return std::tuple<Makers...>(makers...);
 }
 
+/// A node whose gradient is the derivative of its value.
+template <class Node> auto exact(auto const&... arguments) {
+    using Pointer = std::conditional_t<std::is_base_of_v<ScalarField, Node>, ScalarPtr, VectorPtr>;
+    Pointer const node = makePtr<Node>(arguments...), copy = withExactGradients(node);
+    EXPECT_TRUE(copy->hasExactGradient());
+    return copy;
+}
+
 /// A node of random children, beside `f` of their values.
 template <class Node, class... Parameter, class... Makers>
 void of(auto const& f, std::tuple<Makers...> const& makers, Parameter... parameter) {
     compareMany<Node>([&] {
         auto const compareWith = [&](auto const&... c) {
-            return compare(Node(c.node..., parameter...), {}, [&](unsigned axis, double h) {
+            return compare(*exact<Node>(c.node..., parameter...), {}, [&](unsigned axis, double h) {
                 return components(f(c.at(axis, h)...));
             });
         };
@@ -122,10 +133,10 @@ void of(auto const& f, std::tuple<Makers...> const& makers, Parameter... paramet
 }
 using Unary = double (*)(double);
 using Binary = double (*)(double, double);
-/// A node beside `f` of the position.
-template <class Node> void at(auto const& f, Node const& node) {
+/// A node beside `f` of the position, whose coordinates are up to `reach`.
+template <class Node> void at(auto const& f, Node const& node, double reach = 2) {
     compareMany<Node>([&] {
-        float3 const p = numbers(-2, 2);
+        float3 const p = numbers(-reach, reach);
         return compare(node, p, [&](unsigned axis, double h) {
             double3 moved = triple(p);
             moved[axis] += h;
@@ -139,6 +150,11 @@ constexpr auto choose = [](double condition, auto const& a, auto const& b) {
 };
 constexpr auto mix = [](auto const& a, auto const& b, double t) {
     return std::remove_cvref_t<decltype(a)>(a + (b - a) * t);
+};
+constexpr auto eachOf = [](Binary f) {
+    return [=](double3 const& a, double3 const& b) {
+        return triple(f(a[0], b[0]), f(a[1], b[1]), f(a[2], b[2]));
+    };
 };
 constexpr auto root = [](auto const& a) { return std::sqrt(a); };
 auto const k = from(any);
@@ -173,6 +189,7 @@ TEST(Derivatives, OfScalarNodes) {
     of<ScalarFieldArcTangent>(Unary(std::atan), k);
     of<ScalarFieldArcTangent_2D>(Binary(std::atan2), from(any, positive));
     of<ScalarFieldArcTangent_2D>(Binary(std::atan2), from(any, negative));
+    of<ScalarFieldArcTangent_2D>(Binary(std::atan2), from(negative, tiny));
     of<VectorFieldXComponent>([](double3 a) { return a[0]; }, v1);
     of<VectorFieldYComponent>([](double3 a) { return a[1]; }, v1);
     of<VectorFieldZComponent>([](double3 a) { return a[2]; }, v1);
@@ -197,6 +214,13 @@ TEST(Derivatives, OfVectorNodes) {
     of<VectorFieldVSDivide>(std::divides<>(), from(vector, positive));
     of<VectorFieldLerp>(mix, from(vector, vector, any));
     of<VectorFieldSwitch>(choose, from(any, vector, vector));
+    of<VectorFieldUnitVector>([](double3 a) { return double3(a / norm(a)); }, from(positives));
+    of<VectorFieldMax>(eachOf(Binary(std::fmax)), vv);
+    of<VectorFieldMin>(eachOf(Binary(std::fmin)), vv);
+    of<VectorFieldAbsolute>([](double3 a) { return double3(std::abs(a)); }, v1);
+    of<VectorFieldClamp>(
+        [](double3 a) { return a.apply([](double u) { return std::clamp(u, -0.5, 0.75); }); }, v1,
+        float3{-0.5F, 0.75F, -0.5F}, float3{0.75F, -0.5F, 0.75F});
 }
 
 namespace {
@@ -255,4 +279,81 @@ TEST(Derivatives, OfFunctionsOfThePosition) {
        ScalarFieldAdvect(hill, bent, 0.5F));
     at([](double3 p) { return Bent::of<double3>(p + Bent::of(p) * 0.75); },
        VectorFieldAdvect(bent, bent, -0.75F));
+    // Each with an uneven motion, and with matrices that are not symmetric.
+    at([&](double3 p) { return turned(Bent::of(turned(p, axis, norm(axis))), axis, -norm(axis)); },
+       *exact<VectorFieldRotate>(bent, turn));
+    at(
+        [&](double3 p) {
+            double3 const scale = triple(2, -0.5, 1.25);
+            return double3(Bent::of<double3>(p / scale) * scale);
+        },
+        *exact<VectorFieldScale>(bent, float3{2, -0.5F, 1.25F}));
+}
+
+TEST(Derivatives, OfCurvesAndNoise) {
+    using Orvane::Math::FCurve;
+    using enum FCurve::Extrapolation;
+    auto const hill = makePtr<Hill>();
+    auto const bent = makePtr<Bent>();
+    // One cubic from -3 to 3, continued by its tangents.
+    auto const curve = makePtr<FCurve>(
+        std::vector<FCurve::Key>{{-3, -14, 0, 23, FCurve::Segment::kCubic}, {3, 16, 23, 0}},
+        kLinear, kLinear);
+    auto const cubic = [](double x) {
+        double const inside = std::clamp(x, -3.0, 3.0);
+        return inside * inside * inside - 4 * inside + 1 + 23 * (x - inside);
+    };
+    at([&](double3 p) { return cubic(Hill::of(p)); }, *exact<ScalarFieldFCurve>(hill, curve));
+    at(
+        [&](double3 p) {
+            double3 const v = Bent::of(p);
+            return triple(cubic(v[0]), cubic(v[1]), cubic(v[2]));
+        },
+        *exact<VectorFieldFCurve>(bent, curve));
+
+    auto const slow = makePtr<ScalarFieldMultiply>(hill, makePtr<ScalarFieldConstant>(0.25F));
+    auto const noise = [](double3 const& p, double time, std::int64_t seed) {
+        return Orvane::Math::simplex_noise(Orvane::Math::double4{p[0], p[1], p[2], time}, seed);
+    };
+    auto const fractal = [&](double3 const& p, double time) {
+        double sum = 0;
+        for (int i = 0; i < 3; ++i)
+            sum += std::pow(0.5, i) * (i == 2 ? 0.5 : 1) *
+                   noise(p * (0.75 * std::pow(2, i)), std::pow(1.5, i) * time, 9);
+        return 2 * sum;
+    };
+    auto const still = makePtr<ScalarFieldConstant>(0.375F);
+    for (double const reach : {0.001, 1.0, 50.0, 10000.0}) {
+        at([&](double3 p) { return noise(p, 0.375, 5); }, *exact<ScalarFieldSimplexNoise>(still, 5),
+           reach);
+        at([&](double3 p) { return fractal(p, 0.375); },
+           *exact<ScalarFieldFractalNoise>(2.0F, 2.5F, 0.75F, 0.5F, 0.5F, still, 1.5F, 9), reach);
+    }
+    at([&](double3 p) { return noise(p, 0.25 * Hill::of(p), 5); },
+       *exact<ScalarFieldSimplexNoise>(slow, 5));
+    at([&](double3 p) { return fractal(p, 0.25 * Hill::of(p)); },
+       *exact<ScalarFieldFractalNoise>(2.0F, 2.5F, 0.75F, 0.5F, 0.5F, slow, 1.5F, 9));
+
+    // All factors are powers of 2, so that the octaves lie where they do in single precision.
+    auto const curl = [](double3 const& p, double time, bool smooth) {
+        double3 const at = {p[0], p[1], p[2], time};
+        return smooth ? support::curl<4>(at, 5) : support::curl<3>(at, 5);
+    };
+    auto const turbulence = [&](double3 const& p, double time, bool smooth) {
+        double3 sum(3);
+        for (int i = 0; i < 3; ++i)
+            sum += std::pow(0.5, i) * (i == 2 ? 0.5 : 1) *
+                   curl(p * std::pow(2, i - 1), std::pow(2, i) * time, smooth);
+        return double3(2 * sum);
+    };
+    for (bool const smooth : {false, true}) {
+        for (double const reach : {0.001, 1.0, 50.0})
+            at([&](double3 p) { return curl(p, 0.375, smooth); },
+               *exact<VectorFieldCurlNoise>(still, smooth, 5), reach);
+        at([&](double3 p) { return curl(p, 0.25 * Hill::of(p), smooth); },
+           *exact<VectorFieldCurlNoise>(slow, smooth, 5));
+        at([&](double3 p) { return turbulence(p, 0.25 * Hill::of(p), smooth); },
+           *exact<VectorFieldFractalTurbulence>(2.0F, 2.5F, 0.5F, 0.5F, 0.5F, slow, 2.0F, smooth,
+                                                5));
+    }
 }
