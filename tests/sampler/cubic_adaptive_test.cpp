@@ -49,12 +49,21 @@ TYPED_TEST(Adaptive, AgreesWithKernelsOnUniformGround) {
                               static_cast<float>(w) * volume.topology.offset()[axis];
                     between = false;  // on a data point along this axis
                 }
-                T const want = volume.sampler(type).sample(p, 0),
-                        got = volume.sampler(type, false, kJumpAdaptive).sample(p, 0);
+                GradientOf<T> slopes, exact;
+                auto kernels = volume.sampler(type),
+                     adaptive = volume.sampler(type, false, kJumpAdaptive);
+                T const want = kernels.sampleGradient(p, 0, exact),
+                        got = adaptive.sampleGradient(p, 0, slopes);
+                ASSERT_TRUE(same(got, adaptive.sample(p, 0)));
                 if (deeper == 0 && between)
                     ASSERT_TRUE(same(got, want));
                 else
                     ASSERT_LT(distance(got, want), 2e-5F) << type;
+                if (deeper == 0) {
+                    ASSERT_TRUE(same(slopes, exact));
+                } else if (!rowsOnly) {
+                    ASSERT_TRUE(same(slopes, exact, 5e-3F / static_cast<float>(w)));
+                }
             }
         }
 }
@@ -97,15 +106,32 @@ TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
         for (int type = 0; type < 4; ++type)
             for (bool clamp : {false, true}) {
                 auto sampler = volume.sampler(type, clamp, jump);
+                auto const accessor = tree->tileAccessor();
                 AllocationCount const allocations;
                 for (int n = 0; n < 200; ++n) {
                     float3 const p = oftenOnPlanes(random, reach, 4);
                     int const limit = random(0, 2) == 0 ? random(coarse, deepest) : 99;
                     T const value = sampler.sample(p, limit, 0);
+                    GradientOf<T> gradient;
+                    ASSERT_TRUE(same(sampler.sampleGradient(p, limit, 0, gradient), value));
                     ASSERT_EQ(allocations.blocks(), 0U);
                     ASSERT_LT(distance(value, ramp(p.x, p.y, p.z)), 2e-5F * reach)
                         << "offsets " << offsetType << " type " << type << " clamp " << clamp
                         << " limit " << limit << " at " << p.x << " " << p.y << " " << p.z;
+                    // Differences over a part of a voxel enlarge the rounding of values.
+                    int3 const at{static_cast<int>(std::floor(p.x)),
+                                  static_cast<int>(std::floor(p.y)),
+                                  static_cast<int>(std::floor(p.z))};
+                    auto const& tile = accessor.tile(at.x, at.y, at.z, std::min(limit, deepest));
+                    float const error = 4e-4F * reach / static_cast<float>(tile.voxelDataWidth());
+                    auto const slopes =
+                        std::bit_cast<std::array<float, sizeof gradient / sizeof(float)>>(gradient);
+                    for (unsigned f = 0; f < slopes.size(); ++f) {
+                        constexpr float kRows[] = {1, -1, 0.5F};
+                        float const want =
+                            kRows[f / 3] * static_cast<float>(slope(static_cast<int>(f % 3)));
+                        ASSERT_NEAR(slopes[f], want, error) << "float " << f;
+                    }
                 }
             }
     }
