@@ -163,33 +163,41 @@ ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
     add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ Arith::fold(flip)));
 }
 
-/// The falloff of a vertex: 1/2 - d^2 within the support, else 0.
+/// The squared distance to a vertex, and the falloff t of the vertex: 1/2 - distance2 within its
+/// support, else 0.
+template <class Real> struct Falloff { Real distance2, t; };
 template <class Arith>
-ZEL_ALWAYS_INLINE inline typename Arith::Real falloff(typename Arith::Real4 const& d) {
-    return Arith::positive(static_cast<typename Arith::Number>(kRadius2) - Arith::dot(d, d));
+ZEL_ALWAYS_INLINE inline Falloff<typename Arith::Real> falloff(typename Arith::Real4 const& d) {
+    auto const distance2 = Arith::dot(d, d);
+    return {distance2, Arith::positive(static_cast<typename Arith::Number>(kRadius2) - distance2)};
 }
 
 /// The kernel of a vertex, from its falloff: t^power * (kRim - t).
-template <int power, class Number, class Real> ZEL_ALWAYS_INLINE inline Real kernel(Real const& t) {
+template <int power, class Number, class Real>
+ZEL_ALWAYS_INLINE inline Real kernel(Falloff<Real> const& at) {
     static_assert(power == 3 || power == 4);
-    auto const t2 = t * t;
-    return (power == 3 ? t2 * t : t2 * t2) * (static_cast<Number>(kRim<power>) - t);
+    auto const t2 = at.t * at.t;
+    return (power == 3 ? t2 * at.t : t2 * t2) * (static_cast<Number>(kRim<power>) - at.t);
 }
 
 /// Twice the derivative of the kernel along t. The gradient of the kernel is minus this times d.
 template <int power, class Number, class Real>
-ZEL_ALWAYS_INLINE inline Real kernelSlope(Real const& t) {
-    constexpr auto rim = static_cast<Number>(2 * power * kRim<power>);
-    auto const t2 = t * t;
-    return (power == 3 ? t2 : t2 * t) * (rim - t * Number{2 * (power + 1)});
+ZEL_ALWAYS_INLINE inline Real kernelSlope(Falloff<Real> const& at) {
+    auto const t2 = at.t * at.t, weight = power == 3 ? t2 : t2 * at.t;
+    constexpr Number scale = 2 * (power + 1);
+    // Where a rim makes the kernel flat at the vertex, the other factor is the distance.
+    if constexpr (power * kRim<power> == (power + 1) * kRadius2)
+        return weight * (at.distance2 * scale);
+    else
+        return weight * (static_cast<Number>(2 * power * kRim<power>) - at.t * scale);
 }
 
 /// Twice the derivative of kernelSlope() along t. The gradient of kernelSlope() is minus this times
 /// d.
 template <int power, class Number, class Real>
-ZEL_ALWAYS_INLINE inline Real kernelCurvature(Real const& t) {
+ZEL_ALWAYS_INLINE inline Real kernelCurvature(Falloff<Real> const& at) {
     constexpr auto rim = static_cast<Number>(4 * power * (power - 1) * kRim<power>);
-    return (power == 3 ? t : t * t) * (rim - t * Number{4 * power * (power + 1)});
+    return (power == 3 ? at.t : at.t * at.t) * (rim - at.t * Number{4 * power * (power + 1)});
 }
 
 /// Simplex noise: the sum over the vertices of kernel * dot(g, d), where g is the gradient
@@ -200,8 +208,8 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexValue(typename Arith::Real4
     using Number = typename Arith::Number;
     typename Arith::Real sum{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<Arith>(d);
-        sum = sum + kernel<4, Number>(t) * Arith::dot(direction<Arith>(hash), d);
+        auto const at = falloff<Arith>(d);
+        sum = sum + kernel<4, Number>(at) * Arith::dot(direction<Arith>(hash), d);
     });
     return sum * static_cast<Number>(kScale);
 }
@@ -216,12 +224,12 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
     typename Arith::Real sum{};
     typename Arith::Real4 slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<Arith>(d);
-        auto const flat = kernel<4, Number>(t);
+        auto const at = falloff<Arith>(d);
+        auto const flat = kernel<4, Number>(at);
         auto const g = direction<Arith>(hash);
         auto const along = Arith::dot(g, d);
         sum = sum + flat * along;
-        slope = slope + (g * flat - d * (kernelSlope<4, Number>(t) * along));
+        slope = slope + (g * flat - d * (kernelSlope<4, Number>(at) * along));
     });
     derivative = turnBack<Arith>(slope * static_cast<Number>(kScale));
     return sum * static_cast<Number>(kScale);
@@ -242,8 +250,8 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Deriva
     Vec3<typename Arith::Real> sum{};
     Derivative slope{};
     forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
-        auto const t = falloff<Arith>(d);
-        auto const flat = kernel<power, Number>(t), steep = kernelSlope<power, Number>(t);
+        auto const at = falloff<Arith>(d);
+        auto const flat = kernel<power, Number>(at), steep = kernelSlope<power, Number>(at);
         auto const gx = spatialDirection<Arith, 0>(hash);
         auto const sx = Arith::dot3(gx, d);
         auto const gy = spatialDirection<Arith, 1>(hash);
@@ -257,7 +265,7 @@ curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Deriva
         sum.y = sum.y + (flat * cy - steep * ry);
         sum.z = sum.z + (flat * cz - steep * rz);
         if constexpr (!std::is_same_v<Derivative, NoDerivative>) {
-            auto const steeper = kernelCurvature<power, Number>(t);
+            auto const steeper = kernelCurvature<power, Number>(at);
             auto const ax = steeper * rx - steep * cx, ay = steeper * ry - steep * cy,
                        az = steeper * rz - steep * cz;
             auto const ex = steep * d[0], ey = steep * d[1], ez = steep * d[2];
