@@ -229,7 +229,9 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
         auto const g = direction<Arith>(hash);
         auto const along = Arith::dot(g, d);
         sum = sum + flat * along;
-        slope = slope + (g * flat - d * (kernelSlope<4, Number>(at) * along));
+        // Within the support this is the distance again; computing it anew leaves a register free.
+        auto const near = Falloff<typename Arith::Real>{static_cast<Number>(kRadius2) - at.t, at.t};
+        slope = slope + (g * flat - d * (kernelSlope<4, Number>(near) * along));
     });
     derivative = turnBack<Arith>(slope * static_cast<Number>(kScale));
     return sum * static_cast<Number>(kScale);
