@@ -12,9 +12,9 @@
 // that child; the sampling hooks do. None of the nodes can be assigned.
 //
 // The gradients are the default ones, differences over 2 % of each coordinate; after
-// withExactGradients() they are derivatives. Near the origin differences
-// are close to the derivative. Farther out the steps are longer than a cell of the noise, whose
-// size is about 1, and the differences say nothing about the derivative. The error of one layer,
+// withExactGradients() they are derivatives. Near the origin the differences are close to the
+// derivative. Farther out the steps are longer than a cell of the noise, whose size is about 1, and
+// the differences say nothing about the derivative. The error of one layer,
 // root mean square, is 3 to 6 % of the derivative for positions within 10 of the origin, about 75 %
 // within 100, and 100 % beyond. A `frequency` above 1 shortens these distances.
 namespace zel {

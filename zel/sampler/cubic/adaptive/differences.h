@@ -7,10 +7,10 @@
 
 namespace ORV::TileTree3D::Internal {
 
-/// The gradient of adaptiveValue by world units, by differences: along each axis
-/// the slope of the parabola through three samples 1/64 of a voxel apart, or further apart where
-/// floats cannot tell such places apart. The samples are around the place, or near a face of the
-/// voxel or of the tile moved to the inside of both. `value` is that at the place.
+/// The gradient of adaptiveValue() by world units, by differences: along each axis the slope of the
+/// parabola through three samples 1/64 of a voxel apart, or further apart where floats cannot tell
+/// such places apart. The samples lie around the place; near a face of the voxel or of the tile
+/// they are moved to the inside of both. `value` is the value at the place.
 template <class Traits, class T>
 GradientOf<T> adaptiveDifferences(CubicSource<Traits, T> const& source, AdaptiveMemo<T>& memo,
                                   TreeIndex const& tree, int3 const& lijk, float3 const& frac,
