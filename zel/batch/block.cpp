@@ -91,6 +91,10 @@ auto Block::askKept(Interface const& node) -> Columns<Asked<gradient, Interface>
     return out.columns;
 }
 
+bool Block::knowsGradients(void const* node) const {
+    return m_positions.find(node, true) != nullptr;
+}
+
 /// Columns for gradients of a node that are to be kept; null if they cannot be, or are known.
 float* Block::reserveGradients(void const* node, std::size_t columns) {
     bool const canKeep = m_positions.keepAll && !m_choice && &m_positions == m_workspace.innermost;

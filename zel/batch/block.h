@@ -184,8 +184,10 @@ private:
     Columns<Asked<gradient, Interface>>
     ask(Interface const& node, bool shared,
         BlockResult<Asked<gradient, Interface>> const* room = nullptr) {
-        if (shared || (gradient ? m_positions.knowsGradients : m_positions.keepAll))
-            return askKept<gradient>(node);
+        bool const maybeKept =
+            shared ||
+            (gradient ? m_positions.knowsGradients && knowsGradients(&node) : m_positions.keepAll);
+        if (maybeKept) return askKept<gradient>(node);
         using T = Asked<gradient, Interface>;
         auto out = room ? BlockResult<T>(room->storage, room->stride) : result<T>();
         call<gradient>(node, *this, out);
@@ -205,6 +207,7 @@ private:
     template <bool gradient, class Interface>
     Columns<Asked<gradient, Interface>> complete(Interface const& node, detail::KeptResult* kept);
 
+    bool knowsGradients(void const* node) const;
     float* reserveGradients(void const* node, std::size_t columns);
     void keepGradients(void const* node, std::size_t columns, float* storage);
     bool runFusion(void const* node, BlockResult<float>& out);
