@@ -21,7 +21,7 @@ using namespace support;
 /// Of the random trees. Another one may be set, to look for more faults.
 unsigned seed() {
     char const* const set = std::getenv("ZEL_TEST_SEED");
-    return set ? static_cast<unsigned>(std::strtoul(set, nullptr, 10)) : 20250117;
+    return set ? static_cast<unsigned>(std::strtoul(set, nullptr, 10)) : 101;
 }
 
 /// Values and gradients of a tree in all ways, with each instruction set, against points.
@@ -118,6 +118,9 @@ TEST(Block, WorksOutNodesTogetherAsPointsDo) {
         ScalarPtr const tree = RandomTrees(number, 2 + number % 100 * (number % 4));
         ASSERT_NO_FATAL_FAILURE(expectEqual(*tree, manyPositions(), number % 4 == 0 ? 2 : 1));
     }
+    ScalarPtr const volume = makePtr<ScalarOrvane>(boundObject<ORV::TileTree3D::QuinaryTraits>(),
+                                                   "scalar", SamplerType::kLinear);
+    expectEqual(*withExactGradients(ScalarPtr(multiply(volume, x()))), manyPositions(), 1);
 }
 
 TEST(Block, FollowsPositionsThatMoveAlongOneAxis) {
@@ -271,6 +274,15 @@ TEST_F(BlockCalls, AskALeafNoMoreOftenThanItsTreeNeeds) {
                 ASSERT_LE(leaf->counts[i], times(manyPositions()[i])) << i;
             EXPECT_TRUE(leaf->rising || gradients || !inRisingOrder);
         }
+}
+
+TEST_F(BlockCalls, AskATimeForNoGradientThatPointsDoNotNeed) {
+    struct Time : OwnScalar {
+        float3 grad(float3 const&, long long) const override { throw std::runtime_error("asked"); }
+    };
+    ScalarPtr const noise = make<ScalarFieldSimplexNoise>(makePtr<Time>(), 7);
+    auto const tree = withExactGradients(ScalarPtr(lesser(absolute(noise), constant(-1))));
+    EXPECT_NO_THROW(Core::Fields::evalAndGrad(*tree, manyPositions()));
 }
 
 TEST_F(BlockCalls, OfTwoChildrenThatThrowTheFirstIsHeard) {

@@ -165,9 +165,10 @@ public:
         } else if (!shared.empty() && random() % 8 == 0) {
             return shared[random() % shared.size()];
         } else {
-            tree = one<ScalarFieldXPosition, ScalarFieldZPosition, ScalarFieldConstant,
-                       ScalarFieldSphere, ScalarFieldPlane, ScalarFieldImplicitBox, OwnScalar>(
-                std::array{5U, 6U, 7U});
+            tree = withExactGradients(
+                one<ScalarFieldXPosition, ScalarFieldZPosition, ScalarFieldConstant,
+                    ScalarFieldSphere, ScalarFieldPlane, ScalarFieldImplicitBox,
+                    ScalarFieldSimplexNoise, OwnScalar>(std::array{5U, 7U, 8U}));
         }
         if (random() % 8 == 0) shared.push_back(tree);
         return tree;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <type_traits>
+#include <utility>
 
 #include "zel/api.h"
 #include "zel/batch/columns.h"
@@ -53,10 +54,19 @@ public:
         return ask<true>(*child, isShared(child));
     }
 
-    /// The same, but columns that do not exist yet are written to the storage of `room`, and are
-    /// valid only until `room` is written. A node asks for one child in this way, and then replaces
-    /// the child's values by its own: a chain of nodes reuses the same cache lines. Nothing
-    /// else that the node reads may be in `room`.
+    /// Both. A node that has its gradients for little beside its values computes them together.
+    template <class Interface>
+    std::pair<Columns<typename Interface::Value>, Columns<typename Interface::Gradient>>
+    valuesAndGradients(Quern::Ptr<Interface> const& child) {
+        m_positions.keepAll = true;
+        auto const known = values(child);
+        return {known, gradients(child)};
+    }
+
+    /// The same as `values` and `gradients`, but columns that do not exist yet are written to the
+    /// storage of `room`, and are valid only until `room` is written. A node asks for one child in
+    /// this way, and then replaces the child's values by its own: a chain of nodes reuses the same
+    /// cache lines. Nothing else that the node reads may be in `room`.
     template <class Interface>
     Columns<typename Interface::Value> values(Quern::Ptr<Interface> const& child,
                                               BlockResult<typename Interface::Value> const& room) {

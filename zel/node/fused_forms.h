@@ -160,7 +160,8 @@ template <class Node, class Interface> struct FusedForm {
         else if constexpr (std::derived_from<Node, HookedNode<Node, Interface>>)
             std::apply([&](auto const&... child) { describeOperator(node, fuser, child...); },
                        NodeAccess::children(node));
-        // Other nodes of the library have no children.
+        else if constexpr (kIsScalar)  // other nodes of the library have no children
+            if (NodeAccess::isExact(node)) fuser.offerGradients({});
     }
 
 private:
@@ -187,8 +188,11 @@ private:
                       std::derived_from<Node, PointwiseNode<Node, Interface>>)
             describeFormula(fuser, node, std::make_integer_sequence<int, sizeof...(Child)>(),
                             children...);
-        else
+        else {
             (fuser.queue(*children), ...);
+            if constexpr (kIsScalar && (std::same_as<Child, Interface> && ...))
+                if (NodeAccess::isExact(node)) fuser.offerGradients({&children...});
+        }
     }
 };
 

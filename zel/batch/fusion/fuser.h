@@ -11,7 +11,8 @@ namespace zel {
 
 /// Receives the description that a node gives in its `fuse`: one call of addFormula, addLeaf,
 /// addView or hideChildren; or of `queue` for each child; or none, for a leaf that is not fused.
-/// Each pass over a graph is a Fuser. A node may be asked several times.
+/// After the last two it may call offerGradients. Each pass over a graph is a Fuser. A node may be
+/// asked several times.
 class Fuser {
 public:
     using ScalarField = Core::Fields::ScalarField;
@@ -22,6 +23,10 @@ public:
     /// as the root of a fusion of its own.
     virtual void queue(ScalarField const& child) = 0;
     virtual void queue(VectorField const& child) = 0;
+
+    /// A scalar node that was not fused, but has derivatives for little beside its values: a fusion
+    /// of duals may ask it for both. `children` are those whose gradients are asked for then.
+    virtual void offerGradients(std::initializer_list<detail::ScalarChild const*> children) = 0;
 
     /// A node that may have children it does not name, such as one of a user's class.
     virtual void hideChildren() = 0;

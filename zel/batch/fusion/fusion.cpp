@@ -1,5 +1,7 @@
 #include "zel/batch/fusion/fusion.h"
 
+#include <algorithm>
+
 #include "zel/batch/fusion/tile_stages.h"
 
 namespace zel {
@@ -31,7 +33,8 @@ void Fusion::bindViews(Block& block) {
     if (m_boundAt == at) return;
     m_boundAt = {};
     bool persistent = true;
-    for (int const stage : m_parts.leafStages) m_parts.stages[static_cast<unsigned>(stage)].in = at;
+    for (int const stage : m_parts.leafStages)
+        std::ranges::copy(at, m_parts.stages[static_cast<unsigned>(stage)].in.begin());
     for (ViewOperand const& operand : m_parts.views) {
         Columns<float> const values = operand.view(operand.node, block);
         input(operand.input) = values.component[0];
@@ -62,6 +65,12 @@ void Fusion::run(Block& block, BlockResult<float>& out) {
 std::pair<Columns<float>, Columns<Orvane::Math::float3>> Fusion::runDuals(Block& block) {
     float* const result = block.allocate(4);
     bindViews(block);
+    for (ChildOperand const& operand : m_parts.children) {
+        auto const [values, gradients] = block.valuesAndGradients(*operand.child);
+        float const** const in = &input(operand.input);
+        in[0] = values.component[0];
+        std::ranges::copy(gradients.component, in + 1);
+    }
     writeTo(result);
     runStages(m_parts.stages.data(), block.count(), Aim::kDuals);
     return {{{result}, false, true},

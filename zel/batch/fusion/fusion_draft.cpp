@@ -14,7 +14,7 @@ void FusionDraft::begin(Aim aim) {
     m_stages.count = m_leafStages.count = m_views.count = m_children.count = 0;
     m_registers.reset();
     m_nodeCount = 0;
-    m_isFull = false;
+    m_isFull = m_asksForValues = false;
 }
 
 bool FusionDraft::reserveNode() {
@@ -77,11 +77,19 @@ Operand FusionDraft::addDualView(void const* self, View view,
     return resultOf(stage);
 }
 
+Operand FusionDraft::addDualChild(ScalarChild const& child) {
+    freeRegisters();
+    int const stage = addStage(dualChildStage(), nullptr);
+    m_children.add({&child, {stage, 0}});
+    return resultOf(stage);
+}
+
 Operand FusionDraft::addView(void const* self, View view) {
     return {Operand::Kind::kView, m_views.add({view, self, {}})};
 }
 
 Operand FusionDraft::addChild(ScalarChild const& child) {
+    m_asksForValues = true;
     return {Operand::Kind::kChild, m_children.add({&child, {}})};
 }
 

@@ -36,6 +36,9 @@ public:
     /// Adds a stage that reads a view as duals.
     Operand addDualView(void const* self, View view, Orvane::Math::float3 const& gradient);
 
+    /// Adds a stage that reads the values and the gradients of a child.
+    Operand addDualChild(ScalarChild const& child);
+
     /// Adds values that are in memory when the fusion runs. These have no stage, and need no place.
     Operand addView(void const* self, View view);
     Operand addChild(ScalarChild const& child);
@@ -44,8 +47,8 @@ public:
     int nodeCount() const { return m_nodeCount; }
     /// Whether some node found no place.
     bool isFull() const { return m_isFull; }
-    /// Whether it asks the block for values of children.
-    bool asksChildren() const { return m_children.count > 0; }
+    /// Whether it asks the block for values of children without their gradients.
+    bool asksForValues() const { return m_asksForValues; }
 
     /// The finished fusion, whose result is in the registers.
     Fusion* finish();
@@ -82,6 +85,7 @@ private:
     RegisterPlan m_registers;
     int m_nodeCount = 0;
     bool m_isFull = false;
+    bool m_asksForValues = false;
     // Shared by all fusions, since only one at a time runs its stages. Allocated on first use.
     std::array<float*, RegisterPlan::kSpillTiles> m_spillTiles{};
 };

@@ -24,6 +24,7 @@ public:
         bool isView = false;
         bool isRootOfValues = false, isRootOfDuals = false;  ///< or is queued as a root
         bool hasNoDuals = false;                             ///< no fusion of duals is possible
+        bool offersGradients = false;  ///< and asking for them asks no node for more than its views
     };
 
     explicit FusionPlan(Arena& memory) : m_memory(memory) {}

@@ -28,7 +28,9 @@ struct ViewOperand {
     StageInput input;
 };
 
-/// Values of a child outside the fusion, which the fusion asks the block for.
+/// A child outside the fusion, which the fusion asks the block for its values. A fusion of duals
+/// asks for its gradients too; `input` is then the first of the four inputs that a stage of the
+/// child's own reads.
 struct ChildOperand {
     ScalarChild const* child;
     StageInput input;

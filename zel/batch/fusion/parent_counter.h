@@ -26,6 +26,7 @@ public:
 
     void queue(ScalarField const& child) override { count(child); }
     void queue(VectorField const& child) override { count(child); }
+    void offerGradients(std::initializer_list<ScalarChild const*> /*children*/) override {}
     void hideChildren() override { m_hasHidden = true; }
     void addFormula(ScalarField const& node, void const* self, FormulaStages const& stages,
                     std::initializer_list<ScalarChild const*> children) override;

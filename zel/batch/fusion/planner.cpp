@@ -1,5 +1,6 @@
 #include "zel/batch/fusion/planner.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -22,6 +23,7 @@ public:
 
     void queue(ScalarField const& child) override { m_planner.queue(child); }
     void queue(VectorField const& child) override { m_planner.queue(child); }
+    void offerGradients(std::initializer_list<ScalarChild const*> /*children*/) override {}
     void hideChildren() override {}
     void addFormula(ScalarField const& /*node*/, void const* /*self*/,
                     FormulaStages const& /*stages*/,
@@ -75,7 +77,7 @@ void Planner::planDuals(NodeRef const& root) {
 }
 
 void Planner::draftFrom(NodeRef const& root) {
-    m_root = root.address();
+    m_root = m_described = root.address();
     m_choosesGradient = false;
     m_result.reset();
     m_draft.begin(m_aim);
@@ -95,19 +97,30 @@ bool Planner::isShared(ScalarChild const& child, FusionPlan::Entry const& entry)
 
 Operand Planner::operandOf(ScalarChild const& child) {
     m_result.reset();
+    m_described = &*child;
     FusionPlan::Entry const& entry = m_plan.find(&*child);
     if (isShared(child, entry) && !entry.isView)
         queue(*child);
     else
         child->fuse(*this);
-    return m_result ? *m_result : m_draft.addChild(child);
+    if (m_result) return *m_result;
+    // The pass for values has described every node outside of a fusion.
+    if (m_aim == Aim::kDuals && m_plan.find(&*child).offersGradients && m_draft.reserveNode())
+        return m_draft.addDualChild(child);
+    return m_draft.addChild(child);
 }
 
 bool Planner::isRuledOut() const {
-    // A child outside the fusion may be a node whose gradient must not be asked for wherever its
-    // value is: a user's class may count its calls or throw.
+    // Of most children outside the fusion the gradient must not be asked for wherever the value is:
+    // a user's class may count its calls or throw.
     return m_aim == Aim::kDuals &&
-           (m_draft.asksChildren() || (m_choosesGradient && m_root != m_graphRoot));
+           (m_draft.asksForValues() || (m_choosesGradient && m_root != m_graphRoot));
+}
+
+void Planner::offerGradients(std::initializer_list<ScalarChild const*> children) {
+    bool const ofViews = std::ranges::all_of(
+        children, [this](ScalarChild const* child) { return m_plan.find(&**child).isView; });
+    m_plan.insert(m_described).offersGradients = ofViews;
 }
 
 void Planner::addFormula(ScalarField const& node, void const* self, FormulaStages const& stages,
@@ -133,6 +146,7 @@ void Planner::addFormula(ScalarField const& node, void const* self, FormulaStage
 
 void Planner::addLeaf(void const* self, LeafStages const& stages) {
     if (m_draft.reserveNode()) m_result = m_draft.addLeaf(self, stages);
+    m_plan.insert(m_described).offersGradients = true;  // to the fusions of its parents, if shared
 }
 
 void Planner::addView(void const* self, View view, float3 const& gradient) {

@@ -25,6 +25,7 @@ public:
 
     void queue(ScalarField const& child) override { tryAsRoot(child); }
     void queue(VectorField const& child) override { tryAsRoot(child); }
+    void offerGradients(std::initializer_list<ScalarChild const*> children) override;
     void hideChildren() override {}
     void addFormula(ScalarField const& node, void const* self, FormulaStages const& stages,
                     std::initializer_list<ScalarChild const*> children) override;
@@ -47,6 +48,7 @@ private:
     Sharing const m_sharing;
     PendingNodes m_pending;
     void const* m_graphRoot = nullptr;
+    void const* m_described = nullptr;  // the node whose description is received
 
     // The fusion that is drafted:
     void const* m_root = nullptr;

@@ -35,7 +35,7 @@ struct Stage {
 
     Run run;
     void const* node;                ///< whose formula the stage computes, if any
-    std::array<float const*, 3> in;  ///< inputs in memory, by the number of the child
+    std::array<float const*, 4> in;  ///< inputs in memory; of a formula by the number of the child
     float* out;                      ///< where a stage writes that saves its tile
 };
 

@@ -64,6 +64,19 @@ ZEL_WIDE_TARGET void readView(ZEL_TILE_PARAMETERS) {
     stage[1].run(stage + 1, at, ZEL_TILE);
 }
 
+ZEL_WIDE_TARGET void readDuals(ZEL_TILE_PARAMETERS) {
+    auto const [value, x, y, z] = stage->in;
+    std::memcpy(&v0, value + at, sizeof v0);
+    std::memcpy(&v1, value + at + 8, sizeof v1);
+    std::memcpy(&v2, x + at, sizeof v2);
+    std::memcpy(&v3, x + at + 8, sizeof v3);
+    std::memcpy(&v4, y + at, sizeof v4);
+    std::memcpy(&v5, y + at + 8, sizeof v5);
+    std::memcpy(&v6, z + at, sizeof v6);
+    std::memcpy(&v7, z + at + 8, sizeof v7);
+    stage[1].run(stage + 1, at, ZEL_TILE);
+}
+
 #undef ZEL_TILE
 #undef ZEL_TILE_PARAMETERS
 
@@ -88,6 +101,10 @@ Stage::Run spillStage(Aim aim) {
 
 Stage::Run viewStage() {
     return readView;
+}
+
+Stage::Run dualChildStage() {
+    return readDuals;
 }
 
 void runStages(Stage const* stages, int count, Aim aim) {

@@ -18,6 +18,10 @@ Stage::Run spillStage(Aim aim);
 /// whose three components are at `in[1]`.
 Stage::Run viewStage();
 
+/// Fills a tile of duals: the values from the array `in[0]`, and the components of the gradients
+/// from the three that follow.
+Stage::Run dualChildStage();
+
 /// Runs `stages` over `count` positions, a tile at a time. Writes whole tiles, so that up to a tile
 /// less one float is written past `count`. Needs AVX2.
 void runStages(Stage const* stages, int count, Aim aim);
