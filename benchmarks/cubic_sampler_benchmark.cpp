@@ -176,9 +176,11 @@ private:
         }
     };
 
-    /// Arrays for results, from the first-th on.
+    /// Arrays for results, from the first-th on. They do not begin a power of 2 apart, where they
+    /// would share one set of the cache.
     template <std::size_t Count> std::array<float*, Count> out(std::size_t first) {
-        auto const n = static_cast<std::size_t>(m_positions.count());
+        constexpr std::size_t kBetween = 272;
+        std::size_t const n = static_cast<std::size_t>(m_positions.count()) + kBetween;
         m_out.resize(4 * kFloats * n);
         std::array<float*, Count> arrays;
         for (std::size_t c = 0; c < Count; ++c) arrays[c] = m_out.data() + n * (first + c);

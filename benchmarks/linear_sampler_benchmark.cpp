@@ -154,7 +154,7 @@ public:
         m_halo.update(*m_volume.topology);
         computeHalo<Traits, T, 0, 0, 1, 0>(*m_volume.channel, *m_volume.container, m_halo, 0,
                                            Traits::kMaxDepth);
-        m_out.assign(4 * kFloats * static_cast<std::size_t>(count), 0);
+        m_out.assign(4 * kFloats * (static_cast<std::size_t>(count) + kBetween), 0);
         m_halos = std::make_unique<LinearSampler<Traits, T>>(*m_volume.container,
                                                              *m_volume.topology, m_halo);
         m_direct = std::make_unique<LinearSampler<Traits, T>>(
@@ -220,7 +220,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kFloats = LinearSampler<Traits, T>::kFloats;
+    static constexpr std::size_t kFloats = LinearSampler<Traits, T>::kFloats, kBetween = 272;
     struct Both {
         T value;
         GradientOf<T> gradient;
@@ -236,11 +236,12 @@ private:
             });
         });
     }
-    /// Arrays for results, from the first-th on.
+    /// Arrays for results, from the first-th on. They do not begin a power of 2 apart, where they
+    /// would share one set of the cache.
     template <std::size_t Count> std::array<float*, Count> out(std::size_t first) {
+        std::size_t const apart = static_cast<std::size_t>(count()) + kBetween;
         std::array<float*, Count> arrays;
-        for (std::size_t i = 0; i < Count; ++i)
-            arrays[i] = m_out.data() + (first + i) * static_cast<std::size_t>(count());
+        for (std::size_t i = 0; i < Count; ++i) arrays[i] = m_out.data() + (first + i) * apart;
         return arrays;
     }
     double block(LinearSampler<Traits, T>& sampler) {
