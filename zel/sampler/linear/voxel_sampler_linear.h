@@ -123,7 +123,7 @@ private:
     bool isOnCorners() const { return this->m_offsetType == kOnVoxelCorners; }
     bool insideTile(Internal::Int4 lijk) const;
     bool fills(TreeIndex const& tree, Internal::Int4 lijk) const;
-    T value(Cell const& cell, Internal::Float4 const& frac) const {
+    ZEL_ALWAYS_INLINE T value(Cell const& cell, Internal::Float4 const& frac) const {
         return cell.corner ? Internal::LinearCell<T>(cell.corner, cell.width).value(frac)
                            : m_defaultValue;
     }
