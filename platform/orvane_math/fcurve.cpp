@@ -100,6 +100,25 @@ double cubicSlope(Key const& a, Key const& b, double x) {
     return std::isfinite(slope) ? slope : 16 * scaled(0.5, 0.0625);
 }
 
+/// The slope of the segment from a to b, which is `ofCubic()` if it is cubic.
+template <class OfCubic> double segmentSlope(Key const& a, Key const& b, OfCubic const& ofCubic) {
+    switch (a.segment) {
+    case FCurve::Segment::kConstant:
+        return 0;
+    case FCurve::Segment::kLinear:
+        return chord(a, b);
+    case FCurve::Segment::kCubic:
+        break;
+    }
+    return ofCubic();
+}
+
+/// The first key after x, or the end.
+auto keyAfter(std::vector<Key> const& keys, double x) {
+    return std::upper_bound(keys.begin(), keys.end(), x,
+                            [](double at, Key const& key) { return at < key.x; });
+}
+
 }  // namespace
 
 FCurve::FCurve(std::vector<Key> keys, Extrapolation before, Extrapolation after)
@@ -141,25 +160,15 @@ double FCurve::slope(double x) const {
 
 /// The slope at an `x` from the first of several keys on; from the last key on, that at its left.
 double FCurve::slopeInsideKeys(double x) const {
-    auto const next = std::upper_bound(m_keys.begin(), m_keys.end(), x,
-                                       [](double at, Key const& key) { return at < key.x; });
+    auto const next = keyAfter(m_keys, x);
     if (next == m_keys.end()) return endSlope(true);
     Key const &a = *(next - 1), &b = *next;
-    switch (a.segment) {
-    case Segment::kConstant:
-        return 0;
-    case Segment::kLinear:
-        return chord(a, b);
-    case Segment::kCubic:
-        break;
-    }
-    return cubicSlope(a, b, x);
+    return segmentSlope(a, b, [&] { return cubicSlope(a, b, x); });
 }
 
 /// The curve at an `x` that is not before the first key; after the last key, that key's value.
 double FCurve::insideKeys(double x) const {
-    auto const next = std::upper_bound(m_keys.begin(), m_keys.end(), x,
-                                       [](double at, Key const& key) { return at < key.x; });
+    auto const next = keyAfter(m_keys, x);
     Key const& a = *(next - 1);
     if (next == m_keys.end() || x == a.x) return a.value;
     switch (a.segment) {
@@ -199,15 +208,7 @@ double FCurve::lineSlope(bool after) const {
 double FCurve::endSlope(bool after) const {
     std::size_t const i = after ? m_keys.size() - 2 : 0;
     Key const &a = m_keys[i], &b = m_keys[i + 1];
-    switch (a.segment) {
-    case Segment::kConstant:
-        return 0;
-    case Segment::kLinear:
-        return chord(a, b);
-    case Segment::kCubic:
-        break;
-    }
-    return after ? b.inSlope : a.outSlope;
+    return segmentSlope(a, b, [&] { return after ? b.inSlope : a.outSlope; });
 }
 
 /// The distance of an `x` from the beginning of its period, which is finite.
