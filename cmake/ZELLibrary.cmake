@@ -14,6 +14,16 @@ function(zel_compile_options target)
             -fno-trapping-math)
 endfunction()
 
+# With ZEL_PRECOMPILE_HEADERS, precompiles the headers `ARGN` for a target; or with REUSE_FROM another
+# target of the same options, uses its headers. They are those of the standard library and of others:
+# a source that forgets to include one of them still compiles then, so a build without the option has
+# to be among the tests.
+function(zel_precompile_headers target)
+  if(ZEL_PRECOMPILE_HEADERS)
+    target_precompile_headers(${target} ${ARGN})
+  endif()
+endfunction()
+
 # Whether the libraries are compiled with -O3. All builds do so, because the time of a batch is spent in
 # the libraries' loops, unless the build type or flags request other optimisation or sanitizers.
 set(ZEL_OPTIMISED $<NOT:$<CONFIG:Debug,MinSizeRel>>)
@@ -37,6 +47,11 @@ function(zel_add_library target)
   zel_compile_options(${target})
   target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
   target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
+  zel_precompile_headers(
+    ${target}
+    PRIVATE <algorithm> <array> <atomic> <bit> <cmath> <concepts> <cstdint> <functional> <limits>
+            <map> <memory> <mutex> <optional> <span> <sstream> <stdexcept> <string> <tuple>
+            <type_traits> <utility> <vector>)
   # With unique symbols dlclose() would not unload the library.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition
                                            $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
