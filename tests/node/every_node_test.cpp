@@ -5,6 +5,7 @@
 #include <set>
 
 #include "support/random_nodes.h"
+#include "support/refused.h"
 #include "zel/node/node_impl.h"
 
 // What holds for every class of node.
@@ -107,10 +108,68 @@ TEST(EveryNode, HasItsNameAndWalksHooksAndAsksItsChildren) {
     });
 }
 
+namespace {
+
+/// Classes without exact gradients.
+std::set<std::string> const differences{
+    "zel::ScalarFieldGradient", "zel::ScalarFieldDivergence", "zel::VectorFieldCurl",
+    "zel::VectorFieldClosestPointTransform", "zel::VectorFieldIteratedNearPointTransform"};
+
+/// Children that vary between -0.9 and 0.9, each in another direction, so that no Jacobian is
+/// symmetric.
+struct Waves : RandomNodes {
+    struct Wave : ScalarField {
+        explicit Wave(float3 const& k) : k(k) {}
+        using ScalarField::eval;
+        float eval(float3 const& p, long long) const override {
+            return 0.9F * std::sin(dot(k, p) + k.y);
+        }
+        float3 grad(float3 const& p, long long) const override {
+            return k * (0.9F * std::cos(dot(k, p) + k.y));
+        }
+        float3 k;
+    };
+    using RandomNodes::RandomNodes;
+    operator ScalarPtr() const { return makePtr<Wave>(float3(*this)); }
+    operator VectorPtr() const {
+        return makePtr<VectorFieldFromComponents>(ScalarPtr(*this), ScalarPtr(*this),
+                                                  ScalarPtr(*this));
+    }
+};
+
+/// Compares the gradient at a position with central differences, to 3 % of the largest of these.
+/// Whether it could: not where differences to both sides disagree, or are not finite.
+template <class Interface> bool hasDerivative(Interface const& node, float3 const& p) {
+    constexpr float kStep = 1 / 512.0F;
+    constexpr std::size_t kRows = sizeof(typename Interface::Value) / sizeof(float);
+    auto const at = [&](int axis, float step) {
+        float3 moved = p;
+        moved[axis] += step;
+        return std::bit_cast<std::array<float, kRows>>(node.eval(moved, 3));
+    };
+    std::array<float, 3 * kRows> expected, bend;
+    float largest = 1;
+    for (unsigned axis = 0; axis < 3; ++axis) {
+        int const a = static_cast<int>(axis);
+        auto const low = at(a, -kStep), middle = at(a, 0), high = at(a, kStep);
+        for (std::size_t r = 0; r < kRows; ++r) {
+            expected[3 * r + axis] = (high[r] - low[r]) / (2 * kStep);
+            bend[3 * r + axis] = ((high[r] - middle[r]) - (middle[r] - low[r])) / kStep;
+            largest = std::max(largest, std::fabs(expected[3 * r + axis]));
+        }
+    }
+    if (!std::ranges::all_of(bend, [&](float b) { return std::fabs(b) < 0.05F * largest; }))
+        return false;
+    auto const gradient = std::bit_cast<std::array<float, 3 * kRows>>(node.grad(p, 3));
+    for (std::size_t i = 0; i < gradient.size(); ++i)
+        EXPECT_NEAR(gradient[i], expected[i], 0.03F * largest)
+            << "component " << i << " at " << p.x << ' ' << p.y << ' ' << p.z;
+    return true;
+}
+
+}  // namespace
+
 TEST(EveryNode, HasAnExactGradientOrIsNamed) {
-    std::set<std::string> const differences{
-        "zel::ScalarFieldGradient", "zel::ScalarFieldDivergence", "zel::VectorFieldCurl",
-        "zel::VectorFieldClosestPointTransform", "zel::VectorFieldIteratedNearPointTransform"};
     forEveryNode([&]<class Node>(std::string const& name) {
         SCOPED_TRACE(name);
         using Interface =
@@ -125,6 +184,15 @@ TEST(EveryNode, HasAnExactGradientOrIsNamed) {
         auto const named = hasExactGradients(*exact).differences;
         EXPECT_EQ(std::count(named.begin(), named.end(), name), differences.contains(name));
         EXPECT_FALSE(withExactGradients(derived)->hasExactGradient());
+
+        int compared = 0;
+        for (unsigned n = 0; n < 100 && !differences.contains(name); ++n) {
+            Waves const waves(n);
+            Quern::Ptr<Interface> const random = construct<Node>(waves);
+            if (random->is_triggerable()) random->apply_object(waves);
+            compared += hasDerivative(*withExactGradients(random), waves);
+        }
+        EXPECT_GE(compared, differences.contains(name) ? 0 : 10);
     });
 }
 
@@ -150,6 +218,40 @@ struct Knows : FieldNode<Knows, ScalarField> {
     template <class Node> static auto children(Node& node) { return std::tie(node.child); }
     Quern::Ptr<ScalarFieldSimplexNoise> child;
 };
+/// A user's node that makes its children anew for each copy, so that these have one owner.
+struct Rebuilds : ScalarField {
+    Rebuilds() = default;
+    Rebuilds(Rebuilds const&) : Rebuilds() {}
+    using ScalarField::eval;
+    float eval(float3 const& p, long long i) const override {
+        return a->eval(p, i) - b->eval(p, i);
+    }
+    void listChildren(FieldConstVisitor& visitor) const override { visitor(*a), visitor(*b); }
+    void replaceChildren(ChildReplacer& replacer) override { replacer(a), replacer(b); }
+    void useExactGradient(ChildReplacer& replacer) override { replaceChildren(replacer); }
+    bool hasExactGradient() const override { return true; }
+    ScalarPtr a = makePtr<ScalarFieldConstant>(1.0F), b = makePtr<ScalarFieldConstant>(2.0F);
+};
+
+/// A class derived from one with exact gradients, whose value is another.
+struct Doubled : ScalarFieldSimplexNoise {
+    using ScalarField::eval;
+    using ScalarFieldSimplexNoise::ScalarFieldSimplexNoise;
+    float eval(float3 const& p, long long i) const override {
+        return 2 * ScalarFieldSimplexNoise::eval(p, i);
+    }
+};
+
+std::size_t countNodes(Field const& root) {
+    struct Counter : FieldConstVisitor {
+        void operator()(Field const& node) override {
+            if (nodes.insert(&node).second) node.listChildren(*this);
+        }
+        std::set<Field const*> nodes;
+    } counter;
+    counter(root);
+    return counter.nodes.size();
+}
 
 }  // namespace
 
@@ -158,11 +260,32 @@ TEST(ExactGradients, CopyTheGraphAndLeaveItAsItIs) {
     auto const noise = makePtr<ScalarFieldSimplexNoise>(still, 1);
     ScalarPtr tree = makePtr<ScalarFieldSimplexNoise>(noise, 2);  // of a time that is a noise
     tree = makePtr<ScalarFieldAdd>(makePtr<Shows>(tree), makePtr<Knows>(noise));
+    tree = makePtr<ScalarFieldAdd>(tree, makePtr<Rebuilds>());
+    tree = makePtr<ScalarFieldAdd>(tree, makePtr<Knows>(noise));
     for (int i = 0; i < 50; ++i) tree = makePtr<ScalarFieldAdd>(tree, tree);
     EXPECT_EQ(hasExactGradients(*tree).differences,
               (std::vector<std::string>{"zel::ScalarFieldSimplexNoise"}));
     auto const exact = withExactGradients(tree);
     EXPECT_TRUE(hasExactGradients(*exact));
+    EXPECT_EQ(countNodes(*exact), countNodes(*tree));
     EXPECT_FALSE(noise->hasExactGradient() || hasExactGradients(*tree));
     EXPECT_FALSE(withExactGradients(ScalarPtr()));
+    EXPECT_EQ(withExactGradients(ScalarPtr(makePtr<Rebuilds>()))->eval(float3{}, 0), -1);
+    ScalarPtr const doubled = makePtr<Doubled>(still, 1);
+    EXPECT_TRUE(same(withExactGradients(doubled)->grad({1, 2, 3}, 0), doubled->grad({1, 2, 3}, 0)));
+
+    struct Replacer final : ChildReplacer {
+        void operator()(ScalarPtr& child) override { child = makePtr<ScalarFieldXPosition>(); }
+        void operator()(VectorPtr&) override {}
+        void operator()(Field&) override {}
+    } replacer;
+    Knows knows(noise);
+    expectRefused<std::invalid_argument>([&] { knows.replaceChildren(replacer); },
+                                         "zel::ScalarFieldXPosition");
+    EXPECT_EQ(knows.child, noise);
+    // A time that was constant and is not anymore.
+    VectorFieldFractalTurbulence turbulence(1, 2, 1, 0.5F, 0.5F, still, 1, true, 3);
+    turbulence.replaceChildren(replacer);
+    auto const at = somePositions(9);
+    EXPECT_TRUE(same((*turbulence.eval(at))[5], turbulence.eval(at[5], 5)));
 }

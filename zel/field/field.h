@@ -88,18 +88,23 @@ public:
     virtual void listChildren(FieldConstVisitor& visitor) const;
 
     /// Hands the pointers of the same children to `replacer`, which may set them. Here the children
-    /// that `accept` shows, which cannot be replaced. Belongs to the set-up of a tree.
+    /// that `accept` shows, which cannot be replaced. Throws std::invalid_argument if the node
+    /// holds the child as a pointer to a class that the new one is not of. Belongs to the set-up of
+    /// a tree.
     virtual void replaceChildren(ChildReplacer& replacer);
 
     /// Whether `grad` is the derivative of the value, provided that the gradients of the children
     /// are. False for a node whose gradients are differences, and for a class derived from a node
-    /// of the library. A class of a user's whose `grad` is the derivative overrides it to say so.
+    /// of the library. True for a user's class made with the bases in zel/node/node.h if it has a
+    /// gradient of its own; such a class overrides this if that is not the derivative, and a class
+    /// that derives from an interface itself if it is.
     virtual bool hasExactGradient() const;
 
     /// Makes `grad` the derivative of the value from now on, in a class that can have both, and
     /// hands the children to `replacer`: see withExactGradients(), which calls it. A class whose
-    /// value takes the gradient of a child leaves that child out, so that values stay the same.
-    /// Belongs to the set-up of a tree.
+    /// value takes the gradient of a child leaves that child out, so that values stay the same:
+    /// with the bases in zel/node/node.h it has a member `static constexpr bool kTakesGradients =
+    /// true`. Belongs to the set-up of a tree.
     virtual void useExactGradient(ChildReplacer& replacer);
 
     /// The const walk, for a caller whose node is not const.

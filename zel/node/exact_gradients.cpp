@@ -20,17 +20,21 @@ public:
     template <class Interface> Quern::Ptr<Interface> copyOf(Quern::Ptr<Interface> const& node) {
         if (!node) return node;
         auto& copies = std::get<Copies<Interface>>(m_copies);
-        if (auto const known = copies.find(node.get()); known != copies.end()) return known->second;
+        if (auto const known = copies.find(node.get()); known != copies.end())
+            return known->second.copy;
         Quern::Ptr<Interface> copy = node.clone();
         operator()(static_cast<Field&>(*copy));
-        return copies[node.get()] = std::move(copy);
+        copies.emplace(node.get(), Copied<Interface>{node, copy});
+        return copy;
     }
 
 private:
+    /// The copy of a node. A node that its parent made for its own copy has no other owner than
+    /// `original`, without which the next node might get its address.
+    template <class Interface> struct Copied { Quern::Ptr<Interface> original, copy; };
     template <class Interface>
-    using Copies = std::unordered_map<Interface const*, Quern::Ptr<Interface>>;
+    using Copies = std::unordered_map<Interface const*, Copied<Interface>>;
 
-    // By the address of the node that was copied, which its tree keeps alive.
     std::tuple<Copies<ScalarField>, Copies<VectorField>> m_copies;
 };
 

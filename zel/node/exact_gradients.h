@@ -16,9 +16,10 @@ namespace zel {
 /// several parents stays one node, unless a user's class does not name its children: see
 /// Field::replaceChildren. A null pointer gives a null pointer.
 ///
-/// Values include the gradients that a node takes for its value, such as a closest-point
-/// transform: below these nodes the copy shares the nodes of the tree. Give such a node a child
-/// with exact gradients to have both exact.
+/// Some nodes take the gradient of a child for their own value: the derivatives and the
+/// closest-point transforms. The copy of such a node has the same children as the original, not
+/// copies with other gradients. A user's class whose `eval` calls a child's `grad` must say so, or
+/// its values change: see Field::useExactGradient.
 ///
 /// The nodes that change are the four noise nodes and the two of curves; the leaves that read
 /// volumes, by the derivative of the interpolant; VectorFieldRotate, VectorFieldScale,

@@ -2,6 +2,9 @@
 
 #include <cassert>
 #include <concepts>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
 #include <utility>
 
 #include "zel/node/node_access.h"
@@ -44,14 +47,22 @@ template <class Child> void visit(FieldConstVisitor& visitor, Quern::Ptr<Child> 
     if (child) visitor(static_cast<Field const&>(*child));
 }
 
-/// A pointer to some class of nodes cannot be set to any other node: the child is made this node's
-/// own, and is changed.
+/// A pointer to some class of nodes can only be set to a node of that class.
 template <class Child> void replace(ChildReplacer& replacer, Quern::Ptr<Child>& child) {
     if constexpr (std::same_as<Child, ScalarField> || std::same_as<Child, VectorField>) {
         replacer(child);
     } else if (child) {
-        if (child.useCount() > 1) child = child.clone();
-        replacer(static_cast<Field&>(*child));
+        using Interface =
+            std::conditional_t<std::derived_from<Child, ScalarField>, ScalarField, VectorField>;
+        Quern::Ptr<Interface> other = child;
+        replacer(other);
+        auto node = Quern::dynamicPtrCast<Child>(other);
+        if (other && !node)
+            throw std::invalid_argument("zel::Field::replaceChildren: a child of class " +
+                                        std::string(typeNameOf(typeid(Child)).c_str()) +
+                                        " cannot be replaced by one of class " +
+                                        typeNameOf(typeid(*other)).c_str());
+        child = std::move(node);
     }
 }
 
