@@ -257,7 +257,7 @@ private:
 
 TEST(Noise, ShowsNoLattice) {
     auto const check = [](auto const& noise, double rms, double strongest) {
-        for (float const time : {0.0F, 0.37F, 0.5F})
+        for (float const time : {0.0F, 0.25F, 0.37F, 0.5F, 0.75F})
             for (std::size_t const normal : {0u, 1u, 2u}) {
                 PlaneVariance const plane(noise, normal, time);
                 EXPECT_NEAR(std::sqrt(plane.mean()) / rms, 1, 0.015) << time << ' ' << normal;

@@ -367,12 +367,11 @@ VectorFieldFractalTurbulence::VectorFieldFractalTurbulence(float amplitude, floa
                                                            std::int64_t seed)
     : amplitude(amplitude), octaves(octaves), frequency(frequency), amplitudeRatio(amplitudeRatio),
       scaleRatio(scaleRatio), time(std::move(timeField)), timeRatio(timeRatio), smooth(smooth),
-      seed(foldedSeed(seed)),
-      timeIsConstant(dynamic_cast<ScalarFieldConstant const*>(time.get()) != nullptr) {}
+      seed(foldedSeed(seed)) {}
 
 void VectorFieldFractalTurbulence::preSampleField() const {
     HookedNode::preSampleField();
-    if (!timeIsConstant) return;
+    if (!dynamic_cast<ScalarFieldConstant const*>(time.get())) return cache.time.store({});
     float const t = time->eval(float3{}, 0);
     std::array<float, 16> table;
     Orvane::Math::create_curl_noise_time_table(t, table.data());
@@ -386,8 +385,13 @@ void VectorFieldFractalTurbulence::postSampleField() const {
     cache.time.store({}, std::memory_order_relaxed);
 }
 
+void VectorFieldFractalTurbulence::replaceChildren(ChildReplacer& replacer) {
+    HookedNode::replaceChildren(replacer);
+    cache.time.store({}, std::memory_order_relaxed);  // kept by a batch that has failed
+}
+
 std::optional<float> VectorFieldFractalTurbulence::keptTime() const {
-    if (!timeIsConstant || !smooth) return std::nullopt;
+    if (!smooth) return std::nullopt;
     auto const [t, valid] = cache.time.load(std::memory_order_relaxed);
     return valid != 0 ? std::optional(t) : std::nullopt;
 }
