@@ -11,7 +11,8 @@ namespace zel {
 
 /// Receives the description that a node gives in its `fuse`: one call of addFormula, addLeaf,
 /// addView or hideChildren; or of `queue` for each child; or none, for a leaf that is not fused.
-/// After the last two it may call offerGradients. Each pass over a graph is a Fuser. A node may be
+/// A node
+/// that is not fused may then call offerGradients. Each pass over a graph is a Fuser. A node may be
 /// asked several times.
 class Fuser {
 public:

@@ -24,7 +24,9 @@ public:
         bool isView = false;
         bool isRootOfValues = false, isRootOfDuals = false;  ///< or is queued as a root
         bool hasNoDuals = false;                             ///< no fusion of duals is possible
-        bool offersGradients = false;  ///< and asking for them asks no node for more than its views
+        /// A fusion of duals may ask it for values and gradients: a shared leaf, or a node that
+        /// offers them and has no children but views.
+        bool offersGradients = false;
     };
 
     explicit FusionPlan(Arena& memory) : m_memory(memory) {}

@@ -18,7 +18,7 @@ using View = Columns<float> (*)(void const* node, Block& block);
 /// An input of a stage in memory, which is set when the fusion runs.
 struct StageInput {
     int stage;
-    int child;  ///< the number of the child whose values it is
+    int child;  ///< the number of the input: that of the child, in a stage of a formula
 };
 
 /// Values of a view. They stay the same for as long as the arrays of positions do.

@@ -38,8 +38,9 @@ public:
     /// The value at a fraction of the voxel: along x, then y, then z. `clamp` limits it to the
     /// range of the corners.
     T interpolate(std::int32_t type, bool clamp, Float4 const& frac) const;
-    /// The same with the gradient by the fraction, times `scale`. A component that is clamped has a
-    /// gradient of 0; not one that exceeds its range by no more than rounding may be the cause of.
+    /// The same with the gradient by the fraction, times `scale`. A clamped component has a
+    /// gradient of 0, unless it exceeds its range by so little that rounding alone may be the
+    /// cause.
     T interpolate(std::int32_t type, bool clamp, Float4 const& frac, float scale,
                   GradientOf<T>& gradient) const;
 
