@@ -82,7 +82,8 @@ struct BuildOptions {
 /// Makes a volume that is fine where |field| < band * voxelSize, as around a surface, and coarse
 /// elsewhere. `voxelSize` is the width of the finest voxels, whose corners lie on its multiples.
 /// The root is Traits::kRootWidth voxels wide, with its centre at the origin; only tiles that meet
-/// the box are refined. Samples lie on the low corners of their voxels.
+/// the box are refined. So coarse samples of the field are taken far outside the box, too. Samples
+/// lie on the low corners of their voxels.
 ///
 /// A tile is made if it may contain a point of the band. The field is evaluated at its centre,
 /// with the gradient, and at its corners. A tile of width w is made if

@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <array>
-#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -17,8 +15,9 @@ using namespace ORV::TileTree3D;
 
 namespace {
 
-/// The tiles that are evaluated together: about 1000 samples.
-template <class Traits> constexpr int kTilesOfGroup = 1024 / Traits::kSampleCount;
+/// The most samples that are evaluated together, and the tiles whose samples these are.
+constexpr int kGroupSize = 4 * kBlockSize;
+template <class Traits> constexpr int kTilesOfGroup = kGroupSize / Traits::kSampleCount;
 
 /// The positions of the samples of a group of tiles, in columns.
 template <class Traits> class SamplePositions {
@@ -26,21 +25,21 @@ public:
     /// Adds the samples of a tile behind those of the tiles before it.
     void add(Internal::SamplePlaces<Traits> const& places) {
         constexpr int W = Traits::kSamples, kLayer = W * W;
-        std::array<float, kLayer> layerX, layerY;
+        float layerX[kLayer], layerY[kLayer];
         for (int j = 0; j < W; ++j)
             for (int i = 0; i < W; ++i) {
-                layerX[static_cast<std::size_t>(i + W * j)] = places.x[i];
-                layerY[static_cast<std::size_t>(i + W * j)] = places.y[j];
+                layerX[i + W * j] = places.x[i];
+                layerY[i + W * j] = places.y[j];
             }
         for (float const layerZ : places.z) {
-            std::copy_n(layerX.data(), kLayer, x + count);
-            std::copy_n(layerY.data(), kLayer, y + count);
+            std::copy_n(layerX, kLayer, x + count);
+            std::copy_n(layerY, kLayer, y + count);
             std::fill_n(z + count, kLayer, layerZ);
             count += kLayer;
         }
     }
 
-    alignas(64) float x[1024], y[1024], z[1024];
+    alignas(64) float x[kGroupSize], y[kGroupSize], z[kGroupSize];
     int count = 0;
 };
 

@@ -26,7 +26,7 @@ Quern::Ptr<ORV::Object> toVolumeObject(std::vector<NamedVolume> const& volumes) 
     auto object = Quern::makePtr<ORV::Object>();
     for (NamedVolume const& volume : volumes) {
         auto const& name = volume.name;
-        if (name.size() == 0) refuse("a channel has an empty name");
+        if (name.empty()) refuse("a channel has an empty name");
         if (name == sVoxelTileTree || name == sVoxelComp)
             refuse("the name " + quoted(name) + " is reserved for the tree or its topology");
         if (object->component<ORV::Component>(name))

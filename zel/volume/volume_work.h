@@ -25,8 +25,8 @@ public:
         : VolumeWork(caller, options.parallel, options.stop, options.progress) {}
 
     /// Calls `work()` between the two hooks of the field, in the caller's arena, or on the calling
-    /// thread alone. Then reports that all positions are done. After an exception the second hook
-    /// is not called.
+    /// thread alone, and reports at its end that all positions are done. After an exception the
+    /// second hook is not called.
     template <class Interface, class Work> void run(Interface const& field, Work const& work) {
         FloatEnvironment const standard;  // for the hooks; each task sets its own
         callHook([&] { field.preSampleField(); });
@@ -34,8 +34,8 @@ public:
             work();
         else
             tbb::task_arena(1).execute(work);
-        callHook([&] { field.postSampleField(); });
         if (m_progress) m_progress(m_all, m_all);
+        callHook([&] { field.postSampleField(); });
     }
 
     /// Calls `body(first, last)`, in parallel, for groups of `size` items that cover 0 to `count` -
