@@ -1,3 +1,4 @@
+#include "support/refused.h"
 #include "volume/volumes.h"
 
 #include <tbb/global_control.h>
@@ -17,6 +18,7 @@
 namespace {
 
 using namespace volumes;
+using support::expectRefused;
 using support::FunctionField;
 using zel::Box;
 using zel::BuildOptions;
@@ -138,18 +140,16 @@ TEST(FillChannel, ReportsFromOneThreadAtATimeAndNotTooOften) {
         EXPECT_GE(times[i] - times[i - 1], std::chrono::milliseconds(20));
 }
 
-template <class Traits> struct Found { long long band = 0, lost = 0; };
-
-/// Counts the lattice points of a box at which |field| is below the band, and those of them that
-/// are in no tile of the deepest depth.
+/// The number of lattice points of a box at which |field| is below the band, but that are in no
+/// tile of the deepest depth. The others must have the value of the field.
 template <class Traits>
-Found<Traits> search(zel::ScalarField const& field, Volume<Traits, float> const& volume,
-                     Box const& box, float band) {
+int lostPoints(zel::ScalarField const& field, Volume<Traits, float> const& volume, Box const& box,
+               float band) {
     float const size = volume.container->voxelSize();
     auto const accessor = volume.container->tileAccessor();
     auto const first = [&](float low) { return static_cast<int>(std::ceil(low / size)); };
     auto const last = [&](float high) { return static_cast<int>(std::floor(high / size)); };
-    Found<Traits> found;
+    int lost = 0;
     for (int k = first(box.low.z); k <= last(box.high.z); ++k)
         for (int j = first(box.low.y); j <= last(box.high.y); ++j)
             for (int i = first(box.low.x); i <= last(box.high.x); ++i) {
@@ -158,17 +158,14 @@ Found<Traits> search(zel::ScalarField const& field, Volume<Traits, float> const&
                     size;
                 float const value = field.eval(p, 0);
                 if (!(std::fabs(value) < band * size)) continue;
-                ++found.band;
                 auto const& tile = accessor.tile(i, j, k, Traits::kMaxDepth);
-                bool const fine = tile.depth() == Traits::kMaxDepth;
-                found.lost += !fine;
-                if (fine) {
-                    EXPECT_EQ(std::as_const(*volume.channel)
-                                  .tileData(tile.treeIndex())(int3{i, j, k} - tile.tijk()),
-                              value);
-                }
+                auto const samples = std::as_const(*volume.channel).tileData(tile.treeIndex());
+                if (tile.depth() < Traits::kMaxDepth)
+                    ++lost;
+                else
+                    EXPECT_EQ(samples(int3{i, j, k} - tile.tijk()), value);
             }
-    return found;
+    return lost;
 }
 
 template <class Traits> class BuildVolume : public testing::Test {};
@@ -189,9 +186,7 @@ TYPED_TEST(BuildVolume, KeepsTheWholeBandOfSpheresAndLittleElse) {
         Box const box{{-0.8F, number(-0.8F, 0), -0.6F}, {number(0.1F, 0.8F), 0.6F, 0.7F}};
         zel::ScalarFieldSphere const sphere(centre, radius);
         auto const volume = zel::buildVolume<TypeParam>(sphere, box, size, band, {.outside = 3});
-        auto const found = search(sphere, volume, box, band);
-        EXPECT_EQ(found.lost, 0) << "of " << found.band << ", radius " << radius << ", band "
-                                 << band;
+        EXPECT_EQ(lostPoints(sphere, volume, box, band), 0) << radius << ' ' << band;
         EXPECT_EQ(volume.channel->defaultValue(), 3);
         // Each deepest tile meets the box, and is no further from the band than its diagonal.
         float const width = static_cast<float>(TypeParam::kSamples) * size;
@@ -236,7 +231,7 @@ TEST(BuildVolumes, KeepTheBandOfOtherFields) {
                                              {half, 1000, 8000},
                                              {makePtr<zel::ScalarFieldConstant>(nan), 0, 0}}) {
         auto const volume = zel::buildVolume<BinaryTraits>(*field, box, size, 4);
-        EXPECT_EQ(search(*field, volume, box, 4).lost, 0);
+        EXPECT_EQ(lostPoints(*field, volume, box, 4), 0);
         EXPECT_GE(volume.container->tileCount(kDeepest), least);
         EXPECT_LE(volume.container->tileCount(kDeepest), most);
     }
@@ -265,24 +260,16 @@ TYPED_TEST(BuildVolume, GivesTheSameBitsOnOneThreadAndEvaluatesLittle) {
         auto const again =
             zel::buildVolume<TypeParam>(counted, box, 0.02F, 3, {.parallel = parallel});
         EXPECT_TRUE((sameSamples<TypeParam, float>(*again.channel, *volume.channel)));
-        for (long long i = 0; i < volume.container->tileCount(TypeParam::kMaxDepth); ++i) {
-            auto const cornerIn = [&](auto const& of) {
-                return of.container->tile(i, TypeParam::kMaxDepth).tijk();
-            };
-            ASSERT_TRUE(cornerIn(again) == cornerIn(volume));
-        }
+        for (long long i = 0; i < volume.container->tileCount(TypeParam::kMaxDepth); ++i)
+            ASSERT_EQ(again.container->tile(i, TypeParam::kMaxDepth).m_parentIndex,
+                      volume.container->tile(i, TypeParam::kMaxDepth).m_parentIndex);
     }
-}
-
-TEST(BuildVolumes, RefineToTheDepthsAsked) {
-    zel::ScalarFieldSphere const speck({0.33F, 0.21F, 0}, 0.011F);
-    Box const box{{-1, -1, -1}, {1, 1, 1}};
-    constexpr int kDeepest = BinaryTraits::kMaxDepth;
-    auto const coarse = zel::buildVolume<BinaryTraits>(speck, box, 0.01F, 1, {.maxDepth = 26});
-    EXPECT_EQ(coarse.container->depth(), 26);
-    auto const fine = zel::buildVolume<BinaryTraits>(
-        speck, box, 0.01F, 1, {.minDepth = kDeepest - 1, .maxDepth = kDeepest});
-    EXPECT_EQ(fine.container->tileCount(kDeepest - 1), 26 * 26 * 26);
+    constexpr int kLeast = TypeParam::kMaxDepth - 1;
+    auto const limited = zel::buildVolume<TypeParam>(counted, box, 0.02F, 3,
+                                                     {.minDepth = kLeast, .maxDepth = kLeast});
+    int const across = TypeParam::kBranch == 2 ? 14 : 5;  // tiles that are 0.16, or 0.5 wide
+    EXPECT_EQ(limited.container->depth(), kLeast);
+    EXPECT_EQ(limited.container->tileCount(kLeast), across * across * across);
 }
 
 TEST(BuildVolumes, RefuseParametersByName) {
@@ -298,28 +285,22 @@ TEST(BuildVolumes, RefuseParametersByName) {
     for (Case const& wrong : {Case{box, 0, 3, {}, "voxelSize of 0"},
                               {box, -0.5F, 3, {}, "voxelSize of -0.5"},
                               {box, nan, 3, {}, "voxelSize of nan"},
-                              {box, inf, 3, {}, "voxelSize of inf"},
                               {box, 0.1F, -2, {}, "band of -2"},
                               {box, 0.1F, nan, {}, "band of nan"},
-                              {box, 0.1F, inf, {}, "band of inf"},
                               {{{0, nan, 0}, {1, 1, 1}}, 0.1F, 3, {}, "(0, nan, 0)"},
                               {{{0, 0, 0}, {1, inf, 1}}, 0.1F, 3, {}, "(1, inf, 1) is not finite"},
                               {{{0, 2, 0}, {1, 2, 1}}, 0.1F, 3, {}, "(0, 2, 0) to (1, 2, 1) is em"},
-                              {{{0, 0, 0}, {1, 1, -1}}, 0.1F, 3, {}, "is empty"},
                               {{{0, 0, 0}, {1, 6e8F, 1}}, 1, 3, {}, "(1, 6e+08, 1) is too large"},
                               {box, 1e-30F, 3, {}, "voxelSize of 1e-30"},
                               {box, 0.1F, 3, {.minDepth = -1}, "minDepth of -1"},
                               {box, 0.1F, 3, {.minDepth = 9, .maxDepth = 8}, "minDepth of 9"},
-                              {box, 0.1F, 3, {.maxDepth = 29}, "maxDepth of 29"}}) {
-        try {
-            zel::buildVolume<BinaryTraits>(ball, wrong.box, wrong.voxelSize, wrong.band,
-                                           wrong.options);
-            ADD_FAILURE() << wrong.text;
-        } catch (std::invalid_argument const& error) {
-            EXPECT_NE(std::string(error.what()).find(wrong.text), std::string::npos)
-                << error.what();
-        }
-    }
+                              {box, 0.1F, 3, {.maxDepth = 29}, "maxDepth of 29"}})
+        expectRefused<std::invalid_argument>(
+            [&] {
+                zel::buildVolume<BinaryTraits>(ball, wrong.box, wrong.voxelSize, wrong.band,
+                                               wrong.options);
+            },
+            wrong.text);
     EXPECT_THROW(zel::buildVolume<BinaryTraits>(ball, box, 0.1F, 3, {.maxTiles = 50}),
                  std::length_error);
     std::stop_source stopped;
@@ -354,12 +335,7 @@ TEST(VolumeObject, HoldsChannelsOverOneTree) {
     auto const [ball, at] = check(BinaryTraits());
     auto const quinary = check(QuinaryTraits()).first;
     auto const refused = [](std::vector<zel::NamedVolume> const& volumes, char const* part) {
-        try {
-            zel::toVolumeObject(volumes);
-            ADD_FAILURE() << part;
-        } catch (std::invalid_argument const& error) {
-            EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
-        }
+        expectRefused<std::invalid_argument>([&] { zel::toVolumeObject(volumes); }, part);
     };
     refused({}, "no volume");
     refused({{"a", ball}, {"b", zel::buildVolume<BinaryTraits>(sphere, box, 0.02F, 3)}},
