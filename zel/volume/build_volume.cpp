@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "zel/batch/evaluate_range.h"
+#include "zel/batch/evaluate_run.h"
 #include "zel/volume/fill_tiles.h"
 #include "zel_platform/orvane_geometry_volume/messages.h"
 #include "zel_platform/orvane_geometry_volume/sample_places.h"
@@ -36,9 +36,9 @@ struct Depths {
 
 template <class Traits>
 Depths checkedDepths(Box const& box, float voxelSize, BuildOptions const& options) {
-    int const most = options.maxDepth.value_or(Traits::kMaxDepth);
-    if (most < 0 || most > Traits::kMaxDepth)
-        refuse("maxDepth of ", most, ", and a tree has depths 0 to ", Traits::kMaxDepth);
+    int const deepest = Traits::kMaxDepth, most = options.maxDepth.value_or(deepest);
+    if (most < 0 || most > deepest)
+        refuse("maxDepth of ", most, ", and a tree has depths 0 to ", deepest);
     if (options.minDepth) {
         if (*options.minDepth < 0 || *options.minDepth > most)
             refuse("minDepth of ", *options.minDepth, ", and the deepest depth is ", most);
@@ -189,10 +189,10 @@ private:
             place<kEdge>(parent, width, 0, &corners[i * kCorners]);
             place<B>(parent, width, 0.5, &centres[i * kChildren]);
         }
-        detail::evaluateRange(m_field, corners.data(), atCorners.data(), nullptr, 0,
-                              parents * kCorners, m_work.batch());
-        detail::evaluateRange(m_field, centres.data(), atCentres.data(), gradients.data(), 0,
-                              parents * kChildren, m_work.batch());
+        detail::evaluateRun(m_field, corners.data(), parents * kCorners, atCorners.data(), nullptr,
+                            m_work.batch());
+        detail::evaluateRun(m_field, centres.data(), parents * kChildren, atCentres.data(),
+                            gradients.data(), m_work.batch());
         for (std::size_t i = 0; i < parents; ++i) {
             long long const tile = first + static_cast<long long>(i);
             Children children = childrenInBox(m_tree.tile(tile, depth));
@@ -237,8 +237,9 @@ private:
 template <class Traits, class T>
 Quern::Ptr<DataChannel<Traits, T>> makeChannel(VoxelTopology<Traits> const& topology,
                                                T const& outside) {
+    int const deepest = Traits::kMaxDepth;
     auto channel = Quern::makePtr<DataChannel<Traits, T>>(Quern::String(), &outside, 0, true, true,
-                                                          0, Traits::kMaxDepth);
+                                                          0, deepest);
     channel->update(topology);
     return channel;
 }

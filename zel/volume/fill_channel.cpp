@@ -2,7 +2,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "zel/batch/evaluate_columns.h"
+#include "zel/batch/evaluate_run.h"
 #include "zel/volume/build_volume.h"
 #include "zel/volume/fill_tiles.h"
 #include "zel_platform/orvane_geometry_volume/sample_places.h"
@@ -68,9 +68,9 @@ void fillTiles(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& top
                     for (; tile < last && !isCovered<Traits>(tree.tile(tile, depth), channel);
                          ++tile)
                         positions.add(Internal::samplePlaces(topology, tree.tile(tile, depth)));
-                    evaluateColumns(field, positions.x, positions.y, positions.z, positions.count,
-                                    first * Traits::kSampleCount, channel.samples({first, depth}),
-                                    work.batch());
+                    evaluateRun(field, positions.x, positions.y, positions.z, positions.count,
+                                first * Traits::kSampleCount, channel.samples({first, depth}),
+                                work.batch());
                     first = tile + 1;
                 }
             });

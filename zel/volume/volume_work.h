@@ -61,7 +61,7 @@ public:
 
     void stopIfAsked() const;
 
-    /// The number of the batch, for evaluateColumns() and evaluateRange().
+    /// The number of the batch, for evaluateRun().
     std::uint64_t batch() const { return m_batch; }
 
 private:
