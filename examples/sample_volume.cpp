@@ -1,11 +1,9 @@
 // Builds an adaptive volume of a ball, sets it as the volume of an object, binds trees of fields
 // that were made without it to the object, samples them and prints a table.
 
-#include <cmath>
 #include <cstdio>
 #include <exception>
 
-#include <zel_platform/orvane_geometry_volume/tile_tree.h>
 #include <zel_platform/shape_store/scene_units.h>
 
 #include "binder.h"
@@ -18,34 +16,16 @@ using Quern::makePtr;
 using zel::SamplerType;
 using zel::ScalarPtr;
 
-float distance(float3 const& p) {
-    return std::sqrt(p.x * p.x + p.y * p.y + p.z * p.z) - 1;
-}
-
-/// A volume from -2 to 2 along each axis with the distance from a ball of radius 1 in its channel
-/// "distance". A tile has 4 by 4 by 4 voxels; at each depth voxels are half as wide as at the depth
-/// above.
+/// A volume with the distance from a ball of radius 1 in its channel "distance". Its voxels are
+/// 1/32 wide in a band of 3 voxels on both sides of the surface, and wider elsewhere.
 Quern::Ptr<ORV::Object> makeBall() {
-    using namespace ORV::TileTree3D;
-    constexpr float kVoxelSize =
-        4.0F / static_cast<float>(BinaryTraits::kRootWidth);  // the width of a finest voxel
-    constexpr int kMaxDepth = 5;
-    // Whether the tree is to have a tile: only where the surface may pass through it.
-    auto const wanted = [](float3 const& low, float3 const& high, int) {
-        float3 const half = (high - low) * 0.5F;
-        return std::fabs(distance(low + half)) < half.x * 1.75F;
-    };
-    constexpr float kOutside = 3;
-    auto const volume =
-        buildVolume<BinaryTraits, float>(kVoxelSize, kMaxDepth, wanted, distance, kOutside);
-    std::printf("%lld tiles, %lld of them at depth %d\n", volume.container->tileCount(-1),
-                volume.container->tileCount(kMaxDepth), kMaxDepth);
-
-    auto object = makePtr<ORV::Object>();
-    object->setComponent(Orvane::Geometry::sVoxelTileTree, volume.container);
-    object->setComponent(Orvane::Geometry::sVoxelComp, volume.topology);
-    object->setComponent("distance", volume.channel);
-    return object;
+    zel::ScalarFieldSphere const ball({0, 0, 0}, 1);
+    zel::Box const box{{-2, -2, -2}, {2, 2, 2}};
+    auto const volume = zel::buildVolume<zel::BinaryTraits>(ball, box, 1.0F / 32, 3);
+    auto const& tree = *volume.container;
+    std::printf("%lld tiles, %lld of them at depth %d\n", tree.tileCount(-1),
+                tree.tileCount(tree.depth()), tree.depth());
+    return zel::toVolumeObject({{"distance", volume}});
 }
 
 }  // namespace

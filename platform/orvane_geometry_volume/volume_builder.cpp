@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cmath>
 #include <concepts>
-#include <limits>
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -13,21 +12,12 @@
 
 #include "zel_platform/orvane_geometry_volume/messages.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
+#include "zel_platform/orvane_geometry_volume/sample_places.h"
 #include "zel_platform/orvane_geometry_volume/tree_rollback.h"
 
 namespace ORV::TileTree3D {
 
 namespace {
-
-/// A lattice coordinate, which may have a fraction, in world units; infinite beyond the range of
-/// floats.
-float toWorld(double lattice, float voxelSize) {
-    constexpr double kMost = std::numeric_limits<float>::max();
-    double const world = lattice * double{voxelSize};
-    if (std::abs(world) > kMost)
-        return std::copysign(std::numeric_limits<float>::infinity(), world < 0 ? -1.0f : 1.0f);
-    return static_cast<float>(world);
-}
 
 template <class Traits> int3 childPosition(int slot) {
     constexpr int B = Traits::kBranch;
@@ -49,8 +39,8 @@ ChildFlags<Traits> wantedChildren(TileOf<Traits> const& tile, float voxelSize,
         float3 low, high;
         for (int axis = 0; axis < 3; ++axis) {
             double const corner = tile.m_tijk[axis] + width * child[axis];
-            low[axis] = toWorld(corner, voxelSize);
-            high[axis] = toWorld(corner + width, voxelSize);
+            low[axis] = Internal::toWorld(corner, voxelSize);
+            high[axis] = Internal::toWorld(corner + width, voxelSize);
         }
         flags.wanted[slot] = wanted(low, high, depth);
     }
@@ -77,63 +67,68 @@ template <class Traits, class T> class TileFill {
 public:
     TileFill(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology,
              PositionFunction<T> const* function)
-        : m_channel(channel), m_topology(topology), m_function(function) {}
+        : m_channel(channel), m_topology(topology), m_function(function) {
+        for (int axis = 0; axis < 3; ++axis)
+            m_fineSamples[axis] = topology.offset()[axis] == 0 ? 1 : B;
+        m_copies = m_fineSamples == int3{1, 1, 1};
+    }
 
     void run(TileOf<Traits> const& tile) const {
+        if (!m_function && !tile.m_children) return;
+        Internal::SamplePlaces<Traits> places;
+        if (m_function) places = Internal::samplePlaces(m_topology, tile);
         T* const samples = m_channel.samples(tile.treeIndex());
-        auto const places = samplePlaces(tile);
-        for (int k = 0; k < W; ++k)
-            for (int j = 0; j < W; ++j)
-                for (int i = 0; i < W; ++i) {
-                    int3 const child{i * B / W, j * B / W, k * B / W};
-                    T* const sample = samples + i + W * (j + W * k);
-                    if (T const* const fine = m_channel.samples(tile.childTreeIndex(child)))
-                        *sample = restricted(
-                            fine, {i * B - child.x * W, j * B - child.y * W, k * B - child.z * W});
-                    else if (m_function)
-                        *sample = (*m_function)({places.x[i], places.y[j], places.z[k]});
-                }
+        T const* const below = m_channel.samples({0, tile.depth() + 1});  // of all finer tiles
+        for (int slot = 0; slot < Traits::kChildCount; ++slot) {
+            int3 const child = childPosition<Traits>(slot);
+            int const fine = below && tile.m_children ? tile.m_children[slot] : -1;
+            if (fine >= 0)
+                restrictFrom(below + std::ptrdiff_t{fine} * Traits::kSampleCount, child, samples);
+            else if (m_function)
+                forSamples(child, [&](int3 const& at, int3 const&) {
+                    samples[flat(at)] =
+                        (*m_function)({places.x[at.x], places.y[at.y], places.z[at.z]});
+                });
+        }
     }
 
 private:
     static constexpr int W = Traits::kSamples;
     static constexpr int B = Traits::kBranch;
 
-    /// The coordinates of a tile's samples along each axis, in world units.
-    struct Places {
-        float x[W], y[W], z[W];
-    };
+    static constexpr int flat(int3 const& at) { return at.x + W * (at.y + W * at.z); }
 
-    Places samplePlaces(TileOf<Traits> const& tile) const {
-        float3 const& offset = m_topology.offset();
-        double const width = tile.voxelDataWidth();
-        auto const place = [&](int corner, int voxel, float inVoxel) {
-            return toWorld(corner + width * (voxel + double{inVoxel}),
-                           m_topology.container().voxelSize());
-        };
-        Places places;
-        for (int i = 0; i < W; ++i) {
-            places.x[i] = place(tile.m_tijk.x, i, offset.x);
-            places.y[i] = place(tile.m_tijk.y, i, offset.y);
-            places.z[i] = place(tile.m_tijk.z, i, offset.z);
-        }
-        return places;
+    /// Calls `use(at, inChild)` for the samples of a tile over one of its children: their places in
+    /// the tile, and counted from the child's low corner.
+    template <class Use> static void forSamples(int3 const& child, Use const& use) {
+        constexpr int kSpan = W / B;
+        for (int z = 0; z < kSpan; ++z)
+            for (int y = 0; y < kSpan; ++y)
+                for (int x = 0; x < kSpan; ++x) use(child * kSpan + int3{x, y, z}, int3{x, y, z});
     }
 
-    /// The sample of a coarse voxel, restricted from the fine voxels in it: B along each axis, from
-    /// voxel `first` of the fine tile on.
-    T restricted(T const* fine, int3 const& first) const {
-        auto const count = [&](int axis) { return m_topology.offset()[axis] == 0 ? 1 : B; };
-        int const nx = count(0), ny = count(1), nz = count(2);
-        T const* const corner = fine + first.x + W * (first.y + W * first.z);
-        if (nx * ny * nz == 1) return *corner;
+    /// Sets the samples over a child from the child's samples.
+    void restrictFrom(T const* fine, int3 const& child, T* samples) const {
+        if (m_copies)
+            forSamples(child, [&](int3 const& at, int3 const& inChild) {
+                samples[flat(at)] = fine[flat(inChild * B)];
+            });
+        else
+            forSamples(child, [&](int3 const& at, int3 const& inChild) {
+                samples[flat(at)] = mean(fine + flat(inChild * B));
+            });
+    }
+
+    /// The mean of the fine samples in a coarse voxel, from the first on.
+    T mean(T const* first) const {
         constexpr std::size_t kParts = std::same_as<T, float> ? 1 : 3;
+        auto const [nx, ny, nz] = m_fineSamples;
         std::array<double, kParts> sums{};  // in double, since a sum of floats may overflow
         for (int z = 0; z < nz; ++z)
             for (int y = 0; y < ny; ++y)
                 for (int x = 0; x < nx; ++x) {
                     auto const parts =
-                        std::bit_cast<std::array<float, kParts>>(corner[x + W * (y + W * z)]);
+                        std::bit_cast<std::array<float, kParts>>(first[flat({x, y, z})]);
                     for (std::size_t c = 0; c < kParts; ++c) sums[c] += double{parts[c]};
                 }
         std::array<float, kParts> means;
@@ -145,6 +140,8 @@ private:
     DataChannel<Traits, T>& m_channel;
     VoxelTopology<Traits> const& m_topology;
     PositionFunction<T> const* m_function;
+    int3 m_fineSamples;  ///< along each axis, of those that a coarse sample is the mean of
+    bool m_copies;       ///< whether that is one sample
 };
 
 template <class Traits, class T>

@@ -14,15 +14,21 @@
 #include "zel/batch/hook_walk.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
 
+namespace zel::detail {
+
+std::uint64_t newBatch() {
+    static std::atomic<std::uint64_t> last = 0;
+    return ++last;
+}
+
+}  // namespace zel::detail
+
 namespace Core::Fields {
 
 using Orvane::Math::float3;
 using Orvane::Math::float3x3;
 
 namespace {
-
-/// The number of the last batch that was started, of either interface.
-std::atomic<std::uint64_t> lastBatch = 0;
 
 /// An uninitialised array of `count` values, from the pool of arrays if that is enabled and holds
 /// arrays of this type.
@@ -45,7 +51,8 @@ void evaluate(Interface const& field, Quern::Array<float3> const& positions,
     auto* const values = out.values ? out.values->data() : nullptr;
     auto* const gradients = out.gradients ? out.gradients->data() : nullptr;
     auto const loop = [&field, in = positions.data(), values, gradients,
-                       batch = ++lastBatch](tbb::blocked_range<std::size_t> const& range) {
+                       batch =
+                           zel::detail::newBatch()](tbb::blocked_range<std::size_t> const& range) {
         zel::detail::FloatEnvironment const standard;
         zel::detail::evaluateRange(field, in, values, gradients, range.begin(), range.end(), batch);
     };

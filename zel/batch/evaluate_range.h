@@ -14,6 +14,9 @@
 
 namespace zel::detail {
 
+/// A number that no other batch of the process has, of either interface.
+std::uint64_t newBatch();
+
 /// Loads `count` positions into the cache. Inlined at once: g++ 12 drops a call of a function that
 /// only prefetches.
 ZEL_ALWAYS_INLINE inline void prefetch(Orvane::Math::float3 const* positions, std::size_t count) {

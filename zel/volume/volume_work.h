@@ -1,0 +1,87 @@
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <stop_token>
+
+#include "zel/batch/float_environment.h"
+#include "zel_platform/orvane_geometry_volume/parallel.h"
+
+namespace zel::detail {
+
+/// The evaluation of a field at the positions of a volume by one call of a caller: the hooks of the
+/// field, once for all positions, the tasks, the caller's request to stop, and the report of
+/// progress.
+class VolumeWork {
+public:
+    /// `caller` is the name of the call, for messages. The other parameters must outlive this.
+    template <class Options>
+    VolumeWork(char const* caller, Options const& options)
+        : VolumeWork(caller, options.parallel, options.stop, options.progress) {}
+
+    /// Calls `work()` between the two hooks of the field, in the caller's arena, or on the calling
+    /// thread alone, and reports at its end that all positions are done. After an exception the
+    /// second hook is not called.
+    template <class Interface, class Work> void run(Interface const& field, Work const& work) {
+        FloatEnvironment const standard;  // for the hooks; each task sets its own
+        callHook([&] { field.preSampleField(); });
+        if (m_parallel)
+            work();
+        else
+            tbb::task_arena(1).execute(work);
+        if (m_progress) m_progress(m_all, m_all);
+        callHook([&] { field.postSampleField(); });
+    }
+
+    /// Calls `body(first, last)`, in parallel, for groups of `size` items that cover 0 to `count` -
+    /// 1; the last group may be smaller. Groups do not depend on the number of threads. An item
+    /// consists of `positions` positions. Throws Stopped, and std::runtime_error if a node
+    /// cancelled the tasks.
+    template <class Body>
+    void forGroups(long long count, long long size, int positions, Body const& body) {
+        m_all += static_cast<std::size_t>(count * positions);
+        stopIfAsked();
+        ORV::TileTree3D::Internal::parallelRanges(
+            (count + size - 1) / size, 1, [&](long long begin, long long end) {
+                FloatEnvironment const standard;
+                for (long long group = begin; group < end; ++group) {
+                    stopIfAsked();
+                    long long const first = group * size, last = std::min(first + size, count);
+                    body(first, last);
+                    add(static_cast<std::size_t>((last - first) * positions));
+                }
+            });
+        checkComplete();
+    }
+
+    void stopIfAsked() const;
+
+    /// The number of the batch, for evaluateRun().
+    std::uint64_t batch() const { return m_batch; }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    VolumeWork(char const* caller, bool parallel, std::stop_token const& stop,
+               std::function<void(std::size_t, std::size_t)> const& progress);
+    static void callHook(std::function<void()> const& hook);
+    void add(std::size_t positions);
+    void checkComplete() const;
+
+    char const* m_caller;
+    bool m_parallel;
+    std::stop_token const& m_stop;
+    std::function<void(std::size_t, std::size_t)> const& m_progress;
+    std::uint64_t m_batch;
+    std::size_t m_all = 0;
+    std::atomic<std::size_t> m_done = 0;
+    std::mutex m_reporting;  // held by the thread that reports; the others go on
+    std::atomic<Clock::time_point> m_nextReport;
+};
+
+}  // namespace zel::detail
