@@ -8,7 +8,9 @@ namespace zel::detail {
 /// Destructors of thread-local and of static objects may call this later still: the T that they get
 /// is never destroyed. Throws what the constructor of T throws.
 template <class T> T& threadObject() {
-    static thread_local constinit T* object = nullptr;
+    // At a fixed place behind the thread's pointer, of which a process has room for some small ones
+    // of libraries that it loads late. Else each access is a call.
+    [[gnu::tls_model("initial-exec")]] static thread_local constinit T* object = nullptr;
     static thread_local constinit bool ended = false;
     struct Owner {
         Owner() = default;
