@@ -48,6 +48,13 @@ template <class Interface>
     detail::runBatch(field, batch);
 }
 
+/// The same with default options.
+template <class Interface>
+[[gnu::noinline]] void evaluateAt(Interface const& field, PointView const& points,
+                                  std::span<typename Interface::Value> values) {
+    evaluateAt(field, points, values, {}, {});
+}
+
 /// Writes the values at a few positions, or returns false: see detail::callPoints(). The functions
 /// below call it first and little else, since that takes a part of the time of a point call.
 template <class Interface>
@@ -73,32 +80,32 @@ Stopped::Stopped() : std::runtime_error("zel::evaluate: stopped by request") {}
 Stopped::Stopped(Stopped const&) = default;
 Stopped::~Stopped() = default;
 
-void evaluate(ScalarField const& field, PointView points, std::span<float> values) {
-    if (!evaluateFew(field, points, values)) evaluateAt(field, points, values, {}, {});
+void evaluate(ScalarField const& field, PointView const& points, std::span<float> values) {
+    if (!evaluateFew(field, points, values)) evaluateAt(field, points, values);
 }
 
-void evaluate(ScalarField const& field, PointView points, std::span<float> values,
+void evaluate(ScalarField const& field, PointView const& points, std::span<float> values,
               EvaluateOptions const& options) {
     if (isWatched(options) || !evaluateFew(field, points, values, options.firstIndex))
         evaluateAt(field, points, values, {}, options);
 }
 
-void evaluate(ScalarField const& field, PointView points, std::span<float> values,
+void evaluate(ScalarField const& field, PointView const& points, std::span<float> values,
               std::span<float3> gradients, EvaluateOptions const& options) {
     evaluateAt(field, points, values, gradients, options);
 }
 
-void evaluate(VectorField const& field, PointView points, std::span<float3> values) {
-    if (!evaluateFew(field, points, values)) evaluateAt(field, points, values, {}, {});
+void evaluate(VectorField const& field, PointView const& points, std::span<float3> values) {
+    if (!evaluateFew(field, points, values)) evaluateAt(field, points, values);
 }
 
-void evaluate(VectorField const& field, PointView points, std::span<float3> values,
+void evaluate(VectorField const& field, PointView const& points, std::span<float3> values,
               EvaluateOptions const& options) {
     if (isWatched(options) || !evaluateFew(field, points, values, options.firstIndex))
         evaluateAt(field, points, values, {}, options);
 }
 
-void evaluate(VectorField const& field, PointView points, std::span<float3> values,
+void evaluate(VectorField const& field, PointView const& points, std::span<float3> values,
               std::span<float3x3> gradients, EvaluateOptions const& options) {
     evaluateAt(field, points, values, gradients, options);
 }

@@ -33,6 +33,7 @@ class KnownGraphs {
 public:
     /// Those of the calling thread.
     static KnownGraphs& local() { return threadObject<KnownGraphs>(); }
+    static KnownGraphs* localIfAny() { return threadObjectIfAny<KnownGraphs>(); }
 
     /// The graph below `root`; null if it is not known.
     KnownGraph const* findKnown(Field const& root) {

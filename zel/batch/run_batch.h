@@ -35,7 +35,8 @@ template <class Interface> struct Batch {
 template <class Interface>
 ZEL_ALWAYS_INLINE inline bool callPoints(Interface const& field, PointView const& points,
                                          typename Interface::Value* values, long long firstIndex) {
-    KnownGraph const* const graph = KnownGraphs::local().findKnown(field);
+    KnownGraphs* const graphs = KnownGraphs::localIfAny();
+    KnownGraph const* const graph = graphs ? graphs->findKnown(field) : nullptr;
     if (!graph || points.count > graph->mostPointCalls) return false;
     FloatEnvironment const standard;
     std::ptrdiff_t at = 0;

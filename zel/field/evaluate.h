@@ -72,18 +72,18 @@ public:
 /// stop is requested before all positions are done. After Stopped, as after an exception of a node
 /// or of `progress`, each element of the results is either as before or has its value, and
 /// `postSampleField` is not called.
-ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView points,
+ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView const& points,
                       std::span<float> values);
-ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView points,
+ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView const& points,
                       std::span<float> values, EvaluateOptions const& options);
-ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView points,
+ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView const& points,
                       std::span<float> values, std::span<Orvane::Math::float3> gradients,
                       EvaluateOptions const& options = {});
-ZEL_API void evaluate(Core::Fields::VectorField const& field, PointView points,
+ZEL_API void evaluate(Core::Fields::VectorField const& field, PointView const& points,
                       std::span<Orvane::Math::float3> values);
-ZEL_API void evaluate(Core::Fields::VectorField const& field, PointView points,
+ZEL_API void evaluate(Core::Fields::VectorField const& field, PointView const& points,
                       std::span<Orvane::Math::float3> values, EvaluateOptions const& options);
-ZEL_API void evaluate(Core::Fields::VectorField const& field, PointView points,
+ZEL_API void evaluate(Core::Fields::VectorField const& field, PointView const& points,
                       std::span<Orvane::Math::float3> values,
                       std::span<Orvane::Math::float3x3> gradients,
                       EvaluateOptions const& options = {});
