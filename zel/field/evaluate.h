@@ -41,8 +41,8 @@ struct EvaluateOptions {
     long long firstIndex = 0;
     /// Whether other threads may take a part of the positions.
     bool parallel = true;
-    /// Ends the evaluation when a stop is requested, within the time that 256 positions take on
-    /// each thread. No other thread sees this token.
+    /// Ends the evaluation when a stop is requested, within the time that 256 positions take on one
+    /// thread.
     std::stop_token stop;
     /// Is told how many of all positions are done: every 20 ms at most, by one thread at a time but
     /// not always the same, and at the end with `done == all`, by the calling thread. It may throw.
