@@ -4,6 +4,7 @@
 
 #include "zel/curve/fcurve.h"
 #include "zel/field/batch.h"
+#include "zel/field/evaluate.h"
 #include "zel/field/field.h"
 #include "zel/field/math.h"
 #include "zel/field/scalar_field.h"

@@ -53,20 +53,26 @@ unsigned long long heldBytes() {
            arrays<float3>().heldSize() * sizeof(float3);
 }
 
-template <class T> Quern::Ptr<Array<T>> allocate(T value, unsigned long long count) {
+template <class T> Quern::Ptr<Array<T>> allocateForOverwrite(unsigned long long count) {
     if (count > static_cast<unsigned long long>(std::numeric_limits<long long>::max()))
         throw std::length_error(Internal::message("ArrayPool::allocate: ", count, " elements"));
     auto const size = static_cast<long long>(count);
-    if (!enabled()) return Quern::makePtr<Array<T>>(size, value);
+    if (!enabled()) return Quern::makePtr<Array<T>>(Array<T>::forOverwrite(size));
     auto taken = arrays<T>().take(count);
-    if (!taken) return Quern::makePtr<PooledArray<T>>(Array<T>(size, value));
-    Array<T>& array = taken->entry;
-    array.resize(size);
-    std::fill(array.begin(), array.end(), value);
-    return Quern::makePtr<PooledArray<T>>(std::move(array));
+    if (!taken) return Quern::makePtr<PooledArray<T>>(Array<T>::forOverwrite(size));
+    taken->entry.resize(size);
+    return Quern::makePtr<PooledArray<T>>(std::move(taken->entry));
+}
+
+template <class T> Quern::Ptr<Array<T>> allocate(T value, unsigned long long count) {
+    auto array = allocateForOverwrite<T>(count);
+    std::fill(array->begin(), array->end(), value);
+    return array;
 }
 
 template ZEL_PLATFORM_API Quern::Ptr<Array<float>> allocate(float, unsigned long long);
 template ZEL_PLATFORM_API Quern::Ptr<Array<float3>> allocate(float3, unsigned long long);
+template ZEL_PLATFORM_API Quern::Ptr<Array<float>> allocateForOverwrite(unsigned long long);
+template ZEL_PLATFORM_API Quern::Ptr<Array<float3>> allocateForOverwrite(unsigned long long);
 
 }  // namespace ORV::TileTree3D::ArrayPool

@@ -23,9 +23,16 @@ ZEL_PLATFORM_API unsigned long long heldBytes();
 /// an ordinary one. Throws std::length_error for a count that cannot be addressed.
 template <class T> Quern::Ptr<Quern::Array<T>> allocate(T value, unsigned long long count);
 
+/// The same, but the elements have no certain value.
+template <class T> Quern::Ptr<Quern::Array<T>> allocateForOverwrite(unsigned long long count);
+
 extern template ZEL_PLATFORM_API Quern::Ptr<Quern::Array<float>> allocate(float,
                                                                           unsigned long long);
 extern template ZEL_PLATFORM_API Quern::Ptr<Quern::Array<Orvane::Math::float3>>
 allocate(Orvane::Math::float3, unsigned long long);
+extern template ZEL_PLATFORM_API Quern::Ptr<Quern::Array<float>>
+allocateForOverwrite(unsigned long long);
+extern template ZEL_PLATFORM_API Quern::Ptr<Quern::Array<Orvane::Math::float3>>
+allocateForOverwrite(unsigned long long);
 
 }  // namespace ORV::TileTree3D::ArrayPool

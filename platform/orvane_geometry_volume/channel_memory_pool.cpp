@@ -13,8 +13,10 @@ namespace ORV::TileTree3D {
 namespace {
 
 struct Deallocate {
+    std::size_t bytes = 0;
+
     void operator()(void* storage) const noexcept {
-        Quern::Internal::typeRep<std::byte>.deallocate(storage);
+        Quern::Internal::typeRep<std::byte>.deallocate(storage, static_cast<long long>(bytes));
     }
 };
 using Block = std::unique_ptr<void, Deallocate>;
@@ -59,7 +61,7 @@ ChannelMemory::ChannelMemory(std::size_t bytes, bool pooled) : m_capacity(bytes)
 }
 
 ChannelMemory::~ChannelMemory() {
-    Block block(m_data);
+    Block block(m_data, {m_capacity});
     if (m_pooled && m_data) blocks().give(m_capacity, std::move(block));
 }
 

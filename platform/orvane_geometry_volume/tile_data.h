@@ -23,8 +23,8 @@ template <class T> struct TileDataAllocator {
     T* allocate(std::size_t count) {
         return static_cast<T*>(Quern::Internal::typeRep<T>.allocate(static_cast<long long>(count)));
     }
-    void deallocate(T* storage, std::size_t) noexcept {
-        Quern::Internal::typeRep<T>.deallocate(storage);
+    void deallocate(T* storage, std::size_t count) noexcept {
+        Quern::Internal::typeRep<T>.deallocate(storage, static_cast<long long>(count));
     }
     template <class U> bool operator==(TileDataAllocator<U> const&) const noexcept { return true; }
 };

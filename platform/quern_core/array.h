@@ -38,7 +38,7 @@ public:
 
     ~Array() {
         std::destroy_n(elements, length);
-        rep->deallocate(elements);
+        rep->deallocate(elements, room);
     }
 
     Array& operator=(Array const& other) {

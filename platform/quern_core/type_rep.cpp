@@ -1,7 +1,6 @@
 #include "zel_platform/quern_core/type_rep.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <limits>
 #include <new>
 #include <stdexcept>
@@ -14,20 +13,26 @@
 namespace Quern::Internal {
 
 namespace {
+
 // Storage begins with a cache line, so that arrays written by different threads share none.
 constexpr std::size_t kCacheLine = 64;
 
-/// Asks the system for large pages behind large storage: random reads then miss the cache, but
-/// rarely the page tables. Has no effect on systems without large pages.
-void askForLargePages([[maybe_unused]] void* storage, [[maybe_unused]] std::size_t size) {
-#ifdef MADV_HUGEPAGE
-    constexpr std::size_t kLarge = std::size_t{4} << 20, kPage = 4096;
-    if (size < kLarge) return;
-    std::size_t const skipped = (kPage - reinterpret_cast<std::uintptr_t>(storage) % kPage) % kPage;
-    // madvise is a hint; failure is harmless.
-    madvise(static_cast<std::byte*>(storage) + skipped, (size - skipped) / kPage * kPage,
-            MADV_HUGEPAGE);
-#endif
+/// The system clears memory when it is first written: a large page in a fraction of the time that
+/// its 512 small ones take. Random reads then miss the cache, but rarely the page tables.
+constexpr std::size_t kLargePage = std::size_t{2} << 20;
+
+/// How storage is allocated.
+struct Placement {
+    std::size_t bytes;
+    std::size_t alignment;
+    std::size_t inLargePages;  ///< bytes from the beginning
+};
+
+Placement placementOf(std::size_t bytes, std::size_t alignment) {
+    // The end of the storage is in a large page if it fills at least a half of that.
+    std::size_t const inLargePages = (bytes + kLargePage / 2) / kLargePage * kLargePage;
+    alignment = std::max(alignment, inLargePages > 0 ? kLargePage : kCacheLine);
+    return {std::max(bytes, inLargePages), alignment, inLargePages};
 }
 
 }  // namespace
@@ -39,14 +44,19 @@ void* UntypedTypeRep::allocate(long long count) const {
         throw std::length_error("Quern::Array: no storage for " + std::to_string(count) +
                                 " elements of " + std::to_string(size) + " bytes");
     if (count == 0) return nullptr;
-    std::size_t const bytes = static_cast<std::size_t>(count) * size;
-    void* const storage = ::operator new(bytes, std::align_val_t(std::max(alignment, kCacheLine)));
-    askForLargePages(storage, bytes);
+    Placement const placement = placementOf(static_cast<std::size_t>(count) * size, alignment);
+    void* const storage = ::operator new(placement.bytes, std::align_val_t(placement.alignment));
+#ifdef MADV_HUGEPAGE
+    // A hint, whose failure is harmless.
+    if (placement.inLargePages > 0) madvise(storage, placement.inLargePages, MADV_HUGEPAGE);
+#endif
     return storage;
 }
 
-void UntypedTypeRep::deallocate(void* storage) const noexcept {
-    ::operator delete(storage, std::align_val_t(std::max(alignment, kCacheLine)));
+void UntypedTypeRep::deallocate(void* storage, long long count) const noexcept {
+    if (!storage) return;
+    Placement const placement = placementOf(static_cast<std::size_t>(count) * size, alignment);
+    ::operator delete(storage, std::align_val_t(placement.alignment));
 }
 
 }  // namespace Quern::Internal

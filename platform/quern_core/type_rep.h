@@ -13,12 +13,13 @@ public:
         : size(elementSize), alignment(elementAlignment) {}
 
     /// Allocates raw storage for `count` elements, aligned to a cache line or, if that is larger,
-    /// to the type's own alignment; null for 0 elements. Throws std::length_error if `count` is
-    /// negative or the bytes cannot be addressed, and std::bad_alloc.
+    /// to the type's own alignment; null for 0 elements. From a megabyte on it consists of large
+    /// pages where the system has them. Throws std::length_error if `count` is negative or the
+    /// bytes cannot be addressed, and std::bad_alloc.
     void* allocate(long long count) const;
 
-    /// Frees storage from `allocate`; null is allowed.
-    void deallocate(void* storage) const noexcept;
+    /// Frees storage from `allocate` for as many elements; null is allowed.
+    void deallocate(void* storage, long long count) const noexcept;
 
     std::size_t elementSize() const noexcept { return size; }
 

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <tbb/global_control.h>
 
+#include <vector>
+
 #include "benchmarks/allocation_count.h"
 #include "support/random_nodes.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
@@ -42,6 +44,19 @@ TEST(Allocation, ABatchAllocatesItsResultAndAPointNothing) {
             EXPECT_EQ(blocks([&] { Core::Fields::grad(*node, positions); }), 2U);
             EXPECT_EQ(blocks([&] { node->eval(positions[0], 0), node->grad(positions[1], 1); }),
                       0U);
+            using Value = decltype(node->eval(positions[0], 0));
+            using Gradient = decltype(node->grad(positions[0], 0));
+            std::vector<Value> values(5000);
+            std::vector<Gradient> gradients(5000);
+            EvaluateOptions serial;
+            serial.parallel = false;
+            for (std::size_t const count : {5U, 100U, 5000U})
+                EXPECT_EQ(blocks([&] {
+                              evaluate(*node, PointView::of({positions.data(), count}),
+                                       std::span(values).first(count),
+                                       std::span(gradients).first(count), serial);
+                          }),
+                          0U);
         }
     });
 }

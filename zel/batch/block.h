@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <type_traits>
 #include <utility>
 
@@ -117,6 +118,8 @@ public:
 
     /// A column of one value.
     Columns<float> constant(float value);
+    /// Changes when columns of constants that were persistent end, after a batch.
+    std::uint64_t constantsVersion() const { return m_workspace.constantsVersion(); }
 
     /// Sets `out` to the values, or the gradients, of a node of the library by the fusion whose
     /// root it is. Returns false if there is no such fusion, and leaves `out` as it is.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <type_traits>
 
 #include "zel/batch/evaluate_range.h"
@@ -19,7 +20,7 @@ void evaluateRun(Interface const& field, float const* x, float const* y, float c
                  long long firstIndex, typename Interface::Value* values, std::uint64_t batch) {
     Workspace& workspace = Workspace::local();
     Workspace::Run const run(workspace);
-    FusionScope const fusions(workspace, field, batch, static_cast<std::size_t>(count));
+    FusionScope const fusions(workspace, field, {nullptr, batch}, static_cast<std::size_t>(count));
     for (int at = 0; at < count; at += kBlockSize) {
         PositionSet set;
         set.first = firstIndex + at;
@@ -39,10 +40,14 @@ void evaluateRun(Interface const& field, float const* x, float const* y, float c
 /// Writes the values at `count` positions and, if `gradients` is not null, the gradients. Position
 /// `i` has the element index `i`.
 template <class Interface>
-void evaluateRun(Interface const& field, Orvane::Math::float3 const* positions, std::size_t count,
+void evaluateRun(Interface const& field, std::span<Orvane::Math::float3 const> positions,
                  typename Interface::Value* values, typename Interface::Gradient* gradients,
                  std::uint64_t batch) {
-    evaluateRange(field, positions, values, gradients, 0, count, batch);
+    Batch<Interface> run;
+    run.points = PointView::of(positions);
+    run.values = values;
+    run.gradients = gradients;
+    evaluateRange(field, run, {nullptr, batch}, 0, positions.size());
 }
 
 }  // namespace zel::detail

@@ -51,7 +51,9 @@ struct PositionSet {
     KeptResult& add(void const* node, bool gradient, float* storage, Workspace& workspace);
 
     long long element(int position) const {
-        return first + (offsets ? offsets[position] : position);
+        // By unsigned arithmetic, in which the least index follows the greatest.
+        auto const offset = static_cast<unsigned>(offsets ? offsets[position] : position);
+        return static_cast<long long>(static_cast<unsigned long long>(first) + offset);
     }
 
     long long first = 0;           ///< the element index of position 0, if `offsets` is null

@@ -1,21 +1,23 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
 #include "zel/batch/float8.h"
-#include "zel_platform/orvane_math/vectors.h"
+#include "zel/field/evaluate.h"
+#include "zel_platform/quern_core/always_inline.h"
 #include "zel_platform/quern_core/position_loop.h"
 
 namespace zel::detail {
 
-/// Writes the coordinates of `count` positions to three columns.
-inline void splitPositions(int count, Orvane::Math::float3 const* p, float* x, float* y, float* z) {
+/// Writes the coordinates of `count` positions to three columns. `p` has three floats a position.
+inline void splitPositions(int count, float const* p, float* x, float* y, float* z) {
     ZEL_INDEPENDENT
     for (int i = 0; i < count; ++i) {
-        x[i] = p[i].x;
-        y[i] = p[i].y;
-        z[i] = p[i].z;
+        x[i] = p[3 * i];
+        y[i] = p[3 * i + 1];
+        z[i] = p[3 * i + 2];
     }
 }
 
@@ -23,18 +25,17 @@ inline void splitPositions(int count, Orvane::Math::float3 const* p, float* x, f
 /// eight positions in turn. Two blends gather the eight values of a coordinate in one register, and
 /// a permutation sorts them. A compiler makes fifteen shuffles of the plain loop, most of them
 /// across the halves of a register.
-ZEL_WIDE_TARGET inline void splitPositionsWide(int count, Orvane::Math::float3 const* p, float* x,
-                                               float* y, float* z) {
-    static_assert(sizeof(*p) == 3 * sizeof(float));
+ZEL_WIDE_TARGET inline void splitPositionsWide(int count, float const* p, float* x, float* y,
+                                               float* z) {
     int i = 0;
     for (; i + 8 <= count; i += 8) {
         // By memcpy, since the arrays need not be aligned; one by one, so that the values stay in
         // registers.
         Float8 a, b, c;
-        auto const* const from = reinterpret_cast<std::byte const*>(p + i);
+        float const* const from = p + 3 * i;
         std::memcpy(&a, from, sizeof a);
-        std::memcpy(&b, from + sizeof a, sizeof a);
-        std::memcpy(&c, from + 2 * sizeof a, sizeof a);
+        std::memcpy(&b, from + 8, sizeof b);
+        std::memcpy(&c, from + 16, sizeof c);
         // a: x0 y0 z0 x1 y1 z1 x2 y2; b: z2 x3 y3 z3 x4 y4 z4 x5; c: y5 z5 x6 y6 z6 x7 y7 z7
         Float8 const xOfAb = __builtin_shufflevector(a, b, 0, 9, 2, 3, 12, 5, 6, 15),
                      yOfBc = __builtin_shufflevector(b, c, 8, 1, 2, 11, 4, 5, 14, 7),
@@ -49,7 +50,58 @@ ZEL_WIDE_TARGET inline void splitPositionsWide(int count, Orvane::Math::float3 c
         std::memcpy(y + i, &allY, sizeof allY);
         std::memcpy(z + i, &allZ, sizeof allZ);
     }
-    splitPositions(count - i, p + i, x + i, y + i, z + i);
+    splitPositions(count - i, p + 3 * i, x + i, y + i, z + i);
 }
+
+/// Positions in memory, to be copied to columns.
+class PositionReader {
+public:
+    explicit PositionReader(PointView const& points)
+        : m_points(points), m_isInterleaved(points.stride == 3 && points.y == points.x + 1 &&
+                                            points.z == points.x + 2) {}
+
+    Orvane::Math::float3 operator[](std::size_t i) const {
+        std::ptrdiff_t const at = m_points.stride * static_cast<std::ptrdiff_t>(i);
+        return {m_points.x[at], m_points.y[at], m_points.z[at]};
+    }
+
+    /// Writes the coordinates of `count` positions from number `first` on to three columns, and
+    /// loads those of the `next` positions behind them into the cache.
+    ZEL_ALWAYS_INLINE void read(std::size_t first, std::size_t count, std::size_t next, float* x,
+                                float* y, float* z) const {
+        std::ptrdiff_t const stride = m_points.stride,
+                             at = stride * static_cast<std::ptrdiff_t>(first);
+        if (m_isInterleaved) {
+            float const* const from = m_points.x + at;
+            (Quern::wideVectors ? splitPositionsWide : splitPositions)(static_cast<int>(count),
+                                                                       from, x, y, z);
+            prefetch(from + 3 * count, 3 * next);
+        } else {
+            readColumn(m_points.x + at, stride, count, next, x);
+            readColumn(m_points.y + at, stride, count, next, y);
+            readColumn(m_points.z + at, stride, count, next, z);
+        }
+    }
+
+private:
+    /// Inlined at once: g++ 12 drops a call of a function that only prefetches.
+    ZEL_ALWAYS_INLINE static void prefetch(float const* floats, std::size_t count) {
+        constexpr std::size_t kLine = 64 / sizeof(float);
+        for (std::size_t at = 0; at < count; at += kLine) __builtin_prefetch(floats + at, 0, 2);
+    }
+    ZEL_ALWAYS_INLINE static void readColumn(float const* from, std::ptrdiff_t stride,
+                                             std::size_t count, std::size_t next, float* to) {
+        if (stride == 1) {
+            std::copy_n(from, count, to);
+            prefetch(from + count, next);
+        } else {
+            for (std::size_t i = 0; i < count; ++i)
+                to[i] = from[stride * static_cast<std::ptrdiff_t>(i)];
+        }
+    }
+
+    PointView m_points;
+    bool m_isInterleaved;
+};
 
 }  // namespace zel::detail

@@ -16,6 +16,7 @@ Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
         workspace.m_slots = {};
         workspace.m_constants.release(nullptr);
         workspace.m_constantCount = 0;
+        ++workspace.m_constantsVersion;
         workspace.planOfBatch = nullptr;  // which holds pointers to constants
     }
 }

@@ -42,9 +42,12 @@ public:
     /// Whether the range that is evaluated now is inside another.
     bool isNested() const { return m_depth > 1; }
 
+    /// Changes when columns of constants end.
+    std::uint64_t constantsVersion() const { return m_constantsVersion; }
+
     Arena stack;  ///< columns that are valid until a Block::Frame ends
     Arena kept;   ///< results that are kept with their PositionSet
-    Arena plans;  ///< plans of fusions, with their fusions
+    Arena plans;  ///< plans of fusions, with their fusions, of graphs that are not pure
 
     PositionSet const* innermost = nullptr;  ///< the set whose results are at the top of `kept`
     std::size_t bucketCount = 8;             ///< of the next PositionSet
@@ -67,6 +70,7 @@ private:
     Arena m_constants;
     unsigned m_constantCount = 0;
     int m_depth = 0;
+    std::uint64_t m_constantsVersion = 0;
 };
 
 }  // namespace detail

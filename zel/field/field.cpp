@@ -1,5 +1,6 @@
 #include "zel/field/field.h"
 
+#include "zel/field/graph_version.h"
 #include "zel/field/version_report.h"
 
 namespace zel {
@@ -27,10 +28,19 @@ FieldVisitor& FieldVisitor::operator=(FieldVisitor const&) = default;
 void FieldVisitor::operator()(Field const& /*node*/) {}
 void FieldVisitor::operator()(Field& /*node*/) {}
 
-Field::Field() = default;
-Field::Field(Field const&) = default;
+Field::Field() {
+    detail::GraphVersions::noteConstruction(this);
+}
+Field::Field(Field const& /*other*/) {
+    detail::GraphVersions::noteConstruction(this);
+}
 Field::~Field() = default;
-Field& Field::operator=(Field const&) = default;
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): there is nothing to assign
+Field& Field::operator=(Field const& /*other*/) {
+    // The classes derived from this one assign their members after it.
+    detail::GraphVersions::noteChange();
+    return *this;
+}
 
 void Field::accept(FieldConstVisitor& /*visitor*/) const {}
 void Field::accept(FieldVisitor& /*visitor*/) {}

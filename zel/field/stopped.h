@@ -6,10 +6,14 @@
 
 namespace zel {
 
-/// Thrown by a call that ended early because its caller's std::stop_token asked it to.
+/// Thrown by a call that has ended early because a stop was requested by its caller's
+/// std::stop_token.
 class ZEL_API Stopped : public std::runtime_error {
 public:
-    Stopped() : std::runtime_error("zel::Stopped: the caller asked the evaluation to stop") {}
+    Stopped();
+    Stopped(Stopped const&);
+    ~Stopped() override;
+    Stopped& operator=(Stopped const&) = delete;
 };
 
 }  // namespace zel

@@ -155,6 +155,10 @@ void describeFormula(Fuser& fuser, Node const& node,
 /// Describes a node to a Fuser, by the base that the node has.
 template <class Node, class Interface> struct FusedForm {
     static void describe(Node const& node, Fuser& fuser) {
+        using Hook = void (Node::*)() const;
+        if constexpr (std::same_as<decltype(&Node::preSampleField), Hook> ||
+                      std::same_as<decltype(&Node::postSampleField), Hook>)
+            fuser.haveHooks();
         if constexpr (std::derived_from<Node, LeafNode<Node, Interface>>)
             describeLeaf(node, fuser);
         else if constexpr (std::derived_from<Node, HookedNode<Node, Interface>>)

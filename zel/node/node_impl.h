@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "zel/field/graph_version.h"
 #include "zel/node/node_access.h"
 #include "zel/node/node_block_impl.h"  // IWYU pragma: export
 #include "zel/node/node_point_impl.h"  // IWYU pragma: export
@@ -38,6 +39,7 @@ public:
     Field& operator*() const { return *held; }
 
 private:
+    GraphChange const change;
     Quern::Ptr<Interface>& member;
     Quern::Ptr<Interface> held;
 };
@@ -104,6 +106,7 @@ void NamedNode<Self, Interface>::listChildren(FieldConstVisitor& visitor) const 
 
 template <class Self, class Interface>
 void NamedNode<Self, Interface>::replaceChildren(ChildReplacer& replacer) {
+    detail::GraphChange const change;
     if constexpr (NodeAccess::hasChildren<Self>)
         std::apply([&](auto&... child) { (detail::replace(replacer, child), ...); },
                    NodeAccess::children(this->self()));
@@ -121,6 +124,7 @@ template <class Self, class Interface> bool NamedNode<Self, Interface>::hasExact
 
 template <class Self, class Interface>
 void NamedNode<Self, Interface>::useExactGradient(ChildReplacer& replacer) {
+    detail::GraphChange const change;
     if constexpr (!NodeAccess::takesGradients<Self>) this->replaceChildren(replacer);
     if constexpr (NodeAccess::hasExactSwitch<Self>)
         if (detail::isExactly(this->self())) NodeAccess::setExact(this->self());

@@ -189,10 +189,10 @@ private:
             place<kEdge>(parent, width, 0, &corners[i * kCorners]);
             place<B>(parent, width, 0.5, &centres[i * kChildren]);
         }
-        detail::evaluateRun(m_field, corners.data(), parents * kCorners, atCorners.data(), nullptr,
-                            m_work.batch());
-        detail::evaluateRun(m_field, centres.data(), parents * kChildren, atCentres.data(),
-                            gradients.data(), m_work.batch());
+        detail::evaluateRun(m_field, std::span(corners).first(parents * kCorners), atCorners.data(),
+                            nullptr, m_work.batch());
+        detail::evaluateRun(m_field, std::span(centres).first(parents * kChildren),
+                            atCentres.data(), gradients.data(), m_work.batch());
         for (std::size_t i = 0; i < parents; ++i) {
             long long const tile = first + static_cast<long long>(i);
             Children children = childrenInBox(m_tree.tile(tile, depth));

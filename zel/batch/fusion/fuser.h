@@ -32,6 +32,10 @@ public:
     /// A node that may have children it does not name, such as one of a user's class.
     virtual void hideChildren() = 0;
 
+    /// A node of the library whose hooks do more than to pass on calls says so beside its
+    /// description.
+    virtual void haveHooks() {}
+
     /// A formula of three scalar children at most. `self` is what its stages cast to the node
     /// class.
     virtual void addFormula(ScalarField const& node, void const* self,

@@ -30,8 +30,9 @@ float const*& Fusion::input(StageInput const& to) {
 
 void Fusion::bindViews(Block& block) {
     auto const& at = block.positions().component;
-    if (m_boundAt == at) return;
+    if (m_boundAt == at && m_boundConstants == block.constantsVersion()) return;
     m_boundAt = {};
+    m_boundConstants = block.constantsVersion();
     bool persistent = true;
     for (int const stage : m_parts.leafStages)
         std::ranges::copy(at, m_parts.stages[static_cast<unsigned>(stage)].in.begin());

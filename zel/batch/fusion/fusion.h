@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <utility>
 
@@ -43,7 +44,8 @@ private:
     Parts m_parts;
     bool m_isRunning = false;
     Columns<Orvane::Math::float3>::Components
-        m_boundAt{};  // the positions for which views are bound, if persistent
+        m_boundAt{};                     // the positions for which views are bound, if persistent
+    std::uint64_t m_boundConstants = 0;  // the version of the constants among the views
 };
 
 }  // namespace detail

@@ -1,9 +1,11 @@
 #include "zel/batch/fusion/fusion_scope.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "zel/batch/fusion/fusion.h"
 #include "zel/batch/fusion/fusion_plan.h"
+#include "zel/batch/known_graphs.h"
 #include "zel/batch/workspace.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
@@ -17,11 +19,13 @@ namespace {
 
 /// From this number of positions on the walk that makes a plan takes a small part of the time.
 constexpr std::size_t kLeastCount = std::size_t{8} * kBlockSize;
+/// A plan gains as much at a few positions as at this number.
+constexpr std::size_t kLeastGain = kBlockSize / 2;
 
 }  // namespace
 
 template <class Interface>
-FusionScope::FusionScope(Workspace& workspace, Interface const& root, std::uint64_t batch,
+FusionScope::FusionScope(Workspace& workspace, Interface const& root, GraphOfBatch const& graph,
                          std::size_t count)
     : m_workspace(workspace), m_outer(std::exchange(workspace.plan, nullptr)),
       m_mark(workspace.plans.mark()) {
@@ -30,7 +34,15 @@ FusionScope::FusionScope(Workspace& workspace, Interface const& root, std::uint6
         if (count >= kLeastCount) workspace.plan = makeFusionPlan(root, workspace.plans);
         return;
     }
-    if (std::exchange(workspace.batch, batch) != batch) {
+    if (graph.pure) {
+        KnownGraphs& graphs = KnownGraphs::local();
+        KnownGraph& known = graphs.adopt(*graph.pure);
+        known.evaluated += std::max(count, kLeastGain);
+        if (!known.plan && known.evaluated >= kLeastCount) graphs.makePlan(known, root);
+        workspace.plan = known.plan;
+        return;
+    }
+    if (std::exchange(workspace.batch, graph.batch) != graph.batch) {
         workspace.planOfBatch = nullptr;
         workspace.countOfBatch = 0;
     }
@@ -42,9 +54,9 @@ FusionScope::FusionScope(Workspace& workspace, Interface const& root, std::uint6
     workspace.plan = workspace.planOfBatch;
 }
 
-template FusionScope::FusionScope(Workspace&, Core::Fields::ScalarField const&, std::uint64_t,
+template FusionScope::FusionScope(Workspace&, Core::Fields::ScalarField const&, GraphOfBatch const&,
                                   std::size_t);
-template FusionScope::FusionScope(Workspace&, Core::Fields::VectorField const&, std::uint64_t,
+template FusionScope::FusionScope(Workspace&, Core::Fields::VectorField const&, GraphOfBatch const&,
                                   std::size_t);
 
 FusionScope::~FusionScope() {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <limits>
+
 #include "zel/batch/fusion/fuser.h"
 #include "zel/batch/fusion/fusion_plan.h"
 #include "zel/batch/fusion/pending_nodes.h"
@@ -19,15 +22,24 @@ class ParentCounter final : public Fuser {
 public:
     ParentCounter(FusionPlan& plan, Arena& memory) : m_plan(plan), m_pending(memory) {}
 
-    template <class Interface> void walk(Interface const& root);
+    /// Ends early where the graph has more than `mostNodes` nodes.
+    template <class Interface>
+    void walk(Interface const& root,
+              std::size_t mostNodes = std::numeric_limits<std::size_t>::max());
 
     /// Known once the walk is done.
     Sharing sharing() const { return m_hasHidden ? Sharing::kByOwners : Sharing::kByParents; }
+    /// Whether some node has hooks that do more than to pass on calls, as far as nodes are known.
+    bool hasHooks() const { return m_hasHooks; }
+    /// Whether some operator has several parents, each of which would ask it at a point.
+    bool sharesOperators() const { return m_sharesOperators; }
+    std::size_t nodeCount() const { return m_nodeCount; }
 
     void queue(ScalarField const& child) override { count(child); }
     void queue(VectorField const& child) override { count(child); }
     void offerGradients(std::initializer_list<ScalarChild const*> /*children*/) override {}
     void hideChildren() override { m_hasHidden = true; }
+    void haveHooks() override { m_hasHooks = true; }
     void addFormula(ScalarField const& node, void const* self, FormulaStages const& stages,
                     std::initializer_list<ScalarChild const*> children) override;
     void addLeaf(void const* /*self*/, LeafStages const& /*stages*/) override {}
@@ -39,7 +51,9 @@ private:
     FusionPlan& m_plan;
     PendingNodes m_pending;
     void const* m_visited = nullptr;
-    bool m_hasHidden = false;
+    std::size_t m_nodeCount = 0;
+    bool m_visitedIsOperator = false;
+    bool m_hasHidden = false, m_hasHooks = false, m_sharesOperators = false;
 };
 
 }  // namespace detail

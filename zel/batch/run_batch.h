@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zel/batch/float_environment.h"
+#include "zel/batch/known_graphs.h"
+#include "zel/field/evaluate.h"
+#include "zel_platform/quern_core/always_inline.h"
+
+namespace zel::detail {
+
+class Watch;
+
+/// The element index `position` positions after the first. The least index follows the greatest.
+inline long long elementAfter(long long first, std::size_t position) {
+    return static_cast<long long>(static_cast<unsigned long long>(first) + position);
+}
+
+/// The positions and the results of a batch.
+template <class Interface> struct Batch {
+    PointView points;
+    typename Interface::Value* values = nullptr;  ///< null if not wanted, as `gradients`
+    typename Interface::Gradient* gradients = nullptr;
+    long long firstIndex = 0;  ///< the element index of the first position
+    bool parallel = true;
+    Watch* watch = nullptr;  ///< null if nobody watches
+
+    /// The element index of a position, by its number.
+    long long elementOf(std::size_t position) const { return elementAfter(firstIndex, position); }
+};
+
+/// Writes the values at a few positions by point calls, if those take less time than a block and
+/// nobody can tell the difference. Else returns false. Costs a fifth of a point call of a small
+/// tree.
+template <class Interface>
+ZEL_ALWAYS_INLINE inline bool callPoints(Interface const& field, PointView const& points,
+                                         typename Interface::Value* values, long long firstIndex) {
+    KnownGraphs* const graphs = KnownGraphs::localIfAny();
+    KnownGraph const* const graph = graphs ? graphs->findKnown(field) : nullptr;
+    if (!graph || points.count > graph->mostPointCalls) return false;
+    FloatEnvironment const standard;
+    std::ptrdiff_t at = 0;
+    for (std::size_t i = 0; i < points.count; ++i, at += points.stride)
+        values[i] =
+            field.eval({points.x[at], points.y[at], points.z[at]}, elementAfter(firstIndex, i));
+    return true;
+}
+
+/// A number that no other batch of the process has, of either interface.
+std::uint64_t newBatch();
+
+/// Evaluates a field at all positions of a batch, between its hooks. What all batches have in
+/// common, of either interface.
+template <class Interface> void runBatch(Interface const& field, Batch<Interface> const& batch);
+
+}  // namespace zel::detail
