@@ -44,7 +44,11 @@ template <class Interface>
     batch.firstIndex = options.firstIndex;
     batch.parallel = options.parallel;
     std::optional<detail::Watch> watch;
-    if (isWatched(options)) batch.watch = &watch.emplace(options, points.count);
+    if (isWatched(options))
+        batch.watch = &watch.emplace(options, points.count);
+    else if (batch.gradients &&
+             detail::callPoints(field, points, batch.values, batch.gradients, options.firstIndex))
+        return;
     detail::runBatch(field, batch);
 }
 
@@ -62,7 +66,7 @@ ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView cons
                                           std::span<typename Interface::Value> values,
                                           long long firstIndex = 0) {
     return values.size() == points.count && points.x && points.y && points.z &&
-           detail::callPoints(field, points, values.data(), firstIndex);
+           detail::callPoints(field, points, values.data(), nullptr, firstIndex);
 }
 
 }  // namespace
