@@ -59,7 +59,7 @@ template <class Interface>
     evaluateAt(field, points, values, {}, {});
 }
 
-/// Writes the values at a few positions, or returns false: see detail::callPoints(). The functions
+/// Writes the results at a few positions, or returns false: see detail::callPoints(). The functions
 /// below call it first and little else, since that takes a part of the time of a point call.
 template <class Interface>
 ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView const& points,
@@ -67,6 +67,16 @@ ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView cons
                                           long long firstIndex = 0) {
     return values.size() == points.count && points.x && points.y && points.z &&
            detail::callPoints(field, points, values.data(), nullptr, firstIndex);
+}
+template <class Interface>
+ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView const& points,
+                                          std::span<typename Interface::Value> values,
+                                          std::span<typename Interface::Gradient> gradients,
+                                          EvaluateOptions const& options) {
+    return !isWatched(options) && gradients.size() == points.count &&
+           (values.empty() || values.size() == points.count) && points.x && points.y && points.z &&
+           detail::callPoints(field, points, values.empty() ? nullptr : values.data(),
+                              gradients.data(), options.firstIndex);
 }
 
 }  // namespace
