@@ -43,12 +43,19 @@ callPoints(Interface const& field, PointView const& points, typename Interface::
     std::size_t const most = gradients ? graph->mostPointGradients : graph->mostPointValues;
     if (points.count - 1 >= most) return false;
     FloatEnvironment const standard;
-    std::ptrdiff_t at = 0;
-    for (std::size_t i = 0; i < points.count; ++i, at += points.stride) {
-        Orvane::Math::float3 const p{points.x[at], points.y[at], points.z[at]};
+    auto const callAt = [&](std::size_t i, Orvane::Math::float3 const& p) ZEL_ALWAYS_INLINE {
         long long const index = elementAfter(firstIndex, i);
         if (!gradients || values) values[i] = field.eval(p, index);
         if (gradients) gradients[i] = field.grad(p, index);
+    };
+    std::ptrdiff_t at = 0;
+    if (points.y == points.x + 1 && points.z == points.x + 2) {
+        // A node that reads a copy waits for the copy, which is a tenth of the time.
+        for (std::size_t i = 0; i < points.count; ++i, at += points.stride)
+            callAt(i, reinterpret_cast<Orvane::Math::float3 const&>(points.x[at]));
+    } else {
+        for (std::size_t i = 0; i < points.count; ++i, at += points.stride)
+            callAt(i, {points.x[at], points.y[at], points.z[at]});
     }
     return true;
 }
