@@ -270,6 +270,11 @@ TEST(Evaluate, PassesOnWhatANodeThrows) {
         evaluate(field, PointView::of(points), values, options);
     }
     EXPECT_EQ(log, "pre pre post pre pre post ");
+    // Without positions there are hooks, too.
+    evaluate(field, PointView::of(std::span(points).first(0)), {});
+    evaluate(field, PointView{values.data(), values.data(), values.data(), 1, 0}, {});
+    field.eval(Quern::Array<float3>());
+    EXPECT_EQ(log, "pre pre post pre pre post pre post pre post pre post ");
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ ValuesAndGradients<Interface> evaluate(Interface const& field,
         zel::PointView::of({positions.data(), static_cast<std::size_t>(positions.size())});
     if (values) batch.values = out.values->data();
     if (gradients) batch.gradients = out.gradients->data();
-    if (gradients || !zel::detail::callPoints(field, batch.points, batch.values, 0))
+    if (!zel::detail::callPoints(field, batch.points, batch.values, batch.gradients, 0))
         zel::detail::runBatch(field, batch);
     return out;
 }

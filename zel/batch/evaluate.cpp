@@ -44,7 +44,11 @@ template <class Interface>
     batch.firstIndex = options.firstIndex;
     batch.parallel = options.parallel;
     std::optional<detail::Watch> watch;
-    if (isWatched(options)) batch.watch = &watch.emplace(options, points.count);
+    if (isWatched(options))
+        batch.watch = &watch.emplace(options, points.count);
+    else if (batch.gradients &&
+             detail::callPoints(field, points, batch.values, batch.gradients, options.firstIndex))
+        return;
     detail::runBatch(field, batch);
 }
 
@@ -55,14 +59,24 @@ template <class Interface>
     evaluateAt(field, points, values, {}, {});
 }
 
-/// Writes the values at a few positions, or returns false: see detail::callPoints(). The functions
+/// Writes the results at a few positions, or returns false: see detail::callPoints(). The functions
 /// below call it first and little else, since that takes a part of the time of a point call.
 template <class Interface>
 ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView const& points,
                                           std::span<typename Interface::Value> values,
                                           long long firstIndex = 0) {
     return values.size() == points.count && points.x && points.y && points.z &&
-           detail::callPoints(field, points, values.data(), firstIndex);
+           detail::callPoints(field, points, values.data(), nullptr, firstIndex);
+}
+template <class Interface>
+ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView const& points,
+                                          std::span<typename Interface::Value> values,
+                                          std::span<typename Interface::Gradient> gradients,
+                                          EvaluateOptions const& options) {
+    return !isWatched(options) && gradients.size() == points.count &&
+           (values.empty() || values.size() == points.count) && points.x && points.y && points.z &&
+           detail::callPoints(field, points, values.empty() ? nullptr : values.data(),
+                              gradients.data(), options.firstIndex);
 }
 
 }  // namespace

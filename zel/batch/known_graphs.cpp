@@ -27,9 +27,15 @@ template <class Interface> KnownGraph KnownGraphs::examined(Interface const& roo
     graph.nodeCount = counter.nodeCount();
     graph.isPure = graph.nodeCount <= kMostNodes && !counter.hasHooks() &&
                    counter.sharing() == Sharing::kByParents;
-    // With several parents an operator would be asked several times.
-    if (graph.isPure && !counter.sharesOperators())
-        graph.mostPointCalls = static_cast<std::uint32_t>(mostPointCalls(graph.nodeCount));
+    // With several parents an operator would be asked several times. So are the descendants of many
+    // operators for their values, where gradients are asked for.
+    if (graph.isPure && !counter.sharesOperators()) {
+        constexpr std::size_t kMostNodesForGradients = 64;
+        std::size_t const most = mostPointCalls(graph.nodeCount);
+        graph.mostPointValues = static_cast<std::uint32_t>(most);
+        if (graph.nodeCount <= kMostNodesForGradients)
+            graph.mostPointGradients = static_cast<std::uint32_t>(most / 2);
+    }
     return graph;
 }
 

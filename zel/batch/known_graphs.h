@@ -21,7 +21,8 @@ struct KnownGraph {
     /// Whether all nodes are of the library and no hook has an effect. Nobody can tell then whether
     /// hooks are called, nor how often and in which order nodes are asked.
     bool isPure = false;
-    std::uint32_t mostPointCalls = 0;  ///< values at so many positions are computed by point calls
+    /// At so many positions values alone, or also gradients, are computed by point calls.
+    std::uint32_t mostPointValues = 0, mostPointGradients = 0;
     /// Of one position in a batch, without and with gradients, in nanoseconds; 0 if unknown.
     std::array<float, 2> positionTimes{};
     std::size_t evaluated = 0;         ///< positions by this thread, which count towards a plan
