@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 #include "zel/scalar/arithmetic.h"
@@ -43,43 +43,34 @@ private:
     /// Writes a node with its descendants, as far as they are not in the table.
     void write(std::uint32_t first, std::uint32_t indent) {
         begin(first);
-        m_open.assign({{first, 0}});
         while (!m_open.empty()) {
-            Graph::Node const& node = m_graph.nodes()[m_open.back().node];
-            auto const level = indent + static_cast<std::uint32_t>(m_open.size());
-            if (m_open.back().nextSlot == node.slotCount) {
+            auto const [number, at] = m_open.back();
+            Graph::Node const& node = m_graph.nodes()[number];
+            if (at == node.slotCount) {
                 m_text += '}';
                 m_open.pop_back();
                 continue;
             }
-            std::uint32_t const at = m_open.back().nextSlot++;
+            ++m_open.back().nextSlot;
             Graph::Slot const& slot = m_graph.slots(node)[at];
-            ParameterInfo const& parameter = node.nodeClass->parameters[at];
-            if (parameter.name == "exactGradient" && !std::get<bool>(slot.value)) continue;
+            if (!Graph::isChild(slot)) continue;
+            if (slot.child == Graph::kNoNode) refuse(node, at, "null");
+            bool const isShort = isWrittenShort(slot);
             m_text += ',';
-            if (Graph::isChild(slot))
-                m_text.append(1, '\n').append(2 * std::size_t{level}, ' ');
-            else
+            if (isShort)
                 m_text += ' ';
-            detail::appendQuoted(m_text, parameter.name);
+            else
+                m_text.append(1, '\n').append(2 * (indent + m_open.size()), ' ');
+            detail::appendQuoted(m_text, node.nodeClass->parameters[at].name);
             m_text += ": ";
-            try {
-                if (!Graph::isChild(slot)) {
-                    detail::appendJson(m_text, slot.value);
-                } else if (slot.child == Graph::kNoNode) {
-                    throw std::invalid_argument("null");
-                } else if (!writeShort(slot)) {
-                    begin(slot.child);
-                    m_open.push_back({slot.child, 0});
-                }
-            } catch (std::invalid_argument const& error) {
-                throw SceneError(m_graph.path(node) + '/' + parameter.name,
-                                 std::string("wanted ") + detail::wantedText(parameter.kind) +
-                                     ", found " + error.what());
-            }
+            if (isShort)
+                writeShort(slot);
+            else
+                begin(slot.child);
         }
     }
 
+    /// Writes the class and the parameters that are not children, and opens the node for these.
     void begin(std::uint32_t number) {
         Graph::Node const& node = m_graph.nodes()[number];
         if (!node.nodeClass)
@@ -87,30 +78,55 @@ private:
                              "the class " + detail::shownName(*node.field) + " is not registered");
         m_text += "{\"type\": ";
         detail::appendQuoted(m_text, node.nodeClass->name);
-    }
-
-    /// Writes the name of a node in the table, or the value of a constant. Returns false for a node
-    /// that must be written in full.
-    bool writeShort(Graph::Slot const& slot) {
-        Graph::Node const& node = m_graph.nodes()[slot.child];
-        bool const isConstant = typeid(*node.field) == typeid(ScalarFieldConstant) ||
-                                typeid(*node.field) == typeid(VectorFieldConstant);
-        if (isConstant && node.parentCount == 1) {
-            std::string value;
-            detail::appendJson(value, m_graph.slots(node)[0].value);
-            if (value.find('"') == std::string::npos) {  // finite
-                m_text += value;
-                return true;
+        for (std::uint32_t at = 0; at < node.slotCount; ++at) {
+            Graph::Slot const& slot = m_graph.slots(node)[at];
+            std::string const& name = node.nodeClass->parameters[at].name;
+            if (Graph::isChild(slot)) continue;
+            if (name == "exactGradient" && !std::get<bool>(slot.value)) continue;
+            m_text += ", ";
+            detail::appendQuoted(m_text, name);
+            m_text += ": ";
+            try {
+                detail::appendJson(m_text, slot.value);
+            } catch (std::invalid_argument const& error) {
+                refuse(node, at, error.what());
             }
         }
-        if (node.parentCount == 1 && m_open.size() < kMostLevels) return false;
+        m_open.push_back({number, 0});
+    }
+
+    [[noreturn]] void refuse(Graph::Node const& node, std::uint32_t at, char const* found) const {
+        ParameterInfo const& parameter = node.nodeClass->parameters[at];
+        throw SceneError(m_graph.path(node) + '/' + parameter.name,
+                         std::string("wanted ") + detail::wantedText(parameter.kind) + ", found " +
+                             found);
+    }
+
+    /// A constant that is finite, and belongs to one parent, is its value.
+    bool isWrittenAsValue(Graph::Node const& node) const {
+        if (node.parentCount > 1) return false;
+        if (typeid(*node.field) == typeid(ScalarFieldConstant))
+            return std::isfinite(std::get<float>(m_graph.slots(node)[0].value));
+        if (typeid(*node.field) != typeid(VectorFieldConstant)) return false;
+        auto const& v = std::get<float3>(m_graph.slots(node)[0].value);
+        return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
+    }
+
+    bool isWrittenShort(Graph::Slot const& slot) const {
+        Graph::Node const& node = m_graph.nodes()[slot.child];
+        return isWrittenAsValue(node) || node.parentCount > 1 || m_open.size() >= kMostLevels;
+    }
+
+    /// Writes the value of a constant, or the name of a node in the table.
+    void writeShort(Graph::Slot const& slot) {
+        Graph::Node const& node = m_graph.nodes()[slot.child];
+        if (isWrittenAsValue(node)) return detail::appendJson(m_text, m_graph.slots(node)[0].value);
         std::uint32_t& name = m_names[slot.child];
         if (name == 0) {
             m_table.push_back(slot.child);
             name = static_cast<std::uint32_t>(m_table.size());
         }
         m_text += "\"n" + std::to_string(name) + '"';
-        return true;
     }
 
     Graph m_graph;

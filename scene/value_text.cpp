@@ -21,6 +21,7 @@ template <class Enum> struct Name {
     std::string_view text;
     Enum value;
 };
+template <class Enum> Name(char const*, Enum) -> Name<Enum>;
 constexpr std::array kSamplers{Name{"linear", SamplerType::kLinear},
                                Name{"cubicC0", SamplerType::kCubicC0},
                                Name{"cubicC1", SamplerType::kCubicC1}};
