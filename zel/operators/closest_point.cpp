@@ -32,8 +32,10 @@ VectorFieldIteratedNearPointTransform::VectorFieldIteratedNearPointTransform(
       tolerance(tolerance), iterations(iterations) {}
 
 ScalarPtr VectorFieldIteratedNearPointTransform::projectedField() const {
-    if (!transform || typeid(*transform) != typeid(VectorFieldClosestPointTransform)) return {};
-    return static_cast<VectorFieldClosestPointTransform const&>(*transform).field;
+    if (!transform) return {};
+    VectorField const& step = *transform;
+    if (typeid(step) != typeid(VectorFieldClosestPointTransform)) return {};
+    return static_cast<VectorFieldClosestPointTransform const&>(step).field;
 }
 
 float3 VectorFieldIteratedNearPointTransform::eval(float3 const& position, long long index) const {
