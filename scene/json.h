@@ -21,13 +21,13 @@ inline constexpr int kSceneVersion = 1;
 /// or curve, and a name that is not UTF-8; std::invalid_argument if there is no tree.
 ZEL_SCENE_API std::string toJson(Tree const& tree);
 
-/// What a file may hold. A file beyond a limit is refused before that much memory is used.
+/// What a file may hold. While a file is read, its text takes up to 20 times its size in memory.
 struct SceneLimits {
     std::size_t bytes = std::size_t{1} << 28;
     std::size_t nodes = 1'000'000;
     /// The most levels of a tree. The evaluation of a tree calls a function for each level: the
-    /// default suits a stack of 8 MB.
-    std::size_t depth = 4000;
+    /// default needs at most half of a stack of 8 MB.
+    std::size_t depth = 1000;
 };
 
 /// Reads a tree. Classes are those that are registered when it is called. `object` is given to the

@@ -9,6 +9,7 @@ namespace zel::detail {
 namespace {
 
 constexpr std::size_t kLongest = 64;
+constexpr std::size_t kMostNames = 1000;  // a file may have millions
 
 char lower(char c) {
     return 'A' <= c && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -38,7 +39,7 @@ std::string_view nearestName(std::string_view misspelt, std::span<std::string_vi
     std::string_view nearest;
     if (misspelt.size() > kLongest) return nearest;
     std::size_t least = std::max<std::size_t>(2, misspelt.size() / 3) + 1;
-    for (std::string_view const name : names) {
+    for (std::string_view const name : names.first(std::min(names.size(), kMostNames))) {
         if (name.size() > kLongest) continue;
         // A name shares some letter with its misspelling.
         std::size_t const d = distance(misspelt, name);
