@@ -14,10 +14,10 @@ namespace zel {
 ///         field: zel::ScalarFieldXPosition
 ///
 /// A node with several parents has a number, and its descendants are listed where it first appears.
-/// Parameters with their default value are listed, too. Of a class that is not registered the
-/// children alone are known. Null children are "null". Throws std::invalid_argument if there is no
-/// tree. Any number of threads may describe a tree while no thread changes it; this holds for all
-/// functions of libzel_scene that only read one.
+/// Parameters with their default value are listed, too, but for an `exactGradient` that is false.
+/// Of a class that is not registered the children alone are known. Null children are "null". Throws
+/// std::invalid_argument if there is no tree. Any number of threads may describe a tree while no
+/// thread changes it; this holds for all functions of libzel_scene that only read one.
 ZEL_SCENE_API std::string describe(Tree const& tree);
 
 /// A graph in the language of graphviz, from left to right, in which each node appears once. Edges

@@ -22,7 +22,8 @@
 //
 // The parameters must be of these types: bool, float, double, integers up to 64 bits but for an
 // unsigned one of 64, float3, float4 (a quaternion), UnitVector, Quern::String, SamplerType,
-// Quern::Ptr<Orvane::Math::FCurve>, Quern::Array<float3>, and pointers to nodes.
+// Quern::Ptr<Orvane::Math::FCurve>, Quern::Array<float3>, and pointers to nodes. A default value is
+// of the type of its parameter; of a child it is the number or the vector of a constant.
 namespace zel {
 
 namespace detail {
@@ -107,8 +108,10 @@ ParameterInfo parameterInfo(Parameter<Get, Default> const& parameter) {
         info.most = static_cast<std::int64_t>(std::numeric_limits<T>::max());
     }
     if constexpr (!std::same_as<Default, NoDefault>) {
-        if constexpr (isField(valueKind<T>()))
-            info.defaultValue = parameter.defaultValue;  // the value of a constant
+        if constexpr (valueKind<T>() == ValueKind::kScalarField)
+            info.defaultValue = static_cast<float>(parameter.defaultValue);
+        else if constexpr (valueKind<T>() == ValueKind::kVectorField)
+            info.defaultValue = float3(parameter.defaultValue);
         else
             info.defaultValue = toValue(static_cast<T>(parameter.defaultValue));
     }
@@ -188,7 +191,8 @@ template <class Node> NodeClass nodeClassOf(std::string_view name) {
 }
 
 /// Registers a node class under a name. May be called at any time, by any thread; trees that were
-/// described before are not affected. Throws as addNodeClass() does.
+/// described before are not affected. A library that registers classes must stay loaded. Throws as
+/// addNodeClass() does.
 template <class Node> void registerNode(std::string_view name) {
     addNodeClass(nodeClassOf<Node>(name));
 }

@@ -23,7 +23,7 @@ struct Everything : ScalarField {
     Everything(double a_, std::uint16_t b_, Quern::Ptr<ScalarFieldConstant> c_)
         : a(a_), b(b_), c(std::move(c_)) {}
     template <class Node> static constexpr auto parameters() {
-        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b), named("c", &Node::c));
+        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b), named("c", &Node::c, 1));
     }
     double a;
     std::uint16_t b;
@@ -54,6 +54,7 @@ TEST(NodeClass, OfAUserTakesPart) {
         });
     };
     EXPECT_EQ(read(R"("b": 1, "c": 3)"), "none");
+    EXPECT_EQ(read(R"("b": 1)"), "none");
     EXPECT_EQ(read(R"("b": 65536, "c": 3)"),
               "/root/b: wanted an integer from 0 to 65535, found 65536");
     EXPECT_EQ(read(R"("b": 1, "c": {"type": "XPosition"})"),
