@@ -7,7 +7,7 @@
 
 #include "output.h"
 #include "point_file.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace {
 
@@ -15,8 +15,8 @@ using zel::float3;
 
 constexpr int kFailed = 2;
 
-/// The number of points in memory at a time. The element index begins at 0 in each batch; no scene
-/// reads it.
+/// The number of points in memory at a time. The element index begins at 0 in each batch; scenes
+/// that read it see their first elements again.
 constexpr long long kPointsAtATime = 1 << 16;
 
 /// Writes nine digits, so that the same float is read back.
@@ -54,8 +54,8 @@ void sample(zel::ScalarField const& field, std::string const& input, std::string
 
 void listScenes() {
     examples::OutputFile file("-");
-    for (examples::Scene const& scene : examples::scenes())
-        file.write(std::string(scene.name) + ": " + std::string(scene.title) + '\n');
+    for (examples::SceneTitle const& scene : examples::sceneTitles())
+        file.write(scene.name + ": " + scene.title + '\n');
     file.commit();
 }
 
@@ -71,7 +71,8 @@ int run(int argc, char** argv) {
         "if anything fails, and then leaves an output file as it was."};
     app.add_option("points", input, "file of positions, - for standard input")
         ->capture_default_str();
-    app.add_option("--scene", sceneName, "name of the scene")->capture_default_str();
+    app.add_option("--scene", sceneName, "name of a scene, or a file of a tree in JSON")
+        ->capture_default_str();
     app.add_option("--output", output, "file to write, - for standard output")
         ->capture_default_str();
     app.add_flag("--list", list, "list the scenes and stop");
@@ -84,10 +85,7 @@ int run(int argc, char** argv) {
         listScenes();
         return 0;
     }
-    examples::Scene const* const scene = examples::findScene(sceneName);
-    if (!scene)
-        throw std::runtime_error("no scene is named '" + sceneName + "'; --list shows them all");
-    sample(*scene->make(), input, output);
+    sample(*examples::loadScalar(sceneName), input, output);
     return 0;
 }
 

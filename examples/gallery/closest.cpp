@@ -4,7 +4,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/lines.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace examples {
 
@@ -40,7 +40,7 @@ void drawPaths(Meter& meter, ScalarPtr const& field, Image& image) {
 }  // namespace
 
 Image drawClosest(Meter& meter) {
-    ScalarPtr const field = blossom();
+    ScalarPtr const field = loadScalar("blossom");
     PlotStyle const style{.scale = 0.5F, .spacing = 0.1F, .zeroWidth = 3.0F};
     Image paths = plot(meter, *field, kView, kSize, kSize, style);
     drawPaths(meter, field, paths);

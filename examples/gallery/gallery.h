@@ -25,5 +25,6 @@ Image drawRemap(Meter& meter);
 Image drawVolume(Meter& meter);
 Image drawVolumeSolids(Meter& meter);
 Image drawSamplers(Meter& meter);
+Image drawDiscs(Meter& meter);
 
 }  // namespace examples

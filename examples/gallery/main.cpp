@@ -47,6 +47,8 @@ constexpr std::array kPictures{
             examples::drawVolumeSolids},
     Picture{"samplers", "a coarse volume magnified: the three samplers across a jump of resolution",
             examples::drawSamplers},
+    Picture{"discs", "discs whose centers and radii are properties of an object",
+            examples::drawDiscs},
 };
 
 double nanosecondsAPoint(examples::Meter::Tally const& tally) {

@@ -2,7 +2,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"
-#include "scenes.h"
+#include "trees.h"
 
 namespace examples {
 

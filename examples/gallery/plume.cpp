@@ -6,7 +6,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/lines.h"
-#include "scenes.h"
+#include "trees.h"
 
 namespace examples {
 

@@ -3,7 +3,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/lines.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace examples {
 
@@ -29,6 +29,23 @@ CurvePtr island() {
                                                  {0.3, 0.0, 1.5, 1.5, kCubic},
                                                  {1, 1.3, 1.8, 1.8, kLinear}},
                         FCurve::Extrapolation::kLinear, FCurve::Extrapolation::kLinear);
+}
+
+/// Steps, each a flat tread and a steep riser, along value = x from -1 to 1.
+CurvePtr terraces() {
+    constexpr int kSteps = 8;
+    constexpr double kHeight = 2.0 / kSteps;
+    constexpr double kSlope = 0.15;  // of a tread, where it meets the riser
+    std::vector<FCurve::Key> keys;
+    for (int i = 0; i < kSteps; ++i) {
+        double const x = -1 + i * kHeight;
+        keys.push_back({x, x, kSlope, kSlope, FCurve::Segment::kLinear});
+        double const edge = x + 0.6 * kHeight;
+        keys.push_back({edge, x + kSlope * 0.6 * kHeight, kSlope, kSlope, FCurve::Segment::kCubic});
+    }
+    keys.push_back({1, 1, kSlope, kSlope, FCurve::Segment::kLinear});
+    auto const end = FCurve::Extrapolation::kCycleWithOffset;
+    return make<FCurve>(std::move(keys), end, end);
 }
 
 /// Draws the curve as a cross section of land, from -1.2 to 1.2 along both axes.
@@ -65,10 +82,10 @@ Image chart(Meter& meter, CurvePtr const& curve) {
 }  // namespace
 
 Image drawRemap(Meter& meter) {
-    CurvePtr const curves[] = {straight(), island(), terraceCurve()};
+    CurvePtr const curves[] = {straight(), island(), terraces()};
     std::vector<Image> panels;
     for (CurvePtr const& curve : curves) {
-        ScalarPtr const land = make<zel::ScalarFieldFCurve>(mountains(), curve);
+        ScalarPtr const land = make<zel::ScalarFieldFCurve>(loadScalar("mountains"), curve);
         panels.push_back(plotRamp(meter, *land, View{0, 0, 3}, kSize, kSize, kRelief));
     }
     for (CurvePtr const& curve : curves) panels.push_back(chart(meter, curve));

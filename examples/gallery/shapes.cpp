@@ -2,7 +2,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace examples {
 
@@ -22,7 +22,7 @@ Image drawShapes(Meter& meter) {
 
 Image drawGear(Meter& meter) {
     PlotStyle const style{.scale = 0.28F, .spacing = 0.05F, .lineWidth = 1.1F, .zeroWidth = 3.0F};
-    return plot(meter, *gearProfile(), View{0, 0, 3.8F}, 960, 600, style);
+    return plot(meter, *loadScalar("gear_profile"), View{0, 0, 3.8F}, 960, 600, style);
 }
 
 }  // namespace examples

@@ -3,18 +3,17 @@
 #include "gallery/gallery.h"
 #include "gallery/palette.h"
 #include "gallery/tracer.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace examples {
 
 Image drawSolids(Meter& meter) {
-    Solids const s = solids();
-    std::vector<Part> const parts{{s.floor, fromHex(0xC9C3B8)},
-                                  {s.gear, fromHex(0xD97A1F)},
-                                  {s.die, fromHex(0x2F6FB5)},
-                                  {s.ball, fromHex(0x3C9A68)}};
+    std::vector<Part> const parts{{loadScalar("solids", "/root", "floor"), fromHex(0xC9C3B8)},
+                                  {loadScalar("solids", "/root", "gear"), fromHex(0xD97A1F)},
+                                  {loadScalar("solids", "/root", "die"), fromHex(0x2F6FB5)},
+                                  {loadScalar("solids", "/root", "ball"), fromHex(0x3C9A68)}};
     Camera const camera{{0.5F, 2.35F, 7.6F}, {0.08F, 0.72F, 0}, 0.47F};
-    zel::ScalarPtr const all = zel::withExactGradients(findScene("solids")->make());
+    zel::ScalarPtr const all = zel::withExactGradients(loadScalar("solids"));
     return traceSolids(meter, *all, camera, 960, 480, 0.95F,
                        [&](auto const& at) { return albedoOfLeast(meter, parts, at); });
 }

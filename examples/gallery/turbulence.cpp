@@ -2,7 +2,7 @@
 
 #include "gallery/flow.h"
 #include "gallery/gallery.h"
-#include "scenes.h"
+#include "trees.h"
 
 namespace examples {
 

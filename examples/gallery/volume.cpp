@@ -11,7 +11,7 @@
 #include "gallery/lines.h"
 #include "gallery/tracer.h"
 #include "gallery/volume_object.h"
-#include "scenes.h"
+#include "scene_files.h"
 #include "zel/field/math.h"
 
 namespace examples {
@@ -22,7 +22,7 @@ constexpr float kHalfWidth = 1.5F;
 
 /// The die, turned, as the distance from its surface.
 VolumeObject makeDie(int depth) {
-    ScalarPtr const die = turned(findScene("die")->make(), {0.45F, 0.6F, 0.1F});
+    ScalarPtr const die = turned(loadScalar("die"), {0.45F, 0.6F, 0.1F});
     auto const nearSurface = [&](float3 const& low, float3 const& high, int) {
         // The die's field is at most the distance in magnitude, so that no tile is missed.
         float const reach = Orvane::Math::length(high - low) / 2;
@@ -33,7 +33,8 @@ VolumeObject makeDie(int depth) {
 
 /// The volume with its surface displaced by noise; not bound yet.
 ScalarPtr displacedVolume(zel::SamplerType type) {
-    return volumeField(type) + fractalNoise(4, 1.6F, 9) * 0.06F;
+    constexpr char const* kNames[] = {"linear", "cubicC0", "cubicC1"};
+    return loadScalar("displaced_volume", "/nodes/volume/sampler", kNames[static_cast<int>(type)]);
 }
 
 /// Draws the borders of all tiles that the plane z = 0 cuts, each border once.

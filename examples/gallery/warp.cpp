@@ -2,7 +2,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace examples {
 
@@ -45,7 +45,7 @@ Image drawWarp(Meter& meter) {
                          plotRamp(meter, *stripes, view, kSize, kSize, stone),
                          plot(meter, *bentChecks, view, kSize, kSize, lines),
                          plotRamp(meter, *grown, view, kSize, kSize, grain),
-                         plotRamp(meter, *marbleVeins(), view, kSize, kSize, stone)},
+                         plotRamp(meter, *loadScalar("marble"), view, kSize, kSize, stone)},
                         3);
 }
 

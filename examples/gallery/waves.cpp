@@ -2,7 +2,7 @@
 
 #include "gallery/gallery.h"
 #include "gallery/plot.h"
-#include "scenes.h"
+#include "scene_files.h"
 
 namespace examples {
 
@@ -23,10 +23,10 @@ ScalarPtr spiral() {
 Image drawWaves(Meter& meter) {
     constexpr int kSize = 512;
     View const view{0, 0, 3.2F};
-    return contactSheet(
-        {plotRamp(meter, *interference(), view, kSize, kSize, {.low = -1.4F, .high = 1.4F}),
-         plotRamp(meter, *spiral(), view, kSize, kSize, {})},
-        2);
+    return contactSheet({plotRamp(meter, *loadScalar("interference"), view, kSize, kSize,
+                                  {.low = -1.4F, .high = 1.4F}),
+                         plotRamp(meter, *spiral(), view, kSize, kSize, {})},
+                        2);
 }
 
 }  // namespace examples

@@ -41,4 +41,11 @@ void Object::removeProperty(Quern::StringView key) {
     if (found != entries.end()) entries.erase(found);
 }
 
+std::vector<std::string> Object::propertyNames() const {
+    std::vector<std::string> names;
+    for (auto const& [key, value] : entries)
+        if (!key.starts_with("Orvane::")) names.push_back(key);
+    return names;
+}
+
 }  // namespace Orvane

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "zel_platform/platform_api.h"
 #include "zel_platform/quern_core/any.h"
@@ -41,6 +42,10 @@ public:
 
     /// Removes an entry, if there is one. Throws std::invalid_argument if `key` is reserved.
     void removeProperty(Quern::StringView key);
+
+    /// The keys of the entries that were set, in ascending order. Reserved keys are not among them,
+    /// nor are entries that a host keeps elsewhere.
+    std::vector<std::string> propertyNames() const;
 
 private:
     friend Geometry::ReservedEntries;

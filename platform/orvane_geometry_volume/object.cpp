@@ -20,6 +20,12 @@ void Object::setComponent(Quern::StringView name, Quern::Ptr<Component> componen
         m_components.erase(found);
 }
 
+std::vector<std::string> Object::componentNames() const {
+    std::vector<std::string> names;
+    for (auto const& [name, component] : m_components) names.push_back(name);
+    return names;
+}
+
 Quern::Ptr<Component> Object::find(Quern::StringView name) const {
     auto const found = m_components.find(name.standardView());
     return found == m_components.end() ? Quern::Ptr<Component>() : found->second;

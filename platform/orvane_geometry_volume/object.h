@@ -2,6 +2,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "zel_platform/orvane_geometry_volume/component.h"
 #include "zel_platform/quern_core/ptr.h"
@@ -27,6 +28,9 @@ public:
     template <class T> Quern::Ptr<T> component(Quern::String const& name) const {
         return Quern::dynamicPtrCast<T>(find(name));
     }
+
+    /// The names of the components, in ascending order.
+    std::vector<std::string> componentNames() const;
 
 private:
     Quern::Ptr<Component> find(Quern::StringView name) const;

@@ -60,6 +60,10 @@ public:
     /// NaN, and so does an infinite x in a cycle. As safe and as fast as evalFCurve().
     double slope(double x) const;
 
+    std::vector<Key> const& keys() const { return m_keys; }
+    Extrapolation before() const { return m_before; }
+    Extrapolation after() const { return m_after; }
+
 private:
     ZEL_PLATFORM_INTERNAL double insideKeys(double x) const;
     ZEL_PLATFORM_INTERNAL double slopeInsideKeys(double x) const;

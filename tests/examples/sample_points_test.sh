@@ -52,7 +52,13 @@ cmp fromFile results/samples || fail "the output file"
 [ -L results/link ] && [ "$(stat -c %a results/samples)" = 666 ] || fail "$(ls -l results)"
 rm results/link
 
-refused "sample_points: no scene is named 'nowhere'; --list shows them all" good --scene nowhere
+refused "sample_points: no scene is named 'nowhere'; --list shows them all, and a file ends in .json" \
+    good --scene nowhere
+echo '{"version": 1, "root": {"type": "Sphere", "radius": "one"}}' >ball.json
+refused 'sample_points: ball.json: /root/radius: wanted a number, or "inf", "-inf" or "nan", found "one"' \
+    good --scene ball.json
+sed -i 's/"one"/1/' ball.json
+"$program" good --scene ball.json | cmp - fromFile || fail "a scene in a file"
 cannot="sample_points: %s: cannot be %s: %s"
 refused "$(printf "$cannot" missing opened 'No such file or directory')" missing
 refused "$(printf "$cannot" results read 'Is a directory')" results --output results/samples

@@ -35,7 +35,7 @@ use_pkg_config() {  # PREFIX
 }
 compile() {  # PROGRAM.cpp OPTION...: to PROGRAM
     # shellcheck disable=SC2046
-    "$compiler" -std=c++20 "${@:2}" "$1" -o "${1%.cpp}" $(pkg-config --cflags --libs zel)
+    "$compiler" -std=c++20 "$1" "${@:2}" -o "${1%.cpp}" $(pkg-config --cflags --libs zel)
 }
 
 case $mode in
@@ -47,7 +47,9 @@ install)
         echo "these installed files name the source or the build tree"
         exit 1
     fi
-    [ "$(ls "$package/shared/include")" = $'zel\nzel_platform' ]
+    other=$(find "$package/shared/include" -mindepth 1 -maxdepth 1 -not -name zel \
+        -not -name zel_platform -not -name zel_scene)
+    [ -z "$other" ] || { echo "installed beside the libraries: $other"; exit 1; }
     ;;
 install_static)
     # From a project that takes in the sources. Without optimisation, which takes the least time.
@@ -59,7 +61,11 @@ install_static)
     cmake --install b --prefix "$package/static" >/dev/null
     rm -rf b
     ;;
-find_package) cmake_project -DCMAKE_PREFIX_PATH="$package/shared" ;;
+find_package)
+    cmake_project -DCMAKE_PREFIX_PATH="$package/shared"
+    [ ! -e "$package/shared/include/zel_scene" ] ||
+        cmake_project -DCMAKE_PREFIX_PATH="$package/shared" -DCOMPONENT=scene
+    ;;
 find_package_static)
     cmake_project -DCMAKE_PREFIX_PATH="$package/static"
     TALLOW_DUMP_VERSION_INFO=1 b/app 2>&1 >/dev/null | grep -q ' ZEL: Orvane version '
@@ -84,7 +90,7 @@ meson)
 headers)
     # Each alone, by the warnings of a strict project that does not take them as system headers.
     cd "$package/shared/include"
-    find zel zel_platform -name '*.h' -print0 |
+    find . -name '*.h' -print0 |
         xargs -0 -I{} -P "$(nproc)" "$compiler" -std=c++20 -fsyntax-only -Wall -Wextra -Wshadow \
             -Wconversion -pedantic -Werror -I. -include {} -x c++ /dev/null
     ;;
@@ -92,9 +98,11 @@ pages)
     use_pkg_config "$package/shared"
     rm app.cpp README-*
     for page in "$source/README.md" "$source"/docs/*.md; do extract "$page"; done
+    scene=$(find "$package/shared" -name 'libzel_scene.so')
+    [ -n "$scene" ] || rm scenes-*
     for program in *.cpp; do
         echo "$program"
-        compile "$program" -O2 -Wall -Wextra -Werror
+        compile "$program" -O2 -Wall -Wextra -Werror ${scene:+"$scene"}
         "./${program%.cpp}" >output
         [ ! -e "${program%.cpp}.txt" ] || diff output "${program%.cpp}.txt"
     done

@@ -5,7 +5,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "zel/zel.h"
+#include "zel/library_nodes.h"
 
 // Every class of node, and a way to make one of it without knowing its constructor.
 namespace support {
@@ -19,34 +19,14 @@ template <class... Nodes, class F> void forNodes(F const& f, std::istringstream 
     (f.template operator()<Nodes>(next()), ...);
 }
 
-#define ZEL_FOR_NODES(f, ...) forNodes<__VA_ARGS__>(f, std::istringstream(#__VA_ARGS__))
+#define ZEL_NAMES_OF(...) #__VA_ARGS__
+#define ZEL_FOR_NODES(f, ...)                                                                      \
+    forNodes<__VA_ARGS__>(f, std::istringstream(ZEL_NAMES_OF(__VA_ARGS__)))
 
 /// Calls `f.operator()<Node>(name)` for every class of node.
 template <class F> void forEveryNode(F const& f) {
     using namespace zel;
-    ZEL_FOR_NODES(
-        f, ScalarFieldConstant, ScalarFieldAdd, ScalarFieldSubtract, ScalarFieldNegative,
-        ScalarFieldMultiply, ScalarFieldDivide, ScalarFieldMax, ScalarFieldMin, ScalarFieldMask,
-        ScalarFieldClamp, ScalarFieldSwitch, ScalarFieldAbsolute, ScalarFieldPow,
-        ScalarFieldSquareRoot, ScalarFieldExp, ScalarFieldLerp, ScalarFieldSine, ScalarFieldCosine,
-        ScalarFieldTangent, ScalarFieldArcSine, ScalarFieldArcCosine, ScalarFieldArcTangent,
-        ScalarFieldArcTangent_2D, ScalarFieldXPosition, ScalarFieldYPosition, ScalarFieldZPosition,
-        ScalarFieldTranslate, ScalarFieldScale, ScalarFieldRotate, VectorFieldConstant,
-        VectorFieldConstantArray, VectorFieldAdd, VectorFieldSubtract, VectorFieldNegative,
-        VectorFieldMultiply, VectorFieldDivide, VectorFieldMax, VectorFieldMin, VectorFieldAbsolute,
-        VectorFieldPow, VectorFieldSquareRoot, VectorFieldClamp, VectorFieldCross,
-        VectorFieldUnitVector, VectorFieldVSMultiply, VectorFieldVSDivide, VectorFieldLerp,
-        VectorFieldSwitch, VectorFieldXComponent, VectorFieldYComponent, VectorFieldZComponent,
-        VectorFieldComponent, VectorFieldFromComponents, VectorFieldDotProduct, VectorFieldLength,
-        VectorFieldLengthSquared, VectorFieldPosition, VectorFieldTranslate, VectorFieldScale,
-        VectorFieldRotate, ScalarFieldSphere, ScalarFieldImplicitBox, ScalarFieldPlane,
-        ScalarFieldSimplexNoise, ScalarFieldFractalNoise, VectorFieldCurlNoise,
-        VectorFieldFractalTurbulence, ScalarFieldWarp, VectorFieldWarp, ScalarFieldAdvect,
-        VectorFieldAdvect, ScalarFieldGradient, ScalarFieldDivergence, VectorFieldCurl,
-        VectorFieldClosestPointTransform, VectorFieldIteratedNearPointTransform, ScalarFieldFCurve,
-        VectorFieldFCurve, ScalarGeoPropertyTriggered, VectorGeoPropertyTriggered,
-        ScalarGeoPropertyFound, VectorGeoPropertyFound, ScalarOrvane, VectorOrvane,
-        ScalarOrvaneTriggered, VectorOrvaneTriggered);
+    ZEL_FOR_NODES(f, ZEL_LIBRARY_NODES);
 }
 
 template <std::size_t, class T> using SameFor = T;

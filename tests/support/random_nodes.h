@@ -76,7 +76,7 @@ template <class Traits> Orvane::Object const& boundObject() {
 /// Makes random nodes of all classes, which have many parents.
 class RandomNodes {
 public:
-    explicit RandomNodes(unsigned seed) : random(seed) {
+    explicit RandomNodes(unsigned seed, bool bindsNodes = true) : random(seed), binds(bindsNodes) {
         keep<ScalarField>(makePtr<OwnScalar>());
         keep<VectorField>(makePtr<VectorFieldPosition>());
         keep<ScalarField>(makePtr<OwnSum>(*this, *this));
@@ -88,7 +88,7 @@ public:
     }
     template <class Node> Quern::Ptr<Node> make() {
         auto node = construct<Node>(*this);
-        if (node->is_triggerable() && random() % 4) {
+        if (binds && node->is_triggerable() && random() % 4) {
             node->apply_object(*this);
             auto const map = makePtr<Quern::Array<long long>>(80LL);
             for (auto& i : *map) i = random() % 75;
@@ -110,9 +110,9 @@ public:
     }
     operator Orvane::Object const&() const {
         static Orvane::Object const empty;
-        return random() % 4 == 0   ? empty
-               : random() % 2 == 0 ? boundObject<ORV::TileTree3D::BinaryTraits>()
-                                   : boundObject<ORV::TileTree3D::QuinaryTraits>();
+        return !binds || random() % 4 == 0 ? empty
+               : random() % 2 == 0         ? boundObject<ORV::TileTree3D::BinaryTraits>()
+                                           : boundObject<ORV::TileTree3D::QuinaryTraits>();
     }
     operator Quern::String() const {
         return std::array{"scalar", "vector", "turn", "short"}[random() % 4];
@@ -129,6 +129,7 @@ protected:
     mutable std::mt19937 random;
 
 private:
+    bool binds;
     template <class Pool> typename Pool::value_type pick(Pool const& pool) const {
         return pool[pool.size() - 1 - std::min<std::size_t>(random() % 8, pool.size() - 1)];
     }

@@ -21,6 +21,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("curve", &Node::curve));
+    }
     void blockValues(Block& block, BlockResult<float>& out) const;
     void blockGradients(Block& block, BlockResult<float3>& out) const;
 
@@ -42,6 +45,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("curve", &Node::curve));
+    }
     void blockValues(Block& block, BlockResult<float3>& out) const;
     void blockGradients(Block& block, BlockResult<float3x3>& out) const;
 

@@ -42,11 +42,18 @@ public:
     void apply_object(Orvane::Object const& object) override;
     void use_property_indices(Quern::Ptr<Quern::Array<long long>> indices) override;
 
+    Quern::String const& propertyName() const { return binding.propertyName; }
+    /// Whether an array of values is bound.
+    bool isBound() const { return binding.isBound(); }
+
 protected:
     Binding binding;
 
 private:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("property", &Node::propertyName));
+    }
     ZEL_INTERNAL typename Interface::Gradient gradientOf(float3 const& /*p*/,
                                                          long long /*i*/) const {
         return {};

@@ -55,6 +55,7 @@ struct ZEL_API ScalarPropertyBinding : PropertyBinding {
     using PropertyBinding::PropertyBinding;
 
     ZEL_INTERNAL void bind(Orvane::Object const& object);
+    bool isBound() const { return data || converter; }
 
     float defaultValue = 0;
     Quern::Ptr<Quern::Array<float>> data;
@@ -66,6 +67,7 @@ struct ZEL_API VectorPropertyBinding : PropertyBinding {
     using PropertyBinding::PropertyBinding;
 
     ZEL_INTERNAL void bind(Orvane::Object const& object);
+    bool isBound() const { return data || rotations; }
 
     Orvane::Math::float3 defaultValue;
     Orvane::Math::float4 defaultRotation;

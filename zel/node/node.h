@@ -7,6 +7,7 @@
 #include "zel/batch/hook_walk.h"
 #include "zel/field/scalar_field.h"
 #include "zel/field/vector_field.h"
+#include "zel/node/parameter.h"
 #include "zel_platform/orvane_math/float3x3.h"
 #include "zel_platform/orvane_math/vectors.h"
 
@@ -21,6 +22,9 @@
 // and makes `friend zel::NodeAccess` so that `children` and the formulas may stay private. Declare
 // no destructor, copy or move operation in a node: the implicit ones share the children on a copy,
 // take them on a move, and release them last to first.
+//
+// Beside the children it may name its parameters, by which libzel_scene describes, saves and
+// compares it: see parameter.h.
 //
 // The definitions are in node_impl.h, which the source file of a node includes. So that the users
 // of a node do not compile them, its header has ZEL_DECLARE_OPERATOR (or the like) after the class,

@@ -36,6 +36,21 @@ struct NodeAccess {
         }
     }
 
+    /// The parameters of a class, as a tuple of Parameter; a class that names none has none.
+    template <class Node> static constexpr auto parameters() {
+        if constexpr (requires { Node::template parameters<Node>(); })
+            return Node::template parameters<Node>();
+        else
+            return std::tuple();
+    }
+    template <class Node>
+    static constexpr Chain chain = [] {
+        if constexpr (requires { Node::kChain; })
+            return Node::kChain;
+        else
+            return Chain::kNone;
+    }();
+
     /// Whether the children are those of a SwitchNode.
     template <class Node, class Branch>
     static constexpr bool namesSwitch =

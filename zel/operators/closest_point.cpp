@@ -31,6 +31,13 @@ VectorFieldIteratedNearPointTransform::VectorFieldIteratedNearPointTransform(
     : transform(Quern::makePtr<VectorFieldClosestPointTransform>(std::move(field))),
       tolerance(tolerance), iterations(iterations) {}
 
+ScalarPtr VectorFieldIteratedNearPointTransform::projectedField() const {
+    if (!transform) return {};
+    VectorField const& step = *transform;
+    if (typeid(step) != typeid(VectorFieldClosestPointTransform)) return {};
+    return static_cast<VectorFieldClosestPointTransform const&>(step).field;
+}
+
 float3 VectorFieldIteratedNearPointTransform::eval(float3 const& position, long long index) const {
     float3 p = transform->eval(position, index);
     for (std::int32_t i = 0; i < iterations; ++i) {

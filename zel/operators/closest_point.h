@@ -22,8 +22,12 @@ public:
 
 private:
     friend NodeAccess;
+    friend class VectorFieldIteratedNearPointTransform;
     static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     void blockValues(Block& block, BlockResult<float3>& out) const;
 
     ScalarPtr field;
@@ -44,7 +48,14 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.transform); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::projectedField),
+                          named("tolerance", &Node::tolerance),
+                          named("iterations", &Node::iterations));
+    }
     void blockValues(Block& block, BlockResult<float3>& out) const;
+    /// The field of `transform`; empty if a ChildReplacer has set another class in its place.
+    ScalarPtr projectedField() const;
     bool atRest(float3 const& p, float3 const& next) const {
         return tolerance > 0 && tolerance > Orvane::Math::length(next - p);
     }

@@ -18,6 +18,9 @@ private:
     friend NodeAccess;
     static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     void blockValues(Block& block, BlockResult<float3>& out) const;
 
     ScalarPtr field;
@@ -35,6 +38,9 @@ private:
     friend NodeAccess;
     static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     void blockValues(Block& block, BlockResult<float>& out) const;
 
     VectorPtr field;
@@ -52,6 +58,9 @@ private:
     friend NodeAccess;
     static constexpr bool kTakesGradients = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     void blockValues(Block& block, BlockResult<float3>& out) const;
 
     VectorPtr field;

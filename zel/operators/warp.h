@@ -24,6 +24,9 @@ private:
     template <class Node> static auto children(Node& node) {
         return std::tie(node.field, node.warp);
     }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("warp", &Node::warp));
+    }
     void blockValues(Block& block, BlockResult<Value>& out) const;
     void blockGradients(Block& block, BlockResult<Gradient>& out) const;
 
@@ -60,6 +63,10 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) {
         return std::tie(node.field, node.velocity);
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("velocity", &Node::velocity),
+                          named("dt", &Node::dt));
     }
     void blockValues(Block& block, BlockResult<Value>& out) const;
     void blockGradients(Block& block, BlockResult<Gradient>& out) const;

@@ -32,6 +32,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("time", &Node::time, 0.0F), named("seed", &Node::seed, 0));
+    }
     void blockValues(Block& block, BlockResult<float>& out) const;
     void blockGradients(Block& block, BlockResult<float3>& out) const;
     void derivatives(Block& block, float* values, ColumnWriter<float3> const& gradients) const;
@@ -62,6 +65,14 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(
+            named("amplitude", &Node::amplitude, 1.0F), named("octaves", &Node::octaves, 1.0F),
+            named("frequency", &Node::frequency, 1.0F),
+            named("amplitudeRatio", &Node::amplitudeRatio, 0.5F),
+            named("scaleRatio", &Node::scaleRatio, 0.5F), named("time", &Node::time, 0.0F),
+            named("timeRatio", &Node::timeRatio, 1.0F), named("seed", &Node::seed, 0));
+    }
     template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float>& out) const;
     void blockGradients(Block& block, BlockResult<float3>& out) const;
@@ -87,6 +98,11 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("time", &Node::time, 0.0F), named("smooth", &Node::smooth, true),
+                          named(
+                              "seed", [](Node const& node) { return std::int64_t{node.seed}; }, 0));
+    }
     void blockValues(Block& block, BlockResult<float3>& out) const;
     void blockGradients(Block& block, BlockResult<float3x3>& out) const;
     void derivatives(Block& block, ColumnWriter<float3> const& values,
@@ -123,6 +139,16 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.time); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(
+            named("amplitude", &Node::amplitude, 1.0F), named("octaves", &Node::octaves, 1.0F),
+            named("frequency", &Node::frequency, 1.0F),
+            named("amplitudeRatio", &Node::amplitudeRatio, 0.5F),
+            named("scaleRatio", &Node::scaleRatio, 0.5F), named("time", &Node::time, 0.0F),
+            named("timeRatio", &Node::timeRatio, 1.0F), named("smooth", &Node::smooth, true),
+            named(
+                "seed", [](Node const& node) { return std::int64_t{node.seed}; }, 0));
+    }
     template <class Use> void useOctaves(Use const& use) const;
     void blockValues(Block& block, BlockResult<float3>& out) const;
     void blockGradients(Block& block, BlockResult<float3x3>& out) const;

@@ -17,6 +17,10 @@ public:
 
 private:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("center", &Node::center, float3{}),
+                          named("radius", &Node::radius, 1.0F));
+    }
     float valueOf(float3 const& p) const { return length(p - center) - radius; }
     float3 gradientOf(float3 const& p) const {
         float3 const d = p - center;
@@ -40,6 +44,10 @@ public:
 private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("center", &Node::center, float3{}),
+                          named("size", &Node::size, 1.0F), named("exponent", &Node::exponent));
+    }
     float valueOf(float3 const& p) const {
         return std::pow(powerSum(p - center), 1 / exponent) - level;
     }
@@ -57,6 +65,7 @@ private:
     float3 center;
     float level;
     float exponent;
+    float size;
 };
 
 /// The signed distance to a plane. The normal is divided by its length at construction; a zero
@@ -64,9 +73,16 @@ private:
 class ZEL_API ScalarFieldPlane : public LeafNode<ScalarFieldPlane, ScalarField> {
 public:
     ScalarFieldPlane(float3 const& point, float3 const& normal);
+    /// Takes the normal as it is.
+    ScalarFieldPlane(float3 const& point, UnitVector const& normal);
 
 private:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(
+            named("point", &Node::point, float3{}),
+            named("normal", [](Node const& node) { return UnitVector(node.normal); }));
+    }
     float valueOf(float3 const& p) const { return dot(p - point, normal); }
     float3 gradientOf(float3 const& /*p*/) const { return normal; }
 

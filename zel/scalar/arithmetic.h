@@ -13,6 +13,9 @@ public:
 
 private:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("value", &Node::value));
+    }
     float valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
     float3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
     Columns<float> viewOf(Block& block) const;
@@ -27,7 +30,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kLeft;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float av, float bv) const { return av + bv; }
     float3 gradientOf(float3 const& ag, float3 const& bg) const { return ag + bg; }
 
@@ -42,6 +49,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float av, float bv) const { return av - bv; }
     float3 gradientOf(float3 const& ag, float3 const& bg) const { return ag - bg; }
 
@@ -56,6 +66,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float v) const { return -v; }
     float3 gradientOf(float3 const& g) const { return -g; }
 
@@ -69,7 +82,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kLeft;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float av, float bv) const { return av * bv; }
     float3 gradientOf(float av, float bv, float3 const& ag, float3 const& bg) const {
         return bg * av + ag * bv;
@@ -86,6 +103,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float av, float bv) const { return av / bv; }
     float3 gradientOf(float av, float bv, float3 const& ag, float3 const& bg) const {
         return ag / bv - bg * (av / (bv * bv));
@@ -104,6 +124,9 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) {
         return std::tie(node.a, node.b, node.t);
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b), named("t", &Node::t));
     }
     float valueOf(float av, float bv, float tv) const { return bv * tv + av * (1 - tv); }
     float3 gradientOf(float av, float bv, float tv, float3 const& ag, float3 const& bg,

@@ -19,6 +19,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("exponent", &Node::exponent));
+    }
     float valueOf(float v) const {
         return static_cast<float>(std::pow(static_cast<double>(v), static_cast<double>(exponent)));
     }
@@ -38,6 +41,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float v) const { return std::sqrt(Orvane::Math::positivePart(v)); }
     float3 gradientFromValue(float w, float3 const& g) const {
         return w > 0 ? g / (2 * w) : float3{};
@@ -55,6 +61,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float v) const { return std::exp(v); }
     float3 gradientFromValue(float w, float3 const& g) const { return g * w; }
 

@@ -16,7 +16,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kBalanced;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float av, float bv) const { return av > bv ? av : bv; }
     int gradientChoice(float av, float bv) const { return av >= bv ? 0 : 1; }
 
@@ -30,7 +34,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kBalanced;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float av, float bv) const { return av < bv ? av : bv; }
     int gradientChoice(float av, float bv) const { return av < bv ? 0 : 1; }
 
@@ -45,6 +53,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float v) const { return v > 0 ? 1.0F : 0.0F; }
     float3 gradientOf() const { return {}; }
 
@@ -62,6 +73,10 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("min", &Node::min),
+                          named("max", &Node::max));
+    }
     float valueOf(float v) const {
         float const below = v >= max ? max : v;  // two selections in a row are faster as SIMD code
         return v <= min ? min : below;
@@ -83,6 +98,10 @@ private:
     template <class Node> static auto children(Node& node) {
         return std::tie(node.condition, node.a, node.b);
     }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("condition", &Node::condition), named("a", &Node::a),
+                          named("b", &Node::b));
+    }
 
     ScalarPtr condition, a, b;
 };
@@ -96,6 +115,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float v) const { return std::fabs(v); }
     float3 gradientOf(float v, float3 const& g) const { return v >= 0 ? g : -g; }
 

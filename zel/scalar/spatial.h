@@ -43,6 +43,9 @@ private:
     friend NodeAccess;
     static constexpr bool kMovesOnly = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("offset", &Node::offset));
+    }
     float3 childPosition(float3 const& p) const { return p - offset; }
     float valueOf(float v) const { return v; }
     float3 gradientOf(float3 const& g) const { return g; }
@@ -61,6 +64,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("scale", &Node::scale));
+    }
     float3 childPosition(float3 const& p) const { return divideComponents(p, scale); }
     static constexpr bool kMovesOnly = true;
     float valueOf(float v) const { return v; }
@@ -84,6 +90,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("rotation", &Node::rotation));
+    }
     float3 childPosition(float3 const& p) const { return rotate(conjugate(rotation), p); }
     static constexpr bool kMovesOnly = true;
     float valueOf(float v) const { return v; }

@@ -18,6 +18,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float u) const { return std::sin(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * std::cos(u); }
 
@@ -33,6 +36,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float u) const { return std::cos(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * -std::sin(u); }
 
@@ -48,6 +54,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float u) const { return std::tan(u); }
     float3 gradientFromValue(float w, float3 const& g) const { return g * (w * w + 1); }
 
@@ -64,6 +73,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float u) const { return std::asin(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * inverseSlope(u, 1.0F); }
 
@@ -88,6 +100,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float u) const { return std::acos(u); }
     float3 gradientOf(float u, float3 const& g) const {
         return g * ScalarFieldArcSine::inverseSlope(u, -1.0F);
@@ -105,6 +120,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float u) const { return std::atan(u); }
     float3 gradientOf(float u, float3 const& g) const { return g * (1 / (u * u + 1)); }
 
@@ -122,6 +140,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float y, float x) const { return std::atan2(y, x); }
     float3 gradientOf(float y, float x, float3 const& yg, float3 const& xg) const {
         constexpr float kLeast = 0.0001F;

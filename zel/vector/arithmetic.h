@@ -19,6 +19,9 @@ public:
 
 private:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("value", &Node::value));
+    }
     float3 valueOf(float3 const& /*p*/, long long /*i*/) const { return value; }
     float3x3 gradientOf(float3 const& /*p*/, long long /*i*/) const { return {}; }
     Columns<float3> viewOf(Block& block) const;
@@ -35,6 +38,9 @@ public:
 
 private:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("values", &Node::values));
+    }
     float3 valueOf(float3 const& /*p*/, long long i) const {
         if (values.empty()) return {};
         auto const size = static_cast<unsigned long long>(values.size());
@@ -52,7 +58,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kLeft;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const { return av + bv; }
     float3x3 gradientOf(float3x3 const& ag, float3x3 const& bg) const { return ag + bg; }
 
@@ -67,6 +77,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const { return av - bv; }
     float3x3 gradientOf(float3x3 const& ag, float3x3 const& bg) const { return ag - bg; }
 
@@ -81,6 +94,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float3 valueOf(float3 const& v) const { return -v; }
     float3x3 gradientOf(float3x3 const& g) const { return -g; }
 
@@ -94,7 +110,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kLeft;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const { return multiplyComponents(av, bv); }
     float3x3 gradientOf(float3 const& av, float3 const& bv, float3x3 const& ag,
                         float3x3 const& bg) const {
@@ -114,6 +134,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const { return divideComponents(av, bv); }
     float3x3 gradientOf(float3 const& av, float3 const& bv, float3x3 const& ag,
                         float3x3 const& bg) const {
@@ -136,6 +159,9 @@ private:
     template <class Node> static auto children(Node& node) {
         return std::tie(node.field, node.factor);
     }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("factor", &Node::factor));
+    }
     float3 valueOf(float3 const& v, float s) const { return v * s; }
     float3x3 gradientOf(float3 const& v, float s, float3x3 const& g, float3 const& sg) const {
         return g * s + outerProduct(v, sg);
@@ -155,6 +181,9 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) {
         return std::tie(node.field, node.factor);
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("factor", &Node::factor));
     }
     float3 valueOf(float3 const& v, float s) const { return v / s; }
     float3x3 gradientOf(float3 const& v, float s, float3x3 const& g, float3 const& sg) const {
@@ -176,6 +205,9 @@ private:
     template <class Node> static auto children(Node& node) {
         return std::tie(node.a, node.b, node.t);
     }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b), named("t", &Node::t));
+    }
     float3 valueOf(float3 const& av, float3 const& bv, float tv) const {
         return av * (1 - tv) + bv * tv;
     }
@@ -196,6 +228,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const { return cross(av, bv); }
     float3x3 gradientOf(float3 const& av, float3 const& bv, float3x3 const& ag,
                         float3x3 const& bg) const {
@@ -218,6 +253,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float3 valueOf(float3 const& v) const {
         float const l = length(v);
         return l == 0 ? v : v / l;

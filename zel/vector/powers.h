@@ -18,6 +18,9 @@ private:
     friend NodeAccess;
     static constexpr bool kHeavy = true;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("exponent", &Node::exponent));
+    }
     float3 valueOf(float3 const& v) const {
         return mapComponents([](float c, float e) { return std::pow(c, e); }, v, exponent);
     }
@@ -39,6 +42,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float3 valueOf(float3 const& v) const {
         return mapComponents([](float c) { return std::sqrt(Orvane::Math::positivePart(c)); }, v);
     }

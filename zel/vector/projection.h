@@ -17,6 +17,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float3 const& v) const { return v.x; }
     Columns<float> viewOf(Columns<float3> const& v) const { return v.part(0); }
     float3 gradientOf(float3x3 const& g) const { return g[0]; }
@@ -32,6 +35,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float3 const& v) const { return v.y; }
     Columns<float> viewOf(Columns<float3> const& v) const { return v.part(1); }
     float3 gradientOf(float3x3 const& g) const { return g[1]; }
@@ -47,6 +53,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float3 const& v) const { return v.z; }
     Columns<float> viewOf(Columns<float3> const& v) const { return v.part(2); }
     float3 gradientOf(float3x3 const& g) const { return g[2]; }
@@ -63,6 +72,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("component", &Node::component));
+    }
     bool isComponent() const { return 0 <= component && component < 3; }
     float valueOf(float3 const& v) const { return isComponent() ? v[component] : 0; }
     float3 gradientOf(float3x3 const& g) const { return isComponent() ? g[component] : float3{}; }
@@ -82,6 +94,9 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) {
         return std::tie(node.x, node.y, node.z);
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("x", &Node::x), named("y", &Node::y), named("z", &Node::z));
     }
     float3 valueOf(float xv, float yv, float zv) const { return {xv, yv, zv}; }
     Columns<float3> viewOf(Columns<float> const& xl, Columns<float> const& yl,
@@ -103,6 +118,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float valueOf(float3 const& av, float3 const& bv) const { return dot(av, bv); }
     float3 gradientOf(float3 const& av, float3 const& bv, float3x3 const& ag,
                       float3x3 const& bg) const {
@@ -120,6 +138,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float3 const& v) const { return length(v); }
     float3 gradientOf(float3 const& v, float3x3 const& g) const { return (v * g) / length(v); }
 
@@ -135,6 +156,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float valueOf(float3 const& v) const { return dot(v, v); }
     float3 gradientOf(float3 const& v, float3x3 const& g) const { return (v * g) * 2; }
 

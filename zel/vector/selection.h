@@ -18,7 +18,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kBalanced;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const {
         return mapComponents([](float ac, float bc) { return ac > bc ? ac : bc; }, av, bv);
     }
@@ -40,7 +44,11 @@ public:
 
 private:
     friend NodeAccess;
+    static constexpr Chain kChain = Chain::kBalanced;
     template <class Node> static auto children(Node& node) { return std::tie(node.a, node.b); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a), named("b", &Node::b));
+    }
     float3 valueOf(float3 const& av, float3 const& bv) const {
         return mapComponents([](float ac, float bc) { return ac < bc ? ac : bc; }, av, bv);
     }
@@ -63,6 +71,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field));
+    }
     float3 valueOf(float3 const& v) const {
         return mapComponents([](float c) { return std::fabs(c); }, v);
     }
@@ -86,6 +97,10 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("min", &Node::min),
+                          named("max", &Node::max));
+    }
     float3 valueOf(float3 const& v) const {
         auto const limited = [](float c, float first, float second) {
             bool const crossed = second < first;
@@ -117,6 +132,10 @@ private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) {
         return std::tie(node.condition, node.a, node.b);
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("condition", &Node::condition), named("a", &Node::a),
+                          named("b", &Node::b));
     }
 
     ScalarPtr condition;

@@ -28,6 +28,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("offset", &Node::offset));
+    }
     float3 childPosition(float3 const& p) const { return p - offset; }
     static constexpr bool kMovesOnly = true;
     float3 valueOf(float3 const& v) const { return v; }
@@ -48,6 +51,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("scale", &Node::scale));
+    }
     float3 childPosition(float3 const& p) const { return divideComponents(p, scale); }
     float3 valueOf(float3 const& v) const { return multiplyComponents(scale, v); }
     float3x3 gradientOf(float3x3 const& g) const { return g; }
@@ -75,6 +81,9 @@ public:
 private:
     friend NodeAccess;
     template <class Node> static auto children(Node& node) { return std::tie(node.field); }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("field", &Node::field), named("rotation", &Node::rotation));
+    }
     float3 childPosition(float3 const& p) const { return rotate(conjugate(rotation), p); }
     float3 valueOf(float3 const& v) const { return rotate(rotation, v); }
     float3x3 gradientOf(float3x3 const& g) const {

@@ -63,8 +63,17 @@ public:
     Value eval(float3 const& position, long long index) const override;
     Gradient grad(float3 const& position, long long index) const override;
 
+    Quern::String channelName() const;
+    SamplerType samplerType() const;
+    /// Whether the node has a tile tree, a topology and a channel to read.
+    bool isBound() const;
+
 protected:
     friend NodeAccess;
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("channel", &Node::channelName),
+                          named("sampler", &Node::samplerType, SamplerType::kLinear));
+    }
     VolumeNode(Quern::String const& channelName, SamplerType type);
     ZEL_INTERNAL void copyVolume(VolumeNode const& other);
 

@@ -52,6 +52,20 @@ VolumeNode<Self, Interface>& VolumeNode<Self, Interface>::operator=(VolumeNode c
 template <class Self, class Interface> VolumeNode<Self, Interface>::~VolumeNode() = default;
 
 template <class Self, class Interface>
+Quern::String VolumeNode<Self, Interface>::channelName() const {
+    return reader->channelName();
+}
+
+template <class Self, class Interface>
+SamplerType VolumeNode<Self, Interface>::samplerType() const {
+    return reader->samplerType();
+}
+
+template <class Self, class Interface> bool VolumeNode<Self, Interface>::isBound() const {
+    return reader->isBound();
+}
+
+template <class Self, class Interface>
 void VolumeNode<Self, Interface>::copyVolume(VolumeNode const& other) {
     *reader = *other.reader;
 }

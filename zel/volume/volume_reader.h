@@ -50,6 +50,8 @@ public:
     void bind(Orvane::Object const& object);
 
     bool isBound() const;
+    Quern::String const& channelName() const { return m_channelName; }
+    SamplerType samplerType() const { return m_type; }
     /// Whether there is a volume for which a halo was made.
     bool hasHalo() const;
 

@@ -1,0 +1,265 @@
+#include "zel_scene/bind.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
+#include "zel_scene/graph.h"
+
+namespace zel {
+
+namespace {
+
+using detail::Graph;
+using State = Binding::State;
+using Indices = Quern::Ptr<Quern::Array<long long>>;
+
+/// The triggerable nodes of a tree and all their ancestors.
+class NodesToCopy final : FieldConstVisitor {
+public:
+    explicit NodesToCopy(Field const& root) {
+        m_parents.try_emplace(&root);
+        m_order.push_back(&root);
+        for (std::size_t at = 0; at < m_order.size(); ++at) {
+            m_parent = m_order[at];
+            m_parent->listChildren(*this);
+        }
+        std::vector<Field const*> open;
+        for (Field const* const node : m_order)
+            if (node->is_triggerable()) open.push_back(node);
+        while (!open.empty()) {
+            Field const* const node = open.back();
+            open.pop_back();
+            if (!m_found.insert(node).second) continue;
+            auto const& parents = m_parents.find(node)->second;
+            open.insert(open.end(), parents.begin(), parents.end());
+        }
+    }
+
+    bool contains(Field const& node) const { return m_found.contains(&node); }
+
+private:
+    void operator()(Field const& child) override {
+        auto const [known, isNew] = m_parents.try_emplace(&child);
+        known->second.push_back(m_parent);
+        if (isNew) m_order.push_back(&child);
+    }
+
+    std::unordered_map<Field const*, std::vector<Field const*>> m_parents;
+    std::vector<Field const*> m_order;
+    Field const* m_parent = nullptr;
+    std::unordered_set<Field const*> m_found;
+};
+
+/// Copies the nodes of a tree that are to be bound, with their ancestors, and binds the copies. By
+/// a list of the copies whose children are still those of the originals, not by recursion.
+class BoundCopy final : ChildReplacer {
+public:
+    BoundCopy(Field const& root, Orvane::Object const& object, Indices const& indices)
+        : m_toCopy(root), m_object(object), m_indices(indices) {}
+
+    template <class Interface> Quern::Ptr<Interface> copyOf(Quern::Ptr<Interface> root) {
+        replace(root);
+        while (!m_open.empty()) {
+            Field* const node = m_open.back();
+            m_open.pop_back();
+            if (node->is_triggerable()) {
+                node->apply_object(m_object);
+                if (m_indices) node->use_property_indices(m_indices);
+            }
+            node->replaceChildren(*this);
+        }
+        return root;
+    }
+
+private:
+    void operator()(ScalarPtr& child) override { replace(child); }
+    void operator()(VectorPtr& child) override { replace(child); }
+    void operator()(Field& child) override { m_open.push_back(&child); }
+
+    template <class Interface> void replace(Quern::Ptr<Interface>& child) {
+        if (!child || !m_toCopy.contains(*child)) return;
+        auto& copies = std::get<Copies<Interface>>(m_copies);
+        auto const [known, isNew] = copies.try_emplace(child.get());
+        if (isNew) {
+            known->second = {child, child.clone()};
+            m_open.push_back(known->second.copy.get());
+        }
+        child = known->second.copy;
+    }
+
+    /// The original is kept, so that no other node gets its address.
+    template <class Interface> struct Copy { Quern::Ptr<Interface> original, copy; };
+    template <class Interface> using Copies = std::unordered_map<Interface const*, Copy<Interface>>;
+
+    NodesToCopy m_toCopy;
+    Orvane::Object const& m_object;
+    Indices const& m_indices;
+    std::tuple<Copies<ScalarField>, Copies<VectorField>> m_copies;
+    std::vector<Field*> m_open;
+};
+
+/// What an object has to be bound to.
+class Offer {
+public:
+    explicit Offer(Orvane::Object const& object)
+        : m_object(object), m_volume(Orvane::Geometry::shallow_copy_object_to_orv_volume(object)) {}
+
+    State stateFor(std::string const& parameter, std::string const& name, bool isBound) const {
+        if (parameter == "property") {
+            if (!m_object.hasProperty(name)) return State::kNoProperty;
+            return isBound ? State::kBound : State::kWrongType;
+        }
+        if (parameter == "channel") {
+            if (!m_volume) return State::kNoVolume;
+            auto const names = m_volume->componentNames();
+            if (std::find(names.begin(), names.end(), name) == names.end())
+                return State::kNoChannel;
+            return isBound ? State::kBound : State::kWrongChannel;
+        }
+        return isBound ? State::kBound : State::kUnbound;
+    }
+
+    std::string text() const {
+        std::vector<std::string> properties;
+        for (std::string const& name : m_object.propertyNames())
+            if (Orvane::pointerProperty<Orvane::Object>(m_object, name)) properties.push_back(name);
+        std::string all = "properties: " + listOf(properties);
+        if (!m_volume) return all + "; there is no volume";
+        std::vector<std::string> channels;
+        for (std::string const& name : m_volume->componentNames())
+            if (name != std::string(Orvane::Geometry::sVoxelTileTree) &&
+                name != std::string(Orvane::Geometry::sVoxelComp))
+                channels.push_back(name);
+        return all + "; channels: " + listOf(channels);
+    }
+
+private:
+    static std::string listOf(std::vector<std::string> const& names) {
+        std::string list;
+        for (std::string const& name : names) list += (list.empty() ? "" : ", ") + name;
+        return names.empty() ? "none" : list;
+    }
+
+    Orvane::Object const& m_object;
+    Quern::Ptr<ORV::Object> m_volume;
+};
+
+BindReport reportOn(Field const& root, Offer const& offer) {
+    Graph const graph(root);
+    BindReport report;
+    for (Graph::Node const& node : graph.nodes()) {
+        if (!node.field->is_triggerable()) continue;
+        Binding binding;
+        binding.path = graph.path(node);
+        binding.className = detail::shownName(*node.field);
+        std::string parameter;
+        for (std::uint32_t i = 0; node.nodeClass && i < node.slotCount; ++i) {
+            std::string const name = Graph::slotName(node, i);
+            auto const* const text = std::get_if<Quern::String>(&graph.slots(node)[i].value);
+            if (!text || (name != "property" && name != "channel")) continue;
+            parameter = name;
+            binding.name = *text;
+        }
+        bool const isBound =
+            !node.nodeClass || !node.nodeClass->isBound || node.nodeClass->isBound(*node.field);
+        binding.state = offer.stateFor(parameter, binding.name, isBound);
+        report.bindings.push_back(std::move(binding));
+    }
+    return report;
+}
+
+template <class Interface>
+BindReport bindTree(Quern::Ptr<Interface>& tree, Orvane::Object const& object,
+                    Indices const& indices, char const* caller, bool isStrict) {
+    if (!tree) throw std::invalid_argument(std::string(caller) + ": no tree");
+    Offer const offer(object);
+    Quern::Ptr<Interface> bound = BoundCopy(*tree, object, indices).copyOf(tree);
+    BindReport report = reportOn(*bound, offer);
+    if (isStrict && !report.isComplete())
+        throw std::invalid_argument(std::string(caller) + ": unbound:\n" + report.text() +
+                                    "there are " + offer.text());
+    tree = std::move(bound);
+    return report;
+}
+
+}  // namespace
+
+std::string Binding::reason() const {
+    switch (state) {
+    case State::kBound:
+        return "bound";
+    case State::kNoProperty:
+        return "no property \"" + name + '"';
+    case State::kWrongType:
+        return "the property \"" + name + "\" is of another type";
+    case State::kNoVolume:
+        return "no volume for the channel \"" + name + '"';
+    case State::kNoChannel:
+        return "no channel \"" + name + '"';
+    case State::kWrongChannel:
+        return "the channel \"" + name + "\" is of another type";
+    case State::kUnbound:
+        break;
+    }
+    return "not bound";
+}
+
+bool BindReport::isComplete() const {
+    return boundCount() == bindings.size();
+}
+
+std::size_t BindReport::boundCount() const {
+    return bindings.size() - unbound().size();
+}
+
+std::vector<Binding> BindReport::unbound() const {
+    std::vector<Binding> found;
+    for (Binding const& binding : bindings)
+        if (binding.state != State::kBound) found.push_back(binding);
+    return found;
+}
+
+std::string BindReport::text() const {
+    std::string lines;
+    for (Binding const& binding : unbound())
+        lines += binding.path + ": " + binding.className + ": " + binding.reason() + '\n';
+    return lines;
+}
+
+BindReport bind(ScalarPtr& tree, Orvane::Object const& object, Indices const& indices) {
+    return bindTree(tree, object, indices, "zel::bind", false);
+}
+BindReport bind(VectorPtr& tree, Orvane::Object const& object, Indices const& indices) {
+    return bindTree(tree, object, indices, "zel::bind", false);
+}
+BindReport bind(Tree& tree, Orvane::Object const& object, Indices const& indices) {
+    return std::visit([&](auto& root) { return bind(root, object, indices); }, tree);
+}
+
+void bindStrictly(ScalarPtr& tree, Orvane::Object const& object, Indices const& indices) {
+    bindTree(tree, object, indices, "zel::bindStrictly", true);
+}
+void bindStrictly(VectorPtr& tree, Orvane::Object const& object, Indices const& indices) {
+    bindTree(tree, object, indices, "zel::bindStrictly", true);
+}
+void bindStrictly(Tree& tree, Orvane::Object const& object, Indices const& indices) {
+    std::visit([&](auto& root) { bindStrictly(root, object, indices); }, tree);
+}
+
+std::vector<std::string> check(Tree const& tree) {
+    if (std::visit([](auto const& root) { return !root; }, tree)) return {"/root"};
+    Graph const graph(detail::rootOf(tree, "zel::check"));
+    std::vector<std::string> paths;
+    for (Graph::Node const& node : graph.nodes())
+        for (std::uint32_t i = 0; i < node.slotCount; ++i)
+            if (Graph::isChild(graph.slots(node)[i]) &&
+                graph.slots(node)[i].child == Graph::kNoNode)
+                paths.push_back(graph.path(node) + '/' + Graph::slotName(node, i));
+    return paths;
+}
+
+}  // namespace zel

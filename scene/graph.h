@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zel_scene/node_class.h"
+
+namespace zel::detail {
+
+/// A tree as a flat list of its distinct nodes. The root is node 0; the others follow in the order
+/// in which a walk by levels first meets them, so that equal trees have equal lists. Nothing
+/// recurses.
+class Graph {
+public:
+    static constexpr std::uint32_t kNoNode = ~std::uint32_t{0};
+
+    struct Slot {
+        Value value;  ///< empty for a child of a class that is not registered
+        std::uint32_t child = kNoNode;
+    };
+
+    struct Node {
+        Field const* field;
+        NodeClass const* nodeClass;  ///< null if it is not registered
+        std::uint32_t firstSlot, slotCount;
+        std::uint32_t parentCount;
+        /// Where the walk first met the node.
+        std::uint32_t parent, slotInParent;
+    };
+
+    /// `root` must outlive the graph, and must not change meanwhile.
+    explicit Graph(Field const& root);
+
+    std::vector<Node> const& nodes() const { return m_nodes; }
+    Slot const* slots(Node const& node) const { return m_slots.data() + node.firstSlot; }
+
+    /// Whether a slot is for a child, null or not.
+    static bool isChild(Slot const& slot) {
+        return slot.child != kNoNode || isField(kindOf(slot.value));
+    }
+
+    /// The name of a slot: of the parameter, or the number of the child if the class is not
+    /// registered.
+    static std::string slotName(Node const& node, std::uint32_t slot);
+
+    /// The names from the root to a node, such as "/root/a/field".
+    std::string path(Node const& node) const;
+
+private:
+    void readSlots(std::uint32_t node);
+
+    std::vector<Node> m_nodes;
+    std::vector<Slot> m_slots;
+    std::vector<Value> m_values;
+};
+
+/// The class name to show to a reader: that of the type, such as "zel::ScalarFieldAdd".
+std::string shownName(Field const& node);
+
+/// The root of a tree. Throws std::invalid_argument, with the name of the caller, if it is null.
+Field const& rootOf(Tree const& tree, char const* caller);
+
+}  // namespace zel::detail

@@ -1,0 +1,101 @@
+#include "zel_scene/node_class.h"
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
+#include <stdexcept>
+#include <typeindex>
+#include <unordered_map>
+
+#include "zel/node/type_name.h"
+#include "zel_scene/library_classes.h"
+
+namespace zel {
+
+namespace {
+
+/// All registered classes. They are never removed, so that a pointer to one stays valid.
+class Registry {
+public:
+    Registry() {
+        for (NodeClass& one : detail::libraryClasses()) add(std::move(one));
+    }
+
+    void add(NodeClass added) {
+        check(added);
+        std::unique_lock const lock(m_mutex);
+        if (m_byName.contains(added.name)) refuse(added, "the name is taken");
+        if (auto const known = m_byType.find(*added.type); known != m_byType.end())
+            refuse(added, "the class is registered as \"" + known->second->name + '"');
+        NodeClass const& kept = m_classes.emplace_back(std::move(added));
+        m_byName.emplace(kept.name, &kept);
+        m_byType.emplace(*kept.type, &kept);
+    }
+
+    NodeClass const* find(std::string_view name) const {
+        std::shared_lock const lock(m_mutex);
+        auto const found = m_byName.find(name);
+        return found == m_byName.end() ? nullptr : found->second;
+    }
+
+    NodeClass const* find(std::type_info const& type) const {
+        std::shared_lock const lock(m_mutex);
+        auto const found = m_byType.find(type);
+        return found == m_byType.end() ? nullptr : found->second;
+    }
+
+    std::vector<NodeClass const*> all() const {
+        std::shared_lock const lock(m_mutex);
+        std::vector<NodeClass const*> classes;
+        for (auto const& [name, one] : m_byName) classes.push_back(one);
+        return classes;
+    }
+
+private:
+    [[noreturn]] static void refuse(NodeClass const& added, std::string const& why) {
+        throw std::invalid_argument("zel::registerNode: " + std::string(typeNameOf(*added.type)) +
+                                    " as \"" + added.name + "\": " + why);
+    }
+
+    static void check(NodeClass const& added) {
+        if (added.name.empty()) refuse(added, "the name is empty");
+        std::set<std::string_view> names{"", "type", "children", "comment"};
+        for (ParameterInfo const& parameter : added.parameters)
+            if (!names.insert(parameter.name).second)
+                refuse(added, "a parameter cannot be named \"" + parameter.name +
+                                  "\", or has that name twice");
+    }
+
+    mutable std::shared_mutex m_mutex;
+    std::deque<NodeClass> m_classes;
+    std::map<std::string, NodeClass const*, std::less<>> m_byName;
+    std::unordered_map<std::type_index, NodeClass const*> m_byType;
+};
+
+Registry& registry() {
+    static Registry classes;
+    return classes;
+}
+
+}  // namespace
+
+NodeClass const* findNodeClass(std::string_view name) {
+    return registry().find(name);
+}
+
+NodeClass const* findNodeClass(Field const& node) {
+    return registry().find(typeid(node));
+}
+
+std::vector<NodeClass const*> nodeClasses() {
+    return registry().all();
+}
+
+void addNodeClass(NodeClass added) {
+    registry().add(std::move(added));
+}
+
+}  // namespace zel

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string_view>
+
+namespace zel::detail {
+
+/// Whether a text is valid UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+inline bool isUtf8(std::string_view text) {
+    for (std::size_t i = 0; i < text.size();) {
+        auto const byte = [&](std::size_t at) {
+            return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U;
+        };
+        unsigned const lead = byte(i);
+        unsigned const length = lead < 0x80                    ? 1
+                                : lead >= 0xc2 && lead <= 0xdf ? 2
+                                : lead >= 0xe0 && lead <= 0xef ? 3
+                                : lead >= 0xf0 && lead <= 0xf4 ? 4
+                                                               : 0;
+        if (length == 0) return false;
+        unsigned const second = byte(i + 1);
+        unsigned const least = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
+        unsigned const most = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
+        if (length > 1 && (second < least || second > most)) return false;
+        for (unsigned k = 2; k < length; ++k)
+            if ((byte(i + k) & 0xc0) != 0x80) return false;
+        i += length;
+    }
+    return true;
+}
+
+}  // namespace zel::detail

@@ -1,0 +1,268 @@
+#include <bit>
+#include <cstring>
+#include <limits>
+
+#include "support/random_nodes.h"
+#include "zel_scene/compare.h"
+#include "zel_scene/describe.h"
+#include "zel_scene/json.h"
+#include "zel_scene/register_node.h"
+
+// Trees as JSON: what is written is read back, and what people write is read or refused.
+using namespace support;
+using namespace zel;
+
+namespace {
+
+NodeRegistration<OwnScalar> const ownScalar("OwnScalar");
+NodeRegistration<OwnSum> const ownSum("OwnSum");
+
+/// The bits of floats, with one NaN for all.
+template <class T> std::vector<std::uint32_t> bitsOf(Quern::Array<T> const& values) {
+    std::vector<float> floats(static_cast<std::size_t>(values.size()) * sizeof(T) / sizeof(float));
+    if (!floats.empty()) std::memcpy(floats.data(), values.data(), floats.size() * sizeof(float));
+    std::vector<std::uint32_t> bits;
+    for (float const f : floats)
+        bits.push_back(std::isnan(f) ? 0x7fc00000U : std::bit_cast<std::uint32_t>(f));
+    return bits;
+}
+
+template <class Interface>
+void expectSameValues(Quern::Ptr<Interface> const& a, Quern::Ptr<Interface> const& b,
+                      unsigned seed) {
+    auto const positions = somePositions(70, seed);
+    auto const fromA = Core::Fields::evalAndGrad(*a, positions);
+    auto const fromB = Core::Fields::evalAndGrad(*b, positions);
+    EXPECT_EQ(bitsOf(*fromA.values), bitsOf(*fromB.values));
+    EXPECT_EQ(bitsOf(*fromA.gradients), bitsOf(*fromB.gradients));
+}
+
+std::string scene(std::string const& root, std::string const& nodes = "") {
+    return R"({"version": 1, "root": )" + root + (nodes.empty() ? "" : ", \"nodes\": " + nodes) +
+           '}';
+}
+
+std::string errorOf(std::string const& text, SceneLimits const& limits = {}) {
+    try {
+        scalarFromJson(text, limits);
+    } catch (SceneError const& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+}  // namespace
+
+TEST(Json, ReadsBackRandomGraphsOfAllClasses) {
+    unsigned seed = 100;
+    for (int i = 0; i < 6; ++i)
+        forEveryNode([&]<class Node>(std::string const& name) {
+            SCOPED_TRACE(name + " of seed " + std::to_string(++seed));
+            using Interface =
+                std::conditional_t<std::is_base_of_v<ScalarField, Node>, ScalarField, VectorField>;
+            Quern::Ptr<Interface> tree = RandomNodes(seed, false).make<Node>();
+            if (seed % 3 == 0) tree = withExactGradients(tree);
+            std::string const text = toJson(tree);
+            Tree const read = fromJson(text);
+            EXPECT_EQ(toJson(read), text);
+            EXPECT_TRUE(sameTree(tree, read));
+            EXPECT_EQ(hashOf(tree), hashOf(read));
+            expectSameValues(tree, std::get<Quern::Ptr<Interface>>(read), seed);
+        });
+}
+
+TEST(Json, KeepsEveryBitOfANumber) {
+    std::mt19937 random(3);
+    auto const check = [](float number) {
+        auto const tree = makePtr<ScalarFieldSphere>(float3{number, 0, number}, number);
+        EXPECT_TRUE(sameTree(tree, fromJson(toJson(tree)))) << std::bit_cast<std::uint32_t>(number);
+    };
+    for (int i = 0; i < 20'000; ++i)
+        check(std::bit_cast<float>(static_cast<std::uint32_t>(random())));
+    using Limits = std::numeric_limits<float>;
+    for (float const number : {0.0F, -0.0F, Limits::denorm_min(), Limits::min(), Limits::max(),
+                               0.1F, 16777216.0F, -Limits::infinity(), Limits::quiet_NaN()})
+        check(number);
+    for (std::uint32_t const bits : {0x7fc00001U, 0xffc00000U, 0x7f800001U, 0xffffffffU})
+        check(std::bit_cast<float>(bits));
+
+    for (int i = 0; i < 2000; ++i) {
+        auto const number = [&] {
+            return std::bit_cast<float>(static_cast<std::uint32_t>(random()));
+        };
+        float3 const direction{number(), number(), i % 5 == 0 ? 0 : number()};
+        auto const plane = makePtr<ScalarFieldPlane>(
+            float3{}, i % 2 ? direction : float3{0.1F * static_cast<float>(i), 1, 0.3F});
+        EXPECT_TRUE(sameTree(plane, fromJson(toJson(plane))));
+        auto const turned = makePtr<VectorFieldRotate>(makePtr<VectorFieldPosition>(), direction);
+        EXPECT_TRUE(sameTree(turned, fromJson(toJson(turned))));
+    }
+}
+
+TEST(Json, RoundsADecimalNumberOnce) {
+    // Just above the middle between two floats: by way of a double it would be the lower one.
+    std::string const number = "1.000000059604644775390625000000000000000001";
+    auto const tree = scalarFromJson(scene(number));
+    EXPECT_EQ(tree->eval(float3{}, 0), std::nextafterf(1.0F, 2.0F));
+    EXPECT_EQ(scalarFromJson(scene("-1e-60"))->eval(float3{}, 0), 0);
+}
+
+TEST(Json, ReadsWhatPeopleWrite) {
+    struct Case {
+        char const* root;
+        ScalarPtr tree;
+    };
+    ScalarPtr const x = makePtr<ScalarFieldXPosition>();
+    auto const number = [](float value) -> ScalarPtr {
+        return makePtr<ScalarFieldConstant>(value);
+    };
+    VectorPtr const vector = makePtr<VectorFieldConstant>(float3{1, 2, 3});
+    auto const sum = [](ScalarPtr const& a, ScalarPtr const& b) -> ScalarPtr {
+        return makePtr<ScalarFieldAdd>(a, b);
+    };
+    auto const least = [](ScalarPtr const& a, ScalarPtr const& b) -> ScalarPtr {
+        return makePtr<ScalarFieldMin>(a, b);
+    };
+    Case const cases[] = {
+        {"7", number(7)},
+        {R"({"type": "Sphere"})", makePtr<ScalarFieldSphere>(float3{}, 1.0F)},
+        {R"({"type": "zel::ScalarFieldSphere", "radius": 2, "comment": "large"})",
+         makePtr<ScalarFieldSphere>(float3{}, 2.0F)},
+        {R"({"type": "Add", "a": {"type": "XPosition"}, "b": -1.5e1})", sum(x, number(-15))},
+        {R"({"type": "Add", "children": [1, 2, 3, 4]})",
+         sum(sum(sum(number(1), number(2)), number(3)), number(4))},
+        {R"({"type": "Min", "children": [1, 2, 3, 4, 5]})",
+         least(least(least(number(1), number(2)), least(number(3), number(4))), number(5))},
+        {R"({"type": "Multiply", "children": [{"type": "XPosition"}]})", x},
+        {R"({"type": "Length", "field": [1, 2, 3]})", makePtr<VectorFieldLength>(vector)},
+        {R"({"type": "DotProduct", "a": {"type": "Negative", "field": [1, 2, 3]}, "b": [1, 2, 3]})",
+         makePtr<VectorFieldDotProduct>(makePtr<VectorFieldNegative>(vector),
+                                        makePtr<VectorFieldConstant>(float3{1, 2, 3}))},
+        {R"({"type": "Rotate", "field": 1, "rotation": [0, 0, 0.5]})",
+         makePtr<ScalarFieldRotate>(number(1), float3{0, 0, 0.5F})},
+        {R"({"type": "Plane", "normal": [0.1, 5, 3]})",
+         makePtr<ScalarFieldPlane>(float3{}, float3{0.1F, 5, 3})},
+        {R"({"type": "FractalNoise", "octaves": 3, "seed": -5})",
+         makePtr<ScalarFieldFractalNoise>(1.0F, 3.0F, 1.0F, 0.5F, 0.5F, number(0), 1.0F, -5)},
+        {R"({"type": "FCurve", "field": 2, "curve": {"keys": [[0, 1], [1, 2, 0.5, "cubic"]]}})",
+         makePtr<ScalarFieldFCurve>(
+             number(2), makePtr<Orvane::Math::FCurve>(
+                            std::vector<Orvane::Math::FCurve::Key>{
+                                {0, 1}, {1, 2, 0.5, 0.5, Orvane::Math::FCurve::Segment::kCubic}},
+                            Orvane::Math::FCurve::Extrapolation::kConstant,
+                            Orvane::Math::FCurve::Extrapolation::kConstant))},
+        {R"({"type": "ScalarOrvaneTriggered", "channel": "density"})",
+         makePtr<ScalarOrvaneTriggered>("density", SamplerType::kLinear)},
+    };
+    for (auto const& [root, tree] : cases)
+        EXPECT_TRUE(sameTree(scalarFromJson(scene(root)), tree)) << root;
+
+    ScalarPtr const ball = makePtr<ScalarFieldSphere>(float3{}, 0.5F);
+    EXPECT_TRUE(
+        sameTree(scalarFromJson(scene(
+                     R"({"type": "Add", "a": "ball", "b": {"type": "Negative", "field": "ball"}})",
+                     R"({"ball": {"type": "Sphere", "radius": 0.5}, "unused": 4})")),
+                 sum(ball, makePtr<ScalarFieldNegative>(ball))));
+}
+
+TEST(Json, NamesWhatIsWrongAndWhere) {
+    struct Case {
+        std::string text, error;
+    };
+    Case const cases[] = {
+        {"", "line 1, column 1: syntax error"},
+        {"{\"version\": 1,\n \"root\": }", "line 2, column 10: syntax error"},
+        {"[1]", "/: wanted an object with a member \"root\", found an array of 1"},
+        {R"({"root": 1})", "/: wanted a member \"version\": 1"},
+        {R"({"version": 2, "root": 1})", "/version: wanted the version 1, found 2"},
+        {R"({"version": 1})", "/: wanted a member \"root\""},
+        {R"({"version": 1, "root": 1, "note": {}})",
+         "/note: a scene has no such member; did you mean \"nodes\"?"},
+        {R"({"version": 1, "root": 1, "root": 2})", "/root: this member is there twice"},
+        {scene("true"), "/root: wanted a scalar field: a number, a name, or an object with a "
+                        "\"type\", found true"},
+        {scene("[1, 2, 3]"), "/root: wanted a scalar field: a number, a name, or an object with a "
+                             "\"type\", found an array of 3"},
+        {scene("{}"), "/root: wanted a member \"type\", the name of a class"},
+        {scene(R"({"type": "Spere"})"),
+         "/root/type: wanted the class of a scalar field, found \"Spere\"; did you mean "
+         "\"Sphere\"?"},
+        {scene(R"({"type": "VectorFieldAdd"})"),
+         "/root/type: wanted the class of a scalar field, found VectorFieldAdd, of a vector field"},
+        {scene(R"({"type": "Sphere", "raduis": 1})"),
+         "/root/raduis: ScalarFieldSphere has no such parameter; did you mean \"radius\"? It has "
+         "center, radius"},
+        {scene(R"({"type": "Sphere", "children": []})"),
+         "/root/children: ScalarFieldSphere has no such parameter. It has center, radius"},
+        {scene(R"({"type": "Add", "children": [1, {"type": "Sphere", "radius": "one"}]})"),
+         "/root/children/1/radius: wanted a number, or \"inf\", \"-inf\" or \"nan\", found "
+         "\"one\""},
+        {scene(R"({"type": "Add", "a": 1})"), "/root: ScalarFieldAdd wants \"b\", a scalar field"},
+        {scene(R"({"type": "Add", "children": [1], "a": 1})"),
+         "/root/a: the node has \"children\" already"},
+        {scene(R"({"type": "Sphere", "radius": 1e39})"),
+         "/root/radius: wanted a number in the range of a float, found 1e39"},
+        {scene(R"({"type": "SimplexNoise", "seed": 1.5})"),
+         "/root/seed: wanted an integer from -9223372036854775808 to 9223372036854775807, found "
+         "1.5"},
+        {scene(R"({"type": "ScalarOrvane", "channel": "d", "sampler": "cubic"})"),
+         "/root/sampler: wanted a sampler, \"linear\", \"cubicC0\" or \"cubicC1\", found "
+         "\"cubic\""},
+        {scene(R"({"type": "FCurve", "field": 1, "curve": {"keys": [[1, 0], [1, 2]]}})"),
+         "/root/curve: "},
+        {scene(R"({"type": "Negative", "field": "bal"})", R"({"ball": 1})"),
+         "/root/field: wanted a scalar field, found \"bal\", which is no name in \"nodes\"; did "
+         "you mean \"ball\"?"},
+        {scene("\"a\"", R"({"a": {"type": "Negative", "field": "a"}})"),
+         "/nodes/a/field: the node \"a\" is its own descendant"},
+        {scene(R"({"type": "Add", "a": "v", "b": {"type": "Length", "field": "v"}})",
+               R"({"v": 2})"),
+         "/root/b/field: wanted a vector field, found \"v\", a scalar field"},
+        {scene("\"a\"", R"({"a": "b", "b": 1})"),
+         "/nodes/a: wanted a node, not the name of another, found \"b\""},
+    };
+    for (auto const& [text, error] : cases) EXPECT_EQ(errorOf(text).substr(0, error.size()), error);
+}
+
+TEST(Json, RefusesWhatIsBeyondALimit) {
+    constexpr int kDeep = 100'000;
+    std::string deep;
+    for (int i = 0; i < kDeep; ++i) deep += R"({"type": "Negative", "field": )";
+    deep += '1' + std::string(kDeep, '}');
+    EXPECT_NE(errorOf(scene(deep)).find("limit of"), std::string::npos);
+    EXPECT_EQ(errorOf(scene(deep), {.depth = 200'000}), "none");
+    EXPECT_NE(errorOf(std::string(1'000'000, '[')).find("nested deeper"), std::string::npos);
+
+    // Each name doubles the depth of the tree, but for the call stack it is flat.
+    std::string names = "{\"n0\": {\"type\": \"XPosition\"}";
+    for (int i = 1; i < 60; ++i) {
+        std::string const below = "\"n" + std::to_string(i - 1) + '"';
+        names += ", \"n" + std::to_string(i) + R"(": {"type": "Add", "a": )" + below +
+                 ", \"b\": " + below + '}';
+    }
+    EXPECT_EQ(errorOf(scene("\"n59\"", names + '}'), {.nodes = 60, .depth = 60}), "none");
+    EXPECT_NE(errorOf(scene("\"n59\"", names + '}'), {.nodes = 60, .depth = 59}), "none");
+    EXPECT_EQ(errorOf(scene("\"n59\"", names + '}'), {.nodes = 59}),
+              "/nodes/n59: the scene has more nodes than the limit of 59");
+    EXPECT_EQ(errorOf("{}", {.bytes = 1}), "/: the file has 2 bytes, more than the limit of 1");
+}
+
+TEST(Json, RefusesTreesThatAFileCannotHold) {
+    struct Unknown : ScalarField {};
+    auto const errorOfTree = [](ScalarPtr const& tree) -> std::string {
+        try {
+            toJson(tree);
+        } catch (SceneError const& error) {
+            return error.what();
+        }
+        return "none";
+    };
+    EXPECT_EQ(errorOfTree(makePtr<ScalarFieldNegative>(
+                  makePtr<ScalarFieldAdd>(makePtr<ScalarFieldXPosition>(), nullptr))),
+              "/root/field/b: wanted a scalar field, found null");
+    EXPECT_EQ(errorOfTree(makePtr<ScalarFieldNegative>(makePtr<Unknown>())).substr(0, 27),
+              "/root/field: the class Json");
+    EXPECT_EQ(errorOfTree(makePtr<ScalarGeoPropertyFound>("\xff")),
+              "/root/property: wanted a string, found a text that is not UTF-8");
+    EXPECT_THROW(toJson(ScalarPtr()), std::invalid_argument);
+}

@@ -1,0 +1,259 @@
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "support/random_nodes.h"
+#include "zel_scene/bind.h"
+#include "zel_scene/compare.h"
+#include "zel_scene/describe.h"
+#include "zel_scene/json.h"
+#include "zel_scene/operators.h"
+#include "zel_scene/register_node.h"
+
+// Trees described, compared, bound and written as formulas, and classes that take part.
+using namespace support;
+using namespace zel;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+/// A class of a user with a parameter of every type that is not in the library.
+struct Everything : ScalarField {
+    Everything(double a_, std::uint16_t b_, Quern::Ptr<ScalarFieldConstant> c_)
+        : a(a_), b(b_), c(std::move(c_)) {}
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b), named("c", &Node::c, 1));
+    }
+    double a;
+    std::uint16_t b;
+    Quern::Ptr<ScalarFieldConstant> c;
+};
+
+template <class F> std::string messageOf(F const& f) {
+    try {
+        f();
+    } catch (std::exception const& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+}  // namespace
+
+TEST(NodeClass, OfAUserTakesPart) {
+    auto const tree =
+        makePtr<Everything>(0.3, std::uint16_t{65535}, makePtr<ScalarFieldConstant>(2.0F));
+    EXPECT_THAT(messageOf([&] { toJson(tree); }), HasSubstr("Everything is not registered"));
+    EXPECT_THAT(messageOf([&] { hashOf(tree); }), HasSubstr("/root: the class"));
+    registerNode<Everything>("Everything");
+    EXPECT_TRUE(sameTree(tree, fromJson(toJson(tree))));
+    auto const read = [](std::string const& members) {
+        return messageOf([&] {
+            fromJson(R"({"version": 1, "root": {"type": "Everything", )" + members + "}}");
+        });
+    };
+    EXPECT_EQ(read(R"("b": 1, "c": 3)"), "none");
+    EXPECT_EQ(read(R"("b": 1)"), "none");
+    EXPECT_EQ(read(R"("b": 65536, "c": 3)"),
+              "/root/b: wanted an integer from 0 to 65535, found 65536");
+    EXPECT_EQ(read(R"("b": 1, "c": {"type": "XPosition"})"),
+              "/root: the child is not of the class that this node asks for");
+
+    EXPECT_THAT(messageOf([] { registerNode<Everything>("Other"); }),
+                HasSubstr("the class is registered as \"Everything\""));
+    struct Another : ScalarField {};
+    EXPECT_THAT(messageOf([] { registerNode<Another>("ScalarFieldAdd"); }),
+                HasSubstr("as \"ScalarFieldAdd\": the name is taken"));
+    EXPECT_THROW(registerNode<Another>(""), std::invalid_argument);
+    EXPECT_EQ(findNodeClass("Other"), nullptr);
+    EXPECT_EQ(findNodeClass(*tree), findNodeClass("Everything"));
+    // A class derived from a registered one is another class.
+    struct Derived : ScalarFieldAdd {
+        using ScalarFieldAdd::ScalarFieldAdd;
+    };
+    EXPECT_EQ(findNodeClass(Derived(nullptr, nullptr)), nullptr);
+}
+
+TEST(NodeClass, NamesItsParametersAsItsConstructorTakesThem) {
+    // Every class is made from the defaults of its parameters, or from a value of each kind.
+    for (NodeClass const* const one : nodeClasses()) {
+        SCOPED_TRACE(one->name);
+        std::vector<Value> values;
+        for (ParameterInfo const& parameter : one->parameters) {
+            switch (parameter.kind) {
+            case ValueKind::kBool:
+                values.emplace_back(false);
+                break;
+            case ValueKind::kInteger:
+                values.emplace_back(std::int64_t{2});
+                break;
+            case ValueKind::kFloat:
+                values.emplace_back(2.0F);
+                break;
+            case ValueKind::kVector:
+                values.emplace_back(float3{1, 2, 3});
+                break;
+            case ValueKind::kScalarField:
+                values.emplace_back(xPosition());
+                break;
+            case ValueKind::kVectorField:
+                values.emplace_back(position());
+                break;
+            default:
+                continue;
+            }
+        }
+        if (values.size() != one->parameters.size()) continue;
+        std::vector<Value> given = values, read;
+        Tree const made = one->make(given, Orvane::Object());
+        one->read(std::visit([](auto const& root) -> Field const& { return *root; }, made), read);
+        EXPECT_EQ(made.index() == 0, one->isScalar);
+        ASSERT_EQ(read.size(), values.size());
+        for (std::size_t i = 0; i < values.size(); ++i)
+            EXPECT_EQ(read[i].index(), values[i].index());
+    }
+}
+
+TEST(Describe, ShowsClassesParametersAndSharing) {
+    ScalarPtr const ball = makePtr<ScalarFieldSphere>(float3{0, 0.5F, 0}, 1.0F);
+    ScalarPtr const tree = makePtr<ScalarFieldAdd>(
+        makePtr<ScalarFieldMin>(ball, makePtr<OwnScalar>()),
+        makePtr<ScalarFieldAdd>(makePtr<ScalarFieldSimplexNoise>(ball, 7), nullptr));
+    EXPECT_EQ(describe(tree), R"(zel::ScalarFieldAdd
+  a: zel::ScalarFieldMin
+    a: zel::ScalarFieldSphere #1 center=(0, 0.5, 0) radius=1
+    b: support::OwnScalar
+  b: zel::ScalarFieldAdd
+    a: zel::ScalarFieldSimplexNoise seed=7
+      time: zel::ScalarFieldSphere #1
+    b: null
+)");
+    std::string const dot = toDot(tree);
+    EXPECT_THAT(dot, HasSubstr("n1 -> n3 [label=\"a\"];"));
+    EXPECT_THAT(dot, HasSubstr("n5 -> n3 [label=\"time\"];"));
+    EXPECT_THAT(dot,
+                HasSubstr(R"(n3 [label="zel::ScalarFieldSphere\ncenter (0, 0.5, 0)\nradius 1"];)"));
+    EXPECT_THAT(check(tree), ElementsAre("/root/b/b"));
+    EXPECT_THAT(check(ScalarPtr()), ElementsAre("/root"));
+    EXPECT_THROW(describe(ScalarPtr()), std::invalid_argument);
+
+    ScalarPtr deep = ball;
+    for (int i = 0; i < 200'000; ++i) deep = makePtr<ScalarFieldNegative>(deep);
+    EXPECT_GT(describe(deep).size(), 200'000U * 100);
+    EXPECT_TRUE(check(deep).empty());
+}
+
+TEST(Compare, SeesClassesBitsAndSharing) {
+    ScalarPtr const x = xPosition();
+    Tree const trees[] = {x,
+                          x + x,
+                          x + xPosition(),
+                          x - x,
+                          x + 0.0F,
+                          x + -0.0F,
+                          withExactGradients(length(normalize(position()))),
+                          length(normalize(position())),
+                          position(),
+                          makePtr<ScalarGeoPropertyFound>("a"),
+                          makePtr<ScalarGeoPropertyFound>("b"),
+                          makePtr<VectorGeoPropertyFound>("a"),
+                          makePtr<VectorFieldConstantArray>(),
+                          makePtr<VectorFieldConstantArray>(Quern::Array<float3>{{1, 2, 3}}),
+                          makePtr<ScalarOrvane>(Orvane::Object(), "a", SamplerType::kLinear),
+                          makePtr<ScalarOrvane>(Orvane::Object(), "a", SamplerType::kCubicC0)};
+    for (Tree const& a : trees)
+        for (Tree const& b : trees) {
+            EXPECT_EQ(sameTree(a, b), &a == &b);
+            EXPECT_EQ(hashOf(a) == hashOf(b), &a == &b);
+        }
+    // FNV-1a of the classes, kinds, children and bits, worked out apart.
+    EXPECT_EQ(hashOf(trees[4]), 3974395112096795194U);
+}
+
+TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
+    auto const object = boundObject<ORV::TileTree3D::BinaryTraits>();
+    auto const property = [](char const* name) -> ScalarPtr {
+        return makePtr<ScalarGeoPropertyTriggered>(name);
+    };
+    auto const channel = [](char const* name) -> ScalarPtr {
+        return makePtr<ScalarOrvaneTriggered>(name, SamplerType::kLinear);
+    };
+    ScalarPtr const shared = property("scalar");
+    ScalarPtr const fixed = xPosition() + 1;
+    ScalarPtr tree = ScalarPtr(makePtr<ScalarFieldSimplexNoise>(shared, 3)) + shared + fixed;
+    ScalarPtr const before = tree;
+    BindReport const report = bind(tree, object);
+    EXPECT_TRUE(report.isComplete());
+    ASSERT_EQ(report.boundCount(), 1U);  // one node, although it has two parents
+    EXPECT_EQ(report.bindings[0].path, "/root/a/b");
+    EXPECT_TRUE(sameTree(tree, before));
+    EXPECT_EQ(fixed.useCount(), 3);  // shared by both trees
+    EXPECT_NE(tree->eval(float3{0.3F, 0, 0}, 9), before->eval(float3{0.3F, 0, 0}, 9));
+
+    tree = max(
+        max(max(property("scalar"), property("none")), max(property("vector"), channel("none"))),
+        max(channel("vector"), channel("scalar")));
+    ScalarPtr const kept = tree;
+    std::string const expected = R"(/root/a/a/b: zel::ScalarGeoPropertyTriggered: no property "none"
+/root/a/b/a: zel::ScalarGeoPropertyTriggered: the property "vector" is of another type
+/root/a/b/b: zel::ScalarOrvaneTriggered: no channel "none"
+)";
+    EXPECT_EQ(messageOf([&] { bindStrictly(tree, object); }),
+              "zel::bindStrictly: unbound:\n"
+              "/root/b/a: zel::ScalarOrvaneTriggered: the channel \"vector\" is of another type\n" +
+                  expected +
+                  "there are properties: scalar, short, turn, vector; channels: scalar, vector");
+    EXPECT_EQ(tree, kept);
+    EXPECT_EQ(bind(tree, object).boundCount(), 2U);
+    Orvane::Object const empty;
+    tree = channel("scalar");
+    EXPECT_EQ(bind(tree, empty).text(),
+              "/root: zel::ScalarOrvaneTriggered: no volume for the channel \"scalar\"\n");
+    tree = nullptr;
+    EXPECT_THROW(bind(tree, object), std::invalid_argument);
+
+    tree = property("scalar");
+    for (int i = 0; i < 100'000; ++i) tree = -tree;
+    EXPECT_TRUE(bind(tree, object).isComplete());
+}
+
+TEST(Operators, MakeTheNodesOfTheirFormulas) {
+    auto const ball = makePtr<ScalarFieldSphere>(float3{}, 1.0F);  // a pointer to a class of nodes
+    ScalarPtr const x = xPosition();
+    VectorPtr const p = position();
+    float3 const at{0.3F, -2, 5}, v{1, 2, 4};
+    auto const value = [&](ScalarPtr const& field) { return field->eval(at, 0); };
+    auto const vector = [&](VectorPtr const& field) { return field->eval(at, 0); };
+    float const b = value(ball);
+    EXPECT_EQ(value(ball + x), b + at.x);
+    EXPECT_EQ(value(2 * ball - x / 3.0), 2 * b - at.x / 3);
+    EXPECT_EQ(value(-ball * ball), -b * b);
+    EXPECT_EQ(value(min(ball, 0.5F) + max(1, x)), std::min(b, 0.5F) + 1);
+    EXPECT_EQ(value(lerp(ball, 3, 0.25F)), 3 * 0.25F + b * 0.75F);
+    EXPECT_EQ(value(lerp(x, ball, x)), b * at.x + at.x * (1 - at.x));
+    EXPECT_EQ(value(translate(ball, {0, 1, 0})), ball->eval({0.3F, -3, 5}, 0));
+    EXPECT_EQ(value(scale(ball, {2, 2, 2})), ball->eval({0.15F, -1, 2.5F}, 0));
+    EXPECT_EQ(value(length(p) + dot(p, v)), Orvane::Math::length(at) + Orvane::Math::dot(at, v));
+    EXPECT_EQ(vector(p + v), at + v);
+    EXPECT_EQ(vector(v - p), v - at);
+    EXPECT_EQ(vector(p * x), at * at.x);
+    EXPECT_EQ(vector(2 * p), at * 2);
+    EXPECT_EQ(vector(p / 4), at / 4);
+    EXPECT_EQ(vector(v * x), v * at.x);
+    EXPECT_EQ(vector(p * p), (float3{at.x * at.x, at.y * at.y, at.z * at.z}));
+    EXPECT_EQ(vector(cross(v, p)), Orvane::Math::cross(v, at));
+    EXPECT_EQ(vector(lerp(p, v, 1)), v);
+    EXPECT_EQ(vector(vectorOf(x, 1, ball)), (float3{at.x, 1, b}));
+    EXPECT_TRUE(sameTree(rotate(p, v), makePtr<VectorFieldRotate>(p, v)));
+
+    std::vector<ScalarPtr> fields;
+    for (int i = 0; i < 1000; ++i) fields.push_back(constant(static_cast<float>(i * 7 % 1000)));
+    EXPECT_EQ(value(unionOf(fields)), 0);
+    EXPECT_EQ(value(intersectionOf(fields)), 999);
+    EXPECT_EQ(unionOf(std::span(fields).first(1)), fields[0]);
+    EXPECT_THROW(unionOf({}), std::invalid_argument);
+    std::string const text = toJson(unionOf(fields));
+    EXPECT_NO_THROW(fromJson(text, {.depth = 11}));
+    EXPECT_THROW(fromJson(text, {.depth = 10}), SceneError);
+}
