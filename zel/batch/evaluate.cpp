@@ -68,16 +68,6 @@ ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView cons
     return values.size() == points.count && points.x && points.y && points.z &&
            detail::callPoints(field, points, values.data(), nullptr, firstIndex);
 }
-template <class Interface>
-ZEL_ALWAYS_INLINE inline bool evaluateFew(Interface const& field, PointView const& points,
-                                          std::span<typename Interface::Value> values,
-                                          std::span<typename Interface::Gradient> gradients,
-                                          EvaluateOptions const& options) {
-    return !isWatched(options) && gradients.size() == points.count &&
-           (values.empty() || values.size() == points.count) && points.x && points.y && points.z &&
-           detail::callPoints(field, points, values.empty() ? nullptr : values.data(),
-                              gradients.data(), options.firstIndex);
-}
 
 }  // namespace
 

@@ -40,10 +40,13 @@ public:
     BatchWork& operator=(BatchWork const&) = delete;
 
     void run() {
-        if (!m_batch.parallel || m_batch.points.count <= 1)
-            runRange(0, m_batch.points.count);
-        else
+        std::size_t const count = m_batch.points.count;
+        if (count <= 1)
+            runRange(0, count);
+        else if (m_batch.parallel)
             share();
+        else
+            runHere(0, count);
         if (!m_context || !m_context->is_group_execution_cancelled()) return;
         // By a node: some blocks are missing.
         if (m_batch.values) std::fill_n(m_batch.values, m_batch.points.count, Value{});

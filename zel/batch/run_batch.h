@@ -50,7 +50,7 @@ callPoints(Interface const& field, PointView const& points, typename Interface::
         if (gradients) gradients[i] = field.grad(p, index);
     };
     std::ptrdiff_t at = 0;
-    if (points.y == points.x + 1 && points.z == points.x + 2) {
+    if (points.count > 0 && points.y == points.x + 1 && points.z == points.x + 2) {
         // A node that reads a copy waits for the copy, which is a tenth of the time.
         for (std::size_t i = 0; i < points.count; ++i, at += points.stride)
             callAt(i, reinterpret_cast<Orvane::Math::float3 const&>(points.x[at]));

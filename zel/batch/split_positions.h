@@ -57,8 +57,8 @@ ZEL_WIDE_TARGET inline void splitPositionsWide(int count, float const* p, float*
 class PositionReader {
 public:
     explicit PositionReader(PointView const& points)
-        : m_points(points), m_isInterleaved(points.stride == 3 && points.y == points.x + 1 &&
-                                            points.z == points.x + 2) {}
+        : m_points(points), m_isInterleaved(points.count > 0 && points.stride == 3 &&
+                                            points.y == points.x + 1 && points.z == points.x + 2) {}
 
     Orvane::Math::float3 operator[](std::size_t i) const {
         std::ptrdiff_t const at = m_points.stride * static_cast<std::ptrdiff_t>(i);

@@ -56,13 +56,16 @@ struct EvaluateOptions {
 ///
 /// Hooks, exceptions, rounding and cancelled tasks are as in the batch `eval`. Any number of
 /// threads may evaluate one field. A batch that is over within the time that it takes to wake other
-/// threads stays on the calling one. A thread that has evaluated a field before allocates nothing.
+/// threads stays on the calling one. A thread that has evaluated a field just before allocates
+/// nothing, as long as no other thread takes a part. A node below the field must not be destroyed
+/// and constructed anew in place.
 ///
 /// Throws std::invalid_argument before anything else is done if the length of a result that is not
 /// empty is not the number of positions, or if an array of coordinates is null. Throws Stopped if a
-/// stop is requested before all positions are done. After Stopped, as after an exception of a node
-/// or of `progress`, each element of the results is either as before or has its value, and
-/// `postSampleField` is not called.
+/// stop is requested before all positions are done. After Stopped, or an exception of `progress`,
+/// each element of the results is either as before or has its value. After an exception of a node,
+/// elements of the block of 256 positions in which it was thrown are unspecified. In each of these
+/// cases `postSampleField` is not called.
 ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView const& points,
                       std::span<float> values);
 ZEL_API void evaluate(Core::Fields::ScalarField const& field, PointView const& points,

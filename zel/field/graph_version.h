@@ -41,7 +41,8 @@ public:
         while (!isWatched(seen) &&
                !slot.compare_exchange_weak(seen, seen + 1, std::memory_order_relaxed)) {
         }
-        return of(root);
+        // Not by of(root): a node constructed on another thread may have ended the watch already.
+        return {&root, seen + !isWatched(seen), s_change.load(std::memory_order_relaxed)};
     }
 
     /// Each node reports its construction.

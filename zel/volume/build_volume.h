@@ -21,7 +21,8 @@
 // thread. An exception of a node, or of `progress`, reaches the caller with its type, and leaves
 // `postSampleField` uncalled. If a node cancels the task group in which it is evaluated, the call
 // throws std::runtime_error. If the stop token asks for it, the call ends after the next thousand
-// positions or so of each thread and throws zel::Stopped.
+// positions or so of each thread and throws zel::Stopped; but not while it clears the memory of a
+// channel or restricts its samples, which takes some nanoseconds a sample.
 //
 // Any number of threads may call these functions at once, also for the same field. No other thread
 // may use a channel while it is filled, nor add tiles to its tree.
@@ -94,9 +95,9 @@ struct BuildOptions {
 /// there, or of the slope of the plane through the centre that fits the corners best, whichever is
 /// longer. d is the largest deviation of a corner from that plane. So no part of the band is lost
 /// of a sphere, a plane or another field whose variation in a tile shows at the nine points; it is
-/// no matter if the gradient is computed by differences, or is NaN. A part that lies between the
-/// points of all tiles of `minDepth` is lost. A tile is also made if some of the nine values are
-/// finite and others not.
+/// no matter if the gradient is computed by differences, or is NaN. An infinite one makes the tile.
+/// A part that lies between the points of all tiles of `minDepth` is lost. A tile is also made if
+/// some of the nine values are finite and others not.
 ///
 /// Time and memory are those of the band: the deepest tiles take most of both.
 /// While the tree is refined, the element indices mean nothing.

@@ -32,11 +32,13 @@ void VolumeWork::stopIfAsked() const {
 void VolumeWork::add(std::size_t positions) {
     m_done += positions;
     if (!m_progress || Clock::now() < m_nextReport.load()) return;
-    std::unique_lock const lock(m_reporting, std::try_to_lock);
-    // Another thread may have reported since.
-    if (!lock || Clock::now() < m_nextReport.load()) return;
-    m_progress(m_done, m_all);
-    m_nextReport = Clock::now() + kBetweenReports;
+    // A report that throws leaves the flag set, and is the last.
+    if (m_isReporting.test_and_set(std::memory_order_acquire)) return;
+    if (Clock::now() >= m_nextReport.load()) {  // another thread may have reported since
+        m_progress(m_done, m_all);
+        m_nextReport = Clock::now() + kBetweenReports;
+    }
+    m_isReporting.clear(std::memory_order_release);
 }
 
 void VolumeWork::checkComplete() const {

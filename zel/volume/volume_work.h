@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <stop_token>
 
 #include "zel/batch/float_environment.h"
@@ -80,7 +79,7 @@ private:
     std::uint64_t m_batch;
     std::size_t m_all = 0;
     std::atomic<std::size_t> m_done = 0;
-    std::mutex m_reporting;  // held by the thread that reports; the others go on
+    std::atomic_flag m_isReporting;  // set by the thread that reports; the others go on
     std::atomic<Clock::time_point> m_nextReport;
 };
 
