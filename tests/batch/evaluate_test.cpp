@@ -249,6 +249,15 @@ TEST(Evaluate, TellsItsProgressAndStops) {
             for (;;) evaluate(negative, PointView::of(points), values, options);
         };
         EXPECT_THROW(evaluateForever(), Stopped);
+        // Few positions of a graph that is known.
+        std::size_t done = 0;
+        options.progress = [&](std::size_t now, std::size_t) { done = now; };
+        auto const some = PointView::of(std::span(points).first(3));
+        EXPECT_THROW(evaluate(negative, some, std::span(values).first(3), options), Stopped);
+        EXPECT_EQ(done, 0U);
+        options.stop = {};
+        evaluate(negative, some, std::span(values).first(3), options);
+        EXPECT_EQ(done, 3U);
     }
 }
 

@@ -44,11 +44,13 @@ template <class Interface>
     batch.firstIndex = options.firstIndex;
     batch.parallel = options.parallel;
     std::optional<detail::Watch> watch;
-    if (isWatched(options))
-        batch.watch = &watch.emplace(options, points.count);
-    else if (batch.gradients &&
-             detail::callPoints(field, points, batch.values, batch.gradients, options.firstIndex))
+    if (isWatched(options)) batch.watch = &watch.emplace(options, points.count);
+    bool const isWanted = batch.values || batch.gradients;
+    if (isWanted && (!watch || watch->goesOn()) &&
+        detail::callPoints(field, points, batch.values, batch.gradients, options.firstIndex)) {
+        if (watch) watch->finishAll();
         return;
+    }
     detail::runBatch(field, batch);
 }
 

@@ -12,7 +12,8 @@ namespace zel::detail {
 class Watch {
 public:
     Watch(EvaluateOptions const& options, std::size_t all)
-        : m_options(options), m_all(all), m_lastReport(Clock::now().time_since_epoch()) {}
+        : m_options(options), m_all(all),
+          m_lastReport(options.progress ? Clock::now().time_since_epoch() : Clock::duration()) {}
 
     /// Whether a task is to go on. It asks before each block.
     bool goesOn() {
