@@ -2,17 +2,44 @@
 
 #include "zel/batch/fusion/fusion_plan.h"
 #include "zel/batch/fusion/parent_counter.h"
+#include "zel/batch/fusion/pending_nodes.h"
 
 namespace zel::detail {
 
 namespace {
 
-/// The most positions for which point calls take less time than a block, where the time of up to 64
-/// positions is the same: by measurements of trees of light nodes. Heavy nodes take longer in both.
-std::size_t mostPointCalls(std::size_t nodeCount) {
-    constexpr std::size_t kOfBlock = 60, kOfNode = 4;
-    return (kOfBlock + kOfNode * nodeCount) / nodeCount;
-}
+// The times of a node in a point call, and of a block of up to 64 positions, in the same unit: by
+// measurements of trees of light nodes. Heavy nodes take longer in both.
+constexpr std::size_t kOfBlock = 60, kOfNodeInBlock = 4;
+
+/// Counts the nodes that a point call asks: one with several parents as often as they ask it.
+class PointCallCounter final : public Fuser {
+public:
+    explicit PointCallCounter(Arena& memory) : m_pending(memory) {}
+
+    /// Ends early above `most`.
+    template <class Interface> std::size_t count(Interface const& root, std::size_t most) {
+        std::size_t calls = 0;
+        m_pending.push(NodeRef(root));
+        for (; !m_pending.isEmpty() && calls <= most; ++calls) m_pending.pop().fuse(*this);
+        return calls;
+    }
+
+    void queue(ScalarField const& child) override { m_pending.push(NodeRef(child)); }
+    void queue(VectorField const& child) override { m_pending.push(NodeRef(child)); }
+    void offerGradients(std::initializer_list<ScalarChild const*> /*children*/) override {}
+    void hideChildren() override {}
+    void addFormula(ScalarField const& /*node*/, void const* /*self*/,
+                    FormulaStages const& /*stages*/,
+                    std::initializer_list<ScalarChild const*> children) override {
+        for (ScalarChild const* const child : children) queue(**child);
+    }
+    void addLeaf(void const* /*self*/, LeafStages const& /*stages*/) override {}
+    void addView(void const* /*self*/, View /*view*/, float3 const& /*gradient*/) override {}
+
+private:
+    PendingNodes m_pending;
+};
 
 }  // namespace
 
@@ -23,19 +50,21 @@ template <class Interface> KnownGraph KnownGraphs::examined(Interface const& roo
     FusionPlan nodes(m_plans);
     ParentCounter counter(nodes, m_plans);
     counter.walk(root, kMostNodes);
-    m_plans.release(mark);
     graph.nodeCount = counter.nodeCount();
     graph.isPure = graph.nodeCount <= kMostNodes && !counter.hasHooks() &&
                    counter.sharing() == Sharing::kByParents;
-    // With several parents an operator would be asked several times. So are the descendants of many
-    // operators for their values, where gradients are asked for.
-    if (graph.isPure && !counter.sharesOperators()) {
-        constexpr std::size_t kMostNodesForGradients = 64;
-        std::size_t const most = mostPointCalls(graph.nodeCount);
+    if (graph.isPure) {
+        // The most positions for which point calls take less time than a block. A gradient asks the
+        // descendants of many operators for their values, too.
+        constexpr std::size_t kMostCallsForGradients = 64;
+        std::size_t const ofBlock = kOfBlock + kOfNodeInBlock * graph.nodeCount,
+                          calls = PointCallCounter(m_plans).count(root, ofBlock),
+                          most = ofBlock / calls;
         graph.mostPointValues = static_cast<std::uint32_t>(most);
-        if (graph.nodeCount <= kMostNodesForGradients)
+        if (calls <= kMostCallsForGradients)
             graph.mostPointGradients = static_cast<std::uint32_t>(most / 2);
     }
+    m_plans.release(mark);
     return graph;
 }
 

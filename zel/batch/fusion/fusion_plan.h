@@ -22,7 +22,6 @@ public:
         // What the walk needs to know of the node:
         int parentCount = 0;  ///< counted once for each time that a parent names it
         bool isView = false;
-        bool isOperator = false;                             ///< it has children
         bool isRootOfValues = false, isRootOfDuals = false;  ///< or is queued as a root
         bool hasNoDuals = false;                             ///< no fusion of duals is possible
         /// A fusion of duals may ask it for values and gradients: a shared leaf, or a node that

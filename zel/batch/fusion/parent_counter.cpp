@@ -9,12 +9,7 @@ template <class Interface> void ParentCounter::walk(Interface const& root, std::
     while (!m_pending.isEmpty() && m_nodeCount <= mostNodes) {
         NodeRef const node = m_pending.pop();
         m_visited = node.address();
-        m_visitedIsOperator = false;
         node.fuse(*this);
-        if (!m_visitedIsOperator) continue;
-        FusionPlan::Entry& entry = m_plan.insert(m_visited);
-        entry.isOperator = true;
-        m_sharesOperators |= entry.parentCount > 1;
     }
 }
 
@@ -22,12 +17,7 @@ template void ParentCounter::walk(ScalarField const&, std::size_t);
 template void ParentCounter::walk(VectorField const&, std::size_t);
 
 template <class Interface> void ParentCounter::count(Interface const& node) {
-    m_visitedIsOperator = true;
-    FusionPlan::Entry& entry = m_plan.insert(&node);
-    if (entry.parentCount++ > 0) {
-        m_sharesOperators |= entry.isOperator;
-        return;
-    }
+    if (m_plan.insert(&node).parentCount++ > 0) return;
     ++m_nodeCount;
     m_pending.push(NodeRef(node));
 }

@@ -31,8 +31,6 @@ public:
     Sharing sharing() const { return m_hasHidden ? Sharing::kByOwners : Sharing::kByParents; }
     /// Whether some node has hooks that do more than to pass on calls, as far as nodes are known.
     bool hasHooks() const { return m_hasHooks; }
-    /// Whether some operator has several parents, each of which would ask it at a point.
-    bool sharesOperators() const { return m_sharesOperators; }
     std::size_t nodeCount() const { return m_nodeCount; }
 
     void queue(ScalarField const& child) override { count(child); }
@@ -52,8 +50,7 @@ private:
     PendingNodes m_pending;
     void const* m_visited = nullptr;
     std::size_t m_nodeCount = 0;
-    bool m_visitedIsOperator = false;
-    bool m_hasHidden = false, m_hasHooks = false, m_sharesOperators = false;
+    bool m_hasHidden = false, m_hasHooks = false;
 };
 
 }  // namespace detail
