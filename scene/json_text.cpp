@@ -21,7 +21,11 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
         return add(Type::kNumber, std::to_string(value));
     }
     bool number_float(number_float_t /*value*/, string_t const& text) override {
-        return add(Type::kNumber, text);
+        // The parser puts the decimal point of the locale in place of the one in the file.
+        std::string written = text;
+        auto const point = written.find_first_not_of("+-0123456789eE");
+        if (point != std::string::npos) written[point] = '.';
+        return add(Type::kNumber, written);
     }
     bool string(string_t& text) override { return add(Type::kString, text); }
     bool binary(binary_t& /*bytes*/) override { return false; }  // not in a text

@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include <bit>
 #include <cstring>
 #include <limits>
@@ -11,6 +13,7 @@
 // Trees as JSON: what is written is read back, and what people write is read or refused.
 using namespace support;
 using namespace zel;
+using testing::HasSubstr;
 
 namespace {
 
@@ -104,7 +107,12 @@ TEST(Json, RoundsADecimalNumberOnce) {
     std::string const number = "1.000000059604644775390625000000000000000001";
     auto const tree = scalarFromJson(scene(number));
     EXPECT_EQ(tree->eval(float3{}, 0), std::nextafterf(1.0F, 2.0F));
-    EXPECT_EQ(scalarFromJson(scene("-1e-60"))->eval(float3{}, 0), 0);
+    for (std::string const& small : std::vector<std::string>{
+             "-1e-60", "0.01e-999999999999", "123.4e-400", "-0." + std::string(60, '0') + "1e3"})
+        EXPECT_EQ(scalarFromJson(scene(small))->eval(float3{}, 0), 0) << small;
+    for (std::string const& large :
+         std::vector<std::string>{"1e60", "0.1e299", "1000" + std::string(60, '0')})
+        EXPECT_THAT(errorOf(scene(large)), HasSubstr("in the range of a float"));
 }
 
 TEST(Json, ReadsWhatPeopleWrite) {
