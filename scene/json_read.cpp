@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <new>
 #include <stdexcept>
 #include <unordered_map>
 
@@ -359,20 +360,25 @@ private:
                     m_built.push_back({Value(std::move(node)), depth});
                 },
                 made);
-        } catch (std::logic_error const& error) {
+        } catch (std::bad_alloc const&) {
+            throw;
+        } catch (std::exception const& error) {
             throw SceneError(m_json.path(frame.item), error.what());
         }
     }
 
     void finishChain() {
         Frame const& frame = m_frames.back();
-        std::vector<Value> others;  // the parameters that are not children, the same for all nodes
+        // The parameters of each node: the same for all, but for the two children.
+        std::vector<Value> common;
+        std::vector<std::size_t> childAt;
         for (std::size_t i = 0; i < frame.nodeClass->parameters.size(); ++i) {
             ParameterInfo const& parameter = frame.nodeClass->parameters[i];
             std::uint32_t const item = m_members[frame.firstMember + i];
-            if (isField(parameter.kind)) continue;
-            others.push_back(item == kNone ? defaultOf(frame, parameter).value
-                                           : detail::readValue(m_json, item, parameter));
+            if (isField(parameter.kind)) childAt.push_back(i);
+            common.push_back(isField(parameter.kind) ? Value()
+                             : item == kNone         ? defaultOf(frame, parameter).value
+                                                     : detail::readValue(m_json, item, parameter));
         }
         std::vector<Built> level(
             std::make_move_iterator(m_built.begin() +
@@ -380,9 +386,9 @@ private:
             std::make_move_iterator(m_built.end()));
         m_built.resize(frame.firstBuilt);
         auto const join = [&](Built& a, Built& b) {
-            m_built.push_back(std::move(a));
-            m_built.push_back(std::move(b));
-            for (Value const& other : others) m_built.push_back({other, 0});
+            for (Value const& value : common) m_built.push_back({value, 0});
+            m_built[frame.firstBuilt + childAt[0]] = std::move(a);
+            m_built[frame.firstBuilt + childAt[1]] = std::move(b);
             finishNode(frame.firstBuilt, frame);
             Built joined = std::move(m_built.back());
             m_built.pop_back();

@@ -9,6 +9,7 @@
 #include "zel_scene/json.h"
 #include "zel_scene/operators.h"
 #include "zel_scene/register_node.h"
+#include "zel_scene/schema.h"
 
 // Trees described, compared, bound and written as formulas, and classes that take part.
 using namespace support;
@@ -28,6 +29,20 @@ struct Everything : ScalarField {
     double a;
     std::uint16_t b;
     Quern::Ptr<ScalarFieldConstant> c;
+};
+
+/// A sum whose weight is named before the fields, and may be refused.
+struct Weighted : ScalarFieldAdd {
+    static constexpr Chain kChain = Chain::kLeft;
+    Weighted(float w, ScalarPtr const& a_, ScalarPtr const& b_)
+        : ScalarFieldAdd(a_, b_), weight(w) {
+        if (w < 0) throw std::runtime_error("a weight below 0");
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple_cat(std::tuple(named("weight", &Node::weight)),
+                              NodeAccess::parameters<ScalarFieldAdd>());
+    }
+    float weight;
 };
 
 template <class F> std::string messageOf(F const& f) {
@@ -73,6 +88,24 @@ TEST(NodeClass, OfAUserTakesPart) {
         using ScalarFieldAdd::ScalarFieldAdd;
     };
     EXPECT_EQ(findNodeClass(Derived(nullptr, nullptr)), nullptr);
+}
+
+TEST(NodeClass, OfAUserMayBeAChain) {
+    registerNode<Weighted>("curve");
+    auto const read = [](std::string const& weight) {
+        return scalarFromJson(R"({"version": 1, "root": {"type": "curve", "children": [1, 2, 3],
+                                  "weight": )" +
+                              weight + "}}");
+    };
+    ScalarPtr const one = constant(1), two = constant(2), three = constant(3);
+    EXPECT_TRUE(
+        sameTree(read("7"), makePtr<Weighted>(7.0F, makePtr<Weighted>(7.0F, one, two), three)));
+    EXPECT_EQ(messageOf([&] { read("-1"); }), "/root: a weight below 0");
+    EXPECT_THAT(sceneSchema(), HasSubstr("inSlope"));  // the definition of a curve
+
+    NodeClass wrong = nodeClassOf<Everything>("Wrong");
+    wrong.parameters[0].name = "exactGradient";
+    EXPECT_THAT(messageOf([&] { addNodeClass(wrong); }), HasSubstr("\"exactGradient\" is a bool"));
 }
 
 TEST(NodeClass, NamesItsParametersAsItsConstructorTakesThem) {
