@@ -31,6 +31,16 @@ struct Everything : ScalarField {
     Quern::Ptr<ScalarFieldConstant> c;
 };
 
+/// An operator whose child is no parameter.
+struct HidesALeaf : ScalarFieldNegative {
+    explicit HidesALeaf(float size_)
+        : ScalarFieldNegative(makePtr<ScalarGeoPropertyFound>("none")), size(size_) {}
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("size", &Node::size));
+    }
+    float size;
+};
+
 /// A sum whose weight is named before the fields, and may be refused.
 struct Weighted : ScalarFieldAdd {
     static constexpr Chain kChain = Chain::kLeft;
@@ -219,7 +229,7 @@ TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
     BindReport const report = bind(tree, object);
     EXPECT_TRUE(report.isComplete());
     ASSERT_EQ(report.boundCount(), 1U);  // one node, although it has two parents
-    EXPECT_EQ(report.bindings[0].path, "/root/a/b");
+    EXPECT_EQ(report.bindings[0].path(), "/root/a/b");
     EXPECT_TRUE(sameTree(tree, before));
     EXPECT_EQ(fixed.useCount(), 3);  // shared by both trees
     EXPECT_NE(tree->eval(float3{0.3F, 0, 0}, 9), before->eval(float3{0.3F, 0, 0}, 9));
@@ -246,9 +256,53 @@ TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
     tree = nullptr;
     EXPECT_THROW(bind(tree, object), std::invalid_argument);
 
+    // A leaf at each of many levels: the paths of all would take gigabytes.
     tree = property("scalar");
-    for (int i = 0; i < 100'000; ++i) tree = -tree;
-    EXPECT_TRUE(bind(tree, object).isComplete());
+    for (int i = 0; i < 100'000; ++i) tree = tree + property("scalar");
+    EXPECT_EQ(bind(tree, object).boundCount(), 100'001U);
+}
+
+TEST(Bind, LeavesNothingOfAnEarlierObject) {
+    auto const& object = boundObject<ORV::TileTree3D::BinaryTraits>();
+    auto const& other = boundObject<ORV::TileTree3D::QuinaryTraits>();
+    ScalarPtr const leaf = makePtr<ScalarOrvaneTriggered>("scalar", SamplerType::kLinear);
+    ScalarPtr tree = leaf, direct = leaf;
+    bind(direct, other);
+    bind(tree, object);
+    ScalarPtr const first = tree;
+    EXPECT_TRUE(bind(tree, other).isComplete());
+    auto const positions = somePositions(50);
+    auto const valuesOf = [&](ScalarPtr const& field) {
+        std::vector<float> values;
+        for (float3 const& p : positions) values.push_back(field->eval(p, 0));
+        return values;
+    };
+    EXPECT_EQ(valuesOf(tree), valuesOf(direct));
+    EXPECT_NE(valuesOf(tree), valuesOf(first));
+
+    // The property is of another type there, and the leaf keeps its values.
+    Orvane::Object turned;
+    auto const data = makePtr<Quern::Array<float4>>(90LL);
+    Orvane::Geometry::setGeoProperty(turned, "scalar", float4{}, data);
+    tree = makePtr<ScalarGeoPropertyTriggered>("scalar");
+    bind(tree, object);
+    ScalarPtr const before = tree;
+    EXPECT_EQ(bind(tree, turned).text(), "/root: zel::ScalarGeoPropertyTriggered: the property "
+                                         "\"scalar\" is of another type\n");
+    EXPECT_EQ(valuesOf(tree), valuesOf(before));
+}
+
+TEST(Bind, ReportsLeavesThatItCannotBind) {
+    registerNode<HidesALeaf>("HidesALeaf");
+    ScalarPtr tree = constant(1) + makePtr<HidesALeaf>(2.0F);
+    EXPECT_EQ(bind(tree, Orvane::Object()).text(),
+              "/root/b/1: zel::ScalarGeoPropertyFound: no property \"none\"\n");
+    tree = makePtr<ScalarOrvane>(Orvane::Object(), "scalar", SamplerType::kLinear);
+    auto const& object = boundObject<ORV::TileTree3D::BinaryTraits>();
+    EXPECT_THAT(messageOf([&] { bindStrictly(tree, object); }),
+                HasSubstr("/root: zel::ScalarOrvane: no channel \"scalar\" when"));
+    tree = makePtr<ScalarOrvane>(object, "scalar", SamplerType::kLinear);
+    EXPECT_TRUE(bind(tree, Orvane::Object()).isComplete());
 }
 
 TEST(Operators, MakeTheNodesOfTheirFormulas) {
