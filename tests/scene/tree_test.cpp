@@ -332,6 +332,11 @@ TEST(Operators, MakeTheNodesOfTheirFormulas) {
     EXPECT_EQ(vector(cross(v, p)), Orvane::Math::cross(v, at));
     EXPECT_EQ(vector(lerp(p, v, 1)), v);
     EXPECT_EQ(vector(vectorOf(x, 1, ball)), (float3{at.x, 1, b}));
+    {
+        using namespace std;  // its min and max also take two operands of one type
+        EXPECT_EQ(value(max(x, x) + min(ball, ball)), at.x + b);
+        EXPECT_EQ(vector(min(p, p)), at);
+    }
     EXPECT_TRUE(sameTree(rotate(p, v), makePtr<VectorFieldRotate>(p, v)));
 
     std::vector<ScalarPtr> fields;
