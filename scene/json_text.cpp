@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "zel_scene/error.h"
+#include "zel_scene/utf8.h"
 
 namespace zel::detail {
 
@@ -64,7 +66,6 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
             Item& parent = json.m_items[level.item];
             if (parent.type == Type::kObject) {
                 item.key = static_cast<std::uint32_t>(keyAt);
-                item.keySize = item.text - item.key;
             }
             (level.last == kNone ? parent.firstChild : json.m_items[level.last].next) = at;
             level.last = at;
@@ -106,6 +107,7 @@ JsonText::JsonText(std::string_view text, std::size_t mostBytes, std::size_t mos
     if (text.size() > mostBytes)
         throw SceneError("", "the file has " + std::to_string(text.size()) +
                                  " bytes, more than the limit of " + std::to_string(mostBytes));
+    m_texts.reserve(text.size());
     Builder builder(*this, text, mostLevels);
     nlohmann::json::sax_parse(text.begin(), text.end(), &builder);
 }
