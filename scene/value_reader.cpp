@@ -118,7 +118,9 @@ Value readDirection(JsonText const& json, std::uint32_t at) {
     if (json[at].type != Type::kObject) {
         if (json[at].type != Type::kArray) refuse(json, at, wantedText(ValueKind::kUnitVector));
         float3 const vector = readVector(json, at);
-        return UnitVector(vector / Orvane::Math::length(vector));
+        float const length = Orvane::Math::length(vector);
+        if (length == 0) refuse(json, at, "a direction [x, y, z] that is not zero");
+        return UnitVector(vector / length);
     }
     constexpr std::array<std::string_view, 1> kNames{"unit"};
     Value value;

@@ -216,6 +216,8 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {scene(R"({"type": "ScalarOrvane", "channel": "d", "sampler": "cubic"})"),
          "/root/sampler: wanted a sampler, \"linear\", \"cubicC0\" or \"cubicC1\", found "
          "\"cubic\""},
+        {scene(R"({"type": "Plane", "normal": [0, 0, 0]})"),
+         "/root/normal: wanted a direction [x, y, z] that is not zero, found an array of 3"},
         {scene(R"({"type": "FCurve", "field": 1, "curve": {"keys": [[1, 0], [1, 2]]}})"),
          "/root/curve: "},
         {scene(R"({"type": "Negative", "field": "bal"})", R"({"ball": 1})"),
