@@ -8,6 +8,7 @@
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry_volume/object.h"
 #include "zel_scene/graph.h"
+#include "zel_scene/value_text.h"
 
 namespace zel {
 
@@ -231,21 +232,23 @@ BindReport bindTree(Quern::Ptr<Interface>& tree, Orvane::Object const& object,
 }  // namespace
 
 std::string Binding::reason() const {
+    std::string quoted;
+    detail::appendEscaped(quoted, name);
     switch (state) {
     case State::kBound:
         return "bound";
     case State::kNoProperty:
-        return "no property \"" + name + '"';
+        return "no property " + quoted;
     case State::kWrongType:
-        return "the property \"" + name + "\" is of another type";
+        return "the property " + quoted + " is of another type";
     case State::kNoVolume:
-        return "no volume for the channel \"" + name + '"';
+        return "no volume for the channel " + quoted;
     case State::kNoChannel:
-        return "no channel \"" + name + '"';
+        return "no channel " + quoted;
     case State::kWrongChannel:
-        return "the channel \"" + name + "\" is of another type";
+        return "the channel " + quoted + " is of another type";
     case State::kConstructed:
-        return "no channel \"" + name + "\" when it was constructed, which alone binds it";
+        return "no channel " + quoted + " when it was constructed, which alone binds it";
     case State::kUnbound:
         break;
     }

@@ -51,7 +51,9 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
         for (std::string_view const lead : {"] ", ": "})  // the number of the error, and its place
             if (auto const found = message.find(lead); found != std::string::npos)
                 message.erase(0, found + lead.size());
-        throw SceneError(line + 1, at - start + 1, message);
+        // The message shows the token, which may be long, or not be UTF-8.
+        constexpr std::size_t kMost = 300;
+        throw SceneError(line + 1, at - start + 1, shortened(message, kMost));
     }
 
     bool add(Type type, std::string_view text) {
@@ -139,10 +141,7 @@ std::string JsonText::path(std::uint32_t at) const {
 }
 
 std::string JsonText::shown(std::uint32_t at) const {
-    constexpr std::size_t kMost = 60;
     Item const& item = m_items[at];
-    std::string const written(text(item).substr(0, kMost));
-    char const* const rest = item.textSize > kMost ? "..." : "";
     switch (item.type) {
     case Type::kNull:
         return "null";
@@ -151,9 +150,9 @@ std::string JsonText::shown(std::uint32_t at) const {
     case Type::kTrue:
         return "true";
     case Type::kNumber:
-        return written + rest;
+        return shortened(text(item));
     case Type::kString:
-        return '"' + written + rest + '"';
+        return '"' + shortened(text(item)) + '"';
     case Type::kArray:
         return "an array of " + std::to_string(item.childCount);
     case Type::kObject:

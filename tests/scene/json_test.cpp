@@ -45,6 +45,13 @@ std::string scene(std::string const& root, std::string const& nodes = "") {
            '}';
 }
 
+/// Letters of two bytes each.
+std::string accents(int count) {
+    std::string text;
+    while (count-- > 0) text += "\u00e9";
+    return text;
+}
+
 std::string errorOf(std::string const& text, SceneLimits const& limits = {}) {
     try {
         scalarFromJson(text, limits);
@@ -195,6 +202,19 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {scene(R"({"type": "Spere"})"),
          "/root/type: wanted the class of a scalar field, found \"Spere\"; did you mean "
          "\"Sphere\"?"},
+        {scene(R"({"type": "zel::Sphere"})"),
+         "/root/type: wanted the class of a scalar field, found \"zel::Sphere\"; did you mean "
+         "\"Sphere\"?"},
+        {scene(R"({"type": "Position"})"),
+         "/root/type: wanted the class of a scalar field, found VectorFieldPosition, of a vector "
+         "field"},
+        {scene(R"({"type": "Sphere", "radius": "x)" + accents(60) + R"("})"),
+         "/root/radius: wanted a number, or \"inf\", \"-inf\" or \"nan\", found \"x" + accents(29) +
+             "...\""},
+        {scene("\"" + accents(60) + "\""),
+         "/root: wanted a scalar field, found \"" + accents(30) + "...\", which is no name"},
+        {"{\"\xff\": 1}", "line 1, column 3: syntax error while parsing object key - invalid "
+                          "string: ill-formed UTF-8 byte; last read: '\"?'"},
         {scene(R"({"type": "VectorFieldAdd"})"),
          "/root/type: wanted the class of a scalar field, found VectorFieldAdd, of a vector field"},
         {scene(R"({"type": "Sphere", "raduis": 1})"),
@@ -254,6 +274,8 @@ TEST(Json, RefusesWhatIsBeyondALimit) {
     EXPECT_NE(errorOf(scene("\"n59\"", names + '}'), {.nodes = 60, .depth = 59}), "none");
     EXPECT_EQ(errorOf(scene("\"n59\"", names + '}'), {.nodes = 59}),
               "/nodes/n59: the scene has more nodes than the limit of 59");
+    EXPECT_THAT(errorOf(scene(R"({"type": "Add", "children": [1, 2, 3, 4]})"), {.depth = 3}),
+                HasSubstr("/root: the tree is deeper than the limit of 3 levels: sums"));
     EXPECT_EQ(errorOf("{}", {.bytes = 1}), "/: the file has 2 bytes, more than the limit of 1");
 }
 

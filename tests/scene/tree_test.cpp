@@ -177,6 +177,8 @@ TEST(Describe, ShowsClassesParametersAndSharing) {
     EXPECT_THAT(dot, HasSubstr("n5 -> n3 [label=\"time\"];"));
     EXPECT_THAT(dot,
                 HasSubstr(R"(n3 [label="zel::ScalarFieldSphere\ncenter (0, 0.5, 0)\nradius 1"];)"));
+    EXPECT_EQ(describe(makePtr<ScalarGeoPropertyFound>("a\n\"b")),
+              "zel::ScalarGeoPropertyFound property=\"a\\u000a\\\"b\"\n");
     EXPECT_THAT(check(tree), ElementsAre("/root/b/b"));
     EXPECT_THAT(check(ScalarPtr()), ElementsAre("/root"));
     EXPECT_THROW(describe(ScalarPtr()), std::invalid_argument);
