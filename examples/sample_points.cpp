@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+#include <zel_scene/bind.h>
+
 #include "output.h"
 #include "point_file.h"
 #include "scene_files.h"
@@ -52,6 +54,14 @@ void sample(zel::ScalarField const& field, std::string const& input, std::string
     file.commit();
 }
 
+/// Names the leaves that read a property or a volume, which this program cannot give them.
+void warnOfUnbound(zel::ScalarPtr tree) {
+    std::string const unbound = zel::bind(tree, Orvane::Object()).text();
+    if (unbound.empty()) return;
+    std::fprintf(stderr, "sample_points: warning: without an object, these leaves are zero:\n%s",
+                 unbound.c_str());
+}
+
 void listScenes() {
     examples::OutputFile file("-");
     for (examples::SceneTitle const& scene : examples::sceneTitles())
@@ -85,7 +95,9 @@ int run(int argc, char** argv) {
         listScenes();
         return 0;
     }
-    sample(*examples::loadScalar(sceneName), input, output);
+    zel::ScalarPtr const tree = examples::loadScalar(sceneName);
+    warnOfUnbound(tree);
+    sample(*tree, input, output);
     return 0;
 }
 

@@ -8,8 +8,14 @@
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry_volume/object.h"
 #include "zel_scene/graph.h"
+#include "zel_scene/value_text.h"
 
 namespace zel {
+
+/// The nodes of a tree when it was bound, which may be gone.
+struct detail::BindingPaths {
+    std::vector<Graph::Node> nodes;
+};
 
 namespace {
 
@@ -66,26 +72,54 @@ public:
         while (!m_open.empty()) {
             Field* const node = m_open.back();
             m_open.pop_back();
-            if (node->is_triggerable()) {
-                node->apply_object(m_object);
-                if (m_indices) node->use_property_indices(m_indices);
-            }
             node->replaceChildren(*this);
         }
         return root;
     }
 
+    /// Whether a node of the copy is bound to an earlier object, since this one has nothing for it.
+    bool keepsEarlier(Field const& copy) const { return m_earlier.contains(&copy); }
+
 private:
     void operator()(ScalarPtr& child) override { replace(child); }
     void operator()(VectorPtr& child) override { replace(child); }
-    void operator()(Field& child) override { m_open.push_back(&child); }
+    void operator()(Field& child) override {
+        apply(child);
+        m_open.push_back(&child);
+    }
+
+    void apply(Field& node) const {
+        if (!node.is_triggerable()) return;
+        node.apply_object(m_object);
+        if (m_indices) node.use_property_indices(m_indices);
+    }
+
+    /// A bound copy. A node of the library may keep what it has of an earlier object when another
+    /// is applied: a new node has nothing to keep.
+    template <class Interface> Quern::Ptr<Interface> bound(Quern::Ptr<Interface> const& original) {
+        NodeClass const* const known =
+            original->is_triggerable() ? findNodeClass(*original) : nullptr;
+        if (!known || !known->isBound) {
+            Quern::Ptr<Interface> copy = original.clone();
+            apply(*copy);
+            return copy;
+        }
+        std::vector<Value> values;
+        known->read(*original, values);
+        auto made = std::get<Quern::Ptr<Interface>>(known->make(values, m_object));
+        apply(*made);
+        if (known->isBound(*made) || !known->isBound(*original)) return made;
+        Quern::Ptr<Interface> copy = original.clone();
+        m_earlier.insert(copy.get());
+        return copy;
+    }
 
     template <class Interface> void replace(Quern::Ptr<Interface>& child) {
         if (!child || !m_toCopy.contains(*child)) return;
         auto& copies = std::get<Copies<Interface>>(m_copies);
         auto const [known, isNew] = copies.try_emplace(child.get());
         if (isNew) {
-            known->second = {child, child.clone()};
+            known->second = {child, bound(child)};
             m_open.push_back(known->second.copy.get());
         }
         child = known->second.copy;
@@ -100,6 +134,7 @@ private:
     Indices const& m_indices;
     std::tuple<Copies<ScalarField>, Copies<VectorField>> m_copies;
     std::vector<Field*> m_open;
+    std::unordered_set<Field const*> m_earlier;
 };
 
 /// What an object has to be bound to.
@@ -148,13 +183,20 @@ private:
     Quern::Ptr<ORV::Object> m_volume;
 };
 
-BindReport reportOn(Field const& root, Offer const& offer) {
-    Graph const graph(root);
+BindReport reportOn(Field const& root, Offer const& offer, BoundCopy const& copy) {
+    Graph graph(root, Graph::Children::kAll);
+    auto const paths = std::make_shared<detail::BindingPaths>();
     BindReport report;
-    for (Graph::Node const& node : graph.nodes()) {
-        if (!node.field->is_triggerable()) continue;
+    for (std::uint32_t number = 0; number < graph.nodes().size(); ++number) {
+        Graph::Node const& node = graph.nodes()[number];
+        bool const isBound =
+            !copy.keepsEarlier(*node.field) &&
+            (!node.nodeClass || !node.nodeClass->isBound || node.nodeClass->isBound(*node.field));
+        bool const waits = node.field->is_triggerable();
+        if (!waits && isBound) continue;
         Binding binding;
-        binding.path = graph.path(node);
+        binding.paths = paths;
+        binding.node = number;
         binding.className = detail::shownName(*node.field);
         std::string parameter;
         for (std::uint32_t i = 0; node.nodeClass && i < node.slotCount; ++i) {
@@ -164,11 +206,11 @@ BindReport reportOn(Field const& root, Offer const& offer) {
             parameter = name;
             binding.name = *text;
         }
-        bool const isBound =
-            !node.nodeClass || !node.nodeClass->isBound || node.nodeClass->isBound(*node.field);
-        binding.state = offer.stateFor(parameter, binding.name, isBound);
+        binding.state =
+            waits ? offer.stateFor(parameter, binding.name, isBound) : State::kConstructed;
         report.bindings.push_back(std::move(binding));
     }
+    paths->nodes = std::move(graph).takeNodes();
     return report;
 }
 
@@ -177,8 +219,9 @@ BindReport bindTree(Quern::Ptr<Interface>& tree, Orvane::Object const& object,
                     Indices const& indices, char const* caller, bool isStrict) {
     if (!tree) throw std::invalid_argument(std::string(caller) + ": no tree");
     Offer const offer(object);
-    Quern::Ptr<Interface> bound = BoundCopy(*tree, object, indices).copyOf(tree);
-    BindReport report = reportOn(*bound, offer);
+    BoundCopy copy(*tree, object, indices);
+    Quern::Ptr<Interface> bound = copy.copyOf(tree);
+    BindReport report = reportOn(*bound, offer, copy);
     if (isStrict && !report.isComplete())
         throw std::invalid_argument(std::string(caller) + ": unbound:\n" + report.text() +
                                     "there are " + offer.text());
@@ -189,23 +232,31 @@ BindReport bindTree(Quern::Ptr<Interface>& tree, Orvane::Object const& object,
 }  // namespace
 
 std::string Binding::reason() const {
+    std::string quoted;
+    detail::appendEscaped(quoted, name);
     switch (state) {
     case State::kBound:
         return "bound";
     case State::kNoProperty:
-        return "no property \"" + name + '"';
+        return "no property " + quoted;
     case State::kWrongType:
-        return "the property \"" + name + "\" is of another type";
+        return "the property " + quoted + " is of another type";
     case State::kNoVolume:
-        return "no volume for the channel \"" + name + '"';
+        return "no volume for the channel " + quoted;
     case State::kNoChannel:
-        return "no channel \"" + name + '"';
+        return "no channel " + quoted;
     case State::kWrongChannel:
-        return "the channel \"" + name + "\" is of another type";
+        return "the channel " + quoted + " is of another type";
+    case State::kConstructed:
+        return "no channel " + quoted + " when it was constructed, which alone binds it";
     case State::kUnbound:
         break;
     }
     return "not bound";
+}
+
+std::string Binding::path() const {
+    return paths ? Graph::path(paths->nodes, paths->nodes[node]) : std::string();
 }
 
 bool BindReport::isComplete() const {
@@ -213,7 +264,9 @@ bool BindReport::isComplete() const {
 }
 
 std::size_t BindReport::boundCount() const {
-    return bindings.size() - unbound().size();
+    return static_cast<std::size_t>(
+        std::count_if(bindings.begin(), bindings.end(),
+                      [](Binding const& binding) { return binding.state == State::kBound; }));
 }
 
 std::vector<Binding> BindReport::unbound() const {
@@ -226,7 +279,7 @@ std::vector<Binding> BindReport::unbound() const {
 std::string BindReport::text() const {
     std::string lines;
     for (Binding const& binding : unbound())
-        lines += binding.path + ": " + binding.className + ": " + binding.reason() + '\n';
+        lines += binding.path() + ": " + binding.className + ": " + binding.reason() + '\n';
     return lines;
 }
 

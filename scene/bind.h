@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -8,6 +10,10 @@
 
 // Binding a tree to a geometry object, and what came of it.
 namespace zel {
+
+namespace detail {
+struct BindingPaths;
+}  // namespace detail
 
 /// A node that waits for an object.
 struct ZEL_SCENE_API Binding {
@@ -19,9 +25,9 @@ struct ZEL_SCENE_API Binding {
         kNoChannel,     ///< the volume has no channel of the name
         kWrongChannel,  ///< the channel, or the volume, is of a type that the node does not read
         kUnbound,       ///< for a reason that the class does not tell
+        kConstructed,   ///< the class is bound by its constructor alone, which had no such volume
     };
 
-    std::string path;       ///< from the root, such as "/root/a/field"
     std::string className;  ///< such as "zel::ScalarGeoPropertyTriggered"
     /// The property or channel that the node looks for; empty for a class that does not tell.
     std::string name;
@@ -29,6 +35,12 @@ struct ZEL_SCENE_API Binding {
 
     /// The state in words, such as `no property "density"`.
     std::string reason() const;
+    /// The way from the root, such as "/root/a/field"; empty of a binding that no report made. It
+    /// is put together by each call: in a deep tree, all paths take the square of its levels.
+    std::string path() const;
+
+    std::shared_ptr<detail::BindingPaths const> paths;  ///< of the report
+    std::uint32_t node = 0;                             ///< the number of the node there
 };
 
 /// What became of each node that waits for an object, in the order of a walk by levels.
@@ -51,8 +63,13 @@ struct ZEL_SCENE_API BindReport {
 /// `tree` becomes a copy in which the nodes that were bound, and their ancestors, are new; all
 /// others, and everything that other trees hold, stay as they are. A node with several parents has
 /// them in the copy, too. The object need not outlive the tree. Whether a node is bound is known of
-/// classes that have `bool isBound() const`; of others it is taken for granted. A node that was
-/// bound before keeps its binding where the object has nothing for it, and counts as unbound.
+/// registered classes that have `bool isBound() const`; of others it is taken for granted. Their
+/// nodes are made anew from their parameters, without the property indices of an earlier call, so
+/// that they read this object alone. A node that was bound before keeps its binding where the
+/// object has nothing for it, and counts as unbound.
+///
+/// ScalarOrvane and VectorOrvane take their volume from the object given to their constructor, or
+/// to fromJson(). They are not bound here, and are in the report if they are unbound.
 ///
 /// Throws the exceptions of `apply_object`, and std::invalid_argument if there is no tree; `tree`
 /// is then as it was. Belongs to the set-up of a tree.

@@ -24,7 +24,7 @@ Field const* childOf(Value const& value) {
 
 }  // namespace
 
-Graph::Graph(Field const& root) {
+Graph::Graph(Field const& root, Children children) {
     std::unordered_map<Field const*, std::uint32_t> numbers;
     std::unordered_map<std::type_info const*, NodeClass const*> classes;
     auto const classOf = [&](Field const& node) {
@@ -44,6 +44,17 @@ Graph::Graph(Field const& root) {
             for (Value& value : m_values) {
                 list.children.push_back(childOf(value));
                 m_slots.push_back({std::move(value), kNoNode});
+            }
+            if (children == Children::kAll) {
+                ChildList all;
+                field.listChildren(all);
+                std::size_t const named = list.children.size();
+                for (Field const* const child : all.children) {
+                    auto const end = list.children.begin() + static_cast<std::ptrdiff_t>(named);
+                    if (std::find(list.children.begin(), end, child) != end) continue;
+                    list.children.push_back(child);
+                    m_slots.emplace_back();
+                }
             }
         } else {
             field.listChildren(list);
@@ -65,13 +76,14 @@ Graph::Graph(Field const& root) {
 }
 
 std::string Graph::slotName(Node const& node, std::uint32_t slot) {
-    return node.nodeClass ? node.nodeClass->parameters[slot].name : std::to_string(slot);
+    bool const isNamed = node.nodeClass && slot < node.nodeClass->parameters.size();
+    return isNamed ? node.nodeClass->parameters[slot].name : std::to_string(slot);
 }
 
-std::string Graph::path(Node const& node) const {
+std::string Graph::path(std::vector<Node> const& nodes, Node const& node) {
     std::vector<std::string> names;
-    for (Node const* at = &node; at->parent != kNoNode; at = &m_nodes[at->parent])
-        names.push_back(slotName(m_nodes[at->parent], at->slotInParent));
+    for (Node const* at = &node; at->parent != kNoNode; at = &nodes[at->parent])
+        names.push_back(slotName(nodes[at->parent], at->slotInParent));
     std::string text = "/root";
     for (auto name = names.rbegin(); name != names.rend(); ++name) text += '/' + *name;
     return text;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "zel_scene/node_class.h"
@@ -29,8 +30,13 @@ public:
         std::uint32_t parent, slotInParent;
     };
 
+    enum class Children {
+        kParameters,  ///< of a registered class, the children that are its parameters
+        kAll,         ///< also those that `listChildren` alone shows, after the parameters
+    };
+
     /// `root` must outlive the graph, and must not change meanwhile.
-    explicit Graph(Field const& root);
+    explicit Graph(Field const& root, Children children = Children::kParameters);
 
     std::vector<Node> const& nodes() const { return m_nodes; }
     Slot const* slots(Node const& node) const { return m_slots.data() + node.firstSlot; }
@@ -40,16 +46,17 @@ public:
         return slot.child != kNoNode || isField(kindOf(slot.value));
     }
 
-    /// The name of a slot: of the parameter, or the number of the child if the class is not
-    /// registered.
+    /// The name of a slot: of the parameter, or its number if it is none.
     static std::string slotName(Node const& node, std::uint32_t slot);
 
     /// The names from the root to a node, such as "/root/a/field".
-    std::string path(Node const& node) const;
+    std::string path(Node const& node) const { return path(m_nodes, node); }
+    static std::string path(std::vector<Node> const& nodes, Node const& node);
+
+    /// Gives up the nodes, for paths without the tree: their fields are not to be used then.
+    std::vector<Node> takeNodes() && { return std::move(m_nodes); }
 
 private:
-    void readSlots(std::uint32_t node);
-
     std::vector<Node> m_nodes;
     std::vector<Slot> m_slots;
     std::vector<Value> m_values;

@@ -21,12 +21,14 @@ inline constexpr int kSceneVersion = 1;
 /// or curve, and a name that is not UTF-8; std::invalid_argument if there is no tree.
 ZEL_SCENE_API std::string toJson(Tree const& tree);
 
-/// What a file may hold. While a file is read, its text takes up to 20 times its size in memory.
+/// What a file may hold. While a file is read, its text takes up to 25 times its size in memory,
+/// comments included.
 struct SceneLimits {
     std::size_t bytes = std::size_t{1} << 28;
     std::size_t nodes = 1'000'000;
     /// The most levels of a tree. The evaluation of a tree calls a function for each level: the
-    /// default needs at most half of a stack of 8 MB.
+    /// default needs at most half of a stack of 8 MB. Sums and products of many `children` have a
+    /// level for each: at most as many children as levels.
     std::size_t depth = 1000;
 };
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <new>
 #include <stdexcept>
 #include <unordered_map>
 
@@ -8,6 +9,7 @@
 #include "zel_scene/json.h"
 #include "zel_scene/json_text.h"
 #include "zel_scene/nearest.h"
+#include "zel_scene/utf8.h"
 #include "zel_scene/value_reader.h"
 #include "zel_scene/value_text.h"
 
@@ -58,24 +60,28 @@ private:
         std::string const name(json.text(json[at]));
         std::string_view const bare =
             std::string_view(name).substr(name.starts_with("zel::") ? 5 : 0);
+        auto const refuseKind = [&](NodeClass const& one) {
+            throw SceneError(json.path(at),
+                             std::string("wanted the class of ") + wantedText(wanted) + ", found " +
+                                 one.name + ", of " +
+                                 wantedText(one.isScalar ? Wanted::kScalar : Wanted::kVector));
+        };
         if (auto const* const exact = findNodeClass(bare)) {
-            if (!fits(*exact, wanted))
-                throw SceneError(
-                    json.path(at),
-                    std::string("wanted the class of ") + wantedText(wanted) + ", found " +
-                        exact->name + ", of " +
-                        wantedText(exact->isScalar ? Wanted::kScalar : Wanted::kVector));
+            if (!fits(*exact, wanted)) refuseKind(*exact);
             return *exact;
         }
         std::vector<NodeClass const*> candidates;
+        NodeClass const* ofOtherKind = nullptr;
         for (char const* const prefix : {"ScalarField", "VectorField"}) {
             auto const* const one = findNodeClass(prefix + name);
             if (one && fits(*one, wanted)) candidates.push_back(one);
+            if (one && !fits(*one, wanted)) ofOtherKind = one;
         }
         if (candidates.size() == 1) return *candidates[0];
         if (candidates.size() > 1)
             throw SceneError(json.path(at), '"' + name + "\" may be " + candidates[0]->name +
                                                 " or " + candidates[1]->name);
+        if (ofOtherKind) refuseKind(*ofOtherKind);
         std::vector<std::string_view> names;
         for (NodeClass const* const one : nodeClasses()) {
             if (!fits(*one, wanted)) continue;
@@ -85,8 +91,8 @@ private:
                     names.push_back(std::string_view(one->name).substr(prefix.size()));
         }
         throw SceneError(json.path(at), std::string("wanted the class of ") + wantedText(wanted) +
-                                            ", found \"" + name + '"' +
-                                            detail::didYouMean(name, names));
+                                            ", found \"" + detail::shortened(name) + '"' +
+                                            detail::didYouMean(bare, names));
     }
 
     std::unordered_map<std::string_view, NodeClass const*> m_known[3];
@@ -264,7 +270,7 @@ private:
             std::vector<std::string_view> names;
             for (auto const& [known, number] : m_definitionOf) names.push_back(known);
             throw SceneError(m_json.path(at), std::string("wanted ") + wantedText(wanted) +
-                                                  ", found \"" + std::string(name) +
+                                                  ", found \"" + detail::shortened(name) +
                                                   "\", which is no name in \"nodes\"" +
                                                   detail::didYouMean(name, names));
         }
@@ -272,15 +278,15 @@ private:
         switch (definition.state) {
         case Definition::State::kReading:
             throw SceneError(m_json.path(at),
-                             "the node \"" + std::string(name) + "\" is its own descendant");
+                             "the node \"" + detail::shortened(name) + "\" is its own descendant");
         case Definition::State::kRead:
             if (wanted != Wanted::kAny &&
                 std::holds_alternative<ScalarPtr>(definition.built.value) !=
                     (wanted == Wanted::kScalar))
                 throw SceneError(
                     m_json.path(at),
-                    std::string("wanted ") + wantedText(wanted) + ", found \"" + std::string(name) +
-                        "\", " +
+                    std::string("wanted ") + wantedText(wanted) + ", found \"" +
+                        detail::shortened(name) + "\", " +
                         wantedText(wanted == Wanted::kScalar ? Wanted::kVector : Wanted::kScalar));
             m_built.push_back(definition.built);
             return;
@@ -350,7 +356,8 @@ private:
             depth = std::max(depth, m_built[i].depth);
             m_values.push_back(std::move(m_built[i].value));
         }
-        if (++depth > m_limits.depth) refuseDepth(frame.item);
+        if (++depth > m_limits.depth)
+            refuseDepth(frame.item, frame.isChain && frame.nodeClass->chain == Chain::kLeft);
         m_built.resize(from);
         try {
             Tree made = frame.nodeClass->make(m_values, m_object);
@@ -359,20 +366,25 @@ private:
                     m_built.push_back({Value(std::move(node)), depth});
                 },
                 made);
-        } catch (std::logic_error const& error) {
+        } catch (std::bad_alloc const&) {
+            throw;
+        } catch (std::exception const& error) {
             throw SceneError(m_json.path(frame.item), error.what());
         }
     }
 
     void finishChain() {
         Frame const& frame = m_frames.back();
-        std::vector<Value> others;  // the parameters that are not children, the same for all nodes
+        // The parameters of each node: the same for all, but for the two children.
+        std::vector<Value> common;
+        std::vector<std::size_t> childAt;
         for (std::size_t i = 0; i < frame.nodeClass->parameters.size(); ++i) {
             ParameterInfo const& parameter = frame.nodeClass->parameters[i];
             std::uint32_t const item = m_members[frame.firstMember + i];
-            if (isField(parameter.kind)) continue;
-            others.push_back(item == kNone ? defaultOf(frame, parameter).value
-                                           : detail::readValue(m_json, item, parameter));
+            if (isField(parameter.kind)) childAt.push_back(i);
+            common.push_back(isField(parameter.kind) ? Value()
+                             : item == kNone         ? defaultOf(frame, parameter).value
+                                                     : detail::readValue(m_json, item, parameter));
         }
         std::vector<Built> level(
             std::make_move_iterator(m_built.begin() +
@@ -380,9 +392,9 @@ private:
             std::make_move_iterator(m_built.end()));
         m_built.resize(frame.firstBuilt);
         auto const join = [&](Built& a, Built& b) {
-            m_built.push_back(std::move(a));
-            m_built.push_back(std::move(b));
-            for (Value const& other : others) m_built.push_back({other, 0});
+            for (Value const& value : common) m_built.push_back({value, 0});
+            m_built[frame.firstBuilt + childAt[0]] = std::move(a);
+            m_built[frame.firstBuilt + childAt[1]] = std::move(b);
             finishNode(frame.firstBuilt, frame);
             Built joined = std::move(m_built.back());
             m_built.pop_back();
@@ -425,9 +437,13 @@ private:
             throw SceneError(m_json.path(at), "the scene has more nodes than the limit of " +
                                                   std::to_string(m_limits.nodes));
     }
-    [[noreturn]] void refuseDepth(std::uint32_t at) const {
-        throw SceneError(m_json.path(at), "the tree is deeper than the limit of " +
-                                              std::to_string(m_limits.depth) + " levels");
+    [[noreturn]] void refuseDepth(std::uint32_t at, bool isChain = false) const {
+        throw SceneError(m_json.path(at),
+                         "the tree is deeper than the limit of " + std::to_string(m_limits.depth) +
+                             " levels" +
+                             (isChain ? ": sums and products of many children have a level for "
+                                        "each; divide them among several nodes"
+                                      : ""));
     }
 
     SceneLimits m_limits;

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <vector>
 
 #include "zel_scene/error.h"
+#include "zel_scene/utf8.h"
 
 namespace zel::detail {
 
@@ -21,7 +23,11 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
         return add(Type::kNumber, std::to_string(value));
     }
     bool number_float(number_float_t /*value*/, string_t const& text) override {
-        return add(Type::kNumber, text);
+        // The parser puts the decimal point of the locale in place of the one in the file.
+        std::string written = text;
+        auto const point = written.find_first_not_of("+-0123456789eE");
+        if (point != std::string::npos) written[point] = '.';
+        return add(Type::kNumber, written);
     }
     bool string(string_t& text) override { return add(Type::kString, text); }
     bool binary(binary_t& /*bytes*/) override { return false; }  // not in a text
@@ -45,7 +51,9 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
         for (std::string_view const lead : {"] ", ": "})  // the number of the error, and its place
             if (auto const found = message.find(lead); found != std::string::npos)
                 message.erase(0, found + lead.size());
-        throw SceneError(line + 1, at - start + 1, message);
+        // The message shows the token, which may be long, or not be UTF-8.
+        constexpr std::size_t kMost = 300;
+        throw SceneError(line + 1, at - start + 1, shortened(message, kMost));
     }
 
     bool add(Type type, std::string_view text) {
@@ -60,7 +68,6 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
             Item& parent = json.m_items[level.item];
             if (parent.type == Type::kObject) {
                 item.key = static_cast<std::uint32_t>(keyAt);
-                item.keySize = item.text - item.key;
             }
             (level.last == kNone ? parent.firstChild : json.m_items[level.last].next) = at;
             level.last = at;
@@ -102,6 +109,7 @@ JsonText::JsonText(std::string_view text, std::size_t mostBytes, std::size_t mos
     if (text.size() > mostBytes)
         throw SceneError("", "the file has " + std::to_string(text.size()) +
                                  " bytes, more than the limit of " + std::to_string(mostBytes));
+    m_texts.reserve(text.size());
     Builder builder(*this, text, mostLevels);
     nlohmann::json::sax_parse(text.begin(), text.end(), &builder);
 }
@@ -133,10 +141,7 @@ std::string JsonText::path(std::uint32_t at) const {
 }
 
 std::string JsonText::shown(std::uint32_t at) const {
-    constexpr std::size_t kMost = 60;
     Item const& item = m_items[at];
-    std::string const written(text(item).substr(0, kMost));
-    char const* const rest = item.textSize > kMost ? "..." : "";
     switch (item.type) {
     case Type::kNull:
         return "null";
@@ -145,9 +150,9 @@ std::string JsonText::shown(std::uint32_t at) const {
     case Type::kTrue:
         return "true";
     case Type::kNumber:
-        return written + rest;
+        return shortened(text(item));
     case Type::kString:
-        return '"' + written + rest + '"';
+        return '"' + shortened(text(item)) + '"';
     case Type::kArray:
         return "an array of " + std::to_string(item.childCount);
     case Type::kObject:

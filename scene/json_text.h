@@ -1,9 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace zel::detail {
 
@@ -18,7 +18,7 @@ public:
     struct Item {
         std::uint32_t parent = kNone, firstChild = kNone, next = kNone;
         std::uint32_t childCount = 0;
-        std::uint32_t key = 0, keySize = 0;    // into the texts, of a member of an object
+        std::uint32_t key = 0;  // into the texts, of a member of an object; the text follows it
         std::uint32_t text = 0, textSize = 0;  // of a number as written, or of a string
         Type type = Type::kNull;
     };
@@ -28,7 +28,7 @@ public:
     JsonText(std::string_view text, std::size_t mostBytes, std::size_t mostLevels);
 
     Item const& operator[](std::uint32_t at) const { return m_items[at]; }
-    std::string_view key(Item const& item) const { return view(item.key, item.keySize); }
+    std::string_view key(Item const& item) const { return view(item.key, item.text - item.key); }
     std::string_view text(Item const& item) const { return view(item.text, item.textSize); }
 
     /// The JSON pointer of a value.
@@ -43,7 +43,7 @@ private:
         return std::string_view(m_texts).substr(at, size);
     }
 
-    std::vector<Item> m_items;
+    std::deque<Item> m_items;  // no copy of all while it grows
     std::string m_texts;
 };
 

@@ -63,10 +63,14 @@ private:
     static void check(NodeClass const& added) {
         if (added.name.empty()) refuse(added, "the name is empty");
         std::set<std::string_view> names{"", "type", "children", "comment"};
-        for (ParameterInfo const& parameter : added.parameters)
+        for (ParameterInfo const& parameter : added.parameters) {
             if (!names.insert(parameter.name).second)
                 refuse(added, "a parameter cannot be named \"" + parameter.name +
                                   "\", or has that name twice");
+            auto const* const isExact = std::get_if<bool>(&parameter.defaultValue);
+            if (parameter.name == "exactGradient" && (!isExact || *isExact))
+                refuse(added, "the parameter \"exactGradient\" is a bool, false by default");
+        }
     }
 
     mutable std::shared_mutex m_mutex;

@@ -99,7 +99,8 @@ ZEL_SCENE_API std::vector<NodeClass const*> nodeClasses();
 
 /// Registers a class; registerNode() in register_node.h makes it. Throws std::invalid_argument if
 /// the name is empty or taken, if the class has another name already, or if the name of a parameter
-/// is empty, appears twice, or is one of "type", "children" and "comment", which files use.
+/// is empty, appears twice, or is one of "type", "children" and "comment", which files use. The
+/// name "exactGradient" is that of a parameter of type bool which is false by default.
 ZEL_SCENE_API void addNodeClass(NodeClass added);
 
 }  // namespace zel

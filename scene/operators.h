@@ -122,6 +122,20 @@ ZEL_DETAIL_BINARY(min, Min)
 ZEL_DETAIL_BINARY(max, Max)
 #undef ZEL_DETAIL_BINARY
 
+// Of two operands of one type: these go before std::min and std::max under a using directive.
+template <detail::ScalarNode T> ScalarPtr min(T const& a, T const& b) {
+    return detail::made<ScalarFieldMin>(a, b);
+}
+template <detail::VectorNode T> VectorPtr min(T const& a, T const& b) {
+    return detail::made<VectorFieldMin>(a, b);
+}
+template <detail::ScalarNode T> ScalarPtr max(T const& a, T const& b) {
+    return detail::made<ScalarFieldMax>(a, b);
+}
+template <detail::VectorNode T> VectorPtr max(T const& a, T const& b) {
+    return detail::made<VectorFieldMax>(a, b);
+}
+
 /// A vector field times or by a scalar field or a number.
 template <class A, class B>
 requires detail::Scaled<A, B> VectorPtr operator*(A const& a, B const& b) {

@@ -140,6 +140,17 @@ template <class Node, class... P> struct NodeFunctions<Node, std::tuple<P...>> {
         return node;
     }
 
+    /// Whether there are two children, both of the kind of the node, as a chain needs them.
+    static constexpr bool kJoinsTwo = [] {
+        [[maybe_unused]] constexpr ValueKind kOwn = std::derived_from<Node, ScalarField>
+                                                        ? ValueKind::kScalarField
+                                                        : ValueKind::kVectorField;
+        int all = 0, own = 0;
+        ((all += isField(valueKind<ParameterType<Node, P>>()) ? 1 : 0), ...);
+        ((own += valueKind<ParameterType<Node, P>>() == kOwn ? 1 : 0), ...);
+        return all == 2 && own == 2;
+    }();
+
     static bool isBound(Field const& field) {
         if constexpr (requires(Node const& node) { node.isBound(); })
             return static_cast<Node const&>(field).isBound();
@@ -174,6 +185,8 @@ template <class Node> NodeClass nodeClassOf(std::string_view name) {
             std::tuple_size_v<decltype(NodeAccess::parameters<Node>())> != 0,
         "A node class with children names its parameters: template <class Node> static "
         "constexpr auto parameters() { return std::tuple(zel::named(\"a\", &Node::a)); }");
+    static_assert(NodeAccess::chain<Node> == Chain::kNone || Functions::kJoinsTwo,
+                  "A node class with kChain has two children, both of its own kind.");
     NodeClass made;
     made.name = name;
     made.type = &typeid(Node);

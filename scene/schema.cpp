@@ -132,7 +132,8 @@ Json definitionOf(NodeClass const& one) {
 }
 
 /// A node of one kind. The name of the class chooses the definition, so that a validator looks at
-/// the children once, not once for each class.
+/// the children once, not once for each class. A class of a user may have the name of a value,
+/// such as "curve": so the definitions of classes have no names.
 Json nodeOf(bool isScalar) {
     Json names = Json::array();
     Json choices = Json::array();
@@ -140,7 +141,7 @@ Json nodeOf(bool isScalar) {
         if (one->isScalar != isScalar) continue;
         for (std::string const& name : namesOf(*one)) names.push_back(name);
         choices.push_back({{"if", {{"properties", {{"type", {{"enum", namesOf(*one)}}}}}}},
-                           {"then", reference(one->name)}});
+                           {"then", definitionOf(*one)}});
     }
     return {{"type", "object"},
             {"properties", {{"type", {{"enum", names}}}}},
@@ -159,7 +160,6 @@ std::string sceneSchema() {
     definitions["field"] = {{"anyOf", {reference("scalarField"), reference("vectorField")}}};
     definitions["scalarNode"] = nodeOf(true);
     definitions["vectorNode"] = nodeOf(false);
-    for (NodeClass const* const one : nodeClasses()) definitions[one->name] = definitionOf(*one);
 
     Json const schema = {
         {"$schema", "http://json-schema.org/draft-07/schema#"},

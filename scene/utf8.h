@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <string>
 #include <string_view>
 
 namespace zel::detail {
@@ -26,6 +28,20 @@ inline bool isUtf8(std::string_view text) {
         i += length;
     }
     return true;
+}
+
+/// The text for an error message: at most `most` bytes of it, whole characters, with "..." for the
+/// rest. Of a text that is not UTF-8, all bytes beyond ASCII become '?'.
+inline std::string shortened(std::string_view text, std::size_t most = 60) {
+    std::size_t size = std::min(text.size(), most);
+    while (size > 0 && size < text.size() &&
+           (static_cast<unsigned char>(text[size]) & 0xc0) == 0x80)
+        --size;
+    std::string shown(text.substr(0, size));
+    if (!isUtf8(shown))
+        for (char& c : shown)
+            if (static_cast<unsigned char>(c) >= 0x80) c = '?';
+    return size < text.size() ? shown + "..." : shown;
 }
 
 }  // namespace zel::detail

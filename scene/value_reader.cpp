@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <cmath>
-#include <cstdlib>
 #include <stdexcept>
 
 #include "zel/field/math.h"
@@ -21,6 +19,27 @@ using Orvane::Geometry::Query::SamplerType;
 using Orvane::Math::FCurve;
 using Type = JsonText::Type;
 
+/// Whether a decimal number that is not in the range of its type is below it, not above.
+bool isBelowRange(std::string_view text) {
+    auto const exponentAt = text.find_first_of("eE");
+    std::string_view const digits = text.substr(0, exponentAt);
+    auto const first = digits.find_first_of("123456789");
+    if (first == std::string_view::npos) return true;
+    auto const point = std::min(digits.find('.'), digits.size());
+    std::int64_t power = static_cast<std::int64_t>(point) - static_cast<std::int64_t>(first);
+    if (exponentAt != std::string_view::npos) {
+        std::string_view exponent = text.substr(exponentAt + 1);
+        if (exponent.starts_with('+')) exponent.remove_prefix(1);
+        std::int32_t value = 0;
+        auto const [end, error] =
+            std::from_chars(exponent.data(), exponent.data() + exponent.size(), value);
+        // More than any number of digits can make up for.
+        if (error != std::errc()) return exponent.starts_with('-');
+        power += value;
+    }
+    return power < 0;
+}
+
 /// A number, rounded once from its decimal digits, or the word for one that is not finite.
 template <class Real>
 Real readReal(JsonText const& json, std::uint32_t at, char const* wanted = "a number") {
@@ -34,12 +53,12 @@ Real readReal(JsonText const& json, std::uint32_t at, char const* wanted = "a nu
     auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error == std::errc::result_out_of_range) {
         // Too small for a subnormal number is 0, as for literals of the language.
-        bool const isSmall = std::abs(std::strtod(std::string(text).c_str(), nullptr)) < 1;
-        if (isSmall) return text.starts_with('-') ? -Real(0) : Real(0);
+        if (isBelowRange(text)) return text.starts_with('-') ? -Real(0) : Real(0);
         refuse(json, at,
                sizeof(Real) == 4 ? "a number in the range of a float"
                                  : "a number in the range of a double");
     }
+    if (error != std::errc() || end != text.data() + text.size()) refuse(json, at, wanted);
     return number;
 }
 
@@ -99,7 +118,9 @@ Value readDirection(JsonText const& json, std::uint32_t at) {
     if (json[at].type != Type::kObject) {
         if (json[at].type != Type::kArray) refuse(json, at, wantedText(ValueKind::kUnitVector));
         float3 const vector = readVector(json, at);
-        return UnitVector(vector / Orvane::Math::length(vector));
+        float const length = Orvane::Math::length(vector);
+        if (length == 0) refuse(json, at, "a direction [x, y, z] that is not zero");
+        return UnitVector(vector / length);
     }
     constexpr std::array<std::string_view, 1> kNames{"unit"};
     Value value;

@@ -160,6 +160,10 @@ std::string textOf(SamplerType type, bool quoted) {
 
 void appendQuoted(std::string& text, std::string_view string) {
     if (!isUtf8(string)) throw std::invalid_argument("a text that is not UTF-8");
+    appendEscaped(text, string);
+}
+
+void appendEscaped(std::string& text, std::string_view string) {
     constexpr std::string_view kDigits = "0123456789abcdef";
     text += '"';
     for (char const c : string) {
@@ -217,7 +221,7 @@ void appendShort(std::string& text, Value const& value) {
         else if constexpr (std::is_same_v<T, UnitVector>)
             appendComponents(text, held.value, false);
         else if constexpr (std::is_same_v<T, Quern::String>)
-            text += '"' + std::string(held) + '"';
+            appendEscaped(text, Quern::StringView(held).standardView());
         else if constexpr (std::is_same_v<T, SamplerType>)
             text += textOf(held, false);
         else if constexpr (std::is_same_v<T, Quern::Ptr<FCurve>>)

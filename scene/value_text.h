@@ -30,6 +30,8 @@ std::string textOf(Orvane::Geometry::Query::SamplerType type, bool quoted);
 void appendJson(std::string& text, Value const& value);
 /// The same for a reader: vectors in parentheses, and the sizes alone of curves and arrays.
 void appendShort(std::string& text, Value const& value);
+/// Appends a text in quotation marks, and with the escapes of JSON, so that it is on one line.
+void appendEscaped(std::string& text, std::string_view string);
 /// Appends a JSON string. Throws std::invalid_argument if it is not UTF-8.
 void appendQuoted(std::string& text, std::string_view string);
 

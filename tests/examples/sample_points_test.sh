@@ -59,6 +59,9 @@ refused 'sample_points: ball.json: /root/radius: wanted a number, or "inf", "-in
     good --scene ball.json
 sed -i 's/"one"/1/' ball.json
 "$program" good --scene ball.json | cmp - fromFile || fail "a scene in a file"
+echo '{"version": 1, "root": {"type": "ScalarGeoPropertyFound", "property": "mass"}}' >leaf.json
+"$program" good --scene leaf.json 2>err >out || fail "an unbound scene"
+grep -qF '/root: zel::ScalarGeoPropertyFound: no property "mass"' err || fail "no warning: $(cat err)"
 cannot="sample_points: %s: cannot be %s: %s"
 refused "$(printf "$cannot" missing opened 'No such file or directory')" missing
 refused "$(printf "$cannot" results read 'Is a directory')" results --output results/samples

@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include <bit>
 #include <cstring>
 #include <limits>
@@ -11,6 +13,7 @@
 // Trees as JSON: what is written is read back, and what people write is read or refused.
 using namespace support;
 using namespace zel;
+using testing::HasSubstr;
 
 namespace {
 
@@ -40,6 +43,13 @@ void expectSameValues(Quern::Ptr<Interface> const& a, Quern::Ptr<Interface> cons
 std::string scene(std::string const& root, std::string const& nodes = "") {
     return R"({"version": 1, "root": )" + root + (nodes.empty() ? "" : ", \"nodes\": " + nodes) +
            '}';
+}
+
+/// Letters of two bytes each.
+std::string accents(int count) {
+    std::string text;
+    while (count-- > 0) text += "\u00e9";
+    return text;
 }
 
 std::string errorOf(std::string const& text, SceneLimits const& limits = {}) {
@@ -104,7 +114,12 @@ TEST(Json, RoundsADecimalNumberOnce) {
     std::string const number = "1.000000059604644775390625000000000000000001";
     auto const tree = scalarFromJson(scene(number));
     EXPECT_EQ(tree->eval(float3{}, 0), std::nextafterf(1.0F, 2.0F));
-    EXPECT_EQ(scalarFromJson(scene("-1e-60"))->eval(float3{}, 0), 0);
+    for (std::string const& small : std::vector<std::string>{
+             "-1e-60", "0.01e-999999999999", "123.4e-400", "-0." + std::string(60, '0') + "1e3"})
+        EXPECT_EQ(scalarFromJson(scene(small))->eval(float3{}, 0), 0) << small;
+    for (std::string const& large :
+         std::vector<std::string>{"1e60", "0.1e299", "1000" + std::string(60, '0')})
+        EXPECT_THAT(errorOf(scene(large)), HasSubstr("in the range of a float"));
 }
 
 TEST(Json, ReadsWhatPeopleWrite) {
@@ -187,6 +202,19 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {scene(R"({"type": "Spere"})"),
          "/root/type: wanted the class of a scalar field, found \"Spere\"; did you mean "
          "\"Sphere\"?"},
+        {scene(R"({"type": "zel::Sphere"})"),
+         "/root/type: wanted the class of a scalar field, found \"zel::Sphere\"; did you mean "
+         "\"Sphere\"?"},
+        {scene(R"({"type": "Position"})"),
+         "/root/type: wanted the class of a scalar field, found VectorFieldPosition, of a vector "
+         "field"},
+        {scene(R"({"type": "Sphere", "radius": "x)" + accents(60) + R"("})"),
+         "/root/radius: wanted a number, or \"inf\", \"-inf\" or \"nan\", found \"x" + accents(29) +
+             "...\""},
+        {scene("\"" + accents(60) + "\""),
+         "/root: wanted a scalar field, found \"" + accents(30) + "...\", which is no name"},
+        {"{\"\xff\": 1}", "line 1, column 3: syntax error while parsing object key - invalid "
+                          "string: ill-formed UTF-8 byte; last read: '\"?'"},
         {scene(R"({"type": "VectorFieldAdd"})"),
          "/root/type: wanted the class of a scalar field, found VectorFieldAdd, of a vector field"},
         {scene(R"({"type": "Sphere", "raduis": 1})"),
@@ -208,6 +236,8 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {scene(R"({"type": "ScalarOrvane", "channel": "d", "sampler": "cubic"})"),
          "/root/sampler: wanted a sampler, \"linear\", \"cubicC0\" or \"cubicC1\", found "
          "\"cubic\""},
+        {scene(R"({"type": "Plane", "normal": [0, 0, 0]})"),
+         "/root/normal: wanted a direction [x, y, z] that is not zero, found an array of 3"},
         {scene(R"({"type": "FCurve", "field": 1, "curve": {"keys": [[1, 0], [1, 2]]}})"),
          "/root/curve: "},
         {scene(R"({"type": "Negative", "field": "bal"})", R"({"ball": 1})"),
@@ -244,6 +274,8 @@ TEST(Json, RefusesWhatIsBeyondALimit) {
     EXPECT_NE(errorOf(scene("\"n59\"", names + '}'), {.nodes = 60, .depth = 59}), "none");
     EXPECT_EQ(errorOf(scene("\"n59\"", names + '}'), {.nodes = 59}),
               "/nodes/n59: the scene has more nodes than the limit of 59");
+    EXPECT_THAT(errorOf(scene(R"({"type": "Add", "children": [1, 2, 3, 4]})"), {.depth = 3}),
+                HasSubstr("/root: the tree is deeper than the limit of 3 levels: sums"));
     EXPECT_EQ(errorOf("{}", {.bytes = 1}), "/: the file has 2 bytes, more than the limit of 1");
 }
 

@@ -22,6 +22,18 @@ for scene in "$source"/examples/scenes/*.json; do
 done
 [ "$count" -ge 15 ]
 
+# Files read the same where numbers have a decimal comma.
+localedef -c -i de_DE -f UTF-8 ./de_DE.UTF-8 >/dev/null 2>&1 || true
+export LOCPATH=$folder
+if [ "$(LC_ALL=de_DE.UTF-8 locale decimal_point)" = , ]; then
+    for scene in "$source"/examples/scenes/*.json; do
+        LC_ALL=de_DE.UTF-8 "$tool" json "$scene" | cmp - "$(basename "$scene")"
+    done
+else
+    echo "skipped: no locale with a decimal comma can be made here"
+fi
+unset LOCPATH
+
 # What the reader refuses, the schema refuses.
 bad=()
 add_bad() {

@@ -1,5 +1,6 @@
 // scene_tool schema, or scene_tool dot|json|describe FILE: prints what libzel_scene makes of it.
 
+#include <clocale>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -12,6 +13,7 @@
 #include "zel_scene/schema.h"
 
 int main(int argc, char** argv) try {
+    std::setlocale(LC_ALL, "");
     std::string const mode = argc > 1 ? argv[1] : "";
     if (mode == "schema") {
         std::cout << zel::sceneSchema();

@@ -9,6 +9,7 @@
 #include "zel_scene/json.h"
 #include "zel_scene/operators.h"
 #include "zel_scene/register_node.h"
+#include "zel_scene/schema.h"
 
 // Trees described, compared, bound and written as formulas, and classes that take part.
 using namespace support;
@@ -28,6 +29,30 @@ struct Everything : ScalarField {
     double a;
     std::uint16_t b;
     Quern::Ptr<ScalarFieldConstant> c;
+};
+
+/// An operator whose child is no parameter.
+struct HidesALeaf : ScalarFieldNegative {
+    explicit HidesALeaf(float size_)
+        : ScalarFieldNegative(makePtr<ScalarGeoPropertyFound>("none")), size(size_) {}
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple(named("size", &Node::size));
+    }
+    float size;
+};
+
+/// A sum whose weight is named before the fields, and may be refused.
+struct Weighted : ScalarFieldAdd {
+    static constexpr Chain kChain = Chain::kLeft;
+    Weighted(float w, ScalarPtr const& a_, ScalarPtr const& b_)
+        : ScalarFieldAdd(a_, b_), weight(w) {
+        if (w < 0) throw std::runtime_error("a weight below 0");
+    }
+    template <class Node> static constexpr auto parameters() {
+        return std::tuple_cat(std::tuple(named("weight", &Node::weight)),
+                              NodeAccess::parameters<ScalarFieldAdd>());
+    }
+    float weight;
 };
 
 template <class F> std::string messageOf(F const& f) {
@@ -73,6 +98,24 @@ TEST(NodeClass, OfAUserTakesPart) {
         using ScalarFieldAdd::ScalarFieldAdd;
     };
     EXPECT_EQ(findNodeClass(Derived(nullptr, nullptr)), nullptr);
+}
+
+TEST(NodeClass, OfAUserMayBeAChain) {
+    registerNode<Weighted>("curve");
+    auto const read = [](std::string const& weight) {
+        return scalarFromJson(R"({"version": 1, "root": {"type": "curve", "children": [1, 2, 3],
+                                  "weight": )" +
+                              weight + "}}");
+    };
+    ScalarPtr const one = constant(1), two = constant(2), three = constant(3);
+    EXPECT_TRUE(
+        sameTree(read("7"), makePtr<Weighted>(7.0F, makePtr<Weighted>(7.0F, one, two), three)));
+    EXPECT_EQ(messageOf([&] { read("-1"); }), "/root: a weight below 0");
+    EXPECT_THAT(sceneSchema(), HasSubstr("inSlope"));  // the definition of a curve
+
+    NodeClass wrong = nodeClassOf<Everything>("Wrong");
+    wrong.parameters[0].name = "exactGradient";
+    EXPECT_THAT(messageOf([&] { addNodeClass(wrong); }), HasSubstr("\"exactGradient\" is a bool"));
 }
 
 TEST(NodeClass, NamesItsParametersAsItsConstructorTakesThem) {
@@ -134,6 +177,8 @@ TEST(Describe, ShowsClassesParametersAndSharing) {
     EXPECT_THAT(dot, HasSubstr("n5 -> n3 [label=\"time\"];"));
     EXPECT_THAT(dot,
                 HasSubstr(R"(n3 [label="zel::ScalarFieldSphere\ncenter (0, 0.5, 0)\nradius 1"];)"));
+    EXPECT_EQ(describe(makePtr<ScalarGeoPropertyFound>("a\n\"b")),
+              "zel::ScalarGeoPropertyFound property=\"a\\u000a\\\"b\"\n");
     EXPECT_THAT(check(tree), ElementsAre("/root/b/b"));
     EXPECT_THAT(check(ScalarPtr()), ElementsAre("/root"));
     EXPECT_THROW(describe(ScalarPtr()), std::invalid_argument);
@@ -186,7 +231,7 @@ TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
     BindReport const report = bind(tree, object);
     EXPECT_TRUE(report.isComplete());
     ASSERT_EQ(report.boundCount(), 1U);  // one node, although it has two parents
-    EXPECT_EQ(report.bindings[0].path, "/root/a/b");
+    EXPECT_EQ(report.bindings[0].path(), "/root/a/b");
     EXPECT_TRUE(sameTree(tree, before));
     EXPECT_EQ(fixed.useCount(), 3);  // shared by both trees
     EXPECT_NE(tree->eval(float3{0.3F, 0, 0}, 9), before->eval(float3{0.3F, 0, 0}, 9));
@@ -213,9 +258,53 @@ TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
     tree = nullptr;
     EXPECT_THROW(bind(tree, object), std::invalid_argument);
 
+    // A leaf at each of many levels: the paths of all would take gigabytes.
     tree = property("scalar");
-    for (int i = 0; i < 100'000; ++i) tree = -tree;
-    EXPECT_TRUE(bind(tree, object).isComplete());
+    for (int i = 0; i < 100'000; ++i) tree = tree + property("scalar");
+    EXPECT_EQ(bind(tree, object).boundCount(), 100'001U);
+}
+
+TEST(Bind, LeavesNothingOfAnEarlierObject) {
+    auto const& object = boundObject<ORV::TileTree3D::BinaryTraits>();
+    auto const& other = boundObject<ORV::TileTree3D::QuinaryTraits>();
+    ScalarPtr const leaf = makePtr<ScalarOrvaneTriggered>("scalar", SamplerType::kLinear);
+    ScalarPtr tree = leaf, direct = leaf;
+    bind(direct, other);
+    bind(tree, object);
+    ScalarPtr const first = tree;
+    EXPECT_TRUE(bind(tree, other).isComplete());
+    auto const positions = somePositions(50);
+    auto const valuesOf = [&](ScalarPtr const& field) {
+        std::vector<float> values;
+        for (float3 const& p : positions) values.push_back(field->eval(p, 0));
+        return values;
+    };
+    EXPECT_EQ(valuesOf(tree), valuesOf(direct));
+    EXPECT_NE(valuesOf(tree), valuesOf(first));
+
+    // The property is of another type there, and the leaf keeps its values.
+    Orvane::Object turned;
+    auto const data = makePtr<Quern::Array<float4>>(90LL);
+    Orvane::Geometry::setGeoProperty(turned, "scalar", float4{}, data);
+    tree = makePtr<ScalarGeoPropertyTriggered>("scalar");
+    bind(tree, object);
+    ScalarPtr const before = tree;
+    EXPECT_EQ(bind(tree, turned).text(), "/root: zel::ScalarGeoPropertyTriggered: the property "
+                                         "\"scalar\" is of another type\n");
+    EXPECT_EQ(valuesOf(tree), valuesOf(before));
+}
+
+TEST(Bind, ReportsLeavesThatItCannotBind) {
+    registerNode<HidesALeaf>("HidesALeaf");
+    ScalarPtr tree = constant(1) + makePtr<HidesALeaf>(2.0F);
+    EXPECT_EQ(bind(tree, Orvane::Object()).text(),
+              "/root/b/1: zel::ScalarGeoPropertyFound: no property \"none\"\n");
+    tree = makePtr<ScalarOrvane>(Orvane::Object(), "scalar", SamplerType::kLinear);
+    auto const& object = boundObject<ORV::TileTree3D::BinaryTraits>();
+    EXPECT_THAT(messageOf([&] { bindStrictly(tree, object); }),
+                HasSubstr("/root: zel::ScalarOrvane: no channel \"scalar\" when"));
+    tree = makePtr<ScalarOrvane>(object, "scalar", SamplerType::kLinear);
+    EXPECT_TRUE(bind(tree, Orvane::Object()).isComplete());
 }
 
 TEST(Operators, MakeTheNodesOfTheirFormulas) {
@@ -245,6 +334,11 @@ TEST(Operators, MakeTheNodesOfTheirFormulas) {
     EXPECT_EQ(vector(cross(v, p)), Orvane::Math::cross(v, at));
     EXPECT_EQ(vector(lerp(p, v, 1)), v);
     EXPECT_EQ(vector(vectorOf(x, 1, ball)), (float3{at.x, 1, b}));
+    {
+        using namespace std;  // its min and max also take two operands of one type
+        EXPECT_EQ(value(max(x, x) + min(ball, ball)), at.x + b);
+        EXPECT_EQ(vector(min(p, p)), at);
+    }
     EXPECT_TRUE(sameTree(rotate(p, v), makePtr<VectorFieldRotate>(p, v)));
 
     std::vector<ScalarPtr> fields;
