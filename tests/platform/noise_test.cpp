@@ -256,8 +256,13 @@ private:
 };
 
 TEST(Noise, ShowsNoLattice) {
-    auto const check = [](auto const& noise, double rms, double strongest) {
-        for (float const time : {0.0F, 0.25F, 0.37F, 0.5F, 0.75F})
+#ifdef __SANITIZE_ADDRESS__
+    std::vector<float> const times{0.37F};  // the code is the same at all of them
+#else
+    std::vector<float> const times{0.0F, 0.25F, 0.37F, 0.5F, 0.75F};
+#endif
+    auto const check = [&](auto const& noise, double rms, double strongest) {
+        for (float const time : times)
             for (std::size_t const normal : {0u, 1u, 2u}) {
                 PlaneVariance const plane(noise, normal, time);
                 EXPECT_NEAR(std::sqrt(plane.mean()) / rms, 1, 0.015) << time << ' ' << normal;
