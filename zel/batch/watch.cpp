@@ -1,11 +1,13 @@
 #include "zel/batch/watch.h"
 
+#include "zel/field/stopped.h"
+
 namespace zel::detail {
 
 void Watch::finish(std::size_t count) {
     constexpr std::chrono::milliseconds kLeastInterval(20);
-    if (!m_options.progress) return;
     m_done.fetch_add(count, std::memory_order_relaxed);
+    if (!m_progress) return;
     auto const isEarly = [&] {
         return Clock::now().time_since_epoch() - m_lastReport.load() < kLeastInterval;
     };
@@ -16,7 +18,7 @@ void Watch::finish(std::size_t count) {
         // Only now is it certain that no other thread has just reported.
         std::size_t const done = m_done.load(std::memory_order_relaxed);
         if (done < m_all && !m_hasFailed.load(std::memory_order_relaxed) && !isEarly()) {
-            m_options.progress(done, m_all);
+            m_progress(done, m_all);
             m_lastReport.store(Clock::now().time_since_epoch());
         }
     } catch (...) {
@@ -27,9 +29,13 @@ void Watch::finish(std::size_t count) {
     m_isReporting.clear();
 }
 
-void Watch::finishAll() const {
+void Watch::throwIfStopped() const {
     if (m_isStopped.load(std::memory_order_relaxed)) throw Stopped();
-    if (m_options.progress) m_options.progress(m_all, m_all);
+}
+
+void Watch::finishAll() const {
+    throwIfStopped();
+    if (m_progress) m_progress(m_all, m_all);
 }
 
 }  // namespace zel::detail

@@ -3,22 +3,27 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-
-#include "zel/field/evaluate.h"
+#include <functional>
+#include <stop_token>
 
 namespace zel::detail {
 
-/// What the tasks of one evaluation tell its caller, and the caller them.
+/// What the tasks of one call tell its caller, and the caller them. `Options` has a member `stop`
+/// and a member `progress`, as EvaluateOptions, which must outlive this.
 class Watch {
 public:
-    Watch(EvaluateOptions const& options, std::size_t all)
-        : m_options(options), m_all(all),
-          m_lastReport(options.progress ? Clock::now().time_since_epoch() : Clock::duration()) {}
+    template <class Options>
+    explicit Watch(Options const& options, std::size_t all = 0)
+        : m_stop(options.stop), m_progress(options.progress), m_all(all),
+          m_lastReport(m_progress ? Clock::now().time_since_epoch() : Clock::duration()) {}
+
+    /// Adds to the number of all positions, while no task runs.
+    void expect(std::size_t count) { m_all += count; }
 
     /// Whether a task is to go on. It asks before each block.
     bool goesOn() {
         if (m_hasFailed.load(std::memory_order_relaxed)) return false;
-        if (!m_options.stop.stop_requested()) return true;
+        if (!m_stop.stop_requested()) return true;
         m_isStopped.store(true, std::memory_order_relaxed);
         return false;
     }
@@ -27,14 +32,20 @@ public:
     /// throws.
     void finish(std::size_t count);
 
-    /// Throws Stopped if a task was stopped, or reports that all positions are done.
+    /// Whether all positions are counted, when no task runs.
+    bool isComplete() const { return m_done.load() == m_all; }
+
+    /// Throws Stopped if a task was stopped.
+    void throwIfStopped() const;
+    /// The same, or reports that all positions are done.
     void finishAll() const;
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    EvaluateOptions const& m_options;
-    std::size_t const m_all;
+    std::stop_token const& m_stop;
+    std::function<void(std::size_t done, std::size_t all)> const& m_progress;
+    std::size_t m_all;
     std::atomic<std::size_t> m_done = 0;
     std::atomic<Clock::duration> m_lastReport;  // since the clock's epoch
     std::atomic_flag m_isReporting;

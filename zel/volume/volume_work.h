@@ -1,14 +1,13 @@
 #pragma once
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <stop_token>
 
 #include "zel/batch/float_environment.h"
+#include "zel/batch/run_batch.h"
+#include "zel/batch/watch.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
 
 namespace zel::detail {
@@ -21,7 +20,7 @@ public:
     /// `caller` is the name of the call, for messages. The other parameters must outlive this.
     template <class Options>
     VolumeWork(char const* caller, Options const& options)
-        : VolumeWork(caller, options.parallel, options.stop, options.progress) {}
+        : m_caller(caller), m_parallel(options.parallel), m_batch(newBatch()), m_watch(options) {}
 
     /// Calls `work()` between the two hooks of the field, in the caller's arena, or on the calling
     /// thread alone, and reports at its end that all positions are done. After an exception the
@@ -33,7 +32,7 @@ public:
             work();
         else
             tbb::task_arena(1).execute(work);
-        if (m_progress) m_progress(m_all, m_all);
+        m_watch.finishAll();
         callHook([&] { field.postSampleField(); });
     }
 
@@ -43,44 +42,34 @@ public:
     /// cancelled the tasks.
     template <class Body>
     void forGroups(long long count, long long size, int positions, Body const& body) {
-        m_all += static_cast<std::size_t>(count * positions);
+        m_watch.expect(static_cast<std::size_t>(count * positions));
         stopIfAsked();
         ORV::TileTree3D::Internal::parallelRanges(
             (count + size - 1) / size, 1, [&](long long begin, long long end) {
                 FloatEnvironment const standard;
-                for (long long group = begin; group < end; ++group) {
-                    stopIfAsked();
+                for (long long group = begin; group < end && m_watch.goesOn(); ++group) {
                     long long const first = group * size, last = std::min(first + size, count);
                     body(first, last);
-                    add(static_cast<std::size_t>((last - first) * positions));
+                    m_watch.finish(static_cast<std::size_t>((last - first) * positions));
                 }
             });
         checkComplete();
     }
 
-    void stopIfAsked() const;
+    /// Throws Stopped if that is asked for. Not for tasks.
+    void stopIfAsked();
 
     /// The number of the batch, for evaluateRun().
     std::uint64_t batch() const { return m_batch; }
 
 private:
-    using Clock = std::chrono::steady_clock;
-
-    VolumeWork(char const* caller, bool parallel, std::stop_token const& stop,
-               std::function<void(std::size_t, std::size_t)> const& progress);
     static void callHook(std::function<void()> const& hook);
-    void add(std::size_t positions);
     void checkComplete() const;
 
     char const* m_caller;
     bool m_parallel;
-    std::stop_token const& m_stop;
-    std::function<void(std::size_t, std::size_t)> const& m_progress;
     std::uint64_t m_batch;
-    std::size_t m_all = 0;
-    std::atomic<std::size_t> m_done = 0;
-    std::atomic_flag m_isReporting;  // set by the thread that reports; the others go on
-    std::atomic<Clock::time_point> m_nextReport;
+    Watch m_watch;
 };
 
 }  // namespace zel::detail
