@@ -115,7 +115,7 @@ inline constexpr std::array<std::uint32_t, 4> kMix = {0xcc9e2d51u, 0x1b873593u, 
 /// Stands for the origin of the lattice, which adds nothing to a cell.
 struct NoOrigin {};
 
-/// Stands for a Jacobian that is not computed.
+/// Stands for derivatives that are not computed.
 struct NoDerivative {};
 
 template <class T> struct Vec3 { T x, y, z; };

@@ -1,6 +1,5 @@
 #include "zel/field/evaluate.h"
 
-#include <initializer_list>
 #include <optional>
 #include <string>
 

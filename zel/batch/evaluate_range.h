@@ -61,7 +61,7 @@ void evaluateRange(Interface const& field, Batch<Interface> const& batch, GraphO
         std::size_t const size = std::min(end - at, kSize);
         {
             PositionSet set;
-            set.first = batch.elementOf(at);
+            set.first = elementAfter(batch.firstIndex, at);
             set.keepAll = batch.gradients != nullptr;
             PositionScope const scope(workspace, set);
             Arena::Mark const bottom = workspace.stack.mark();

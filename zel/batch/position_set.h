@@ -13,6 +13,11 @@
 // several parents is evaluated once.
 namespace zel::detail {
 
+/// The element index `position` positions after the first. The least index follows the greatest.
+inline long long elementAfter(long long first, std::size_t position) {
+    return static_cast<long long>(static_cast<unsigned long long>(first) + position);
+}
+
 /// The values, or the gradients, of a node at the positions of a set, as far as they are known.
 struct KeptResult {
     bool isKnown(int position) const {
@@ -51,9 +56,7 @@ struct PositionSet {
     KeptResult& add(void const* node, bool gradient, float* storage, Workspace& workspace);
 
     long long element(int position) const {
-        // By unsigned arithmetic, in which the least index follows the greatest.
-        auto const offset = static_cast<unsigned>(offsets ? offsets[position] : position);
-        return static_cast<long long>(static_cast<unsigned long long>(first) + offset);
+        return elementAfter(first, static_cast<unsigned>(offsets ? offsets[position] : position));
     }
 
     long long first = 0;           ///< the element index of position 0, if `offsets` is null

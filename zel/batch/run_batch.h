@@ -5,17 +5,13 @@
 
 #include "zel/batch/float_environment.h"
 #include "zel/batch/known_graphs.h"
+#include "zel/batch/position_set.h"
 #include "zel/field/evaluate.h"
 #include "zel_platform/quern_core/always_inline.h"
 
 namespace zel::detail {
 
 class Watch;
-
-/// The element index `position` positions after the first. The least index follows the greatest.
-inline long long elementAfter(long long first, std::size_t position) {
-    return static_cast<long long>(static_cast<unsigned long long>(first) + position);
-}
 
 /// The positions and the results of a batch.
 template <class Interface> struct Batch {
@@ -25,9 +21,6 @@ template <class Interface> struct Batch {
     long long firstIndex = 0;  ///< the element index of the first position
     bool parallel = true;
     Watch* watch = nullptr;  ///< null if nobody watches
-
-    /// The element index of a position, by its number.
-    long long elementOf(std::size_t position) const { return elementAfter(firstIndex, position); }
 };
 
 /// Writes the results at a few positions by point calls, if those take less time than a block and

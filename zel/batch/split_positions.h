@@ -60,11 +60,6 @@ public:
         : m_points(points), m_isInterleaved(points.count > 0 && points.stride == 3 &&
                                             points.y == points.x + 1 && points.z == points.x + 2) {}
 
-    Orvane::Math::float3 operator[](std::size_t i) const {
-        std::ptrdiff_t const at = m_points.stride * static_cast<std::ptrdiff_t>(i);
-        return {m_points.x[at], m_points.y[at], m_points.z[at]};
-    }
-
     /// Writes the coordinates of `count` positions from number `first` on to three columns, and
     /// loads those of the `next` positions behind them into the cache.
     ZEL_ALWAYS_INLINE void read(std::size_t first, std::size_t count, std::size_t next, float* x,
