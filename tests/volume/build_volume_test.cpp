@@ -7,11 +7,9 @@
 #include <tbb/task_group.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <numbers>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 // Volumes made of fields.
@@ -113,31 +111,6 @@ TEST(FillChannel, EndsByErrorsAndRequests) {
     DataChannel<BinaryTraits, float> empty("c", nullptr, 0, false, true, 0, 3);
     EXPECT_THROW(zel::fillChannel(empty, *volume.topology, *curved<float>()),
                  std::invalid_argument);
-}
-
-TEST(FillChannel, ReportsFromOneThreadAtATimeAndNotTooOften) {
-    auto const volume = build<BinaryTraits, float>(plane<float>);
-    FunctionField const slow([](float3 const& p, long long i) {
-        if (i % 64 == 0) std::this_thread::sleep_for(std::chrono::microseconds(500));
-        return p.x;
-    });
-    tbb::global_control const two(tbb::global_control::max_allowed_parallelism, 2);
-    std::atomic<int> inside = 0;
-    std::size_t last = 0;
-    std::vector<std::chrono::steady_clock::time_point> times;
-    zel::fillChannel(*volume.channel, *volume.topology, slow,
-                     {.progress = [&](std::size_t done, std::size_t all) {
-                         EXPECT_EQ(++inside, 1);
-                         EXPECT_LE(last, done);
-                         EXPECT_LE(done, all);
-                         last = done;
-                         times.push_back(std::chrono::steady_clock::now());
-                         --inside;
-                     }});
-    EXPECT_EQ(last, volume.channel->size());
-    EXPECT_GE(times.size(), 2U);
-    for (std::size_t i = 1; i + 1 < times.size(); ++i)  // the last report does not wait
-        EXPECT_GE(times[i] - times[i - 1], std::chrono::milliseconds(20));
 }
 
 /// The number of lattice points of a box at which |field| is below the band, but that are in no
