@@ -218,10 +218,14 @@ struct Knows : FieldNode<Knows, ScalarField> {
     template <class Node> static auto children(Node& node) { return std::tie(node.child); }
     Quern::Ptr<ScalarFieldSimplexNoise> child;
 };
-/// A user's node that makes its children anew for each copy, so that these have one owner.
+/// A user's node that makes its children anew for each copy, so that these have one owner, and
+/// later ones the addresses of earlier ones.
 struct Rebuilds : ScalarField {
-    Rebuilds() = default;
-    Rebuilds(Rebuilds const&) : Rebuilds() {}
+    explicit Rebuilds(int levels = 3) : a(makePtr<ScalarFieldConstant>(float(levels))) {
+        for (int i = 0; i < 4 && levels > 0; ++i)
+            b = makePtr<ScalarFieldAdd>(b, makePtr<Rebuilds>(levels - 1));
+    }
+    Rebuilds(Rebuilds const& other) : Rebuilds(static_cast<int>(other.a->eval(float3{}, 0))) {}
     using ScalarField::eval;
     float eval(float3 const& p, long long i) const override {
         return a->eval(p, i) - b->eval(p, i);
@@ -230,7 +234,7 @@ struct Rebuilds : ScalarField {
     void replaceChildren(ChildReplacer& replacer) override { replacer(a), replacer(b); }
     void useExactGradient(ChildReplacer& replacer) override { replaceChildren(replacer); }
     bool hasExactGradient() const override { return true; }
-    ScalarPtr a = makePtr<ScalarFieldConstant>(1.0F), b = makePtr<ScalarFieldConstant>(2.0F);
+    ScalarPtr a, b = makePtr<ScalarFieldConstant>(0.5F);
 };
 
 /// A class derived from one with exact gradients, whose value is another.
@@ -270,7 +274,8 @@ TEST(ExactGradients, CopyTheGraphAndLeaveItAsItIs) {
     EXPECT_EQ(countNodes(*exact), countNodes(*tree));
     EXPECT_FALSE(noise->hasExactGradient() || hasExactGradients(*tree));
     EXPECT_FALSE(withExactGradients(ScalarPtr()));
-    EXPECT_EQ(withExactGradients(ScalarPtr(makePtr<Rebuilds>()))->eval(float3{}, 0), -1);
+    ScalarPtr const rebuilt = makePtr<Rebuilds>();
+    EXPECT_EQ(withExactGradients(rebuilt)->eval(float3{}, 0), rebuilt->eval(float3{}, 0));
     ScalarPtr const doubled = makePtr<Doubled>(still, 1);
     EXPECT_TRUE(same(withExactGradients(doubled)->grad({1, 2, 3}, 0), doubled->grad({1, 2, 3}, 0)));
 

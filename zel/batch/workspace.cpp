@@ -17,7 +17,6 @@ Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
         workspace.m_constants.release(nullptr);
         workspace.m_constantCount = 0;
         ++workspace.m_constantsVersion;
-        workspace.planOfBatch = nullptr;  // which holds pointers to constants
     }
 }
 
