@@ -21,6 +21,9 @@ endfunction()
 function(zel_precompile_headers target)
   if(ZEL_PRECOMPILE_HEADERS)
     target_precompile_headers(${target} ${ARGN})
+    # g++ 12 reports its own strings, once their header is precompiled.
+    target_compile_options(
+      ${target} PRIVATE "$<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds;-Wno-restrict;-Wno-stringop-overflow>")
   endif()
 endfunction()
 

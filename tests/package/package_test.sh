@@ -48,7 +48,7 @@ install)
         exit 1
     fi
     other=$(find "$package/shared/include" -mindepth 1 -maxdepth 1 -not -name zel \
-        -not -name zel_platform -not -name zel_scene)
+        -not -name zel_platform -not -name zel_scene -not -name zel_exchange)
     [ -z "$other" ] || { echo "installed beside the libraries: $other"; exit 1; }
     ;;
 install_static)
@@ -63,8 +63,10 @@ install_static)
     ;;
 find_package)
     cmake_project -DCMAKE_PREFIX_PATH="$package/shared"
-    [ ! -e "$package/shared/include/zel_scene" ] ||
-        cmake_project -DCMAKE_PREFIX_PATH="$package/shared" -DCOMPONENT=scene
+    for component in scene exchange; do
+        [ ! -e "$package/shared/include/zel_$component" ] ||
+            cmake_project -DCMAKE_PREFIX_PATH="$package/shared" -DCOMPONENT=$component
+    done
     ;;
 find_package_static)
     cmake_project -DCMAKE_PREFIX_PATH="$package/static"

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "zel_exchange/api.h"
+
+namespace zel {
+
+/// A file that appears under its name only when it is complete. It is written beside, under a name
+/// of its own in the same folder, and renamed by commit(); without that call the destructor removes
+/// it, and a file that had the name before stays as it was. One thread at a time may use it.
+class ZEL_EXCHANGE_API OutputFile {
+public:
+    /// Throws FileError if the file cannot be made.
+    explicit OutputFile(std::filesystem::path path);
+    OutputFile(OutputFile const&) = delete;
+    OutputFile& operator=(OutputFile const&) = delete;
+    ~OutputFile();
+
+    /// Appends bytes. Throws FileError, on a full disk for example.
+    void write(std::span<std::byte const> bytes);
+    void write(std::string_view text);
+    /// The file that is being written, for libraries that write by name or by stream. Those that
+    /// open it anew must close it before commit().
+    std::filesystem::path const& temporaryPath() const { return m_temporary; }
+    std::FILE* stream() { return m_stream; }
+    /// Puts the file under its name. Throws FileError, and removes it then.
+    void commit();
+
+private:
+    std::filesystem::path m_path, m_temporary;
+    std::FILE* m_stream = nullptr;
+};
+
+}  // namespace zel
