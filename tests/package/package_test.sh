@@ -33,9 +33,10 @@ use_pkg_config() {  # PREFIX
     LD_LIBRARY_PATH=$(dirname "$(find "$1" -name 'libzel.*' -not -type d | head -n 1)")
     export PKG_CONFIG_PATH LD_LIBRARY_PATH
 }
+packages=(zel)
 compile() {  # PROGRAM.cpp OPTION...: to PROGRAM
     # shellcheck disable=SC2046
-    "$compiler" -std=c++20 "$1" "${@:2}" -o "${1%.cpp}" $(pkg-config --cflags --libs zel)
+    "$compiler" -std=c++20 "$1" "${@:2}" -o "${1%.cpp}" $(pkg-config --cflags --libs "${packages[@]}")
 }
 
 case $mode in
@@ -100,11 +101,10 @@ pages)
     use_pkg_config "$package/shared"
     rm app.cpp README-*
     for page in "$source/README.md" "$source"/docs/*.md; do extract "$page"; done
-    scene=$(find "$package/shared" -name 'libzel_scene.so')
-    [ -n "$scene" ] || rm scenes-*
+    if pkg-config --exists zel_scene; then packages+=(zel_scene); else rm scenes-*; fi
     for program in *.cpp; do
         echo "$program"
-        compile "$program" -O2 -Wall -Wextra -Werror ${scene:+"$scene"}
+        compile "$program" -O2 -Wall -Wextra -Werror
         "./${program%.cpp}" >output
         [ ! -e "${program%.cpp}.txt" ] || diff output "${program%.cpp}.txt"
     done
