@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <string_view>
 #include <utility>
@@ -133,27 +134,31 @@ private:
         std::string_view rest = nextLine(vertex());
         std::size_t column = 0;
         for (PlyProperty const& property : vertex().properties) {
-            if (property.isList) {
-                float length = readWord(rest, property);
-                if (!(0 <= length && length < 0x1p24F))
-                    failAtWord(property, "wanted the length of a list", {});
-                for (; length > 0; --length) readWord(rest, property);
-            } else {
-                targets[column++].set(row, readWord(rest, property));
+            std::string_view word = nextWord(rest, property);
+            float value = 0;
+            if (!property.isList) {
+                if (char const* const problem = parseFloat(word, value))
+                    failAtWord(property, problem, word);
+                targets[column++].set(row, value);
+                continue;
             }
+            std::uint32_t length = 0;
+            auto const [end, error] =
+                std::from_chars(word.data(), word.data() + word.size(), length);
+            if (error != std::errc() || end != word.data() + word.size())
+                failAtWord(property, "wanted the length of a list", word);
+            for (; length > 0; --length) nextWord(rest, property);
         }
         if (rest.find_first_not_of(" \t") != std::string_view::npos)
             source.failAtLine("there are more numbers than properties");
     }
 
-    float readWord(std::string_view& rest, PlyProperty const& property) {
+    std::string_view nextWord(std::string_view& rest, PlyProperty const& property) {
         rest.remove_prefix(std::min(rest.find_first_not_of(" \t"), rest.size()));
         std::string_view const word = rest.substr(0, rest.find_first_of(" \t"));
+        if (word.empty()) failAtWord(property, "wanted a number", {});
         rest.remove_prefix(word.size());
-        float value = 0;
-        if (char const* const problem = parseFloat(word, value))
-            failAtWord(property, problem, word);
-        return value;
+        return word;
     }
 
     [[noreturn]] void failAtWord(PlyProperty const& property, char const* problem,
