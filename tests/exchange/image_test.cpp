@@ -78,10 +78,14 @@ TEST(Image, RefusesHostileFilesAndMisuse) {
     EXPECT_EQ(errorOfImage(whole, 1000),
               "header: an image of 20 x 10 pixels takes more than 1000 bytes");
 
-    // A header of 2^31 - 1 pixels on each side, with its checksum, and nothing behind.
-    std::string const claim(
-        "\x89PNG\r\n\x1A\n\0\0\0\rIHDR\x7F\xFF\xFF\xFF\x7F\xFF\xFF\xFF\x10\2\0\0\0", 29);
-    EXPECT_NE(errorOfImage(claim + std::string("\0\0\0\0", 4)), "none");
+    // A header of 2^31 - 1 pixels on each side, and one of 10^12 that would fit the memory allowed.
+    std::string const begin("\x89PNG\r\n\x1A\n\0\0\0\rIHDR", 16), data("\0\0\0\x0CIDAT", 8);
+    std::string const sides("\x7F\xFF\xFF\xFF\x7F\xFF\xFF\xFF\x10\2\0\0\0\xCB\x3B\x40\x72", 17);
+    EXPECT_THAT(errorOfImage(begin + sides + data), HasSubstr("takes more than 1073741824 bytes"));
+    std::string const grey("\0\x0F\x42\x40\0\x0F\x42\x40\1\0\0\0\0\x74\x16\x05\xD0", 17);
+    EXPECT_EQ(
+        errorOfImage(begin + grey + data, std::size_t{1} << 50),
+        "header: an image of 1000000 x 1000000 pixels takes more than a file of 41 bytes can hold");
 
     EXPECT_THROW(writePng(folder / "b.png", Image8{2, 2, 1, {1, 2, 3}}), std::invalid_argument);
     EXPECT_THROW(writePng(folder / "b.png", Image8{1, 1, 2, {1, 2}}), std::invalid_argument);
