@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <set>
+#include <stdexcept>
 #include <utility>
 
 #include "column_names.h"
@@ -10,6 +10,7 @@
 #include "npy_header.h"
 #include "point_format.h"
 #include "points.h"
+#include "suffix.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 
 namespace zel {
@@ -17,12 +18,6 @@ namespace zel {
 using Orvane::Math::float3;
 
 namespace {
-
-std::string lowerSuffix(std::filesystem::path const& path) {
-    std::string suffix = path.extension().string();
-    for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return suffix;
-}
 
 /// The positions of a .npy file.
 class NpyReader : public detail::RowReader {
@@ -52,7 +47,7 @@ private:
 }  // namespace
 
 PointFormat pointFormatOf(std::filesystem::path const& path) {
-    std::string const suffix = lowerSuffix(path);
+    std::string const suffix = detail::lowerSuffix(path);
     if (suffix == ".npy") return PointFormat::kNpy;
     if (suffix == ".csv") return PointFormat::kCsv;
     if (suffix == ".ply") return PointFormat::kPly;
@@ -128,7 +123,8 @@ template <class T> Quern::Ptr<Quern::Array<T>> makeArray(std::size_t size) {
 PointReader::PointReader(std::filesystem::path const& path) {
     detail::ByteSource source(path);
     std::string const name = source.name();
-    m_state = std::make_unique<State>(rowsOf(std::move(source), lowerSuffix(path), &path), name);
+    m_state =
+        std::make_unique<State>(rowsOf(std::move(source), detail::lowerSuffix(path), &path), name);
 }
 PointReader::PointReader(std::span<std::byte const> memory, std::string name) {
     detail::ByteSource source(memory, name);
