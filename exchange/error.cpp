@@ -29,9 +29,9 @@ FileError::FileError(FileError const&) = default;
 FileError& FileError::operator=(FileError const&) = default;
 FileError::~FileError() = default;
 
-std::string detail::quoted(std::string const& piece) {
+std::string detail::quoted(std::string_view piece) {
     constexpr std::size_t kLongest = 60;
-    std::string text = printable(piece.substr(0, kLongest));
+    std::string text = printable(std::string(piece.substr(0, kLongest)));
     if (piece.size() > kLongest) text += "...";
     return std::string(1, '"').append(text).append(1, '"');
 }

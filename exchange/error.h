@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "zel_exchange/api.h"
 
@@ -31,7 +32,7 @@ private:
 namespace detail {
 
 /// A piece of a file as an error shows it: in quotes, without control characters, and shortened.
-std::string quoted(std::string const& piece);
+std::string quoted(std::string_view piece);
 
 }  // namespace detail
 

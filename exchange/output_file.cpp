@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -12,60 +13,103 @@
 
 namespace zel {
 
-namespace {
+namespace fs = std::filesystem;
 
-[[noreturn]] void failWith(std::filesystem::path const& path, char const* what) {
-    throw FileError(path.string(), {},
-                    std::string(what) + ": " + std::generic_category().message(errno));
+OutputFile::OutputFile(fs::path path) : m_name(path.string()), m_path(std::move(path)) {
+    if (m_path == "-") {
+        m_name = "standard output";
+        m_temporary = m_path;
+        m_stream = stdout;
+        return;
+    }
+    std::error_code ignored;
+    fs::file_status const status = fs::status(m_path, ignored);
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
+        m_temporary = m_path;
+        m_stream = std::fopen(m_path.c_str(), "wbe");
+    } else {
+        openBeside();
+    }
+    if (m_stream == nullptr) fail(errno);
 }
 
-}  // namespace
-
-OutputFile::OutputFile(std::filesystem::path path) : m_path(std::move(path)) {
-    // A name that ends in the suffix of the file, since libraries choose the format by it.
-    std::string name = m_path.parent_path() / ("." + m_path.stem().string() + "-XXXXXX");
-    std::string const suffix = m_path.extension().string();
-    name += suffix;
-    int const file = mkostemps(name.data(), static_cast<int>(suffix.size()), O_CLOEXEC);
-    if (file < 0) failWith(m_path, "cannot be written");
-    m_temporary = name;
-    // The rights that a file made by its own name would have.
-    mode_t const mask = umask(0);
-    umask(mask);
-    static_cast<void>(fchmod(file, 0666 & ~mask));
-    m_stream = fdopen(file, "w+b");
-    if (m_stream == nullptr) {
-        int const error = errno;
-        close(file);
-        unlink(m_temporary.c_str());
-        errno = error;
-        failWith(m_path, "cannot be written");
+void OutputFile::openBeside() {
+    std::error_code error;
+    if (fs::exists(m_path, error)) {
+        m_path = fs::canonical(m_path, error);
+    } else if (fs::is_symlink(fs::symlink_status(m_path, error))) {
+        m_path = m_path.parent_path() / fs::read_symlink(m_path, error);
     }
+    if (m_path.empty()) {
+        errno = ENOENT;
+        return;
+    }
+    static std::atomic<unsigned> number = 0;
+    int file = -1;
+    do {
+        // A name that ends in the suffix of the file, since libraries choose the format by it.
+        m_temporary =
+            m_path.parent_path() / ("." + m_path.stem().string() + "-" + std::to_string(getpid()) +
+                                    "-" + std::to_string(number++) + m_path.extension().string());
+        file = open(m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    } while (file < 0 && errno == EEXIST);
+    if (file < 0) return;
+    struct stat before {};
+    // Some file systems have no permissions, so that a failure means nothing.
+    if (stat(m_path.c_str(), &before) == 0) static_cast<void>(fchmod(file, before.st_mode & 0777));
+    m_stream = fdopen(file, "w+b");
+    if (m_stream != nullptr) return;
+    int const reason = errno;
+    close(file);
+    unlink(m_temporary.c_str());
+    errno = reason;
 }
 
 OutputFile::~OutputFile() {
-    if (m_stream == nullptr) return;
-    std::fclose(m_stream);
-    unlink(m_temporary.c_str());
+    discard();
+}
+
+void OutputFile::discard() noexcept {
+    if (m_stream != nullptr && m_stream != stdout) std::fclose(m_stream);
+    m_stream = nullptr;
+    if (!isDirect()) unlink(m_temporary.c_str());
+    m_temporary = m_path;
+}
+
+void OutputFile::fail(int error) const {
+    throw FileError(m_name, {}, "cannot be written: " + std::generic_category().message(error));
 }
 
 void OutputFile::write(std::span<std::byte const> bytes) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), m_stream) != bytes.size())
-        failWith(m_path, "cannot be written");
+    if (std::fwrite(bytes.data(), 1, bytes.size(), m_stream) != bytes.size()) fail(errno);
 }
 void OutputFile::write(std::string_view text) {
     write(std::as_bytes(std::span(text)));
 }
 
+void OutputFile::rewriteBegin(std::span<std::byte const> bytes) {
+    if (isDirect()) fail(ESPIPE);
+    if (fseeko(m_stream, 0, SEEK_SET) != 0) fail(errno);
+    write(bytes);
+    if (fseeko(m_stream, 0, SEEK_END) != 0) fail(errno);
+}
+
 void OutputFile::commit() {
-    bool const flushed = std::fflush(m_stream) == 0;
-    bool const closed = std::fclose(m_stream) == 0;
+    bool done = std::fflush(m_stream) == 0;
+    int error = errno;
+    if (m_stream != stdout && std::fclose(m_stream) != 0) {
+        if (done) error = errno;
+        done = false;
+    }
     m_stream = nullptr;
-    if (flushed && closed && std::rename(m_temporary.c_str(), m_path.c_str()) == 0) return;
-    int const error = errno;
-    unlink(m_temporary.c_str());
-    errno = error;
-    failWith(m_path, "cannot be written");
+    if (done && !isDirect()) {
+        done = std::rename(m_temporary.c_str(), m_path.c_str()) == 0;
+        error = errno;
+        if (done) m_temporary = m_path;
+    }
+    if (done) return;
+    discard();
+    fail(error);
 }
 
 }  // namespace zel

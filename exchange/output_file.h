@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <span>
@@ -13,7 +14,9 @@ namespace zel {
 
 /// A file that appears under its name only when it is complete. It is written beside, under a name
 /// of its own in the same folder, and renamed by commit(); without that call the destructor removes
-/// it, and a file that had the name before stays as it was. One thread at a time may use it.
+/// it, and a file that had the name before stays as it was. A symbolic link is kept: its target is
+/// replaced. A device or a pipe, and the standard output, "-", are written directly. One thread at
+/// a time may use it.
 class ZEL_EXCHANGE_API OutputFile {
 public:
     /// Throws FileError if the file cannot be made.
@@ -25,14 +28,26 @@ public:
     /// Appends bytes. Throws FileError, on a full disk for example.
     void write(std::span<std::byte const> bytes);
     void write(std::string_view text);
+    /// Writes the first bytes of the file anew. Throws FileError, also if the file is written
+    /// directly.
+    void rewriteBegin(std::span<std::byte const> bytes);
+    /// Whether the file is written directly.
+    bool isDirect() const { return m_temporary == m_path; }
     /// The file that is being written, for libraries that write by name or by stream. Those that
     /// open it anew must close it before commit().
     std::filesystem::path const& temporaryPath() const { return m_temporary; }
     std::FILE* stream() { return m_stream; }
+    /// The name for errors.
+    std::string const& name() const { return m_name; }
     /// Puts the file under its name. Throws FileError, and removes it then.
     void commit();
 
 private:
+    void openBeside();
+    void discard() noexcept;
+    [[noreturn]] void fail(int error) const;
+
+    std::string m_name;
     std::filesystem::path m_path, m_temporary;
     std::FILE* m_stream = nullptr;
 };

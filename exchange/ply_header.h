@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "byte_source.h"
+
+namespace zel::detail {
+
+enum class PlyType { kInt8, kUint8, kInt16, kUint16, kInt32, kUint32, kFloat, kDouble };
+
+std::size_t sizeOf(PlyType type);
+
+struct PlyProperty {
+    std::string name;
+    PlyType type = PlyType::kFloat;  // of the number, or of each element of a list
+    bool isList = false;
+    PlyType countType = PlyType::kUint8;
+};
+
+struct PlyElement {
+    std::string name;
+    std::uint64_t count = 0;
+    std::vector<PlyProperty> properties;
+
+    bool hasLists() const;
+    /// The bytes of one, if it has no lists.
+    std::size_t size() const;
+};
+
+enum class PlyEncoding { kAscii, kLittleEndian, kBigEndian };
+
+struct PlyHeader {
+    PlyEncoding encoding = PlyEncoding::kAscii;
+    std::vector<PlyElement> elements;
+};
+
+/// Reads a header, from the first byte of a file. Throws FileError.
+PlyHeader readPlyHeader(ByteReader& source);
+
+}  // namespace zel::detail
