@@ -1,0 +1,113 @@
+#include "vdb_archive.h"
+
+#include <openvdb/io/Archive.h>
+#include <openvdb/io/GridDescriptor.h>
+#include <openvdb/openvdb.h>
+
+#include <istream>
+#include <new>
+#include <streambuf>
+
+#include "error.h"
+
+namespace zel::detail {
+
+namespace {
+
+/// A part of memory as a stream. To read past its end is an error, also within a value.
+class ViewBuffer : public std::streambuf {
+public:
+    explicit ViewBuffer(std::span<char const> bytes) { limit(bytes, 0, bytes.size()); }
+
+    void limit(std::span<char const> bytes, std::size_t at, std::size_t end) {
+        char* const first = const_cast<char*>(bytes.data());  // never written
+        setg(first, first + at, first + end);
+    }
+
+protected:
+    pos_type seekpos(pos_type position, std::ios_base::openmode mode) override {
+        return seekoff(off_type(position), std::ios_base::beg, mode);
+    }
+    pos_type seekoff(off_type offset, std::ios_base::seekdir from,
+                     std::ios_base::openmode /*mode*/) override {
+        off_type const start = from == std::ios_base::beg   ? 0
+                               : from == std::ios_base::cur ? gptr() - eback()
+                                                            : egptr() - eback();
+        off_type const size = egptr() - eback();
+        if (offset < -start || offset > size - start) return pos_type(off_type(-1));
+        setg(eback(), eback() + start + offset, egptr());
+        return pos_type(start + offset);
+    }
+};
+
+class ViewArchive : public openvdb::io::Archive {
+public:
+    explicit ViewArchive(FileView const& file) : m_file(file), m_buffer(file.bytes()) {
+        m_stream.exceptions(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
+        readHeader(m_stream);
+        setFormatVersion(m_stream);
+        setLibraryVersion(m_stream);
+        setDataCompression(m_stream);
+    }
+
+    openvdb::GridBase::Ptr read(VdbSection const& section) {
+        m_buffer.limit(m_file.bytes(), static_cast<std::size_t>(section.descriptor),
+                       static_cast<std::size_t>(section.grid));
+        openvdb::io::GridDescriptor descriptor;
+        auto grid = descriptor.read(m_stream);
+        m_buffer.limit(m_file.bytes(), static_cast<std::size_t>(section.grid),
+                       static_cast<std::size_t>(section.end));
+        readGrid(grid, descriptor, m_stream);
+        return grid;
+    }
+    std::size_t place() {
+        return static_cast<std::size_t>(m_stream.rdbuf()->pubseekoff(0, std::ios::cur));
+    }
+
+private:
+    FileView const& m_file;
+    ViewBuffer m_buffer;
+    std::istream m_stream{&m_buffer};
+};
+
+}  // namespace
+
+void initializeVdb() {
+    openvdb::initialize();
+}
+
+openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection> const& sections,
+                                   VdbSection const& section) {
+    initializeVdb();
+    auto const fail = [&](std::string const& message) {
+        throw FileError(file.name(), gridPlace(section.name), message);
+    };
+    try {
+        ViewArchive archive(file);
+        try {
+            auto grid = archive.read(section);
+            if (section.shares.empty()) return grid;
+            for (auto const& other : sections)
+                if (other.name == section.shares && other.shares.empty() &&
+                    other.tree == section.tree) {
+                    grid->setTree(archive.read(other)->baseTreePtr());
+                    return grid;
+                }
+            fail("it shares the tree of a grid " + quoted(section.shares) +
+                 ", which the file lacks");
+        } catch (std::ios_base::failure const&) {
+            fail("the voxels end within a value, at byte " + std::to_string(archive.place()));
+        } catch (openvdb::Exception const& error) {
+            fail("damaged before byte " + std::to_string(archive.place()) + ": " + error.what());
+        }
+    } catch (std::bad_alloc const&) {
+        fail("not enough memory, or damaged");
+    } catch (std::length_error const&) {
+        fail("not enough memory, or damaged");
+    } catch (openvdb::Exception const& error) {
+        fail(error.what());
+    }
+    return {};
+}
+
+}  // namespace zel::detail

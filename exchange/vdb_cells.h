@@ -1,0 +1,246 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstdint>
+#include <vector>
+
+#include "vdb_source.h"
+#include "zel_platform/orvane_geometry_volume/parallel.h"
+
+// Where the values of a VDB tree change. A box of 4 voxels along each axis is plain if the values
+// at its voxels, and at those just across its high faces, edges and corner, are all the same: the
+// trilinear function is then constant in it. The boxes lie on multiples of 4, as the nodes of
+// OpenVDB do.
+namespace zel::detail {
+
+/// A box of 8 voxels along each axis, on multiples of 8, and which of its eight parts are not
+/// plain: bit x + 2y + 4z.
+struct VdbCell {
+    int3 corner;
+    std::uint8_t parts;
+};
+
+/// Thrown where a tree would exceed a limit.
+struct TooManyTiles {};
+/// Thrown for values beyond the lattice of a tile tree.
+struct OutsideLattice {
+    int3 at;
+};
+
+/// Compares by the order of a depth-first walk through an octree.
+inline bool isBeforeInOctree(int3 const& a, int3 const& b) {
+    auto const difference = [&](int axis) {
+        return static_cast<std::uint32_t>(a[axis]) ^ static_cast<std::uint32_t>(b[axis]);
+    };
+    int axis = 2;
+    for (int other : {1, 0}) {
+        auto const most = difference(axis), more = difference(other);
+        if (most < more && most < (most ^ more)) axis = other;
+    }
+    return a[axis] < b[axis];
+}
+
+/// Finds the cells of a VDB tree.
+template <class Tree> class VdbScan {
+public:
+    /// At most `limit` parts may be found, and no value but the background farther from `centre`
+    /// than `reach` along an axis.
+    VdbScan(Tree const& tree, long long limit, int3 const& centre, int reach)
+        : m_tree(tree), m_limit(limit), m_centre(centre), m_reach(reach) {}
+
+    /// The cells with parts that are not plain, in the order of an octree. Throws TooManyTiles and
+    /// OutsideLattice.
+    std::vector<VdbCell> run() {
+        findBlocks();
+        std::sort(m_blocks.begin(), m_blocks.end(), isBeforeInOctree);
+        m_blocks.erase(std::unique(m_blocks.begin(), m_blocks.end()), m_blocks.end());
+        std::vector<std::vector<VdbCell>> found(m_blocks.size());
+        ORV::TileTree3D::Internal::parallelRanges(
+            static_cast<long long>(m_blocks.size()), 1, [&](long long first, long long last) {
+                VdbSource<Tree> source(m_tree);
+                Table table(kEdge * kEdge * kEdge);
+                for (auto i = static_cast<std::size_t>(first); i < static_cast<std::size_t>(last);
+                     ++i)
+                    scan(m_blocks[i] * kBlock, source, table, found[i]);
+            });
+        std::size_t count = 0;
+        for (auto const& part : found) count += part.size();
+        std::vector<VdbCell> cells;
+        cells.reserve(count);
+        for (auto& part : found) {
+            cells.insert(cells.end(), part.begin(), part.end());
+            std::vector<VdbCell>().swap(part);
+        }
+        return cells;
+    }
+
+private:
+    using Value = typename Tree::ValueType;
+    using Root = typename Tree::RootNodeType;
+    using Upper = typename Root::ChildNodeType;
+    using Lower = typename Upper::ChildNodeType;
+    using Leaf = typename Lower::ChildNodeType;
+    static constexpr int kBlock = Lower::DIM;  ///< 128: blocks are scanned together
+    static constexpr int kRegion = Upper::DIM;
+    static constexpr int kLeaf = Leaf::DIM;
+    static constexpr int kLeaves = kBlock / kLeaf, kEdge = kLeaves + 1;
+
+    /// What a box of 8 voxels along each axis holds.
+    struct Entry {
+        Leaf const* leaf;
+        Value value;  ///< without a leaf
+    };
+    using Table = std::vector<Entry>;  ///< of a block and the layer above its high faces
+
+    static int3 step(int direction) { return {direction & 1, direction >> 1 & 1, direction >> 2}; }
+    static int3 cornerOf(openvdb::Coord const& at) { return {at.x(), at.y(), at.z()}; }
+
+    void addBlock(int3 const& block) {
+        m_blocks.push_back(block);
+        if (m_blocks.size() < m_sorted * 2 + (std::size_t{1} << 20)) return;
+        std::sort(m_blocks.begin(), m_blocks.end(), isBeforeInOctree);
+        m_blocks.erase(std::unique(m_blocks.begin(), m_blocks.end()), m_blocks.end());
+        m_sorted = m_blocks.size();
+        if (static_cast<long long>(m_sorted) > m_limit) throw TooManyTiles{};
+    }
+    /// The block, and those whose high faces, edges or corner touch it.
+    void addWithLower(int3 const& at) {
+        int3 const block{at.x >> 7, at.y >> 7, at.z >> 7};
+        for (int direction = 0; direction < 8; ++direction) addBlock(block - step(direction));
+    }
+
+    void findBlocks() {
+        static_assert(kBlock == 1 << 7);
+        auto const& root = m_tree.root();
+        Value const background = m_tree.background();
+        for (auto upper = root.cbeginChildOn(); upper; ++upper) {
+            checkRegion(cornerOf(upper->origin()));
+            for (auto lower = upper->cbeginChildOn(); lower; ++lower)
+                addWithLower(cornerOf(lower->origin()));
+            for (auto tile = upper->cbeginValueAll(); tile; ++tile)
+                if (!isSame(*tile, background)) addWithLower(cornerOf(tile.getCoord()));
+        }
+        VdbSource<Tree> source(m_tree);
+        for (auto tile = root.cbeginValueAll(); tile; ++tile)
+            if (!isSame(*tile, background)) {
+                int3 const corner = cornerOf(tile.getCoord());
+                checkRegion(corner);
+                for (int direction = 1; direction < 8; ++direction) {
+                    addShell(source, corner, corner + step(direction) * kRegion, *tile, direction);
+                    int3 const lower = corner - step(direction) * kRegion;
+                    addShell(source, lower, corner, source.value(lower), direction);
+                }
+            }
+    }
+    void checkRegion(int3 const& corner) const {
+        for (int axis = 0; axis < 3; ++axis) {
+            long long const at = static_cast<long long>(corner[axis]) - m_centre[axis];
+            if (at < -static_cast<long long>(m_reach) + 2 * kRegion ||
+                at >= static_cast<long long>(m_reach) - 2 * kRegion)
+                throw OutsideLattice{corner};
+        }
+    }
+    /// Adds the blocks of a region at those of its high faces that `direction` names, unless the
+    /// region across them is of the same value.
+    void addShell(VdbSource<Tree>& source, int3 const& region, int3 const& across,
+                  Value const& value, int direction) {
+        auto const isPlain = [&](int3 const& at) { return !source.template node<Upper>(at); };
+        if (isPlain(region) && isPlain(across) && isSame(source.value(across), value)) return;
+        constexpr int kCount = kRegion / kBlock;
+        int3 const first = step(direction) * (kCount - 1);
+        int3 const base{region.x >> 7, region.y >> 7, region.z >> 7};
+        for (int z = first.z; z < kCount; ++z)
+            for (int y = first.y; y < kCount; ++y)
+                for (int x = first.x; x < kCount; ++x) addBlock(base + int3{x, y, z});
+    }
+
+    void scan(int3 const& corner, VdbSource<Tree>& source, Table& table,
+              std::vector<VdbCell>& cells) {
+        Lower const* const node = source.template node<Lower>(corner);
+        if (!node && isPlainAround(corner, source)) return;
+        Entry* entry = table.data();
+        for (int z = 0; z < kEdge; ++z)
+            for (int y = 0; y < kEdge; ++y)
+                for (int x = 0; x < kEdge; ++x, ++entry) {
+                    if (node && x < kLeaves && y < kLeaves && z < kLeaves) {
+                        auto const slot = static_cast<openvdb::Index>(x << 8 | y << 4 | z);
+                        auto const& held = node->getTable()[slot];
+                        if (node->isChildMaskOn(slot))
+                            entry->leaf = held.getChild();
+                        else
+                            *entry = {nullptr, held.getValue()};
+                        continue;
+                    }
+                    int3 const at = corner + int3{x, y, z} * kLeaf;
+                    entry->leaf = source.leaf(at);
+                    if (!entry->leaf) entry->value = source.value(at);
+                }
+        long long parts = 0;
+        for (std::uint32_t number = 0; number < kLeaves * kLeaves * kLeaves; ++number) {
+            int3 const at{everyThirdBit(number), everyThirdBit(number >> 1),
+                          everyThirdBit(number >> 2)};
+            std::uint8_t const mask =
+                notPlain(corner + at * kLeaf, source,
+                         &table[static_cast<std::size_t>(at.x + kEdge * (at.y + kEdge * at.z))]);
+            if (mask == 0) continue;
+            cells.push_back({corner + at * kLeaf, mask});
+            parts += std::popcount(mask);
+        }
+        if (m_parts.fetch_add(parts) + parts > m_limit) throw TooManyTiles{};
+    }
+
+    /// Whether a block and those it touches are of one value.
+    bool isPlainAround(int3 const& corner, VdbSource<Tree>& source) {
+        Value const value = source.value(corner);
+        for (int direction = 1; direction < 8; ++direction) {
+            int3 const at = corner + step(direction) * kBlock;
+            if (source.template node<Lower>(at) || !isSame(source.value(at), value)) return false;
+        }
+        return true;
+    }
+
+    static int everyThirdBit(std::uint32_t number) {
+        return static_cast<int>((number & 1) | (number >> 2 & 2) | (number >> 4 & 4) |
+                                (number >> 6 & 8));
+    }
+
+    std::uint8_t notPlain(int3 const& corner, VdbSource<Tree>& source, Entry const* entry) const {
+        unsigned across = 0xFF;  // the directions in which values may differ
+        if (!entry->leaf) {
+            across = 0;
+            for (int direction = 1; direction < 8; ++direction) {
+                int3 const to = step(direction);
+                Entry const& other = entry[to.x + kEdge * (to.y + kEdge * to.z)];
+                if (other.leaf || !isSame(other.value, entry->value)) across |= 1U << direction;
+            }
+            if (across == 0) return 0;
+        }
+        unsigned mask = 0;
+        for (unsigned part = 0; part < 8; ++part)
+            if ((across & kTouched[part]) != 0 &&
+                !source.template isConstant<5>(corner + step(static_cast<int>(part)) * 4))
+                mask |= 1U << part;
+        return static_cast<std::uint8_t>(mask);
+    }
+    /// By part of a box, the directions in which the part touches other boxes.
+    static constexpr std::array<unsigned, 8> kTouched = [] {
+        std::array<unsigned, 8> touched{};
+        for (unsigned part = 0; part < 8; ++part)
+            for (unsigned direction = 0; direction < 8; ++direction)
+                if ((direction & part) == direction) touched[part] |= 1U << direction;
+        return touched;
+    }();
+
+    Tree const& m_tree;
+    long long m_limit;
+    int3 m_centre;
+    int m_reach;
+    std::vector<int3> m_blocks;
+    std::size_t m_sorted = 0;
+    std::atomic<long long> m_parts{0};
+};
+
+}  // namespace zel::detail

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// The parts of an OpenVDB file that come before voxels, read without OpenVDB, which trusts the
+// lengths in a file and allocates by them.
+namespace zel::detail {
+
+/// A file in memory, which must not be truncated meanwhile.
+class FileView {
+public:
+    /// Throws FileError.
+    explicit FileView(std::filesystem::path const& path);
+    FileView(FileView const&) = delete;
+    FileView& operator=(FileView const&) = delete;
+    ~FileView();
+
+    std::string const& name() const { return m_name; }
+    std::span<char const> bytes() const { return m_bytes; }
+
+private:
+    std::string m_name;
+    std::span<char const> m_bytes;
+};
+
+/// An entry of metadata: the name of its type, and its bytes.
+struct VdbEntry {
+    std::string type;
+    std::string_view bytes;
+
+    /// The value as text; the type in brackets if it is of no simple type.
+    std::string text() const;
+};
+using VdbMetadata = std::map<std::string, VdbEntry>;
+
+/// Where a grid lies in a file.
+struct VdbSection {
+    std::string name;    ///< as a caller gives it
+    std::string type;    ///< of the values, such as "vec3s"
+    std::string tree;    ///< the type of the tree, such as "Tree_vec3s_5_4_3"
+    std::string shares;  ///< the name of the grid whose tree this one has too, or empty
+    bool isHalf = false;
+    std::int64_t descriptor = 0;  ///< where the description begins
+    std::int64_t grid = 0;        ///< where the grid begins
+    std::int64_t end = 0;
+    VdbMetadata metadata;
+    std::string transform;  ///< the type of the map, such as "UniformScaleMap"
+};
+
+/// The sections of the grids of a file, in its order. Throws FileError for a file that is no
+/// OpenVDB file, that was written before version 222 of the format or after version 224, or whose
+/// sections or metadata exceed the file.
+std::vector<VdbSection> vdbSections(FileView const& file);
+
+/// The place of a grid in an error.
+std::string gridPlace(std::string const& name);
+
+}  // namespace zel::detail

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <openvdb/Grid.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vdb_cells.h"
+#include "zel/volume/build_volume.h"
+
+namespace zel::detail {
+
+using ORV::TileTree3D::BinaryTraits;
+using ORV::TileTree3D::QuinaryTraits;
+template <class Traits> using TileContainer = ORV::TileTree3D::Container<Traits>;
+template <class Traits> using TileTopology = ORV::TileTree3D::VoxelTopology<Traits>;
+
+/// A value that no channel may have, and its place in the index space of OpenVDB.
+struct WrongValue {
+    int3 at;
+    float value;  ///< the component at fault
+};
+
+/// A grid of OpenVDB as the source of a channel. The lattice point of a tile tree that has the
+/// value of a voxel is the voxel's index plus a shift.
+class VdbValues {
+public:
+    VdbValues() = default;
+    VdbValues(VdbValues const&) = delete;
+    VdbValues& operator=(VdbValues const&) = delete;
+    virtual ~VdbValues();
+
+    /// See VdbScan.
+    virtual std::vector<VdbCell> cells(long long limit, int3 const& centre, int reach) const = 0;
+
+    /// Clears the flags of those boxes that are plain: of 4 or 5 voxels along each axis. Boxes are
+    /// given by the indices of their corners.
+    virtual void findPlain(std::vector<int3> const& boxes, int width,
+                           std::vector<char>& plain) const = 0;
+
+    /// Makes the channel over a tree in which no box without a finest tile has different values.
+    /// Throws WrongValue.
+    virtual NamedVolume channel(std::string const& name,
+                                Quern::Ptr<TileContainer<BinaryTraits>> const& tree,
+                                Quern::Ptr<TileTopology<BinaryTraits>> const& topology,
+                                int3 const& shift) const = 0;
+    virtual NamedVolume channel(std::string const& name,
+                                Quern::Ptr<TileContainer<QuinaryTraits>> const& tree,
+                                Quern::Ptr<TileTopology<QuinaryTraits>> const& topology,
+                                int3 const& shift) const = 0;
+};
+
+/// The values of a grid; null for a type that is not read. Fills the inside of a level set if that
+/// is missing.
+std::unique_ptr<VdbValues> vdbValues(openvdb::GridBase::Ptr const& grid);
+std::unique_ptr<VdbValues> vdbVectorValues(openvdb::GridBase::Ptr const& grid);
+
+}  // namespace zel::detail

@@ -1,0 +1,88 @@
+#include <stdexcept>
+
+#include "affine_map.h"
+#include "error.h"
+#include "vdb.h"
+#include "zel/operators/warp.h"
+#include "zel/scalar/spatial.h"
+#include "zel/vector/arithmetic.h"
+#include "zel/vector/projection.h"
+#include "zel/vector/spatial.h"
+#include "zel/volume/volume_fields.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
+
+namespace zel {
+
+using Quern::makePtr;
+
+namespace {
+
+bool isTranslation(AffineMap const& map) {
+    for (std::size_t r = 0; r < 3; ++r)
+        for (std::size_t c = 0; c < 3; ++c)
+            if (map[r][c] != (r == c ? 1 : 0)) return false;
+    return true;
+}
+
+float3 floats(std::array<double, 4> const& row) {
+    return {static_cast<float>(row[0]), static_cast<float>(row[1]), static_cast<float>(row[2])};
+}
+
+/// The position that the map takes to 0.
+float3 origin(AffineMap const& map) {
+    auto const back = detail::inverse(map);
+    return {static_cast<float>(back[0][3]), static_cast<float>(back[1][3]),
+            static_cast<float>(back[2][3])};
+}
+
+/// The map as a field of positions: the rows, times the position from the origin on. The difference
+/// to a distant origin is exact, which a sum after the products would not be.
+Quern::Ptr<VectorField> positionField(AffineMap const& map) {
+    auto const position =
+        makePtr<VectorFieldTranslate>(makePtr<VectorFieldPosition>(), origin(map));
+    auto const coordinate = [&](std::size_t r) {
+        return makePtr<VectorFieldDotProduct>(position,
+                                              makePtr<VectorFieldConstant>(floats(map[r])));
+    };
+    return makePtr<VectorFieldFromComponents>(coordinate(0), coordinate(1), coordinate(2));
+}
+
+template <class Translate, class Warp, class Field>
+Quern::Ptr<Field> placed(AffineMap const& map, Quern::Ptr<Field> field) {
+    if (!isTranslation(map)) return makePtr<Warp>(std::move(field), positionField(map));
+    if (map == detail::kIdentity) return field;
+    return makePtr<Translate>(std::move(field), origin(map));
+}
+
+template <class Leaf>
+Quern::Ptr<Leaf> boundLeaf(VdbVolume const& volume, std::string const& name,
+                           VdbVolume::SamplerType sampler) {
+    auto leaf = makePtr<Leaf>(volume.object, Quern::String(name.c_str()), sampler);
+    if (leaf->isBound()) return leaf;
+    std::string message = "zel::VdbVolume: no such channel " + detail::quoted(name) + "; there are";
+    for (auto const& grid : volume.grids)
+        message += " " + detail::quoted(grid.name) + " of " + grid.type;
+    throw std::invalid_argument(message);
+}
+
+}  // namespace
+
+bool VdbVolume::isPlaced() const {
+    return worldToVolume == detail::kIdentity;
+}
+
+VdbVolume::ScalarPtr VdbVolume::place(ScalarPtr field) const {
+    return placed<ScalarFieldTranslate, ScalarFieldWarp>(worldToVolume, std::move(field));
+}
+VdbVolume::VectorPtr VdbVolume::place(VectorPtr field) const {
+    return placed<VectorFieldTranslate, VectorFieldWarp>(worldToVolume, std::move(field));
+}
+
+VdbVolume::ScalarPtr VdbVolume::scalar(std::string const& name, SamplerType sampler) const {
+    return place(ScalarPtr(boundLeaf<ScalarOrvane>(*this, name, sampler)));
+}
+VdbVolume::VectorPtr VdbVolume::vector(std::string const& name, SamplerType sampler) const {
+    return place(VectorPtr(boundLeaf<VectorOrvane>(*this, name, sampler)));
+}
+
+}  // namespace zel
