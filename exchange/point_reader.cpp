@@ -118,6 +118,19 @@ template <class T> Quern::Ptr<Quern::Array<T>> makeArray(std::size_t size) {
     return Quern::makePtr<Quern::Array<T>>(static_cast<long long>(size));
 }
 
+/// Whether a chunk has so many arrays of both kinds, all of one length.
+bool isOurs(PointChunk const& chunk, std::size_t scalars, std::size_t vectors) {
+    if (!chunk.positions || chunk.properties.size() != scalars + vectors) return false;
+    long long const size = chunk.positions->size();
+    for (std::size_t i = 0; i < chunk.properties.size(); ++i) {
+        PointChunk::Property const& property = chunk.properties[i];
+        bool const fits = i < scalars ? property.scalars && property.scalars->size() == size
+                                      : property.vectors && property.vectors->size() == size;
+        if (!fits) return false;
+    }
+    return size > 0;
+}
+
 }  // namespace
 
 PointReader::PointReader(std::filesystem::path const& path) {
@@ -162,7 +175,7 @@ PointChunk PointReader::makeChunk(std::size_t size) const {
 bool PointReader::read(PointChunk& chunk) {
     State& state = *m_state;
     std::size_t const scalars = state.scalars.size();
-    if (!chunk.positions || chunk.properties.size() != scalars + state.vectors.size())
+    if (!isOurs(chunk, scalars, state.vectors.size()))
         throw std::invalid_argument("zel::PointReader: the chunk is not of this reader");
     std::vector<float*> arrays(state.rows->columns.size(), nullptr);
     std::vector<detail::ColumnTarget> targets(arrays.size());

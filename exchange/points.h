@@ -38,7 +38,9 @@ struct PointChunk {
     Quern::Ptr<Quern::Array<Orvane::Math::float3>> positions;
     std::vector<Property> properties;
 
-    std::span<Orvane::Math::float3 const> points() const { return {positions->data(), count}; }
+    std::span<Orvane::Math::float3 const> points() const {
+        return {positions ? positions->data() : nullptr, count};
+    }
 };
 
 /// An object that has the chunk's properties under their names, and shares its arrays: trees bound
@@ -78,7 +80,8 @@ public:
     PointChunk makeChunk(std::size_t size = std::size_t{1} << 16) const;
     /// Reads the next points into a chunk that makeChunk() made: as many as it has room for, or
     /// fewer at the end. Returns false if there are none. Throws FileError for anything that is not
-    /// a point; the chunk is then empty, and the reader must not be used again.
+    /// a point; the chunk is then empty, and the reader must not be used again. Throws
+    /// std::invalid_argument for a chunk of another reader.
     bool read(PointChunk& chunk);
 
 private:
