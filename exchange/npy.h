@@ -30,10 +30,10 @@ struct ZEL_EXCHANGE_API NpyLayout {
     std::uint64_t bytesPerNumber() const { return isDouble ? 8 : 4; }
 };
 
-/// The bytes of a file before its numbers, in version 1.0 of the format, or 2.0 if the shape is
-/// very long. `layout.dataOffset` is not read; the size of the result is the offset of the numbers,
-/// a multiple of 64. `room` is for files that grow: the bytes are as many as for any length of the
-/// first axis. Throws std::invalid_argument if the numbers take more than 2^63 - 1 bytes.
+/// The bytes of a file before its numbers, in version 1.0 of the format. `layout.dataOffset` is not
+/// read; the size of the result is the offset of the numbers, a multiple of 64. `room` is for files
+/// that grow: the bytes are as many as for any length of the first axis. Throws
+/// std::invalid_argument for more than 32 axes, and if the numbers take more than 2^63 bytes.
 ZEL_EXCHANGE_API std::string npyHeader(NpyLayout const& layout, bool room = false);
 
 /// A .npy file of floats or doubles, in either byte order, of version 1.0, 2.0 or 3.0.

@@ -139,7 +139,7 @@ PointReader::PointReader(std::filesystem::path const& path) {
     m_state =
         std::make_unique<State>(rowsOf(std::move(source), detail::lowerSuffix(path), &path), name);
 }
-PointReader::PointReader(std::span<std::byte const> memory, std::string name) {
+PointReader::PointReader(std::span<std::byte const> memory, std::string const& name) {
     detail::ByteSource source(memory, name);
     m_state = std::make_unique<State>(rowsOf(std::move(source), {}, nullptr), name);
 }

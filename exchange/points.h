@@ -66,7 +66,7 @@ public:
     /// A .npy file must be a regular file.
     explicit PointReader(std::filesystem::path const& path);
     /// Bytes in memory, which must outlive the reader; `name` stands for the file in errors.
-    PointReader(std::span<std::byte const> memory, std::string name);
+    PointReader(std::span<std::byte const> memory, std::string const& name);
     PointReader(PointReader&&) noexcept;
     PointReader& operator=(PointReader&&) noexcept;
     ~PointReader();
