@@ -108,6 +108,7 @@ std::unique_ptr<detail::RowReader> rowsOf(detail::ByteSource source, std::string
         opened.fail("byte 0", "this is no " + suffix + " file");
     if (isPly) return detail::readPly(std::move(reader));
     if (!isNpy) return detail::readTable(std::move(reader));
+    if (!opened.size()) opened.fail({}, "a .npy file must be a regular file");
     std::string const name = opened.name();
     if (path == nullptr)
         return std::make_unique<NpyReader>(NpyArray({opened.memory(), *opened.size()}, name), name);
