@@ -51,8 +51,8 @@ ZEL_EXCHANGE_API Orvane::Object objectOf(PointChunk const& chunk);
 /// Reads positions and their properties, a chunk at a time, in memory that does not depend on their
 /// number.
 ///
-/// The content decides on the format. A .npy file holds positions as an array (n, 3); a .ply file
-/// and a table have a column for each coordinate, x, y and z, and columns with other names. Each of
+/// The content decides on the format. A .npy file holds positions: see NpyArray. A .ply file and a
+/// table have a column for each coordinate, x, y and z, and columns with other names. Each of
 /// these is a property. Three columns of which the names differ in a last x, y and z are moreover
 /// one property that is a vector, of the name before that letter: "velocity" for "velocity_x",
 /// "velocity.x" or "velocityx" and so on. Those of nx, ny and nz are "normal", and those of red,
