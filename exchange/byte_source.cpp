@@ -82,11 +82,12 @@ void ByteSource::fail(std::string const& place, std::string const& message) cons
 
 /// Reads on into the buffer, whose unread bytes move to its begin. Returns false at the end.
 bool ByteReader::readMore() {
-    constexpr std::size_t kBlock = std::size_t{1} << 18;
+    constexpr std::uint64_t kLeast = 1 << 12, kMost = 1 << 18;
+    std::size_t const block = std::clamp(m_source.size().value_or(kMost), kLeast, kMost);
     std::size_t const kept = m_end - m_begin;
     if (m_begin > 0) std::memmove(m_buffer.data(), m_buffer.data() + m_begin, kept);
     m_offset += std::exchange(m_begin, 0);
-    m_buffer.resize(std::max(m_buffer.size(), kept + kBlock));
+    m_buffer.resize(std::max(m_buffer.size(), kept + block));
     std::size_t const count = m_source.read(std::span(m_buffer).subspan(kept));
     m_end = kept + count;
     return count > 0;

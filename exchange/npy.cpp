@@ -50,7 +50,7 @@ private:
 
 [[noreturn]] void failWithShape(NpyLayout const& layout) {
     throw std::logic_error("zel::NpyArray: an array of shape " + detail::shapeText(layout.shape) +
-                           " has no positions; their shape is (n, 3)");
+                           " holds no positions; their shape is (n, 3)");
 }
 
 }  // namespace
@@ -75,7 +75,10 @@ struct NpyArray::State {
             numbers -= step;
         }
     }
-    bool isPoints() const { return layout.shape.size() == 2 && layout.shape[1] == 3; }
+    bool isPoints() const {
+        std::size_t const axes = layout.shape.size();
+        return (axes == 2 || (axes > 2 && !layout.isFortran)) && layout.shape.back() == 3;
+    }
 
     detail::ByteSource source;
     NpyLayout layout;
@@ -102,7 +105,7 @@ bool NpyArray::isPoints() const {
     return m_state->isPoints();
 }
 std::uint64_t NpyArray::size() const {
-    return isPoints() ? m_state->layout.shape[0] : m_state->count;
+    return isPoints() ? m_state->count / 3 : m_state->count;
 }
 
 void NpyArray::read(std::uint64_t first, std::span<float> numbers) const {

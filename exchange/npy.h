@@ -30,10 +30,10 @@ struct ZEL_EXCHANGE_API NpyLayout {
     std::uint64_t bytesPerNumber() const { return isDouble ? 8 : 4; }
 };
 
-/// The bytes of a file before its numbers, in version 1.0 of the format, or 2.0 if the shape is
-/// very long. `layout.dataOffset` is not read; the size of the result is the offset of the numbers,
-/// a multiple of 64. `room` is for files that grow: the bytes are as many as for any length of the
-/// first axis. Throws std::invalid_argument if the numbers take more than 2^63 - 1 bytes.
+/// The bytes of a file before its numbers, in version 1.0 of the format. `layout.dataOffset` is not
+/// read; the size of the result is the offset of the numbers, a multiple of 64. `room` is for files
+/// that grow: the bytes are as many as for any length of the first axis. Throws
+/// std::invalid_argument for more than 32 axes, and if the numbers take more than 2^63 bytes.
 ZEL_EXCHANGE_API std::string npyHeader(NpyLayout const& layout, bool room = false);
 
 /// A .npy file of floats or doubles, in either byte order, of version 1.0, 2.0 or 3.0.
@@ -53,16 +53,17 @@ public:
     ~NpyArray();
 
     NpyLayout const& layout() const;
-    /// Whether the shape is (n, 3).
+    /// Whether the array holds positions: its shape is (n, 3), or in C order any whose last axis is
+    /// 3, such as that of a box of positions.
     bool isPoints() const;
-    /// The n of a shape (n, 3), or the count of all numbers.
+    /// How many positions there are, or numbers if !isPoints().
     std::uint64_t size() const;
 
     /// Reads the numbers from `first` on, in the order of the file. Throws FileError if they cannot
     /// be read, std::out_of_range if there are fewer.
     void read(std::uint64_t first, std::span<float> numbers) const;
-    /// Reads positions from an array (n, 3) of either order. Throws std::logic_error for another
-    /// shape, and as read() does.
+    /// Reads positions, in the order of the file. Throws std::logic_error if !isPoints(), and as
+    /// read() does.
     void readPoints(std::uint64_t first, std::span<Orvane::Math::float3> points) const;
 
     /// Whether the numbers can be viewed: floats of this machine's byte order, at a multiple of 4.
@@ -71,8 +72,7 @@ public:
     /// first call, and must not shrink afterwards: a program that reads beyond its end is killed.
     /// Throws std::logic_error if !isViewable(), FileError if the file cannot be mapped.
     std::span<float const> view() const;
-    /// The positions of an array (n, 3) of either order, for evaluate(). Throws as view() does, and
-    /// std::logic_error for another shape.
+    /// The positions, for evaluate(). Throws as view() does, and std::logic_error if !isPoints().
     PointView viewPoints() const;
 
 private:

@@ -182,6 +182,10 @@ std::string detail::shapeText(std::vector<std::uint64_t> const& shape) {
 
 std::string npyHeader(NpyLayout const& layout, bool room) {
     layout.count();  // throws
+    if (layout.shape.size() > kMostAxes)
+        throw std::invalid_argument("zel::npyHeader: an array has at most " +
+                                    std::to_string(kMostAxes) + " axes, not " +
+                                    std::to_string(layout.shape.size()));
     std::string text = "{'descr': '";
     text += layout.isBigEndian ? '>' : '<';
     text += layout.isDouble ? "f8" : "f4";
@@ -194,14 +198,11 @@ std::string npyHeader(NpyLayout const& layout, bool room) {
         length += kMostDigits - std::to_string(layout.shape[0]).size();
     }
     // The line end is the last byte before the numbers.
-    std::size_t const prefix = length + 1 + 10 + 63 < 0x10000 ? 10 : 12;
-    std::size_t const total = (prefix + length + 1 + 63) / 64 * 64;
+    constexpr std::size_t kPrefix = 10;
+    std::size_t const total = (kPrefix + length + 1 + 63) / 64 * 64;
     std::string header(kMagic);
-    header += prefix == 10 ? '\1' : '\2';
-    header += '\0';
-    for (std::size_t shift = 0, value = total - prefix; shift < (prefix == 10 ? 16U : 32U);
-         shift += 8)
-        header += static_cast<char>(static_cast<unsigned char>(value >> shift));
+    header += {'\1', '\0', static_cast<char>((total - kPrefix) & 0xFF),
+               static_cast<char>((total - kPrefix) >> 8)};
     header += text;
     header.resize(total - 1, ' ');
     return header + '\n';

@@ -62,7 +62,7 @@ bool readHeader(Reading& reading) {
     reading.info = png_create_info_struct(reading.png);
     if (reading.info == nullptr) return false;
     if (setjmp(png_jmpbuf(reading.png)) != 0) return false;
-    png_structp const png = reading.png;
+    png_structp png = reading.png;
     png_set_read_fn(png, &reading, readBytes);
     // Texts and profiles are not wanted, and unpacked they may be large.
     png_set_user_limits(png, PNG_UINT_31_MAX, PNG_UINT_31_MAX);
@@ -76,7 +76,7 @@ bool readHeader(Reading& reading) {
 /// Sets how pixels are converted. Returns false if libpng failed. It allocates some rows.
 bool prepareRows(Reading& reading) {
     if (setjmp(png_jmpbuf(reading.png)) != 0) return false;
-    png_structp const png = reading.png;
+    png_structp png = reading.png;
     if (png_get_color_type(png, reading.info) == PNG_COLOR_TYPE_PALETTE)
         png_set_palette_to_rgb(png);
     if (png_get_bit_depth(png, reading.info) < 8) png_set_expand_gray_1_2_4_to_8(png);

@@ -108,6 +108,7 @@ std::unique_ptr<detail::RowReader> rowsOf(detail::ByteSource source, std::string
         opened.fail("byte 0", "this is no " + suffix + " file");
     if (isPly) return detail::readPly(std::move(reader));
     if (!isNpy) return detail::readTable(std::move(reader));
+    if (!opened.size()) opened.fail({}, "a .npy file must be a regular file");
     std::string const name = opened.name();
     if (path == nullptr)
         return std::make_unique<NpyReader>(NpyArray({opened.memory(), *opened.size()}, name), name);
@@ -118,6 +119,19 @@ template <class T> Quern::Ptr<Quern::Array<T>> makeArray(std::size_t size) {
     return Quern::makePtr<Quern::Array<T>>(static_cast<long long>(size));
 }
 
+/// Whether a chunk has so many arrays of both kinds, all of one length.
+bool isOurs(PointChunk const& chunk, std::size_t scalars, std::size_t vectors) {
+    if (!chunk.positions || chunk.properties.size() != scalars + vectors) return false;
+    long long const size = chunk.positions->size();
+    for (std::size_t i = 0; i < chunk.properties.size(); ++i) {
+        PointChunk::Property const& property = chunk.properties[i];
+        bool const fits = i < scalars ? property.scalars && property.scalars->size() == size
+                                      : property.vectors && property.vectors->size() == size;
+        if (!fits) return false;
+    }
+    return size > 0;
+}
+
 }  // namespace
 
 PointReader::PointReader(std::filesystem::path const& path) {
@@ -126,7 +140,7 @@ PointReader::PointReader(std::filesystem::path const& path) {
     m_state =
         std::make_unique<State>(rowsOf(std::move(source), detail::lowerSuffix(path), &path), name);
 }
-PointReader::PointReader(std::span<std::byte const> memory, std::string name) {
+PointReader::PointReader(std::span<std::byte const> memory, std::string const& name) {
     detail::ByteSource source(memory, name);
     m_state = std::make_unique<State>(rowsOf(std::move(source), {}, nullptr), name);
 }
@@ -162,7 +176,7 @@ PointChunk PointReader::makeChunk(std::size_t size) const {
 bool PointReader::read(PointChunk& chunk) {
     State& state = *m_state;
     std::size_t const scalars = state.scalars.size();
-    if (!chunk.positions || chunk.properties.size() != scalars + state.vectors.size())
+    if (!isOurs(chunk, scalars, state.vectors.size()))
         throw std::invalid_argument("zel::PointReader: the chunk is not of this reader");
     std::vector<float*> arrays(state.rows->columns.size(), nullptr);
     std::vector<detail::ColumnTarget> targets(arrays.size());

@@ -38,7 +38,9 @@ struct PointChunk {
     Quern::Ptr<Quern::Array<Orvane::Math::float3>> positions;
     std::vector<Property> properties;
 
-    std::span<Orvane::Math::float3 const> points() const { return {positions->data(), count}; }
+    std::span<Orvane::Math::float3 const> points() const {
+        return {positions ? positions->data() : nullptr, count};
+    }
 };
 
 /// An object that has the chunk's properties under their names, and shares its arrays: trees bound
@@ -49,8 +51,8 @@ ZEL_EXCHANGE_API Orvane::Object objectOf(PointChunk const& chunk);
 /// Reads positions and their properties, a chunk at a time, in memory that does not depend on their
 /// number.
 ///
-/// The content decides on the format. A .npy file holds positions as an array (n, 3); a .ply file
-/// and a table have a column for each coordinate, x, y and z, and columns with other names. Each of
+/// The content decides on the format. A .npy file holds positions: see NpyArray. A .ply file and a
+/// table have a column for each coordinate, x, y and z, and columns with other names. Each of
 /// these is a property. Three columns of which the names differ in a last x, y and z are moreover
 /// one property that is a vector, of the name before that letter: "velocity" for "velocity_x",
 /// "velocity.x" or "velocityx" and so on. Those of nx, ny and nz are "normal", and those of red,
@@ -64,7 +66,7 @@ public:
     /// A .npy file must be a regular file.
     explicit PointReader(std::filesystem::path const& path);
     /// Bytes in memory, which must outlive the reader; `name` stands for the file in errors.
-    PointReader(std::span<std::byte const> memory, std::string name);
+    PointReader(std::span<std::byte const> memory, std::string const& name);
     PointReader(PointReader&&) noexcept;
     PointReader& operator=(PointReader&&) noexcept;
     ~PointReader();
@@ -78,7 +80,8 @@ public:
     PointChunk makeChunk(std::size_t size = std::size_t{1} << 16) const;
     /// Reads the next points into a chunk that makeChunk() made: as many as it has room for, or
     /// fewer at the end. Returns false if there are none. Throws FileError for anything that is not
-    /// a point; the chunk is then empty, and the reader must not be used again.
+    /// a point; the chunk is then empty, and the reader must not be used again. Throws
+    /// std::invalid_argument for a chunk of another reader.
     bool read(PointChunk& chunk);
 
 private:

@@ -137,6 +137,8 @@ TEST(Npy, WriterRefusesMisuseAndLeavesNoFile) {
         EXPECT_THROW(writer.write(std::vector<float>{1, 2}), std::length_error);
     }
     EXPECT_THROW(NpyWriter(path, {.shape = {1ULL << 40, 1ULL << 40}}), std::invalid_argument);
+    EXPECT_THROW(NpyWriter(path, {.shape = std::vector<std::uint64_t>(33, 1)}),
+                 std::invalid_argument);
     EXPECT_THROW(NpyWriter(path, {.shape = {3}, .isBigEndian = true}), std::invalid_argument);
     EXPECT_THROW(NpyWriter(path, {.shape = {NpyWriter::kGrows, 3}, .isFortran = true}),
                  std::invalid_argument);

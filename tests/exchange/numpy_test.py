@@ -1,6 +1,5 @@
 """numpy_test.py TOOL: files that NumPy writes, read and written anew by the tool, as NumPy reads them."""
 
-import io
 import itertools
 import os
 import random
@@ -15,8 +14,8 @@ generator = np.random.default_rng(5)
 random.seed(5)
 
 
-def run(mode, source, target):
-    result = subprocess.run([tool, mode, source, target], capture_output=True, text=True)
+def run(mode, source, target, stdin=None):
+    result = subprocess.run([tool, mode, source, target], stdin=stdin, capture_output=True, text=True)
     assert result.returncode == 0, result.stderr
 
 
@@ -72,6 +71,18 @@ with tempfile.TemporaryDirectory() as folder:
         np.savetxt(table, p, delimiter=delimiter, fmt="%.9g", header="from NumPy")
         run("points", table, target)
         assert np.array_equal(np.load(target), p, equal_nan=True), delimiter
+
+    # The same from the standard input, and by way of .ply.
+    run("points", table, os.path.join(folder, "out.ply"))
+    for piped in [table, os.path.join(folder, "out.ply")]:
+        with open(piped, "rb") as file:
+            run("points", "-", target, file)
+        assert np.array_equal(np.load(target), p, equal_nan=True), piped
+
+    # Arrays are read by offset.
+    with open(source, "rb") as file:
+        result = subprocess.run([tool, "points", "-", target], stdin=file, capture_output=True, text=True)
+    assert result.returncode == 2 and "standard input: a .npy file must be a regular file" in result.stderr
 
     # A view without copies of what the writer mapped.
     np.save(source, numbers((1000, 3), "<f4"))

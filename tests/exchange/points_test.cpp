@@ -175,6 +175,14 @@ TEST(Points, OfHostileTablesAreRefused) {
     for (auto const& [text, error] : table)
         EXPECT_EQ(errorOfText(text), error) << text.substr(0, 80);
 
+    PointReader reader(bytesOf("1 2 3\n4 5 6\n7 8"), "text");
+    PointChunk chunk = reader.makeChunk(2), other;
+    EXPECT_TRUE(reader.read(chunk));
+    EXPECT_THROW(reader.read(chunk), FileError);
+    EXPECT_TRUE(chunk.points().empty());
+    EXPECT_THROW(reader.read(other), std::invalid_argument);
+    EXPECT_THROW(reader.makeChunk(0), std::invalid_argument);
+
     Folder const folder;
     writeContent(folder / "a.ply", "1 2 3\n");
     EXPECT_EQ(errorOf([&] { PointReader(folder / "a.ply"); }), "byte 0: this is no .ply file");
