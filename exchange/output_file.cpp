@@ -6,14 +6,33 @@
 
 #include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "error.h"
 
 namespace zel {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+/// The temporary files of this process.
+struct TemporaryFiles {
+    std::mutex mutex;
+    std::vector<fs::path> paths;
+    bool isAbandoned = false;
+};
+
+/// Never destroyed, since another thread may write a file while the program ends.
+TemporaryFiles& temporaryFiles() {
+    static auto* const files = new TemporaryFiles;
+    return *files;
+}
+
+}  // namespace
 
 OutputFile::OutputFile(fs::path path) : m_name(path.string()), m_path(std::move(path)) {
     if (m_path == "-") {
@@ -45,13 +64,20 @@ void OutputFile::openBeside() {
         return;
     }
     static std::atomic<unsigned> number = 0;
+    TemporaryFiles& all = temporaryFiles();
     int file = -1;
     do {
         // A name that ends in the suffix of the file, since libraries choose the format by it.
         m_temporary =
             m_path.parent_path() / ("." + m_path.stem().string() + "-" + std::to_string(getpid()) +
                                     "-" + std::to_string(number++) + m_path.extension().string());
+        std::lock_guard const lock(all.mutex);
+        if (all.isAbandoned) {
+            errno = ECANCELED;
+            return;
+        }
         file = open(m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (file >= 0) all.paths.push_back(m_temporary);
     } while (file < 0 && errno == EEXIST);
     if (file < 0) return;
     struct stat before {};
@@ -61,7 +87,7 @@ void OutputFile::openBeside() {
     if (m_stream != nullptr) return;
     int const reason = errno;
     close(file);
-    unlink(m_temporary.c_str());
+    discard();
     errno = reason;
 }
 
@@ -72,8 +98,29 @@ OutputFile::~OutputFile() {
 void OutputFile::discard() noexcept {
     if (m_stream != nullptr && m_stream != stdout) std::fclose(m_stream);
     m_stream = nullptr;
-    if (!isDirect()) unlink(m_temporary.c_str());
+    if (isDirect()) return;
+    TemporaryFiles& all = temporaryFiles();
+    std::lock_guard const lock(all.mutex);
+    unlink(m_temporary.c_str());
+    std::erase(all.paths, m_temporary);
     m_temporary = m_path;
+}
+
+/// Puts the file under its name. Sets errno if that fails.
+bool OutputFile::rename() {
+    TemporaryFiles& all = temporaryFiles();
+    std::lock_guard const lock(all.mutex);
+    if (std::rename(m_temporary.c_str(), m_path.c_str()) != 0) return false;
+    std::erase(all.paths, m_temporary);
+    m_temporary = m_path;
+    return true;
+}
+
+void abandonOutputFiles() noexcept {
+    TemporaryFiles& all = temporaryFiles();
+    std::lock_guard const lock(all.mutex);
+    all.isAbandoned = true;
+    for (fs::path const& path : all.paths) unlink(path.c_str());
 }
 
 void OutputFile::fail(int error) const {
@@ -103,9 +150,8 @@ void OutputFile::commit() {
     }
     m_stream = nullptr;
     if (done && !isDirect()) {
-        done = std::rename(m_temporary.c_str(), m_path.c_str()) == 0;
+        done = rename();
         error = errno;
-        if (done) m_temporary = m_path;
     }
     if (done) return;
     discard();

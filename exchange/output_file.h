@@ -45,11 +45,18 @@ public:
 private:
     void openBeside();
     void discard() noexcept;
+    bool rename();
     [[noreturn]] void fail(int error) const;
 
     std::string m_name;
     std::filesystem::path m_path, m_temporary;
     std::FILE* m_stream = nullptr;
 };
+
+/// Removes all files that are not complete, and makes none from now on: commit(), and making an
+/// OutputFile, throw FileError, unless the file is written directly. For a program that is about to
+/// end without the destructors, such as on a signal. Any thread may call it, but no handler of a
+/// signal.
+ZEL_EXCHANGE_API void abandonOutputFiles() noexcept;
 
 }  // namespace zel

@@ -93,7 +93,7 @@ openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection>
                     grid->setTree(archive.read(other)->baseTreePtr());
                     return grid;
                 }
-            fail("it shares the tree of a grid " + quoted(section.shares) +
+            fail("it shares the tree of a grid " + detail::quoted(section.shares) +
                  ", which the file lacks");
         } catch (std::ios_base::failure const&) {
             fail("the voxels end within a value, at byte " + std::to_string(archive.place()));

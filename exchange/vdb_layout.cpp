@@ -47,7 +47,7 @@ FileView::~FileView() {
 }
 
 std::string gridPlace(std::string const& name) {
-    return "grid " + quoted(name);
+    return "grid " + detail::quoted(name);
 }
 
 namespace {

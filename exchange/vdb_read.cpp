@@ -261,7 +261,7 @@ void setPlace(AffineMap const& toWorld, Request& request, VdbVolume& volume) {
 
 std::string available(std::vector<VdbSection> const& sections) {
     std::string text = sections.empty() ? "no grids" : "the grids";
-    for (auto const& section : sections) text += " " + quoted(section.name) + ",";
+    for (auto const& section : sections) text += " " + detail::quoted(section.name) + ",";
     if (!sections.empty()) text.pop_back();
     return text;
 }
@@ -291,17 +291,18 @@ void readGrids(Request& request, VdbVolume& volume) {
             request.fail(i, "a transform of the type NonlinearFrustumMap, which is not affine");
         auto grid = gridOf(*section);
         if (!grid.isReadable)
-            request.fail(i, "values of the type " + quoted(section->tree) +
+            request.fail(i, "values of the type " + detail::quoted(section->tree) +
                                 "; float, double, vec3s and vec3d can be read");
         auto const read = readVdbGrid(request.file, sections, *section);
         if (!read->transform().isLinear()) request.fail(i, "a transform that is not affine");
         auto const toWorld = indexToWorld(read->transform());
         if (map && *map != toWorld)
-            request.fail(i, "another transform than that of grid " + quoted(request.names[0]) +
-                                "; read them one by one");
+            request.fail(i, "another transform than that of grid " +
+                                detail::quoted(request.names[0]) + "; read them one by one");
         map = toWorld;
         request.values.push_back(vdbValues(read));
-        if (!request.values.back()) request.fail(i, "values of the type " + quoted(read->type()));
+        if (!request.values.back())
+            request.fail(i, "values of the type " + detail::quoted(read->type()));
         request.channels.push_back(section->name.empty() ? "unnamed" : section->name);
         volume.grids.push_back(std::move(grid));
     }

@@ -2,8 +2,8 @@
 
 #include <limits>
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "trees.h"
 
 namespace examples {

@@ -2,8 +2,8 @@
 // steps from a grid to the surface. Right: noise evaluated at the closest point of each position,
 // so that it is constant along lines across the surface.
 
+#include "drawing/lines.h"
 #include "gallery/gallery.h"
-#include "gallery/lines.h"
 #include "scene_files.h"
 
 namespace examples {

@@ -3,8 +3,8 @@
 
 #include <zel_scene/bind.h>
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "scene_files.h"
 #include "zel/field/math.h"
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "gallery/palette.h"
+#include "gallery/gallery.h"
 #include "trees.h"
 
 namespace examples {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "gallery/plot.h"
+#include "drawing/plot.h"
 
 namespace examples {
 
@@ -14,7 +14,8 @@ struct FlowStyle {
 /// Draws the flow in the plane z = 0 by line integral convolution (B. Cabral and L. Leedom, 1993):
 /// white noise is averaged along the stream line through each sample. The hue is the direction. The
 /// component across the plane is ignored.
-Image plotFlow(Meter& meter, zel::VectorPtr const& flow, View const& view, int width, int height,
-               FlowStyle const& style = {});
+drawing::Image plotFlow(drawing::Meter& meter, zel::VectorPtr const& flow,
+                        drawing::View const& view, int width, int height,
+                        FlowStyle const& style = {});
 
 }  // namespace examples

@@ -1,8 +1,8 @@
 // A scalar field on the left, its gradient on the right: the hue is the direction uphill, the
 // brightness the slope.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "scene_files.h"
 
 namespace examples {

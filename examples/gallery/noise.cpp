@@ -1,7 +1,7 @@
 // Noise: one layer, and sums of layers; above as values with iso-lines, below as lit surfaces.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "trees.h"
 
 namespace examples {

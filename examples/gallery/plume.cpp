@@ -4,8 +4,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "drawing/lines.h"
 #include "gallery/gallery.h"
-#include "gallery/lines.h"
 #include "trees.h"
 
 namespace examples {

@@ -7,7 +7,7 @@
 
 namespace examples {
 
-void writePng(std::filesystem::path const& path, Image const& image) {
+void writePng(std::filesystem::path const& path, drawing::Image const& image) {
     png_image header;
     std::memset(&header, 0, sizeof header);
     header.version = PNG_IMAGE_VERSION;

@@ -1,8 +1,8 @@
 // A landscape of fractal noise, and the same with its heights remapped by curves. Below each
 // landscape is its curve: the original height to the right, the remapped height upwards.
 
+#include "drawing/lines.h"
 #include "gallery/gallery.h"
-#include "gallery/lines.h"
 #include "scene_files.h"
 
 namespace examples {

@@ -5,8 +5,8 @@
 #include <numbers>
 
 #include "binder.h"
+#include "drawing/lines.h"
 #include "gallery/gallery.h"
-#include "gallery/lines.h"
 #include "gallery/volume_object.h"
 
 namespace examples {

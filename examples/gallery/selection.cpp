@@ -1,7 +1,7 @@
 // Nodes that clamp, interpolate and select.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "trees.h"
 
 namespace examples {

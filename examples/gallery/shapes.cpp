@@ -1,7 +1,7 @@
 // Implicit shapes as signed distances: orange inside, blue outside, iso-lines at equal steps.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "scene_files.h"
 
 namespace examples {

@@ -1,8 +1,8 @@
 // Four solids on a floor.
 
+#include "drawing/palette.h"
+#include "drawing/tracer.h"
 #include "gallery/gallery.h"
-#include "gallery/palette.h"
-#include "gallery/tracer.h"
 #include "scene_files.h"
 
 namespace examples {

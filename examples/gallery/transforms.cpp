@@ -1,8 +1,8 @@
 // One motif without symmetry, and copies of it moved, stretched, mirrored and turned. The iso-lines
 // show that a stretched field keeps its values: they move with the shape.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "trees.h"
 
 namespace examples {

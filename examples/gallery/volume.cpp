@@ -7,9 +7,9 @@
 #include <set>
 
 #include "binder.h"
+#include "drawing/lines.h"
+#include "drawing/tracer.h"
 #include "gallery/gallery.h"
-#include "gallery/lines.h"
-#include "gallery/tracer.h"
 #include "gallery/volume_object.h"
 #include "scene_files.h"
 #include "zel/field/math.h"

@@ -1,7 +1,7 @@
 // Regular patterns above; below, the same patterns at positions displaced by noise.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "scene_files.h"
 
 namespace examples {

@@ -1,7 +1,7 @@
 // Sums and products of transcendental functions.
 
+#include "drawing/plot.h"
 #include "gallery/gallery.h"
-#include "gallery/plot.h"
 #include "scene_files.h"
 
 namespace examples {

@@ -6,12 +6,15 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <limits>
+#include <map>
 #include <random>
-#include <regex>
 
 #include "exchange/vdb_grids.h"
 #include "zel/zel.h"
 #include "zel_exchange/error.h"
+#include "zel_exchange/vdb_write.h"
+#include "zel_exchange/volume_mesh.h"
 
 namespace {
 
@@ -101,6 +104,334 @@ TEST(ReadVdb, AgreesWithBoxSampler) {
             expectNear(values(*volume.scalar("value"), at), theirs, 4e-7F, at);
         }
     }
+}
+
+
+/// The fields of volumes of vectors, and of two grids of different topology over one tree.
+TEST(ReadVdb, ReadsVectorsAndSeveralGridsOverOneTree) {
+    Folder const folder;
+    auto const path = folder / "several.vdb";
+    auto const vectors = vdb_grids::randomVectors(3);
+    auto const scalars = vdb_grids::randomScalars(5);
+    vdb_grids::write(path, {{"v", vectors}, {"s", scalars}, {"s", vdb_grids::randomScalars(7)}});
+    auto const at = positions(45, 310);
+    auto const expected = vdb_grids::sampleVectors(vectors, at);
+    for (VdbTree const tree : kTrees) {
+        auto const volume = zel::readVdb(path, {"v", "s", "s[1]"}, {.tree = tree});
+        expectNear(values(*volume.scalar("s"), at), vdb_grids::sample(scalars, at), 4e-7F, at);
+        std::vector<float3> found(at.size());
+        zel::evaluate(*volume.vector("v"), zel::PointView::of(at), found);
+        for (int c = 0; c < 3; ++c) {
+            std::vector<float> ours, theirs;
+            for (std::size_t i = 0; i < at.size(); ++i) {
+                ours.push_back(found[i][c]);
+                theirs.push_back(expected[i][c]);
+            }
+            expectNear(ours, theirs, 4e-7F, at);
+        }
+        EXPECT_THROW(volume.vector("s"), std::invalid_argument);
+    }
+    auto const grids = zel::listVdb(path);
+    ASSERT_EQ(grids.size(), 3U);
+    EXPECT_EQ(grids[2].name, "s[1]");
+    EXPECT_EQ(grids[0].type, "vec3s");
+}
+
+TEST(ReadVdb, KeepsConstantRegionsCoarseAndInsidesNegative) {
+    Folder const folder;
+    auto const path = folder / "ball.vdb";
+    auto const ball = vdb_grids::sphere(10, {}, 0.125F);
+    // Halves of three voxels' distances, so that no value is rounded: 0.375, and 0 at the centre.
+    vdb_grids::write(path, {{"ball", ball}, {"open", vdb_grids::withoutInside(ball)}}, true);
+    for (VdbTree const tree : kTrees)
+        for (char const* const name : {"ball", "open"}) {
+            auto const volume = zel::readVdb(path, name, {.tree = tree});
+            auto const field = volume.scalar(name);
+            EXPECT_EQ(field->eval({0, 0, 0}, 0), -0.375F);
+            EXPECT_EQ(field->eval({8, 0, 0}, 0), -0.375F);
+            EXPECT_EQ(field->eval({0, 11, 0}, 0), 0.375F);
+            EXPECT_EQ(field->eval({1e6F, 0, 0}, 0), 0.375F);
+            EXPECT_NEAR(field->eval({0, 0, 10}, 0), 0, 1e-3F);
+        }
+    auto const object = zel::readVdb(path, "ball").object;
+    auto const tree = Orvane::Geometry::shallow_copy_object_to_orv_volume(object)
+                          ->component<ORV::TileTree3D::Container<zel::BinaryTraits>>(
+                              Orvane::Geometry::sVoxelTileTree);
+    // Of 160^3 voxels, those of the shell, which is 7 of 80 wide, in tiles of 4.
+    EXPECT_LT(tree->tileCount(zel::BinaryTraits::kMaxDepth) * 64, 160 * 160 * 160 / 4);
+}
+
+TEST(ReadVdb, PutsGridsWhereTheirTransformsDo) {
+    Folder const folder;
+    auto const ball = vdb_grids::fogOf(vdb_grids::sphere(12, {3, 0, -2}, 1));
+    struct Case {
+        bool placed;
+        float rows[4][3];
+    };
+    // The images of the axes and of 0: whole voxels away, a part of one, mirrored, turned, sheared.
+    for (Case const& c : {Case{true, {{0.5F, 0, 0}, {0, 0.5F, 0}, {0, 0, 0.5F}, {1.5F, -70, 4}}},
+                          Case{false, {{2, 0, 0}, {0, 2, 0}, {0, 0, 2}, {0.5F, 3, 1.25F}}},
+                          Case{false, {{-1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {0, 0, 0}}},
+                          Case{false, {{0.6F, 0.8F, 0}, {-0.8F, 0.6F, 0}, {0, 0, 1}, {9, 8, 7}}},
+                          Case{false, {{1, 0, 0}, {0.5F, 2, 0}, {-0.25F, 0, 0.5F}, {0, 5, 0}}}}) {
+        auto const grid = vdb_grids::transformed(ball, c.rows);
+        auto const path = folder / "a.vdb";
+        vdb_grids::write(path, {{"fog", grid}});
+        auto at = positions(14, 20);
+        for (auto& p : at) {
+            float3 const index = p + float3{3, 0, -2};
+            for (int a = 0; a < 3; ++a)
+                p[a] = c.rows[3][a] + index.x * c.rows[0][a] + index.y * c.rows[1][a] +
+                       index.z * c.rows[2][a];
+        }
+        auto const volume = zel::readVdb(path, "fog");
+        EXPECT_EQ(volume.isPlaced(), c.placed);
+        // Positions are floats, and a voxel's values differ by up to 1/3.
+        expectNear(values(*volume.scalar("fog"), at), vdb_grids::sample(grid, at), 1e-5F, at);
+        // Written back, the same voxels.
+        zel::writeVdb(folder / "b.vdb", volume);
+        auto const back = vdb_grids::read(folder / "b.vdb", "fog");
+        EXPECT_TRUE(vdb_grids::hasSameTopology(grid, back));
+        expectNear(vdb_grids::sample(back, at), vdb_grids::sample(grid, at), 0, at);
+    }
+    vdb_grids::write(folder / "c.vdb", {{"far", vdb_grids::inFrustum(ball)}});
+    try {
+        zel::readVdb(folder / "c.vdb", "far");
+        ADD_FAILURE();
+    } catch (zel::FileError const& error) {
+        EXPECT_NE(std::string(error.what()).find("NonlinearFrustumMap"), std::string::npos);
+    }
+}
+
+std::string errorOf(std::string const& path, std::string const& name,
+                    zel::ReadVdbOptions const& options = {}) {
+    try {
+        zel::readVdb(path, name, options);
+    } catch (zel::FileError const& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST(ReadVdb, RefusesWhatNoVolumeCanHold) {
+    Folder const folder;
+    auto const path = folder / "a.vdb";
+    auto const ball = vdb_grids::sphere(5, {}, 1);
+    float const nan = std::numeric_limits<float>::quiet_NaN();
+    float const flat[4][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1e-30F}, {0, 0, 0}};
+    vdb_grids::write(path, {{"nan", vdb_grids::withValue(ball, {2, -3, 4}, nan)},
+                            {"far", vdb_grids::withValue(ball, {1 << 30, 0, 0}, 1)},
+                            {"tiles", vdb_grids::largeTiles(1000)},
+                            {"mask", vdb_grids::booleans()},
+                            {"small", ball}});
+    EXPECT_EQ(errorOf(path, "nan"), path + ": grid \"nan\": the value of voxel (2, -3, 4) is nan");
+    EXPECT_NE(errorOf(path, "far").find("voxels at (1073741824, 0, 0)"), std::string::npos);
+    EXPECT_NE(errorOf(path, "tiles", {.maxTiles = 1000000}).find("more than 1000000 tiles"),
+              std::string::npos);
+    EXPECT_NE(errorOf(path, "small", {.maxTiles = 20}).find("more than 20 tiles"),
+              std::string::npos);
+    EXPECT_NE(errorOf(path, "mask").find("\"Tree_bool_5_4_3\""), std::string::npos);
+    EXPECT_NE(errorOf(path, "fog").find("\"nan\", \"far\""), std::string::npos);
+    EXPECT_NE(errorOf(folder / "none.vdb", "a"), "");
+    EXPECT_NE(errorOf(folder / "", "a"), "");
+    vdb_grids::write(folder / "b.vdb", {{"a", ball}, {"b", vdb_grids::transformed(ball, flat)}});
+    EXPECT_THROW(zel::readVdb(folder / "b.vdb", {"a", "b"}), zel::FileError);
+}
+
+/// Files that were cut, or have a few bytes changed: each is read, or refused by a FileError.
+TEST(ReadVdb, SurvivesDamagedFiles) {
+    Folder const folder;
+    auto const path = folder / "a.vdb";
+    vdb_grids::write(path, {{"a", vdb_grids::sphere(5, {}, 1)}, {"b", vdb_grids::randomVectors(1)}});
+    std::ifstream in(path, std::ios::binary);
+    std::string const good((std::istreambuf_iterator<char>(in)), {});
+    auto const tryFile = [&](std::string const& bytes) {
+        std::ofstream(path, std::ios::binary) << bytes;
+        bool read = true;
+        for (char const* const name : {"a", "b"}) try {
+                zel::readVdb(path, name, {.maxTiles = 1 << 18});
+            } catch (zel::FileError const&) {
+                read = false;
+            }
+        return read;
+    };
+    EXPECT_TRUE(tryFile(good));
+    std::mt19937 engine(11);
+    for (int i = 0; i < 40; ++i) EXPECT_FALSE(tryFile(good.substr(0, engine() % good.size())));
+    for (int i = 0; i < 120; ++i) {
+        std::string bad = good;
+        // The first part of the file has most of the structure.
+        std::size_t const reach = i % 2 == 0 ? 1500 : bad.size();
+        for (unsigned n = 1 + engine() % 3; n > 0; --n)
+            bad[engine() % reach] = static_cast<char>(engine());
+        tryFile(bad);
+    }
+}
+
+using zel::VdbClass;
+using zel::VdbField;
+
+zel::VdbVolume::ScalarPtr ball(float3 const& centre, float radius) {
+    return Quern::makePtr<zel::ScalarFieldSphere>(centre, radius);
+}
+
+constexpr float kVoxel = 0.0625F;
+zel::Box const kBox{{-2, -2, -2}, {2, 2, 2}};
+
+TEST(WriteVdb, WritesLevelSetsThatOpenVdbJoins) {
+    Folder const folder;
+    auto const path = folder / "a.vdb";
+    auto const a = ball({-0.4F, 0, 0.1F}, 1), b = ball({0.5F, 0.3F, 0}, 0.8F);
+    auto const both = Quern::makePtr<zel::ScalarFieldMin>(a, b);
+    zel::writeVdb(path,
+                  {{"a", a, {}, VdbClass::kLevelSet},
+                   {"b", b, {}, VdbClass::kLevelSet},
+                   {"both", both, {}, VdbClass::kLevelSet},
+                   {"place", {}, Quern::makePtr<zel::VectorFieldPosition>()},
+                   {"fog", a, {}, VdbClass::kFogVolume}},
+                  kBox, kVoxel, {.band = 3, .metadata = {{"scene", "balls"}}});
+    auto const joined = vdb_grids::unionOf(vdb_grids::read(path, "a"), vdb_grids::read(path, "b"));
+    auto const whole = vdb_grids::read(path, "both");
+    int count = 0;
+    std::vector<float3> at;
+    std::vector<float> band;
+    for (auto const& [p, value] : vdb_grids::voxels(joined)) {
+        at.push_back(p);
+        band.push_back(value);
+    }
+    auto const found = vdb_grids::sample(whole, at);
+    for (std::size_t i = 0; i < at.size(); ++i) {
+        EXPECT_LE(std::fabs(found[i] - band[i]), kVoxel / 4);
+        if (++count > 0 && testing::Test::HasFailure()) break;
+    }
+    EXPECT_GT(count, 10000);
+
+    // Against a level set of OpenVDB: the same voxels, signs, and background.
+    auto const ours = vdb_grids::read(path, "a");
+    auto const theirs = vdb_grids::sphere(1, {-0.4F, 0, 0.1F}, kVoxel);
+    auto const everywhere = positions(1.5F, 3);
+    expectNear(vdb_grids::sample(ours, everywhere), vdb_grids::sample(theirs, everywhere), 1e-5F,
+               everywhere);
+    EXPECT_NEAR(static_cast<double>(vdb_grids::activeVoxels(ours)),
+                static_cast<double>(vdb_grids::activeVoxels(theirs)), 40);
+    EXPECT_EQ(vdb_grids::background(ours), 3 * kVoxel);
+    EXPECT_EQ(vdb_grids::metadata(ours, "class"), "level set");
+    EXPECT_EQ(vdb_grids::metadata(ours, "name"), "a");
+    auto const fog = vdb_grids::read(path, "fog"), theirFog = vdb_grids::fogOf(theirs);
+    expectNear(vdb_grids::sample(fog, everywhere), vdb_grids::sample(theirFog, everywhere), 1e-4F,
+               everywhere);
+    EXPECT_EQ(vdb_grids::metadata(fog, "class"), "fog volume");
+    // The other field is evaluated at the voxels of the first level set alone.
+    EXPECT_EQ(vdb_grids::activeVoxels(vdb_grids::read(path, "place")),
+              vdb_grids::activeVoxels(ours));
+}
+
+TEST(WriteVdb, WritesDenseGridsAndHalves) {
+    Folder const folder;
+    auto const path = folder / "a.vdb";
+    zel::Box const box{{-1, -0.5F, 0.1F}, {1, 0.5F, 1}};
+    auto const noise = Quern::makePtr<zel::ScalarFieldXPosition>();
+    zel::writeVdb(path,
+                  {{"x", noise},
+                   {"p", {}, Quern::makePtr<zel::VectorFieldPosition>()},
+                   {"empty", Quern::makePtr<zel::ScalarFieldConstant>(0.0F), {}, VdbClass::kFogVolume}},
+                  box, kVoxel, {.half = true});
+    auto const grid = vdb_grids::read(path, "x");
+    EXPECT_EQ(vdb_grids::activeVoxels(grid), 33 * 17 * 15);
+    for (auto const& [p, value] : vdb_grids::voxels(grid)) ASSERT_EQ(value, p.x);
+    EXPECT_EQ(vdb_grids::activeVoxels(vdb_grids::read(path, "empty")), 0);
+    EXPECT_EQ(vdb_grids::metadata(grid, "is_saved_as_half_float"), "true");
+    auto const volume = zel::readVdb(path, {"x", "p"});
+    EXPECT_EQ(volume.scalar("x")->eval({0.25F, 0.03F, 0.5F}, 0), 0.25F);
+    EXPECT_EQ(volume.vector("p")->eval({0.25F, -0.25F, 0.5F}, 0), (float3{0.25F, -0.25F, 0.5F}));
+}
+
+TEST(WriteVdb, RefusesAndLeavesNothing) {
+    Folder const folder;
+    auto const path = folder / "a.vdb";
+    auto const solid = ball({}, 1);
+    auto const write = [&](std::vector<VdbField> const& fields, zel::WriteVdbOptions const& options,
+                           float voxel = kVoxel) {
+        zel::writeVdb(path, fields, kBox, voxel, options);
+    };
+    EXPECT_THROW(write({{"a", solid, {}, VdbClass::kLevelSet}}, {}), std::invalid_argument);
+    EXPECT_THROW(write({{"a", solid}}, {.band = 3}), std::invalid_argument);
+    EXPECT_THROW(write({{"a", solid}, {"a", solid}}, {}), std::invalid_argument);
+    EXPECT_THROW(write({{"a"}}, {}), std::invalid_argument);
+    EXPECT_THROW(write({{"a", solid}}, {}, 0), std::invalid_argument);
+    EXPECT_THROW(write({{"a", solid}}, {}, 1e-12F), std::invalid_argument);
+    auto const big = Quern::makePtr<zel::ScalarFieldConstant>(1e6F);
+    EXPECT_THROW(write({{"a", big}}, {.half = true}), zel::FileError);
+    auto const nan = Quern::makePtr<zel::ScalarFieldConstant>(std::nanf(""));
+    EXPECT_THROW(write({{"a", nan}}, {}), zel::FileError);
+    EXPECT_THROW(zel::writeVdb(folder / "none/a.vdb", {{"a", solid}}, kBox, 1), zel::FileError);
+    std::stop_source stop;
+    stop.request_stop();
+    EXPECT_THROW(write({{"a", solid}}, {.stop = stop.get_token()}), zel::Stopped);
+    EXPECT_EQ(folder.size(), 0U);
+}
+
+/// A volume that was made of fields, in both kinds of tree, and the grid of its level set.
+template <class Traits> void writeBack(Folder const& folder) {
+    auto const solid = ball({0.25F, 0, 0}, 1);
+    auto const volume = zel::buildVolume<Traits>(*solid, kBox, kVoxel, 3.0F);
+    Orvane::Object object;
+    Orvane::Geometry::setVolume(object, zel::toVolumeObject({{"distance", volume}}));
+    volume.channel->restart(3 * kVoxel, true, 0, Traits::kMaxDepth);
+    volume.channel->update(*volume.topology);
+    zel::fillChannel<Traits>(*volume.channel, *volume.topology, *solid);
+    auto const path = folder / "a.vdb";
+    zel::writeVdb(path, object, {{"distance", VdbClass::kLevelSet}});
+    auto const grid = vdb_grids::read(path, "distance");
+    auto const theirs = vdb_grids::sphere(1, {0.25F, 0, 0}, kVoxel);
+    std::vector<float3> at;
+    for (auto const& [p, value] : vdb_grids::voxels(theirs)) at.push_back(p);
+    at.push_back({0.25F, 0, 0});
+    at.push_back({0, 1.5F, 0});
+    expectNear(vdb_grids::sample(grid, at), vdb_grids::sample(theirs, at), 1e-5F, at);
+    EXPECT_THROW(zel::writeVdb(path, object, {{"distance"}}), std::invalid_argument);
+    EXPECT_THROW(zel::writeVdb(path, object, {{"density"}}), std::invalid_argument);
+}
+
+TEST(WriteVdb, WritesVolumesOfFields) {
+    Folder const folder;
+    writeBack<zel::BinaryTraits>(folder);
+    writeBack<zel::QuinaryTraits>(folder);
+}
+
+TEST(MeshOf, MakesClosedSurfacesThatFaceOutwards) {
+    auto const solid = ball({0.1F, 0.2F, 0}, 1);
+    for (float const adaptivity : {0.0F, 0.5F}) {
+        zel::MeshOptions options;
+        options.adaptivity = adaptivity;
+        options.colour = Quern::makePtr<zel::VectorFieldPosition>();
+        zel::Mesh const mesh = zel::meshOf(*solid, kBox, kVoxel, options);
+        ASSERT_EQ(mesh.normals.size(), mesh.positions.size());
+        EXPECT_EQ(mesh.colours, mesh.positions);
+        for (auto const& p : mesh.positions) EXPECT_NEAR(solid->eval(p, 0), 0, kVoxel / 2);
+        double volume = 0;
+        std::vector<std::array<std::uint32_t, 3>> faces = mesh.triangles;
+        for (auto const& q : mesh.quads) {
+            faces.push_back({q[0], q[1], q[2]});
+            faces.push_back({q[0], q[2], q[3]});
+        }
+        std::map<std::pair<std::uint32_t, std::uint32_t>, int> edges;
+        for (auto const& face : faces) {
+            auto const &a = mesh.positions[face[0]], &b = mesh.positions[face[1]],
+                       &c = mesh.positions[face[2]];
+            volume += double{Orvane::Math::dot(a, Orvane::Math::cross(b, c))} / 6;
+            for (std::size_t i = 0; i < 3; ++i) {
+                ++edges[{face[i], face[(i + 1) % 3]}];
+                --edges[{face[(i + 1) % 3], face[i]}];
+            }
+        }
+        EXPECT_NEAR(volume, 4.18879, 0.05);
+        for (auto const& [edge, balance] : edges) EXPECT_EQ(balance, 0);
+        if (adaptivity > 0) EXPECT_GT(mesh.triangles.size(), 0U);
+    }
+    zel::MeshOptions wrong;
+    wrong.adaptivity = std::nanf("");
+    EXPECT_THROW(zel::meshOf(*solid, kBox, kVoxel, wrong), std::invalid_argument);
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-#include "gallery/lines.h"
+#include "drawing/lines.h"
 
 #include <algorithm>
 #include <cmath>
 
-namespace examples {
+namespace drawing {
 
 using zel::float3;
 
@@ -44,4 +44,4 @@ void drawLine(Image& image, float3 const& from, float3 const& to, Pen const& pen
         }
 }
 
-}  // namespace examples
+}  // namespace drawing

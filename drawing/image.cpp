@@ -1,9 +1,9 @@
-#include "gallery/image.h"
+#include "drawing/image.h"
 
 #include <algorithm>
 #include <cmath>
 
-namespace examples {
+namespace drawing {
 
 namespace {
 
@@ -46,6 +46,19 @@ std::vector<std::uint8_t> Image::toBytes() const {
     return bytes;
 }
 
+Image inBands(int width, int height, Progress const& progress,
+              std::function<Image(int top, int rows)> const& drawBand) {
+    Image image(width, height);
+    int const most = std::max(kBandPixels / width, 1);
+    for (int top = 0; top < height; top += most) {
+        int const rows = std::min(most, height - top);
+        image.place(drawBand(top, rows), 0, top);
+        if (progress)
+            progress(static_cast<std::size_t>(top + rows), static_cast<std::size_t>(height));
+    }
+    return image;
+}
+
 Image contactSheet(std::vector<Image> const& panels, int columns) {
     constexpr int kGap = 8;
     int const count = static_cast<int>(panels.size());
@@ -59,4 +72,4 @@ Image contactSheet(std::vector<Image> const& panels, int columns) {
     return sheet;
 }
 
-}  // namespace examples
+}  // namespace drawing

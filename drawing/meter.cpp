@@ -1,18 +1,14 @@
-#include "gallery/meter.h"
-
-#include <tbb/parallel_for.h>
+#include "drawing/meter.h"
 
 #include <chrono>
 
-namespace examples {
+namespace drawing {
 
 Quern::Array<zel::float3> Meter::gradients(zel::ScalarField const& field,
                                            Quern::Array<zel::float3> const& at) {
     Quern::Array<zel::float3> result(at.size());
     double const start = now();
-    field.preSampleField();
-    tbb::parallel_for(0LL, at.size(), [&](long long i) { result[i] = field.grad(at[i], i); });
-    field.postSampleField();
+    evaluate(field, viewOf(at), {}, std::span<zel::float3>(result), options);
     add(gradientTally, at.size(), start);
     return result;
 }
@@ -27,4 +23,4 @@ void Meter::add(Tally& tally, long long points, double start) {
     tally.nanoseconds += now() - start;
 }
 
-}  // namespace examples
+}  // namespace drawing

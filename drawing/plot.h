@@ -1,10 +1,10 @@
 #pragma once
 
-#include "gallery/image.h"
-#include "gallery/meter.h"
-#include "gallery/palette.h"
+#include "drawing/image.h"
+#include "drawing/meter.h"
+#include "drawing/palette.h"
 
-namespace examples {
+namespace drawing {
 
 /// A part of the plane z = 0: its centre and its width. The height follows from the image.
 struct View {
@@ -14,6 +14,9 @@ struct View {
 
 /// The positions of the centres of all pixels, row after row from the top; y points upwards.
 Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height);
+/// The same for `rows` rows from `first` on, of an image of `height` rows.
+Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height, int first,
+                                         int rows);
 
 /// The style of a scalar field drawn in two-sided colours.
 struct PlotStyle {
@@ -24,9 +27,9 @@ struct PlotStyle {
     bool axes = false;       ///< the lines x = 0 and y = 0, in white
 };
 
-/// Draws the field in two-sided colours with iso-lines.
+/// Draws the field in two-sided colours with iso-lines, in bands of rows.
 Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
-           PlotStyle const& style = {});
+           PlotStyle const& style = {}, Progress const& progress = {});
 
 /// The style of a scalar field drawn in the colours of a ramp.
 struct RampStyle {
@@ -47,4 +50,4 @@ Image plotGradient(Meter& meter, zel::ScalarField const& field, View const& view
 /// The number of samples of a pixel along each axis, in all flat pictures.
 inline constexpr int kSamples = 3;
 
-}  // namespace examples
+}  // namespace drawing

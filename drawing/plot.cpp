@@ -1,11 +1,11 @@
-#include "gallery/plot.h"
+#include "drawing/plot.h"
 
 #include <algorithm>
 #include <cmath>
 
-#include "gallery/lines.h"
+#include "drawing/lines.h"
 
-namespace examples {
+namespace drawing {
 
 namespace {
 
@@ -41,12 +41,17 @@ float daylight(float slopeX, float slopeY) {
 }  // namespace
 
 Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height) {
+    return pixelPositions(view, width, height, 0, height);
+}
+
+Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height, int first,
+                                         int rows) {
     float const step = view.width / static_cast<float>(width);
     float const left = view.x - view.width / 2;
     float const top = view.y + step * static_cast<float>(height) / 2;
     Quern::Array<zel::float3> positions;
-    positions.reserve(static_cast<long long>(width) * height);
-    for (int row = 0; row < height; ++row)
+    positions.reserve(static_cast<long long>(width) * rows);
+    for (int row = first; row < first + rows; ++row)
         for (int column = 0; column < width; ++column)
             positions.push_back({left + (static_cast<float>(column) + 0.5F) * step,
                                  top - (static_cast<float>(row) + 0.5F) * step, 0});
@@ -54,35 +59,48 @@ Quern::Array<zel::float3> pixelPositions(View const& view, int width, int height
 }
 
 Image plot(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
-           PlotStyle const& style) {
-    Image fine(width * kSamples, height * kSamples);
-    auto const positions = pixelPositions(view, fine.width(), fine.height());
-    auto const values = meter.values(field, positions);
-    float const step = view.width / static_cast<float>(fine.width());
-    auto const at = [&](int x, int y) {
-        return (*values)[static_cast<long long>(y) * fine.width() + x];
-    };
-    for (int y = 0; y < fine.height(); ++y)
-        for (int x = 0; x < fine.width(); ++x) {
-            float const value = at(x, y);
-            // The slope on the screen, from the neighbour that is nearer in value, so that a jump
-            // beside the sample has no effect.
-            auto const change = [&](float before, float after) {
-                return std::min(std::fabs(value - before), std::fabs(after - value));
-            };
-            int const lastX = fine.width() - 1;
-            int const lastY = fine.height() - 1;
-            float const dx = change(at(x > 0 ? x - 1 : 1, y), at(x < lastX ? x + 1 : lastX - 1, y));
-            float const dy = change(at(x, y > 0 ? y - 1 : 1), at(x, y < lastY ? y + 1 : lastY - 1));
-            Color color = withLines(twoSided(value, style.scale), value, std::hypot(dx, dy), style);
-            if (style.axes) {
-                float3 const& p = positions[static_cast<long long>(y) * fine.width() + x];
-                float const distance = std::min(std::fabs(p.x), std::fabs(p.y)) / step;
-                color = mix(color, {1, 1, 1}, 0.45F * coverage(distance, kSamples));
+           PlotStyle const& style, Progress const& progress) {
+    int const fineWidth = width * kSamples;
+    int const fineHeight = height * kSamples;
+    float const step = view.width / static_cast<float>(fineWidth);
+    return inBands(width, height, progress, [&](int top, int rows) {
+        // The slope of a row needs its neighbours, or, at the edge of the image, the row inside.
+        int const begin = top * kSamples;
+        int const end = begin + rows * kSamples;
+        int const first = std::max(begin - 1, 0);
+        int const last = std::min(end, fineHeight - 1);
+        auto const positions = pixelPositions(view, fineWidth, fineHeight, first, last - first + 1);
+        auto const values = meter.values(field, positions);
+        auto const number = [&](int x, int y) {
+            return static_cast<long long>(y - first) * fineWidth + x;
+        };
+        auto const at = [&](int x, int y) { return (*values)[number(x, y)]; };
+        Image fine(fineWidth, end - begin);
+        for (int y = begin; y < end; ++y)
+            for (int x = 0; x < fineWidth; ++x) {
+                float const value = at(x, y);
+                // The slope on the screen, from the neighbour that is nearer in value, so that a
+                // jump beside the sample has no effect.
+                auto const change = [&](float before, float after) {
+                    return std::min(std::fabs(value - before), std::fabs(after - value));
+                };
+                int const lastX = fineWidth - 1;
+                int const lastY = fineHeight - 1;
+                float const dx =
+                    change(at(x > 0 ? x - 1 : 1, y), at(x < lastX ? x + 1 : lastX - 1, y));
+                float const dy =
+                    change(at(x, y > 0 ? y - 1 : 1), at(x, y < lastY ? y + 1 : lastY - 1));
+                Color color =
+                    withLines(twoSided(value, style.scale), value, std::hypot(dx, dy), style);
+                if (style.axes) {
+                    float3 const& p = positions[number(x, y)];
+                    float const distance = std::min(std::fabs(p.x), std::fabs(p.y)) / step;
+                    color = mix(color, {1, 1, 1}, 0.45F * coverage(distance, kSamples));
+                }
+                fine.at(x, y - begin) = color;
             }
-            fine.at(x, y) = color;
-        }
-    return fine.reduced(kSamples);
+        return fine.reduced(kSamples);
+    });
 }
 
 Image plotRamp(Meter& meter, zel::ScalarField const& field, View const& view, int width, int height,
@@ -128,4 +146,4 @@ Image plotGradient(Meter& meter, zel::ScalarField const& field, View const& view
     return fine.reduced(kSamples);
 }
 
-}  // namespace examples
+}  // namespace drawing

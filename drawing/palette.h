@@ -2,9 +2,9 @@
 
 #include <cstdint>
 
-#include "gallery/image.h"
+#include "drawing/image.h"
 
-namespace examples {
+namespace drawing {
 
 /// The colour of 0xRRGGBB in the sRGB encoding.
 Color fromHex(std::uint32_t rgb);
@@ -36,4 +36,4 @@ Color wood(float t);
 /// Pigments on paper, with sharp edges between them.
 Color pigment(float t);
 
-}  // namespace examples
+}  // namespace drawing

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "gallery/image.h"
-#include "gallery/plot.h"
+#include "drawing/image.h"
+#include "drawing/plot.h"
 
-namespace examples {
+namespace drawing {
 
 /// The part of a pixel that a line covers, by the width of the line and the distance of the pixel
 /// from its middle, in pixels.
@@ -22,4 +22,4 @@ struct Pen {
 /// outside the image are clipped. A line with a place that is not finite is not drawn.
 void drawLine(Image& image, zel::float3 const& from, zel::float3 const& to, Pen const& pen);
 
-}  // namespace examples
+}  // namespace drawing

@@ -1,12 +1,12 @@
-#include "gallery/tracer.h"
+#include "drawing/tracer.h"
 
 #include <cmath>
 #include <numeric>
 
-#include "gallery/palette.h"
+#include "drawing/palette.h"
 #include "zel/field/math.h"
 
-namespace examples {
+namespace drawing {
 
 namespace {
 
@@ -108,15 +108,16 @@ std::vector<float> openness(Meter& meter, zel::ScalarField const& field,
     return closed;
 }
 
-std::vector<Ray> cameraRays(Camera const& camera, int width, int height) {
+/// The rays through the rows from `first` on, of an image of `height` rows.
+std::vector<Ray> cameraRays(Camera const& camera, int width, int height, int first, int rows) {
     float3 const forward = normalized(camera.target - camera.eye);
     float3 const right = normalized(cross(forward, {0, 1, 0}));
     float3 const up = cross(right, forward);
     std::vector<Ray> rays;
-    rays.reserve(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
+    rays.reserve(static_cast<std::size_t>(width) * static_cast<std::size_t>(rows));
     float const step = 2 * camera.halfWidth / static_cast<float>(width);
     float const top = camera.halfWidth * static_cast<float>(height) / static_cast<float>(width);
-    for (int y = 0; y < height; ++y)
+    for (int y = first; y < first + rows; ++y)
         for (int x = 0; x < width; ++x) {
             float const sx = (static_cast<float>(x) + 0.5F) * step - camera.halfWidth;
             float const sy = top - (static_cast<float>(y) + 0.5F) * step;
@@ -125,17 +126,15 @@ std::vector<Ray> cameraRays(Camera const& camera, int width, int height) {
     return rays;
 }
 
-}  // namespace
-
-Image traceSolids(Meter& meter, zel::ScalarField const& field, Camera const& camera, int width,
-                  int height, float safety, Albedo const& albedo) {
+/// Draws `rays`, one a pixel, and returns an image of half the size.
+Image drawRays(Meter& meter, zel::ScalarField const& field, std::vector<Ray> const& rays, int width,
+               float safety, Albedo const& albedo) {
     float3 const sun = normalized({-0.7F, 0.85F, 0.55F});
     Color const sunlight{1.9F, 1.72F, 1.42F};
     Color const skylight{0.26F, 0.33F, 0.45F};
     Color const bounce{0.17F, 0.13F, 0.1F};
     Color const horizon = fromHex(0xDDE5EC);
 
-    std::vector<Ray> const rays = cameraRays(camera, width * kFine, height * kFine);
     std::vector<float> const distances = surfaceDistances(meter, field, rays, safety);
 
     std::vector<std::size_t> hits;
@@ -156,7 +155,7 @@ Image traceSolids(Meter& meter, zel::ScalarField const& field, Camera const& cam
     std::vector<float> const open = openness(meter, field, normals);
     std::vector<Color> const colors = albedo(positions);
 
-    Image fine(width * kFine, height * kFine, horizon);
+    Image fine(width, static_cast<int>(rays.size()) / width, horizon);
     for (std::size_t k = 0; k < hits.size(); ++k) {
         Ray const& ray = rays[hits[k]];
         float3 const normal = normals[k].direction;
@@ -176,6 +175,17 @@ Image traceSolids(Meter& meter, zel::ScalarField const& field, Camera const& cam
     return fine.reduced(kFine);
 }
 
+}  // namespace
+
+Image traceSolids(Meter& meter, zel::ScalarField const& field, Camera const& camera, int width,
+                  int height, float safety, Albedo const& albedo, Progress const& progress) {
+    return inBands(width, height, progress, [&](int top, int rows) {
+        auto const rays =
+            cameraRays(camera, width * kFine, height * kFine, top * kFine, rows * kFine);
+        return drawRays(meter, field, rays, width * kFine, safety, albedo);
+    });
+}
+
 std::vector<Color> albedoOfLeast(Meter& meter, std::vector<Part> const& parts,
                                  Quern::Array<float3> const& positions) {
     std::vector<Color> colors(static_cast<std::size_t>(positions.size()));
@@ -193,4 +203,4 @@ std::vector<Color> albedoOfLeast(Meter& meter, std::vector<Part> const& parts,
     return colors;
 }
 
-}  // namespace examples
+}  // namespace drawing

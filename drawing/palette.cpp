@@ -1,11 +1,11 @@
-#include "gallery/palette.h"
+#include "drawing/palette.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <span>
 
-namespace examples {
+namespace drawing {
 
 namespace {
 
@@ -89,4 +89,4 @@ Color pigment(float t) {
     return ramp[std::min(static_cast<std::size_t>(place), ramp.size() - 1)];
 }
 
-}  // namespace examples
+}  // namespace drawing

@@ -2,14 +2,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "zel_platform/orvane_math/vectors.h"
 
-namespace examples {
+namespace drawing {
 
 /// Red, green and blue as x, y and z, in linear light, 0 to 1.
 using Color = Orvane::Math::float3;
+
+/// Is told how many rows of a picture are drawn.
+using Progress = std::function<void(std::size_t done, std::size_t all)>;
 
 /// Rows of colours, the first row at the top.
 class Image {
@@ -40,7 +44,13 @@ private:
     std::vector<Color> colors;
 };
 
+/// Draws an image of large size in bands of rows, so that little memory is needed beside it.
+/// `drawBand(top, rows)` returns an image of `rows` rows, of about `kBandPixels` pixels.
+inline constexpr int kBandPixels = 1 << 19;
+Image inBands(int width, int height, Progress const& progress,
+              std::function<Image(int top, int rows)> const& drawBand);
+
 /// Arranges images of equal size in rows of `columns`, with white space between and around them.
 Image contactSheet(std::vector<Image> const& panels, int columns);
 
-}  // namespace examples
+}  // namespace drawing

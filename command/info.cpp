@@ -1,0 +1,34 @@
+#include <zel_exchange/output_file.h>
+#include <zel_exchange/vdb.h>
+
+#include "commands.h"
+
+namespace command {
+
+namespace {
+
+/// The text without control characters, which a terminal would obey.
+std::string printable(std::string text) {
+    for (char& c : text)
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = ' ';
+    return text;
+}
+
+}  // namespace
+
+void info(InfoOptions const& options) {
+    std::string text;
+    for (zel::VdbGrid const& grid : zel::listVdb(options.file)) {
+        text += printable(grid.name) + ": " + printable(grid.type);
+        if (grid.isHalf) text += " as half";
+        if (!grid.isReadable) text += ", not readable";
+        text += '\n';
+        for (auto const& [key, value] : grid.metadata)
+            text += "  " + printable(key) + ": " + printable(value) + '\n';
+    }
+    zel::OutputFile file("-");
+    file.write(text);
+    file.commit();
+}
+
+}  // namespace command

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+// The options of the subcommands. main.cpp parses them; manual: zel.1.
+namespace command {
+
+/// A scene, and the volumes that it reads.
+struct SceneOptions {
+    std::string scene;               ///< a file, or "-"
+    std::vector<std::string> binds;  ///< CHANNEL=FILE or CHANNEL=FILE:GRID
+    bool allowUnbound = false;
+};
+
+struct ShowOptions {
+    std::string scene;
+    bool dot = false;
+};
+
+struct EvalOptions {
+    SceneOptions scene;
+    std::vector<std::string> points;
+    std::string output = "-";
+    bool gradient = false;
+    bool exact = false;
+};
+
+struct SliceOptions {
+    SceneOptions scene;
+    std::string output;
+    std::string plane = "z=0";
+    std::string size = "1024";
+    std::array<float, 2> center{};
+    float width = 4;
+    std::string component;
+    std::optional<float> isolines;  ///< the spacing; 0 chooses one
+    bool hasIsolines = false;
+    std::optional<float> scale;
+    int gray = 0;  ///< bits of a pixel, or 0 for colours
+    std::optional<std::array<float, 2>> range;
+};
+
+struct RenderOptions {
+    SceneOptions scene;
+    std::string output;
+    std::string size = "1024x768";
+    std::array<float, 3> eye{2.6F, 2.4F, 5.2F};
+    std::array<float, 3> target{};
+    float angle = 40;  ///< of the picture's width, in degrees
+    float step = 0.9F;
+    std::string color = "d97a1f";
+};
+
+/// The box that a volume or a mesh is made of.
+struct GridOptions {
+    std::array<float, 6> box{};  ///< the low corner, then the high corner
+    float voxel = 0;
+    float band = 3;
+};
+
+struct VolumeOptions {
+    SceneOptions scene;
+    std::string output;
+    GridOptions grid;
+};
+
+struct InfoOptions {
+    std::string file;
+};
+
+struct BenchOptions {
+    SceneOptions scene;
+    std::size_t points = 1 << 20;
+    double seconds = 1;
+    std::array<float, 6> box{-1, -1, -1, 1, 1, 1};
+};
+
+}  // namespace command

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include <zel_platform/orvane_geometry/object.h>
+#include <zel_scene/bind.h>
+
+#include "options.h"
+
+namespace command {
+
+/// A tree of a file, bound to volumes.
+class Scene {
+public:
+    /// Reads the file, and the volumes that the options name. Throws std::runtime_error with the
+    /// name of the file for a scene that cannot be read, and for a channel that no leaf looks for.
+    explicit Scene(SceneOptions const& options);
+
+    std::string const& name() const { return m_name; }
+    zel::Tree const& tree() const { return m_tree; }
+    /// The tree, moreover bound to an object. Nodes that stay unbound are an error, unless the
+    /// options allow them.
+    zel::Tree boundTo(Orvane::Object const& object) const;
+    /// The tree of a program that has no more to bind. Throws as boundTo() does.
+    zel::Tree complete() const { return boundTo(Orvane::Object()); }
+    /// The same for a scene whose root is a scalar field. `why` ends the sentence of the error,
+    /// such as "a surface needs a scalar field".
+    zel::ScalarPtr completeScalar(char const* why) const;
+
+    /// Whether a node reads the property of an object by the element index.
+    bool readsProperties(Orvane::Object const& object) const;
+
+private:
+    std::string m_name;
+    bool m_allowsUnbound;
+    zel::Tree m_tree;
+    /// The nodes that wait for an object, with the state that is of most use to the user.
+    std::vector<zel::Binding> m_bindings;
+};
+
+/// Reads a file, or standard input for "-". Throws std::runtime_error with its name.
+std::string readText(std::string const& path);
+/// The name of a file in messages.
+std::string shownName(std::string const& path);
+
+/// Such as "1024x768", or "1024" for both.
+std::array<int, 2> parseSize(std::string const& text);
+
+}  // namespace command

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+namespace command {
+
+constexpr int kFailed = 2;
+constexpr int kInterrupted = 130;
+
+/// Ends the program on SIGINT, SIGTERM and SIGHUP. The token's stop is requested first, so that the
+/// subcommand ends by itself; if that takes more than half a second, as when it waits for its
+/// input, the files that are being written are removed, and the program ends. Signals that were
+/// ignored when the program started remain so. SIGPIPE and SIGXFSZ are ignored: writing fails
+/// instead.
+///
+/// To be made before any other thread, which would receive the signals otherwise.
+class Interrupts {
+public:
+    Interrupts();
+    Interrupts(Interrupts const&) = delete;
+    Interrupts& operator=(Interrupts const&) = delete;
+    ~Interrupts();
+
+    std::stop_token token() const { return m_stop.get_token(); }
+
+private:
+    void wait();
+
+    std::stop_source m_stop;
+    sigset_t m_signals{};
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_isOver = false;
+    std::thread m_thread;
+};
+
+/// A line on the terminal with a bar, the rate and the time left, drawn anew a few times a second.
+/// Draws nothing if the error stream is no terminal.
+class Progress {
+public:
+    /// `unit` is the plural of what is counted.
+    explicit Progress(std::string unit);
+    Progress(Progress const&) = delete;
+    Progress& operator=(Progress const&) = delete;
+    ~Progress();
+
+    /// `all` is 0 if it is not known. Any thread may call it, one at a time.
+    void operator()(std::size_t done, std::size_t all);
+    /// The same as a function. The object must outlive it.
+    std::function<void(std::size_t, std::size_t)> function() { return std::ref(*this); }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    std::string m_unit;
+    bool m_isShown;
+    bool m_isDrawn = false;
+    Clock::time_point m_start = Clock::now(), m_last = m_start;
+};
+
+/// Such as "1.5 M".
+std::string shortNumber(double number);
+
+}  // namespace command

@@ -1,0 +1,52 @@
+#include "vdb_tiles.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace zel::detail {
+
+openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize) {
+    openvdb::CoordBBox voxels;
+    for (int axis = 0; axis < 3; ++axis) {
+        auto const at = [&](float p, double (*round)(double)) {
+            return static_cast<int>(
+                std::clamp(round(double{p} / double{voxelSize}), -0x1p29, 0x1p29));
+        };
+        voxels.min()[axis] = at(box.low[axis], std::ceil);
+        voxels.max()[axis] = at(box.high[axis], std::floor);
+    }
+    return voxels;
+}
+
+openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
+                                   openvdb::CoordBBox const& box) {
+    auto grid = openvdb::FloatGrid::create(band);
+    auto& tree = grid->tree();
+    auto const& tiles = *volume.container;
+    forEachUncovered<BinaryTraits, float>(
+        tiles, *volume.channel, BinaryTraits::kMaxDepth,
+        [&](auto const& tile, int3 const& first, float const* sample) {
+            if (!(*sample < 0)) return;
+            int3 const low = tile.tijk() + first * tile.voxelDataWidth();
+            openvdb::CoordBBox inside(
+                vdbCoord(low),
+                vdbCoord(low).offsetBy(BinaryTraits::tileWidth(tile.depth() + 1) - 1));
+            inside.intersect(box);
+            if (!inside.empty()) tree.sparseFill(inside, -band, false);
+        });
+    openvdb::tree::ValueAccessor<openvdb::FloatTree> voxels(tree);
+    forEachSample<BinaryTraits, float>(tiles, *volume.channel, BinaryTraits::kMaxDepth,
+                                       [&](int3 const& at, long long /*sample*/, float value) {
+                                           if (!box.isInside(vdbCoord(at))) return;
+                                           if (std::abs(value) < band)
+                                               voxels.setValueOn(vdbCoord(at), value);
+                                           else if (value < 0)
+                                               voxels.setValueOff(vdbCoord(at), -band);
+                                       });
+    tree.prune();
+    grid->setGridClass(openvdb::GRID_LEVEL_SET);
+    grid->setTransform(openvdb::math::Transform::createLinearTransform(double{tiles.voxelSize()}));
+    return grid;
+}
+
+}  // namespace zel::detail

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <openvdb/openvdb.h>
+
+#include "vdb_write.h"
+
+// Grids of OpenVDB made of tile trees.
+namespace zel::detail {
+
+using ORV::TileTree3D::TileOf;
+using ORV::TileTree3D::Volume;
+using Orvane::Math::int3;
+
+inline float vdbValue(float value) {
+    return value;
+}
+inline openvdb::Vec3s vdbValue(float3 const& value) {
+    return {value.x, value.y, value.z};
+}
+inline openvdb::Coord vdbCoord(int3 const& at) {
+    return {at.x, at.y, at.z};
+}
+
+/// Calls `use(tile, first, sample)` for the children that tiles above the depth `finest` do not
+/// have: with the tile, the place of the first sample over the child, and that sample.
+template <class Traits, class T, class Use>
+void forEachUncovered(ORV::TileTree3D::Container<Traits> const& tree,
+                      ORV::TileTree3D::DataChannel<Traits, T> const& channel, int finest,
+                      Use const& use) {
+    constexpr int W = Traits::kSamples, B = Traits::kBranch, kSpan = W / B;
+    for (int depth = 0; depth < finest; ++depth)
+        for (long long i = 0; i < tree.tileCount(depth); ++i) {
+            TileOf<Traits> const& tile = tree.tile(i, depth);
+            T const* const samples = channel.samples({i, depth});
+            for (int slot = 0; slot < Traits::kChildCount; ++slot) {
+                if (tile.m_children && tile.m_children[slot] >= 0) continue;
+                int3 const first = int3{slot % B, slot / B % B, slot / (B * B)} * kSpan;
+                use(tile, first, samples + first.x + W * (first.y + W * first.z));
+            }
+        }
+}
+
+/// Calls `use(at, number, value)` for the samples of a depth: with the lattice point, and the
+/// number of the sample at its depth.
+template <class Traits, class T, class Use>
+void forEachSample(ORV::TileTree3D::Container<Traits> const& tree,
+                   ORV::TileTree3D::DataChannel<Traits, T> const& channel, int depth,
+                   Use const& use) {
+    constexpr int W = Traits::kSamples;
+    int const width = Traits::voxelWidth(depth);
+    for (long long i = 0; i < tree.tileCount(depth); ++i) {
+        int3 const corner = tree.tile(i, depth).tijk();
+        T const* const samples = channel.samples({i, depth});
+        for (int z = 0; z < W; ++z)
+            for (int y = 0; y < W; ++y)
+                for (int x = 0; x < W; ++x)
+                    use(corner + int3{x, y, z} * width,
+                        i * Traits::kSampleCount + (x + W * (y + W * z)),
+                        samples[x + W * (y + W * z)]);
+    }
+}
+
+/// The voxels whose samples lie in a box.
+openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize);
+
+/// The level set of a volume that buildVolume() made, clipped to a box of voxels.
+openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
+                                   openvdb::CoordBBox const& box);
+
+}  // namespace zel::detail

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+#include "zel/volume/build_volume.h"
+#include "zel_exchange/vdb.h"
+
+// Writes OpenVDB files of fields and of volumes. A file appears under its name when it is complete.
+namespace zel {
+
+enum class VdbClass {
+    kUnknown,
+    /// Signed distances, negative inside, in a narrow band around the surface.
+    kLevelSet,
+    kFogVolume,  ///< densities, 0 outside
+    kStaggered,  ///< vectors on the faces of voxels; samples are taken at the voxels like all
+                 ///< others
+};
+
+/// How a program that moves a grid is to change its vectors.
+enum class VdbVectorType {
+    kInvariant,
+    kCovariant,
+    kCovariantNormalize,
+    kContravariantRelative,
+    kContravariantAbsolute,
+};
+
+/// A field, and the grid that is made of it. Exactly one of the two fields must be given.
+struct VdbField {
+    std::string name;
+    VdbVolume::ScalarPtr scalar{};
+    VdbVolume::VectorPtr vector{};
+    VdbClass gridClass = VdbClass::kUnknown;
+    VdbVectorType vectorType = VdbVectorType::kInvariant;
+};
+
+struct WriteVdbOptions {
+    /// Half the width of the band around a surface, in voxels; dense grids without it.
+    std::optional<float> band{};
+    bool half = false;  ///< halves in the file in place of floats
+    std::string creator = "ZEL";
+    std::map<std::string, std::string> metadata{};  ///< of the file
+    bool parallel = true;                           ///< as in FillOptions
+    std::stop_token stop{};                         ///< as in FillOptions
+    /// As in FillOptions, for each field in turn.
+    std::function<void(std::size_t done, std::size_t all)> progress{};
+};
+
+/// Writes a grid for each field, of the voxels in the box. A voxel's index times `voxelSize` is its
+/// position, at which the field is sampled.
+///
+/// Without a band, all voxels of the box are evaluated. They are active, but for zeros in a fog
+/// volume; constant regions become tiles.
+///
+/// With a band, the field of a level set is a signed distance. Voxels with |field| < band *
+/// voxelSize are active, all others in the box have the distance of the band with the sign of the
+/// field, and the background is that distance. The field of a fog volume is a signed distance, too:
+/// the density rises from 0 at the surface to 1 at the depth of the band, and the inside is active
+/// tiles of 1, as openvdb::tools::sdfToFogVolume makes them. Other fields are evaluated at the
+/// active voxels of the first level set or fog volume, and are 0 elsewhere. Only the band is
+/// evaluated at full depth: where it lies is found as in buildVolume(), whose limits hold.
+///
+/// Throws std::invalid_argument for what buildVolume() refuses, for a level set without a band, a
+/// band that no field makes, a name that is empty or used twice, and a field that is missing;
+/// FileError if the file cannot be written, or if a value is not finite, or too large for a half;
+/// Stopped; and exceptions of nodes and of `progress`. A file that had the name before stays as it
+/// was then.
+ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path,
+                               std::vector<VdbField> const& fields, Box const& box, float voxelSize,
+                               WriteVdbOptions const& options = {});
+
+/// Writes back all grids of a volume that was read, in the place and of the class that it had.
+/// Voxels whose value is not the background are active; in a level set, those nearer to the surface
+/// than the background. Throws FileError.
+ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
+                               WriteVdbOptions const& options = {});
+
+/// Writes channels of an object's volume, which must have its samples on the corners of voxels, as
+/// grids of the channels' names. The finest tiles are written as they are, and coarse tiles where
+/// they are constant; of a level set, coarse tiles have the background with the sign of their
+/// samples. The background is the default value. Throws std::invalid_argument, with the name, for
+/// channels that are missing or vary in coarse tiles: such a channel may be written as a field.
+/// Throws FileError as above.
+struct VdbChannel {
+    std::string name;
+    VdbClass gridClass = VdbClass::kUnknown;
+    VdbVectorType vectorType = VdbVectorType::kInvariant;
+};
+ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path, Orvane::Object const& object,
+                               std::vector<VdbChannel> const& channels,
+                               WriteVdbOptions const& options = {});
+
+}  // namespace zel
