@@ -1,0 +1,70 @@
+#include <pybind11/pybind11.h>
+
+#include "binding.h"
+#include "callable.h"
+#include "class_docs.h"
+#include "errors.h"
+#include "field_types.h"
+#include "functions.h"
+#include "pickle.h"
+#include "properties.h"
+#include "tree_methods.h"
+#include "values.h"
+#include "volume.h"
+#include "zel/version.h"
+
+namespace zel::python {
+
+namespace {
+
+/// Objects and types are shared by all that import the module, which two interpreters must not do.
+bool isMainInterpreter() {
+    return PyInterpreterState_Get() == PyInterpreterState_Main();
+}
+constexpr char const* kOther = "zel: not to be imported by a subinterpreter";
+
+void checkInterpreter() {
+    if (!isMainInterpreter()) throw py::import_error(kOther);
+}
+
+void addAll(py::module_& module) {
+    module.doc() = "Procedural fields: the part of the module zel that is written in C++.";
+    module.attr("__version__") = std::to_string(ZEL_VERSION_MAJOR) + '.' +
+                                 std::to_string(ZEL_VERSION_MINOR) + '.' +
+                                 std::to_string(ZEL_VERSION_PATCH);
+    module.def("_check_interpreter", checkInterpreter);
+    registerFunctionNodes();
+    addErrors(module);
+    addFieldTypes(module);
+    addNodeClasses(module);
+    addCurve(module);
+    addVolume(module);
+    addProperty(module);
+    addBinding(module);
+    addRestore(module);
+    addLoads(module);
+    addFunctions(module);
+    addFunctionFields(module);  // last: `field` is a name of its own
+}
+
+}  // namespace
+
+}  // namespace zel::python
+
+/// Makes the module. PYBIND11_MODULE would not do: before its body, it binds pybind11 to the
+/// interpreter that imports the module.
+extern "C" PYBIND11_EXPORT PyObject* PyInit__zel() {
+    using namespace zel::python;
+    if (!isMainInterpreter()) {
+        PyErr_SetString(PyExc_ImportError, kOther);
+        return nullptr;
+    }
+    PYBIND11_ENSURE_INTERNALS_READY
+    static PyModuleDef definition;
+    auto module = py::module_::create_extension_module("_zel", nullptr, &definition);
+    try {
+        addAll(module);
+        return module.ptr();
+    }
+    PYBIND11_CATCH_INIT_EXCEPTIONS
+}
