@@ -1,0 +1,211 @@
+#include "arrays.h"
+
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "errors.h"
+
+namespace zel::python {
+
+namespace {
+
+using Api = py::detail::npy_api;
+
+constexpr py::ssize_t kFloat = sizeof(float);
+
+/// The type float32, one object for the process.
+PyObject* floatType() {
+    static PyObject* const type = py::dtype::of<float>().release().ptr();
+    return type;
+}
+
+PyObject* descriptorOf(py::array const& array) {
+    return py::detail::array_proxy(array.ptr())->descr;
+}
+
+bool isAligned(py::array const& array) {
+    return (array.flags() & Api::NPY_ARRAY_ALIGNED_) != 0;
+}
+
+struct Range {
+    std::uintptr_t low, high;
+};
+
+/// The addresses of the elements.
+Range rangeOf(py::array const& array) {
+    auto const first = reinterpret_cast<std::uintptr_t>(array.data());
+    Range range{first, first};
+    if (array.size() == 0) return range;
+    for (py::ssize_t i = 0; i < array.ndim(); ++i) {
+        py::ssize_t const reach = (array.shape(i) - 1) * array.strides(i);
+        (reach < 0 ? range.low : range.high) += static_cast<std::uintptr_t>(reach);
+    }
+    range.high += static_cast<std::uintptr_t>(array.itemsize());
+    return range;
+}
+
+py::array fromAny(py::handle object, PyObject* type, int flags) {
+    Py_XINCREF(type);  // the function takes it
+    auto made = py::reinterpret_steal<py::object>(
+        Api::get().PyArray_FromAny_(object.ptr(), type, 0, 0, flags, nullptr));
+    if (!made) throw py::error_already_set();
+    return py::reinterpret_steal<py::array>(made.release());
+}
+
+/// Sets the view of positions, if their strides are those of a view. Else returns false.
+bool setView(Points& points) {
+    py::array const& array = points.array;
+    py::ssize_t const last = array.ndim() - 1;
+    py::ssize_t count = 1, stride = 0;
+    bool isFirst = true;
+    for (py::ssize_t i = last; i-- > 0;) {
+        py::ssize_t const length = array.shape(i);
+        if (length == 0) count = 0;
+        if (length <= 1 || count == 0) continue;
+        if (!isFirst && array.strides(i) != stride * count) return false;
+        if (isFirst) stride = array.strides(i);
+        isFirst = false;
+        count *= length;
+    }
+    for (py::ssize_t i = 0; i < last; ++i)
+        if (array.shape(i) == 0) count = 0;
+    py::ssize_t const step = array.strides(last);
+    if (count > 0 && (stride % kFloat != 0 || step % kFloat != 0 || !isAligned(array)))
+        return false;
+    auto const* const x = static_cast<float const*>(array.data());
+    points.view = {x, x + step / kFloat, x + 2 * (step / kFloat), stride / kFloat,
+                   static_cast<std::size_t>(count)};
+    return true;
+}
+
+}  // namespace
+
+bool isArray(py::handle object) {
+    return py::isinstance<py::array>(object);
+}
+
+bool hasFloats(py::array const& array) {
+    if (descriptorOf(array) == floatType()) return true;
+    return py::bool_(array.dtype().equal(py::handle(floatType())));
+}
+
+std::string shapeText(py::array const& array) {
+    return shapeText(Shape(array.shape(), array.shape() + array.ndim()));
+}
+
+std::string shapeText(Shape const& shape) {
+    std::string text = "(";
+    for (std::size_t i = 0; i < shape.size(); ++i)
+        text += (i == 0 ? "" : ", ") + std::to_string(shape[i]);
+    return text + (shape.size() == 1 ? ",)" : ")");
+}
+
+std::string dtypeText(py::array const& array) {
+    return py::str(array.dtype());
+}
+
+py::array numbersOf(py::handle object, std::string const& where) {
+    py::array array =
+        isArray(object) ? py::reinterpret_borrow<py::array>(object) : fromAny(object, nullptr, 0);
+    if (std::strchr("biuf", array.dtype().kind()) == nullptr)
+        throw py::type_error(where + ": wanted numbers, got " +
+                             (isArray(object) ? "an array of " + dtypeText(array) : shown(object)));
+    return array;
+}
+
+py::array floatsOf(py::handle object, std::string const& where) {
+    if (isArray(object) && descriptorOf(py::reinterpret_borrow<py::array>(object)) == floatType())
+        return py::reinterpret_borrow<py::array>(object);
+    py::array const array = numbersOf(object, where);
+    if (hasFloats(array)) return array;
+    return fromAny(array, floatType(), Api::NPY_ARRAY_FORCECAST_ | Api::NPY_ARRAY_ALIGNED_);
+}
+
+py::array copyOf(py::array const& array) {
+    return fromAny(array, floatType(),
+                   Api::NPY_ARRAY_C_CONTIGUOUS_ | Api::NPY_ARRAY_ALIGNED_ |
+                       Api::NPY_ARRAY_ENSUREARRAY_ | Api::NPY_ARRAY_FORCECAST_ |
+                       0x0020 /* NPY_ARRAY_ENSURECOPY */);
+}
+
+void Points::copy() {
+    array = copyOf(array);
+    setView(*this);
+}
+
+Points pointsOf(py::handle object, std::string const& where) {
+    Points points{floatsOf(object, where), {}, {}};
+    py::array const& array = points.array;
+    if (array.ndim() == 0 || array.shape(array.ndim() - 1) != 3)
+        throw py::value_error(where + ": wanted positions of shape (..., 3), got shape " +
+                              shapeText(array));
+    points.leading.assign(array.shape(), array.shape() + array.ndim() - 1);
+    if (!setView(points)) points.copy();
+    return points;
+}
+
+Result::Result(py::handle out, Shape shape, char const* name) : m_isOut(!out.is_none()) {
+    if (!m_isOut) {
+        m_target = py::array(py::reinterpret_borrow<py::dtype>(floatType()), std::move(shape));
+        m_written = m_target;
+        m_data = static_cast<float*>(m_written.mutable_data());
+        return;
+    }
+    if (!isArray(out))
+        throw py::type_error(std::string(name) + ": wanted an array of float32, got " +
+                             typeName(out));
+    m_target = py::reinterpret_borrow<py::array>(out);
+    if (!hasFloats(m_target))
+        throw py::type_error(std::string(name) + ": wanted an array of float32, got " +
+                             dtypeText(m_target));
+    if (Shape(m_target.shape(), m_target.shape() + m_target.ndim()) != shape)
+        throw py::value_error(std::string(name) + ": wanted shape " + shapeText(shape) + ", got " +
+                              shapeText(m_target));
+    if (!m_target.writeable())
+        throw py::value_error(std::string(name) + ": the array is read-only");
+    bool const isPlain = (m_target.flags() & py::array::c_style) != 0 && isAligned(m_target);
+    m_written = isPlain
+                    ? m_target
+                    : py::array(py::reinterpret_borrow<py::dtype>(floatType()), std::move(shape));
+    m_data = static_cast<float*>(m_written.mutable_data());
+}
+
+bool Result::mayOverlap(py::array const& other) const {
+    Range const a = rangeOf(m_target), b = rangeOf(other);
+    return a.low < b.high && b.low < a.high;
+}
+
+py::object Result::finish() {
+    if (!m_written.is(m_target) &&
+        Api::get().PyArray_CopyInto_(m_target.ptr(), m_written.ptr()) < 0)
+        throw py::error_already_set();
+    if (m_isOut || m_target.ndim() > 0) return m_target;
+    return m_target[py::tuple()];
+}
+
+Quern::Ptr<Quern::Array<Orvane::Math::float3>> toVectors(py::handle object,
+                                                         std::string const& where) {
+    using Orvane::Math::float3;
+    py::array array = floatsOf(object, where);
+    if (array.ndim() == 1 && array.shape(0) == 0) return Quern::makePtr<Quern::Array<float3>>();
+    if (array.ndim() != 2 || array.shape(1) != 3)
+        throw py::value_error(where + ": wanted vectors of shape (n, 3), got shape " +
+                              shapeText(array));
+    array = copyOf(array);
+    auto vectors =
+        Quern::makePtr<Quern::Array<float3>>(Quern::Array<float3>::forOverwrite(array.shape(0)));
+    if (array.size() > 0)
+        std::memcpy(static_cast<void*>(vectors->data()), array.data(),
+                    static_cast<std::size_t>(array.nbytes()));
+    return vectors;
+}
+
+py::array arrayOf(Quern::Array<Orvane::Math::float3> const& vectors) {
+    py::array array(py::reinterpret_borrow<py::dtype>(floatType()), Shape{vectors.size(), 3});
+    if (vectors.size() > 0)
+        std::memcpy(array.mutable_data(), vectors.data(), static_cast<std::size_t>(array.nbytes()));
+    return array;
+}
+
+}  // namespace zel::python

@@ -1,0 +1,146 @@
+#include "binding.h"
+
+#include <set>
+
+#include "callable.h"
+#include "errors.h"
+#include "interrupt.h"
+#include "tree_walk.h"
+#include "zel_scene/bind.h"
+
+namespace zel::python {
+
+namespace {
+
+constexpr char const* kCapsule = "zel.BoundLeaves";
+
+void raiseMissing(BindReport const& report) {
+    std::set<std::string> reasons;
+    py::list names;
+    for (Binding const& one : report.unbound()) {
+        if (reasons.insert(one.reason()).second) names.append(py::str(one.name));
+    }
+    std::string text = "unbound: ";
+    for (std::string const& reason : reasons)
+        text += (reason == *reasons.begin() ? "" : ", ") + reason;
+    py::object const error = py::handle(PyExc_KeyError)(text);
+    error.attr("names") = py::tuple(names);
+    PyErr_SetObject(PyExc_KeyError, error.ptr());
+    throw py::error_already_set();
+}
+
+/// The nodes of a tree that a report has as bound.
+std::unordered_set<Field const*> boundNodes(Tree const& tree, BindReport const& report) {
+    // The report numbers the nodes in the same order.
+    NodeList const list(rootOf(tree));
+    std::unordered_set<Field const*> found;
+    for (Binding const& one : report.bindings)
+        if (one.state == Binding::State::kBound && one.node < list.nodes().size())
+            found.insert(list.nodes()[one.node]);
+    return found;
+}
+
+}  // namespace
+
+py::capsule capsuleOf(BoundLeaves bound) {
+    auto* const kept = new BoundLeaves(std::move(bound));
+    return py::capsule(kept, kCapsule, [](PyObject* capsule) {
+        delete static_cast<BoundLeaves*>(PyCapsule_GetPointer(capsule, kCapsule));
+    });
+}
+
+BoundLeaves const* boundLeavesIn(py::handle attached) {
+    if (!PyCapsule_IsValid(attached.ptr(), kCapsule)) return nullptr;
+    return static_cast<BoundLeaves const*>(PyCapsule_GetPointer(attached.ptr(), kCapsule));
+}
+
+py::object attachedOfCopy(FieldObject const& original, Tree const& copy,
+                          std::shared_ptr<Source const> const& source,
+                          std::unordered_set<Field const*> const& rebound) {
+    py::list attached;
+    NodeList const before(rootOf(original.tree)), after(rootOf(copy));
+    for (py::handle const one :
+         original.attached ? py::reinterpret_borrow<py::tuple>(original.attached) : py::tuple()) {
+        BoundLeaves const* const known = boundLeavesIn(one);
+        if (!known) {
+            attached.append(one);
+            continue;
+        }
+        // A user's class that does not name its children may have more of them in the copy.
+        if (before.nodes().size() != after.nodes().size()) continue;
+        BoundLeaves kept{known->source, {}, copy};
+        for (Field const* const leaf : known->leaves) {
+            if (!before.contains(leaf)) continue;
+            Field const* const same = after.nodes()[before.numberOf(leaf)];
+            if (!rebound.contains(same)) kept.leaves.insert(same);
+        }
+        if (!kept.leaves.empty()) attached.append(capsuleOf(std::move(kept)));
+    }
+    if (source && !rebound.empty()) attached.append(capsuleOf({source, rebound, copy}));
+    return py::tuple(attached);
+}
+
+PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
+    static char const* const names[] = {"properties",      "targets", "volume", "indices",
+                                        "metres_per_unit", "strict",  nullptr};
+    PyObject *properties = Py_None, *targets = Py_None, *volume = Py_None, *indices = Py_None,
+             *metres = Py_None;
+    int strict = 0;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|OOO$OOp:bind", const_cast<char**>(names),
+                                     &properties, &targets, &volume, &indices, &metres, &strict))
+        return nullptr;
+    return guardedObject([&] {
+        auto const borrowed = [](PyObject* object) {
+            return py::reinterpret_borrow<py::object>(object);
+        };
+        auto const source = std::make_shared<Source const>(
+            Source::Parts{borrowed(properties), borrowed(targets), borrowed(volume),
+                          borrowed(indices), borrowed(metres)});
+        FieldObject& original = fieldOf(self);
+        Tree tree = original.tree;
+        BindReport report;
+        withoutLock([&] { report = zel::bind(tree, source->object(), source->indices()); });
+        if (strict != 0 && !report.isComplete()) raiseMissing(report);
+        py::object const attached =
+            attachedOfCopy(original, tree, source, boundNodes(tree, report));
+        py::object made = wrap(tree, attached, original.levels);
+        py::list list;
+        for (Binding const& one : report.bindings) list.append(py::cast(one));
+        fieldOf(made).report = list.release().ptr();
+        return made.release().ptr();
+    });
+}
+
+py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, py::handle volume) {
+    Source::Parts parts;
+    parts.volume = py::reinterpret_borrow<py::object>(volume);
+    auto const source = std::make_shared<Source const>(parts);
+    Tree tree = nodeClass.make(values, source->object());
+    Field const& node = rootOf(tree);
+    if (node.is_triggerable())
+        throw py::type_error("zel." + nodeClass.name +
+                             ": no parameter volume: bind(volume=...) binds such a field");
+    if (!nodeClass.isBound(node))
+        throw py::key_error("zel." + nodeClass.name +
+                            ": the volume has no channel of that name and type");
+    return wrap(tree, py::make_tuple(capsuleOf({source, {&node}, tree})));
+}
+
+void addBinding(py::module_& module) {
+    py::class_<Binding>(module, "Binding", "What bind() did for a leaf that waits for an object.")
+        .def_readonly("class_name", &Binding::className)
+        .def_readonly("name", &Binding::name,
+                      "The property or the channel that the leaf looks for.")
+        .def_property_readonly(
+            "is_bound", [](Binding const& self) { return self.state == Binding::State::kBound; })
+        .def_property_readonly("reason", &Binding::reason,
+                               "The state in words, such as 'no property \"density\"'.")
+        .def_property_readonly("path", &Binding::path,
+                               "The way from the root, such as '/root/a/field'.")
+        .def("__repr__", [](Binding const& self) {
+            return "<zel.Binding " + self.path() + ": " + self.className + ": " + self.reason() +
+                   '>';
+        });
+}
+
+}  // namespace zel::python

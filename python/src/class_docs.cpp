@@ -1,0 +1,140 @@
+#include "class_docs.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace zel::python {
+
+namespace py = pybind11;
+
+namespace {
+
+struct ClassDoc {
+    std::string_view name, text;
+};
+
+/// The comments above the classes of the library, sorted by the names of the classes.
+constexpr ClassDoc kDocs[] = {
+#include "class_docs.inc"
+};
+
+std::string_view commentOn(std::string_view name) {
+    auto const* const found =
+        std::lower_bound(std::begin(kDocs), std::end(kDocs), name,
+                         [](ClassDoc const& doc, std::string_view n) { return doc.name < n; });
+    return found != std::end(kDocs) && found->name == name ? found->text : std::string_view();
+}
+
+char const* kindName(ValueKind kind) {
+    constexpr char const* kNames[] = {
+        "none",       "bool",   "integer", "float", "double",  "vector",      "quaternion",
+        "unitVector", "string", "sampler", "curve", "vectors", "scalarField", "vectorField"};
+    return kNames[static_cast<std::size_t>(kind)];
+}
+
+char const* kindText(ValueKind kind) {
+    switch (kind) {
+    case ValueKind::kBool:
+        return "bool";
+    case ValueKind::kInteger:
+        return "int";
+    case ValueKind::kFloat:
+    case ValueKind::kDouble:
+        return "float";
+    case ValueKind::kVector:
+        return "vector (x, y, z)";
+    case ValueKind::kQuaternion:
+        return "rotation vector (x, y, z) or quaternion (x, y, z, w)";
+    case ValueKind::kUnitVector:
+        return "direction (x, y, z)";
+    case ValueKind::kString:
+        return "str";
+    case ValueKind::kSampler:
+        return "'linear', 'cubicC0' or 'cubicC1'";
+    case ValueKind::kCurve:
+        return "zel.Curve or keys";
+    case ValueKind::kVectors:
+        return "array of shape (n, 3)";
+    case ValueKind::kScalarField:
+        return "scalar field or number";
+    case ValueKind::kVectorField:
+        return "vector field or vector (x, y, z)";
+    case ValueKind::kNone:
+        break;
+    }
+    return "";
+}
+
+std::string defaultText(Value const& value) {
+    struct Text {
+        static std::string number(double v) {
+            std::string text = std::to_string(v);
+            while (text.back() == '0') text.pop_back();
+            return text + (text.back() == '.' ? "0" : "");
+        }
+        std::string operator()(bool v) const { return v ? "True" : "False"; }
+        std::string operator()(std::int64_t v) const { return std::to_string(v); }
+        std::string operator()(float v) const { return number(v); }
+        std::string operator()(double v) const { return number(v); }
+        std::string operator()(float3 const& v) const {
+            return '(' + number(v.x) + ", " + number(v.y) + ", " + number(v.z) + ')';
+        }
+        std::string operator()(Quern::String const& v) const {
+            return '\'' + std::string(v) + '\'';
+        }
+        std::string operator()(Orvane::Geometry::Query::SamplerType) const { return "'linear'"; }
+    };
+    return std::visit(
+        [](auto const& v) -> std::string {
+            if constexpr (requires { Text()(v); })
+                return Text()(v);
+            else
+                return "...";
+        },
+        value);
+}
+
+}  // namespace
+
+void addNodeClasses(py::module_& module) {
+    module.def(
+        "_node_classes",
+        [] {
+            py::list classes;
+            for (NodeClass const* const one : nodeClasses()) {
+                py::list parameters;
+                for (ParameterInfo const& parameter : one->parameters) {
+                    bool const hasDefault = parameter.defaultValue.index() != 0;
+                    parameters.append(py::make_tuple(
+                        parameter.name, kindName(parameter.kind),
+                        hasDefault ? py::object(py::str(defaultText(parameter.defaultValue)))
+                                   : py::none()));
+                }
+                classes.append(py::make_tuple(one->name, one->isScalar,
+                                              std::string(commentOn(one->name)), parameters));
+            }
+            return classes;
+        },
+        "The node classes: (name, whether it is a scalar field, comment, parameters). A parameter "
+        "is\n"
+        "(name, kind, text of the default or None).");
+}
+
+std::string docOf(NodeClass const& nodeClass) {
+    std::string signature, list;
+    for (ParameterInfo const& parameter : nodeClass.parameters) {
+        signature += (signature.empty() ? "" : ", ") + parameter.name;
+        list += "\n    " + parameter.name + ": " + kindText(parameter.kind);
+        if (parameter.defaultValue.index() == 0) continue;
+        std::string const text = defaultText(parameter.defaultValue);
+        signature += '=' + text;
+        list += ", " + text + " by default";
+    }
+    std::string doc = nodeClass.name + '(' + signature + ")\n--\n\n";
+    doc += commentOn(nodeClass.name);
+    doc += nodeClass.isScalar ? "\n\nA scalar field." : "\n\nA vector field.";
+    if (!list.empty()) doc += "\n\nParameters:" + list;
+    return doc;
+}
+
+}  // namespace zel::python

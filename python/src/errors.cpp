@@ -1,0 +1,76 @@
+#include "errors.h"
+
+#include <new>
+#include <stdexcept>
+
+#include "zel_scene/error.h"
+
+namespace zel::python {
+
+namespace {
+
+/// The class `zel.SceneError`, which lives as long as the process.
+PyObject* sceneErrorClass = nullptr;
+
+void setSceneError(SceneError const& error) {
+    py::object const made = py::handle(sceneErrorClass)(error.what());
+    made.attr("path") = error.path();
+    made.attr("line") = error.line();
+    made.attr("column") = error.column();
+    PyErr_SetObject(sceneErrorClass, made.ptr());
+}
+
+}  // namespace
+
+void addErrors(py::module_& module) {
+    if (!sceneErrorClass)
+        sceneErrorClass = PyErr_NewExceptionWithDoc(
+            "zel.SceneError",
+            "A scene that cannot be read or written. `path` is the place in the scene, such as\n"
+            "'/root/a/radius'; `line` and `column` are the place in a text that is not JSON, else "
+            "0.",
+            PyExc_ValueError, nullptr);
+    if (!sceneErrorClass) throw py::error_already_set();
+    module.attr("SceneError") = py::handle(sceneErrorClass);
+    py::register_exception_translator([](std::exception_ptr const exception) {
+        if (exception) setError(exception);
+    });
+}
+
+void setError(std::exception_ptr const& exception) {
+    try {
+        std::rethrow_exception(exception);
+    } catch (py::error_already_set& error) {
+        error.restore();
+    } catch (py::builtin_exception const& error) {
+        error.set_error();
+    } catch (SceneError const& error) {
+        setSceneError(error);
+    } catch (std::bad_alloc const&) {
+        PyErr_NoMemory();
+    } catch (std::logic_error const& error) {
+        PyErr_SetString(PyExc_ValueError, error.what());
+    } catch (std::exception const& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+    } catch (...) {
+        PyErr_SetString(PyExc_RuntimeError, "zel: an exception of an unknown type");
+    }
+}
+
+std::string typeName(py::handle object) {
+    return Py_TYPE(object.ptr())->tp_name;
+}
+
+std::string shown(py::handle object) {
+    constexpr std::size_t kMost = 60;
+    std::string text;
+    try {
+        text = py::repr(object);
+    } catch (py::error_already_set&) {
+        return typeName(object);
+    }
+    if (text.size() > kMost || text.find('\n') != std::string::npos) return typeName(object);
+    return typeName(object) + ' ' + text;
+}
+
+}  // namespace zel::python

@@ -1,0 +1,166 @@
+#include "evaluate.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <optional>
+
+#include "arrays.h"
+#include "errors.h"
+#include "interrupt.h"
+#include "zel/field/evaluate.h"
+
+namespace zel::python {
+
+namespace {
+
+using Orvane::Math::float3;
+using Orvane::Math::float3x3;
+
+static_assert(sizeof(float3) == 3 * sizeof(float) && sizeof(float3x3) == 9 * sizeof(float));
+
+/// Results at positions, of which one may be missing.
+template <class Interface> struct Job {
+    using Value = typename Interface::Value;
+    using Gradient = typename Interface::Gradient;
+
+    Interface const& field;
+    PointView points;
+    Value* values;
+    Gradient* gradients;
+    long long firstIndex;
+
+    /// Evaluates `count` positions from `first` on.
+    void run(std::size_t first, std::size_t count, std::stop_token const& stop = {}) const {
+        auto const at = static_cast<std::ptrdiff_t>(first) * points.stride;
+        PointView const part{points.x + at, points.y + at, points.z + at, points.stride, count};
+        EvaluateOptions options;
+        options.firstIndex = firstIndex + static_cast<long long>(first);
+        options.stop = stop;
+        std::span<Value> const partOfValues(values ? values + first : nullptr, values ? count : 0);
+        if (!gradients) return evaluate(field, part, partOfValues, options);
+        evaluate(field, part, partOfValues, std::span<Gradient>(gradients + first, count), options);
+    }
+};
+
+/// Evaluates all positions without the interpreter's lock. A long evaluation moves to a thread of
+/// its own, so that this one can handle signals. Whether it is long, some parts show, each a few
+/// times as large as the one before it.
+template <class Interface> void evaluateAll(Job<Interface> const& job) {
+    constexpr std::size_t kFirst = 256, kGrowth = 8, kMost = 16384;
+    constexpr std::chrono::duration<double> kLong(0.005);
+    std::size_t const count = job.points.count;
+    if (count <= kFirst) return withoutLock([&] { job.run(0, count); });
+
+    std::size_t done = 0;
+    withoutLock([&] {
+        std::size_t part = kFirst;
+        while (part > 0) {
+            auto const start = std::chrono::steady_clock::now();
+            job.run(done, part);
+            std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - start;
+            done += part;
+            std::size_t const next = std::min(count - done, kGrowth * part);
+            bool const isLong =
+                taken * (static_cast<double>(next) / static_cast<double>(part)) > kLong;
+            part = isLong || next > kMost ? 0 : next;
+        }
+    });
+    if (done == count) return;
+    interruptibly([&](std::stop_token const& stop) { job.run(done, count - done, stop); });
+}
+
+struct Wanted {
+    bool values, gradients;
+};
+
+/// The index of the first position. Throws if an index of `count` positions is no 64-bit number.
+long long toIndex(PyObject* object, std::size_t count) {
+    if (!object) return 0;
+    if (!PyIndex_Check(object))
+        throw py::type_error("index0: wanted an integer, got " + shown(object));
+    auto const number = py::reinterpret_steal<py::object>(PyNumber_Index(object));
+    if (!number) throw py::error_already_set();
+    int overflow = 0;
+    long long const index = PyLong_AsLongLongAndOverflow(number.ptr(), &overflow);
+    if (index == -1 && overflow == 0 && PyErr_Occurred()) throw py::error_already_set();
+    constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<long long>::max());
+    if (overflow != 0 || index < 0 || count > kMost - static_cast<std::size_t>(index))
+        throw py::value_error("index0: wanted 0 or more, and below 2**63 with the number of "
+                              "positions, got " +
+                              shown(object));
+    return index;
+}
+
+Shape withDimensions(Shape shape, std::size_t count) {
+    shape.insert(shape.end(), count, 3);
+    return shape;
+}
+
+template <class Interface>
+py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* index0, Wanted wanted) {
+    constexpr std::size_t kOfValue = std::is_same_v<Interface, VectorField> ? 1 : 0;
+    checkLevels(self);
+    Points points = pointsOf(xyz, "xyz");
+    long long const index = toIndex(index0, points.view.count);
+
+    py::handle outs[2] = {Py_None, Py_None};
+    if (out && out != Py_None) {
+        if (wanted.values && wanted.gradients) {
+            if (!PyTuple_Check(out) || PyTuple_GET_SIZE(out) != 2)
+                throw py::type_error("out: wanted a tuple of two arrays, got " + typeName(out));
+            outs[0] = PyTuple_GET_ITEM(out, 0);
+            outs[1] = PyTuple_GET_ITEM(out, 1);
+        } else {
+            outs[wanted.values ? 0 : 1] = out;
+        }
+    }
+    std::optional<Result> values, gradients;
+    if (wanted.values) values.emplace(outs[0], withDimensions(points.leading, kOfValue), "out");
+    if (wanted.gradients)
+        gradients.emplace(outs[1], withDimensions(points.leading, kOfValue + 1), "out");
+    if (values && gradients && values->mayOverlap(*gradients))
+        throw py::value_error("out: the two arrays overlap");
+    if (out && ((values && values->mayOverlap(points.array)) ||
+                (gradients && gradients->mayOverlap(points.array))))
+        points.copy();
+
+    auto const root = std::get<Quern::Ptr<Interface>>(fieldOf(self).tree);
+    evaluateAll(Job<Interface>{
+        *root, points.view,
+        values ? reinterpret_cast<typename Interface::Value*>(values->data()) : nullptr,
+        gradients ? reinterpret_cast<typename Interface::Gradient*>(gradients->data()) : nullptr,
+        index});
+    if (values && gradients) return py::make_tuple(values->finish(), gradients->finish());
+    return values ? values->finish() : gradients->finish();
+}
+
+PyObject* answer(PyObject* self, PyObject* args, PyObject* keywords, char const* format,
+                 Wanted wanted) {
+    static char const* const names[] = {"xyz", "out", "index0", nullptr};
+    PyObject *xyz = nullptr, *out = nullptr, *index0 = nullptr;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, format, const_cast<char**>(names), &xyz, &out,
+                                     &index0))
+        return nullptr;
+    return guardedObject([&] {
+        return isScalarField(self)
+                   ? results<ScalarField>(self, xyz, out, index0, wanted).release().ptr()
+                   : results<VectorField>(self, xyz, out, index0, wanted).release().ptr();
+    });
+}
+
+}  // namespace
+
+PyObject* callField(PyObject* self, PyObject* args, PyObject* keywords) {
+    return answer(self, args, keywords, "O|OO:field", {true, false});
+}
+
+PyObject* valueAndGrad(PyObject* self, PyObject* args, PyObject* keywords) {
+    return answer(self, args, keywords, "O|OO:value_and_grad", {true, true});
+}
+
+PyObject* gradient(PyObject* self, PyObject* args, PyObject* keywords) {
+    return answer(self, args, keywords, "O|OO:grad", {false, true});
+}
+
+}  // namespace zel::python

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include <exception>
+#include <functional>
+#include <stop_token>
+
+// Work without the global interpreter lock, and how the user interrupts it.
+namespace zel::python {
+
+namespace py = pybind11;
+
+/// Calls `work` without the interpreter's lock, and passes its exception on with the lock. The lock
+/// is not taken by a destructor: an interpreter that shuts down ends the thread there by unwinding
+/// its stack.
+template <class Work> void withoutLock(Work const& work) {
+    std::exception_ptr failure;
+    PyThreadState* const state = PyEval_SaveThread();
+    try {
+        work();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    PyEval_RestoreThread(state);
+    if (failure) std::rethrow_exception(failure);
+}
+
+/// Calls `work` in a thread of its own, while the calling thread handles signals 50 times a second.
+/// If a handler raises, such as that of Ctrl-C, asks `work` to stop, waits for its end, and passes
+/// the handler's exception on; else that of `work`.
+void interruptibly(std::function<void(std::stop_token const&)> const& work);
+
+}  // namespace zel::python

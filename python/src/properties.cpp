@@ -1,0 +1,273 @@
+#include "properties.h"
+
+#include <pybind11/stl.h>
+
+#include <cstring>
+#include <limits>
+#include <type_traits>
+
+#include "arrays.h"
+#include "errors.h"
+#include "values.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry_volume/object.h"
+#include "zel_platform/shape_store/scene_units.h"
+
+namespace zel::python {
+
+namespace {
+
+using Orvane::Math::float3;
+using Orvane::Math::float4;
+
+/// zel.Property: an array with a default value and a target.
+struct PropertyObject {
+    py::array values;
+    py::object defaultValue;
+    std::string target;
+};
+
+template <class T>
+constexpr py::ssize_t kWidth = std::is_same_v<T, float3>   ? 3
+                               : std::is_same_v<T, float4> ? 4
+                                                           : 1;
+template <class T> using ElementOf = std::conditional_t<kWidth<T> == 1, T, float>;
+
+/// A copy of an array whose rows are Ts.
+template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
+    using Element = ElementOf<T>;
+    auto const array =
+        py::array_t<Element, py::array::c_style | py::array::forcecast>::ensure(given);
+    if (!array) throw py::error_already_set();
+    long long const count = array.size() / kWidth<T>;
+    auto made = Quern::makePtr<Quern::Array<T>>(count);
+    if constexpr (std::is_same_v<T, bool>) {
+        auto const* const bytes =
+            static_cast<unsigned char const*>(static_cast<void const*>(array.data()));
+        for (long long i = 0; i < count; ++i) (*made)[i] = bytes[i] != 0;
+    } else if (count > 0) {
+        std::memcpy(static_cast<void*>(made->data()), array.data(),
+                    static_cast<std::size_t>(array.nbytes()));
+    }
+    return made;
+}
+
+template <class T> py::array arrayOf(Quern::Array<T> const& values) {
+    Shape shape{values.size()};
+    if (kWidth < T >> 1) shape.push_back(kWidth<T>);
+    py::array array(py::dtype::of<ElementOf<T>>(), shape);
+    if (values.size() > 0)
+        std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
+    return array;
+}
+
+py::dict dictOf(py::handle given, char const* where) {
+    if (given.is_none()) return {};
+    if (!PyMapping_Check(given.ptr()) || !py::hasattr(given, "items"))
+        throw py::type_error(std::string(where) + ": wanted a dict, got " + shown(given));
+    return py::dict(py::reinterpret_borrow<py::object>(given));
+}
+
+std::string nameOf(py::handle key, char const* where) {
+    if (!PyUnicode_Check(key.ptr()))
+        throw py::type_error(std::string(where) + ": wanted names as keys, got " + shown(key));
+    auto name = key.cast<std::string>();
+    if (name.empty() || name.find('\0') != std::string::npos)
+        throw py::value_error(std::string(where) + ": wanted a name, got " + shown(key));
+    return name;
+}
+
+/// Indices of one dimension, not negative and no greater than `most`.
+py::array indicesOf(py::handle given, std::string const& where, unsigned long long most) {
+    py::array array = numbersOf(given, where);
+    if (array.dtype().kind() == 'f' || array.dtype().kind() == 'b') {
+        if (array.size() > 0)
+            throw py::type_error(where + ": wanted integers, got an array of " + dtypeText(array));
+    }
+    if (array.ndim() != 1)
+        throw py::value_error(where + ": wanted indices of shape (n,), got shape " +
+                              shapeText(array));
+    if (array.size() == 0) return array;
+    py::object const least = array.attr("min")(), greatest = array.attr("max")();
+    if (py::bool_(least < py::int_(0)) || py::bool_(greatest > py::int_(most)))
+        throw py::value_error(where + ": wanted indices from 0 to " + std::to_string(most) +
+                              ", got " + std::string(py::str(least)) + " to " +
+                              std::string(py::str(greatest)));
+    return array;
+}
+
+template <class T> T defaultOf(py::handle given, std::string const& where) {
+    if constexpr (std::is_same_v<T, float3>) {
+        return given.is_none() ? float3{} : toVector(given, where);
+    } else if constexpr (std::is_same_v<T, float4>) {
+        if (given.is_none()) return {0, 0, 0, 1};
+        py::array const q = floatsOf(given, where);
+        if (q.ndim() != 1 || q.size() != 4)
+            throw py::value_error(where + ": wanted a quaternion (x, y, z, w), got " +
+                                  shown(given));
+        auto const copy = copyOf(q);
+        auto const* const c = static_cast<float const*>(copy.data());
+        return {c[0], c[1], c[2], c[3]};
+    } else {
+        if (given.is_none()) return T{};
+        if (!isNumber(given))
+            throw py::type_error(where + ": wanted a number, got " + shown(given));
+        if constexpr (std::is_floating_point_v<T>)
+            return static_cast<T>(given.cast<double>());
+        else if constexpr (std::is_same_v<T, bool>)
+            return PyObject_IsTrue(given.ptr()) == 1;
+        else {
+            try {
+                return given.cast<T>();
+            } catch (py::cast_error const&) {
+                throw py::value_error(where + ": wanted a number of the type of the values, got " +
+                                      shown(given));
+            }
+        }
+    }
+}
+
+}  // namespace
+
+template <class T>
+void Source::set(std::string const& name, std::string const& target, py::array const& array,
+                 py::handle defaultValue) {
+    auto const values = copied<T>(array);
+    T const fallback = defaultOf<T>(defaultValue, "properties['" + name + "'].default");
+    Orvane::Geometry::setGeoProperty(m_object, name, fallback, values, target);
+    Property made{name, target, values, 0.0};
+    if constexpr (kWidth < T >> 1)
+        made.defaultValue = fallback;
+    else if constexpr (std::is_floating_point_v<T>)
+        made.defaultValue = double{fallback};
+    else if constexpr (std::is_unsigned_v<T>)
+        made.defaultValue = static_cast<unsigned long long>(fallback);
+    else
+        made.defaultValue = static_cast<long long>(fallback);
+    m_properties.push_back(std::move(made));
+}
+
+void Source::addProperty(std::string const& name, py::handle given) {
+    std::string const where = "properties['" + name + "']";
+    py::object defaultValue = py::none();
+    std::string target;
+    py::array array;
+    if (py::isinstance<PropertyObject>(given)) {
+        auto const& property = given.cast<PropertyObject const&>();
+        array = property.values;
+        defaultValue = property.defaultValue;
+        target = property.target;
+    } else {
+        array = numbersOf(given, where);
+    }
+    if (array.ndim() == 2 && array.shape(1) == 3)
+        return set<float3>(name, target, array, defaultValue);
+    if (array.ndim() == 2 && array.shape(1) == 4)
+        return set<float4>(name, target, array, defaultValue);
+    if (array.ndim() != 1)
+        throw py::value_error(where + ": wanted shape (n,), (n, 3) or (n, 4), got shape " +
+                              shapeText(array));
+    auto const size = array.itemsize();
+    switch (array.dtype().kind()) {
+    case 'b':
+        return set<bool>(name, target, array, defaultValue);
+    case 'i':
+        return size == 1   ? set<signed char>(name, target, array, defaultValue)
+               : size == 2 ? set<short>(name, target, array, defaultValue)
+               : size == 4 ? set<int>(name, target, array, defaultValue)
+                           : set<long long>(name, target, array, defaultValue);
+    case 'u':
+        return size == 1   ? set<unsigned char>(name, target, array, defaultValue)
+               : size == 2 ? set<unsigned short>(name, target, array, defaultValue)
+               : size == 4 ? set<unsigned int>(name, target, array, defaultValue)
+                           : set<unsigned long long>(name, target, array, defaultValue);
+    default:
+        return size <= 4 ? set<float>(name, target, array, defaultValue)
+                         : set<double>(name, target, array, defaultValue);
+    }
+}
+
+Source::Source(Parts const& parts) {
+    for (auto const& [key, value] : dictOf(parts.properties, "properties"))
+        addProperty(nameOf(key, "properties"), value);
+    for (auto const& [key, value] : dictOf(parts.targets, "targets")) {
+        std::string const name = nameOf(key, "targets");
+        auto const indices = copied<unsigned int>(
+            indicesOf(value, "targets['" + name + "']", std::numeric_limits<unsigned int>::max()));
+        Orvane::Geometry::setRangeGeoPropIndices(m_object, name, indices);
+        m_targets.emplace_back(name, indices);
+    }
+    if (!parts.volume.is_none()) {
+        if (!py::isinstance<Volume>(parts.volume))
+            throw py::type_error("volume: wanted a zel.Volume, got " + shown(parts.volume));
+        m_volume = parts.volume.cast<std::shared_ptr<Volume>>();
+        Orvane::Geometry::setVolume(m_object, m_volume->object());
+    }
+    if (!parts.indices.is_none())
+        m_indices = copied<long long>(
+            indicesOf(parts.indices, "indices",
+                      static_cast<unsigned long long>(std::numeric_limits<long long>::max())));
+    if (!parts.metresPerUnit.is_none()) {
+        m_metresPerUnit = toFloat(parts.metresPerUnit, "metres_per_unit");
+        m_object.setProperty(Vellum::sceneUnitsInMeters, *m_metresPerUnit);
+    }
+}
+
+py::dict Source::state() const {
+    py::dict properties, targets, state;
+    for (Property const& one : m_properties) {
+        py::object const values =
+            std::visit([](auto const& array) -> py::object { return arrayOf(*array); }, one.values);
+        py::object const defaultValue = std::visit(
+            [](auto const& value) -> py::object {
+                using T = std::remove_cvref_t<decltype(value)>;
+                if constexpr (std::is_same_v<T, float3>)
+                    return fromVector(value);
+                else if constexpr (std::is_same_v<T, float4>)
+                    return py::make_tuple(value.x, value.y, value.z, value.w);
+                else
+                    return py::cast(value);
+            },
+            one.defaultValue);
+        properties[py::str(one.name)] = py::make_tuple(values, defaultValue, one.target);
+    }
+    for (auto const& [name, indices] : m_targets) targets[py::str(name)] = arrayOf(*indices);
+    state["properties"] = properties;
+    state["targets"] = targets;
+    state["volume"] = m_volume ? py::cast(m_volume) : py::none();
+    state["indices"] = m_indices ? py::object(arrayOf(*m_indices)) : py::none();
+    state["metres_per_unit"] =
+        m_metresPerUnit ? py::object(py::float_(*m_metresPerUnit)) : py::none();
+    return state;
+}
+
+std::shared_ptr<Source const> Source::fromState(py::dict const& state) {
+    py::dict properties;
+    for (auto const& [name, value] : py::dict(state["properties"])) {
+        py::tuple const parts = py::reinterpret_borrow<py::object>(value);
+        properties[name] = PropertyObject{numbersOf(py::object(parts[0]), "properties"), parts[1],
+                                          parts[2].cast<std::string>()};
+    }
+    return std::make_shared<Source const>(Parts{properties, state["targets"], state["volume"],
+                                                state["indices"], state["metres_per_unit"]});
+}
+
+void addProperty(py::module_& module) {
+    py::class_<PropertyObject>(
+        module, "Property",
+        "An array to bind to, with a default value and a target: see Field.bind(). The default is\n"
+        "the value of an index out of range. The target is the part of the object on whose "
+        "elements\n"
+        "the property is defined; its indices, if bind() gets any, choose the element.")
+        .def(py::init(
+                 [](py::object const& values, py::object const& defaultValue, std::string target) {
+                     return PropertyObject{numbersOf(values, "zel.Property: values"), defaultValue,
+                                           std::move(target)};
+                 }),
+             py::arg("values"), py::arg("default") = py::none(), py::arg("target") = "")
+        .def_readonly("values", &PropertyObject::values)
+        .def_readonly("default", &PropertyObject::defaultValue)
+        .def_readonly("target", &PropertyObject::target);
+}
+
+}  // namespace zel::python

@@ -1,0 +1,130 @@
+#include "tree_methods.h"
+
+#include "callable.h"
+#include "errors.h"
+#include "values.h"
+#include "zel/node/exact_gradients.h"
+#include "zel/node/type_name.h"
+#include "zel_scene/compare.h"
+#include "zel_scene/describe.h"
+#include "zel_scene/json.h"
+
+namespace zel::python {
+
+namespace {
+
+/// Text of C++, in which names need not be UTF-8.
+py::object textOf(std::string const& text) {
+    auto made = py::reinterpret_steal<py::object>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
+    if (!made) throw py::error_already_set();
+    return made;
+}
+
+py::object loads(py::object const& text, std::size_t depth) {
+    std::string given;
+    if (PyBytes_Check(text.ptr()) || PyUnicode_Check(text.ptr()))
+        given = text.cast<std::string>();
+    else
+        throw py::type_error("zel.loads: wanted a str or bytes, got " + shown(text));
+    SceneLimits limits;
+    limits.depth = depth;
+    return wrap(fromJson(given, limits));
+}
+
+}  // namespace
+
+py::object describeField(py::handle self) {
+    std::string text = describe(fieldOf(self).tree);
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return textOf(text);
+}
+
+py::object childrenOf(py::handle self) {
+    FieldObject const& field = fieldOf(self);
+    py::list children;
+    NodeClass const* const nodeClass = findNodeClass(rootOf(field.tree));
+    if (!nodeClass) return py::tuple(children);
+    std::vector<Value> values;
+    nodeClass->read(rootOf(field.tree), values);
+    for (Value const& value : values)
+        if (zel::isField(kindOf(value))) children.append(fromValue(value, field.attached));
+    return py::tuple(children);
+}
+
+py::object className(py::handle self) {
+    NodeClass const* const nodeClass = findNodeClass(rootOf(fieldOf(self).tree));
+    if (nodeClass) return textOf(nodeClass->name);
+    Field const& root = rootOf(fieldOf(self).tree);
+    return textOf(typeNameOf(typeid(root)));
+}
+
+py::object parametersOf(py::handle self) {
+    FieldObject const& field = fieldOf(self);
+    py::dict parameters;
+    NodeClass const* const nodeClass = findNodeClass(rootOf(field.tree));
+    if (!nodeClass) return parameters;
+    std::vector<Value> values;
+    nodeClass->read(rootOf(field.tree), values);
+    for (std::size_t i = 0; i < values.size(); ++i)
+        parameters[py::str(nodeClass->parameters[i].name)] = fromValue(values[i], field.attached);
+    return parameters;
+}
+
+py::object bindReport(py::handle self) {
+    PyObject* const report = fieldOf(self).report;
+    return report ? py::list(py::reinterpret_borrow<py::list>(report)) : py::list();
+}
+
+py::object inexactGradients(py::handle self) {
+    py::list names;
+    for (std::string const& name : hasExactGradients(rootOf(fieldOf(self).tree)).differences)
+        names.append(textOf(name));
+    return names;
+}
+
+py::object levelsOfTree(py::handle self) {
+    return py::int_(levelsOf(fieldOf(self)));
+}
+
+py::object treeHash(py::handle self) {
+    return py::int_(hashOf(fieldOf(self).tree));
+}
+
+py::object dumps(py::handle self) {
+    Tree const& tree = fieldOf(self).tree;
+    if (hasFunction(rootOf(tree)))
+        throw py::value_error("zel: a tree with a field of a Python function cannot be written as "
+                              "JSON; pickle writes it if it can write the function");
+    return textOf(toJson(tree));
+}
+
+py::object toDotText(py::handle self) {
+    return textOf(toDot(fieldOf(self).tree));
+}
+
+py::object exactGradients(py::handle self) {
+    FieldObject const& field = fieldOf(self);
+    Tree const tree =
+        std::visit([](auto const& root) -> Tree { return withExactGradients(root); }, field.tree);
+    return wrap(tree, attachedOfCopy(field, tree), field.levels);
+}
+
+py::object itself(py::handle self) {
+    return py::reinterpret_borrow<py::object>(self);
+}
+
+PyObject* sameTreeAs(PyObject* self, PyObject* other) {
+    return guardedObject([&]() -> PyObject* {
+        return PyBool_FromLong(sameTree(fieldOf(self).tree, fieldOf(other).tree));
+    });
+}
+
+void addLoads(py::module_& module) {
+    module.def(
+        "loads", loads, py::arg("text"), py::kw_only(), py::arg("depth") = SceneLimits().depth,
+        "Reads a field from the JSON of a scene. Raises SceneError. `depth` is the most levels\n"
+        "of a tree; an evaluation takes no more than the default.");
+}
+
+}  // namespace zel::python

@@ -1,0 +1,375 @@
+#include "values.h"
+
+#include <pybind11/numpy.h>
+#include <pybind11/stl.h>
+
+#include <array>
+#include <cmath>
+#include <limits>
+#include <string_view>
+
+#include "arrays.h"
+#include "errors.h"
+#include "zel/field/math.h"
+#include "zel/node/transform.h"
+#include "zel/scalar/arithmetic.h"
+#include "zel/vector/arithmetic.h"
+
+namespace zel::python {
+
+namespace {
+
+using Orvane::Geometry::Query::SamplerType;
+using Orvane::Math::FCurve;
+
+[[noreturn]] void refuse(std::string const& where, char const* wanted, py::handle object) {
+    throw py::type_error(where + ": wanted " + wanted + ", got " + shown(object));
+}
+
+double toDouble(py::handle object, std::string const& where) {
+    if (!isNumber(object)) refuse(where, "a number", object);
+    double const number = PyFloat_AsDouble(object.ptr());
+    if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
+    return number;
+}
+
+template <std::size_t count>
+std::array<float, count> toFloats(py::handle object, std::string const& where) {
+    auto const sequence = py::reinterpret_steal<py::object>(PySequence_Tuple(object.ptr()));
+    if (!sequence) throw py::error_already_set();
+    std::array<float, count> floats{};
+    if (PyTuple_GET_SIZE(sequence.ptr()) != static_cast<Py_ssize_t>(count))
+        throw py::type_error(where + ": the sequence changes its length");
+    for (std::size_t i = 0; i < count; ++i)
+        floats[i] = toFloat(PyTuple_GET_ITEM(sequence.ptr(), static_cast<Py_ssize_t>(i)), where);
+    return floats;
+}
+
+/// The length of an object that is a sequence but no text, else -1.
+Py_ssize_t lengthOf(py::handle object) {
+    if (isField(object) || !PySequence_Check(object.ptr()) || PyUnicode_Check(object.ptr()) ||
+        PyBytes_Check(object.ptr()) || PyDict_Check(object.ptr()))
+        return -1;
+    Py_ssize_t const length = PySequence_Size(object.ptr());
+    if (length < 0) PyErr_Clear();
+    return length;
+}
+
+struct Name {
+    char const* name;
+    int value;
+};
+
+/// The number of a name in a table.
+template <std::size_t count>
+int numberOf(py::handle object, Name const (&names)[count], std::string const& where) {
+    std::string wanted;
+    if (PyUnicode_Check(object.ptr())) {
+        auto const text = object.cast<std::string>();
+        for (Name const& one : names)
+            if (text == one.name) return one.value;
+    }
+    for (Name const& one : names)
+        wanted += (wanted.empty() ? "\"" : ", \"") + std::string(one.name) + '"';
+    std::string const message = where + ": wanted one of " + wanted + ", got " + shown(object);
+    if (PyUnicode_Check(object.ptr())) throw py::value_error(message);
+    throw py::type_error(message);
+}
+template <std::size_t count> char const* nameOf(int value, Name const (&names)[count]) {
+    for (Name const& one : names)
+        if (value == one.value) return one.name;
+    return nullptr;
+}
+
+constexpr Name kSamplers[] = {{"linear", static_cast<int>(SamplerType::kLinear)},
+                              {"cubicC0", static_cast<int>(SamplerType::kCubicC0)},
+                              {"cubicC1", static_cast<int>(SamplerType::kCubicC1)}};
+constexpr Name kSegments[] = {{"constant", static_cast<int>(FCurve::Segment::kConstant)},
+                              {"linear", static_cast<int>(FCurve::Segment::kLinear)},
+                              {"cubic", static_cast<int>(FCurve::Segment::kCubic)}};
+constexpr Name kEnds[] = {
+    {"constant", static_cast<int>(FCurve::Extrapolation::kConstant)},
+    {"linear", static_cast<int>(FCurve::Extrapolation::kLinear)},
+    {"cycle", static_cast<int>(FCurve::Extrapolation::kCycle)},
+    {"cycleWithOffset", static_cast<int>(FCurve::Extrapolation::kCycleWithOffset)}};
+
+/// (x, value), (x, value, slope) or (x, value, inSlope, outSlope), each with the name of the
+/// segment at its end, or without.
+FCurve::Key toKey(py::handle object, std::string const& where) {
+    Py_ssize_t const length = lengthOf(object);
+    auto const items =
+        length < 0 ? py::tuple() : py::reinterpret_steal<py::tuple>(PySequence_Tuple(object.ptr()));
+    std::size_t numbers = items.size();
+    FCurve::Key key;
+    if (numbers > 0 && PyUnicode_Check(py::object(items[numbers - 1]).ptr())) {
+        key.segment = static_cast<FCurve::Segment>(
+            numberOf(py::object(items[numbers - 1]), kSegments, where));
+        --numbers;
+    }
+    if (numbers < 2 || numbers > 4)
+        refuse(where, "(x, value), (x, value, slope) or (x, value, in_slope, out_slope)", object);
+    double values[4]{};
+    for (std::size_t i = 0; i < numbers; ++i) values[i] = toDouble(py::object(items[i]), where);
+    key.x = values[0];
+    key.value = values[1];
+    if (numbers > 2) key.inSlope = values[2];
+    if (numbers > 2) key.outSlope = values[numbers - 1];
+    return key;
+}
+
+Quern::Ptr<FCurve> makeCurve(py::handle keys, py::handle before, py::handle after) {
+    if (lengthOf(keys) < 0) refuse("zel.curve: keys", "a sequence of keys", keys);
+    std::vector<FCurve::Key> all;
+    for (py::handle const key : keys)
+        all.push_back(toKey(key, "zel.curve: keys[" + std::to_string(all.size()) + ']'));
+    auto const endOf = [](py::handle end, char const* where) {
+        return static_cast<FCurve::Extrapolation>(numberOf(end, kEnds, where));
+    };
+    return Quern::makePtr<FCurve>(std::move(all), endOf(before, "zel.curve: before"),
+                                  endOf(after, "zel.curve: after"));
+}
+
+py::list keysOf(Curve const& self) {
+    py::list keys;
+    for (FCurve::Key const& key : self.curve->keys())
+        keys.append(py::make_tuple(key.x, key.value, key.inSlope, key.outSlope,
+                                   nameOf(static_cast<int>(key.segment), kSegments)));
+    return keys;
+}
+
+Value toQuaternion(py::handle object, std::string const& where) {
+    Py_ssize_t const length = lengthOf(object);
+    if (length == 3) return Orvane::Math::float4(detail::rotationOf(toVector(object, where)));
+    if (length != 4)
+        refuse(where, "a rotation vector (x, y, z) or a quaternion (x, y, z, w)", object);
+    auto const q = toFloats<4>(object, where);
+    return float4{q[0], q[1], q[2], q[3]};
+}
+
+Value toDirection(py::handle object, std::string const& where) {
+    float3 const vector = toVector(object, where);
+    float const length = Orvane::Math::length(vector);
+    if (length == 0) throw py::value_error(where + ": wanted a direction that is not zero");
+    // A vector of length 1 comes back from a field as it is, and stays so.
+    return UnitVector(length == 1 ? vector : vector / length);
+}
+
+Value toInteger(py::handle object, ParameterInfo const& parameter, std::string const& where) {
+    if (!PyIndex_Check(object.ptr())) refuse(where, "an integer", object);
+    auto const index = py::reinterpret_steal<py::object>(PyNumber_Index(object.ptr()));
+    if (!index) throw py::error_already_set();
+    int overflow = 0;
+    long long const number = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
+    if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
+    if (overflow != 0 || number < parameter.least || number > parameter.most)
+        throw py::value_error(where + ": wanted an integer from " +
+                              std::to_string(parameter.least) + " to " +
+                              std::to_string(parameter.most) + ", got " + shown(object));
+    return std::int64_t{number};
+}
+
+}  // namespace
+
+bool isNumber(py::handle object) {
+    PyObject* const o = object.ptr();
+    if (PyFloat_Check(o) || PyLong_Check(o)) return true;
+    if (isField(object) || PyComplex_Check(o)) return false;
+    if (isArray(object)) return py::reinterpret_borrow<py::array>(object).ndim() == 0;
+    PyNumberMethods const* const methods = Py_TYPE(o)->tp_as_number;
+    if (!methods || !(methods->nb_float || methods->nb_index)) return false;
+    return lengthOf(object) < 0;
+}
+
+bool isTriple(py::handle object) {
+    return lengthOf(object) == 3;
+}
+
+bool fits(py::handle object, ParameterInfo const& parameter) {
+    switch (parameter.kind) {
+    case ValueKind::kScalarField:
+        return isScalarField(object) || isNumber(object);
+    case ValueKind::kVectorField:
+        return isVectorField(object) || isTriple(object);
+    case ValueKind::kInteger:
+    case ValueKind::kFloat:
+    case ValueKind::kDouble:
+        return isNumber(object);
+    case ValueKind::kVector:
+    case ValueKind::kUnitVector:
+        return isTriple(object);
+    default:
+        return !isField(object);
+    }
+}
+
+float toFloat(py::handle object, std::string const& where) {
+    double const number = toDouble(object, where);
+    auto const rounded = static_cast<float>(number);
+    if (std::isinf(rounded) && !std::isinf(number))
+        throw py::value_error(where + ": wanted a number in the range of float32, got " +
+                              shown(object));
+    return rounded;
+}
+
+float3 toVector(py::handle object, std::string const& where) {
+    if (lengthOf(object) != 3) refuse(where, "a vector (x, y, z)", object);
+    auto const v = toFloats<3>(object, where);
+    return {v[0], v[1], v[2]};
+}
+
+Value toValue(py::handle object, ParameterInfo const& parameter, std::string const& where,
+              Parts& parts) {
+    switch (parameter.kind) {
+    case ValueKind::kBool: {
+        // Also the bool of NumPy.
+        bool const isBool =
+            PyBool_Check(object.ptr()) ||
+            std::string_view(Py_TYPE(object.ptr())->tp_name).starts_with("numpy.bool");
+        if (!isBool) refuse(where, "True or False", object);
+        return PyObject_IsTrue(object.ptr()) == 1;
+    }
+    case ValueKind::kInteger:
+        return toInteger(object, parameter, where);
+    case ValueKind::kFloat:
+        return toFloat(object, where);
+    case ValueKind::kDouble:
+        return toDouble(object, where);
+    case ValueKind::kVector:
+        return toVector(object, where);
+    case ValueKind::kQuaternion:
+        return toQuaternion(object, where);
+    case ValueKind::kUnitVector:
+        return toDirection(object, where);
+    case ValueKind::kString:
+        if (!PyUnicode_Check(object.ptr())) refuse(where, "a str", object);
+        return Quern::String(object.cast<std::string>());
+    case ValueKind::kSampler:
+        if (PyLong_Check(object.ptr())) {
+            ParameterInfo number;
+            number.least = std::numeric_limits<std::int32_t>::min();
+            number.most = std::numeric_limits<std::int32_t>::max();
+            return static_cast<SamplerType>(
+                std::get<std::int64_t>(toInteger(object, number, where)));
+        }
+        return static_cast<SamplerType>(numberOf(object, kSamplers, where));
+    case ValueKind::kCurve:
+        if (py::isinstance<Curve>(object)) return object.cast<Curve const&>().curve;
+        if (lengthOf(object) >= 0)
+            return makeCurve(object, py::str("constant"), py::str("constant"));
+        refuse(where, "a zel.Curve or a sequence of keys", object);
+    case ValueKind::kVectors:
+        return toVectors(object, where);
+    case ValueKind::kScalarField:
+        if (isScalarField(object)) {
+            parts.add(fieldOf(object));
+            return std::get<ScalarPtr>(fieldOf(object).tree);
+        }
+        if (!isNumber(object)) refuse(where, "a scalar field or a number", object);
+        return ScalarPtr(Quern::makePtr<ScalarFieldConstant>(toFloat(object, where)));
+    case ValueKind::kVectorField:
+        if (isVectorField(object)) {
+            parts.add(fieldOf(object));
+            return std::get<VectorPtr>(fieldOf(object).tree);
+        }
+        if (!isTriple(object)) refuse(where, "a vector field or a vector (x, y, z)", object);
+        return VectorPtr(Quern::makePtr<VectorFieldConstant>(toVector(object, where)));
+    case ValueKind::kNone:
+        break;
+    }
+    refuse(where, "nothing", object);
+}
+
+Value defaultValue(ParameterInfo const& parameter) {
+    Value const& value = parameter.defaultValue;
+    if (parameter.kind == ValueKind::kScalarField)
+        return ScalarPtr(Quern::makePtr<ScalarFieldConstant>(std::get<float>(value)));
+    if (parameter.kind == ValueKind::kVectorField)
+        return VectorPtr(Quern::makePtr<VectorFieldConstant>(std::get<float3>(value)));
+    return value;
+}
+
+py::tuple fromVector(float3 const& vector) {
+    return py::make_tuple(vector.x, vector.y, vector.z);
+}
+
+py::object fromValue(Value const& value, py::handle attached) {
+    struct Converter {
+        py::handle attached;
+
+        py::object operator()(std::monostate /*none*/) const { return py::none(); }
+        py::object operator()(bool v) const { return py::bool_(v); }
+        py::object operator()(std::int64_t v) const { return py::int_(v); }
+        py::object operator()(float v) const { return py::float_(v); }
+        py::object operator()(double v) const { return py::float_(v); }
+        py::object operator()(float3 const& v) const { return fromVector(v); }
+        py::object operator()(float4 const& v) const { return py::make_tuple(v.x, v.y, v.z, v.w); }
+        py::object operator()(UnitVector const& v) const { return fromVector(v.value); }
+        py::object operator()(Quern::String const& v) const {
+            // A name from C++ need not be UTF-8.
+            auto text = py::reinterpret_steal<py::object>(
+                PyUnicode_DecodeUTF8(v.c_str(), v.size(), "replace"));
+            if (!text) throw py::error_already_set();
+            return text;
+        }
+        py::object operator()(SamplerType v) const {
+            char const* const name = nameOf(static_cast<int>(v), kSamplers);
+            if (name) return py::str(name);
+            return py::int_(static_cast<int>(v));
+        }
+        py::object operator()(Quern::Ptr<FCurve> const& v) const {
+            return v ? py::cast(Curve{v}) : py::none();
+        }
+        py::object operator()(Quern::Ptr<Quern::Array<float3>> const& v) const {
+            return arrayOf(*v);
+        }
+        py::object operator()(ScalarPtr const& v) const {
+            return v ? wrap(v, attached) : py::none();
+        }
+        py::object operator()(VectorPtr const& v) const {
+            return v ? wrap(v, attached) : py::none();
+        }
+    };
+    return std::visit(Converter{attached}, value);
+}
+
+void addCurve(py::module_& module) {
+    py::class_<Curve>(module, "Curve", "A piecewise function of one number, made by zel.curve().")
+        .def(
+            "__call__", [](Curve const& self, double x) { return self.curve->evalFCurve(x); },
+            py::arg("x"), "The value at a number.")
+        .def(
+            "slope", [](Curve const& self, double x) { return self.curve->slope(x); }, py::arg("x"),
+            "The derivative at a number.")
+        .def_property_readonly("keys", keysOf,
+                               "The keys, as (x, value, in_slope, out_slope, segment).")
+        .def_property_readonly(
+            "before",
+            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); })
+        .def_property_readonly(
+            "after",
+            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); })
+        .def("__repr__",
+             [](Curve const& self) {
+                 return "zel.curve(" + std::string(py::repr(keysOf(self))) + ", before='" +
+                        nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
+                        nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
+             })
+        .def("__reduce__", [](py::object const& self) {
+            return py::make_tuple(
+                py::module_::import("zel").attr("_curve"),
+                py::make_tuple(self.attr("keys"), self.attr("before"), self.attr("after")));
+        });
+    module.def(
+        "curve",
+        [](py::object const& keys, py::object const& before, py::object const& after) {
+            return Curve{makeCurve(keys, before, after)};
+        },
+        py::arg("keys"), py::arg("before") = "constant", py::arg("after") = "constant",
+        "A curve through keys (x, value), (x, value, slope) or (x, value, in_slope, out_slope) in\n"
+        "ascending order of x. After its numbers a key may have the name of the segment that "
+        "begins\n"
+        "there: 'constant', 'linear', the default, or 'cubic'. The ends are 'constant', 'linear',\n"
+        "'cycle' or 'cycleWithOffset'.");
+}
+
+}  // namespace zel::python

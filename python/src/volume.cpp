@@ -1,0 +1,506 @@
+#include "volume.h"
+
+#include <pybind11/stl.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "arrays.h"
+#include "errors.h"
+#include "field.h"
+#include "interrupt.h"
+#include "values.h"
+
+namespace zel::python {
+
+namespace {
+
+using ORV::TileTree3D::int3;
+using ORV::TileTree3D::TreeIndex;
+using Traits = BinaryTraits;
+
+constexpr int kDeepest = Traits::kMaxDepth;
+constexpr int kWidth = Traits::kSamples;
+
+template <class T> constexpr py::ssize_t kComponents = sizeof(T) / sizeof(float);
+
+std::int64_t floorDivide(std::int64_t a, std::int64_t b) {
+    return a / b - (a % b < 0 ? 1 : 0);
+}
+
+template <class T>
+Volume::Samples<T> makeSamples(std::string const& name, T const& outside,
+                               Volume::Topology const& topology) {
+    auto samples = Quern::makePtr<ORV::TileTree3D::DataChannel<Traits, T>>(name, &outside, 0, false,
+                                                                           true, 0, kDeepest);
+    samples->update(topology);
+    return samples;
+}
+
+/// Calls `use(tile, samples)` for the tiles of a depth.
+template <class T, class Use>
+void forTiles(Volume::Tree const& tree, Volume::Samples<T> const& samples, int depth,
+              Use const& use) {
+    for (long long i = 0; i < tree.tileCount(depth); ++i)
+        use(tree.tile(i, depth), samples->samples(TreeIndex{i, depth}));
+}
+
+// Dense arrays.
+
+/// The voxels of a depth that cover an extent.
+Volume::Extent atDepth(Volume::Extent const& extent, int depth) {
+    std::int64_t const width = Traits::voxelWidth(depth);
+    Volume::Extent found;
+    for (int axis = 0; axis < 3; ++axis) {
+        std::int64_t const low = floorDivide(extent.low[axis], width);
+        std::int64_t const high =
+            -floorDivide(-(std::int64_t{extent.low[axis]} + extent.size[axis]), width);
+        found.low[axis] = static_cast<std::int32_t>(low);
+        found.size[axis] = static_cast<std::int32_t>(high - low);
+    }
+    return found;
+}
+
+/// Calls `use(sample, place)` for the samples of a tile that lie in an extent of voxels of the
+/// tile's depth. `place` is the number of the voxel in an array of the extent, in the order of C.
+template <class Tile, class T, class Use>
+void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Use const& use) {
+    std::array<std::int64_t, 3> first{};
+    std::array<int, 3> low{}, high{};
+    for (int axis = 0; axis < 3; ++axis) {
+        auto const a = static_cast<std::size_t>(axis);
+        first[a] = floorDivide(tile.tijk()[axis], tile.voxelDataWidth()) - extent.low[axis];
+        low[a] = static_cast<int>(std::clamp<std::int64_t>(-first[a], 0, kWidth));
+        high[a] =
+            static_cast<int>(std::clamp<std::int64_t>(extent.size[axis] - first[a], 0, kWidth));
+    }
+    for (int i = low[0]; i < high[0]; ++i)
+        for (int j = low[1]; j < high[1]; ++j)
+            for (int k = low[2]; k < high[2]; ++k) {
+                std::int64_t const place =
+                    ((first[0] + i) * extent.size.y + first[1] + j) * extent.size.z + first[2] + k;
+                use(samples[i + kWidth * (j + kWidth * k)], place);
+            }
+}
+
+template <class T>
+void fillFrom(Volume& volume, std::string const& name, T const& outside, py::array const& array) {
+    auto const* const values = static_cast<T const*>(array.data());
+    withoutLock([&] {
+        auto const& [low, size] = volume.extent;
+        std::array<std::int32_t, 3> first{}, last{};
+        // One voxel more on each side, so that the values around the array are `outside`.
+        for (int axis = 0; axis < 3; ++axis) {
+            auto const a = static_cast<std::size_t>(axis);
+            first[a] = static_cast<std::int32_t>(floorDivide(std::int64_t{low[axis]} - 1, kWidth));
+            last[a] = static_cast<std::int32_t>(
+                floorDivide(std::int64_t{low[axis]} + size[axis], kWidth));
+        }
+        for (std::int32_t i = first[0]; i <= last[0]; ++i)
+            for (std::int32_t j = first[1]; j <= last[1]; ++j)
+                for (std::int32_t k = first[2]; k <= last[2]; ++k)
+                    volume.tree->addTile(i * kWidth, j * kWidth, k * kWidth, kDeepest);
+        auto const samples = makeSamples(name, outside, *volume.topology);
+        forTiles<T>(*volume.tree, samples, kDeepest, [&](auto const& tile, T* data) {
+            forSamplesIn(tile, data, volume.extent,
+                         [&](T& sample, std::int64_t place) { sample = values[place]; });
+        });
+        ORV::TileTree3D::restrictChannel(*samples, *volume.topology);
+        volume.channels.push_back({name, samples});
+    });
+}
+
+float toVoxelSize(py::handle object, char const* where) {
+    float const size = toFloat(object, std::string(where) + ": voxel_size");
+    if (!(size > 0) || std::isinf(size))
+        throw py::value_error(std::string(where) + ": wanted a voxel_size above 0, got " +
+                              shown(object));
+    return size;
+}
+
+void checkName(std::string const& name, char const* where) {
+    if (name.empty() || name.find('\0') != std::string::npos)
+        throw py::value_error(std::string(where) + ": wanted a name of the channel, got " +
+                              std::string(py::repr(py::str(name))));
+}
+
+std::shared_ptr<Volume> makeVolume(float voxelSize, int offsetType) {
+    auto made = std::make_shared<Volume>();
+    made->tree = Quern::makePtr<Volume::Tree>(voxelSize);
+    made->topology = Quern::makePtr<Volume::Topology>(made->tree, offsetType);
+    return made;
+}
+
+std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& voxelSize,
+                                  py::object const& origin, std::string const& name,
+                                  py::object const& outside) {
+    constexpr char const* kWhere = "zel.Volume.from_numpy";
+    checkName(name, kWhere);
+    py::array array = floatsOf(given, std::string(kWhere) + ": array");
+    bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
+    if (!isVector && array.ndim() != 3)
+        throw py::value_error(std::string(kWhere) +
+                              ": wanted an array of shape (nx, ny, nz) or (nx, ny, nz, 3), got " +
+                              shapeText(array));
+    if (array.size() == 0)
+        throw py::value_error(std::string(kWhere) + ": the array is empty: its shape is " +
+                              shapeText(array));
+    array = copyOf(array);
+    float const size = toVoxelSize(voxelSize, kWhere);
+    float3 const at = toVector(origin, std::string(kWhere) + ": origin");
+
+    Volume::Extent extent;
+    int offsetType = 0;
+    for (int axis = 0; axis < 3; ++axis) {
+        double const voxels = double{at[axis]} / double{size};
+        double const rounded = std::round(2 * voxels) / 2;
+        constexpr double kMost = Traits::kRootWidth / 2 - 8;
+        if (!(std::abs(voxels) < kMost) ||
+            !(rounded + static_cast<double>(array.shape(axis)) < kMost))
+            throw py::value_error(std::string(kWhere) +
+                                  ": the array reaches beyond the volume, which is 2**30 voxels "
+                                  "wide around the origin");
+        if (std::abs(voxels - rounded) > 1e-3)
+            throw py::value_error(std::string(kWhere) +
+                                  ": wanted an origin at multiples of half the voxel_size, got " +
+                                  shown(origin) +
+                                  "; zel.translate moves a field of the volume by any distance");
+        extent.low[axis] = static_cast<std::int32_t>(std::floor(rounded));
+        extent.size[axis] = static_cast<std::int32_t>(array.shape(axis));
+        if (rounded == std::floor(rounded)) offsetType |= 1 << axis;
+    }
+    auto made = makeVolume(size, offsetType);
+    made->extent = extent;
+    if (isVector)
+        fillFrom<float3>(*made, name,
+                         outside.is_none() ? float3{}
+                                           : toVector(outside, std::string(kWhere) + ": outside"),
+                         array);
+    else
+        fillFrom<float>(
+            *made, name,
+            outside.is_none() ? 0.0F : toFloat(outside, std::string(kWhere) + ": outside"), array);
+    return made;
+}
+
+/// The finest voxels that the tiles of the deepest depth cover.
+Volume::Extent extentOf(Volume::Tree const& tree) {
+    int const depth = tree.depth();
+    int3 low{std::numeric_limits<std::int32_t>::max(), std::numeric_limits<std::int32_t>::max(),
+             std::numeric_limits<std::int32_t>::max()};
+    int3 high{std::numeric_limits<std::int32_t>::min(), std::numeric_limits<std::int32_t>::min(),
+              std::numeric_limits<std::int32_t>::min()};
+    for (long long i = 0; i < tree.tileCount(depth); ++i) {
+        auto const& tile = tree.tile(i, depth);
+        for (int axis = 0; axis < 3; ++axis) {
+            low[axis] = std::min(low[axis], tile.tijk()[axis]);
+            high[axis] = std::max(high[axis], tile.tijk()[axis] + tile.tileVoxelWidth());
+        }
+    }
+    return {low, high + -low};
+}
+
+std::shared_ptr<Volume> fromField(py::object const& field, py::object const& box,
+                                  py::object const& voxelSize, py::object const& band,
+                                  std::string const& name, py::object const& outside,
+                                  std::optional<int> minDepth, std::optional<int> maxDepth) {
+    constexpr char const* kWhere = "zel.Volume.from_field";
+    checkName(name, kWhere);
+    if (!isScalarField(field))
+        throw py::type_error(std::string(kWhere) + ": wanted a scalar field, got " + shown(field) +
+                             "; with_field() adds channels of vectors to a volume");
+    checkLevels(field);
+    auto const corners = py::reinterpret_steal<py::object>(PySequence_Tuple(box.ptr()));
+    if (!corners) {
+        PyErr_Clear();
+        throw py::type_error(std::string(kWhere) + ": box: wanted (low, high), got " + shown(box));
+    }
+    auto const both = py::reinterpret_borrow<py::tuple>(corners);
+    if (both.size() != 2)
+        throw py::type_error(std::string(kWhere) + ": box: wanted (low, high), got " + shown(box));
+    Box const region{toVector(both[0], std::string(kWhere) + ": box[0]"),
+                     toVector(both[1], std::string(kWhere) + ": box[1]")};
+    float const size = toVoxelSize(voxelSize, kWhere);
+    float const width = toFloat(band, std::string(kWhere) + ": band");
+    BuildOptions options;
+    options.minDepth = minDepth;
+    options.maxDepth = maxDepth;
+    options.outside = toFloat(outside, std::string(kWhere) + ": outside");
+    auto const root = std::get<ScalarPtr>(fieldOf(field).tree);
+    auto made = std::make_shared<Volume>();
+    interruptibly([&](std::stop_token const& stop) {
+        options.stop = stop;
+        auto const built = buildVolume<Traits>(*root, region, size, width, options);
+        made->tree = built.container;
+        made->topology = built.topology;
+        made->channels.push_back({name, built.channel});
+        made->extent = extentOf(*made->tree);
+    });
+    return made;
+}
+
+template <class T>
+ORV::TileTree3D::Volume<Traits, T> partOf(Volume const& volume, Volume::Samples<T> const& samples) {
+    return {volume.tree, volume.topology, samples};
+}
+
+std::shared_ptr<Volume> withField(Volume const& self, std::string const& name,
+                                  py::object const& field, py::object const& outside) {
+    constexpr char const* kWhere = "zel.Volume.with_field";
+    checkName(name, kWhere);
+    Tree const tree = fieldOf(field).tree;
+    checkLevels(field);
+    for (Volume::Channel const& one : self.channels)
+        if (one.name == name)
+            throw py::value_error(std::string(kWhere) + ": there is a channel '" + name + "'");
+    auto made = std::make_shared<Volume>(self);
+    auto const build = [&](auto const& root, auto const& around) {
+        interruptibly([&](std::stop_token const& stop) {
+            FillOptions options;
+            options.stop = stop;
+            std::visit(
+                [&](auto const& samples) {
+                    made->channels.push_back(
+                        {name, buildVolume(partOf(self, samples), *root, around, options).channel});
+                },
+                self.channels.front().samples);
+        });
+    };
+    std::string const where = std::string(kWhere) + ": outside";
+    if (auto const* const scalar = std::get_if<ScalarPtr>(&tree))
+        build(*scalar, outside.is_none() ? 0.0F : toFloat(outside, where));
+    else
+        build(std::get<VectorPtr>(tree), outside.is_none() ? float3{} : toVector(outside, where));
+    return made;
+}
+
+int toDepth(Volume const& self, py::handle depth) {
+    int const deepest = self.tree->depth();
+    if (depth.is_none()) return deepest;
+    ParameterInfo range;
+    range.kind = ValueKind::kInteger;
+    range.least = 0;
+    range.most = deepest;
+    Parts none;
+    return static_cast<int>(
+        std::get<std::int64_t>(toValue(depth, range, "zel.Volume: depth", none)));
+}
+
+py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object const& name) {
+    int const depth = toDepth(self, depthOrNone);
+    Volume::Channel const& channel = self.channel(name);
+    Volume::Extent const extent = atDepth(self.extent, depth);
+    return std::visit(
+        [&]<class T>(Quern::Ptr<ORV::TileTree3D::DataChannel<Traits, T>> const& samples) {
+            Shape shape{extent.size.x, extent.size.y, extent.size.z};
+            double bytes = sizeof(T);
+            for (py::ssize_t const length : shape) bytes *= static_cast<double>(length);
+            if (bytes > 9e18) throw std::bad_alloc();
+            if (kComponents < T >> 1) shape.push_back(kComponents<T>);
+            py::array array(py::dtype::of<float>(), shape);
+            auto* const values = static_cast<T*>(array.mutable_data());
+            withoutLock([&] {
+                std::fill_n(values, array.size() / kComponents<T>, samples->defaultValue());
+                forTiles<T>(*self.tree, samples, depth, [&](auto const& tile, T* data) {
+                    forSamplesIn(tile, data, extent, [&](T const& sample, std::int64_t place) {
+                        values[place] = sample;
+                    });
+                });
+            });
+            return array;
+        },
+        channel.samples);
+}
+
+/// The place of the first voxel's sample in to_numpy() of a depth.
+py::tuple originOf(Volume const& self, py::object const& depthOrNone) {
+    int const depth = toDepth(self, depthOrNone);
+    Volume::Extent const extent = atDepth(self.extent, depth);
+    double const width = double{self.tree->voxelSize()} * Traits::voxelWidth(depth);
+    auto const place = [&](int axis) {
+        return (extent.low[axis] + double{self.topology->offset()[axis]}) * width;
+    };
+    return py::make_tuple(place(0), place(1), place(2));
+}
+
+// Pickling: the low corners of the tiles, and the samples, depth by depth.
+
+py::tuple stateOf(Volume const& self) {
+    py::list corners, channels;
+    for (int depth = 0; depth <= self.tree->depth(); ++depth) {
+        long long const count = self.tree->tileCount(depth);
+        py::array_t<std::int32_t> array(Shape{count, 3});
+        for (long long i = 0; i < count; ++i)
+            for (int axis = 0; axis < 3; ++axis)
+                array.mutable_at(i, axis) = self.tree->tile(i, depth).tijk()[axis];
+        corners.append(array);
+    }
+    for (Volume::Channel const& channel : self.channels)
+        std::visit(
+            [&]<class T>(Quern::Ptr<ORV::TileTree3D::DataChannel<Traits, T>> const& samples) {
+                py::list depths;
+                for (int depth = 0; depth <= self.tree->depth(); ++depth) {
+                    Shape shape{self.tree->tileCount(depth), Traits::kSampleCount};
+                    if (kComponents < T >> 1) shape.push_back(kComponents<T>);
+                    py::array array(py::dtype::of<float>(), shape);
+                    if (array.size() > 0)
+                        std::memcpy(array.mutable_data(), samples->samples(TreeIndex{0, depth}),
+                                    static_cast<std::size_t>(array.nbytes()));
+                    depths.append(array);
+                }
+                py::object outside;
+                if constexpr (kComponents < T >> 1)
+                    outside = fromVector(samples->defaultValue());
+                else
+                    outside = py::float_(samples->defaultValue());
+                channels.append(py::make_tuple(channel.name, outside, depths));
+            },
+            channel.samples);
+    auto const& [low, size] = self.extent;
+    return py::make_tuple(self.tree->voxelSize(), self.topology->offsetType(),
+                          py::make_tuple(low.x, low.y, low.z),
+                          py::make_tuple(size.x, size.y, size.z), corners, channels);
+}
+
+template <class T>
+void restore(Volume& volume, std::string const& name, T const& outside,
+             py::sequence const& depths) {
+    auto const samples = makeSamples(name, outside, *volume.topology);
+    for (int depth = 0; depth <= volume.tree->depth(); ++depth) {
+        py::array const array =
+            copyOf(floatsOf(py::object(depths[static_cast<std::size_t>(depth)]), "zel.Volume"));
+        long long const count = volume.tree->tileCount(depth) * Traits::kSampleCount;
+        if (array.size() != count * kComponents<T>)
+            throw py::value_error("zel.Volume: the state has samples for other tiles");
+        if (count > 0)
+            std::memcpy(static_cast<void*>(samples->samples(TreeIndex{0, depth})), array.data(),
+                        static_cast<std::size_t>(array.nbytes()));
+    }
+    volume.channels.push_back({name, samples});
+}
+
+int3 toInts(py::handle object) {
+    auto const v = object.cast<std::array<std::int32_t, 3>>();
+    return {v[0], v[1], v[2]};
+}
+
+std::shared_ptr<Volume> fromState(py::tuple const& state) {
+    if (state.size() != 6) throw py::value_error("zel.Volume: the state has no 6 parts");
+    auto made = makeVolume(state[0].cast<float>(), state[1].cast<int>());
+    made->extent = {toInts(state[2]), toInts(state[3])};
+    int depth = 0;
+    for (py::handle const corners : state[4]) {
+        auto const array = corners.cast<py::array_t<std::int32_t, py::array::forcecast>>();
+        if (array.ndim() != 2 || array.shape(1) != 3)
+            throw py::value_error("zel.Volume: the state has no corners");
+        auto const corner = array.unchecked<2>();
+        for (py::ssize_t i = 0; i < array.shape(0); ++i)
+            if (made->tree->addTile(corner(i, 0), corner(i, 1), corner(i, 2), depth).tile != i)
+                throw py::value_error("zel.Volume: the state has tiles in another order");
+        ++depth;
+    }
+    for (py::handle const one : state[5]) {
+        auto const channel = one.cast<py::tuple>();
+        auto const name = channel[0].cast<std::string>();
+        py::sequence const depths = channel[2];
+        if (static_cast<int>(depths.size()) != made->tree->depth() + 1)
+            throw py::value_error("zel.Volume: the state has samples for other depths");
+        if (isTriple(py::object(channel[1])))
+            restore<float3>(*made, name, toVector(py::object(channel[1]), name), depths);
+        else
+            restore<float>(*made, name, channel[1].cast<float>(), depths);
+    }
+    made->object();  // throws if the parts do not fit
+    return made;
+}
+
+std::string represent(Volume const& self) {
+    std::string names;
+    for (Volume::Channel const& one : self.channels)
+        names += (names.empty() ? "'" : ", '") + one.name + '\'';
+    auto const& size = self.extent.size;
+    return "<zel.Volume " + names + ", " + std::to_string(self.tree->tileCount(-1)) +
+           " tiles, finest voxels " + std::to_string(size.x) + " x " + std::to_string(size.y) +
+           " x " + std::to_string(size.z) + " of " +
+           std::string(py::str(py::float_(self.tree->voxelSize()))) + '>';
+}
+
+}  // namespace
+
+Quern::Ptr<ORV::Object> Volume::object() const {
+    std::vector<NamedVolume> all;
+    for (Channel const& one : channels)
+        std::visit([&](auto const& samples) { all.emplace_back(one.name, partOf(*this, samples)); },
+                   one.samples);
+    return toVolumeObject(all);
+}
+
+Volume::Channel const& Volume::channel(py::handle name) const {
+    if (name.is_none() && channels.size() == 1) return channels.front();
+    std::string names;
+    for (Channel const& one : channels) {
+        if (py::str(one.name).equal(name)) return one;
+        names += (names.empty() ? "" : ", ") + one.name;
+    }
+    throw py::key_error("zel.Volume: no channel " + shown(name) + "; there are " + names);
+}
+
+void addVolume(py::module_& module) {
+    using namespace py::literals;
+    py::class_<Volume, std::shared_ptr<Volume>>(
+        module, "Volume",
+        "Samples in voxels, in a tree of tiles that is fine where it has to be. A volume never\n"
+        "changes, and is shared by the fields that are bound to it.")
+        .def_static(
+            "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
+            "outside"_a = py::none(),
+            "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
+            "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
+            "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
+            "find it. Around the array the value is `outside`, 0 by default.")
+        .def_static(
+            "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
+            "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(),
+            "max_depth"_a = py::none(),
+            "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
+            "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
+            "min_depth all tiles are made that meet the box; none is deeper than max_depth.")
+        .def("with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
+             "A volume with one more channel, of the values of a field at the samples of this one.")
+        .def("to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
+             "The samples of all tiles of a depth, the deepest by default, as a dense array over "
+             "the\n"
+             "voxels of the volume; where there is no tile of the depth, the value outside.")
+        .def("origin", originOf, "depth"_a = py::none(),
+             "The place of the sample [0, 0, 0] of to_numpy(depth).")
+        .def(
+            "tile_count",
+            [](Volume const& self, py::object const& depth) {
+                return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
+            },
+            "depth"_a = py::none(), "The number of tiles of a depth, or of all.")
+        .def_property_readonly(
+            "names",
+            [](Volume const& self) {
+                std::vector<std::string> names;
+                for (auto const& one : self.channels) names.push_back(one.name);
+                return names;
+            },
+            "The names of the channels.")
+        .def_property_readonly(
+            "voxel_size", [](Volume const& self) { return self.tree->voxelSize(); },
+            "The width of the finest voxels.")
+        .def_property_readonly(
+            "depth", [](Volume const& self) { return self.tree->depth(); },
+            "The deepest depth that has tiles.")
+        .def("__repr__", represent)
+        .def("__copy__", [](py::object const& self) { return self; })
+        .def("__deepcopy__", [](py::object const& self, py::object const&) { return self; })
+        .def(py::pickle([](Volume const& self) { return stateOf(self); },
+                        [](py::tuple const& state) { return fromState(state); }));
+}
+
+}  // namespace zel::python

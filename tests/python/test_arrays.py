@@ -1,0 +1,147 @@
+"""Positions and results: shapes, types, strides and errors."""
+
+import gc
+import resource
+import sys
+
+import numpy as np
+import pytest
+from hypothesis import given
+from hypothesis import strategies as st
+from hypothesis.extra import numpy as hnp
+
+import zel
+
+F = zel.x_position() + 10 * zel.y_position() + 100 * zel.z_position()
+V = zel.vector(F, zel.x_position() * 2, zel.z_position())
+
+
+def formula(xyz):
+    xyz = np.asarray(xyz, np.float32)
+    return (xyz[..., 0] + np.float32(10) * xyz[..., 1]) + np.float32(100) * xyz[..., 2]
+
+
+@given(hnp.arrays(np.float32, hnp.array_shapes(min_dims=1, max_dims=4, min_side=0, max_side=5),
+                  elements=st.floats(-8, 8, width=16)), st.data())
+def test_every_layout_gives_the_values_of_a_plain_array(leading, data):
+    # Positions as a view of a larger array, with steps of any sign, axes in any order.
+    shape = leading.shape + (3,)
+    base = np.resize(np.arange(1, 1 + 3 * max(leading.size, 1), dtype=np.float32) % 17, shape)
+    axes = data.draw(st.permutations(range(len(shape))))
+    stored = np.empty([2 * shape[a] for a in axes], np.float32)
+    view = stored[tuple(slice(None, None, data.draw(st.sampled_from([2, -2]))) for _ in shape)]
+    view = view.transpose(np.argsort(axes))
+    view[...] = base
+    assert np.array_equal(F(view), formula(base))
+    values, gradients = V.value_and_grad(view)
+    assert values.shape == shape and gradients.shape == shape + (3,)
+    assert np.array_equal(values[..., 0], formula(base))
+    assert np.array_equal(gradients, V.grad(base.copy()))
+    out = np.full(shape[:-1] + (2,), 7, np.float32)[..., 1]
+    result = F(view, out=out)
+    assert result is out and np.array_equal(out, formula(base))
+
+
+@pytest.mark.parametrize("dtype", ["f2", "f8", ">f4", "<f4", "i1", "u2", "i8", "?", "g"])
+def test_other_types_are_converted_as_numpy_does(dtype):
+    xyz = np.array([[1, 0, 1], [0, 1, 1]]).astype(dtype)
+    assert np.array_equal(F(xyz), formula(xyz.astype(np.float32)))
+
+
+def test_odd_memory():
+    xyz = np.arange(12, dtype=np.float32).reshape(4, 3)
+    expected = formula(xyz)
+    unaligned = np.zeros(49, np.uint8)[1:].view(np.float32).reshape(4, 3)
+    unaligned[...] = xyz
+    records = np.zeros(4, [("tag", "u1"), ("p", "f4", 3)])
+    records["p"] = xyz
+    for odd in (unaligned, records["p"], np.asfortranarray(xyz), xyz.tolist(), tuple(xyz),
+                memoryview(xyz), np.broadcast_to(xyz[0], (4, 3))):
+        assert np.array_equal(F(odd), formula(np.asarray(odd)))
+    assert np.array_equal(F(xyz[::-1]), expected[::-1])
+    assert np.array_equal(F(xyz[:, ::-1]), formula(xyz[:, ::-1]))
+    unaligned_out = np.zeros(17, np.uint8)[1:].view(np.float32)
+    assert np.array_equal(F(xyz, out=unaligned_out), expected)
+
+
+def test_one_position_gives_a_number():
+    value, gradient = F.value_and_grad((1, 2, 3))
+    assert isinstance(F((1, 2, 3)), np.float32) and value == F([1, 2, 3]) == 321
+    assert gradient.shape == (3,) and V((1, 2, 3)).shape == (3,)
+    out = np.zeros((), np.float32)
+    assert F((1, 2, 3), out=out) is out and out == 321
+
+
+def test_results_over_the_positions():
+    xyz = np.arange(30, dtype=np.float32).reshape(10, 3)
+    expected = V(xyz.copy())
+    assert V(xyz, out=xyz) is xyz and np.array_equal(xyz, expected)
+    many = np.arange(40, dtype=np.float32)
+    expected = F(many[:30].reshape(10, 3).copy())
+    F(many[:30].reshape(10, 3), out=many[5:15])
+    assert np.array_equal(many[5:15], expected)
+
+
+BAD = [
+    (lambda: F(np.zeros((4, 2))), ValueError, "xyz.*\\(..., 3\\).*\\(4, 2\\)"),
+    (lambda: F(np.zeros(())), ValueError, "\\(\\)"),
+    (lambda: F([]), ValueError, "\\(0,\\)"),
+    (lambda: F(np.zeros((4, 3), complex)), TypeError, "complex128"),
+    (lambda: F(np.zeros((4, 3), object)), TypeError, "object"),
+    (lambda: F("abc"), TypeError, "str 'abc'"),
+    (lambda: F(None), TypeError, "NoneType"),
+    (lambda: F(F), TypeError, "numbers"),
+    (lambda: F([[1, 2, 3], [1, 2]]), ValueError, ""),
+    (lambda: F(), TypeError, "xyz"),
+    (lambda: F(np.zeros((4, 3)), np.zeros(4)), TypeError, "out.*float32.*float64"),
+    (lambda: F(np.zeros((4, 3)), np.zeros(5, "f4")), ValueError, "\\(4,\\).*\\(5,\\)"),
+    (lambda: F(np.zeros((4, 3)), [0] * 4), TypeError, "out.*list"),
+    (lambda: F(np.zeros((1, 3)), np.broadcast_to(np.float32(0), 1)), ValueError, "read-only"),
+    (lambda: F(np.zeros((4, 3)), index0=-1), ValueError, "index0.*-1"),
+    (lambda: F(np.zeros((4, 3)), index0=2**63 - 4), ValueError, "index0"),
+    (lambda: F(np.zeros((4, 3)), index0=2**80), ValueError, "index0"),
+    (lambda: F(np.zeros((4, 3)), index0=1.5), TypeError, "index0.*float 1.5"),
+    (lambda: F.value_and_grad(np.zeros((4, 3)), out=np.zeros(4)), TypeError, "tuple"),
+    (lambda: V.value_and_grad(np.zeros((4, 3)), out=(m := np.zeros((4, 3, 3), "f4"), m)),
+     ValueError, "shape"),
+    (lambda: F.value_and_grad(np.zeros((4, 3)), out=((m := np.zeros(12, "f4"))[8:],
+                                                     m.reshape(4, 3))), ValueError, "overlap"),
+]
+
+
+@pytest.mark.parametrize("case", range(len(BAD)))
+def test_errors_name_what_came(case):
+    call, error, text = BAD[case]
+    with pytest.raises(error, match=text):
+        call()
+
+
+def test_the_last_index_is_allowed():
+    p = zel.scalar_geo_property_triggered("a").bind(properties={"a": np.arange(4)})
+    assert np.array_equal(p(np.zeros((3, 3)), index0=2), [2, 3, 0])
+    assert np.array_equal(p(np.zeros((4, 3)), index0=2**63 - 5), [0] * 4)
+
+
+def test_nothing_is_kept_of_10000_calls():
+    xyz = np.random.default_rng(5).normal(size=(64, 3)).astype(np.float32)
+    other, out = xyz.astype(np.float64), np.zeros(64, np.float32)
+    bad = np.zeros((4, 2))
+
+    def calls(count):
+        for _ in range(count):
+            F(xyz), F(other), F(xyz, out=out), V.value_and_grad(xyz)
+            (F + 1.5).bind(properties={"a": out}).children
+            try:
+                F(bad)
+            except ValueError:
+                pass
+
+    calls(1000)
+    gc.collect()
+    counts = [sys.getrefcount(o) for o in (xyz, other, out, bad, F, V, None, np.dtype("f4"))]
+    size = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+    calls(10000)
+    gc.collect()
+    after = [sys.getrefcount(o) for o in (xyz, other, out, bad, F, V, None, np.dtype("f4"))]
+    assert max(abs(a - b) for a, b in zip(after, counts)) < 20
+    assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - size < 4000  # KB

@@ -1,0 +1,124 @@
+"""Binding to arrays, and what a pickle carries."""
+
+import copy
+import pickle
+import sys
+import weakref
+
+import numpy as np
+import pytest
+
+import zel
+
+ZEROS = np.zeros((5, 3))
+A = zel.scalar_geo_property_triggered("a")
+
+
+@pytest.mark.parametrize("dtype", ["f4", "f8", "f2", "?", "i1", "i2", "i4", "i8", "u1", "u2", "u4",
+                                   "u8", ">i4", "g"])
+def test_arrays_of_every_type(dtype):
+    values = np.array([0, 1, 3, 1, 100]).astype(dtype)
+    bound = A.bind(properties={"a": values}, strict=True)
+    assert np.array_equal(bound(ZEROS), values.astype("f4"))
+    assert np.array_equal(pickle.loads(pickle.dumps(bound))(ZEROS), values.astype("f4"))
+    assert np.array_equal(A.bind(properties={"a": values[::-2]})(ZEROS)[:3], values[::-2])
+    assert np.array_equal(A(ZEROS), [0] * 5)
+
+
+def test_vectors_and_rotations():
+    vectors = np.arange(15.0).reshape(5, 3)
+    bound = zel.VectorGeoPropertyTriggered("v").bind(properties={"v": vectors})
+    assert np.array_equal(bound(ZEROS), vectors)
+    half = np.sqrt(0.5)
+    turned = zel.VectorGeoPropertyTriggered("q").bind(
+        properties={"q": zel.Property([[0, 0, half, half]], default=(half, 0, 0, half))})
+    np.testing.assert_allclose(turned(ZEROS)[:2], [[0, 0, np.pi / 2], [np.pi / 2, 0, 0]], rtol=1e-5)
+
+
+def test_targets_indices_and_defaults():
+    a = zel.Property(np.array([5.0, 6, 7], "f4"), default=-1, target="faces")
+    bound = A.bind({"a": a}, {"faces": [2, 0, 1, 2]})
+    assert np.array_equal(bound(ZEROS), [7, 5, 6, 7, -1])
+    found = zel.ScalarGeoPropertyFound("a").bind({"a": a}, {"faces": [2, 0, 9]})
+    assert np.array_equal(found(ZEROS), [1, 1, 0, 0, 0])
+    mapped = A.bind({"a": a}, {"faces": [2, 0, 1, 2]}, indices=[3, 1])
+    for tree in (mapped, pickle.loads(pickle.dumps(mapped)), copy.deepcopy(mapped)):
+        assert np.array_equal(tree(ZEROS), [7, 5, -1, -1, -1])
+
+
+def test_the_array_is_copied():
+    values = np.arange(5, dtype=np.float32)
+    count, alive = sys.getrefcount(values), weakref.ref(values)
+    bound = A.bind(properties={"a": values})
+    assert sys.getrefcount(values) == count
+    values[:] = 9
+    assert np.array_equal(bound(ZEROS), range(5))
+    del values
+    assert alive() is None
+
+
+def test_reports():
+    volume = zel.Volume.from_numpy(np.ones((2, 2, 2)), 1, (0, 0, 0), name="d")
+    tree = A + zel.ScalarGeoPropertyTriggered("b") * zel.ScalarOrvaneTriggered("c")
+    bound = tree.bind({"a": np.ones(5)}, volume=volume)
+    report = {b.path: (b.name, b.is_bound, b.reason) for b in bound.bind_report}
+    assert report == {"/root/a": ("a", True, "bound"),
+                      "/root/b/a": ("b", False, 'no property "b"'),
+                      "/root/b/b": ("c", False, 'no channel "c"')}
+    assert tree.bind_report == [] and bound.same_tree(tree)
+    with pytest.raises(KeyError, match='property "b".*channel "c"|channel "c".*property "b"') as e:
+        tree.bind({"a": np.ones(5)}, volume=volume, strict=True)
+    assert sorted(e.value.names) == ["b", "c"]
+
+
+def test_parts_that_were_bound_apart(xyz):
+    grid = np.random.default_rng(2).normal(size=(8, 8, 8)).astype(np.float32)
+    volume = zel.Volume.from_numpy(grid, 0.5, (-2, -2, -2), name="d")
+    one, two = A.bind({"a": np.arange(300.0)}), A.bind({"a": np.arange(300.0)[::-1]})
+    third = zel.ScalarOrvaneTriggered("d").bind(volume=volume, metres_per_unit=0.5)
+    noise = zel.simplex_noise(time=two, seed=3)
+    function = zel.field(len_of_rows)
+    tree = zel.add(one * two, third, noise, function, A, one)
+    expected = tree(xyz)
+    assert len(set(expected)) > 250
+    for twin in (pickle.loads(pickle.dumps(tree)), copy.deepcopy(tree),
+                 pickle.loads(pickle.dumps(tree.exact_gradients()))):
+        assert np.array_equal(twin(xyz), expected) and twin.levels == tree.levels
+        assert np.array_equal(pickle.loads(pickle.dumps(twin))(xyz), expected)
+    # Another object replaces the properties it has, of a copy, and leaves the others bound.
+    again = tree.bind({"a": np.ones(300)})
+    expected_again = zel.add(zel.constant(1) * 1, third, zel.simplex_noise(time=1, seed=3), function,
+                             1, 1)(xyz)
+    assert np.array_equal(pickle.loads(pickle.dumps(again))(xyz), again(xyz))
+    np.testing.assert_allclose(again(xyz), expected_again, rtol=1e-6)
+    assert np.array_equal(tree(xyz), expected)
+    # A part of a pickled tree carries its own arrays alone.
+    assert len(pickle.dumps(tree.children[1])) < 400 + len(pickle.dumps(A))
+
+
+def len_of_rows(xyz):
+    return np.sqrt((xyz * xyz).sum(1))
+
+
+BAD = [
+    (lambda: A.bind(3), TypeError, "properties.*int 3"),
+    (lambda: A.bind({3: [1]}), TypeError, "names.*int 3"),
+    (lambda: A.bind({"": [1]}), ValueError, "name"),
+    (lambda: A.bind({"a": "text"}), TypeError, "properties\\['a'\\].*'text'"),
+    (lambda: A.bind({"a": [[1, 2]]}), ValueError, "\\(n, 4\\).*\\(1, 2\\)"),
+    (lambda: A.bind({"a": zel.Property([1], default="x")}), TypeError, "default.*'x'"),
+    (lambda: A.bind({"a": zel.Property(np.array([1], "i1"), default=300)}), ValueError, "300"),
+    (lambda: A.bind(targets={"t": [-1]}), ValueError, "-1"),
+    (lambda: A.bind(targets={"t": [2**32]}), ValueError, "4294967296"),
+    (lambda: A.bind(targets={"t": [0.5]}), TypeError, "integers"),
+    (lambda: A.bind(indices=[[1]]), ValueError, "\\(1, 1\\)"),
+    (lambda: A.bind({"Orvane::volume": [1]}), ValueError, "Orvane::volume"),
+    (lambda: A.bind(metres_per_unit="x"), TypeError, "metres_per_unit"),
+]
+
+
+@pytest.mark.parametrize("case", range(len(BAD)))
+def test_errors_name_what_came(case):
+    call, error, text = BAD[case]
+    with pytest.raises(error, match=text):
+        call()

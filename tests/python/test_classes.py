@@ -1,0 +1,245 @@
+"""Node classes, their parameters, functions and operators, against NumPy."""
+
+import copy
+import inspect
+import pickle
+
+import numpy as np
+import pytest
+from hypothesis import given
+from hypothesis import strategies as st
+
+import zel
+
+CLASSES = [c for c in vars(zel).values()
+           if isinstance(c, type) and issubclass(c, zel.Field)
+           and c not in (zel.Field, zel.ScalarField, zel.VectorField)]
+X, Y, Z = zel.x_position(), zel.y_position(), zel.z_position()
+P = zel.position()
+
+
+def example(cls, name, default):
+    """A value of a parameter that is not its default."""
+    kind = cls.__doc__.split(f"\n    {name}: ")[1].split("\n")[0]
+    if kind.startswith("scalar field"):
+        return X + 2
+    if kind.startswith("vector field"):
+        return P * 3
+    for beginning, value in [("bool", not default), ("int", 2), ("float", 0.25),
+                             ("vector", (1.0, 2.0, 3.0)), ("rotation", (0.0, 0.6, 0.0, 0.8)),
+                             ("direction", (0.0, 1.0, 0.0)), ("str", "density"),
+                             ("'linear'", "cubicC1"), ("zel.Curve", zel.curve([(0, 1), (2, 3)])),
+                             ("array", np.arange(6, dtype=np.float32).reshape(2, 3))]:
+        if kind.startswith(beginning):
+            return value
+    raise AssertionError(kind)
+
+
+@pytest.mark.parametrize("cls", CLASSES, ids=lambda c: c.__name__)
+def test_every_class_by_its_parameters(cls, xyz):
+    names = list(inspect.signature(cls).parameters)
+    given = {name: example(cls, name, parameter.default)
+             for name, parameter in inspect.signature(cls).parameters.items()}
+    made = cls(**given)
+    assert type(made) is cls and made.class_name == cls.__name__
+    assert list(made.parameters) == names
+    for name, value in given.items():
+        read = getattr(made, name)
+        if isinstance(value, zel.Curve):
+            read, value = read.keys, value.keys
+        same = read == value
+        assert np.all(same), name
+    assert made.children == tuple(v for v in given.values() if isinstance(v, zel.Field))
+    again = type(made)(*made.parameters.values())
+    assert again.same_tree(made) and again != made and again.tree_hash() == made.tree_hash()
+    if not cls.__name__.endswith("Function"):
+        read = zel.loads(made.dumps())
+        assert read.same_tree(made) and type(read) is cls
+        for twin in (pickle.loads(pickle.dumps(made)), copy.deepcopy(made)):
+            assert twin.same_tree(made)
+            assert np.array_equal(twin(xyz), made(xyz), equal_nan=True)
+        values, gradients = made.value_and_grad(xyz)
+        extra = (3,) if isinstance(made, zel.VectorField) else ()
+        assert values.shape == (300,) + extra and gradients.shape == (300, 3) + extra[:0] + extra
+    assert repr(made).startswith("zel::")
+
+
+def test_all_classes_have_functions():
+    assert len(CLASSES) > 90
+    for name in ("sphere", "simplex_noise", "arc_tangent_2d", "vs_multiply", "f_curve",
+                 "implicit_box", "x_component", "scalar_geo_property_triggered"):
+        assert callable(getattr(zel, name)), name
+
+
+def test_formulas_of_numpy(xyz):
+    x, y, z = (xyz[:, i].astype(np.float64) for i in range(3))
+    p = xyz.astype(np.float64)
+    r = np.sqrt((p**2).sum(1))
+    column = lambda v: np.asarray(v)[:, None]  # noqa: E731
+    cases = [
+        (X + Y, x + y), (X - 2, x - 2), (2 - X, 2 - x), (X * Y, x * y), (3 * X, 3 * x),
+        (X / Y, x / y), (1 / X, 1 / x), (-X, -x), (abs(X), abs(x)), (abs(X) ** 1.5, abs(x) ** 1.5),
+        (+X, x), (np.float64(2) * X, 2 * x), (np.int8(2) - X, 2 - x),
+        (P + (1, 2, 3), p + [1, 2, 3]), ([1, 2, 3] - P, [1, 2, 3] - p), (P * P, p * p),
+        (P * X, p * column(x)), (X * P, p * column(x)), (2 * P, 2 * p), (P / Y, p / column(y)),
+        (P / (1, 2, 4), p / [1, 2, 4]), (-P, -p), (abs(P), abs(p)), (abs(P) ** 2, p**2),
+        (abs(P) ** (1, 2, 3), abs(p) ** [1, 2, 3]), (np.array([1, 2, 3.0]) * P, p * [1, 2, 3]),
+        (X * (1, 2, 3), column(x) * [1, 2, 3]),
+        (zel.min(X, Y), np.minimum(x, y)), (zel.max(X, Y, Z, 0), np.maximum(p.max(1), 0)),
+        (zel.min(P, 0.5 * P), np.minimum(p, 0.5 * p)), (zel.min(1, 2), np.ones(300)),
+        (zel.add(X, Y, Z, 1), x + y + z + 1), (zel.lerp(X, Y, 0.25), 0.75 * x + 0.25 * y),
+        (zel.lerp(P, (1, 1, 1), abs(X)), p + (1 - p) * column(abs(x))),
+        (zel.switch(X, Y, Z), np.where(x > 0, y, z)), (zel.clamp(X, -1, 0.5), np.clip(x, -1, 0.5)),
+        (zel.sin(X), np.sin(x)), (zel.exp(Y), np.exp(y)), (zel.arc_tangent_2d(X, Y), np.arctan2(x, y)),
+        (zel.length(P), r), (zel.dot(P, (1, 2, 3)), p @ [1, 2, 3]),
+        (zel.cross(P, (1, 2, 3)), np.cross(p, [1, 2, 3])), (zel.normalize(P), p / column(r)),
+        (zel.vector(X, 1, Z), np.stack([x, np.ones(300), z], 1)),
+        (zel.constant(4), np.full(300, 4)), (zel.constant((1, 2, 3)), np.tile([1, 2, 3], (300, 1))),
+        (zel.sphere((1, 2, 3), 2), np.sqrt(((p - [1, 2, 3]) ** 2).sum(1)) - 2),
+        (zel.plane(normal=(0, 0, 2), point=(0, 0, 1)), z - 1),
+        (zel.translate(X, (1, 0, 0)), x - 1), (zel.translate(P, (1, 0, 0)), p - [1, 0, 0]),
+        (zel.warp(X * Y, P * 2), 4 * x * y), (zel.advect(X, velocity=(1, 0, 0), dt=0.5), x - 0.5),
+        (zel.f_curve(X, [(-1, 0), (1, 4)]), np.interp(x, [-1, 1], [0, 4])),
+        (zel.f_curve(X, zel.curve([(0, 1), (1, 3)], "linear", "linear")), 1 + 2 * x),
+        (zel.rotate(X, (0, 0, np.pi / 2)), -y),
+    ]
+    for number, (field, expected) in enumerate(cases):
+        np.testing.assert_allclose(field(xyz), expected, rtol=3e-6, atol=3e-6,
+                                   err_msg=f"case {number}: {field!r}")
+
+
+@given(st.recursive(st.sampled_from(["X", "Y", "abs(Z)", "0.5", "2", "(X - 1)"]),
+                    lambda t: st.tuples(t, st.sampled_from("+-*"), t).map("(%s %s %s)".__mod__)))
+def test_random_formulas_have_the_bits_of_float32(text):
+    xyz = np.random.default_rng(1).uniform(-2, 2, (50, 3)).astype(np.float32)
+    names = {"X": xyz[:, 0], "Y": xyz[:, 1], "Z": xyz[:, 2]}
+    # NumPy computes a node at a time in float32, as the library does.
+    expected = eval(text, {"abs": np.abs}, names) + 0 * names["X"]
+    field = eval(text, {"abs": abs}, {"X": X, "Y": Y, "Z": Z}) + 0 * X
+    assert np.array_equal(field(xyz), np.asarray(expected, np.float32))
+
+
+def test_gradients_are_derivatives(xyz):
+    point = xyz.astype(np.float64)
+    step = 1e-4
+
+    def differences(function):
+        return np.stack([(function(point + step * np.eye(3)[c]) -
+                          function(point - step * np.eye(3)[c])) / (2 * step) for c in range(3)], -1)
+
+    def noisy(p):
+        x, y, z = p[:, 0], p[:, 1], p[:, 2]
+        return np.sin(x) * y + np.exp(-z * z) / (1 + x * x)
+
+    field = zel.sin(X) * Y + zel.exp(-Z * Z) / (1 + X * X)
+    np.testing.assert_allclose(field.grad(xyz), differences(noisy), atol=2e-5)
+    both = zel.vector(field, X * Y, Z / X)
+    rows = lambda p: np.stack([noisy(p), p[:, 0] * p[:, 1], p[:, 2] / p[:, 0]], 1)  # noqa: E731
+    np.testing.assert_allclose(both.value_and_grad(xyz)[1], differences(rows), rtol=1e-4, atol=2e-5)
+
+    noise = zel.simplex_noise(seed=3)
+    assert noise.inexact_gradients == ["zel::ScalarFieldSimplexNoise"]
+    exact = zel.exact_gradients(noise * 2)
+    assert exact.inexact_gradients == [] and np.array_equal(exact(xyz), (noise * 2)(xyz))
+    h = np.float32(2**-9)
+    for c in range(3):
+        up, down = xyz + h * np.eye(3, dtype="f4")[c], xyz - h * np.eye(3, dtype="f4")[c]
+        slope = (exact(up).astype("f8") - exact(down)) / (up[:, c].astype("f8") - down[:, c])
+        np.testing.assert_allclose(exact.grad(xyz)[:, c], slope, atol=2e-3)
+
+
+BAD = [
+    (lambda: zel.ScalarFieldSphere(radius="one"), TypeError, "ScalarFieldSphere: radius.*str 'one'"),
+    (lambda: zel.sphere(raduis=1), TypeError, "raduis.*center, radius"),
+    (lambda: zel.sphere((0, 0), 1), TypeError, "center"),
+    (lambda: zel.sphere((0, 0, 0), 1, 2), TypeError, "3 arguments"),
+    (lambda: zel.sphere((0, 0, 0), center=(0, 0, 0)), TypeError, "twice"),
+    (lambda: zel.sphere(radius=1e39), ValueError, "float32"),
+    (lambda: zel.plane(), TypeError, "normal is missing"),
+    (lambda: zel.plane(normal=(0, 0, 0)), ValueError, "zero"),
+    (lambda: zel.negative(), TypeError, "field is missing"),
+    (lambda: zel.simplex_noise(seed=2**40), ValueError, "seed.*1099511627776"),
+    (lambda: zel.simplex_noise(seed=1.5), TypeError, "seed.*float 1.5"),
+    (lambda: zel.length(X), TypeError, "vector field"),
+    (lambda: zel.add(X, P), TypeError, "VectorFieldAdd: a"),
+    (lambda: X + P, TypeError, "unsupported"), (lambda: X / P, TypeError, "unsupported"),
+    (lambda: X ** Y, TypeError, "unsupported"), (lambda: X + "1", TypeError, "unsupported"),
+    (lambda: X + 1j, TypeError, "unsupported"), (lambda: P + (1, 2), TypeError, "unsupported"),
+    (lambda: X + None, TypeError, "unsupported"), (lambda: pow(X, 2, 3), TypeError, "unsupported"),
+    (lambda: X < Y, TypeError, "'<'"), (lambda: zel.ScalarField(), TypeError, "abstract"),
+    (lambda: zel.Field(), TypeError, "abstract"), (lambda: X.radius, AttributeError, "radius"),
+    (lambda: setattr(zel.sphere(), "radius", 1), AttributeError, "radius"),
+    (lambda: zel.curve([(1, 0), (0, 1)]), ValueError, "key"),
+    (lambda: zel.curve([(1, 0, "cube")]), ValueError, "cubic.*'cube'"),
+    (lambda: zel.curve([(1,)]), TypeError, "keys\\[0\\]"),
+    (lambda: zel.curve(3), TypeError, "int 3"),
+    (lambda: zel.curve([(0, 0)], before=2), TypeError, "before"),
+    (lambda: zel.f_curve(X, "ab"), TypeError, "str 'ab'"),
+    (lambda: zel.scalar_orvane_triggered("a", sampler="cubic"), ValueError, "cubicC0.*'cubic'"),
+    (lambda: zel.scalar_geo_property_triggered("a\ud800"), (TypeError, ValueError), ""),
+    (lambda: zel.exact_gradients(3), (TypeError, AttributeError), ""),
+    (lambda: X.same_tree(3), TypeError, "int 3"),
+    (lambda: zel.loads("{"), zel.SceneError, "line 1"),
+    (lambda: zel.loads(b"\xff"), ValueError, ""),
+    (lambda: zel.loads(3), TypeError, "int 3"),
+]
+
+
+@pytest.mark.parametrize("case", range(len(BAD)))
+def test_errors_name_what_came(case):
+    call, error, text = BAD[case]
+    with pytest.raises(error, match=text):
+        call()
+
+
+@given(st.lists(st.one_of(st.none(), st.booleans(), st.integers(), st.floats(), st.text(max_size=3),
+                          st.binary(max_size=3), st.complex_numbers(), st.just(X), st.just(P),
+                          st.just(zel.curve([])), st.lists(st.floats(), max_size=4),
+                          st.just(np.zeros((2, 3))), st.just(zel), st.just({})), max_size=4),
+       st.sampled_from(CLASSES), st.sampled_from(["radius", "field", "volume", "", "seed"]))
+def test_no_arguments_crash(args, cls, keyword):
+    function = getattr(zel, cls.__name__)
+    for keywords in ({}, {keyword: args[0]} if args else {}):
+        try:
+            made = function(*args, **keywords)
+        except (TypeError, ValueError, KeyError):
+            continue
+        assert isinstance(made, cls)
+        if not cls.__name__.endswith("Function"):
+            made.value_and_grad(np.ones((3, 3)))
+
+
+def test_deep_trees(xyz):
+    deep = X
+    for _ in range(100_000):
+        deep = deep + 1
+    assert deep.levels == 100_001
+    with pytest.raises(RecursionError, match="100001 levels"):
+        deep(xyz)
+    assert repr(deep).count("\n") == 200_000
+    assert pickle.loads(pickle.dumps(deep)).same_tree(deep)
+    assert deep.exact_gradients().levels == deep.levels
+    assert deep.bind().same_tree(deep)
+    assert deep.children[0].children[0].levels == 99_999
+    with pytest.raises(zel.SceneError):
+        zel.loads(deep.dumps())
+    del deep
+    assert zel.add(*[X] * 1000).value_and_grad(xyz)[0][0] == pytest.approx(1000 * xyz[0, 0], 1e-4)
+    assert zel.min(*[X + i for i in range(5000)]).levels < 20
+
+
+def test_scenes_in_files(tmp_path, xyz):
+    tree = zel.sphere((0, 0, 0), 1) - 0.3 * zel.simplex_noise(time=0.5, seed=7)
+    tree.save(tmp_path / "scene.json")
+    read = zel.load(tmp_path / "scene.json")
+    assert read.same_tree(tree) and np.array_equal(read(xyz), tree(xyz))
+    with pytest.raises(zel.SceneError, match="radius") as error:
+        zel.loads('{"version": 1, "root": {"type": "Sphere", "raduis": 2}}')
+    assert (error.value.path, error.value.line) == ("/root/raduis", 0)
+    with pytest.raises(zel.SceneError) as error:
+        zel.loads("{\n3")
+    assert (error.value.path, error.value.line, error.value.column) == ("", 2, 1)
+    svg = tree._repr_svg_()
+    assert svg is None or "SimplexNoise" in svg
+    image = zel.slice(tree, "zx", (40, 20), low=(-1, 0), high=(1, 1), offset=0.25)
+    assert image.shape == (20, 40) and image[3, 7] == tree((3.5 / 20, 0.25, -1 + 7.5 / 20))

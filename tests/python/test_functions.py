@@ -1,0 +1,203 @@
+"""Fields of Python functions, threads, signals and the interpreter."""
+
+import gc
+import os
+import signal
+import subprocess
+import sys
+import textwrap
+import threading
+import time
+import weakref
+
+import numpy as np
+import pytest
+
+import zel
+
+
+def wave(xyz):
+    return np.sin(3 * xyz[:, 0]) + xyz[:, 1]
+
+
+def twist(xyz):
+    return np.stack([xyz[:, 1], -xyz[:, 0], xyz[:, 2] ** 2], 1)
+
+
+def test_values_gradients_and_blocks(xyz):
+    calls = []
+
+    def noted(points):
+        calls.append(points)
+        assert points.dtype == np.float32 and points.flags.owndata and len(points) <= 256
+        return wave(points)
+
+    field = 2 * zel.field(noted)
+    big = np.tile(xyz, (40, 1))
+    assert np.array_equal(field(big), 2 * wave(big))
+    seen = np.concatenate(calls)
+    assert len(seen) == len(big) and np.array_equal(np.unique(seen, axis=0), np.unique(xyz, axis=0))
+    assert field(xyz[0]) == 2 * wave(xyz[:1])[0]
+    expected = np.stack([6 * np.cos(3 * xyz[:, 0]), np.full(300, 2), np.zeros(300)], 1)
+    np.testing.assert_allclose(field.grad(xyz), expected, atol=2e-2)
+
+    turned = zel.field(twist, vector=True)
+    assert np.array_equal(turned(xyz), twist(xyz))
+    assert turned.grad(xyz).shape == (300, 3, 3)
+    np.testing.assert_allclose(turned.grad(xyz)[:, 2, 2], 2 * xyz[:, 2], rtol=1e-3)
+    warped = zel.warp(zel.field(wave), turned + zel.position())
+    np.testing.assert_allclose(warped(xyz), wave(twist(xyz) + xyz), rtol=1e-6, atol=1e-6)
+    assert "wave" in repr(warped) and zel.field(np.vectorize(wave)).class_name
+    with pytest.raises(ValueError, match="function"):
+        warped.dumps()
+
+
+class Odd(Exception):
+    pass
+
+
+def fail(points):
+    raise Odd("from the function")
+
+
+@pytest.mark.parametrize("count", [1, 300, 300_000])
+@pytest.mark.parametrize("function, error, text", [
+    (fail, Odd, "from the function"), (lambda p: p, ValueError, "wanted shape \\(\\d+,\\), got"),
+    (lambda p: None, TypeError, "<lambda>.*None"), (lambda p: p[:, 0] * 1j, TypeError, "complex64"),
+    (lambda p: 0.0, ValueError, "got \\(\\)"), (lambda: 0, TypeError, "positional argument"),
+    (lambda p: sys.exit(3), SystemExit, "3")])
+def test_exceptions_keep_their_type(function, error, text, count):
+    with pytest.raises(error, match=text) as raised:
+        (zel.field(function) + 1)(np.ones((count, 3)))
+    if error is Odd:
+        assert raised.traceback[-1].name == "fail"
+
+
+def test_cycles_are_collected():
+    class Function:
+        def __call__(self, points):
+            return self.field.radius + points[:, 0]
+
+    function = Function()
+    function.field = zel.sphere()
+    tree = zel.field(function) + 1
+    assert tree((1, 2, 3)) == 3
+    function.field = tree
+    child, gone = tree.children[0], weakref.ref(function)
+    del function, tree
+    gc.collect()
+    assert gone() is not None  # of the child
+    del child
+    gc.collect()
+    assert gone() is None
+
+
+def test_threads_evaluate_at_once(xyz):
+    tree = zel.fractal_noise(octaves=3, seed=1) + zel.field(wave)
+    big = np.tile(xyz, (50, 1))
+    expected, failures = tree(big), []
+
+    def work():
+        for _ in range(5):
+            if not np.array_equal(tree(big), expected):
+                failures.append(1)
+
+    threads = [threading.Thread(target=work) for _ in range(4)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert not failures
+
+
+def test_other_threads_run_meanwhile():
+    ticks, done = [], threading.Event()
+
+    def tick():
+        while not done.wait(0.001):
+            ticks.append(1)
+
+    thread = threading.Thread(target=tick)
+    thread.start()
+    zel.fractal_noise(octaves=8)(np.ones((300_000, 3)))
+    done.set()
+    thread.join()
+    assert len(ticks) > 3
+
+
+@pytest.mark.parametrize("slow", [lambda: zel.fractal_noise(octaves=2000),
+                                  lambda: zel.field(lambda p: time.sleep(0.02) or p[:, 0])])
+def test_an_interrupt_stops_a_batch(slow):
+    field, xyz = slow(), np.ones((2_000_000, 3), np.float32)
+    out = np.full(len(xyz), -7, np.float32)
+    timer = threading.Timer(0.3, signal.raise_signal, [signal.SIGINT])
+    timer.start()
+    with pytest.raises(KeyboardInterrupt):
+        field(xyz, out=out)
+    assert out[-1] == -7
+    with pytest.raises(KeyboardInterrupt):
+        threading.Timer(0.3, signal.raise_signal, [signal.SIGINT]).start()
+        zel.Volume.from_field(field, ((-1,) * 3, (1,) * 3), 1 / 512, 3)
+    assert zel.sphere()((0, 0, 0)) == -1
+
+
+def run(program, *args):
+    environment = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
+    return subprocess.run([sys.executable, *args, "-c", textwrap.dedent(program)], text=True,
+                          capture_output=True, timeout=60, env=environment)
+
+
+@pytest.mark.parametrize("program, output", [
+    # A thread evaluates while the interpreter ends.
+    ("""
+     import threading, time, numpy as np, zel
+     f = zel.field(lambda p: time.sleep(0.001) or p[:, 0]) + zel.simplex_noise()
+     for i in range(3):
+         threading.Thread(target=f, args=(np.ones((10**8, 3), 'f4'),), daemon=True).start()
+     time.sleep(0.2); print('end')
+     """, "end\n"),
+    # A second import, also after the first is gone.
+    ("""
+     import sys, importlib, zel
+     f = zel.sphere()
+     importlib.reload(zel)
+     for name in [n for n in sys.modules if n.startswith('zel')]: del sys.modules[name]
+     import zel
+     print((f + zel.sphere())((1, 0, 0)), type(f) is zel.ScalarFieldSphere)
+     """, "0.0 True\n"),
+    # Another interpreter in the process.
+    ("""
+     import _xxsubinterpreters as sub, zel
+     one = sub.create()
+     try: sub.run_string(one, 'import zel')
+     except sub.RunFailedError as error: print('ImportError' in str(error))
+     sub.destroy(one)
+     print(zel.sphere()((2, 0, 0)))
+     """, "True\n1.0\n"),
+    # The first import by another interpreter.
+    ("""
+     import _xxsubinterpreters as sub
+     one = sub.create()
+     try: sub.run_string(one, 'import zel')
+     except sub.RunFailedError as error: print('ImportError' in str(error))
+     sub.destroy(one)
+     import zel; print(zel.sphere()((2, 0, 0)))
+     """, "True\n1.0\n"),
+    # A child process after a fork.
+    ("""
+     import os, numpy as np, zel
+     f = zel.fractal_noise(octaves=4); x = np.ones((200_000, 3), 'f4')
+     a = f(x)
+     if os.fork() == 0:
+         print(np.array_equal(f(x), a), flush=True); os._exit(0)
+     os.wait()
+     """, "True\n"),
+])
+def test_the_interpreter(program, output):
+    done = run(program)
+    assert (done.stdout, done.stderr, done.returncode) == (output, "", 0)
+
+
+def test_import_needs_no_numpy():
+    done = run("import sys, zel; print('numpy' in sys.modules)")
+    assert (done.stdout, done.stderr) == ("False\n", "")
