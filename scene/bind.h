@@ -1,8 +1,11 @@
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "zel_platform/orvane_geometry/object.h"
@@ -13,6 +16,10 @@ namespace zel {
 
 namespace detail {
 struct BindingPaths;
+
+template <class T>
+concept TreeVariable =
+    std::same_as<T, Tree> || std::same_as<T, ScalarPtr> || std::same_as<T, VectorPtr>;
 }  // namespace detail
 
 /// A node that waits for an object.
@@ -79,6 +86,19 @@ ZEL_SCENE_API BindReport bind(ScalarPtr& tree, Orvane::Object const& object,
                               Quern::Ptr<Quern::Array<long long>> const& indices = nullptr);
 ZEL_SCENE_API BindReport bind(VectorPtr& tree, Orvane::Object const& object,
                               Quern::Ptr<Quern::Array<long long>> const& indices = nullptr);
+
+/// The same. `bind(tree, object)` without `zel::` also finds std::bind, through the std::variant of
+/// a Tree or a using directive. For an object that is not const, or of a derived class, that would
+/// be the better match, and bind nothing; this template goes before it.
+template <class T, class Host, class... Indices>
+requires detail::TreeVariable<std::remove_cvref_t<T>> &&
+    std::derived_from<std::remove_cvref_t<Host>, Orvane::Object>
+        BindReport bind(T&& tree, Host&& object, Indices&&... indices) {
+    static_assert(std::same_as<T, std::remove_cvref_t<T>&>,
+                  "A tree changes when it is bound: it must be a variable that is not const.");
+    Quern::Ptr<Quern::Array<long long>> const given(std::forward<Indices>(indices)...);
+    return bind(tree, static_cast<Orvane::Object const&>(object), given);
+}
 
 /// The same, but throws std::invalid_argument if a node stays unbound. The text lists all these
 /// nodes, and the names of the properties and channels that there are. `tree` is then as it was.

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <thread>
 
 #include "support/random_nodes.h"
@@ -255,6 +256,14 @@ TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
     tree = channel("scalar");
     EXPECT_EQ(bind(tree, empty).text(),
               "/root: zel::ScalarOrvaneTriggered: no volume for the channel \"scalar\"\n");
+    {
+        using namespace std;  // its bind takes any arguments, and does nothing
+        struct Host : Orvane::Object {
+        } host;
+        Tree either = tree;
+        EXPECT_EQ(bind(either, host).bindings.size(), 1U);
+        EXPECT_EQ(bind(tree, host, nullptr).bindings.size(), 1U);
+    }
     tree = nullptr;
     EXPECT_THROW(bind(tree, object), std::invalid_argument);
 
