@@ -48,6 +48,18 @@ TEST(Image, IsReadBack) {
     expectReadBack<std::uint16_t>(random);
 }
 
+TEST(Image, HasTheHighByteFirst) {
+    // Two grey pixels, made with zlib alone.
+    std::string_view const digits =
+        "0000000d494844520000000200000001100000000081d9fc150000000d49444154789c631032597d"
+        "1600030c01bf6eb9c65d0000000049454e44ae426082";
+    std::string content = "\x89PNG\r\n\x1A\n";
+    for (std::size_t i = 0; i < digits.size(); i += 2)
+        content += static_cast<char>(std::stoi(std::string(digits.substr(i, 2)), nullptr, 16));
+    EXPECT_EQ(std::get<Image16>(readPng(bytesOf(content), "image")).samples,
+              (std::vector<std::uint16_t>{0x1234, 0xABCD}));
+}
+
 TEST(Image, HasSamplesOfValues) {
     EXPECT_EQ(sampleOf<std::uint8_t>(0.5F), 128);
     EXPECT_EQ(sampleOf<std::uint16_t>(-3, -3, 5), 0);

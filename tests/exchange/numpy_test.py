@@ -10,6 +10,8 @@ import tempfile
 import numpy as np
 
 tool = sys.argv[1]
+# Doubles above the largest float: below, at and above the middle to the next.
+AT_THE_LARGEST = [3.4028235e38, -3.4028235677973362e38, 3.4028235677973366e38, -3.402823568e38]
 generator = np.random.default_rng(5)
 random.seed(5)
 
@@ -26,7 +28,7 @@ def same(a, b):
 def numbers(shape, dtype):
     """Numbers of any size, NaN and infinities among them."""
     a = generator.standard_normal(shape) * 10.0 ** generator.integers(-50, 50, shape)
-    a = np.where(generator.random(shape) < 0.05, generator.choice([np.nan, np.inf, -np.inf, -0.0, 1e300], shape), a)
+    a = np.where(generator.random(shape) < 0.05, generator.choice([np.nan, np.inf, -np.inf, -0.0, 1e300, *AT_THE_LARGEST], shape), a)
     with np.errstate(over="ignore"):
         return np.asarray(a, dtype)
 

@@ -133,8 +133,9 @@ TEST(Points, OfTablesHaveNamesAndSeparators) {
     EXPECT_EQ(points.vectors[1], (std::vector<float3>{{4, 11, 10}}));
     EXPECT_THAT(readText("1 2 3 4 5\n").names, ElementsAre("column4", "column5"));
     // A column of the same name has precedence, and two of three components are no vector.
-    EXPECT_THAT(readText("x y z vx vy vz v ux uz r g b\n").names,
-                ElementsAre("vx", "vy", "vz", "v", "ux", "uz", "r", "g", "b", "color"));
+    EXPECT_THAT(readText("x y z vx vy vz v ux uz r g b aX aY aZ\n").names,
+                ElementsAre("vx", "vy", "vz", "v", "ux", "uz", "r", "g", "b", "aX", "aY", "aZ",
+                            "color", "a"));
     EXPECT_EQ(readText("").positions.size(), 0);
     EXPECT_EQ(readText("# nothing\n\n").positions.size(), 0);
 
