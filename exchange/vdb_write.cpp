@@ -335,7 +335,7 @@ public:
         else if (auto const vectors = m_object.component<DataChannel<Traits, float3>>(name))
             addChannel<float3>(channel, *vectors, toWorld, shift);
         else
-            refuse("no channel " + quoted(channel.name));
+            refuse("no channel " + detail::quoted(channel.name));
     }
 
 private:
@@ -344,7 +344,7 @@ private:
                     ORV::TileTree3D::DataChannel<Traits, T> const& samples,
                     AffineMap const& toWorld, int3 const& shift) {
         if (!samples.fits(*m_tree) || samples.minDepth() > 0 || samples.depth() < m_tree->depth())
-            refuse("channel " + quoted(channel.name) + " does not have all tiles of the tree");
+            refuse("channel " + detail::quoted(channel.name) + " does not have all tiles of the tree");
         T const background = samples.defaultValue();
         m_target.check(channel.name, Coord(0), background);
         bool const isLevelSet =
@@ -398,7 +398,7 @@ private:
             for (int y = 0; y < kSpan; ++y)
                 for (int x = 0; x < kSpan; ++x)
                     if (sample[x + W * (y + W * z)] != *sample)
-                        refuse("channel " + quoted(name) +
+                        refuse("channel " + detail::quoted(name) +
                                " varies in tiles above the finest depth; write it as a field");
     }
 
@@ -419,7 +419,7 @@ template <class Name> void checkNames(std::vector<Name> const& grids) {
     if (grids.empty()) refuse("nothing to write");
     for (auto const& grid : grids)
         if (grid.name.empty() || !names.insert(grid.name).second)
-            refuse("the name " + quoted(grid.name) +
+            refuse("the name " + detail::quoted(grid.name) +
                    (grid.name.empty() ? " is empty" : " is used twice"));
 }
 
