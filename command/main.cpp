@@ -55,6 +55,7 @@ struct Options {
     command::EvalOptions eval;
     command::SliceOptions slice;
     command::VolumeOptions volume;
+    command::MeshOptions mesh;
     command::RenderOptions render;
     command::InfoOptions info;
     command::BenchOptions bench;
@@ -133,11 +134,36 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
     });
 
     sub = add("volume", "Writes the values of a scene in a box.",
-              "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 -o gear.npy",
+              "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 -o gear.npy\n"
+              "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 --band 3 -o gear.vdb",
               [&](auto const& stop) { volume(options.volume, stop); });
     addScene(*sub, options.volume.scene);
     addGrid(*sub, options.volume.grid);
-    addOutput(*sub, options.volume.output, ".npy, an array of the samples at x, y and z");
+    addOutput(*sub, options.volume.output,
+              ".vdb; or .npy, an array of the samples at low + (i, j, k) * voxel");
+    sub->add_option("--band", options.volume.band,
+                    "half the width of the band around the surface that a .vdb file has, in "
+                    "VOXELS; without it, all samples of the box")
+        ->check(CLI::PositiveNumber);
+    sub->add_flag("--fog", options.volume.fog, "a fog volume instead of a level set");
+    sub->add_flag("--half", options.volume.half, "16-bit numbers in the .vdb file");
+    sub->add_option("--name", options.volume.name,
+                    "of the grid, otherwise surface, density or vector");
+
+    sub = add("mesh", "Writes a mesh of the surface where a scene is 0.",
+              "  zel mesh gear.json --box -2,-2,-1,2,2,1 --voxel 0.02 -o gear.ply\n"
+              "  zel mesh gear.json --box -2,-2,-1,2,2,1 --voxel 0.02 --adaptivity 0.5 -o gear.obj",
+              [&](auto const& stop) { mesh(options.mesh, stop); });
+    addScene(*sub, options.mesh.scene);
+    addGrid(*sub, options.mesh.grid);
+    addOutput(*sub, options.mesh.output, ".ply or .obj to write");
+    sub->add_option("--adaptivity", options.mesh.adaptivity,
+                    "0 to 1: how far faces may be from the surface, to be fewer")
+        ->check(CLI::Range(0.0, 1.0))
+        ->capture_default_str();
+    sub->add_option("--color", options.mesh.color,
+                    "SCENE of the colours of vertices: a vector field of red, green and blue, or "
+                    "a scalar field of greys, 0 to 1");
 
     command::RenderOptions& render = options.render;
     sub = add("render", "Draws the surface where a scene is 0, in sunlight.",

@@ -59,13 +59,24 @@ struct RenderOptions {
 struct GridOptions {
     std::array<float, 6> box{};  ///< the low corner, then the high corner
     float voxel = 0;
-    float band = 3;
 };
 
 struct VolumeOptions {
     SceneOptions scene;
     std::string output;
     GridOptions grid;
+    std::optional<float> band;  ///< in voxels; dense grids without it
+    bool fog = false;
+    bool half = false;
+    std::string name;  ///< of the grid; empty for the usual one
+};
+
+struct MeshOptions {
+    SceneOptions scene;
+    std::string output;
+    GridOptions grid;
+    float adaptivity = 0;
+    std::string color;  ///< the file of a scene, or empty
 };
 
 struct InfoOptions {

@@ -344,7 +344,8 @@ private:
                     ORV::TileTree3D::DataChannel<Traits, T> const& samples,
                     AffineMap const& toWorld, int3 const& shift) {
         if (!samples.fits(*m_tree) || samples.minDepth() > 0 || samples.depth() < m_tree->depth())
-            refuse("channel " + detail::quoted(channel.name) + " does not have all tiles of the tree");
+            refuse("channel " + detail::quoted(channel.name) +
+                   " does not have all tiles of the tree");
         T const background = samples.defaultValue();
         m_target.check(channel.name, Coord(0), background);
         bool const isLevelSet =

@@ -106,7 +106,6 @@ TEST(ReadVdb, AgreesWithBoxSampler) {
     }
 }
 
-
 /// The fields of volumes of vectors, and of two grids of different topology over one tree.
 TEST(ReadVdb, ReadsVectorsAndSeveralGridsOverOneTree) {
     Folder const folder;
@@ -242,7 +241,8 @@ TEST(ReadVdb, RefusesWhatNoVolumeCanHold) {
 TEST(ReadVdb, SurvivesDamagedFiles) {
     Folder const folder;
     auto const path = folder / "a.vdb";
-    vdb_grids::write(path, {{"a", vdb_grids::sphere(5, {}, 1)}, {"b", vdb_grids::randomVectors(1)}});
+    vdb_grids::write(path,
+                     {{"a", vdb_grids::sphere(5, {}, 1)}, {"b", vdb_grids::randomVectors(1)}});
     std::ifstream in(path, std::ios::binary);
     std::string const good((std::istreambuf_iterator<char>(in)), {});
     auto const tryFile = [&](std::string const& bytes) {
@@ -331,11 +331,12 @@ TEST(WriteVdb, WritesDenseGridsAndHalves) {
     auto const path = folder / "a.vdb";
     zel::Box const box{{-1, -0.5F, 0.1F}, {1, 0.5F, 1}};
     auto const noise = Quern::makePtr<zel::ScalarFieldXPosition>();
-    zel::writeVdb(path,
-                  {{"x", noise},
-                   {"p", {}, Quern::makePtr<zel::VectorFieldPosition>()},
-                   {"empty", Quern::makePtr<zel::ScalarFieldConstant>(0.0F), {}, VdbClass::kFogVolume}},
-                  box, kVoxel, {.half = true});
+    zel::writeVdb(
+        path,
+        {{"x", noise},
+         {"p", {}, Quern::makePtr<zel::VectorFieldPosition>()},
+         {"empty", Quern::makePtr<zel::ScalarFieldConstant>(0.0F), {}, VdbClass::kFogVolume}},
+        box, kVoxel, {.half = true});
     auto const grid = vdb_grids::read(path, "x");
     EXPECT_EQ(vdb_grids::activeVoxels(grid), 33 * 17 * 15);
     for (auto const& [p, value] : vdb_grids::voxels(grid)) ASSERT_EQ(value, p.x);
