@@ -94,7 +94,7 @@ py::object makeHolder(std::shared_ptr<FunctionSlot> slot, py::handle function) {
 
 std::string nameOf(py::handle function) {
     py::object const name = py::getattr(function, "__name__", py::none());
-    if (PyUnicode_Check(name.ptr())) return name.cast<std::string>();
+    if (PyUnicode_Check(name.ptr())) return textOf(name);
     return typeName(function);
 }
 

@@ -122,10 +122,19 @@ void addNodeClasses(py::module_& module) {
 
 std::string docOf(NodeClass const& nodeClass) {
     std::string signature, list;
+    bool hasDefaults = false, isKeyword = false;
     for (ParameterInfo const& parameter : nodeClass.parameters) {
+        // A signature of Python has no parameter without a default after one with a default, but
+        // among those that are given by keyword.
+        bool const hasDefault = parameter.defaultValue.index() != 0;
+        if (hasDefaults && !hasDefault && !isKeyword) {
+            signature += ", *";
+            isKeyword = true;
+        }
+        hasDefaults = hasDefaults || hasDefault;
         signature += (signature.empty() ? "" : ", ") + parameter.name;
         list += "\n    " + parameter.name + ": " + kindText(parameter.kind);
-        if (parameter.defaultValue.index() == 0) continue;
+        if (!hasDefault) continue;
         std::string const text = defaultText(parameter.defaultValue);
         signature += '=' + text;
         list += ", " + text + " by default";

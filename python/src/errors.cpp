@@ -57,6 +57,13 @@ void setError(std::exception_ptr const& exception) {
     }
 }
 
+std::string textOf(py::handle str) {
+    Py_ssize_t size = 0;
+    char const* const text = PyUnicode_AsUTF8AndSize(str.ptr(), &size);
+    if (!text) throw py::error_already_set();
+    return {text, static_cast<std::size_t>(size)};
+}
+
 std::string typeName(py::handle object) {
     return Py_TYPE(object.ptr())->tp_name;
 }
@@ -65,7 +72,7 @@ std::string shown(py::handle object) {
     constexpr std::size_t kMost = 60;
     std::string text;
     try {
-        text = py::repr(object);
+        text = textOf(py::repr(object));
     } catch (py::error_already_set&) {
         return typeName(object);
     }

@@ -35,6 +35,8 @@ template <class Work> PyObject* guardedObject(Work const& work) {
     return guarded<PyObject*>(nullptr, work);
 }
 
+/// The text of a str, in UTF-8. Throws UnicodeEncodeError, a ValueError, if it is none.
+std::string textOf(py::handle str);
 /// The name of an object's type, such as "str", for an error.
 std::string typeName(py::handle object);
 /// The same with a short form of the object: `str 'one'`.

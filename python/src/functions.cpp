@@ -41,7 +41,7 @@ Arguments argumentsOf(NodeClass const& nodeClass, py::args const& args, py::hand
     for (std::size_t i = 0; i < args.size(); ++i) found.values[i] = args[i];
     if (!keywords) return found;
     for (auto const& [key, value] : py::reinterpret_borrow<py::dict>(keywords)) {
-        auto const word = key.cast<std::string>();
+        std::string const word = textOf(key);
         auto const at = std::find_if(parameters.begin(), parameters.end(),
                                      [&](ParameterInfo const& one) { return one.name == word; });
         if (at == parameters.end() && word == "volume" && nodeClass.isBound) {
@@ -135,8 +135,9 @@ std::string inSmallLetters(std::string_view name) {
     };
     std::string text;
     for (std::size_t i = 0; i < name.size(); ++i) {
-        bool const begins = std::isupper(at(i)) && i > 0 && name[i - 1] != '_' &&
-                            (!std::isupper(at(i - 1)) || std::islower(at(i + 1)));
+        bool const begins =
+            i > 0 && std::isupper(at(i)) &&
+            (std::islower(at(i - 1)) || (std::isupper(at(i - 1)) && std::islower(at(i + 1))));
         if (begins) text += '_';
         text += static_cast<char>(std::tolower(at(i)));
     }

@@ -18,15 +18,16 @@ namespace zel::python {
 namespace {
 
 /// Objects and types are shared by all that import the module, which two interpreters must not do.
+bool isMainInterpreter() {
+    return PyInterpreterState_Get() == PyInterpreterState_Main();
+}
+constexpr char const* kOther = "zel: not to be imported by a subinterpreter";
+
 void checkInterpreter() {
-    if (PyInterpreterState_Get() != PyInterpreterState_Main())
-        throw py::import_error("zel: not to be imported by a subinterpreter");
+    if (!isMainInterpreter()) throw py::import_error(kOther);
 }
 
-}  // namespace
-
-PYBIND11_MODULE(_zel, module) {
-    checkInterpreter();
+void addAll(py::module_& module) {
     module.doc() = "Procedural fields: the part of the module zel that is written in C++.";
     module.attr("__version__") = std::to_string(ZEL_VERSION_MAJOR) + '.' +
                                  std::to_string(ZEL_VERSION_MINOR) + '.' +
@@ -46,4 +47,24 @@ PYBIND11_MODULE(_zel, module) {
     addFunctionFields(module);  // last: `field` is a name of its own
 }
 
+}  // namespace
+
 }  // namespace zel::python
+
+/// Makes the module. PYBIND11_MODULE would not do: before its body, it binds pybind11 to the
+/// interpreter that imports the module.
+extern "C" PYBIND11_EXPORT PyObject* PyInit__zel() {
+    using namespace zel::python;
+    if (!isMainInterpreter()) {
+        PyErr_SetString(PyExc_ImportError, kOther);
+        return nullptr;
+    }
+    PYBIND11_ENSURE_INTERNALS_READY
+    static PyModuleDef definition;
+    auto module = py::module_::create_extension_module("_zel", nullptr, &definition);
+    try {
+        addAll(module);
+        return module.ptr();
+    }
+    PYBIND11_CATCH_INIT_EXCEPTIONS
+}

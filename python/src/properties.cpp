@@ -71,7 +71,7 @@ py::dict dictOf(py::handle given, char const* where) {
 std::string nameOf(py::handle key, char const* where) {
     if (!PyUnicode_Check(key.ptr()))
         throw py::type_error(std::string(where) + ": wanted names as keys, got " + shown(key));
-    auto name = key.cast<std::string>();
+    std::string name = textOf(key);
     if (name.empty() || name.find('\0') != std::string::npos)
         throw py::value_error(std::string(where) + ": wanted a name, got " + shown(key));
     return name;

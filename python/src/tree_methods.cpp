@@ -14,7 +14,7 @@ namespace zel::python {
 namespace {
 
 /// Text of C++, in which names need not be UTF-8.
-py::object textOf(std::string const& text) {
+py::object fromText(std::string const& text) {
     auto made = py::reinterpret_steal<py::object>(
         PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
     if (!made) throw py::error_already_set();
@@ -23,7 +23,9 @@ py::object textOf(std::string const& text) {
 
 py::object loads(py::object const& text, std::size_t depth) {
     std::string given;
-    if (PyBytes_Check(text.ptr()) || PyUnicode_Check(text.ptr()))
+    if (PyUnicode_Check(text.ptr()))
+        given = textOf(text);
+    else if (PyBytes_Check(text.ptr()))
         given = text.cast<std::string>();
     else
         throw py::type_error("zel.loads: wanted a str or bytes, got " + shown(text));
@@ -37,7 +39,7 @@ py::object loads(py::object const& text, std::size_t depth) {
 py::object describeField(py::handle self) {
     std::string text = describe(fieldOf(self).tree);
     while (!text.empty() && text.back() == '\n') text.pop_back();
-    return textOf(text);
+    return fromText(text);
 }
 
 py::object childrenOf(py::handle self) {
@@ -54,9 +56,9 @@ py::object childrenOf(py::handle self) {
 
 py::object className(py::handle self) {
     NodeClass const* const nodeClass = findNodeClass(rootOf(fieldOf(self).tree));
-    if (nodeClass) return textOf(nodeClass->name);
+    if (nodeClass) return fromText(nodeClass->name);
     Field const& root = rootOf(fieldOf(self).tree);
-    return textOf(typeNameOf(typeid(root)));
+    return fromText(typeNameOf(typeid(root)));
 }
 
 py::object parametersOf(py::handle self) {
@@ -77,9 +79,10 @@ py::object bindReport(py::handle self) {
 }
 
 py::object inexactGradients(py::handle self) {
+    checkLevels(self);  // of which both functions of gradients call each other
     py::list names;
     for (std::string const& name : hasExactGradients(rootOf(fieldOf(self).tree)).differences)
-        names.append(textOf(name));
+        names.append(fromText(name));
     return names;
 }
 
@@ -96,14 +99,15 @@ py::object dumps(py::handle self) {
     if (hasFunction(rootOf(tree)))
         throw py::value_error("zel: a tree with a field of a Python function cannot be written as "
                               "JSON; pickle writes it if it can write the function");
-    return textOf(toJson(tree));
+    return fromText(toJson(tree));
 }
 
 py::object toDotText(py::handle self) {
-    return textOf(toDot(fieldOf(self).tree));
+    return fromText(toDot(fieldOf(self).tree));
 }
 
 py::object exactGradients(py::handle self) {
+    checkLevels(self);
     FieldObject const& field = fieldOf(self);
     Tree const tree =
         std::visit([](auto const& root) -> Tree { return withExactGradients(root); }, field.tree);

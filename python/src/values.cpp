@@ -65,7 +65,7 @@ template <std::size_t count>
 int numberOf(py::handle object, Name const (&names)[count], std::string const& where) {
     std::string wanted;
     if (PyUnicode_Check(object.ptr())) {
-        auto const text = object.cast<std::string>();
+        std::string const text = textOf(object);
         for (Name const& one : names)
             if (text == one.name) return one.value;
     }
@@ -242,7 +242,7 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
         return toDirection(object, where);
     case ValueKind::kString:
         if (!PyUnicode_Check(object.ptr())) refuse(where, "a str", object);
-        return Quern::String(object.cast<std::string>());
+        return Quern::String(textOf(object));
     case ValueKind::kSampler:
         if (PyLong_Check(object.ptr())) {
             ParameterInfo number;

