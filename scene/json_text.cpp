@@ -1,10 +1,10 @@
 #include "zel_scene/json_text.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "zel_scene/error.h"
+#include "zel_scene/nlohmann_json.h"
 #include "zel_scene/utf8.h"
 
 namespace zel::detail {
