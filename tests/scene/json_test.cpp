@@ -187,6 +187,8 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
     Case const cases[] = {
         {"", "line 1, column 1: syntax error"},
         {"{\"version\": 1,\n \"root\": }", "line 2, column 10: syntax error"},
+        {"{\"version\": 1,\n\"root\": 1}" + std::string("\0garbage", 8),
+         "line 2, column 11: syntax error: a byte 0 after the end of the scene"},
         {"[1]", "/: wanted an object with a member \"root\", found an array of 1"},
         {R"({"root": 1})", "/: wanted a member \"version\": 1"},
         {R"({"version": 2, "root": 1})", "/version: wanted the version 1, found 2"},
