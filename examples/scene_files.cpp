@@ -20,6 +20,8 @@ std::string readFile(std::string const& scene) {
     if (!scene.ends_with(".json") && !std::filesystem::exists(file))
         throw std::runtime_error("no scene is named '" + scene +
                                  "'; --list shows them all, and a file ends in .json");
+    if (std::filesystem::is_directory(file))
+        throw std::runtime_error(file.string() + ": is a folder, not a scene");
     std::ifstream stream(file, std::ios::binary);
     std::string text(std::istreambuf_iterator<char>(stream), {});
     if (!stream) throw std::runtime_error(file.string() + ": cannot be read");

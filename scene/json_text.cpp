@@ -1,10 +1,10 @@
 #include "zel_scene/json_text.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <vector>
 
 #include "zel_scene/error.h"
+#include "zel_scene/nlohmann_json.h"
 #include "zel_scene/utf8.h"
 
 namespace zel::detail {
@@ -42,18 +42,21 @@ struct JsonText::Builder : nlohmann::json_sax<nlohmann::json> {
     }
     bool parse_error(std::size_t position, std::string const& /*token*/,
                      nlohmann::json::exception const& error) override {
-        // The position is the number of bytes read, the faulty one included.
-        std::size_t const at = std::min(position == 0 ? 0 : position - 1, source.size());
-        std::string_view const before = source.substr(0, at);
-        auto const line = static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'));
-        std::size_t const start = before.rfind('\n') + 1;  // 0 if there is none
         std::string message = error.what();
         for (std::string_view const lead : {"] ", ": "})  // the number of the error, and its place
             if (auto const found = message.find(lead); found != std::string::npos)
                 message.erase(0, found + lead.size());
         // The message shows the token, which may be long, or not be UTF-8.
         constexpr std::size_t kMost = 300;
-        throw SceneError(line + 1, at - start + 1, shortened(message, kMost));
+        // The position is the number of bytes read, the faulty one included.
+        refuse(position == 0 ? 0 : position - 1, shortened(message, kMost));
+    }
+
+    [[noreturn]] void refuse(std::size_t at, std::string const& message) const {
+        std::string_view const before = source.substr(0, at);
+        auto const line = static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n'));
+        std::size_t const start = before.rfind('\n') + 1;  // 0 if there is none
+        throw SceneError(line + 1, before.size() - start + 1, message);
     }
 
     bool add(Type type, std::string_view text) {
@@ -112,6 +115,9 @@ JsonText::JsonText(std::string_view text, std::size_t mostBytes, std::size_t mos
     m_texts.reserve(text.size());
     Builder builder(*this, text, mostLevels);
     nlohmann::json::sax_parse(text.begin(), text.end(), &builder);
+    // The parser takes a byte 0 for the end of the text.
+    if (auto const zero = text.find('\0'); zero != std::string_view::npos)
+        builder.refuse(zero, "syntax error: a byte 0 after the end of the scene");
 }
 
 std::string JsonText::path(std::uint32_t at) const {

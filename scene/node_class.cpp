@@ -12,6 +12,7 @@
 
 #include "zel/node/type_name.h"
 #include "zel_scene/library_classes.h"
+#include "zel_scene/utf8.h"
 
 namespace zel {
 
@@ -28,6 +29,7 @@ public:
         check(added);
         std::unique_lock const lock(m_mutex);
         if (m_byName.contains(added.name)) refuse(added, "the name is taken");
+        refuseShortNames(added);
         if (auto const known = m_byType.find(*added.type); known != m_byType.end())
             refuse(added, "the class is registered as \"" + known->second->name + '"');
         NodeClass const& kept = m_classes.emplace_back(std::move(added));
@@ -57,13 +59,32 @@ public:
 private:
     [[noreturn]] static void refuse(NodeClass const& added, std::string const& why) {
         throw std::invalid_argument("zel::registerNode: " + std::string(typeNameOf(*added.type)) +
-                                    " as \"" + added.name + "\": " + why);
+                                    " as \"" + detail::shortened(added.name) + "\": " + why);
+    }
+
+    /// A file finds a class by its full name, or by the name without the prefix of its kind: no
+    /// class may have a name of both sorts.
+    void refuseShortNames(NodeClass const& added) const {
+        for (std::string_view const prefix : {"ScalarField", "VectorField"}) {
+            std::string const longName = std::string(prefix) + added.name;
+            if (m_byName.contains(longName)) refuse(added, "files have this name for " + longName);
+            if (!added.name.starts_with(prefix)) continue;
+            std::string const shortName = added.name.substr(prefix.size());
+            if (m_byName.contains(shortName))
+                refuse(added, "files would have the name of " + shortName + " for it");
+        }
     }
 
     static void check(NodeClass const& added) {
         if (added.name.empty()) refuse(added, "the name is empty");
+        if (!detail::isUtf8(added.name)) refuse(added, "the name is not UTF-8");
+        // Files may put this before the name of any class.
+        if (added.name.starts_with("zel::")) refuse(added, "the name begins with \"zel::\"");
         std::set<std::string_view> names{"", "type", "children", "comment"};
         for (ParameterInfo const& parameter : added.parameters) {
+            if (!detail::isUtf8(parameter.name))
+                refuse(added, "the name of a parameter is not UTF-8: " +
+                                  detail::shortened(parameter.name));
             if (!names.insert(parameter.name).second)
                 refuse(added, "a parameter cannot be named \"" + parameter.name +
                                   "\", or has that name twice");

@@ -98,9 +98,11 @@ ZEL_SCENE_API NodeClass const* findNodeClass(Field const& node);
 ZEL_SCENE_API std::vector<NodeClass const*> nodeClasses();
 
 /// Registers a class; registerNode() in register_node.h makes it. Throws std::invalid_argument if
-/// the name is empty or taken, if the class has another name already, or if the name of a parameter
-/// is empty, appears twice, or is one of "type", "children" and "comment", which files use. The
-/// name "exactGradient" is that of a parameter of type bool which is false by default.
+/// the name is empty, taken, not UTF-8 or begins with "zel::", or if it is another class without
+/// the prefix "ScalarField" or "VectorField", such as "Sphere", or the other way round, since files
+/// may leave these out; if the class has another name already; or if the name of a parameter is
+/// empty, not UTF-8, appears twice, or is one of "type", "children" and "comment", which files use.
+/// The name "exactGradient" is that of a parameter of type bool which is false by default.
 ZEL_SCENE_API void addNodeClass(NodeClass added);
 
 }  // namespace zel

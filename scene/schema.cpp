@@ -1,9 +1,9 @@
 #include "zel_scene/schema.h"
 
-#include <algorithm>
-#include <nlohmann/json.hpp>
+#include <charconv>
 
 #include "zel_scene/json.h"
+#include "zel_scene/nlohmann_json.h"
 #include "zel_scene/node_class.h"
 #include "zel_scene/value_text.h"
 
@@ -92,6 +92,20 @@ Json values() {
     return all;
 }
 
+/// A default value. The parser would read fractions by the decimal point of the locale.
+Json jsonOf(Value const& value) {
+    if (auto const* const vector = std::get_if<float3>(&value))
+        return {jsonOf(vector->x), jsonOf(vector->y), jsonOf(vector->z)};
+    std::string text;
+    detail::appendJson(text, value);
+    bool const isNumber =
+        std::holds_alternative<float>(value) || std::holds_alternative<double>(value);
+    if (!isNumber || text.find('.') == std::string::npos) return Json::parse(text);
+    double number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
 /// All names by which files may call a class.
 std::vector<std::string> namesOf(NodeClass const& one) {
     std::vector<std::string> names{one.name, "zel::" + one.name};
@@ -107,9 +121,7 @@ Json definitionOf(NodeClass const& one) {
     for (ParameterInfo const& parameter : one.parameters) {
         Json property = reference(nameOf(parameter.kind));
         if (parameter.defaultValue.index() != 0) {
-            std::string text;
-            detail::appendJson(text, parameter.defaultValue);
-            property = {{"allOf", {property}}, {"default", Json::parse(text)}};
+            property = {{"allOf", {property}}, {"default", jsonOf(parameter.defaultValue)}};
         } else if (one.chain != Chain::kNone && isField(parameter.kind)) {
             children.push_back(parameter.name);
         } else {

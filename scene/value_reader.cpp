@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <stdexcept>
 
 #include "zel/field/math.h"
@@ -119,7 +120,15 @@ Value readDirection(JsonText const& json, std::uint32_t at) {
         if (json[at].type != Type::kArray) refuse(json, at, wantedText(ValueKind::kUnitVector));
         float3 const vector = readVector(json, at);
         float const length = Orvane::Math::length(vector);
-        if (length == 0) refuse(json, at, "a direction [x, y, z] that is not zero");
+        // Its square must neither overflow nor lose digits, or the quotient is no unit vector.
+        if (length < 0x1p-63F || std::isinf(length)) {
+            std::string found;
+            for (std::uint32_t const element : elements(json, at))
+                found += (found.empty() ? "[" : ", ") + json.shown(element);
+            throw SceneError(json.path(at), "wanted a direction [x, y, z] of a length from 1.1e-19 "
+                                            "to 1.8e19, found " +
+                                                found + ']');
+        }
         return UnitVector(vector / length);
     }
     constexpr std::array<std::string_view, 1> kNames{"unit"};

@@ -184,9 +184,16 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
     struct Case {
         std::string text, error;
     };
+    auto const normal = [](std::string const& components) {
+        return scene(R"({"type": "Plane", "normal": [)" + components + "]}");
+    };
+    std::string const noDirection = "/root/normal: wanted a direction [x, y, z] of a length from "
+                                    "1.1e-19 to 1.8e19, found ";
     Case const cases[] = {
         {"", "line 1, column 1: syntax error"},
         {"{\"version\": 1,\n \"root\": }", "line 2, column 10: syntax error"},
+        {"{\"version\": 1,\n\"root\": 1}" + std::string("\0garbage", 8),
+         "line 2, column 11: syntax error: a byte 0 after the end of the scene"},
         {"[1]", "/: wanted an object with a member \"root\", found an array of 1"},
         {R"({"root": 1})", "/: wanted a member \"version\": 1"},
         {R"({"version": 2, "root": 1})", "/version: wanted the version 1, found 2"},
@@ -236,8 +243,11 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {scene(R"({"type": "ScalarOrvane", "channel": "d", "sampler": "cubic"})"),
          "/root/sampler: wanted a sampler, \"linear\", \"cubicC0\" or \"cubicC1\", found "
          "\"cubic\""},
-        {scene(R"({"type": "Plane", "normal": [0, 0, 0]})"),
-         "/root/normal: wanted a direction [x, y, z] that is not zero, found an array of 3"},
+        {normal("0, 0, 0"), noDirection + "[0, 0, 0]"},
+        {normal("-1e20, 0, 3"), noDirection + "[-1e20, 0, 3]"},
+        {normal("0, 3e-20, 0"), noDirection + "[0, 3e-20, 0]"},
+        {normal("0, 0, \"inf\""), noDirection + "[0, 0, \"inf\"]"},
+        {normal("1e19, 1e-18, 0"), "none"},
         {scene(R"({"type": "FCurve", "field": 1, "curve": {"keys": [[1, 0], [1, 2]]}})"),
          "/root/curve: "},
         {scene(R"({"type": "Negative", "field": "bal"})", R"({"ball": 1})"),

@@ -22,16 +22,19 @@ for scene in "$source"/examples/scenes/*.json; do
 done
 [ "$count" -ge 15 ]
 
-# Files read the same where numbers have a decimal comma.
-localedef -c -i de_DE -f UTF-8 ./de_DE.UTF-8 >/dev/null 2>&1 || true
+# Files read the same where numbers have a decimal comma, or a decimal point of several bytes.
 export LOCPATH=$folder
-if [ "$(LC_ALL=de_DE.UTF-8 locale decimal_point)" = , ]; then
+for locale in de_DE ps_AF; do
+    localedef -c -i $locale -f UTF-8 ./$locale.UTF-8 >/dev/null 2>&1 || true
+    if [ "$(LC_ALL=$locale.UTF-8 locale decimal_point)" = . ]; then
+        echo "skipped: the locale $locale cannot be made here"
+        continue
+    fi
     for scene in "$source"/examples/scenes/*.json; do
-        LC_ALL=de_DE.UTF-8 "$tool" json "$scene" | cmp - "$(basename "$scene")"
+        LC_ALL=$locale.UTF-8 "$tool" json "$scene" | cmp - "$(basename "$scene")"
     done
-else
-    echo "skipped: no locale with a decimal comma can be made here"
-fi
+    LC_ALL=$locale.UTF-8 "$tool" schema | cmp - schema.json
+done
 unset LOCPATH
 
 # What the reader refuses, the schema refuses.

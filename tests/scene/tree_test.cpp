@@ -91,7 +91,19 @@ TEST(NodeClass, OfAUserTakesPart) {
     struct Another : ScalarField {};
     EXPECT_THAT(messageOf([] { registerNode<Another>("ScalarFieldAdd"); }),
                 HasSubstr("as \"ScalarFieldAdd\": the name is taken"));
-    EXPECT_THROW(registerNode<Another>(""), std::invalid_argument);
+    struct Third : ScalarField {};
+    registerNode<Third>("Third");
+    for (auto const& [name, why] : std::vector<std::pair<std::string, std::string>>{
+             {"", "the name is empty"},
+             {"a\xff", "as \"a?\": the name is not UTF-8"},
+             {"zel::Another", "the name begins with \"zel::\""},
+             {"Sphere", "files have this name for ScalarFieldSphere"},
+             {"VectorFieldThird", "files would have the name of Third for it"}})
+        EXPECT_THAT(messageOf([&, &given = name] { registerNode<Another>(given); }),
+                    HasSubstr(why));
+    NodeClass unreadable = nodeClassOf<Everything>("Unreadable");
+    unreadable.parameters[0].name = "\xff";
+    EXPECT_THAT(messageOf([&] { addNodeClass(unreadable); }), HasSubstr("is not UTF-8: ?"));
     EXPECT_EQ(findNodeClass("Other"), nullptr);
     EXPECT_EQ(findNodeClass(*tree), findNodeClass("Everything"));
     // A class derived from a registered one is another class.
