@@ -102,9 +102,12 @@ pages)
     for page in "$source/README.md" "$source"/docs/*.md; do extract "$page"; done
     scene=$(find "$package/shared" -name 'libzel_scene.so')
     [ -n "$scene" ] || rm scenes-*
+    exchange=$(find "$package/shared" -name 'libzel_exchange.so')
+    [ -n "$exchange" ] || rm exchange-*
     for program in *.cpp; do
         echo "$program"
-        compile "$program" -O2 -Wall -Wextra -Werror ${scene:+"$scene"}
+        compile "$program" -O2 -Wall -Wextra -Werror ${scene:+"$scene"} \
+            ${exchange:+"$exchange"}
         "./${program%.cpp}" >output
         [ ! -e "${program%.cpp}.txt" ] || diff output "${program%.cpp}.txt"
     done
