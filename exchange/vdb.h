@@ -26,7 +26,7 @@ using Core::Fields::VectorField;
 
 /// A grid of a file, without its voxels.
 struct ZEL_EXCHANGE_API VdbGrid {
-    /// The grid's name; a second grid of the same name is "density[1]".
+    /// The grid's name; grids of the same name are "density[0]", "density[1]" and so on.
     std::string name;
     /// The type of a value, as OpenVDB names it, such as "float", "vec3s", "double" or
     /// "ptdataidx32".
@@ -90,8 +90,9 @@ struct ZEL_EXCHANGE_API VdbVolume {
     VectorPtr vector(std::string const& name, SamplerType sampler = SamplerType::kLinear) const;
 };
 
-/// Reads grids of a file over one tree, which is fine where one of them needs it. Values of `float`
-/// and `double`, and vectors of three of these, are read, halves among them.
+/// Reads grids of a file over one tree, which is fine where one of them needs it. Of several grids
+/// of one name, the name alone is that of the first. Values of `float` and `double`, and vectors of
+/// three of these, are read, halves among them.
 ///
 /// If a level set has no negative value outside its active voxels, its inside is filled as
 /// openvdb::tools::signedFloodFill does.
@@ -101,9 +102,10 @@ struct ZEL_EXCHANGE_API VdbVolume {
 /// voxels outside the tree, which reaches 2^29 voxels from the origin; for a transform that is not
 /// affine, by its name, or that cannot be inverted; for grids whose transforms differ; and for more
 /// than `maxTiles` tiles. Also if the memory does not suffice.
-ZEL_EXCHANGE_API VdbVolume readVdb(std::filesystem::path const& path,
-                                   std::vector<std::string> const& gridNames,
-                                   ReadVdbOptions const& options = {});
+ZEL_EXCHANGE_API VdbVolume readVdbGrids(std::filesystem::path const& path,
+                                        std::vector<std::string> const& gridNames,
+                                        ReadVdbOptions const& options = {});
+/// The same, of one grid.
 ZEL_EXCHANGE_API VdbVolume readVdb(std::filesystem::path const& path, std::string const& gridName,
                                    ReadVdbOptions const& options = {});
 
