@@ -13,6 +13,14 @@ import unittest
 
 import numpy as np
 
+try:
+    import openvdb
+except ImportError:
+    try:
+        import pyopenvdb as openvdb
+    except ImportError:
+        openvdb = None
+
 zel, source = os.path.abspath(sys.argv.pop(1)), os.path.abspath(sys.argv.pop(1))
 subcommands = ["show", "eval", "slice", "volume", "mesh", "render", "info", "bench"]
 generator = np.random.default_rng(7)
@@ -100,8 +108,9 @@ class Test(unittest.TestCase):
         np.testing.assert_array_equal(out["value_x"][100:], -out["y"][100:])
         np.testing.assert_array_equal(out["value_y"][:100].astype("f4"), points[:100, 0])
         self.assertTrue((out["gradient_yx"] == 1).all() and (out["gradient_xy"] == -1).all())
-        table = run("eval", "-", "points.csv", stdin=open(self.ball)).stdout
-        self.assertEqual(table, run("eval", self.ball, "-", stdin=open("points.csv")).stdout)
+        with open(self.ball) as ball, open("points.csv") as points:
+            table = run("eval", "-", "points.csv", stdin=ball).stdout
+            self.assertEqual(table, run("eval", self.ball, "-", stdin=points).stdout)
         run("eval", self.ball, "points.csv", "-o", "out.ply")
         run("eval", self.ball, "out.ply", "-o", "again.csv")
         with open("again.csv") as file:
@@ -205,6 +214,24 @@ class Test(unittest.TestCase):
             extra = box if arguments[0] != "render" else []
             self.refused("twist.json: is a vector field", arguments[0], self.twist, *arguments[1:], *extra,
                          "-o", "new." + suffix)
+
+    @unittest.skipUnless(openvdb, "needs python3-openvdb")
+    def test_volumes_that_are_turned(self):
+        i = np.indices((20, 20, 20))
+        grid = openvdb.FloatGrid()
+        grid.copyFromArray((i[0] + 2 * i[1] + 3 * i[2]).astype("f4"))
+        grid.name = "ramp"
+        map = np.array([[0.1, 0.02, 0, 0], [-0.03, 0.2, 0, 0], [0, 0.01, 0.1, 0], [1, 2, 3, 1]])
+        grid.transform = openvdb.createLinearTransform(map.tolist())
+        openvdb.write("ramp.vdb", grids=[grid])
+        points = (np.c_[generator.uniform(3, 15, (1000, 3)), np.ones(1000)] @ map)[:, :3].astype("f4")
+        np.save("points.npy", points)
+        wanted = (np.c_[points, np.ones(1000)] @ np.linalg.inv(map))[:, :3] @ [1, 2, 3]
+        leaf = {"type": "ScalarOrvaneTriggered", "channel": "height"}
+        for root in (leaf, {"type": "ScalarOrvane", "channel": "height"},
+                     {"type": "ScalarFieldLerp", "a": leaf, "b": leaf, "t": 0.5}):
+            run("eval", scene("leaf.json", root), "points.npy", "-o", "out.npy", "--bind", "height=ramp.vdb:ramp")
+            np.testing.assert_allclose(np.load("out.npy"), wanted, atol=1e-4)
 
     def test_show_and_bench(self):
         self.assertEqual(run("show", self.ball).stdout, "zel::ScalarFieldSphere center=(0.5, 0, 0) radius=1\n")
