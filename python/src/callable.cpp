@@ -80,7 +80,7 @@ void callFunction(FunctionSlot const& slot, Columns<float3> const& positions, in
     constexpr bool kIsVector = std::is_same_v<T, float3>;
     Lock const lock;
     auto const function = py::reinterpret_borrow<py::object>(slot.function);
-    if (!function) throw std::runtime_error("zel.field: the function is gone");
+    if (!function) throw std::runtime_error("zel.field: the field has no function");
     // A new array, which the function may keep.
     py::array xyz = newFloats({count, 3});
     auto* const to = static_cast<float*>(xyz.mutable_data());
