@@ -65,7 +65,7 @@ spheres = zel.min(*[zel.sphere(center, 0.5) for center in centers])
 xyz = rng.uniform(-1.5, 1.5, (10_000_000, 3)).astype(np.float32)
 
 for name, tree in [("11 spheres", spheres), ("noise", spheres - 0.3 * zel.simplex_noise(seed=7))]:
-    cpp, out, new = compare(tree, xyz, 1, 9)
+    cpp, out, new = compare(tree, xyz, 1, 25)
     print(f"10^7 points, {name}: C++ {cpp * 1e3:.1f} ms; Python with out= {out * 1e3:.1f} ms, "
           f"{out / cpp:.3f} times; with a new array {new * 1e3:.1f} ms")
     cpp, out, new = compare(tree, xyz[:16], 10_000, 20)

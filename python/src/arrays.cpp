@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <utility>
 
 #include "errors.h"
 
@@ -91,7 +90,7 @@ bool hasFloats(py::array const& array) {
 }
 
 std::string shapeText(py::array const& array) {
-    return shapeText(Shape(array.shape(), array.shape() + array.ndim()));
+    return shapeText(Shape(array));
 }
 
 std::string shapeText(Shape const& shape) {
@@ -122,6 +121,15 @@ py::array floatsOf(py::handle object, std::string const& where) {
     return fromAny(array, floatType(), Api::NPY_ARRAY_FORCECAST_ | Api::NPY_ARRAY_ALIGNED_);
 }
 
+py::array newFloats(Shape const& shape) {
+    Py_INCREF(floatType());  // the function takes it
+    auto made = py::reinterpret_steal<py::object>(Api::get().PyArray_NewFromDescr_(
+        Api::get().PyArray_Type_, floatType(), static_cast<int>(shape.size()), shape.begin(),
+        nullptr, nullptr, 0, nullptr));
+    if (!made) throw py::error_already_set();
+    return py::reinterpret_steal<py::array>(made.release());
+}
+
 py::array copyOf(py::array const& array) {
     return fromAny(array, floatType(),
                    Api::NPY_ARRAY_C_CONTIGUOUS_ | Api::NPY_ARRAY_ALIGNED_ |
@@ -140,14 +148,14 @@ Points pointsOf(py::handle object, std::string const& where) {
     if (array.ndim() == 0 || array.shape(array.ndim() - 1) != 3)
         throw py::value_error(where + ": wanted positions of shape (..., 3), got shape " +
                               shapeText(array));
-    points.leading.assign(array.shape(), array.shape() + array.ndim() - 1);
+    points.leading = Shape(array, array.ndim() - 1);
     if (!setView(points)) points.copy();
     return points;
 }
 
-Result::Result(py::handle out, Shape shape, char const* name) : m_isOut(!out.is_none()) {
+Result::Result(py::handle out, Shape const& shape, char const* name) : m_isOut(!out.is_none()) {
     if (!m_isOut) {
-        m_target = py::array(py::reinterpret_borrow<py::dtype>(floatType()), std::move(shape));
+        m_target = newFloats(shape);
         m_written = m_target;
         m_data = static_cast<float*>(m_written.mutable_data());
         return;
@@ -159,15 +167,13 @@ Result::Result(py::handle out, Shape shape, char const* name) : m_isOut(!out.is_
     if (!hasFloats(m_target))
         throw py::type_error(std::string(name) + ": wanted an array of float32, got " +
                              dtypeText(m_target));
-    if (Shape(m_target.shape(), m_target.shape() + m_target.ndim()) != shape)
+    if (Shape(m_target) != shape)
         throw py::value_error(std::string(name) + ": wanted shape " + shapeText(shape) + ", got " +
                               shapeText(m_target));
     if (!m_target.writeable())
         throw py::value_error(std::string(name) + ": the array is read-only");
     bool const isPlain = (m_target.flags() & py::array::c_style) != 0 && isAligned(m_target);
-    m_written = isPlain
-                    ? m_target
-                    : py::array(py::reinterpret_borrow<py::dtype>(floatType()), std::move(shape));
+    m_written = isPlain ? m_target : newFloats(shape);
     m_data = static_cast<float*>(m_written.mutable_data());
 }
 
@@ -202,7 +208,7 @@ Quern::Ptr<Quern::Array<Orvane::Math::float3>> toVectors(py::handle object,
 }
 
 py::array arrayOf(Quern::Array<Orvane::Math::float3> const& vectors) {
-    py::array array(py::reinterpret_borrow<py::dtype>(floatType()), Shape{vectors.size(), 3});
+    py::array array = newFloats(Shape{vectors.size(), 3});
     if (vectors.size() > 0)
         std::memcpy(array.mutable_data(), vectors.data(), static_cast<std::size_t>(array.nbytes()));
     return array;

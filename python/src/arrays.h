@@ -2,8 +2,10 @@
 
 #include <pybind11/numpy.h>
 
+#include <algorithm>
+#include <array>
+#include <initializer_list>
 #include <string>
-#include <vector>
 
 #include "zel/field/evaluate.h"
 #include "zel_platform/quern_core/array.h"
@@ -14,7 +16,39 @@ namespace zel::python {
 
 namespace py = pybind11;
 
-using Shape = std::vector<py::ssize_t>;
+/// The lengths of an array's dimensions. Needs no allocation.
+class Shape {
+public:
+    Shape() = default;
+    Shape(std::initializer_list<py::ssize_t> list) {
+        for (py::ssize_t const length : list) push_back(length);
+    }
+    /// The first dimensions of an array; all of them by default.
+    explicit Shape(py::array const& array, py::ssize_t dimensions = kMost) {
+        m_count = static_cast<std::size_t>(std::min(array.ndim(), dimensions));
+        std::copy_n(array.shape(), m_count, m_lengths.begin());
+    }
+
+    /// Throws ValueError beyond the dimensions that NumPy has.
+    void push_back(py::ssize_t length) {
+        if (m_count == kMost) throw py::value_error("zel: an array has at most 32 dimensions");
+        m_lengths[m_count++] = length;
+    }
+    std::size_t size() const { return m_count; }
+    bool empty() const { return m_count == 0; }
+    py::ssize_t const* begin() const { return m_lengths.data(); }
+    py::ssize_t const* end() const { return begin() + m_count; }
+    py::ssize_t operator[](std::size_t i) const { return m_lengths[i]; }
+    bool operator==(Shape const& other) const {
+        return std::equal(begin(), end(), other.begin(), other.end());
+    }
+
+private:
+    static constexpr std::size_t kMost = 32;
+
+    std::array<py::ssize_t, kMost> m_lengths;
+    std::size_t m_count = 0;
+};
 
 bool isArray(py::handle object);
 /// Whether an array has the elements of float32 in the order of the machine.
@@ -29,6 +63,8 @@ std::string dtypeText(py::array const& array);
 py::array numbersOf(py::handle object, std::string const& where);
 /// The same converted to float32. An array of float32 is returned as it is; others are copies.
 py::array floatsOf(py::handle object, std::string const& where);
+/// A new array of float32 in the order of C.
+py::array newFloats(Shape const& shape);
 /// A copy in the order of C, aligned.
 py::array copyOf(py::array const& array);
 
@@ -48,7 +84,7 @@ class Result {
 public:
     /// `out` is None or the caller's array, which must be of float32, of exactly that shape and
     /// writable: else throws TypeError or ValueError.
-    Result(py::handle out, Shape shape, char const* name);
+    Result(py::handle out, Shape const& shape, char const* name);
 
     float* data() { return m_data; }
     /// Whether the memory between the first and the last element has a byte in common.

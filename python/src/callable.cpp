@@ -2,11 +2,9 @@
 
 #include <pybind11/numpy.h>
 
-#include <chrono>
-#include <thread>
-
 #include "arrays.h"
 #include "errors.h"
+#include "interrupt.h"
 #include "tree_walk.h"
 #include "zel/node/node_impl.h"
 #include "zel_scene/register_node.h"
@@ -15,41 +13,18 @@ namespace zel::python {
 
 namespace {
 
-/// The functions that run, or wait for the interpreter's lock, and whether the interpreter shuts
-/// down: it then ends a thread that waits for its lock, which a task of oneTBB does not survive.
-std::atomic<int> functionsAtWork = 0;
-std::atomic<bool> isShuttingDown = false;
-
 /// Holds the interpreter's lock in a thread of any kind.
 class Lock {
 public:
-    Lock() {
-        ++functionsAtWork;
-        if (isShuttingDown) {
-            --functionsAtWork;
-            throw std::runtime_error("zel.field: the interpreter shuts down");
-        }
-        m_state = PyGILState_Ensure();
-    }
-    ~Lock() {
-        PyGILState_Release(m_state);
-        --functionsAtWork;
-    }
+    Lock() : m_state(PyGILState_Ensure()) {}
+    ~Lock() { PyGILState_Release(m_state); }
     Lock(Lock const&) = delete;
     Lock& operator=(Lock const&) = delete;
 
 private:
+    AtWork m_atWork;  // first: throws if the lock cannot be had any more
     PyGILState_STATE m_state;
 };
-
-void beginShutDown() {
-    isShuttingDown = true;
-    PyThreadState* const state = PyEval_SaveThread();
-    // Functions that wait for another thread are given up after a while.
-    for (int i = 0; functionsAtWork > 0 && i < 5000; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    PyEval_RestoreThread(state);
-}
 
 // FunctionHolder.
 
@@ -107,15 +82,15 @@ void callFunction(FunctionSlot const& slot, Columns<float3> const& positions, in
     auto const function = py::reinterpret_borrow<py::object>(slot.function);
     if (!function) throw std::runtime_error("zel.field: the function is gone");
     // A new array, which the function may keep.
-    py::array_t<float> xyz(Shape{count, 3});
-    float* const to = xyz.mutable_data();
+    py::array xyz = newFloats({count, 3});
+    auto* const to = static_cast<float*>(xyz.mutable_data());
     for (int i = 0; i < count; ++i)
         for (int axis = 0; axis < 3; ++axis)
             to[3 * i + axis] = positions.component[static_cast<std::size_t>(axis)][i];
     std::string const where = "the result of " + nameOf(function);
     py::array const result = floatsOf(function(xyz), where);
     Shape const wanted = kIsVector ? Shape{count, 3} : Shape{count};
-    if (Shape(result.shape(), result.shape() + result.ndim()) != wanted)
+    if (Shape(result) != wanted)
         throw py::value_error(where + ": wanted shape " + shapeText(wanted) + ", got " +
                               shapeText(result));
     py::array const plain = copyOf(result);
@@ -226,7 +201,7 @@ void registerFunctionNodes() {
     holderType = reinterpret_cast<PyTypeObject*>(made);
     registerNode<ScalarFieldFunction>("ScalarFieldFunction");
     registerNode<VectorFieldFunction>("VectorFieldFunction");
-    py::module_::import("atexit").attr("register")(py::cpp_function(beginShutDown));
+    watchShutDown();
 }
 
 void addFunctionFields(py::module_& module) {

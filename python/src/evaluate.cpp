@@ -93,7 +93,7 @@ long long toIndex(PyObject* object, std::size_t count) {
 }
 
 Shape withDimensions(Shape shape, std::size_t count) {
-    shape.insert(shape.end(), count, 3);
+    for (std::size_t i = 0; i < count; ++i) shape.push_back(3);
     return shape;
 }
 

@@ -1,55 +1,167 @@
 #include "interrupt.h"
 
+#include <pthread.h>
+
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
-#include <system_error>
+#include <stdexcept>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace zel::python {
 
+namespace {
+
+std::atomic<int> atWork = 0;
+std::atomic<bool> isShuttingDown = false;
+
+/// A thread that does one piece of work after another. It waits in between, and never ends.
+class Helper {
+public:
+    using Work = std::function<void(std::stop_token const&)>;
+
+    Helper() {
+        std::thread([this] { run(); }).detach();
+    }
+    Helper(Helper const&) = delete;
+    Helper& operator=(Helper const&) = delete;
+
+    void start(Work const& work) {
+        std::scoped_lock const lock(m_mutex);
+        m_stop = std::stop_source();
+        m_failure = nullptr;
+        m_work = &work;
+        m_changed.notify_all();
+    }
+    /// Waits until the work is done or the time is over, and returns whether it is done.
+    bool waitFor(std::chrono::milliseconds time) {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, time, [this] { return !m_work; });
+    }
+    void stop() { m_stop.request_stop(); }
+    std::exception_ptr failure() { return std::exchange(m_failure, nullptr); }
+
+private:
+    void run() {
+        std::unique_lock lock(m_mutex);
+        for (;;) {
+            m_changed.wait(lock, [this] { return m_work; });
+            lock.unlock();
+            try {
+                (*m_work)(m_stop.get_token());
+            } catch (...) {
+                m_failure = std::current_exception();
+            }
+            lock.lock();
+            m_work = nullptr;
+            m_changed.notify_all();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    Work const* m_work = nullptr;
+    std::stop_source m_stop;
+    std::exception_ptr m_failure;
+};
+
+/// The helpers that wait. A new thread would begin without what an earlier evaluation has prepared,
+/// and on a busy machine a time slice later.
+struct HelperPool {
+    std::mutex mutex;
+    std::vector<Helper*> waiting;
+};
+
+/// The pool of the process. A child of a fork has none of the threads, and gets another pool.
+HelperPool*& helperPool() {
+    static HelperPool* pool = [] {
+        pthread_atfork(nullptr, nullptr, [] { helperPool() = new HelperPool; });
+        return new HelperPool;
+    }();
+    return pool;
+}
+
+/// A helper while it is in use. Waits for the end of its work, also if this thread is ended.
+class HelperInUse {
+public:
+    HelperInUse() : m_pool(helperPool()) {
+        std::unique_lock lock(m_pool->mutex);
+        if (m_pool->waiting.empty()) {
+            lock.unlock();
+            m_helper = new Helper;  // lives as long as its thread
+            return;
+        }
+        m_helper = m_pool->waiting.back();
+        m_pool->waiting.pop_back();
+    }
+    ~HelperInUse() {
+        while (!m_helper->waitFor(std::chrono::hours(1))) m_helper->stop();
+        std::scoped_lock const lock(m_pool->mutex);
+        m_pool->waiting.push_back(m_helper);
+    }
+    HelperInUse(HelperInUse const&) = delete;
+    HelperInUse& operator=(HelperInUse const&) = delete;
+
+    Helper* operator->() const { return m_helper; }
+
+private:
+    HelperPool* m_pool;
+    Helper* m_helper;
+};
+
+void beginShutDown() {
+    isShuttingDown = true;
+    PyThreadState* const state = PyEval_SaveThread();
+    // Functions that wait for another thread are given up after a while.
+    for (int i = 0; atWork > 0 && i < 5000; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    PyEval_RestoreThread(state);
+}
+
+}  // namespace
+
+AtWork::AtWork() {
+    ++atWork;
+    if (!isShuttingDown) return;
+    --atWork;
+    throw std::runtime_error("zel: the interpreter shuts down");
+}
+
+AtWork::~AtWork() {
+    --atWork;
+}
+
+void watchShutDown() {
+    py::module_::import("atexit").attr("register")(py::cpp_function(beginShutDown));
+}
+
 void interruptibly(std::function<void(std::stop_token const&)> const& work) {
     constexpr std::chrono::milliseconds kPeriod(20);
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool isDone = false;
-    std::exception_ptr failure;
-    auto const run = [&](std::stop_token const& stop) {
-        try {
-            work(stop);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        std::scoped_lock const lock(mutex);
-        isDone = true;
-        changed.notify_one();
-    };
-
+    std::optional<AtWork> counted(std::in_place);
     std::optional<py::error_already_set> interruption;
-    PyThreadState* state = PyEval_SaveThread();
-    // The last local object: it joins the thread before the others end, also when the interpreter
-    // shuts down and ends this thread.
-    std::jthread thread;
-    try {
-        thread = std::jthread(run);
-    } catch (std::system_error const&) {
-        run({});  // without the means for another thread
-    }
-    for (;;) {
-        {
-            std::unique_lock lock(mutex);
-            if (changed.wait_for(lock, kPeriod, [&] { return isDone; })) break;
-        }
-        if (interruption) continue;
-        PyEval_RestoreThread(state);
-        if (PyErr_CheckSignals() != 0) {
-            interruption.emplace();
-            thread.request_stop();
-        }
+    std::exception_ptr failure;
+    PyThreadState* state = nullptr;
+    {
+        HelperInUse const helper;
         state = PyEval_SaveThread();
+        helper->start(work);
+        while (!helper->waitFor(kPeriod)) {
+            if (isShuttingDown) helper->stop();
+            if (isShuttingDown || interruption) continue;
+            PyEval_RestoreThread(state);
+            if (PyErr_CheckSignals() != 0) {
+                interruption.emplace();
+                helper->stop();
+            }
+            state = PyEval_SaveThread();
+        }
+        failure = helper->failure();
     }
-    if (thread.joinable()) thread.join();
+    counted.reset();
     PyEval_RestoreThread(state);
     if (interruption) throw std::move(*interruption);
     if (failure) std::rethrow_exception(failure);

@@ -6,7 +6,8 @@
 #include <functional>
 #include <stop_token>
 
-// Work without the global interpreter lock, and how the user interrupts it.
+// Work without the global interpreter lock, how the user interrupts it, and its end when the
+// interpreter shuts down.
 namespace zel::python {
 
 namespace py = pybind11;
@@ -26,9 +27,22 @@ template <class Work> void withoutLock(Work const& work) {
     if (failure) std::rethrow_exception(failure);
 }
 
-/// Calls `work` in a thread of its own, while the calling thread handles signals 50 times a second.
-/// If a handler raises, such as that of Ctrl-C, asks `work` to stop, waits for its end, and passes
-/// the handler's exception on; else that of `work`.
+/// Calls `work` in another thread, while the calling thread handles signals 50 times a second. If a
+/// handler raises, such as that of Ctrl-C, asks `work` to stop, waits for its end, and passes the
+/// handler's exception on; else that of `work`.
 void interruptibly(std::function<void(std::stop_token const&)> const& work);
+
+/// Work that must end before the interpreter does: oneTBB does not survive the end of a thread that
+/// waits for the interpreter's lock. Throws std::runtime_error while the interpreter shuts down.
+class AtWork {
+public:
+    AtWork();
+    ~AtWork();
+    AtWork(AtWork const&) = delete;
+    AtWork& operator=(AtWork const&) = delete;
+};
+
+/// Has all work end before the interpreter shuts down.
+void watchShutDown();
 
 }  // namespace zel::python

@@ -55,7 +55,8 @@ template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
 template <class T> py::array arrayOf(Quern::Array<T> const& values) {
     Shape shape{values.size()};
     if (kWidth < T >> 1) shape.push_back(kWidth<T>);
-    py::array array(py::dtype::of<ElementOf<T>>(), shape);
+    py::array array(py::dtype::of<ElementOf<T>>(),
+                    std::vector<py::ssize_t>(shape.begin(), shape.end()));
     if (values.size() > 0)
         std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
     return array;

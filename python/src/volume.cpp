@@ -300,7 +300,7 @@ py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object 
             for (py::ssize_t const length : shape) bytes *= static_cast<double>(length);
             if (bytes > 9e18) throw std::bad_alloc();
             if (kComponents < T >> 1) shape.push_back(kComponents<T>);
-            py::array array(py::dtype::of<float>(), shape);
+            py::array array = newFloats(shape);
             auto* const values = static_cast<T*>(array.mutable_data());
             withoutLock([&] {
                 std::fill_n(values, array.size() / kComponents<T>, samples->defaultValue());
@@ -332,7 +332,7 @@ py::tuple stateOf(Volume const& self) {
     py::list corners, channels;
     for (int depth = 0; depth <= self.tree->depth(); ++depth) {
         long long const count = self.tree->tileCount(depth);
-        py::array_t<std::int32_t> array(Shape{count, 3});
+        py::array_t<std::int32_t> array({py::ssize_t{count}, py::ssize_t{3}});
         for (long long i = 0; i < count; ++i)
             for (int axis = 0; axis < 3; ++axis)
                 array.mutable_at(i, axis) = self.tree->tile(i, depth).tijk()[axis];
@@ -345,7 +345,7 @@ py::tuple stateOf(Volume const& self) {
                 for (int depth = 0; depth <= self.tree->depth(); ++depth) {
                     Shape shape{self.tree->tileCount(depth), Traits::kSampleCount};
                     if (kComponents < T >> 1) shape.push_back(kComponents<T>);
-                    py::array array(py::dtype::of<float>(), shape);
+                    py::array array = newFloats(shape);
                     if (array.size() > 0)
                         std::memcpy(array.mutable_data(), samples->samples(TreeIndex{0, depth}),
                                     static_cast<std::size_t>(array.nbytes()));

@@ -211,17 +211,17 @@ def test_no_arguments_crash(args, cls, keyword):
 
 def test_deep_trees(xyz):
     deep = X
-    for _ in range(100_000):
+    for _ in range(40_000):
         deep = deep + 1
-    assert deep.levels == 100_001
-    with pytest.raises(RecursionError, match="100001 levels"):
+    assert deep.levels == 40_001
+    with pytest.raises(RecursionError, match="40001 levels"):
         deep(xyz)
-    assert repr(deep).count("\n") == 200_000
+    assert repr(deep).count("\n") == 80_000
     assert pickle.loads(pickle.dumps(deep)).same_tree(deep)
     with pytest.raises(RecursionError):
         deep.exact_gradients()
     assert deep.bind().same_tree(deep)
-    assert deep.children[0].children[0].levels == 99_999
+    assert deep.children[0].children[0].levels == 39_999
     with pytest.raises(zel.SceneError):
         zel.loads(deep.dumps())
     del deep
