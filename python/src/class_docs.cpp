@@ -120,8 +120,8 @@ void addNodeClasses(py::module_& module) {
         "(name, kind, text of the default or None).");
 }
 
-std::string docOf(NodeClass const& nodeClass) {
-    std::string signature, list;
+std::string signatureOf(NodeClass const& nodeClass) {
+    std::string signature;
     bool hasDefaults = false, isKeyword = false;
     for (ParameterInfo const& parameter : nodeClass.parameters) {
         // A signature of Python has no parameter without a default after one with a default, but
@@ -133,16 +133,21 @@ std::string docOf(NodeClass const& nodeClass) {
         }
         hasDefaults = hasDefaults || hasDefault;
         signature += (signature.empty() ? "" : ", ") + parameter.name;
-        list += "\n    " + parameter.name + ": " + kindText(parameter.kind);
-        if (!hasDefault) continue;
-        std::string const text = defaultText(parameter.defaultValue);
-        signature += '=' + text;
-        list += ", " + text + " by default";
+        if (hasDefault) signature += '=' + defaultText(parameter.defaultValue);
     }
-    std::string doc = nodeClass.name + '(' + signature + ")\n--\n\n";
-    doc += commentOn(nodeClass.name);
-    doc += nodeClass.isScalar ? "\n\nA scalar field." : "\n\nA vector field.";
-    if (!list.empty()) doc += "\n\nParameters:" + list;
+    return '(' + signature + ')';
+}
+
+std::string commentOf(NodeClass const& nodeClass) {
+    std::string doc(commentOn(nodeClass.name));
+    if (!doc.empty()) doc += "\n\n";
+    doc += nodeClass.isScalar ? "A scalar field." : "A vector field.";
+    if (!nodeClass.parameters.empty()) doc += "\n\nParameters:";
+    for (ParameterInfo const& parameter : nodeClass.parameters) {
+        doc += "\n    " + parameter.name + ": " + kindText(parameter.kind);
+        if (parameter.defaultValue.index() != 0)
+            doc += ", " + defaultText(parameter.defaultValue) + " by default";
+    }
     return doc;
 }
 

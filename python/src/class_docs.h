@@ -8,9 +8,11 @@
 
 namespace zel::python {
 
-/// The documentation of a node class for Python: its signature, the comment above the class in C++
-/// if it is of the library, and its parameters.
-std::string docOf(NodeClass const& nodeClass);
+/// The parameters of a node class as the signature of a function, such as "(field, exponent)".
+std::string signatureOf(NodeClass const& nodeClass);
+/// The documentation of a node class for Python: the comment above the class in C++ if it is of the
+/// library, and its parameters.
+std::string commentOf(NodeClass const& nodeClass);
 
 /// Adds _node_classes(), which lists the classes for whoever writes about them, such as the stubs.
 void addNodeClasses(pybind11::module_& module);

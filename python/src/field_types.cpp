@@ -248,7 +248,8 @@ void makeNodeType(NodeClass const& nodeClass) {
             {name, getParameter, nullptr, nullptr, reinterpret_cast<void*>(i)});
     }
     made.attributes.push_back({});
-    std::string const doc = docOf(nodeClass);
+    std::string const doc =
+        nodeClass.name + signatureOf(nodeClass) + "\n--\n\n" + commentOf(nodeClass);
     PyType_Slot slots[] = {{Py_tp_dealloc, slot(deallocate)},
                            {Py_tp_getset, made.attributes.data()},
                            {Py_tp_doc, const_cast<char*>(doc.c_str())},

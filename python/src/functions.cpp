@@ -179,15 +179,20 @@ py::object makeNode(char const* className, py::args const& args) {
 void addFunctions(py::module_& module) {
     std::map<std::string, Candidates> functions;
     for (NodeClass const* const one : nodeClasses()) functions[shortName(one->name)].push_back(one);
+    py::options withoutSignatures;
+    withoutSignatures.disable_function_signatures();
     py::dict listed;
     for (auto& [name, candidates] : functions) {
         // In the order of their names, that of scalar fields comes first.
-        std::string doc;
+        std::string signature = signatureOf(*candidates[0]), doc;
         py::list names;
         for (NodeClass const* const one : candidates) {
-            doc += (doc.empty() ? "" : "\n\n") + docOf(*one);
+            if (signatureOf(*one) != signature) signature = "(*args, **kwargs)";
+            doc += "\n\nzel." + one->name + signatureOf(*one) + "\n\n" + commentOf(*one);
             names.append(one->name);
         }
+        // In this form inspect.signature() finds the signature.
+        doc = name + signature + "\n--" + doc;
         listed[py::str(name)] = names;
         module.attr(name.c_str()) = py::cpp_function(
             [all = candidates](py::args const& args, py::kwargs const& keywords) {

@@ -99,7 +99,9 @@ public:
         m_pool->waiting.pop_back();
     }
     ~HelperInUse() {
-        while (!m_helper->waitFor(std::chrono::hours(1))) m_helper->stop();
+        m_helper->stop();
+        while (!m_helper->waitFor(std::chrono::hours(1))) {
+        }
         std::scoped_lock const lock(m_pool->mutex);
         m_pool->waiting.push_back(m_helper);
     }

@@ -69,6 +69,9 @@ def test_all_classes_have_functions():
     for name in ("sphere", "simplex_noise", "arc_tangent_2d", "vs_multiply", "f_curve",
                  "implicit_box", "x_component", "scalar_geo_property_triggered"):
         assert callable(getattr(zel, name)), name
+    assert str(inspect.signature(zel.sphere)) == "(center=(0.0, 0.0, 0.0), radius=1.0)"
+    assert "signed distance to a sphere" in zel.sphere.__doc__ and "radius: float" in zel.sphere.__doc__
+    assert list(inspect.signature(zel.lerp).parameters) == ["a", "b", "t"]
 
 
 def test_formulas_of_numpy(xyz):

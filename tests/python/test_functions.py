@@ -128,7 +128,7 @@ def test_other_threads_run_meanwhile():
 @pytest.mark.parametrize("slow", [lambda: zel.fractal_noise(octaves=2000),
                                   lambda: zel.field(lambda p: time.sleep(0.02) or p[:, 0])])
 def test_an_interrupt_stops_a_batch(slow):
-    field, xyz = slow(), np.ones((2_000_000, 3), np.float32)
+    field, xyz = slow(), np.broadcast_to(np.float32(1), (8_000_000, 3))
     out = np.full(len(xyz), -7, np.float32)
     timer = threading.Timer(0.3, signal.raise_signal, [signal.SIGINT])
     timer.start()
