@@ -248,7 +248,7 @@ std::string Binding::reason() const {
     case State::kWrongChannel:
         return "the channel " + quoted + " is of another type";
     case State::kConstructed:
-        return "no channel " + quoted + " when it was constructed, which alone binds it";
+        return "the channel " + quoted + " was not bound by its constructor, which alone binds it";
     case State::kUnbound:
         break;
     }

@@ -164,19 +164,10 @@ void appendQuoted(std::string& text, std::string_view string) {
 }
 
 void appendEscaped(std::string& text, std::string_view string) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
     text += '"';
     for (char const c : string) {
-        if (c == '"' || c == '\\') {
-            text += '\\';
-            text += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            text += "\\u00";
-            text += kDigits[static_cast<unsigned char>(c) >> 4];
-            text += kDigits[static_cast<unsigned char>(c) & 15];
-        } else {
-            text += c;
-        }
+        if (c == '"' || c == '\\') text += '\\';
+        appendVisible(text, c);
     }
     text += '"';
 }

@@ -201,6 +201,8 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {R"({"version": 1, "root": 1, "note": {}})",
          "/note: a scene has no such member; did you mean \"nodes\"?"},
         {R"({"version": 1, "root": 1, "root": 2})", "/root: this member is there twice"},
+        {R"({"version": 1, "a\n/\u001b)" + std::string(100, 'k') + R"(": 1})",
+         R"(/a\u000a~1\u001b)" + std::string(54, 'k') + "...: a scene has no such member"},
         {scene("true"), "/root: wanted a scalar field: a number, a name, or an object with a "
                         "\"type\", found true"},
         {scene("[1, 2, 3]"), "/root: wanted a scalar field: a number, a name, or an object with a "

@@ -25,7 +25,8 @@ struct Everything : ScalarField {
     Everything(double a_, std::uint16_t b_, Quern::Ptr<ScalarFieldConstant> c_)
         : a(a_), b(b_), c(std::move(c_)) {}
     template <class Node> static constexpr auto parameters() {
-        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b), named("c", &Node::c, 1));
+        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b),
+                          named("c/~", &Node::c, 1));
     }
     double a;
     std::uint16_t b;
@@ -79,11 +80,11 @@ TEST(NodeClass, OfAUserTakesPart) {
             fromJson(R"({"version": 1, "root": {"type": "Everything", )" + members + "}}");
         });
     };
-    EXPECT_EQ(read(R"("b": 1, "c": 3)"), "none");
+    EXPECT_EQ(read(R"("b": 1, "c/~": 3)"), "none");
     EXPECT_EQ(read(R"("b": 1)"), "none");
-    EXPECT_EQ(read(R"("b": 65536, "c": 3)"),
+    EXPECT_EQ(read(R"("b": 65536, "c/~": 3)"),
               "/root/b: wanted an integer from 0 to 65535, found 65536");
-    EXPECT_EQ(read(R"("b": 1, "c": {"type": "XPosition"})"),
+    EXPECT_EQ(read(R"("b": 1, "c/~": {"type": "XPosition"})"),
               "/root: the child is not of the class that this node asks for");
 
     EXPECT_THAT(messageOf([] { registerNode<Everything>("Other"); }),
@@ -105,6 +106,8 @@ TEST(NodeClass, OfAUserTakesPart) {
     unreadable.parameters[0].name = "\xff";
     EXPECT_THAT(messageOf([&] { addNodeClass(unreadable); }), HasSubstr("is not UTF-8: ?"));
     EXPECT_EQ(findNodeClass("Other"), nullptr);
+    EXPECT_THAT(check(makePtr<Everything>(0.3, std::uint16_t{1}, nullptr)),
+                ElementsAre("/root/c~1~0"));
     EXPECT_EQ(findNodeClass(*tree), findNodeClass("Everything"));
     // A class derived from a registered one is another class.
     struct Derived : ScalarFieldAdd {
