@@ -326,7 +326,7 @@ TEST(Bind, ReportsLeavesThatItCannotBind) {
     tree = makePtr<ScalarOrvane>(Orvane::Object(), "scalar", SamplerType::kLinear);
     auto const& object = boundObject<ORV::TileTree3D::BinaryTraits>();
     EXPECT_THAT(messageOf([&] { bindStrictly(tree, object); }),
-                HasSubstr("/root: zel::ScalarOrvane: no channel \"scalar\" when"));
+                HasSubstr("/root: zel::ScalarOrvane: the channel \"scalar\" was not bound by its"));
     tree = makePtr<ScalarOrvane>(object, "scalar", SamplerType::kLinear);
     EXPECT_TRUE(bind(tree, Orvane::Object()).isComplete());
 }
