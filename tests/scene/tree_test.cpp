@@ -15,8 +15,11 @@
 // Trees described, compared, bound and written as formulas, and classes that take part.
 using namespace support;
 using namespace zel;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Lt;
+using testing::SizeIs;
 
 namespace {
 
@@ -195,6 +198,8 @@ TEST(Describe, ShowsClassesParametersAndSharing) {
                 HasSubstr(R"(n3 [label="zel::ScalarFieldSphere\ncenter (0, 0.5, 0)\nradius 1"];)"));
     EXPECT_EQ(describe(makePtr<ScalarGeoPropertyFound>("a\n\"b")),
               "zel::ScalarGeoPropertyFound property=\"a\\u000a\\\"b\"\n");
+    EXPECT_THAT(toDot(makePtr<ScalarGeoPropertyFound>("<&lt;" + std::string(20'000, 'x'))),
+                AllOf(HasSubstr(R"(property \"<&amp;lt;xxx)"), SizeIs(Lt(1000U))));
     EXPECT_THAT(check(tree), ElementsAre("/root/b/b"));
     EXPECT_THAT(check(ScalarPtr()), ElementsAre("/root"));
     EXPECT_THROW(describe(ScalarPtr()), std::invalid_argument);
