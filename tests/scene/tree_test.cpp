@@ -362,6 +362,8 @@ TEST(Operators, MakeTheNodesOfTheirFormulas) {
     EXPECT_EQ(vector(p * p), (float3{at.x * at.x, at.y * at.y, at.z * at.z}));
     EXPECT_EQ(vector(cross(v, p)), Orvane::Math::cross(v, at));
     EXPECT_EQ(vector(lerp(p, v, 1)), v);
+    EXPECT_EQ(value(lerp(2, 4, x)), 4 * at.x + 2 * (1 - at.x));
+    EXPECT_EQ(vector(lerp(float3{}, v, x)), v * at.x);
     EXPECT_EQ(vector(vectorOf(x, 1, ball)), (float3{at.x, 1, b}));
     {
         using namespace std;  // its min and max also take two operands of one type
@@ -375,6 +377,7 @@ TEST(Operators, MakeTheNodesOfTheirFormulas) {
     EXPECT_EQ(value(unionOf(fields)), 0);
     EXPECT_EQ(value(intersectionOf(fields)), 999);
     EXPECT_EQ(unionOf(std::span(fields).first(1)), fields[0]);
+    EXPECT_EQ(value(unionOf({x, ball})) + value(intersectionOf({x, ball})), at.x + b);
     EXPECT_THROW(unionOf({}), std::invalid_argument);
     std::string const text = toJson(unionOf(fields));
     EXPECT_NO_THROW(fromJson(text, {.depth = 11}));
