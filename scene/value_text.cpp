@@ -111,8 +111,10 @@ void appendCurve(std::string& text, FCurve const& curve) {
 void appendDirection(std::string& text, UnitVector const& direction) {
     float3 const n = direction.value;
     float3 const again = n / Orvane::Math::length(n);
-    bool const same = std::bit_cast<std::array<std::uint32_t, 3>>(again) ==
-                      std::bit_cast<std::array<std::uint32_t, 3>>(n);
+    // The bits of a quotient that is a NaN depend on the machine.
+    bool const same =
+        std::isfinite(n.x + n.y + n.z) && std::bit_cast<std::array<std::uint32_t, 3>>(again) ==
+                                              std::bit_cast<std::array<std::uint32_t, 3>>(n);
     if (!same) text += "{\"unit\": ";
     appendComponents(text, n, true);
     if (!same) text += '}';

@@ -107,6 +107,9 @@ TEST(Json, KeepsEveryBitOfANumber) {
         auto const turned = makePtr<VectorFieldRotate>(makePtr<VectorFieldPosition>(), direction);
         EXPECT_TRUE(sameTree(turned, fromJson(toJson(turned))));
     }
+    // Of a NaN, a division need not keep the bits.
+    EXPECT_THAT(toJson(makePtr<ScalarFieldPlane>(float3{}, float3{Limits::quiet_NaN(), 0, 0})),
+                HasSubstr("\"normal\": {\"unit\""));
 }
 
 TEST(Json, RoundsADecimalNumberOnce) {
