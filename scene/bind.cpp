@@ -1,6 +1,7 @@
 #include "zel_scene/bind.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
 #include <unordered_map>
 #include <unordered_set>
@@ -140,17 +141,16 @@ private:
 /// What an object has to be bound to.
 class Offer {
 public:
-    explicit Offer(Orvane::Object const& object)
-        : m_object(object), m_volume(Orvane::Geometry::shallow_copy_object_to_orv_volume(object)) {}
+    explicit Offer(Orvane::Object const& object) : m_object(object) {}
 
-    State stateFor(std::string const& parameter, std::string const& name, bool isBound) const {
+    State stateFor(std::string const& parameter, std::string const& name, bool isBound) {
         if (parameter == "property") {
             if (!m_object.hasProperty(name)) return State::kNoProperty;
             return isBound ? State::kBound : State::kWrongType;
         }
         if (parameter == "channel") {
-            if (!m_volume) return State::kNoVolume;
-            auto const names = m_volume->componentNames();
+            if (!volume()) return State::kNoVolume;
+            auto const names = volume()->componentNames();
             if (std::find(names.begin(), names.end(), name) == names.end())
                 return State::kNoChannel;
             return isBound ? State::kBound : State::kWrongChannel;
@@ -158,14 +158,14 @@ public:
         return isBound ? State::kBound : State::kUnbound;
     }
 
-    std::string text() const {
+    std::string text() {
         std::vector<std::string> properties;
         for (std::string const& name : m_object.propertyNames())
             if (Orvane::pointerProperty<Orvane::Object>(m_object, name)) properties.push_back(name);
         std::string all = "properties: " + listOf(properties);
-        if (!m_volume) return all + "; there is no volume";
+        if (!volume()) return all + "; there is no volume";
         std::vector<std::string> channels;
-        for (std::string const& name : m_volume->componentNames())
+        for (std::string const& name : volume()->componentNames())
             if (name != std::string(Orvane::Geometry::sVoxelTileTree) &&
                 name != std::string(Orvane::Geometry::sVoxelComp))
                 channels.push_back(name);
@@ -179,11 +179,17 @@ private:
         return names.empty() ? "none" : list;
     }
 
+    /// Null if there is none. Read at the first use: most trees wait for properties alone.
+    Quern::Ptr<ORV::Object> const& volume() {
+        if (!m_volume) m_volume = Orvane::Geometry::shallow_copy_object_to_orv_volume(m_object);
+        return *m_volume;
+    }
+
     Orvane::Object const& m_object;
-    Quern::Ptr<ORV::Object> m_volume;
+    std::optional<Quern::Ptr<ORV::Object>> m_volume;
 };
 
-BindReport reportOn(Field const& root, Offer const& offer, BoundCopy const& copy) {
+BindReport reportOn(Field const& root, Offer& offer, BoundCopy const& copy) {
     Graph graph(root, Graph::Children::kAll);
     auto const paths = std::make_shared<detail::BindingPaths>();
     BindReport report;
@@ -218,7 +224,7 @@ template <class Interface>
 BindReport bindTree(Quern::Ptr<Interface>& tree, Orvane::Object const& object,
                     Indices const& indices, char const* caller, bool isStrict) {
     if (!tree) throw std::invalid_argument(std::string(caller) + ": no tree");
-    Offer const offer(object);
+    Offer offer(object);
     BoundCopy copy(*tree, object, indices);
     Quern::Ptr<Interface> bound = copy.copyOf(tree);
     BindReport report = reportOn(*bound, offer, copy);
@@ -248,7 +254,7 @@ std::string Binding::reason() const {
     case State::kWrongChannel:
         return "the channel " + quoted + " is of another type";
     case State::kConstructed:
-        return "no channel " + quoted + " when it was constructed, which alone binds it";
+        return "the channel " + quoted + " was not bound by its constructor, which alone binds it";
     case State::kUnbound:
         break;
     }
@@ -311,7 +317,7 @@ std::vector<std::string> check(Tree const& tree) {
         for (std::uint32_t i = 0; i < node.slotCount; ++i)
             if (Graph::isChild(graph.slots(node)[i]) &&
                 graph.slots(node)[i].child == Graph::kNoNode)
-                paths.push_back(graph.path(node) + '/' + Graph::slotName(node, i));
+                paths.push_back(graph.path(node, i));
     return paths;
 }
 

@@ -32,7 +32,7 @@ struct ZEL_SCENE_API Binding {
         kNoChannel,     ///< the volume has no channel of the name
         kWrongChannel,  ///< the channel, or the volume, is of a type that the node does not read
         kUnbound,       ///< for a reason that the class does not tell
-        kConstructed,   ///< the class is bound by its constructor alone, which had no such volume
+        kConstructed,   ///< was not bound by its constructor, which alone binds the class
     };
 
     std::string className;  ///< such as "zel::ScalarGeoPropertyTriggered"
@@ -71,9 +71,9 @@ struct ZEL_SCENE_API BindReport {
 /// others, and everything that other trees hold, stay as they are. A node with several parents has
 /// them in the copy, too. The object need not outlive the tree. Whether a node is bound is known of
 /// registered classes that have `bool isBound() const`; of others it is taken for granted. Their
-/// nodes are made anew from their parameters, without the property indices of an earlier call, so
-/// that they read this object alone. A node that was bound before keeps its binding where the
-/// object has nothing for it, and counts as unbound.
+/// nodes are made anew from their parameters, and read nothing of an earlier object or of its
+/// property indices, except for a node that was bound before and for which this object has nothing:
+/// that keeps its binding, and counts as unbound.
 ///
 /// ScalarOrvane and VectorOrvane take their volume from the object given to their constructor, or
 /// to fromJson(). They are not bound here, and are in the report if they are unbound.
@@ -101,7 +101,8 @@ requires detail::TreeVariable<std::remove_cvref_t<T>> &&
 }
 
 /// The same, but throws std::invalid_argument if a node stays unbound. The text lists all these
-/// nodes, and the names of the properties and channels that there are. `tree` is then as it was.
+/// nodes, and the names of the properties and channels that there are; of a host's object, only the
+/// properties that were set, not those that its look-ups find. `tree` is then as it was.
 ZEL_SCENE_API void bindStrictly(Tree& tree, Orvane::Object const& object,
                                 Quern::Ptr<Quern::Array<long long>> const& indices = nullptr);
 ZEL_SCENE_API void bindStrictly(ScalarPtr& tree, Orvane::Object const& object,

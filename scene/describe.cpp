@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "zel_scene/graph.h"
+#include "zel_scene/utf8.h"
 #include "zel_scene/value_text.h"
 
 namespace zel {
@@ -90,6 +91,7 @@ std::string quotedForDot(std::string const& text) {
         }
         if (c == '"' || c == '\\') quoted += '\\';
         quoted += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+        if (c == '&') quoted += "amp;";  // in labels, entities of HTML stand for characters
     }
     return quoted + '"';
 }
@@ -105,10 +107,13 @@ std::string toDot(Tree const& tree) {
     std::string text = "digraph tree {\n  rankdir=LR;\n  node [shape=box];\n";
     for (std::size_t at = 0; at < graph.nodes().size(); ++at) {
         Graph::Node const& node = graph.nodes()[at];
-        std::string label = detail::shownName(*node.field);
+        // graphviz refuses texts of more than 16384 bytes.
+        constexpr std::size_t kMostOfName = 500, kMostOfValue = 200;
+        std::string label = detail::shortened(detail::shownName(*node.field), kMostOfName);
         forParameters(graph, node, [&](std::string const& name, Value const& value) {
-            label += '\n' + name + ' ';
-            detail::appendShort(label, value);
+            std::string line = name + ' ';
+            detail::appendShort(line, value);
+            label += '\n' + detail::shortened(line, kMostOfValue);
         });
         std::string const name = "  n" + std::to_string(at);
         text += name + " [label=" + quotedForDot(label) + "];\n";
@@ -116,7 +121,7 @@ std::string toDot(Tree const& tree) {
             std::uint32_t const child = graph.slots(node)[i].child;
             if (child == Graph::kNoNode) continue;
             text += name + " -> n" + std::to_string(child) +
-                    " [label=" + quotedForDot(Graph::slotName(node, i)) + "];\n";
+                    " [label=" + quotedForDot(detail::shortened(Graph::slotName(node, i))) + "];\n";
         }
     }
     return text + "}\n";

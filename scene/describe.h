@@ -8,10 +8,10 @@ namespace zel {
 
 /// A text of the tree for a reader, a node a line, indented by two spaces a level down to level 50:
 ///
-///     zel::ScalarFieldMin
-///       a: zel::ScalarFieldSphere center=(0, 0, 0) radius=1
-///       b: zel::ScalarFieldNegative #1
-///         field: zel::ScalarFieldXPosition
+///     zel::ScalarFieldMax
+///       a: zel::ScalarFieldSphere #1 center=(0, 0, 0) radius=1
+///       b: zel::ScalarFieldNegative
+///         field: zel::ScalarFieldSphere #1
 ///
 /// A node with several parents has a number, and its descendants are listed where it first appears.
 /// Parameters with their default value are listed, too, but for an `exactGradient` that is false.
@@ -21,7 +21,8 @@ namespace zel {
 ZEL_SCENE_API std::string describe(Tree const& tree);
 
 /// A graph in the language of graphviz, from left to right, in which each node appears once. Edges
-/// are labelled by the names of the children. Throws as describe() does.
+/// are labelled by the names of the children. Long names and values are cut. Throws as describe()
+/// does.
 ZEL_SCENE_API std::string toDot(Tree const& tree);
 
 }  // namespace zel

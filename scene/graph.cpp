@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "zel/node/type_name.h"
+#include "zel_scene/utf8.h"
 
 namespace zel::detail {
 
@@ -85,7 +86,13 @@ std::string Graph::path(std::vector<Node> const& nodes, Node const& node) {
     for (Node const* at = &node; at->parent != kNoNode; at = &nodes[at->parent])
         names.push_back(slotName(nodes[at->parent], at->slotInParent));
     std::string text = "/root";
-    for (auto name = names.rbegin(); name != names.rend(); ++name) text += '/' + *name;
+    for (auto name = names.rbegin(); name != names.rend(); ++name) appendPointer(text, *name);
+    return text;
+}
+
+std::string Graph::path(Node const& node, std::uint32_t slot) const {
+    std::string text = path(node);
+    appendPointer(text, slotName(node, slot));
     return text;
 }
 

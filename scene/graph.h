@@ -49,8 +49,10 @@ public:
     /// The name of a slot: of the parameter, or its number if it is none.
     static std::string slotName(Node const& node, std::uint32_t slot);
 
-    /// The names from the root to a node, such as "/root/a/field".
+    /// The names from the root to a node, or to one of its slots, such as "/root/a/field": see
+    /// SceneError::path().
     std::string path(Node const& node) const { return path(m_nodes, node); }
+    std::string path(Node const& node, std::uint32_t slot) const;
     static std::string path(std::vector<Node> const& nodes, Node const& node);
 
     /// Gives up the nodes, for paths without the tree: their fields are not to be used then.

@@ -126,23 +126,16 @@ std::string JsonText::path(std::uint32_t at) const {
         Item const& parent = m_items[m_items[at].parent];
         std::string name;
         if (parent.type == Type::kObject) {
-            for (char const c : key(m_items[at])) {
-                if (c == '/')
-                    name += "~1";
-                else if (c == '~')
-                    name += "~0";
-                else
-                    name += c;
-            }
+            appendPointer(name, key(m_items[at]));
         } else {
             std::size_t index = 0;
             for (std::uint32_t i = parent.firstChild; i != at; i = m_items[i].next) ++index;
-            name = std::to_string(index);
+            name = '/' + std::to_string(index);
         }
         names.push_back(std::move(name));
     }
     std::string text;
-    for (auto name = names.rbegin(); name != names.rend(); ++name) text += '/' + *name;
+    for (auto name = names.rbegin(); name != names.rend(); ++name) text += *name;
     return text;
 }
 

@@ -97,9 +97,9 @@ private:
 
     [[noreturn]] void refuse(Graph::Node const& node, std::uint32_t at, char const* found) const {
         ParameterInfo const& parameter = node.nodeClass->parameters[at];
-        throw SceneError(m_graph.path(node) + '/' + parameter.name,
-                         std::string("wanted ") + detail::wantedText(parameter.kind) + ", found " +
-                             found);
+        throw SceneError(m_graph.path(node, at), std::string("wanted ") +
+                                                     detail::wantedText(parameter.kind) +
+                                                     ", found " + found);
     }
 
     /// A constant that is finite, and belongs to one parent, is its value.

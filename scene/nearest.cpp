@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "zel_scene/utf8.h"
+
 namespace zel::detail {
 
 namespace {
@@ -54,7 +56,8 @@ std::string_view nearestName(std::string_view misspelt, std::span<std::string_vi
 
 std::string didYouMean(std::string_view misspelt, std::span<std::string_view const> names) {
     std::string_view const nearest = nearestName(misspelt, names);
-    return nearest.empty() ? std::string() : "; did you mean \"" + std::string(nearest) + "\"?";
+    return nearest.empty() ? std::string()
+                           : "; did you mean \"" + shortened(nearest, kLongest) + "\"?";
 }
 
 }  // namespace zel::detail

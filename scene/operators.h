@@ -3,6 +3,7 @@
 #include <concepts>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <span>
 #include <type_traits>
 #include <utility>
@@ -43,6 +44,10 @@ template <class T>
 concept VectorNode = std::derived_from<typename PointedTo<T>::Type, VectorField>;
 template <class T>
 concept Number = (std::integral<T> || std::floating_point<T>)&&!std::same_as<T, bool>;
+template <class T>
+concept Scalar = ScalarNode<T> || Number<T>;
+template <class T>
+concept Vector = VectorNode<T> || std::same_as<T, float3>;
 
 /// Two operands of which one at least is a node.
 template <class A, class B>
@@ -192,21 +197,21 @@ requires detail::Vectors<A, B> VectorPtr cross(A const& a, B const& b) {
     return detail::made<VectorFieldCross>(detail::node(a), detail::node(b));
 }
 
-/// a where t is 0, b where t is 1; `t` is a field or a number.
-template <class A, class B, class T>
-requires(detail::Scalars<A, B> && (detail::ScalarNode<T> || detail::Number<T>)) ScalarPtr
+/// a where t is 0, b where t is 1. Each is a field or a constant, and one at least a field.
+template <detail::Scalar A, detail::Scalar B, detail::Scalar T>
+requires(detail::Scalars<A, B> || detail::ScalarNode<T>) ScalarPtr
     lerp(A const& a, B const& b, T const& t) {
     return detail::made<ScalarFieldLerp>(detail::node(a), detail::node(b), detail::node(t));
 }
-template <class A, class B, class T>
-requires(detail::Vectors<A, B> && (detail::ScalarNode<T> || detail::Number<T>)) VectorPtr
+template <detail::Vector A, detail::Vector B, detail::Scalar T>
+requires(detail::Vectors<A, B> || detail::ScalarNode<T>) VectorPtr
     lerp(A const& a, B const& b, T const& t) {
     return detail::made<VectorFieldLerp>(detail::node(a), detail::node(b), detail::node(t));
 }
 
 /// A field moved as a whole: see ScalarFieldTranslate, ScalarFieldRotate, ScalarFieldScale and
-/// those of vector fields. A rotation is a rotation vector, whose length is an angle in radians, by
-/// whose negative the nodes turn, or a quaternion.
+/// those of vector fields. rotate() takes a rotation vector, whose length is an angle in radians,
+/// and turns clockwise, seen against the vector: a ball at +x comes to -y by {0, 0, pi / 2}.
 #define ZEL_DETAIL_TRANSFORM(function, Name, Parameter)                                            \
     template <detail::ScalarNode T> ScalarPtr function(T const& field, Parameter const& by) {      \
         return detail::made<ScalarField##Name>(field, by);                                         \
@@ -218,6 +223,7 @@ ZEL_DETAIL_TRANSFORM(translate, Translate, float3)
 ZEL_DETAIL_TRANSFORM(scale, Scale, float3)
 ZEL_DETAIL_TRANSFORM(rotate, Rotate, float3)
 #undef ZEL_DETAIL_TRANSFORM
+/// Turns by a quaternion, counter-clockwise: a ball at +x comes to +y by {0, 0, 1, 1} / sqrt(2).
 template <detail::ScalarNode T> ScalarPtr rotateBy(T const& field, float4 const& quaternion) {
     return detail::made<ScalarFieldRotate>(field, quaternion);
 }
@@ -230,5 +236,11 @@ template <detail::VectorNode T> VectorPtr rotateBy(T const& field, float4 const&
 /// std::invalid_argument if there is none.
 ZEL_SCENE_API ScalarPtr unionOf(std::span<ScalarPtr const> fields);
 ZEL_SCENE_API ScalarPtr intersectionOf(std::span<ScalarPtr const> fields);
+inline ScalarPtr unionOf(std::initializer_list<ScalarPtr> fields) {
+    return unionOf(std::span(fields.begin(), fields.size()));
+}
+inline ScalarPtr intersectionOf(std::initializer_list<ScalarPtr> fields) {
+    return intersectionOf(std::span(fields.begin(), fields.size()));
+}
 
 }  // namespace zel

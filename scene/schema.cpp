@@ -118,11 +118,17 @@ Json definitionOf(NodeClass const& one) {
     Json properties = {{"type", {{"enum", namesOf(one)}}}, {"comment", true}};
     Json required = {"type"};
     Json children = Json::array();
+    Json instead;  // what must not stand beside "children"
     for (ParameterInfo const& parameter : one.parameters) {
         Json property = reference(nameOf(parameter.kind));
+        if (parameter.kind == ValueKind::kInteger)
+            property = {
+                {"allOf", {property}}, {"minimum", parameter.least}, {"maximum", parameter.most}};
+        bool const isReplaced = one.chain != Chain::kNone && isField(parameter.kind);
+        if (isReplaced) instead[parameter.name] = false;
         if (parameter.defaultValue.index() != 0) {
             property = {{"allOf", {property}}, {"default", jsonOf(parameter.defaultValue)}};
-        } else if (one.chain != Chain::kNone && isField(parameter.kind)) {
+        } else if (isReplaced) {
             children.push_back(parameter.name);
         } else {
             required.push_back(parameter.name);
@@ -135,7 +141,9 @@ Json definitionOf(NodeClass const& one) {
             {"type", "array"},
             {"items", reference(one.isScalar ? "scalarField" : "vectorField")},
             {"minItems", 1}};
-        definition["oneOf"] = {{{"required", children}}, {{"required", {"children"}}}};
+        definition["if"] = {{"required", {"children"}}};
+        definition["then"] = {{"properties", instead}};
+        definition["else"] = {{"required", children}};
     }
     definition["properties"] = properties;
     definition["required"] = required;

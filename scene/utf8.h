@@ -30,6 +30,32 @@ inline bool isUtf8(std::string_view text) {
     return true;
 }
 
+/// A name in a JSON pointer, with its '/'.
+inline void appendPointer(std::string& path, std::string_view name) {
+    path += '/';
+    for (char const c : name) {
+        if (c == '/')
+            path += "~1";
+        else if (c == '~')
+            path += "~0";
+        else
+            path += c;
+    }
+}
+
+/// Appends a character of a text, with the escape of JSON if it is a control character.
+inline void appendVisible(std::string& text, char c) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    auto const code = static_cast<unsigned char>(c);
+    if (code >= 0x20) {
+        text += c;
+        return;
+    }
+    text += "\\u00";
+    text += kDigits[code >> 4];
+    text += kDigits[code & 15];
+}
+
 /// The text for an error message: at most `most` bytes of it, whole characters, with "..." for the
 /// rest. Of a text that is not UTF-8, all bytes beyond ASCII become '?'.
 inline std::string shortened(std::string_view text, std::size_t most = 60) {
@@ -37,10 +63,10 @@ inline std::string shortened(std::string_view text, std::size_t most = 60) {
     while (size > 0 && size < text.size() &&
            (static_cast<unsigned char>(text[size]) & 0xc0) == 0x80)
         --size;
-    std::string shown(text.substr(0, size));
-    if (!isUtf8(shown))
-        for (char& c : shown)
-            if (static_cast<unsigned char>(c) >= 0x80) c = '?';
+    bool const isText = isUtf8(text.substr(0, size));
+    std::string shown;
+    for (char const c : text.substr(0, size))
+        appendVisible(shown, isText || static_cast<unsigned char>(c) < 0x80 ? c : '?');
     return size < text.size() ? shown + "..." : shown;
 }
 

@@ -111,8 +111,10 @@ void appendCurve(std::string& text, FCurve const& curve) {
 void appendDirection(std::string& text, UnitVector const& direction) {
     float3 const n = direction.value;
     float3 const again = n / Orvane::Math::length(n);
-    bool const same = std::bit_cast<std::array<std::uint32_t, 3>>(again) ==
-                      std::bit_cast<std::array<std::uint32_t, 3>>(n);
+    // The bits of a quotient that is a NaN depend on the machine.
+    bool const same =
+        std::isfinite(n.x + n.y + n.z) && std::bit_cast<std::array<std::uint32_t, 3>>(again) ==
+                                              std::bit_cast<std::array<std::uint32_t, 3>>(n);
     if (!same) text += "{\"unit\": ";
     appendComponents(text, n, true);
     if (!same) text += '}';
@@ -164,19 +166,10 @@ void appendQuoted(std::string& text, std::string_view string) {
 }
 
 void appendEscaped(std::string& text, std::string_view string) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
     text += '"';
     for (char const c : string) {
-        if (c == '"' || c == '\\') {
-            text += '\\';
-            text += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            text += "\\u00";
-            text += kDigits[static_cast<unsigned char>(c) >> 4];
-            text += kDigits[static_cast<unsigned char>(c) & 15];
-        } else {
-            text += c;
-        }
+        if (c == '"' || c == '\\') text += '\\';
+        appendVisible(text, c);
     }
     text += '"';
 }

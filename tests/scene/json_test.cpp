@@ -107,6 +107,9 @@ TEST(Json, KeepsEveryBitOfANumber) {
         auto const turned = makePtr<VectorFieldRotate>(makePtr<VectorFieldPosition>(), direction);
         EXPECT_TRUE(sameTree(turned, fromJson(toJson(turned))));
     }
+    // Of a NaN, a division need not keep the bits.
+    EXPECT_THAT(toJson(makePtr<ScalarFieldPlane>(float3{}, float3{Limits::quiet_NaN(), 0, 0})),
+                HasSubstr("\"normal\": {\"unit\""));
 }
 
 TEST(Json, RoundsADecimalNumberOnce) {
@@ -201,6 +204,8 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {R"({"version": 1, "root": 1, "note": {}})",
          "/note: a scene has no such member; did you mean \"nodes\"?"},
         {R"({"version": 1, "root": 1, "root": 2})", "/root: this member is there twice"},
+        {R"({"version": 1, "a\n/\u001b)" + std::string(100, 'k') + R"(": 1})",
+         R"(/a\u000a~1\u001b)" + std::string(54, 'k') + "...: a scene has no such member"},
         {scene("true"), "/root: wanted a scalar field: a number, a name, or an object with a "
                         "\"type\", found true"},
         {scene("[1, 2, 3]"), "/root: wanted a scalar field: a number, a name, or an object with a "

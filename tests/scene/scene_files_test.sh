@@ -51,6 +51,8 @@ add_bad '{"type": "ScalarFieldSphere", "radius": "one"}'
 add_bad '{"type": "ScalarFieldNegative"}'
 add_bad '{"type": "ScalarFieldNegative", "field": [1, 2, 3]}'
 add_bad '{"type": "ScalarFieldAdd", "a": 1, "b": 1, "children": [1]}'
+add_bad '{"type": "ScalarFieldAdd", "a": 1, "children": [1]}'
+add_bad '{"type": "VectorFieldComponent", "field": [1, 2, 3], "component": 2147483648}'
 python3 - schema.json "$source"/examples/scenes/*.json -- ./*.json <<'PYTHON'
 import glob, json, sys
 import jsonschema

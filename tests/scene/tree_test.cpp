@@ -15,8 +15,11 @@
 // Trees described, compared, bound and written as formulas, and classes that take part.
 using namespace support;
 using namespace zel;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Lt;
+using testing::SizeIs;
 
 namespace {
 
@@ -25,7 +28,8 @@ struct Everything : ScalarField {
     Everything(double a_, std::uint16_t b_, Quern::Ptr<ScalarFieldConstant> c_)
         : a(a_), b(b_), c(std::move(c_)) {}
     template <class Node> static constexpr auto parameters() {
-        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b), named("c", &Node::c, 1));
+        return std::tuple(named("a", &Node::a, 0.1), named("b", &Node::b),
+                          named("c/~", &Node::c, 1));
     }
     double a;
     std::uint16_t b;
@@ -79,11 +83,11 @@ TEST(NodeClass, OfAUserTakesPart) {
             fromJson(R"({"version": 1, "root": {"type": "Everything", )" + members + "}}");
         });
     };
-    EXPECT_EQ(read(R"("b": 1, "c": 3)"), "none");
+    EXPECT_EQ(read(R"("b": 1, "c/~": 3)"), "none");
     EXPECT_EQ(read(R"("b": 1)"), "none");
-    EXPECT_EQ(read(R"("b": 65536, "c": 3)"),
+    EXPECT_EQ(read(R"("b": 65536, "c/~": 3)"),
               "/root/b: wanted an integer from 0 to 65535, found 65536");
-    EXPECT_EQ(read(R"("b": 1, "c": {"type": "XPosition"})"),
+    EXPECT_EQ(read(R"("b": 1, "c/~": {"type": "XPosition"})"),
               "/root: the child is not of the class that this node asks for");
 
     EXPECT_THAT(messageOf([] { registerNode<Everything>("Other"); }),
@@ -105,6 +109,8 @@ TEST(NodeClass, OfAUserTakesPart) {
     unreadable.parameters[0].name = "\xff";
     EXPECT_THAT(messageOf([&] { addNodeClass(unreadable); }), HasSubstr("is not UTF-8: ?"));
     EXPECT_EQ(findNodeClass("Other"), nullptr);
+    EXPECT_THAT(check(makePtr<Everything>(0.3, std::uint16_t{1}, nullptr)),
+                ElementsAre("/root/c~1~0"));
     EXPECT_EQ(findNodeClass(*tree), findNodeClass("Everything"));
     // A class derived from a registered one is another class.
     struct Derived : ScalarFieldAdd {
@@ -192,6 +198,8 @@ TEST(Describe, ShowsClassesParametersAndSharing) {
                 HasSubstr(R"(n3 [label="zel::ScalarFieldSphere\ncenter (0, 0.5, 0)\nradius 1"];)"));
     EXPECT_EQ(describe(makePtr<ScalarGeoPropertyFound>("a\n\"b")),
               "zel::ScalarGeoPropertyFound property=\"a\\u000a\\\"b\"\n");
+    EXPECT_THAT(toDot(makePtr<ScalarGeoPropertyFound>("<&lt;" + std::string(20'000, 'x'))),
+                AllOf(HasSubstr(R"(property \"<&amp;lt;xxx)"), SizeIs(Lt(1000U))));
     EXPECT_THAT(check(tree), ElementsAre("/root/b/b"));
     EXPECT_THAT(check(ScalarPtr()), ElementsAre("/root"));
     EXPECT_THROW(describe(ScalarPtr()), std::invalid_argument);
@@ -323,7 +331,7 @@ TEST(Bind, ReportsLeavesThatItCannotBind) {
     tree = makePtr<ScalarOrvane>(Orvane::Object(), "scalar", SamplerType::kLinear);
     auto const& object = boundObject<ORV::TileTree3D::BinaryTraits>();
     EXPECT_THAT(messageOf([&] { bindStrictly(tree, object); }),
-                HasSubstr("/root: zel::ScalarOrvane: no channel \"scalar\" when"));
+                HasSubstr("/root: zel::ScalarOrvane: the channel \"scalar\" was not bound by its"));
     tree = makePtr<ScalarOrvane>(object, "scalar", SamplerType::kLinear);
     EXPECT_TRUE(bind(tree, Orvane::Object()).isComplete());
 }
@@ -354,6 +362,8 @@ TEST(Operators, MakeTheNodesOfTheirFormulas) {
     EXPECT_EQ(vector(p * p), (float3{at.x * at.x, at.y * at.y, at.z * at.z}));
     EXPECT_EQ(vector(cross(v, p)), Orvane::Math::cross(v, at));
     EXPECT_EQ(vector(lerp(p, v, 1)), v);
+    EXPECT_EQ(value(lerp(2, 4, x)), 4 * at.x + 2 * (1 - at.x));
+    EXPECT_EQ(vector(lerp(float3{}, v, x)), v * at.x);
     EXPECT_EQ(vector(vectorOf(x, 1, ball)), (float3{at.x, 1, b}));
     {
         using namespace std;  // its min and max also take two operands of one type
@@ -367,6 +377,7 @@ TEST(Operators, MakeTheNodesOfTheirFormulas) {
     EXPECT_EQ(value(unionOf(fields)), 0);
     EXPECT_EQ(value(intersectionOf(fields)), 999);
     EXPECT_EQ(unionOf(std::span(fields).first(1)), fields[0]);
+    EXPECT_EQ(value(unionOf({x, ball})) + value(intersectionOf({x, ball})), at.x + b);
     EXPECT_THROW(unionOf({}), std::invalid_argument);
     std::string const text = toJson(unionOf(fields));
     EXPECT_NO_THROW(fromJson(text, {.depth = 11}));

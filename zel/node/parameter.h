@@ -8,8 +8,8 @@
 // order. A node class states them once, beside its children:
 //
 //     template <class Node> static constexpr auto parameters() {
-//         return std::tuple(named("field", &Node::field), named("exponent",
-//         &Node::exponent, 2.0F));
+//         return std::tuple(named("field", &Node::field),
+//                           named("exponent", &Node::exponent, 2.0F));
 //     }
 //
 // Nothing in libzel reads them. The descriptions, files and comparisons of libzel_scene come from
