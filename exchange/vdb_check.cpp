@@ -28,6 +28,11 @@ public:
 
     void run() {
         if (m_at > m_end) fail("a transform that is cut");
+        // OpenVDB writes halves in two places, and reads the values by this one.
+        auto const half = m_section.metadata.find("is_saved_as_half_float");
+        bool const isHalf = half != m_section.metadata.end() && half->second.type == "bool" &&
+                            half->second.text() == "true";
+        if (isHalf != m_section.isHalf) fail("the type and the metadata differ about halves");
         number<std::int32_t>();  // of buffers
         bytes(m_value);          // the background
         auto const tiles = number<std::uint32_t>(), children = number<std::uint32_t>();
