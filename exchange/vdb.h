@@ -14,11 +14,12 @@
 
 // Reads OpenVDB files into volumes that fields sample.
 //
-// Files are checked before OpenVDB sees them: the header, all lengths of texts and metadata, and
-// the places of the grids against the size of the file. A grid is read within its own part of the
-// file, and only grids of the types below are read at all. OpenVDB itself does not check the
-// blocks that Blosc compressed: a block that was forged, not just damaged, may make Blosc read past
-// the end of the block's memory. A file must not change while it is read.
+// Files are checked before OpenVDB sees them: the header, all lengths of texts and metadata, the
+// places of the grids against the size of the file, and the sizes of all nodes and blocks of
+// values. A grid is read within its own part of the file, and only grids of the types below are
+// read at all. OpenVDB and the libraries under it still decompress the blocks, and the metadata for
+// delayed loading: a block that was forged with consistent sizes is left to the checks of Blosc and
+// zlib. A file must not change while it is read.
 namespace zel {
 
 using Core::Fields::ScalarField;

@@ -12,8 +12,8 @@ openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize) {
             return static_cast<int>(
                 std::clamp(round(double{p} / double{voxelSize}), -0x1p29, 0x1p29));
         };
-        voxels.min()[axis] = at(box.low[axis], std::ceil);
-        voxels.max()[axis] = at(box.high[axis], std::floor);
+        voxels.min()[static_cast<std::size_t>(axis)] = at(box.low[axis], std::ceil);
+        voxels.max()[static_cast<std::size_t>(axis)] = at(box.high[axis], std::floor);
     }
     return voxels;
 }

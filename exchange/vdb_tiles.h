@@ -70,7 +70,7 @@ void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueT
                 bool active) {
     constexpr double kLargest = 4096, kMost = 1 << 20;
     double count = 1;
-    for (int axis = 0; axis < 3; ++axis)
+    for (std::size_t axis = 0; axis < 3; ++axis)
         count *= (static_cast<double>(box.max()[axis]) - static_cast<double>(box.min()[axis])) /
                      kLargest +
                  1;
