@@ -14,11 +14,12 @@
 
 // Reads OpenVDB files into volumes that fields sample.
 //
-// Files are checked before OpenVDB sees them: the header, all lengths of texts and metadata, and
-// the places of the grids against the size of the file. A grid is read within its own part of the
-// file, and only grids of the types below are read at all. OpenVDB itself does not check the
-// blocks that Blosc compressed: a block that was forged, not just damaged, may make Blosc read past
-// the end of the block's memory. A file must not change while it is read.
+// Files are checked before OpenVDB sees them: the header, all lengths of texts and metadata, the
+// places of the grids against the size of the file, and the sizes of all nodes and blocks of
+// values. A grid is read within its own part of the file, and only grids of the types below are
+// read at all. OpenVDB and the libraries under it still decompress the blocks, and the metadata for
+// delayed loading: a block that was forged with consistent sizes is left to the checks of Blosc and
+// zlib. A file must not change while it is read.
 namespace zel {
 
 using Core::Fields::ScalarField;
@@ -26,7 +27,7 @@ using Core::Fields::VectorField;
 
 /// A grid of a file, without its voxels.
 struct ZEL_EXCHANGE_API VdbGrid {
-    /// The grid's name; a second grid of the same name is "density[1]".
+    /// The grid's name; grids of the same name are "density[0]", "density[1]" and so on.
     std::string name;
     /// The type of a value, as OpenVDB names it, such as "float", "vec3s", "double" or
     /// "ptdataidx32".
@@ -90,8 +91,9 @@ struct ZEL_EXCHANGE_API VdbVolume {
     VectorPtr vector(std::string const& name, SamplerType sampler = SamplerType::kLinear) const;
 };
 
-/// Reads grids of a file over one tree, which is fine where one of them needs it. Values of `float`
-/// and `double`, and vectors of three of these, are read, halves among them.
+/// Reads grids of a file over one tree, which is fine where one of them needs it. Of several grids
+/// of one name, the name alone is that of the first. Values of `float` and `double`, and vectors of
+/// three of these, are read, halves among them.
 ///
 /// If a level set has no negative value outside its active voxels, its inside is filled as
 /// openvdb::tools::signedFloodFill does.
@@ -101,9 +103,10 @@ struct ZEL_EXCHANGE_API VdbVolume {
 /// voxels outside the tree, which reaches 2^29 voxels from the origin; for a transform that is not
 /// affine, by its name, or that cannot be inverted; for grids whose transforms differ; and for more
 /// than `maxTiles` tiles. Also if the memory does not suffice.
-ZEL_EXCHANGE_API VdbVolume readVdb(std::filesystem::path const& path,
-                                   std::vector<std::string> const& gridNames,
-                                   ReadVdbOptions const& options = {});
+ZEL_EXCHANGE_API VdbVolume readVdbGrids(std::filesystem::path const& path,
+                                        std::vector<std::string> const& gridNames,
+                                        ReadVdbOptions const& options = {});
+/// The same, of one grid.
 ZEL_EXCHANGE_API VdbVolume readVdb(std::filesystem::path const& path, std::string const& gridName,
                                    ReadVdbOptions const& options = {});
 

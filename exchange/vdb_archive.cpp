@@ -82,6 +82,9 @@ openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection>
     auto const fail = [&](std::string const& message) {
         throw FileError(file.name(), gridPlace(section.name), message);
     };
+    checkVdbTree(file, section);
+    for (auto const& other : sections)
+        if (other.name == section.shares && other.tree == section.tree) checkVdbTree(file, other);
     try {
         ViewArchive archive(file);
         try {
@@ -102,10 +105,10 @@ openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection>
         }
     } catch (std::bad_alloc const&) {
         fail("not enough memory, or damaged");
-    } catch (std::length_error const&) {
-        fail("not enough memory, or damaged");
-    } catch (openvdb::Exception const& error) {
-        fail(error.what());
+    } catch (FileError const&) {
+        throw;
+    } catch (std::exception const& error) {  // of the stream or of OpenVDB
+        fail(std::string("damaged: ") + error.what());
     }
     return {};
 }

@@ -91,9 +91,21 @@ public:
             auto name = text("the name of metadata");
             auto type = text("the type of metadata");
             auto const size = number<std::uint32_t>("the size of metadata");
+            checkSize(type, size);
             entries[std::move(name)] = {std::move(type), bytes(size, "metadata")};
         }
         return entries;
+    }
+    /// OpenVDB reads a value of these types by the size of the type.
+    void checkSize(std::string const& type, std::uint32_t size) const {
+        static std::map<std::string, std::uint32_t> const sizes{
+            {"bool", 1},   {"int32", 4},  {"int64", 8},  {"float", 4},
+            {"double", 8}, {"vec2i", 8},  {"vec2s", 8},  {"vec2d", 16},
+            {"vec3i", 12}, {"vec3s", 12}, {"vec3d", 24}, {"vec4i", 16},
+            {"vec4s", 16}, {"vec4d", 32}, {"mat4s", 64}, {"mat4d", 128}};
+        auto const found = sizes.find(type);
+        if (found != sizes.end() && found->second != size)
+            fail("metadata of the type " + type + " of " + std::to_string(size) + " bytes");
     }
     [[noreturn]] void fail(std::string const& message) const {
         throw FileError(m_file.name(), "byte " + std::to_string(m_at), message);
@@ -126,6 +138,19 @@ std::int64_t checkedPlace(Reader& reader, std::int64_t least, std::int64_t most,
         reader.fail(std::string(what) + " at byte " + std::to_string(place) + " of " +
                     std::to_string(most));
     return place;
+}
+
+/// The bytes of an affine map in a file; 0 of others.
+std::int64_t transformSize(std::string const& type) {
+    static std::map<std::string, std::int64_t> const sizes{{"AffineMap", 128},
+                                                           {"UnitaryMap", 128},
+                                                           {"TranslationMap", 24},
+                                                           {"ScaleMap", 120},
+                                                           {"UniformScaleMap", 120},
+                                                           {"ScaleTranslateMap", 144},
+                                                           {"UniformScaleTranslateMap", 144}};
+    auto const found = sizes.find(type);
+    return found == sizes.end() ? 0 : found->second;
 }
 
 template <class T> std::string numbersText(std::string_view bytes) {
@@ -189,9 +214,10 @@ std::vector<VdbSection> vdbSections(FileView const& file) {
         section.end = checkedPlace(reader, section.grid, size, "the end of a grid");
 
         Reader grid(file, section.grid, section.end);
-        grid.number<std::uint32_t>("the compression");
+        section.compression = grid.number<std::uint32_t>("the compression");
         section.metadata = grid.metadata();
         section.transform = grid.text("the type of a transform");
+        section.nodes = static_cast<std::int64_t>(grid.at()) + transformSize(section.transform);
         at = section.end;
         sections.push_back(std::move(section));
     }

@@ -51,13 +51,19 @@ struct VdbSection {
     std::int64_t grid = 0;        ///< where the grid begins
     std::int64_t end = 0;
     VdbMetadata metadata;
-    std::string transform;  ///< the type of the map, such as "UniformScaleMap"
+    std::string transform;          ///< the type of the map, such as "UniformScaleMap"
+    std::uint32_t compression = 0;  ///< flags of OpenVDB
+    std::int64_t nodes = 0;         ///< where the tree begins, after the transform
 };
 
 /// The sections of the grids of a file, in its order. Throws FileError for a file that is no
 /// OpenVDB file, that was written before version 222 of the format or after version 224, or whose
 /// sections or metadata exceed the file.
 std::vector<VdbSection> vdbSections(FileView const& file);
+
+/// Checks the nodes of a grid of scalars or of vectors of three: that they and all blocks of values
+/// have the sizes that OpenVDB expects. Throws FileError.
+void checkVdbTree(FileView const& file, VdbSection const& section);
 
 /// The place of a grid in an error.
 std::string gridPlace(std::string const& name);

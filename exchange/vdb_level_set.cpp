@@ -32,7 +32,7 @@ openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, fl
                 vdbCoord(low),
                 vdbCoord(low).offsetBy(BinaryTraits::tileWidth(tile.depth() + 1) - 1));
             inside.intersect(box);
-            if (!inside.empty()) tree.sparseFill(inside, -band, false);
+            if (!inside.empty()) fillVoxels(tree, inside, -band, false);
         });
     openvdb::tree::ValueAccessor<openvdb::FloatTree> voxels(tree);
     forEachSample<BinaryTraits, float>(tiles, *volume.channel, BinaryTraits::kMaxDepth,

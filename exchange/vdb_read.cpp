@@ -282,9 +282,12 @@ void readGrids(Request& request, VdbVolume& volume) {
     auto const sections = vdbSections(request.file);
     std::optional<AffineMap> map;
     for (std::size_t i = 0; i < request.names.size(); ++i) {
-        auto const section =
-            std::find_if(sections.begin(), sections.end(),
-                         [&](VdbSection const& s) { return s.name == request.names[i]; });
+        auto const named = [&](std::string const& name) {
+            return std::find_if(sections.begin(), sections.end(),
+                                [&](VdbSection const& s) { return s.name == name; });
+        };
+        auto section = named(request.names[i]);
+        if (section == sections.end()) section = named(request.names[i] + "[0]");
         if (section == sections.end())
             request.fail(i, "there is none; the file has " + available(sections));
         if (section->transform == "NonlinearFrustumMap")
@@ -303,7 +306,8 @@ void readGrids(Request& request, VdbVolume& volume) {
         request.values.push_back(vdbValues(read));
         if (!request.values.back())
             request.fail(i, "values of the type " + detail::quoted(read->type()));
-        request.channels.push_back(section->name.empty() ? "unnamed" : section->name);
+        grid.name = request.names[i];
+        request.channels.push_back(grid.name.empty() ? "unnamed" : grid.name);
         volume.grids.push_back(std::move(grid));
     }
     setPlace(*map, request, volume);
@@ -320,8 +324,8 @@ std::vector<VdbGrid> listVdb(std::filesystem::path const& path) {
     return grids;
 }
 
-VdbVolume readVdb(std::filesystem::path const& path, std::vector<std::string> const& gridNames,
-                  ReadVdbOptions const& options) {
+VdbVolume readVdbGrids(std::filesystem::path const& path, std::vector<std::string> const& gridNames,
+                       ReadVdbOptions const& options) {
     detail::FileView const file(path);
     if (gridNames.empty()) throw FileError(file.name(), {}, "no grid is asked for");
     VdbVolume volume;
@@ -346,7 +350,7 @@ VdbVolume readVdb(std::filesystem::path const& path, std::vector<std::string> co
 
 VdbVolume readVdb(std::filesystem::path const& path, std::string const& gridName,
                   ReadVdbOptions const& options) {
-    return readVdb(path, std::vector{gridName}, options);
+    return readVdbGrids(path, {gridName}, options);
 }
 
 }  // namespace zel

@@ -2,6 +2,9 @@
 
 #include <openvdb/openvdb.h>
 
+#include <stdexcept>
+#include <string>
+
 #include "vdb_write.h"
 
 // Grids of OpenVDB made of tile trees.
@@ -58,6 +61,23 @@ void forEachSample(ORV::TileTree3D::Container<Traits> const& tree,
                         i * Traits::kSampleCount + (x + W * (y + W * z)),
                         samples[x + W * (y + W * z)]);
     }
+}
+
+/// Sets a box of voxels, by tiles as large as possible. Throws std::length_error for a box of more
+/// of the largest tiles than memory should be spent on.
+template <class Tree>
+void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueType const& value,
+                bool active) {
+    constexpr double kLargest = 4096, kMost = 1 << 20;
+    double count = 1;
+    for (int axis = 0; axis < 3; ++axis)
+        count *= (static_cast<double>(box.max()[axis]) - static_cast<double>(box.min()[axis])) /
+                     kLargest +
+                 1;
+    if (count > kMost)
+        throw std::length_error("zel::writeVdb: a constant region of " + std::to_string(count) +
+                                " times 4096^3 voxels");
+    tree.sparseFill(box, value, active);
 }
 
 /// The voxels whose samples lie in a box.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -14,6 +15,7 @@
 #include "vdb_tiles.h"
 #include "zel/field/evaluate.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry_volume/halo.h"
 #include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace zel {
@@ -350,6 +352,10 @@ private:
         m_target.check(channel.name, Coord(0), background);
         bool const isLevelSet =
             std::is_same_v<T, float> && channel.gridClass == VdbClass::kLevelSet;
+        if constexpr (std::is_same_v<T, float>)
+            if (isLevelSet && !(background > 0))
+                refuse("level set " + detail::quoted(channel.name) + " has a default value of " +
+                       std::to_string(background) + ", which must be the width of its band");
         auto grid = GridOf<T>::create(vdbValue(background));
         auto& tree = grid->tree();
         auto const index = [&](int3 const& lattice) {
@@ -357,32 +363,36 @@ private:
                          (lattice.y - first()) / width() - shift.y,
                          (lattice.z - first()) / width() - shift.z);
         };
+        int const finest = m_tree->depth();
+        auto const halo = isLevelSet ? nullptr : coarseHalo(samples);
         forEachUncovered<Traits, T>(
-            *m_tree, samples, m_tree->depth(),
-            [&](auto const& tile, int3 const& at, T const* sample) {
+            *m_tree, samples, finest, [&](auto const& tile, int3 const& at, T const* sample) {
                 T value = *sample;
                 if constexpr (std::is_same_v<T, float>)
                     if (isLevelSet) value = std::copysign(background, value);
+                if (halo) checkConstant(channel.name, halo->samples(tile.treeIndex()), at);
                 if (value == background) return;
-                m_target.check(channel.name, index(tile.tijk()), value);
-                if (!isLevelSet) checkConstant<T>(channel.name, sample);
                 int3 const low = tile.tijk() + at * tile.voxelDataWidth();
-                int const width = Traits::tileWidth(tile.depth() + 1) / this->width();
-                Coord const corner = index(low);
-                tree.sparseFill(CoordBBox(corner, corner.offsetBy(width - 1)), vdbValue(value),
-                                !isLevelSet);
+                m_target.check(channel.name, index(low), value);
+                int const across = Traits::tileWidth(tile.depth() + 1) / width();
+                CoordBBox const box(index(low), index(low).offsetBy(across - 1));
+                fillVoxels(tree, box, vdbValue(value), !isLevelSet);
             });
         openvdb::tree::ValueAccessor<typename GridOf<T>::TreeType> voxels(tree);
-        forEachSample<Traits, T>(*m_tree, samples, m_tree->depth(),
-                                 [&](int3 const& lattice, long long /*sample*/, T const& value) {
-                                     m_target.check(channel.name, index(lattice), value);
+        forEachSample<Traits, T>(*m_tree, samples, finest,
+                                 [&](int3 const& lattice, long long /*sample*/, T value) {
+                                     Coord const at = index(lattice);
+                                     m_target.check(channel.name, at, value);
                                      bool active = value != background;
                                      if constexpr (std::is_same_v<T, float>)
-                                         if (isLevelSet) active = std::abs(value) < background;
+                                         if (isLevelSet) {
+                                             active = std::abs(value) < background;
+                                             if (!active) value = std::copysign(background, value);
+                                         }
                                      if (active)
-                                         voxels.setValueOn(index(lattice), vdbValue(value));
+                                         voxels.setValueOn(at, vdbValue(value));
                                      else if (value != background)
-                                         voxels.setValueOff(index(lattice), vdbValue(value));
+                                         voxels.setValueOff(at, vdbValue(value));
                                  });
         tree.prune();
         openvdb::Mat4d matrix = openvdb::Mat4d::identity();
@@ -393,12 +403,29 @@ private:
         m_target.add(channel.name, grid, channel.gridClass, channel.vectorType);
     }
 
-    template <class T> void checkConstant(std::string const& name, T const* sample) const {
-        constexpr int W = Traits::kSamples, kSpan = W / Traits::kBranch;
-        for (int z = 0; z < kSpan; ++z)
-            for (int y = 0; y < kSpan; ++y)
-                for (int x = 0; x < kSpan; ++x)
-                    if (sample[x + W * (y + W * z)] != *sample)
+    /// The samples of the tiles above the finest ones, with those across their high faces.
+    template <class T>
+    std::unique_ptr<ORV::TileTree3D::HaloChannel<Traits, T>>
+    coarseHalo(ORV::TileTree3D::DataChannel<Traits, T> const& samples) const {
+        int const coarse = m_tree->depth() - 1;
+        if (coarse < 0) return nullptr;
+        T const background = samples.defaultValue();
+        auto halo = std::make_unique<ORV::TileTree3D::HaloChannel<Traits, T>>(
+            Quern::String(), &background, 0, true, true, 0, coarse);
+        halo->update(*m_topology);
+        ORV::TileTree3D::computeHalo<Traits, T, 0, 0, 1, 0>(samples, *m_tree, *halo, 0, coarse);
+        return halo;
+    }
+
+    /// Refuses values that differ in the place of a child, its high faces included.
+    template <class T>
+    static void checkConstant(std::string const& name, T const* halo, int3 const& first) {
+        constexpr int W = Traits::kSamples + 1, kSpan = Traits::kSamples / Traits::kBranch;
+        T const* const from = halo + first.x + W * (first.y + W * first.z);
+        for (int z = 0; z <= kSpan; ++z)
+            for (int y = 0; y <= kSpan; ++y)
+                for (int x = 0; x <= kSpan; ++x)
+                    if (from[x + W * (y + W * z)] != *from)
                         refuse("channel " + detail::quoted(name) +
                                " varies in tiles above the finest depth; write it as a field");
     }

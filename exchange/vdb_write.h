@@ -69,6 +69,7 @@ struct WriteVdbOptions {
 ///
 /// Throws std::invalid_argument for what buildVolume() refuses, for a level set without a band, a
 /// band that no field makes, a name that is empty or used twice, and a field that is missing;
+/// std::length_error for an inside of more than a million tiles of 4096^3 voxels;
 /// FileError if the file cannot be written, or if a value is not finite, or too large for a half;
 /// Stopped; and exceptions of nodes and of `progress`. A file that had the name before stays as it
 /// was then.

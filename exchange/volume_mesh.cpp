@@ -66,9 +66,8 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     build.parallel = options.parallel;
     build.stop = options.stop;
     build.progress = options.progress;
-    auto const grid =
-        detail::levelSetOf(buildVolume<BinaryTraits>(field, box, voxelSize, options.band, build),
-                           band, detail::voxelsIn(box, voxelSize));
+    auto const volume = buildVolume<BinaryTraits>(field, box, voxelSize, options.band, build);
+    auto const grid = detail::levelSetOf(volume, band, detail::voxelsIn(box, voxelSize));
     std::vector<openvdb::Vec3s> points;
     std::vector<openvdb::Vec3I> triangles;
     std::vector<openvdb::Vec4I> quads;

@@ -1,36 +1,14 @@
-#include "exchange/vdb_grids.h"
-
-#include <openvdb/openvdb.h>
-#include <openvdb/tools/Composite.h>
 #include <openvdb/tools/Interpolation.h>
-#include <openvdb/tools/LevelSetFilter.h>
-#include <openvdb/tools/LevelSetPlatonic.h>
-#include <openvdb/tools/LevelSetSphere.h>
-#include <openvdb/tools/LevelSetUtil.h>
 
 #include <random>
+
+#include "exchange/vdb_grid.h"
 
 namespace vdb_grids {
 
 using namespace openvdb;
 
-struct Grid {
-    GridBase::Ptr base;
-
-    template <class G = FloatGrid> typename G::Ptr as() const { return gridPtrCast<G>(base); }
-};
-
 namespace {
-
-GridPtr wrap(GridBase::Ptr base) {
-    return std::make_shared<Grid>(Grid{std::move(base)});
-}
-FloatGrid::Ptr copyOf(GridPtr const& grid) {
-    return grid->as()->deepCopy();
-}
-Vec3f vec(float3 const& p) {
-    return {p.x, p.y, p.z};
-}
 
 /// Fills a grid with random voxels, boxes and tiles.
 template <class G, class Value> GridPtr random(unsigned seed, Value const& value) {
@@ -66,27 +44,6 @@ template <class G> auto sampled(GridPtr const& grid, std::vector<float3> const& 
 
 }  // namespace
 
-GridPtr sphere(float radius, float3 const& centre, float voxelSize) {
-    initialize();
-    return wrap(tools::createLevelSetSphere<FloatGrid>(radius, vec(centre), voxelSize));
-}
-GridPtr dodecahedron(float scale, float3 const& centre, float voxelSize) {
-    initialize();
-    return wrap(tools::createLevelSetPlatonic<FloatGrid>(12, scale, vec(centre), voxelSize));
-}
-GridPtr smoothed(GridPtr const& levelSet) {
-    auto grid = copyOf(levelSet);
-    tools::LevelSetFilter<FloatGrid>(*grid).mean(1);
-    return wrap(grid);
-}
-GridPtr fogOf(GridPtr const& levelSet) {
-    auto grid = copyOf(levelSet);
-    tools::sdfToFogVolume(*grid);
-    return wrap(grid);
-}
-GridPtr unionOf(GridPtr const& a, GridPtr const& b) {
-    return wrap(tools::csgUnionCopy(*a->as(), *b->as()));
-}
 GridPtr inDouble(GridPtr const& grid) {
     auto copy = DoubleGrid::create(DoubleTree::Ptr(new DoubleTree(grid->as()->tree())));
     copy->setTransform(grid->base->transformPtr());

@@ -102,7 +102,7 @@ pages)
     rm app.cpp README-*
     for page in "$source/README.md" "$source"/docs/*.md; do extract "$page"; done
     if pkg-config --exists zel_scene; then packages+=(zel_scene); else rm scenes-*; fi
-    if pkg-config --exists zel_exchange; then packages+=(zel_exchange); else rm files-*; fi
+    if pkg-config --exists zel_exchange; then packages+=(zel_exchange); else rm files-* exchange-*; fi
     for program in *.cpp; do
         echo "$program"
         compile "$program" -O2 -Wall -Wextra -Werror
