@@ -143,7 +143,7 @@ Volume readVolume(std::string const& bind, std::set<std::string>& wanted) {
         volume.channels.insert(channel);
         wanted.erase(channel);
     }
-    volume.data = zel::readVdb(volume.file, grids);
+    volume.data = zel::readVdbGrids(volume.file, grids);
 
     auto const whole = Orvane::Geometry::shallow_copy_object_to_orv_volume(volume.data.object);
     auto renamed = Quern::makePtr<ORV::Object>();

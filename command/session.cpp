@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include <zel_exchange/output_file.h>
@@ -52,7 +53,7 @@ void Interrupts::wait() {
 namespace {
 
 std::string clockText(double seconds) {
-    auto const s = static_cast<long long>(std::min(seconds, 1e9) + 0.5);
+    auto const s = std::llround(std::min(seconds, 1e9));
     char text[32];
     if (s >= 3600)
         std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", s / 3600, s / 60 % 60, s % 60);

@@ -94,7 +94,7 @@ void writeGray(SliceOptions const& options, drawing::Meter& meter, zel::ScalarFi
         auto const values = meter.values(field, pixelPositions(view, width, height, top, rows));
         for (float const value : *values)
             image.samples.push_back(zel::sampleOf<Sample>(value, low, high));
-        progress(static_cast<std::size_t>(top + rows), static_cast<std::size_t>(height));
+        progress(image.samples.size() / image.width, image.height);
     }
     zel::writePng(options.output, image);
 }

@@ -53,8 +53,8 @@ Image inBands(int width, int height, Progress const& progress,
     for (int top = 0; top < height; top += most) {
         int const rows = std::min(most, height - top);
         image.place(drawBand(top, rows), 0, top);
-        if (progress)
-            progress(static_cast<std::size_t>(top + rows), static_cast<std::size_t>(height));
+        auto const done = static_cast<std::size_t>(top) + static_cast<std::size_t>(rows);
+        if (progress) progress(done, static_cast<std::size_t>(height));
     }
     return image;
 }

@@ -264,6 +264,10 @@ class Test(unittest.TestCase):
             for arguments in (["show", self.ball], ["eval", self.ball, "points.npy"], ["--help"], ["--version"]):
                 self.refused("standard output: cannot be written: No space", *arguments, stdout=full,
                              stderr=subprocess.PIPE, capture_output=False)
+        for words in ("show ball.json >&-", "eval ball.json - <&-", "show no.json 2>&-"):
+            shell = subprocess.run(["bash", "-c", f'"$0" {words}', zel], capture_output=True, text=True)
+            self.assertEqual((shell.returncode, shell.stdout), (2, ""), words)
+            self.assertEqual(shell.stderr.count("\n"), 0 if "2>" in words else 1)
         end, pipe = os.pipe()
         os.close(end)
         self.refused("standard output: cannot be written: Broken pipe", "eval", self.ball, "points.npy", stdout=pipe,
