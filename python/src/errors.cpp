@@ -68,6 +68,19 @@ std::string typeName(py::handle object) {
     return Py_TYPE(object.ptr())->tp_name;
 }
 
+PyObject* refuseNew(char const* error) {
+    PyErr_SetString(PyExc_TypeError, error);
+    return nullptr;
+}
+
+void makeImmutable(py::handle type) {
+#ifdef Py_TPFLAGS_IMMUTABLETYPE
+    auto* const object = reinterpret_cast<PyTypeObject*>(type.ptr());
+    object->tp_flags |= Py_TPFLAGS_IMMUTABLETYPE;
+    PyType_Modified(object);
+#endif
+}
+
 std::string shown(py::handle object) {
     constexpr std::size_t kMost = 60;
     std::string text;

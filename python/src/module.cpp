@@ -29,6 +29,7 @@ void checkInterpreter() {
 
 void addAll(py::module_& module) {
     module.doc() = "Procedural fields: the part of the module zel that is written in C++.";
+    module.attr("__module__") = "zel";  // where classes and functions are public
     module.attr("__version__") = std::to_string(ZEL_VERSION_MAJOR) + '.' +
                                  std::to_string(ZEL_VERSION_MINOR) + '.' +
                                  std::to_string(ZEL_VERSION_PATCH);
