@@ -24,6 +24,9 @@ py::object functionOf(Field const& node);
 /// Whether a tree has a function; such a tree is written without it.
 bool hasFunction(Field const& root);
 
+/// Whether a class is that of such nodes, which field() alone makes.
+bool isFunctionClass(NodeClass const& nodeClass);
+
 /// Registers the classes of the nodes; before addFieldTypes().
 void registerFunctionNodes();
 /// Adds zel.field().
