@@ -218,6 +218,7 @@ void addFunctionFields(py::module_& module) {
     using namespace py::literals;
     module.def(
         "field", makeFunctionField, "function"_a, py::kw_only(), "vector"_a = false,
+        "field(function, *, vector=False)\n--\n\n"
         "A field of a Python function, which gets positions of shape (n, 3) and returns\n"
         "values of shape (n,), or of shape (n, 3) with vector=True. It is called for blocks of\n"
         "up to 256 positions, from any thread, and its exceptions reach the caller. Gradients\n"

@@ -183,8 +183,6 @@ void addFunctions(py::module_& module) {
     std::map<std::string, Candidates> functions;
     for (NodeClass const* const one : nodeClasses())
         if (!isFunctionClass(*one)) functions[shortName(one->name)].push_back(one);
-    py::options withoutSignatures;
-    withoutSignatures.disable_function_signatures();
     py::dict listed;
     for (auto& [name, candidates] : functions) {
         // In the order of their names, that of scalar fields comes first.

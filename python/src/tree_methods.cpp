@@ -137,11 +137,15 @@ PyObject* sameTreeAs(PyObject* self, PyObject* other) {
 }
 
 void addLoads(py::module_& module) {
+    std::string const depth = std::to_string(SceneLimits().depth);
     module.def(
         "loads", loads, py::arg("text"), py::kw_only(), py::arg("depth") = SceneLimits().depth,
-        "Reads a field from the JSON of a scene. Raises SceneError, or TypeError if it is no "
-        "text.\n"
-        "`depth` is the most levels of a tree; an evaluation takes no more than the default.");
+        ("loads(text, *, depth=" + depth +
+         ")\n--\n\n"
+         "Reads a field from the JSON of a scene. Raises SceneError, or TypeError if it is no "
+         "text.\n"
+         "`depth` is the most levels of a tree; an evaluation takes no more than the default.")
+            .c_str());
 }
 
 }  // namespace zel::python

@@ -137,6 +137,13 @@ py::list keysOf(Curve const& self) {
     return keys;
 }
 
+/// The arguments of zel.curve() for a curve.
+py::tuple partsOf(Curve const& self) {
+    return py::make_tuple(py::tuple(keysOf(self)),
+                          nameOf(static_cast<int>(self.curve->before()), kEnds),
+                          nameOf(static_cast<int>(self.curve->after()), kEnds));
+}
+
 Value toQuaternion(py::handle object, std::string const& where) {
     Py_ssize_t const length = lengthOf(object);
     if (length == 3) return Orvane::Math::float4(detail::rotationOf(toVector(object, where)));
@@ -344,13 +351,13 @@ void addCurve(py::module_& module) {
             [](Curve const& self, py::object const& x) {
                 return self.curve->evalFCurve(toDouble(x, "zel.Curve: x"));
             },
-            py::arg("x"), "The value at a number.")
+            py::arg("x"), "__call__(self, x)\n--\n\nThe value at a number.")
         .def(
             "slope",
             [](Curve const& self, py::object const& x) {
                 return self.curve->slope(toDouble(x, "zel.Curve.slope: x"));
             },
-            py::arg("x"), "The derivative at a number.")
+            py::arg("x"), "slope(self, x)\n--\n\nThe derivative at a number.")
         .def_property_readonly("keys", keysOf,
                                "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
                                "changes of the value for each unit of x.")
@@ -369,10 +376,16 @@ void addCurve(py::module_& module) {
                         nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
                         nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
              })
-        .def("__reduce__", [](py::object const& self) {
-            return py::make_tuple(
-                py::module_::import("zel").attr("_curve"),
-                py::make_tuple(self.attr("keys"), self.attr("before"), self.attr("after")));
+        .def("__eq__",
+             [](Curve const& self, py::object const& other) {
+                 if (!py::isinstance<Curve>(other))
+                     return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+                 return py::object(
+                     py::bool_(partsOf(self).equal(partsOf(other.cast<Curve const&>()))));
+             })
+        .def("__hash__", [](Curve const& self) { return py::hash(partsOf(self)); })
+        .def("__reduce__", [](Curve const& self) {
+            return py::make_tuple(py::module_::import("zel").attr("_curve"), partsOf(self));
         });
     makeImmutable(type);
     module.def(
@@ -381,6 +394,7 @@ void addCurve(py::module_& module) {
             return Curve{makeCurve(keys, before, after)};
         },
         py::arg("keys"), py::arg("before") = "constant", py::arg("after") = "constant",
+        "curve(keys, before='constant', after='constant')\n--\n\n"
         "A curve through keys (x, value), (x, value, slope) or (x, value, in_slope, out_slope) in\n"
         "ascending order of x. After its numbers a key may have the name of the segment that "
         "begins\n"

@@ -473,6 +473,7 @@ void addVolume(py::module_& module) {
     type.def_static(
             "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
             "outside"_a = py::none(),
+            "from_numpy(array, voxel_size, origin, *, name, outside=None)\n--\n\n"
             "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
             "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
             "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
@@ -482,14 +483,18 @@ void addVolume(py::module_& module) {
             "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
             "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(),
             "max_depth"_a = py::none(),
+            "from_field(field, box, voxel_size, band, *, name='value', outside=0, min_depth=None, "
+            "max_depth=None)\n--\n\n"
             "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
             "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
             "min_depth all tiles are made that meet the box; none is deeper than max_depth. "
             "Raises\n"
             "TypeError or ValueError, which name the argument, and KeyboardInterrupt.")
         .def("with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
-             "A volume with one more channel, of the values of a field at the samples of this one.")
+             "with_field(self, name, field, outside=None)\n--\n\nA volume with one more channel, "
+             "of the values of a field at the samples of this one.")
         .def("to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
+             "to_numpy(self, depth=None, name=None)\n--\n\n"
              "The samples of all tiles of a depth, the deepest by default, as a dense array over "
              "the\n"
              "voxels of the volume; where there is no tile of the depth, the value outside. The "
@@ -499,13 +504,15 @@ void addVolume(py::module_& module) {
              "there\n"
              "is not, KeyError for such a name.")
         .def("origin", originOf, "depth"_a = py::none(),
-             "The place of the sample [0, 0, 0] of to_numpy(depth).")
+             "origin(self, depth=None)\n--\n\nThe place of the sample [0, 0, 0] of "
+             "to_numpy(depth).")
         .def(
             "tile_count",
             [](Volume const& self, py::object const& depth) {
                 return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
             },
-            "depth"_a = py::none(), "The number of tiles of a depth, or of all.")
+            "depth"_a = py::none(),
+            "tile_count(self, depth=None)\n--\n\nThe number of tiles of a depth, or of all.")
         .def_property_readonly(
             "names",
             [](Volume const& self) {
