@@ -186,6 +186,13 @@ py::object functionOf(Field const& node) {
     return py::reinterpret_borrow<py::object>(slot->function);
 }
 
+bool mayHaveFunction(FieldObject const& field) {
+    if (!field.attached) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(field.attached); ++i)
+        if (Py_TYPE(PyTuple_GET_ITEM(field.attached, i)) == holderType) return true;
+    return false;
+}
+
 bool isFunctionClass(NodeClass const& nodeClass) {
     return nodeClass.name == kScalarClass || nodeClass.name == kVectorClass;
 }
