@@ -57,7 +57,7 @@ template <class T> py::array arrayOf(Quern::Array<T> const& values) {
     if (kWidth < T >> 1) shape.push_back(kWidth<T>);
     py::array array(py::dtype::of<ElementOf<T>>(),
                     std::vector<py::ssize_t>(shape.begin(), shape.end()));
-    if (values.size() > 0)
+    if (!values.empty())
         std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
     return array;
 }

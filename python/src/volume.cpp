@@ -171,7 +171,7 @@ std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& vox
     for (int axis = 0; axis < 3; ++axis) {
         double const voxels = double{at[axis]} / double{size};
         double const rounded = std::round(2 * voxels) / 2;
-        constexpr double kMost = Traits::kRootWidth / 2 - 8;
+        constexpr double kMost = Traits::kRootWidth / 2.0 - 8;
         if (!(std::abs(voxels) < kMost) ||
             !(rounded + static_cast<double>(array.shape(axis)) < kMost))
             throw py::value_error(std::string(kWhere) +
