@@ -32,6 +32,7 @@ void addErrors(py::module_& module) {
             PyExc_ValueError, nullptr);
     if (!sceneErrorClass) throw py::error_already_set();
     module.attr("SceneError") = py::handle(sceneErrorClass);
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11 has it by value
     py::register_exception_translator([](std::exception_ptr const exception) {
         if (exception) setError(exception);
     });
