@@ -14,12 +14,23 @@ namespace {
 
 constexpr char const* kCapsule = "zel.BoundLeaves";
 
-void raiseMissing(BindReport const& report) {
+/// A line of the report of a field.
+struct ReportLine {
+    Binding binding;
+    bool isEarlier;  ///< bound to the object of an earlier call
+
+    bool isBound() const { return isEarlier || binding.state == Binding::State::kBound; }
+    std::string reason() const { return isEarlier ? "bound earlier" : binding.reason(); }
+};
+
+void raiseMissing(std::vector<ReportLine> const& report) {
     std::set<std::string> reasons;
     py::list names;
-    for (Binding const& one : report.unbound()) {
-        if (reasons.insert(one.reason()).second) names.append(py::str(one.name));
+    for (ReportLine const& one : report) {
+        if (one.isBound()) continue;
+        if (reasons.insert(one.reason()).second) names.append(py::str(one.binding.name));
     }
+    if (reasons.empty()) return;
     std::string text = "unbound: ";
     for (std::string const& reason : reasons)
         text += (reason == *reasons.begin() ? "" : ", ") + reason;
@@ -29,15 +40,30 @@ void raiseMissing(BindReport const& report) {
     throw py::error_already_set();
 }
 
-/// The nodes of a tree that a report has as bound.
-std::unordered_set<Field const*> boundNodes(Tree const& tree, BindReport const& report) {
-    // The report numbers the nodes in the same order.
-    NodeList const list(rootOf(tree));
+/// The nodes of the lines of a report. The report numbers the nodes as a list does.
+Field const* nodeOf(Binding const& binding, NodeList const& list) {
+    return binding.node < list.nodes().size() ? list.nodes()[binding.node] : nullptr;
+}
+std::unordered_set<Field const*> boundNodes(NodeList const& list, BindReport const& report) {
     std::unordered_set<Field const*> found;
     for (Binding const& one : report.bindings)
-        if (one.state == Binding::State::kBound && one.node < list.nodes().size())
-            found.insert(list.nodes()[one.node]);
+        if (one.state == Binding::State::kBound && nodeOf(one, list))
+            found.insert(nodeOf(one, list));
     return found;
+}
+
+/// A report in which the leaves that keep an earlier binding are bound.
+std::vector<ReportLine> linesOf(BindReport const& report, NodeList const& list,
+                                py::object const& attached) {
+    std::unordered_set<Field const*> bound;
+    for (py::handle const one : attached)
+        if (BoundLeaves const* const known = boundLeavesIn(one))
+            bound.insert(known->leaves.begin(), known->leaves.end());
+    std::vector<ReportLine> lines;
+    for (Binding const& one : report.bindings)
+        lines.push_back(
+            {one, one.state != Binding::State::kBound && bound.contains(nodeOf(one, list))});
+    return lines;
 }
 
 }  // namespace
@@ -100,12 +126,14 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
         Tree tree = original.tree;
         BindReport report;
         withoutLock([&] { report = zel::bind(tree, source->object(), source->indices()); });
-        if (strict != 0 && !report.isComplete()) raiseMissing(report);
+        NodeList const nodes(rootOf(tree));
         py::object const attached =
-            attachedOfCopy(original, tree, source, boundNodes(tree, report));
+            attachedOfCopy(original, tree, source, boundNodes(nodes, report));
+        std::vector<ReportLine> const lines = linesOf(report, nodes, attached);
+        if (strict != 0) raiseMissing(lines);
         py::object made = wrap(tree, attached, original.levels);
         py::list list;
-        for (Binding const& one : report.bindings) list.append(py::cast(one));
+        for (ReportLine const& one : lines) list.append(py::cast(one));
         fieldOf(made).report = list.release().ptr();
         return made.release().ptr();
     });
@@ -127,20 +155,30 @@ py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, p
 }
 
 void addBinding(py::module_& module) {
-    py::class_<Binding>(module, "Binding", "What bind() did for a leaf that waits for an object.")
-        .def_readonly("class_name", &Binding::className)
-        .def_readonly("name", &Binding::name,
-                      "The property or the channel that the leaf looks for.")
+    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
+        return refuseNew("zel.Binding: bind() makes the lines of its report");
+    };
+    py::class_<ReportLine> type(module, "Binding",
+                                "What bind() did for a leaf that waits for an object.",
+                                py::is_final(), madeBy(make));
+    type.def_property_readonly(
+            "class_name", [](ReportLine const& self) { return self.binding.className; },
+            "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.")
         .def_property_readonly(
-            "is_bound", [](Binding const& self) { return self.state == Binding::State::kBound; })
-        .def_property_readonly("reason", &Binding::reason,
+            "name", [](ReportLine const& self) { return self.binding.name; },
+            "The property or the channel that the leaf looks for.")
+        .def_property_readonly("is_bound", &ReportLine::isBound,
+                               "Whether the leaf is bound, by this call or by an earlier one.")
+        .def_property_readonly("reason", &ReportLine::reason,
                                "The state in words, such as 'no property \"density\"'.")
-        .def_property_readonly("path", &Binding::path,
-                               "The way from the root, such as '/root/a/field'.")
-        .def("__repr__", [](Binding const& self) {
-            return "<zel.Binding " + self.path() + ": " + self.className + ": " + self.reason() +
-                   '>';
+        .def_property_readonly(
+            "path", [](ReportLine const& self) { return self.binding.path(); },
+            "The way from the root, such as '/root/a/field'.")
+        .def("__repr__", [](ReportLine const& self) {
+            return "<zel.Binding " + self.binding.path() + ": " + self.binding.className + ": " +
+                   self.reason() + '>';
         });
+    makeImmutable(type);
 }
 
 }  // namespace zel::python

@@ -13,6 +13,8 @@ namespace zel::python {
 
 namespace {
 
+constexpr char const *kScalarClass = "ScalarFieldFunction", *kVectorClass = "VectorFieldFunction";
+
 /// Holds the interpreter's lock in a thread of any kind.
 class Lock {
 public:
@@ -156,7 +158,11 @@ template <class Node> py::object makeField(py::handle function) {
     return wrap(Quern::Ptr<Interface>(node), py::make_tuple(makeHolder(node->slot, function)), 1);
 }
 
-py::object makeFunctionField(py::object const& function, bool isVector) {
+py::object makeFunctionField(py::object const& function, py::object const& vector) {
+    bool const isBool = PyBool_Check(vector.ptr());
+    if (!isBool)
+        throw py::type_error("zel.field: vector: wanted True or False, got " + shown(vector));
+    bool const isVector = vector.is(py::bool_(true));
     if (isField(function) || !PyCallable_Check(function.ptr()))
         throw py::type_error("zel.field: wanted a function (n, 3) array -> array, got " +
                              shown(function));
@@ -180,6 +186,17 @@ py::object functionOf(Field const& node) {
     return py::reinterpret_borrow<py::object>(slot->function);
 }
 
+bool mayHaveFunction(FieldObject const& field) {
+    if (!field.attached) return false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(field.attached); ++i)
+        if (Py_TYPE(PyTuple_GET_ITEM(field.attached, i)) == holderType) return true;
+    return false;
+}
+
+bool isFunctionClass(NodeClass const& nodeClass) {
+    return nodeClass.name == kScalarClass || nodeClass.name == kVectorClass;
+}
+
 bool hasFunction(Field const& root) {
     NodeList const list(root);
     for (Field const* const node : list.nodes())
@@ -199,8 +216,8 @@ void registerFunctionNodes() {
     PyObject* const made = PyType_FromSpec(&spec);
     if (!made) throw py::error_already_set();
     holderType = reinterpret_cast<PyTypeObject*>(made);
-    registerNode<ScalarFieldFunction>("ScalarFieldFunction");
-    registerNode<VectorFieldFunction>("VectorFieldFunction");
+    registerNode<ScalarFieldFunction>(kScalarClass);
+    registerNode<VectorFieldFunction>(kVectorClass);
     watchShutDown();
 }
 
@@ -208,10 +225,13 @@ void addFunctionFields(py::module_& module) {
     using namespace py::literals;
     module.def(
         "field", makeFunctionField, "function"_a, py::kw_only(), "vector"_a = false,
+        "field(function, *, vector=False)\n--\n\n"
         "A field of a Python function, which gets positions of shape (n, 3) and returns\n"
         "values of shape (n,), or of shape (n, 3) with vector=True. It is called for blocks of\n"
         "up to 256 positions, from any thread, and its exceptions reach the caller. Gradients\n"
-        "are differences of its values.");
+        "are differences of its values. A result of another shape is a ValueError, one that is "
+        "not\n"
+        "of numbers a TypeError.");
 }
 
 }  // namespace zel::python

@@ -24,6 +24,11 @@ py::object functionOf(Field const& node);
 /// Whether a tree has a function; such a tree is written without it.
 bool hasFunction(Field const& root);
 
+/// Whether a field may have a function in its tree: if not, there is none. Costs no walk.
+bool mayHaveFunction(FieldObject const& field);
+/// Whether a class is that of such nodes, which field() alone makes.
+bool isFunctionClass(NodeClass const& nodeClass);
+
 /// Registers the classes of the nodes; before addFieldTypes().
 void registerFunctionNodes();
 /// Adds zel.field().

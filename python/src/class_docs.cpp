@@ -2,6 +2,11 @@
 
 #include <algorithm>
 #include <string_view>
+#include <vector>
+
+#include "callable.h"
+#include "values.h"
+#include "zel_platform/orvane_geometry/object.h"
 
 namespace zel::python {
 
@@ -30,39 +35,6 @@ char const* kindName(ValueKind kind) {
         "none",       "bool",   "integer", "float", "double",  "vector",      "quaternion",
         "unitVector", "string", "sampler", "curve", "vectors", "scalarField", "vectorField"};
     return kNames[static_cast<std::size_t>(kind)];
-}
-
-char const* kindText(ValueKind kind) {
-    switch (kind) {
-    case ValueKind::kBool:
-        return "bool";
-    case ValueKind::kInteger:
-        return "int";
-    case ValueKind::kFloat:
-    case ValueKind::kDouble:
-        return "float";
-    case ValueKind::kVector:
-        return "vector (x, y, z)";
-    case ValueKind::kQuaternion:
-        return "rotation vector (x, y, z) or quaternion (x, y, z, w)";
-    case ValueKind::kUnitVector:
-        return "direction (x, y, z)";
-    case ValueKind::kString:
-        return "str";
-    case ValueKind::kSampler:
-        return "'linear', 'cubicC0' or 'cubicC1'";
-    case ValueKind::kCurve:
-        return "zel.Curve or keys";
-    case ValueKind::kVectors:
-        return "array of shape (n, 3)";
-    case ValueKind::kScalarField:
-        return "scalar field or number";
-    case ValueKind::kVectorField:
-        return "vector field or vector (x, y, z)";
-    case ValueKind::kNone:
-        break;
-    }
-    return "";
 }
 
 std::string defaultText(Value const& value) {
@@ -94,7 +66,53 @@ std::string defaultText(Value const& value) {
         value);
 }
 
+/// Whether the constructor alone binds a class, to a volume; other bound classes wait for bind().
+bool takesVolume(NodeClass const& nodeClass) {
+    if (!nodeClass.isBound) return false;
+    std::vector<Value> values;
+    for (ParameterInfo const& parameter : nodeClass.parameters) {
+        if (parameter.defaultValue.index() == 0 && parameter.kind != ValueKind::kString)
+            return false;
+        values.push_back(parameter.defaultValue.index() == 0 ? Value(Quern::String())
+                                                             : defaultValue(parameter));
+    }
+    return !rootOf(nodeClass.make(values, Orvane::Object())).is_triggerable();
+}
+
 }  // namespace
+
+char const* kindText(ValueKind kind) {
+    switch (kind) {
+    case ValueKind::kBool:
+        return "bool";
+    case ValueKind::kInteger:
+        return "int";
+    case ValueKind::kFloat:
+    case ValueKind::kDouble:
+        return "float";
+    case ValueKind::kVector:
+        return "vector (x, y, z)";
+    case ValueKind::kQuaternion:
+        return "rotation vector (x, y, z) in radians or quaternion (x, y, z, w)";
+    case ValueKind::kUnitVector:
+        return "direction (x, y, z)";
+    case ValueKind::kString:
+        return "str";
+    case ValueKind::kSampler:
+        return "'linear', 'cubicC0' or 'cubicC1'";
+    case ValueKind::kCurve:
+        return "zel.Curve or keys";
+    case ValueKind::kVectors:
+        return "array of shape (n, 3)";
+    case ValueKind::kScalarField:
+        return "scalar field or number";
+    case ValueKind::kVectorField:
+        return "vector field or vector (x, y, z)";
+    case ValueKind::kNone:
+        break;
+    }
+    return "";
+}
 
 void addNodeClasses(py::module_& module) {
     module.def(
@@ -102,6 +120,7 @@ void addNodeClasses(py::module_& module) {
         [] {
             py::list classes;
             for (NodeClass const* const one : nodeClasses()) {
+                if (isFunctionClass(*one)) continue;
                 py::list parameters;
                 for (ParameterInfo const& parameter : one->parameters) {
                     bool const hasDefault = parameter.defaultValue.index() != 0;
@@ -135,7 +154,14 @@ std::string signatureOf(NodeClass const& nodeClass) {
         signature += (signature.empty() ? "" : ", ") + parameter.name;
         if (hasDefault) signature += '=' + defaultText(parameter.defaultValue);
     }
+    if (takesVolume(nodeClass)) signature += std::string(isKeyword ? "" : ", *") + ", volume=None";
     return '(' + signature + ')';
+}
+
+std::string functionSignatureOf(NodeClass const& nodeClass) {
+    std::string signature = signatureOf(nodeClass);
+    if (nodeClass.chain != Chain::kNone) signature.insert(signature.size() - 1, ", *more");
+    return signature;
 }
 
 std::string commentOf(NodeClass const& nodeClass) {
@@ -148,6 +174,12 @@ std::string commentOf(NodeClass const& nodeClass) {
         if (parameter.defaultValue.index() != 0)
             doc += ", " + defaultText(parameter.defaultValue) + " by default";
     }
+    if (takesVolume(nodeClass))
+        doc +=
+            "\n    volume: zel.Volume to bind to, by keyword. Raises KeyError if it has no channel "
+            "of that name and type";
+    if (signatureOf(nodeClass).find("*, ") != std::string::npos && !takesVolume(nodeClass))
+        doc += "\n\nAll of them can be given by place, too.";
     return doc;
 }
 

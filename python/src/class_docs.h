@@ -8,8 +8,12 @@
 
 namespace zel::python {
 
+/// What a parameter of a kind takes, such as "scalar field or number".
+char const* kindText(ValueKind kind);
 /// The parameters of a node class as the signature of a function, such as "(field, exponent)".
 std::string signatureOf(NodeClass const& nodeClass);
+/// That of the function of the class, which takes more operands if the class forms chains.
+std::string functionSignatureOf(NodeClass const& nodeClass);
 /// The documentation of a node class for Python: the comment above the class in C++ if it is of the
 /// library, and its parameters.
 std::string commentOf(NodeClass const& nodeClass);

@@ -32,6 +32,7 @@ void addErrors(py::module_& module) {
             PyExc_ValueError, nullptr);
     if (!sceneErrorClass) throw py::error_already_set();
     module.attr("SceneError") = py::handle(sceneErrorClass);
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11 has it by value
     py::register_exception_translator([](std::exception_ptr const exception) {
         if (exception) setError(exception);
     });
@@ -66,6 +67,19 @@ std::string textOf(py::handle str) {
 
 std::string typeName(py::handle object) {
     return Py_TYPE(object.ptr())->tp_name;
+}
+
+PyObject* refuseNew(char const* error) {
+    PyErr_SetString(PyExc_TypeError, error);
+    return nullptr;
+}
+
+void makeImmutable(py::handle type) {
+#ifdef Py_TPFLAGS_IMMUTABLETYPE
+    auto* const object = reinterpret_cast<PyTypeObject*>(type.ptr());
+    object->tp_flags |= Py_TPFLAGS_IMMUTABLETYPE;
+    PyType_Modified(object);
+#endif
 }
 
 std::string shown(py::handle object) {

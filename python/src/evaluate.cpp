@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "arrays.h"
+#include "callable.h"
 #include "errors.h"
 #include "interrupt.h"
 #include "zel/field/evaluate.h"
@@ -29,6 +30,7 @@ template <class Interface> struct Job {
     Value* values;
     Gradient* gradients;
     long long firstIndex;
+    bool hasFunction;
 
     /// Evaluates `count` positions from `first` on.
     void run(std::size_t first, std::size_t count, std::stop_token const& stop = {}) const {
@@ -37,6 +39,9 @@ template <class Interface> struct Job {
         EvaluateOptions options;
         options.firstIndex = firstIndex + static_cast<long long>(first);
         options.stop = stop;
+        // The calls of a function take turns: of many threads, they would only get small blocks.
+        constexpr std::size_t kWorthSharing = 16384;
+        options.parallel = !hasFunction || count > kWorthSharing;
         std::span<Value> const partOfValues(values ? values + first : nullptr, values ? count : 0);
         if (!gradients) return evaluate(field, part, partOfValues, options);
         evaluate(field, part, partOfValues, std::span<Gradient>(gradients + first, count), options);
@@ -130,7 +135,7 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
         *root, points.view,
         values ? reinterpret_cast<typename Interface::Value*>(values->data()) : nullptr,
         gradients ? reinterpret_cast<typename Interface::Gradient*>(gradients->data()) : nullptr,
-        index});
+        index, mayHaveFunction(fieldOf(self))});
     if (values && gradients) return py::make_tuple(values->finish(), gradients->finish());
     return values ? values->finish() : gradients->finish();
 }

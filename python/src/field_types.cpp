@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "callable.h"
 #include "class_docs.h"
 #include "errors.h"
 #include "evaluate.h"
@@ -120,14 +121,18 @@ PyCFunction withKeywords(PyCFunctionWithKeywords function) {
 PyMethodDef methods[] = {
     {"value_and_grad", withKeywords(valueAndGrad), METH_VARARGS | METH_KEYWORDS,
      "value_and_grad($self, xyz, out=None, index0=0)\n--\n\n"
-     "The values and the gradients at positions, by one evaluation. The gradient of a vector "
+     "The values and the gradients at positions, by one evaluation. The gradients of a scalar "
      "field\n"
-     "has the shape (..., 3, 3): [..., r, c] is the derivative of component r along coordinate c.\n"
-     "`out` is a tuple of two arrays to write to. See __call__."},
+     "have the shape (..., 3): [..., c] is the derivative along coordinate c. Those of a vector "
+     "field\n"
+     "have the shape (..., 3, 3): [..., r, c] is the derivative of component r along coordinate "
+     "c.\n"
+     "`out` is a tuple of two arrays to write to. Raises as a call does: see zel.ScalarField."},
     {"grad", withKeywords(gradient), METH_VARARGS | METH_KEYWORDS,
-     "grad($self, xyz, out=None, index0=0)\n--\n\nThe gradients alone: see value_and_grad."},
+     "grad($self, xyz, out=None, index0=0)\n--\n\nThe gradients alone, of "
+     "shape\n(..., 3) of a scalar field and (..., 3, 3) of a vector field: see value_and_grad."},
     {"same_tree", sameTreeAs, METH_O,
-     "same_tree($self, other)\n--\n\n"
+     "same_tree($self, other, /)\n--\n\n"
      "Whether two trees have equal classes, equal bits in all parameters, and the same shape. "
      "What\n"
      "a leaf is bound to plays no part. `==` tells whether two fields are one node."},
@@ -155,7 +160,9 @@ PyMethodDef methods[] = {
      "indices: the element for each sampled index.\n"
      "metres_per_unit: the length of a unit of positions, for leaves of volumes.\n"
      "strict: raise KeyError with all names that are missing. Else the attribute `bind_report` of\n"
-     "    the result has them."},
+     "    the result has them. A leaf that an earlier bind() bound, and for which this one has\n"
+     "    nothing, stays bound, and is bound in the report.\n\n"
+     "Raises TypeError or ValueError for an argument that does not fit, which name it."},
     {"exact_gradients", method<exactGradients>, METH_NOARGS,
      "exact_gradients($self)\n--\n\n"
      "A copy of the tree in which each class that knows the derivative of its value answers\n"
@@ -194,7 +201,12 @@ char const kScalarDoc[] =
     "float32 are read in place if their strides allow it; others are converted. `out` is an array\n"
     "of float32, of the shape of the result, to write to. `index0` is the element index of the "
     "first\n"
-    "position; those of the others follow it.";
+    "position; those of the others follow it. Positions are in the units of the tree's "
+    "parameters.\n\n"
+    "Raises ValueError for a shape and TypeError for elements that do not fit, RecursionError for "
+    "a\n"
+    "tree of more than 1000 levels, KeyboardInterrupt, and what a Python function in the tree "
+    "raises.";
 char const kVectorDoc[] = "A function over space whose values are vectors.\n\n"
                           "field(xyz, out=None, index0=0) returns the values at positions `xyz`, "
                           "of shape (..., 3), as an\n"
@@ -244,8 +256,9 @@ void makeNodeType(NodeClass const& nodeClass) {
     for (std::size_t i = 0; i < nodeClass.parameters.size(); ++i) {
         char const* const name = nodeClass.parameters[i].name.c_str();
         if (py::hasattr(base, name)) continue;  // to be found in `parameters` alone
-        made.attributes.push_back(
-            {name, getParameter, nullptr, nullptr, reinterpret_cast<void*>(i)});
+        made.attributes.push_back({name, getParameter, nullptr,
+                                   kindText(nodeClass.parameters[i].kind),
+                                   reinterpret_cast<void*>(i)});
     }
     made.attributes.push_back({});
     std::string const doc =
@@ -256,6 +269,7 @@ void makeNodeType(NodeClass const& nodeClass) {
                            {0, nullptr}};
     PyType_Spec spec{made.name.c_str(), sizeof(FieldObject), 0, Py_TPFLAGS_DEFAULT, slots};
     made.type = makeType(spec, nodeClass.isScalar ? bases.scalarField : bases.vectorField);
+    makeImmutable(reinterpret_cast<PyObject*>(made.type));
     typesByClass.emplace(&nodeClass, made.type);
     classesByType.emplace(made.type, &nodeClass);
 }
@@ -291,7 +305,8 @@ void addFieldTypes(py::module_& module) {
     add("Field", bases.field);
     add("ScalarField", bases.scalarField);
     add("VectorField", bases.vectorField);
-    for (NodeType const& one : nodeTypes) add(one.nodeClass->name.c_str(), one.type);
+    for (NodeType const& one : nodeTypes)
+        if (!isFunctionClass(*one.nodeClass)) add(one.nodeClass->name.c_str(), one.type);
 }
 
 }  // namespace zel::python

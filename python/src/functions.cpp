@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "binding.h"
+#include "callable.h"
 #include "class_docs.h"
 #include "errors.h"
 #include "field_types.h"
@@ -154,6 +155,8 @@ std::string shortName(std::string_view name) {
 }  // namespace
 
 py::object construct(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
+    if (isFunctionClass(nodeClass))
+        throw py::type_error("zel." + nodeClass.name + ": zel.field(function) makes such a field");
     Arguments const given = argumentsOf(nodeClass, args, keywords);
     Parts parts;
     std::vector<Value> values;
@@ -178,16 +181,15 @@ py::object makeNode(char const* className, py::args const& args) {
 
 void addFunctions(py::module_& module) {
     std::map<std::string, Candidates> functions;
-    for (NodeClass const* const one : nodeClasses()) functions[shortName(one->name)].push_back(one);
-    py::options withoutSignatures;
-    withoutSignatures.disable_function_signatures();
+    for (NodeClass const* const one : nodeClasses())
+        if (!isFunctionClass(*one)) functions[shortName(one->name)].push_back(one);
     py::dict listed;
     for (auto& [name, candidates] : functions) {
         // In the order of their names, that of scalar fields comes first.
-        std::string signature = signatureOf(*candidates[0]), doc;
+        std::string signature = functionSignatureOf(*candidates[0]), doc;
         py::list names;
         for (NodeClass const* const one : candidates) {
-            if (signatureOf(*one) != signature) signature = "(*args, **kwargs)";
+            if (functionSignatureOf(*one) != signature) signature = "(*args, **kwargs)";
             doc += "\n\nzel." + one->name + signatureOf(*one) + "\n\n" + commentOf(*one);
             names.append(one->name);
         }

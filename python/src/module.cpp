@@ -28,7 +28,11 @@ void checkInterpreter() {
 }
 
 void addAll(py::module_& module) {
+    // Those in docstrings are for inspect.signature(), which cannot read the ones of pybind11.
+    py::options options;
+    options.disable_function_signatures();
     module.doc() = "Procedural fields: the part of the module zel that is written in C++.";
+    module.attr("__module__") = "zel";  // where classes and functions are public
     module.attr("__version__") = std::to_string(ZEL_VERSION_MAJOR) + '.' +
                                  std::to_string(ZEL_VERSION_MINOR) + '.' +
                                  std::to_string(ZEL_VERSION_PATCH);

@@ -57,7 +57,7 @@ template <class T> py::array arrayOf(Quern::Array<T> const& values) {
     if (kWidth < T >> 1) shape.push_back(kWidth<T>);
     py::array array(py::dtype::of<ElementOf<T>>(),
                     std::vector<py::ssize_t>(shape.begin(), shape.end()));
-    if (values.size() > 0)
+    if (!values.empty())
         std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
     return array;
 }
@@ -126,6 +126,23 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
             }
         }
     }
+}
+
+PyObject* newProperty(PyObject* args, PyObject* keywords) {
+    static char const* const names[] = {"values", "default", "target", nullptr};
+    PyObject *values = nullptr, *defaultValue = Py_None, *target = nullptr;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, "O|OO:zel.Property", const_cast<char**>(names),
+                                     &values, &defaultValue, &target))
+        return nullptr;
+    return guardedObject([&] {
+        if (target && !PyUnicode_Check(target))
+            throw py::type_error("zel.Property: target: wanted a str, got " + shown(target));
+        return py::cast(PropertyObject{numbersOf(values, "zel.Property: values"),
+                                       py::reinterpret_borrow<py::object>(defaultValue),
+                                       target ? textOf(target) : std::string()})
+            .release()
+            .ptr();
+    });
 }
 
 }  // namespace
@@ -254,21 +271,35 @@ std::shared_ptr<Source const> Source::fromState(py::dict const& state) {
 }
 
 void addProperty(py::module_& module) {
-    py::class_<PropertyObject>(
+    auto const make = [](PyTypeObject*, PyObject* args, PyObject* keywords) {
+        return newProperty(args, keywords);
+    };
+    py::class_<PropertyObject> type(
         module, "Property",
+        "Property(values, default=None, target='')\n--\n\n"
         "An array to bind to, with a default value and a target: see Field.bind(). The default is\n"
         "the value of an index out of range. The target is the part of the object on whose "
         "elements\n"
-        "the property is defined; its indices, if bind() gets any, choose the element.")
-        .def(py::init(
-                 [](py::object const& values, py::object const& defaultValue, std::string target) {
-                     return PropertyObject{numbersOf(values, "zel.Property: values"), defaultValue,
-                                           std::move(target)};
-                 }),
-             py::arg("values"), py::arg("default") = py::none(), py::arg("target") = "")
-        .def_readonly("values", &PropertyObject::values)
-        .def_readonly("default", &PropertyObject::defaultValue)
-        .def_readonly("target", &PropertyObject::target);
+        "the property is defined; its indices, if bind() gets any, choose the element.",
+        py::is_final(), madeBy(make));
+    type.def_readonly("values", &PropertyObject::values,
+                      "The array, of shape (n,), (n, 3) or (n, 4); bind() copies it.")
+        .def_readonly("default", &PropertyObject::defaultValue,
+                      "The value of an index out of range, or None: 0, and no rotation of "
+                      "quaternions.")
+        .def_readonly("target", &PropertyObject::target,
+                      "The target, or '' for the elements of the object itself.")
+        .def("__repr__",
+             [](PropertyObject const& self) {
+                 return "<zel.Property " + dtypeText(self.values) + ' ' + shapeText(self.values) +
+                        ", default=" + std::string(py::repr(self.defaultValue)) +
+                        ", target=" + std::string(py::repr(py::str(self.target))) + '>';
+             })
+        .def("__reduce__", [](PropertyObject const& self) {
+            return py::make_tuple(py::type::of<PropertyObject>(),
+                                  py::make_tuple(self.values, self.defaultValue, self.target));
+        });
+    makeImmutable(type);
 }
 
 }  // namespace zel::python

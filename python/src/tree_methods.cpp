@@ -1,5 +1,7 @@
 #include "tree_methods.h"
 
+#include <limits>
+
 #include "callable.h"
 #include "errors.h"
 #include "values.h"
@@ -21,7 +23,7 @@ py::object fromText(std::string const& text) {
     return made;
 }
 
-py::object loads(py::object const& text, std::size_t depth) {
+py::object loads(py::object const& text, py::object const& depth) {
     std::string given;
     if (PyUnicode_Check(text.ptr()))
         given = textOf(text);
@@ -30,8 +32,18 @@ py::object loads(py::object const& text, std::size_t depth) {
     else
         throw py::type_error("zel.loads: wanted a str or bytes, got " + shown(text));
     SceneLimits limits;
-    limits.depth = depth;
-    return wrap(fromJson(given, limits));
+    ParameterInfo range;
+    range.kind = ValueKind::kInteger;
+    range.least = 0;
+    range.most = std::numeric_limits<std::int64_t>::max();
+    Parts none;
+    limits.depth = static_cast<std::size_t>(
+        std::get<std::int64_t>(toValue(depth, range, "zel.loads: depth", none)));
+    Tree tree = fromJson(given, limits);
+    if (hasFunction(rootOf(tree)))
+        throw py::value_error("zel.loads: the scene has a field of a Python function, which JSON "
+                              "does not carry");
+    return wrap(std::move(tree));
 }
 
 }  // namespace
@@ -125,10 +137,15 @@ PyObject* sameTreeAs(PyObject* self, PyObject* other) {
 }
 
 void addLoads(py::module_& module) {
+    std::string const depth = std::to_string(SceneLimits().depth);
     module.def(
         "loads", loads, py::arg("text"), py::kw_only(), py::arg("depth") = SceneLimits().depth,
-        "Reads a field from the JSON of a scene. Raises SceneError. `depth` is the most levels\n"
-        "of a tree; an evaluation takes no more than the default.");
+        ("loads(text, *, depth=" + depth +
+         ")\n--\n\n"
+         "Reads a field from the JSON of a scene. Raises SceneError, or TypeError if it is no "
+         "text.\n"
+         "`depth` is the most levels of a tree; an evaluation takes no more than the default.")
+            .c_str());
 }
 
 }  // namespace zel::python

@@ -137,6 +137,13 @@ py::list keysOf(Curve const& self) {
     return keys;
 }
 
+/// The arguments of zel.curve() for a curve.
+py::tuple partsOf(Curve const& self) {
+    return py::make_tuple(py::tuple(keysOf(self)),
+                          nameOf(static_cast<int>(self.curve->before()), kEnds),
+                          nameOf(static_cast<int>(self.curve->after()), kEnds));
+}
+
 Value toQuaternion(py::handle object, std::string const& where) {
     Py_ssize_t const length = lengthOf(object);
     if (length == 3) return Orvane::Math::float4(detail::rotationOf(toVector(object, where)));
@@ -333,43 +340,68 @@ py::object fromValue(Value const& value, py::handle attached) {
 }
 
 void addCurve(py::module_& module) {
-    py::class_<Curve>(module, "Curve", "A piecewise function of one number, made by zel.curve().")
+    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
+        return refuseNew("zel.Curve: curves are made by zel.curve()");
+    };
+    py::class_<Curve> type(module, "Curve",
+                           "A piecewise function of one number, made by zel.curve().",
+                           py::is_final(), madeBy(make));
+    type.def(
+            "__call__",
+            [](Curve const& self, py::object const& x) {
+                return self.curve->evalFCurve(toDouble(x, "zel.Curve: x"));
+            },
+            py::arg("x"), "__call__(self, x)\n--\n\nThe value at a number.")
         .def(
-            "__call__", [](Curve const& self, double x) { return self.curve->evalFCurve(x); },
-            py::arg("x"), "The value at a number.")
-        .def(
-            "slope", [](Curve const& self, double x) { return self.curve->slope(x); }, py::arg("x"),
-            "The derivative at a number.")
+            "slope",
+            [](Curve const& self, py::object const& x) {
+                return self.curve->slope(toDouble(x, "zel.Curve.slope: x"));
+            },
+            py::arg("x"), "slope(self, x)\n--\n\nThe derivative at a number.")
         .def_property_readonly("keys", keysOf,
-                               "The keys, as (x, value, in_slope, out_slope, segment).")
+                               "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
+                               "changes of the value for each unit of x.")
         .def_property_readonly(
             "before",
-            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); })
+            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); },
+            "How the curve continues before its first key: 'constant', 'linear', 'cycle' or\n"
+            "'cycleWithOffset'.")
         .def_property_readonly(
             "after",
-            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); })
+            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); },
+            "How the curve continues after its last key.")
         .def("__repr__",
              [](Curve const& self) {
                  return "zel.curve(" + std::string(py::repr(keysOf(self))) + ", before='" +
                         nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
                         nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
              })
-        .def("__reduce__", [](py::object const& self) {
-            return py::make_tuple(
-                py::module_::import("zel").attr("_curve"),
-                py::make_tuple(self.attr("keys"), self.attr("before"), self.attr("after")));
+        .def("__eq__",
+             [](Curve const& self, py::object const& other) {
+                 if (!py::isinstance<Curve>(other))
+                     return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+                 return py::object(
+                     py::bool_(partsOf(self).equal(partsOf(other.cast<Curve const&>()))));
+             })
+        .def("__hash__", [](Curve const& self) { return py::hash(partsOf(self)); })
+        .def("__reduce__", [](Curve const& self) {
+            return py::make_tuple(py::module_::import("zel").attr("_curve"), partsOf(self));
         });
+    makeImmutable(type);
     module.def(
         "curve",
         [](py::object const& keys, py::object const& before, py::object const& after) {
             return Curve{makeCurve(keys, before, after)};
         },
         py::arg("keys"), py::arg("before") = "constant", py::arg("after") = "constant",
+        "curve(keys, before='constant', after='constant')\n--\n\n"
         "A curve through keys (x, value), (x, value, slope) or (x, value, in_slope, out_slope) in\n"
         "ascending order of x. After its numbers a key may have the name of the segment that "
         "begins\n"
-        "there: 'constant', 'linear', the default, or 'cubic'. The ends are 'constant', 'linear',\n"
-        "'cycle' or 'cycleWithOffset'.");
+        "there: 'constant', 'linear', the default, or 'cubic'. Slopes are changes of the value "
+        "for\n"
+        "each unit of x. The ends are 'constant', 'linear', 'cycle' or 'cycleWithOffset'. Raises\n"
+        "TypeError or ValueError for a key that is none, and ValueError for keys out of order.");
 }
 
 }  // namespace zel::python

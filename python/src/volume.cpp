@@ -121,10 +121,24 @@ float toVoxelSize(py::handle object, char const* where) {
     return size;
 }
 
-void checkName(std::string const& name, char const* where) {
+std::string toName(py::handle object, char const* where) {
+    if (!PyUnicode_Check(object.ptr()))
+        throw py::type_error(std::string(where) + ": name: wanted a str, got " + shown(object));
+    std::string name = textOf(object);
     if (name.empty() || name.find('\0') != std::string::npos)
         throw py::value_error(std::string(where) + ": wanted a name of the channel, got " +
-                              std::string(py::repr(py::str(name))));
+                              std::string(py::repr(object)));
+    return name;
+}
+
+/// An integer from 0 to `most`.
+int toCount(py::handle object, int most, std::string const& where) {
+    ParameterInfo range;
+    range.kind = ValueKind::kInteger;
+    range.least = 0;
+    range.most = most;
+    Parts none;
+    return static_cast<int>(std::get<std::int64_t>(toValue(object, range, where, none)));
 }
 
 std::shared_ptr<Volume> makeVolume(float voxelSize, int offsetType) {
@@ -135,10 +149,10 @@ std::shared_ptr<Volume> makeVolume(float voxelSize, int offsetType) {
 }
 
 std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& voxelSize,
-                                  py::object const& origin, std::string const& name,
+                                  py::object const& origin, py::object const& givenName,
                                   py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.from_numpy";
-    checkName(name, kWhere);
+    std::string const name = toName(givenName, kWhere);
     py::array array = floatsOf(given, std::string(kWhere) + ": array");
     bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
     if (!isVector && array.ndim() != 3)
@@ -157,7 +171,7 @@ std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& vox
     for (int axis = 0; axis < 3; ++axis) {
         double const voxels = double{at[axis]} / double{size};
         double const rounded = std::round(2 * voxels) / 2;
-        constexpr double kMost = Traits::kRootWidth / 2 - 8;
+        constexpr double kMost = Traits::kRootWidth / 2.0 - 8;
         if (!(std::abs(voxels) < kMost) ||
             !(rounded + static_cast<double>(array.shape(axis)) < kMost))
             throw py::value_error(std::string(kWhere) +
@@ -205,10 +219,10 @@ Volume::Extent extentOf(Volume::Tree const& tree) {
 
 std::shared_ptr<Volume> fromField(py::object const& field, py::object const& box,
                                   py::object const& voxelSize, py::object const& band,
-                                  std::string const& name, py::object const& outside,
-                                  std::optional<int> minDepth, std::optional<int> maxDepth) {
+                                  py::object const& givenName, py::object const& outside,
+                                  py::object const& minDepth, py::object const& maxDepth) {
     constexpr char const* kWhere = "zel.Volume.from_field";
-    checkName(name, kWhere);
+    std::string const name = toName(givenName, kWhere);
     if (!isScalarField(field))
         throw py::type_error(std::string(kWhere) + ": wanted a scalar field, got " + shown(field) +
                              "; with_field() adds channels of vectors to a volume");
@@ -226,8 +240,10 @@ std::shared_ptr<Volume> fromField(py::object const& field, py::object const& box
     float const size = toVoxelSize(voxelSize, kWhere);
     float const width = toFloat(band, std::string(kWhere) + ": band");
     BuildOptions options;
-    options.minDepth = minDepth;
-    options.maxDepth = maxDepth;
+    if (!minDepth.is_none())
+        options.minDepth = toCount(minDepth, kDeepest, std::string(kWhere) + ": min_depth");
+    if (!maxDepth.is_none())
+        options.maxDepth = toCount(maxDepth, kDeepest, std::string(kWhere) + ": max_depth");
     options.outside = toFloat(outside, std::string(kWhere) + ": outside");
     auto const root = std::get<ScalarPtr>(fieldOf(field).tree);
     auto made = std::make_shared<Volume>();
@@ -247,10 +263,12 @@ ORV::TileTree3D::Volume<Traits, T> partOf(Volume const& volume, Volume::Samples<
     return {volume.tree, volume.topology, samples};
 }
 
-std::shared_ptr<Volume> withField(Volume const& self, std::string const& name,
+std::shared_ptr<Volume> withField(Volume const& self, py::object const& givenName,
                                   py::object const& field, py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.with_field";
-    checkName(name, kWhere);
+    std::string const name = toName(givenName, kWhere);
+    if (!isField(field))
+        throw py::type_error(std::string(kWhere) + ": field: wanted a field, got " + shown(field));
     Tree const tree = fieldOf(field).tree;
     checkLevels(field);
     for (Volume::Channel const& one : self.channels)
@@ -279,14 +297,7 @@ std::shared_ptr<Volume> withField(Volume const& self, std::string const& name,
 
 int toDepth(Volume const& self, py::handle depth) {
     int const deepest = self.tree->depth();
-    if (depth.is_none()) return deepest;
-    ParameterInfo range;
-    range.kind = ValueKind::kInteger;
-    range.least = 0;
-    range.most = deepest;
-    Parts none;
-    return static_cast<int>(
-        std::get<std::int64_t>(toValue(depth, range, "zel.Volume: depth", none)));
+    return depth.is_none() ? deepest : toCount(depth, deepest, "zel.Volume: depth");
 }
 
 py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object const& name) {
@@ -450,38 +461,58 @@ Volume::Channel const& Volume::channel(py::handle name) const {
 
 void addVolume(py::module_& module) {
     using namespace py::literals;
-    py::class_<Volume, std::shared_ptr<Volume>>(
+    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
+        return refuseNew(
+            "zel.Volume: volumes are made by zel.Volume.from_numpy() and zel.Volume.from_field()");
+    };
+    py::class_<Volume, std::shared_ptr<Volume>> type(
         module, "Volume",
         "Samples in voxels, in a tree of tiles that is fine where it has to be. A volume never\n"
-        "changes, and is shared by the fields that are bound to it.")
-        .def_static(
+        "changes, and is shared by the fields that are bound to it.",
+        py::is_final(), madeBy(make));
+    type.def_static(
             "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
             "outside"_a = py::none(),
+            "from_numpy(array, voxel_size, origin, *, name, outside=None)\n--\n\n"
             "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
             "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
             "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
-            "find it. Around the array the value is `outside`, 0 by default.")
+            "find it. Around the array the value is `outside`, 0 by default. Raises TypeError or\n"
+            "ValueError, which name the argument.")
         .def_static(
             "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
             "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(),
             "max_depth"_a = py::none(),
+            "from_field(field, box, voxel_size, band, *, name='value', outside=0, min_depth=None, "
+            "max_depth=None)\n--\n\n"
             "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
             "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
-            "min_depth all tiles are made that meet the box; none is deeper than max_depth.")
+            "min_depth all tiles are made that meet the box; none is deeper than max_depth. "
+            "Raises\n"
+            "TypeError or ValueError, which name the argument, and KeyboardInterrupt.")
         .def("with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
-             "A volume with one more channel, of the values of a field at the samples of this one.")
+             "with_field(self, name, field, outside=None)\n--\n\nA volume with one more channel, "
+             "of the values of a field at the samples of this one.")
         .def("to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
+             "to_numpy(self, depth=None, name=None)\n--\n\n"
              "The samples of all tiles of a depth, the deepest by default, as a dense array over "
              "the\n"
-             "voxels of the volume; where there is no tile of the depth, the value outside.")
+             "voxels of the volume; where there is no tile of the depth, the value outside. The "
+             "shape "
+             "is\n"
+             "(nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for a depth that "
+             "there\n"
+             "is not, KeyError for such a name.")
         .def("origin", originOf, "depth"_a = py::none(),
-             "The place of the sample [0, 0, 0] of to_numpy(depth).")
+             "origin(self, depth=None)\n--\n\nThe place of the sample [0, 0, 0] of "
+             "to_numpy(depth).")
         .def(
             "tile_count",
             [](Volume const& self, py::object const& depth) {
                 return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
             },
-            "depth"_a = py::none(), "The number of tiles of a depth, or of all.")
+            "depth"_a = py::none(),
+            "tile_count(self, depth=None)\n--\n\nThe number of tiles of a depth, or of all.")
         .def_property_readonly(
             "names",
             [](Volume const& self) {
@@ -492,15 +523,18 @@ void addVolume(py::module_& module) {
             "The names of the channels.")
         .def_property_readonly(
             "voxel_size", [](Volume const& self) { return self.tree->voxelSize(); },
-            "The width of the finest voxels.")
+            "The width of the finest voxels, in the units of positions.")
         .def_property_readonly(
             "depth", [](Volume const& self) { return self.tree->depth(); },
             "The deepest depth that has tiles.")
         .def("__repr__", represent)
         .def("__copy__", [](py::object const& self) { return self; })
         .def("__deepcopy__", [](py::object const& self, py::object const&) { return self; })
-        .def(py::pickle([](Volume const& self) { return stateOf(self); },
-                        [](py::tuple const& state) { return fromState(state); }));
+        .def("__reduce__", [](Volume const& self) {
+            return py::make_tuple(py::module_::import("zel").attr("_volume"), stateOf(self));
+        });
+    makeImmutable(type);
+    module.def("_volume", [](py::args const& state) { return fromState(state); });
 }
 
 }  // namespace zel::python

@@ -1,5 +1,7 @@
 """The parts of the module that are written in Python."""
 
+import operator
+
 from . import _zel
 
 
@@ -12,25 +14,38 @@ def _curve(*state):
     return _zel.curve(*state)
 
 
+def _volume(*state):
+    return _zel._volume(*state)
+
+
+def _check(field, where):
+    if not isinstance(field, _zel.Field):
+        raise TypeError(f"{where}: field: wanted a field, got {type(field).__name__}")
+
+
 def exact_gradients(field):
     """Returns field.exact_gradients()."""
+    _check(field, "zel.exact_gradients")
     return field.exact_gradients()
 
 
 def dumps(field):
-    """Returns the field as the JSON of a scene."""
+    """Returns the field as the JSON of a scene. Raises ValueError for a Python function in it."""
+    _check(field, "zel.dumps")
     return field.dumps()
 
 
 def save(field, path):
-    """Writes the field to a file, as the JSON of a scene."""
+    """Writes the field to a file, as the JSON of a scene. Raises OSError, or errors of dumps()."""
+    _check(field, "zel.save")
     text = field.dumps()
     with open(path, "w", encoding="utf-8") as file:
         file.write(text)
 
 
 def load(path, *, depth=1000):
-    """Reads a field from a file with the JSON of a scene. Raises SceneError: see loads()."""
+    """Reads a field from a file with the JSON of a scene. Raises OSError, or SceneError: see loads().
+    """
     with open(path, "rb") as file:
         return _zel.loads(file.read(), depth=depth)
 
@@ -43,23 +58,46 @@ def slice(field, plane="xy", size=512, *, low=(-1, -1), high=(1, 1), offset=0.0)
     size: the number of values along the right axis, or (width, height).
     low, high: the corners of the picture. Values are taken at the middles of its pixels.
 
-    Draw it by imshow(image, origin="lower", extent=(low[0], high[0], low[1], high[1])). The image of
-    a vector field has the shape (height, width, 3).
+    Draw it by imshow(image, origin="lower", extent=(low[0], high[0], low[1], high[1])). The image is
+    of float32, and that of a vector field has the shape (height, width, 3). Raises TypeError or
+    ValueError, which name the argument.
     """
     import numpy as np
 
+    def pair(given, name):
+        try:
+            a, b = (float(number) for number in given)
+        except (TypeError, ValueError):
+            raise TypeError(f"zel.slice: {name}: wanted two numbers, got {given!r}") from None
+        if not (np.isfinite(a) and np.isfinite(b)):
+            raise ValueError(f"zel.slice: {name}: wanted finite numbers, got {given!r}")
+        return a, b
+
+    def count(given):
+        try:
+            return operator.index(given)
+        except TypeError:
+            raise TypeError("zel.slice: size: wanted an integer or (width, height), "
+                            f"got {size!r}") from None
+
+    _check(field, "zel.slice")
     if not (isinstance(plane, str) and len(plane) == 2 and plane[0] != plane[1]
             and set(plane) <= set("xyz")):
         raise ValueError(f"zel.slice: plane: wanted two of the letters x, y, z, got {plane!r}")
     right, up = ("xyz".index(letter) for letter in plane)
-    spans = [float(high[i]) - float(low[i]) for i in (0, 1)]
-    if np.ndim(size) == 0:
-        width = int(size)
+    low, high = pair(low, "low"), pair(high, "high")
+    try:
+        offset = float(offset)
+    except (TypeError, ValueError):
+        raise TypeError(f"zel.slice: offset: wanted a number, got {offset!r}") from None
+    spans = [high[i] - low[i] for i in (0, 1)]
+    if isinstance(size, (tuple, list, np.ndarray)) and np.shape(size) == (2,):
+        width, height = (count(n) for n in size)
+    else:
+        width = count(size)
         if spans[0] == 0:
             raise ValueError("zel.slice: low and high are at the same place")
-        height = max(1, round(width * abs(spans[1] / spans[0])))
-    else:
-        width, height = (int(n) for n in size)
+        height = max(1, round(width * min(abs(spans[1] / spans[0]), 1e9)))
     if width < 1 or height < 1:
         raise ValueError(f"zel.slice: size: wanted 1 or more, got {size!r}")
     xyz = np.empty((height, width, 3), np.float32)
@@ -67,6 +105,11 @@ def slice(field, plane="xy", size=512, *, low=(-1, -1), high=(1, 1), offset=0.0)
     xyz[..., right] = low[0] + (np.arange(width) + 0.5) * (spans[0] / width)
     xyz[..., up] = (low[1] + (np.arange(height) + 0.5) * (spans[1] / height))[:, None]
     return field(xyz)
+
+
+def _save(self, path):
+    """Writes the tree to a file, as the JSON of a scene. Raises OSError, or errors of dumps()."""
+    save(self, path)
 
 
 def _repr_svg_(self):
@@ -85,4 +128,4 @@ def _repr_svg_(self):
 
 
 _zel.Field._repr_svg_ = _repr_svg_
-_zel.Field.save = save
+_zel.Field.save = _save

@@ -1,6 +1,7 @@
 """Binding to arrays, and what a pickle carries."""
 
 import copy
+import copyreg
 import pickle
 import sys
 import weakref
@@ -69,6 +70,39 @@ def test_reports():
     with pytest.raises(KeyError, match='property "b".*channel "c"|channel "c".*property "b"') as e:
         tree.bind({"a": np.ones(5)}, volume=volume, strict=True)
     assert sorted(e.value.names) == ["b", "c"]
+    # Bound bit by bit.
+    both = bound.bind({"b": np.ones(5)}, strict=False).bind(volume=zel.Volume.from_numpy(
+        np.ones((2, 2, 2)), 1, (0, 0, 0), name="c"), strict=True)
+    assert [(b.is_bound, b.reason) for b in both.bind_report] == [
+        (True, "bound earlier"), (True, "bound earlier"), (True, "bound")]
+    assert np.array_equal(pickle.loads(pickle.dumps(both))(ZEROS), [2] * 5)
+    with pytest.raises(KeyError) as e:
+        bound.bind({"z": np.ones(5)}, strict=True)
+    assert sorted(e.value.names) == ["b", "c"]
+
+
+def test_objects_of_the_module():
+    property = zel.Property(np.array([5.0, 6], "f4"), default=-1, target="faces")
+    assert repr(property) == "<zel.Property float32 (2,), default=-1, target='faces'>"
+    for twin in (pickle.loads(pickle.dumps(property)), copy.deepcopy(property)):
+        assert np.array_equal(twin.values, property.values) and twin.values is not property.values
+        assert repr(twin) == repr(property)
+    volume = zel.Volume.from_numpy(np.ones((2, 2, 2)), 1, (0, 0, 0), name="d")
+    curve, binding = zel.curve([(0, 1)]), A.bind().bind_report[0]
+    for one in (property, volume, curve, binding):
+        cls = type(one)
+        assert cls is getattr(zel, cls.__name__) and cls.__module__ == "zel"
+        # No object without a value, by whatever way.
+        for make in (cls, cls.__new__, object.__new__, cls.__base__.__new__, copyreg.__newobj__):
+            with pytest.raises(TypeError):
+                make(*[cls] * (make is not cls))
+        with pytest.raises(TypeError):
+            type("Derived", (cls,), {})
+        with pytest.raises(TypeError):
+            one.__class__ = zel.Curve if cls is not zel.Curve else zel.Volume
+    sphere = zel.sphere()
+    with pytest.raises(TypeError):
+        sphere.__class__ = zel.ScalarFieldImplicitBox
 
 
 def test_parts_that_were_bound_apart(xyz):
@@ -102,6 +136,8 @@ def len_of_rows(xyz):
 
 
 BAD = [
+    (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
+    (lambda: zel.Property(), TypeError, "values"),
     (lambda: A.bind(3), TypeError, "properties.*int 3"),
     (lambda: A.bind({3: [1]}), TypeError, "names.*int 3"),
     (lambda: A.bind({"": [1]}), ValueError, "name"),

@@ -37,6 +37,9 @@ def test_values_gradients_and_blocks(xyz):
     assert np.array_equal(field(big), 2 * wave(big))
     seen = np.concatenate(calls)
     assert len(seen) == len(big) and np.array_equal(np.unique(seen, axis=0), np.unique(xyz, axis=0))
+    calls.clear()
+    zel.field(lambda p: time.sleep(0.001) or noted(p))(big[:3000])
+    assert len(calls) < 20  # few points are not shared out
     assert field(xyz[0]) == 2 * wave(xyz[:1])[0]
     expected = np.stack([6 * np.cos(3 * xyz[:, 0]), np.full(300, 2), np.zeros(300)], 1)
     np.testing.assert_allclose(field.grad(xyz), expected, atol=2e-2)
