@@ -128,6 +128,7 @@ void OutputFile::fail(int error) const {
 }
 
 void OutputFile::write(std::span<std::byte const> bytes) {
+    if (bytes.empty()) return;  // fwrite() takes no null pointer
     if (std::fwrite(bytes.data(), 1, bytes.size(), m_stream) != bytes.size()) fail(errno);
 }
 void OutputFile::write(std::string_view text) {
