@@ -182,9 +182,9 @@ private:
         for (std::uint32_t number = 0; number < kLeaves * kLeaves * kLeaves; ++number) {
             int3 const at{everyThirdBit(number), everyThirdBit(number >> 1),
                           everyThirdBit(number >> 2)};
+            int const place = at.x + kEdge * (at.y + kEdge * at.z);
             std::uint8_t const mask =
-                notPlain(corner + at * kLeaf, source,
-                         &table[static_cast<std::size_t>(at.x + kEdge * (at.y + kEdge * at.z))]);
+                notPlain(corner + at * kLeaf, source, &table[static_cast<std::size_t>(place)]);
             if (mask == 0) continue;
             cells.push_back({corner + at * kLeaf, mask});
             parts += std::popcount(mask);

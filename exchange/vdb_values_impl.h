@@ -55,7 +55,7 @@ private:
     using T = ChannelValue<typename Tree::ValueType>;
 
     static void check(T const* values, int count, int width, int3 const& corner) {
-        constexpr int kParts = sizeof(T) / sizeof(float);
+        constexpr int kParts = std::is_same_v<T, float> ? 1 : 3;
         auto const* const floats = reinterpret_cast<float const*>(values);
         float sum = 0;  // stays 0 unless a value is not finite
         for (int i = 0; i < count * kParts; ++i) sum += floats[i] * 0.0F;

@@ -27,7 +27,6 @@ namespace {
 using openvdb::Coord;
 using openvdb::CoordBBox;
 using openvdb::FloatGrid;
-using openvdb::GridBase;
 using openvdb::Vec3SGrid;
 template <class T>
 using GridOf = std::conditional_t<std::is_same_v<T, float>, FloatGrid, Vec3SGrid>;
