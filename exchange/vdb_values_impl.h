@@ -1,5 +1,7 @@
 #pragma once
 
+#include <type_traits>
+
 #include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/volume_builder.h"
 
