@@ -22,8 +22,10 @@ function(zel_precompile_headers target)
   if(ZEL_PRECOMPILE_HEADERS)
     target_precompile_headers(${target} ${ARGN})
     # g++ 12 reports its own strings, once their header is precompiled.
-    target_compile_options(
-      ${target} PRIVATE "$<$<CXX_COMPILER_ID:GNU>:-Wno-array-bounds;-Wno-restrict;-Wno-stringop-overflow>")
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+      target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-restrict
+                                               -Wno-stringop-overflow)
+    endif()
   endif()
 endfunction()
 
