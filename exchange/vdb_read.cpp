@@ -230,10 +230,9 @@ void setPlace(AffineMap const& toWorld, Request& request, VdbVolume& volume) {
     bool finite = true, cubes = true;
     for (auto const& row : volume.worldToIndex)
         for (double const number : row) finite = finite && std::isfinite(number);
-    if (!finite || !std::isnormal(static_cast<float>(size)) ||
-        !std::isfinite(1 / static_cast<float>(size)))
+    request.voxelSize = nearestFloat(size);
+    if (!finite || !std::isnormal(request.voxelSize) || !std::isfinite(1 / request.voxelSize))
         request.fail(0, "a transform that cannot be inverted, or not in floats");
-    request.voxelSize = static_cast<float>(size);
     for (std::size_t r = 0; r < 3; ++r)
         for (std::size_t c = 0; c < 3; ++c)
             cubes = cubes && std::abs(toWorld[r][c] - (r == c ? size : 0)) <= kNear * size;
