@@ -75,7 +75,7 @@ void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueT
                      kLargest +
                  1;
     if (count > kMost)
-        throw std::length_error("zel::writeVdb: a constant region of " + std::to_string(count) +
+        throw std::length_error("zel: a constant region of " + std::to_string(count) +
                                 " times 4096^3 voxels");
     tree.sparseFill(box, value, active);
 }
@@ -83,8 +83,13 @@ void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueT
 /// The voxels whose samples lie in a box.
 openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize);
 
+/// The transform of voxels of a size. Throws std::invalid_argument for a size that OpenVDB takes
+/// for 0, which is below about 1.5e-5.
+openvdb::math::Transform::Ptr transformOf(float voxelSize);
+
 /// The level set of a volume that buildVolume() made, clipped to a box of voxels.
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
-                                   openvdb::CoordBBox const& box);
+                                   openvdb::CoordBBox const& box,
+                                   openvdb::math::Transform::Ptr const& transform);
 
 }  // namespace zel::detail

@@ -374,6 +374,8 @@ TEST(WriteVdb, RefusesAndLeavesNothing) {
     EXPECT_THROW(write({{"a"}}, {}), std::invalid_argument);
     EXPECT_THROW(write({{"a", solid}}, {}, 0), std::invalid_argument);
     EXPECT_THROW(write({{"a", solid}}, {}, 1e-12F), std::invalid_argument);
+    EXPECT_THROW(write({{"a", solid}}, {}, 1e-5F), std::invalid_argument);
+    EXPECT_THROW(write({{"a", solid}}, {.metadata = {{"", "x"}}}), std::invalid_argument);
     auto const big = Quern::makePtr<zel::ScalarFieldConstant>(1e6F);
     EXPECT_THROW(write({{"a", big}}, {.half = true}), zel::FileError);
     auto const nan = Quern::makePtr<zel::ScalarFieldConstant>(std::nanf(""));
