@@ -54,15 +54,18 @@ struct Target {
         initializeVdb();
     }
 
-    /// Throws FileError for a value that the file cannot hold.
-    template <class T> void check(std::string const& name, Coord const& at, T const& value) const {
+    /// Throws FileError for a value that the file cannot hold: of a voxel, or the background.
+    template <class T>
+    void check(std::string const& name, std::optional<Coord> const& at, T const& value) const {
         constexpr float kMostHalf = 65504;
         for (float const part : components(value)) {
             if (std::isfinite(part) && (!options.half || std::abs(part) <= kMostHalf)) continue;
-            std::string place = "(" + std::to_string(at.x()) + ", " + std::to_string(at.y()) +
-                                ", " + std::to_string(at.z()) + ")";
+            std::string const where = at ? "value of voxel (" + std::to_string(at->x()) + ", " +
+                                               std::to_string(at->y()) + ", " +
+                                               std::to_string(at->z()) + ")"
+                                         : "background";
             throw FileError(path.string(), gridPlace(name),
-                            "the value of voxel " + place + " is " + std::to_string(part) +
+                            "the " + where + " is " + std::to_string(part) +
                                 (std::isfinite(part) ? ", too large for a half" : ""));
         }
     }
@@ -208,7 +211,10 @@ private:
                     m_target.check(field.name, vdbCoord(at), value);
             });
         auto grid = levelSetOf(volume, band(), m_voxels, m_transform);
-        if (field.gridClass == VdbClass::kFogVolume) grid = fogOf(*grid, band());
+        if (field.gridClass == VdbClass::kFogVolume)
+            grid = fogOf(*grid, band());
+        else
+            m_target.check(field.name, {}, band());
         checkActive<float>(m_target, field.name, *grid);
         m_target.add(field.name, grid, field.gridClass, field.vectorType);
     }
@@ -367,7 +373,7 @@ private:
             refuse("channel " + detail::quoted(channel.name) +
                    " does not have all tiles of the tree");
         T const background = samples.defaultValue();
-        m_target.check(channel.name, Coord(0), background);
+        m_target.check(channel.name, {}, background);
         bool const isLevelSet =
             std::is_same_v<T, float> && channel.gridClass == VdbClass::kLevelSet;
         if constexpr (std::is_same_v<T, float>)
@@ -377,10 +383,10 @@ private:
         auto grid = GridOf<T>::create(vdbValue(background));
         grid->setTransform(transformOf(channel.name, toWorld));
         auto& tree = grid->tree();
-        auto const index = [&](int3 const& lattice) {
-            return Coord((lattice.x - first()) / width() - shift.x,
-                         (lattice.y - first()) / width() - shift.y,
-                         (lattice.z - first()) / width() - shift.z);
+        auto const index = [origin = first(), width = width(), &shift](int3 const& lattice) {
+            return Coord((lattice.x - origin) / width - shift.x,
+                         (lattice.y - origin) / width - shift.y,
+                         (lattice.z - origin) / width - shift.z);
         };
         int const finest = m_tree->depth();
         auto const halo = isLevelSet ? nullptr : coarseHalo(samples);
@@ -538,10 +544,12 @@ void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
     detail::withWriter(target, *object, [&](auto& writer) {
         // The lattice point that an index of the file has: see VdbVolume.
         int3 shift{};
-        if (volume.isPlaced())
-            for (int axis = 0; axis < 3; ++axis)
-                shift[axis] = static_cast<int>(
-                    std::round(-volume.worldToIndex[static_cast<std::size_t>(axis)][3]));
+        for (int axis = 0; axis < 3 && volume.isPlaced(); ++axis) {
+            double const at = std::round(-volume.worldToIndex[static_cast<std::size_t>(axis)][3]);
+            if (!(std::abs(at) <= 0x1p28))
+                detail::refuse("index 0 lies " + std::to_string(at) + " voxels from the origin");
+            shift[axis] = static_cast<int>(at);
+        }
         for (VdbGrid const& grid : volume.grids)
             writer.add({grid.name.empty() ? "unnamed" : grid.name, detail::classOf(grid),
                         detail::vectorTypeOf(grid)},
