@@ -7,7 +7,7 @@
 
 #include "vdb_write.h"
 
-// Grids of OpenVDB made of tile trees.
+// Walks through tile trees, and grids of OpenVDB made of them.
 namespace zel::detail {
 
 using ORV::TileTree3D::TileOf;
@@ -24,22 +24,31 @@ inline openvdb::Coord vdbCoord(int3 const& at) {
     return {at.x, at.y, at.z};
 }
 
+/// Calls `use(first)` for the children that a tile does not have, with the place of the first
+/// sample over the child.
+template <class Traits, class Use>
+void forEachUncoveredChild(TileOf<Traits> const& tile, Use const& use) {
+    constexpr int B = Traits::kBranch, kSpan = Traits::kSamples / B;
+    for (int slot = 0; slot < Traits::kChildCount; ++slot) {
+        int3 const child{slot % B, slot / B % B, slot / (B * B)};
+        if (tile.isLeaf(child)) use(child * kSpan);
+    }
+}
+
 /// Calls `use(tile, first, sample)` for the children that tiles above the depth `finest` do not
 /// have: with the tile, the place of the first sample over the child, and that sample.
 template <class Traits, class T, class Use>
 void forEachUncovered(ORV::TileTree3D::Container<Traits> const& tree,
                       ORV::TileTree3D::DataChannel<Traits, T> const& channel, int finest,
                       Use const& use) {
-    constexpr int W = Traits::kSamples, B = Traits::kBranch, kSpan = W / B;
+    constexpr int W = Traits::kSamples;
     for (int depth = 0; depth < finest; ++depth)
         for (long long i = 0; i < tree.tileCount(depth); ++i) {
             TileOf<Traits> const& tile = tree.tile(i, depth);
             T const* const samples = channel.samples({i, depth});
-            for (int slot = 0; slot < Traits::kChildCount; ++slot) {
-                if (tile.m_children && tile.m_children[slot] >= 0) continue;
-                int3 const first = int3{slot % B, slot / B % B, slot / (B * B)} * kSpan;
+            forEachUncoveredChild<Traits>(tile, [&](int3 const& first) {
                 use(tile, first, samples + first.x + W * (first.y + W * first.z));
-            }
+            });
         }
 }
 
