@@ -50,6 +50,10 @@ std::string gridPlace(std::string const& name) {
     return "grid " + detail::quoted(name);
 }
 
+std::string channelName(std::string const& gridName) {
+    return gridName.empty() ? "unnamed" : gridName;
+}
+
 namespace {
 
 constexpr std::int64_t kMagic = 0x56444220;
@@ -217,7 +221,8 @@ std::vector<VdbSection> vdbSections(FileView const& file) {
         section.compression = grid.number<std::uint32_t>("the compression");
         section.metadata = grid.metadata();
         section.transform = grid.text("the type of a transform");
-        section.nodes = static_cast<std::int64_t>(grid.at()) + transformSize(section.transform);
+        if (auto const bytes = transformSize(section.transform); bytes > 0)
+            section.nodes = static_cast<std::int64_t>(grid.at()) + bytes;
         at = section.end;
         sections.push_back(std::move(section));
     }

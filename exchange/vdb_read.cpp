@@ -289,14 +289,14 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (section == sections.end()) section = named(request.names[i] + "[0]");
         if (section == sections.end())
             request.fail(i, "there is none; the file has " + available(sections));
-        if (section->transform == "NonlinearFrustumMap")
-            request.fail(i, "a transform of the type NonlinearFrustumMap, which is not affine");
+        if (section->nodes == 0)
+            request.fail(i, "a transform of the type " + detail::quoted(section->transform) +
+                                ", which is not affine");
         auto grid = gridOf(*section);
         if (!grid.isReadable)
             request.fail(i, "values of the type " + detail::quoted(section->tree) +
                                 "; float, double, vec3s and vec3d can be read");
         auto const read = readVdbGrid(request.file, sections, *section);
-        if (!read->transform().isLinear()) request.fail(i, "a transform that is not affine");
         auto const toWorld = indexToWorld(read->transform());
         if (map && *map != toWorld)
             request.fail(i, "another transform than that of grid " +
@@ -306,7 +306,7 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (!request.values.back())
             request.fail(i, "values of the type " + detail::quoted(read->type()));
         grid.name = request.names[i];
-        request.channels.push_back(grid.name.empty() ? "unnamed" : grid.name);
+        request.channels.push_back(channelName(grid.name));
         volume.grids.push_back(std::move(grid));
     }
     setPlace(*map, request, volume);

@@ -4,6 +4,7 @@
 #include "error.h"
 #include "numbers.h"
 #include "vdb.h"
+#include "vdb_layout.h"
 #include "zel/operators/warp.h"
 #include "zel/scalar/spatial.h"
 #include "zel/vector/arithmetic.h"
@@ -62,7 +63,7 @@ Quern::Ptr<Leaf> boundLeaf(VdbVolume const& volume, std::string const& name,
     if (leaf->isBound()) return leaf;
     std::string message = "zel::VdbVolume: no such channel " + detail::quoted(name) + "; there are";
     for (auto const& grid : volume.grids)
-        message += " " + detail::quoted(grid.name) + " of " + grid.type;
+        message += " " + detail::quoted(detail::channelName(grid.name)) + " of " + grid.type;
     throw std::invalid_argument(message);
 }
 

@@ -551,9 +551,9 @@ void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
             shift[axis] = static_cast<int>(at);
         }
         for (VdbGrid const& grid : volume.grids)
-            writer.add({grid.name.empty() ? "unnamed" : grid.name, detail::classOf(grid),
-                        detail::vectorTypeOf(grid)},
-                       toWorld, shift);
+            writer.add(
+                {detail::channelName(grid.name), detail::classOf(grid), detail::vectorTypeOf(grid)},
+                toWorld, shift);
     });
     target.write();
 }
