@@ -93,6 +93,8 @@ struct Target {
         for (auto const& [name, value] : options.metadata)
             metadata.insertMeta(name, openvdb::StringMetadata(value));
         OutputFile output(path);
+        if (output.isDirect())
+            throw FileError(path.string(), {}, "is no regular file, which OpenVDB needs");
         try {
             openvdb::io::File(output.temporaryPath().string()).write(grids, metadata);
         } catch (openvdb::Exception const& error) {
