@@ -4,8 +4,8 @@
 //
 //   read    readVdb, and io::File with a pass over all voxels of the leaves
 //   sample  the batch of a field bound to the volume, its point eval, and BoxSampler by an
-//   accessor,
-//           at a million random positions in the box of the grid, and in its active voxels
+//           accessor, at a million random positions in the box of the grid, and in its active
+//           voxels
 
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/Interpolation.h>

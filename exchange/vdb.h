@@ -79,6 +79,7 @@ struct ZEL_EXCHANGE_API VdbVolume {
     AffineMap worldToVolume{};   ///< the identity if the volume lies where the file has it
     AffineMap worldToIndex{};    ///< the map of the file, to the index space of OpenVDB
 
+    /// Whether the volume lies where the file has it.
     bool isPlaced() const;
     /// A field on the volume, such as a leaf bound to `object`, moved to its place in the file. The
     /// values of a vector field are not turned or stretched. Returns `field` if isPlaced().

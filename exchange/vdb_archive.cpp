@@ -4,6 +4,7 @@
 #include <openvdb/io/GridDescriptor.h>
 #include <openvdb/openvdb.h>
 
+#include <algorithm>
 #include <istream>
 #include <new>
 #include <streambuf>
@@ -82,22 +83,24 @@ openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection>
     auto const fail = [&](std::string const& message) {
         throw FileError(file.name(), gridPlace(section.name), message);
     };
-    checkVdbTree(file, section);
-    for (auto const& other : sections)
-        if (other.name == section.shares && other.tree == section.tree) checkVdbTree(file, other);
+    auto const* owner = &section;  // of the tree
+    if (!section.shares.empty()) {
+        auto const found = std::find_if(sections.begin(), sections.end(), [&](auto const& other) {
+            return other.name == section.shares && other.shares.empty() &&
+                   other.tree == section.tree;
+        });
+        if (found == sections.end())
+            fail("it shares the tree of a grid " + detail::quoted(section.shares) +
+                 ", which the file lacks");
+        owner = &*found;
+    }
+    checkVdbTree(file, *owner);
     try {
         ViewArchive archive(file);
         try {
             auto grid = archive.read(section);
-            if (section.shares.empty()) return grid;
-            for (auto const& other : sections)
-                if (other.name == section.shares && other.shares.empty() &&
-                    other.tree == section.tree) {
-                    grid->setTree(archive.read(other)->baseTreePtr());
-                    return grid;
-                }
-            fail("it shares the tree of a grid " + detail::quoted(section.shares) +
-                 ", which the file lacks");
+            if (owner != &section) grid->setTree(archive.read(*owner)->baseTreePtr());
+            return grid;
         } catch (std::ios_base::failure const&) {
             fail("the voxels end within a value, at byte " + std::to_string(archive.place()));
         } catch (openvdb::Exception const& error) {

@@ -10,7 +10,7 @@ namespace zel::detail {
 openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection> const& sections,
                                    VdbSection const& section);
 
-/// Makes the grid types known to OpenVDB, which logs errors alone from then on.
+/// Makes the types of grids known to OpenVDB.
 void initializeVdb();
 
 }  // namespace zel::detail

@@ -55,8 +55,7 @@ public:
     /// OutsideLattice.
     std::vector<VdbCell> run() {
         findBlocks();
-        std::sort(m_blocks.begin(), m_blocks.end(), isBeforeInOctree);
-        m_blocks.erase(std::unique(m_blocks.begin(), m_blocks.end()), m_blocks.end());
+        sortBlocks();
         std::vector<std::vector<VdbCell>> found(m_blocks.size());
         ORV::TileTree3D::Internal::parallelRanges(
             static_cast<long long>(m_blocks.size()), 1, [&](long long first, long long last) {
@@ -98,12 +97,15 @@ private:
     static int3 step(int direction) { return {direction & 1, direction >> 1 & 1, direction >> 2}; }
     static int3 cornerOf(openvdb::Coord const& at) { return {at.x(), at.y(), at.z()}; }
 
-    void addBlock(int3 const& block) {
-        m_blocks.push_back(block);
-        if (m_blocks.size() < m_sorted * 2 + (std::size_t{1} << 20)) return;
+    void sortBlocks() {
         std::sort(m_blocks.begin(), m_blocks.end(), isBeforeInOctree);
         m_blocks.erase(std::unique(m_blocks.begin(), m_blocks.end()), m_blocks.end());
         m_sorted = m_blocks.size();
+    }
+    void addBlock(int3 const& block) {
+        m_blocks.push_back(block);
+        if (m_blocks.size() < m_sorted * 2 + (std::size_t{1} << 20)) return;
+        sortBlocks();
         if (static_cast<long long>(m_sorted) > m_limit) throw TooManyTiles{};
     }
     /// The block, and those whose high faces, edges or corner touch it.
@@ -239,7 +241,7 @@ private:
     int3 m_centre;
     int m_reach;
     std::vector<int3> m_blocks;
-    std::size_t m_sorted = 0;
+    std::size_t m_sorted = 0;  ///< how many blocks were left when they were sorted last
     std::atomic<long long> m_parts{0};
 };
 

@@ -27,6 +27,7 @@ public:
     }
 
     void run() {
+        if (m_at == 0) fail("a transform that is not affine");  // also of a tree that is shared
         if (m_at > m_end) fail("a transform that is cut");
         // OpenVDB writes halves in two places, and reads the values by this one.
         auto const half = m_section.metadata.find("is_saved_as_half_float");
@@ -139,7 +140,7 @@ private:
 }  // namespace
 
 void checkVdbTree(FileView const& file, VdbSection const& section) {
-    if (section.shares.empty()) TreeCheck(file, section).run();
+    TreeCheck(file, section).run();
 }
 
 }  // namespace zel::detail

@@ -1,9 +1,6 @@
 #include "vdb_layout.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,33 +9,19 @@
 #include <system_error>
 #include <utility>
 
+#include "byte_source.h"
 #include "error.h"
 
 namespace zel::detail {
 
-namespace {
-
-[[noreturn]] void failToOpen(std::string const& name, int error) {
-    throw FileError(name, {}, "cannot be read: " + std::generic_category().message(error));
-}
-
-}  // namespace
-
 FileView::FileView(std::filesystem::path const& path) : m_name(path.string()) {
-    int const file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) failToOpen(m_name, errno);
-    struct stat status {};
-    if (fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
-        close(file);
-        throw FileError(m_name, {}, "is not a file");
-    }
-    auto const size = static_cast<std::size_t>(status.st_size);
-    void* const memory =
-        size > 0 ? mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file, 0) : MAP_FAILED;
-    int const error = errno;
-    close(file);
+    ByteSource const source(path);
+    if (!source.size()) source.fail({}, "is no regular file");
+    auto const size = static_cast<std::size_t>(*source.size());
     if (size == 0) return;
-    if (memory == MAP_FAILED) failToOpen(m_name, error);
+    void* const memory = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, source.descriptor(), 0);
+    if (memory == MAP_FAILED)
+        source.fail({}, "cannot be read: " + std::generic_category().message(errno));
     m_bytes = {static_cast<char const*>(memory), size};
 }
 
@@ -48,6 +31,10 @@ FileView::~FileView() {
 
 std::string gridPlace(std::string const& name) {
     return "grid " + detail::quoted(name);
+}
+
+std::string channelName(std::string const& gridName) {
+    return gridName.empty() ? "unnamed" : gridName;
 }
 
 namespace {
@@ -217,7 +204,8 @@ std::vector<VdbSection> vdbSections(FileView const& file) {
         section.compression = grid.number<std::uint32_t>("the compression");
         section.metadata = grid.metadata();
         section.transform = grid.text("the type of a transform");
-        section.nodes = static_cast<std::int64_t>(grid.at()) + transformSize(section.transform);
+        if (auto const bytes = transformSize(section.transform); bytes > 0)
+            section.nodes = static_cast<std::int64_t>(grid.at()) + bytes;
         at = section.end;
         sections.push_back(std::move(section));
     }

@@ -53,7 +53,8 @@ struct VdbSection {
     VdbMetadata metadata;
     std::string transform;          ///< the type of the map, such as "UniformScaleMap"
     std::uint32_t compression = 0;  ///< flags of OpenVDB
-    std::int64_t nodes = 0;         ///< where the tree begins, after the transform
+    /// Where the tree begins, after the transform; 0 if that is not affine.
+    std::int64_t nodes = 0;
 };
 
 /// The sections of the grids of a file, in its order. Throws FileError for a file that is no
@@ -61,11 +62,14 @@ struct VdbSection {
 /// sections or metadata exceed the file.
 std::vector<VdbSection> vdbSections(FileView const& file);
 
-/// Checks the nodes of a grid of scalars or of vectors of three: that they and all blocks of values
-/// have the sizes that OpenVDB expects. Throws FileError.
+/// Checks the nodes of a grid of scalars or of vectors of three, which has its own tree: that they
+/// and all blocks of values have the sizes that OpenVDB expects. Throws FileError.
 void checkVdbTree(FileView const& file, VdbSection const& section);
 
 /// The place of a grid in an error.
 std::string gridPlace(std::string const& name);
+
+/// The name of the channel for a grid, whose name may be empty.
+std::string channelName(std::string const& gridName);
 
 }  // namespace zel::detail

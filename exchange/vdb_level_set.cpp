@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "zel_platform/orvane_geometry_volume/messages.h"
+
 namespace zel::detail {
 
 openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize) {
@@ -18,8 +20,18 @@ openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize) {
     return voxels;
 }
 
+openvdb::math::Transform::Ptr transformOf(float voxelSize) {
+    try {
+        return openvdb::math::Transform::createLinearTransform(double{voxelSize});
+    } catch (openvdb::ArithmeticError const&) {
+        throw std::invalid_argument(ORV::TileTree3D::Internal::message(
+            "zel: a voxelSize of ", voxelSize, ", too small for OpenVDB"));
+    }
+}
+
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
-                                   openvdb::CoordBBox const& box) {
+                                   openvdb::CoordBBox const& box,
+                                   openvdb::math::Transform::Ptr const& transform) {
     auto grid = openvdb::FloatGrid::create(band);
     auto& tree = grid->tree();
     auto const& tiles = *volume.container;
@@ -45,7 +57,7 @@ openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, fl
                                        });
     tree.prune();
     grid->setGridClass(openvdb::GRID_LEVEL_SET);
-    grid->setTransform(openvdb::math::Transform::createLinearTransform(double{tiles.voxelSize()}));
+    grid->setTransform(transform);
     return grid;
 }
 

@@ -230,10 +230,9 @@ void setPlace(AffineMap const& toWorld, Request& request, VdbVolume& volume) {
     bool finite = true, cubes = true;
     for (auto const& row : volume.worldToIndex)
         for (double const number : row) finite = finite && std::isfinite(number);
-    if (!finite || !std::isnormal(static_cast<float>(size)) ||
-        !std::isfinite(1 / static_cast<float>(size)))
+    request.voxelSize = nearestFloat(size);
+    if (!finite || !std::isnormal(request.voxelSize) || !std::isfinite(1 / request.voxelSize))
         request.fail(0, "a transform that cannot be inverted, or not in floats");
-    request.voxelSize = static_cast<float>(size);
     for (std::size_t r = 0; r < 3; ++r)
         for (std::size_t c = 0; c < 3; ++c)
             cubes = cubes && std::abs(toWorld[r][c] - (r == c ? size : 0)) <= kNear * size;
@@ -290,14 +289,14 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (section == sections.end()) section = named(request.names[i] + "[0]");
         if (section == sections.end())
             request.fail(i, "there is none; the file has " + available(sections));
-        if (section->transform == "NonlinearFrustumMap")
-            request.fail(i, "a transform of the type NonlinearFrustumMap, which is not affine");
+        if (section->nodes == 0)
+            request.fail(i, "a transform of the type " + detail::quoted(section->transform) +
+                                ", which is not affine");
         auto grid = gridOf(*section);
         if (!grid.isReadable)
             request.fail(i, "values of the type " + detail::quoted(section->tree) +
                                 "; float, double, vec3s and vec3d can be read");
         auto const read = readVdbGrid(request.file, sections, *section);
-        if (!read->transform().isLinear()) request.fail(i, "a transform that is not affine");
         auto const toWorld = indexToWorld(read->transform());
         if (map && *map != toWorld)
             request.fail(i, "another transform than that of grid " +
@@ -307,7 +306,7 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (!request.values.back())
             request.fail(i, "values of the type " + detail::quoted(read->type()));
         grid.name = request.names[i];
-        request.channels.push_back(grid.name.empty() ? "unnamed" : grid.name);
+        request.channels.push_back(channelName(grid.name));
         volume.grids.push_back(std::move(grid));
     }
     setPlace(*map, request, volume);

@@ -3,10 +3,10 @@
 #include <openvdb/tree/ValueAccessor.h>
 
 #include <cmath>
-#include <limits>
 #include <type_traits>
 #include <utility>
 
+#include "numbers.h"
 #include "zel_platform/orvane_math/vectors.h"
 
 namespace zel::detail {
@@ -14,15 +14,8 @@ namespace zel::detail {
 using Orvane::Math::float3;
 using Orvane::Math::int3;
 
-/// The nearest float; infinite beyond the floats, where a cast would be undefined.
 inline float nearestFloat(float value) {
     return value;
-}
-inline float nearestFloat(double value) {
-    using Limits = std::numeric_limits<float>;
-    if (std::abs(value) > double{Limits::max()})
-        return std::copysign(Limits::infinity(), value < 0 ? -1.0F : 1.0F);
-    return static_cast<float>(value);
 }
 
 /// The value of a channel for a value of a VDB tree.
@@ -34,8 +27,7 @@ template <class V> auto channelValue(V const& value) {
 }
 template <class V> using ChannelValue = decltype(channelValue(std::declval<V>()));
 
-/// Whether two values have the same bits, or are numbers that compare equal. So NaN equals NaN, and
-/// a constant region of NaN is one.
+/// Whether two values compare equal or are both NaN, so that a region of NaN is constant.
 template <class V> bool isSame(V const& a, V const& b) {
     if constexpr (std::is_arithmetic_v<V>)
         return a == b || (std::isnan(a) && std::isnan(b));

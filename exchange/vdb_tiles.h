@@ -7,7 +7,7 @@
 
 #include "vdb_write.h"
 
-// Grids of OpenVDB made of tile trees.
+// Walks through tile trees, and grids of OpenVDB made of them.
 namespace zel::detail {
 
 using ORV::TileTree3D::TileOf;
@@ -24,22 +24,31 @@ inline openvdb::Coord vdbCoord(int3 const& at) {
     return {at.x, at.y, at.z};
 }
 
+/// Calls `use(first)` for the children that a tile does not have, with the place of the first
+/// sample over the child.
+template <class Traits, class Use>
+void forEachUncoveredChild(TileOf<Traits> const& tile, Use const& use) {
+    constexpr int B = Traits::kBranch, kSpan = Traits::kSamples / B;
+    for (int slot = 0; slot < Traits::kChildCount; ++slot) {
+        int3 const child{slot % B, slot / B % B, slot / (B * B)};
+        if (tile.isLeaf(child)) use(child * kSpan);
+    }
+}
+
 /// Calls `use(tile, first, sample)` for the children that tiles above the depth `finest` do not
 /// have: with the tile, the place of the first sample over the child, and that sample.
 template <class Traits, class T, class Use>
 void forEachUncovered(ORV::TileTree3D::Container<Traits> const& tree,
                       ORV::TileTree3D::DataChannel<Traits, T> const& channel, int finest,
                       Use const& use) {
-    constexpr int W = Traits::kSamples, B = Traits::kBranch, kSpan = W / B;
+    constexpr int W = Traits::kSamples;
     for (int depth = 0; depth < finest; ++depth)
         for (long long i = 0; i < tree.tileCount(depth); ++i) {
             TileOf<Traits> const& tile = tree.tile(i, depth);
             T const* const samples = channel.samples({i, depth});
-            for (int slot = 0; slot < Traits::kChildCount; ++slot) {
-                if (tile.m_children && tile.m_children[slot] >= 0) continue;
-                int3 const first = int3{slot % B, slot / B % B, slot / (B * B)} * kSpan;
+            forEachUncoveredChild<Traits>(tile, [&](int3 const& first) {
                 use(tile, first, samples + first.x + W * (first.y + W * first.z));
-            }
+            });
         }
 }
 
@@ -75,7 +84,7 @@ void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueT
                      kLargest +
                  1;
     if (count > kMost)
-        throw std::length_error("zel::writeVdb: a constant region of " + std::to_string(count) +
+        throw std::length_error("zel: a constant region of " + std::to_string(count) +
                                 " times 4096^3 voxels");
     tree.sparseFill(box, value, active);
 }
@@ -83,8 +92,13 @@ void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueT
 /// The voxels whose samples lie in a box.
 openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize);
 
+/// The transform of voxels of a size. Throws std::invalid_argument for a size that OpenVDB takes
+/// for 0, which is below about 1.5e-5.
+openvdb::math::Transform::Ptr transformOf(float voxelSize);
+
 /// The level set of a volume that buildVolume() made, clipped to a box of voxels.
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
-                                   openvdb::CoordBBox const& box);
+                                   openvdb::CoordBBox const& box,
+                                   openvdb::math::Transform::Ptr const& transform);
 
 }  // namespace zel::detail

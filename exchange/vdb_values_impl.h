@@ -2,6 +2,7 @@
 
 #include <type_traits>
 
+#include "vdb_tiles.h"
 #include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/volume_builder.h"
 
@@ -103,10 +104,8 @@ private:
     template <class Traits>
     static void fillPlain(VdbSource<Tree>& source, ORV::TileTree3D::TileOf<Traits> const& tile,
                           int3 const& shift, T* samples) {
-        constexpr int W = Traits::kSamples, B = Traits::kBranch, kSpan = W / B;
-        for (int slot = 0; slot < Traits::kChildCount; ++slot) {
-            if (tile.m_children && tile.m_children[slot] >= 0) continue;
-            int3 const first = int3{slot % B, slot / B % B, slot / (B * B)} * kSpan;
+        constexpr int W = Traits::kSamples, kSpan = W / Traits::kBranch;
+        forEachUncoveredChild<Traits>(tile, [&](int3 const& first) {
             int3 const at = tile.tijk() + first * tile.voxelDataWidth() - shift;
             T const value = channelValue(source.value(at));
             check(&value, 1, 1, at);
@@ -114,7 +113,7 @@ private:
                 for (int y = 0; y < kSpan; ++y)
                     for (int x = 0; x < kSpan; ++x)
                         samples[first.x + x + W * (first.y + y + W * (first.z + z))] = value;
-        }
+        });
     }
 
     typename Tree::ConstPtr m_tree;

@@ -2,7 +2,9 @@
 
 #include "affine_map.h"
 #include "error.h"
+#include "numbers.h"
 #include "vdb.h"
+#include "vdb_layout.h"
 #include "zel/operators/warp.h"
 #include "zel/scalar/spatial.h"
 #include "zel/vector/arithmetic.h"
@@ -25,14 +27,14 @@ bool isTranslation(AffineMap const& map) {
 }
 
 float3 floats(std::array<double, 4> const& row) {
-    return {static_cast<float>(row[0]), static_cast<float>(row[1]), static_cast<float>(row[2])};
+    return {detail::nearestFloat(row[0]), detail::nearestFloat(row[1]),
+            detail::nearestFloat(row[2])};
 }
 
 /// The position that the map takes to 0.
 float3 origin(AffineMap const& map) {
     auto const back = detail::inverse(map);
-    return {static_cast<float>(back[0][3]), static_cast<float>(back[1][3]),
-            static_cast<float>(back[2][3])};
+    return floats({back[0][3], back[1][3], back[2][3]});
 }
 
 /// The map as a field of positions: the rows, times the position from the origin on. The difference
@@ -61,7 +63,7 @@ Quern::Ptr<Leaf> boundLeaf(VdbVolume const& volume, std::string const& name,
     if (leaf->isBound()) return leaf;
     std::string message = "zel::VdbVolume: no such channel " + detail::quoted(name) + "; there are";
     for (auto const& grid : volume.grids)
-        message += " " + detail::quoted(grid.name) + " of " + grid.type;
+        message += " " + detail::quoted(detail::channelName(grid.name)) + " of " + grid.type;
     throw std::invalid_argument(message);
 }
 

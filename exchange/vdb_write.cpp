@@ -44,19 +44,28 @@ std::array<float, 3> components(float3 const& value) {
 
 /// What all grids of a file have in common.
 struct Target {
-    std::string file;
+    std::filesystem::path const& path;
     WriteVdbOptions const& options;
     openvdb::GridCPtrVec grids{};
 
-    /// Throws FileError for a value that the file cannot hold.
-    template <class T> void check(std::string const& name, Coord const& at, T const& value) const {
+    Target(std::filesystem::path const& path_, WriteVdbOptions const& options_)
+        : path(path_), options(options_) {
+        if (options.metadata.contains("")) refuse("metadata without a name");
+        initializeVdb();
+    }
+
+    /// Throws FileError for a value that the file cannot hold: of a voxel, or the background.
+    template <class T>
+    void check(std::string const& name, std::optional<Coord> const& at, T const& value) const {
         constexpr float kMostHalf = 65504;
         for (float const part : components(value)) {
             if (std::isfinite(part) && (!options.half || std::abs(part) <= kMostHalf)) continue;
-            std::string place = "(" + std::to_string(at.x()) + ", " + std::to_string(at.y()) +
-                                ", " + std::to_string(at.z()) + ")";
-            throw FileError(file, gridPlace(name),
-                            "the value of voxel " + place + " is " + std::to_string(part) +
+            std::string const where = at ? "value of voxel (" + std::to_string(at->x()) + ", " +
+                                               std::to_string(at->y()) + ", " +
+                                               std::to_string(at->z()) + ")"
+                                         : "background";
+            throw FileError(path.string(), gridPlace(name),
+                            "the " + where + " is " + std::to_string(part) +
                                 (std::isfinite(part) ? ", too large for a half" : ""));
         }
     }
@@ -78,16 +87,18 @@ struct Target {
         grids.push_back(grid);
     }
 
-    void write(std::filesystem::path const& path) const {
+    void write() const {
         openvdb::MetaMap metadata;
         metadata.insertMeta("creator", openvdb::StringMetadata(options.creator));
         for (auto const& [name, value] : options.metadata)
             metadata.insertMeta(name, openvdb::StringMetadata(value));
         OutputFile output(path);
+        if (output.isDirect())
+            throw FileError(path.string(), {}, "is no regular file, which OpenVDB needs");
         try {
             openvdb::io::File(output.temporaryPath().string()).write(grids, metadata);
         } catch (openvdb::Exception const& error) {
-            throw FileError(file, {}, std::string("cannot be written: ") + error.what());
+            throw FileError(path.string(), {}, std::string("cannot be written: ") + error.what());
         }
         checkComplete(output.temporaryPath());
         output.commit();
@@ -105,7 +116,7 @@ private:
                 return;
         } catch (FileError const&) {
         }
-        throw FileError(file, {}, "cannot be written completely");
+        throw FileError(path.string(), {}, "cannot be written completely");
     }
 };
 
@@ -147,8 +158,8 @@ void checkActive(Target const& target, std::string const& name, GridOf<T> const&
 class FieldWriter {
 public:
     FieldWriter(Target& target, Box const& box, float voxelSize)
-        : m_target(target), m_box(box), m_voxelSize(voxelSize), m_voxels(voxelsIn(box, voxelSize)) {
-    }
+        : m_target(target), m_box(box), m_voxelSize(voxelSize), m_voxels(voxelsIn(box, voxelSize)),
+          m_transform(transformOf(voxelSize)) {}
 
     void run(std::vector<VdbField> const& fields) {
         auto const& options = m_target.options;
@@ -201,8 +212,11 @@ private:
                 if (std::isnan(value) && m_voxels.isInside(vdbCoord(at)))
                     m_target.check(field.name, vdbCoord(at), value);
             });
-        auto grid = levelSetOf(volume, band(), m_voxels);
-        if (field.gridClass == VdbClass::kFogVolume) grid = fogOf(*grid, band());
+        auto grid = levelSetOf(volume, band(), m_voxels, m_transform);
+        if (field.gridClass == VdbClass::kFogVolume)
+            grid = fogOf(*grid, band());
+        else
+            m_target.check(field.name, {}, band());
         checkActive<float>(m_target, field.name, *grid);
         m_target.add(field.name, grid, field.gridClass, field.vectorType);
     }
@@ -292,7 +306,7 @@ private:
 
     template <class T> void finish(VdbField const& field, typename GridOf<T>::Ptr const& grid) {
         grid->tree().prune();
-        grid->setTransform(openvdb::math::Transform::createLinearTransform(double{m_voxelSize}));
+        grid->setTransform(m_transform);
         m_target.add(field.name, grid, field.gridClass, field.vectorType);
     }
 
@@ -300,10 +314,23 @@ private:
     Box const& m_box;
     float m_voxelSize;
     CoordBBox m_voxels;
+    openvdb::math::Transform::Ptr m_transform;
     Volume<BinaryTraits, float> m_shape;
     ScalarField const* m_shapeField = nullptr;
     std::size_t m_done = 0;
 };
+
+openvdb::math::Transform::Ptr transformOf(std::string const& name, AffineMap const& toWorld) {
+    openvdb::Mat4d matrix = openvdb::Mat4d::identity();
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 4; ++c)
+            matrix[c][r] = toWorld[static_cast<std::size_t>(r)][static_cast<std::size_t>(c)];
+    try {
+        return openvdb::math::Transform::createLinearTransform(matrix);
+    } catch (openvdb::ArithmeticError const&) {
+        refuse("the voxels of grid " + detail::quoted(name) + " are too small for OpenVDB");
+    }
+}
 
 /// The range of voxels of a kind of tree, and their places in the lattice.
 template <class Traits> class ChannelWriter {
@@ -348,7 +375,7 @@ private:
             refuse("channel " + detail::quoted(channel.name) +
                    " does not have all tiles of the tree");
         T const background = samples.defaultValue();
-        m_target.check(channel.name, Coord(0), background);
+        m_target.check(channel.name, {}, background);
         bool const isLevelSet =
             std::is_same_v<T, float> && channel.gridClass == VdbClass::kLevelSet;
         if constexpr (std::is_same_v<T, float>)
@@ -356,11 +383,12 @@ private:
                 refuse("level set " + detail::quoted(channel.name) + " has a default value of " +
                        std::to_string(background) + ", which must be the width of its band");
         auto grid = GridOf<T>::create(vdbValue(background));
+        grid->setTransform(transformOf(channel.name, toWorld));
         auto& tree = grid->tree();
-        auto const index = [&](int3 const& lattice) {
-            return Coord((lattice.x - first()) / width() - shift.x,
-                         (lattice.y - first()) / width() - shift.y,
-                         (lattice.z - first()) / width() - shift.z);
+        auto const index = [origin = first(), width = width(), &shift](int3 const& lattice) {
+            return Coord((lattice.x - origin) / width - shift.x,
+                         (lattice.y - origin) / width - shift.y,
+                         (lattice.z - origin) / width - shift.z);
         };
         int const finest = m_tree->depth();
         auto const halo = isLevelSet ? nullptr : coarseHalo(samples);
@@ -394,11 +422,6 @@ private:
                                          voxels.setValueOff(at, vdbValue(value));
                                  });
         tree.prune();
-        openvdb::Mat4d matrix = openvdb::Mat4d::identity();
-        for (int r = 0; r < 3; ++r)
-            for (int c = 0; c < 4; ++c)
-                matrix[c][r] = toWorld[static_cast<std::size_t>(r)][static_cast<std::size_t>(c)];
-        grid->setTransform(openvdb::math::Transform::createLinearTransform(matrix));
         m_target.add(channel.name, grid, channel.gridClass, channel.vectorType);
     }
 
@@ -510,44 +533,43 @@ void writeVdb(std::filesystem::path const& path, std::vector<VdbField> const& fi
             detail::refuse("level set " + detail::quoted(field.name) +
                            (field.scalar ? " needs a band" : " of a vector field"));
     }
-    detail::initializeVdb();
-    Target target{path.string(), options};
+    Target target(path, options);
     detail::FieldWriter(target, box, voxelSize).run(fields);
-    target.write(path);
+    target.write();
 }
 
 void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
               WriteVdbOptions const& options) {
-    detail::initializeVdb();
-    Target target{path.string(), options};
+    Target target(path, options);
     auto const object = detail::volumeOf(volume.object);
     auto const toWorld = detail::inverse(volume.worldToIndex);
     detail::withWriter(target, *object, [&](auto& writer) {
         // The lattice point that an index of the file has: see VdbVolume.
         int3 shift{};
-        if (volume.isPlaced())
-            for (int axis = 0; axis < 3; ++axis)
-                shift[axis] = static_cast<int>(
-                    std::round(-volume.worldToIndex[static_cast<std::size_t>(axis)][3]));
+        for (int axis = 0; axis < 3 && volume.isPlaced(); ++axis) {
+            double const at = std::round(-volume.worldToIndex[static_cast<std::size_t>(axis)][3]);
+            if (!(std::abs(at) <= 0x1p28))
+                detail::refuse("index 0 lies " + std::to_string(at) + " voxels from the origin");
+            shift[axis] = static_cast<int>(at);
+        }
         for (VdbGrid const& grid : volume.grids)
-            writer.add({grid.name.empty() ? "unnamed" : grid.name, detail::classOf(grid),
-                        detail::vectorTypeOf(grid)},
-                       toWorld, shift);
+            writer.add(
+                {detail::channelName(grid.name), detail::classOf(grid), detail::vectorTypeOf(grid)},
+                toWorld, shift);
     });
-    target.write(path);
+    target.write();
 }
 
 void writeVdb(std::filesystem::path const& path, Orvane::Object const& object,
               std::vector<VdbChannel> const& channels, WriteVdbOptions const& options) {
     detail::checkNames(channels);
-    detail::initializeVdb();
-    Target target{path.string(), options};
+    Target target(path, options);
     auto const volume = detail::volumeOf(object);
     detail::withWriter(target, *volume, [&](auto& writer) {
         for (VdbChannel const& channel : channels)
             writer.add(channel, detail::latticeMap(writer), int3{});
     });
-    target.write(path);
+    target.write();
 }
 
 }  // namespace zel

@@ -67,8 +67,9 @@ struct WriteVdbOptions {
 /// active voxels of the first level set or fog volume, and are 0 elsewhere. Only the band is
 /// evaluated at full depth: where it lies is found as in buildVolume(), whose limits hold.
 ///
-/// Throws std::invalid_argument for what buildVolume() refuses, for a level set without a band, a
-/// band that no field makes, a name that is empty or used twice, and a field that is missing;
+/// Throws std::invalid_argument for what buildVolume() refuses, for a `voxelSize` below about
+/// 1.5e-5, a level set without a band, a band that no field makes, a name that is empty or used
+/// twice, metadata without a name, and a field that is missing;
 /// std::length_error for an inside of more than a million tiles of 4096^3 voxels;
 /// FileError if the file cannot be written, or if a value is not finite, or too large for a half;
 /// Stopped; and exceptions of nodes and of `progress`. A file that had the name before stays as it
@@ -79,21 +80,24 @@ ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path,
 
 /// Writes back all grids of a volume that was read, in the place and of the class that it had.
 /// Voxels whose value is not the background are active; in a level set, those nearer to the surface
-/// than the background. Throws FileError.
+/// than the background. Throws FileError as above, and std::invalid_argument for voxels of a volume
+/// below 3e-15, which OpenVDB takes for 0.
 ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
                                WriteVdbOptions const& options = {});
+
+/// A channel, and the grid that is made of it.
+struct VdbChannel {
+    std::string name;
+    VdbClass gridClass = VdbClass::kUnknown;
+    VdbVectorType vectorType = VdbVectorType::kInvariant;
+};
 
 /// Writes channels of an object's volume, which must have its samples on the corners of voxels, as
 /// grids of the channels' names. The finest tiles are written as they are, and coarse tiles where
 /// they are constant; of a level set, coarse tiles have the background with the sign of their
 /// samples. The background is the default value. Throws std::invalid_argument, with the name, for
 /// channels that are missing or vary in coarse tiles: such a channel may be written as a field.
-/// Throws FileError as above.
-struct VdbChannel {
-    std::string name;
-    VdbClass gridClass = VdbClass::kUnknown;
-    VdbVectorType vectorType = VdbVectorType::kInvariant;
-};
+/// Throws exceptions as above.
 ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path, Orvane::Object const& object,
                                std::vector<VdbChannel> const& channels,
                                WriteVdbOptions const& options = {});

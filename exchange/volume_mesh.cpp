@@ -2,6 +2,7 @@
 
 #include <openvdb/tools/VolumeToMesh.h>
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -60,6 +61,7 @@ void addColours(Mesh& mesh, MeshOptions const& options, EvaluateOptions const& h
 Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptions const& options) {
     check(options);
     detail::initializeVdb();
+    auto const transform = detail::transformOf(voxelSize);
     float const band = options.band * voxelSize;
     BuildOptions build;
     build.outside = band;
@@ -67,7 +69,7 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     build.stop = options.stop;
     build.progress = options.progress;
     auto const volume = buildVolume<BinaryTraits>(field, box, voxelSize, options.band, build);
-    auto const grid = detail::levelSetOf(volume, band, detail::voxelsIn(box, voxelSize));
+    auto const grid = detail::levelSetOf(volume, band, detail::voxelsIn(box, voxelSize), transform);
     std::vector<openvdb::Vec3s> points;
     std::vector<openvdb::Vec3I> triangles;
     std::vector<openvdb::Vec4I> quads;

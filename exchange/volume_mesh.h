@@ -33,9 +33,10 @@ struct MeshOptions {
 /// is closed at the box. Normals are the field's gradient, of length 1, or 0 where the field has
 /// none; the vertices lie within half a voxel of the surface.
 ///
-/// Throws std::invalid_argument for what buildVolume() refuses, for a band of less than 1.5 voxels,
-/// for an adaptivity outside 0 to 1, for both kinds of colours and for more than three channels;
-/// std::length_error for more than 2^32 vertices.
+/// Throws std::invalid_argument for what buildVolume() refuses, for a `voxelSize` below about
+/// 1.5e-5, for a band of less than 1.5 voxels, for an adaptivity outside 0 to 1, for both kinds of
+/// colours and for more than three channels; std::length_error for more than 2^32 vertices, or an
+/// inside of more than a million tiles of 4096^3 voxels.
 ZEL_EXCHANGE_API Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize,
                              MeshOptions const& options = {});
 
