@@ -102,7 +102,7 @@ Value readDirection(JsonText const& json, std::uint32_t at) {
         float3 const vector = readVector(json, at);
         float const length = Orvane::Math::length(vector);
         // Its square must neither overflow nor lose digits, or the quotient is no unit vector.
-        if (length < 0x1p-63F || std::isinf(length)) {
+        if (!(length >= 0x1p-63F) || std::isinf(length)) {
             std::string found;
             for (std::uint32_t const element : elements(json, at))
                 found += (found.empty() ? "[" : ", ") + json.shown(element);
