@@ -151,7 +151,8 @@ bool PlyElement::hasLists() const {
 
 std::size_t PlyElement::size() const {
     std::size_t size = 0;
-    for (PlyProperty const& property : properties) size += sizeOf(property.type);
+    for (PlyProperty const& property : properties)
+        size += sizeOf(property.isList ? property.countType : property.type);
     return size;
 }
 

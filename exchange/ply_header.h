@@ -26,7 +26,7 @@ struct PlyElement {
     std::vector<PlyProperty> properties;
 
     bool hasLists() const;
-    /// The bytes of one, if it has no lists.
+    /// The bytes of one in a binary file; of its lists, those of the lengths alone.
     std::size_t size() const;
 };
 
