@@ -8,6 +8,7 @@
 #include "error.h"
 #include "npy.h"
 #include "npy_header.h"
+#include "ply_header.h"
 #include "point_format.h"
 #include "points.h"
 #include "suffix.h"
