@@ -67,11 +67,11 @@ struct PointReader::State {
                                     list(columns));
         std::set<std::string> names;
         for (std::size_t i = 0; i < columns.size(); ++i) {
-            if (std::find(position.begin(), position.end(), i) != position.end()) continue;
             if (columns[i].empty()) continue;  // such as the one behind a last comma
             if (!names.insert(columns[i]).second)
                 throw FileError(name, "header",
                                 "there are two columns " + detail::quoted(columns[i]));
+            if (std::find(position.begin(), position.end(), i) != position.end()) continue;
             if (columns[i].starts_with("Orvane::") || columns[i].find('\0') != std::string::npos)
                 throw FileError(name, "header",
                                 "a column cannot be named " + detail::quoted(columns[i]));

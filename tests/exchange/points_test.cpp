@@ -167,6 +167,7 @@ TEST(Points, OfHostileTablesAreRefused) {
         {"1 2\n", "line 1: wanted 3 numbers, found 2"},
         {"hello", "header: there is no column x among \"hello\""},
         {"x,y,z,a,a\n", "header: there are two columns \"a\""},
+        {"x,y,z,x\n", "header: there are two columns \"x\""},
         {"x,y,z,Orvane::a\n", "header: a column cannot be named \"Orvane::a\""},
         {std::string("\0\1\2 3", 6), "line 1: this is no text, .npy or .ply file"},
         {std::string(300, ','), "line 1: there are more than 256 columns"},
