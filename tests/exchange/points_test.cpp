@@ -337,6 +337,8 @@ TEST(Points, AreWrittenWholeOrNotAtAll) {
     EXPECT_THROW(writer.write({}, {value}), std::invalid_argument);
     EXPECT_THROW(writer.write({&point, 1}, {std::span(&point, 1)}), std::invalid_argument);
     writer.commit();
+    EXPECT_THROW(writer.write({&point, 1}, {value}), std::logic_error);
+    EXPECT_THROW(writer.commit(), std::logic_error);
     EXPECT_EQ(contentOf(folder / "target.csv"), "x,y,z,value\n1,2,3,4\n");
     EXPECT_TRUE(std::filesystem::is_symlink(folder / "link.csv"));
     EXPECT_EQ(std::filesystem::status(folder / "target.csv").permissions(),
