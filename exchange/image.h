@@ -31,7 +31,7 @@ using Image16 = Image<std::uint16_t>;
 /// The sample nearest to a value: 0 for `low` and below and for a NaN, the largest sample for
 /// `high` and above. `low` may be above `high`, which gives a negative.
 template <std::unsigned_integral Sample>
-Sample sampleOf(float value, float low = 0, float high = 1) {
+requires(sizeof(Sample) <= 2) Sample sampleOf(float value, float low = 0, float high = 1) {
     constexpr double kLargest = std::numeric_limits<Sample>::max();
     double const t = (double{value} - low) / (double{high} - low);
     return t > 0 ? static_cast<Sample>(std::lround(std::min(t, 1.0) * kLargest)) : Sample{0};

@@ -47,16 +47,18 @@ public:
     }
     void addFloat(float number) {
         char digits[detail::kMostFloatDigits];
-        buffer.append(digits, detail::formatFloat(digits, number));
+        add({digits, detail::formatFloat(digits, number)});
     }
     void addInteger(std::uint64_t number) {
         char digits[20];
-        buffer.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+        add({digits, std::to_chars(digits, digits + sizeof digits, number).ptr});
     }
     /// Little endian.
     void addBits(std::uint32_t bits) {
-        for (int shift = 0; shift < 32; shift += 8)
-            buffer += static_cast<char>(bits >> shift & 0xFFU);
+        char bytes[4];
+        for (std::size_t i = 0; i < sizeof bytes; ++i)
+            bytes[i] = static_cast<char>(bits >> 8 * i & 0xFFU);
+        add({bytes, sizeof bytes});
     }
     void commit() {
         flush();

@@ -1,9 +1,10 @@
+#include "npy_header.h"
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <optional>
 #include <stdexcept>
-
-#include "npy_header.h"
 
 namespace zel {
 
@@ -15,20 +16,16 @@ constexpr std::size_t kMostAxes = 32;
 constexpr std::size_t kLongestHeader = 1 << 16;
 
 /// The number of numbers, or none if they take more bytes than an offset can tell.
-bool countOf(NpyLayout const& layout, std::uint64_t& count) {
+std::optional<std::uint64_t> countOf(NpyLayout const& layout) {
+    if (std::find(layout.shape.begin(), layout.shape.end(), 0U) != layout.shape.end()) return 0;
     std::uint64_t const most =
         (~std::uint64_t{0} >> 1) / layout.bytesPerNumber() - (std::uint64_t{1} << 20);
-    count = 1;
-    for (std::uint64_t const length : layout.shape)
-        if (length == 0) {
-            count = 0;
-            return true;
-        }
+    std::uint64_t count = 1;
     for (std::uint64_t const length : layout.shape) {
-        if (length > most / count) return false;
+        if (length > most / count) return {};
         count *= length;
     }
-    return true;
+    return count;
 }
 
 /// Reads the dictionary `{'descr': '<f4', 'fortran_order': False, 'shape': (2, 3), }`: the three
@@ -64,8 +61,7 @@ public:
                   : !hasOrder ? "fortran_order"
                               : "shape") +
                  "'");
-        std::uint64_t count = 0;
-        if (!countOf(layout, count))
+        if (!countOf(layout))
             fail("the shape " + detail::shapeText(layout.shape) + " is too large");
         return layout;
     }
@@ -166,11 +162,9 @@ std::string_view textOf(std::span<std::byte const> bytes) {
 }  // namespace
 
 std::uint64_t NpyLayout::count() const {
-    std::uint64_t count = 0;
-    if (!countOf(*this, count))
-        throw std::invalid_argument("zel::NpyLayout: the shape " + detail::shapeText(shape) +
-                                    " is too large");
-    return count;
+    if (auto const count = countOf(*this)) return *count;
+    throw std::invalid_argument("zel::NpyLayout: the shape " + detail::shapeText(shape) +
+                                " is too large");
 }
 
 std::string detail::shapeText(std::vector<std::uint64_t> const& shape) {

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -30,6 +31,11 @@ struct TemporaryFiles {
 TemporaryFiles& temporaryFiles() {
     static auto* const files = new TemporaryFiles;
     return *files;
+}
+
+void expectOpen(std::FILE const* stream) {
+    if (stream == nullptr)
+        throw std::logic_error("zel::OutputFile: commit() has been called already");
 }
 
 }  // namespace
@@ -128,6 +134,7 @@ void OutputFile::fail(int error) const {
 }
 
 void OutputFile::write(std::span<std::byte const> bytes) {
+    expectOpen(m_stream);
     if (bytes.empty()) return;  // fwrite() takes no null pointer
     if (std::fwrite(bytes.data(), 1, bytes.size(), m_stream) != bytes.size()) fail(errno);
 }
@@ -143,6 +150,7 @@ void OutputFile::rewriteBegin(std::span<std::byte const> bytes) {
 }
 
 void OutputFile::commit() {
+    expectOpen(m_stream);
     bool done = std::fflush(m_stream) == 0;
     int error = errno;
     if (m_stream != stdout && std::fclose(m_stream) != 0) {

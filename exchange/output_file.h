@@ -15,8 +15,8 @@ namespace zel {
 /// A file that appears under its name only when it is complete. It is written beside, under a name
 /// of its own in the same folder, and renamed by commit(); without that call the destructor removes
 /// it, and a file that had the name before stays as it was. A symbolic link is kept: its target is
-/// replaced. A device or a pipe, and the standard output, "-", are written directly. One thread at
-/// a time may use it.
+/// replaced. A device or a pipe, and the standard output, "-", are written directly. write() and
+/// commit() throw std::logic_error after commit(). One thread at a time may use it.
 class ZEL_EXCHANGE_API OutputFile {
 public:
     /// Throws FileError if the file cannot be made.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -98,9 +99,8 @@ private:
         auto const [stop, error] = std::from_chars(words[2].data(), end, element.count);
         if (error != std::errc() || stop != end || element.count > ~std::uint64_t{0} >> 1)
             fail("wanted how many elements there are, found " + detail::quoted(words[2]));
-        for (PlyElement const& other : header.elements)
-            if (other.name == element.name)
-                fail("there are two elements " + detail::quoted(element.name));
+        if (!elementNames.insert(element.name).second)
+            fail("there are two elements " + detail::quoted(element.name));
         header.elements.push_back(std::move(element));
     }
 
@@ -132,6 +132,7 @@ private:
 
     ByteReader& source;
     PlyHeader header;
+    std::set<std::string> elementNames;  // a header has room for many thousands
     std::vector<std::string_view> words;
     bool hasFormat = false;
 };
@@ -150,7 +151,8 @@ bool PlyElement::hasLists() const {
 
 std::size_t PlyElement::size() const {
     std::size_t size = 0;
-    for (PlyProperty const& property : properties) size += sizeOf(property.type);
+    for (PlyProperty const& property : properties)
+        size += sizeOf(property.isList ? property.countType : property.type);
     return size;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,7 @@ struct PlyElement {
     std::vector<PlyProperty> properties;
 
     bool hasLists() const;
-    /// The bytes of one, if it has no lists.
+    /// The bytes of one in a binary file; of its lists, those of the lengths alone.
     std::size_t size() const;
 };
 
@@ -36,6 +37,9 @@ struct PlyHeader {
     PlyEncoding encoding = PlyEncoding::kAscii;
     std::vector<PlyElement> elements;
 };
+
+/// Whether a file with this begin is a .ply file.
+bool isPly(std::span<std::byte const> begin);
 
 /// Reads a header, from the first byte of a file. Throws FileError.
 PlyHeader readPlyHeader(ByteReader& source);

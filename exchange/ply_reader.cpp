@@ -54,6 +54,8 @@ public:
         count = vertex().count;
         for (PlyProperty const& property : vertex().properties)
             if (!property.isList) columns.push_back(property.name);
+        if (header.encoding != PlyEncoding::kAscii && !vertex().hasLists())
+            stride = vertex().size();
         expectRoom();
     }
 
@@ -87,14 +89,9 @@ private:
         for (std::size_t i = 0; i <= vertices; ++i) {
             PlyElement const& element = header.elements[i];
             // The least that an element takes: in text, a digit and a line end.
-            std::size_t least = 0;
-            if (header.encoding == PlyEncoding::kAscii)
-                least = element.properties.empty() ? 0 : 2 * element.properties.size();
-            else
-                for (PlyProperty const& property : element.properties)
-                    least += sizeOf(property.isList ? property.countType : property.type);
-            if (i == vertices && header.encoding != PlyEncoding::kAscii && !element.hasLists())
-                stride = least;
+            std::size_t const least = header.encoding == PlyEncoding::kAscii
+                                          ? 2 * element.properties.size()
+                                          : element.size();
             std::optional<std::uint64_t> const size = source.source().size();
             // The last line may lack its end.
             if (size && least > 0 && element.count > (*size - source.offset() + 1) / least)
@@ -108,9 +105,8 @@ private:
     void skip(PlyElement const& element) {
         if (element.properties.empty()) return;
         if (header.encoding != PlyEncoding::kAscii && !element.hasLists()) {
-            // At most 256 properties of 8 bytes each.
             std::uint64_t const size = element.size();
-            if (element.count > (~std::uint64_t{0}) / size || !source.skip(element.count * size))
+            if (element.count > ~std::uint64_t{0} / size || !source.skip(element.count * size))
                 failAtEnd(element);
             return;
         }
@@ -134,7 +130,7 @@ private:
         std::string_view rest = nextLine(vertex());
         std::size_t column = 0;
         for (PlyProperty const& property : vertex().properties) {
-            std::string_view word = nextWord(rest, property);
+            std::string_view const word = nextWord(rest, property);
             float value = 0;
             if (!property.isList) {
                 if (char const* const problem = parseFloat(word, value))

@@ -6,6 +6,7 @@
 
 #include "byte_source.h"
 #include "image.h"
+#include "png_message.h"
 
 namespace zel {
 
@@ -17,7 +18,7 @@ struct Reading {
     detail::ByteSource* source;
     std::uint64_t offset = 0;
     std::exception_ptr exception{};
-    char message[200] = "";
+    detail::PngMessage message;
     png_structp png = nullptr;
     png_infop info = nullptr;
 
@@ -26,15 +27,6 @@ struct Reading {
     Reading& operator=(Reading const&) = delete;
     ~Reading() { png_destroy_read_struct(&png, &info, nullptr); }
 };
-
-void keepMessage(png_structp png, png_const_charp text) {
-    auto& reading = *static_cast<Reading*>(png_get_error_ptr(png));
-    std::size_t i = 0;
-    for (; text[i] != '\0' && i + 1 < sizeof reading.message; ++i) reading.message[i] = text[i];
-    reading.message[i] = '\0';
-    png_longjmp(png, 1);
-}
-void ignoreWarning(png_structp, png_const_charp) {}
 
 /// Returns false at the end, and after an exception, which is kept.
 bool readSome(Reading& reading, std::span<std::byte> to) noexcept {
@@ -56,8 +48,8 @@ void readBytes(png_structp png, png_bytep bytes, std::size_t size) {
 
 /// Reads all that is before the pixels. Returns false if libpng failed.
 bool readHeader(Reading& reading) {
-    reading.png =
-        png_create_read_struct(PNG_LIBPNG_VER_STRING, &reading, keepMessage, ignoreWarning);
+    reading.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &reading.message,
+                                         detail::keepPngMessage, detail::ignorePngWarning);
     if (reading.png == nullptr) return false;
     reading.info = png_create_info_struct(reading.png);
     if (reading.info == nullptr) return false;
@@ -97,7 +89,7 @@ bool readRows(Reading& reading, png_bytepp rows) {
 [[noreturn]] void fail(Reading const& reading) {
     if (reading.exception) std::rethrow_exception(reading.exception);
     reading.source->fail("byte " + std::to_string(reading.offset),
-                         reading.message[0] != '\0' ? reading.message : "out of memory");
+                         reading.message.text[0] != '\0' ? reading.message.text : "out of memory");
 }
 
 template <class Sample> Image<Sample> readImage(Reading& reading, Image<Sample> image) {

@@ -10,6 +10,7 @@
 
 #include "image.h"
 #include "output_file.h"
+#include "png_message.h"
 
 namespace zel {
 
@@ -19,18 +20,9 @@ namespace {
 /// but those of arguments. The message is kept in the meantime.
 struct Writing {
     OutputFile* file = nullptr;
-    char message[200] = "";
+    detail::PngMessage message;
     int diskError = 0;
 };
-
-void keepMessage(png_structp png, png_const_charp text) {
-    auto& writing = *static_cast<Writing*>(png_get_error_ptr(png));
-    std::size_t i = 0;
-    for (; text[i] != '\0' && i + 1 < sizeof writing.message; ++i) writing.message[i] = text[i];
-    writing.message[i] = '\0';
-    png_longjmp(png, 1);
-}
-void ignoreWarning(png_structp, png_const_charp) {}
 
 void writeBytes(png_structp png, png_bytep bytes, std::size_t size) {
     auto& writing = *static_cast<Writing*>(png_get_io_ptr(png));
@@ -42,8 +34,8 @@ void flush(png_structp) {}
 
 /// Returns false, with a message, if libpng failed. Nothing here has a destructor.
 template <class Sample> bool writeImage(Writing& writing, Image<Sample> const& image) {
-    png_structp png =
-        png_create_write_struct(PNG_LIBPNG_VER_STRING, &writing, keepMessage, ignoreWarning);
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &writing.message,
+                                              detail::keepPngMessage, detail::ignorePngWarning);
     png_infop info = png == nullptr ? nullptr : png_create_info_struct(png);
     if (info == nullptr) {
         png_destroy_write_struct(&png, nullptr);
@@ -85,7 +77,7 @@ template <class Sample> void write(std::filesystem::path const& path, Image<Samp
     Writing writing;
     writing.file = &file;
     if (!writeImage(writing, image)) {
-        std::string message = writing.message;
+        std::string message = writing.message.text;
         if (writing.diskError != 0)
             message += ": " + std::generic_category().message(writing.diskError);
         throw FileError(file.name(), {}, message);

@@ -41,8 +41,6 @@ public:
 /// The most columns that a file may have: each takes memory in every chunk.
 constexpr std::size_t kMostColumns = 256;
 
-bool isPly(std::span<std::byte const> begin);
-
 std::unique_ptr<RowReader> readTable(ByteReader source);
 std::unique_ptr<RowReader> readPly(ByteReader source);
 

@@ -8,6 +8,7 @@
 #include "error.h"
 #include "npy.h"
 #include "npy_header.h"
+#include "ply_header.h"
 #include "point_format.h"
 #include "points.h"
 #include "suffix.h"
@@ -66,11 +67,11 @@ struct PointReader::State {
                                     list(columns));
         std::set<std::string> names;
         for (std::size_t i = 0; i < columns.size(); ++i) {
-            if (std::find(position.begin(), position.end(), i) != position.end()) continue;
             if (columns[i].empty()) continue;  // such as the one behind a last comma
             if (!names.insert(columns[i]).second)
                 throw FileError(name, "header",
                                 "there are two columns " + detail::quoted(columns[i]));
+            if (std::find(position.begin(), position.end(), i) != position.end()) continue;
             if (columns[i].starts_with("Orvane::") || columns[i].find('\0') != std::string::npos)
                 throw FileError(name, "header",
                                 "a column cannot be named " + detail::quoted(columns[i]));
@@ -96,7 +97,7 @@ struct PointReader::State {
 
 namespace {
 
-/// The format of a content, which must be that of the suffix if the suffix names one.
+/// Chooses the reader by the content, which must be as the suffix says if that is .npy or .ply.
 std::unique_ptr<detail::RowReader> rowsOf(detail::ByteSource source, std::string const& suffix,
                                           std::filesystem::path const* path) {
     detail::ByteReader reader(std::move(source));
@@ -178,23 +179,22 @@ bool PointReader::read(PointChunk& chunk) {
     std::size_t const scalars = state.scalars.size();
     if (!isOurs(chunk, scalars, state.vectors.size()))
         throw std::invalid_argument("zel::PointReader: the chunk is not of this reader");
-    std::vector<float*> arrays(state.rows->columns.size(), nullptr);
-    std::vector<detail::ColumnTarget> targets(arrays.size());
+    std::vector<detail::ColumnTarget> targets(state.rows->columns.size());
     for (std::size_t c = 0; c < 3; ++c)
         targets[state.position[c]] = {&(*chunk.positions)[0][static_cast<int>(c)], 3};
-    for (std::size_t i = 0; i < scalars; ++i) {
-        arrays[state.scalars[i]] = chunk.properties[i].scalars->data();
-        targets[state.scalars[i]] = {arrays[state.scalars[i]], 1};
-    }
+    for (std::size_t i = 0; i < scalars; ++i)
+        targets[state.scalars[i]] = {chunk.properties[i].scalars->data(), 1};
     chunk.count = 0;
     chunk.first = state.done;
     std::size_t const count =
         state.rows->read(targets, static_cast<std::size_t>(chunk.positions->size()));
     for (std::size_t i = 0; i < state.vectors.size(); ++i) {
-        auto const& [x, y, z] = state.vectors[i].columns;
+        auto const& columns = state.vectors[i].columns;
+        float const* const x = targets[columns[0]].first;
+        float const* const y = targets[columns[1]].first;
+        float const* const z = targets[columns[2]].first;
         float3* const vectors = chunk.properties[scalars + i].vectors->data();
-        for (std::size_t row = 0; row < count; ++row)
-            vectors[row] = {arrays[x][row], arrays[y][row], arrays[z][row]};
+        for (std::size_t row = 0; row < count; ++row) vectors[row] = {x[row], y[row], z[row]};
     }
     state.done += count;
     chunk.count = count;

@@ -1,6 +1,6 @@
 #include <algorithm>
 #include <bit>
-#include <cstring>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -45,11 +45,10 @@ std::vector<std::string> componentNames(std::vector<PointWriter::Column> const& 
                 std::to_string(column.components));
         }
     }
-    for (std::size_t i = 0; i < names.size(); ++i)
-        if (std::find(names.begin(), names.begin() + static_cast<std::ptrdiff_t>(i), names[i]) !=
-            names.begin() + static_cast<std::ptrdiff_t>(i))
-            throw std::invalid_argument("zel::PointWriter: there are two columns \"" + names[i] +
-                                        "\"");
+    std::set<std::string_view> known;
+    for (std::string const& name : names)
+        if (!known.insert(name).second)
+            throw std::invalid_argument("zel::PointWriter: there are two columns \"" + name + "\"");
     return names;
 }
 
@@ -96,8 +95,7 @@ struct PointWriter::State {
                 data[i].components == columns[i].components && data[i].count == positions.size();
         if (!matches)
             throw std::invalid_argument("zel::PointWriter: the columns are not those of the "
-                                        "constructor, or differ in length "
-                                        "from the positions");
+                                        "constructor, or differ in length from the positions");
         constexpr std::size_t kRows = 1 << 10;
         for (std::size_t first = 0; first < positions.size(); first += kRows) {
             std::size_t const rows = std::min(kRows, positions.size() - first);

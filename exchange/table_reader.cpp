@@ -41,7 +41,6 @@ public:
         });
         if (!isHeader) {
             pending = line;
-            hasPending = true;
             columns = {"x", "y", "z"};
             for (std::size_t i = 3; i < words.size(); ++i)
                 columns.push_back("column" + std::to_string(i + 1));
@@ -64,10 +63,8 @@ public:
 private:
     /// Passes over blank lines and comments.
     bool nextRow(std::string_view& row) {
-        if (std::exchange(hasPending, false)) {
-            row = pending;
-            return true;
-        }
+        row = std::exchange(pending, {});
+        if (!row.empty()) return true;
         while (source.nextLine(row)) {
             if (source.line() == 1 && row.starts_with(kByteOrderMark))
                 row.remove_prefix(kByteOrderMark.size());
@@ -162,10 +159,9 @@ private:
     }
 
     ByteReader source;
-    char separator = ' ';  // blank: any number of blanks and tabs
-    bool hasMore = false;  // whether the row in hand has another field
-    std::string_view pending;
-    bool hasPending = false;
+    char separator = ' ';      // blank: any number of blanks and tabs
+    bool hasMore = false;      // whether the row in hand has another field
+    std::string_view pending;  // the first row, until it is read, if it has no names
 };
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "zel_scene/graph.h"
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 #include "zel_scene/value_text.h"
 
 namespace zel {

@@ -3,7 +3,7 @@
 #include <string_view>
 #include <utility>
 
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 
 namespace zel {
 

@@ -5,7 +5,7 @@
 #include <unordered_map>
 
 #include "zel/node/type_name.h"
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 
 namespace zel::detail {
 

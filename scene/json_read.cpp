@@ -9,7 +9,7 @@
 #include "zel_scene/json.h"
 #include "zel_scene/json_text.h"
 #include "zel_scene/nearest.h"
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 #include "zel_scene/value_reader.h"
 #include "zel_scene/value_text.h"
 

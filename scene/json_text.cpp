@@ -5,7 +5,7 @@
 
 #include "zel_scene/error.h"
 #include "zel_scene/nlohmann_json.h"
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 
 namespace zel::detail {
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 
 namespace zel::detail {
 

@@ -12,7 +12,7 @@
 
 #include "zel/node/type_name.h"
 #include "zel_scene/library_classes.h"
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 
 namespace zel {
 

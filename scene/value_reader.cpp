@@ -8,6 +8,7 @@
 
 #include "zel/field/math.h"
 #include "zel/node/transform.h"
+#include "zel_platform/orvane_math_support/decimal_range.h"
 #include "zel_scene/error.h"
 #include "zel_scene/nearest.h"
 #include "zel_scene/value_text.h"
@@ -18,28 +19,8 @@ namespace {
 
 using Orvane::Geometry::Query::SamplerType;
 using Orvane::Math::FCurve;
+using Orvane::Math::isBelowRange;
 using Type = JsonText::Type;
-
-/// Whether a decimal number that is not in the range of its type is below it, not above.
-bool isBelowRange(std::string_view text) {
-    auto const exponentAt = text.find_first_of("eE");
-    std::string_view const digits = text.substr(0, exponentAt);
-    auto const first = digits.find_first_of("123456789");
-    if (first == std::string_view::npos) return true;
-    auto const point = std::min(digits.find('.'), digits.size());
-    std::int64_t power = static_cast<std::int64_t>(point) - static_cast<std::int64_t>(first);
-    if (exponentAt != std::string_view::npos) {
-        std::string_view exponent = text.substr(exponentAt + 1);
-        if (exponent.starts_with('+')) exponent.remove_prefix(1);
-        std::int32_t value = 0;
-        auto const [end, error] =
-            std::from_chars(exponent.data(), exponent.data() + exponent.size(), value);
-        // More than any number of digits can make up for.
-        if (error != std::errc()) return exponent.starts_with('-');
-        power += value;
-    }
-    return power < 0;
-}
 
 /// A number, rounded once from its decimal digits, or the word for one that is not finite.
 template <class Real>
@@ -121,7 +102,7 @@ Value readDirection(JsonText const& json, std::uint32_t at) {
         float3 const vector = readVector(json, at);
         float const length = Orvane::Math::length(vector);
         // Its square must neither overflow nor lose digits, or the quotient is no unit vector.
-        if (length < 0x1p-63F || std::isinf(length)) {
+        if (!(length >= 0x1p-63F) || std::isinf(length)) {
             std::string found;
             for (std::uint32_t const element : elements(json, at))
                 found += (found.empty() ? "[" : ", ") + json.shown(element);

@@ -8,7 +8,7 @@
 #include <type_traits>
 
 #include "zel/field/math.h"
-#include "zel_scene/utf8.h"
+#include "zel_scene/shown_text.h"
 
 namespace zel::detail {
 

@@ -187,7 +187,7 @@ TEST(Npy, RefusesHostileFiles) {
           "{'a': __import__('os')}", "{'descr': '<f4', 'fortran_order': False, 'shape': (1,)} + {}",
           "{'descr': '<f4', 'fortran_order': False 'shape': (1,)}"})
         EXPECT_THAT(errorOfArray(arrayOf(text, 24)), StartsWith("header: ")) << text;
-    std::string const padded = arrayOf(dictionary("(2,)") + std::string(70'000 % 65536, ' '), 24);
+    std::string const padded = arrayOf(dictionary("(2,)") + std::string(5000, ' '), 24);
     EXPECT_EQ(errorOfArray(padded), "none");
     EXPECT_THAT(errorOfArray(std::string("\x93NUMPY\2\0\xFF\xFF\xFF\x7F", 12) + "{"),
                 StartsWith("byte 8: the header is 2147483647 bytes long"));

@@ -85,8 +85,3 @@ with tempfile.TemporaryDirectory() as folder:
     with open(source, "rb") as file:
         result = subprocess.run([tool, "points", "-", target], stdin=file, capture_output=True, text=True)
     assert result.returncode == 2 and "standard input: a .npy file must be a regular file" in result.stderr
-
-    # A view without copies of what the writer mapped.
-    np.save(source, numbers((1000, 3), "<f4"))
-    run("map", source, target)
-    assert isinstance(np.load(target, mmap_mode="r"), np.memmap)

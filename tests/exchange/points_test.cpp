@@ -167,6 +167,7 @@ TEST(Points, OfHostileTablesAreRefused) {
         {"1 2\n", "line 1: wanted 3 numbers, found 2"},
         {"hello", "header: there is no column x among \"hello\""},
         {"x,y,z,a,a\n", "header: there are two columns \"a\""},
+        {"x,y,z,x\n", "header: there are two columns \"x\""},
         {"x,y,z,Orvane::a\n", "header: a column cannot be named \"Orvane::a\""},
         {std::string("\0\1\2 3", 6), "line 1: this is no text, .npy or .ply file"},
         {std::string(300, ','), "line 1: there are more than 256 columns"},
@@ -336,6 +337,8 @@ TEST(Points, AreWrittenWholeOrNotAtAll) {
     EXPECT_THROW(writer.write({}, {value}), std::invalid_argument);
     EXPECT_THROW(writer.write({&point, 1}, {std::span(&point, 1)}), std::invalid_argument);
     writer.commit();
+    EXPECT_THROW(writer.write({&point, 1}, {value}), std::logic_error);
+    EXPECT_THROW(writer.commit(), std::logic_error);
     EXPECT_EQ(contentOf(folder / "target.csv"), "x,y,z,value\n1,2,3,4\n");
     EXPECT_TRUE(std::filesystem::is_symlink(folder / "link.csv"));
     EXPECT_EQ(std::filesystem::status(folder / "target.csv").permissions(),

@@ -252,6 +252,7 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
         {normal("-1e20, 0, 3"), noDirection + "[-1e20, 0, 3]"},
         {normal("0, 3e-20, 0"), noDirection + "[0, 3e-20, 0]"},
         {normal("0, 0, \"inf\""), noDirection + "[0, 0, \"inf\"]"},
+        {normal("0, 1, \"nan\""), noDirection + "[0, 1, \"nan\"]"},
         {normal("1e19, 1e-18, 0"), "none"},
         {scene(R"({"type": "FCurve", "field": 1, "curve": {"keys": [[1, 0], [1, 2]]}})"),
          "/root/curve: "},

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+// Names and texts as paths and messages show them.
 namespace zel::detail {
 
 /// Whether a text is valid UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
