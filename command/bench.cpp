@@ -11,7 +11,7 @@
 #include <zel_exchange/output_file.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {

@@ -14,7 +14,7 @@
 #include <zel_exchange/points.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {

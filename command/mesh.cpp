@@ -2,7 +2,7 @@
 #include <zel_exchange/volume_mesh.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {

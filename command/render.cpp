@@ -9,10 +9,10 @@
 #include <zel/node/exact_gradients.h>
 #include <zel/scalar/arithmetic.h>
 #include <zel/scalar/spatial.h>
-#include <zel_exchange/image.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "picture.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -71,9 +71,7 @@ void render(RenderOptions const& options, std::stop_token const& stop) {
             return std::vector<drawing::Color>(static_cast<std::size_t>(at.size()), color);
         },
         progress.function());
-    zel::writePng(options.output,
-                  zel::Image8{static_cast<std::size_t>(size[0]), static_cast<std::size_t>(size[1]),
-                              3, image.toBytes()});
+    writePicture(options.output, image);
 }
 
 }  // namespace command

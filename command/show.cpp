@@ -2,7 +2,7 @@
 #include <zel_scene/describe.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 
 namespace command {
 

@@ -11,7 +11,8 @@
 #include <zel_exchange/image.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "picture.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -129,9 +130,7 @@ void slice(SliceOptions const& options, std::stop_token const& stop) {
     }
     drawing::Image const image =
         plot(meter, *field, view, size[0], size[1], style, progress.function());
-    zel::writePng(options.output,
-                  zel::Image8{static_cast<std::size_t>(size[0]), static_cast<std::size_t>(size[1]),
-                              3, image.toBytes()});
+    writePicture(options.output, image);
 }
 
 }  // namespace command

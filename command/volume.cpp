@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <span>
 #include <stdexcept>
 
 #include <zel/field/evaluate.h>
@@ -9,7 +10,7 @@
 #include <zel_exchange/vdb_write.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
