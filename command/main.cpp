@@ -13,7 +13,6 @@
 
 #include <zel/field/stopped.h>
 #include <zel/version.h>
-#include <zel_exchange/output_file.h>
 
 #include "commands.h"
 #include "session.h"
@@ -217,12 +216,6 @@ int fail(std::string message) {
     return command::kFailed;
 }
 
-void print(std::string const& text) {
-    zel::OutputFile file("-");
-    file.write(text);
-    file.commit();
-}
-
 int run(int argc, char** argv) {
     Options options;
     Run run;
@@ -237,10 +230,10 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (CLI::CallForHelp const&) {
-        print(app.help());
+        command::print(app.help());
         return 0;
     } catch (CLI::CallForVersion const& version) {
-        print(std::string(version.what()) + '\n');
+        command::print(std::string(version.what()) + '\n');
         return 0;
     } catch (CLI::ParseError const& error) {
         return fail(error.what());
