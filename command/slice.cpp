@@ -2,6 +2,7 @@
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
+#include <system_error>
 
 #include <drawing/plot.h>
 #include <zel/operators/warp.h>
@@ -44,9 +45,11 @@ zel::ScalarPtr drawnField(SliceOptions const& options) {
 zel::ScalarPtr onPlane(zel::ScalarPtr field, std::string const& text) {
     float offset = 0;
     char const* const end = text.data() + text.size();
-    bool const isPlane = text.size() > 2 && text[0] >= 'x' && text[0] <= 'z' && text[1] == '=' &&
-                         std::from_chars(text.data() + 2, end, offset).ptr == end &&
-                         std::isfinite(offset);
+    bool isPlane = text.size() > 2 && text[0] >= 'x' && text[0] <= 'z' && text[1] == '=';
+    if (isPlane) {
+        auto const [parsed, error] = std::from_chars(text.data() + 2, end, offset);
+        isPlane = parsed == end && error == std::errc() && std::isfinite(offset);
+    }
     if (!isPlane)
         throw std::runtime_error("--plane " + text + ": wanted a plane such as z=0 or x=-1.5");
     if (text[0] == 'z' && offset == 0) return field;

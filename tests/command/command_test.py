@@ -251,8 +251,10 @@ class Test(unittest.TestCase):
         self.refused("standard input can be read only once", "eval", "-", "-", stdin=subprocess.DEVNULL)
         self.refused("--size 0x5: wanted", "slice", self.ball, "--size", "0x5", "-o", "new.png")
         self.refused("--plane w=1: wanted", "slice", self.ball, "--plane", "w=1", "-o", "new.png")
+        self.refused("--plane z=1e99: wanted", "slice", self.ball, "--plane", "z=1e99", "-o", "new.png")
         self.refused("--color 12345g: wanted", "render", self.ball, "--color", "12345g", "-o", "new.png")
-        self.refused("--eye must be", "render", self.ball, "--eye", "0,5,0", "-o", "new.png")
+        for eye in ("0,5,0", "1e-42,0,0"):
+            self.refused("--eye must be", "render", self.ball, "--eye", eye, "-o", "new.png")
         self.refused("written as .vdb or .npy", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
         self.refused("--box and --voxel", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
         self.refused("--box and --voxel", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", "1e-30", "-o", "a.npy")
