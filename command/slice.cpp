@@ -87,19 +87,15 @@ float usualValue(drawing::Meter& meter, zel::ScalarField const& field, drawing::
 template <class Sample>
 void writeGray(SliceOptions const& options, drawing::Meter& meter, zel::ScalarField const& field,
                drawing::View const& view, std::array<int, 2> const& size, Progress& progress) {
-    auto const [low, high] = *options.range;
-    auto const [width, height] = size;
     zel::Image<Sample> image{
-        static_cast<std::size_t>(width), static_cast<std::size_t>(height), 1, {}};
+        static_cast<std::size_t>(size[0]), static_cast<std::size_t>(size[1]), 1, {}};
     image.samples.reserve(image.width * image.height);
-    int const most = std::max((1 << 20) / width, 1);
-    for (int top = 0; top < height; top += most) {
-        int const rows = std::min(most, height - top);
-        auto const values = meter.values(field, pixelPositions(view, width, height, top, rows));
+    drawing::forEachBand(size[0], size[1], progress.function(), [&](int top, int rows) {
+        auto const values = meter.values(field, pixelPositions(view, size[0], size[1], top, rows));
         for (float const value : *values)
-            image.samples.push_back(zel::sampleOf<Sample>(value, low, high));
-        progress(image.samples.size() / image.width, image.height);
-    }
+            image.samples.push_back(
+                zel::sampleOf<Sample>(value, (*options.range)[0], (*options.range)[1]));
+    });
     zel::writePng(options.output, image);
 }
 
