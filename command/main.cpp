@@ -127,10 +127,7 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
         ->check(CLI::IsMember({8, 16}));
     sub->add_option("--range", slice.range, "values of black and white: BLACK,WHITE")
         ->delimiter(',');
-    sub->callback([&, isolines] {
-        slice.hasIsolines = isolines->count() > 0;
-        run = [&](auto const& stop) { command::slice(slice, stop); };
-    });
+    sub->parse_complete_callback([&, isolines] { slice.hasIsolines = isolines->count() > 0; });
 
     sub = add("volume", "Writes the values of a scene in a box.",
               "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 -o gear.npy\n"

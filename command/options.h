@@ -37,8 +37,8 @@ struct SliceOptions {
     std::array<float, 2> center{};
     float width = 4;
     std::string component;
-    std::optional<float> isolines;  ///< the spacing; 0 chooses one
     bool hasIsolines = false;
+    std::optional<float> isolines;  ///< the spacing; a suitable one without it
     std::optional<float> scale;
     int gray = 0;  ///< bits of a pixel, or 0 for colours
     std::optional<std::array<float, 2>> range;

@@ -121,12 +121,10 @@ void slice(SliceOptions const& options, std::stop_token const& stop) {
 
     float const scale = options.scale ? *options.scale : usualValue(meter, *field, view, size);
     drawing::PlotStyle style{.scale = scale};
-    style.spacing = 0;
-    style.zeroWidth = 0;
-    if (options.hasIsolines) {
-        style.zeroWidth = drawing::PlotStyle().zeroWidth;
+    if (!options.hasIsolines)
+        style.spacing = style.zeroWidth = 0;
+    else
         style.spacing = options.isolines ? *options.isolines : roundedDown(scale / 4);
-    }
     drawing::Image const image =
         plot(meter, *field, view, size[0], size[1], style, progress.function());
     writePicture(options.output, image);
