@@ -47,7 +47,8 @@ void render(RenderOptions const& options, std::stop_token const& stop) {
     float const unit = Orvane::Math::length(eye - target) / kEyeDistance;
     float const across = std::hypot(eye.x - target.x, eye.z - target.z);
     if (!std::isnormal(unit) || !(across > 1e-4F * unit))
-        throw std::runtime_error("--eye must be finite, and beside --target, not above or below");
+        throw std::runtime_error(
+            "--eye must be at a finite distance beside --target, not above or below");
     if (!(options.angle > 0 && options.angle < 170))
         throw std::runtime_error("--angle must be between 0 and 170 degrees");
     if (!(options.step > 0 && options.step <= 1))

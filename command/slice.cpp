@@ -103,9 +103,6 @@ void writeGray(SliceOptions const& options, drawing::Meter& meter, zel::ScalarFi
 
 void slice(SliceOptions const& options, std::stop_token const& stop) {
     auto const size = parseSize(options.size);
-    if (!(options.width > 0) || !std::isfinite(options.width) ||
-        !std::isfinite(options.center[0]) || !std::isfinite(options.center[1]))
-        throw std::runtime_error("--width must be above 0, and it and --center finite");
     if (options.gray != 0 && !options.range)
         throw std::runtime_error("--gray needs a --range, of the values of black and white");
     if (options.gray == 0 && options.range)
