@@ -55,10 +55,11 @@ struct RenderOptions {
     std::string color = "d97a1f";
 };
 
-/// The box that a volume or a mesh is made of.
+/// The box that a volume or a mesh is made of. Within the range of floats; doubles, so that a box
+/// of a whole number of voxels in decimals stays one.
 struct GridOptions {
-    std::array<float, 6> box{};  ///< the low corner, then the high corner
-    float voxel = 0;
+    std::array<double, 6> box{};  ///< the low corner, then the high corner
+    double voxel = 0;
 };
 
 struct VolumeOptions {

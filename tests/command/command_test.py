@@ -171,6 +171,8 @@ class Test(unittest.TestCase):
         p = np.stack(np.meshgrid(*(np.arange(n) * 0.25 + low for n, low in ((13, -1), (13, -1.5), (11, -1.25))),
                                  indexing="ij"), -1)
         np.testing.assert_allclose(np.load("dense.npy"), self.distance(p), atol=1e-6)
+        run("volume", self.ball, "--box", "-1,0,0,3,0,0", "--voxel", 0.001, "-o", "line.npy")
+        self.assertEqual(np.load("line.npy").shape, (4001, 1, 1))
         run("volume", self.twist, *box, "--voxel", 0.25, "-o", "vectors.npy")
         np.testing.assert_array_equal(np.load("vectors.npy")[..., 0], -p[..., 1])
 
