@@ -8,10 +8,9 @@
 #include <stdexcept>
 
 #include <zel/field/evaluate.h>
-#include <zel_exchange/output_file.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -90,9 +89,7 @@ void bench(BenchOptions const& options, std::stop_token const& stop) {
         text = measure<float, float3>(**scalar, options, stop);
     else
         text = measure<float3, float3x3>(*std::get<zel::VectorPtr>(tree), options, stop);
-    zel::OutputFile file("-");
-    file.write(text);
-    file.commit();
+    print(text);
 }
 
 }  // namespace command

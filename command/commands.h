@@ -11,8 +11,9 @@
 namespace command {
 
 /// The box of the options.
-inline zel::Box boxOf(std::array<float, 6> const& box) {
-    return {{box[0], box[1], box[2]}, {box[3], box[4], box[5]}};
+inline zel::Box boxOf(GridOptions const& options) {
+    auto const at = [&](std::size_t i) { return static_cast<float>(options.box[i]); };
+    return {{at(0), at(1), at(2)}, {at(3), at(4), at(5)}};
 }
 
 void show(ShowOptions const& options);

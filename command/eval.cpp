@@ -14,7 +14,7 @@
 #include <zel_exchange/points.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -70,10 +70,10 @@ std::size_t countOf(std::string const& path) {
     stream.read(text.data(), static_cast<std::streamsize>(text.size()));
     auto const size = static_cast<std::size_t>(stream.gcount());
     auto const lines = std::count(text.begin(), text.begin() + stream.gcount(), '\n');
-    if (lines == 0) return 0;
+    auto const whole = std::filesystem::file_size(path, error);
+    if (lines == 0 || error) return 0;
     double const length = static_cast<double>(size) / static_cast<double>(lines);
-    return static_cast<std::size_t>(static_cast<double>(std::filesystem::file_size(path, error)) /
-                                    length);
+    return static_cast<std::size_t>(static_cast<double>(whole) / length);
 }
 
 class Evaluation {

@@ -1,7 +1,7 @@
-#include <zel_exchange/output_file.h>
 #include <zel_exchange/vdb.h>
 
 #include "commands.h"
+#include "session.h"
 
 namespace command {
 
@@ -26,9 +26,7 @@ void info(InfoOptions const& options) {
         for (auto const& [key, value] : grid.metadata)
             text += "  " + printable(key) + ": " + printable(value) + '\n';
     }
-    zel::OutputFile file("-");
-    file.write(text);
-    file.commit();
+    print(text);
 }
 
 }  // namespace command

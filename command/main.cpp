@@ -6,14 +6,15 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <new>
 
 #include <zel/field/stopped.h>
 #include <zel/version.h>
-#include <zel_exchange/output_file.h>
 
 #include "commands.h"
 #include "session.h"
@@ -21,6 +22,27 @@
 namespace {
 
 using command::SceneOptions;
+
+/// Refuses text that is no float of the class. The validators of CLI11 take NaN for any number, and
+/// show the largest double in their messages.
+CLI::Validator floatThat(bool (*isGood)(float number), char const* kind) {
+    return {[isGood, kind](std::string const& text) {
+                char* end = nullptr;
+                float const number = std::strtof(text.c_str(), &end);
+                if (end != text.c_str() && *end == '\0' && isGood(number)) return std::string();
+                return std::string("wanted a ") + kind + ", found " + text;
+            },
+            ""};
+}
+
+CLI::Validator isFinite() {
+    return floatThat([](float number) { return std::isfinite(number); }, "finite number");
+}
+
+CLI::Validator isPositive() {
+    return floatThat([](float number) { return number > 0 && std::isfinite(number); },
+                     "number above 0");
+}
 
 void addScene(CLI::App& app, std::string& scene) {
     app.add_option("SCENE", scene, "file of a scene in JSON, - for standard input")->required();
@@ -43,10 +65,11 @@ void addOutput(CLI::App& app, std::string& output, char const* help) {
 void addGrid(CLI::App& app, command::GridOptions& options) {
     app.add_option("--box", options.box, "low and high corner: X,Y,Z,X,Y,Z")
         ->delimiter(',')
+        ->check(isFinite())
         ->required();
     app.add_option("--voxel", options.voxel, "distance of samples")
         ->required()
-        ->check(CLI::PositiveNumber);
+        ->check(isPositive());
 }
 
 /// The options of all subcommands.
@@ -111,8 +134,11 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
     sub->add_option("--size", slice.size, "pixels: SIDE or WIDTHxHEIGHT")->capture_default_str();
     sub->add_option("--center", slice.center, "of the picture, on the plane: RIGHT,UP")
         ->delimiter(',')
+        ->check(isFinite())
         ->default_str("0,0");
-    sub->add_option("--width", slice.width, "of the picture")->capture_default_str();
+    sub->add_option("--width", slice.width, "of the picture")
+        ->check(isPositive())
+        ->capture_default_str();
     sub->add_option("--component", slice.component, "of a vector field: x, y, z or length")
         ->check(CLI::IsMember({"x", "y", "z", "length"}))
         ->default_str("length");
@@ -120,18 +146,16 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
         sub->add_option("--isolines", slice.isolines,
                         "lines of equal value, of this SPACING or a suitable one")
             ->expected(0, 1)
-            ->check(CLI::PositiveNumber);
+            ->check(isPositive());
     sub->add_option("--scale", slice.scale,
                     "value of a colour that is most of the way to the deepest")
-        ->check(CLI::PositiveNumber);
+        ->check(isPositive());
     sub->add_option("--gray", slice.gray, "grey pixels of 8 or 16 BITS instead of colours")
         ->check(CLI::IsMember({8, 16}));
     sub->add_option("--range", slice.range, "values of black and white: BLACK,WHITE")
-        ->delimiter(',');
-    sub->callback([&, isolines] {
-        slice.hasIsolines = isolines->count() > 0;
-        run = [&](auto const& stop) { command::slice(slice, stop); };
-    });
+        ->delimiter(',')
+        ->check(isFinite());
+    sub->parse_complete_callback([&, isolines] { slice.hasIsolines = isolines->count() > 0; });
 
     sub = add("volume", "Writes the values of a scene in a box.",
               "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 -o gear.npy\n"
@@ -144,7 +168,7 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
     sub->add_option("--band", options.volume.band,
                     "half the width of the band around the surface that a .vdb file has, in "
                     "VOXELS; without it, all samples of the box")
-        ->check(CLI::PositiveNumber);
+        ->check(isPositive());
     sub->add_flag("--fog", options.volume.fog, "a fog volume instead of a level set");
     sub->add_flag("--half", options.volume.half, "16-bit numbers in the .vdb file");
     sub->add_option("--name", options.volume.name,
@@ -175,9 +199,11 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
     sub->add_option("--size", render.size, "pixels: SIDE or WIDTHxHEIGHT")->capture_default_str();
     sub->add_option("--eye", render.eye, "place of the camera: X,Y,Z")
         ->delimiter(',')
+        ->check(isFinite())
         ->default_str("2.6,2.4,5.2");
     sub->add_option("--target", render.target, "the middle of the picture: X,Y,Z")
         ->delimiter(',')
+        ->check(isFinite())
         ->default_str("0,0,0");
     sub->add_option("--angle", render.angle, "of view, across, in degrees")->capture_default_str();
     sub->add_option("--step", render.step,
@@ -200,6 +226,7 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
         ->capture_default_str();
     sub->add_option("--box", options.bench.box, "low and high corner: X,Y,Z,X,Y,Z")
         ->delimiter(',')
+        ->check(isFinite())
         ->default_str("-1,-1,-1,1,1,1");
 }
 
@@ -217,12 +244,6 @@ int fail(std::string message) {
     return command::kFailed;
 }
 
-void print(std::string const& text) {
-    zel::OutputFile file("-");
-    file.write(text);
-    file.commit();
-}
-
 int run(int argc, char** argv) {
     Options options;
     Run run;
@@ -237,10 +258,10 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (CLI::CallForHelp const&) {
-        print(app.help());
+        command::print(app.help());
         return 0;
     } catch (CLI::CallForVersion const& version) {
-        print(std::string(version.what()) + '\n');
+        command::print(std::string(version.what()) + '\n');
         return 0;
     } catch (CLI::ParseError const& error) {
         return fail(error.what());

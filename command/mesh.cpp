@@ -2,7 +2,7 @@
 #include <zel_exchange/volume_mesh.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -22,8 +22,8 @@ void mesh(MeshOptions const& options, std::stop_token const& stop) {
         else
             how.colour = std::get<zel::VectorPtr>(color);
     }
-    zel::writeMesh(options.output,
-                   zel::meshOf(*field, boxOf(options.grid.box), options.grid.voxel, how));
+    zel::writeMesh(options.output, zel::meshOf(*field, boxOf(options.grid),
+                                               static_cast<float>(options.grid.voxel), how));
 }
 
 }  // namespace command

@@ -37,8 +37,8 @@ struct SliceOptions {
     std::array<float, 2> center{};
     float width = 4;
     std::string component;
-    std::optional<float> isolines;  ///< the spacing; 0 chooses one
     bool hasIsolines = false;
+    std::optional<float> isolines;  ///< the spacing; a suitable one without it
     std::optional<float> scale;
     int gray = 0;  ///< bits of a pixel, or 0 for colours
     std::optional<std::array<float, 2>> range;
@@ -55,10 +55,11 @@ struct RenderOptions {
     std::string color = "d97a1f";
 };
 
-/// The box that a volume or a mesh is made of.
+/// The box that a volume or a mesh is made of. Within the range of floats; doubles, so that a box
+/// of a whole number of voxels in decimals stays one.
 struct GridOptions {
-    std::array<float, 6> box{};  ///< the low corner, then the high corner
-    float voxel = 0;
+    std::array<double, 6> box{};  ///< the low corner, then the high corner
+    double voxel = 0;
 };
 
 struct VolumeOptions {

@@ -9,10 +9,10 @@
 #include <zel/node/exact_gradients.h>
 #include <zel/scalar/arithmetic.h>
 #include <zel/scalar/spatial.h>
-#include <zel_exchange/image.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "picture.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -46,8 +46,9 @@ void render(RenderOptions const& options, std::stop_token const& stop) {
     float3 const target = vectorOf(options.target);
     float const unit = Orvane::Math::length(eye - target) / kEyeDistance;
     float const across = std::hypot(eye.x - target.x, eye.z - target.z);
-    if (!std::isfinite(unit) || !(across > 1e-4F * unit))
-        throw std::runtime_error("--eye must be finite, and beside --target, not above or below");
+    if (!std::isnormal(unit) || !(across > 1e-4F * unit))
+        throw std::runtime_error(
+            "--eye must be at a finite distance beside --target, not above or below");
     if (!(options.angle > 0 && options.angle < 170))
         throw std::runtime_error("--angle must be between 0 and 170 degrees");
     if (!(options.step > 0 && options.step <= 1))
@@ -71,9 +72,7 @@ void render(RenderOptions const& options, std::stop_token const& stop) {
             return std::vector<drawing::Color>(static_cast<std::size_t>(at.size()), color);
         },
         progress.function());
-    zel::writePng(options.output,
-                  zel::Image8{static_cast<std::size_t>(size[0]), static_cast<std::size_t>(size[1]),
-                              3, image.toBytes()});
+    writePicture(options.output, image);
 }
 
 }  // namespace command

@@ -64,6 +64,12 @@ std::string clockText(double seconds) {
 
 }  // namespace
 
+void print(std::string const& text) {
+    zel::OutputFile file("-");
+    file.write(text);
+    file.commit();
+}
+
 std::string shortNumber(double number) {
     constexpr std::array kUnits{"", " k", " M", " G"};
     std::size_t unit = 0;

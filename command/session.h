@@ -66,6 +66,9 @@ private:
     Clock::time_point m_start = Clock::now(), m_last = m_start;
 };
 
+/// Writes a text to standard output. Throws zel::FileError.
+void print(std::string const& text);
+
 /// Such as "1.5 M".
 std::string shortNumber(double number);
 

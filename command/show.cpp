@@ -1,16 +1,14 @@
-#include <zel_exchange/output_file.h>
 #include <zel_scene/describe.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
+#include "session.h"
 
 namespace command {
 
 void show(ShowOptions const& options) {
     zel::Tree const tree = Scene(SceneOptions{options.scene, {}, false}).tree();
-    zel::OutputFile file("-");
-    file.write(options.dot ? zel::toDot(tree) : zel::describe(tree));
-    file.commit();
+    print(options.dot ? zel::toDot(tree) : zel::describe(tree));
 }
 
 }  // namespace command

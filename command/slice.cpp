@@ -2,6 +2,7 @@
 #include <charconv>
 #include <cmath>
 #include <stdexcept>
+#include <system_error>
 
 #include <drawing/plot.h>
 #include <zel/operators/warp.h>
@@ -11,7 +12,8 @@
 #include <zel_exchange/image.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "picture.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -43,9 +45,11 @@ zel::ScalarPtr drawnField(SliceOptions const& options) {
 zel::ScalarPtr onPlane(zel::ScalarPtr field, std::string const& text) {
     float offset = 0;
     char const* const end = text.data() + text.size();
-    bool const isPlane = text.size() > 2 && text[0] >= 'x' && text[0] <= 'z' && text[1] == '=' &&
-                         std::from_chars(text.data() + 2, end, offset).ptr == end &&
-                         std::isfinite(offset);
+    bool isPlane = text.size() > 2 && text[0] >= 'x' && text[0] <= 'z' && text[1] == '=';
+    if (isPlane) {
+        auto const [parsed, error] = std::from_chars(text.data() + 2, end, offset);
+        isPlane = parsed == end && error == std::errc() && std::isfinite(offset);
+    }
     if (!isPlane)
         throw std::runtime_error("--plane " + text + ": wanted a plane such as z=0 or x=-1.5");
     if (text[0] == 'z' && offset == 0) return field;
@@ -83,19 +87,15 @@ float usualValue(drawing::Meter& meter, zel::ScalarField const& field, drawing::
 template <class Sample>
 void writeGray(SliceOptions const& options, drawing::Meter& meter, zel::ScalarField const& field,
                drawing::View const& view, std::array<int, 2> const& size, Progress& progress) {
-    auto const [low, high] = *options.range;
-    auto const [width, height] = size;
     zel::Image<Sample> image{
-        static_cast<std::size_t>(width), static_cast<std::size_t>(height), 1, {}};
+        static_cast<std::size_t>(size[0]), static_cast<std::size_t>(size[1]), 1, {}};
     image.samples.reserve(image.width * image.height);
-    int const most = std::max((1 << 20) / width, 1);
-    for (int top = 0; top < height; top += most) {
-        int const rows = std::min(most, height - top);
-        auto const values = meter.values(field, pixelPositions(view, width, height, top, rows));
+    drawing::forEachBand(size[0], size[1], progress.function(), [&](int top, int rows) {
+        auto const values = meter.values(field, pixelPositions(view, size[0], size[1], top, rows));
         for (float const value : *values)
-            image.samples.push_back(zel::sampleOf<Sample>(value, low, high));
-        progress(image.samples.size() / image.width, image.height);
-    }
+            image.samples.push_back(
+                zel::sampleOf<Sample>(value, (*options.range)[0], (*options.range)[1]));
+    });
     zel::writePng(options.output, image);
 }
 
@@ -103,9 +103,6 @@ void writeGray(SliceOptions const& options, drawing::Meter& meter, zel::ScalarFi
 
 void slice(SliceOptions const& options, std::stop_token const& stop) {
     auto const size = parseSize(options.size);
-    if (!(options.width > 0) || !std::isfinite(options.width) ||
-        !std::isfinite(options.center[0]) || !std::isfinite(options.center[1]))
-        throw std::runtime_error("--width must be above 0, and it and --center finite");
     if (options.gray != 0 && !options.range)
         throw std::runtime_error("--gray needs a --range, of the values of black and white");
     if (options.gray == 0 && options.range)
@@ -121,17 +118,13 @@ void slice(SliceOptions const& options, std::stop_token const& stop) {
 
     float const scale = options.scale ? *options.scale : usualValue(meter, *field, view, size);
     drawing::PlotStyle style{.scale = scale};
-    style.spacing = 0;
-    style.zeroWidth = 0;
-    if (options.hasIsolines) {
-        style.zeroWidth = drawing::PlotStyle().zeroWidth;
+    if (!options.hasIsolines)
+        style.spacing = style.zeroWidth = 0;
+    else
         style.spacing = options.isolines ? *options.isolines : roundedDown(scale / 4);
-    }
     drawing::Image const image =
         plot(meter, *field, view, size[0], size[1], style, progress.function());
-    zel::writePng(options.output,
-                  zel::Image8{static_cast<std::size_t>(size[0]), static_cast<std::size_t>(size[1]),
-                              3, image.toBytes()});
+    writePicture(options.output, image);
 }
 
 }  // namespace command

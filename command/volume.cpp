@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <span>
 #include <stdexcept>
 
 #include <zel/field/evaluate.h>
@@ -9,7 +10,7 @@
 #include <zel_exchange/vdb_write.h>
 
 #include "commands.h"
-#include "scene_source.h"
+#include "scene.h"
 #include "session.h"
 
 namespace command {
@@ -25,8 +26,7 @@ public:
         for (std::size_t axis = 0; axis < 3; ++axis) {
             m_low[axis] = options.box[axis];
             // A box of a whole number of voxels has samples on both faces, however it is rounded.
-            double const steps =
-                std::floor((double{options.box[axis + 3]} - m_low[axis]) / m_voxel + 1e-4);
+            double const steps = std::floor((options.box[axis + 3] - m_low[axis]) / m_voxel + 1e-4);
             constexpr double kMost = 1 << 30;
             if (!(steps >= 0 && steps < kMost))
                 throw std::runtime_error("--box and --voxel give no array of samples, or more "
@@ -114,7 +114,8 @@ void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& op
     how.half = options.half;
     how.stop = stop;
     how.progress = progress.function();
-    zel::writeVdb(options.output, {field}, boxOf(options.grid.box), options.grid.voxel, how);
+    zel::writeVdb(options.output, {field}, boxOf(options.grid),
+                  static_cast<float>(options.grid.voxel), how);
 }
 
 }  // namespace

@@ -46,16 +46,22 @@ std::vector<std::uint8_t> Image::toBytes() const {
     return bytes;
 }
 
-Image inBands(int width, int height, Progress const& progress,
-              std::function<Image(int top, int rows)> const& drawBand) {
-    Image image(width, height);
-    int const most = std::max(kBandPixels / width, 1);
+void forEachBand(int width, int height, Progress const& progress,
+                 std::function<void(int top, int rows)> const& draw) {
+    int const most = std::max((1 << 19) / width, 1);
     for (int top = 0; top < height; top += most) {
         int const rows = std::min(most, height - top);
-        image.place(drawBand(top, rows), 0, top);
+        draw(top, rows);
         auto const done = static_cast<std::size_t>(top) + static_cast<std::size_t>(rows);
         if (progress) progress(done, static_cast<std::size_t>(height));
     }
+}
+
+Image inBands(int width, int height, Progress const& progress,
+              std::function<Image(int top, int rows)> const& drawBand) {
+    Image image(width, height);
+    forEachBand(width, height, progress,
+                [&](int top, int rows) { image.place(drawBand(top, rows), 0, top); });
     return image;
 }
 

@@ -44,9 +44,11 @@ private:
     std::vector<Color> colors;
 };
 
-/// Draws an image of large size in bands of rows, so that little memory is needed beside it.
-/// `drawBand(top, rows)` returns an image of `rows` rows, of about `kBandPixels` pixels.
-inline constexpr int kBandPixels = 1 << 19;
+/// Calls `draw(top, rows)` for bands of rows that make up an image, from the top down, so that a
+/// large image needs little memory beside it. A band has about half a million pixels.
+void forEachBand(int width, int height, Progress const& progress,
+                 std::function<void(int top, int rows)> const& draw);
+/// An image of the bands that `drawBand` returns.
 Image inBands(int width, int height, Progress const& progress,
               std::function<Image(int top, int rows)> const& drawBand);
 

@@ -171,6 +171,8 @@ class Test(unittest.TestCase):
         p = np.stack(np.meshgrid(*(np.arange(n) * 0.25 + low for n, low in ((13, -1), (13, -1.5), (11, -1.25))),
                                  indexing="ij"), -1)
         np.testing.assert_allclose(np.load("dense.npy"), self.distance(p), atol=1e-6)
+        run("volume", self.ball, "--box", "-1,0,0,3,0,0", "--voxel", 0.001, "-o", "line.npy")
+        self.assertEqual(np.load("line.npy").shape, (4001, 1, 1))
         run("volume", self.twist, *box, "--voxel", 0.25, "-o", "vectors.npy")
         np.testing.assert_array_equal(np.load("vectors.npy")[..., 0], -p[..., 1])
 
@@ -251,10 +253,13 @@ class Test(unittest.TestCase):
         self.refused("standard input can be read only once", "eval", "-", "-", stdin=subprocess.DEVNULL)
         self.refused("--size 0x5: wanted", "slice", self.ball, "--size", "0x5", "-o", "new.png")
         self.refused("--plane w=1: wanted", "slice", self.ball, "--plane", "w=1", "-o", "new.png")
+        self.refused("--scale: wanted a number above 0, found nan", "slice", self.ball, "--scale", "nan", "-o", "new.png")
+        self.refused("--plane z=1e99: wanted", "slice", self.ball, "--plane", "z=1e99", "-o", "new.png")
         self.refused("--color 12345g: wanted", "render", self.ball, "--color", "12345g", "-o", "new.png")
-        self.refused("--eye must be", "render", self.ball, "--eye", "0,5,0", "-o", "new.png")
+        for eye in ("0,5,0", "1e-42,0,0"):
+            self.refused("--eye must be", "render", self.ball, "--eye", eye, "-o", "new.png")
         self.refused("written as .vdb or .npy", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
-        self.refused("--box and --voxel", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
+        self.refused("--box: wanted a finite number, found nan", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
         self.refused("--box and --voxel", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", "1e-30", "-o", "a.npy")
         self.refused("points.csv: ", "info", "points.csv")
         self.refused("(?i)subcommand")

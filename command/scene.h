@@ -1,6 +1,5 @@
 #pragma once
 
-#include <span>
 #include <string>
 #include <vector>
 
@@ -39,13 +38,5 @@ private:
     /// The nodes that wait for an object, with the state that is of most use to the user.
     std::vector<zel::Binding> m_bindings;
 };
-
-/// Reads a file, or standard input for "-". Throws std::runtime_error with its name.
-std::string readText(std::string const& path);
-/// The name of a file in messages.
-std::string shownName(std::string const& path);
-
-/// Such as "1024x768", or "1024" for both.
-std::array<int, 2> parseSize(std::string const& text);
 
 }  // namespace command

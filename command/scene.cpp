@@ -1,8 +1,7 @@
-#include "scene_source.h"
+#include "scene.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -166,12 +165,12 @@ void merge(std::vector<zel::Binding>& known, std::vector<zel::Binding> const& re
     }
 }
 
-}  // namespace
-
+/// The name of a file in messages.
 std::string shownName(std::string const& path) {
     return path == "-" ? "standard input" : path;
 }
 
+/// Reads a file, or standard input for "-". Throws std::runtime_error with its name.
 std::string readText(std::string const& path) {
     auto const fail = [&](char const* what) {
         throw std::runtime_error(shownName(path) + ": cannot be " + what + ": " +
@@ -196,6 +195,8 @@ std::string readText(std::string const& path) {
                                      " bytes");
     }
 }
+
+}  // namespace
 
 Scene::Scene(SceneOptions const& options)
     : m_name(shownName(options.scene)), m_allowsUnbound(options.allowUnbound) {
@@ -252,25 +253,6 @@ bool Scene::readsProperties(Orvane::Object const& object) const {
     for (std::size_t i = 0; i < report.size(); ++i)
         if (report[i].state == State::kBound && m_bindings[i].state != State::kBound) return true;
     return false;
-}
-
-std::array<int, 2> parseSize(std::string const& text) {
-    constexpr int kMost = 1 << 14;
-    std::array<int, 2> size{};
-    char const* const end = text.data() + text.size();
-    auto const first = std::from_chars(text.data(), end, size[0]);
-    auto rest = first;
-    if (first.ptr == end) {
-        size[1] = size[0];
-    } else if (*first.ptr == 'x') {
-        rest = std::from_chars(first.ptr + 1, end, size[1]);
-    }
-    if (first.ec != std::errc() || rest.ec != std::errc() || rest.ptr != end || size[0] < 1 ||
-        size[1] < 1 || size[0] > kMost || size[1] > kMost)
-        throw std::runtime_error("--size " + text +
-                                 ": wanted a size such as 1024 or 1024x768, of 1 to " +
-                                 std::to_string(kMost) + " pixels");
-    return size;
 }
 
 }  // namespace command

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <array>
+#include <string>
+
+#include <drawing/image.h>
+
+namespace command {
+
+/// Width and height of a text such as "1024x768", or "1024" for both.
+std::array<int, 2> parseSize(std::string const& text);
+
+/// Writes a .png file.
+void writePicture(std::string const& path, drawing::Image const& image);
+
+}  // namespace command
