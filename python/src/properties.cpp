@@ -69,15 +69,6 @@ py::dict dictOf(py::handle given, char const* where) {
     return py::dict(py::reinterpret_borrow<py::object>(given));
 }
 
-std::string nameOf(py::handle key, char const* where) {
-    if (!PyUnicode_Check(key.ptr()))
-        throw py::type_error(std::string(where) + ": wanted names as keys, got " + shown(key));
-    std::string name = textOf(key);
-    if (name.empty() || name.find('\0') != std::string::npos)
-        throw py::value_error(std::string(where) + ": wanted a name, got " + shown(key));
-    return name;
-}
-
 /// Indices of one dimension, not negative and no greater than `most`.
 py::array indicesOf(py::handle given, std::string const& where, unsigned long long most) {
     py::array array = numbersOf(given, where);
@@ -207,9 +198,9 @@ void Source::addProperty(std::string const& name, py::handle given) {
 
 Source::Source(Parts const& parts) {
     for (auto const& [key, value] : dictOf(parts.properties, "properties"))
-        addProperty(nameOf(key, "properties"), value);
+        addProperty(toName(key, "names of properties"), value);
     for (auto const& [key, value] : dictOf(parts.targets, "targets")) {
-        std::string const name = nameOf(key, "targets");
+        std::string const name = toName(key, "names of targets");
         auto const indices = copied<unsigned int>(
             indicesOf(value, "targets['" + name + "']", std::numeric_limits<unsigned int>::max()));
         Orvane::Geometry::setRangeGeoPropIndices(m_object, name, indices);
