@@ -149,9 +149,14 @@ Value toQuaternion(py::handle object, std::string const& where) {
 Value toDirection(py::handle object, std::string const& where) {
     float3 const vector = toVector(object, where);
     float const length = Orvane::Math::length(vector);
-    if (length == 0) throw py::value_error(where + ": wanted a direction that is not zero");
-    // A vector of length 1 comes back from a field as it is, and stays so.
-    return UnitVector(length == 1 ? vector : vector / length);
+    // Its square must neither overflow nor lose digits, or the quotient is no unit vector.
+    if (length < 0x1p-63F || std::isinf(length))
+        throw py::value_error(where +
+                              ": wanted a direction of a length from 1.1e-19 to 1.8e19, got " +
+                              shown(object));
+    // The length of a quotient is 1 but for its rounding errors, of less than 2**-21: a direction
+    // that was read from a field gives the same bits.
+    return UnitVector(std::abs(length - 1) < 0x1p-21F ? vector : vector / length);
 }
 
 }  // namespace
