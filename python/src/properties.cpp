@@ -100,21 +100,20 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
         auto const copy = copyOf(q);
         auto const* const c = static_cast<float const*>(copy.data());
         return {c[0], c[1], c[2], c[3]};
+    } else if (given.is_none()) {
+        return T{};
+    } else if constexpr (std::is_same_v<T, float>) {
+        return toFloat(given, where);
+    } else if constexpr (std::is_same_v<T, double>) {
+        return toDouble(given, where);
     } else {
-        if (given.is_none()) return T{};
         if (!isNumber(given))
             throw py::type_error(where + ": wanted a number, got " + shown(given));
-        if constexpr (std::is_floating_point_v<T>)
-            return static_cast<T>(given.cast<double>());
-        else if constexpr (std::is_same_v<T, bool>)
-            return PyObject_IsTrue(given.ptr()) == 1;
-        else {
-            try {
-                return given.cast<T>();
-            } catch (py::cast_error const&) {
-                throw py::value_error(where + ": wanted a number of the type of the values, got " +
-                                      shown(given));
-            }
+        try {
+            return given.cast<T>();
+        } catch (py::cast_error const&) {
+            throw py::value_error(where + ": wanted a number of the type of the values, got " +
+                                  shown(given));
         }
     }
 }
