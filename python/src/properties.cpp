@@ -2,7 +2,6 @@
 
 #include <pybind11/stl.h>
 
-#include <cstring>
 #include <limits>
 #include <type_traits>
 
@@ -26,41 +25,6 @@ struct PropertyObject {
     py::object defaultValue;
     std::string target;
 };
-
-template <class T>
-constexpr py::ssize_t kWidth = std::is_same_v<T, float3>   ? 3
-                               : std::is_same_v<T, float4> ? 4
-                                                           : 1;
-template <class T> using ElementOf = std::conditional_t<kWidth<T> == 1, T, float>;
-
-/// A copy of an array whose rows are Ts.
-template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
-    using Element = ElementOf<T>;
-    auto const array =
-        py::array_t<Element, py::array::c_style | py::array::forcecast>::ensure(given);
-    if (!array) throw py::error_already_set();
-    long long const count = array.size() / kWidth<T>;
-    auto made = Quern::makePtr<Quern::Array<T>>(count);
-    if constexpr (std::is_same_v<T, bool>) {
-        auto const* const bytes =
-            static_cast<unsigned char const*>(static_cast<void const*>(array.data()));
-        for (long long i = 0; i < count; ++i) (*made)[i] = bytes[i] != 0;
-    } else if (count > 0) {
-        std::memcpy(static_cast<void*>(made->data()), array.data(),
-                    static_cast<std::size_t>(array.nbytes()));
-    }
-    return made;
-}
-
-template <class T> py::array arrayOf(Quern::Array<T> const& values) {
-    Shape shape{values.size()};
-    if (kWidth < T >> 1) shape.push_back(kWidth<T>);
-    py::array array(py::dtype::of<ElementOf<T>>(),
-                    std::vector<py::ssize_t>(shape.begin(), shape.end()));
-    if (!values.empty())
-        std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
-    return array;
-}
 
 py::dict dictOf(py::handle given, char const* where) {
     if (given.is_none()) return {};

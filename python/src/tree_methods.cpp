@@ -15,14 +15,6 @@ namespace zel::python {
 
 namespace {
 
-/// Text of C++, in which names need not be UTF-8.
-py::object fromText(std::string const& text) {
-    auto made = py::reinterpret_steal<py::object>(
-        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
-    if (!made) throw py::error_already_set();
-    return made;
-}
-
 py::object loads(py::object const& text, py::object const& depth) {
     std::string given;
     if (PyUnicode_Check(text.ptr()))

@@ -329,11 +329,7 @@ py::object fromValue(Value const& value, py::handle attached) {
         py::object operator()(float4 const& v) const { return py::make_tuple(v.x, v.y, v.z, v.w); }
         py::object operator()(UnitVector const& v) const { return fromVector(v.value); }
         py::object operator()(Quern::String const& v) const {
-            // A name from C++ need not be UTF-8.
-            auto text = py::reinterpret_steal<py::object>(
-                PyUnicode_DecodeUTF8(v.c_str(), v.size(), "replace"));
-            if (!text) throw py::error_already_set();
-            return text;
+            return fromText(Quern::StringView(v).standardView());
         }
         py::object operator()(SamplerType v) const {
             char const* const name = nameOf(static_cast<int>(v), kSamplers);
