@@ -67,8 +67,6 @@ bool setView(Points& points) {
         isFirst = false;
         count *= length;
     }
-    for (py::ssize_t i = 0; i < last; ++i)
-        if (array.shape(i) == 0) count = 0;
     py::ssize_t const step = array.strides(last);
     if (count > 0 && (stride % kFloat != 0 || step % kFloat != 0 || !isAligned(array)))
         return false;
@@ -193,25 +191,12 @@ py::object Result::finish() {
 Quern::Ptr<Quern::Array<Orvane::Math::float3>> toVectors(py::handle object,
                                                          std::string const& where) {
     using Orvane::Math::float3;
-    py::array array = floatsOf(object, where);
+    py::array const array = floatsOf(object, where);
     if (array.ndim() == 1 && array.shape(0) == 0) return Quern::makePtr<Quern::Array<float3>>();
     if (array.ndim() != 2 || array.shape(1) != 3)
         throw py::value_error(where + ": wanted vectors of shape (n, 3), got shape " +
                               shapeText(array));
-    array = copyOf(array);
-    auto vectors =
-        Quern::makePtr<Quern::Array<float3>>(Quern::Array<float3>::forOverwrite(array.shape(0)));
-    if (array.size() > 0)
-        std::memcpy(static_cast<void*>(vectors->data()), array.data(),
-                    static_cast<std::size_t>(array.nbytes()));
-    return vectors;
-}
-
-py::array arrayOf(Quern::Array<Orvane::Math::float3> const& vectors) {
-    py::array array = newFloats(Shape{vectors.size(), 3});
-    if (vectors.size() > 0)
-        std::memcpy(array.mutable_data(), vectors.data(), static_cast<std::size_t>(array.nbytes()));
-    return array;
+    return copied<float3>(array);
 }
 
 }  // namespace zel::python

@@ -4,10 +4,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <initializer_list>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "zel/field/evaluate.h"
+#include "zel_platform/orvane_math/vectors.h"
 #include "zel_platform/quern_core/array.h"
 #include "zel_platform/quern_core/ptr.h"
 
@@ -101,9 +105,41 @@ private:
     bool m_isOut;
 };
 
-/// An array of shape (n, 3) as Quern has it, and back.
+/// The numbers of an element, and the type of each.
+template <class T>
+constexpr py::ssize_t kWidth = std::is_same_v<T, Orvane::Math::float3>   ? 3
+                               : std::is_same_v<T, Orvane::Math::float4> ? 4
+                                                                         : 1;
+template <class T> using NumberOf = std::conditional_t<kWidth<T> == 1, T, float>;
+
+/// A copy of an array of numbers whose rows are Ts, as Quern has it, and back.
+template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
+    py::array_t<NumberOf<T>, py::array::c_style | py::array::forcecast> const array(given);
+    auto made =
+        Quern::makePtr<Quern::Array<T>>(Quern::Array<T>::forOverwrite(array.size() / kWidth<T>));
+    if constexpr (std::is_same_v<T, bool>) {
+        // A view of bytes as bools may have any of their values.
+        auto const* const bytes =
+            static_cast<unsigned char const*>(static_cast<void const*>(array.data()));
+        for (py::ssize_t i = 0; i < array.size(); ++i) (*made)[i] = bytes[i] != 0;
+    } else if (array.size() > 0) {
+        std::memcpy(static_cast<void*>(made->data()), array.data(),
+                    static_cast<std::size_t>(array.nbytes()));
+    }
+    return made;
+}
+template <class T> py::array arrayOf(Quern::Array<T> const& values) {
+    Shape shape{values.size()};
+    if (kWidth < T >> 1) shape.push_back(kWidth<T>);
+    py::array array(py::dtype::of<NumberOf<T>>(),
+                    std::vector<py::ssize_t>(shape.begin(), shape.end()));
+    if (!values.empty())
+        std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
+    return array;
+}
+
+/// An array of shape (n, 3), or an empty list. Throws as floatsOf() does, and ValueError.
 Quern::Ptr<Quern::Array<Orvane::Math::float3>> toVectors(py::handle object,
                                                          std::string const& where);
-py::array arrayOf(Quern::Array<Orvane::Math::float3> const& vectors);
 
 }  // namespace zel::python

@@ -6,6 +6,7 @@
 #include "errors.h"
 #include "interrupt.h"
 #include "tree_walk.h"
+#include "values.h"
 #include "zel/node/node_impl.h"
 #include "zel_scene/register_node.h"
 
@@ -159,10 +160,7 @@ template <class Node> py::object makeField(py::handle function) {
 }
 
 py::object makeFunctionField(py::object const& function, py::object const& vector) {
-    bool const isBool = PyBool_Check(vector.ptr());
-    if (!isBool)
-        throw py::type_error("zel.field: vector: wanted True or False, got " + shown(vector));
-    bool const isVector = vector.is(py::bool_(true));
+    bool const isVector = toBool(vector, "zel.field: vector");
     if (isField(function) || !PyCallable_Check(function.ptr()))
         throw py::type_error("zel.field: wanted a function (n, 3) array -> array, got " +
                              shown(function));

@@ -65,6 +65,13 @@ std::string textOf(py::handle str) {
     return {text, static_cast<std::size_t>(size)};
 }
 
+py::object fromText(std::string_view text) {
+    auto made = py::reinterpret_steal<py::object>(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
+    if (!made) throw py::error_already_set();
+    return made;
+}
+
 std::string typeName(py::handle object) {
     return Py_TYPE(object.ptr())->tp_name;
 }

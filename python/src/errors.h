@@ -6,6 +6,7 @@
 
 #include <exception>
 #include <string>
+#include <string_view>
 
 namespace zel::python {
 
@@ -37,6 +38,8 @@ template <class Work> PyObject* guardedObject(Work const& work) {
 
 /// The text of a str, in UTF-8. Throws UnicodeEncodeError, a ValueError, if it is none.
 std::string textOf(py::handle str);
+/// A str of a text of C++, which need not be UTF-8.
+py::object fromText(std::string_view text);
 /// The name of an object's type, such as "str", for an error.
 std::string typeName(py::handle object);
 /// The same with a short form of the object: `str 'one'`.

@@ -9,6 +9,7 @@
 #include "callable.h"
 #include "errors.h"
 #include "interrupt.h"
+#include "values.h"
 #include "zel/field/evaluate.h"
 
 namespace zel::python {
@@ -82,19 +83,9 @@ struct Wanted {
 /// The index of the first position. Throws if an index of `count` positions is no 64-bit number.
 long long toIndex(PyObject* object, std::size_t count) {
     if (!object) return 0;
-    if (!PyIndex_Check(object))
-        throw py::type_error("index0: wanted an integer, got " + shown(object));
-    auto const number = py::reinterpret_steal<py::object>(PyNumber_Index(object));
-    if (!number) throw py::error_already_set();
-    int overflow = 0;
-    long long const index = PyLong_AsLongLongAndOverflow(number.ptr(), &overflow);
-    if (index == -1 && overflow == 0 && PyErr_Occurred()) throw py::error_already_set();
-    constexpr auto kMost = static_cast<std::size_t>(std::numeric_limits<long long>::max());
-    if (overflow != 0 || index < 0 || count > kMost - static_cast<std::size_t>(index))
-        throw py::value_error("index0: wanted 0 or more, and below 2**63 with the number of "
-                              "positions, got " +
-                              shown(object));
-    return index;
+    // NumPy has no array of more elements than a signed number can count.
+    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+    return toInteger(object, 0, kMost - static_cast<std::int64_t>(count), "index0");
 }
 
 Shape withDimensions(Shape shape, std::size_t count) {

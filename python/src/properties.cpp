@@ -2,7 +2,6 @@
 
 #include <pybind11/stl.h>
 
-#include <cstring>
 #include <limits>
 #include <type_traits>
 
@@ -27,55 +26,11 @@ struct PropertyObject {
     std::string target;
 };
 
-template <class T>
-constexpr py::ssize_t kWidth = std::is_same_v<T, float3>   ? 3
-                               : std::is_same_v<T, float4> ? 4
-                                                           : 1;
-template <class T> using ElementOf = std::conditional_t<kWidth<T> == 1, T, float>;
-
-/// A copy of an array whose rows are Ts.
-template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
-    using Element = ElementOf<T>;
-    auto const array =
-        py::array_t<Element, py::array::c_style | py::array::forcecast>::ensure(given);
-    if (!array) throw py::error_already_set();
-    long long const count = array.size() / kWidth<T>;
-    auto made = Quern::makePtr<Quern::Array<T>>(count);
-    if constexpr (std::is_same_v<T, bool>) {
-        auto const* const bytes =
-            static_cast<unsigned char const*>(static_cast<void const*>(array.data()));
-        for (long long i = 0; i < count; ++i) (*made)[i] = bytes[i] != 0;
-    } else if (count > 0) {
-        std::memcpy(static_cast<void*>(made->data()), array.data(),
-                    static_cast<std::size_t>(array.nbytes()));
-    }
-    return made;
-}
-
-template <class T> py::array arrayOf(Quern::Array<T> const& values) {
-    Shape shape{values.size()};
-    if (kWidth < T >> 1) shape.push_back(kWidth<T>);
-    py::array array(py::dtype::of<ElementOf<T>>(),
-                    std::vector<py::ssize_t>(shape.begin(), shape.end()));
-    if (!values.empty())
-        std::memcpy(array.mutable_data(), values.data(), static_cast<std::size_t>(array.nbytes()));
-    return array;
-}
-
 py::dict dictOf(py::handle given, char const* where) {
     if (given.is_none()) return {};
     if (!PyMapping_Check(given.ptr()) || !py::hasattr(given, "items"))
         throw py::type_error(std::string(where) + ": wanted a dict, got " + shown(given));
     return py::dict(py::reinterpret_borrow<py::object>(given));
-}
-
-std::string nameOf(py::handle key, char const* where) {
-    if (!PyUnicode_Check(key.ptr()))
-        throw py::type_error(std::string(where) + ": wanted names as keys, got " + shown(key));
-    std::string name = textOf(key);
-    if (name.empty() || name.find('\0') != std::string::npos)
-        throw py::value_error(std::string(where) + ": wanted a name, got " + shown(key));
-    return name;
 }
 
 /// Indices of one dimension, not negative and no greater than `most`.
@@ -109,21 +64,20 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
         auto const copy = copyOf(q);
         auto const* const c = static_cast<float const*>(copy.data());
         return {c[0], c[1], c[2], c[3]};
+    } else if (given.is_none()) {
+        return T{};
+    } else if constexpr (std::is_same_v<T, float>) {
+        return toFloat(given, where);
+    } else if constexpr (std::is_same_v<T, double>) {
+        return toDouble(given, where);
     } else {
-        if (given.is_none()) return T{};
         if (!isNumber(given))
             throw py::type_error(where + ": wanted a number, got " + shown(given));
-        if constexpr (std::is_floating_point_v<T>)
-            return static_cast<T>(given.cast<double>());
-        else if constexpr (std::is_same_v<T, bool>)
-            return PyObject_IsTrue(given.ptr()) == 1;
-        else {
-            try {
-                return given.cast<T>();
-            } catch (py::cast_error const&) {
-                throw py::value_error(where + ": wanted a number of the type of the values, got " +
-                                      shown(given));
-            }
+        try {
+            return given.cast<T>();
+        } catch (py::cast_error const&) {
+            throw py::value_error(where + ": wanted a number of the type of the values, got " +
+                                  shown(given));
         }
     }
 }
@@ -207,9 +161,9 @@ void Source::addProperty(std::string const& name, py::handle given) {
 
 Source::Source(Parts const& parts) {
     for (auto const& [key, value] : dictOf(parts.properties, "properties"))
-        addProperty(nameOf(key, "properties"), value);
+        addProperty(toName(key, "names of properties"), value);
     for (auto const& [key, value] : dictOf(parts.targets, "targets")) {
-        std::string const name = nameOf(key, "targets");
+        std::string const name = toName(key, "names of targets");
         auto const indices = copied<unsigned int>(
             indicesOf(value, "targets['" + name + "']", std::numeric_limits<unsigned int>::max()));
         Orvane::Geometry::setRangeGeoPropIndices(m_object, name, indices);

@@ -15,14 +15,6 @@ namespace zel::python {
 
 namespace {
 
-/// Text of C++, in which names need not be UTF-8.
-py::object fromText(std::string const& text) {
-    auto made = py::reinterpret_steal<py::object>(
-        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "replace"));
-    if (!made) throw py::error_already_set();
-    return made;
-}
-
 py::object loads(py::object const& text, py::object const& depth) {
     std::string given;
     if (PyUnicode_Check(text.ptr()))
@@ -32,13 +24,8 @@ py::object loads(py::object const& text, py::object const& depth) {
     else
         throw py::type_error("zel.loads: wanted a str or bytes, got " + shown(text));
     SceneLimits limits;
-    ParameterInfo range;
-    range.kind = ValueKind::kInteger;
-    range.least = 0;
-    range.most = std::numeric_limits<std::int64_t>::max();
-    Parts none;
     limits.depth = static_cast<std::size_t>(
-        std::get<std::int64_t>(toValue(depth, range, "zel.loads: depth", none)));
+        toInteger(depth, 0, std::numeric_limits<std::int64_t>::max(), "zel.loads: depth"));
     Tree tree = fromJson(given, limits);
     if (hasFunction(rootOf(tree)))
         throw py::value_error("zel.loads: the scene has a field of a Python function, which JSON "
@@ -91,7 +78,7 @@ py::object bindReport(py::handle self) {
 }
 
 py::object inexactGradients(py::handle self) {
-    checkLevels(self);  // of which both functions of gradients call each other
+    checkLevels(self);  // hasExactGradients() recurses
     py::list names;
     for (std::string const& name : hasExactGradients(rootOf(fieldOf(self).tree)).differences)
         names.append(fromText(name));

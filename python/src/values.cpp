@@ -26,13 +26,6 @@ using Orvane::Math::FCurve;
     throw py::type_error(where + ": wanted " + wanted + ", got " + shown(object));
 }
 
-double toDouble(py::handle object, std::string const& where) {
-    if (!isNumber(object)) refuse(where, "a number", object);
-    double const number = PyFloat_AsDouble(object.ptr());
-    if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
-    return number;
-}
-
 template <std::size_t count>
 std::array<float, count> toFloats(py::handle object, std::string const& where) {
     auto const sequence = py::reinterpret_steal<py::object>(PySequence_Tuple(object.ptr()));
@@ -156,23 +149,14 @@ Value toQuaternion(py::handle object, std::string const& where) {
 Value toDirection(py::handle object, std::string const& where) {
     float3 const vector = toVector(object, where);
     float const length = Orvane::Math::length(vector);
-    if (length == 0) throw py::value_error(where + ": wanted a direction that is not zero");
-    // A vector of length 1 comes back from a field as it is, and stays so.
-    return UnitVector(length == 1 ? vector : vector / length);
-}
-
-Value toInteger(py::handle object, ParameterInfo const& parameter, std::string const& where) {
-    if (!PyIndex_Check(object.ptr())) refuse(where, "an integer", object);
-    auto const index = py::reinterpret_steal<py::object>(PyNumber_Index(object.ptr()));
-    if (!index) throw py::error_already_set();
-    int overflow = 0;
-    long long const number = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
-    if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
-    if (overflow != 0 || number < parameter.least || number > parameter.most)
-        throw py::value_error(where + ": wanted an integer from " +
-                              std::to_string(parameter.least) + " to " +
-                              std::to_string(parameter.most) + ", got " + shown(object));
-    return std::int64_t{number};
+    // Its square must neither overflow nor lose digits, or the quotient is no unit vector.
+    if (length < 0x1p-63F || std::isinf(length))
+        throw py::value_error(where +
+                              ": wanted a direction of a length from 1.1e-19 to 1.8e19, got " +
+                              shown(object));
+    // The length of a quotient is 1 but for its rounding errors, of less than 2**-21: a direction
+    // that was read from a field gives the same bits.
+    return UnitVector(std::abs(length - 1) < 0x1p-21F ? vector : vector / length);
 }
 
 }  // namespace
@@ -209,6 +193,40 @@ bool fits(py::handle object, ParameterInfo const& parameter) {
     }
 }
 
+bool toBool(py::handle object, std::string const& where) {
+    // Also the bool of NumPy.
+    bool const isBool = PyBool_Check(object.ptr()) ||
+                        std::string_view(Py_TYPE(object.ptr())->tp_name).starts_with("numpy.bool");
+    if (!isBool) refuse(where, "True or False", object);
+    return PyObject_IsTrue(object.ptr()) == 1;
+}
+
+std::int64_t toInteger(py::handle object, std::int64_t least, std::int64_t most,
+                       std::string const& where) {
+    if (!PyIndex_Check(object.ptr())) refuse(where, "an integer", object);
+    auto const index = py::reinterpret_steal<py::object>(PyNumber_Index(object.ptr()));
+    if (!index) throw py::error_already_set();
+    int overflow = 0;
+    long long const number = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
+    if (number == -1 && PyErr_Occurred()) throw py::error_already_set();
+    if (overflow != 0 || number < least || number > most)
+        throw py::value_error(where + ": wanted an integer from " + std::to_string(least) + " to " +
+                              std::to_string(most) + ", got " + shown(object));
+    return number;
+}
+
+double toDouble(py::handle object, std::string const& where) {
+    if (!isNumber(object)) refuse(where, "a number", object);
+    double const number = PyFloat_AsDouble(object.ptr());
+    if (number == -1 && PyErr_Occurred()) {
+        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) throw py::error_already_set();
+        PyErr_Clear();
+        throw py::value_error(where + ": wanted a number in the range of float64, got " +
+                              shown(object));
+    }
+    return number;
+}
+
 float toFloat(py::handle object, std::string const& where) {
     double const number = toDouble(object, where);
     auto const rounded = static_cast<float>(number);
@@ -216,6 +234,14 @@ float toFloat(py::handle object, std::string const& where) {
         throw py::value_error(where + ": wanted a number in the range of float32, got " +
                               shown(object));
     return rounded;
+}
+
+std::string toName(py::handle object, std::string const& where) {
+    if (!PyUnicode_Check(object.ptr())) refuse(where, "a str", object);
+    std::string name = textOf(object);
+    if (name.empty() || name.find('\0') != std::string::npos)
+        throw py::value_error(where + ": wanted a name, got " + shown(object));
+    return name;
 }
 
 float3 toVector(py::handle object, std::string const& where) {
@@ -227,16 +253,10 @@ float3 toVector(py::handle object, std::string const& where) {
 Value toValue(py::handle object, ParameterInfo const& parameter, std::string const& where,
               Parts& parts) {
     switch (parameter.kind) {
-    case ValueKind::kBool: {
-        // Also the bool of NumPy.
-        bool const isBool =
-            PyBool_Check(object.ptr()) ||
-            std::string_view(Py_TYPE(object.ptr())->tp_name).starts_with("numpy.bool");
-        if (!isBool) refuse(where, "True or False", object);
-        return PyObject_IsTrue(object.ptr()) == 1;
-    }
+    case ValueKind::kBool:
+        return toBool(object, where);
     case ValueKind::kInteger:
-        return toInteger(object, parameter, where);
+        return toInteger(object, parameter.least, parameter.most, where);
     case ValueKind::kFloat:
         return toFloat(object, where);
     case ValueKind::kDouble:
@@ -251,13 +271,10 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
         if (!PyUnicode_Check(object.ptr())) refuse(where, "a str", object);
         return Quern::String(textOf(object));
     case ValueKind::kSampler:
-        if (PyLong_Check(object.ptr())) {
-            ParameterInfo number;
-            number.least = std::numeric_limits<std::int32_t>::min();
-            number.most = std::numeric_limits<std::int32_t>::max();
+        if (PyLong_Check(object.ptr()))
             return static_cast<SamplerType>(
-                std::get<std::int64_t>(toInteger(object, number, where)));
-        }
+                toInteger(object, std::numeric_limits<std::int32_t>::min(),
+                          std::numeric_limits<std::int32_t>::max(), where));
         return static_cast<SamplerType>(numberOf(object, kSamplers, where));
     case ValueKind::kCurve:
         if (py::isinstance<Curve>(object)) return object.cast<Curve const&>().curve;
@@ -312,11 +329,7 @@ py::object fromValue(Value const& value, py::handle attached) {
         py::object operator()(float4 const& v) const { return py::make_tuple(v.x, v.y, v.z, v.w); }
         py::object operator()(UnitVector const& v) const { return fromVector(v.value); }
         py::object operator()(Quern::String const& v) const {
-            // A name from C++ need not be UTF-8.
-            auto text = py::reinterpret_steal<py::object>(
-                PyUnicode_DecodeUTF8(v.c_str(), v.size(), "replace"));
-            if (!text) throw py::error_already_set();
-            return text;
+            return fromText(Quern::StringView(v).standardView());
         }
         py::object operator()(SamplerType v) const {
             char const* const name = nameOf(static_cast<int>(v), kSamplers);

@@ -27,7 +27,14 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
 /// The default value of a parameter, which has one.
 Value defaultValue(ParameterInfo const& parameter);
 
+/// The same for parts of calls that are no parameters.
+bool toBool(py::handle object, std::string const& where);
+std::int64_t toInteger(py::handle object, std::int64_t least, std::int64_t most,
+                       std::string const& where);
 float toFloat(py::handle object, std::string const& where);
+double toDouble(py::handle object, std::string const& where);
+/// A name for a part of an object of Orvane: not empty, and without a zero byte.
+std::string toName(py::handle object, std::string const& where);
 float3 toVector(py::handle object, std::string const& where);
 
 /// `attached` is that of the field whose parameter it is.

@@ -121,24 +121,18 @@ float toVoxelSize(py::handle object, char const* where) {
     return size;
 }
 
-std::string toName(py::handle object, char const* where) {
-    if (!PyUnicode_Check(object.ptr()))
-        throw py::type_error(std::string(where) + ": name: wanted a str, got " + shown(object));
-    std::string name = textOf(object);
-    if (name.empty() || name.find('\0') != std::string::npos)
-        throw py::value_error(std::string(where) + ": wanted a name of the channel, got " +
-                              std::string(py::repr(object)));
-    return name;
-}
-
 /// An integer from 0 to `most`.
 int toCount(py::handle object, int most, std::string const& where) {
-    ParameterInfo range;
-    range.kind = ValueKind::kInteger;
-    range.least = 0;
-    range.most = most;
-    Parts none;
-    return static_cast<int>(std::get<std::int64_t>(toValue(object, range, where, none)));
+    return static_cast<int>(toInteger(object, 0, most, where));
+}
+
+/// The value outside a volume; 0 for None.
+template <class T> T toOutside(py::handle object, char const* where) {
+    if (object.is_none()) return T{};
+    if constexpr (kComponents < T >> 1)
+        return toVector(object, std::string(where) + ": outside");
+    else
+        return toFloat(object, std::string(where) + ": outside");
 }
 
 std::shared_ptr<Volume> makeVolume(float voxelSize, int offsetType) {
@@ -152,7 +146,7 @@ std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& vox
                                   py::object const& origin, py::object const& givenName,
                                   py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.from_numpy";
-    std::string const name = toName(givenName, kWhere);
+    std::string const name = toName(givenName, std::string(kWhere) + ": name");
     py::array array = floatsOf(given, std::string(kWhere) + ": array");
     bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
     if (!isVector && array.ndim() != 3)
@@ -189,14 +183,9 @@ std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& vox
     auto made = makeVolume(size, offsetType);
     made->extent = extent;
     if (isVector)
-        fillFrom<float3>(*made, name,
-                         outside.is_none() ? float3{}
-                                           : toVector(outside, std::string(kWhere) + ": outside"),
-                         array);
+        fillFrom(*made, name, toOutside<float3>(outside, kWhere), array);
     else
-        fillFrom<float>(
-            *made, name,
-            outside.is_none() ? 0.0F : toFloat(outside, std::string(kWhere) + ": outside"), array);
+        fillFrom(*made, name, toOutside<float>(outside, kWhere), array);
     return made;
 }
 
@@ -222,7 +211,7 @@ std::shared_ptr<Volume> fromField(py::object const& field, py::object const& box
                                   py::object const& givenName, py::object const& outside,
                                   py::object const& minDepth, py::object const& maxDepth) {
     constexpr char const* kWhere = "zel.Volume.from_field";
-    std::string const name = toName(givenName, kWhere);
+    std::string const name = toName(givenName, std::string(kWhere) + ": name");
     if (!isScalarField(field))
         throw py::type_error(std::string(kWhere) + ": wanted a scalar field, got " + shown(field) +
                              "; with_field() adds channels of vectors to a volume");
@@ -266,7 +255,7 @@ ORV::TileTree3D::Volume<Traits, T> partOf(Volume const& volume, Volume::Samples<
 std::shared_ptr<Volume> withField(Volume const& self, py::object const& givenName,
                                   py::object const& field, py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.with_field";
-    std::string const name = toName(givenName, kWhere);
+    std::string const name = toName(givenName, std::string(kWhere) + ": name");
     if (!isField(field))
         throw py::type_error(std::string(kWhere) + ": field: wanted a field, got " + shown(field));
     Tree const tree = fieldOf(field).tree;
@@ -287,11 +276,10 @@ std::shared_ptr<Volume> withField(Volume const& self, py::object const& givenNam
                 self.channels.front().samples);
         });
     };
-    std::string const where = std::string(kWhere) + ": outside";
     if (auto const* const scalar = std::get_if<ScalarPtr>(&tree))
-        build(*scalar, outside.is_none() ? 0.0F : toFloat(outside, where));
+        build(*scalar, toOutside<float>(outside, kWhere));
     else
-        build(std::get<VectorPtr>(tree), outside.is_none() ? float3{} : toVector(outside, where));
+        build(std::get<VectorPtr>(tree), toOutside<float3>(outside, kWhere));
     return made;
 }
 
