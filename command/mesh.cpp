@@ -1,4 +1,7 @@
+#include <stdexcept>
+
 #include <zel_exchange/mesh_file.h>
+#include <zel_exchange/suffix.h>
 #include <zel_exchange/volume_mesh.h>
 
 #include "commands.h"
@@ -8,6 +11,10 @@
 namespace command {
 
 void mesh(MeshOptions const& options, std::stop_token const& stop) {
+    // Before the work, after which writeMesh() would refuse it.
+    auto const suffix = zel::detail::lowerSuffix(options.output);
+    if (suffix != ".ply" && suffix != ".obj")
+        throw std::runtime_error(options.output + ": a mesh is written as .ply or .obj");
     zel::ScalarPtr const field = Scene(options.scene).completeScalar("a mesh needs a scalar field");
     Progress progress("samples");
     zel::MeshOptions how;

@@ -1,12 +1,12 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <filesystem>
 #include <span>
 #include <stdexcept>
 
 #include <zel/field/evaluate.h>
 #include <zel_exchange/npy.h>
+#include <zel_exchange/suffix.h>
 #include <zel_exchange/vdb_write.h>
 
 #include "commands.h"
@@ -121,7 +121,7 @@ void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& op
 }  // namespace
 
 void volume(VolumeOptions const& options, std::stop_token const& stop) {
-    auto const suffix = std::filesystem::path(options.output).extension();
+    auto const suffix = zel::detail::lowerSuffix(options.output);
     if (suffix != ".npy" && suffix != ".vdb")
         throw std::runtime_error(options.output + ": a volume is written as .vdb or .npy");
     if (suffix == ".npy" && (options.band || options.fog || options.half || !options.name.empty()))

@@ -258,7 +258,8 @@ class Test(unittest.TestCase):
         self.refused("--color 12345g: wanted", "render", self.ball, "--color", "12345g", "-o", "new.png")
         for eye in ("0,5,0", "1e-42,0,0"):
             self.refused("--eye must be", "render", self.ball, "--eye", eye, "-o", "new.png")
-        self.refused("written as .vdb or .npy", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
+        for name in ("volume", "mesh"):
+            self.refused("a.txt: a .* is written as", name, "no.json", "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
         self.refused("--box: wanted a finite number, found nan", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
         self.refused("--box and --voxel", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", "1e-30", "-o", "a.npy")
         self.refused("points.csv: ", "info", "points.csv")
