@@ -29,10 +29,10 @@ TEST(Allocation, ABatchAllocatesItsResultAndAPointNothing) {
     tbb::global_control const limit(tbb::global_control::max_allowed_parallelism, 1);
     auto const positions = support::somePositions(5000);
     unsigned seed = 0;
-    support::forEveryNode([&]<class Node>(std::string const& name) {
+    support::forEveryNode([&](std::string const& name, auto construct) {
         for (int round = 0; round < 3; ++round) {
             SCOPED_TRACE(name + ", seed " + std::to_string(seed));
-            auto const node = support::RandomNodes(seed++).make<Node>();
+            auto const node = support::RandomNodes(seed++).make(construct);
             auto const blocks = [&](auto const& call) {
                 call();  // fills what a thread keeps
                 AllocationCount const count;

@@ -71,10 +71,10 @@ TEST(Evaluate, EqualsPointsInEveryLayout) {
     constexpr long long kFirst[] = {0,  1,      (1LL << 31) - 2,
                                     -5, kIndex, std::numeric_limits<long long>::max() - 1};
     unsigned number = 0;
-    forEveryNode([&]<class Node>(std::string const& name) {
+    forEveryNode([&](std::string const& name, auto construct) {
         for (int round = 0; round < 8; ++round, ++number) {
             SCOPED_TRACE(name + ", seed " + std::to_string(number));
-            auto const node = RandomNodes(number).make<Node>();
+            auto const node = RandomNodes(number).make(construct);
             auto const positions = somePositions(kCounts[number % std::size(kCounts)], number);
             ASSERT_NO_FATAL_FAILURE(expectPoints(*node, positions, static_cast<int>(number % 4),
                                                  kFirst[number % std::size(kFirst)]));

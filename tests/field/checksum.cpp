@@ -40,8 +40,8 @@ int main(int argc, char** argv) {
     Checksum points, pointGradients, batches, batchGradients;
     unsigned seed = 1;
     for (int i = 0; i < graphs; ++i)
-        forEveryNode([&]<class Node>(std::string const&) {
-            auto const node = RandomNodes(++seed).make<Node>();
+        forEveryNode([&](std::string const&, auto construct) {
+            auto const node = RandomNodes(++seed).make(construct);
             auto const positions = somePositions(seed % 16 == 0 ? 5001 : 333, seed);
             for (long long at = 0; at < 50; ++at) {
                 points.add(node->eval(positions[at], at));
