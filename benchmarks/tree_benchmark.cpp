@@ -1,5 +1,5 @@
 // Measures the cost of evaluating and building a tree, against the same formula in other forms,
-// over 2^20 positions and in the same run, in nanoseconds a point, on one thread and on all
+// over 1000 to 2^20 positions and in the same run, in nanoseconds a point, on one thread and on all
 // threads. After the report of the benchmarks, tables show the medians and their ratios. All forms
 // must agree bit for bit before the first measurement.
 //
@@ -8,6 +8,8 @@
 //   naive  a tree of std::shared_ptr and one virtual function
 //   point  the tree of ZEL, its point eval in a loop
 //   batch  the tree of ZEL, its batch eval, including the allocation of the result
+//   view   evaluate() to an existing array, which begins 4 bytes behind the start of a cache line;
+//          the positions begin 12 bytes behind one
 //   narrow as batch, without wide registers even if the processor has them
 //   both   values and gradients by evalAndGrad
 //
@@ -20,10 +22,15 @@
 #include <tbb/info.h>
 #include <tbb/parallel_for.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -52,11 +59,13 @@ struct Form {
 struct Subject {
     std::string name;
     int nodes;
+    Positions const* positions;
     std::vector<Form> forms;
 };
 
 std::string nameOf(Subject const& subject, int threads, std::string const& form) {
-    return subject.name + "/" + std::to_string(threads) + "/" + form;
+    return subject.name + "/" + std::to_string(subject.positions->size()) + "/" +
+           std::to_string(threads) + "/" + form;
 }
 
 void reportItems(benchmark::State& state, std::size_t itemsAnIteration) {
@@ -107,6 +116,40 @@ public:
     int count = 0;
 };
 
+/// Positions and values that begin within a cache line.
+class Unaligned {
+public:
+    explicit Unaligned(Positions const& positions)
+        : m_count(static_cast<std::size_t>(positions.size())), m_positions(m_count + 33),
+          m_values(m_count + 33) {
+        std::copy(positions.begin(), positions.end(),
+                  m_positions.begin() + behindLine(m_positions));
+    }
+    float const* evaluate(zel::ScalarField const& field, int threads) {
+        zel::EvaluateOptions options;
+        options.parallel = threads > 1;
+        float* const values = m_values.data() + behindLine(m_values);
+        float3 const* const positions = m_positions.data() + behindLine(m_positions);
+        zel::evaluate(field, zel::PointView::of({positions, m_count}), std::span(values, m_count),
+                      options);
+        return values;
+    }
+
+private:
+    /// The index of the first element that begins its own size behind the start of a cache line.
+    template <class T> static std::ptrdiff_t behindLine(std::vector<T> const& elements) {
+        std::ptrdiff_t i = 0;
+        while (reinterpret_cast<std::uintptr_t>(&elements[static_cast<std::size_t>(i)]) % 64 !=
+               sizeof(T))
+            ++i;
+        return i;
+    }
+
+    std::size_t m_count;
+    std::vector<float3> m_positions;
+    std::vector<float> m_values;
+};
+
 template <class Tree>
 Subject makeSubject(Parameters const& parameters, Positions const& positions,
                     Quern::Array<float>& values) {
@@ -115,7 +158,7 @@ Subject makeSubject(Parameters const& parameters, Positions const& positions,
     NodeCounter counter;
     counter(*field);
 
-    Subject subject{Tree::kName, counter.count, {}};
+    Subject subject{Tree::kName, counter.count, &positions, {}};
     auto const add = [&](char const* name, auto const& f) {
         subject.forms.push_back({name, loopOf(positions, values, f)});
     };
@@ -132,6 +175,10 @@ Subject makeSubject(Parameters const& parameters, Positions const& positions,
              result.reset();
              result = field->eval(positions);
              return static_cast<float const*>(result->data());
+         }});
+    subject.forms.push_back(
+        {"view", [field, moved = std::make_shared<Unaligned>(positions)](int threads) {
+             return moved->evaluate(*field, threads);
          }});
     subject.forms.push_back(
         {"narrow", [&positions, field, result = Quern::Ptr<Quern::Array<float>>()](int) mutable {
@@ -151,10 +198,10 @@ Subject makeSubject(Parameters const& parameters, Positions const& positions,
 }
 
 /// Exits with an error unless every form gives the bits of the fused loop.
-void checkForms(Subject const& subject, Positions const& positions, int threads) {
+void checkForms(Subject const& subject, int threads) {
     tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
                                       static_cast<std::size_t>(threads));
-    auto const count = static_cast<std::size_t>(positions.size());
+    auto const count = static_cast<std::size_t>(subject.positions->size());
     std::vector<float> expected;
     for (Form const& form : subject.forms) {
         if (form.name == "loop") continue;
@@ -170,7 +217,8 @@ void checkForms(Subject const& subject, Positions const& positions, int threads)
     }
 }
 
-void registerForms(Subject const& subject, Positions const& positions, int threads) {
+void registerForms(Subject const& subject, int threads) {
+    Positions const& positions = *subject.positions;
     for (Form const& form : subject.forms) {
         auto const run = [&form, &positions, threads](benchmark::State& state) {
             tbb::global_control const control(tbb::global_control::max_allowed_parallelism,
@@ -244,9 +292,9 @@ template <class Nodes, class Tree> void registerBuilding(Parameters const& param
 
 void printTable(RatioReporter const& report, std::vector<Subject> const& subjects, int allThreads) {
     for (Subject const& subject : subjects) {
-        std::printf("\n%s, %d nodes; ns a point\n"
+        std::printf("\n%s, %d nodes, %lld points; ns a point\n"
                     "threads  form      median     least  of fused  of naive  busy  of 1 thread\n",
-                    subject.name.c_str(), subject.nodes);
+                    subject.name.c_str(), subject.nodes, subject.positions->size());
         for (int threads = 1;; threads = allThreads) {
             double const fused = report[nameOf(subject, threads, "fused")].median;
             double const naive = report[nameOf(subject, threads, "naive")].median;
@@ -279,7 +327,8 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
         }
     }
     std::printf("\nbusy: processor time by real time. Below the number of threads, others had the "
-                "machine.\n");
+                "machine.\nInstruction set: %s; fused loops and batches of light nodes: %s.\n",
+                Quern::simdTargets().front().name, Quern::wideVectors ? "AVX2" : "baseline");
 }
 
 }  // namespace
@@ -289,19 +338,25 @@ int main(int argc, char** argv) {
 
     Parameters parameters;
     benchmark::DoNotOptimize(parameters);
-    Positions const positions = scanLines();
-    Quern::Array<float> values(positions.size());
-    std::vector<Subject> const subjects{
-        makeSubject<CsgTree<false>>(parameters, positions, values),
-        makeSubject<CsgTree<true>>(parameters, positions, values),
-        makeSubject<ArithmeticTree>(parameters, positions, values),
-    };
+    Positions const all = scanLines();
+    Quern::Array<float> values(all.size());
+    std::vector<std::unique_ptr<Positions>> sizes;
+    std::vector<Subject> subjects;
+    for (long long const size : {1000LL, 10'000LL, 100'000LL, 1'000'000LL, all.size()}) {
+        // Scan lines of the middle, where the shapes are.
+        auto const first = all.begin() + (all.size() - size) / 2;
+        sizes.push_back(std::make_unique<Positions>(size));
+        std::copy_n(first, size, sizes.back()->begin());
+        subjects.push_back(makeSubject<CsgTree<false>>(parameters, *sizes.back(), values));
+        subjects.push_back(makeSubject<CsgTree<true>>(parameters, *sizes.back(), values));
+        subjects.push_back(makeSubject<ArithmeticTree>(parameters, *sizes.back(), values));
+    }
 
     int const allThreads = tbb::info::default_concurrency();
     for (Subject const& subject : subjects) {
         for (int threads = 1;; threads = allThreads) {
-            checkForms(subject, positions, threads);
-            registerForms(subject, positions, threads);
+            checkForms(subject, threads);
+            registerForms(subject, threads);
             if (threads == allThreads) break;
         }
     }
