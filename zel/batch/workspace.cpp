@@ -24,14 +24,18 @@ Workspace::StackEnd Workspace::stackEnd() {
     void* begin = nullptr;
     std::size_t size = 0;
     if (pthread_attr_getstack(&attributes, &begin, &size) == 0)
-        end = {reinterpret_cast<std::uintptr_t>(begin), std::min(size / 4, kMost)};
+        end = {reinterpret_cast<std::uintptr_t>(begin),
+               reinterpret_cast<std::uintptr_t>(begin) + std::min(size / 4, kMost)};
     pthread_attr_destroy(&attributes);
 #endif
     return end;
 }
 
-void Workspace::refuseDepth() {
-    throw std::length_error("zel: the graph has more levels than the stack of this thread allows");
+void Workspace::checkStack() const {
+    char const here = 0;
+    if (reinterpret_cast<std::uintptr_t>(&here) >= m_stackEnd.begin)
+        throw std::length_error(
+            "zel: the graph has more levels than the stack of this thread allows");
 }
 
 Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {

@@ -45,16 +45,13 @@ public:
     /// Changes when columns of constants end.
     std::uint64_t constantsVersion() const { return m_constantsVersion; }
 
-    /// Whether the thread has just enough stack left for what nodes need beside their children. On
-    /// a stack that is not the thread's own, such as that of a fibre, this is not known, and false.
-    bool isStackUsed() const {
-        auto const here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
-        return here - m_stackEnd.begin < m_stackEnd.size;
-    }
-    /// Throws std::length_error if it is used.
+    /// Throws std::length_error if the thread has just enough stack left for what nodes need beside
+    /// their children. On a stack that is not the thread's own, such as that of a fibre, this is
+    /// not known. One comparison, since each block of each node asks.
     void expectStack() const {
-        if (isStackUsed()) [[unlikely]]
-            refuseDepth();
+        char const here = 0;
+        if (reinterpret_cast<std::uintptr_t>(&here) < m_stackEnd.limit) [[unlikely]]
+            checkStack();
     }
 
     Arena stack;  ///< columns that are valid until a Block::Frame ends
@@ -72,19 +69,17 @@ public:
     FusionPlan const* planOfBatch = nullptr;
 
 private:
-    [[noreturn]] ZEL_API static void refuseDepth();
+    ZEL_API void checkStack() const;
 
     static constexpr unsigned kMaxConstants = 64, kSlots = 2 * kMaxConstants;
     struct Slot {
         std::uint32_t bits;
         float const* values;
     };
-    /// The last part of the thread's stack, in which no further node is evaluated.
+    /// The part of the thread's stack in which no further node is evaluated.
     struct StackEnd {
-        std::uintptr_t begin = 0;  ///< the lowest address
-        std::size_t size = 0;      ///< in bytes; 0 if the stack is not known
+        std::uintptr_t begin = 0, limit = 0;  ///< the lowest addresses of the part, and above it
     };
-
     static StackEnd stackEnd();
 
     StackEnd const m_stackEnd = stackEnd();
