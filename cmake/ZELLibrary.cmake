@@ -12,6 +12,10 @@ function(zel_compile_options target)
             $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
             $<$<BOOL:${ZEL_WARNINGS_AS_ERRORS}>:-Werror> -ffp-contract=off -fno-math-errno
             -fno-trapping-math)
+  if(ZEL_HARDENED)
+    target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS)
+    target_compile_options(${target} PRIVATE -fstack-protector-strong)
+  endif()
 endfunction()
 
 # With ZEL_PRECOMPILE_HEADERS, precompiles the headers `ARGN` for a target; or with REUSE_FROM another

@@ -33,8 +33,14 @@ public:
         if (auto const known = m_byType.find(*added.type); known != m_byType.end())
             refuse(added, "the class is registered as \"" + known->second->name + '"');
         NodeClass const& kept = m_classes.emplace_back(std::move(added));
-        m_byName.emplace(kept.name, &kept);
-        m_byType.emplace(*kept.type, &kept);
+        try {
+            m_byName.emplace(kept.name, &kept);
+            m_byType.emplace(*kept.type, &kept);
+        } catch (...) {
+            m_byName.erase(kept.name);
+            m_classes.pop_back();
+            throw;
+        }
     }
 
     NodeClass const* find(std::string_view name) const {

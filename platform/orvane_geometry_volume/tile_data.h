@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cassert>
 #include <cstddef>
 #include <memory>
 #include <stdexcept>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "zel_platform/orvane_geometry_volume/traits.h"
+#include "zel_platform/quern_core/expect.h"
 #include "zel_platform/quern_core/type_rep.h"
 
 namespace ORV::TileTree3D {
@@ -37,7 +37,7 @@ template <int W, int H> struct TileLayout {
 
     /// The flat index of (i, j, k), each from -H to W - 1 + H.
     static constexpr int flat(int i, int j, int k) {
-        assert(-H <= i && i < W + H && -H <= j && j < W + H && -H <= k && k < W + H);
+        ZEL_EXPECT(-H <= i && i < W + H && -H <= j && j < W + H && -H <= k && k < W + H);
         return (i + H) + kWidth * ((j + H) + kWidth * (k + H));
     }
 };
@@ -64,7 +64,7 @@ public:
     /// False if the view refers to no data.
     operator bool() const noexcept { return m_flat != nullptr; }
     T const& operator()(int flat) const {
-        assert(m_flat && 0 <= flat && flat < Layout::kCount);
+        ZEL_EXPECT(m_flat && 0 <= flat && flat < Layout::kCount);
         return m_flat[flat];
     }
     T const& operator()(int i, int j, int k) const { return (*this)(Layout::flat(i, j, k)); }
@@ -134,11 +134,11 @@ public:
 
     explicit operator bool() const noexcept { return m_flat != nullptr; }
     T& operator()(int i, int j, int k) {
-        assert(m_flat);
+        ZEL_EXPECT(m_flat);
         return m_flat[Layout::flat(i, j, k)];
     }
     T const& operator()(int i, int j, int k) const {
-        assert(m_flat);
+        ZEL_EXPECT(m_flat);
         return m_flat[Layout::flat(i, j, k)];
     }
     T* data() noexcept { return m_flat; }

@@ -1,7 +1,7 @@
 #include <algorithm>
-#include <cassert>
 
 #include "zel_platform/orvane_geometry_volume/container.h"
+#include "zel_platform/quern_core/expect.h"
 #include "zel_platform/quern_core/position_loop.h"
 
 namespace ORV::TileTree3D {
@@ -11,7 +11,7 @@ namespace ORV::TileTree3D {
 template <class Traits>
 int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_t const* y,
                                  std::uint32_t const* z, int count, TileRun* runs) const {
-    assert(0 <= count && count <= kMaxPoints);
+    ZEL_EXPECT(0 <= count && count <= kMaxPoints);
     if (count <= 0) return 0;
     if (depth < 0 || depth > m_state.depth) {
         runs[0] = {count, -1};

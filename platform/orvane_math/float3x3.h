@@ -1,8 +1,7 @@
 #pragma once
 
-#include <cassert>
-
 #include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/expect.h"
 
 namespace Orvane::Math {
 
@@ -13,11 +12,11 @@ struct float3x3 {
     float3 rows[3];
 
     constexpr float3& operator[](int r) {
-        assert(0 <= r && r < 3);
+        ZEL_EXPECT(0 <= r && r < 3);
         return rows[r];
     }
     constexpr float3 const& operator[](int r) const {
-        assert(0 <= r && r < 3);
+        ZEL_EXPECT(0 <= r && r < 3);
         return rows[r];
     }
     constexpr bool operator==(float3x3 const&) const = default;

@@ -1,7 +1,8 @@
 #pragma once
 
-#include <cassert>
 #include <cstdint>
+
+#include "zel_platform/quern_core/expect.h"
 
 namespace Orvane::Math {
 
@@ -10,11 +11,11 @@ struct float3 {
     float x = 0, y = 0, z = 0;
 
     constexpr float& operator[](int i) {
-        assert(0 <= i && i < 3);
+        ZEL_EXPECT(0 <= i && i < 3);
         return i == 0 ? x : i == 1 ? y : z;
     }
     constexpr float const& operator[](int i) const {
-        assert(0 <= i && i < 3);
+        ZEL_EXPECT(0 <= i && i < 3);
         return i == 0 ? x : i == 1 ? y : z;
     }
     constexpr bool operator==(float3 const&) const = default;
@@ -58,11 +59,11 @@ struct int3 {
     std::int32_t x = 0, y = 0, z = 0;
 
     constexpr std::int32_t& operator[](int i) {
-        assert(0 <= i && i < 3);
+        ZEL_EXPECT(0 <= i && i < 3);
         return i == 0 ? x : i == 1 ? y : z;
     }
     constexpr std::int32_t const& operator[](int i) const {
-        assert(0 <= i && i < 3);
+        ZEL_EXPECT(0 <= i && i < 3);
         return i == 0 ? x : i == 1 ? y : z;
     }
     constexpr bool operator==(int3 const&) const = default;

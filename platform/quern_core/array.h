@@ -1,12 +1,12 @@
 #pragma once
 
 #include <algorithm>
-#include <cassert>
 #include <initializer_list>
 #include <memory>
 #include <type_traits>
 #include <utility>
 
+#include "zel_platform/quern_core/expect.h"
 #include "zel_platform/quern_core/type_rep.h"
 
 namespace Quern {
@@ -61,11 +61,11 @@ public:
     T const* end() const noexcept { return elements + length; }
 
     T& operator[](long long i) noexcept {
-        assert(0 <= i && i < length);
+        ZEL_EXPECT(0 <= i && i < length);
         return elements[i];
     }
     T const& operator[](long long i) const noexcept {
-        assert(0 <= i && i < length);
+        ZEL_EXPECT(0 <= i && i < length);
         return elements[i];
     }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <cassert>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +11,7 @@
 #include <utility>
 
 #include "zel_platform/platform_api.h"
+#include "zel_platform/quern_core/expect.h"
 
 namespace Quern {
 
@@ -123,11 +123,11 @@ public:
 
     T* get() const noexcept { return pointee; }
     T* operator->() const noexcept {
-        assert(pointee);
+        ZEL_EXPECT(pointee);
         return pointee;
     }
     std::add_lvalue_reference_t<T> operator*() const noexcept requires(!std::is_void_v<T>) {
-        assert(pointee);
+        ZEL_EXPECT(pointee);
         return *pointee;
     }
     explicit operator bool() const noexcept { return pointee != nullptr; }

@@ -54,6 +54,7 @@ template <class T> void moveToStorage(BlockResult<T>& out, int count) {
 
 template <class Interface>
 void Block::write(Interface const& node, bool shared, BlockResult<typename Interface::Value>& out) {
+    m_workspace.expectStack();
     if (shared || m_positions.keepAll)
         out.set(askKept<false>(node));
     else

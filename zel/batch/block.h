@@ -44,7 +44,8 @@ public:
 
     /// Returns the values, or the gradients, of a child at the positions. The columns are valid
     /// until the frame ends in which they were asked for, or longer if they are persistent. Throws
-    /// what the child throws.
+    /// what the child throws, and std::length_error if the graph has more levels than the stack of
+    /// the thread allows.
     template <class Interface>
     Columns<typename Interface::Value> values(Quern::Ptr<Interface> const& child) {
         return ask<false>(*child, isShared(child));
@@ -197,6 +198,7 @@ private:
     Columns<Asked<gradient, Interface>>
     ask(Interface const& node, bool shared,
         BlockResult<Asked<gradient, Interface>> const* room = nullptr) {
+        m_workspace.expectStack();
         bool const maybeKept =
             shared ||
             (gradient ? m_positions.knowsGradients && knowsGradients(&node) : m_positions.keepAll);

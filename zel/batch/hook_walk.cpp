@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "zel/batch/thread_object.h"
+#include "zel/batch/workspace.h"
 
 namespace zel::detail {
 
@@ -96,6 +97,7 @@ thread_local constinit int operatorsAtWork = 0;
 
 HookWalk::HookWalk(HookTarget const& target, Hook hook)
     : m_target(target), m_exceptions(std::uncaught_exceptions()) {
+    Workspace::local().expectStack();
     Walk& walk = walks().current();
     Visit& visit = walk.at(target);
     m_preparedBefore = visit.prepared;

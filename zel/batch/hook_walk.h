@@ -28,7 +28,8 @@ class ZEL_API HookWalk {
 public:
     enum class Hook { kPre, kPost };
 
-    /// Joins the walk that runs on this thread, or starts one. Throws std::bad_alloc.
+    /// Joins the walk that runs on this thread, or starts one. Throws std::bad_alloc, and
+    /// std::length_error if the graph has more levels than the stack of the thread allows.
     HookWalk(HookTarget const& target, Hook hook);
     /// Ends the call. After an exception the operator counts as not called; descendants that it has
     /// prepared stay prepared.

@@ -41,12 +41,29 @@ private:
     PendingNodes m_pending;
 };
 
+/// Releases at its end what was allocated while it existed, unless it is told to keep that.
+class PlanScope {
+public:
+    explicit PlanScope(Arena& memory) : m_memory(memory), m_mark(memory.mark()) {}
+    PlanScope(PlanScope const&) = delete;
+    PlanScope& operator=(PlanScope const&) = delete;
+    ~PlanScope() {
+        if (!m_isKept) m_memory.release(m_mark);
+    }
+    void keep() { m_isKept = true; }
+
+private:
+    Arena& m_memory;
+    Arena::Mark const m_mark;
+    bool m_isKept = false;
+};
+
 }  // namespace
 
 template <class Interface> KnownGraph KnownGraphs::examined(Interface const& root) {
     KnownGraph graph;
     graph.version = GraphVersions::watch(root);
-    Arena::Mark const mark = m_plans.mark();
+    PlanScope const scope(m_plans);
     FusionPlan nodes(m_plans);
     ParentCounter counter(nodes, m_plans);
     counter.walk(root, kMostNodes);
@@ -64,7 +81,6 @@ template <class Interface> KnownGraph KnownGraphs::examined(Interface const& roo
         if (calls <= kMostCallsForGradients)
             graph.mostPointGradients = static_cast<std::uint32_t>(most / 2);
     }
-    m_plans.release(mark);
     return graph;
 }
 
@@ -80,7 +96,9 @@ template <class Interface> void KnownGraphs::makePlan(KnownGraph& graph, Interfa
         m_plans.release(nullptr);
         m_nodesPlanned = 0;
     }
+    PlanScope scope(m_plans);
     graph.plan = makeFusionPlan(root, m_plans);
+    scope.keep();
     m_nodesPlanned += graph.nodeCount;
 }
 

@@ -12,6 +12,21 @@ std::size_t bucketOf(void const* node, bool gradient, std::size_t count) {
     return (((address >> 4) + gradient) * 0x9e3779b97f4a7c15U >> 40) & (count - 1);
 }
 
+/// Sorts the results of a set into new buckets.
+void makeBuckets(PositionSet& set, std::size_t count, Workspace& workspace) {
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): the elements are pointers
+    std::size_t const size = count * sizeof(KeptResult*);
+    auto** const buckets = static_cast<KeptResult**>(workspace.kept.allocate(size));
+    std::fill_n(buckets, count, nullptr);
+    for (std::size_t i = 0; set.buckets && i < set.bucketCount; ++i)
+        for (KeptResult* kept = set.buckets[i]; kept;) {
+            KeptResult*& bucket = buckets[bucketOf(kept->node, kept->gradient, count)];
+            kept = std::exchange(kept->next, std::exchange(bucket, kept));
+        }
+    set.buckets = buckets;
+    set.bucketCount = count;
+}
+
 }  // namespace
 
 KeptResult* PositionSet::find(void const* node, bool gradient) const {
@@ -23,13 +38,11 @@ KeptResult* PositionSet::find(void const* node, bool gradient) const {
 
 KeptResult& PositionSet::add(void const* node, bool gradient, float* storage,
                              Workspace& workspace) {
-    if (!buckets) {
-        bucketCount = workspace.bucketCount;
-        // NOLINTNEXTLINE(bugprone-sizeof-expression): the elements are pointers
-        std::size_t const size = bucketCount * sizeof(KeptResult*);
-        buckets = static_cast<KeptResult**>(workspace.kept.allocate(size));
-        std::fill_n(buckets, bucketCount, nullptr);
-    }
+    constexpr std::size_t kMostOfBucket = 4;
+    if (!buckets)
+        makeBuckets(*this, workspace.bucketCount, workspace);
+    else if (keptCount >= kMostOfBucket * bucketCount)
+        makeBuckets(*this, kMostOfBucket * bucketCount, workspace);
     KeptResult*& bucket = buckets[bucketOf(node, gradient, bucketCount)];
     auto* const kept = new (workspace.kept.allocate(sizeof(KeptResult))) KeptResult;
     kept->node = node;

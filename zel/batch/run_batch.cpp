@@ -1,11 +1,13 @@
 #include "zel/batch/run_batch.h"
 
+#include <dlfcn.h>
 #include <tbb/blocked_range.h>
 #include <tbb/global_control.h>
 #include <tbb/parallel_for.h>
 #include <tbb/partitioner.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
+#include <tbb/version.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +22,13 @@
 namespace zel::detail {
 
 namespace {
+
+/// Keeps oneTBB's code in memory when a host unloads libzel: its threads outlive the last batch.
+[[maybe_unused]] bool const keepsTasks = [] {
+    Dl_info library;
+    return dladdr(reinterpret_cast<void*>(&TBB_runtime_interface_version), &library) != 0 &&
+           dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}();
 
 /// Nanoseconds that a batch may take on the calling thread alone: about as long as other threads
 /// need to wake.

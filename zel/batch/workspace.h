@@ -45,6 +45,15 @@ public:
     /// Changes when columns of constants end.
     std::uint64_t constantsVersion() const { return m_constantsVersion; }
 
+    /// Throws std::length_error if the thread has just enough stack left for what nodes need beside
+    /// their children. On a stack that is not the thread's own, such as that of a fibre, this is
+    /// not known. One comparison, since each block of each node asks.
+    void expectStack() const {
+        char const here = 0;
+        if (reinterpret_cast<std::uintptr_t>(&here) < m_stackEnd.limit) [[unlikely]]
+            checkStack();
+    }
+
     Arena stack;  ///< columns that are valid until a Block::Frame ends
     Arena kept;   ///< results that are kept with their PositionSet
     Arena plans;  ///< plans of fusions, with their fusions, of graphs that are not pure
@@ -60,12 +69,20 @@ public:
     FusionPlan const* planOfBatch = nullptr;
 
 private:
+    ZEL_API void checkStack() const;
+
     static constexpr unsigned kMaxConstants = 64, kSlots = 2 * kMaxConstants;
     struct Slot {
         std::uint32_t bits;
         float const* values;
     };
+    /// The part of the thread's stack in which no further node is evaluated.
+    struct StackEnd {
+        std::uintptr_t begin = 0, limit = 0;  ///< the lowest addresses of the part, and above it
+    };
+    static StackEnd stackEnd();
 
+    StackEnd const m_stackEnd = stackEnd();
     std::array<Slot, kSlots> m_slots{};  // a hash table of the constants
     Arena m_constants;
     unsigned m_constantCount = 0;

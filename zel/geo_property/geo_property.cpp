@@ -1,6 +1,7 @@
 #include "zel/geo_property/geo_property.h"
 
 #include <cmath>
+#include <utility>
 
 #include "zel/field/math.h"
 #include "zel/geo_property/scalar_converter.h"
@@ -15,7 +16,9 @@ bool GeoPropertyNode<Self, Interface, Binding>::is_triggerable() const {
 
 template <class Self, class Interface, class Binding>
 void GeoPropertyNode<Self, Interface, Binding>::apply_object(Orvane::Object const& object) {
-    binding.bind(object);
+    Binding bound = binding;  // so that an exception leaves the node as it was
+    bound.bind(object);
+    binding = std::move(bound);
 }
 
 template <class Self, class Interface, class Binding>

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cassert>
 #include <concepts>
 #include <stdexcept>
 #include <string>
@@ -12,6 +11,7 @@
 #include "zel/node/node_block_impl.h"  // IWYU pragma: export
 #include "zel/node/node_point_impl.h"  // IWYU pragma: export
 #include "zel/node/type_name.h"
+#include "zel_platform/quern_core/expect.h"
 
 // The definitions of the bases in node.h, for the source files of nodes: names, walks and hooks
 // here, the point operations and the block forms in the two headers above.
@@ -24,7 +24,7 @@ namespace detail {
 template <class Interface> class HeldChild {
 public:
     explicit HeldChild(Quern::Ptr<Interface>& parentsMember) : member(parentsMember) {
-        assert(member);
+        ZEL_EXPECT(member);
         if (member.useCount() == 1) {
             held = std::move(member);
         } else {

@@ -1,0 +1,17 @@
+#include <gtest/gtest.h>
+
+#include "zel/zel.h"
+
+namespace {
+
+TEST(HardenedDeathTest, NamesTheBrokenPrecondition) {
+    Quern::Array<float> const array(3, 1.0F);
+    long long volatile three = 3;
+    EXPECT_DEATH((void)array[three], "array.h:[0-9]+: broken precondition: 0 <= i && i < length");
+    Quern::Ptr<zel::ScalarField> const none;
+    EXPECT_DEATH((void)none->eval({}, 0), "ptr.h:[0-9]+: broken precondition: pointee");
+    zel::float3 const vector;
+    EXPECT_DEATH((void)vector[static_cast<int>(three)], "vectors.h:[0-9]+: broken precondition");
+}
+
+}  // namespace
