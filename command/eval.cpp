@@ -165,7 +165,8 @@ private:
 
 }  // namespace
 
-void eval(EvalOptions const& options, std::stop_token const& stop) {
+void eval(EvalOptions const& options, Ranks& ranks, std::stop_token const& stop) {
+    expectFiles(ranks, options.points);
     auto const inputs = std::count(options.points.begin(), options.points.end(), "-") +
                         (options.scene.scene == "-" ? 1 : 0);
     if (inputs > 1) throw std::runtime_error("standard input can be read only once");
