@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <cstdint>
 #include <span>
 #include <stdexcept>
 
@@ -8,12 +10,91 @@
 #include "dense.h"
 #include "scene.h"
 #include "session.h"
+#include "shares.h"
 
 namespace command {
 
 namespace {
 
-void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& options,
+constexpr int kStep = zel::VdbParts::kStep;
+
+/// Counts, for each layer of 8 voxels from `base` to `last` - 1, the coarse tiles that may contain
+/// a part of the band. Each rank looks for those of its part of the box.
+std::vector<double> weigh(zel::ScalarField const& field, VolumeOptions const& options, int base,
+                          int last, Ranks& ranks, std::stop_token const& stop) {
+    using Traits = zel::BinaryTraits;
+    auto const count = static_cast<std::uint64_t>(last - base);
+    // Tiles that are narrow enough for several a rank, and far wider than voxels.
+    constexpr std::uint64_t kTilesOfRank = 16;
+    int depth = Traits::kMaxDepth - 2;
+    while (count / static_cast<std::uint64_t>(Traits::tileWidth(depth)) >
+           kTilesOfRank * ranks.size())
+        --depth;
+    int const width = Traits::tileWidth(depth);
+    auto const part = splitByWeight(count, {}, ranks.size())[ranks.rank()];
+    auto const voxel = static_cast<float>(options.grid.voxel);
+    zel::Box box = boxOf(options.grid);
+    auto const at = [&](std::uint64_t layer) {
+        return static_cast<float>(base + static_cast<double>(layer)) * voxel;
+    };
+    box.low.x = std::max(box.low.x, at(part.first));
+    box.high.x = std::min(box.high.x, at(part.last));
+    std::vector<double> tiles((count + kStep - 1) / kStep);
+    if (box.low.x < box.high.x) {
+        zel::BuildOptions how;
+        how.maxDepth = depth;
+        how.stop = stop;
+        auto const coarse =
+            zel::buildVolume<Traits>(field, box, voxel, *options.band, how).container;
+        for (long long i = 0; i < coarse->tileCount(depth); ++i) {
+            long long const tile = static_cast<long long>(coarse->tile(i, depth).tijk().x) - base;
+            auto const middle = static_cast<std::uint64_t>(std::max(tile + width / 2, 0LL));
+            if (middle < part.first || middle >= part.last) continue;  // of another rank, too
+            for (long long x = std::max(tile, 0LL); x < tile + width; x += kStep)
+                if (auto const layer = static_cast<std::size_t>(x / kStep); layer < tiles.size())
+                    tiles[layer] += 1;
+        }
+    }
+    auto const all = ranks.gather(tiles);
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (i < tiles.size())
+            tiles[i] = all[i];
+        else
+            tiles[i % tiles.size()] += all[i];
+    return tiles;
+}
+
+/// Makes the grid in layers along x, of equal weight for all ranks, and merges them at the root.
+void makeParts(zel::VdbParts& parts, zel::VdbField const& field, VolumeOptions const& options,
+               Ranks& ranks, std::stop_token const& stop) {
+    auto const range = parts.range();
+    int const base = range.first & -kStep;
+    std::vector<double> weights;
+    if (options.band) weights = weigh(*field.scalar, options, base, range.second, ranks, stop);
+    auto layers = splitByWeight(static_cast<std::uint64_t>(range.second - base), weights,
+                                ranks.size(), kStep);
+    // The root has layers, to which those of the others are added.
+    std::stable_partition(layers.begin(), layers.end(),
+                          [](Range const& some) { return some.size() > 0; });
+    Range const own = layers[ranks.rank()];
+    if (own.size() > 0)
+        parts.make(std::max(range.first, base + static_cast<int>(own.first)),
+                   base + static_cast<int>(own.last));
+    if (ranks.isRoot()) {
+        for (std::size_t left = ranks.size() - 1; left > 0;) {
+            auto const piece = ranks.receive({});
+            if (piece.empty())
+                --left;
+            else
+                parts.add(piece);
+        }
+    } else {
+        for (std::vector<std::byte> piece; !(piece = parts.take()).empty();) ranks.send(piece);
+        ranks.send({});
+    }
+}
+
+void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& options, Ranks& ranks,
               std::stop_token const& stop) {
     zel::VdbField field;
     if (auto const* const scalar = std::get_if<zel::ScalarPtr>(&tree)) {
@@ -31,14 +112,26 @@ void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& op
         field.name = "vector";
     }
     if (!options.name.empty()) field.name = options.name;
-    Progress progress("samples");
+    std::string temporary;
+    Progress progress("samples", ranks.showsProgress());
     zel::WriteVdbOptions how;
     how.band = options.band;
     how.half = options.half;
     how.stop = stop;
     how.progress = progress.function();
-    zel::writeVdb(options.output, {field}, boxOf(options.grid),
-                  static_cast<float>(options.grid.voxel), how);
+    zel::VdbParts parts(options.output, {field}, boxOf(options.grid),
+                        static_cast<float>(options.grid.voxel), how);
+    if (ranks.isRoot()) temporary = parts.begin().string();
+    temporary = ranks.fromRoot(temporary);
+    if (!ranks.isRoot()) guardFile(temporary);
+    // The element indices of a part are not those of the whole.
+    if (!ranks.isAlone() && parts.isDivisible() && !readsElementIndex(tree)) {
+        makeParts(parts, field, options, ranks, stop);
+    } else if (ranks.isRoot()) {
+        auto const range = parts.range();
+        parts.make(range.first, range.second);
+    }
+    if (ranks.isRoot()) parts.write();
 }
 
 }  // namespace
@@ -54,7 +147,7 @@ void volume(VolumeOptions const& options, Ranks& ranks, std::stop_token const& s
     Scene const scene(options.scene);
     zel::Tree const tree = scene.complete();
     if (suffix == ".vdb")
-        writeVdb(scene, tree, options, stop);
+        writeVdb(scene, tree, options, ranks, stop);
     else
         writeDense(tree, options, ranks, stop);
 }
