@@ -1,11 +1,11 @@
 #include "vdb_write.h"
 
-#include <boost/uuid/name_generator_sha1.hpp>
-#include <boost/uuid/uuid_io.hpp>
-
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <set>
@@ -137,9 +137,29 @@ private:
         constexpr std::size_t kBefore = 21, kSize = 36;
         FileView const view(written);
         auto const rest = view.bytes().subspan(kBefore + kSize);
-        boost::uuids::name_generator_sha1 const generator(boost::uuids::ns::oid());
-        return std::string(view.bytes().data(), kBefore) +
-               to_string(generator(rest.data(), rest.size()));
+        return std::string(view.bytes().data(), kBefore) + uuidOf(rest);
+    }
+
+    /// A UUID of version 8: 122 bits that depend on all bytes. SHA-1 would take as long as the rest
+    /// of writing.
+    static std::string uuidOf(std::span<char const> bytes) {
+        std::uint64_t a = bytes.size(), b = ~a;
+        for (std::size_t i = 0; i < bytes.size(); i += sizeof a) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, &bytes[i], std::min(sizeof word, bytes.size() - i));
+            a = (a ^ word) * 0x9E3779B97F4A7C15;
+            a ^= a >> 32;
+            b = (std::rotl(b, 29) + word) * 0xC2B2AE3D27D4EB4F;
+            b ^= b >> 31;
+        }
+        a ^= std::rotl(b, 32);
+        char text[40];
+        std::snprintf(text, sizeof text, "%08x-%04x-8%03x-%04x-%012llx",
+                      static_cast<unsigned>(a >> 32), static_cast<unsigned>(a >> 16 & 0xFFFF),
+                      static_cast<unsigned>(a & 0xFFF),
+                      static_cast<unsigned>(b >> 48 & 0x3FFF) | 0x8000U,
+                      static_cast<unsigned long long>(b & 0xFFFFFFFFFFFF));
+        return text;
     }
 };
 
