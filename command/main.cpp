@@ -85,15 +85,33 @@ struct Options {
     int threads = 0;
 };
 
-using Run = std::function<void(std::stop_token const&)>;
+/// A subcommand that runs in one process, or one that shares its work among several.
+struct Run {
+    std::string name;
+    std::function<void(std::stop_token const&)> alone;
+    std::function<void(command::Ranks&, std::stop_token const&)> shared;
+
+    void operator()(command::Ranks& ranks, std::stop_token const& stop) const {
+        if (shared) return shared(ranks, stop);
+        if (!ranks.isAlone())
+            throw std::runtime_error(name + " runs in one process: start it without mpirun");
+        alone(stop);
+    }
+};
 
 /// Adds the subcommands to `app`; parsing sets `run` to the one that is called.
 void addSubcommands(CLI::App& app, Options& options, Run& run) {
-    auto const add = [&](char const* name, char const* help, char const* examples,
-                         auto const& call) {
+    auto const add = [&]<class Call>(char const* name, char const* help, char const* examples,
+                                     Call const& call) {
         CLI::App* const sub = app.add_subcommand(name, help);
         sub->footer(std::string("Examples:\n") + examples);
-        sub->callback([&run, call] { run = call; });
+        sub->callback([&run, name, call] {
+            run.name = name;
+            if constexpr (std::is_invocable_v<Call, command::Ranks&, std::stop_token>)
+                run.shared = call;
+            else
+                run.alone = call;
+        });
         return sub;
     };
 
@@ -108,8 +126,11 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
               "  zel eval gear.json points.csv -o values.npy\n"
               "  zel eval gear.json scan1.ply scan2.ply -o values.ply --gradient\n"
               "  zel eval smoke.json points.npy -o density.csv --bind volume=smoke.vdb\n"
-              "  seq 100 | awk '{ print $1 / 50, 0, 0 }' | zel eval gear.json -",
-              [&](auto const& stop) { eval(options.eval, stop); });
+              "  seq 100 | awk '{ print $1 / 50, 0, 0 }' | zel eval gear.json -\n"
+              "  mpirun -n 64 zel eval gear.json points.npy -o values.npy",
+              [&](command::Ranks& ranks, std::stop_token const& stop) {
+                  eval(options.eval, ranks, stop);
+              });
     addScene(*sub, options.eval.scene);
     sub->add_option("POINTS", options.eval.points,
                     ".npy, .ply, or tables of text, such as .csv; - for standard input. Their "
@@ -159,8 +180,11 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
 
     sub = add("volume", "Writes the values of a scene in a box.",
               "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 -o gear.npy\n"
-              "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 --band 3 -o gear.vdb",
-              [&](auto const& stop) { volume(options.volume, stop); });
+              "  zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.01 --band 3 -o gear.vdb\n"
+              "  mpirun -n 64 zel volume gear.json --box -2,-2,-1,2,2,1 --voxel 0.001 -o gear.npy",
+              [&](command::Ranks& ranks, std::stop_token const& stop) {
+                  volume(options.volume, ranks, stop);
+              });
     addScene(*sub, options.volume.scene);
     addGrid(*sub, options.volume.grid);
     addOutput(*sub, options.volume.output,
@@ -238,13 +262,13 @@ void occupyStandardStreams() {
             static_cast<void>(open("/dev/null", stream == 0 ? O_WRONLY : O_RDONLY));
 }
 
-int fail(std::string message) {
+int fail(command::Ranks& ranks, std::string message) {
     std::replace(message.begin(), message.end(), '\n', ' ');
-    std::fprintf(stderr, "zel: %s\n", message.c_str());
+    ranks.fail("zel: " + message + '\n');
     return command::kFailed;
 }
 
-int run(int argc, char** argv) {
+int run(int argc, char** argv, command::Interrupts const& interrupts, command::Ranks& ranks) {
     Options options;
     Run run;
     CLI::App app{"Evaluates, draws and converts scenes: procedural fields in JSON.", "zel"};
@@ -258,21 +282,20 @@ int run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (CLI::CallForHelp const&) {
-        command::print(app.help());
+        if (ranks.isRoot()) command::print(app.help());
         return 0;
     } catch (CLI::CallForVersion const& version) {
-        command::print(std::string(version.what()) + '\n');
+        if (ranks.isRoot()) command::print(std::string(version.what()) + '\n');
         return 0;
     } catch (CLI::ParseError const& error) {
-        return fail(error.what());
+        return fail(ranks, error.what());
     }
-    command::Interrupts const interrupts;
     std::optional<tbb::global_control> threads;
     if (options.threads > 0)
         threads.emplace(tbb::global_control::max_allowed_parallelism,
                         static_cast<std::size_t>(options.threads));
     try {
-        run(interrupts.token());
+        run(ranks, interrupts.token());
     } catch (zel::Stopped const&) {
         return command::kInterrupted;
     }
@@ -283,11 +306,15 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     occupyStandardStreams();
+    command::Interrupts interrupts;
+    auto ranks = command::makeSingleRank();
     try {
-        return run(argc, argv);
+        ranks = command::joinRanks();
+        if (!ranks->isAlone()) interrupts.endAtOnce();
+        return run(argc, argv, interrupts, *ranks);
     } catch (std::bad_alloc const&) {
-        return fail("not enough memory");
+        return fail(*ranks, "not enough memory");
     } catch (std::exception const& error) {
-        return fail(error.what());
+        return fail(*ranks, error.what());
     }
 }

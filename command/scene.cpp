@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <zel/vector/arithmetic.h>
 #include <zel_exchange/vdb.h>
 #include <zel_platform/orvane_geometry/geo_property.h>
 #include <zel_platform/orvane_geometry_volume/object.h>
@@ -165,6 +166,31 @@ void merge(std::vector<zel::Binding>& known, std::vector<zel::Binding> const& re
     }
 }
 
+/// Looks for nodes that read the element index without an object.
+class IndexFinder final : zel::FieldConstVisitor {
+public:
+    explicit IndexFinder(zel::Tree const& tree) {
+        std::visit([&](auto const& root) { (*this)(*root); }, tree);
+        while (!m_open.empty()) {
+            zel::Field const* const node = m_open.back();
+            m_open.pop_back();
+            node->listChildren(*this);
+        }
+    }
+    bool isFound() const { return m_isFound; }
+
+private:
+    void operator()(zel::Field const& node) override {
+        if (!m_known.insert(&node).second) return;
+        m_open.push_back(&node);
+        if (dynamic_cast<zel::VectorFieldConstantArray const*>(&node)) m_isFound = true;
+    }
+
+    std::unordered_set<zel::Field const*> m_known;
+    std::vector<zel::Field const*> m_open;
+    bool m_isFound = false;
+};
+
 /// The name of a file in messages.
 std::string shownName(std::string const& path) {
     return path == "-" ? "standard input" : path;
@@ -253,6 +279,10 @@ bool Scene::readsProperties(Orvane::Object const& object) const {
     for (std::size_t i = 0; i < report.size(); ++i)
         if (report[i].state == State::kBound && m_bindings[i].state != State::kBound) return true;
     return false;
+}
+
+bool readsElementIndex(zel::Tree const& tree) {
+    return IndexFinder(tree).isFound();
 }
 
 }  // namespace command

@@ -39,4 +39,7 @@ private:
     std::vector<zel::Binding> m_bindings;
 };
 
+/// Whether a tree has nodes that read the element index without an object.
+bool readsElementIndex(zel::Tree const& tree);
+
 }  // namespace command

@@ -9,6 +9,8 @@
 
 #include <zel_exchange/output_file.h>
 
+#include "ranks.h"
+
 namespace command {
 
 Interrupts::Interrupts() {
@@ -45,8 +47,10 @@ void Interrupts::wait() {
     } while (signal == SIGUSR1);
     m_stop.request_stop();
     std::unique_lock lock(m_mutex);
-    if (m_changed.wait_for(lock, std::chrono::milliseconds(500), [&] { return m_isOver; })) return;
-    zel::abandonOutputFiles();
+    if (!m_endsAtOnce &&
+        m_changed.wait_for(lock, std::chrono::milliseconds(500), [&] { return m_isOver; }))
+        return;
+    abandonFiles();
     _exit(kInterrupted);
 }
 
@@ -80,8 +84,8 @@ std::string shortNumber(double number) {
     return text;
 }
 
-Progress::Progress(std::string unit)
-    : m_unit(std::move(unit)), m_isShown(isatty(STDERR_FILENO) == 1) {}
+Progress::Progress(std::string unit) : Progress(std::move(unit), isatty(STDERR_FILENO) == 1) {}
+Progress::Progress(std::string unit, bool isShown) : m_unit(std::move(unit)), m_isShown(isShown) {}
 
 Progress::~Progress() {
     if (m_isDrawn) std::fputs("\r\x1b[K", stderr);

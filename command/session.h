@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -30,11 +31,15 @@ public:
     ~Interrupts();
 
     std::stop_token token() const { return m_stop.get_token(); }
+    /// From now on a signal ends the program at once, since it waits for other processes, which
+    /// end, too.
+    void endAtOnce() { m_endsAtOnce = true; }
 
 private:
     void wait();
 
     std::stop_source m_stop;
+    std::atomic<bool> m_endsAtOnce = false;
     sigset_t m_signals{};
     std::mutex m_mutex;
     std::condition_variable m_changed;
@@ -43,11 +48,12 @@ private:
 };
 
 /// A line on the terminal with a bar, the rate and the time left, drawn anew a few times a second.
-/// Draws nothing if the error stream is no terminal.
+/// Draws nothing if the error stream is no terminal, unless `isShown` tells.
 class Progress {
 public:
     /// `unit` is the plural of what is counted.
     explicit Progress(std::string unit);
+    Progress(std::string unit, bool isShown);
     Progress(Progress const&) = delete;
     Progress& operator=(Progress const&) = delete;
     ~Progress();

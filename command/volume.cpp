@@ -1,96 +1,100 @@
-#include <array>
-#include <cmath>
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <stdexcept>
 
-#include <zel/field/evaluate.h>
-#include <zel_exchange/npy.h>
 #include <zel_exchange/suffix.h>
 #include <zel_exchange/vdb_write.h>
 
 #include "commands.h"
+#include "dense.h"
 #include "scene.h"
 #include "session.h"
+#include "shares.h"
 
 namespace command {
 
 namespace {
 
-using Orvane::Math::float3;
+constexpr int kStep = zel::VdbParts::kStep;
 
-/// Samples at low + i * voxel along each axis, the last axis fastest.
-class Lattice {
-public:
-    explicit Lattice(GridOptions const& options) : m_voxel(options.voxel) {
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            m_low[axis] = options.box[axis];
-            // A box of a whole number of voxels has samples on both faces, however it is rounded.
-            double const steps = std::floor((options.box[axis + 3] - m_low[axis]) / m_voxel + 1e-4);
-            constexpr double kMost = 1 << 30;
-            if (!(steps >= 0 && steps < kMost))
-                throw std::runtime_error("--box and --voxel give no array of samples, or more "
-                                         "than 2^30 along an axis");
-            m_counts[axis] = static_cast<std::uint64_t>(steps) + 1;
-        }
-    }
-
-    std::array<std::uint64_t, 3> const& counts() const { return m_counts; }
-    /// How many samples there are. Below 2^63, as npyHeader() demands of their bytes.
-    std::uint64_t size() const { return m_counts[0] * m_counts[1] * m_counts[2]; }
-
-    /// The positions of the samples from `first` on.
-    void positions(std::uint64_t first, std::span<float3> positions) const {
-        std::uint64_t k = first % m_counts[2];
-        std::uint64_t j = first / m_counts[2] % m_counts[1];
-        std::uint64_t i = first / m_counts[2] / m_counts[1];
-        for (float3& position : positions) {
-            position = {at(0, i), at(1, j), at(2, k)};
-            if (++k < m_counts[2]) continue;
-            k = 0;
-            if (++j < m_counts[1]) continue;
-            j = 0;
-            ++i;
-        }
-    }
-
-private:
-    float at(std::size_t axis, std::uint64_t i) const {
-        return static_cast<float>(m_low[axis] + static_cast<double>(i) * m_voxel);
-    }
-
-    double m_voxel;
-    std::array<double, 3> m_low{};
-    std::array<std::uint64_t, 3> m_counts{};
-};
-
-template <class Interface, class Value>
-void writeNpy(Interface const& field, VolumeOptions const& options, std::stop_token const& stop) {
-    Lattice const lattice(options.grid);
-    zel::NpyLayout layout;
-    layout.shape.assign(lattice.counts().begin(), lattice.counts().end());
-    if constexpr (std::is_same_v<Value, float3>) layout.shape.push_back(3);
-    zel::NpyWriter file(options.output, layout);
-    Progress progress("samples");
-    constexpr std::uint64_t kAtATime = 1 << 18;
-    std::vector<float3> positions;
-    std::vector<Value> values;
-    for (std::uint64_t first = 0; first < lattice.size(); first += kAtATime) {
-        auto const count = static_cast<std::size_t>(std::min(kAtATime, lattice.size() - first));
-        positions.resize(count);
-        values.resize(count);
-        lattice.positions(first, positions);
-        zel::EvaluateOptions how;
-        how.firstIndex = static_cast<long long>(first);
+/// Counts, for each layer of 8 voxels from `base` to `last` - 1, the coarse tiles that may contain
+/// a part of the band. Each rank looks for those of its part of the box.
+std::vector<double> weigh(zel::ScalarField const& field, VolumeOptions const& options, int base,
+                          int last, Ranks& ranks, std::stop_token const& stop) {
+    using Traits = zel::BinaryTraits;
+    auto const count = static_cast<std::uint64_t>(last - base);
+    // Tiles that are narrow enough for several a rank, and far wider than voxels.
+    constexpr std::uint64_t kTilesOfRank = 16;
+    int depth = Traits::kMaxDepth - 2;
+    while (count / static_cast<std::uint64_t>(Traits::tileWidth(depth)) >
+           kTilesOfRank * ranks.size())
+        --depth;
+    int const width = Traits::tileWidth(depth);
+    auto const part = splitByWeight(count, {}, ranks.size())[ranks.rank()];
+    auto const voxel = static_cast<float>(options.grid.voxel);
+    zel::Box box = boxOf(options.grid);
+    auto const at = [&](std::uint64_t layer) {
+        return static_cast<float>(base + static_cast<double>(layer)) * voxel;
+    };
+    box.low.x = std::max(box.low.x, at(part.first));
+    box.high.x = std::min(box.high.x, at(part.last));
+    std::vector<double> tiles((count + kStep - 1) / kStep);
+    if (box.low.x < box.high.x) {
+        zel::BuildOptions how;
+        how.maxDepth = depth;
         how.stop = stop;
-        evaluate(field, zel::PointView::of(positions), values, how);
-        file.write(std::span<Value const>(values));
-        progress(static_cast<std::size_t>(first) + count, static_cast<std::size_t>(lattice.size()));
+        auto const coarse =
+            zel::buildVolume<Traits>(field, box, voxel, *options.band, how).container;
+        for (long long i = 0; i < coarse->tileCount(depth); ++i) {
+            long long const tile = static_cast<long long>(coarse->tile(i, depth).tijk().x) - base;
+            auto const middle = static_cast<std::uint64_t>(std::max(tile + width / 2, 0LL));
+            if (middle < part.first || middle >= part.last) continue;  // of another rank, too
+            for (long long x = std::max(tile, 0LL); x < tile + width; x += kStep)
+                if (auto const layer = static_cast<std::size_t>(x / kStep); layer < tiles.size())
+                    tiles[layer] += 1;
+        }
     }
-    file.commit();
+    auto const all = ranks.gather(tiles);
+    for (std::size_t i = 0; i < all.size(); ++i)
+        if (i < tiles.size())
+            tiles[i] = all[i];
+        else
+            tiles[i % tiles.size()] += all[i];
+    return tiles;
 }
 
-void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& options,
+/// Makes the grid in layers along x, of equal weight for all ranks, and merges them at the root.
+void makeParts(zel::VdbParts& parts, zel::VdbField const& field, VolumeOptions const& options,
+               Ranks& ranks, std::stop_token const& stop) {
+    auto const range = parts.range();
+    int const base = range.first & -kStep;
+    std::vector<double> weights;
+    if (options.band) weights = weigh(*field.scalar, options, base, range.second, ranks, stop);
+    auto layers = splitByWeight(static_cast<std::uint64_t>(range.second - base), weights,
+                                ranks.size(), kStep);
+    // The root has layers, to which those of the others are added.
+    std::stable_partition(layers.begin(), layers.end(),
+                          [](Range const& some) { return some.size() > 0; });
+    Range const own = layers[ranks.rank()];
+    if (own.size() > 0)
+        parts.make(std::max(range.first, base + static_cast<int>(own.first)),
+                   base + static_cast<int>(own.last));
+    if (ranks.isRoot()) {
+        for (std::size_t left = ranks.size() - 1; left > 0;) {
+            auto const piece = ranks.receive({});
+            if (piece.empty())
+                --left;
+            else
+                parts.add(piece);
+        }
+    } else {
+        for (std::vector<std::byte> piece; !(piece = parts.take()).empty();) ranks.send(piece);
+        ranks.send({});
+    }
+}
+
+void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& options, Ranks& ranks,
               std::stop_token const& stop) {
     zel::VdbField field;
     if (auto const* const scalar = std::get_if<zel::ScalarPtr>(&tree)) {
@@ -108,19 +112,32 @@ void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& op
         field.name = "vector";
     }
     if (!options.name.empty()) field.name = options.name;
-    Progress progress("samples");
+    std::string temporary;
+    Progress progress("samples", ranks.showsProgress());
     zel::WriteVdbOptions how;
     how.band = options.band;
     how.half = options.half;
     how.stop = stop;
     how.progress = progress.function();
-    zel::writeVdb(options.output, {field}, boxOf(options.grid),
-                  static_cast<float>(options.grid.voxel), how);
+    zel::VdbParts parts(options.output, {field}, boxOf(options.grid),
+                        static_cast<float>(options.grid.voxel), how);
+    if (ranks.isRoot()) temporary = parts.begin().string();
+    temporary = ranks.fromRoot(temporary);
+    if (!ranks.isRoot()) guardFile(temporary);
+    // The element indices of a part are not those of the whole.
+    if (!ranks.isAlone() && parts.isDivisible() && !readsElementIndex(tree)) {
+        makeParts(parts, field, options, ranks, stop);
+    } else if (ranks.isRoot()) {
+        auto const range = parts.range();
+        parts.make(range.first, range.second);
+    }
+    if (ranks.isRoot()) parts.write();
 }
 
 }  // namespace
 
-void volume(VolumeOptions const& options, std::stop_token const& stop) {
+void volume(VolumeOptions const& options, Ranks& ranks, std::stop_token const& stop) {
+    expectFiles(ranks, std::span(&options.scene.scene, 1));
     auto const suffix = zel::detail::lowerSuffix(options.output);
     if (suffix != ".npy" && suffix != ".vdb")
         throw std::runtime_error(options.output + ": a volume is written as .vdb or .npy");
@@ -130,11 +147,9 @@ void volume(VolumeOptions const& options, std::stop_token const& stop) {
     Scene const scene(options.scene);
     zel::Tree const tree = scene.complete();
     if (suffix == ".vdb")
-        writeVdb(scene, tree, options, stop);
-    else if (auto const* const scalar = std::get_if<zel::ScalarPtr>(&tree))
-        writeNpy<zel::ScalarField, float>(**scalar, options, stop);
+        writeVdb(scene, tree, options, ranks, stop);
     else
-        writeNpy<zel::VectorField, float3>(*std::get<zel::VectorPtr>(tree), options, stop);
+        writeDense(tree, options, ranks, stop);
 }
 
 }  // namespace command

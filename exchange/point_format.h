@@ -33,6 +33,10 @@ public:
     /// Reads at most `most` rows, a target for each column. Returns fewer only at the end. Throws
     /// FileError.
     virtual std::size_t read(std::span<ColumnTarget const> targets, std::size_t most) = 0;
+    /// Passes over at most `most` rows. Returns fewer only at the end. Throws FileError.
+    virtual std::size_t skipRows(std::size_t most) {
+        return read(std::vector<ColumnTarget>(columns.size()), most);
+    }
 
     std::vector<std::string> columns;
     std::optional<std::uint64_t> count;  // of rows, if the file tells

@@ -39,6 +39,11 @@ public:
         done += most;
         return most;
     }
+    std::size_t skipRows(std::size_t most) override {
+        most = static_cast<std::size_t>(std::min<std::uint64_t>(most, *count - done));
+        done += most;
+        return most;
+    }
 
 private:
     NpyArray array;
@@ -199,6 +204,12 @@ bool PointReader::read(PointChunk& chunk) {
     state.done += count;
     chunk.count = count;
     return count > 0;
+}
+
+std::uint64_t PointReader::skip(std::uint64_t count) {
+    auto const skipped = m_state->rows->skipRows(static_cast<std::size_t>(count));
+    m_state->done += skipped;
+    return skipped;
 }
 
 Orvane::Object objectOf(PointChunk const& chunk) {

@@ -187,5 +187,10 @@ void PointWriter::write(std::span<float3 const> positions,
 void PointWriter::commit() {
     m_state->commit();
 }
+std::filesystem::path PointWriter::temporaryPath() const {
+    auto const* const output = m_state->file ? &*m_state->file : nullptr;
+    return output == nullptr || output->isDirect() ? std::filesystem::path()
+                                                   : output->temporaryPath();
+}
 
 }  // namespace zel

@@ -83,6 +83,9 @@ public:
     /// a point; the chunk is then empty, and the reader must not be used again. Throws
     /// std::invalid_argument for a chunk of another reader.
     bool read(PointChunk& chunk);
+    /// Passes over the next points, in a .npy file without reading them. Returns fewer than `count`
+    /// only at the end. Throws FileError.
+    std::uint64_t skip(std::uint64_t count);
 
 private:
     struct State;
@@ -155,6 +158,9 @@ public:
                std::initializer_list<PointData> columns);
     /// Puts the file under its name. Throws FileError.
     void commit();
+    /// That of a table or a .ply file: see OutputFile. Empty for a .npy file, and for a file that
+    /// is written directly.
+    std::filesystem::path temporaryPath() const;
 
 private:
     struct State;

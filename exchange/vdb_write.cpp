@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <limits>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -12,6 +16,7 @@
 #include "error.h"
 #include "output_file.h"
 #include "vdb_archive.h"
+#include "vdb_pieces.h"
 #include "vdb_tiles.h"
 #include "zel/field/evaluate.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
@@ -46,7 +51,8 @@ std::array<float, 3> components(float3 const& value) {
 struct Target {
     std::filesystem::path const& path;
     WriteVdbOptions const& options;
-    openvdb::GridCPtrVec grids{};
+    openvdb::GridPtrVec grids{};
+    std::optional<OutputFile> output{};
 
     Target(std::filesystem::path const& path_, WriteVdbOptions const& options_)
         : path(path_), options(options_) {
@@ -87,21 +93,27 @@ struct Target {
         grids.push_back(grid);
     }
 
-    void write() const {
+    void begin() {
+        output.emplace(path);
+        if (output->isDirect())
+            throw FileError(path.string(), {}, "is no regular file, which OpenVDB needs");
+    }
+
+    void write() {
+        if (!output) begin();
         openvdb::MetaMap metadata;
         metadata.insertMeta("creator", openvdb::StringMetadata(options.creator));
         for (auto const& [name, value] : options.metadata)
             metadata.insertMeta(name, openvdb::StringMetadata(value));
-        OutputFile output(path);
-        if (output.isDirect())
-            throw FileError(path.string(), {}, "is no regular file, which OpenVDB needs");
         try {
-            openvdb::io::File(output.temporaryPath().string()).write(grids, metadata);
+            openvdb::io::File(output->temporaryPath().string()).write(grids, metadata);
         } catch (openvdb::Exception const& error) {
             throw FileError(path.string(), {}, std::string("cannot be written: ") + error.what());
         }
-        checkComplete(output.temporaryPath());
-        output.commit();
+        checkComplete(output->temporaryPath());
+        std::string const header = headerOf(output->temporaryPath());
+        output->rewriteBegin(std::as_bytes(std::span(header)));
+        output->commit();
     }
 
 private:
@@ -117,6 +129,37 @@ private:
         } catch (FileError const&) {
         }
         throw FileError(path.string(), {}, "cannot be written completely");
+    }
+
+    /// The bytes of a file to the end of its UUID, which OpenVDB chose at random, with a UUID that
+    /// is a hash of all the bytes after it.
+    static std::string headerOf(std::filesystem::path const& written) {
+        constexpr std::size_t kBefore = 21, kSize = 36;
+        FileView const view(written);
+        auto const rest = view.bytes().subspan(kBefore + kSize);
+        return std::string(view.bytes().data(), kBefore) + uuidOf(rest);
+    }
+
+    /// A UUID of version 8: 122 bits that depend on all bytes. SHA-1 would take as long as the rest
+    /// of writing.
+    static std::string uuidOf(std::span<char const> bytes) {
+        std::uint64_t a = bytes.size(), b = ~a;
+        for (std::size_t i = 0; i < bytes.size(); i += sizeof a) {
+            std::uint64_t word = 0;
+            std::memcpy(&word, &bytes[i], std::min(sizeof word, bytes.size() - i));
+            a = (a ^ word) * 0x9E3779B97F4A7C15;
+            a ^= a >> 32;
+            b = (std::rotl(b, 29) + word) * 0xC2B2AE3D27D4EB4F;
+            b ^= b >> 31;
+        }
+        a ^= std::rotl(b, 32);
+        char text[40];
+        std::snprintf(text, sizeof text, "%08x-%04x-8%03x-%04x-%012llx",
+                      static_cast<unsigned>(a >> 32), static_cast<unsigned>(a >> 16 & 0xFFFF),
+                      static_cast<unsigned>(a & 0xFFF),
+                      static_cast<unsigned>(b >> 48 & 0x3FFF) | 0x8000U,
+                      static_cast<unsigned long long>(b & 0xFFFFFFFFFFFF));
+        return text;
     }
 };
 
@@ -155,11 +198,32 @@ void checkActive(Target const& target, std::string const& name, GridOf<T> const&
     }
 }
 
+/// The indices of the voxels of a part along x.
+struct Layers {
+    int first, last;  // and the one after the last
+};
+
 class FieldWriter {
 public:
-    FieldWriter(Target& target, Box const& box, float voxelSize)
-        : m_target(target), m_box(box), m_voxelSize(voxelSize), m_voxels(voxelsIn(box, voxelSize)),
-          m_transform(transformOf(voxelSize)) {}
+    FieldWriter(Target& target, Box const& box, float voxelSize, Layers const& layers)
+        : m_target(target), m_box(box), m_whole(box), m_voxelSize(voxelSize),
+          m_voxels(voxelsIn(box, voxelSize)), m_transform(transformOf(voxelSize)) {
+        // The tiles of the part alone are to meet its box.
+        constexpr float kFarthest = std::numeric_limits<float>::max();
+        auto const at = [&](int index) { return index * double{voxelSize}; };
+        if (layers.first > m_voxels.min().x()) {
+            m_box.low.x = static_cast<float>(at(layers.first));
+            if (double{m_box.low.x} < at(layers.first))
+                m_box.low.x = std::nextafter(m_box.low.x, kFarthest);
+        }
+        if (layers.last <= m_voxels.max().x()) {
+            m_box.high.x = static_cast<float>(at(layers.last));
+            if (double{m_box.high.x} >= at(layers.last))
+                m_box.high.x = std::nextafter(m_box.high.x, -kFarthest);
+        }
+        m_voxels.min().x() = std::max(m_voxels.min().x(), layers.first);
+        m_voxels.max().x() = std::min(m_voxels.max().x(), layers.last - 1);
+    }
 
     void run(std::vector<VdbField> const& fields) {
         auto const& options = m_target.options;
@@ -201,7 +265,20 @@ private:
         build.parallel = options.parallel;
         build.stop = options.stop;
         build.progress = options.progress;
+        build.minDepth = leastDepth();
         return buildVolume<BinaryTraits>(field, m_box, m_voxelSize, *options.band, build);
+    }
+
+    /// The default of buildVolume() for the whole box, from which the part's tree must not differ.
+    int leastDepth() const {
+        double edge = 0;
+        for (int axis = 0; axis < 3; ++axis)
+            edge = std::max(edge, double{m_whole.high[axis]} - double{m_whole.low[axis]});
+        int depth = 0;
+        while (depth < BinaryTraits::kMaxDepth &&
+               BinaryTraits::tileWidth(depth + 1) * double{m_voxelSize} >= 0.125 * edge)
+            ++depth;
+        return depth;
     }
 
     void addShape(VdbField const& field) {
@@ -311,7 +388,8 @@ private:
     }
 
     Target& m_target;
-    Box const& m_box;
+    Box m_box;  // of the part
+    Box const& m_whole;
     float m_voxelSize;
     CoordBBox m_voxels;
     openvdb::math::Transform::Ptr m_transform;
@@ -514,8 +592,24 @@ VdbVectorType vectorTypeOf(VdbGrid const& grid) {
 using detail::int3;
 using detail::Target;
 
-void writeVdb(std::filesystem::path const& path, std::vector<VdbField> const& fields,
-              Box const& box, float voxelSize, WriteVdbOptions const& options) {
+struct VdbParts::State {
+    State(std::filesystem::path path_, std::vector<VdbField> fields_, Box const& box_,
+          float voxelSize_, WriteVdbOptions options_)
+        : path(std::move(path_)), fields(std::move(fields_)), box(box_), voxelSize(voxelSize_),
+          options(std::move(options_)), target(path, options) {}
+
+    std::filesystem::path path;
+    std::vector<VdbField> fields;
+    Box box;
+    float voxelSize;
+    WriteVdbOptions options;
+    Target target;
+    std::optional<detail::VdbPieces> pieces;
+    bool isMerged = false;
+};
+
+VdbParts::VdbParts(std::filesystem::path path, std::vector<VdbField> fields, Box const& box,
+                   float voxelSize, WriteVdbOptions options) {
     detail::checkNames(fields);
     if (!(voxelSize > 0) || std::isinf(voxelSize))
         detail::refuse("a voxelSize of " + std::to_string(voxelSize));
@@ -533,9 +627,53 @@ void writeVdb(std::filesystem::path const& path, std::vector<VdbField> const& fi
             detail::refuse("level set " + detail::quoted(field.name) +
                            (field.scalar ? " needs a band" : " of a vector field"));
     }
-    Target target(path, options);
-    detail::FieldWriter(target, box, voxelSize).run(fields);
-    target.write();
+    m_state = std::make_unique<State>(std::move(path), std::move(fields), box, voxelSize,
+                                      std::move(options));
+}
+VdbParts::~VdbParts() = default;
+
+std::pair<int, int> VdbParts::range() const {
+    auto const voxels = detail::voxelsIn(m_state->box, m_state->voxelSize);
+    return {voxels.min().x(), voxels.max().x() + 1};
+}
+
+bool VdbParts::isDivisible() const {
+    auto const [first, last] = range();
+    return -(1 << 21) <= first && last <= 1 << 21;
+}
+
+void VdbParts::make(int first, int last) {
+    State& state = *m_state;
+    state.target.grids.clear();
+    detail::FieldWriter(state.target, state.box, state.voxelSize, {first, last}).run(state.fields);
+    state.pieces.emplace(state.target.grids);
+}
+
+std::vector<std::byte> VdbParts::take(std::size_t bytes) {
+    return m_state->pieces ? m_state->pieces->take(bytes) : std::vector<std::byte>();
+}
+
+void VdbParts::add(std::span<std::byte const> piece) {
+    detail::addVdbPiece(m_state->target.grids, piece);
+    m_state->isMerged = true;
+}
+
+std::filesystem::path VdbParts::begin() {
+    m_state->target.begin();
+    return m_state->target.output->temporaryPath();
+}
+
+void VdbParts::write() {
+    if (m_state->isMerged) detail::pruneGrids(m_state->target.grids);
+    m_state->target.write();
+}
+
+void writeVdb(std::filesystem::path const& path, std::vector<VdbField> const& fields,
+              Box const& box, float voxelSize, WriteVdbOptions const& options) {
+    VdbParts parts(path, fields, box, voxelSize, options);
+    auto const [first, last] = parts.range();
+    parts.make(first, last);
+    parts.write();
 }
 
 void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,

@@ -3,15 +3,19 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
+#include <span>
 #include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "zel/volume/build_volume.h"
 #include "zel_exchange/vdb.h"
 
 // Writes OpenVDB files of fields and of volumes. A file appears under its name when it is complete.
+// Equal grids and metadata make equal bytes: the file's UUID is a hash of them.
 namespace zel {
 
 enum class VdbClass {
@@ -77,6 +81,42 @@ struct WriteVdbOptions {
 ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path,
                                std::vector<VdbField> const& fields, Box const& box, float voxelSize,
                                WriteVdbOptions const& options = {});
+
+/// The grids of writeVdb(), made in parts, such as by several processes: each makes some layers of
+/// voxels, and one of them adds the others' parts, and writes the file. It has the same bytes,
+/// however many parts there are. One thread at a time may use an object.
+class ZEL_EXCHANGE_API VdbParts {
+public:
+    /// Layers begin at multiples of this many voxels.
+    static constexpr int kStep = 8;
+
+    /// Throws as writeVdb() does for its arguments.
+    VdbParts(std::filesystem::path path, std::vector<VdbField> fields, Box const& box,
+             float voxelSize, WriteVdbOptions options = {});
+    ~VdbParts();
+
+    /// The indices along x of the first voxel in the box, and of the one after the last.
+    std::pair<int, int> range() const;
+    /// Whether the box lies near enough to the origin to be made in more than one part: within 2^21
+    /// voxels along x.
+    bool isDivisible() const;
+    /// Makes the grids, of the voxels with indices along x from `first` to `last` - 1: multiples of
+    /// kStep, but for the ends of the range. Throws as writeVdb() does.
+    void make(int first, int last);
+    /// The next piece of the part that was made, of about `bytes`; empty after the last one.
+    std::vector<std::byte> take(std::size_t bytes = std::size_t{1} << 24);
+    /// Adds a piece of another part, from a process of the same program on such a machine.
+    void add(std::span<std::byte const> piece);
+    /// Makes the file, under the name that it has until it is complete, which is returned. Throws
+    /// FileError.
+    std::filesystem::path begin();
+    /// Writes the file, and puts it under its name. Throws FileError.
+    void write();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
 
 /// Writes back all grids of a volume that was read, in the place and of the class that it had.
 /// Voxels whose value is not the background are active; in a level set, those nearer to the surface

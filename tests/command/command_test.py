@@ -4,6 +4,7 @@ import json
 import os
 import pty
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -71,6 +72,19 @@ def png(path):
             image[y] = (row + (above if kind == 2 else 0)) % 256
     image = image.reshape(height, width, channels, bits // 8)
     return (image[..., 0] * 256 + image[..., 1] if bits == 16 else image[..., 0]).squeeze()
+
+
+def joins_ranks():
+    """Whether there is mpirun, and the program was built with MPI."""
+    if not shutil.which("mpirun"):
+        return False
+    result = subprocess.run([*mpirun(2), zel, "show", "none"], capture_output=True, text=True, timeout=60)
+    return "runs in one process" in result.stderr
+
+
+def mpirun(ranks):
+    return ["mpirun", "--oversubscribe", "--bind-to", "none", *(["--allow-run-as-root"] if os.getuid() == 0 else []),
+            "-n", str(ranks)]
 
 
 class Test(unittest.TestCase):
@@ -322,17 +336,91 @@ class Test(unittest.TestCase):
         with open("out.npy") as file:
             self.assertEqual(file.read(), "earlier")
 
+    @unittest.skipUnless(joins_ranks(), "needs mpirun, and a program with MPI")
+    def test_ranks_give_equal_bytes(self):
+        points = generator.normal(size=(200_001, 3)).astype("f4")
+        np.save("points.npy", points)
+        rows = np.column_stack([points[:70000], np.arange(70000)])
+        np.savetxt("points.csv", rows, fmt="%.9g", delimiter=",", header="x,y,z,mass", comments="")
+        stone = {"type": "ScalarFieldMultiply", "a": {"type": "FractalNoise", "octaves": 2}, "b": 0.2}
+        rough = scene("rough.json", {"type": "ScalarFieldAdd", "b": stone, "a": {"type": "ScalarFieldSphere", "radius": 1}})
+        turns = scene("turns.json", {"type": "VectorFieldConstantArray", "values": [[i, 0, 0] for i in range(1000)]})
+        mass = scene("mass.json", {"type": "ScalarGeoPropertyTriggered", "property": "mass"})
+        box = ["--box", "-1.31,-1.2,-1.2,1.3,1.2,1.2"]
+        cases = [
+            (["volume", rough, *box, "--voxel", 0.02], "npy", (3, 7)),
+            (["volume", turns, "--box", "0,0,0,9,1,1", "--voxel", 1], "npy", (7,)),  # ranks without work
+            (["volume", rough, *box, "--voxel", 0.02, "--band", 3], "vdb", (2, 7)),
+            (["volume", rough, *box, "--voxel", 0.04, "--band", 3, "--fog"], "vdb", (3,)),
+            (["volume", self.twist, *box, "--voxel", 0.06, "--half"], "vdb", (2,)),
+            (["volume", turns, "--box", "0,0,0,9,9,9", "--voxel", 1], "vdb", (2,)),
+            (["volume", self.ball, "--box", "0,0,0,9,1,1", "--voxel", 0.1, "--band", 3], "vdb", (7,)),
+            (["eval", self.twist, "points.npy", "points.csv", "--gradient"], "npy", (3,)),
+            (["eval", turns, "points.csv", "points.npy"], "npy", (2,)),
+            (["eval", mass, "points.csv", "points.csv"], "npy", (2,)),
+            (["eval", rough, "points.csv", "points.npy", "--gradient"], "csv", (3,)),
+        ]
+        for arguments, suffix, counts in cases:
+            run(*arguments, "-o", "alone." + suffix)
+            with open("alone." + suffix, "rb") as file:
+                wanted = file.read()
+            for ranks in counts:
+                together = [*mpirun(ranks), zel, "--threads", "1", *map(str, arguments), "-o", "together." + suffix]
+                result = subprocess.run(together, capture_output=True, text=True, timeout=120)
+                self.assertEqual((result.returncode, result.stderr), (0, ""), together)
+                with open("together." + suffix, "rb") as file:
+                    self.assertTrue(file.read() == wanted, together)
+                os.remove("together." + suffix)
+
+    @unittest.skipUnless(joins_ranks(), "needs mpirun, and a program with MPI")
+    def test_ranks_that_fail(self):
+        with open("points.csv", "w") as file:
+            file.write("x,y,z\n" + "1,2,3\n" * 150_000 + "1,2,abc\n")  # in a block that is not the root's
+        stone = scene("stone.json", {"type": "FractalNoise", "octaves": 200})
+        for message, arguments in (
+            ("no.json: cannot be opened", ["eval", "no.json", "points.csv", "-o", "out.npy"]),
+            ("points.csv: line 150002", ["eval", self.ball, "points.csv", "-o", "out.npy"]),
+            ("points.csv: line 150002", ["eval", self.ball, "points.csv", "-o", "out.csv"]),
+            ("show runs in one process", ["show", self.ball]),
+            ("standard input is read in one", ["eval", self.ball, "-"]),
+        ):
+            before = sorted(os.listdir())
+            result = subprocess.run([*mpirun(3), zel, *arguments], capture_output=True, text=True, timeout=60)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
+            self.assertEqual(len(re.findall("^zel: " + message, result.stderr, re.M)), 1, result.stderr)
+            self.assertEqual(result.stderr.count("zel: "), 1, result.stderr)
+            self.assertEqual(sorted(os.listdir()), before, arguments)
+
+        # A rank is killed, or mpirun is interrupted, while a file is written.
+        box = ["--box", "-9,-9,-9,9,9,9", "--voxel", "0.01"]
+        for extra, rank in (["-o", "out.npy"], 0), (["--band", "3", "-o", "out.vdb"], 1), (["-o", "out.npy"], None):
+            child = subprocess.Popen([*mpirun(2), zel, "volume", stone, *box, *extra], stderr=subprocess.DEVNULL)
+            while sorted(os.listdir()) == before:
+                self.assertIsNone(child.poll())
+                time.sleep(0.05)
+            time.sleep(0.3)  # the other rank hears of the file
+            if rank is None:
+                child.send_signal(signal.SIGINT)
+            else:
+                with open(f"/proc/{child.pid}/task/{child.pid}/children") as file:
+                    for pid in map(int, file.read().split()):
+                        with open(f"/proc/{pid}/environ") as environment:
+                            if f"OMPI_COMM_WORLD_RANK={rank}\0" in environment.read():
+                                os.kill(pid, signal.SIGKILL)
+            self.assertNotEqual(child.wait(timeout=30), 0)
+            self.assertEqual(sorted(os.listdir()), before, (extra, rank))
+
     def test_bar_on_terminals_alone(self):
         stone = scene("stone.json", {"type": "FractalNoise", "octaves": 60})
         np.save("points.npy", generator.normal(size=(400_000, 3)).astype("f4"))
         self.assertEqual(run("eval", stone, "points.npy", "-o", "out.npy").stderr, "")
-        master, slave = pty.openpty()
-        run("eval", stone, "points.npy", "-o", "out.npy", stderr=slave, stdout=subprocess.PIPE, capture_output=False)
-        os.close(slave)
-        shown = os.read(master, 1 << 16).decode()
-        os.close(master)
-        self.assertRegex(shown, r"\r\[#*\.*\] +\d+ %, [\d.]+ ?[kM]? points/s, \d+:\d\d left")
-        self.assertTrue(shown.endswith("\r\x1b[K"))
+        for before in [], mpirun(2) if joins_ranks() else []:
+            master, slave = pty.openpty()
+            subprocess.run([*before, zel, "eval", stone, "points.npy", "-o", "out.npy"], stderr=slave, check=True, timeout=300)
+            os.close(slave)
+            shown = os.read(master, 1 << 16).decode()
+            os.close(master)
+            self.assertRegex(shown, r"\A(\r\[#*\.*\] +\d+ %, [\d.]+ ?[kM]? points/s, \d+:\d\d left\x1b\[K)+\r\x1b\[K\Z")
 
     def test_manual_and_completion(self):
         with open(os.path.join(source, "command/zel.1")) as file:
