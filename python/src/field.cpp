@@ -8,13 +8,14 @@
 
 #include "errors.h"
 #include "field_types.h"
+#include "zel_scene/json.h"
 
 namespace zel::python {
 
 namespace {
 
-/// The most levels of a tree that is evaluated: the default of SceneLimits, which says why.
-constexpr std::uint32_t kMostLevels = 1000;
+/// The most levels of a tree that is evaluated; SceneLimits says why.
+constexpr std::uint32_t kMostLevels = SceneLimits().depth;
 
 /// The levels of a tree: the longest way down. Without recursion.
 std::uint32_t countLevels(Field const& root) {
