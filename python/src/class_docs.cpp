@@ -128,12 +128,13 @@ void addNodeClasses(py::module_& module) {
                                    : py::none()));
                 }
                 classes.append(py::make_tuple(one->name, one->isScalar,
-                                              std::string(commentOn(one->name)), parameters));
+                                              std::string(commentOn(one->name)), parameters,
+                                              one->chain != Chain::kNone, takesVolume(*one)));
             }
             return classes;
         },
-        "The node classes: (name, whether it is a scalar field, comment, parameters). A parameter "
-        "is\n"
+        "The node classes: (name, whether it is a scalar field, comment, parameters, whether its\n"
+        "function takes more operands than two, whether it takes a volume). A parameter is\n"
         "(name, kind, text of the default or None).");
 }
 
