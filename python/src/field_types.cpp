@@ -94,12 +94,14 @@ PyObject* compare(PyObject* a, PyObject* b, int operation) {
 
 // Attributes.
 
-PyObject* getParameter(PyObject* self, void* number) {
+PyObject* getParameter(PyObject* self, void* parameter) {
     return guardedObject([&] {
         NodeClass const& nodeClass = *classOf(Py_TYPE(self));
         std::vector<Value> values;
         nodeClass.read(rootOf(cast(self).tree), values);
-        return fromValue(values[reinterpret_cast<std::size_t>(number)], cast(self).attached)
+        auto const number =
+            static_cast<ParameterInfo const*>(parameter) - nodeClass.parameters.data();
+        return fromValue(values[static_cast<std::size_t>(number)], cast(self).attached)
             .release()
             .ptr();
     });
@@ -253,12 +255,11 @@ void makeNodeType(NodeClass const& nodeClass) {
     made.nodeClass = &nodeClass;
     made.name = "zel." + nodeClass.name;
     py::handle const base(reinterpret_cast<PyObject*>(bases.field));
-    for (std::size_t i = 0; i < nodeClass.parameters.size(); ++i) {
-        char const* const name = nodeClass.parameters[i].name.c_str();
+    for (ParameterInfo const& parameter : nodeClass.parameters) {
+        char const* const name = parameter.name.c_str();
         if (py::hasattr(base, name)) continue;  // to be found in `parameters` alone
-        made.attributes.push_back({name, getParameter, nullptr,
-                                   kindText(nodeClass.parameters[i].kind),
-                                   reinterpret_cast<void*>(i)});
+        made.attributes.push_back({name, getParameter, nullptr, kindText(parameter.kind),
+                                   const_cast<ParameterInfo*>(&parameter)});
     }
     made.attributes.push_back({});
     std::string const doc =
