@@ -4,6 +4,7 @@
 
 #include "arrays.h"
 #include "errors.h"
+#include "field_types.h"
 #include "interrupt.h"
 #include "tree_walk.h"
 #include "values.h"
@@ -204,9 +205,9 @@ bool hasFunction(Field const& root) {
 
 void registerFunctionNodes() {
     if (holderType) return;
-    static PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverseHolder)},
-                                  {Py_tp_clear, reinterpret_cast<void*>(clearHolder)},
-                                  {Py_tp_dealloc, reinterpret_cast<void*>(deallocateHolder)},
+    static PyType_Slot slots[] = {{Py_tp_traverse, slot(traverseHolder)},
+                                  {Py_tp_clear, slot(clearHolder)},
+                                  {Py_tp_dealloc, slot(deallocateHolder)},
                                   {0, nullptr}};
     static PyType_Spec spec{
         "zel._FunctionHolder", sizeof(FunctionHolder), 0,

@@ -221,10 +221,6 @@ PyTypeObject* makeType(PyType_Spec& spec, PyTypeObject* base) {
     return reinterpret_cast<PyTypeObject*>(made);
 }
 
-template <class Function> void* slot(Function* function) {
-    return reinterpret_cast<void*>(function);
-}
-
 PyTypeObject* makeFieldType() {
     std::vector<PyType_Slot> slots{
         {Py_tp_new, slot(newField)},        {Py_tp_dealloc, slot(deallocate)},
