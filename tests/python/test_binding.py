@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 import zel
+from conftest import raises
 
 ZEROS = np.zeros((5, 3))
 A = zel.scalar_geo_property_triggered("a")
@@ -135,7 +136,7 @@ def len_of_rows(xyz):
     return np.sqrt((xyz * xyz).sum(1))
 
 
-BAD = [
+test_errors_name_what_came = raises([
     (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
     (lambda: zel.Property(), TypeError, "values"),
     (lambda: A.bind(3), TypeError, "properties.*int 3"),
@@ -145,17 +146,12 @@ BAD = [
     (lambda: A.bind({"a": [[1, 2]]}), ValueError, "\\(n, 4\\).*\\(1, 2\\)"),
     (lambda: A.bind({"a": zel.Property([1], default="x")}), TypeError, "default.*'x'"),
     (lambda: A.bind({"a": zel.Property(np.array([1], "i1"), default=300)}), ValueError, "300"),
+    (lambda: A.bind({"a": zel.Property([1.0], default=10**400)}), ValueError, "default.*float64"),
+    (lambda: A.bind({"a": zel.Property(np.array([1], "f4"), default=1e39)}), ValueError, "1e\\+39"),
     (lambda: A.bind(targets={"t": [-1]}), ValueError, "-1"),
     (lambda: A.bind(targets={"t": [2**32]}), ValueError, "4294967296"),
     (lambda: A.bind(targets={"t": [0.5]}), TypeError, "integers"),
     (lambda: A.bind(indices=[[1]]), ValueError, "\\(1, 1\\)"),
     (lambda: A.bind({"Orvane::volume": [1]}), ValueError, "Orvane::volume"),
     (lambda: A.bind(metres_per_unit="x"), TypeError, "metres_per_unit"),
-]
-
-
-@pytest.mark.parametrize("case", range(len(BAD)))
-def test_errors_name_what_came(case):
-    call, error, text = BAD[case]
-    with pytest.raises(error, match=text):
-        call()
+])
