@@ -163,7 +163,7 @@ PyMethodDef methods[] = {
      "metres_per_unit: the length of a unit of positions, for leaves of volumes.\n"
      "strict: raise KeyError with all names that are missing. Else the attribute `bind_report` of\n"
      "    the result has them. A leaf that an earlier bind() bound, and for which this one has\n"
-     "    nothing, stays bound, and is bound in the report.\n\n"
+     "    nothing, keeps its binding, but counts as missing.\n\n"
      "Raises TypeError or ValueError for an argument that does not fit, which name it."},
     {"exact_gradients", method<exactGradients>, METH_NOARGS,
      "exact_gradients($self)\n--\n\n"
