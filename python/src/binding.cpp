@@ -5,6 +5,7 @@
 #include "callable.h"
 #include "errors.h"
 #include "interrupt.h"
+#include "object_types.h"
 #include "tree_walk.h"
 #include "zel_scene/bind.h"
 
@@ -107,7 +108,7 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
         if (strict != 0) raiseMissing(report);
         py::object made = wrap(tree, attached, original.levels);
         py::list list;
-        for (Binding const& one : report.bindings) list.append(py::cast(one));
+        for (Binding const& one : report.bindings) list.append(newObject(one));
         fieldOf(made).report = list.release().ptr();
         return made.release().ptr();
     });
@@ -129,31 +130,31 @@ py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, p
 }
 
 void addBinding(py::module_& module) {
-    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
-        return refuseNew("zel.Binding: bind() makes the lines of its report");
-    };
-    py::class_<Binding> type(module, "Binding",
-                             "What bind() did for a leaf that waits for an object.", py::is_final(),
-                             madeBy(make));
-    type.def_property_readonly(
-            "class_name", [](Binding const& self) { return self.className; },
-            "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.")
-        .def_property_readonly(
-            "name", [](Binding const& self) { return self.name; },
-            "The property or the channel that the leaf looks for.")
-        .def_property_readonly(
-            "is_bound", [](Binding const& self) { return self.state == Binding::State::kBound; },
-            "Whether this call has bound the leaf.")
-        .def_property_readonly("reason", &Binding::reason,
-                               "The state in words, such as 'no property \"density\"'.")
-        .def_property_readonly(
-            "path", [](Binding const& self) { return self.path(); },
-            "The way from the root, such as '/root/a/field'.")
-        .def("__repr__", [](Binding const& self) {
+    ObjectType<Binding> type(
+        module, "zel.Binding", "What bind() did for a leaf that waits for an object.",
+        [](PyTypeObject*, PyObject*, PyObject*) {
+            return refuseNew("zel.Binding: bind() makes the lines of its report");
+        });
+    type.attribute(
+        "class_name", +[](Binding const& self) { return self.className; },
+        "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.");
+    type.attribute(
+        "name", +[](Binding const& self) { return self.name; },
+        "The property or the channel that the leaf looks for.");
+    type.attribute(
+        "is_bound", +[](Binding const& self) { return self.state == Binding::State::kBound; },
+        "Whether this call has bound the leaf.");
+    type.attribute(
+        "reason", +[](Binding const& self) { return self.reason(); },
+        "The state in words, such as 'no property \"density\"'.");
+    type.attribute(
+        "path", +[](Binding const& self) { return self.path(); },
+        "The way from the root, such as '/root/a/field'.");
+    type.method(
+        "__repr__", +[](Binding const& self) {
             return "<zel.Binding " + self.path() + ": " + self.className + ": " + self.reason() +
                    '>';
         });
-    makeImmutable(type);
 }
 
 }  // namespace zel::python

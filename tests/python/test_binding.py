@@ -94,7 +94,8 @@ def test_objects_of_the_module():
         cls = type(one)
         assert cls is getattr(zel, cls.__name__) and cls.__module__ == "zel"
         # No object without a value, by whatever way.
-        for make in (cls, cls.__new__, object.__new__, cls.__base__.__new__, copyreg.__newobj__):
+        assert type(cls) is type and cls.__base__ is object
+        for make in (cls, cls.__new__, object.__new__, copyreg.__newobj__):
             with pytest.raises(TypeError):
                 make(*[cls] * (make is not cls))
         with pytest.raises(TypeError):
