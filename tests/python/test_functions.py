@@ -76,6 +76,14 @@ def test_exceptions_keep_their_type(function, error, text, count):
         assert raised.traceback[-1].name == "fail"
 
 
+def test_a_function_that_evaluates_its_tree():
+    tree = zel.field(lambda points: tree(points))
+    for _ in range(900):
+        tree = tree * 1.5
+    with pytest.raises(RecursionError, match="stack"):
+        tree(np.ones((256, 3)))
+
+
 def test_cycles_are_collected():
     class Function:
         def __call__(self, points):
