@@ -33,11 +33,14 @@ struct PropertyObject {
     }
 };
 
+/// A copy: the arrays that are made of the values may run code that changes the dict.
 py::dict dictOf(py::handle given, char const* where) {
     if (given.is_none()) return {};
     if (!PyMapping_Check(given.ptr()) || !py::hasattr(given, "items"))
         throw py::type_error(std::string(where) + ": wanted a dict, got " + shown(given));
-    return py::dict(py::reinterpret_borrow<py::object>(given));
+    py::dict copy;
+    if (PyDict_Update(copy.ptr(), given.ptr()) != 0) throw py::error_already_set();
+    return copy;
 }
 
 /// Indices of one dimension, not negative and no greater than `most`.
@@ -222,7 +225,7 @@ py::dict Source::state() const {
 
 std::shared_ptr<Source const> Source::fromState(py::dict const& state) {
     py::dict properties;
-    for (auto const& [name, value] : py::dict(state["properties"])) {
+    for (auto const& [name, value] : dictOf(state["properties"], "properties")) {
         py::tuple const parts = py::reinterpret_borrow<py::object>(value);
         properties[name] = newObject(PropertyObject{numbersOf(py::object(parts[0]), "properties"),
                                                     parts[1], parts[2].cast<std::string>()});

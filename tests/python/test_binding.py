@@ -133,6 +133,19 @@ def test_parts_that_were_bound_apart(xyz):
     assert unbound == A and len(pickle.dumps(unbound)) == len(pickle.dumps(A))
 
 
+def test_arrays_that_change_what_they_are_in():
+    class Odd:
+        def __array__(self, dtype=None):
+            given.clear()
+            return np.ones(5)
+
+    given = {name: Odd() for name in "abcdefgh"}
+    assert np.array_equal(A.bind(given)(ZEROS), [1] * 5)
+    state = dict(targets={}, volume=None, indices=None, metres_per_unit=None)
+    given = [(dict(state, properties={"a": (Odd(), None, "")}), [0]) for _ in range(8)]
+    assert np.array_equal(zel._zel._restore(A.dumps(), [], given)(ZEROS), [1] * 5)
+
+
 def len_of_rows(xyz):
     return np.sqrt((xyz * xyz).sum(1))
 
