@@ -199,7 +199,9 @@ bool toBool(py::handle object, std::string const& where) {
     bool const isBool = PyBool_Check(object.ptr()) ||
                         std::string_view(Py_TYPE(object.ptr())->tp_name).starts_with("numpy.bool");
     if (!isBool) refuse(where, "True or False", object);
-    return PyObject_IsTrue(object.ptr()) == 1;
+    int const isTrue = PyObject_IsTrue(object.ptr());
+    if (isTrue < 0) throw py::error_already_set();
+    return isTrue == 1;
 }
 
 std::int64_t toInteger(py::handle object, std::int64_t least, std::int64_t most,

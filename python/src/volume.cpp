@@ -390,9 +390,11 @@ py::object fromState(py::tuple const& state) {
     if (state.size() != 6) throw py::value_error("zel.Volume: the state has no 6 parts");
     Volume made = makeVolume(state[0].cast<float>(), state[1].cast<int>());
     made.extent = {toInts(state[2]), toInts(state[3])};
+    constexpr int kFlags = int{py::array::forcecast} | int{py::detail::npy_api::NPY_ARRAY_ALIGNED_};
+    using Corners = py::array_t<std::int32_t, kFlags>;
     int depth = 0;
     for (py::handle const corners : state[4]) {
-        auto const array = corners.cast<py::array_t<std::int32_t, py::array::forcecast>>();
+        auto const array = corners.cast<Corners>();
         if (array.ndim() != 2 || array.shape(1) != 3)
             throw py::value_error("zel.Volume: the state has no corners");
         auto const corner = array.unchecked<2>();
