@@ -214,6 +214,7 @@ void registerFunctionNodes() {
         Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
     PyObject* const made = PyType_FromSpec(&spec);
     if (!made) throw py::error_already_set();
+    makeImmutable(made);  // with a __new__, a program could make holders without a slot
     holderType = reinterpret_cast<PyTypeObject*>(made);
     registerNode<ScalarFieldFunction>(kScalarClass);
     registerNode<VectorFieldFunction>(kVectorClass);

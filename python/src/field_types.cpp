@@ -5,6 +5,7 @@
 #include <deque>
 #include <new>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "callable.h"
@@ -271,6 +272,17 @@ void makeNodeType(NodeClass const& nodeClass) {
     classesByType.emplace(made.type, &nodeClass);
 }
 
+/// Adds methods that are written in Python to zel.Field, once. From then on the bases are as they
+/// are: with another __new__, a program could make fields that have no tree.
+void completeBases(py::kwargs const& pythonMethods) {
+    static bool isComplete = false;
+    if (std::exchange(isComplete, true)) return;
+    py::handle const field(reinterpret_cast<PyObject*>(bases.field));
+    for (auto const& [name, method] : pythonMethods) py::setattr(field, name, method);
+    for (PyTypeObject* const type : {bases.field, bases.scalarField, bases.vectorField})
+        makeImmutable(reinterpret_cast<PyObject*>(type));
+}
+
 }  // namespace
 
 FieldTypes const& types() {
@@ -302,6 +314,7 @@ void addFieldTypes(py::module_& module) {
     add("Field", bases.field);
     add("ScalarField", bases.scalarField);
     add("VectorField", bases.vectorField);
+    module.def("_complete_bases", completeBases);
     for (NodeType const& one : nodeTypes)
         if (!isFunctionClass(*one.nodeClass)) add(one.nodeClass->name.c_str(), one.type);
 }

@@ -127,5 +127,4 @@ def _repr_svg_(self):
     return done.stdout.decode()
 
 
-_zel.Field._repr_svg_ = _repr_svg_
-_zel.Field.save = _save
+_zel._complete_bases(_repr_svg_=_repr_svg_, save=_save)

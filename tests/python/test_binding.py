@@ -2,6 +2,7 @@
 
 import copy
 import copyreg
+import gc
 import pickle
 import sys
 import weakref
@@ -105,6 +106,12 @@ def test_objects_of_the_module():
     sphere = zel.sphere()
     with pytest.raises(TypeError):
         sphere.__class__ = zel.ScalarFieldImplicitBox
+    (holder,) = gc.get_referents(gc.get_referents(zel.field(len))[-1])
+    for cls in (zel.Field, zel.ScalarField, zel.VectorField, zel.ScalarFieldSphere, type(holder)):
+        with pytest.raises(TypeError):
+            cls.__new__ = object.__new__
+        with pytest.raises(TypeError):
+            object.__new__(cls)
 
 
 def test_parts_that_were_bound_apart(xyz):
