@@ -30,8 +30,6 @@ TYPES = {
     "scalarField": ("_Scalar", "ScalarField"),
     "vectorField": ("_VectorLike", "VectorField"),
 }
-# Calls that need an argument of a kind, in order to learn what a function or a class accepts.
-EXAMPLES = {"scalarField": 1.0, "vectorField": (1.0, 0.0, 0.0), "string": "name"}
 
 
 def signatures(parameters, more=None, volume=False):
@@ -64,35 +62,11 @@ def docstring(text, indent=""):
     return textwrap.indent(body, indent)
 
 
-def takes_many(function, parameters):
-    """Whether a function of two operands also takes more of them."""
-    kinds = {kind for _, kind, _ in parameters}
-    if len(parameters) != 2 or len(kinds) != 1 or not kinds <= set(EXAMPLES):
-        return False
-    try:
-        function(*[EXAMPLES[kind] for kind in kinds for _ in range(3)])
-    except TypeError:
-        return False
-    return True
-
-
-def takes_volume(cls, parameters):
-    """Whether a class is bound to a volume by its constructor."""
-    given = {name: EXAMPLES.get(kind) for name, kind, default in parameters if default is None}
-    try:
-        cls(**given, volume=None)
-    except KeyError:
-        return True
-    except TypeError as error:
-        return "zel.Volume" in str(error)
-    return False
-
-
-def class_stub(name, is_scalar, parameters):
+def class_stub(name, is_scalar, parameters, volume):
     cls = getattr(zel, name)
     doc = docstring(inspect.getdoc(cls), "    ")
     lines = ["@final", f"class {name}({'Scalar' if is_scalar else 'Vector'}Field):", doc]
-    texts = signatures(parameters, volume=takes_volume(cls, parameters))
+    texts = signatures(parameters, volume=volume)
     stubs = [f"def __new__({', '.join(['cls', text]) if text else 'cls'}) -> Self: ..."
              for text in texts]
     lines += [textwrap.indent(stub, "    ") for stub in overloads(stubs)]
@@ -103,16 +77,14 @@ def class_stub(name, is_scalar, parameters):
 
 
 def function_stubs(name, class_names, classes):
-    function = getattr(zel, name)
     stubs, known = [], []
     for class_name in class_names:
-        _, _, comment, parameters = classes[class_name]
+        _, _, comment, parameters, chains, volume = classes[class_name]
         if parameters in known:  # the class before it is always chosen
             continue
         known.append(parameters)
-        more = TYPES[parameters[0][1]][0] if takes_many(function, parameters) else None
+        more = TYPES[parameters[0][1]][0] if chains else None
         doc = docstring(comment, "    ")
-        volume = takes_volume(getattr(zel, class_name), parameters)
         stubs += [f"def {name}({text}) -> {class_name}:" + (f"\n{doc}" if doc else " ...")
                   for text in signatures(parameters, more, volume)]
     return overloads(stubs)
@@ -155,8 +127,8 @@ def main():
     classes = {one[0]: one for one in zel._zel._node_classes()}
     functions = dict(zel._zel._functions)
     parts = [f'"""{inspect.cleandoc(zel.__doc__)}\n"""', with_docs((here / "stub_head.pyi").read_text())]
-    parts += [class_stub(name, is_scalar, parameters)
-              for name, is_scalar, _, parameters in classes.values() if hasattr(zel, name)]
+    parts += [class_stub(name, is_scalar, parameters, volume)
+              for name, is_scalar, _, parameters, _, volume in classes.values() if hasattr(zel, name)]
     names = {}  # the first name of each function
     for name, class_names in functions.items():
         if hasattr(zel, name):

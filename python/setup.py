@@ -17,7 +17,7 @@ from setuptools.command.build_ext import build_ext
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 GIVEN = os.environ.get("ZEL_BUILD_DIR")
 BUILD = pathlib.Path(GIVEN).resolve() if GIVEN else ROOT / "build" / "wheel"
-# For the files of setuptools, which would else be beside the sources.
+# Keeps the files of setuptools out of the sources.
 WORK = BUILD / "setuptools"
 OPTIONS = ["-DZEL_BUILD_PYTHON=ON", "-DZEL_BUILD_SCENE=ON", "-DZEL_BUILD_EXCHANGE=OFF",
            "-DZEL_BUILD_TESTS=OFF", "-DZEL_BUILD_BENCHMARKS=OFF", "-DZEL_BUILD_EXAMPLES=OFF",
@@ -28,7 +28,7 @@ class BuildByCMake(build_ext):
     def run(self):
         if not GIVEN:
             subprocess.run(["cmake", "--preset", "release", "-B", BUILD, *OPTIONS], cwd=ROOT, check=True)
-        # With no more than what is missing in a build tree that was given.
+        # A build tree that was given may be complete; then nothing is built.
         subprocess.run(["cmake", "--build", BUILD, "--parallel", str(os.cpu_count()), "--target",
                         "zel_python_stubs"], check=True)
         subprocess.run(["cmake", "--install", BUILD, "--component", "wheel", "--prefix",

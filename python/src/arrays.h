@@ -124,7 +124,7 @@ template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
         for (py::ssize_t i = 0; i < array.size(); ++i) (*made)[i] = bytes[i] != 0;
     } else if (array.size() > 0) {
         std::memcpy(static_cast<void*>(made->data()), array.data(),
-                    static_cast<std::size_t>(array.nbytes()));
+                    static_cast<std::size_t>(made->size()) * sizeof(T));
     }
     return made;
 }

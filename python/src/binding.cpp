@@ -5,6 +5,7 @@
 #include "callable.h"
 #include "errors.h"
 #include "interrupt.h"
+#include "object_types.h"
 #include "tree_walk.h"
 #include "zel_scene/bind.h"
 
@@ -14,22 +15,11 @@ namespace {
 
 constexpr char const* kCapsule = "zel.BoundLeaves";
 
-/// A line of the report of a field.
-struct ReportLine {
-    Binding binding;
-    bool isEarlier;  ///< bound to the object of an earlier call
-
-    bool isBound() const { return isEarlier || binding.state == Binding::State::kBound; }
-    std::string reason() const { return isEarlier ? "bound earlier" : binding.reason(); }
-};
-
-void raiseMissing(std::vector<ReportLine> const& report) {
+void raiseMissing(BindReport const& report) {
     std::set<std::string> reasons;
     py::list names;
-    for (ReportLine const& one : report) {
-        if (one.isBound()) continue;
-        if (reasons.insert(one.reason()).second) names.append(py::str(one.binding.name));
-    }
+    for (Binding const& one : report.unbound())
+        if (reasons.insert(one.reason()).second) names.append(py::str(one.name));
     if (reasons.empty()) return;
     std::string text = "unbound: ";
     for (std::string const& reason : reasons)
@@ -40,7 +30,7 @@ void raiseMissing(std::vector<ReportLine> const& report) {
     throw py::error_already_set();
 }
 
-/// The nodes of the lines of a report. The report numbers the nodes as a list does.
+/// The node of a line of a report, which numbers the nodes as a list does.
 Field const* nodeOf(Binding const& binding, NodeList const& list) {
     return binding.node < list.nodes().size() ? list.nodes()[binding.node] : nullptr;
 }
@@ -50,20 +40,6 @@ std::unordered_set<Field const*> boundNodes(NodeList const& list, BindReport con
         if (one.state == Binding::State::kBound && nodeOf(one, list))
             found.insert(nodeOf(one, list));
     return found;
-}
-
-/// A report in which the leaves that keep an earlier binding are bound.
-std::vector<ReportLine> linesOf(BindReport const& report, NodeList const& list,
-                                py::object const& attached) {
-    std::unordered_set<Field const*> bound;
-    for (py::handle const one : attached)
-        if (BoundLeaves const* const known = boundLeavesIn(one))
-            bound.insert(known->leaves.begin(), known->leaves.end());
-    std::vector<ReportLine> lines;
-    for (Binding const& one : report.bindings)
-        lines.push_back(
-            {one, one.state != Binding::State::kBound && bound.contains(nodeOf(one, list))});
-    return lines;
 }
 
 }  // namespace
@@ -129,11 +105,10 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
         NodeList const nodes(rootOf(tree));
         py::object const attached =
             attachedOfCopy(original, tree, source, boundNodes(nodes, report));
-        std::vector<ReportLine> const lines = linesOf(report, nodes, attached);
-        if (strict != 0) raiseMissing(lines);
+        if (strict != 0) raiseMissing(report);
         py::object made = wrap(tree, attached, original.levels);
         py::list list;
-        for (ReportLine const& one : lines) list.append(py::cast(one));
+        for (Binding const& one : report.bindings) list.append(newObject(one));
         fieldOf(made).report = list.release().ptr();
         return made.release().ptr();
     });
@@ -155,30 +130,31 @@ py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, p
 }
 
 void addBinding(py::module_& module) {
-    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
-        return refuseNew("zel.Binding: bind() makes the lines of its report");
-    };
-    py::class_<ReportLine> type(module, "Binding",
-                                "What bind() did for a leaf that waits for an object.",
-                                py::is_final(), madeBy(make));
-    type.def_property_readonly(
-            "class_name", [](ReportLine const& self) { return self.binding.className; },
-            "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.")
-        .def_property_readonly(
-            "name", [](ReportLine const& self) { return self.binding.name; },
-            "The property or the channel that the leaf looks for.")
-        .def_property_readonly("is_bound", &ReportLine::isBound,
-                               "Whether the leaf is bound, by this call or by an earlier one.")
-        .def_property_readonly("reason", &ReportLine::reason,
-                               "The state in words, such as 'no property \"density\"'.")
-        .def_property_readonly(
-            "path", [](ReportLine const& self) { return self.binding.path(); },
-            "The way from the root, such as '/root/a/field'.")
-        .def("__repr__", [](ReportLine const& self) {
-            return "<zel.Binding " + self.binding.path() + ": " + self.binding.className + ": " +
-                   self.reason() + '>';
+    ObjectType<Binding> type(
+        module, "zel.Binding", "What bind() did for a leaf that waits for an object.",
+        [](PyTypeObject*, PyObject*, PyObject*) {
+            return refuseNew("zel.Binding: bind() makes the lines of its report");
         });
-    makeImmutable(type);
+    type.attribute(
+        "class_name", +[](Binding const& self) { return self.className; },
+        "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.");
+    type.attribute(
+        "name", +[](Binding const& self) { return self.name; },
+        "The property or the channel that the leaf looks for.");
+    type.attribute(
+        "is_bound", +[](Binding const& self) { return self.state == Binding::State::kBound; },
+        "Whether this call has bound the leaf.");
+    type.attribute(
+        "reason", +[](Binding const& self) { return self.reason(); },
+        "The state in words, such as 'no property \"density\"'.");
+    type.attribute(
+        "path", +[](Binding const& self) { return self.path(); },
+        "The way from the root, such as '/root/a/field'.");
+    type.method(
+        "__repr__", +[](Binding const& self) {
+            return "<zel.Binding " + self.path() + ": " + self.className + ": " + self.reason() +
+                   '>';
+        });
 }
 
 }  // namespace zel::python

@@ -4,6 +4,7 @@
 
 #include "arrays.h"
 #include "errors.h"
+#include "field_types.h"
 #include "interrupt.h"
 #include "tree_walk.h"
 #include "values.h"
@@ -204,15 +205,16 @@ bool hasFunction(Field const& root) {
 
 void registerFunctionNodes() {
     if (holderType) return;
-    static PyType_Slot slots[] = {{Py_tp_traverse, reinterpret_cast<void*>(traverseHolder)},
-                                  {Py_tp_clear, reinterpret_cast<void*>(clearHolder)},
-                                  {Py_tp_dealloc, reinterpret_cast<void*>(deallocateHolder)},
+    static PyType_Slot slots[] = {{Py_tp_traverse, slot(traverseHolder)},
+                                  {Py_tp_clear, slot(clearHolder)},
+                                  {Py_tp_dealloc, slot(deallocateHolder)},
                                   {0, nullptr}};
     static PyType_Spec spec{
         "zel._FunctionHolder", sizeof(FunctionHolder), 0,
         Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
     PyObject* const made = PyType_FromSpec(&spec);
     if (!made) throw py::error_already_set();
+    makeImmutable(made);  // with a __new__, a program could make holders without a slot
     holderType = reinterpret_cast<PyTypeObject*>(made);
     registerNode<ScalarFieldFunction>(kScalarClass);
     registerNode<VectorFieldFunction>(kVectorClass);

@@ -1,6 +1,7 @@
 #include "class_docs.h"
 
 #include <algorithm>
+#include <charconv>
 #include <string_view>
 #include <vector>
 
@@ -34,36 +35,33 @@ char const* kindName(ValueKind kind) {
     constexpr char const* kNames[] = {
         "none",       "bool",   "integer", "float", "double",  "vector",      "quaternion",
         "unitVector", "string", "sampler", "curve", "vectors", "scalarField", "vectorField"};
+    static_assert(std::size(kNames) == std::variant_size_v<Value>);
     return kNames[static_cast<std::size_t>(kind)];
 }
 
+/// The shortest text that is read back to the same number.
+template <class Real> std::string numberText(Real number) {
+    char digits[40];
+    std::string text(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
+    bool const isInteger = text.find_first_not_of("-0123456789") == std::string::npos;
+    return isInteger ? text + ".0" : text;
+}
+
+/// A default value as Python writes it; "..." for one that is no literal.
 std::string defaultText(Value const& value) {
-    struct Text {
-        static std::string number(double v) {
-            std::string text = std::to_string(v);
-            while (text.back() == '0') text.pop_back();
-            return text + (text.back() == '.' ? "0" : "");
-        }
-        std::string operator()(bool v) const { return v ? "True" : "False"; }
-        std::string operator()(std::int64_t v) const { return std::to_string(v); }
-        std::string operator()(float v) const { return number(v); }
-        std::string operator()(double v) const { return number(v); }
-        std::string operator()(float3 const& v) const {
-            return '(' + number(v.x) + ", " + number(v.y) + ", " + number(v.z) + ')';
-        }
-        std::string operator()(Quern::String const& v) const {
-            return '\'' + std::string(v) + '\'';
-        }
-        std::string operator()(Orvane::Geometry::Query::SamplerType) const { return "'linear'"; }
-    };
-    return std::visit(
-        [](auto const& v) -> std::string {
-            if constexpr (requires { Text()(v); })
-                return Text()(v);
-            else
-                return "...";
-        },
-        value);
+    if (auto const* const number = std::get_if<float>(&value)) return numberText(*number);
+    if (auto const* const v = std::get_if<float3>(&value))
+        return '(' + numberText(v->x) + ", " + numberText(v->y) + ", " + numberText(v->z) + ')';
+    switch (kindOf(value)) {
+    case ValueKind::kBool:
+    case ValueKind::kInteger:
+    case ValueKind::kDouble:
+    case ValueKind::kString:
+    case ValueKind::kSampler:
+        return py::repr(fromValue(value, {}));
+    default:
+        return "...";
+    }
 }
 
 /// Whether the constructor alone binds a class, to a volume; other bound classes wait for bind().
@@ -130,12 +128,13 @@ void addNodeClasses(py::module_& module) {
                                    : py::none()));
                 }
                 classes.append(py::make_tuple(one->name, one->isScalar,
-                                              std::string(commentOn(one->name)), parameters));
+                                              std::string(commentOn(one->name)), parameters,
+                                              one->chain != Chain::kNone, takesVolume(*one)));
             }
             return classes;
         },
-        "The node classes: (name, whether it is a scalar field, comment, parameters). A parameter "
-        "is\n"
+        "The node classes: (name, whether it is a scalar field, comment, parameters, whether its\n"
+        "function takes more operands than two, whether it takes a volume). A parameter is\n"
         "(name, kind, text of the default or None).");
 }
 

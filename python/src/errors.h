@@ -45,15 +45,7 @@ std::string typeName(py::handle object);
 /// The same with a short form of the object: `str 'one'`.
 std::string shown(py::handle object);
 
-/// Lets `make` make all objects of a class that Python makes: the __new__ of pybind11 makes objects
-/// without a value, which no method may get.
-inline py::custom_type_setup madeBy(newfunc make) {
-    return py::custom_type_setup([make](PyHeapTypeObject* type) {
-        type->ht_type.tp_new = make;
-        type->ht_type.tp_init = [](PyObject*, PyObject*, PyObject*) { return 0; };
-    });
-}
-/// For classes whose objects come from functions alone; `error` names them.
+/// For types whose objects come from functions alone; `error` names them.
 PyObject* refuseNew(char const* error);
 /// Keeps a type as it is, and the type of its objects, which Python would let a program assign.
 void makeImmutable(py::handle type);

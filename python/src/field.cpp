@@ -1,6 +1,9 @@
 #include "field.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <cstddef>
 #include <new>
 #include <unordered_map>
 #include <unordered_set>
@@ -8,13 +11,33 @@
 
 #include "errors.h"
 #include "field_types.h"
+#include "zel_scene/json.h"
 
 namespace zel::python {
 
 namespace {
 
-/// The most levels of a tree that is evaluated: the default of SceneLimits, which says why.
-constexpr std::uint32_t kMostLevels = 1000;
+/// The most levels of a tree that is evaluated; SceneLimits says why.
+constexpr std::uint32_t kMostLevels = SceneLimits().depth;
+/// An evaluation needs up to 1.1 KB of the stack for each level, and some for the functions of
+/// Python that it calls.
+constexpr std::size_t kStackOfLevel = 2048, kLeastStack = 256 * 1024;
+
+/// The bytes of this thread's stack that are left.
+std::size_t stackLeft() {
+    thread_local std::uintptr_t const end = [] {
+        pthread_attr_t attributes;
+        void* lowest = nullptr;
+        std::size_t size = 0, guard = 0;
+        if (pthread_getattr_np(pthread_self(), &attributes) != 0) return std::uintptr_t{0};
+        pthread_attr_getstack(&attributes, &lowest, &size);
+        pthread_attr_getguardsize(&attributes, &guard);
+        pthread_attr_destroy(&attributes);
+        return reinterpret_cast<std::uintptr_t>(lowest) + guard;
+    }();
+    auto const here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+    return here > end ? here - end : 0;
+}
 
 /// The levels of a tree: the longest way down. Without recursion.
 std::uint32_t countLevels(Field const& root) {
@@ -90,11 +113,18 @@ std::uint32_t levelsOf(FieldObject& field) {
 
 void checkLevels(py::handle field) {
     std::uint32_t const levels = levelsOf(fieldOf(field));
-    if (levels <= kMostLevels) return;
-    PyErr_Format(PyExc_RecursionError,
-                 "zel: the tree has %u levels, and can be evaluated up to %u: zel.min and zel.max "
-                 "of many fields make flat trees, and sums can be written as sums of sums",
-                 levels, kMostLevels);
+    if (levels > kMostLevels)
+        PyErr_Format(PyExc_RecursionError,
+                     "zel: the tree has %u levels, and can be evaluated up to %u: zel.min and "
+                     "zel.max of many fields make flat trees, and sums can be written as sums of "
+                     "sums",
+                     levels, kMostLevels);
+    else if (stackLeft() < kLeastStack + levels * kStackOfLevel)
+        PyErr_SetString(PyExc_RecursionError,
+                        "zel: a Python function in a tree evaluates a tree, and so on, until the "
+                        "stack of the thread is used up");
+    else
+        return;
     throw py::error_already_set();
 }
 

@@ -44,7 +44,8 @@ py::object wrap(Tree tree, py::handle attached = {}, std::uint32_t levels = 0);
 
 /// The levels of a field's tree, counted when they are asked for first.
 std::uint32_t levelsOf(FieldObject& field);
-/// Throws RecursionError for a tree that has more levels than an evaluation may need the stack for.
+/// Throws RecursionError for a tree of more levels than an evaluation may use the stack for, or
+/// than what is left of this thread's stack is enough for.
 void checkLevels(py::handle field);
 
 /// Collects the attached objects of the fields that a new node is made of, and its levels.

@@ -5,6 +5,7 @@
 #include <deque>
 #include <new>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "callable.h"
@@ -94,12 +95,14 @@ PyObject* compare(PyObject* a, PyObject* b, int operation) {
 
 // Attributes.
 
-PyObject* getParameter(PyObject* self, void* number) {
+PyObject* getParameter(PyObject* self, void* parameter) {
     return guardedObject([&] {
         NodeClass const& nodeClass = *classOf(Py_TYPE(self));
         std::vector<Value> values;
         nodeClass.read(rootOf(cast(self).tree), values);
-        return fromValue(values[reinterpret_cast<std::size_t>(number)], cast(self).attached)
+        auto const number =
+            static_cast<ParameterInfo const*>(parameter) - nodeClass.parameters.data();
+        return fromValue(values[static_cast<std::size_t>(number)], cast(self).attached)
             .release()
             .ptr();
     });
@@ -161,7 +164,7 @@ PyMethodDef methods[] = {
      "metres_per_unit: the length of a unit of positions, for leaves of volumes.\n"
      "strict: raise KeyError with all names that are missing. Else the attribute `bind_report` of\n"
      "    the result has them. A leaf that an earlier bind() bound, and for which this one has\n"
-     "    nothing, stays bound, and is bound in the report.\n\n"
+     "    nothing, keeps its binding, but counts as missing.\n\n"
      "Raises TypeError or ValueError for an argument that does not fit, which name it."},
     {"exact_gradients", method<exactGradients>, METH_NOARGS,
      "exact_gradients($self)\n--\n\n"
@@ -219,10 +222,6 @@ PyTypeObject* makeType(PyType_Spec& spec, PyTypeObject* base) {
     return reinterpret_cast<PyTypeObject*>(made);
 }
 
-template <class Function> void* slot(Function* function) {
-    return reinterpret_cast<void*>(function);
-}
-
 PyTypeObject* makeFieldType() {
     std::vector<PyType_Slot> slots{
         {Py_tp_new, slot(newField)},        {Py_tp_dealloc, slot(deallocate)},
@@ -253,12 +252,11 @@ void makeNodeType(NodeClass const& nodeClass) {
     made.nodeClass = &nodeClass;
     made.name = "zel." + nodeClass.name;
     py::handle const base(reinterpret_cast<PyObject*>(bases.field));
-    for (std::size_t i = 0; i < nodeClass.parameters.size(); ++i) {
-        char const* const name = nodeClass.parameters[i].name.c_str();
+    for (ParameterInfo const& parameter : nodeClass.parameters) {
+        char const* const name = parameter.name.c_str();
         if (py::hasattr(base, name)) continue;  // to be found in `parameters` alone
-        made.attributes.push_back({name, getParameter, nullptr,
-                                   kindText(nodeClass.parameters[i].kind),
-                                   reinterpret_cast<void*>(i)});
+        made.attributes.push_back({name, getParameter, nullptr, kindText(parameter.kind),
+                                   const_cast<ParameterInfo*>(&parameter)});
     }
     made.attributes.push_back({});
     std::string const doc =
@@ -272,6 +270,17 @@ void makeNodeType(NodeClass const& nodeClass) {
     makeImmutable(reinterpret_cast<PyObject*>(made.type));
     typesByClass.emplace(&nodeClass, made.type);
     classesByType.emplace(made.type, &nodeClass);
+}
+
+/// Adds methods that are written in Python to zel.Field, once. From then on the bases are as they
+/// are: with another __new__, a program could make fields that have no tree.
+void completeBases(py::kwargs const& pythonMethods) {
+    static bool isComplete = false;
+    if (std::exchange(isComplete, true)) return;
+    py::handle const field(reinterpret_cast<PyObject*>(bases.field));
+    for (auto const& [name, method] : pythonMethods) py::setattr(field, name, method);
+    for (PyTypeObject* const type : {bases.field, bases.scalarField, bases.vectorField})
+        makeImmutable(reinterpret_cast<PyObject*>(type));
 }
 
 }  // namespace
@@ -305,6 +314,7 @@ void addFieldTypes(py::module_& module) {
     add("Field", bases.field);
     add("ScalarField", bases.scalarField);
     add("VectorField", bases.vectorField);
+    module.def("_complete_bases", completeBases);
     for (NodeType const& one : nodeTypes)
         if (!isFunctionClass(*one.nodeClass)) add(one.nodeClass->name.c_str(), one.type);
 }

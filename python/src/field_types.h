@@ -20,6 +20,10 @@ NodeClass const* classOf(PyTypeObject* type);
 /// Makes a node of a class by arguments as Python gives them.
 py::object construct(NodeClass const& nodeClass, py::args const& args, py::handle keywords);
 
+/// A function as the value of a PyType_Slot.
+template <class Function> void* slot(Function* function) {
+    return reinterpret_cast<void*>(function);
+}
 /// The slots of arithmetic operators, which end with an empty slot.
 PyType_Slot const* arithmeticSlots();
 

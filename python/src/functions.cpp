@@ -31,12 +31,15 @@ std::string namesOf(NodeClass const& nodeClass) {
     return names.empty() ? "no parameters" : "the parameters " + names;
 }
 
+[[noreturn]] void refuse(NodeClass const& nodeClass, std::string const& problem) {
+    throw py::type_error("zel." + nodeClass.name + ": " + problem);
+}
+
 Arguments argumentsOf(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
-    std::string const name = "zel." + nodeClass.name;
     auto const& parameters = nodeClass.parameters;
     if (args.size() > parameters.size())
-        throw py::type_error(name + ": got " + std::to_string(args.size()) +
-                             " arguments, and it has " + namesOf(nodeClass));
+        refuse(nodeClass, "got " + std::to_string(args.size()) + " arguments, and it has " +
+                              namesOf(nodeClass));
     Arguments found;
     found.values.resize(parameters.size());
     for (std::size_t i = 0; i < args.size(); ++i) found.values[i] = args[i];
@@ -50,10 +53,9 @@ Arguments argumentsOf(NodeClass const& nodeClass, py::args const& args, py::hand
             continue;
         }
         if (at == parameters.end())
-            throw py::type_error(name + ": no parameter " + word + "; it has " +
-                                 namesOf(nodeClass));
+            refuse(nodeClass, "no parameter " + word + "; it has " + namesOf(nodeClass));
         py::object& place = found.values[static_cast<std::size_t>(at - parameters.begin())];
-        if (place) throw py::type_error(name + ": " + word + " is given twice");
+        if (place) refuse(nodeClass, word + " is given twice");
         place = py::reinterpret_borrow<py::object>(value);
     }
     return found;
@@ -155,8 +157,7 @@ std::string shortName(std::string_view name) {
 }  // namespace
 
 py::object construct(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
-    if (isFunctionClass(nodeClass))
-        throw py::type_error("zel." + nodeClass.name + ": zel.field(function) makes such a field");
+    if (isFunctionClass(nodeClass)) refuse(nodeClass, "zel.field(function) makes such a field");
     Arguments const given = argumentsOf(nodeClass, args, keywords);
     Parts parts;
     std::vector<Value> values;
@@ -194,7 +195,7 @@ void addFunctions(py::module_& module) {
             names.append(one->name);
         }
         // In this form inspect.signature() finds the signature.
-        doc = name + signature + "\n--" + doc;
+        doc.insert(0, name + signature + "\n--");
         listed[py::str(name)] = names;
         module.attr(name.c_str()) = py::cpp_function(
             [all = candidates](py::args const& args, py::kwargs const& keywords) {

@@ -90,10 +90,6 @@ PyObject* positive(PyObject* a) {
     return a;
 }
 
-template <class Function> void* slot(Function* function) {
-    return reinterpret_cast<void*>(function);
-}
-
 }  // namespace
 
 PyType_Slot const* arithmeticSlots() {

@@ -2,6 +2,7 @@
 
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <limits>
 #include <unordered_map>
 
@@ -46,7 +47,10 @@ void bindLeaf(Field const& node, Source const& source, Replacer& replacer) {
     replacer.replaced.emplace(&node, nodeClass->make(values, source.object()));
 }
 
-py::object restore(std::string const& text, py::list const& functions, py::list const& bindings) {
+py::object restore(std::string const& text, py::object const& givenFunctions,
+                   py::object const& givenBindings) {
+    // Tuples: the arrays of a state may run code that changes a list.
+    py::tuple const functions(givenFunctions), bindings(givenBindings);
     SceneLimits limits;
     limits.bytes = limits.nodes = limits.depth = std::numeric_limits<std::size_t>::max();
     Tree tree = fromJson(text, limits);

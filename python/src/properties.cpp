@@ -7,6 +7,7 @@
 
 #include "arrays.h"
 #include "errors.h"
+#include "object_types.h"
 #include "values.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_platform/orvane_geometry_volume/object.h"
@@ -24,13 +25,22 @@ struct PropertyObject {
     py::array values;
     py::object defaultValue;
     std::string target;
+
+    int traverse(visitproc visit, void* arg) const {
+        Py_VISIT(values.ptr());
+        Py_VISIT(defaultValue.ptr());
+        return 0;
+    }
 };
 
+/// A copy: the arrays that are made of the values may run code that changes the dict.
 py::dict dictOf(py::handle given, char const* where) {
     if (given.is_none()) return {};
     if (!PyMapping_Check(given.ptr()) || !py::hasattr(given, "items"))
         throw py::type_error(std::string(where) + ": wanted a dict, got " + shown(given));
-    return py::dict(py::reinterpret_borrow<py::object>(given));
+    py::dict copy;
+    if (PyDict_Update(copy.ptr(), given.ptr()) != 0) throw py::error_already_set();
+    return copy;
 }
 
 /// Indices of one dimension, not negative and no greater than `most`.
@@ -82,7 +92,7 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
     }
 }
 
-PyObject* newProperty(PyObject* args, PyObject* keywords) {
+PyObject* newProperty(PyTypeObject* /*type*/, PyObject* args, PyObject* keywords) {
     static char const* const names[] = {"values", "default", "target", nullptr};
     PyObject *values = nullptr, *defaultValue = Py_None, *target = nullptr;
     if (!PyArg_ParseTupleAndKeywords(args, keywords, "O|OO:zel.Property", const_cast<char**>(names),
@@ -91,9 +101,9 @@ PyObject* newProperty(PyObject* args, PyObject* keywords) {
     return guardedObject([&] {
         if (target && !PyUnicode_Check(target))
             throw py::type_error("zel.Property: target: wanted a str, got " + shown(target));
-        return py::cast(PropertyObject{numbersOf(values, "zel.Property: values"),
-                                       py::reinterpret_borrow<py::object>(defaultValue),
-                                       target ? textOf(target) : std::string()})
+        return newObject(PropertyObject{numbersOf(values, "zel.Property: values"),
+                                        py::reinterpret_borrow<py::object>(defaultValue),
+                                        target ? textOf(target) : std::string()})
             .release()
             .ptr();
     });
@@ -124,8 +134,8 @@ void Source::addProperty(std::string const& name, py::handle given) {
     py::object defaultValue = py::none();
     std::string target;
     py::array array;
-    if (py::isinstance<PropertyObject>(given)) {
-        auto const& property = given.cast<PropertyObject const&>();
+    if (isObjectOf<PropertyObject>(given)) {
+        auto const& property = valueOf<PropertyObject>(given);
         array = property.values;
         defaultValue = property.defaultValue;
         target = property.target;
@@ -170,10 +180,10 @@ Source::Source(Parts const& parts) {
         m_targets.emplace_back(name, indices);
     }
     if (!parts.volume.is_none()) {
-        if (!py::isinstance<Volume>(parts.volume))
+        if (!isObjectOf<Volume>(parts.volume))
             throw py::type_error("volume: wanted a zel.Volume, got " + shown(parts.volume));
-        m_volume = parts.volume.cast<std::shared_ptr<Volume>>();
-        Orvane::Geometry::setVolume(m_object, m_volume->object());
+        m_volume = parts.volume;
+        Orvane::Geometry::setVolume(m_object, valueOf<Volume>(m_volume).object());
     }
     if (!parts.indices.is_none())
         m_indices = copied<long long>(
@@ -206,7 +216,7 @@ py::dict Source::state() const {
     for (auto const& [name, indices] : m_targets) targets[py::str(name)] = arrayOf(*indices);
     state["properties"] = properties;
     state["targets"] = targets;
-    state["volume"] = m_volume ? py::cast(m_volume) : py::none();
+    state["volume"] = m_volume;
     state["indices"] = m_indices ? py::object(arrayOf(*m_indices)) : py::none();
     state["metres_per_unit"] =
         m_metresPerUnit ? py::object(py::float_(*m_metresPerUnit)) : py::none();
@@ -215,45 +225,45 @@ py::dict Source::state() const {
 
 std::shared_ptr<Source const> Source::fromState(py::dict const& state) {
     py::dict properties;
-    for (auto const& [name, value] : py::dict(state["properties"])) {
+    for (auto const& [name, value] : dictOf(state["properties"], "properties")) {
         py::tuple const parts = py::reinterpret_borrow<py::object>(value);
-        properties[name] = PropertyObject{numbersOf(py::object(parts[0]), "properties"), parts[1],
-                                          parts[2].cast<std::string>()};
+        properties[name] = newObject(PropertyObject{numbersOf(py::object(parts[0]), "properties"),
+                                                    parts[1], parts[2].cast<std::string>()});
     }
     return std::make_shared<Source const>(Parts{properties, state["targets"], state["volume"],
                                                 state["indices"], state["metres_per_unit"]});
 }
 
 void addProperty(py::module_& module) {
-    auto const make = [](PyTypeObject*, PyObject* args, PyObject* keywords) {
-        return newProperty(args, keywords);
-    };
-    py::class_<PropertyObject> type(
-        module, "Property",
+    ObjectType<PropertyObject> type(
+        module, "zel.Property",
         "Property(values, default=None, target='')\n--\n\n"
         "An array to bind to, with a default value and a target: see Field.bind(). The default is\n"
         "the value of an index out of range. The target is the part of the object on whose "
         "elements\n"
         "the property is defined; its indices, if bind() gets any, choose the element.",
-        py::is_final(), madeBy(make));
-    type.def_readonly("values", &PropertyObject::values,
-                      "The array, of shape (n,), (n, 3) or (n, 4); bind() copies it.")
-        .def_readonly("default", &PropertyObject::defaultValue,
-                      "The value of an index out of range, or None: 0, and no rotation of "
-                      "quaternions.")
-        .def_readonly("target", &PropertyObject::target,
-                      "The target, or '' for the elements of the object itself.")
-        .def("__repr__",
-             [](PropertyObject const& self) {
-                 return "<zel.Property " + dtypeText(self.values) + ' ' + shapeText(self.values) +
-                        ", default=" + std::string(py::repr(self.defaultValue)) +
-                        ", target=" + std::string(py::repr(py::str(self.target))) + '>';
-             })
-        .def("__reduce__", [](PropertyObject const& self) {
-            return py::make_tuple(py::type::of<PropertyObject>(),
-                                  py::make_tuple(self.values, self.defaultValue, self.target));
+        newProperty);
+    type.attribute(
+        "values", +[](PropertyObject const& self) { return self.values; },
+        "The array, of shape (n,), (n, 3) or (n, 4); bind() copies it.");
+    type.attribute(
+        "default", +[](PropertyObject const& self) { return self.defaultValue; },
+        "The value of an index out of range, or None: 0, and no rotation of quaternions.");
+    type.attribute(
+        "target", +[](PropertyObject const& self) { return self.target; },
+        "The target, or '' for the elements of the object itself.");
+    type.method(
+        "__repr__", +[](PropertyObject const& self) {
+            return "<zel.Property " + dtypeText(self.values) + ' ' + shapeText(self.values) +
+                   ", default=" + std::string(py::repr(self.defaultValue)) +
+                   ", target=" + std::string(py::repr(py::str(self.target))) + '>';
         });
-    makeImmutable(type);
+    type.method(
+        "__reduce__", +[](PropertyObject const& self) {
+            return py::make_tuple(
+                py::handle(reinterpret_cast<PyObject*>(objectType<PropertyObject>)),
+                py::make_tuple(self.values, self.defaultValue, self.target));
+        });
 }
 
 }  // namespace zel::python

@@ -59,7 +59,7 @@ private:
     Orvane::Object m_object;
     std::vector<Property> m_properties;
     std::vector<std::pair<std::string, ArrayPtr<unsigned int>>> m_targets;
-    std::shared_ptr<Volume> m_volume;
+    py::object m_volume = py::none();  // written once where two sources share it
     Quern::Ptr<Quern::Array<long long>> m_indices;
     std::optional<float> m_metresPerUnit;
 };

@@ -57,7 +57,7 @@ py::object className(py::handle self) {
     NodeClass const* const nodeClass = findNodeClass(rootOf(fieldOf(self).tree));
     if (nodeClass) return fromText(nodeClass->name);
     Field const& root = rootOf(fieldOf(self).tree);
-    return fromText(typeNameOf(typeid(root)));
+    return fromText(std::string(typeNameOf(typeid(root))));
 }
 
 py::object parametersOf(py::handle self) {

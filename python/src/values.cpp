@@ -10,6 +10,7 @@
 
 #include "arrays.h"
 #include "errors.h"
+#include "object_types.h"
 #include "zel/field/math.h"
 #include "zel/node/transform.h"
 #include "zel/scalar/arithmetic.h"
@@ -198,7 +199,9 @@ bool toBool(py::handle object, std::string const& where) {
     bool const isBool = PyBool_Check(object.ptr()) ||
                         std::string_view(Py_TYPE(object.ptr())->tp_name).starts_with("numpy.bool");
     if (!isBool) refuse(where, "True or False", object);
-    return PyObject_IsTrue(object.ptr()) == 1;
+    int const isTrue = PyObject_IsTrue(object.ptr());
+    if (isTrue < 0) throw py::error_already_set();
+    return isTrue == 1;
 }
 
 std::int64_t toInteger(py::handle object, std::int64_t least, std::int64_t most,
@@ -277,7 +280,7 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
                           std::numeric_limits<std::int32_t>::max(), where));
         return static_cast<SamplerType>(numberOf(object, kSamplers, where));
     case ValueKind::kCurve:
-        if (py::isinstance<Curve>(object)) return object.cast<Curve const&>().curve;
+        if (isObjectOf<Curve>(object)) return valueOf<Curve>(object).curve;
         if (lengthOf(object) >= 0)
             return makeCurve(object, py::str("constant"), py::str("constant"));
         refuse(where, "a zel.Curve or a sequence of keys", object);
@@ -337,7 +340,7 @@ py::object fromValue(Value const& value, py::handle attached) {
             return py::int_(static_cast<int>(v));
         }
         py::object operator()(Quern::Ptr<FCurve> const& v) const {
-            return v ? py::cast(Curve{v}) : py::none();
+            return v ? newObject(Curve{v}) : py::none();
         }
         py::object operator()(Quern::Ptr<Quern::Array<float3>> const& v) const {
             return arrayOf(*v);
@@ -353,58 +356,57 @@ py::object fromValue(Value const& value, py::handle attached) {
 }
 
 void addCurve(py::module_& module) {
-    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
-        return refuseNew("zel.Curve: curves are made by zel.curve()");
-    };
-    py::class_<Curve> type(module, "Curve",
+    ObjectType<Curve> type(module, "zel.Curve",
                            "A piecewise function of one number, made by zel.curve().",
-                           py::is_final(), madeBy(make));
-    type.def(
-            "__call__",
-            [](Curve const& self, py::object const& x) {
-                return self.curve->evalFCurve(toDouble(x, "zel.Curve: x"));
-            },
-            py::arg("x"), "__call__(self, x)\n--\n\nThe value at a number.")
-        .def(
-            "slope",
-            [](Curve const& self, py::object const& x) {
-                return self.curve->slope(toDouble(x, "zel.Curve.slope: x"));
-            },
-            py::arg("x"), "slope(self, x)\n--\n\nThe derivative at a number.")
-        .def_property_readonly("keys", keysOf,
-                               "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
-                               "changes of the value for each unit of x.")
-        .def_property_readonly(
-            "before",
-            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); },
-            "How the curve continues before its first key: 'constant', 'linear', 'cycle' or\n"
-            "'cycleWithOffset'.")
-        .def_property_readonly(
-            "after",
-            [](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); },
-            "How the curve continues after its last key.")
-        .def("__repr__",
-             [](Curve const& self) {
-                 return "zel.curve(" + std::string(py::repr(keysOf(self))) + ", before='" +
-                        nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
-                        nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
-             })
-        .def("__eq__",
-             [](Curve const& self, py::object const& other) {
-                 if (!py::isinstance<Curve>(other))
-                     return py::reinterpret_borrow<py::object>(Py_NotImplemented);
-                 return py::object(
-                     py::bool_(partsOf(self).equal(partsOf(other.cast<Curve const&>()))));
-             })
-        .def("__hash__", [](Curve const& self) { return py::hash(partsOf(self)); })
-        .def("__reduce__", [](Curve const& self) {
+                           [](PyTypeObject*, PyObject*, PyObject*) {
+                               return refuseNew("zel.Curve: curves are made by zel.curve()");
+                           });
+    type.method(
+        "__call__",
+        +[](Curve const& self, py::handle x) {
+            return self.curve->evalFCurve(toDouble(x, "zel.Curve: x"));
+        },
+        py::arg("x"), "__call__(self, x)\n--\n\nThe value at a number.");
+    type.method(
+        "slope",
+        +[](Curve const& self, py::handle x) {
+            return self.curve->slope(toDouble(x, "zel.Curve.slope: x"));
+        },
+        py::arg("x"), "slope(self, x)\n--\n\nThe derivative at a number.");
+    type.attribute("keys", keysOf,
+                   "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
+                   "changes of the value for each unit of x.");
+    type.attribute(
+        "before",
+        +[](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); },
+        "How the curve continues before its first key: 'constant', 'linear', 'cycle' or\n"
+        "'cycleWithOffset'.");
+    type.attribute(
+        "after",
+        +[](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); },
+        "How the curve continues after its last key.");
+    type.method(
+        "__repr__", +[](Curve const& self) {
+            return "zel.curve(" + std::string(py::repr(keysOf(self))) + ", before='" +
+                   nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
+                   nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
+        });
+    type.method(
+        "__eq__", +[](Curve const& self, py::handle other) -> py::object {
+            if (!isObjectOf<Curve>(other))
+                return py::reinterpret_borrow<py::object>(Py_NotImplemented);
+            return py::bool_(partsOf(self).equal(partsOf(valueOf<Curve>(other))));
+        });
+    type.method(
+        "__hash__", +[](Curve const& self) { return py::hash(partsOf(self)); });
+    type.method(
+        "__reduce__", +[](Curve const& self) {
             return py::make_tuple(py::module_::import("zel").attr("_curve"), partsOf(self));
         });
-    makeImmutable(type);
     module.def(
         "curve",
         [](py::object const& keys, py::object const& before, py::object const& after) {
-            return Curve{makeCurve(keys, before, after)};
+            return newObject(Curve{makeCurve(keys, before, after)});
         },
         py::arg("keys"), py::arg("before") = "constant", py::arg("after") = "constant",
         "curve(keys, before='constant', after='constant')\n--\n\n"

@@ -7,11 +7,13 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "arrays.h"
 #include "errors.h"
 #include "field.h"
 #include "interrupt.h"
+#include "object_types.h"
 #include "values.h"
 
 namespace zel::python {
@@ -135,16 +137,15 @@ template <class T> T toOutside(py::handle object, char const* where) {
         return toFloat(object, std::string(where) + ": outside");
 }
 
-std::shared_ptr<Volume> makeVolume(float voxelSize, int offsetType) {
-    auto made = std::make_shared<Volume>();
-    made->tree = Quern::makePtr<Volume::Tree>(voxelSize);
-    made->topology = Quern::makePtr<Volume::Topology>(made->tree, offsetType);
+Volume makeVolume(float voxelSize, int offsetType) {
+    Volume made;
+    made.tree = Quern::makePtr<Volume::Tree>(voxelSize);
+    made.topology = Quern::makePtr<Volume::Topology>(made.tree, offsetType);
     return made;
 }
 
-std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& voxelSize,
-                                  py::object const& origin, py::object const& givenName,
-                                  py::object const& outside) {
+py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::object const& origin,
+                     py::object const& givenName, py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.from_numpy";
     std::string const name = toName(givenName, std::string(kWhere) + ": name");
     py::array array = floatsOf(given, std::string(kWhere) + ": array");
@@ -180,13 +181,13 @@ std::shared_ptr<Volume> fromNumpy(py::object const& given, py::object const& vox
         extent.size[axis] = static_cast<std::int32_t>(array.shape(axis));
         if (rounded == std::floor(rounded)) offsetType |= 1 << axis;
     }
-    auto made = makeVolume(size, offsetType);
-    made->extent = extent;
+    Volume made = makeVolume(size, offsetType);
+    made.extent = extent;
     if (isVector)
-        fillFrom(*made, name, toOutside<float3>(outside, kWhere), array);
+        fillFrom(made, name, toOutside<float3>(outside, kWhere), array);
     else
-        fillFrom(*made, name, toOutside<float>(outside, kWhere), array);
-    return made;
+        fillFrom(made, name, toOutside<float>(outside, kWhere), array);
+    return newObject(std::move(made));
 }
 
 /// The finest voxels that the tiles of the deepest depth cover.
@@ -206,10 +207,9 @@ Volume::Extent extentOf(Volume::Tree const& tree) {
     return {low, high + -low};
 }
 
-std::shared_ptr<Volume> fromField(py::object const& field, py::object const& box,
-                                  py::object const& voxelSize, py::object const& band,
-                                  py::object const& givenName, py::object const& outside,
-                                  py::object const& minDepth, py::object const& maxDepth) {
+py::object fromField(py::object const& field, py::object const& box, py::object const& voxelSize,
+                     py::object const& band, py::object const& givenName, py::object const& outside,
+                     py::object const& minDepth, py::object const& maxDepth) {
     constexpr char const* kWhere = "zel.Volume.from_field";
     std::string const name = toName(givenName, std::string(kWhere) + ": name");
     if (!isScalarField(field))
@@ -235,16 +235,16 @@ std::shared_ptr<Volume> fromField(py::object const& field, py::object const& box
         options.maxDepth = toCount(maxDepth, kDeepest, std::string(kWhere) + ": max_depth");
     options.outside = toFloat(outside, std::string(kWhere) + ": outside");
     auto const root = std::get<ScalarPtr>(fieldOf(field).tree);
-    auto made = std::make_shared<Volume>();
+    Volume made;
     interruptibly([&](std::stop_token const& stop) {
         options.stop = stop;
         auto const built = buildVolume<Traits>(*root, region, size, width, options);
-        made->tree = built.container;
-        made->topology = built.topology;
-        made->channels.push_back({name, built.channel});
-        made->extent = extentOf(*made->tree);
+        made.tree = built.container;
+        made.topology = built.topology;
+        made.channels.push_back({name, built.channel});
+        made.extent = extentOf(*made.tree);
     });
-    return made;
+    return newObject(std::move(made));
 }
 
 template <class T>
@@ -252,8 +252,8 @@ ORV::TileTree3D::Volume<Traits, T> partOf(Volume const& volume, Volume::Samples<
     return {volume.tree, volume.topology, samples};
 }
 
-std::shared_ptr<Volume> withField(Volume const& self, py::object const& givenName,
-                                  py::object const& field, py::object const& outside) {
+py::object withField(Volume const& self, py::object const& givenName, py::object const& field,
+                     py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.with_field";
     std::string const name = toName(givenName, std::string(kWhere) + ": name");
     if (!isField(field))
@@ -263,14 +263,14 @@ std::shared_ptr<Volume> withField(Volume const& self, py::object const& givenNam
     for (Volume::Channel const& one : self.channels)
         if (one.name == name)
             throw py::value_error(std::string(kWhere) + ": there is a channel '" + name + "'");
-    auto made = std::make_shared<Volume>(self);
+    Volume made = self;
     auto const build = [&](auto const& root, auto const& around) {
         interruptibly([&](std::stop_token const& stop) {
             FillOptions options;
             options.stop = stop;
             std::visit(
                 [&](auto const& samples) {
-                    made->channels.push_back(
+                    made.channels.push_back(
                         {name, buildVolume(partOf(self, samples), *root, around, options).channel});
                 },
                 self.channels.front().samples);
@@ -280,7 +280,7 @@ std::shared_ptr<Volume> withField(Volume const& self, py::object const& givenNam
         build(*scalar, toOutside<float>(outside, kWhere));
     else
         build(std::get<VectorPtr>(tree), toOutside<float3>(outside, kWhere));
-    return made;
+    return newObject(std::move(made));
 }
 
 int toDepth(Volume const& self, py::handle depth) {
@@ -386,18 +386,20 @@ int3 toInts(py::handle object) {
     return {v[0], v[1], v[2]};
 }
 
-std::shared_ptr<Volume> fromState(py::tuple const& state) {
+py::object fromState(py::tuple const& state) {
     if (state.size() != 6) throw py::value_error("zel.Volume: the state has no 6 parts");
-    auto made = makeVolume(state[0].cast<float>(), state[1].cast<int>());
-    made->extent = {toInts(state[2]), toInts(state[3])};
+    Volume made = makeVolume(state[0].cast<float>(), state[1].cast<int>());
+    made.extent = {toInts(state[2]), toInts(state[3])};
+    constexpr int kFlags = int{py::array::forcecast} | int{py::detail::npy_api::NPY_ARRAY_ALIGNED_};
+    using Corners = py::array_t<std::int32_t, kFlags>;
     int depth = 0;
     for (py::handle const corners : state[4]) {
-        auto const array = corners.cast<py::array_t<std::int32_t, py::array::forcecast>>();
+        auto const array = corners.cast<Corners>();
         if (array.ndim() != 2 || array.shape(1) != 3)
             throw py::value_error("zel.Volume: the state has no corners");
         auto const corner = array.unchecked<2>();
         for (py::ssize_t i = 0; i < array.shape(0); ++i)
-            if (made->tree->addTile(corner(i, 0), corner(i, 1), corner(i, 2), depth).tile != i)
+            if (made.tree->addTile(corner(i, 0), corner(i, 1), corner(i, 2), depth).tile != i)
                 throw py::value_error("zel.Volume: the state has tiles in another order");
         ++depth;
     }
@@ -405,15 +407,15 @@ std::shared_ptr<Volume> fromState(py::tuple const& state) {
         auto const channel = one.cast<py::tuple>();
         auto const name = channel[0].cast<std::string>();
         py::sequence const depths = channel[2];
-        if (static_cast<int>(depths.size()) != made->tree->depth() + 1)
+        if (static_cast<int>(depths.size()) != made.tree->depth() + 1)
             throw py::value_error("zel.Volume: the state has samples for other depths");
         if (isTriple(py::object(channel[1])))
-            restore<float3>(*made, name, toVector(py::object(channel[1]), name), depths);
+            restore<float3>(made, name, toVector(py::object(channel[1]), name), depths);
         else
-            restore<float>(*made, name, channel[1].cast<float>(), depths);
+            restore<float>(made, name, channel[1].cast<float>(), depths);
     }
-    made->object();  // throws if the parts do not fit
-    return made;
+    made.object();  // throws if the parts do not fit
+    return newObject(std::move(made));
 }
 
 std::string represent(Volume const& self) {
@@ -449,79 +451,83 @@ Volume::Channel const& Volume::channel(py::handle name) const {
 
 void addVolume(py::module_& module) {
     using namespace py::literals;
-    auto const make = [](PyTypeObject*, PyObject*, PyObject*) {
-        return refuseNew(
-            "zel.Volume: volumes are made by zel.Volume.from_numpy() and zel.Volume.from_field()");
-    };
-    py::class_<Volume, std::shared_ptr<Volume>> type(
-        module, "Volume",
+    ObjectType<Volume> type(
+        module, "zel.Volume",
         "Samples in voxels, in a tree of tiles that is fine where it has to be. A volume never\n"
         "changes, and is shared by the fields that are bound to it.",
-        py::is_final(), madeBy(make));
-    type.def_static(
-            "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
-            "outside"_a = py::none(),
-            "from_numpy(array, voxel_size, origin, *, name, outside=None)\n--\n\n"
-            "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
-            "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
-            "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
-            "find it. Around the array the value is `outside`, 0 by default. Raises TypeError or\n"
-            "ValueError, which name the argument.")
-        .def_static(
-            "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
-            "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(),
-            "max_depth"_a = py::none(),
-            "from_field(field, box, voxel_size, band, *, name='value', outside=0, min_depth=None, "
-            "max_depth=None)\n--\n\n"
-            "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
-            "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
-            "min_depth all tiles are made that meet the box; none is deeper than max_depth. "
-            "Raises\n"
-            "TypeError or ValueError, which name the argument, and KeyboardInterrupt.")
-        .def("with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
-             "with_field(self, name, field, outside=None)\n--\n\nA volume with one more channel, "
-             "of the values of a field at the samples of this one.")
-        .def("to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
-             "to_numpy(self, depth=None, name=None)\n--\n\n"
-             "The samples of all tiles of a depth, the deepest by default, as a dense array over "
-             "the\n"
-             "voxels of the volume; where there is no tile of the depth, the value outside. The "
-             "shape "
-             "is\n"
-             "(nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for a depth that "
-             "there\n"
-             "is not, KeyError for such a name.")
-        .def("origin", originOf, "depth"_a = py::none(),
-             "origin(self, depth=None)\n--\n\nThe place of the sample [0, 0, 0] of "
-             "to_numpy(depth).")
-        .def(
-            "tile_count",
-            [](Volume const& self, py::object const& depth) {
-                return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
-            },
-            "depth"_a = py::none(),
-            "tile_count(self, depth=None)\n--\n\nThe number of tiles of a depth, or of all.")
-        .def_property_readonly(
-            "names",
-            [](Volume const& self) {
-                std::vector<std::string> names;
-                for (auto const& one : self.channels) names.push_back(one.name);
-                return names;
-            },
-            "The names of the channels.")
-        .def_property_readonly(
-            "voxel_size", [](Volume const& self) { return self.tree->voxelSize(); },
-            "The width of the finest voxels, in the units of positions.")
-        .def_property_readonly(
-            "depth", [](Volume const& self) { return self.tree->depth(); },
-            "The deepest depth that has tiles.")
-        .def("__repr__", represent)
-        .def("__copy__", [](py::object const& self) { return self; })
-        .def("__deepcopy__", [](py::object const& self, py::object const&) { return self; })
-        .def("__reduce__", [](Volume const& self) {
+        [](PyTypeObject*, PyObject*, PyObject*) {
+            return refuseNew("zel.Volume: volumes are made by zel.Volume.from_numpy() and "
+                             "zel.Volume.from_field()");
+        });
+    type.staticMethod(
+        "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
+        "outside"_a = py::none(),
+        "from_numpy(array, voxel_size, origin, *, name, outside=None)\n--\n\n"
+        "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
+        "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
+        "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
+        "find it. Around the array the value is `outside`, 0 by default. Raises TypeError or\n"
+        "ValueError, which name the argument.");
+    type.staticMethod(
+        "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
+        "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(), "max_depth"_a = py::none(),
+        "from_field(field, box, voxel_size, band, *, name='value', outside=0, min_depth=None, "
+        "max_depth=None)\n--\n\n"
+        "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
+        "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
+        "min_depth all tiles are made that meet the box; none is deeper than max_depth. "
+        "Raises\n"
+        "TypeError or ValueError, which name the argument, and KeyboardInterrupt.");
+    type.method(
+        "with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
+        "with_field(self, name, field, outside=None)\n--\n\nA volume with one more channel, "
+        "of the values of a field at the samples of this one.");
+    type.method(
+        "to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
+        "to_numpy(self, depth=None, name=None)\n--\n\n"
+        "The samples of all tiles of a depth, the deepest by default, as a dense array over "
+        "the\n"
+        "voxels of the volume; where there is no tile of the depth, the value outside. The "
+        "shape "
+        "is\n"
+        "(nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for a depth that "
+        "there\n"
+        "is not, KeyError for such a name.");
+    type.method("origin", originOf, "depth"_a = py::none(),
+                "origin(self, depth=None)\n--\n\nThe place of the sample [0, 0, 0] of "
+                "to_numpy(depth).");
+    type.method(
+        "tile_count",
+        +[](Volume const& self, py::object const& depth) {
+            return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
+        },
+        "depth"_a = py::none(),
+        "tile_count(self, depth=None)\n--\n\nThe number of tiles of a depth, or of all.");
+    type.attribute(
+        "names",
+        +[](Volume const& self) {
+            std::vector<std::string> names;
+            for (auto const& one : self.channels) names.push_back(one.name);
+            return names;
+        },
+        "The names of the channels.");
+    type.attribute(
+        "voxel_size", +[](Volume const& self) { return self.tree->voxelSize(); },
+        "The width of the finest voxels, in the units of positions.");
+    type.attribute(
+        "depth", +[](Volume const& self) { return self.tree->depth(); },
+        "The deepest depth that has tiles.");
+    type.method("__repr__", represent);
+    type.method(
+        "__copy__", +[](py::handle self) { return py::reinterpret_borrow<py::object>(self); });
+    type.method(
+        "__deepcopy__", +[](py::handle self, py::handle /*memo*/) {
+            return py::reinterpret_borrow<py::object>(self);
+        });
+    type.method(
+        "__reduce__", +[](Volume const& self) {
             return py::make_tuple(py::module_::import("zel").attr("_volume"), stateOf(self));
         });
-    makeImmutable(type);
     module.def("_volume", [](py::args const& state) { return fromState(state); });
 }
 

@@ -69,8 +69,8 @@ def slice(field, plane="xy", size=512, *, low=(-1, -1), high=(1, 1), offset=0.0)
             a, b = (float(number) for number in given)
         except (TypeError, ValueError):
             raise TypeError(f"zel.slice: {name}: wanted two numbers, got {given!r}") from None
-        if not (np.isfinite(a) and np.isfinite(b)):
-            raise ValueError(f"zel.slice: {name}: wanted finite numbers, got {given!r}")
+        if not all(abs(number) <= np.finfo(np.float32).max for number in (a, b)):
+            raise ValueError(f"zel.slice: {name}: wanted finite numbers of float32, got {given!r}")
         return a, b
 
     def count(given):
@@ -127,5 +127,4 @@ def _repr_svg_(self):
     return done.stdout.decode()
 
 
-_zel.Field._repr_svg_ = _repr_svg_
-_zel.Field.save = _save
+_zel._complete_bases(_repr_svg_=_repr_svg_, save=_save)

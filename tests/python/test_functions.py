@@ -76,6 +76,14 @@ def test_exceptions_keep_their_type(function, error, text, count):
         assert raised.traceback[-1].name == "fail"
 
 
+def test_a_function_that_evaluates_its_tree():
+    tree = zel.field(lambda points: tree(points))
+    for _ in range(900):
+        tree = tree * 1.5
+    with pytest.raises(RecursionError, match="stack"):
+        tree(np.ones((256, 3)))
+
+
 def test_cycles_are_collected():
     class Function:
         def __call__(self, points):
@@ -113,7 +121,8 @@ def test_threads_evaluate_at_once(xyz):
     assert not failures
 
 
-def test_other_threads_run_meanwhile():
+@pytest.mark.parametrize("octaves, count", [(8, 300_000), (3000, 256)])
+def test_other_threads_run_meanwhile(octaves, count):
     ticks, done = [], threading.Event()
 
     def tick():
@@ -122,7 +131,7 @@ def test_other_threads_run_meanwhile():
 
     thread = threading.Thread(target=tick)
     thread.start()
-    zel.fractal_noise(octaves=8)(np.ones((300_000, 3)))
+    zel.fractal_noise(octaves=octaves)(np.ones((count, 3)))
     done.set()
     thread.join()
     assert len(ticks) > 3
@@ -151,6 +160,7 @@ def run(program, *args):
 
 
 @pytest.mark.parametrize("program, output", [
+    ("import sys, zel; print('numpy' in sys.modules)", "False\n"),
     # A thread evaluates while the interpreter ends.
     ("""
      import threading, time, numpy as np, zel
@@ -199,8 +209,3 @@ def run(program, *args):
 def test_the_interpreter(program, output):
     done = run(program)
     assert (done.stdout, done.returncode) == (output, 0), done.stderr
-
-
-def test_import_needs_no_numpy():
-    done = run("import sys, zel; print('numpy' in sys.modules)")
-    assert (done.stdout, done.stderr) == ("False\n", "")

@@ -8,6 +8,7 @@ import pytest
 from scipy import ndimage
 
 import zel
+from conftest import raises
 
 
 def sample(volume, sampler="linear", channel="d"):
@@ -80,7 +81,7 @@ def test_volumes_of_fields():
 
 
 OK = np.zeros((2, 2, 2))
-BAD = [
+test_errors_name_what_came = raises([
     (lambda: zel.Volume.from_numpy(OK, 0, (0, 0, 0), name="d"), ValueError, "voxel_size.*0"),
     (lambda: zel.Volume.from_numpy(OK, "a", (0, 0, 0), name="d"), TypeError, "voxel_size.*'a'"),
     (lambda: zel.Volume.from_numpy(OK, 1, (0.2, 0, 0), name="d"), ValueError, "multiples"),
@@ -107,12 +108,5 @@ BAD = [
     (lambda: zel.ScalarOrvane("x", volume=VOLUME), KeyError, "channel"),
     (lambda: zel.ScalarOrvaneTriggered("d", volume=VOLUME), TypeError, "bind"),
     (lambda: zel.sphere().bind(volume=3), TypeError, "zel.Volume.*int 3"),
-]
+])
 VOLUME = zel.Volume.from_numpy(OK, 1, (0, 0, 0), name="d")
-
-
-@pytest.mark.parametrize("case", range(len(BAD)))
-def test_errors_name_what_came(case):
-    call, error, text = BAD[case]
-    with pytest.raises(error, match=text):
-        call()
