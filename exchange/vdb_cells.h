@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vdb_source.h"
+#include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
 
 // Where the values of a VDB tree change. A box of 4 voxels along each axis is plain if the values
@@ -15,20 +16,6 @@
 // trilinear function is then constant in it. The boxes lie on multiples of 4, as the nodes of
 // OpenVDB do.
 namespace zel::detail {
-
-/// A box of 8 voxels along each axis, on multiples of 8, and which of its eight parts are not
-/// plain: bit x + 2y + 4z.
-struct VdbCell {
-    int3 corner;
-    std::uint8_t parts;
-};
-
-/// Thrown where a tree would exceed a limit.
-struct TooManyTiles {};
-/// Thrown for values beyond the lattice of a tile tree.
-struct OutsideLattice {
-    int3 at;
-};
 
 /// Compares by the order of a depth-first walk through an octree.
 inline bool isBeforeInOctree(int3 const& a, int3 const& b) {

@@ -4,8 +4,9 @@
 #include <limits>
 #include <type_traits>
 
+#include "vdb_archive.h"
+#include "vdb_cells.h"
 #include "vdb_tiles.h"
-#include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/volume_builder.h"
 
 // The definition of a VdbValues, for the source file of each type of value: the code takes long to
