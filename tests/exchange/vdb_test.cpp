@@ -112,6 +112,7 @@ TEST(ReadVdb, ReadsVectorsAndSeveralGridsOverOneTree) {
             }
             expectNear(ours, theirs, 4e-7F, at);
         }
+        EXPECT_EQ(volume.scalar("s")->eval({1e10F, 0, 0}, 0), vdb_grids::background(scalars));
         EXPECT_THROW(volume.vector("s"), std::invalid_argument);
     }
     // OpenVDB writes one tree for grids that share it.
