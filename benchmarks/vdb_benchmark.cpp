@@ -153,9 +153,9 @@ int main() {
     initialize();
     // Voxels whose size is a power of two, so that both find the same places in them.
     auto const ball = tools::createLevelSetSphere<FloatGrid>(1.0F, Vec3f(0), 1.0F / 128);
-    auto const fog = ball->deepCopy();
+    auto const fog = gridPtrCast<FloatGrid>(ball->deepCopyGrid());
     tools::sdfToFogVolume(*fog);
-    auto const vectors = Vec3SGrid::create();
+    auto const vectors = gridPtrCast<Vec3SGrid>(GridBase::createGrid(Vec3SGrid::gridType()));
     auto to = vectors->getAccessor();
     for (auto value = ball->cbeginValueOn(); value; ++value)
         to.setValueOn(value.getCoord(), Vec3s(*value, 1, -*value));

@@ -71,14 +71,22 @@ private:
     std::istream m_stream{&m_buffer};
 };
 
-}  // namespace
-
-void initializeVdb() {
-    openvdb::initialize();
+AffineMap indexToWorld(openvdb::math::Transform const& transform) {
+    auto const origin = transform.indexToWorld(openvdb::Vec3d(0, 0, 0));
+    AffineMap map;
+    for (int c = 0; c < 3; ++c) {
+        openvdb::Vec3d unit(0, 0, 0);
+        unit[c] = 1;
+        auto const column = transform.indexToWorld(unit) - origin;
+        for (int r = 0; r < 3; ++r)
+            map[static_cast<std::size_t>(r)][static_cast<std::size_t>(c)] = column[r];
+    }
+    for (int r = 0; r < 3; ++r) map[static_cast<std::size_t>(r)][3] = origin[r];
+    return map;
 }
 
-openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection> const& sections,
-                                   VdbSection const& section) {
+openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> const& sections,
+                                VdbSection const& section) {
     initializeVdb();
     auto const fail = [&](std::string const& message) {
         throw FileError(file.name(), gridPlace(section.name), message);
@@ -114,6 +122,18 @@ openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection>
         fail(std::string("damaged: ") + error.what());
     }
     return {};
+}
+
+}  // namespace
+
+void initializeVdb() {
+    openvdb::initialize();
+}
+
+VdbContent readVdbContent(FileView const& file, std::vector<VdbSection> const& sections,
+                          VdbSection const& section) {
+    auto const grid = readGrid(file, sections, section);
+    return {vdbValues(grid), indexToWorld(grid->transform())};
 }
 
 }  // namespace zel::detail

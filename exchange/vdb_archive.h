@@ -2,13 +2,16 @@
 
 #include <openvdb/Grid.h>
 
-#include "vdb_layout.h"
+#include <memory>
+
+#include "vdb_values.h"
 
 namespace zel::detail {
 
-/// Reads the grid of a section, with its voxels. Throws FileError.
-openvdb::GridBase::Ptr readVdbGrid(FileView const& file, std::vector<VdbSection> const& sections,
-                                   VdbSection const& section);
+/// The values of a grid; null for a type that is not read. Fills the inside of a level set if that
+/// is missing.
+std::unique_ptr<VdbValues> vdbValues(openvdb::GridBase::Ptr const& grid);
+std::unique_ptr<VdbValues> vdbVectorValues(openvdb::GridBase::Ptr const& grid);
 
 /// Makes the types of grids known to OpenVDB.
 void initializeVdb();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "vdb_source.h"
+#include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
 
 // Where the values of a VDB tree change. A box of 4 voxels along each axis is plain if the values
@@ -15,20 +16,6 @@
 // trilinear function is then constant in it. The boxes lie on multiples of 4, as the nodes of
 // OpenVDB do.
 namespace zel::detail {
-
-/// A box of 8 voxels along each axis, on multiples of 8, and which of its eight parts are not
-/// plain: bit x + 2y + 4z.
-struct VdbCell {
-    int3 corner;
-    std::uint8_t parts;
-};
-
-/// Thrown where a tree would exceed a limit.
-struct TooManyTiles {};
-/// Thrown for values beyond the lattice of a tile tree.
-struct OutsideLattice {
-    int3 at;
-};
 
 /// Compares by the order of a depth-first walk through an octree.
 inline bool isBeforeInOctree(int3 const& a, int3 const& b) {
@@ -89,12 +76,16 @@ private:
 
     /// What a box of 8 voxels along each axis holds.
     struct Entry {
-        Leaf const* leaf;
-        Value value;  ///< without a leaf
+        Value const* voxels;    ///< of a leaf; null without one
+        Value value;            ///< without a leaf
+        std::uint8_t constant;  ///< which parts of the leaf are of one value: see VdbCell::parts
     };
     using Table = std::vector<Entry>;  ///< of a block and the layer above its high faces
+    static int place(int3 const& at) { return at.x + kEdge * (at.y + kEdge * at.z); }
 
-    static int3 step(int direction) { return {direction & 1, direction >> 1 & 1, direction >> 2}; }
+    static constexpr int3 step(int direction) {
+        return {direction & 1, direction >> 1 & 1, direction >> 2};
+    }
     static int3 cornerOf(openvdb::Coord const& at) { return {at.x(), at.y(), at.z()}; }
 
     void sortBlocks() {
@@ -161,32 +152,12 @@ private:
 
     void scan(int3 const& corner, VdbSource<Tree>& source, Table& table,
               std::vector<VdbCell>& cells) {
-        Lower const* const node = source.template node<Lower>(corner);
-        if (!node && isPlainAround(corner, source)) return;
-        Entry* entry = table.data();
-        for (int z = 0; z < kEdge; ++z)
-            for (int y = 0; y < kEdge; ++y)
-                for (int x = 0; x < kEdge; ++x, ++entry) {
-                    if (node && x < kLeaves && y < kLeaves && z < kLeaves) {
-                        auto const slot = static_cast<openvdb::Index>(x << 8 | y << 4 | z);
-                        auto const& held = node->getTable()[slot];
-                        if (node->isChildMaskOn(slot))
-                            entry->leaf = held.getChild();
-                        else
-                            *entry = {nullptr, held.getValue()};
-                        continue;
-                    }
-                    int3 const at = corner + int3{x, y, z} * kLeaf;
-                    entry->leaf = source.leaf(at);
-                    if (!entry->leaf) entry->value = source.value(at);
-                }
+        if (!fill(corner, source, table)) return;
         long long parts = 0;
         for (std::uint32_t number = 0; number < kLeaves * kLeaves * kLeaves; ++number) {
             int3 const at{everyThirdBit(number), everyThirdBit(number >> 1),
                           everyThirdBit(number >> 2)};
-            int const place = at.x + kEdge * (at.y + kEdge * at.z);
-            std::uint8_t const mask =
-                notPlain(corner + at * kLeaf, source, &table[static_cast<std::size_t>(place)]);
+            std::uint8_t const mask = notPlain(&table[static_cast<std::size_t>(place(at))]);
             if (mask == 0) continue;
             cells.push_back({corner + at * kLeaf, mask});
             parts += std::popcount(mask);
@@ -194,14 +165,45 @@ private:
         if (m_parts.fetch_add(parts) + parts > m_limit) throw TooManyTiles{};
     }
 
-    /// Whether a block and those it touches are of one value.
-    bool isPlainAround(int3 const& corner, VdbSource<Tree>& source) {
-        Value const value = source.value(corner);
-        for (int direction = 1; direction < 8; ++direction) {
-            int3 const at = corner + step(direction) * kBlock;
-            if (source.template node<Lower>(at) || !isSame(source.value(at), value)) return false;
+    /// Fills the table of a block. False if the block and those it touches are of one value.
+    static bool fill(int3 const& corner, VdbSource<Tree>& source, Table& table) {
+        std::array<Lower const*, 8> nodes;
+        std::array<Value, 8> values;
+        bool plain = true;
+        for (unsigned direction = 0; direction < 8; ++direction) {
+            int3 const at = corner + step(static_cast<int>(direction)) * kBlock;
+            nodes[direction] = source.template node<Lower>(at);
+            values[direction] = source.value(at);
+            plain = plain && !nodes[direction] && isSame(values[direction], values[0]);
+        }
+        if (plain) return false;
+        for (unsigned direction = 0; direction < 8; ++direction) {
+            int3 const to = step(static_cast<int>(direction));
+            int3 at;
+            for (at.z = to.z * kLeaves; at.z < kLeaves + to.z; ++at.z)
+                for (at.y = to.y * kLeaves; at.y < kLeaves + to.y; ++at.y)
+                    for (at.x = to.x * kLeaves; at.x < kLeaves + to.x; ++at.x) {
+                        Entry& entry = table[static_cast<std::size_t>(place(at))];
+                        if (Lower const* const node = nodes[direction])
+                            fill(*node, at - to * kLeaves, entry);
+                        else
+                            entry = {nullptr, values[direction], 0};
+                    }
         }
         return true;
+    }
+    static void fill(Lower const& node, int3 const& at, Entry& entry) {
+        auto const slot = static_cast<openvdb::Index>(at.x << 8 | at.y << 4 | at.z);
+        auto const& held = node.getTable()[slot];
+        if (!node.isChildMaskOn(slot)) {
+            entry = {nullptr, held.getValue(), 0};
+            return;
+        }
+        entry.voxels = held.getChild()->buffer().data();
+        entry.constant = 0;
+        for (unsigned part = 0; part < 8; ++part)
+            if (VdbSource<Tree>::isConstantPart(entry.voxels + kOffsets[part]))
+                entry.constant |= static_cast<std::uint8_t>(1U << part);
     }
 
     static int everyThirdBit(std::uint32_t number) {
@@ -209,22 +211,19 @@ private:
                                 (number >> 6 & 8));
     }
 
-    std::uint8_t notPlain(int3 const& corner, VdbSource<Tree>& source, Entry const* entry) const {
+    static std::uint8_t notPlain(Entry const* entry) {
         unsigned across = 0xFF;  // the directions in which values may differ
-        if (!entry->leaf) {
+        if (!entry->voxels) {
             across = 0;
             for (int direction = 1; direction < 8; ++direction) {
-                int3 const to = step(direction);
-                Entry const& other = entry[to.x + kEdge * (to.y + kEdge * to.z)];
-                if (other.leaf || !isSame(other.value, entry->value)) across |= 1U << direction;
+                Entry const& other = entry[place(step(direction))];
+                if (other.voxels || !isSame(other.value, entry->value)) across |= 1U << direction;
             }
             if (across == 0) return 0;
         }
         unsigned mask = 0;
         for (unsigned part = 0; part < 8; ++part)
-            if ((across & kTouched[part]) != 0 &&
-                !source.template isConstant<5>(corner + step(static_cast<int>(part)) * 4))
-                mask |= 1U << part;
+            if ((across & kTouched[part]) != 0 && !isPlain(entry, part)) mask |= 1U << part;
         return static_cast<std::uint8_t>(mask);
     }
     /// By part of a box, the directions in which the part touches other boxes.
@@ -235,6 +234,33 @@ private:
                 if ((direction & part) == direction) touched[part] |= 1U << direction;
         return touched;
     }();
+    /// The places of a leaf's parts among its voxels.
+    static constexpr std::array<int, 8> kOffsets = [] {
+        std::array<int, 8> offsets{};
+        for (unsigned part = 0; part < 8; ++part)
+            offsets[part] = VdbSource<Tree>::offset(step(static_cast<int>(part)) * 4);
+        return offsets;
+    }();
+
+    static bool isPlain(Entry const* entry, unsigned part) {
+        if (entry->voxels && (entry->constant >> part & 1) == 0) return false;
+        Value const value = entry->voxels ? entry->voxels[kOffsets[part]] : entry->value;
+        for (unsigned direction = 1; direction < 8; ++direction) {
+            // The part in this direction lies in the next box along the axes of a carry.
+            Entry const& other = entry[place(step(static_cast<int>(part & direction)))];
+            unsigned const otherPart = part ^ direction;
+            if (!other.voxels) {
+                if (!isSame(other.value, value)) return false;
+                continue;
+            }
+            Value const* const first = other.voxels + kOffsets[otherPart];
+            if (!isSame(*first, value)) return false;
+            if ((other.constant >> otherPart & 1) != 0) continue;
+            int3 const thin = step(static_cast<int>(direction));
+            if (!VdbSource<Tree>::isSameBox(first, int3{4, 4, 4} - thin * 3, value)) return false;
+        }
+        return true;
+    }
 
     Tree const& m_tree;
     long long m_limit;

@@ -197,7 +197,9 @@ std::vector<VdbSection> vdbSections(FileView const& file) {
         section.shares = callerName(reader.text("the name of a grid's tree"));
         auto const least = static_cast<std::int64_t>(reader.at() + 3 * sizeof(std::int64_t));
         section.grid = checkedPlace(reader, least, size, "a grid");
-        checkedPlace(reader, section.grid, size, "the voxels of a grid");
+        // OpenVDB writes 0 for a grid that shares the tree of another one.
+        checkedPlace(reader, section.shares.empty() ? section.grid : 0, size,
+                     "the voxels of a grid");
         section.end = checkedPlace(reader, section.grid, size, "the end of a grid");
 
         Reader grid(file, section.grid, section.end);

@@ -32,7 +32,7 @@ openvdb::math::Transform::Ptr transformOf(float voxelSize) {
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
                                    openvdb::CoordBBox const& box,
                                    openvdb::math::Transform::Ptr const& transform) {
-    auto grid = openvdb::FloatGrid::create(band);
+    auto grid = makeGrid<openvdb::FloatGrid>(band);
     auto& tree = grid->tree();
     auto const& tiles = *volume.container;
     forEachUncovered<BinaryTraits, float>(

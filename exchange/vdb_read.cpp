@@ -7,8 +7,8 @@
 
 #include "affine_map.h"
 #include "error.h"
+#include "numbers.h"
 #include "vdb.h"
-#include "vdb_archive.h"
 #include "vdb_values.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 
@@ -208,20 +208,6 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
     }
 }
 
-AffineMap indexToWorld(openvdb::math::Transform const& transform) {
-    auto const origin = transform.indexToWorld(openvdb::Vec3d(0, 0, 0));
-    AffineMap map;
-    for (int c = 0; c < 3; ++c) {
-        openvdb::Vec3d unit(0, 0, 0);
-        unit[c] = 1;
-        auto const column = transform.indexToWorld(unit) - origin;
-        for (int r = 0; r < 3; ++r)
-            map[static_cast<std::size_t>(r)][static_cast<std::size_t>(c)] = column[r];
-    }
-    for (int r = 0; r < 3; ++r) map[static_cast<std::size_t>(r)][3] = origin[r];
-    return map;
-}
-
 /// Sets the size of voxels and the place of the volume by the map of the file.
 void setPlace(AffineMap const& toWorld, Request& request, VdbVolume& volume) {
     constexpr double kNear = 1e-9;  // far less than floats can tell
@@ -296,15 +282,13 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (!grid.isReadable)
             request.fail(i, "values of the type " + detail::quoted(section->tree) +
                                 "; float, double, vec3s and vec3d can be read");
-        auto const read = readVdbGrid(request.file, sections, *section);
-        auto const toWorld = indexToWorld(read->transform());
-        if (map && *map != toWorld)
+        auto read = readVdbContent(request.file, sections, *section);
+        if (map && *map != read.toWorld)
             request.fail(i, "another transform than that of grid " +
                                 detail::quoted(request.names[0]) + "; read them one by one");
-        map = toWorld;
-        request.values.push_back(vdbValues(read));
-        if (!request.values.back())
-            request.fail(i, "values of the type " + detail::quoted(read->type()));
+        map = read.toWorld;
+        if (!read.values) request.fail(i, "values of the type " + detail::quoted(section->tree));
+        request.values.push_back(std::move(read.values));
         grid.name = request.names[i];
         request.channels.push_back(channelName(grid.name));
         volume.grids.push_back(std::move(grid));

@@ -2,7 +2,12 @@
 
 #include <openvdb/tree/ValueAccessor.h>
 
+#include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -30,7 +35,7 @@ template <class V> using ChannelValue = decltype(channelValue(std::declval<V>())
 /// Whether two values compare equal or are both NaN, so that a region of NaN is constant.
 template <class V> bool isSame(V const& a, V const& b) {
     if constexpr (std::is_arithmetic_v<V>)
-        return a == b || (std::isnan(a) && std::isnan(b));
+        return a == b || (a != a && b != b);
     else
         return isSame(a[0], b[0]) && isSame(a[1], b[1]) && isSame(a[2], b[2]);
 }
@@ -58,8 +63,43 @@ public:
         return m_accessor.template probeConstNode<Node>({at.x, at.y, at.z});
     }
 
+    /// The place of a voxel in a leaf, z fastest.
+    static constexpr int offset(int3 const& at) {
+        constexpr int kMask = kLeafWidth - 1;
+        return (at.x & kMask) << 6 | (at.y & kMask) << 3 | (at.z & kMask);
+    }
+
+    /// Whether the values at 4 voxels of a leaf along each axis are the same, from one of the
+    /// leaf's values on.
+    static bool isConstantPart(Value const* values) {
+        using Words = std::array<std::uint64_t, sizeof(Value) * 4 / sizeof(std::uint64_t)>;
+        std::array<Value, 4> row;
+        row.fill(*values);
+        auto const constant = std::bit_cast<Words>(row);
+        for (int x = 0; x < 4; ++x) {
+            std::uint64_t differs = 0;  // of a layer, which is faster than to test each word
+            for (int y = 0; y < 4; ++y) {
+                Words words;
+                std::memcpy(&words, values + offset({x, y, 0}), sizeof words);
+                for (std::size_t i = 0; i < words.size(); ++i) differs |= words[i] ^ constant[i];
+            }
+            if (differs != 0) return isSameBox(values, {4, 4, 4}, *values);
+        }
+        return true;
+    }
+    /// Whether voxels of a leaf have a value, from one of the leaf's values on.
+    static bool isSameBox(Value const* values, int3 const& size, Value const& constant) {
+        for (int x = 0; x < size.x; ++x)
+            for (int y = 0; y < size.y; ++y)
+                for (int z = 0; z < size.z; ++z)
+                    if (!isSame(values[offset({x, y, z})], constant)) return false;
+        return true;
+    }
+
     /// Writes the values at W points along each axis, from a corner on, x fastest.
     template <int W, class To> void read(int3 const& corner, To* to) {
+        if constexpr (W == 4)
+            if (((corner.x | corner.y | corner.z) & 3) == 0) return readAligned(corner, to);
         Parts<W> const x(corner.x), y(corner.y), z(corner.z);
         for (int k = 0; k < W; k = z.end(k))
             for (int j = 0; j < W; j = y.end(j))
@@ -111,17 +151,20 @@ private:
     bool isPartConstant(int3 const& at, int3 const& size, Value const& constant) {
         Leaf const* const from = leaf(at);
         if (!from) return isSame(value(at), constant);
-        Value const* const values = from->buffer().data() + offset(at);
-        for (int i = 0; i < size.x; ++i)
-            for (int j = 0; j < size.y; ++j)
-                for (int k = 0; k < size.z; ++k)
-                    if (!isSame(values[offset({i, j, k})], constant)) return false;
-        return true;
+        return isSameBox(from->buffer().data() + offset(at), size, constant);
     }
-    /// The place of a voxel in a leaf, z fastest.
-    static int offset(int3 const& at) {
-        constexpr int kMask = kLeafWidth - 1;
-        return (at.x & kMask) << 6 | (at.y & kMask) << 3 | (at.z & kMask);
+    /// 4 points along each axis, all in one node.
+    template <class To> void readAligned(int3 const& corner, To* to) {
+        Leaf const* const from = leaf(corner);
+        if (!from) {
+            std::fill_n(to, 64, To(channelValue(value(corner))));
+            return;
+        }
+        Value const* const values = from->buffer().data() + offset(corner);
+        for (int y = 0; y < 4; ++y)
+            for (int z = 0; z < 4; ++z)
+                for (int x = 0; x < 4; ++x)
+                    to[x + 4 * (y + 4 * z)] = channelValue(values[offset({x, y, z})]);
     }
 
     openvdb::tree::ValueAccessor<Tree const, false> m_accessor;

@@ -24,6 +24,14 @@ inline openvdb::Coord vdbCoord(int3 const& at) {
     return {at.x, at.y, at.z};
 }
 
+/// An empty grid, of a type that initializeVdb() has made known. OpenVDB's own library constructs
+/// it: a constructor in this one would compile all virtual functions of the grid again.
+template <class Grid> typename Grid::Ptr makeGrid(typename Grid::ValueType const& background) {
+    auto grid = openvdb::gridPtrCast<Grid>(openvdb::GridBase::createGrid(Grid::gridType()));
+    grid->tree().root().setBackground(background, false);
+    return grid;
+}
+
 /// Calls `use(first)` for the children that a tile does not have, with the place of the first
 /// sample over the child.
 template <class Traits, class Use>

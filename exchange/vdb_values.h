@@ -1,21 +1,35 @@
 #pragma once
 
-#include <openvdb/Grid.h>
-
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "vdb_cells.h"
+#include "vdb.h"
+#include "vdb_layout.h"
 #include "zel/volume/build_volume.h"
 
 namespace zel::detail {
 
 using ORV::TileTree3D::BinaryTraits;
 using ORV::TileTree3D::QuinaryTraits;
+using Orvane::Math::int3;
 template <class Traits> using TileContainer = ORV::TileTree3D::Container<Traits>;
 template <class Traits> using TileTopology = ORV::TileTree3D::VoxelTopology<Traits>;
+
+/// A box of 8 voxels along each axis, on multiples of 8, and which of its eight parts are not
+/// plain: bit x + 2y + 4z.
+struct VdbCell {
+    int3 corner;
+    std::uint8_t parts;
+};
+
+/// Thrown where a tree would exceed a limit.
+struct TooManyTiles {};
+/// Thrown for values beyond the lattice of a tile tree.
+struct OutsideLattice {
+    int3 at;
+};
 
 /// A value that no channel may have, and its place in the index space of OpenVDB.
 struct WrongValue {
@@ -52,9 +66,15 @@ public:
                                 int3 const& shift) const = 0;
 };
 
-/// The values of a grid; null for a type that is not read. Fills the inside of a level set if that
-/// is missing.
-std::unique_ptr<VdbValues> vdbValues(openvdb::GridBase::Ptr const& grid);
-std::unique_ptr<VdbValues> vdbVectorValues(openvdb::GridBase::Ptr const& grid);
+/// A grid of a file.
+struct VdbContent {
+    std::unique_ptr<VdbValues> values;  ///< null for a type that is not read
+    AffineMap toWorld{};
+};
+
+/// Reads the grid of a section, with its voxels. Fills the inside of a level set if that is
+/// missing. Throws FileError.
+VdbContent readVdbContent(FileView const& file, std::vector<VdbSection> const& sections,
+                          VdbSection const& section);
 
 }  // namespace zel::detail

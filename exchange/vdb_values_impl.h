@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cmath>
+#include <limits>
 #include <type_traits>
 
+#include "vdb_archive.h"
+#include "vdb_cells.h"
 #include "vdb_tiles.h"
-#include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/volume_builder.h"
 
 // The definition of a VdbValues, for the source file of each type of value: the code takes long to
@@ -60,9 +63,10 @@ private:
     static void check(T const* values, int count, int width, int3 const& corner) {
         constexpr int kParts = std::is_same_v<T, float> ? 1 : 3;
         auto const* const floats = reinterpret_cast<float const*>(values);
-        float sum = 0;  // stays 0 unless a value is not finite
-        for (int i = 0; i < count * kParts; ++i) sum += floats[i] * 0.0F;
-        if (sum == 0) return;
+        unsigned wrong = 0;
+        for (int i = 0; i < count * kParts; ++i)
+            wrong |= !(std::abs(floats[i]) <= std::numeric_limits<float>::max());
+        if (wrong == 0) return;
         for (int i = 0; i < count; ++i)
             if (!isFinite(values[i]))
                 throw WrongValue{corner + int3{i % width, i / width % width, i / (width * width)},

@@ -170,7 +170,7 @@ float density(float distance, float band) {
 
 /// Makes the fog of a level set of the same band: a ramp inside of the surface, and tiles of 1.
 FloatGrid::Ptr fogOf(FloatGrid& levelSet, float band) {
-    auto fog = FloatGrid::create(0);
+    auto fog = makeGrid<FloatGrid>(0);
     fog->setTransform(levelSet.transformPtr());
     auto& tree = fog->tree();
     auto tile = levelSet.tree().cbeginValueAll();
@@ -303,7 +303,7 @@ private:
         auto const& options = m_target.options;
         auto const volume = buildVolume<BinaryTraits, float>(
             m_shape, interface, T{}, FillOptions{options.parallel, options.stop, options.progress});
-        auto grid = GridOf<T>::create();
+        auto grid = makeGrid<GridOf<T>>(vdbValue(T{}));
         openvdb::tree::ValueAccessor<typename GridOf<T>::TreeType> voxels(grid->tree());
         float const* const distances = m_shape.channel->samples({0, BinaryTraits::kMaxDepth});
         forEachSample<BinaryTraits, T>(*volume.container, *volume.channel, BinaryTraits::kMaxDepth,
@@ -319,7 +319,7 @@ private:
 
     template <class T, class Interface>
     void addDense(VdbField const& field, Interface const& interface) {
-        auto grid = GridOf<T>::create();
+        auto grid = makeGrid<GridOf<T>>(vdbValue(T{}));
         auto& tree = grid->tree();
         std::vector<CoordBBox> leaves;
         std::vector<float3> positions;
@@ -460,7 +460,7 @@ private:
             if (isLevelSet && !(background > 0))
                 refuse("level set " + detail::quoted(channel.name) + " has a default value of " +
                        std::to_string(background) + ", which must be the width of its band");
-        auto grid = GridOf<T>::create(vdbValue(background));
+        auto grid = makeGrid<GridOf<T>>(vdbValue(background));
         grid->setTransform(transformOf(channel.name, toWorld));
         auto& tree = grid->tree();
         auto const index = [origin = first(), width = width(), &shift](int3 const& lattice) {

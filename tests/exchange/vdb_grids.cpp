@@ -12,10 +12,9 @@ namespace {
 
 /// Fills a grid with random voxels, boxes and tiles.
 template <class G, class Value> GridPtr random(unsigned seed, Value const& value) {
-    initialize();
     std::mt19937 engine(seed);
     auto const below = [&](int n) { return static_cast<int>(engine() % static_cast<unsigned>(n)); };
-    auto grid = G::create(value(below(100)));
+    auto grid = make<G>(value(below(100)));
     auto& tree = grid->tree();
     auto const near = [&](int reach) {
         return Coord(below(2 * reach) - reach, below(2 * reach) - reach, below(2 * reach) - reach);
@@ -45,7 +44,11 @@ template <class G> auto sampled(GridPtr const& grid, std::vector<float3> const& 
 }  // namespace
 
 GridPtr inDouble(GridPtr const& grid) {
-    auto copy = DoubleGrid::create(DoubleTree::Ptr(new DoubleTree(grid->as()->tree())));
+    auto const from = grid->as();
+    auto copy = make<DoubleGrid>(double{from->background()});
+    for (auto value = from->cbeginValueAll(); value; ++value)
+        copy->tree().addTile(3 - value.getDepth(), value.getCoord(), double{*value},
+                             value.isValueOn());
     copy->setTransform(grid->base->transformPtr());
     return wrap(copy);
 }
@@ -65,7 +68,7 @@ GridPtr randomVectors(unsigned seed) {
 }
 GridPtr booleans() {
     initialize();
-    return wrap(BoolGrid::create(false));
+    return wrap(GridBase::createGrid(BoolGrid::gridType()));
 }
 GridPtr withValue(GridPtr const& grid, int3 const& at, float value) {
     auto copy = copyOf(grid);
@@ -73,8 +76,7 @@ GridPtr withValue(GridPtr const& grid, int3 const& at, float value) {
     return wrap(copy);
 }
 GridPtr largeTiles(int count) {
-    initialize();
-    auto grid = FloatGrid::create(0);
+    auto grid = make<FloatGrid>(0);
     for (int i = 0; i < count; ++i)
         grid->tree().addTile(3, Coord(4096 * i, 0, 0), static_cast<float>(i + 1), true);
     return wrap(grid);

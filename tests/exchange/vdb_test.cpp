@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -111,8 +112,13 @@ TEST(ReadVdb, ReadsVectorsAndSeveralGridsOverOneTree) {
             }
             expectNear(ours, theirs, 4e-7F, at);
         }
+        EXPECT_EQ(volume.scalar("s")->eval({1e10F, 0, 0}, 0), vdb_grids::background(scalars));
         EXPECT_THROW(volume.vector("s"), std::invalid_argument);
     }
+    // OpenVDB writes one tree for grids that share it.
+    vdb_grids::write(folder / "shared.vdb", {{"a", scalars}, {"b", scalars}});
+    expectNear(values(*zel::readVdb(folder / "shared.vdb", "b").scalar("b"), at),
+               vdb_grids::sample(scalars, at), 4e-7F, at);
     auto const grids = zel::listVdb(path);
     ASSERT_EQ(grids.size(), 3U);
     EXPECT_EQ(grids[2].name, "s[1]");
@@ -249,6 +255,35 @@ TEST(ReadVdb, SurvivesDamagedFiles) {
             bad[engine() % reach] = static_cast<char>(engine());
         tryFile(bad);
     }
+}
+
+/// Sizes and places that OpenVDB takes as they are.
+TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
+    Folder const folder;
+    auto const path = folder / "a.vdb";
+    vdb_grids::write(path, {{"a", vdb_grids::sphere(5, {}, 1)}});
+    std::string const good = support::contentOf(path);
+    auto const number = [&](std::size_t at) {
+        std::int64_t value = 0;
+        std::memcpy(&value, &good[at], sizeof value);
+        return value;
+    };
+    auto const errorWith = [&](std::size_t at, auto value) {
+        std::string bad = good;
+        std::memcpy(&bad[at], &value, sizeof value);
+        support::writeContent(path, bad);
+        return errorOf(path, "a");
+    };
+    auto const size = static_cast<std::int64_t>(good.size());
+    std::size_t block = good.size() - 9;  // the last one
+    while (number(block) != size - static_cast<std::int64_t>(block) - 8) --block;
+    EXPECT_NE(errorWith(block, -number(block)).find("a block of -"), std::string::npos);
+    for (std::size_t const field : {4, 12})  // of Blosc's header: all bytes, and compressed ones
+        EXPECT_NE(errorWith(block + 8 + field, std::int32_t{1 << 20}).find("sizes are wrong"),
+                  std::string::npos);
+    std::size_t place = 0;
+    while (number(place) != size) ++place;
+    EXPECT_NE(errorWith(place, size + 1).find("the end of a grid at byte"), std::string::npos);
 }
 
 using zel::VdbClass;
