@@ -82,8 +82,11 @@ void OutputFile::openBeside() {
             errno = ECANCELED;
             return;
         }
+        // Nothing allocates once the file is there.
+        fs::path listed = m_temporary;
+        all.paths.reserve(all.paths.size() + 1);
         file = open(m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (file >= 0) all.paths.push_back(m_temporary);
+        if (file >= 0) all.paths.push_back(std::move(listed));
     } while (file < 0 && errno == EEXIST);
     if (file < 0) return;
     struct stat before {};
@@ -104,12 +107,12 @@ OutputFile::~OutputFile() {
 void OutputFile::discard() noexcept {
     if (m_stream != nullptr && m_stream != stdout) std::fclose(m_stream);
     m_stream = nullptr;
-    if (isDirect()) return;
+    if (isDirect() || m_temporary.empty()) return;
     TemporaryFiles& all = temporaryFiles();
     std::lock_guard const lock(all.mutex);
     unlink(m_temporary.c_str());
     std::erase(all.paths, m_temporary);
-    m_temporary = m_path;
+    m_temporary.clear();
 }
 
 /// Puts the file under its name. Sets errno if that fails.
@@ -118,7 +121,7 @@ bool OutputFile::rename() {
     std::lock_guard const lock(all.mutex);
     if (std::rename(m_temporary.c_str(), m_path.c_str()) != 0) return false;
     std::erase(all.paths, m_temporary);
-    m_temporary = m_path;
+    m_temporary.clear();
     return true;
 }
 
@@ -143,6 +146,7 @@ void OutputFile::write(std::string_view text) {
 }
 
 void OutputFile::rewriteBegin(std::span<std::byte const> bytes) {
+    expectOpen(m_stream);
     if (isDirect()) fail(ESPIPE);
     if (fseeko(m_stream, 0, SEEK_SET) != 0) fail(errno);
     write(bytes);

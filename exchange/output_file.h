@@ -15,8 +15,9 @@ namespace zel {
 /// A file that appears under its name only when it is complete. It is written beside, under a name
 /// of its own in the same folder, and renamed by commit(); without that call the destructor removes
 /// it, and a file that had the name before stays as it was. A symbolic link is kept: its target is
-/// replaced. A device or a pipe, and the standard output, "-", are written directly. write() and
-/// commit() throw std::logic_error after commit(). One thread at a time may use it.
+/// replaced. A device or a pipe, and the standard output, "-", are written directly. write(),
+/// rewriteBegin() and commit() throw std::logic_error after commit(). One thread at a time may use
+/// it.
 class ZEL_EXCHANGE_API OutputFile {
 public:
     /// Throws FileError if the file cannot be made.
@@ -34,7 +35,7 @@ public:
     /// Whether the file is written directly.
     bool isDirect() const { return m_temporary == m_path; }
     /// The file that is being written, for libraries that write by name or by stream. Those that
-    /// open it anew must close it before commit().
+    /// open it anew must close it before commit(), after which the path is empty.
     std::filesystem::path const& temporaryPath() const { return m_temporary; }
     std::FILE* stream() { return m_stream; }
     /// The name for errors.

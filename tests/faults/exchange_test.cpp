@@ -93,6 +93,7 @@ TEST(Faults, OfFiles) {
               "write an .obj", [&] { return writeMesh(path("a.obj"), mesh), Bits(); },
               path("a.obj"))})
         failEach(one);
+    EXPECT_EQ(folder.size(), 6U);  // no temporary file is left
 }
 
 }  // namespace
