@@ -284,6 +284,9 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
     std::size_t place = 0;
     while (number(place) != size) ++place;
     EXPECT_NE(errorWith(place, size + 1).find("the end of a grid at byte"), std::string::npos);
+    std::string_view const half = "is_saved_as_half_float";
+    std::size_t const type = good.find(half) + half.size() + sizeof(std::uint32_t);
+    EXPECT_NE(errorWith(type, 'r').find("of the type \"rool\""), std::string::npos);
     EXPECT_NE(errorWith(place, size - 10).find("are left"), std::string::npos);
 }
 
