@@ -31,8 +31,11 @@ public:
         if (m_at > m_end) fail("a transform that is cut");
         // OpenVDB writes halves in two places, and reads the values by this one.
         auto const half = m_section.metadata.find("is_saved_as_half_float");
-        bool const isHalf = half != m_section.metadata.end() && half->second.type == "bool" &&
-                            half->second.text() == "true";
+        // It takes an entry of an unknown type for true.
+        bool const isThere = half != m_section.metadata.end();
+        if (isThere && half->second.type != "bool")
+            fail("is_saved_as_half_float of the type " + detail::quoted(half->second.type));
+        bool const isHalf = isThere && half->second.text() == "true";
         if (isHalf != m_section.isHalf) fail("the type and the metadata differ about halves");
         number<std::int32_t>();  // of buffers
         bytes(m_value);          // the background

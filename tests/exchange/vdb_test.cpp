@@ -284,6 +284,10 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
     std::size_t place = 0;
     while (number(place) != size) ++place;
     EXPECT_NE(errorWith(place, size + 1).find("the end of a grid at byte"), std::string::npos);
+    std::string_view const half = "is_saved_as_half_float";
+    std::size_t const type = good.find(half) + half.size() + sizeof(std::uint32_t);
+    EXPECT_NE(errorWith(type, 'r').find("of the type \"rool\""), std::string::npos);
+    EXPECT_NE(errorWith(place, size - 10).find("are left"), std::string::npos);
 }
 
 using zel::VdbClass;
@@ -417,6 +421,8 @@ template <class Traits> void writeBack(Folder const& folder) {
     at.push_back({0.25F, 0, 0});
     at.push_back({0, 1.5F, 0});
     expectNear(vdb_grids::sample(grid, at), vdb_grids::sample(theirs, at), 1e-5F, at);
+    EXPECT_NEAR(static_cast<double>(vdb_grids::activeVoxels(grid)),
+                static_cast<double>(vdb_grids::activeVoxels(theirs)), 40);
     EXPECT_THROW(zel::writeVdb(path, object, {{"distance"}}), std::invalid_argument);
     EXPECT_THROW(zel::writeVdb(path, object, {{"density"}}), std::invalid_argument);
 }
