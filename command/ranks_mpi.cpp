@@ -156,6 +156,7 @@ private:
 /// MPI is not touched in a process of its own: it takes time and memory to start.
 bool isStartedByMpi() {
     for (char const* const name : {"OMPI_COMM_WORLD_SIZE", "PMIX_RANK", "PMI_SIZE"})
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
         if (std::getenv(name)) return true;
     return false;
 }

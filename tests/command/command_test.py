@@ -327,6 +327,11 @@ class Test(unittest.TestCase):
         for arguments in cases:
             for number in (signal.SIGINT, signal.SIGTERM):
                 child = subprocess.Popen([zel, *arguments], stdin=read, stderr=subprocess.PIPE, text=True)
+                while True:  # until signals are received
+                    with open(f"/proc/{child.pid}/status") as file:
+                        if int(re.search(r"SigBlk:\s*(\w+)", file.read())[1], 16) & 2:
+                            break
+                    time.sleep(0.01)
                 time.sleep(0.5)
                 child.send_signal(number)
                 _, errors = child.communicate(timeout=60)
