@@ -28,8 +28,12 @@ class Faults : public testing::Test {
 /// A tree with nodes of many classes, some shared, and leaves that wait for an object.
 ScalarPtr makeTree(unsigned seed = 3, bool binds = true) {
     support::RandomNodes nodes(seed, binds);
-    nodes.make<VectorFieldLerp>();
-    return nodes.make<ScalarFieldAdd>();
+    nodes.make<VectorField>([](support::RandomNodes const& from) {
+        return VectorPtr(makePtr<VectorFieldLerp>(VectorFieldLerp{from, from, from}));
+    });
+    return nodes.make<ScalarField>([](support::RandomNodes const& from) {
+        return ScalarPtr(makePtr<ScalarFieldAdd>(ScalarFieldAdd{from, from}));
+    });
 }
 
 template <class Interface> Bits bitsOf(Interface const& field) {
