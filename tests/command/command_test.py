@@ -456,16 +456,17 @@ class Test(unittest.TestCase):
             finally:
                 subprocess.run(["umount", "other"], check=True)
 
-        # A rank is killed, or mpirun is interrupted, while a file is written.
+        # A rank is killed, or mpirun is interrupted or killed, while a file is written.
         box = ["--box", "-9,-9,-9,9,9,9", "--voxel", "0.01"]
-        for extra, rank in (["-o", "out.npy"], 0), (["--band", "3", "-o", "out.vdb"], 1), (["-o", "out.npy"], None):
+        for extra, rank in ((["-o", "out.npy"], 0), (["--band", "3", "-o", "out.vdb"], 1), (["-o", "out.npy"], signal.SIGINT),
+                            (["-o", "out.npy"], signal.SIGKILL)):
             child = subprocess.Popen([*mpirun(2), zel, "volume", stone, *box, *extra], stderr=subprocess.DEVNULL)
             while sorted(os.listdir()) == before:
                 self.assertIsNone(child.poll())
                 time.sleep(0.05)
             time.sleep(0.3)  # the other rank hears of the file
-            if rank is None:
-                child.send_signal(signal.SIGINT)
+            if isinstance(rank, signal.Signals):
+                child.send_signal(rank)
             else:
                 with open(f"/proc/{child.pid}/task/{child.pid}/children") as file:
                     for pid in map(int, file.read().split()):
@@ -473,6 +474,9 @@ class Test(unittest.TestCase):
                             if f"OMPI_COMM_WORLD_RANK={rank}\0" in environment.read():
                                 os.kill(pid, signal.SIGKILL)
             self.assertNotEqual(child.wait(timeout=30), 0)
+            for _ in range(100):  # the ranks may outlive mpirun for a moment
+                if sorted(os.listdir()) != before:
+                    time.sleep(0.1)
             self.assertEqual(sorted(os.listdir()), before, (extra, rank))
 
     def test_bar_on_terminals_alone(self):
