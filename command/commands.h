@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <stop_token>
 
 #include <zel/volume/build_volume.h>
@@ -16,6 +18,14 @@ inline zel::Box boxOf(GridOptions const& options) {
     auto const at = [&](std::size_t i) { return static_cast<float>(options.box[i]); };
     return {{at(0), at(1), at(2)}, {at(3), at(4), at(5)}};
 }
+
+/// How many samples a .npy file has along each axis: at low + i * voxel, up to the high corner. A
+/// box of a whole number of voxels has samples on both faces, however it is rounded. Throws
+/// std::runtime_error, with the axis, for a box that has none or too many.
+std::array<std::uint64_t, 3> samplesOf(GridOptions const& options);
+/// Throws std::runtime_error, with the axis, for a box without samples at multiples of the voxel
+/// size, or with those that OpenVDB cannot have.
+void checkVoxels(GridOptions const& options);
 
 void show(ShowOptions const& options);
 void eval(EvalOptions const& options, Ranks& ranks, std::stop_token const& stop);

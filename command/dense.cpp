@@ -3,14 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <span>
-#include <stdexcept>
 
 #include <zel/field/evaluate.h>
 #include <zel_exchange/npy.h>
 
+#include "commands.h"
 #include "session.h"
 #include "shares.h"
 
@@ -23,21 +22,13 @@ using Orvane::Math::float3;
 /// Samples at low + i * voxel along each axis, the last axis fastest.
 class Lattice {
 public:
-    explicit Lattice(GridOptions const& options) : m_voxel(options.voxel) {
-        for (std::size_t axis = 0; axis < 3; ++axis) {
-            m_low[axis] = options.box[axis];
-            // A box of a whole number of voxels has samples on both faces, however it is rounded.
-            double const steps = std::floor((options.box[axis + 3] - m_low[axis]) / m_voxel + 1e-4);
-            constexpr double kMost = 1 << 30;
-            if (!(steps >= 0 && steps < kMost))
-                throw std::runtime_error("--box and --voxel give no array of samples, or more "
-                                         "than 2^30 along an axis");
-            m_counts[axis] = static_cast<std::uint64_t>(steps) + 1;
-        }
+    explicit Lattice(GridOptions const& options)
+        : m_voxel(options.voxel), m_counts(samplesOf(options)) {
+        std::copy_n(options.box.begin(), 3, m_low.begin());
     }
 
     std::array<std::uint64_t, 3> const& counts() const { return m_counts; }
-    /// How many samples there are. Below 2^63, as npyHeader() demands of their bytes.
+    /// How many samples there are.
     std::uint64_t size() const { return m_counts[0] * m_counts[1] * m_counts[2]; }
 
     /// The positions of the samples from `first` on.
@@ -62,7 +53,7 @@ private:
 
     double m_voxel;
     std::array<double, 3> m_low{};
-    std::array<std::uint64_t, 3> m_counts{};
+    std::array<std::uint64_t, 3> m_counts;
 };
 
 using Clock = std::chrono::steady_clock;

@@ -5,17 +5,6 @@
 
 namespace command {
 
-namespace {
-
-/// The text without control characters, which a terminal would obey.
-std::string printable(std::string text) {
-    for (char& c : text)
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = ' ';
-    return text;
-}
-
-}  // namespace
-
 void info(InfoOptions const& options) {
     std::string text;
     for (zel::VdbGrid const& grid : zel::listVdb(options.file)) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -262,9 +261,8 @@ void occupyStandardStreams() {
             static_cast<void>(open("/dev/null", stream == 0 ? O_WRONLY : O_RDONLY));
 }
 
-int fail(command::Ranks& ranks, std::string message) {
-    std::replace(message.begin(), message.end(), '\n', ' ');
-    ranks.fail("zel: " + message + '\n');
+int fail(command::Ranks& ranks, std::string const& message) {
+    ranks.fail("zel: " + command::printable(message) + '\n');
     return command::kFailed;
 }
 

@@ -15,6 +15,8 @@ void mesh(MeshOptions const& options, std::stop_token const& stop) {
     auto const suffix = zel::detail::lowerSuffix(options.output);
     if (suffix != ".ply" && suffix != ".obj")
         throw std::runtime_error(options.output + ": a mesh is written as .ply or .obj");
+    checkVoxels(options.grid);
+    expectWritable(options.output);
     zel::ScalarPtr const field = Scene(options.scene).completeScalar("a mesh needs a scalar field");
     Progress progress("samples");
     zel::MeshOptions how;

@@ -1,10 +1,12 @@
 #include "ranks.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
@@ -45,6 +47,15 @@ Guarded& guarded() {
 
 }  // namespace
 
+std::optional<std::string> launchedProcesses() {
+    // NOLINTBEGIN(concurrency-mt-unsafe): nothing changes the environment
+    for (char const* const name : {"OMPI_COMM_WORLD_SIZE", "PMI_SIZE"})
+        if (char const* const size = std::getenv(name)) return size;
+    if (std::getenv("PMIX_RANK")) return std::string();
+    // NOLINTEND(concurrency-mt-unsafe)
+    return std::nullopt;
+}
+
 std::unique_ptr<Ranks> makeSingleRank() {
     return std::make_unique<SingleRank>();
 }
@@ -68,7 +79,7 @@ void expectFiles(Ranks const& ranks, std::span<std::string const> names) {
 
 SharedFile::SharedFile(Ranks& ranks, std::filesystem::path const& path, std::string const& header,
                        std::uint64_t size)
-    : m_ranks(ranks), m_name(path.string()) {
+    : m_ranks(ranks), m_name(path.string()), m_end(header.size()) {
     if (ranks.isRoot()) {
         m_output.emplace(path);
         m_output->write(header);
@@ -104,10 +115,25 @@ void SharedFile::reserve(std::uint64_t size) {
         fail(std::generic_category().message(errno));
 }
 
+/// Some versions of MPI report bytes as written that were not.
+void SharedFile::expectWhole() {
+    if (std::fflush(m_output->stream()) != 0) fail(std::generic_category().message(errno));
+    // A file that is opened anew has its present size on a network file system, too.
+    int const file = ::open(m_output->temporaryPath().c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat status {};
+    int const result = file < 0 ? -1 : fstat(file, &status);
+    int const error = errno;
+    if (file >= 0) ::close(file);
+    if (result != 0) fail(std::generic_category().message(error));
+    if (static_cast<std::uint64_t>(status.st_size) != m_end)
+        fail("the file has " + std::to_string(status.st_size) + " bytes instead of " +
+             std::to_string(m_end));
+}
+
 void SharedFile::write(std::uint64_t offset, std::span<std::byte const> bytes) {
     if (!m_shared) return m_output->write(bytes);
     try {
-        m_shared->write(offset, bytes);
+        m_end = std::max(m_end, m_shared->write(offset, bytes));
     } catch (std::runtime_error const& error) {
         fail(error.what());
     }
@@ -124,6 +150,7 @@ void SharedFile::commit(std::string const& header) {
     }
     if (!m_output) return;
     if (!header.empty()) m_output->rewriteBegin(std::as_bytes(std::span(header)));
+    if (m_shared) expectWhole();
     m_output->commit();
 }
 

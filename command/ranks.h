@@ -27,8 +27,9 @@ public:
     class File {
     public:
         virtual ~File() = default;
-        /// Collective: writes bytes at an offset, or none. Throws std::runtime_error.
-        virtual void write(std::uint64_t offset, std::span<std::byte const> bytes) = 0;
+        /// Collective: writes bytes at an offset, or none. Returns the end of the last bytes that
+        /// any rank writes. Throws std::runtime_error.
+        virtual std::uint64_t write(std::uint64_t offset, std::span<std::byte const> bytes) = 0;
         /// Collective. Throws std::runtime_error.
         virtual void close() = 0;
     };
@@ -53,7 +54,8 @@ public:
     virtual void send(std::span<std::byte const> bytes) = 0;
     /// Receives at the root the next bytes from another rank, or from any.
     virtual std::vector<std::byte> receive(std::optional<std::size_t> from) = 0;
-    /// Collective: opens a file that exists.
+    /// Collective: opens a file that exists. Throws std::runtime_error at all ranks if one of them
+    /// cannot open it.
     virtual std::unique_ptr<File> open(std::filesystem::path const& path) = 0;
     /// Ends all ranks, removes the files that are being written, and prints a line to the standard
     /// error stream; of several ranks that fail at once, one prints. Returns if there is no other.
@@ -62,6 +64,10 @@ public:
 protected:
     std::size_t m_rank = 0, m_size = 1;
 };
+
+/// The number of processes that a launcher, such as mpirun, has told this one in the environment;
+/// empty if it tells none. Nothing without a launcher.
+std::optional<std::string> launchedProcesses();
 
 /// The single process.
 std::unique_ptr<Ranks> makeSingleRank();
@@ -73,25 +79,29 @@ std::unique_ptr<Ranks> joinRanks();
 /// see OutputFile. All functions are collective.
 class SharedFile {
 public:
-    /// Begins a file with a header. `size` is the bytes of the file: they are reserved, so that a
-    /// disk that is too full is an error at once. 0 if it is not known. Throws zel::FileError.
+    /// Begins a file with a header. `size` is the bytes of the file, or 0 if it is not known.
+    /// Several ranks reserve them where the file system can, so that a disk that is too full is an
+    /// error at once; otherwise, and for a single rank, it is one of write(). Throws
+    /// zel::FileError.
     SharedFile(Ranks& ranks, std::filesystem::path const& path, std::string const& header,
                std::uint64_t size);
     ~SharedFile();
 
     /// Writes bytes at an offset, or none. A single rank writes in the order of the file.
     void write(std::uint64_t offset, std::span<std::byte const> bytes);
-    /// Puts the file under its name, with another header if one is given.
+    /// Puts the file under its name, with another header of the same size if one is given.
     void commit(std::string const& header = {});
 
 private:
     void reserve(std::uint64_t size);
+    void expectWhole();
     [[noreturn]] void fail(std::string const& why) const;
 
     Ranks& m_ranks;
     std::string m_name;
     std::optional<zel::OutputFile> m_output;  // of the root
     std::unique_ptr<Ranks::File> m_shared;    // of several ranks
+    std::uint64_t m_end;                      // of the bytes that are written
 };
 
 /// Throws std::runtime_error for "-" among the names of files if there are several ranks: the

@@ -1,12 +1,17 @@
 #include <fcntl.h>
 #include <mpi.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "ranks.h"
@@ -27,15 +32,56 @@ void expect(int result) {
     throw std::runtime_error(text.data());
 }
 
+[[noreturn]] void failWith(int error) {
+    throw std::runtime_error(std::generic_category().message(error));
+}
+
 class MpiFile final : public Ranks::File {
 public:
-    explicit MpiFile(std::filesystem::path const& path) {
+    /// Owns `own`, the same file without MPI.
+    MpiFile(std::filesystem::path const& path, int own) : m_own(own) {
         expect(
             MPI_File_open(MPI_COMM_WORLD, path.c_str(), MPI_MODE_WRONLY, MPI_INFO_NULL, &m_file));
     }
-    // A destructor that closes would wait for the other ranks after an error.
+    MpiFile(MpiFile const&) = delete;
+    MpiFile& operator=(MpiFile const&) = delete;
+    // MPI_File_close() would wait for the other ranks after an error.
+    ~MpiFile() override { ::close(m_own); }
 
-    void write(std::uint64_t offset, std::span<std::byte const> bytes) override {
+    std::uint64_t write(std::uint64_t offset, std::span<std::byte const> bytes) override {
+        bool const isReserved = reserve(offset, bytes.size());
+        std::array<std::uint64_t, 2> most{bytes.empty() ? 0 : offset + bytes.size(),
+                                          isReserved ? 0U : 1U};
+        MPI_Allreduce(MPI_IN_PLACE, most.data(), 2, MPI_UINT64_T, MPI_MAX, MPI_COMM_WORLD);
+        expectAllowed(most[0]);
+        if (most[1] == 0)
+            writeTogether(offset, bytes);
+        else
+            writeAlone(offset, bytes);
+        return most[0];
+    }
+    void close() override { expect(MPI_File_close(&m_file)); }
+
+private:
+    /// Takes the room on the disk: OpenMPI hides from the other ranks, and from itself, that the
+    /// one which writes for all has found the disk full. Returns false if the file system cannot.
+    bool reserve(std::uint64_t offset, std::size_t size) const {
+        if (size == 0) return true;
+        int result = 0;
+        do result = fallocate(m_own, 0, static_cast<off_t>(offset), static_cast<off_t>(size));
+        while (result != 0 && errno == EINTR);
+        if (result == 0) return true;
+        if (errno != EOPNOTSUPP && errno != ENOSYS) failWith(errno);
+        return false;
+    }
+
+    /// Throws if this rank, which may write for all, may not make a file so large.
+    static void expectAllowed(std::uint64_t end) {
+        struct rlimit limit {};
+        if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && end > limit.rlim_cur) failWith(EFBIG);
+    }
+
+    void writeTogether(std::uint64_t offset, std::span<std::byte const> bytes) {
         MPI_Status status;
         expect(MPI_File_write_at_all(m_file, static_cast<MPI_Offset>(offset), bytes.data(),
                                      static_cast<int>(bytes.size()), MPI_BYTE, &status));
@@ -45,10 +91,20 @@ public:
             throw std::runtime_error("only " + std::to_string(written) + " of " +
                                      std::to_string(bytes.size()) + " bytes were written");
     }
-    void close() override { expect(MPI_File_close(&m_file)); }
 
-private:
+    void writeAlone(std::uint64_t offset, std::span<std::byte const> bytes) const {
+        while (!bytes.empty()) {
+            ssize_t const count =
+                pwrite(m_own, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0) failWith(errno);
+            offset += static_cast<std::uint64_t>(count);
+            bytes = bytes.subspan(static_cast<std::size_t>(count));
+        }
+    }
+
     MPI_File m_file = MPI_FILE_NULL;
+    int m_own;
 };
 
 /// Whether the standard error stream ends at a terminal. mpirun reads it from a pipe, and copies it
@@ -74,6 +130,8 @@ public:
         m_size = static_cast<std::size_t>(size);
         if (provided < MPI_THREAD_FUNNELED)
             throw std::runtime_error("this MPI does not allow a process to have threads");
+        // If mpirun is killed, MPI ends the processes without a word, and files would be left.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
     }
     MpiRanks(MpiRanks const&) = delete;
     MpiRanks& operator=(MpiRanks const&) = delete;
@@ -117,7 +175,15 @@ public:
     }
 
     std::unique_ptr<File> open(std::filesystem::path const& path) override {
-        return std::make_unique<MpiFile>(path);
+        // MPI_File_open() waits for ever if some ranks cannot open the file.
+        int const file = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        auto const errors = gather(std::array{file < 0 ? static_cast<double>(errno) : 0.0});
+        for (std::size_t rank = 0; rank < m_size; ++rank)
+            if (errors[rank] != 0)
+                throw std::runtime_error(
+                    "rank " + std::to_string(rank) + " cannot open " + path.string() + ": " +
+                    std::generic_category().message(static_cast<int>(errors[rank])));
+        return std::make_unique<MpiFile>(path, file);
     }
 
     void fail(std::string const& line) override {
@@ -153,18 +219,11 @@ private:
     }
 };
 
-/// MPI is not touched in a process of its own: it takes time and memory to start.
-bool isStartedByMpi() {
-    for (char const* const name : {"OMPI_COMM_WORLD_SIZE", "PMIX_RANK", "PMI_SIZE"})
-        // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing changes the environment
-        if (std::getenv(name)) return true;
-    return false;
-}
-
 }  // namespace
 
 std::unique_ptr<Ranks> joinRanks() {
-    if (!isStartedByMpi()) return makeSingleRank();
+    // MPI is not touched in a process of its own: it takes time and memory to start.
+    if (!launchedProcesses()) return makeSingleRank();
     return std::make_unique<MpiRanks>();
 }
 

@@ -129,7 +129,7 @@ Volume readVolume(std::string const& bind, std::set<std::string>& wanted) {
     std::map<std::string, std::string> channelOfGrid;
     std::vector<std::string> names;
     for (zel::VdbGrid const& there : zel::listVdb(volume.file)) {
-        names.push_back(there.name);
+        names.push_back('"' + there.name + '"');
         if (isAll && wanted.contains(there.name)) channelOfGrid[there.name] = there.name;
     }
     if (!isAll) channelOfGrid[grid.empty() ? name : grid] = name;

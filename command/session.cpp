@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 
 #include <zel_exchange/output_file.h>
 
@@ -72,6 +73,29 @@ void print(std::string const& text) {
     zel::OutputFile file("-");
     file.write(text);
     file.commit();
+}
+
+void expectWritable(std::string const& path) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    fs::file_status const status = fs::status(path, ignored);
+    if (path == "-" ||
+        (fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status)))
+        return;
+    zel::OutputFile const file(path);
+}
+
+std::string printable(std::string const& text) {
+    std::string clean;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        auto const byte = [&](std::size_t at) {
+            return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U;
+        };
+        bool const isOfTwo = byte(i) == 0xC2 && byte(i + 1) >= 0x80 && byte(i + 1) < 0xA0;
+        clean += isOfTwo || byte(i) < ' ' || byte(i) == 0x7F ? ' ' : text[i];
+        if (isOfTwo) ++i;
+    }
+    return clean;
 }
 
 std::string shortNumber(double number) {

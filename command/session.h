@@ -75,6 +75,13 @@ private:
 /// Writes a text to standard output. Throws zel::FileError.
 void print(std::string const& text);
 
+/// Throws zel::FileError if a file of this name cannot be made: to be known before long work. A
+/// device or a pipe is not touched.
+void expectWritable(std::string const& path);
+
+/// The text without control characters, which a terminal would obey.
+std::string printable(std::string const& text);
+
 /// Such as "1.5 M".
 std::string shortNumber(double number);
 

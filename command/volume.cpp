@@ -144,6 +144,12 @@ void volume(VolumeOptions const& options, Ranks& ranks, std::stop_token const& s
     if (suffix == ".npy" && (options.band || options.fog || options.half || !options.name.empty()))
         throw std::runtime_error(options.output +
                                  ": --band, --fog, --half and --name are for a .vdb file");
+    if (options.fog && !options.band)
+        throw std::runtime_error("--fog needs --band, the depth at which the density is 1");
+    if (suffix == ".vdb")
+        checkVoxels(options.grid);
+    else
+        samplesOf(options.grid);
     Scene const scene(options.scene);
     zel::Tree const tree = scene.complete();
     if (suffix == ".vdb")

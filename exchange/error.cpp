@@ -7,8 +7,10 @@ namespace zel {
 
 namespace {
 
-/// The text without control characters.
+/// The text without control characters, of which those from U+0080 to U+009F have two bytes.
 std::string printable(std::string text) {
+    for (std::size_t i = 0; i + 1 < text.size(); ++i)
+        if (text[i] == '\xC2' && (text[i + 1] & 0xE0) == 0x80) text.replace(i, 2, "?");
     std::replace_if(
         text.begin(), text.end(), [](char c) { return (0 <= c && c < ' ') || c == 0x7F; }, '?');
     return text;

@@ -33,6 +33,20 @@ TemporaryFiles& temporaryFiles() {
     return *files;
 }
 
+/// A name that ends in the suffix of the file, since libraries choose the format by it.
+std::string temporaryName(fs::path const& path, unsigned number) {
+    constexpr std::size_t kLongest = 255;
+    std::string const end =
+        "-" + std::to_string(getpid()) + "-" + std::to_string(number) + path.extension().string();
+    std::string stem = "." + path.stem().string();
+    if (stem.size() + end.size() > kLongest && end.size() < kLongest) {
+        std::size_t size = kLongest - end.size();
+        while (size > 1 && (stem[size] & 0xC0) == 0x80) --size;  // within a character of UTF-8
+        stem.resize(size);
+    }
+    return stem + end;
+}
+
 void expectOpen(std::FILE const* stream) {
     if (stream == nullptr)
         throw std::logic_error("zel::OutputFile: commit() has been called already");
@@ -62,21 +76,32 @@ void OutputFile::openBeside() {
     std::error_code error;
     if (fs::exists(m_path, error)) {
         m_path = fs::canonical(m_path, error);
-    } else if (fs::is_symlink(fs::symlink_status(m_path, error))) {
-        m_path = m_path.parent_path() / fs::read_symlink(m_path, error);
+    } else {
+        // Links whose last one leads to a file that is not there yet.
+        error.clear();
+        constexpr int kMostLinks = 40;
+        int links = 0;
+        while (!error && links < kMostLinks && fs::is_symlink(fs::symlink_status(m_path, error))) {
+            fs::path const target = fs::read_symlink(m_path, error);
+            m_path = m_path.parent_path() / target;
+            ++links;
+        }
+        if (links == kMostLinks)
+            error = std::make_error_code(std::errc::too_many_symbolic_link_levels);
+        else if (error == std::errc::no_such_file_or_directory)
+            error.clear();
     }
-    if (m_path.empty()) {
-        errno = ENOENT;
+    if (!error && m_path.empty())
+        error = std::make_error_code(std::errc::no_such_file_or_directory);
+    if (error) {
+        errno = error.value();
         return;
     }
     static std::atomic<unsigned> number = 0;
     TemporaryFiles& all = temporaryFiles();
     int file = -1;
     do {
-        // A name that ends in the suffix of the file, since libraries choose the format by it.
-        m_temporary =
-            m_path.parent_path() / ("." + m_path.stem().string() + "-" + std::to_string(getpid()) +
-                                    "-" + std::to_string(number++) + m_path.extension().string());
+        m_temporary = m_path.parent_path() / temporaryName(m_path, number++);
         std::lock_guard const lock(all.mutex);
         if (all.isAbandoned) {
             errno = ECANCELED;

@@ -97,8 +97,12 @@ void fillVoxels(Tree& tree, openvdb::CoordBBox const& box, typename Tree::ValueT
     tree.sparseFill(box, value, active);
 }
 
-/// The voxels whose samples lie in a box.
+/// The voxels whose samples lie in a box, or outside by less than 1e-4 of a voxel and the rounding
+/// of floats: a box of a whole number of voxels in decimals has those of both faces. There is no
+/// voxel if the indices of an axis are not in order.
 openvdb::CoordBBox voxelsIn(Box const& box, float voxelSize);
+/// The box, widened to hold the samples of its voxels; as it is, if buildVolume() refuses it.
+Box widened(Box box, float voxelSize);
 
 /// The transform of voxels of a size. Throws std::invalid_argument for a size that OpenVDB takes
 /// for 0, which is below about 1.5e-5.

@@ -206,7 +206,7 @@ struct Layers {
 class FieldWriter {
 public:
     FieldWriter(Target& target, Box const& box, float voxelSize, Layers const& layers)
-        : m_target(target), m_box(box), m_whole(box), m_voxelSize(voxelSize),
+        : m_target(target), m_box(widened(box, voxelSize)), m_whole(m_box), m_voxelSize(voxelSize),
           m_voxels(voxelsIn(box, voxelSize)), m_transform(transformOf(voxelSize)) {
         // The tiles of the part alone are to meet its box.
         constexpr float kFarthest = std::numeric_limits<float>::max();
@@ -389,7 +389,7 @@ private:
 
     Target& m_target;
     Box m_box;  // of the part
-    Box const& m_whole;
+    Box m_whole;
     float m_voxelSize;
     CoordBBox m_voxels;
     openvdb::math::Transform::Ptr m_transform;
@@ -616,9 +616,15 @@ VdbParts::VdbParts(std::filesystem::path path, std::vector<VdbField> fields, Box
     for (int axis = 0; axis < 3; ++axis) {
         bool const fits = std::abs(double{box.low[axis]}) < 0x1p28 * double{voxelSize} &&
                           std::abs(double{box.high[axis]}) < 0x1p28 * double{voxelSize};
-        if (!fits || !(box.low[axis] < box.high[axis]))
+        auto const refuseBox = [&](std::string const& why) {
             detail::refuse("a box from " + std::to_string(box.low[axis]) + " to " +
-                           std::to_string(box.high[axis]) + " along axis " + std::to_string(axis));
+                           std::to_string(box.high[axis]) + " along " + "xyz"[axis] + why);
+        };
+        if (!fits || !(box.low[axis] < box.high[axis])) refuseBox("");
+        auto const voxels = detail::voxelsIn(box, voxelSize);
+        if (voxels.min()[static_cast<std::size_t>(axis)] >
+            voxels.max()[static_cast<std::size_t>(axis)])
+            refuseBox(", which has no voxel of " + std::to_string(voxelSize));
     }
     for (VdbField const& field : fields) {
         if (!field.scalar == !field.vector)

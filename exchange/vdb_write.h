@@ -58,7 +58,9 @@ struct WriteVdbOptions {
 };
 
 /// Writes a grid for each field, of the voxels in the box. A voxel's index times `voxelSize` is its
-/// position, at which the field is sampled.
+/// position, at which the field is sampled. Positions outside the box by less than 1e-4 of a voxel,
+/// or by the rounding of floats, count as in it, so that the faces of a box of a whole number of
+/// voxels have voxels.
 ///
 /// Without a band, all voxels of the box are evaluated. They are active, but for zeros in a fog
 /// volume; constant regions become tiles.
@@ -72,8 +74,8 @@ struct WriteVdbOptions {
 /// evaluated at full depth: where it lies is found as in buildVolume(), whose limits hold.
 ///
 /// Throws std::invalid_argument for what buildVolume() refuses, for a `voxelSize` below about
-/// 1.5e-5, a level set without a band, a band that no field makes, a name that is empty or used
-/// twice, metadata without a name, and a field that is missing;
+/// 1.5e-5, a box without a voxel, a level set without a band, a band that no field makes, a name
+/// that is empty or used twice, metadata without a name, and a field that is missing;
 /// std::length_error for an inside of more than a million tiles of 4096^3 voxels;
 /// FileError if the file cannot be written, or if a value is not finite, or too large for a half;
 /// Stopped; and exceptions of nodes and of `progress`. A file that had the name before stays as it

@@ -68,7 +68,8 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     build.parallel = options.parallel;
     build.stop = options.stop;
     build.progress = options.progress;
-    auto const volume = buildVolume<BinaryTraits>(field, box, voxelSize, options.band, build);
+    auto const volume = buildVolume<BinaryTraits>(field, detail::widened(box, voxelSize), voxelSize,
+                                                  options.band, build);
     auto const grid = detail::levelSetOf(volume, band, detail::voxelsIn(box, voxelSize), transform);
     std::vector<openvdb::Vec3s> points;
     std::vector<openvdb::Vec3I> triangles;

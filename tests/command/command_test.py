@@ -214,7 +214,7 @@ class Test(unittest.TestCase):
                      "--bind", "wind=ball.vdb:dense")
         self.refused("looks for no channel dust; open channels: surface", "eval", leaf, "points.npy",
                      "--bind", "dust=ball.vdb")
-        self.refused("wind.vdb: has no grid for the channels surface; its grids: wind", "eval", leaf,
+        self.refused("wind.vdb: has no grid for the channels surface; its grids: .wind.", "eval", leaf,
                      "points.npy", "--bind", "volume=wind.vdb")
 
         red = scene("red.json", {"type": "VectorFieldConstant", "value": [1, 0, 0.2]})
@@ -275,7 +275,38 @@ class Test(unittest.TestCase):
         for name in ("volume", "mesh"):
             self.refused("a.txt: a .* is written as", name, "no.json", "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
         self.refused("--box: wanted a finite number, found nan", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
-        self.refused("--box and --voxel", "volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", "1e-30", "-o", "a.npy")
+        for message, name, box, *more in (
+            ("--box from 0 to 1 along x: has more than 2.30 samples with --voxel 1e-30", "a.npy", "0,0,0,1,1,1", "--voxel", "1e-30"),
+            (r"--box and --voxel 1e-06 give 1e\+18 samples, more", "a.npy", "0,0,0,.999999,.999999,.999999", "--voxel", "1e-6"),
+            ("--box from 1 to 0 along y: the low corner", "a.npy", "0,1,0,1,0,1", "--voxel", "1"),
+            ("--box from 1 to 0 along y: the low corner", "a.vdb", "0,1,0,1,0,1", "--voxel", "1"),
+            ("--box from 1 to 1 along z: is empty", "a.vdb", "0,0,1,1,1,1", "--voxel", "1"),
+            ("--box from 7.1 to 7.9 along x: has no sample at a multiple of --voxel 1", "a.vdb", "7.1,0,0,7.9,9,9", "--voxel", "1"),
+            ("--box from 0 to 1 along x: reaches farther", "a.vdb", "0,0,0,1,1,1", "--voxel", "1e-30"),
+            ("--voxel 1e-10 is too small for OpenVDB", "a.vdb", *["0,0,0,1e-9,1e-9,1e-9", "--voxel", "1e-10"]),
+            ("--fog needs --band", "a.vdb", "0,0,0,1,1,1", "--voxel", "1", "--fog"),
+        ):
+            self.refused(message, "volume", self.ball, "--box", box, *more, "-o", name)
+        self.refused("along y: has no sample", "mesh", self.ball, "--box", "0,.1,0,9,.9,9", "--voxel", 1, "-o", "a.ply")
+        self.refused("--isolines and --scale", "slice", self.ball, "--gray", 8, "--range", "0,1", "--scale", 1, "-o", "a.png")
+        self.refused("--exact needs --gradient", "eval", self.ball, "-", "--exact")
+        self.refused("no/a.png: cannot be written", "render", self.ball, "--size", 9, "-o", "no/a.png")
+        self.refused("^zel: no  .31m x .json: cannot", "show", "no\u009b\x1b[31m\x7fx\n.json")
+        # Links, of which the last leads to no file, and links in a circle.
+        os.makedirs("folder/deep")
+        os.symlink("folder/deep/second", "first.npy")
+        os.symlink("../file.npy", "folder/deep/second")
+        run("volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "first.npy")
+        self.assertTrue(os.path.islink("first.npy") and os.path.islink("folder/deep/second"))
+        self.assertEqual(np.load("folder/file.npy").shape, (2, 2, 2))
+        os.symlink("circle.npy", "other.npy")
+        os.symlink("other.npy", "circle.npy")
+        self.refused("circle.npy: cannot be written: Too many levels", "volume", self.ball, "--box", "0,0,0,1,1,1",
+                     "--voxel", 1, "-o", "circle.npy")
+        self.assertTrue(os.path.islink("circle.npy") and os.path.islink("other.npy"))
+        for name in ("a" * 251 + ".npy", "\u00e9" * 125 + "a.npy"):
+            run("volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", name)
+            os.remove(name)
         self.refused("points.csv: ", "info", "points.csv")
         self.refused("(?i)subcommand")
         self.refused("--nothing", "show", self.ball, "--nothing")
@@ -353,14 +384,14 @@ class Test(unittest.TestCase):
         mass = scene("mass.json", {"type": "ScalarGeoPropertyTriggered", "property": "mass"})
         box = ["--box", "-1.31,-1.2,-1.2,1.3,1.2,1.2"]
         cases = [
-            (["volume", rough, *box, "--voxel", 0.02], "npy", (3, 7)),
+            (["volume", rough, *box, "--voxel", 0.03], "npy", (1, 2, 3, 4, 7)),
             (["volume", turns, "--box", "0,0,0,9,1,1", "--voxel", 1], "npy", (7,)),  # ranks without work
-            (["volume", rough, *box, "--voxel", 0.02, "--band", 3], "vdb", (2, 7)),
+            (["volume", rough, *box, "--voxel", 0.03, "--band", 3], "vdb", (1, 2, 3, 4, 7)),
             (["volume", rough, *box, "--voxel", 0.04, "--band", 3, "--fog"], "vdb", (3,)),
             (["volume", self.twist, *box, "--voxel", 0.06, "--half"], "vdb", (2,)),
             (["volume", turns, "--box", "0,0,0,9,9,9", "--voxel", 1], "vdb", (2,)),
             (["volume", self.ball, "--box", "0,0,0,9,1,1", "--voxel", 0.1, "--band", 3], "vdb", (7,)),
-            (["eval", self.twist, "points.npy", "points.csv", "--gradient"], "npy", (3,)),
+            (["eval", self.twist, "points.npy", "points.csv", "--gradient"], "npy", (1, 2, 3, 4, 7)),
             (["eval", turns, "points.csv", "points.npy"], "npy", (2,)),
             (["eval", mass, "points.csv", "points.csv"], "npy", (2,)),
             (["eval", rough, "points.csv", "points.npy", "--gradient"], "csv", (3,)),
@@ -396,16 +427,46 @@ class Test(unittest.TestCase):
             self.assertEqual(result.stderr.count("zel: "), 1, result.stderr)
             self.assertEqual(sorted(os.listdir()), before, arguments)
 
-        # A rank is killed, or mpirun is interrupted, while a file is written.
+        # One rank may not write so much, or does not find the folder of the output.
+        os.mkdir("other")
+        np.save("points.npy", np.zeros((200_000, 3), "f4"))
+        before = sorted(os.listdir())
+        program = ["eval", os.path.abspath(self.ball), os.path.abspath("points.npy"), "-o", "out.npy"]
+        limited = ["bash", "-c", 'ulimit -f 200; exec "$0" "$@"', zel]
+        for second, message in (
+            (limited, "out.npy: cannot be written: File too large"),
+            (["-wdir", os.path.abspath("other"), zel], "out.npy: cannot be written: rank 1 cannot open .*: No such file"),
+        ):
+            command = [*mpirun(1), zel, *program, ":", "-n", "1", *second, *program]
+            result = subprocess.run(command, capture_output=True, text=True, timeout=30)
+            self.assertEqual(result.returncode, 2, result.stderr)
+            self.assertEqual(len(re.findall("^zel: " + message, result.stderr, re.M)), 1, result.stderr)
+            self.assertEqual(sorted(os.listdir()), before)
+
+        # The disk is full, which is found out while the file grows.
+        with open("points.csv", "w") as file:
+            file.write("x,y,z\n" + "1,2,3\n" * 400_000)
+        if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "none", "other"], capture_output=True).returncode == 0:
+            try:
+                command = [*mpirun(3), zel, "eval", self.ball, "points.csv", "-o", "other/out.npy"]
+                result = subprocess.run(command, capture_output=True, text=True, timeout=30)
+                self.assertEqual(result.returncode, 2, result.stderr)
+                self.assertIn("zel: other/out.npy: cannot be written: No space left", result.stderr)
+                self.assertEqual(os.listdir("other"), [])
+            finally:
+                subprocess.run(["umount", "other"], check=True)
+
+        # A rank is killed, or mpirun is interrupted or killed, while a file is written.
         box = ["--box", "-9,-9,-9,9,9,9", "--voxel", "0.01"]
-        for extra, rank in (["-o", "out.npy"], 0), (["--band", "3", "-o", "out.vdb"], 1), (["-o", "out.npy"], None):
+        for extra, rank in ((["-o", "out.npy"], 0), (["--band", "3", "-o", "out.vdb"], 1), (["-o", "out.npy"], signal.SIGINT),
+                            (["-o", "out.npy"], signal.SIGKILL)):
             child = subprocess.Popen([*mpirun(2), zel, "volume", stone, *box, *extra], stderr=subprocess.DEVNULL)
             while sorted(os.listdir()) == before:
                 self.assertIsNone(child.poll())
                 time.sleep(0.05)
             time.sleep(0.3)  # the other rank hears of the file
-            if rank is None:
-                child.send_signal(signal.SIGINT)
+            if isinstance(rank, signal.Signals):
+                child.send_signal(rank)
             else:
                 with open(f"/proc/{child.pid}/task/{child.pid}/children") as file:
                     for pid in map(int, file.read().split()):
@@ -413,6 +474,9 @@ class Test(unittest.TestCase):
                             if f"OMPI_COMM_WORLD_RANK={rank}\0" in environment.read():
                                 os.kill(pid, signal.SIGKILL)
             self.assertNotEqual(child.wait(timeout=30), 0)
+            for _ in range(100):  # the ranks may outlive mpirun for a moment
+                if sorted(os.listdir()) != before:
+                    time.sleep(0.1)
             self.assertEqual(sorted(os.listdir()), before, (extra, rank))
 
     def test_bar_on_terminals_alone(self):

@@ -376,6 +376,23 @@ TEST(WriteVdb, WritesDenseGridsAndHalves) {
     EXPECT_EQ(volume.vector("p")->eval({0.25F, -0.25F, 0.5F}, 0), (float3{0.25F, -0.25F, 0.5F}));
 }
 
+TEST(WriteVdb, FacesOfBoxOfWholeNumberOfVoxels) {
+    Folder const folder;
+    // 0.7F is below 7 voxels of 0.1F, and 5.6F below 56 of them, where a tile begins.
+    for (auto const& [most, index] : {std::pair{0.7F, "7"}, {5.6F, "56"}, {0.76F, "7"}})
+        for (auto const& field :
+             {VdbField{"a", ball({}, 1)}, VdbField{"a", ball({}, 1), {}, VdbClass::kLevelSet}}) {
+            zel::WriteVdbOptions options;
+            if (field.gridClass == VdbClass::kLevelSet) options.band = 100.0F;
+            zel::writeVdb(folder / "a.vdb", {field}, {{-0.7F, 0, 0}, {most, most, most}}, 0.1F,
+                          options);
+            auto const metadata = zel::listVdb(folder / "a.vdb").front().metadata;
+            EXPECT_EQ(metadata.at("file_bbox_min"), "-7, 0, 0");
+            std::string const wanted = std::string(index) + ", " + index + ", " + index;
+            EXPECT_EQ(metadata.at("file_bbox_max"), wanted);
+        }
+}
+
 TEST(WriteVdb, RefusesAndLeavesNothing) {
     Folder const folder;
     auto const path = folder / "a.vdb";
@@ -396,6 +413,12 @@ TEST(WriteVdb, RefusesAndLeavesNothing) {
     EXPECT_THROW(write({{"a", big}}, {.half = true}), zel::FileError);
     auto const nan = Quern::makePtr<zel::ScalarFieldConstant>(std::nanf(""));
     EXPECT_THROW(write({{"a", nan}}, {}), zel::FileError);
+    for (int axis = 0; axis < 3; ++axis) {
+        zel::Box box = kBox;
+        box.low[axis] = 7.1F * kVoxel;
+        box.high[axis] = 7.9F * kVoxel;
+        EXPECT_THROW(zel::writeVdb(path, {{"a", solid}}, box, kVoxel), std::invalid_argument);
+    }
     EXPECT_THROW(zel::writeVdb(folder / "none/a.vdb", {{"a", solid}}, kBox, 1), zel::FileError);
     std::stop_source stop;
     stop.request_stop();
