@@ -137,6 +137,11 @@ py::array copyOf(py::array const& array) {
 
 void Points::copy() {
     array = copyOf(array);
+    Shape shape = leading;
+    shape.push_back(3);
+    if (Shape(array) != shape)
+        throw py::value_error("xyz: the shape of the array has changed from " + shapeText(shape) +
+                              " to " + shapeText(array));
     setView(*this);
 }
 

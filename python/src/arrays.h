@@ -78,7 +78,7 @@ struct Points {
     PointView view;
     Shape leading;  ///< the shape without the 3
 
-    /// Reads the positions from a copy.
+    /// Reads the positions from a copy. Throws ValueError if the array has another shape by now.
     void copy();
 };
 Points pointsOf(py::handle object, std::string const& where);

@@ -80,12 +80,18 @@ struct Wanted {
     bool values, gradients;
 };
 
-/// The index of the first position. Throws if an index of `count` positions is no 64-bit number.
-long long toIndex(PyObject* object, std::size_t count) {
-    if (!object) return 0;
+/// The index of the first position.
+long long toIndex(PyObject* object) {
+    return object ? toInteger(object, 0, std::numeric_limits<std::int64_t>::max(), "index0") : 0;
+}
+/// Throws if an index of `count` positions is no 64-bit number.
+void checkIndex(long long first, std::size_t count) {
     // NumPy has no array of more elements than a signed number can count.
-    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-    return toInteger(object, 0, kMost - static_cast<std::int64_t>(count), "index0");
+    long long const most = std::numeric_limits<long long>::max() - static_cast<long long>(count);
+    if (first > most)
+        throw py::value_error("index0: wanted an integer from 0 to " + std::to_string(most) +
+                              " for " + std::to_string(count) + " positions, got " +
+                              std::to_string(first));
 }
 
 Shape withDimensions(Shape shape, std::size_t count) {
@@ -97,8 +103,10 @@ template <class Interface>
 py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* index0, Wanted wanted) {
     constexpr std::size_t kOfValue = std::is_same_v<Interface, VectorField> ? 1 : 0;
     checkLevels(self);
+    // First: __index__ of the caller's class may change the shape of the arrays.
+    long long const index = toIndex(index0);
     Points points = pointsOf(xyz, "xyz");
-    long long const index = toIndex(index0, points.view.count);
+    checkIndex(index, points.view.count);
 
     py::handle outs[2] = {Py_None, Py_None};
     if (out && out != Py_None) {

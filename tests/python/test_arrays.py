@@ -80,6 +80,16 @@ def test_results_over_the_positions():
     expected = F(many.reshape(2000, 3).copy())
     F(many.reshape(2000, 3), out=many[4000:])
     assert np.array_equal(many[4000:], expected)
+    # The index is asked for first: it may change the shape.
+    big = np.zeros((200_000, 3), np.float32)
+
+    class Index:
+        def __index__(self):
+            big.shape = (-1, 1)
+            return 0
+
+    with pytest.raises(ValueError, match="600000, 1"):
+        F(big, out=big.reshape(-1)[-200_000:], index0=Index())
 
 
 test_errors_name_what_came = raises([
