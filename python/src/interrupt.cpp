@@ -17,6 +17,8 @@ namespace zel::python {
 namespace {
 
 std::atomic<int> atWork = 0;
+/// The part of `atWork` that this thread counts: all that a child forked by the thread has.
+thread_local int atWorkHere = 0;
 std::atomic<bool> isShuttingDown = false;
 
 /// A thread that does one piece of work after another. It waits in between, and never ends.
@@ -76,13 +78,15 @@ struct HelperPool {
     std::vector<Helper*> waiting;
 };
 
-/// The pool of the process. A child of a fork has none of the threads, and gets another pool.
 HelperPool*& helperPool() {
-    static HelperPool* pool = [] {
-        pthread_atfork(nullptr, nullptr, [] { helperPool() = new HelperPool; });
-        return new HelperPool;
-    }();
+    static auto* pool = new HelperPool;
     return pool;
+}
+
+/// A child of a fork has no thread but the one that forked.
+void beginChild() {
+    helperPool() = new HelperPool;
+    atWork = atWorkHere;
 }
 
 /// A helper while it is in use. Waits for the end of its work, also if this thread is ended.
@@ -128,16 +132,19 @@ void beginShutDown() {
 
 AtWork::AtWork() {
     ++atWork;
+    ++atWorkHere;
     if (!isShuttingDown) return;
-    --atWork;
+    end();
     throw std::runtime_error("zel: the interpreter shuts down");
 }
 
-AtWork::~AtWork() {
+void AtWork::end() {
     --atWork;
+    --atWorkHere;
 }
 
 void watchShutDown() {
+    pthread_atfork(nullptr, nullptr, beginChild);
     py::module_::import("atexit").attr("register")(py::cpp_function(beginShutDown));
 }
 

@@ -205,6 +205,15 @@ def run(program, *args):
          print(np.array_equal(f(x), a), flush=True); os._exit(0)
      os.wait()
      """, "True\n"),
+    # The same while another thread evaluates, which the child does not wait for.
+    ("""
+     import os, sys, threading, time, zel
+     begun, end = threading.Event(), threading.Event()
+     f = zel.field(lambda p: begun.set() or end.wait() and p[:, 0])
+     threading.Thread(target=f, args=((0, 0, 0),)).start(); begun.wait(); start = time.time()
+     if os.fork() == 0: sys.exit()
+     os.wait(); end.set(); print(time.time() - start < 3)
+     """, "True\n"),
 ])
 def test_the_interpreter(program, output):
     done = run(program)
