@@ -32,6 +32,7 @@ template <class Interface> struct Job {
     Gradient* gradients;
     long long firstIndex;
     bool hasFunction;
+    double cost;  ///< of a position, as costOf() has it
 
     /// Evaluates `count` positions from `first` on.
     void run(std::size_t first, std::size_t count, std::stop_token const& stop = {}) const {
@@ -51,29 +52,48 @@ template <class Interface> struct Job {
 
 /// Evaluates all positions without the interpreter's lock. A long evaluation moves to a thread of
 /// its own, so that this one can handle signals. Whether it is long, some parts show, each a few
-/// times as large as the one before it.
+/// times as large as the one before it. This thread does no part that may cost too much: of a tree
+/// with a switch, a part may take much longer than those before it.
 template <class Interface> void evaluateAll(Job<Interface> const& job) {
-    constexpr std::size_t kFirst = 256, kGrowth = 8, kMost = 16384;
+    constexpr std::size_t kBlock = 256, kGrowth = 8, kMost = 16384;
+    constexpr double kMostCost = 1 << 19;  // less than 0.05 s
     constexpr std::chrono::duration<double> kLong(0.005);
     std::size_t const count = job.points.count;
-    if (count <= kFirst) return withoutLock([&] { job.run(0, count); });
+    auto const isDear = [&](std::size_t part) {
+        return job.cost * static_cast<double>(part) > kMostCost;
+    };
 
     std::size_t done = 0;
-    withoutLock([&] {
-        std::size_t part = kFirst;
-        while (part > 0) {
-            auto const start = std::chrono::steady_clock::now();
-            job.run(done, part);
-            std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - start;
-            done += part;
-            std::size_t const next = std::min(count - done, kGrowth * part);
-            bool const isLong =
-                taken * (static_cast<double>(next) / static_cast<double>(part)) > kLong;
-            part = isLong || next > kMost ? 0 : next;
-        }
-    });
+    std::size_t part = std::min(count, kBlock);
+    if (!isDear(part))
+        withoutLock([&] {
+            if (part == count) {
+                job.run(0, count);
+                done = count;
+                return;
+            }
+            while (part > 0) {
+                auto const start = std::chrono::steady_clock::now();
+                job.run(done, part);
+                std::chrono::duration<double> const taken =
+                    std::chrono::steady_clock::now() - start;
+                done += part;
+                std::size_t const next = std::min(count - done, kGrowth * part);
+                bool const isLong =
+                    taken * (static_cast<double>(next) / static_cast<double>(part)) > kLong;
+                part = isLong || next > kMost || isDear(next) ? 0 : next;
+            }
+        });
     if (done == count) return;
-    interruptibly([&](std::stop_token const& stop) { job.run(done, count - done, stop); });
+    interruptibly([&](std::stop_token const& stop) {
+        if (count > kBlock) return job.run(done, count - done, stop);
+        // Within a block, an evaluation does not stop.
+        constexpr double kLeast = 8;  // of fewer positions, a block takes hardly less time
+        auto const most = static_cast<std::size_t>(
+            std::clamp(kMostCost / job.cost, kLeast, static_cast<double>(kBlock)));
+        for (; done < count; done += std::min(most, count - done))
+            job.run(done, std::min(most, count - done), stop);
+    });
 }
 
 struct Wanted {
@@ -134,7 +154,7 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
         *root, points.view,
         values ? reinterpret_cast<typename Interface::Value*>(values->data()) : nullptr,
         gradients ? reinterpret_cast<typename Interface::Gradient*>(gradients->data()) : nullptr,
-        index, mayHaveFunction(fieldOf(self))});
+        index, mayHaveFunction(fieldOf(self)), costOf(fieldOf(self)) * (gradients ? 7 : 1)});
     if (values && gradients) return py::make_tuple(values->finish(), gradients->finish());
     return values ? values->finish() : gradients->finish();
 }

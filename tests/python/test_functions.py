@@ -153,6 +153,17 @@ def test_an_interrupt_stops_a_batch(slow):
     assert zel.sphere()((0, 0, 0)) == -1
 
 
+def test_an_interrupt_stops_a_block_of_many_paths():
+    field = zel.simplex_noise()
+    for _ in range(20):
+        field = zel.translate(field, (1, 0, 0)) + zel.translate(field, (0, 1, 0))
+    out = np.full(256, -7, np.float32)
+    threading.Timer(0.3, signal.raise_signal, [signal.SIGINT]).start()
+    with pytest.raises(KeyboardInterrupt):
+        field(np.ones((256, 3)), out=out)
+    assert out[-1] == -7
+
+
 def run(program, *args):
     environment = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
     return subprocess.run([sys.executable, *args, "-c", textwrap.dedent(program)], text=True,
