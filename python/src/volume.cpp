@@ -42,12 +42,14 @@ Volume::Samples<T> makeSamples(std::string const& name, T const& outside,
     return samples;
 }
 
-/// Calls `use(tile, samples)` for the tiles of a depth.
+/// Calls `use(tile, samples)` for the tiles of a depth. Throws Stopped.
 template <class T, class Use>
 void forTiles(Volume::Tree const& tree, Volume::Samples<T> const& samples, int depth,
-              Use const& use) {
-    for (long long i = 0; i < tree.tileCount(depth); ++i)
+              std::stop_token const& stop, Use const& use) {
+    for (long long i = 0; i < tree.tileCount(depth); ++i) {
+        if (stop.stop_requested()) throw Stopped();
         use(tree.tile(i, depth), samples->samples(TreeIndex{i, depth}));
+    }
 }
 
 // Dense arrays.
@@ -91,7 +93,7 @@ void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Us
 template <class T>
 void fillFrom(Volume& volume, std::string const& name, T const& outside, py::array const& array) {
     auto const* const values = static_cast<T const*>(array.data());
-    withoutLock([&] {
+    interruptibly([&](std::stop_token const& stop) {
         auto const& [low, size] = volume.extent;
         std::array<std::int32_t, 3> first{}, last{};
         // One voxel more on each side, so that the values around the array are `outside`.
@@ -102,11 +104,13 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
                 floorDivide(std::int64_t{low[axis]} + size[axis], kWidth));
         }
         for (std::int32_t i = first[0]; i <= last[0]; ++i)
-            for (std::int32_t j = first[1]; j <= last[1]; ++j)
+            for (std::int32_t j = first[1]; j <= last[1]; ++j) {
+                if (stop.stop_requested()) throw Stopped();
                 for (std::int32_t k = first[2]; k <= last[2]; ++k)
                     volume.tree->addTile(i * kWidth, j * kWidth, k * kWidth, kDeepest);
+            }
         auto const samples = makeSamples(name, outside, *volume.topology);
-        forTiles<T>(*volume.tree, samples, kDeepest, [&](auto const& tile, T* data) {
+        forTiles<T>(*volume.tree, samples, kDeepest, stop, [&](auto const& tile, T* data) {
             forSamplesIn(tile, data, volume.extent,
                          [&](T& sample, std::int64_t place) { sample = values[place]; });
         });
@@ -301,9 +305,12 @@ py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object 
             if (kComponents < T >> 1) shape.push_back(kComponents<T>);
             py::array array = newFloats(shape);
             auto* const values = static_cast<T*>(array.mutable_data());
-            withoutLock([&] {
-                std::fill_n(values, array.size() / kComponents<T>, samples->defaultValue());
-                forTiles<T>(*self.tree, samples, depth, [&](auto const& tile, T* data) {
+            interruptibly([&](std::stop_token const& stop) {
+                constexpr py::ssize_t kRun = 1 << 20;
+                py::ssize_t const count = array.size() / kComponents<T>;
+                for (py::ssize_t at = 0; at < count && !stop.stop_requested(); at += kRun)
+                    std::fill_n(values + at, std::min(kRun, count - at), samples->defaultValue());
+                forTiles<T>(*self.tree, samples, depth, stop, [&](auto const& tile, T* data) {
                     forSamplesIn(tile, data, extent, [&](T const& sample, std::int64_t place) {
                         values[place] = sample;
                     });
