@@ -185,6 +185,26 @@ bool Result::mayOverlap(py::array const& other) const {
     return a.low < b.high && b.low < a.high;
 }
 
+bool Result::overlaps(Result const& other) const {
+    // Of two fields of records, the ranges have bytes in common, but the elements have not. The
+    // exact answer may take long, and is given up after so many steps.
+    constexpr int kSteps = 100'000;
+    if (!mayOverlap(other.m_target)) return false;
+    // Without the code of a derived class.
+    auto const plain = [](py::array const& array) {
+        return py::reinterpret_steal<py::object>(Api::get().PyArray_View_(
+            array.ptr(), nullptr, reinterpret_cast<PyObject*>(Api::get().PyArray_Type_)));
+    };
+    py::object const a = plain(m_target), b = plain(other.m_target);
+    if (!a || !b) throw py::error_already_set();
+    try {
+        return py::module_::import("numpy").attr("shares_memory")(a, b, kSteps).cast<bool>();
+    } catch (py::error_already_set const& error) {
+        if (!error.matches(PyExc_RuntimeError)) throw;  // too hard
+        return true;
+    }
+}
+
 py::object Result::finish() {
     if (!m_written.is(m_target) &&
         Api::get().PyArray_CopyInto_(m_target.ptr(), m_written.ptr()) < 0)

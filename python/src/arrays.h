@@ -93,7 +93,9 @@ public:
     float* data() { return m_data; }
     /// Whether the memory between the first and the last element has a byte in common.
     bool mayOverlap(py::array const& other) const;
-    bool mayOverlap(Result const& other) const { return mayOverlap(other.m_target); }
+    /// Whether an element has a byte in common with one of the other result; also true where NumPy
+    /// cannot tell within a short time.
+    bool overlaps(Result const& other) const;
 
     /// Copies to the caller's array what was written elsewhere, and returns the array; of a single
     /// number that is no array of the caller's, the number.

@@ -143,7 +143,7 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
     if (wanted.values) values.emplace(outs[0], withDimensions(points.leading, kOfValue), "out");
     if (wanted.gradients)
         gradients.emplace(outs[1], withDimensions(points.leading, kOfValue + 1), "out");
-    if (values && gradients && values->mayOverlap(*gradients))
+    if (values && gradients && values->overlaps(*gradients))
         throw py::value_error("out: the two arrays overlap");
     if (out && ((values && values->mayOverlap(points.array)) ||
                 (gradients && gradients->mayOverlap(points.array))))

@@ -80,6 +80,12 @@ def test_results_over_the_positions():
     expected = F(many.reshape(2000, 3).copy())
     F(many.reshape(2000, 3), out=many[4000:])
     assert np.array_equal(many[4000:], expected)
+    # Between one another, two results may lie, as fields of records do.
+    records = np.zeros(9, [("p", "f4", 3), ("v", "f4"), ("g", "f4", 3)])
+    records["p"] = np.arange(27).reshape(9, 3)
+    F.value_and_grad(records["p"], out=(records["v"], records["g"]))
+    assert np.array_equal(records["v"], formula(records["p"]))
+    assert np.array_equal(records["g"], F.grad(records["p"]))
     # The index is asked for first: it may change the shape.
     big = np.zeros((200_000, 3), np.float32)
 
