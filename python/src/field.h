@@ -2,6 +2,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -58,6 +59,8 @@ class Parts {
 public:
     void add(FieldObject& field);
     void add(py::handle attached);
+    /// Adds the level of a number or a vector that is made a constant.
+    void addConstant() { m_levels = std::max(m_levels, 1U); }
 
     py::object attached() const;
     std::uint32_t levels() const { return m_levels + 1; }

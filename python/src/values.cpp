@@ -292,6 +292,7 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
             return std::get<ScalarPtr>(fieldOf(object).tree);
         }
         if (!isNumber(object)) refuse(where, "a scalar field or a number", object);
+        parts.addConstant();
         return ScalarPtr(Quern::makePtr<ScalarFieldConstant>(toFloat(object, where)));
     case ValueKind::kVectorField:
         if (isVectorField(object)) {
@@ -299,6 +300,7 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
             return std::get<VectorPtr>(fieldOf(object).tree);
         }
         if (!isTriple(object)) refuse(where, "a vector field or a vector (x, y, z)", object);
+        parts.addConstant();
         return VectorPtr(Quern::makePtr<VectorFieldConstant>(toVector(object, where)));
     case ValueKind::kNone:
         break;

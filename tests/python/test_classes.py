@@ -228,6 +228,8 @@ def test_deep_trees(xyz):
     with pytest.raises(zel.SceneError):
         zel.loads(deep.dumps())
     del deep
+    for few in (zel.simplex_noise(), X + 1, zel.warp(X, (1, 2, 3)), zel.ScalarFieldSphere()):
+        assert few.levels == pickle.loads(pickle.dumps(few)).levels, few
     assert zel.add(*[X] * 1000).value_and_grad(xyz)[0][0] == pytest.approx(1000 * xyz[0, 0], 1e-4)
     least = zel.min(*[X - i for i in range(5000)])
     assert least.levels < 20 and np.array_equal(least(xyz), (X - 4999)(xyz))
