@@ -82,6 +82,20 @@ bool isArray(py::handle object) {
     return py::isinstance<py::array>(object);
 }
 
+bool isMasked(py::handle object) {
+    if (Py_TYPE(object.ptr()) == Api::get().PyArray_Type_ || !isArray(object)) return false;
+    return py::isinstance(object, py::module_::import("numpy.ma").attr("MaskedArray"));
+}
+
+bool isNumpyScalar(py::handle object) {
+    // numpy.generic is the base of numpy.flexible, and that of numpy.void.
+    return PyObject_TypeCheck(object.ptr(), Api::get().PyVoidArrType_Type_->tp_base->tp_base);
+}
+
+bool hasNumbers(py::dtype const& type) {
+    return std::strchr("biuf", type.kind()) != nullptr;
+}
+
 bool hasFloats(py::array const& array) {
     if (descriptorOf(array) == floatType()) return true;
     return py::bool_(array.dtype().equal(py::handle(floatType())));
@@ -105,14 +119,18 @@ std::string dtypeText(py::array const& array) {
 py::array numbersOf(py::handle object, std::string const& where) {
     py::array array =
         isArray(object) ? py::reinterpret_borrow<py::array>(object) : fromAny(object, nullptr, 0);
-    if (std::strchr("biuf", array.dtype().kind()) == nullptr)
+    if (isMasked(array))
+        throw py::type_error(where +
+                             ": wanted a plain array, got a masked one: filled() makes such");
+    if (!hasNumbers(array.dtype()))
         throw py::type_error(where + ": wanted numbers, got " +
                              (isArray(object) ? "an array of " + dtypeText(array) : shown(object)));
     return array;
 }
 
 py::array floatsOf(py::handle object, std::string const& where) {
-    if (isArray(object) && descriptorOf(py::reinterpret_borrow<py::array>(object)) == floatType())
+    if (isArray(object) && !isMasked(object) &&
+        descriptorOf(py::reinterpret_borrow<py::array>(object)) == floatType())
         return py::reinterpret_borrow<py::array>(object);
     py::array const array = numbersOf(object, where);
     if (hasFloats(array)) return array;

@@ -166,7 +166,11 @@ bool isNumber(py::handle object) {
     PyObject* const o = object.ptr();
     if (PyFloat_Check(o) || PyLong_Check(o)) return true;
     if (isField(object) || PyComplex_Check(o)) return false;
-    if (isArray(object)) return py::reinterpret_borrow<py::array>(object).ndim() == 0;
+    if (isArray(object)) {
+        auto const array = py::reinterpret_borrow<py::array>(object);
+        return array.ndim() == 0 && hasNumbers(array.dtype()) && !isMasked(object);
+    }
+    if (isNumpyScalar(object)) return hasNumbers(object.attr("dtype"));
     PyNumberMethods const* const methods = Py_TYPE(o)->tp_as_number;
     if (!methods || !(methods->nb_float || methods->nb_index)) return false;
     return lengthOf(object) < 0;
