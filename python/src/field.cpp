@@ -172,10 +172,13 @@ void checkLevels(py::handle field) {
                      "zel.max of many fields make flat trees, and sums can be written as sums of "
                      "sums",
                      levels, kMostLevels);
-    else if (stackLeft() < kLeastStack + levels * kStackOfLevel)
-        PyErr_SetString(PyExc_RecursionError,
-                        "zel: a Python function in a tree evaluates a tree, and so on, until the "
-                        "stack of the thread is used up");
+    else if (std::size_t const left = stackLeft(), needed = kLeastStack + levels * kStackOfLevel;
+             left < needed)
+        PyErr_Format(PyExc_RecursionError,
+                     "zel: the thread has %zu bytes of its stack left, and a tree of %u levels "
+                     "needs %zu: threading.stack_size() is too small, or Python functions in trees "
+                     "evaluate trees too deep",
+                     left, levels, needed);
     else
         return;
     throw py::error_already_set();

@@ -84,6 +84,23 @@ def test_a_function_that_evaluates_its_tree():
         tree(np.ones((256, 3)))
 
 
+def test_a_small_stack():
+    tree, errors = zel.add(*[zel.sphere()] * 990), []
+
+    def work():
+        try:
+            tree(np.ones((9, 3)))
+        except RecursionError as error:
+            errors.append(str(error))
+
+    threading.stack_size(1 << 18)
+    thread = threading.Thread(target=work)
+    thread.start()
+    threading.stack_size(0)
+    thread.join()
+    assert f"{tree.levels} levels needs" in errors[0]
+
+
 def test_cycles_are_collected():
     class Function:
         def __call__(self, points):
