@@ -4,6 +4,7 @@
 #include <chrono>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 
 #include "arrays.h"
 #include "callable.h"
@@ -150,11 +151,21 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
         points.copy();
 
     auto const root = std::get<Quern::Ptr<Interface>>(fieldOf(self).tree);
-    evaluateAll(Job<Interface>{
-        *root, points.view,
+    Job<Interface> const job{
+        *root,
+        points.view,
         values ? reinterpret_cast<typename Interface::Value*>(values->data()) : nullptr,
         gradients ? reinterpret_cast<typename Interface::Gradient*>(gradients->data()) : nullptr,
-        index, mayHaveFunction(fieldOf(self)), costOf(fieldOf(self)) * (gradients ? 7 : 1)});
+        index,
+        mayHaveFunction(fieldOf(self)),
+        costOf(fieldOf(self)) * (gradients ? 7 : 1)};
+    try {
+        evaluateAll(job);
+    } catch (std::length_error const& error) {
+        // Of a thread that took a part, and whose stack is smaller.
+        PyErr_SetString(PyExc_RecursionError, error.what());
+        throw py::error_already_set();
+    }
     if (values && gradients) return py::make_tuple(values->finish(), gradients->finish());
     return values ? values->finish() : gradients->finish();
 }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -27,7 +28,21 @@ public:
     using Work = std::function<void(std::stop_token const&)>;
 
     Helper() {
-        std::thread([this] { run(); }).detach();
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        // Enough for the deepest tree, whatever the limit of the process.
+        constexpr std::size_t kStack = std::size_t{8} << 20;
+        pthread_attr_setstacksize(&attributes, kStack);
+        auto const begin = [](void* self) -> void* {
+            static_cast<Helper*>(self)->run();
+            return nullptr;
+        };
+        pthread_t thread{};
+        int const failure = pthread_create(&thread, &attributes, begin, this);
+        pthread_attr_destroy(&attributes);
+        if (failure != 0)
+            throw std::system_error(failure, std::generic_category(), "zel: a thread");
     }
     Helper(Helper const&) = delete;
     Helper& operator=(Helper const&) = delete;
@@ -48,7 +63,7 @@ public:
     std::exception_ptr failure() { return std::exchange(m_failure, nullptr); }
 
 private:
-    void run() {
+    [[noreturn]] void run() {
         std::unique_lock lock(m_mutex);
         for (;;) {
             m_changed.wait(lock, [this] { return m_work; });
