@@ -44,6 +44,19 @@ void raiseMissing(BindReport const& report, FieldObject const& original) {
 Field const* nodeOf(Binding const& binding, NodeList const& list) {
     return binding.node < list.nodes().size() ? list.nodes()[binding.node] : nullptr;
 }
+
+/// The source without the parts that no leaf reads, or all of it if a leaf does not tell.
+std::shared_ptr<Source const> neededOf(std::shared_ptr<Source const> const& source,
+                                       BindReport const& report) {
+    std::set<std::string> names;
+    for (Binding const& one : report.bindings) {
+        if (one.state != Binding::State::kBound) continue;
+        if (one.name.empty()) return source;
+        names.insert(one.name);
+    }
+    return source->only(names);
+}
+
 std::unordered_set<Field const*> boundNodes(NodeList const& list, BindReport const& report) {
     std::unordered_set<Field const*> found;
     for (Binding const& one : report.bindings)
@@ -114,7 +127,7 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
         withoutLock([&] { report = zel::bind(tree, source->object(), source->indices()); });
         NodeList const nodes(rootOf(tree));
         py::object const attached =
-            attachedOfCopy(original, tree, source, boundNodes(nodes, report));
+            attachedOfCopy(original, tree, neededOf(source, report), boundNodes(nodes, report));
         if (isStrict) raiseMissing(report, original);
         py::object made = wrap(tree, attached, original.levels);
         py::list list;

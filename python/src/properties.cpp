@@ -205,6 +205,24 @@ Source::Source(Parts const& parts) {
     }
 }
 
+std::shared_ptr<Source const> Source::only(std::set<std::string> const& names) const {
+    auto made = std::make_shared<Source>(Parts());
+    std::set<std::string> targets;
+    for (Property const& one : m_properties) {
+        if (!names.contains(one.name)) continue;
+        made->m_properties.push_back(one);
+        targets.insert(one.target);
+    }
+    for (auto const& one : m_targets)
+        if (targets.contains(one.first)) made->m_targets.push_back(one);
+    if (!m_volume.is_none())
+        for (Volume::Channel const& one : valueOf<Volume>(m_volume).channels)
+            if (names.contains(one.name)) made->m_volume = m_volume;
+    made->m_indices = m_indices;
+    made->m_metresPerUnit = m_metresPerUnit;
+    return made;
+}
+
 py::dict Source::state() const {
     py::dict properties, targets, state;
     for (Property const& one : m_properties) {

@@ -158,6 +158,13 @@ def len_of_rows(xyz):
     return np.sqrt((xyz * xyz).sum(1))
 
 
+def test_a_pickle_has_what_leaves_read():
+    unused = {"b": np.zeros(100_000), "c": zel.Property(np.zeros(9), target="t")}
+    bound = A.bind({"a": [1, 2, 3], **unused}, {"t": np.arange(100_000)})
+    assert len(pickle.dumps(bound)) < 10_000
+    assert np.array_equal(pickle.loads(pickle.dumps(bound))(np.zeros((3, 3))), [1, 2, 3])
+
+
 test_errors_name_what_came = raises([
     (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
     (lambda: zel.Property(), TypeError, "values"),
