@@ -407,7 +407,7 @@ void addCurve(py::module_& module) {
         "__hash__", +[](Curve const& self) { return py::hash(partsOf(self)); });
     type.method(
         "__reduce__", +[](Curve const& self) {
-            return py::make_tuple(py::module_::import("zel").attr("_curve"), partsOf(self));
+            return py::make_tuple(py::module_::import("zel._tools").attr("_curve"), partsOf(self));
         });
     module.def(
         "curve",
