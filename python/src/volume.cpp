@@ -163,12 +163,17 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
                               shapeText(array));
     array = copyOf(array);
     float const size = toVoxelSize(voxelSize, kWhere);
-    float3 const at = toVector(origin, std::string(kWhere) + ": origin");
+    toVector(origin, std::string(kWhere) + ": origin");  // throws if it is none
+    // In float64: of float32, the quotient would have too few digits far from the origin.
+    double const width = toDouble(voxelSize, std::string(kWhere) + ": voxel_size");
+    py::tuple const at(origin);
+    if (at.size() != 3) throw py::type_error(std::string(kWhere) + ": origin changes its length");
 
     Volume::Extent extent;
     int offsetType = 0;
     for (int axis = 0; axis < 3; ++axis) {
-        double const voxels = double{at[axis]} / double{size};
+        double const voxels =
+            toDouble(at[static_cast<std::size_t>(axis)], std::string(kWhere) + ": origin") / width;
         double const rounded = std::round(2 * voxels) / 2;
         constexpr double kMost = Traits::kRootWidth / 2.0 - 8;
         if (!(std::abs(voxels) < kMost) ||
@@ -176,7 +181,9 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
             throw py::value_error(std::string(kWhere) +
                                   ": the array reaches beyond the volume, which is 2**30 voxels "
                                   "wide around the origin");
-        if (std::abs(voxels - rounded) > 1e-3)
+        // The rounding errors of an origin and a size of float32, far from the nearest half still.
+        double const tolerance = std::clamp(std::abs(voxels) * 0x1p-23, 1e-3, 0.1);
+        if (std::abs(voxels - rounded) > tolerance)
             throw py::value_error(std::string(kWhere) +
                                   ": wanted an origin at multiples of half the voxel_size, got " +
                                   shown(origin) +
@@ -533,7 +540,7 @@ void addVolume(py::module_& module) {
         });
     type.method(
         "__reduce__", +[](Volume const& self) {
-            return py::make_tuple(py::module_::import("zel").attr("_volume"), stateOf(self));
+            return py::make_tuple(py::module_::import("zel._tools").attr("_volume"), stateOf(self));
         });
     module.def("_volume", [](py::args const& state) { return fromState(state); });
 }
