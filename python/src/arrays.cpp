@@ -123,7 +123,11 @@ py::array numbersOf(py::handle object, std::string const& where) {
         throw py::type_error(where +
                              ": wanted a plain array, got a masked one: filled() makes such");
     if (!hasNumbers(array.dtype()))
-        throw py::type_error(where + ": wanted numbers, got " +
+        // Of a number beyond 64 bits, NumPy makes an array of objects.
+        throw py::type_error(where + ": wanted numbers" +
+                             (!isArray(object) && array.dtype().kind() == 'O'
+                                  ? " in the range of float32, got "
+                                  : ", got ") +
                              (isArray(object) ? "an array of " + dtypeText(array) : shown(object)));
     return array;
 }

@@ -107,6 +107,7 @@ test_errors_name_what_came = raises([
     (lambda: F("abc"), TypeError, "str 'abc'"),
     (lambda: F(None), TypeError, "NoneType"),
     (lambda: F(F), TypeError, "numbers"),
+    (lambda: F([2**70, 0, 0]), TypeError, "range of float32"),
     (lambda: F([[1, 2, 3], [1, 2]]), ValueError, ""),
     (lambda: F(), TypeError, "xyz"),
     (lambda: F(np.zeros((4, 3)), np.zeros(4)), TypeError, "out.*float32.*float64"),
