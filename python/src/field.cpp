@@ -13,7 +13,6 @@
 
 #include "errors.h"
 #include "field_types.h"
-#include "zel/scalar/arithmetic.h"
 #include "zel_scene/json.h"
 
 namespace zel::python {
@@ -107,9 +106,7 @@ double repeatsOf(Field const& node) {
         double count = kUnknown;
         if (auto const* const integer = std::get_if<std::int64_t>(&values[i]))
             count = static_cast<double>(*integer);
-        if (auto const* const field = std::get_if<ScalarPtr>(&values[i]))
-            if (auto const* const constant = dynamic_cast<ScalarFieldConstant*>(field->get()))
-                count = double{constant->eval({}, 0)};
+        if (auto const* const number = std::get_if<float>(&values[i])) count = double{*number};
         repeats *= std::max(1.0, count);
     }
     return repeats;
