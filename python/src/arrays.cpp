@@ -82,6 +82,20 @@ bool isArray(py::handle object) {
     return py::isinstance<py::array>(object);
 }
 
+bool isMasked(py::handle object) {
+    if (Py_TYPE(object.ptr()) == Api::get().PyArray_Type_ || !isArray(object)) return false;
+    return py::isinstance(object, py::module_::import("numpy.ma").attr("MaskedArray"));
+}
+
+bool isNumpyScalar(py::handle object) {
+    // numpy.generic is the base of numpy.flexible, and that of numpy.void.
+    return PyObject_TypeCheck(object.ptr(), Api::get().PyVoidArrType_Type_->tp_base->tp_base);
+}
+
+bool hasNumbers(py::dtype const& type) {
+    return std::strchr("biuf", type.kind()) != nullptr;
+}
+
 bool hasFloats(py::array const& array) {
     if (descriptorOf(array) == floatType()) return true;
     return py::bool_(array.dtype().equal(py::handle(floatType())));
@@ -105,14 +119,22 @@ std::string dtypeText(py::array const& array) {
 py::array numbersOf(py::handle object, std::string const& where) {
     py::array array =
         isArray(object) ? py::reinterpret_borrow<py::array>(object) : fromAny(object, nullptr, 0);
-    if (std::strchr("biuf", array.dtype().kind()) == nullptr)
-        throw py::type_error(where + ": wanted numbers, got " +
+    if (isMasked(array))
+        throw py::type_error(where +
+                             ": wanted a plain array, got a masked one: filled() makes such");
+    if (!hasNumbers(array.dtype()))
+        // Of a number beyond 64 bits, NumPy makes an array of objects.
+        throw py::type_error(where + ": wanted numbers" +
+                             (!isArray(object) && array.dtype().kind() == 'O'
+                                  ? " in the range of float32, got "
+                                  : ", got ") +
                              (isArray(object) ? "an array of " + dtypeText(array) : shown(object)));
     return array;
 }
 
 py::array floatsOf(py::handle object, std::string const& where) {
-    if (isArray(object) && descriptorOf(py::reinterpret_borrow<py::array>(object)) == floatType())
+    if (isArray(object) && !isMasked(object) &&
+        descriptorOf(py::reinterpret_borrow<py::array>(object)) == floatType())
         return py::reinterpret_borrow<py::array>(object);
     py::array const array = numbersOf(object, where);
     if (hasFloats(array)) return array;
@@ -137,6 +159,11 @@ py::array copyOf(py::array const& array) {
 
 void Points::copy() {
     array = copyOf(array);
+    Shape shape = leading;
+    shape.push_back(3);
+    if (Shape(array) != shape)
+        throw py::value_error("xyz: the shape of the array has changed from " + shapeText(shape) +
+                              " to " + shapeText(array));
     setView(*this);
 }
 
@@ -178,6 +205,26 @@ Result::Result(py::handle out, Shape const& shape, char const* name) : m_isOut(!
 bool Result::mayOverlap(py::array const& other) const {
     Range const a = rangeOf(m_target), b = rangeOf(other);
     return a.low < b.high && b.low < a.high;
+}
+
+bool Result::overlaps(Result const& other) const {
+    // Of two fields of records, the ranges have bytes in common, but the elements have not. The
+    // exact answer may take long, and is given up after so many steps.
+    constexpr int kSteps = 100'000;
+    if (!mayOverlap(other.m_target)) return false;
+    // Without the code of a derived class.
+    auto const plain = [](py::array const& array) {
+        return py::reinterpret_steal<py::object>(Api::get().PyArray_View_(
+            array.ptr(), nullptr, reinterpret_cast<PyObject*>(Api::get().PyArray_Type_)));
+    };
+    py::object const a = plain(m_target), b = plain(other.m_target);
+    if (!a || !b) throw py::error_already_set();
+    try {
+        return py::module_::import("numpy").attr("shares_memory")(a, b, kSteps).cast<bool>();
+    } catch (py::error_already_set const& error) {
+        if (!error.matches(PyExc_RuntimeError)) throw;  // too hard
+        return true;
+    }
 }
 
 py::object Result::finish() {

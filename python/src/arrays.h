@@ -55,6 +55,11 @@ private:
 };
 
 bool isArray(py::handle object);
+/// Whether an object is an array with a mask, which ZEL would not see.
+bool isMasked(py::handle object);
+bool isNumpyScalar(py::handle object);
+/// Whether elements are bools, integers or floats.
+bool hasNumbers(py::dtype const& type);
 /// Whether an array has the elements of float32 in the order of the machine.
 bool hasFloats(py::array const& array);
 /// The shape as Python writes it, such as "(4, 3)".
@@ -63,7 +68,7 @@ std::string shapeText(Shape const& shape);
 std::string dtypeText(py::array const& array);
 
 /// An object as an array of numbers: as it is if it is an array, else made by NumPy. Throws
-/// TypeError if the elements are not bools, integers or floats.
+/// TypeError if the elements are not bools, integers or floats, or if the array is masked.
 py::array numbersOf(py::handle object, std::string const& where);
 /// The same converted to float32. An array of float32 is returned as it is; others are copies.
 py::array floatsOf(py::handle object, std::string const& where);
@@ -78,7 +83,7 @@ struct Points {
     PointView view;
     Shape leading;  ///< the shape without the 3
 
-    /// Reads the positions from a copy.
+    /// Reads the positions from a copy. Throws ValueError if the array has another shape by now.
     void copy();
 };
 Points pointsOf(py::handle object, std::string const& where);
@@ -93,7 +98,9 @@ public:
     float* data() { return m_data; }
     /// Whether the memory between the first and the last element has a byte in common.
     bool mayOverlap(py::array const& other) const;
-    bool mayOverlap(Result const& other) const { return mayOverlap(other.m_target); }
+    /// Whether an element has a byte in common with one of the other result; also true where NumPy
+    /// cannot tell within a short time.
+    bool overlaps(Result const& other) const;
 
     /// Copies to the caller's array what was written elsewhere, and returns the array; of a single
     /// number that is no array of the caller's, the number.

@@ -7,6 +7,7 @@
 #include "interrupt.h"
 #include "object_types.h"
 #include "tree_walk.h"
+#include "values.h"
 #include "zel_scene/bind.h"
 
 namespace zel::python {
@@ -15,7 +16,14 @@ namespace {
 
 constexpr char const* kCapsule = "zel.BoundLeaves";
 
-void raiseMissing(BindReport const& report) {
+bool hasBoundLeaves(FieldObject const& field) {
+    if (!field.attached) return false;
+    for (py::handle const one : py::reinterpret_borrow<py::tuple>(field.attached))
+        if (boundLeavesIn(one)) return true;
+    return false;
+}
+
+void raiseMissing(BindReport const& report, FieldObject const& original) {
     std::set<std::string> reasons;
     py::list names;
     for (Binding const& one : report.unbound())
@@ -24,6 +32,8 @@ void raiseMissing(BindReport const& report) {
     std::string text = "unbound: ";
     for (std::string const& reason : reasons)
         text += (reason == *reasons.begin() ? "" : ", ") + reason;
+    if (hasBoundLeaves(original))
+        text += " (strict=True counts leaves of earlier calls as well: one call has to bind all)";
     py::object const error = py::handle(PyExc_KeyError)(text);
     error.attr("names") = py::tuple(names);
     PyErr_SetObject(PyExc_KeyError, error.ptr());
@@ -34,6 +44,19 @@ void raiseMissing(BindReport const& report) {
 Field const* nodeOf(Binding const& binding, NodeList const& list) {
     return binding.node < list.nodes().size() ? list.nodes()[binding.node] : nullptr;
 }
+
+/// The source without the parts that no leaf reads, or all of it if a leaf does not tell.
+std::shared_ptr<Source const> neededOf(std::shared_ptr<Source const> const& source,
+                                       BindReport const& report) {
+    std::set<std::string> names;
+    for (Binding const& one : report.bindings) {
+        if (one.state != Binding::State::kBound) continue;
+        if (one.name.empty()) return source;
+        names.insert(one.name);
+    }
+    return source->only(names);
+}
+
 std::unordered_set<Field const*> boundNodes(NodeList const& list, BindReport const& report) {
     std::unordered_set<Field const*> found;
     for (Binding const& one : report.bindings)
@@ -86,12 +109,12 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
     static char const* const names[] = {"properties",      "targets", "volume", "indices",
                                         "metres_per_unit", "strict",  nullptr};
     PyObject *properties = Py_None, *targets = Py_None, *volume = Py_None, *indices = Py_None,
-             *metres = Py_None;
-    int strict = 0;
-    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|OOO$OOp:bind", const_cast<char**>(names),
+             *metres = Py_None, *strict = Py_False;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|OOO$OOO:bind", const_cast<char**>(names),
                                      &properties, &targets, &volume, &indices, &metres, &strict))
         return nullptr;
     return guardedObject([&] {
+        bool const isStrict = toBool(strict, "strict");
         auto const borrowed = [](PyObject* object) {
             return py::reinterpret_borrow<py::object>(object);
         };
@@ -104,8 +127,8 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
         withoutLock([&] { report = zel::bind(tree, source->object(), source->indices()); });
         NodeList const nodes(rootOf(tree));
         py::object const attached =
-            attachedOfCopy(original, tree, source, boundNodes(nodes, report));
-        if (strict != 0) raiseMissing(report);
+            attachedOfCopy(original, tree, neededOf(source, report), boundNodes(nodes, report));
+        if (isStrict) raiseMissing(report, original);
         py::object made = wrap(tree, attached, original.levels);
         py::list list;
         for (Binding const& one : report.bindings) list.append(newObject(one));

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <limits>
 #include <optional>
+#include <stdexcept>
 
 #include "arrays.h"
 #include "callable.h"
@@ -32,6 +33,7 @@ template <class Interface> struct Job {
     Gradient* gradients;
     long long firstIndex;
     bool hasFunction;
+    double cost;  ///< of a position, as costOf() has it
 
     /// Evaluates `count` positions from `first` on.
     void run(std::size_t first, std::size_t count, std::stop_token const& stop = {}) const {
@@ -51,41 +53,66 @@ template <class Interface> struct Job {
 
 /// Evaluates all positions without the interpreter's lock. A long evaluation moves to a thread of
 /// its own, so that this one can handle signals. Whether it is long, some parts show, each a few
-/// times as large as the one before it.
+/// times as large as the one before it. This thread does no part that may cost too much: of a tree
+/// with a switch, a part may take much longer than those before it.
 template <class Interface> void evaluateAll(Job<Interface> const& job) {
-    constexpr std::size_t kFirst = 256, kGrowth = 8, kMost = 16384;
+    constexpr std::size_t kBlock = 256, kGrowth = 8, kMost = 16384;
+    constexpr double kMostCost = 1 << 19;  // less than 0.05 s
     constexpr std::chrono::duration<double> kLong(0.005);
     std::size_t const count = job.points.count;
-    if (count <= kFirst) return withoutLock([&] { job.run(0, count); });
+    auto const isDear = [&](std::size_t part) {
+        return job.cost * static_cast<double>(part) > kMostCost;
+    };
 
     std::size_t done = 0;
-    withoutLock([&] {
-        std::size_t part = kFirst;
-        while (part > 0) {
-            auto const start = std::chrono::steady_clock::now();
-            job.run(done, part);
-            std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - start;
-            done += part;
-            std::size_t const next = std::min(count - done, kGrowth * part);
-            bool const isLong =
-                taken * (static_cast<double>(next) / static_cast<double>(part)) > kLong;
-            part = isLong || next > kMost ? 0 : next;
-        }
-    });
+    std::size_t part = std::min(count, kBlock);
+    if (!isDear(part))
+        withoutLock([&] {
+            if (part == count) {
+                job.run(0, count);
+                done = count;
+                return;
+            }
+            while (part > 0) {
+                auto const start = std::chrono::steady_clock::now();
+                job.run(done, part);
+                std::chrono::duration<double> const taken =
+                    std::chrono::steady_clock::now() - start;
+                done += part;
+                std::size_t const next = std::min(count - done, kGrowth * part);
+                bool const isLong =
+                    taken * (static_cast<double>(next) / static_cast<double>(part)) > kLong;
+                part = isLong || next > kMost || isDear(next) ? 0 : next;
+            }
+        });
     if (done == count) return;
-    interruptibly([&](std::stop_token const& stop) { job.run(done, count - done, stop); });
+    interruptibly([&](std::stop_token const& stop) {
+        if (count > kBlock) return job.run(done, count - done, stop);
+        // Within a block, an evaluation does not stop.
+        constexpr double kLeast = 8;  // of fewer positions, a block takes hardly less time
+        auto const most = static_cast<std::size_t>(
+            std::clamp(kMostCost / job.cost, kLeast, static_cast<double>(kBlock)));
+        for (; done < count; done += std::min(most, count - done))
+            job.run(done, std::min(most, count - done), stop);
+    });
 }
 
 struct Wanted {
     bool values, gradients;
 };
 
-/// The index of the first position. Throws if an index of `count` positions is no 64-bit number.
-long long toIndex(PyObject* object, std::size_t count) {
-    if (!object) return 0;
+/// The index of the first position.
+long long toIndex(PyObject* object) {
+    return object ? toInteger(object, 0, std::numeric_limits<std::int64_t>::max(), "index0") : 0;
+}
+/// Throws if an index of `count` positions is no 64-bit number.
+void checkIndex(long long first, std::size_t count) {
     // NumPy has no array of more elements than a signed number can count.
-    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-    return toInteger(object, 0, kMost - static_cast<std::int64_t>(count), "index0");
+    long long const most = std::numeric_limits<long long>::max() - static_cast<long long>(count);
+    if (first > most)
+        throw py::value_error("index0: wanted an integer from 0 to " + std::to_string(most) +
+                              " for " + std::to_string(count) + " positions, got " +
+                              std::to_string(first));
 }
 
 Shape withDimensions(Shape shape, std::size_t count) {
@@ -97,8 +124,10 @@ template <class Interface>
 py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* index0, Wanted wanted) {
     constexpr std::size_t kOfValue = std::is_same_v<Interface, VectorField> ? 1 : 0;
     checkLevels(self);
+    // First: __index__ of the caller's class may change the shape of the arrays.
+    long long const index = toIndex(index0);
     Points points = pointsOf(xyz, "xyz");
-    long long const index = toIndex(index0, points.view.count);
+    checkIndex(index, points.view.count);
 
     py::handle outs[2] = {Py_None, Py_None};
     if (out && out != Py_None) {
@@ -115,18 +144,28 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
     if (wanted.values) values.emplace(outs[0], withDimensions(points.leading, kOfValue), "out");
     if (wanted.gradients)
         gradients.emplace(outs[1], withDimensions(points.leading, kOfValue + 1), "out");
-    if (values && gradients && values->mayOverlap(*gradients))
+    if (values && gradients && values->overlaps(*gradients))
         throw py::value_error("out: the two arrays overlap");
     if (out && ((values && values->mayOverlap(points.array)) ||
                 (gradients && gradients->mayOverlap(points.array))))
         points.copy();
 
     auto const root = std::get<Quern::Ptr<Interface>>(fieldOf(self).tree);
-    evaluateAll(Job<Interface>{
-        *root, points.view,
+    Job<Interface> const job{
+        *root,
+        points.view,
         values ? reinterpret_cast<typename Interface::Value*>(values->data()) : nullptr,
         gradients ? reinterpret_cast<typename Interface::Gradient*>(gradients->data()) : nullptr,
-        index, mayHaveFunction(fieldOf(self))});
+        index,
+        mayHaveFunction(fieldOf(self)),
+        costOf(fieldOf(self)) * (gradients ? 7 : 1)};
+    try {
+        evaluateAll(job);
+    } catch (std::length_error const& error) {
+        // Of a thread that took a part, and whose stack is smaller.
+        PyErr_SetString(PyExc_RecursionError, error.what());
+        throw py::error_already_set();
+    }
     if (values && gradients) return py::make_tuple(values->finish(), gradients->finish());
     return values ? values->finish() : gradients->finish();
 }

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 #include <new>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -39,8 +41,9 @@ std::size_t stackLeft() {
     return here > end ? here - end : 0;
 }
 
-/// The levels of a tree: the longest way down. Without recursion.
-std::uint32_t countLevels(Field const& root) {
+/// Computes a number for each node of a tree from those of its children, by `combine(node,
+/// children)`, and returns that of the root. Without recursion.
+template <class Number, class Combine> Number foldTree(Field const& root, Combine const& combine) {
     struct Children final : FieldConstVisitor {
         void operator()(Field const& node) override { all.push_back(&node); }
         std::vector<Field const*> all;
@@ -50,12 +53,13 @@ std::uint32_t countLevels(Field const& root) {
         std::vector<Field const*> children;
         std::size_t next;
     };
-    std::unordered_map<Field const*, std::uint32_t> known;  // 0 while a node is open
+    std::unordered_map<Field const*, Number> known;  // 0 while a node is open
+    std::vector<Number> numbers;
     std::vector<Open> open;
     auto const enter = [&](Field const& node) {
         Children children;
         node.listChildren(children);
-        known.emplace(&node, 0);
+        known.emplace(&node, Number{});
         open.push_back({&node, std::move(children.all), 0});
     };
     enter(root);
@@ -66,12 +70,46 @@ std::uint32_t countLevels(Field const& root) {
             if (!known.contains(&child)) enter(child);
             continue;
         }
-        std::uint32_t levels = 0;
-        for (Field const* const child : top.children) levels = std::max(levels, known[child]);
-        known[top.node] = levels + 1;
+        numbers.clear();
+        for (Field const* const child : top.children) numbers.push_back(known[child]);
+        Number const number = combine(*top.node, numbers);
+        known[top.node] = number;
         open.pop_back();
-        if (open.empty()) return levels + 1;
+        if (open.empty()) return number;
     }
+}
+
+/// The longest way down.
+std::uint32_t countLevels(Field const& root) {
+    return foldTree<std::uint32_t>(
+        root, [](Field const& /*node*/, std::vector<std::uint32_t> const& levels) {
+            std::uint32_t most = 0;
+            for (std::uint32_t const one : levels) most = std::max(most, one);
+            return most + 1;
+        });
+}
+
+/// How often a node may do the work of a node, and ask its children, for one of its values.
+double repeatsOf(Field const& node) {
+    constexpr double kUnknown = std::numeric_limits<double>::infinity();
+    constexpr double kDifferences = 8;  // a gradient takes up to 7 values
+    NodeClass const* const nodeClass = findNodeClass(node);
+    if (!nodeClass) return kUnknown;
+    double repeats = 1;
+    for (std::string_view const part : {"Gradient", "Divergence", "FieldCurl", "PointTransform"})
+        if (nodeClass->name.find(part) != std::string::npos) repeats = kDifferences;
+    std::vector<Value> values;
+    for (std::size_t i = 0; i < nodeClass->parameters.size(); ++i) {
+        std::string const& name = nodeClass->parameters[i].name;
+        if (name != "octaves" && name != "iterations") continue;
+        if (values.empty()) nodeClass->read(node, values);
+        double count = kUnknown;
+        if (auto const* const integer = std::get_if<std::int64_t>(&values[i]))
+            count = static_cast<double>(*integer);
+        if (auto const* const number = std::get_if<float>(&values[i])) count = double{*number};
+        repeats *= std::max(1.0, count);
+    }
+    return repeats;
 }
 
 }  // namespace
@@ -103,12 +141,24 @@ py::object wrap(Tree tree, py::handle attached, std::uint32_t levels) {
     made->attached =
         attached && PyTuple_GET_SIZE(attached.ptr()) > 0 ? attached.inc_ref().ptr() : nullptr;
     made->levels = levels;
+    made->cost = 0;
     return py::reinterpret_steal<py::object>(reinterpret_cast<PyObject*>(made));
 }
 
 std::uint32_t levelsOf(FieldObject& field) {
     if (field.levels == 0) field.levels = countLevels(rootOf(field.tree));
     return field.levels;
+}
+
+double costOf(FieldObject& field) {
+    if (field.cost == 0)
+        field.cost = foldTree<double>(rootOf(field.tree),
+                                      [](Field const& node, std::vector<double> const& costs) {
+                                          double cost = 1;
+                                          for (double const one : costs) cost += one;
+                                          return cost * repeatsOf(node);
+                                      });
+    return field.cost;
 }
 
 void checkLevels(py::handle field) {
@@ -119,10 +169,13 @@ void checkLevels(py::handle field) {
                      "zel.max of many fields make flat trees, and sums can be written as sums of "
                      "sums",
                      levels, kMostLevels);
-    else if (stackLeft() < kLeastStack + levels * kStackOfLevel)
-        PyErr_SetString(PyExc_RecursionError,
-                        "zel: a Python function in a tree evaluates a tree, and so on, until the "
-                        "stack of the thread is used up");
+    else if (std::size_t const left = stackLeft(), needed = kLeastStack + levels * kStackOfLevel;
+             left < needed)
+        PyErr_Format(PyExc_RecursionError,
+                     "zel: the thread has %zu bytes of its stack left, and a tree of %u levels "
+                     "needs %zu: threading.stack_size() is too small, or Python functions in trees "
+                     "evaluate trees too deep",
+                     left, levels, needed);
     else
         return;
     throw py::error_already_set();

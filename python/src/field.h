@@ -2,6 +2,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -26,6 +27,8 @@ struct FieldObject {
     PyObject* weakReferences;
     /// The levels of the tree; 0 if they are not counted yet.
     std::uint32_t levels;
+    /// costOf() the tree; 0 if it is not computed yet.
+    double cost;
 };
 
 /// Makes the types, once in the process, and adds them to a module.
@@ -44,6 +47,9 @@ py::object wrap(Tree tree, py::handle attached = {}, std::uint32_t levels = 0);
 
 /// The levels of a field's tree, counted when they are asked for first.
 std::uint32_t levelsOf(FieldObject& field);
+/// The most nodes that a value of a tree takes, each counted as often as it may be evaluated, at 10
+/// to 100 ns; infinite if it is not known. Counted when it is asked for first.
+double costOf(FieldObject& field);
 /// Throws RecursionError for a tree of more levels than an evaluation may use the stack for, or
 /// than what is left of this thread's stack is enough for.
 void checkLevels(py::handle field);
@@ -53,6 +59,8 @@ class Parts {
 public:
     void add(FieldObject& field);
     void add(py::handle attached);
+    /// Adds the level of a number or a vector that is made a constant.
+    void addConstant() { m_levels = std::max(m_levels, 1U); }
 
     py::object attached() const;
     std::uint32_t levels() const { return m_levels + 1; }

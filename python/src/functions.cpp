@@ -169,6 +169,7 @@ py::object construct(NodeClass const& nodeClass, py::args const& args, py::handl
         } else {
             if (parameter.defaultValue.index() == 0) throw py::type_error(where + " is missing");
             values.push_back(defaultValue(parameter));
+            if (zel::isField(parameter.kind)) parts.addConstant();
         }
     }
     if (given.volume) return constructBound(nodeClass, values, given.volume);

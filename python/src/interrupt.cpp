@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -17,6 +18,8 @@ namespace zel::python {
 namespace {
 
 std::atomic<int> atWork = 0;
+/// The part of `atWork` that this thread counts: all that a child forked by the thread has.
+thread_local int atWorkHere = 0;
 std::atomic<bool> isShuttingDown = false;
 
 /// A thread that does one piece of work after another. It waits in between, and never ends.
@@ -25,7 +28,21 @@ public:
     using Work = std::function<void(std::stop_token const&)>;
 
     Helper() {
-        std::thread([this] { run(); }).detach();
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        // Enough for the deepest tree, whatever the limit of the process.
+        constexpr std::size_t kStack = std::size_t{8} << 20;
+        pthread_attr_setstacksize(&attributes, kStack);
+        auto const begin = [](void* self) -> void* {
+            static_cast<Helper*>(self)->run();
+            return nullptr;
+        };
+        pthread_t thread{};
+        int const failure = pthread_create(&thread, &attributes, begin, this);
+        pthread_attr_destroy(&attributes);
+        if (failure != 0)
+            throw std::system_error(failure, std::generic_category(), "zel: a thread");
     }
     Helper(Helper const&) = delete;
     Helper& operator=(Helper const&) = delete;
@@ -46,7 +63,7 @@ public:
     std::exception_ptr failure() { return std::exchange(m_failure, nullptr); }
 
 private:
-    void run() {
+    [[noreturn]] void run() {
         std::unique_lock lock(m_mutex);
         for (;;) {
             m_changed.wait(lock, [this] { return m_work; });
@@ -76,13 +93,15 @@ struct HelperPool {
     std::vector<Helper*> waiting;
 };
 
-/// The pool of the process. A child of a fork has none of the threads, and gets another pool.
 HelperPool*& helperPool() {
-    static HelperPool* pool = [] {
-        pthread_atfork(nullptr, nullptr, [] { helperPool() = new HelperPool; });
-        return new HelperPool;
-    }();
+    static auto* pool = new HelperPool;
     return pool;
+}
+
+/// A child of a fork has no thread but the one that forked.
+void beginChild() {
+    helperPool() = new HelperPool;
+    atWork = atWorkHere;
 }
 
 /// A helper while it is in use. Waits for the end of its work, also if this thread is ended.
@@ -128,16 +147,19 @@ void beginShutDown() {
 
 AtWork::AtWork() {
     ++atWork;
+    ++atWorkHere;
     if (!isShuttingDown) return;
-    --atWork;
+    end();
     throw std::runtime_error("zel: the interpreter shuts down");
 }
 
-AtWork::~AtWork() {
+void AtWork::end() {
     --atWork;
+    --atWorkHere;
 }
 
 void watchShutDown() {
+    pthread_atfork(nullptr, nullptr, beginChild);
     py::module_::import("atexit").attr("register")(py::cpp_function(beginShutDown));
 }
 

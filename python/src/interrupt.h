@@ -37,12 +37,15 @@ void interruptibly(std::function<void(std::stop_token const&)> const& work);
 class AtWork {
 public:
     AtWork();
-    ~AtWork();
+    ~AtWork() { end(); }
     AtWork(AtWork const&) = delete;
     AtWork& operator=(AtWork const&) = delete;
+
+private:
+    static void end();
 };
 
-/// Has all work end before the interpreter shuts down.
+/// Has all work end before the interpreter shuts down, and a forked child know only its own work.
 void watchShutDown();
 
 }  // namespace zel::python

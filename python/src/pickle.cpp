@@ -115,7 +115,7 @@ py::object reduce(py::handle self) {
             bindings.append(py::make_tuple(bound->source->state(), numbers));
         }
     }
-    return py::make_tuple(py::module_::import("zel").attr("_restore"),
+    return py::make_tuple(py::module_::import("zel._tools").attr("_restore"),
                           py::make_tuple(text, functions, bindings));
 }
 

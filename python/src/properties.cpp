@@ -2,6 +2,7 @@
 
 #include <pybind11/stl.h>
 
+#include <cmath>
 #include <limits>
 #include <type_traits>
 
@@ -80,11 +81,17 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
         return toFloat(given, where);
     } else if constexpr (std::is_same_v<T, double>) {
         return toDouble(given, where);
+    } else if constexpr (std::is_same_v<T, bool>) {
+        return toBool(given, where);
     } else {
         if (!isNumber(given))
             throw py::type_error(where + ": wanted a number, got " + shown(given));
         try {
-            return given.cast<T>();
+            auto const index = py::reinterpret_steal<py::object>(PyNumber_Index(given.ptr()));
+            if (!index && !PyErr_ExceptionMatches(PyExc_TypeError)) throw py::error_already_set();
+            PyErr_Clear();
+            if (!index) throw py::cast_error();
+            return index.cast<T>();
         } catch (py::cast_error const&) {
             throw py::value_error(where + ": wanted a number of the type of the values, got " +
                                   shown(given));
@@ -191,8 +198,29 @@ Source::Source(Parts const& parts) {
                       static_cast<unsigned long long>(std::numeric_limits<long long>::max())));
     if (!parts.metresPerUnit.is_none()) {
         m_metresPerUnit = toFloat(parts.metresPerUnit, "metres_per_unit");
+        if (!(*m_metresPerUnit > 0) || std::isinf(*m_metresPerUnit))
+            throw py::value_error("metres_per_unit: wanted a finite number above 0, got " +
+                                  shown(parts.metresPerUnit));
         m_object.setProperty(Vellum::sceneUnitsInMeters, *m_metresPerUnit);
     }
+}
+
+std::shared_ptr<Source const> Source::only(std::set<std::string> const& names) const {
+    auto made = std::make_shared<Source>(Parts());
+    std::set<std::string> targets;
+    for (Property const& one : m_properties) {
+        if (!names.contains(one.name)) continue;
+        made->m_properties.push_back(one);
+        targets.insert(one.target);
+    }
+    for (auto const& one : m_targets)
+        if (targets.contains(one.first)) made->m_targets.push_back(one);
+    if (!m_volume.is_none())
+        for (Volume::Channel const& one : valueOf<Volume>(m_volume).channels)
+            if (names.contains(one.name)) made->m_volume = m_volume;
+    made->m_indices = m_indices;
+    made->m_metresPerUnit = m_metresPerUnit;
+    return made;
 }
 
 py::dict Source::state() const {
@@ -200,7 +228,7 @@ py::dict Source::state() const {
     for (Property const& one : m_properties) {
         py::object const values =
             std::visit([](auto const& array) -> py::object { return arrayOf(*array); }, one.values);
-        py::object const defaultValue = std::visit(
+        py::object defaultValue = std::visit(
             [](auto const& value) -> py::object {
                 using T = std::remove_cvref_t<decltype(value)>;
                 if constexpr (std::is_same_v<T, float3>)
@@ -211,6 +239,8 @@ py::dict Source::state() const {
                     return py::cast(value);
             },
             one.defaultValue);
+        if (std::holds_alternative<ArrayPtr<bool>>(one.values))
+            defaultValue = py::bool_(defaultValue);
         properties[py::str(one.name)] = py::make_tuple(values, defaultValue, one.target);
     }
     for (auto const& [name, indices] : m_targets) targets[py::str(name)] = arrayOf(*indices);

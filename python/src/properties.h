@@ -2,7 +2,9 @@
 
 #include <pybind11/numpy.h>
 
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -31,6 +33,9 @@ public:
 
     Orvane::Object const& object() const { return m_object; }
     Quern::Ptr<Quern::Array<long long>> const& indices() const { return m_indices; }
+
+    /// The parts that leaves need which read these properties or channels. Without the object.
+    std::shared_ptr<Source const> only(std::set<std::string> const& names) const;
 
     /// A dict from which fromState() makes an equal source.
     py::dict state() const;

@@ -166,7 +166,11 @@ bool isNumber(py::handle object) {
     PyObject* const o = object.ptr();
     if (PyFloat_Check(o) || PyLong_Check(o)) return true;
     if (isField(object) || PyComplex_Check(o)) return false;
-    if (isArray(object)) return py::reinterpret_borrow<py::array>(object).ndim() == 0;
+    if (isArray(object)) {
+        auto const array = py::reinterpret_borrow<py::array>(object);
+        return array.ndim() == 0 && hasNumbers(array.dtype()) && !isMasked(object);
+    }
+    if (isNumpyScalar(object)) return hasNumbers(object.attr("dtype"));
     PyNumberMethods const* const methods = Py_TYPE(o)->tp_as_number;
     if (!methods || !(methods->nb_float || methods->nb_index)) return false;
     return lengthOf(object) < 0;
@@ -292,6 +296,7 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
             return std::get<ScalarPtr>(fieldOf(object).tree);
         }
         if (!isNumber(object)) refuse(where, "a scalar field or a number", object);
+        parts.addConstant();
         return ScalarPtr(Quern::makePtr<ScalarFieldConstant>(toFloat(object, where)));
     case ValueKind::kVectorField:
         if (isVectorField(object)) {
@@ -299,6 +304,7 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
             return std::get<VectorPtr>(fieldOf(object).tree);
         }
         if (!isTriple(object)) refuse(where, "a vector field or a vector (x, y, z)", object);
+        parts.addConstant();
         return VectorPtr(Quern::makePtr<VectorFieldConstant>(toVector(object, where)));
     case ValueKind::kNone:
         break;
@@ -401,7 +407,7 @@ void addCurve(py::module_& module) {
         "__hash__", +[](Curve const& self) { return py::hash(partsOf(self)); });
     type.method(
         "__reduce__", +[](Curve const& self) {
-            return py::make_tuple(py::module_::import("zel").attr("_curve"), partsOf(self));
+            return py::make_tuple(py::module_::import("zel._tools").attr("_curve"), partsOf(self));
         });
     module.def(
         "curve",

@@ -42,12 +42,14 @@ Volume::Samples<T> makeSamples(std::string const& name, T const& outside,
     return samples;
 }
 
-/// Calls `use(tile, samples)` for the tiles of a depth.
+/// Calls `use(tile, samples)` for the tiles of a depth. Throws Stopped.
 template <class T, class Use>
 void forTiles(Volume::Tree const& tree, Volume::Samples<T> const& samples, int depth,
-              Use const& use) {
-    for (long long i = 0; i < tree.tileCount(depth); ++i)
+              std::stop_token const& stop, Use const& use) {
+    for (long long i = 0; i < tree.tileCount(depth); ++i) {
+        if (stop.stop_requested()) throw Stopped();
         use(tree.tile(i, depth), samples->samples(TreeIndex{i, depth}));
+    }
 }
 
 // Dense arrays.
@@ -91,7 +93,7 @@ void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Us
 template <class T>
 void fillFrom(Volume& volume, std::string const& name, T const& outside, py::array const& array) {
     auto const* const values = static_cast<T const*>(array.data());
-    withoutLock([&] {
+    interruptibly([&](std::stop_token const& stop) {
         auto const& [low, size] = volume.extent;
         std::array<std::int32_t, 3> first{}, last{};
         // One voxel more on each side, so that the values around the array are `outside`.
@@ -102,11 +104,13 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
                 floorDivide(std::int64_t{low[axis]} + size[axis], kWidth));
         }
         for (std::int32_t i = first[0]; i <= last[0]; ++i)
-            for (std::int32_t j = first[1]; j <= last[1]; ++j)
+            for (std::int32_t j = first[1]; j <= last[1]; ++j) {
+                if (stop.stop_requested()) throw Stopped();
                 for (std::int32_t k = first[2]; k <= last[2]; ++k)
                     volume.tree->addTile(i * kWidth, j * kWidth, k * kWidth, kDeepest);
+            }
         auto const samples = makeSamples(name, outside, *volume.topology);
-        forTiles<T>(*volume.tree, samples, kDeepest, [&](auto const& tile, T* data) {
+        forTiles<T>(*volume.tree, samples, kDeepest, stop, [&](auto const& tile, T* data) {
             forSamplesIn(tile, data, volume.extent,
                          [&](T& sample, std::int64_t place) { sample = values[place]; });
         });
@@ -159,12 +163,17 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
                               shapeText(array));
     array = copyOf(array);
     float const size = toVoxelSize(voxelSize, kWhere);
-    float3 const at = toVector(origin, std::string(kWhere) + ": origin");
+    toVector(origin, std::string(kWhere) + ": origin");  // throws if it is none
+    // In float64: of float32, the quotient would have too few digits far from the origin.
+    double const width = toDouble(voxelSize, std::string(kWhere) + ": voxel_size");
+    py::tuple const at(origin);
+    if (at.size() != 3) throw py::type_error(std::string(kWhere) + ": origin changes its length");
 
     Volume::Extent extent;
     int offsetType = 0;
     for (int axis = 0; axis < 3; ++axis) {
-        double const voxels = double{at[axis]} / double{size};
+        double const voxels =
+            toDouble(at[static_cast<std::size_t>(axis)], std::string(kWhere) + ": origin") / width;
         double const rounded = std::round(2 * voxels) / 2;
         constexpr double kMost = Traits::kRootWidth / 2.0 - 8;
         if (!(std::abs(voxels) < kMost) ||
@@ -172,7 +181,9 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
             throw py::value_error(std::string(kWhere) +
                                   ": the array reaches beyond the volume, which is 2**30 voxels "
                                   "wide around the origin");
-        if (std::abs(voxels - rounded) > 1e-3)
+        // The rounding errors of an origin and a size of float32, far from the nearest half still.
+        double const tolerance = std::clamp(std::abs(voxels) * 0x1p-23, 1e-3, 0.1);
+        if (std::abs(voxels - rounded) > tolerance)
             throw py::value_error(std::string(kWhere) +
                                   ": wanted an origin at multiples of half the voxel_size, got " +
                                   shown(origin) +
@@ -301,9 +312,12 @@ py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object 
             if (kComponents < T >> 1) shape.push_back(kComponents<T>);
             py::array array = newFloats(shape);
             auto* const values = static_cast<T*>(array.mutable_data());
-            withoutLock([&] {
-                std::fill_n(values, array.size() / kComponents<T>, samples->defaultValue());
-                forTiles<T>(*self.tree, samples, depth, [&](auto const& tile, T* data) {
+            interruptibly([&](std::stop_token const& stop) {
+                constexpr py::ssize_t kRun = 1 << 20;
+                py::ssize_t const count = array.size() / kComponents<T>;
+                for (py::ssize_t at = 0; at < count && !stop.stop_requested(); at += kRun)
+                    std::fill_n(values + at, std::min(kRun, count - at), samples->defaultValue());
+                forTiles<T>(*self.tree, samples, depth, stop, [&](auto const& tile, T* data) {
                     forSamplesIn(tile, data, extent, [&](T const& sample, std::int64_t place) {
                         values[place] = sample;
                     });
@@ -526,7 +540,7 @@ void addVolume(py::module_& module) {
         });
     type.method(
         "__reduce__", +[](Volume const& self) {
-            return py::make_tuple(py::module_::import("zel").attr("_volume"), stateOf(self));
+            return py::make_tuple(py::module_::import("zel._tools").attr("_volume"), stateOf(self));
         });
     module.def("_volume", [](py::args const& state) { return fromState(state); });
 }

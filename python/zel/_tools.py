@@ -66,6 +66,8 @@ def slice(field, plane="xy", size=512, *, low=(-1, -1), high=(1, 1), offset=0.0)
 
     def pair(given, name):
         try:
+            if isinstance(given, (str, bytes)):
+                raise TypeError
             a, b = (float(number) for number in given)
         except (TypeError, ValueError):
             raise TypeError(f"zel.slice: {name}: wanted two numbers, got {given!r}") from None
@@ -90,6 +92,8 @@ def slice(field, plane="xy", size=512, *, low=(-1, -1), high=(1, 1), offset=0.0)
         offset = float(offset)
     except (TypeError, ValueError):
         raise TypeError(f"zel.slice: offset: wanted a number, got {offset!r}") from None
+    if not abs(offset) <= np.finfo(np.float32).max:
+        raise ValueError(f"zel.slice: offset: wanted a finite number of float32, got {offset!r}")
     spans = [high[i] - low[i] for i in (0, 1)]
     if isinstance(size, (tuple, list, np.ndarray)) and np.shape(size) == (2,):
         width, height = (count(n) for n in size)
@@ -100,7 +104,11 @@ def slice(field, plane="xy", size=512, *, low=(-1, -1), high=(1, 1), offset=0.0)
         height = max(1, round(width * min(abs(spans[1] / spans[0]), 1e9)))
     if width < 1 or height < 1:
         raise ValueError(f"zel.slice: size: wanted 1 or more, got {size!r}")
-    xyz = np.empty((height, width, 3), np.float32)
+    try:
+        xyz = np.empty((height, width, 3), np.float32)
+    except (MemoryError, OverflowError, ValueError):
+        raise ValueError(f"zel.slice: size: there is no memory for {width} x {height} positions"
+                         ) from None
     xyz[..., 3 - right - up] = offset
     xyz[..., right] = low[0] + (np.arange(width) + 0.5) * (spans[0] / width)
     xyz[..., up] = (low[1] + (np.arange(height) + 0.5) * (spans[1] / height))[:, None]

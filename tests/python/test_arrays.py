@@ -80,6 +80,22 @@ def test_results_over_the_positions():
     expected = F(many.reshape(2000, 3).copy())
     F(many.reshape(2000, 3), out=many[4000:])
     assert np.array_equal(many[4000:], expected)
+    # Between one another, two results may lie, as fields of records do.
+    records = np.zeros(9, [("p", "f4", 3), ("v", "f4"), ("g", "f4", 3)])
+    records["p"] = np.arange(27).reshape(9, 3)
+    F.value_and_grad(records["p"], out=(records["v"], records["g"]))
+    assert np.array_equal(records["v"], formula(records["p"]))
+    assert np.array_equal(records["g"], F.grad(records["p"]))
+    # The index is asked for first: it may change the shape.
+    big = np.zeros((200_000, 3), np.float32)
+
+    class Index:
+        def __index__(self):
+            big.shape = (-1, 1)
+            return 0
+
+    with pytest.raises(ValueError, match="600000, 1"):
+        F(big, out=big.reshape(-1)[-200_000:], index0=Index())
 
 
 test_errors_name_what_came = raises([
@@ -91,6 +107,7 @@ test_errors_name_what_came = raises([
     (lambda: F("abc"), TypeError, "str 'abc'"),
     (lambda: F(None), TypeError, "NoneType"),
     (lambda: F(F), TypeError, "numbers"),
+    (lambda: F([2**70, 0, 0]), TypeError, "range of float32"),
     (lambda: F([[1, 2, 3], [1, 2]]), ValueError, ""),
     (lambda: F(), TypeError, "xyz"),
     (lambda: F(np.zeros((4, 3)), np.zeros(4)), TypeError, "out.*float32.*float64"),

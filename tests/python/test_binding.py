@@ -2,6 +2,7 @@
 
 import copy
 import copyreg
+import fractions
 import gc
 import pickle
 import sys
@@ -157,6 +158,13 @@ def len_of_rows(xyz):
     return np.sqrt((xyz * xyz).sum(1))
 
 
+def test_a_pickle_has_what_leaves_read():
+    unused = {"b": np.zeros(100_000), "c": zel.Property(np.zeros(9), target="t")}
+    bound = A.bind({"a": [1, 2, 3], **unused}, {"t": np.arange(100_000)})
+    assert len(pickle.dumps(bound)) < 10_000
+    assert np.array_equal(pickle.loads(pickle.dumps(bound))(np.zeros((3, 3))), [1, 2, 3])
+
+
 test_errors_name_what_came = raises([
     (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
     (lambda: zel.Property(), TypeError, "values"),
@@ -167,6 +175,15 @@ test_errors_name_what_came = raises([
     (lambda: A.bind({"a": [[1, 2]]}), ValueError, "\\(n, 4\\).*\\(1, 2\\)"),
     (lambda: A.bind({"a": zel.Property([1], default="x")}), TypeError, "default.*'x'"),
     (lambda: A.bind({"a": zel.Property(np.array([1], "i1"), default=300)}), ValueError, "300"),
+    (lambda: A.bind({"a": zel.Property([1], default=np.float32(0.5))}), ValueError, "0.5"),
+    (lambda: A.bind({"a": zel.Property([1], default=np.array(0.5))}), ValueError, "default.*0.5"),
+    (lambda: A.bind({"a": zel.Property([1], default=fractions.Fraction(1, 2))}), ValueError, "1, 2"),
+    (lambda: A.bind({"a": zel.Property([True], default=5)}), TypeError, "True or False.*5"),
+    (lambda: A.bind({"a": np.ma.masked_less([1, 2], 2)}), TypeError, "masked"),
+    (lambda: A.bind(metres_per_unit=float("nan")), ValueError, "metres_per_unit.*above 0.*nan"),
+    (lambda: A.bind(metres_per_unit=0), ValueError, "metres_per_unit.*above 0.*0"),
+    (lambda: A.bind(strict="no"), TypeError, "strict.*'no'"),
+    (lambda: A.bind({"a": [1]}).bind(strict=True), KeyError, "earlier calls"),
     (lambda: A.bind({"a": zel.Property([1.0], default=10**400)}), ValueError, "default.*float64"),
     (lambda: A.bind({"a": zel.Property(np.array([1], "f4"), default=1e39)}), ValueError, "1e\\+39"),
     (lambda: A.bind(targets={"t": [-1]}), ValueError, "-1"),

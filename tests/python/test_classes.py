@@ -155,6 +155,13 @@ test_errors_name_what_came = raises([
     (lambda: zel.sphere((0, 0, 0), 1, 2), TypeError, "3 arguments"),
     (lambda: zel.sphere((0, 0, 0), center=(0, 0, 0)), TypeError, "twice"),
     (lambda: zel.sphere(radius=1e39), ValueError, "float32"),
+    (lambda: zel.sphere(radius=np.complex64(1 + 2j)), TypeError, "radius.*number.*complex64"),
+    (lambda: zel.sphere(radius=np.array("3")), TypeError, "radius.*number"),
+    (lambda: zel.sphere(radius=np.timedelta64(3)), TypeError, "radius.*number"),
+    (lambda: zel.sphere(radius=np.ma.masked), TypeError, "radius.*number"),
+    (lambda: zel.slice(X, offset=1e300), ValueError, "offset.*1e\\+300"),
+    (lambda: zel.slice(X, size=10**9), ValueError, "size"),
+    (lambda: zel.slice(X, low="12"), TypeError, "low.*'12'"),
     (lambda: zel.plane(), TypeError, "normal is missing"),
     (lambda: zel.plane(normal=(0, 0, 0)), ValueError, "direction.*\\(0, 0, 0\\)"),
     (lambda: zel.plane(normal=(1e30, 0, 0)), ValueError, "direction.*1e\\+30"),
@@ -228,6 +235,8 @@ def test_deep_trees(xyz):
     with pytest.raises(zel.SceneError):
         zel.loads(deep.dumps())
     del deep
+    for few in (zel.simplex_noise(), X + 1, zel.warp(X, (1, 2, 3)), zel.ScalarFieldSphere()):
+        assert few.levels == pickle.loads(pickle.dumps(few)).levels, few
     assert zel.add(*[X] * 1000).value_and_grad(xyz)[0][0] == pytest.approx(1000 * xyz[0, 0], 1e-4)
     least = zel.min(*[X - i for i in range(5000)])
     assert least.levels < 20 and np.array_equal(least(xyz), (X - 4999)(xyz))

@@ -84,6 +84,23 @@ def test_a_function_that_evaluates_its_tree():
         tree(np.ones((256, 3)))
 
 
+def test_a_small_stack():
+    tree, errors = zel.add(*[zel.sphere()] * 990), []
+
+    def work():
+        try:
+            tree(np.ones((9, 3)))
+        except RecursionError as error:
+            errors.append(str(error))
+
+    threading.stack_size(1 << 18)
+    thread = threading.Thread(target=work)
+    thread.start()
+    threading.stack_size(0)
+    thread.join()
+    assert f"{tree.levels} levels needs" in errors[0]
+
+
 def test_cycles_are_collected():
     class Function:
         def __call__(self, points):
@@ -153,6 +170,17 @@ def test_an_interrupt_stops_a_batch(slow):
     assert zel.sphere()((0, 0, 0)) == -1
 
 
+def test_an_interrupt_stops_a_block_of_many_paths():
+    field = zel.simplex_noise()
+    for _ in range(20):
+        field = zel.translate(field, (1, 0, 0)) + zel.translate(field, (0, 1, 0))
+    out = np.full(256, -7, np.float32)
+    threading.Timer(0.3, signal.raise_signal, [signal.SIGINT]).start()
+    with pytest.raises(KeyboardInterrupt):
+        field(np.ones((256, 3)), out=out)
+    assert out[-1] == -7
+
+
 def run(program, *args):
     environment = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
     return subprocess.run([sys.executable, *args, "-c", textwrap.dedent(program)], text=True,
@@ -204,6 +232,15 @@ def run(program, *args):
      if os.fork() == 0:
          print(np.array_equal(f(x), a), flush=True); os._exit(0)
      os.wait()
+     """, "True\n"),
+    # The same while another thread evaluates, which the child does not wait for.
+    ("""
+     import os, sys, threading, time, zel
+     begun, end = threading.Event(), threading.Event()
+     f = zel.field(lambda p: begun.set() or end.wait() and p[:, 0])
+     threading.Thread(target=f, args=((0, 0, 0),)).start(); begun.wait(); start = time.time()
+     if os.fork() == 0: sys.exit()
+     os.wait(); end.set(); print(time.time() - start < 3)
      """, "True\n"),
 ])
 def test_the_interpreter(program, output):

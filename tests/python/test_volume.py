@@ -46,6 +46,16 @@ def test_dense_arrays_against_scipy(half):
                                    atol=1e-5)
 
 
+@pytest.mark.parametrize("voxel_size, places", [
+    (0.01, (1000.13, 12345.67, 99999.99, -99999.985)), (np.float32(0.01), (1000.13, -12345.67))])
+def test_origins_far_away(voxel_size, places):
+    for x in places:
+        volume = zel.Volume.from_numpy(OK, voxel_size, (x, 0, 0), name="d")
+        assert volume.origin()[0] == pytest.approx(x, 1e-6)
+    with pytest.raises(ValueError, match="multiples"):
+        zel.Volume.from_numpy(OK, voxel_size, (1000.132, 0, 0), name="d")
+
+
 def test_vectors_and_strides():
     array = np.random.default_rng(4).normal(size=(3, 6, 5, 4)).transpose(3, 1, 2, 0)[::-1]
     volume = zel.Volume.from_numpy(array, 1, (0, 0, 0), name="v")
