@@ -136,7 +136,7 @@ py::array floatsOf(py::handle object, std::string const& where) {
     if (isArray(object) && !isMasked(object) &&
         descriptorOf(py::reinterpret_borrow<py::array>(object)) == floatType())
         return py::reinterpret_borrow<py::array>(object);
-    py::array const array = numbersOf(object, where);
+    py::array array = numbersOf(object, where);
     if (hasFloats(array)) return array;
     return fromAny(array, floatType(), Api::NPY_ARRAY_FORCECAST_ | Api::NPY_ARRAY_ALIGNED_);
 }
