@@ -58,6 +58,7 @@ std::vector<float> rowsOf(std::vector<Value> const& values,
     if (values.empty()) return {};
     auto const* const value = reinterpret_cast<float const*>(values.data());
     auto const* const gradient = reinterpret_cast<float const*>(gradients.data());
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): a value may be a float
     constexpr std::size_t kOfValue = sizeof(Value) / sizeof(float);
     std::size_t const ofGradient = gradients.empty() ? 0 : sizeof(Gradient) / sizeof(float);
     std::vector<float> rows(values.size() * (kOfValue + ofGradient));
