@@ -278,7 +278,7 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
     std::size_t block = good.size() - 9;  // the last one
     while (number(block) != size - static_cast<std::int64_t>(block) - 8) --block;
     EXPECT_NE(errorWith(block, -number(block)).find("a block of -"), std::string::npos);
-    for (std::size_t const field : {4, 12})  // of Blosc's header: all bytes, and compressed ones
+    for (std::size_t const field : {4U, 12U})  // of Blosc's header: all bytes, and compressed ones
         EXPECT_NE(errorWith(block + 8 + field, std::int32_t{1 << 20}).find("sizes are wrong"),
                   std::string::npos);
     std::size_t place = 0;
