@@ -27,8 +27,9 @@ public:
     class File {
     public:
         virtual ~File() = default;
-        /// Collective: writes bytes at an offset, or none. Returns the end of the last bytes that
-        /// any rank writes. Throws std::runtime_error.
+        /// Collective: copies bytes and begins to write them at an offset, or none, and waits for
+        /// those that were given before. Returns the end of the last bytes that any rank writes.
+        /// Throws std::runtime_error, also for a failure of the bytes before.
         virtual std::uint64_t write(std::uint64_t offset, std::span<std::byte const> bytes) = 0;
         /// Collective. Throws std::runtime_error.
         virtual void close() = 0;

@@ -46,9 +46,14 @@ public:
     MpiFile(MpiFile const&) = delete;
     MpiFile& operator=(MpiFile const&) = delete;
     // MPI_File_close() would wait for the other ranks after an error.
-    ~MpiFile() override { ::close(m_own); }
+    ~MpiFile() override {
+        // After an error, too, a thread of MPI may still read the bytes: MPI_Abort() will end it.
+        if (m_request != MPI_REQUEST_NULL) static_cast<void>(m_bytes.release());
+        ::close(m_own);
+    }
 
     std::uint64_t write(std::uint64_t offset, std::span<std::byte const> bytes) override {
+        finishWriting();
         bool const isReserved = reserve(offset, bytes.size());
         std::array<std::uint64_t, 2> most{bytes.empty() ? 0 : offset + bytes.size(),
                                           isReserved ? 0U : 1U};
@@ -60,7 +65,10 @@ public:
             writeAlone(offset, bytes);
         return most[0];
     }
-    void close() override { expect(MPI_File_close(&m_file)); }
+    void close() override {
+        finishWriting();
+        expect(MPI_File_close(&m_file));
+    }
 
 private:
     /// Takes the room on the disk: OpenMPI hides from the other ranks, and from itself, that the
@@ -81,15 +89,23 @@ private:
         if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && end > limit.rlim_cur) failWith(EFBIG);
     }
 
+    /// Begins to write. Ranks of one machine wait for one another when they write to a file, so
+    /// they evaluate meanwhile.
     void writeTogether(std::uint64_t offset, std::span<std::byte const> bytes) {
+        m_bytes = std::make_unique<std::vector<std::byte>>(bytes.begin(), bytes.end());
+        expect(MPI_File_iwrite_at_all(m_file, static_cast<MPI_Offset>(offset), m_bytes->data(),
+                                      static_cast<int>(bytes.size()), MPI_BYTE, &m_request));
+    }
+
+    void finishWriting() {
+        if (m_request == MPI_REQUEST_NULL) return;
         MPI_Status status;
-        expect(MPI_File_write_at_all(m_file, static_cast<MPI_Offset>(offset), bytes.data(),
-                                     static_cast<int>(bytes.size()), MPI_BYTE, &status));
+        expect(MPI_Wait(&m_request, &status));
         int written = 0;
         MPI_Get_count(&status, MPI_BYTE, &written);
-        if (written != static_cast<int>(bytes.size()))
+        if (written != static_cast<int>(m_bytes->size()))
             throw std::runtime_error("only " + std::to_string(written) + " of " +
-                                     std::to_string(bytes.size()) + " bytes were written");
+                                     std::to_string(m_bytes->size()) + " bytes were written");
     }
 
     void writeAlone(std::uint64_t offset, std::span<std::byte const> bytes) const {
@@ -104,6 +120,8 @@ private:
     }
 
     MPI_File m_file = MPI_FILE_NULL;
+    MPI_Request m_request = MPI_REQUEST_NULL;
+    std::unique_ptr<std::vector<std::byte>> m_bytes;  // that are being written
     int m_own;
 };
 
