@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 
+#include <tbb/task_arena.h>
 #include <zel/field/evaluate.h>
 #include <zel_exchange/npy.h>
 
@@ -97,7 +98,6 @@ public:
 
 private:
     static constexpr std::uint64_t kAtATime = 1 << 18;  ///< samples of one batch, at most
-    static constexpr std::uint64_t kMost = 1 << 22;     ///< samples of one turn
     static constexpr double kFirstTurn = 0.02, kLongestTurn = 0.25;  ///< in seconds
 
     /// The ranges of the ranks at first, by the times of runs of samples all over the box.
@@ -144,13 +144,14 @@ private:
         Clock::time_point const start = Clock::now();
         double passed = 0;
         do {
-            std::uint64_t const count = std::min({m_batch, range.size(), kMost - m_values.size()});
+            std::uint64_t const count = std::min({m_batch, range.size(), m_most - m_values.size()});
             evaluate(range.first, count);
             range.first += count;
             double const before = std::exchange(passed, secondsSince(start));
+            if (m_ranks.isAlone()) continue;
             if (passed - before < seconds / 32) m_batch = std::min(2 * m_batch, kAtATime);
             if (passed - before > seconds / 8) m_batch = std::max<std::uint64_t>(m_batch / 2, 256);
-        } while (passed < seconds && range.size() > 0 && m_values.size() < kMost);
+        } while (passed < seconds && range.size() > 0 && m_values.size() < m_most);
         return static_cast<double>(m_values.size()) / std::max(passed, 1e-9);
     }
 
@@ -172,7 +173,7 @@ private:
         if (m_ranks.isAlone()) return left;
         shareOut(ranges, m_seconds, kRunOfShare);
         // The fastest rank is not to run out of memory before the end of the turn.
-        turn = std::min(kLongestTurn, 0.9 * static_cast<double>(kMost) / fastest);
+        turn = std::min(kLongestTurn, 0.9 * static_cast<double>(m_most) / fastest);
         return left;
     }
     static constexpr std::uint64_t kRunOfShare = 1 << 10;
@@ -183,6 +184,10 @@ private:
     std::stop_token m_stop;
     Progress m_progress;
     std::string m_header;
+    /// The samples of one turn. More than 2^20 of a thread would be out of its caches when they are
+    /// written.
+    std::uint64_t m_most =
+        static_cast<std::uint64_t>(std::min(tbb::this_task_arena::max_concurrency(), 4)) << 20;
     std::uint64_t m_batch = m_ranks.isAlone() ? kAtATime : 1 << 12;
     std::vector<float3> m_positions;
     std::vector<Value> m_values;
