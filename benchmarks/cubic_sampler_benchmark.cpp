@@ -23,9 +23,7 @@
 #include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 #ifdef ZEL_WITH_OPENVDB
-#include <openvdb/openvdb.h>
-#include <openvdb/tools/Dense.h>
-#include <openvdb/tools/Interpolation.h>
+#include "openvdb_baseline.h"
 #endif
 
 namespace {
@@ -131,21 +129,9 @@ public:
             addGradient("_block", [this, &sampler] { return gradientBlock(sampler); });
         }
 #ifdef ZEL_WITH_OPENVDB
-        using openvdb::Coord, openvdb::CoordBBox;
-        CoordBBox const box(Coord(m_low), Coord(m_low + m_size - 1));
-        auto* const data = reinterpret_cast<typename Grid::ValueType*>(m_dense.samples.data());
-        openvdb::tools::Dense<typename Grid::ValueType, openvdb::tools::LayoutXYZ> const array(
-            box, data);
-        m_grid = Grid::create();
-        openvdb::tools::copyFromDense(array, *m_grid, typename Grid::ValueType(0.0F));
-        add("openvdb_quadratic", [this] {
-            auto const reader = m_grid->getConstAccessor();
-            return m_positions.sum([&](float3 const& p) {
-                constexpr float kInverse = 1 / kVoxelSize;
-                openvdb::Vec3d const at(p.x * kInverse, p.y * kInverse, p.z * kInverse);
-                return openvdb::tools::QuadraticSampler::sample(reader, at);
-            });
-        });
+        m_openvdb = std::make_unique<OpenVdbBaseline<T>>(m_dense);
+        add("openvdb_quadratic",
+            [this] { return m_openvdb->quadratic(m_positions.x, m_positions.y, m_positions.z); });
 #endif
     }
     Filled(Filled const&) = delete;
@@ -206,8 +192,7 @@ private:
     std::array<std::unique_ptr<Sampler<Traits, T>>, 4> m_samplers;
     std::vector<float> m_out;
 #ifdef ZEL_WITH_OPENVDB
-    using Grid = std::conditional_t<std::same_as<T, float>, openvdb::FloatGrid, openvdb::Vec3SGrid>;
-    typename Grid::Ptr m_grid;
+    std::unique_ptr<OpenVdbBaseline<T>> m_openvdb;
 #endif
 };
 

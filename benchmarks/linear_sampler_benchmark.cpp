@@ -23,10 +23,7 @@
 #include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 #ifdef ZEL_WITH_OPENVDB
-#include <openvdb/math/Stencils.h>
-#include <openvdb/openvdb.h>
-#include <openvdb/tools/Dense.h>
-#include <openvdb/tools/Interpolation.h>
+#include "openvdb_baseline.h"
 #endif
 
 namespace {
@@ -92,48 +89,6 @@ template <class Read> double sumOf(Positions const& at, Read const& read) {
     return static_cast<double>(sum);
 }
 
-#ifdef ZEL_WITH_OPENVDB
-template <class T> struct Vdb {
-    using Grid = std::conditional_t<std::same_as<T, float>, openvdb::FloatGrid, openvdb::Vec3SGrid>;
-    using Value = typename Grid::ValueType;
-
-    explicit Vdb(DenseVolume<T> const& dense) : grid(Grid::create()) {
-        openvdb::CoordBBox const box(openvdb::Coord(dense.low),
-                                     openvdb::Coord(dense.low + dense.size - 1));
-        auto* const data = const_cast<Value*>(reinterpret_cast<Value const*>(dense.samples.data()));
-        openvdb::tools::Dense<Value, openvdb::tools::LayoutXYZ> const array(box, data);
-        openvdb::tools::copyFromDense(array, *grid, Value(0.0F));
-    }
-    static openvdb::Vec3d index(float3 const& p) {
-        constexpr float kInverse = 1 / kVoxelSize;
-        return {p.x * kInverse, p.y * kInverse, p.z * kInverse};
-    }
-    double values(Positions const& at) const {
-        auto const accessor = grid->getConstAccessor();
-        return sumOf(at, [&](float3 const& p) {
-            auto const value = openvdb::tools::BoxSampler::sample(accessor, index(p));
-            if constexpr (std::same_as<T, float>)
-                return value;
-            else
-                return float3{value.x(), value.y(), value.z()};
-        });
-    }
-    double gradients(Positions const& at) const {
-        openvdb::math::BoxStencil<Grid> stencil(*grid);
-        return sumOf(at, [&](float3 const& p) {
-            openvdb::math::Vec3<Value> const i(index(p));
-            stencil.moveTo(i);
-            auto const g = stencil.gradient(i);
-            constexpr float kInverse = 1 / kVoxelSize;
-            return stencil.interpolation(i) + g.x() * kInverse + g.y() * kInverse +
-                   g.z() * kInverse;
-        });
-    }
-
-    typename Grid::Ptr grid;
-};
-#endif
-
 /// A volume, the same samples in an array, and the samplers that read them.
 template <class Traits, class T> class Subject {
 public:
@@ -193,10 +148,12 @@ public:
         });
         add(gradient + "/halo_block", [this] { return gradientBlock(); });
 #ifdef ZEL_WITH_OPENVDB
-        m_vdb = std::make_unique<Vdb<T>>(m_dense);
-        add(name + "/openvdb", [this] { return m_vdb->values(m_positions); });
+        m_openvdb = std::make_unique<OpenVdbBaseline<T>>(m_dense);
+        auto const& [x, y, z] = m_positions;
+        add(name + "/openvdb", [this, &x, &y, &z] { return m_openvdb->linear(x, y, z); });
         if constexpr (std::same_as<T, float>)
-            add(name + "_gradient/openvdb", [this] { return m_vdb->gradients(m_positions); });
+            add(gradient + "/openvdb",
+                [this, &x, &y, &z] { return m_openvdb->linearWithGradients(x, y, z); });
 #endif
     }
     Subject(Subject const&) = delete;
@@ -266,7 +223,7 @@ private:
     DenseVolume<T> m_dense;
     std::unique_ptr<LinearSampler<Traits, T>> m_halos, m_direct, m_ring;
 #ifdef ZEL_WITH_OPENVDB
-    std::unique_ptr<Vdb<T>> m_vdb;
+    std::unique_ptr<OpenVdbBaseline<T>> m_openvdb;
 #endif
     std::vector<float> m_out;
     std::vector<Reader> m_readers;

@@ -9,8 +9,6 @@
 
 #include <openvdb/openvdb.h>
 #include <openvdb/tools/Interpolation.h>
-#include <openvdb/tools/LevelSetSphere.h>
-#include <openvdb/tools/LevelSetUtil.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +25,7 @@
 
 #include "zel/zel.h"
 #include "zel_exchange/vdb.h"
+#include "zel_exchange/vdb_write.h"
 
 namespace {
 
@@ -146,23 +145,39 @@ void write(std::string const& path, openvdb::GridBase::Ptr const& grid, std::uin
     file.write(openvdb::GridPtrVec{grid});
 }
 
+/// A ball of radius 1. Its voxels have a power of two as their size, so that both find the same
+/// places in them.
+openvdb::FloatGrid::Ptr makeBall(std::string const& path, zel::VdbClass gridClass) {
+    zel::VdbField field;
+    field.name = "grid";
+    field.scalar = Quern::makePtr<zel::ScalarFieldSphere>(float3{}, 1.0F);
+    field.gridClass = gridClass;
+    zel::WriteVdbOptions options;
+    options.band = 3;
+    constexpr float kReach = 1.0625F;
+    zel::writeVdb(path, {field},
+                  {float3{-kReach, -kReach, -kReach}, float3{kReach, kReach, kReach}}, 1.0F / 128,
+                  options);
+    openvdb::io::File file(path);
+    file.open(false);
+    return openvdb::gridPtrCast<openvdb::FloatGrid>(file.readGrid("grid"));
+}
+
 }  // namespace
 
 int main() {
     using namespace openvdb;
     initialize();
-    // Voxels whose size is a power of two, so that both find the same places in them.
-    auto const ball = tools::createLevelSetSphere<FloatGrid>(1.0F, Vec3f(0), 1.0F / 128);
-    auto const fog = gridPtrCast<FloatGrid>(ball->deepCopyGrid());
-    tools::sdfToFogVolume(*fog);
+    auto const path =
+        (std::filesystem::temp_directory_path() / ("vdb_benchmark" + std::to_string(getpid())))
+            .string();
+    auto const ball = makeBall(path, zel::VdbClass::kLevelSet);
+    auto const fog = makeBall(path, zel::VdbClass::kFogVolume);
     auto const vectors = gridPtrCast<Vec3SGrid>(GridBase::createGrid(Vec3SGrid::gridType()));
     auto to = vectors->getAccessor();
     for (auto value = ball->cbeginValueOn(); value; ++value)
         to.setValueOn(value.getCoord(), Vec3s(*value, 1, -*value));
 
-    auto const path =
-        (std::filesystem::temp_directory_path() / ("vdb_benchmark" + std::to_string(getpid())))
-            .string();
     constexpr std::uint32_t kMask = io::COMPRESS_ACTIVE_MASK;
     write(path, ball, kMask | io::COMPRESS_BLOSC);
     measureReading<FloatGrid>(path, "blosc");
