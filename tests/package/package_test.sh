@@ -56,7 +56,7 @@ install_static)
     # From a project that takes in the sources. Without optimisation, which takes the least time.
     rm -rf "$package/static"
     cmake_project -DZEL_SOURCE_DIR="$source" -DCMAKE_BUILD_TYPE=Debug -DBUILD_SHARED_LIBS=OFF \
-        -DZEL_INSTALL=ON
+        -DZEL_INSTALL=ON -DZEL_PRECOMPILE_HEADERS=ON
     ninja -C b -t commands app >commands
     grep -q -- "-isystem $work/b/zel/include " commands
     cmake --install b --prefix "$package/static" >/dev/null
@@ -105,7 +105,7 @@ pages)
     if pkg-config --exists zel_exchange; then packages+=(zel_exchange); else rm files-* exchange-*; fi
     for program in *.cpp; do
         echo "$program"
-        compile "$program" -O2 -Wall -Wextra -Werror
+        compile "$program" -Wall -Wextra -Werror
         "./${program%.cpp}" >output
         [ ! -e "${program%.cpp}.txt" ] || diff output "${program%.cpp}.txt"
     done
