@@ -12,7 +12,8 @@ constexpr long long kShort = 1000, kLong = 300'000;
 
 class Plugin {
 public:
-    Plugin() = default;
+    explicit Plugin(char const* path = ZEL_TEST_PLUGIN)
+        : m_library(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {}
     Plugin(Plugin const&) = delete;
     Plugin& operator=(Plugin const&) = delete;
     ~Plugin() { dlclose(m_library); }
@@ -24,11 +25,11 @@ public:
     }
 
 private:
-    void* m_library = dlopen(ZEL_TEST_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+    void* m_library;
 };
 
-bool isLoaded() {
-    void* const library = dlopen(ZEL_TEST_SONAME, RTLD_NOW | RTLD_NOLOAD);
+bool isLoaded(char const* name = ZEL_TEST_SONAME) {
+    void* const library = dlopen(name, RTLD_NOW | RTLD_NOLOAD);
     if (library) dlclose(library);
     return library != nullptr;
 }
@@ -59,5 +60,21 @@ TEST(Environment, WorksInTheChildOfAFork) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
+
+#ifdef ZEL_TEST_OTHER_PLUGIN
+// The other version is the same code under another name, so it has the same values.
+TEST(Environment, HoldsTwoVersionsInOneProcess) {
+    Plugin const one;
+    double const sum = one.sum(kLong, true);
+    {
+        Plugin const other(ZEL_TEST_OTHER_PLUGIN);
+        EXPECT_TRUE(isLoaded() && isLoaded(ZEL_TEST_OTHER_SONAME));
+        std::thread at([&] { EXPECT_EQ(one.sum(kLong, true), sum); });
+        EXPECT_EQ(other.sum(kLong, true), sum);
+        at.join();
+    }
+    EXPECT_EQ(one.sum(kLong, true), sum);
+}
+#endif
 
 }  // namespace
