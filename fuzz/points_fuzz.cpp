@@ -4,10 +4,9 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
+#include "expect.h"
 #include "zel_exchange/image.h"
 #include "zel_exchange/npy.h"
 #include "zel_exchange/points.h"
@@ -15,14 +14,6 @@
 namespace {
 
 using Orvane::Math::float3;
-
-void expect(bool condition) {
-    if (!condition) std::abort();
-}
-
-bool same(float a, float b) {
-    return (a != a && b != b) || std::memcmp(&a, &b, sizeof a) == 0;
-}
 
 /// All positions, of a file that is not too long; false if it is no file of points.
 bool readAll(zel::PointReader reader, std::vector<float3>& points) {

@@ -2,18 +2,15 @@
 // the same hash and the same text again. The tree is then bound to an object, and evaluated: a
 // batch must have the bits of point calls.
 
-#include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <initializer_list>
 #include <limits>
-#include <map>
 #include <string_view>
-#include <type_traits>
 #include <vector>
 
+#include "cost.h"
+#include "expect.h"
 #include "zel/zel.h"
 #include "zel_platform/orvane_geometry/geo_property.h"
 #include "zel_scene/bind.h"
@@ -24,10 +21,6 @@
 namespace {
 
 using zel::float3;
-
-void expect(bool condition) {
-    if (!condition) std::abort();
-}
 
 template <class T> Quern::Ptr<Quern::Array<T>> arrayOf(std::initializer_list<T> list) {
     return Quern::makePtr<Quern::Array<T>>(list);
@@ -50,53 +43,6 @@ Orvane::Object makeObject() {
     auto const velocity = zel::buildVolume(values, zel::VectorFieldPosition());
     setVolume(object, zel::toVolumeObject({{"values", values}, {"velocity", velocity}}));
     return object;
-}
-
-/// How many calls of nodes a point call of the tree makes, or infinity if the tree has a parameter
-/// that multiplies its time. A node with several parents counts once for each way to it.
-class Cost {
-public:
-    template <class Node> double operator()(Quern::Ptr<Node> const& node) {
-        if (!node) return 0;
-        auto const [place, isNew] = m_costs.try_emplace(node.get(), 1.0);
-        if (!isNew) return place->second;
-        double cost = 1;
-        std::vector<zel::Value> values;
-        zel::NodeClass const* const nodeClass = findNodeClass(*node);
-        expect(nodeClass != nullptr);
-        nodeClass->read(*node, values);
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            std::visit(
-                [&](auto const& value) {
-                    using T = std::remove_cvref_t<decltype(value)>;
-                    if constexpr (std::is_same_v<T, zel::ScalarPtr> ||
-                                  std::is_same_v<T, zel::VectorPtr>)
-                        cost += kCallsOfAChild * (*this)(value);
-                    else if constexpr (std::is_same_v<T, float>)
-                        if (nodeClass->parameters[i].name == "octaves" && value > 20)
-                            cost = std::numeric_limits<double>::infinity();
-                },
-                values[i]);
-        }
-        m_costs[node.get()] = cost;
-        return cost;
-    }
-
-private:
-    static constexpr double kCallsOfAChild = 2;
-
-    std::map<void const*, double> m_costs;
-};
-
-bool same(float a, float b) {
-    return std::bit_cast<std::uint32_t>(a) == std::bit_cast<std::uint32_t>(b) ||
-           (std::isnan(a) && std::isnan(b));
-}
-bool same(float3 const& a, float3 const& b) {
-    return same(a.x, b.x) && same(a.y, b.y) && same(a.z, b.z);
-}
-bool same(Orvane::Math::float3x3 const& a, Orvane::Math::float3x3 const& b) {
-    return same(a[0], b[0]) && same(a[1], b[1]) && same(a[2], b[2]);
 }
 
 /// Positions near the origin, on lattices, far out and beyond all numbers.

@@ -11,7 +11,6 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <limits>
@@ -21,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "expect.h"
 #include "zel/zel.h"
 #include "zel_exchange/error.h"
 #include "zel_exchange/vdb_write.h"
@@ -30,10 +30,6 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 namespace {
 
 using Orvane::Math::float3;
-
-void expect(bool condition) {
-    if (!condition) std::abort();
-}
 
 std::string const& pathOf(char const* name) {
     static std::string const folder = "/dev/shm/vdb-" + std::to_string(getpid()) + "-";

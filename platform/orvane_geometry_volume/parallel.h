@@ -1,9 +1,10 @@
 #pragma once
 
 #include <tbb/blocked_range.h>
-#include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
+
+#include "zel_platform/quern_core/parallel_for.h"
 
 namespace ORV::TileTree3D::Internal {
 
@@ -13,10 +14,10 @@ namespace ORV::TileTree3D::Internal {
 template <class Body> void parallelRanges(long long count, long long grain, Body const& body) {
     tbb::this_task_arena::isolate([&] {
         tbb::task_group_context context(tbb::task_group_context::isolated);
-        tbb::parallel_for(
+        Quern::Internal::parallelFor(
             tbb::blocked_range<long long>(0, count, static_cast<std::size_t>(grain)),
             [&](tbb::blocked_range<long long> const& range) { body(range.begin(), range.end()); },
-            tbb::auto_partitioner(), context);
+            context);
     });
 }
 

@@ -59,11 +59,17 @@ double line(double anchor, double value, double slope, double x) {
         double const bPart = sum - a;
         return (a - (sum - bPart)) + (b - bPart);
     };
-    double const dx = x - anchor, rise = slope * dx, sum = value + rise;
-    double const lost = error(value, rise, sum) + slope * error(x, -anchor, dx);
+    auto const at = [&](double scale) {
+        double const a = scale * anchor, v = scale * value, p = scale * x;
+        double const dx = p - a, rise = slope * dx, sum = v + rise;
+        return std::pair(sum, error(v, rise, sum) + slope * error(p, -a, dx));
+    };
+    auto const [sum, lost] = at(1);
     if (std::isfinite(sum) && std::isfinite(lost)) return sum + lost;
+    if (!std::isfinite(x)) return sum;
     // An intermediate result overflows, but the value need not: compute half of it.
-    return std::isfinite(x) ? 2 * (value / 2 + slope * (x / 2 - anchor / 2)) : sum;
+    auto const [half, lostOfHalf] = at(0.5);
+    return 2 * (std::isfinite(lostOfHalf) ? half + lostOfHalf : half);
 }
 
 /// The straight line from a to b, at an `x` between them. The slope between keys that are close to

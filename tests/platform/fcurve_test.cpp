@@ -26,8 +26,10 @@ constexpr auto kHold = FCurve::Extrapolation::kConstant, kGoOn = FCurve::Extrapo
 
 TEST(FCurve, IdentityIsExact) {
     std::mt19937_64 random(17);
-    for (std::vector<Key> const& keys :
-         {std::vector<Key>{{0, 0}, {1, 1}}, {{-0.3, -0.3}, {0.1, 0.1}, {7, 7}}, {{1, 1, 1, 1}}}) {
+    for (std::vector<Key> const& keys : {std::vector<Key>{{0, 0}, {1, 1}},
+                                         {{-0.3, -0.3}, {0.1, 0.1}, {7, 7}},
+                                         {{1, 1, 1, 1}},
+                                         {{-kMax, -kMax, 1, 1}}}) {
         FCurve const curve(keys, kGoOn, kGoOn);
         for (int i = 0; i < 100'000; ++i) {
             double const x = std::ldexp(static_cast<double>(random() | 1),

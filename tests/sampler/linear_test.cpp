@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "benchmarks/allocation_count.h"
-#include "sampler/places.h"
+#include "sampler/linear_reference.h"
 #include "support/probe.h"
 #include "zel/sampler/linear/ring_fill.h"
 #include "zel/sampler/linear/voxel_sampler_linear.h"
@@ -17,41 +17,6 @@ using support::kNaN;
 using support::same;
 
 constexpr int kWorld = 2, kLattice = 0;
-/// Coordinates that no tree covers.
-constexpr float kFar[] = {6.2e8F, -6.2e8F, 1.1e9F, 0x1p31F, -0x1p31F, 3e9F,
-                          1e38F,  -1e38F,  kInf,   -kInf,   kNaN};
-
-/// What a position is turned into.
-template <class Traits> struct Place {
-    TileOf<Traits> const* tile;
-    int3 lijk;
-    float3 frac;
-};
-
-template <class Traits>
-std::optional<Place<Traits>> locate(VoxelTopology<Traits> const& topology, float3 const& position,
-                                    int depth) {
-    int3 point;
-    for (int axis = 0; axis < 3; ++axis) {
-        if (!(std::fabs(position[axis]) < 1e9F)) return {};
-        point[axis] = static_cast<int>(std::floor(position[axis]));
-    }
-    auto const& tile = topology.container().tileAccessor().tile(point.x, point.y, point.z, depth);
-    if (!tile.exists()) return {};
-    Place<Traits> place{&tile, {}, {}};
-    auto const perVoxel = static_cast<float>(1.0 / static_cast<double>(tile.voxelDataWidth()));
-    for (int axis = 0; axis < 3; ++axis) {
-        bool const onCorner = (topology.offsetType() >> axis & 1) != 0;
-        float const above = position[axis] - static_cast<float>(tile.tijk()[axis]);
-        float l = above * perVoxel - (onCorner ? 0.0F : 0.5F);
-        if (l > -1e-5F && l <= 0) l = 0;
-        float const below = std::clamp(std::floor(l), onCorner ? 0.0F : -1.0F,
-                                       static_cast<float>(Traits::kSamples - 1));
-        place.lijk[axis] = static_cast<int>(below);
-        place.frac[axis] = l - below;
-    }
-    return place;
-}
 
 template <class Case> class Linear : public testing::Test {};
 TYPED_TEST_SUITE(Linear, Cases);
@@ -181,10 +146,7 @@ TYPED_TEST(Linear, IsTrilinearBetweenHaloOrRingSamples) {
     using Traits = typename TypeParam::Traits;
     using T = typename TypeParam::Value;
     constexpr int D = Traits::kMaxDepth, kCount = 300;
-    struct Sample {
-        T value;
-        GradientOf<T> gradient{};
-    };
+    using Sample = LinearSample<T>;
     using Floats = std::array<float, sizeof(Sample) / sizeof(float)>;
     constexpr std::size_t kFloats = sizeof(T) / sizeof(float);
     Random random(11);
@@ -237,24 +199,7 @@ TYPED_TEST(Linear, IsTrilinearBetweenHaloOrRingSamples) {
                         return type == 7 ? scene.halo.tileData(tile.treeIndex())(i.x, i.y, i.z)
                                          : rings.of(tile.treeIndex())(i.x, i.y, i.z);
                     };
-                    auto const& t = place->frac;
-                    expected.value = trilinear(cell, t);
-                    float const inverse = 1.0F / static_cast<float>(tile.voxelDataWidth()) *
-                                          (1 / scene.tree.voxelSize());
-                    for (int axis = 0; axis < 3; ++axis) {
-                        // The differences along the axis, between those along the two others.
-                        int const u = axis == 0 ? 1 : 0, w = axis == 2 ? 1 : 2;
-                        auto const difference = [&](int, int a, int b) {
-                            int3 low, high;
-                            low[u] = high[u] = a, low[w] = high[w] = b, high[axis] = 1;
-                            return cell(high.x, high.y, high.z) - cell(low.x, low.y, low.z);
-                        };
-                        T const slope = trilinear(difference, float3{0, t[u], t[w]}) * inverse;
-                        if constexpr (kFloats == 1)
-                            expected.gradient[axis] = slope;
-                        else
-                            for (int r = 0; r < 3; ++r) expected.gradient[r][axis] = slope[r];
-                    }
+                    expected = interpolate<T>(*place, scene.tree.voxelSize(), cell);
                 }
                 SCOPED_TRACE(testing::Message() << "at " << p.x << " " << p.y << " " << p.z);
                 float3 const world = p * scene.tree.voxelSize();

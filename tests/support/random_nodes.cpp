@@ -88,7 +88,8 @@ template <class Traits> Orvane::Object const& boundObject() {
 template Orvane::Object const& boundObject<ORV::TileTree3D::BinaryTraits>();
 template Orvane::Object const& boundObject<ORV::TileTree3D::QuinaryTraits>();
 
-RandomNodes::RandomNodes(unsigned seed, bool bindsNodes) : random(seed), binds(bindsNodes) {
+RandomNodes::RandomNodes(Choices const& choices, bool bindsNodes)
+    : random(choices), binds(bindsNodes) {
     keep(ScalarPtr(makePtr<OwnScalar>()));
     keep(VectorPtr(makePtr<VectorFieldPosition>()));
     keep(ScalarPtr(makePtr<OwnSum>(*this, *this)));

@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "support/choices.h"
 #include "support/probe.h"
 #include "volume/volumes.h"
 #include "zel/library_nodes.h"
@@ -69,7 +70,9 @@ template <class Traits> Orvane::Object const& boundObject();
 /// takes.
 class RandomNodes {
 public:
-    explicit RandomNodes(unsigned seed, bool bindsNodes = true);
+    explicit RandomNodes(unsigned seed, bool bindsNodes = true)
+        : RandomNodes(Choices(seed), bindsNodes) {}
+    RandomNodes(Choices const& choices, bool bindsNodes);
     virtual ~RandomNodes() = default;
 
     /// A node of a class, bound to objects in part, which later nodes may have as a child.
@@ -90,13 +93,13 @@ public:
     operator SamplerType() const { return static_cast<SamplerType>(random() % 4); }
     operator Quern::Array<float3>() const { return {{1, 2, 3}, {-4, 5, 0.5F}, {0.25F, -2, 8}}; }
     operator float3() const { return {*this, *this, *this}; }
-    operator float() const { return static_cast<float>(random() % 4000) / 1000 - 1; }
+    virtual operator float() const { return static_cast<float>(random() % 4000) / 1000 - 1; }
     operator int() const { return static_cast<int>(random() % 5) - 1; }
     operator bool() const { return random() % 2; }
     operator std::int64_t() const { return static_cast<std::int64_t>(random()) << 8; }
 
 protected:
-    mutable std::mt19937 random;
+    mutable Choices random;
 
 private:
     void bindSome(Field& node);

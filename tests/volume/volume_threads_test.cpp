@@ -1,13 +1,16 @@
-#include "volume/volumes.h"
-
 #include <pthread.h>
 
 #include <atomic>
 #include <barrier>
+#include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <set>
 #include <thread>
 #include <vector>
+
+#include "support/random_nodes.h"
+#include "volume/volumes.h"
 
 // Copies and threads of volume nodes.
 namespace {
@@ -103,6 +106,102 @@ TEST(VolumeThreads, ShareOneFieldOfEachType) {
         }
         EXPECT_EQ(volume.channel.useCount(), 2);  // all fields are gone, after their threads
     });
+}
+
+/// The number that an environment variable sets, to look longer or with more threads for faults.
+int setting(char const* name, int normal) {
+    char const* const set = std::getenv(name);
+    return set ? std::atoi(set) : normal;
+}
+
+/// Graphs of all classes, bound and in part of a user's, and what one thread makes of them.
+struct SharedGraph {
+    explicit SharedGraph(unsigned seed) : nodes(seed), points(support::somePositions(3000, seed)) {
+        tree = makePtr<zel::ScalarFieldLerp>(nodes, nodes, nodes);
+        values.resize(3000), gradients.resize(3000);
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            auto const index = static_cast<long long>(i);
+            values[i] = tree->eval(points[index], index);
+            gradients[i] = tree->grad(points[index], index);
+        }
+    }
+    /// Whether a batch has the same bits.
+    bool isSame(std::size_t first, std::size_t count, zel::EvaluateOptions options) const {
+        std::vector<float> v(count);
+        std::vector<float3> g(count);
+        options.firstIndex = static_cast<long long>(first);
+        auto const view = zel::PointView::of({&points[options.firstIndex], count});
+        evaluate(*tree, view, v, g, options);
+        for (std::size_t i = 0; i < count; ++i)
+            if (!same(v[i], values[first + i]) || !same(g[i], gradients[first + i])) return false;
+        return true;
+    }
+
+    support::RandomNodes nodes;
+    zel::ScalarPtr tree;
+    Quern::Array<float3> points;
+    std::vector<float> values;
+    std::vector<float3> gradients;
+};
+
+TEST(VolumeThreads, HaveTheBitsOfOneWhileCopiesAreBoundAndBatchesStopped) {
+    int const threads = setting("ZEL_TEST_THREADS", 8), seconds = setting("ZEL_TEST_SECONDS", 0);
+    auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    std::vector<std::unique_ptr<SharedGraph const>> graphs;
+    for (unsigned seed = 0; seed < 12; ++seed)
+        graphs.push_back(std::make_unique<SharedGraph>(seed));
+    Orvane::Object const objects[] = {support::boundObject<BinaryTraits>(),
+                                      support::boundObject<QuinaryTraits>()};
+    ScalarLate late("scalar", SamplerType::kCubicC1);
+    late.apply_object(objects[0]);
+    float3 const p{0.1F, -0.2F, 0.3F};
+    float expected[2];
+    for (unsigned k : {0U, 1U}) {
+        ScalarLate one("scalar", SamplerType::kCubicC1);
+        one.apply_object(objects[k]);
+        expected[k] = one.eval(p, 0);
+    }
+    std::atomic<int> wrong = 0, batches = 0;
+    onThreads(threads, [&](int number) {
+        std::mt19937 random(static_cast<unsigned>(number));
+        auto const bindCopy = [&] {
+            ScalarLate copy = late;
+            wrong += !same(copy.eval(p, 0), expected[0]);
+            copy.apply_object(objects[1]);
+            wrong += !same(copy.eval(p, 0), expected[1]);
+        };
+        for (int round = 0; round < 12 || std::chrono::steady_clock::now() < end; ++round) {
+            auto const& graph = *graphs[random() % graphs.size()];
+            std::size_t const first = random() % 2000, count = 1 + random() % 1000;
+            zel::EvaluateOptions options;
+            options.parallel = random() % 2 != 0;
+            wrong += !graph.isSame(first, count, options);
+            wrong += !same(late.eval(p, 0), expected[0]);
+            if (round % 4 == number % 4) bindCopy();
+            if (round % 8 == number % 8) {  // a thread ends while what it has sampled is destroyed
+                auto copy = std::make_unique<ScalarLate>(late);
+                std::atomic<bool> isSampled = false;
+                std::jthread const brief([&] {
+                    bindCopy();
+                    wrong += !same(copy->eval(p, 0), expected[0]);
+                    isSampled = true;
+                    isSampled.notify_one();
+                });
+                isSampled.wait(false);
+                copy.reset();
+            }
+            std::stop_source source;
+            options.stop = source.get_token();
+            std::jthread const stopper([&] { source.request_stop(); });
+            try {
+                wrong += !graph.isSame(first, count, options);
+            } catch (zel::Stopped const&) {
+            }
+            ++batches;
+        }
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_GE(batches, 12 * threads);
 }
 
 TEST(VolumeCopies, ShareVolumeAndHaloAndStartWithoutSamplers) {

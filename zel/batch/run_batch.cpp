@@ -3,8 +3,6 @@
 #include <dlfcn.h>
 #include <tbb/blocked_range.h>
 #include <tbb/global_control.h>
-#include <tbb/parallel_for.h>
-#include <tbb/partitioner.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
 #include <tbb/version.h>
@@ -18,6 +16,7 @@
 #include "zel/batch/evaluate_range.h"
 #include "zel/batch/float_environment.h"
 #include "zel/batch/hook_walk.h"
+#include "zel_platform/quern_core/parallel_for.h"
 
 namespace zel::detail {
 
@@ -105,10 +104,9 @@ private:
         // Isolated: cancelling the tasks of the caller does not interrupt the batch.
         if (!m_context) m_context.emplace(tbb::task_group_context::isolated);
         if (m_context->is_group_execution_cancelled()) return;
-        tbb::parallel_for(
+        Quern::Internal::parallelFor(
             tbb::blocked_range<std::size_t>(begin, end, grain),
-            [this](auto const& range) { runRange(range.begin(), range.end()); },
-            tbb::auto_partitioner(), *m_context);
+            [this](auto const& range) { runRange(range.begin(), range.end()); }, *m_context);
     }
 
     void runRange(std::size_t begin, std::size_t end) const {

@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/choices.h"
 #include "zel_platform/orvane_geometry_volume/tile_tree.h"
 
 // Random trees, and the same trees as a plain map of tiles.
@@ -37,16 +38,19 @@ inline float distance(float3 const& a, float3 const& b) {
 /// Random numbers of a seed that is printed, so that a failure can be repeated.
 class Random {
 public:
-    explicit Random(unsigned seed) : m_engine(seed) { std::cout << "seed " << seed << "\n"; }
+    explicit Random(unsigned seed) : m_choices(seed) { std::cout << "seed " << seed << "\n"; }
+    explicit Random(support::Choices const& choices) : m_choices(choices) {}
     int operator()(int low, int high) {
-        return std::uniform_int_distribution<int>(low, high)(m_engine);
+        return std::uniform_int_distribution<int>(low, high)(m_choices);
     }
     float real(float low, float high) {
-        return std::uniform_real_distribution<float>(low, high)(m_engine);
+        return std::uniform_real_distribution<float>(low, high)(m_choices);
     }
+    /// Whether there are bytes left that a fuzzer gave.
+    bool ended() const { return m_choices.ended(); }
 
 private:
-    std::mt19937 m_engine;
+    support::Choices m_choices;
 };
 
 /// The width of a tile, counted up from the deepest one.
