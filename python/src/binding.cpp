@@ -1,7 +1,9 @@
 #include "binding.h"
 
 #include <set>
+#include <string_view>
 
+#include "arguments.h"
 #include "callable.h"
 #include "errors.h"
 #include "interrupt.h"
@@ -106,21 +108,16 @@ py::object attachedOfCopy(FieldObject const& original, Tree const& copy,
 }
 
 PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
-    static char const* const names[] = {"properties",      "targets", "volume", "indices",
-                                        "metres_per_unit", "strict",  nullptr};
-    PyObject *properties = Py_None, *targets = Py_None, *volume = Py_None, *indices = Py_None,
-             *metres = Py_None, *strict = Py_False;
-    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|OOO$OOO:bind", const_cast<char**>(names),
-                                     &properties, &targets, &volume, &indices, &metres, &strict))
-        return nullptr;
     return guardedObject([&] {
-        bool const isStrict = toBool(strict, "strict");
-        auto const borrowed = [](PyObject* object) {
-            return py::reinterpret_borrow<py::object>(object);
-        };
+        constexpr std::string_view kNames[] = {"properties", "targets",         "volume",
+                                               "indices",    "metres_per_unit", "strict"};
+        constexpr std::size_t kPlaced = 3;
+        Arguments given = argumentsOf("zel.Field.bind", kNames, kPlaced, args, keywords);
+        bool const isStrict = given[5] && toBool(given[5], "strict");
+        for (py::object& one : given)
+            if (!one) one = py::none();
         auto const source = std::make_shared<Source const>(
-            Source::Parts{borrowed(properties), borrowed(targets), borrowed(volume),
-                          borrowed(indices), borrowed(metres)});
+            Source::Parts{given[0], given[1], given[2], given[3], given[4]});
         FieldObject& original = fieldOf(self);
         Tree tree = original.tree;
         BindReport report;

@@ -33,7 +33,7 @@ void addErrors(py::module_& module) {
     if (!sceneErrorClass) throw py::error_already_set();
     module.attr("SceneError") = py::handle(sceneErrorClass);
     // NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11 has it by value
-    py::register_exception_translator([](std::exception_ptr const exception) {
+    py::register_local_exception_translator([](std::exception_ptr const exception) {
         if (exception) setError(exception);
     });
 }

@@ -6,6 +6,7 @@
 #include <limits>
 #include <unordered_map>
 
+#include "arguments.h"
 #include "binding.h"
 #include "callable.h"
 #include "errors.h"
@@ -47,13 +48,13 @@ void bindLeaf(Field const& node, Source const& source, Replacer& replacer) {
     replacer.replaced.emplace(&node, nodeClass->make(values, source.object()));
 }
 
-py::object restore(std::string const& text, py::object const& givenFunctions,
+py::object restore(py::object const& text, py::object const& givenFunctions,
                    py::object const& givenBindings) {
     // Tuples: the arrays of a state may run code that changes a list.
     py::tuple const functions(givenFunctions), bindings(givenBindings);
     SceneLimits limits;
     limits.bytes = limits.nodes = limits.depth = std::numeric_limits<std::size_t>::max();
-    Tree tree = fromJson(text, limits);
+    Tree tree = fromJson(text.cast<std::string>(), limits);
     NodeList const list(rootOf(tree));
     auto const& nodes = list.nodes();
 
@@ -120,7 +121,8 @@ py::object reduce(py::handle self) {
 }
 
 void addRestore(py::module_& module) {
-    module.def("_restore", restore);
+    using namespace py::literals;
+    addFunction(module, "_restore", restore, "", "text"_a, "functions"_a, "bindings"_a);
 }
 
 }  // namespace zel::python

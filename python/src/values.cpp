@@ -362,6 +362,7 @@ py::object fromValue(Value const& value, py::handle attached) {
 }
 
 void addCurve(py::module_& module) {
+    using namespace py::literals;
     ObjectType<Curve> type(module, "zel.Curve",
                            "A piecewise function of one number, made by zel.curve().",
                            [](PyTypeObject*, PyObject*, PyObject*) {
@@ -372,13 +373,13 @@ void addCurve(py::module_& module) {
         +[](Curve const& self, py::handle x) {
             return self.curve->evalFCurve(toDouble(x, "zel.Curve: x"));
         },
-        py::arg("x"), "__call__(self, x)\n--\n\nThe value at a number.");
+        "The value at a number.", "x"_a);
     type.method(
         "slope",
         +[](Curve const& self, py::handle x) {
             return self.curve->slope(toDouble(x, "zel.Curve.slope: x"));
         },
-        py::arg("x"), "slope(self, x)\n--\n\nThe derivative at a number.");
+        "The derivative at a number.", "x"_a);
     type.attribute("keys", keysOf,
                    "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
                    "changes of the value for each unit of x.");
@@ -398,31 +399,32 @@ void addCurve(py::module_& module) {
                    nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
         });
     type.method(
-        "__eq__", +[](Curve const& self, py::handle other) -> py::object {
+        "__eq__",
+        +[](Curve const& self, py::handle other) -> py::object {
             if (!isObjectOf<Curve>(other))
                 return py::reinterpret_borrow<py::object>(Py_NotImplemented);
             return py::bool_(partsOf(self).equal(partsOf(valueOf<Curve>(other))));
-        });
+        },
+        "", "other"_a);
     type.method(
         "__hash__", +[](Curve const& self) { return py::hash(partsOf(self)); });
     type.method(
         "__reduce__", +[](Curve const& self) {
             return py::make_tuple(py::module_::import("zel._tools").attr("_curve"), partsOf(self));
         });
-    module.def(
-        "curve",
-        [](py::object const& keys, py::object const& before, py::object const& after) {
+    addFunction(
+        module, "curve",
+        +[](py::handle keys, py::handle before, py::handle after) {
             return newObject(Curve{makeCurve(keys, before, after)});
         },
-        py::arg("keys"), py::arg("before") = "constant", py::arg("after") = "constant",
-        "curve(keys, before='constant', after='constant')\n--\n\n"
         "A curve through keys (x, value), (x, value, slope) or (x, value, in_slope, out_slope) in\n"
         "ascending order of x. After its numbers a key may have the name of the segment that "
         "begins\n"
         "there: 'constant', 'linear', the default, or 'cubic'. Slopes are changes of the value "
         "for\n"
         "each unit of x. The ends are 'constant', 'linear', 'cycle' or 'cycleWithOffset'. Raises\n"
-        "TypeError or ValueError for a key that is none, and ValueError for keys out of order.");
+        "TypeError or ValueError for a key that is none, and ValueError for keys out of order.",
+        "keys"_a, "before"_a = "constant", "after"_a = "constant");
 }
 
 }  // namespace zel::python

@@ -474,49 +474,42 @@ void addVolume(py::module_& module) {
                              "zel.Volume.from_field()");
         });
     type.staticMethod(
-        "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
-        "outside"_a = py::none(),
-        "from_numpy(array, voxel_size, origin, *, name, outside=None)\n--\n\n"
+        "from_numpy", fromNumpy,
         "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
         "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
         "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
         "find it. Around the array the value is `outside`, 0 by default. Raises TypeError or\n"
-        "ValueError, which name the argument.");
+        "ValueError, which name the argument.",
+        "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a, "outside"_a = py::none());
     type.staticMethod(
-        "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
-        "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(), "max_depth"_a = py::none(),
-        "from_field(field, box, voxel_size, band, *, name='value', outside=0, min_depth=None, "
-        "max_depth=None)\n--\n\n"
+        "from_field", fromField,
         "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
         "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
-        "min_depth all tiles are made that meet the box; none is deeper than max_depth. "
-        "Raises\n"
-        "TypeError or ValueError, which name the argument, and KeyboardInterrupt.");
-    type.method(
-        "with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
-        "with_field(self, name, field, outside=None)\n--\n\nA volume with one more channel, "
-        "of the values of a field at the samples of this one.");
-    type.method(
-        "to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
-        "to_numpy(self, depth=None, name=None)\n--\n\n"
-        "The samples of all tiles of a depth, the deepest by default, as a dense array over "
-        "the\n"
-        "voxels of the volume; where there is no tile of the depth, the value outside. The "
-        "shape "
-        "is\n"
-        "(nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for a depth that "
-        "there\n"
-        "is not, KeyError for such a name.");
-    type.method("origin", originOf, "depth"_a = py::none(),
-                "origin(self, depth=None)\n--\n\nThe place of the sample [0, 0, 0] of "
-                "to_numpy(depth).");
+        "min_depth all tiles are made that meet the box; none is deeper than max_depth.\n"
+        "Raises TypeError or ValueError, which name the argument, and KeyboardInterrupt.",
+        "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(), "name"_a = "value",
+        "outside"_a = 0, "min_depth"_a = py::none(), "max_depth"_a = py::none());
+    type.method("with_field", withField,
+                "A volume with one more channel, of the values of a field at the samples of this "
+                "one.",
+                "name"_a, "field"_a, "outside"_a = py::none());
+    type.method("to_numpy", toNumpy,
+                "The samples of all tiles of a depth, the deepest by default, as a dense array "
+                "over\n"
+                "the voxels of the volume; where there is no tile of the depth, the value "
+                "outside.\n"
+                "The shape is (nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for "
+                "a\n"
+                "depth that there is not, KeyError for such a name.",
+                "depth"_a = py::none(), "name"_a = py::none());
+    type.method("origin", originOf, "The place of the sample [0, 0, 0] of to_numpy(depth).",
+                "depth"_a = py::none());
     type.method(
         "tile_count",
-        +[](Volume const& self, py::object const& depth) {
+        +[](Volume const& self, py::handle depth) {
             return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
         },
-        "depth"_a = py::none(),
-        "tile_count(self, depth=None)\n--\n\nThe number of tiles of a depth, or of all.");
+        "The number of tiles of a depth, or of all.", "depth"_a = py::none());
     type.attribute(
         "names",
         +[](Volume const& self) {
@@ -535,14 +528,16 @@ void addVolume(py::module_& module) {
     type.method(
         "__copy__", +[](py::handle self) { return py::reinterpret_borrow<py::object>(self); });
     type.method(
-        "__deepcopy__", +[](py::handle self, py::handle /*memo*/) {
+        "__deepcopy__",
+        +[](py::handle self, py::handle /*memo*/) {
             return py::reinterpret_borrow<py::object>(self);
-        });
+        },
+        "", "memo"_a);
     type.method(
         "__reduce__", +[](Volume const& self) {
             return py::make_tuple(py::module_::import("zel._tools").attr("_volume"), stateOf(self));
         });
-    module.def("_volume", [](py::args const& state) { return fromState(state); });
+    addFunction(module, "_volume", fromState, "", "state"_a);
 }
 
 }  // namespace zel::python

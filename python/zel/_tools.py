@@ -15,7 +15,7 @@ def _curve(*state):
 
 
 def _volume(*state):
-    return _zel._volume(*state)
+    return _zel._volume(state)
 
 
 def _check(field, where):

@@ -168,6 +168,7 @@ def test_a_pickle_has_what_leaves_read():
 test_errors_name_what_came = raises([
     (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
     (lambda: zel.Property(), TypeError, "values"),
+    (lambda: A.bind(propertys={}), TypeError, "propertys;.*targets, volume, and by keyword indices"),
     (lambda: A.bind(3), TypeError, "properties.*int 3"),
     (lambda: A.bind({3: [1]}), TypeError, "names.*int 3"),
     (lambda: A.bind({"": [1]}), ValueError, "name"),
