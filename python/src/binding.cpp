@@ -42,6 +42,25 @@ void raiseMissing(BindReport const& report, FieldObject const& original) {
     throw py::error_already_set();
 }
 
+/// A zel.Binding. One that was unpickled has its path as a text.
+struct ReportLine {
+    Binding binding;
+    std::string unpickledPath;
+
+    std::string path() const { return binding.paths ? binding.path() : unpickledPath; }
+};
+
+py::object restoreLine(py::handle className, py::handle name, py::handle state, py::handle path) {
+    constexpr auto kLast = static_cast<std::int64_t>(Binding::State::kConstructed);
+    ReportLine line;
+    line.binding.className = className.cast<std::string>();
+    line.binding.name = name.cast<std::string>();
+    line.binding.state =
+        static_cast<Binding::State>(toInteger(state, 0, kLast, "zel.Binding: the state"));
+    line.unpickledPath = path.cast<std::string>();
+    return newObject(std::move(line));
+}
+
 /// The node of a line of a report, which numbers the nodes as a list does.
 Field const* nodeOf(Binding const& binding, NodeList const& list) {
     return binding.node < list.nodes().size() ? list.nodes()[binding.node] : nullptr;
@@ -127,9 +146,9 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
             attachedOfCopy(original, tree, neededOf(source, report), boundNodes(nodes, report));
         if (isStrict) raiseMissing(report, original);
         py::object made = wrap(tree, attached, original.levels);
-        py::list list;
-        for (Binding const& one : report.bindings) list.append(newObject(one));
-        fieldOf(made).report = list.release().ptr();
+        py::list lines;
+        for (Binding const& one : report.bindings) lines.append(newObject(ReportLine{one, {}}));
+        fieldOf(made).report = py::tuple(lines).release().ptr();
         return made.release().ptr();
     });
 }
@@ -149,32 +168,51 @@ py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, p
     return wrap(tree, py::make_tuple(capsuleOf({source, {&node}, tree})));
 }
 
+void setReport(py::handle field, py::tuple const& lines) {
+    for (py::handle const line : lines)
+        if (!isObjectOf<ReportLine>(line))
+            throw py::type_error("zel: the state has a report of " + shown(line));
+    if (lines.empty()) return;
+    fieldOf(field).report = py::object(lines).release().ptr();
+}
+
 void addBinding(py::module_& module) {
-    ObjectType<Binding> type(
+    using namespace py::literals;
+    ObjectType<ReportLine> type(
         module, "zel.Binding", "What bind() did for a leaf that waits for an object.",
         [](PyTypeObject*, PyObject*, PyObject*) {
             return refuseNew("zel.Binding: bind() makes the lines of its report");
         });
     type.attribute(
-        "class_name", +[](Binding const& self) { return self.className; },
+        "class_name", +[](ReportLine const& self) { return self.binding.className; },
         "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.");
     type.attribute(
-        "name", +[](Binding const& self) { return self.name; },
+        "name", +[](ReportLine const& self) { return self.binding.name; },
         "The property or the channel that the leaf looks for.");
     type.attribute(
-        "is_bound", +[](Binding const& self) { return self.state == Binding::State::kBound; },
+        "is_bound",
+        +[](ReportLine const& self) { return self.binding.state == Binding::State::kBound; },
         "Whether this call has bound the leaf.");
     type.attribute(
-        "reason", +[](Binding const& self) { return self.reason(); },
+        "reason", +[](ReportLine const& self) { return self.binding.reason(); },
         "The state in words, such as 'no property \"density\"'.");
     type.attribute(
-        "path", +[](Binding const& self) { return self.path(); },
+        "path", +[](ReportLine const& self) { return self.path(); },
         "The way from the root, such as '/root/a/field'.");
     type.method(
-        "__repr__", +[](Binding const& self) {
-            return "<zel.Binding " + self.path() + ": " + self.className + ": " + self.reason() +
-                   '>';
+        "__repr__", +[](ReportLine const& self) {
+            return "<zel.Binding " + self.path() + ": " + self.binding.className + ": " +
+                   self.binding.reason() + '>';
         });
+    type.copiesAreItself();
+    type.method(
+        "__reduce__", +[](ReportLine const& self) {
+            return py::make_tuple(py::module_::import("zel._tools").attr("_binding"),
+                                  py::make_tuple(self.binding.className, self.binding.name,
+                                                 static_cast<int>(self.binding.state),
+                                                 self.path()));
+        });
+    addFunction(module, "_binding", restoreLine, "", "class_name"_a, "name"_a, "state"_a, "path"_a);
 }
 
 }  // namespace zel::python

@@ -43,6 +43,8 @@ void setError(std::exception_ptr const& exception) {
         std::rethrow_exception(exception);
     } catch (py::error_already_set& error) {
         error.restore();
+    } catch (py::cast_error const&) {
+        PyErr_SetString(PyExc_TypeError, "zel: a part of a pickled state is of another type");
     } catch (py::builtin_exception const& error) {
         error.set_error();
     } catch (SceneError const& error) {

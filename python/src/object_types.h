@@ -95,6 +95,18 @@ public:
         m_type.attr(name) = py::handle(reinterpret_cast<PyObject*>(&PyProperty_Type))(
             methodOf(name, function, ""), py::none(), py::none(), doc);
     }
+    /// Has copies of an object, deep ones too, be the object.
+    void copiesAreItself() {
+        using namespace py::literals;
+        method(
+            "__copy__", +[](py::handle self) { return py::reinterpret_borrow<py::object>(self); });
+        method(
+            "__deepcopy__",
+            +[](py::handle self, py::handle /*memo*/) {
+                return py::reinterpret_borrow<py::object>(self);
+            },
+            "", "memo"_a);
+    }
 
 private:
     static std::string fullName(char const* name) {

@@ -75,7 +75,7 @@ py::object parametersOf(py::handle self) {
 
 py::object bindReport(py::handle self) {
     PyObject* const report = fieldOf(self).report;
-    return report ? py::list(py::reinterpret_borrow<py::list>(report)) : py::list();
+    return report ? py::list(py::reinterpret_borrow<py::tuple>(report)) : py::list();
 }
 
 py::object inexactGradients(py::handle self) {
