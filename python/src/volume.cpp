@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <utility>
 
@@ -35,10 +36,11 @@ std::int64_t floorDivide(std::int64_t a, std::int64_t b) {
 
 template <class T>
 Volume::Samples<T> makeSamples(std::string const& name, T const& outside,
-                               Volume::Topology const& topology) {
+                               Volume::Topology const& topology,
+                               std::function<void()> const& pause) {
     auto samples = Quern::makePtr<ORV::TileTree3D::DataChannel<Traits, T>>(name, &outside, 0, false,
                                                                            true, 0, kDeepest);
-    samples->update(topology);
+    samples->updateTo(topology.container(), pause);
     return samples;
 }
 
@@ -53,6 +55,8 @@ void forTiles(Volume::Tree const& tree, Volume::Samples<T> const& samples, int d
 }
 
 // Dense arrays.
+
+using Strides = std::array<py::ssize_t, 3>;
 
 /// The voxels of a depth that cover an extent.
 Volume::Extent atDepth(Volume::Extent const& extent, int depth) {
@@ -69,9 +73,10 @@ Volume::Extent atDepth(Volume::Extent const& extent, int depth) {
 }
 
 /// Calls `use(sample, place)` for the samples of a tile that lie in an extent of voxels of the
-/// tile's depth. `place` is the number of the voxel in an array of the extent, in the order of C.
+/// tile's depth. `place` is that of the voxel in an array of the extent with these strides.
 template <class Tile, class T, class Use>
-void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Use const& use) {
+void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent,
+                  Strides const& strides, Use const& use) {
     std::array<std::int64_t, 3> first{};
     std::array<int, 3> low{}, high{};
     for (int axis = 0; axis < 3; ++axis) {
@@ -84,16 +89,25 @@ void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Us
     for (int i = low[0]; i < high[0]; ++i)
         for (int j = low[1]; j < high[1]; ++j)
             for (int k = low[2]; k < high[2]; ++k) {
-                std::int64_t const place =
-                    ((first[0] + i) * extent.size.y + first[1] + j) * extent.size.z + first[2] + k;
+                py::ssize_t const place = (first[0] + i) * strides[0] +
+                                          (first[1] + j) * strides[1] + (first[2] + k) * strides[2];
                 use(samples[i + kWidth * (j + kWidth * k)], place);
             }
 }
 
+/// Adds a channel with the samples of an array of float32, which is read in place.
 template <class T>
 void fillFrom(Volume& volume, std::string const& name, T const& outside, py::array const& array) {
-    auto const* const values = static_cast<T const*>(array.data());
+    auto const* const values = static_cast<float const*>(array.data());
+    auto const strideOf = [&](py::ssize_t axis) {
+        return array.strides(axis) / static_cast<py::ssize_t>(sizeof(float));
+    };
+    Strides const strides{strideOf(0), strideOf(1), strideOf(2)};
+    py::ssize_t const step = kComponents < T >> 1 ? strideOf(3) : 0;
     interruptibly([&](std::stop_token const& stop) {
+        auto const pause = [&] {
+            if (stop.stop_requested()) throw Stopped();
+        };
         auto const& [low, size] = volume.extent;
         std::array<std::int32_t, 3> first{}, last{};
         // One voxel more on each side, so that the values around the array are `outside`.
@@ -105,16 +119,21 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
         }
         for (std::int32_t i = first[0]; i <= last[0]; ++i)
             for (std::int32_t j = first[1]; j <= last[1]; ++j) {
-                if (stop.stop_requested()) throw Stopped();
+                pause();
                 for (std::int32_t k = first[2]; k <= last[2]; ++k)
                     volume.tree->addTile(i * kWidth, j * kWidth, k * kWidth, kDeepest);
             }
-        auto const samples = makeSamples(name, outside, *volume.topology);
+        auto const samples = makeSamples(name, outside, *volume.topology, pause);
         forTiles<T>(*volume.tree, samples, kDeepest, stop, [&](auto const& tile, T* data) {
-            forSamplesIn(tile, data, volume.extent,
-                         [&](T& sample, std::int64_t place) { sample = values[place]; });
+            forSamplesIn(tile, data, volume.extent, strides, [&](T& sample, py::ssize_t place) {
+                float const* const value = values + place;
+                if constexpr (kComponents < T >> 1)
+                    sample = {value[0], value[step], value[2 * step]};
+                else
+                    sample = *value;
+            });
         });
-        ORV::TileTree3D::restrictChannel(*samples, *volume.topology);
+        ORV::TileTree3D::restrictChannel(*samples, *volume.topology, pause);
         volume.channels.push_back({name, samples});
     });
 }
@@ -152,7 +171,7 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
                      py::object const& givenName, py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.from_numpy";
     std::string const name = toName(givenName, std::string(kWhere) + ": name");
-    py::array array = floatsOf(given, std::string(kWhere) + ": array");
+    py::array const array = floatsByParts(given, std::string(kWhere) + ": array");
     bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
     if (!isVector && array.ndim() != 3)
         throw py::value_error(std::string(kWhere) +
@@ -161,7 +180,6 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
     if (array.size() == 0)
         throw py::value_error(std::string(kWhere) + ": the array is empty: its shape is " +
                               shapeText(array));
-    array = copyOf(array);
     float const size = toVoxelSize(voxelSize, kWhere);
     toVector(origin, std::string(kWhere) + ": origin");  // throws if it is none
     // In float64: of float32, the quotient would have too few digits far from the origin.
@@ -317,10 +335,11 @@ py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object 
                 py::ssize_t const count = array.size() / kComponents<T>;
                 for (py::ssize_t at = 0; at < count && !stop.stop_requested(); at += kRun)
                     std::fill_n(values + at, std::min(kRun, count - at), samples->defaultValue());
+                Strides const strides{py::ssize_t{extent.size.y} * extent.size.z, extent.size.z, 1};
                 forTiles<T>(*self.tree, samples, depth, stop, [&](auto const& tile, T* data) {
-                    forSamplesIn(tile, data, extent, [&](T const& sample, std::int64_t place) {
-                        values[place] = sample;
-                    });
+                    forSamplesIn(
+                        tile, data, extent, strides,
+                        [&](T const& sample, py::ssize_t place) { values[place] = sample; });
                 });
             });
             return array;
@@ -381,7 +400,7 @@ py::tuple stateOf(Volume const& self) {
 template <class T>
 void restore(Volume& volume, std::string const& name, T const& outside,
              py::sequence const& depths) {
-    auto const samples = makeSamples(name, outside, *volume.topology);
+    auto const samples = makeSamples(name, outside, *volume.topology, handleSignals);
     for (int depth = 0; depth <= volume.tree->depth(); ++depth) {
         py::array const array =
             copyOf(floatsOf(py::object(depths[static_cast<std::size_t>(depth)]), "zel.Volume"));
@@ -412,9 +431,12 @@ py::object fromState(py::tuple const& state) {
         if (array.ndim() != 2 || array.shape(1) != 3)
             throw py::value_error("zel.Volume: the state has no corners");
         auto const corner = array.unchecked<2>();
-        for (py::ssize_t i = 0; i < array.shape(0); ++i)
+        constexpr py::ssize_t kPart = 1 << 14;
+        for (py::ssize_t i = 0; i < array.shape(0); ++i) {
+            if (i % kPart == 0) handleSignals();
             if (made.tree->addTile(corner(i, 0), corner(i, 1), corner(i, 2), depth).tile != i)
                 throw py::value_error("zel.Volume: the state has tiles in another order");
+        }
         ++depth;
     }
     for (py::handle const one : state[5]) {
@@ -525,14 +547,7 @@ void addVolume(py::module_& module) {
         "depth", +[](Volume const& self) { return self.tree->depth(); },
         "The deepest depth that has tiles.");
     type.method("__repr__", represent);
-    type.method(
-        "__copy__", +[](py::handle self) { return py::reinterpret_borrow<py::object>(self); });
-    type.method(
-        "__deepcopy__",
-        +[](py::handle self, py::handle /*memo*/) {
-            return py::reinterpret_borrow<py::object>(self);
-        },
-        "", "memo"_a);
+    type.copiesAreItself();
     type.method(
         "__reduce__", +[](Volume const& self) {
             return py::make_tuple(py::module_::import("zel._tools").attr("_volume"), stateOf(self));

@@ -61,6 +61,11 @@ def test_vectors_and_strides():
     volume = zel.Volume.from_numpy(array, 1, (0, 0, 0), name="v")
     assert np.array_equal(volume.to_numpy(), array.astype(np.float32))
     assert np.array_equal(sample(volume, channel="v")((2, 3, 4)), array[2, 3, 4].astype("f4"))
+    # Converted by parts; read in place.
+    long = np.arange(2.2e6).reshape(2, 1100, 1000)
+    floats = array.astype("f4").transpose(1, 0, 2, 3)
+    for given in (long, floats, floats[..., 1]):
+        assert np.array_equal(zel.Volume.from_numpy(given, 1, (0, 0, 0), name="v").to_numpy(), given)
 
 
 def test_volumes_of_fields():
