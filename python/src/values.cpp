@@ -86,6 +86,9 @@ constexpr Name kEnds[] = {
     {"linear", static_cast<int>(FCurve::Extrapolation::kLinear)},
     {"cycle", static_cast<int>(FCurve::Extrapolation::kCycle)},
     {"cycleWithOffset", static_cast<int>(FCurve::Extrapolation::kCycleWithOffset)}};
+char const* nameOf(FCurve::Extrapolation end) {
+    return nameOf(static_cast<int>(end), kEnds);
+}
 
 /// (x, value), (x, value, slope) or (x, value, inSlope, outSlope), each with the name of the
 /// segment at its end, or without.
@@ -133,9 +136,8 @@ py::list keysOf(Curve const& self) {
 
 /// The arguments of zel.curve() for a curve.
 py::tuple partsOf(Curve const& self) {
-    return py::make_tuple(py::tuple(keysOf(self)),
-                          nameOf(static_cast<int>(self.curve->before()), kEnds),
-                          nameOf(static_cast<int>(self.curve->after()), kEnds));
+    return py::make_tuple(py::tuple(keysOf(self)), nameOf(self.curve->before()),
+                          nameOf(self.curve->after()));
 }
 
 Value toQuaternion(py::handle object, std::string const& where) {
@@ -384,19 +386,16 @@ void addCurve(py::module_& module) {
                    "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
                    "changes of the value for each unit of x.");
     type.attribute(
-        "before",
-        +[](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); },
+        "before", +[](Curve const& self) { return nameOf(self.curve->before()); },
         "How the curve continues before its first key: 'constant', 'linear', 'cycle' or\n"
         "'cycleWithOffset'.");
     type.attribute(
-        "after",
-        +[](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); },
+        "after", +[](Curve const& self) { return nameOf(self.curve->after()); },
         "How the curve continues after its last key.");
     type.method(
         "__repr__", +[](Curve const& self) {
             return "zel.curve(" + std::string(py::repr(keysOf(self))) + ", before='" +
-                   nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
-                   nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
+                   nameOf(self.curve->before()) + "', after='" + nameOf(self.curve->after()) + "')";
         });
     type.method(
         "__eq__",
