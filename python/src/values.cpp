@@ -96,6 +96,7 @@ FCurve::Key toKey(py::handle object, std::string const& where) {
     Py_ssize_t const length = lengthOf(object);
     auto const items =
         length < 0 ? py::tuple() : py::reinterpret_steal<py::tuple>(PySequence_Tuple(object.ptr()));
+    if (!items) throw py::error_already_set();
     std::size_t numbers = items.size();
     FCurve::Key key;
     if (numbers > 0 && PyUnicode_Check(py::object(items[numbers - 1]).ptr())) {

@@ -148,7 +148,16 @@ def test_gradients_are_derivatives(xyz):
     assert exact.inexact_gradients == [] and np.array_equal(exact(xyz), (noise * 2)(xyz))
 
 
+class Key:
+    def __len__(self):
+        return 2
+
+    def __getitem__(self, i):
+        raise OSError("no item")
+
+
 test_errors_name_what_came = raises([
+    (lambda: zel.curve([Key()]), OSError, "no item"),
     (lambda: zel.ScalarFieldSphere(radius="one"), TypeError, "ScalarFieldSphere: radius.*str 'one'"),
     (lambda: zel.sphere(raduis=1), TypeError, "raduis.*center, radius"),
     (lambda: zel.sphere((0, 0), 1), TypeError, "center"),
