@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <span>
 #include <utility>
@@ -132,7 +133,11 @@ public:
         return container.continues(m_stamp) || empty();
     }
     /// As update(), with the tree of the topology.
-    void updateTo(Container<Traits> const& container);
+    void updateTo(Container<Traits> const& container) { updateTo(container, {}); }
+    /// The same, with a call of `pause` between parts of the new samples. An exception of it is
+    /// passed on: the channel then has no tiles if none was to keep its samples, else it is as it
+    /// was.
+    void updateTo(Container<Traits> const& container, std::function<void()> const& pause);
 
     /// Drops all tiles and sets the parameters of the constructor. The channel keeps its name, and
     /// its memory for later use.
@@ -162,7 +167,8 @@ private:
     ZEL_PLATFORM_INTERNAL ChannelMemory place(Levels& levels, TileCounts const& counts,
                                               int minDepth, int maxDepth, bool reuse);
     ZEL_PLATFORM_INTERNAL void resize(Container<Traits> const& container, int minDepth,
-                                      int maxDepth, TileCounts const& most);
+                                      int maxDepth, TileCounts const& most,
+                                      std::function<void()> const& pause = {});
 
     Quern::String m_name;
     T m_defaultValue;

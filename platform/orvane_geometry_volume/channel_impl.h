@@ -106,10 +106,11 @@ ChannelMemory ZEL_DETAIL_CHANNEL::place(Levels& levels, TileCounts const& counts
 }
 
 /// Sizes the channel to the tree. At each depth the first tiles, at most `most`, keep their
-/// samples.
+/// samples. Calls `pause`, if there is one, between parts of the others.
 ZEL_DETAIL_CHANNEL_HEAD
 void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth, int maxDepth,
-                                TileCounts const& most) {
+                                TileCounts const& most, std::function<void()> const& pause) {
+    constexpr long long kPart = 1 << 18;
     if (fits(container) && minDepth == m_minDepth && maxDepth == m_maxDepth) return;
     auto const counts = container.tileCounts();
     auto const had = [&](unsigned d) { return std::min(most[d], present(d)); };
@@ -117,12 +118,21 @@ void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth
     for (unsigned d = 0; d < most.size(); ++d) anyKept = anyKept || had(d) > 0;
     Levels levels;
     ChannelMemory memory = place(levels, counts, minDepth, maxDepth, !anyKept);
+    if (pause && !anyKept) {
+        m_levels = Levels();  // their memory may be in use again when `pause` throws
+        m_stamp = TreeStamp();
+    }
     for (unsigned d = 0; d < levels.size(); ++d) {
         auto const tiles = static_cast<long long>(levels[d].tiles);
         long long const kept = std::min(tiles, had(d));
         std::uninitialized_copy_n(m_levels[d].first, kept * Layout::kCount, levels[d].first);
-        std::uninitialized_fill_n(levels[d].first + kept * Layout::kCount,
-                                  (tiles - kept) * Layout::kCount, m_defaultValue);
+        long long const end = tiles * Layout::kCount;
+        long long const part = pause ? kPart : end;
+        for (long long at = kept * Layout::kCount; at < end; at += part) {
+            if (pause) pause();
+            std::uninitialized_fill_n(levels[d].first + at, std::min(part, end - at),
+                                      m_defaultValue);
+        }
     }
     if (anyKept || memory.data()) m_memory = std::move(memory);
     m_levels = levels;
@@ -132,8 +142,9 @@ void ZEL_DETAIL_CHANNEL::resize(Container<Traits> const& container, int minDepth
 }
 
 ZEL_DETAIL_CHANNEL_HEAD
-void ZEL_DETAIL_CHANNEL::updateTo(Container<Traits> const& container) {
-    resize(container, m_minDepth, m_maxDepth, container.tileCountsSince(m_stamp));
+void ZEL_DETAIL_CHANNEL::updateTo(Container<Traits> const& container,
+                                  std::function<void()> const& pause) {
+    resize(container, m_minDepth, m_maxDepth, container.tileCountsSince(m_stamp), pause);
 }
 
 ZEL_DETAIL_CHANNEL_HEAD void ZEL_DETAIL_CHANNEL::update(Component const& topology) {

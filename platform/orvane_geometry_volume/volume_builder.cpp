@@ -146,20 +146,27 @@ private:
 
 template <class Traits, class T>
 void fillDepths(char const* caller, DataChannel<Traits, T>& channel,
-                VoxelTopology<Traits> const& topology, PositionFunction<T> const* function) {
-    constexpr long long kGrain = 16;
+                VoxelTopology<Traits> const& topology, PositionFunction<T> const* function,
+                std::function<void()> const& pause = {}) {
+    constexpr long long kGrain = 16, kPart = 1 << 14;
     auto const& container = topology.container();
     if (!channel.fits(container))
         throw std::invalid_argument(Internal::message(caller, ": channel '", channel.name(),
                                                       "' is not sized to the topology as it is"));
     TileFill<Traits, T> const fill(channel, topology, function);
     for (int depth = std::min(channel.depth(), container.depth()); depth >= channel.minDepth();
-         --depth)
-        Internal::parallelRanges(channel.tileCount(depth), kGrain,
-                                 [&](long long first, long long last) {
-                                     for (long long i = first; i < last; ++i)
-                                         fill.run(container.tile(i, depth));
-                                 });
+         --depth) {
+        long long const count = channel.tileCount(depth);
+        long long const part = pause ? kPart : count;
+        for (long long at = 0; at < count; at += part) {
+            if (pause) pause();
+            Internal::parallelRanges(std::min(part, count - at), kGrain,
+                                     [&](long long first, long long last) {
+                                         for (long long i = at + first; i < at + last; ++i)
+                                             fill.run(container.tile(i, depth));
+                                     });
+        }
+    }
 }
 
 }  // namespace
@@ -182,7 +189,13 @@ void fillChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& t
 
 template <class Traits, class T>
 void restrictChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology) {
-    fillDepths<Traits, T>("restrictChannel", channel, topology, nullptr);
+    restrictChannel<Traits, T>(channel, topology, {});
+}
+
+template <class Traits, class T>
+void restrictChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology,
+                     std::function<void()> const& pause) {
+    fillDepths<Traits, T>("restrictChannel", channel, topology, nullptr, pause);
 }
 
 template <class Traits, class T>

@@ -35,6 +35,11 @@ void fillChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& t
 /// its voxel. Both reproduce a linear function. Throws std::invalid_argument like fillChannel.
 template <class Traits, class T>
 void restrictChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology);
+/// The same, with a call of `pause` between parts of the work. An exception of it is passed on, and
+/// leaves part of the samples unchanged.
+template <class Traits, class T>
+void restrictChannel(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& topology,
+                     std::function<void()> const& pause);
 
 /// The components of a volume of one channel.
 template <class Traits, class T> struct Volume {
@@ -54,6 +59,8 @@ Volume<Traits, T> buildVolume(float voxelSize, int maxDepth, RefinePredicate con
         DataChannel<Traits, T>&, VoxelTopology<Traits> const&, PositionFunction<T> const&);        \
     prefix template ZEL_PLATFORM_API void restrictChannel<Traits, T>(                              \
         DataChannel<Traits, T>&, VoxelTopology<Traits> const&);                                    \
+    prefix template ZEL_PLATFORM_API void restrictChannel<Traits, T>(                              \
+        DataChannel<Traits, T>&, VoxelTopology<Traits> const&, std::function<void()> const&);      \
     prefix template ZEL_PLATFORM_API Volume<Traits, T> buildVolume<Traits, T>(                     \
         float, int, RefinePredicate const&, PositionFunction<T> const&, T const&, VoxelOffsetType)
 #define ZEL_DETAIL_BUILDERS(prefix)                                                                \

@@ -1,9 +1,11 @@
 #include "arrays.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
 #include "errors.h"
+#include "interrupt.h"
 
 namespace zel::python {
 
@@ -48,6 +50,14 @@ py::array fromAny(py::handle object, PyObject* type, int flags) {
     Py_XINCREF(type);  // the function takes it
     auto made = py::reinterpret_steal<py::object>(
         Api::get().PyArray_FromAny_(object.ptr(), type, 0, 0, flags, nullptr));
+    if (!made) throw py::error_already_set();
+    return py::reinterpret_steal<py::array>(made.release());
+}
+
+/// A view whose shape nobody changes, without the code of a derived class.
+py::array viewOf(py::array const& array) {
+    auto made = py::reinterpret_steal<py::object>(Api::get().PyArray_View_(
+        array.ptr(), nullptr, reinterpret_cast<PyObject*>(Api::get().PyArray_Type_)));
     if (!made) throw py::error_already_set();
     return py::reinterpret_steal<py::array>(made.release());
 }
@@ -141,6 +151,27 @@ py::array floatsOf(py::handle object, std::string const& where) {
     return fromAny(array, floatType(), Api::NPY_ARRAY_FORCECAST_ | Api::NPY_ARRAY_ALIGNED_);
 }
 
+py::array floatsByParts(py::handle object, std::string const& where) {
+    constexpr py::ssize_t kPart = 1 << 20;
+    py::array const array = viewOf(numbersOf(object, where));
+    if (hasFloats(array) && isAligned(array)) return array;
+    if (array.ndim() == 0 || array.size() == 0) return copyOf(array);
+    py::array made = newFloats(Shape(array));
+    // Slices across the longest axis.
+    auto const axis = std::max_element(array.shape(), array.shape() + array.ndim()) - array.shape();
+    py::ssize_t const length = array.shape(axis);
+    py::ssize_t const step = std::max<py::ssize_t>(1, kPart / (array.size() / length));
+    py::object const from = array.attr("swapaxes")(0, axis), to = made.attr("swapaxes")(0, axis);
+    for (py::ssize_t at = 0; at < length; at += step) {
+        handleSignals();
+        py::slice const part(at, std::min(at + step, length), 1);
+        py::object const target = to[part], source = from[part];
+        if (Api::get().PyArray_CopyInto_(target.ptr(), source.ptr()) < 0)
+            throw py::error_already_set();
+    }
+    return made;
+}
+
 py::array newFloats(Shape const& shape) {
     Py_INCREF(floatType());  // the function takes it
     auto made = py::reinterpret_steal<py::object>(Api::get().PyArray_NewFromDescr_(
@@ -212,13 +243,7 @@ bool Result::overlaps(Result const& other) const {
     // exact answer may take long, and is given up after so many steps.
     constexpr int kSteps = 100'000;
     if (!mayOverlap(other.m_target)) return false;
-    // Without the code of a derived class.
-    auto const plain = [](py::array const& array) {
-        return py::reinterpret_steal<py::object>(Api::get().PyArray_View_(
-            array.ptr(), nullptr, reinterpret_cast<PyObject*>(Api::get().PyArray_Type_)));
-    };
-    py::object const a = plain(m_target), b = plain(other.m_target);
-    if (!a || !b) throw py::error_already_set();
+    py::array const a = viewOf(m_target), b = viewOf(other.m_target);
     try {
         return py::module_::import("numpy").attr("shares_memory")(a, b, kSteps).cast<bool>();
     } catch (py::error_already_set const& error) {

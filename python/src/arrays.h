@@ -72,6 +72,9 @@ std::string dtypeText(py::array const& array);
 py::array numbersOf(py::handle object, std::string const& where);
 /// The same converted to float32. An array of float32 is returned as it is; others are copies.
 py::array floatsOf(py::handle object, std::string const& where);
+/// The same as a view that nobody else has, aligned. A conversion handles signals in between, and
+/// throws what a handler raises.
+py::array floatsByParts(py::handle object, std::string const& where);
 /// A new array of float32 in the order of C.
 py::array newFloats(Shape const& shape);
 /// A copy in the order of C, aligned.

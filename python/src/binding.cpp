@@ -1,7 +1,9 @@
 #include "binding.h"
 
 #include <set>
+#include <string_view>
 
+#include "arguments.h"
 #include "callable.h"
 #include "errors.h"
 #include "interrupt.h"
@@ -38,6 +40,25 @@ void raiseMissing(BindReport const& report, FieldObject const& original) {
     error.attr("names") = py::tuple(names);
     PyErr_SetObject(PyExc_KeyError, error.ptr());
     throw py::error_already_set();
+}
+
+/// A zel.Binding. One that was unpickled has its path as a text.
+struct ReportLine {
+    Binding binding;
+    std::string unpickledPath;
+
+    std::string path() const { return binding.paths ? binding.path() : unpickledPath; }
+};
+
+py::object restoreLine(py::handle className, py::handle name, py::handle state, py::handle path) {
+    constexpr auto kLast = static_cast<std::int64_t>(Binding::State::kConstructed);
+    ReportLine line;
+    line.binding.className = className.cast<std::string>();
+    line.binding.name = name.cast<std::string>();
+    line.binding.state =
+        static_cast<Binding::State>(toInteger(state, 0, kLast, "zel.Binding: the state"));
+    line.unpickledPath = path.cast<std::string>();
+    return newObject(std::move(line));
 }
 
 /// The node of a line of a report, which numbers the nodes as a list does.
@@ -106,21 +127,16 @@ py::object attachedOfCopy(FieldObject const& original, Tree const& copy,
 }
 
 PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
-    static char const* const names[] = {"properties",      "targets", "volume", "indices",
-                                        "metres_per_unit", "strict",  nullptr};
-    PyObject *properties = Py_None, *targets = Py_None, *volume = Py_None, *indices = Py_None,
-             *metres = Py_None, *strict = Py_False;
-    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|OOO$OOO:bind", const_cast<char**>(names),
-                                     &properties, &targets, &volume, &indices, &metres, &strict))
-        return nullptr;
     return guardedObject([&] {
-        bool const isStrict = toBool(strict, "strict");
-        auto const borrowed = [](PyObject* object) {
-            return py::reinterpret_borrow<py::object>(object);
-        };
+        constexpr std::string_view kNames[] = {"properties", "targets",         "volume",
+                                               "indices",    "metres_per_unit", "strict"};
+        constexpr std::size_t kPlaced = 3;
+        Arguments given = argumentsOf("zel.Field.bind", kNames, kPlaced, args, keywords);
+        bool const isStrict = given[5] && toBool(given[5], "strict");
+        for (py::object& one : given)
+            if (!one) one = py::none();
         auto const source = std::make_shared<Source const>(
-            Source::Parts{borrowed(properties), borrowed(targets), borrowed(volume),
-                          borrowed(indices), borrowed(metres)});
+            Source::Parts{given[0], given[1], given[2], given[3], given[4]});
         FieldObject& original = fieldOf(self);
         Tree tree = original.tree;
         BindReport report;
@@ -130,9 +146,9 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
             attachedOfCopy(original, tree, neededOf(source, report), boundNodes(nodes, report));
         if (isStrict) raiseMissing(report, original);
         py::object made = wrap(tree, attached, original.levels);
-        py::list list;
-        for (Binding const& one : report.bindings) list.append(newObject(one));
-        fieldOf(made).report = list.release().ptr();
+        py::list lines;
+        for (Binding const& one : report.bindings) lines.append(newObject(ReportLine{one, {}}));
+        fieldOf(made).report = py::tuple(lines).release().ptr();
         return made.release().ptr();
     });
 }
@@ -152,32 +168,51 @@ py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, p
     return wrap(tree, py::make_tuple(capsuleOf({source, {&node}, tree})));
 }
 
+void setReport(py::handle field, py::tuple const& lines) {
+    for (py::handle const line : lines)
+        if (!isObjectOf<ReportLine>(line))
+            throw py::type_error("zel: the state has a report of " + shown(line));
+    if (lines.empty()) return;
+    fieldOf(field).report = py::object(lines).release().ptr();
+}
+
 void addBinding(py::module_& module) {
-    ObjectType<Binding> type(
+    using namespace py::literals;
+    ObjectType<ReportLine> type(
         module, "zel.Binding", "What bind() did for a leaf that waits for an object.",
         [](PyTypeObject*, PyObject*, PyObject*) {
             return refuseNew("zel.Binding: bind() makes the lines of its report");
         });
     type.attribute(
-        "class_name", +[](Binding const& self) { return self.className; },
+        "class_name", +[](ReportLine const& self) { return self.binding.className; },
         "The name of the leaf's class in C++, such as 'zel::ScalarGeoPropertyTriggered'.");
     type.attribute(
-        "name", +[](Binding const& self) { return self.name; },
+        "name", +[](ReportLine const& self) { return self.binding.name; },
         "The property or the channel that the leaf looks for.");
     type.attribute(
-        "is_bound", +[](Binding const& self) { return self.state == Binding::State::kBound; },
+        "is_bound",
+        +[](ReportLine const& self) { return self.binding.state == Binding::State::kBound; },
         "Whether this call has bound the leaf.");
     type.attribute(
-        "reason", +[](Binding const& self) { return self.reason(); },
+        "reason", +[](ReportLine const& self) { return self.binding.reason(); },
         "The state in words, such as 'no property \"density\"'.");
     type.attribute(
-        "path", +[](Binding const& self) { return self.path(); },
+        "path", +[](ReportLine const& self) { return self.path(); },
         "The way from the root, such as '/root/a/field'.");
     type.method(
-        "__repr__", +[](Binding const& self) {
-            return "<zel.Binding " + self.path() + ": " + self.className + ": " + self.reason() +
-                   '>';
+        "__repr__", +[](ReportLine const& self) {
+            return "<zel.Binding " + self.path() + ": " + self.binding.className + ": " +
+                   self.binding.reason() + '>';
         });
+    type.copiesAreItself();
+    type.method(
+        "__reduce__", +[](ReportLine const& self) {
+            return py::make_tuple(py::module_::import("zel._tools").attr("_binding"),
+                                  py::make_tuple(self.binding.className, self.binding.name,
+                                                 static_cast<int>(self.binding.state),
+                                                 self.path()));
+        });
+    addFunction(module, "_binding", restoreLine, "", "class_name"_a, "name"_a, "state"_a, "path"_a);
 }
 
 }  // namespace zel::python

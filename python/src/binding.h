@@ -33,6 +33,9 @@ PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords);
 /// Makes a node of a class that is bound by its constructor.
 py::object constructBound(NodeClass const& nodeClass, std::span<Value> values, py::handle volume);
 
+/// Gives a new field the report of a bind(), objects of zel.Binding. Throws TypeError for others.
+void setReport(py::handle field, py::tuple const& lines);
+
 /// Adds the class zel.Binding.
 void addBinding(py::module_& module);
 

@@ -2,6 +2,7 @@
 
 #include <pybind11/numpy.h>
 
+#include "arguments.h"
 #include "arrays.h"
 #include "errors.h"
 #include "field_types.h"
@@ -160,7 +161,7 @@ template <class Node> py::object makeField(py::handle function) {
     return wrap(Quern::Ptr<Interface>(node), py::make_tuple(makeHolder(node->slot, function)), 1);
 }
 
-py::object makeFunctionField(py::object const& function, py::object const& vector) {
+py::object makeFunctionField(py::handle function, py::handle vector) {
     bool const isVector = toBool(vector, "zel.field: vector");
     if (isField(function) || !PyCallable_Check(function.ptr()))
         throw py::type_error("zel.field: wanted a function (n, 3) array -> array, got " +
@@ -223,15 +224,15 @@ void registerFunctionNodes() {
 
 void addFunctionFields(py::module_& module) {
     using namespace py::literals;
-    module.def(
-        "field", makeFunctionField, "function"_a, py::kw_only(), "vector"_a = false,
-        "field(function, *, vector=False)\n--\n\n"
+    addFunction(
+        module, "field", makeFunctionField,
         "A field of a Python function, which gets positions of shape (n, 3) and returns\n"
         "values of shape (n,), or of shape (n, 3) with vector=True. It is called for blocks of\n"
         "up to 256 positions, from any thread, and its exceptions reach the caller. Gradients\n"
         "are differences of its values. A result of another shape is a ValueError, one that is "
         "not\n"
-        "of numbers a TypeError.");
+        "of numbers a TypeError.",
+        "function"_a, py::kw_only(), "vector"_a = false);
 }
 
 }  // namespace zel::python

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "arguments.h"
 #include "callable.h"
 #include "values.h"
 #include "zel_platform/orvane_geometry/object.h"
@@ -113,9 +114,9 @@ char const* kindText(ValueKind kind) {
 }
 
 void addNodeClasses(py::module_& module) {
-    module.def(
-        "_node_classes",
-        [] {
+    addFunction(
+        module, "_node_classes",
+        +[] {
             py::list classes;
             for (NodeClass const* const one : nodeClasses()) {
                 if (isFunctionClass(*one)) continue;

@@ -33,7 +33,7 @@ void addErrors(py::module_& module) {
     if (!sceneErrorClass) throw py::error_already_set();
     module.attr("SceneError") = py::handle(sceneErrorClass);
     // NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11 has it by value
-    py::register_exception_translator([](std::exception_ptr const exception) {
+    py::register_local_exception_translator([](std::exception_ptr const exception) {
         if (exception) setError(exception);
     });
 }
@@ -43,6 +43,8 @@ void setError(std::exception_ptr const& exception) {
         std::rethrow_exception(exception);
     } catch (py::error_already_set& error) {
         error.restore();
+    } catch (py::cast_error const&) {
+        PyErr_SetString(PyExc_TypeError, "zel: a part of a pickled state is of another type");
     } catch (py::builtin_exception const& error) {
         error.set_error();
     } catch (SceneError const& error) {

@@ -22,7 +22,7 @@ struct FieldObject {
     /// A tuple of the Python objects that the leaves of the tree depend on: their functions, and
     /// the objects that they are bound to. It may have more than the tree needs; null if empty.
     PyObject* attached;
-    /// What bind() did, of its result; else null.
+    /// What bind() did, of its result: a tuple of zel.Binding; else null.
     PyObject* report;
     PyObject* weakReferences;
     /// The levels of the tree; 0 if they are not counted yet.

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "arguments.h"
 #include "binding.h"
 #include "callable.h"
 #include "class_docs.h"
@@ -18,47 +19,26 @@ namespace zel::python {
 
 namespace {
 
-/// The arguments of a call in the order of a class's parameters; empty where none is given.
-struct Arguments {
-    std::vector<py::object> values;
+struct GivenArguments {
+    Arguments values;   // in the order of the class's parameters; null where none is given
     py::object volume;  // for a class that is bound by its constructor
 };
-
-std::string namesOf(NodeClass const& nodeClass) {
-    std::string names;
-    for (ParameterInfo const& parameter : nodeClass.parameters)
-        names += (names.empty() ? "" : ", ") + parameter.name;
-    return names.empty() ? "no parameters" : "the parameters " + names;
-}
 
 [[noreturn]] void refuse(NodeClass const& nodeClass, std::string const& problem) {
     throw py::type_error("zel." + nodeClass.name + ": " + problem);
 }
 
-Arguments argumentsOf(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
-    auto const& parameters = nodeClass.parameters;
-    if (args.size() > parameters.size())
-        refuse(nodeClass, "got " + std::to_string(args.size()) + " arguments, and it has " +
-                              namesOf(nodeClass));
-    Arguments found;
-    found.values.resize(parameters.size());
-    for (std::size_t i = 0; i < args.size(); ++i) found.values[i] = args[i];
-    if (!keywords) return found;
-    for (auto const& [key, value] : py::reinterpret_borrow<py::dict>(keywords)) {
-        std::string const word = textOf(key);
-        auto const at = std::find_if(parameters.begin(), parameters.end(),
-                                     [&](ParameterInfo const& one) { return one.name == word; });
-        if (at == parameters.end() && word == "volume" && nodeClass.isBound) {
-            found.volume = py::reinterpret_borrow<py::object>(value);
-            continue;
-        }
-        if (at == parameters.end())
-            refuse(nodeClass, "no parameter " + word + "; it has " + namesOf(nodeClass));
-        py::object& place = found.values[static_cast<std::size_t>(at - parameters.begin())];
-        if (place) refuse(nodeClass, word + " is given twice");
-        place = py::reinterpret_borrow<py::object>(value);
+GivenArguments argumentsOf(NodeClass const& nodeClass, py::handle args, py::handle keywords) {
+    GivenArguments given;
+    auto words = py::reinterpret_borrow<py::object>(keywords);
+    if (nodeClass.isBound && words && words.contains("volume")) {
+        words = words.attr("copy")();
+        given.volume = words.attr("pop")("volume");
     }
-    return found;
+    std::vector<std::string_view> names;
+    for (ParameterInfo const& one : nodeClass.parameters) names.emplace_back(one.name);
+    given.values = python::argumentsOf("zel." + nodeClass.name, names, names.size(), args, words);
+    return given;
 }
 
 /// Makes op(op(a, b), c) or a balanced tree of more than two operands, as the class has it.
@@ -91,7 +71,7 @@ bool accepts(NodeClass const& nodeClass, py::args const& args, py::handle keywor
         return std::all_of(args.begin(), args.end(),
                            [&](py::handle arg) { return fits(arg, nodeClass.parameters[0]); });
     try {
-        Arguments const found = argumentsOf(nodeClass, args, keywords);
+        GivenArguments const found = argumentsOf(nodeClass, args, keywords);
         for (std::size_t i = 0; i < found.values.size(); ++i)
             if (found.values[i] && !fits(found.values[i], nodeClass.parameters[i])) return false;
         return true;
@@ -158,7 +138,7 @@ std::string shortName(std::string_view name) {
 
 py::object construct(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
     if (isFunctionClass(nodeClass)) refuse(nodeClass, "zel.field(function) makes such a field");
-    Arguments const given = argumentsOf(nodeClass, args, keywords);
+    GivenArguments const given = argumentsOf(nodeClass, args, keywords);
     Parts parts;
     std::vector<Value> values;
     for (std::size_t i = 0; i < given.values.size(); ++i) {

@@ -27,6 +27,11 @@ template <class Work> void withoutLock(Work const& work) {
     if (failure) std::rethrow_exception(failure);
 }
 
+/// Handles signals that have arrived. Throws what a handler raises, such as KeyboardInterrupt.
+inline void handleSignals() {
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
 /// Calls `work` in another thread, while the calling thread handles signals 50 times a second. If a
 /// handler raises, such as that of Ctrl-C, asks `work` to stop, waits for its end, and passes the
 /// handler's exception on; else that of `work`.

@@ -1,5 +1,6 @@
 #include <pybind11/pybind11.h>
 
+#include "arguments.h"
 #include "binding.h"
 #include "callable.h"
 #include "class_docs.h"
@@ -23,8 +24,9 @@ bool isMainInterpreter() {
 }
 constexpr char const* kOther = "zel: not to be imported by a subinterpreter";
 
-void checkInterpreter() {
+py::object checkInterpreter() {
     if (!isMainInterpreter()) throw py::import_error(kOther);
+    return py::none();
 }
 
 void addAll(py::module_& module) {
@@ -36,7 +38,7 @@ void addAll(py::module_& module) {
     module.attr("__version__") = std::to_string(ZEL_VERSION_MAJOR) + '.' +
                                  std::to_string(ZEL_VERSION_MINOR) + '.' +
                                  std::to_string(ZEL_VERSION_PATCH);
-    module.def("_check_interpreter", checkInterpreter);
+    addFunction(module, "_check_interpreter", checkInterpreter, "");
     registerFunctionNodes();
     addErrors(module);
     addFieldTypes(module);

@@ -10,6 +10,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "arguments.h"
 #include "errors.h"
 #include "field_types.h"
 
@@ -78,31 +79,56 @@ public:
     ObjectType& operator=(ObjectType const&) = delete;
     ~ObjectType() { makeImmutable(m_type); }
 
-    template <class Result, class First, class... Args, class... Extra>
-    void method(char const* name, Result (*function)(First, Args...), Extra const&... extra) {
-        m_type.attr(name) = py::cpp_function(
-            [function](py::handle self, Args... args) {
-                T const& value = valueOf<T>(self);
-                if constexpr (std::is_same_v<First, py::handle>)
-                    return function(self, std::forward<Args>(args)...);
-                else
-                    return function(value, std::forward<Args>(args)...);
-            },
-            py::name(name), py::is_method(m_type), extra...);
+    template <class Result, class First, class... Args, class... Parts>
+    void method(char const* name, Result (*function)(First, Args...), char const* doc = "",
+                Parts const&... parts) {
+        m_type.attr(name) = methodOf(name, function, doc, parts...);
     }
-    template <class Function, class... Extra>
-    void staticMethod(char const* name, Function function, Extra const&... extra) {
-        m_type.attr(name) = py::staticmethod(
-            py::cpp_function(function, py::name(name), py::scope(m_type), extra...));
+    template <class Result, class... Args, class... Parts>
+    void staticMethod(char const* name, Result (*function)(Args...), char const* doc,
+                      Parts const&... parts) {
+        m_type.attr(name) =
+            py::staticmethod(makeFunction(m_type, fullName(name), function, doc, parts...));
     }
     template <class Result>
     void attribute(char const* name, Result (*function)(T const&), char const* doc) {
         m_type.attr(name) = py::handle(reinterpret_cast<PyObject*>(&PyProperty_Type))(
-            py::cpp_function([function](py::handle self) { return function(valueOf<T>(self)); }),
-            py::none(), py::none(), doc);
+            methodOf(name, function, ""), py::none(), py::none(), doc);
+    }
+    /// Has copies of an object, deep ones too, be the object.
+    void copiesAreItself() {
+        using namespace py::literals;
+        method(
+            "__copy__", +[](py::handle self) { return py::reinterpret_borrow<py::object>(self); });
+        method(
+            "__deepcopy__",
+            +[](py::handle self, py::handle /*memo*/) {
+                return py::reinterpret_borrow<py::object>(self);
+            },
+            "", "memo"_a);
     }
 
 private:
+    static std::string fullName(char const* name) {
+        return std::string(objectType<T>->tp_name) + '.' + name;
+    }
+    template <class Result, class First, class... Args, class... Parts>
+    py::object methodOf(char const* name, Result (*function)(First, Args...), char const* doc,
+                        Parts const&... parts) {
+        static_assert(kNamesAll<sizeof...(Args), Parts...>);
+        return makeMethod(m_type, fullName(name), Parameters(parts...), doc,
+                          [function](py::handle self, Arguments const& arguments) {
+                              T const& value = valueOf<T>(self);
+                              auto const call = [&](auto const&... args) {
+                                  if constexpr (std::is_same_v<First, py::handle>)
+                                      return function(self, args...);
+                                  else
+                                      return function(value, args...);
+                              };
+                              return callWith(call, arguments, std::index_sequence_for<Args...>());
+                          });
+    }
+
     static constexpr bool kHasReferences = requires(T const& value, visitproc visit, void* arg) {
         value.traverse(visit, arg);
     };

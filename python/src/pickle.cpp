@@ -6,6 +6,7 @@
 #include <limits>
 #include <unordered_map>
 
+#include "arguments.h"
 #include "binding.h"
 #include "callable.h"
 #include "errors.h"
@@ -47,13 +48,13 @@ void bindLeaf(Field const& node, Source const& source, Replacer& replacer) {
     replacer.replaced.emplace(&node, nodeClass->make(values, source.object()));
 }
 
-py::object restore(std::string const& text, py::object const& givenFunctions,
-                   py::object const& givenBindings) {
+py::object restore(py::object const& text, py::object const& givenFunctions,
+                   py::object const& givenBindings, py::object const& report) {
     // Tuples: the arrays of a state may run code that changes a list.
     py::tuple const functions(givenFunctions), bindings(givenBindings);
     SceneLimits limits;
     limits.bytes = limits.nodes = limits.depth = std::numeric_limits<std::size_t>::max();
-    Tree tree = fromJson(text, limits);
+    Tree tree = fromJson(text.cast<std::string>(), limits);
     NodeList const list(rootOf(tree));
     auto const& nodes = list.nodes();
 
@@ -91,13 +92,22 @@ py::object restore(std::string const& text, py::object const& givenFunctions,
         }
         attached.append(capsuleOf(std::move(kept)));
     }
-    return wrap(tree, py::tuple(attached));
+    py::object made = wrap(tree, py::tuple(attached));
+    setReport(made, py::tuple(report));
+    return made;
+}
+
+/// The report that a pickle carries. Of a tree too deep to evaluate it would take the square of the
+/// levels, since each line has its path.
+py::object reportOf(FieldObject& field) {
+    bool const hasReport = field.report && levelsOf(field) <= SceneLimits().depth;
+    return hasReport ? py::reinterpret_borrow<py::object>(field.report) : py::tuple();
 }
 
 }  // namespace
 
 py::object reduce(py::handle self) {
-    FieldObject const& field = fieldOf(self);
+    FieldObject& field = fieldOf(self);
     std::string const text = toJson(field.tree);
     NodeList const list(rootOf(field.tree));
     py::list functions, bindings;
@@ -116,11 +126,13 @@ py::object reduce(py::handle self) {
         }
     }
     return py::make_tuple(py::module_::import("zel._tools").attr("_restore"),
-                          py::make_tuple(text, functions, bindings));
+                          py::make_tuple(text, functions, bindings, reportOf(field)));
 }
 
 void addRestore(py::module_& module) {
-    module.def("_restore", restore);
+    using namespace py::literals;
+    addFunction(module, "_restore", restore, "", "text"_a, "functions"_a, "bindings"_a,
+                "report"_a = py::tuple());
 }
 
 }  // namespace zel::python

@@ -4,8 +4,11 @@
 
 #include <cmath>
 #include <limits>
+#include <string_view>
+#include <tuple>
 #include <type_traits>
 
+#include "arguments.h"
 #include "arrays.h"
 #include "errors.h"
 #include "object_types.h"
@@ -100,16 +103,16 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
 }
 
 PyObject* newProperty(PyTypeObject* /*type*/, PyObject* args, PyObject* keywords) {
-    static char const* const names[] = {"values", "default", "target", nullptr};
-    PyObject *values = nullptr, *defaultValue = Py_None, *target = nullptr;
-    if (!PyArg_ParseTupleAndKeywords(args, keywords, "O|OO:zel.Property", const_cast<char**>(names),
-                                     &values, &defaultValue, &target))
-        return nullptr;
     return guardedObject([&] {
-        if (target && !PyUnicode_Check(target))
+        constexpr std::string_view kNames[] = {"values", "default", "target"};
+        Arguments const given =
+            argumentsOf("zel.Property", kNames, std::size(kNames), args, keywords);
+        auto const& [values, defaultValue, target] = std::tie(given[0], given[1], given[2]);
+        if (!values) throw py::type_error("zel.Property: values is missing");
+        if (target && !PyUnicode_Check(target.ptr()))
             throw py::type_error("zel.Property: target: wanted a str, got " + shown(target));
         return newObject(PropertyObject{numbersOf(values, "zel.Property: values"),
-                                        py::reinterpret_borrow<py::object>(defaultValue),
+                                        defaultValue ? defaultValue : py::none(),
                                         target ? textOf(target) : std::string()})
             .release()
             .ptr();

@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "arguments.h"
 #include "callable.h"
 #include "errors.h"
 #include "values.h"
@@ -15,7 +16,7 @@ namespace zel::python {
 
 namespace {
 
-py::object loads(py::object const& text, py::object const& depth) {
+py::object loads(py::handle text, py::handle depth) {
     std::string given;
     if (PyUnicode_Check(text.ptr()))
         given = textOf(text);
@@ -74,7 +75,7 @@ py::object parametersOf(py::handle self) {
 
 py::object bindReport(py::handle self) {
     PyObject* const report = fieldOf(self).report;
-    return report ? py::list(py::reinterpret_borrow<py::list>(report)) : py::list();
+    return report ? py::list(py::reinterpret_borrow<py::tuple>(report)) : py::list();
 }
 
 py::object inexactGradients(py::handle self) {
@@ -124,15 +125,13 @@ PyObject* sameTreeAs(PyObject* self, PyObject* other) {
 }
 
 void addLoads(py::module_& module) {
-    std::string const depth = std::to_string(SceneLimits().depth);
-    module.def(
-        "loads", loads, py::arg("text"), py::kw_only(), py::arg("depth") = SceneLimits().depth,
-        ("loads(text, *, depth=" + depth +
-         ")\n--\n\n"
-         "Reads a field from the JSON of a scene. Raises SceneError, or TypeError if it is no "
-         "text.\n"
-         "`depth` is the most levels of a tree; an evaluation takes no more than the default.")
-            .c_str());
+    using namespace py::literals;
+    addFunction(
+        module, "loads", loads,
+        "Reads a field from the JSON of a scene. Raises SceneError, or TypeError if it is no "
+        "text.\n"
+        "`depth` is the most levels of a tree; an evaluation takes no more than the default.",
+        "text"_a, py::kw_only(), "depth"_a = SceneLimits().depth);
 }
 
 }  // namespace zel::python

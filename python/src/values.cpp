@@ -86,6 +86,9 @@ constexpr Name kEnds[] = {
     {"linear", static_cast<int>(FCurve::Extrapolation::kLinear)},
     {"cycle", static_cast<int>(FCurve::Extrapolation::kCycle)},
     {"cycleWithOffset", static_cast<int>(FCurve::Extrapolation::kCycleWithOffset)}};
+char const* nameOf(FCurve::Extrapolation end) {
+    return nameOf(static_cast<int>(end), kEnds);
+}
 
 /// (x, value), (x, value, slope) or (x, value, inSlope, outSlope), each with the name of the
 /// segment at its end, or without.
@@ -93,6 +96,7 @@ FCurve::Key toKey(py::handle object, std::string const& where) {
     Py_ssize_t const length = lengthOf(object);
     auto const items =
         length < 0 ? py::tuple() : py::reinterpret_steal<py::tuple>(PySequence_Tuple(object.ptr()));
+    if (!items) throw py::error_already_set();
     std::size_t numbers = items.size();
     FCurve::Key key;
     if (numbers > 0 && PyUnicode_Check(py::object(items[numbers - 1]).ptr())) {
@@ -133,9 +137,8 @@ py::list keysOf(Curve const& self) {
 
 /// The arguments of zel.curve() for a curve.
 py::tuple partsOf(Curve const& self) {
-    return py::make_tuple(py::tuple(keysOf(self)),
-                          nameOf(static_cast<int>(self.curve->before()), kEnds),
-                          nameOf(static_cast<int>(self.curve->after()), kEnds));
+    return py::make_tuple(py::tuple(keysOf(self)), nameOf(self.curve->before()),
+                          nameOf(self.curve->after()));
 }
 
 Value toQuaternion(py::handle object, std::string const& where) {
@@ -362,6 +365,7 @@ py::object fromValue(Value const& value, py::handle attached) {
 }
 
 void addCurve(py::module_& module) {
+    using namespace py::literals;
     ObjectType<Curve> type(module, "zel.Curve",
                            "A piecewise function of one number, made by zel.curve().",
                            [](PyTypeObject*, PyObject*, PyObject*) {
@@ -372,57 +376,55 @@ void addCurve(py::module_& module) {
         +[](Curve const& self, py::handle x) {
             return self.curve->evalFCurve(toDouble(x, "zel.Curve: x"));
         },
-        py::arg("x"), "__call__(self, x)\n--\n\nThe value at a number.");
+        "The value at a number.", "x"_a);
     type.method(
         "slope",
         +[](Curve const& self, py::handle x) {
             return self.curve->slope(toDouble(x, "zel.Curve.slope: x"));
         },
-        py::arg("x"), "slope(self, x)\n--\n\nThe derivative at a number.");
+        "The derivative at a number.", "x"_a);
     type.attribute("keys", keysOf,
                    "The keys, as (x, value, in_slope, out_slope, segment). Slopes are\n"
                    "changes of the value for each unit of x.");
     type.attribute(
-        "before",
-        +[](Curve const& self) { return nameOf(static_cast<int>(self.curve->before()), kEnds); },
+        "before", +[](Curve const& self) { return nameOf(self.curve->before()); },
         "How the curve continues before its first key: 'constant', 'linear', 'cycle' or\n"
         "'cycleWithOffset'.");
     type.attribute(
-        "after",
-        +[](Curve const& self) { return nameOf(static_cast<int>(self.curve->after()), kEnds); },
+        "after", +[](Curve const& self) { return nameOf(self.curve->after()); },
         "How the curve continues after its last key.");
     type.method(
         "__repr__", +[](Curve const& self) {
             return "zel.curve(" + std::string(py::repr(keysOf(self))) + ", before='" +
-                   nameOf(static_cast<int>(self.curve->before()), kEnds) + "', after='" +
-                   nameOf(static_cast<int>(self.curve->after()), kEnds) + "')";
+                   nameOf(self.curve->before()) + "', after='" + nameOf(self.curve->after()) + "')";
         });
     type.method(
-        "__eq__", +[](Curve const& self, py::handle other) -> py::object {
+        "__eq__",
+        +[](Curve const& self, py::handle other) -> py::object {
             if (!isObjectOf<Curve>(other))
                 return py::reinterpret_borrow<py::object>(Py_NotImplemented);
             return py::bool_(partsOf(self).equal(partsOf(valueOf<Curve>(other))));
-        });
+        },
+        "", "other"_a);
     type.method(
         "__hash__", +[](Curve const& self) { return py::hash(partsOf(self)); });
     type.method(
         "__reduce__", +[](Curve const& self) {
             return py::make_tuple(py::module_::import("zel._tools").attr("_curve"), partsOf(self));
         });
-    module.def(
-        "curve",
-        [](py::object const& keys, py::object const& before, py::object const& after) {
+    addFunction(
+        module, "curve",
+        +[](py::handle keys, py::handle before, py::handle after) {
             return newObject(Curve{makeCurve(keys, before, after)});
         },
-        py::arg("keys"), py::arg("before") = "constant", py::arg("after") = "constant",
-        "curve(keys, before='constant', after='constant')\n--\n\n"
         "A curve through keys (x, value), (x, value, slope) or (x, value, in_slope, out_slope) in\n"
         "ascending order of x. After its numbers a key may have the name of the segment that "
         "begins\n"
         "there: 'constant', 'linear', the default, or 'cubic'. Slopes are changes of the value "
         "for\n"
         "each unit of x. The ends are 'constant', 'linear', 'cycle' or 'cycleWithOffset'. Raises\n"
-        "TypeError or ValueError for a key that is none, and ValueError for keys out of order.");
+        "TypeError or ValueError for a key that is none, and ValueError for keys out of order.",
+        "keys"_a, "before"_a = "constant", "after"_a = "constant");
 }
 
 }  // namespace zel::python

@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <utility>
 
@@ -35,10 +36,11 @@ std::int64_t floorDivide(std::int64_t a, std::int64_t b) {
 
 template <class T>
 Volume::Samples<T> makeSamples(std::string const& name, T const& outside,
-                               Volume::Topology const& topology) {
+                               Volume::Topology const& topology,
+                               std::function<void()> const& pause) {
     auto samples = Quern::makePtr<ORV::TileTree3D::DataChannel<Traits, T>>(name, &outside, 0, false,
                                                                            true, 0, kDeepest);
-    samples->update(topology);
+    samples->updateTo(topology.container(), pause);
     return samples;
 }
 
@@ -53,6 +55,8 @@ void forTiles(Volume::Tree const& tree, Volume::Samples<T> const& samples, int d
 }
 
 // Dense arrays.
+
+using Strides = std::array<py::ssize_t, 3>;
 
 /// The voxels of a depth that cover an extent.
 Volume::Extent atDepth(Volume::Extent const& extent, int depth) {
@@ -69,9 +73,10 @@ Volume::Extent atDepth(Volume::Extent const& extent, int depth) {
 }
 
 /// Calls `use(sample, place)` for the samples of a tile that lie in an extent of voxels of the
-/// tile's depth. `place` is the number of the voxel in an array of the extent, in the order of C.
+/// tile's depth. `place` is that of the voxel in an array of the extent with these strides.
 template <class Tile, class T, class Use>
-void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Use const& use) {
+void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent,
+                  Strides const& strides, Use const& use) {
     std::array<std::int64_t, 3> first{};
     std::array<int, 3> low{}, high{};
     for (int axis = 0; axis < 3; ++axis) {
@@ -84,16 +89,25 @@ void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent, Us
     for (int i = low[0]; i < high[0]; ++i)
         for (int j = low[1]; j < high[1]; ++j)
             for (int k = low[2]; k < high[2]; ++k) {
-                std::int64_t const place =
-                    ((first[0] + i) * extent.size.y + first[1] + j) * extent.size.z + first[2] + k;
+                py::ssize_t const place = (first[0] + i) * strides[0] +
+                                          (first[1] + j) * strides[1] + (first[2] + k) * strides[2];
                 use(samples[i + kWidth * (j + kWidth * k)], place);
             }
 }
 
+/// Adds a channel with the samples of an array of float32, which is read in place.
 template <class T>
 void fillFrom(Volume& volume, std::string const& name, T const& outside, py::array const& array) {
-    auto const* const values = static_cast<T const*>(array.data());
+    auto const* const values = static_cast<float const*>(array.data());
+    auto const strideOf = [&](py::ssize_t axis) {
+        return array.strides(axis) / static_cast<py::ssize_t>(sizeof(float));
+    };
+    Strides const strides{strideOf(0), strideOf(1), strideOf(2)};
+    py::ssize_t const step = kComponents < T >> 1 ? strideOf(3) : 0;
     interruptibly([&](std::stop_token const& stop) {
+        auto const pause = [&] {
+            if (stop.stop_requested()) throw Stopped();
+        };
         auto const& [low, size] = volume.extent;
         std::array<std::int32_t, 3> first{}, last{};
         // One voxel more on each side, so that the values around the array are `outside`.
@@ -105,16 +119,21 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
         }
         for (std::int32_t i = first[0]; i <= last[0]; ++i)
             for (std::int32_t j = first[1]; j <= last[1]; ++j) {
-                if (stop.stop_requested()) throw Stopped();
+                pause();
                 for (std::int32_t k = first[2]; k <= last[2]; ++k)
                     volume.tree->addTile(i * kWidth, j * kWidth, k * kWidth, kDeepest);
             }
-        auto const samples = makeSamples(name, outside, *volume.topology);
+        auto const samples = makeSamples(name, outside, *volume.topology, pause);
         forTiles<T>(*volume.tree, samples, kDeepest, stop, [&](auto const& tile, T* data) {
-            forSamplesIn(tile, data, volume.extent,
-                         [&](T& sample, std::int64_t place) { sample = values[place]; });
+            forSamplesIn(tile, data, volume.extent, strides, [&](T& sample, py::ssize_t place) {
+                float const* const value = values + place;
+                if constexpr (kComponents < T >> 1)
+                    sample = {value[0], value[step], value[2 * step]};
+                else
+                    sample = *value;
+            });
         });
-        ORV::TileTree3D::restrictChannel(*samples, *volume.topology);
+        ORV::TileTree3D::restrictChannel(*samples, *volume.topology, pause);
         volume.channels.push_back({name, samples});
     });
 }
@@ -152,7 +171,7 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
                      py::object const& givenName, py::object const& outside) {
     constexpr char const* kWhere = "zel.Volume.from_numpy";
     std::string const name = toName(givenName, std::string(kWhere) + ": name");
-    py::array array = floatsOf(given, std::string(kWhere) + ": array");
+    py::array const array = floatsByParts(given, std::string(kWhere) + ": array");
     bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
     if (!isVector && array.ndim() != 3)
         throw py::value_error(std::string(kWhere) +
@@ -161,7 +180,6 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
     if (array.size() == 0)
         throw py::value_error(std::string(kWhere) + ": the array is empty: its shape is " +
                               shapeText(array));
-    array = copyOf(array);
     float const size = toVoxelSize(voxelSize, kWhere);
     toVector(origin, std::string(kWhere) + ": origin");  // throws if it is none
     // In float64: of float32, the quotient would have too few digits far from the origin.
@@ -317,10 +335,11 @@ py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object 
                 py::ssize_t const count = array.size() / kComponents<T>;
                 for (py::ssize_t at = 0; at < count && !stop.stop_requested(); at += kRun)
                     std::fill_n(values + at, std::min(kRun, count - at), samples->defaultValue());
+                Strides const strides{py::ssize_t{extent.size.y} * extent.size.z, extent.size.z, 1};
                 forTiles<T>(*self.tree, samples, depth, stop, [&](auto const& tile, T* data) {
-                    forSamplesIn(tile, data, extent, [&](T const& sample, std::int64_t place) {
-                        values[place] = sample;
-                    });
+                    forSamplesIn(
+                        tile, data, extent, strides,
+                        [&](T const& sample, py::ssize_t place) { values[place] = sample; });
                 });
             });
             return array;
@@ -381,7 +400,7 @@ py::tuple stateOf(Volume const& self) {
 template <class T>
 void restore(Volume& volume, std::string const& name, T const& outside,
              py::sequence const& depths) {
-    auto const samples = makeSamples(name, outside, *volume.topology);
+    auto const samples = makeSamples(name, outside, *volume.topology, handleSignals);
     for (int depth = 0; depth <= volume.tree->depth(); ++depth) {
         py::array const array =
             copyOf(floatsOf(py::object(depths[static_cast<std::size_t>(depth)]), "zel.Volume"));
@@ -412,9 +431,12 @@ py::object fromState(py::tuple const& state) {
         if (array.ndim() != 2 || array.shape(1) != 3)
             throw py::value_error("zel.Volume: the state has no corners");
         auto const corner = array.unchecked<2>();
-        for (py::ssize_t i = 0; i < array.shape(0); ++i)
+        constexpr py::ssize_t kPart = 1 << 14;
+        for (py::ssize_t i = 0; i < array.shape(0); ++i) {
+            if (i % kPart == 0) handleSignals();
             if (made.tree->addTile(corner(i, 0), corner(i, 1), corner(i, 2), depth).tile != i)
                 throw py::value_error("zel.Volume: the state has tiles in another order");
+        }
         ++depth;
     }
     for (py::handle const one : state[5]) {
@@ -474,49 +496,42 @@ void addVolume(py::module_& module) {
                              "zel.Volume.from_field()");
         });
     type.staticMethod(
-        "from_numpy", fromNumpy, "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a,
-        "outside"_a = py::none(),
-        "from_numpy(array, voxel_size, origin, *, name, outside=None)\n--\n\n"
+        "from_numpy", fromNumpy,
         "A volume of an array of shape (nx, ny, nz) or (nx, ny, nz, 3), which is copied.\n"
         "The sample [i, j, k] is at origin + (i, j, k) * voxel_size; the origin is a\n"
         "multiple of half the voxel_size. `name` is that of the channel by which fields\n"
         "find it. Around the array the value is `outside`, 0 by default. Raises TypeError or\n"
-        "ValueError, which name the argument.");
+        "ValueError, which name the argument.",
+        "array"_a, "voxel_size"_a, "origin"_a, py::kw_only(), "name"_a, "outside"_a = py::none());
     type.staticMethod(
-        "from_field", fromField, "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(),
-        "name"_a = "value", "outside"_a = 0, "min_depth"_a = py::none(), "max_depth"_a = py::none(),
-        "from_field(field, box, voxel_size, band, *, name='value', outside=0, min_depth=None, "
-        "max_depth=None)\n--\n\n"
+        "from_field", fromField,
         "A volume of a scalar field, with voxels of voxel_size where the field is within\n"
         "band * voxel_size of 0 in the box (low, high), and coarse elsewhere. Down to\n"
-        "min_depth all tiles are made that meet the box; none is deeper than max_depth. "
-        "Raises\n"
-        "TypeError or ValueError, which name the argument, and KeyboardInterrupt.");
-    type.method(
-        "with_field", withField, "name"_a, "field"_a, "outside"_a = py::none(),
-        "with_field(self, name, field, outside=None)\n--\n\nA volume with one more channel, "
-        "of the values of a field at the samples of this one.");
-    type.method(
-        "to_numpy", toNumpy, "depth"_a = py::none(), "name"_a = py::none(),
-        "to_numpy(self, depth=None, name=None)\n--\n\n"
-        "The samples of all tiles of a depth, the deepest by default, as a dense array over "
-        "the\n"
-        "voxels of the volume; where there is no tile of the depth, the value outside. The "
-        "shape "
-        "is\n"
-        "(nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for a depth that "
-        "there\n"
-        "is not, KeyError for such a name.");
-    type.method("origin", originOf, "depth"_a = py::none(),
-                "origin(self, depth=None)\n--\n\nThe place of the sample [0, 0, 0] of "
-                "to_numpy(depth).");
+        "min_depth all tiles are made that meet the box; none is deeper than max_depth.\n"
+        "Raises TypeError or ValueError, which name the argument, and KeyboardInterrupt.",
+        "field"_a, "box"_a, "voxel_size"_a, "band"_a, py::kw_only(), "name"_a = "value",
+        "outside"_a = 0, "min_depth"_a = py::none(), "max_depth"_a = py::none());
+    type.method("with_field", withField,
+                "A volume with one more channel, of the values of a field at the samples of this "
+                "one.",
+                "name"_a, "field"_a, "outside"_a = py::none());
+    type.method("to_numpy", toNumpy,
+                "The samples of all tiles of a depth, the deepest by default, as a dense array "
+                "over\n"
+                "the voxels of the volume; where there is no tile of the depth, the value "
+                "outside.\n"
+                "The shape is (nx, ny, nz), or (nx, ny, nz, 3) of vectors. Raises ValueError for "
+                "a\n"
+                "depth that there is not, KeyError for such a name.",
+                "depth"_a = py::none(), "name"_a = py::none());
+    type.method("origin", originOf, "The place of the sample [0, 0, 0] of to_numpy(depth).",
+                "depth"_a = py::none());
     type.method(
         "tile_count",
-        +[](Volume const& self, py::object const& depth) {
+        +[](Volume const& self, py::handle depth) {
             return self.tree->tileCount(depth.is_none() ? -1 : toDepth(self, depth));
         },
-        "depth"_a = py::none(),
-        "tile_count(self, depth=None)\n--\n\nThe number of tiles of a depth, or of all.");
+        "The number of tiles of a depth, or of all.", "depth"_a = py::none());
     type.attribute(
         "names",
         +[](Volume const& self) {
@@ -532,17 +547,12 @@ void addVolume(py::module_& module) {
         "depth", +[](Volume const& self) { return self.tree->depth(); },
         "The deepest depth that has tiles.");
     type.method("__repr__", represent);
-    type.method(
-        "__copy__", +[](py::handle self) { return py::reinterpret_borrow<py::object>(self); });
-    type.method(
-        "__deepcopy__", +[](py::handle self, py::handle /*memo*/) {
-            return py::reinterpret_borrow<py::object>(self);
-        });
+    type.copiesAreItself();
     type.method(
         "__reduce__", +[](Volume const& self) {
             return py::make_tuple(py::module_::import("zel._tools").attr("_volume"), stateOf(self));
         });
-    module.def("_volume", [](py::args const& state) { return fromState(state); });
+    addFunction(module, "_volume", fromState, "", "state"_a);
 }
 
 }  // namespace zel::python

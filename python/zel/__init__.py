@@ -11,7 +11,7 @@ function, such as zel.sphere.
 from . import _zel
 from ._zel import *  # noqa: F401,F403
 from ._zel import __version__  # noqa: F401
-from ._tools import _curve, _restore, _volume, dumps, exact_gradients, load, save, slice  # noqa: F401
+from ._tools import _binding, _curve, _restore, _volume, dumps, exact_gradients, load, save, slice  # noqa: F401
 
 # Objects and types of the library belong to one interpreter.
 _zel._check_interpreter()

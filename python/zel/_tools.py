@@ -14,8 +14,12 @@ def _curve(*state):
     return _zel.curve(*state)
 
 
+def _binding(*state):
+    return _zel._binding(*state)
+
+
 def _volume(*state):
-    return _zel._volume(*state)
+    return _zel._volume(state)
 
 
 def _check(field, where):

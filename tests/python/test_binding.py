@@ -70,6 +70,10 @@ def test_reports():
                       "/root/b/a": ("b", False, 'no property "b"'),
                       "/root/b/b": ("c", False, 'no channel "c"')}
     assert tree.bind_report == [] and bound.same_tree(tree)
+    lines = [(repr(b), b.name, b.is_bound) for b in bound.bind_report]
+    bound.bind_report.clear()
+    for twin in (pickle.loads(pickle.dumps(bound)), copy.deepcopy(bound)):
+        assert [(repr(b), b.name, b.is_bound) for b in twin.bind_report] == lines
     with pytest.raises(KeyError, match='property "b".*channel "c"|channel "c".*property "b"') as e:
         tree.bind({"a": np.ones(5)}, volume=volume, strict=True)
     assert sorted(e.value.names) == ["b", "c"]
@@ -168,6 +172,9 @@ def test_a_pickle_has_what_leaves_read():
 test_errors_name_what_came = raises([
     (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
     (lambda: zel.Property(), TypeError, "values"),
+    (lambda: zel._zel._binding("a", "b", 8, "c"), ValueError, "state.*8"),
+    (lambda: zel._zel._restore(A.dumps(), [], [], [3]), TypeError, "int 3"),
+    (lambda: A.bind(propertys={}), TypeError, "propertys;.*targets, volume, and by keyword indices"),
     (lambda: A.bind(3), TypeError, "properties.*int 3"),
     (lambda: A.bind({3: [1]}), TypeError, "names.*int 3"),
     (lambda: A.bind({"": [1]}), ValueError, "name"),

@@ -148,7 +148,16 @@ def test_gradients_are_derivatives(xyz):
     assert exact.inexact_gradients == [] and np.array_equal(exact(xyz), (noise * 2)(xyz))
 
 
+class Key:
+    def __len__(self):
+        return 2
+
+    def __getitem__(self, i):
+        raise OSError("no item")
+
+
 test_errors_name_what_came = raises([
+    (lambda: zel.curve([Key()]), OSError, "no item"),
     (lambda: zel.ScalarFieldSphere(radius="one"), TypeError, "ScalarFieldSphere: radius.*str 'one'"),
     (lambda: zel.sphere(raduis=1), TypeError, "raduis.*center, radius"),
     (lambda: zel.sphere((0, 0), 1), TypeError, "center"),
@@ -182,6 +191,11 @@ test_errors_name_what_came = raises([
     (lambda: zel.curve([(1, 0, "cube")]), ValueError, "cubic.*'cube'"),
     (lambda: zel.curve([(1,)]), TypeError, "keys\\[0\\]"),
     (lambda: zel.curve(3), TypeError, "int 3"),
+    (lambda: zel.curve(), TypeError, "zel.curve: keys is missing"),
+    (lambda: zel.curve([(0, 1)], befor=1), TypeError, "befor;.*keys, before, after"),
+    (lambda: zel.curve([(0, 1)], keys=2), TypeError, "keys is given twice"),
+    (lambda: zel.field(len, True), TypeError, "2 arguments.*function, and by keyword vector"),
+    (lambda: zel.curve([(0, 1)]).slope(y=1), TypeError, "zel.Curve.slope: no parameter y; .* x"),
     (lambda: zel.curve([(0, 0)], before=2), TypeError, "before"),
     (lambda: zel.f_curve(X, "ab"), TypeError, "str 'ab'"),
     (lambda: zel.scalar_orvane_triggered("a", sampler="cubic"), ValueError, "cubicC0.*'cubic'"),

@@ -61,6 +61,11 @@ def test_vectors_and_strides():
     volume = zel.Volume.from_numpy(array, 1, (0, 0, 0), name="v")
     assert np.array_equal(volume.to_numpy(), array.astype(np.float32))
     assert np.array_equal(sample(volume, channel="v")((2, 3, 4)), array[2, 3, 4].astype("f4"))
+    # Converted by parts; read in place.
+    long = np.arange(2.2e6).reshape(2, 1100, 1000)
+    floats = array.astype("f4").transpose(1, 0, 2, 3)
+    for given in (long, floats, floats[..., 1]):
+        assert np.array_equal(zel.Volume.from_numpy(given, 1, (0, 0, 0), name="v").to_numpy(), given)
 
 
 def test_volumes_of_fields():
@@ -112,6 +117,9 @@ test_errors_name_what_came = raises([
     (lambda: zel.Volume.from_field(zel.sphere(), 3, 1, 1), TypeError, "box"),
     (lambda: zel.Volume.from_field(zel.sphere(), ((0, 0, 0), (0, 1, 1)), 1, 1), ValueError, "box"),
     (lambda: zel.Volume.from_field(zel.sphere(), ((0,) * 3, (1,) * 3), 1, -1), ValueError, "band"),
+    (lambda: zel.Volume.from_numpy(OK, 1, (0, 0, 0)), TypeError, "from_numpy: name is missing"),
+    (lambda: VOLUME.to_numpy(dept=1), TypeError, "Volume.to_numpy: no parameter dept; .*depth, name"),
+    (lambda: zel.Volume.to_numpy(), TypeError, "to_numpy: self is missing"),
     (lambda: VOLUME.to_numpy(29), ValueError, "depth.*28"),
     (lambda: VOLUME.to_numpy(name="x"), KeyError, "'x'.*d"),
     (lambda: VOLUME.with_field("d", zel.sphere()), ValueError, "'d'"),

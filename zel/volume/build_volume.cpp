@@ -236,11 +236,13 @@ private:
 
 template <class Traits, class T>
 Quern::Ptr<DataChannel<Traits, T>> makeChannel(VoxelTopology<Traits> const& topology,
-                                               T const& outside) {
+                                               T const& outside, std::stop_token const& stop) {
     int const deepest = Traits::kMaxDepth;
     auto channel = Quern::makePtr<DataChannel<Traits, T>>(Quern::String(), &outside, 0, true, true,
                                                           0, deepest);
-    channel->update(topology);
+    channel->updateTo(topology.container(), [&] {
+        if (stop.stop_requested()) throw Stopped();
+    });
     return channel;
 }
 
@@ -251,7 +253,7 @@ Volume<Traits, T> buildOver(Volume<Traits, U> const& tree, detail::InterfaceOf<T
         refuse("the volume has no ", tree.container ? "topology" : "tree");
     if (&tree.topology->container() != tree.container.get())
         refuse("the topology is that of another tree");
-    auto channel = makeChannel<Traits, T>(*tree.topology, outside);
+    auto channel = makeChannel<Traits, T>(*tree.topology, outside, options.stop);
     fillChannel(*channel, *tree.topology, field, options);
     return {tree.container, tree.topology, std::move(channel)};
 }
@@ -269,7 +271,8 @@ Volume<Traits, float> buildVolume(ScalarField const& field, Box const& box, floa
     work.run(field, [&] {
         Refinement<Traits>(*volume.container, field, box, double{band} * double{voxelSize}, work)
             .run(depths);
-        volume.channel = makeChannel<Traits, float>(*volume.topology, options.outside);
+        volume.channel =
+            makeChannel<Traits, float>(*volume.topology, options.outside, options.stop);
         detail::fillTiles<Traits, float>(*volume.channel, *volume.topology, field, work);
     });
     return volume;

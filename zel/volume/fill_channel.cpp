@@ -75,7 +75,7 @@ void fillTiles(DataChannel<Traits, T>& channel, VoxelTopology<Traits> const& top
                 }
             });
     work.stopIfAsked();
-    restrictChannel<Traits, T>(channel, topology);
+    restrictChannel<Traits, T>(channel, topology, [&] { work.stopIfAsked(); });
 }
 
 namespace {

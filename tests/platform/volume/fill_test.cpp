@@ -122,6 +122,24 @@ TYPED_TEST(Fill, PassesErrorsOnAndStopsAtTheChannelsDepths) {
     restrictChannel<TypeParam, float>(channel, topology);
     int3 const voxel = above.childDataIJK(deep.tijk());
     EXPECT_EQ(std::as_const(channel).tileData(above.treeIndex())(voxel), 50);
+    // The same with pauses, one of which may end the work.
+    *channel.samples(deep.treeIndex()) = 60;
+    int pauses = 0;
+    auto const count = [&] { ++pauses; };
+    auto const stop = [] { throw std::runtime_error("stop"); };
+    EXPECT_THROW((restrictChannel<TypeParam, float>(channel, topology, stop)), std::runtime_error);
+    restrictChannel<TypeParam, float>(channel, topology, count);
+    EXPECT_EQ(std::as_const(channel).tileData(above.treeIndex())(voxel), 60);
+    EXPECT_EQ(pauses, 2);
+    channel.restart(7, false, 1, 2);
+    channel.updateTo(*tree);
+    tree->addTile(0, 0, 0, 5);
+    channel.restart(8, false, 1, 2);  // keeps its memory, which is filled again
+    EXPECT_THROW(channel.updateTo(*tree, stop), std::runtime_error);
+    EXPECT_EQ(channel.tileCount(-1), 0);
+    channel.updateTo(*tree, count);
+    EXPECT_TRUE(channel.fits(*tree));
+    EXPECT_EQ(*channel.samples(deep.treeIndex()), 8);
 }
 
 TEST(FillTasks, RunToTheirEndInsideACancelledGroup) {
