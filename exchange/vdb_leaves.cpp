@@ -23,8 +23,8 @@ public:
         return openvdb::io::getDataCompression(stream);
     }
 
-    void write(std::ostream& stream, openvdb::GridPtrVec const& grids,
-               std::vector<VdbLeaves> const& leaves, openvdb::MetaMap const& metadata) const {
+    void writeAll(std::ostream& stream, openvdb::GridPtrVec const& grids,
+                  std::deque<VdbLeaves> const& leaves, openvdb::MetaMap const& metadata) const {
         writeHeader(stream, true);
         metadata.writeMeta(stream);
         auto const count = static_cast<std::int32_t>(grids.size());
@@ -149,8 +149,8 @@ VdbLeaves::VdbLeaves(openvdb::GridBase& grid, bool parallel) {
 }
 
 void writeVdbFile(std::ostream& stream, openvdb::GridPtrVec const& grids,
-                  std::vector<VdbLeaves> const& leaves, openvdb::MetaMap const& metadata) {
-    Archive().write(stream, grids, leaves, metadata);
+                  std::deque<VdbLeaves> const& leaves, openvdb::MetaMap const& metadata) {
+    Archive().writeAll(stream, grids, leaves, metadata);
 }
 
 }  // namespace zel::detail

@@ -18,6 +18,8 @@ class VdbLeaves {
 public:
     /// Compresses the leaves of a grid, and takes their values from it.
     VdbLeaves(openvdb::GridBase& grid, bool parallel);
+    VdbLeaves(VdbLeaves const&) = delete;
+    VdbLeaves& operator=(VdbLeaves const&) = delete;
 
     /// Takes bytes in which leaves lie that add() is to give to the grid.
     std::span<char const> keep(std::string bytes) { return m_bytes.emplace_back(std::move(bytes)); }
@@ -45,6 +47,6 @@ template <class Use> void withVdbType(openvdb::GridBase& grid, Use const& use) {
 
 /// Writes a file as openvdb::io::File does.
 void writeVdbFile(std::ostream& stream, openvdb::GridPtrVec const& grids,
-                  std::vector<VdbLeaves> const& leaves, openvdb::MetaMap const& metadata);
+                  std::deque<VdbLeaves> const& leaves, openvdb::MetaMap const& metadata);
 
 }  // namespace zel::detail

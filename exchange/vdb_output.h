@@ -3,6 +3,7 @@
 #include <openvdb/openvdb.h>
 
 #include <cmath>
+#include <deque>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -44,7 +45,7 @@ public:
     WriteVdbOptions const& options() const { return m_options; }
     openvdb::GridPtrVec const& grids() const { return m_grids; }
     /// The leaves of the grids that have been compressed.
-    std::vector<VdbLeaves>& leaves() { return m_leaves; }
+    std::deque<VdbLeaves>& leaves() { return m_leaves; }
     void clear() {
         m_grids.clear();
         m_leaves.clear();
@@ -82,7 +83,7 @@ private:
     std::filesystem::path const& m_path;
     WriteVdbOptions const& m_options;
     openvdb::GridPtrVec m_grids{};
-    std::vector<VdbLeaves> m_leaves{};
+    std::deque<VdbLeaves> m_leaves{};
     std::optional<OutputFile> m_file{};
 };
 

@@ -127,7 +127,7 @@ private:
     std::size_t m_tile = 0, m_leaf = 0;
 };
 
-VdbPieces::VdbPieces(openvdb::GridPtrVec const& grids, std::vector<VdbLeaves> const& leaves)
+VdbPieces::VdbPieces(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves> const& leaves)
     : m_grids(grids), m_allLeaves(leaves) {}
 VdbPieces::VdbPieces(VdbPieces&&) noexcept = default;
 VdbPieces::~VdbPieces() = default;
@@ -148,7 +148,7 @@ std::vector<std::byte> VdbPieces::take(std::size_t bytes) {
     return {};
 }
 
-void addVdbPiece(openvdb::GridPtrVec const& grids, std::vector<VdbLeaves>& leaves,
+void addVdbPiece(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves>& leaves,
                  std::span<std::byte const> piece) {
     Head head{};
     remove(piece, head);

@@ -17,7 +17,7 @@ namespace zel::detail {
 class VdbPieces {
 public:
     /// Keeps a reference to the leaves.
-    VdbPieces(openvdb::GridPtrVec const& grids, std::vector<VdbLeaves> const& leaves);
+    VdbPieces(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves> const& leaves);
     VdbPieces(VdbPieces&&) noexcept;
     VdbPieces& operator=(VdbPieces&&) = delete;
     ~VdbPieces();
@@ -29,13 +29,13 @@ private:
     class Source;
     template <class Grid> class SourceOf;
     openvdb::GridPtrVec m_grids;
-    std::vector<VdbLeaves> const& m_allLeaves;
+    std::deque<VdbLeaves> const& m_allLeaves;
     std::size_t m_next = 0;            // the number of the grid in hand
     std::unique_ptr<Source> m_source;  // of this grid, once it is begun
 };
 
 /// Adds a piece to grids that were made by the same calls as those it is taken from.
-void addVdbPiece(openvdb::GridPtrVec const& grids, std::vector<VdbLeaves>& leaves,
+void addVdbPiece(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves>& leaves,
                  std::span<std::byte const> piece);
 
 /// Merges tiles of equal values, as far as possible.
