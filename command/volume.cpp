@@ -25,7 +25,7 @@ std::vector<double> weigh(zel::ScalarField const& field, VolumeOptions const& op
     using Traits = zel::BinaryTraits;
     auto const count = static_cast<std::uint64_t>(last - base);
     // Tiles that are narrow enough for several a rank, and far wider than voxels.
-    constexpr std::uint64_t kTilesOfRank = 16;
+    constexpr std::uint64_t kTilesOfRank = 64;
     int depth = Traits::kMaxDepth - 2;
     while (count / static_cast<std::uint64_t>(Traits::tileWidth(depth)) >
            kTilesOfRank * ranks.size())

@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <span>
 #include <stdexcept>
 
@@ -90,14 +91,21 @@ std::filesystem::path VdbOutput::begin() {
     return m_file->temporaryPath();
 }
 
+void VdbOutput::compress() {
+    for (std::size_t i = m_leaves.size(); i < m_grids.size(); ++i)
+        m_leaves.emplace_back(*m_grids[i], m_options.parallel);
+}
+
 void VdbOutput::write() {
     if (!m_file) begin();
+    compress();
     openvdb::MetaMap metadata;
     metadata.insertMeta("creator", openvdb::StringMetadata(m_options.creator));
     for (auto const& [name, value] : m_options.metadata)
         metadata.insertMeta(name, openvdb::StringMetadata(value));
     try {
-        openvdb::io::File(m_file->temporaryPath().string()).write(m_grids, metadata);
+        std::ofstream stream(m_file->temporaryPath(), std::ios::binary);
+        writeVdbFile(stream, m_grids, m_leaves, metadata);
     } catch (openvdb::Exception const& error) {
         throw FileError(m_path.string(), {}, std::string("cannot be written: ") + error.what());
     }

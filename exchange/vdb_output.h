@@ -3,6 +3,7 @@
 #include <openvdb/openvdb.h>
 
 #include <cmath>
+#include <deque>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -13,6 +14,7 @@
 #include "affine_map.h"
 #include "error.h"
 #include "output_file.h"
+#include "vdb_leaves.h"
 #include "vdb_write.h"
 
 // What the writers of fields and of volumes share.
@@ -41,7 +43,13 @@ public:
     VdbOutput(std::filesystem::path const& path, WriteVdbOptions const& options);
 
     WriteVdbOptions const& options() const { return m_options; }
-    openvdb::GridPtrVec& grids() { return m_grids; }
+    openvdb::GridPtrVec const& grids() const { return m_grids; }
+    /// The leaves of the grids that have been compressed.
+    std::deque<VdbLeaves>& leaves() { return m_leaves; }
+    void clear() {
+        m_grids.clear();
+        m_leaves.clear();
+    }
 
     /// Throws FileError for a value that the file cannot hold: of a voxel, or the background.
     void check(std::string const& name, std::optional<openvdb::Coord> const& at,
@@ -56,6 +64,8 @@ public:
     void add(std::string const& name, openvdb::GridBase::Ptr const& grid, VdbClass gridClass,
              VdbVectorType vectorType);
 
+    /// Compresses the leaves of all grids.
+    void compress();
     /// Creates the temporary file, and returns its path.
     std::filesystem::path begin();
     /// Writes all grids and gives the file its name.
@@ -73,6 +83,7 @@ private:
     std::filesystem::path const& m_path;
     WriteVdbOptions const& m_options;
     openvdb::GridPtrVec m_grids{};
+    std::deque<VdbLeaves> m_leaves{};
     std::optional<OutputFile> m_file{};
 };
 

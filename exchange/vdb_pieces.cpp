@@ -1,7 +1,5 @@
 #include "vdb_pieces.h"
 
-#include <openvdb/openvdb.h>
-
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -21,12 +19,10 @@ template <class Grid> struct TileRecord {
     typename Grid::ValueType value;
 };
 
-template <class Grid> struct LeafRecord {
-    using Leaf = typename Grid::TreeType::LeafNodeType;
-
+/// Before the bytes of a leaf.
+struct LeafRecord {
     std::int32_t x, y, z;
-    typename Leaf::NodeMaskType mask;
-    typename Grid::ValueType values[Leaf::SIZE];
+    std::uint32_t size;
 };
 
 /// Copies a record to the end of a piece.
@@ -35,38 +31,54 @@ template <class Record> void append(std::vector<std::byte>& piece, Record const&
     piece.insert(piece.end(), bytes, bytes + sizeof record);
 }
 
+[[noreturn]] void failCut() {
+    throw std::invalid_argument("zel::VdbParts: a piece ends within a record");
+}
+
 /// Removes a record from the begin of a piece.
 template <class Record> void remove(std::span<std::byte const>& piece, Record& record) {
-    if (piece.size() < sizeof record)
-        throw std::invalid_argument("zel::VdbParts: a piece ends within a record");
+    if (piece.size() < sizeof record) failCut();
     std::memcpy(static_cast<void*>(&record), piece.data(), sizeof record);
     piece = piece.subspan(sizeof record);
 }
 
-template <class Grid> void addTo(Grid& grid, Head const& head, std::span<std::byte const> piece) {
+template <class Grid>
+void addTo(Grid& grid, VdbLeaves& leaves, Head const& head, std::span<std::byte const> piece) {
     auto& tree = grid.tree();
     TileRecord<Grid> tile;
     for (std::uint32_t i = 0; i < head.tiles; ++i) {
         remove(piece, tile);
         tree.addTile(tile.level, {tile.x, tile.y, tile.z}, tile.value, tile.active != 0);
     }
-    auto const record = std::make_unique<LeafRecord<Grid>>();
+    piece = std::as_bytes(
+        leaves.keep(std::string(reinterpret_cast<char const*>(piece.data()), piece.size())));
+    using Leaf = typename Grid::TreeType::LeafNodeType;
+    typename Leaf::NodeMaskType mask;
+    LeafRecord record;
     for (std::uint32_t i = 0; i < head.leaves; ++i) {
-        remove(piece, *record);
-        using Leaf = typename LeafRecord<Grid>::Leaf;
-        auto leaf = std::make_unique<Leaf>(openvdb::Coord(record->x, record->y, record->z));
-        std::copy_n(record->values, std::size_t{Leaf::SIZE}, leaf->buffer().data());
-        leaf->setValueMask(record->mask);
+        remove(piece, record);
+        if (record.size < sizeof mask || record.size > piece.size()) failCut();
+        std::memcpy(static_cast<void*>(&mask), piece.data(), sizeof mask);
+        auto leaf = std::make_unique<Leaf>(openvdb::PartialCreate(),
+                                           openvdb::Coord(record.x, record.y, record.z));
+        leaf->setValueMask(mask);
+        leaf->setTransientData(
+            leaves.add({reinterpret_cast<char const*>(piece.data()), record.size}));
         tree.addLeaf(leaf.release());
+        piece = piece.subspan(record.size);
     }
 }
 
-/// Calls use(grid) with the grid as its own type.
-template <class Use> void withType(openvdb::GridBase& grid, Use const& use) {
-    if (grid.isType<openvdb::FloatGrid>())
-        use(static_cast<openvdb::FloatGrid&>(grid));
-    else
-        use(dynamic_cast<openvdb::Vec3SGrid&>(grid));
+template <class Node> void pruneBelow(Node& node) {
+    using Child = typename Node::ChildNodeType;
+    for (auto child = node.beginChildOn(); child; ++child) {
+        if constexpr (Child::LEVEL > 1) pruneBelow(*child);
+        typename Node::ValueType value;
+        bool isActive = false;
+        if (!child->isConstant(value, isActive)) continue;
+        openvdb::Coord const at = child.getCoord();
+        node.addTile(Node::LEVEL, at, value, isActive);
+    }
 }
 
 }  // namespace
@@ -81,7 +93,7 @@ public:
 
 template <class Grid> class VdbPieces::SourceOf final : public Source {
 public:
-    explicit SourceOf(Grid const& grid) {
+    SourceOf(Grid const& grid, VdbLeaves const& leaves) : m_bytes(leaves) {
         auto const& tree = grid.tree();
         auto tile = tree.cbeginValueAll();
         tile.setMaxDepth(tile.getLeafDepth() - 1);
@@ -97,34 +109,34 @@ public:
     void take(std::vector<std::byte>& piece, std::size_t bytes, Head& head) override {
         for (; m_tile < m_tiles.size() && piece.size() < bytes; ++m_tile, ++head.tiles)
             append(piece, m_tiles[m_tile]);
-        auto const record = std::make_unique<LeafRecord<Grid>>();
         for (; m_leaf < m_leaves.size() && piece.size() < bytes; ++m_leaf, ++head.leaves) {
             auto const& leaf = *m_leaves[m_leaf];
-            record->x = leaf.origin().x();
-            record->y = leaf.origin().y();
-            record->z = leaf.origin().z();
-            record->mask = leaf.valueMask();
-            std::copy_n(leaf.buffer().data(), std::size_t{leaf.SIZE}, record->values);
-            append(piece, *record);
+            auto const held = std::as_bytes(m_bytes.of(leaf));
+            openvdb::Coord const& at = leaf.origin();
+            append(piece,
+                   LeafRecord{at.x(), at.y(), at.z(), static_cast<std::uint32_t>(held.size())});
+            piece.insert(piece.end(), held.begin(), held.end());
         }
     }
     bool isEmpty() const override { return m_tile == m_tiles.size() && m_leaf == m_leaves.size(); }
 
 private:
+    VdbLeaves const& m_bytes;
     std::vector<TileRecord<Grid>> m_tiles;
     std::vector<typename Grid::TreeType::LeafNodeType const*> m_leaves;
     std::size_t m_tile = 0, m_leaf = 0;
 };
 
-VdbPieces::VdbPieces(openvdb::GridPtrVec const& grids) : m_grids(grids) {}
+VdbPieces::VdbPieces(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves> const& leaves)
+    : m_grids(grids), m_allLeaves(leaves) {}
 VdbPieces::VdbPieces(VdbPieces&&) noexcept = default;
 VdbPieces::~VdbPieces() = default;
 
 std::vector<std::byte> VdbPieces::take(std::size_t bytes) {
     for (; m_next < m_grids.size(); ++m_next, m_source.reset()) {
         if (!m_source)
-            withType(*m_grids[m_next], [&]<class Grid>(Grid const& grid) {
-                m_source = std::make_unique<SourceOf<Grid>>(grid);
+            withVdbType(*m_grids[m_next], [&]<class Grid>(Grid const& grid) {
+                m_source = std::make_unique<SourceOf<Grid>>(grid, m_allLeaves[m_next]);
             });
         if (m_source->isEmpty()) continue;
         Head head{static_cast<std::uint32_t>(m_next), 0, 0};
@@ -136,14 +148,20 @@ std::vector<std::byte> VdbPieces::take(std::size_t bytes) {
     return {};
 }
 
-void addVdbPiece(openvdb::GridPtrVec const& grids, std::span<std::byte const> piece) {
+void addVdbPiece(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves>& leaves,
+                 std::span<std::byte const> piece) {
     Head head{};
     remove(piece, head);
-    withType(*grids.at(head.grid), [&](auto& grid) { addTo(grid, head, piece); });
+    withVdbType(*grids.at(head.grid),
+                [&](auto& grid) { addTo(grid, leaves[head.grid], head, piece); });
 }
 
-void pruneGrids(openvdb::GridPtrVec const& grids) {
-    for (auto const& grid : grids) withType(*grid, [](auto& typed) { typed.tree().prune(); });
+void pruneTiles(openvdb::GridPtrVec const& grids) {
+    for (auto const& grid : grids)
+        withVdbType(*grid, [](auto& typed) {
+            pruneBelow(typed.tree().root());
+            typed.tree().root().eraseBackgroundTiles();
+        });
 }
 
 }  // namespace zel::detail

@@ -1,11 +1,13 @@
 #pragma once
 
-#include <openvdb/Grid.h>
+#include <openvdb/openvdb.h>
 
 #include <cstddef>
 #include <memory>
 #include <span>
 #include <vector>
+
+#include "vdb_leaves.h"
 
 // Grids as pieces of bytes, which other processes of the same program read.
 namespace zel::detail {
@@ -14,7 +16,8 @@ namespace zel::detail {
 /// from the background.
 class VdbPieces {
 public:
-    explicit VdbPieces(openvdb::GridPtrVec const& grids);
+    /// Keeps a reference to the leaves.
+    VdbPieces(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves> const& leaves);
     VdbPieces(VdbPieces&&) noexcept;
     VdbPieces& operator=(VdbPieces&&) = delete;
     ~VdbPieces();
@@ -26,14 +29,16 @@ private:
     class Source;
     template <class Grid> class SourceOf;
     openvdb::GridPtrVec m_grids;
+    std::deque<VdbLeaves> const& m_allLeaves;
     std::size_t m_next = 0;            // the number of the grid in hand
     std::unique_ptr<Source> m_source;  // of this grid, once it is begun
 };
 
 /// Adds a piece to grids that were made by the same calls as those it is taken from.
-void addVdbPiece(openvdb::GridPtrVec const& grids, std::span<std::byte const> piece);
+void addVdbPiece(openvdb::GridPtrVec const& grids, std::deque<VdbLeaves>& leaves,
+                 std::span<std::byte const> piece);
 
-/// Merges equal values to tiles, as far as possible.
-void pruneGrids(openvdb::GridPtrVec const& grids);
+/// Merges tiles of equal values, as far as possible.
+void pruneTiles(openvdb::GridPtrVec const& grids);
 
 }  // namespace zel::detail

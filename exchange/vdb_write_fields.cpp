@@ -320,9 +320,10 @@ bool VdbParts::isDivisible() const {
 
 void VdbParts::make(int first, int last) {
     State& state = *m_state;
-    state.output.grids().clear();
+    state.output.clear();
     detail::FieldWriter(state.output, state.box, state.voxelSize, {first, last}).run(state.fields);
-    state.pieces.emplace(state.output.grids());
+    state.output.compress();
+    state.pieces.emplace(state.output.grids(), state.output.leaves());
 }
 
 std::vector<std::byte> VdbParts::take(std::size_t bytes) {
@@ -330,7 +331,7 @@ std::vector<std::byte> VdbParts::take(std::size_t bytes) {
 }
 
 void VdbParts::add(std::span<std::byte const> piece) {
-    detail::addVdbPiece(m_state->output.grids(), piece);
+    detail::addVdbPiece(m_state->output.grids(), m_state->output.leaves(), piece);
     m_state->isMerged = true;
 }
 
@@ -339,7 +340,7 @@ std::filesystem::path VdbParts::begin() {
 }
 
 void VdbParts::write() {
-    if (m_state->isMerged) detail::pruneGrids(m_state->output.grids());
+    if (m_state->isMerged) detail::pruneTiles(m_state->output.grids());
     m_state->output.write();
 }
 

@@ -11,6 +11,7 @@ import sys
 import tempfile
 import time
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
 
@@ -85,6 +86,12 @@ def joins_ranks():
 def mpirun(ranks):
     return ["mpirun", "--oversubscribe", "--bind-to", "none", *(["--allow-run-as-root"] if os.getuid() == 0 else []),
             "-n", str(ranks)]
+
+
+def at_once(call, items):
+    """Calls for several items at a time: most of the time of mpirun is waiting."""
+    with ThreadPoolExecutor(4) as pool:
+        list(pool.map(call, items))
 
 
 class Test(unittest.TestCase):
@@ -355,19 +362,22 @@ class Test(unittest.TestCase):
             ["render", stone, "--size", "2000", "-o", "out.png"],
             ["mesh", stone, "--box", "-9,-9,-9,9,9,9", "--voxel", "0.01", "-o", "out.ply"],
         ]
-        for arguments in cases:
-            for number in (signal.SIGINT, signal.SIGTERM):
-                child = subprocess.Popen([zel, *arguments], stdin=read, stderr=subprocess.PIPE, text=True)
-                while True:  # until signals are received
-                    with open(f"/proc/{child.pid}/status") as file:
-                        if int(re.search(r"SigBlk:\s*(\w+)", file.read())[1], 16) & 2:
-                            break
-                    time.sleep(0.01)
-                time.sleep(0.5)
-                child.send_signal(number)
-                _, errors = child.communicate(timeout=60)
-                self.assertEqual((child.returncode, errors), (130, ""), arguments)
-                self.assertEqual(sorted(os.listdir()), before, arguments)
+
+        def interrupt(case):
+            arguments, number = case
+            child = subprocess.Popen([zel, *arguments], stdin=read, stderr=subprocess.PIPE, text=True)
+            while True:  # until signals are received
+                with open(f"/proc/{child.pid}/status") as file:
+                    if int(re.search(r"SigBlk:\s*(\w+)", file.read())[1], 16) & 2:
+                        break
+                time.sleep(0.01)
+            time.sleep(0.5)
+            child.send_signal(number)
+            _, errors = child.communicate(timeout=60)
+            self.assertEqual((child.returncode, errors), (130, ""), arguments)
+
+        at_once(interrupt, [(arguments, number) for arguments in cases for number in (signal.SIGINT, signal.SIGTERM)])
+        self.assertEqual(sorted(os.listdir()), before)
         os.close(write)
         with open("out.npy") as file:
             self.assertEqual(file.read(), "earlier")
@@ -396,36 +406,44 @@ class Test(unittest.TestCase):
             (["eval", mass, "points.csv", "points.csv"], "npy", (2,)),
             (["eval", rough, "points.csv", "points.npy", "--gradient"], "csv", (3,)),
         ]
-        for arguments, suffix, counts in cases:
-            run(*arguments, "-o", "alone." + suffix)
-            with open("alone." + suffix, "rb") as file:
-                wanted = file.read()
-            for ranks in counts:
-                together = [*mpirun(ranks), zel, "--threads", "1", *map(str, arguments), "-o", "together." + suffix]
-                result = subprocess.run(together, capture_output=True, text=True, timeout=120)
-                self.assertEqual((result.returncode, result.stderr), (0, ""), together)
-                with open("together." + suffix, "rb") as file:
-                    self.assertTrue(file.read() == wanted, together)
-                os.remove("together." + suffix)
+
+        def compare(case):
+            number, ranks = case
+            arguments, suffix, _ = cases[number]
+            output = f"{number}-{ranks}.{suffix}"
+            program = [*mpirun(ranks), zel, "--threads", "1"] if ranks else [zel]
+            together = [*program, *map(str, arguments), "-o", output]
+            result = subprocess.run(together, capture_output=True, text=True, timeout=120)
+            self.assertEqual((result.returncode, result.stderr), (0, ""), together)
+            with open(output, "rb") as file, open(f"{number}-0.{suffix}", "rb") as alone:
+                self.assertTrue(file.read() == alone.read(), together)
+
+        at_once(compare, [(number, 0) for number in range(len(cases))])
+        at_once(compare, [(number, ranks) for number, (_, _, counts) in enumerate(cases) for ranks in counts])
 
     @unittest.skipUnless(joins_ranks(), "needs mpirun, and a program with MPI")
     def test_ranks_that_fail(self):
         with open("points.csv", "w") as file:
             file.write("x,y,z\n" + "1,2,3\n" * 150_000 + "1,2,abc\n")  # in a block that is not the root's
         stone = scene("stone.json", {"type": "FractalNoise", "octaves": 200})
-        for message, arguments in (
+        cases = (
             ("no.json: cannot be opened", ["eval", "no.json", "points.csv", "-o", "out.npy"]),
             ("points.csv: line 150002", ["eval", self.ball, "points.csv", "-o", "out.npy"]),
             ("points.csv: line 150002", ["eval", self.ball, "points.csv", "-o", "out.csv"]),
             ("show runs in one process", ["show", self.ball]),
             ("standard input is read in one", ["eval", self.ball, "-"]),
-        ):
-            before = sorted(os.listdir())
+        )
+
+        def refuse(case):
+            message, arguments = case
             result = subprocess.run([*mpirun(3), zel, *arguments], capture_output=True, text=True, timeout=60)
             self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
             self.assertEqual(len(re.findall("^zel: " + message, result.stderr, re.M)), 1, result.stderr)
             self.assertEqual(result.stderr.count("zel: "), 1, result.stderr)
-            self.assertEqual(sorted(os.listdir()), before, arguments)
+
+        before = sorted(os.listdir())
+        at_once(refuse, cases)
+        self.assertEqual(sorted(os.listdir()), before)
 
         # One rank may not write so much, or does not find the folder of the output.
         os.mkdir("other")

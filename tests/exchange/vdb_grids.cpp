@@ -107,6 +107,12 @@ void write(std::string const& path, std::vector<std::pair<std::string, GridPtr>>
     }
     io::File(path).write(all);
 }
+void writeAgain(std::string const& from, std::string const& to) {
+    io::File file(from);
+    file.open(false);
+    io::File(to).write(*file.getGrids(), *file.getMetadata());
+}
+
 GridPtr read(std::string const& path, std::string const& name) {
     initialize();
     io::File file(path);

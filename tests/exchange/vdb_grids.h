@@ -41,6 +41,8 @@ GridPtr inFrustum(GridPtr const& grid);
 void write(std::string const& path, std::vector<std::pair<std::string, GridPtr>> const& grids,
            bool half = false);
 GridPtr read(std::string const& path, std::string const& name);
+/// Reads all grids of a file, and writes them to another.
+void writeAgain(std::string const& from, std::string const& to);
 std::string metadata(GridPtr const& grid, std::string const& name);
 std::int64_t activeVoxels(GridPtr const& grid);
 bool hasSameTopology(GridPtr const& a, GridPtr const& b);

@@ -376,6 +376,22 @@ TEST(WriteVdb, WritesDenseGridsAndHalves) {
     EXPECT_EQ(volume.vector("p")->eval({0.25F, -0.25F, 0.5F}, 0), (float3{0.25F, -0.25F, 0.5F}));
 }
 
+TEST(WriteVdb, WritesTheBytesOfOpenVdb) {
+    Folder const folder;
+    auto const ours = folder / "ours.vdb", theirs = folder / "theirs.vdb";
+    auto const levelSet = vdb_grids::sphere(1, {}, kVoxel);
+    for (auto const& grid : {levelSet, vdb_grids::fogOf(levelSet), vdb_grids::randomScalars(1),
+                             vdb_grids::randomVectors(2)})
+        for (bool const half : {false, true}) {
+            vdb_grids::write(theirs, {{"a", grid}, {"b", grid}});
+            zel::writeVdb(ours, zel::readVdbGrids(theirs, {"a", "b"}), {.half = half});
+            vdb_grids::writeAgain(ours, theirs);
+            constexpr std::size_t kEndOfUuid = 57;
+            EXPECT_TRUE(support::contentOf(ours).substr(kEndOfUuid) ==
+                        support::contentOf(theirs).substr(kEndOfUuid));
+        }
+}
+
 TEST(WriteVdb, FacesOfBoxOfWholeNumberOfVoxels) {
     Folder const folder;
     // 0.7F is below 7 voxels of 0.1F, and 5.6F below 56 of them, where a tile begins.
