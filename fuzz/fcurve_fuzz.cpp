@@ -130,8 +130,9 @@ private:
         auto const [low, high] = std::minmax({below.value, here.value, above.value});
         Real const error = here.error + 4 * (high - low);
         if (slope) return {here.value, error};
+        Real const rounding = 8 * kEpsilon * (std::abs(count * offset) + std::abs(here.value));
         return {here.value + count * offset,
-                error + 8 * kEpsilon * (std::abs(count * offset) + std::abs(here.value))};
+                error + rounding + kLeast * std::abs(x - Real{m_first.x})};
     }
 
     std::vector<Key> const& m_keys;

@@ -54,10 +54,12 @@ public:
                        support::nodeMakers()[random() % support::nodeMakers().size()].construct);
         return made;
     }
-    operator float() const override {
-        return random() % 8 != 0 ? RandomNodes::operator float() : someFloat(random);
-    }
     Choices& rest() { return random; }
+
+private:
+    float number() const override {
+        return random() % 8 != 0 ? RandomNodes::number() : someFloat(random);
+    }
 };
 
 template <class Interface> struct Results {

@@ -103,7 +103,7 @@ double cubicSlope(Key const& a, Key const& b, double x) {
         return out + u * (2 * (3 * rise - 2 * out - in) + u * (3 * (out + in - 2 * rise)));
     };
     double const slope = scaled(1, 1);
-    return std::isfinite(slope) ? slope : 16 * scaled(0.5, 0.0625);
+    return std::isfinite(slope) && std::isfinite(b.x - a.x) ? slope : 16 * scaled(0.5, 0.0625);
 }
 
 /// The slope of the segment from a to b, which is `ofCubic()` if it is cubic.

@@ -151,7 +151,9 @@ TEST(FCurve, AnyInputGivesANumber) {
     FCurve const slow({{-1e308, 0}, {1e308, 1e300}}, kGoOn, kGoOn);
     EXPECT_DOUBLE_EQ(slow.evalFCurve(1.7e308), 1.35e300);
     EXPECT_EQ(slow.evalFCurve(kInf), kInf);
-    EXPECT_EQ(FCurve({{-1e308, 0, 0, 0, kHermite}, {1e308, 1}}, kHold, kHold).evalFCurve(0), 0.5);
+    FCurve const wideCubic({{-1e308, 0, 0, 0, kHermite}, {1e308, 1e300}}, kHold, kHold);
+    EXPECT_DOUBLE_EQ(wideCubic.evalFCurve(0), 5e299);
+    EXPECT_DOUBLE_EQ(wideCubic.slope(0), 7.5e-9);
     FCurve const high({{0, -kMax, 0, 0, kHermite}, {1, kMax}}, kGoOn, kGoOn);
     EXPECT_NEAR(high.evalFCurve(0.5), 0, 1e294);
     FCurve const cycle({{0, 0}, {1, 1}, {2, 5}}, kCycle, kCycle);

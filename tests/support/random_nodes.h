@@ -93,12 +93,14 @@ public:
     operator SamplerType() const { return static_cast<SamplerType>(random() % 4); }
     operator Quern::Array<float3>() const { return {{1, 2, 3}, {-4, 5, 0.5F}, {0.25F, -2, 8}}; }
     operator float3() const { return {*this, *this, *this}; }
-    virtual operator float() const { return static_cast<float>(random() % 4000) / 1000 - 1; }
+    operator float() const { return number(); }
     operator int() const { return static_cast<int>(random() % 5) - 1; }
     operator bool() const { return random() % 2; }
     operator std::int64_t() const { return static_cast<std::int64_t>(random()) << 8; }
 
 protected:
+    virtual float number() const { return static_cast<float>(random() % 4000) / 1000 - 1; }
+
     mutable Choices random;
 
 private:
