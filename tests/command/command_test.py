@@ -421,6 +421,14 @@ class Test(unittest.TestCase):
         at_once(compare, [(number, 0) for number in range(len(cases))])
         at_once(compare, [(number, ranks) for number, (_, _, counts) in enumerate(cases) for ranks in counts])
 
+    @unittest.skipIf(joins_ranks(), "needs a program without MPI")
+    def test_refuses_ranks_without_mpi(self):
+        environment = {name: value for name, value in os.environ.items() if not name.startswith(("OMPI", "PMI"))}
+        for name in "OMPI_COMM_WORLD_SIZE", "PMI_SIZE":
+            self.refused("several processes, and this program was built without MPI", "volume", self.ball, "--box",
+                         "0,0,0,1,1,1", "--voxel", 1, "-o", "new.npy", env={**environment, name: "2"})
+            run("show", self.ball, env={**environment, name: "1"})
+
     @unittest.skipUnless(joins_ranks(), "needs mpirun, and a program with MPI")
     def test_ranks_that_fail(self):
         with open("points.csv", "w") as file:
