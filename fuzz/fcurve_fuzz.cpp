@@ -110,7 +110,7 @@ private:
         if (of.value == 0 && of.error == 0) return {end.value, 0};
         Real const rise = of.value * (x - end.x);
         Real const sum = std::abs(Real{end.value}) + std::abs(rise);
-        if (std::max(std::abs(of.value), std::abs(rise)) > kMost) return {0, kMost};
+        if (std::max(std::abs(of.value), std::abs(rise)) > kMost / 2) return {0, kMost};
         return {end.value + rise, 8 * kEpsilon * sum + (of.error + kLeast) * std::abs(x - end.x)};
     }
     /// All places within the rounding of the phase, unless there are keys in between.
@@ -122,7 +122,7 @@ private:
         Real const count = std::round((x - Real{m_first.x} - phase) / period);
         Real const reach = 8 * kEpsilon * (std::abs(Real{m_first.x}) + period),
                    at = m_first.x + phase;
-        if (std::max(Real{1}, std::abs(count)) * std::abs(offset) > kMost) return {0, kMost};
+        if (std::max(Real{1}, std::abs(count)) * std::abs(offset) > kMost / 2) return {0, kMost};
         for (Key const& key : m_keys)
             if (std::abs(key.x - at) <= 2 * reach) return {0, kMost};
         auto const below = inside(at - reach, slope), here = inside(at, slope),
