@@ -137,6 +137,17 @@ class Test(unittest.TestCase):
         with open("again.csv") as file:
             self.assertEqual(file.read(), table)
 
+        # Of noise, far from the origin, where differences are wider than its features.
+        noise = scene("noise.json", {"type": "FractalNoise", "octaves": 1})
+        at = generator.uniform(30, 40, (100, 3)).astype("f4")
+        steps = 2.0**-8 * np.vstack([np.eye(3), -np.eye(3)])
+        np.save("at.npy", at)
+        np.save("around.npy", (at[:, None] + steps).reshape(-1, 3).astype("f4"))
+        run("eval", noise, "around.npy", "-o", "out.npy")
+        around = np.load("out.npy").reshape(-1, 2, 3).astype(float)
+        run("eval", noise, "at.npy", "--gradient", "--exact", "-o", "out.npy")
+        np.testing.assert_allclose(np.load("out.npy")[:, 1:], (around[:, 0] - around[:, 1]) * 2**7, atol=5e-3)
+
     def test_properties_and_element_indices(self):
         mass = scene("mass.json", {"type": "ScalarFieldAdd", "a": {"type": "ScalarGeoPropertyTriggered", "property": "mass"},
                                    "b": {"type": "ScalarFieldXPosition"}})
@@ -152,6 +163,10 @@ class Test(unittest.TestCase):
         turns = scene("turns.json", {"type": "VectorFieldConstantArray", "values": values})
         run("eval", turns, "points.npy", "mass.csv", "-o", "out.npy")
         np.testing.assert_array_equal(np.load("out.npy")[:, 0], np.arange(300000) % 1000)
+        array = {"type": "VectorFieldConstantArray", "values": values}
+        mixed = scene("mixed.json", {"type": "ScalarFieldAdd", "a": {"type": "XComponent", "field": array},
+                                     "b": {"type": "ScalarGeoPropertyTriggered", "property": "mass"}})
+        self.refused("mixed.json: reads columns .* at most 65536 points", "eval", mixed, "mass.csv", "-o", "new.npy")
 
     def test_pictures(self):
         run("slice", self.ball, "--plane", "y=0.25", "--size", "90x50", "--width", 3, "--center", "0.5,-0.25",
