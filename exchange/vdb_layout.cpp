@@ -79,7 +79,9 @@ public:
             auto type = text("the type of metadata");
             auto const size = number<std::uint32_t>("the size of metadata");
             checkSize(type, size);
-            entries[std::move(name)] = {std::move(type), bytes(size, "metadata")};
+            auto const value = bytes(size, "metadata");
+            checkLeaves(type, value);
+            entries[std::move(name)] = {std::move(type), value};
         }
         return entries;
     }
@@ -93,6 +95,19 @@ public:
         auto const found = sizes.find(type);
         if (found != sizes.end() && found->second != size)
             fail("metadata of the type " + type + " of " + std::to_string(size) + " bytes");
+    }
+    /// OpenVDB takes memory for the number of leaves, and for the bytes that follow, that this type
+    /// begins with.
+    void checkLeaves(std::string const& type, std::string_view value) const {
+        constexpr std::size_t kLeaf = 64;  // bytes of a leaf's mask
+        if (type != "__delayedload") return;
+        std::array<std::uint32_t, 2> numbers{};
+        std::memcpy(numbers.data(), value.data(), std::min(value.size(), sizeof numbers));
+        if (numbers[0] > m_file.bytes().size() / kLeaf)
+            fail("metadata of " + std::to_string(numbers[0]) + " leaves");
+        if (numbers[1] > value.size())
+            fail("metadata of " + std::to_string(numbers[1]) + " bytes in " +
+                 std::to_string(value.size()));
     }
     [[noreturn]] void fail(std::string const& message) const {
         throw FileError(m_file.name(), "byte " + std::to_string(m_at), message);

@@ -288,6 +288,12 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
     std::size_t const type = good.find(half) + half.size() + sizeof(std::uint32_t);
     EXPECT_NE(errorWith(type, 'r').find("of the type \"rool\""), std::string::npos);
     EXPECT_NE(errorWith(place, size - 10).find("are left"), std::string::npos);
+    std::string_view const delayed = "__delayedload";
+    std::size_t const leaves = good.find(delayed) + delayed.size() + sizeof(std::uint32_t);
+    EXPECT_NE(errorWith(leaves, std::int32_t{1 << 30}).find("1073741824 leaves"),
+              std::string::npos);
+    EXPECT_NE(errorWith(leaves + 4, std::int32_t{1 << 30}).find("1073741824 bytes in"),
+              std::string::npos);
 }
 
 using zel::VdbClass;
