@@ -41,17 +41,18 @@ Arguments argumentsOf(std::string const& function, std::span<std::string_view co
         throw py::type_error(function + ": got " + std::to_string(given.size()) +
                              (given.size() == 1 ? " argument" : " arguments") + " by place; " +
                              parametersText(names, placed));
+    auto const refuse = [&](std::string const& what, std::string const& why) {
+        throw py::type_error(function + ": " + what + why);
+    };
     Arguments found(names.size());
     for (std::size_t i = 0; i < given.size(); ++i) found[i] = given[i];
     if (!keywords) return found;
     for (auto const& [key, value] : py::reinterpret_borrow<py::dict>(keywords)) {
         std::string const word = textOf(key);
         auto const at = std::find(names.begin(), names.end(), word);
-        if (at == names.end())
-            throw py::type_error(function + ": no parameter " + word + "; " +
-                                 parametersText(names, placed));
+        if (at == names.end()) refuse("no parameter " + word + "; ", parametersText(names, placed));
         py::object& place = found[static_cast<std::size_t>(at - names.begin())];
-        if (place) throw py::type_error(function + ": " + word + " is given twice");
+        if (place) refuse(word, " is given twice");
         place = py::reinterpret_borrow<py::object>(value);
     }
     return found;
