@@ -153,7 +153,7 @@ py::array floatsOf(py::handle object, std::string const& where) {
 
 py::array floatsByParts(py::handle object, std::string const& where) {
     constexpr py::ssize_t kPart = 1 << 20;
-    py::array const array = viewOf(numbersOf(object, where));
+    py::array array = viewOf(numbersOf(object, where));
     if (hasFloats(array) && isAligned(array)) return array;
     if (array.ndim() == 0 || array.size() == 0) return copyOf(array);
     py::array made = newFloats(Shape(array));
