@@ -168,17 +168,21 @@ template <class Use> void withWriter(VdbOutput& output, ORV::Object const& objec
     use(binary);
 }
 
+/// A text of the metadata of a grid, empty if there is none of that name.
+std::string metadataOf(VdbGrid const& grid, char const* name) {
+    auto const found = grid.metadata.find(name);
+    return found == grid.metadata.end() ? "" : found->second;
+}
+
 VdbClass classOf(VdbGrid const& grid) {
-    auto const found = grid.metadata.find(openvdb::GridBase::META_GRID_CLASS);
-    std::string const name = found == grid.metadata.end() ? "" : found->second;
+    std::string const name = metadataOf(grid, openvdb::GridBase::META_GRID_CLASS);
     return name == "level set"    ? VdbClass::kLevelSet
            : name == "fog volume" ? VdbClass::kFogVolume
            : name == "staggered"  ? VdbClass::kStaggered
                                   : VdbClass::kUnknown;
 }
 VdbVectorType vectorTypeOf(VdbGrid const& grid) {
-    auto const found = grid.metadata.find(openvdb::GridBase::META_VECTOR_TYPE);
-    std::string const name = found == grid.metadata.end() ? "" : found->second;
+    std::string const name = metadataOf(grid, openvdb::GridBase::META_VECTOR_TYPE);
     return name == "covariant"                ? VdbVectorType::kCovariant
            : name == "covariant normalize"    ? VdbVectorType::kCovariantNormalize
            : name == "contravariant relative" ? VdbVectorType::kContravariantRelative
