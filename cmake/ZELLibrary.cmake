@@ -41,6 +41,18 @@ if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "-fsanitize|
   set(ZEL_OPTIMISED 0)
 endif()
 
+# Sets what all sources of a library are compiled with.
+function(zel_library_options target)
+  zel_compile_options(${target})
+  target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
+  target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
+  # With unique symbols dlclose() would not unload the library.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition
+                                           $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+                                             CXX_EXTENSIONS OFF)
+endfunction()
+
 # Adds a library from the sources of this folder, listed by hand. Its headers are included as
 # "<target>/...", whatever the name of the folder, from an include folder that holds nothing else: the
 # build tree has a link to this folder there, the install tree the public headers.
@@ -52,25 +64,17 @@ function(zel_add_library target)
   list(TRANSFORM arg_HEADERS PREPEND ${include}/${target}/)
   add_library(${target} ${arg_SOURCES})
   add_library(ZEL::${target} ALIAS ${target})
-  zel_compile_options(${target})
-  target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
-  target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
+  zel_library_options(${target})
   zel_precompile_headers(
     ${target}
     PRIVATE <algorithm> <array> <atomic> <bit> <cmath> <concepts> <cstdint> <functional> <limits>
             <map> <memory> <mutex> <optional> <span> <sstream> <stdexcept> <string> <tuple>
             <type_traits> <utility> <vector>)
-  # With unique symbols dlclose() would not unload the library.
-  target_compile_options(${target} PRIVATE -fno-semantic-interposition
-                                           $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
   set_target_properties(
     ${target}
     PROPERTIES VERSION ${ZEL_VERSION_MAJOR}.${ZEL_VERSION_MINOR}.${ZEL_VERSION_PATCH}
                # Until 1.0 each minor version may break the one before it.
                SOVERSION ${ZEL_VERSION_MAJOR}.${ZEL_VERSION_MINOR}
-               CXX_VISIBILITY_PRESET hidden
-               VISIBILITY_INLINES_HIDDEN ON
-               CXX_EXTENSIONS OFF
                # An installed libzel finds libzel_platform beside it.
                INSTALL_RPATH "$ORIGIN")
   if(NOT PROJECT_IS_TOP_LEVEL)
