@@ -198,18 +198,18 @@ void Points::copy() {
     setView(*this);
 }
 
-Points pointsOf(py::handle object, std::string const& where) {
-    Points points{floatsOf(object, where), {}, {}};
+Points pointsOf(py::handle object) {
+    Points points{floatsOf(object, "xyz"), {}, {}};
     py::array const& array = points.array;
     if (array.ndim() == 0 || array.shape(array.ndim() - 1) != 3)
-        throw py::value_error(where + ": wanted positions of shape (..., 3), got shape " +
+        throw py::value_error("xyz: wanted positions of shape (..., 3), got shape " +
                               shapeText(array));
     points.leading = Shape(array, array.ndim() - 1);
     if (!setView(points)) points.copy();
     return points;
 }
 
-Result::Result(py::handle out, Shape const& shape, char const* name) : m_isOut(!out.is_none()) {
+Result::Result(py::handle out, Shape const& shape) : m_isOut(!out.is_none()) {
     if (!m_isOut) {
         m_target = newFloats(shape);
         m_written = m_target;
@@ -217,17 +217,14 @@ Result::Result(py::handle out, Shape const& shape, char const* name) : m_isOut(!
         return;
     }
     if (!isArray(out))
-        throw py::type_error(std::string(name) + ": wanted an array of float32, got " +
-                             typeName(out));
+        throw py::type_error("out: wanted an array of float32, got " + typeName(out));
     m_target = py::reinterpret_borrow<py::array>(out);
     if (!hasFloats(m_target))
-        throw py::type_error(std::string(name) + ": wanted an array of float32, got " +
-                             dtypeText(m_target));
+        throw py::type_error("out: wanted an array of float32, got " + dtypeText(m_target));
     if (Shape(m_target) != shape)
-        throw py::value_error(std::string(name) + ": wanted shape " + shapeText(shape) + ", got " +
+        throw py::value_error("out: wanted shape " + shapeText(shape) + ", got " +
                               shapeText(m_target));
-    if (!m_target.writeable())
-        throw py::value_error(std::string(name) + ": the array is read-only");
+    if (!m_target.writeable()) throw py::value_error("out: the array is read-only");
     bool const isPlain = (m_target.flags() & py::array::c_style) != 0 && isAligned(m_target);
     m_written = isPlain ? m_target : newFloats(shape);
     m_data = static_cast<float*>(m_written.mutable_data());

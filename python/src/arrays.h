@@ -27,15 +27,16 @@ public:
     Shape(std::initializer_list<py::ssize_t> list) {
         for (py::ssize_t const length : list) push_back(length);
     }
-    /// The first dimensions of an array; all of them by default.
-    explicit Shape(py::array const& array, py::ssize_t dimensions = kMost) {
-        m_count = static_cast<std::size_t>(std::min(array.ndim(), dimensions));
-        std::copy_n(array.shape(), m_count, m_lengths.begin());
+    explicit Shape(py::array const& array) : Shape(array, array.ndim()) {}
+    /// The first dimensions of an array.
+    Shape(py::array const& array, py::ssize_t dimensions) {
+        for (py::ssize_t i = 0; i < dimensions; ++i) push_back(array.shape(i));
     }
 
-    /// Throws ValueError beyond the dimensions that NumPy has.
+    /// Throws ValueError beyond the most dimensions.
     void push_back(py::ssize_t length) {
-        if (m_count == kMost) throw py::value_error("zel: an array has at most 32 dimensions");
+        if (m_count == kMost)
+            throw py::value_error("zel: wanted an array of at most 32 dimensions");
         m_lengths[m_count++] = length;
     }
     std::size_t size() const { return m_count; }
@@ -89,14 +90,14 @@ struct Points {
     /// Reads the positions from a copy. Throws ValueError if the array has another shape by now.
     void copy();
 };
-Points pointsOf(py::handle object, std::string const& where);
+Points pointsOf(py::handle object);
 
 /// An array that results are written to: the caller's, or a new one.
 class Result {
 public:
     /// `out` is None or the caller's array, which must be of float32, of exactly that shape and
     /// writable: else throws TypeError or ValueError.
-    Result(py::handle out, Shape const& shape, char const* name);
+    Result(py::handle out, Shape const& shape);
 
     float* data() { return m_data; }
     /// Whether the memory between the first and the last element has a byte in common.
@@ -117,16 +118,17 @@ private:
 
 /// The numbers of an element, and the type of each.
 template <class T>
-constexpr py::ssize_t kWidth = std::is_same_v<T, Orvane::Math::float3>   ? 3
-                               : std::is_same_v<T, Orvane::Math::float4> ? 4
-                                                                         : 1;
-template <class T> using NumberOf = std::conditional_t<kWidth<T> == 1, T, float>;
+constexpr py::ssize_t kNumbers = std::is_same_v<T, Orvane::Math::float3>   ? 3
+                                 : std::is_same_v<T, Orvane::Math::float4> ? 4
+                                                                           : 1;
+template <class T> constexpr bool kIsNumber = kNumbers<T> == 1;
+template <class T> using NumberOf = std::conditional_t<kIsNumber<T>, T, float>;
 
 /// A copy of an array of numbers whose rows are Ts, as Quern has it, and back.
 template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
     py::array_t<NumberOf<T>, py::array::c_style | py::array::forcecast> const array(given);
     auto made =
-        Quern::makePtr<Quern::Array<T>>(Quern::Array<T>::forOverwrite(array.size() / kWidth<T>));
+        Quern::makePtr<Quern::Array<T>>(Quern::Array<T>::forOverwrite(array.size() / kNumbers<T>));
     if constexpr (std::is_same_v<T, bool>) {
         // A view of bytes as bools may have any of their values.
         auto const* const bytes =
@@ -140,7 +142,7 @@ template <class T> Quern::Ptr<Quern::Array<T>> copied(py::array const& given) {
 }
 template <class T> py::array arrayOf(Quern::Array<T> const& values) {
     Shape shape{values.size()};
-    if (kWidth < T >> 1) shape.push_back(kWidth<T>);
+    if (!kIsNumber<T>) shape.push_back(kNumbers<T>);
     py::array array(py::dtype::of<NumberOf<T>>(),
                     std::vector<py::ssize_t>(shape.begin(), shape.end()));
     if (!values.empty())

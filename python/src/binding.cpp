@@ -1,7 +1,6 @@
 #include "binding.h"
 
 #include <set>
-#include <string_view>
 
 #include "arguments.h"
 #include "callable.h"
@@ -128,13 +127,13 @@ py::object attachedOfCopy(FieldObject const& original, Tree const& copy,
 
 PyObject* bindField(PyObject* self, PyObject* args, PyObject* keywords) {
     return guardedObject([&] {
-        constexpr std::string_view kNames[] = {"properties", "targets",         "volume",
-                                               "indices",    "metres_per_unit", "strict"};
-        constexpr std::size_t kPlaced = 3;
-        Arguments given = argumentsOf("zel.Field.bind", kNames, kPlaced, args, keywords);
-        bool const isStrict = given[5] && toBool(given[5], "strict");
-        for (py::object& one : given)
-            if (!one) one = py::none();
+        using namespace py::literals;
+        py::none const none;
+        Parameters const parameters("properties"_a = none, "targets"_a = none, "volume"_a = none,
+                                    py::kw_only(), "indices"_a = none, "metres_per_unit"_a = none,
+                                    "strict"_a = false);
+        Arguments const given = parameters.match("zel.Field.bind", args, keywords);
+        bool const isStrict = toBool(given[5], "strict");
         auto const source = std::make_shared<Source const>(
             Source::Parts{given[0], given[1], given[2], given[3], given[4]});
         FieldObject& original = fieldOf(self);

@@ -51,10 +51,11 @@ template <class Interface> struct Job {
     }
 };
 
-/// Evaluates all positions without the interpreter's lock. A long evaluation moves to a thread of
-/// its own, so that this one can handle signals. Whether it is long, some parts show, each a few
-/// times as large as the one before it. This thread does no part that may cost too much: of a tree
-/// with a switch, a part may take much longer than those before it.
+/// Evaluates all positions without the interpreter's lock. This thread begins with small parts,
+/// each kGrowth times the one before it, and measures them. As soon as the next part may take long,
+/// another thread does the rest, so that this one can handle signals. The measured time alone does
+/// not tell: with a switch in the tree, a part may take much longer than those before it. So this
+/// thread does no part either that may evaluate too many nodes.
 template <class Interface> void evaluateAll(Job<Interface> const& job) {
     constexpr std::size_t kBlock = 256, kGrowth = 8, kMost = 16384;
     constexpr double kMostCost = 1 << 19;  // less than 0.05 s
@@ -122,11 +123,11 @@ Shape withDimensions(Shape shape, std::size_t count) {
 
 template <class Interface>
 py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* index0, Wanted wanted) {
-    constexpr std::size_t kOfValue = std::is_same_v<Interface, VectorField> ? 1 : 0;
+    constexpr std::size_t kValueDimensions = std::is_same_v<Interface, VectorField> ? 1 : 0;
     checkLevels(self);
     // First: __index__ of the caller's class may change the shape of the arrays.
     long long const index = toIndex(index0);
-    Points points = pointsOf(xyz, "xyz");
+    Points points = pointsOf(xyz);
     checkIndex(index, points.view.count);
 
     py::handle outs[2] = {Py_None, Py_None};
@@ -141,9 +142,9 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
         }
     }
     std::optional<Result> values, gradients;
-    if (wanted.values) values.emplace(outs[0], withDimensions(points.leading, kOfValue), "out");
+    if (wanted.values) values.emplace(outs[0], withDimensions(points.leading, kValueDimensions));
     if (wanted.gradients)
-        gradients.emplace(outs[1], withDimensions(points.leading, kOfValue + 1), "out");
+        gradients.emplace(outs[1], withDimensions(points.leading, kValueDimensions + 1));
     if (values && gradients && values->overlaps(*gradients))
         throw py::value_error("out: the two arrays overlap");
     if (out && ((values && values->mayOverlap(points.array)) ||

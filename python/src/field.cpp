@@ -181,12 +181,12 @@ void checkLevels(py::handle field) {
     throw py::error_already_set();
 }
 
-void Parts::add(FieldObject& field) {
+void ChildSummary::add(FieldObject& field) {
     m_levels = std::max(m_levels, levelsOf(field));
     if (field.attached) add(py::handle(field.attached));
 }
 
-void Parts::add(py::handle attached) {
+void ChildSummary::add(py::handle attached) {
     if (!attached || m_tuple.is(attached)) return;
     if (!m_tuple) {
         m_tuple = py::reinterpret_borrow<py::object>(attached);
@@ -202,7 +202,7 @@ void Parts::add(py::handle attached) {
         if (known.insert(one.ptr()).second) m_list.append(one);
 }
 
-py::object Parts::attached() const {
+py::object ChildSummary::attached() const {
     return m_isMerged ? py::object(py::tuple(m_list)) : m_tuple;
 }
 

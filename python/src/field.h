@@ -54,8 +54,9 @@ double costOf(FieldObject& field);
 /// than what is left of this thread's stack is enough for.
 void checkLevels(py::handle field);
 
-/// Collects the attached objects of the fields that a new node is made of, and its levels.
-class Parts {
+/// What a new node gets of the fields and constants that it is made of: their attached objects, and
+/// the levels.
+class ChildSummary {
 public:
     void add(FieldObject& field);
     void add(py::handle attached);

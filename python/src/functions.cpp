@@ -19,7 +19,7 @@ namespace zel::python {
 
 namespace {
 
-struct GivenArguments {
+struct NodeArguments {
     Arguments values;   // in the order of the class's parameters; null where none is given
     py::object volume;  // for a class that is bound by its constructor
 };
@@ -28,8 +28,8 @@ struct GivenArguments {
     throw py::type_error("zel." + nodeClass.name + ": " + problem);
 }
 
-GivenArguments argumentsOf(NodeClass const& nodeClass, py::handle args, py::handle keywords) {
-    GivenArguments given;
+NodeArguments nodeArguments(NodeClass const& nodeClass, py::handle args, py::handle keywords) {
+    NodeArguments given;
     auto words = py::reinterpret_borrow<py::object>(keywords);
     if (nodeClass.isBound && words && words.contains("volume")) {
         words = words.attr("copy")();
@@ -37,7 +37,7 @@ GivenArguments argumentsOf(NodeClass const& nodeClass, py::handle args, py::hand
     }
     std::vector<std::string_view> names;
     for (ParameterInfo const& one : nodeClass.parameters) names.emplace_back(one.name);
-    given.values = python::argumentsOf("zel." + nodeClass.name, names, names.size(), args, words);
+    given.values = argumentsOf("zel." + nodeClass.name, names, names.size(), args, words);
     return given;
 }
 
@@ -71,7 +71,7 @@ bool accepts(NodeClass const& nodeClass, py::args const& args, py::handle keywor
         return std::all_of(args.begin(), args.end(),
                            [&](py::handle arg) { return fits(arg, nodeClass.parameters[0]); });
     try {
-        GivenArguments const found = argumentsOf(nodeClass, args, keywords);
+        NodeArguments const found = nodeArguments(nodeClass, args, keywords);
         for (std::size_t i = 0; i < found.values.size(); ++i)
             if (found.values[i] && !fits(found.values[i], nodeClass.parameters[i])) return false;
         return true;
@@ -138,23 +138,23 @@ std::string shortName(std::string_view name) {
 
 py::object construct(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
     if (isFunctionClass(nodeClass)) refuse(nodeClass, "zel.field(function) makes such a field");
-    GivenArguments const given = argumentsOf(nodeClass, args, keywords);
-    Parts parts;
+    NodeArguments const given = nodeArguments(nodeClass, args, keywords);
+    ChildSummary children;
     std::vector<Value> values;
     for (std::size_t i = 0; i < given.values.size(); ++i) {
         ParameterInfo const& parameter = nodeClass.parameters[i];
         std::string const where = "zel." + nodeClass.name + ": " + parameter.name;
         if (given.values[i]) {
-            values.push_back(toValue(given.values[i], parameter, where, parts));
+            values.push_back(toValue(given.values[i], parameter, where, children));
         } else {
             if (parameter.defaultValue.index() == 0) throw py::type_error(where + " is missing");
             values.push_back(defaultValue(parameter));
-            if (zel::isField(parameter.kind)) parts.addConstant();
+            if (zel::isField(parameter.kind)) children.addConstant();
         }
     }
     if (given.volume) return constructBound(nodeClass, values, given.volume);
     Tree tree = nodeClass.make(values, Orvane::Object());
-    return wrap(std::move(tree), parts.attached(), parts.levels());
+    return wrap(std::move(tree), children.attached(), children.levels());
 }
 
 py::object makeNode(char const* className, py::args const& args) {

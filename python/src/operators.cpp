@@ -15,10 +15,10 @@ Kind kindOf(py::handle object) {
     return Kind::kOther;
 }
 
-py::object made(char const* className, PyObject* a, PyObject* b) {
+py::object make(char const* className, PyObject* a, PyObject* b) {
     return makeNode(className, py::args(py::make_tuple(py::handle(a), py::handle(b))));
 }
-PyObject* made(char const* className, PyObject* a) {
+PyObject* make(char const* className, PyObject* a) {
     return guardedObject([&] {
         return makeNode(className, py::args(py::make_tuple(py::handle(a)))).release().ptr();
     });
@@ -32,9 +32,9 @@ PyObject* binary(PyObject* a, PyObject* b, char const* ofScalars, char const* of
         Kind const kindA = kindOf(a), kindB = kindOf(b);
         py::object result;
         if (kindA == Kind::kScalar && kindB == Kind::kScalar)
-            result = made(ofScalars, a, b);
+            result = make(ofScalars, a, b);
         else if (kindA == Kind::kVector && kindB == Kind::kVector)
-            result = made(ofVectors, a, b);
+            result = make(ofVectors, a, b);
         else if (kindA != Kind::kOther && kindB != Kind::kOther)
             result = mixed(kindA == Kind::kVector);
         if (!result) Py_RETURN_NOTIMPLEMENTED;
@@ -54,12 +54,12 @@ PyObject* subtract(PyObject* a, PyObject* b) {
 }
 PyObject* multiply(PyObject* a, PyObject* b) {
     return binary(a, b, "ScalarFieldMultiply", "VectorFieldMultiply", [&](bool vectorFirst) {
-        return made("VectorFieldVSMultiply", vectorFirst ? a : b, vectorFirst ? b : a);
+        return make("VectorFieldVSMultiply", vectorFirst ? a : b, vectorFirst ? b : a);
     });
 }
 PyObject* divide(PyObject* a, PyObject* b) {
     return binary(a, b, "ScalarFieldDivide", "VectorFieldDivide", [&](bool vectorFirst) {
-        return vectorFirst ? made("VectorFieldVSDivide", a, b) : py::object();
+        return vectorFirst ? make("VectorFieldVSDivide", a, b) : py::object();
     });
 }
 
@@ -69,21 +69,21 @@ PyObject* power(PyObject* a, PyObject* b, PyObject* modulus) {
     return guardedObject([&]() -> PyObject* {
         Kind const kind = kindOf(b);
         if (isScalarField(a) && kind == Kind::kScalar)
-            return made("ScalarFieldPow", a, b).release().ptr();
+            return make("ScalarFieldPow", a, b).release().ptr();
         if (isScalarField(a) || kind == Kind::kOther) Py_RETURN_NOTIMPLEMENTED;
         py::handle const given(b);
         py::object const exponents = kind == Kind::kVector
                                          ? py::reinterpret_borrow<py::object>(given)
                                          : py::make_tuple(given, given, given);
-        return made("VectorFieldPow", a, exponents.ptr()).release().ptr();
+        return make("VectorFieldPow", a, exponents.ptr()).release().ptr();
     });
 }
 
 PyObject* negative(PyObject* a) {
-    return made(isScalarField(a) ? "ScalarFieldNegative" : "VectorFieldNegative", a);
+    return make(isScalarField(a) ? "ScalarFieldNegative" : "VectorFieldNegative", a);
 }
 PyObject* absolute(PyObject* a) {
-    return made(isScalarField(a) ? "ScalarFieldAbsolute" : "VectorFieldAbsolute", a);
+    return make(isScalarField(a) ? "ScalarFieldAbsolute" : "VectorFieldAbsolute", a);
 }
 PyObject* positive(PyObject* a) {
     Py_INCREF(a);

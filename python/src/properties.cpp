@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <string_view>
 #include <tuple>
 #include <type_traits>
 
@@ -104,16 +103,14 @@ template <class T> T defaultOf(py::handle given, std::string const& where) {
 
 PyObject* newProperty(PyTypeObject* /*type*/, PyObject* args, PyObject* keywords) {
     return guardedObject([&] {
-        constexpr std::string_view kNames[] = {"values", "default", "target"};
-        Arguments const given =
-            argumentsOf("zel.Property", kNames, std::size(kNames), args, keywords);
+        using namespace py::literals;
+        Parameters const parameters("values"_a, "default"_a = py::none(), "target"_a = "");
+        Arguments const given = parameters.match("zel.Property", args, keywords);
         auto const& [values, defaultValue, target] = std::tie(given[0], given[1], given[2]);
-        if (!values) throw py::type_error("zel.Property: values is missing");
-        if (target && !PyUnicode_Check(target.ptr()))
+        if (!PyUnicode_Check(target.ptr()))
             throw py::type_error("zel.Property: target: wanted a str, got " + shown(target));
-        return newObject(PropertyObject{numbersOf(values, "zel.Property: values"),
-                                        defaultValue ? defaultValue : py::none(),
-                                        target ? textOf(target) : std::string()})
+        return newObject(PropertyObject{numbersOf(values, "zel.Property: values"), defaultValue,
+                                        textOf(target)})
             .release()
             .ptr();
     });
@@ -128,7 +125,7 @@ void Source::set(std::string const& name, std::string const& target, py::array c
     T const fallback = defaultOf<T>(defaultValue, "properties['" + name + "'].default");
     Orvane::Geometry::setGeoProperty(m_object, name, fallback, values, target);
     Property made{name, target, values, 0.0};
-    if constexpr (kWidth < T >> 1)
+    if constexpr (!kIsNumber<T>)
         made.defaultValue = fallback;
     else if constexpr (std::is_floating_point_v<T>)
         made.defaultValue = double{fallback};

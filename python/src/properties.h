@@ -34,7 +34,8 @@ public:
     Orvane::Object const& object() const { return m_object; }
     Quern::Ptr<Quern::Array<long long>> const& indices() const { return m_indices; }
 
-    /// The parts that leaves need which read these properties or channels. Without the object.
+    /// A copy with the parts alone that leaves of these properties or channels read, and without
+    /// the object.
     std::shared_ptr<Source const> only(std::set<std::string> const& names) const;
 
     /// A dict from which fromState() makes an equal source.

@@ -27,16 +27,18 @@ using Orvane::Math::FCurve;
     throw py::type_error(where + ": wanted " + wanted + ", got " + shown(object));
 }
 
-template <std::size_t count>
-std::array<float, count> toFloats(py::handle object, std::string const& where) {
+/// The elements of a sequence of that length, each by `convert`.
+template <std::size_t count, class Number>
+std::array<Number, count> toNumbers(py::handle object, std::string const& where,
+                                    Number (*convert)(py::handle, std::string const&)) {
     auto const sequence = py::reinterpret_steal<py::object>(PySequence_Tuple(object.ptr()));
     if (!sequence) throw py::error_already_set();
-    std::array<float, count> floats{};
+    std::array<Number, count> numbers{};
     if (PyTuple_GET_SIZE(sequence.ptr()) != static_cast<Py_ssize_t>(count))
         throw py::type_error(where + ": the sequence changes its length");
     for (std::size_t i = 0; i < count; ++i)
-        floats[i] = toFloat(PyTuple_GET_ITEM(sequence.ptr(), static_cast<Py_ssize_t>(i)), where);
-    return floats;
+        numbers[i] = convert(PyTuple_GET_ITEM(sequence.ptr(), static_cast<Py_ssize_t>(i)), where);
+    return numbers;
 }
 
 /// The length of an object that is a sequence but no text, else -1.
@@ -47,6 +49,10 @@ Py_ssize_t lengthOf(py::handle object) {
     Py_ssize_t const length = PySequence_Size(object.ptr());
     if (length < 0) PyErr_Clear();
     return length;
+}
+
+void checkTriple(py::handle object, std::string const& where) {
+    if (lengthOf(object) != 3) refuse(where, "a vector (x, y, z)", object);
 }
 
 struct Name {
@@ -146,7 +152,7 @@ Value toQuaternion(py::handle object, std::string const& where) {
     if (length == 3) return Orvane::Math::float4(detail::rotationOf(toVector(object, where)));
     if (length != 4)
         refuse(where, "a rotation vector (x, y, z) or a quaternion (x, y, z, w)", object);
-    auto const q = toFloats<4>(object, where);
+    auto const q = toNumbers<4>(object, where, toFloat);
     return float4{q[0], q[1], q[2], q[3]};
 }
 
@@ -255,13 +261,18 @@ std::string toName(py::handle object, std::string const& where) {
 }
 
 float3 toVector(py::handle object, std::string const& where) {
-    if (lengthOf(object) != 3) refuse(where, "a vector (x, y, z)", object);
-    auto const v = toFloats<3>(object, where);
+    checkTriple(object, where);
+    auto const v = toNumbers<3>(object, where, toFloat);
     return {v[0], v[1], v[2]};
 }
 
+std::array<double, 3> toDoubles(py::handle object, std::string const& where) {
+    checkTriple(object, where);
+    return toNumbers<3>(object, where, toDouble);
+}
+
 Value toValue(py::handle object, ParameterInfo const& parameter, std::string const& where,
-              Parts& parts) {
+              ChildSummary& children) {
     switch (parameter.kind) {
     case ValueKind::kBool:
         return toBool(object, where);
@@ -295,19 +306,19 @@ Value toValue(py::handle object, ParameterInfo const& parameter, std::string con
         return toVectors(object, where);
     case ValueKind::kScalarField:
         if (isScalarField(object)) {
-            parts.add(fieldOf(object));
+            children.add(fieldOf(object));
             return std::get<ScalarPtr>(fieldOf(object).tree);
         }
         if (!isNumber(object)) refuse(where, "a scalar field or a number", object);
-        parts.addConstant();
+        children.addConstant();
         return ScalarPtr(Quern::makePtr<ScalarFieldConstant>(toFloat(object, where)));
     case ValueKind::kVectorField:
         if (isVectorField(object)) {
-            parts.add(fieldOf(object));
+            children.add(fieldOf(object));
             return std::get<VectorPtr>(fieldOf(object).tree);
         }
         if (!isTriple(object)) refuse(where, "a vector field or a vector (x, y, z)", object);
-        parts.addConstant();
+        children.addConstant();
         return VectorPtr(Quern::makePtr<VectorFieldConstant>(toVector(object, where)));
     case ValueKind::kNone:
         break;

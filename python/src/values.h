@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 #include "field.h"
 
 // Parameters of node classes as Python objects.
@@ -23,7 +25,7 @@ bool fits(py::handle object, ParameterInfo const& parameter);
 /// "zel.ScalarFieldSphere: radius". Throws TypeError for an object of another kind, ValueError for
 /// a number out of range.
 Value toValue(py::handle object, ParameterInfo const& parameter, std::string const& where,
-              Parts& parts);
+              ChildSummary& children);
 /// The default value of a parameter, which has one.
 Value defaultValue(ParameterInfo const& parameter);
 
@@ -36,6 +38,7 @@ double toDouble(py::handle object, std::string const& where);
 /// A name for a part of an object of Orvane: not empty, and without a zero byte.
 std::string toName(py::handle object, std::string const& where);
 float3 toVector(py::handle object, std::string const& where);
+std::array<double, 3> toDoubles(py::handle object, std::string const& where);
 
 /// `attached` is that of the field whose parameter it is.
 py::object fromValue(Value const& value, py::handle attached);

@@ -26,9 +26,7 @@ using ORV::TileTree3D::TreeIndex;
 using Traits = BinaryTraits;
 
 constexpr int kDeepest = Traits::kMaxDepth;
-constexpr int kWidth = Traits::kSamples;
-
-template <class T> constexpr py::ssize_t kComponents = sizeof(T) / sizeof(float);
+constexpr int kTileWidth = Traits::kSamples;
 
 std::int64_t floorDivide(std::int64_t a, std::int64_t b) {
     return a / b - (a % b < 0 ? 1 : 0);
@@ -82,16 +80,16 @@ void forSamplesIn(Tile const& tile, T* samples, Volume::Extent const& extent,
     for (int axis = 0; axis < 3; ++axis) {
         auto const a = static_cast<std::size_t>(axis);
         first[a] = floorDivide(tile.tijk()[axis], tile.voxelDataWidth()) - extent.low[axis];
-        low[a] = static_cast<int>(std::clamp<std::int64_t>(-first[a], 0, kWidth));
+        low[a] = static_cast<int>(std::clamp<std::int64_t>(-first[a], 0, kTileWidth));
         high[a] =
-            static_cast<int>(std::clamp<std::int64_t>(extent.size[axis] - first[a], 0, kWidth));
+            static_cast<int>(std::clamp<std::int64_t>(extent.size[axis] - first[a], 0, kTileWidth));
     }
     for (int i = low[0]; i < high[0]; ++i)
         for (int j = low[1]; j < high[1]; ++j)
             for (int k = low[2]; k < high[2]; ++k) {
                 py::ssize_t const place = (first[0] + i) * strides[0] +
                                           (first[1] + j) * strides[1] + (first[2] + k) * strides[2];
-                use(samples[i + kWidth * (j + kWidth * k)], place);
+                use(samples[i + kTileWidth * (j + kTileWidth * k)], place);
             }
 }
 
@@ -103,7 +101,7 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
         return array.strides(axis) / static_cast<py::ssize_t>(sizeof(float));
     };
     Strides const strides{strideOf(0), strideOf(1), strideOf(2)};
-    py::ssize_t const step = kComponents < T >> 1 ? strideOf(3) : 0;
+    py::ssize_t const step = !kIsNumber<T> ? strideOf(3) : 0;
     interruptibly([&](std::stop_token const& stop) {
         auto const pause = [&] {
             if (stop.stop_requested()) throw Stopped();
@@ -113,21 +111,22 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
         // One voxel more on each side, so that the values around the array are `outside`.
         for (int axis = 0; axis < 3; ++axis) {
             auto const a = static_cast<std::size_t>(axis);
-            first[a] = static_cast<std::int32_t>(floorDivide(std::int64_t{low[axis]} - 1, kWidth));
+            first[a] =
+                static_cast<std::int32_t>(floorDivide(std::int64_t{low[axis]} - 1, kTileWidth));
             last[a] = static_cast<std::int32_t>(
-                floorDivide(std::int64_t{low[axis]} + size[axis], kWidth));
+                floorDivide(std::int64_t{low[axis]} + size[axis], kTileWidth));
         }
         for (std::int32_t i = first[0]; i <= last[0]; ++i)
             for (std::int32_t j = first[1]; j <= last[1]; ++j) {
                 pause();
                 for (std::int32_t k = first[2]; k <= last[2]; ++k)
-                    volume.tree->addTile(i * kWidth, j * kWidth, k * kWidth, kDeepest);
+                    volume.tree->addTile(i * kTileWidth, j * kTileWidth, k * kTileWidth, kDeepest);
             }
         auto const samples = makeSamples(name, outside, *volume.topology, pause);
         forTiles<T>(*volume.tree, samples, kDeepest, stop, [&](auto const& tile, T* data) {
             forSamplesIn(tile, data, volume.extent, strides, [&](T& sample, py::ssize_t place) {
                 float const* const value = values + place;
-                if constexpr (kComponents < T >> 1)
+                if constexpr (!kIsNumber<T>)
                     sample = {value[0], value[step], value[2 * step]};
                 else
                     sample = *value;
@@ -138,11 +137,10 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
     });
 }
 
-float toVoxelSize(py::handle object, char const* where) {
-    float const size = toFloat(object, std::string(where) + ": voxel_size");
+float toVoxelSize(py::handle object, std::string const& where) {
+    float const size = toFloat(object, where + ": voxel_size");
     if (!(size > 0) || std::isinf(size))
-        throw py::value_error(std::string(where) + ": wanted a voxel_size above 0, got " +
-                              shown(object));
+        throw py::value_error(where + ": wanted a voxel_size above 0, got " + shown(object));
     return size;
 }
 
@@ -152,12 +150,12 @@ int toCount(py::handle object, int most, std::string const& where) {
 }
 
 /// The value outside a volume; 0 for None.
-template <class T> T toOutside(py::handle object, char const* where) {
+template <class T> T toOutside(py::handle object, std::string const& where) {
     if (object.is_none()) return T{};
-    if constexpr (kComponents < T >> 1)
-        return toVector(object, std::string(where) + ": outside");
+    if constexpr (!kIsNumber<T>)
+        return toVector(object, where + ": outside");
     else
-        return toFloat(object, std::string(where) + ": outside");
+        return toFloat(object, where + ": outside");
 }
 
 Volume makeVolume(float voxelSize, int offsetType) {
@@ -169,43 +167,38 @@ Volume makeVolume(float voxelSize, int offsetType) {
 
 py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::object const& origin,
                      py::object const& givenName, py::object const& outside) {
-    constexpr char const* kWhere = "zel.Volume.from_numpy";
-    std::string const name = toName(givenName, std::string(kWhere) + ": name");
-    py::array const array = floatsByParts(given, std::string(kWhere) + ": array");
+    std::string const where = "zel.Volume.from_numpy";
+    std::string const name = toName(givenName, where + ": name");
+    py::array const array = floatsByParts(given, where + ": array");
     bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
     if (!isVector && array.ndim() != 3)
-        throw py::value_error(std::string(kWhere) +
+        throw py::value_error(where +
                               ": wanted an array of shape (nx, ny, nz) or (nx, ny, nz, 3), got " +
                               shapeText(array));
     if (array.size() == 0)
-        throw py::value_error(std::string(kWhere) + ": the array is empty: its shape is " +
-                              shapeText(array));
-    float const size = toVoxelSize(voxelSize, kWhere);
-    toVector(origin, std::string(kWhere) + ": origin");  // throws if it is none
+        throw py::value_error(where + ": the array is empty: its shape is " + shapeText(array));
+    float const size = toVoxelSize(voxelSize, where);
     // In float64: of float32, the quotient would have too few digits far from the origin.
-    double const width = toDouble(voxelSize, std::string(kWhere) + ": voxel_size");
-    py::tuple const at(origin);
-    if (at.size() != 3) throw py::type_error(std::string(kWhere) + ": origin changes its length");
+    std::array<double, 3> const corner = toDoubles(origin, where + ": origin");
+    double const width = toDouble(voxelSize, where + ": voxel_size");
 
     Volume::Extent extent;
     int offsetType = 0;
     for (int axis = 0; axis < 3; ++axis) {
-        double const voxels =
-            toDouble(at[static_cast<std::size_t>(axis)], std::string(kWhere) + ": origin") / width;
+        double const voxels = corner[static_cast<std::size_t>(axis)] / width;
         double const rounded = std::round(2 * voxels) / 2;
         constexpr double kMost = Traits::kRootWidth / 2.0 - 8;
         if (!(std::abs(voxels) < kMost) ||
             !(rounded + static_cast<double>(array.shape(axis)) < kMost))
-            throw py::value_error(std::string(kWhere) +
+            throw py::value_error(where +
                                   ": the array reaches beyond the volume, which is 2**30 voxels "
                                   "wide around the origin");
         // The rounding errors of an origin and a size of float32, far from the nearest half still.
         double const tolerance = std::clamp(std::abs(voxels) * 0x1p-23, 1e-3, 0.1);
         if (std::abs(voxels - rounded) > tolerance)
-            throw py::value_error(std::string(kWhere) +
-                                  ": wanted an origin at multiples of half the voxel_size, got " +
-                                  shown(origin) +
-                                  "; zel.translate moves a field of the volume by any distance");
+            throw py::value_error(
+                where + ": wanted an origin at multiples of half the voxel_size, got " +
+                shown(origin) + "; zel.translate moves a field of the volume by any distance");
         extent.low[axis] = static_cast<std::int32_t>(std::floor(rounded));
         extent.size[axis] = static_cast<std::int32_t>(array.shape(axis));
         if (rounded == std::floor(rounded)) offsetType |= 1 << axis;
@@ -213,9 +206,9 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
     Volume made = makeVolume(size, offsetType);
     made.extent = extent;
     if (isVector)
-        fillFrom(made, name, toOutside<float3>(outside, kWhere), array);
+        fillFrom(made, name, toOutside<float3>(outside, where), array);
     else
-        fillFrom(made, name, toOutside<float>(outside, kWhere), array);
+        fillFrom(made, name, toOutside<float>(outside, where), array);
     return newObject(std::move(made));
 }
 
@@ -239,30 +232,27 @@ Volume::Extent extentOf(Volume::Tree const& tree) {
 py::object fromField(py::object const& field, py::object const& box, py::object const& voxelSize,
                      py::object const& band, py::object const& givenName, py::object const& outside,
                      py::object const& minDepth, py::object const& maxDepth) {
-    constexpr char const* kWhere = "zel.Volume.from_field";
-    std::string const name = toName(givenName, std::string(kWhere) + ": name");
+    std::string const where = "zel.Volume.from_field";
+    std::string const name = toName(givenName, where + ": name");
     if (!isScalarField(field))
-        throw py::type_error(std::string(kWhere) + ": wanted a scalar field, got " + shown(field) +
+        throw py::type_error(where + ": wanted a scalar field, got " + shown(field) +
                              "; with_field() adds channels of vectors to a volume");
     checkLevels(field);
     auto const corners = py::reinterpret_steal<py::object>(PySequence_Tuple(box.ptr()));
     if (!corners) {
         PyErr_Clear();
-        throw py::type_error(std::string(kWhere) + ": box: wanted (low, high), got " + shown(box));
+        throw py::type_error(where + ": box: wanted (low, high), got " + shown(box));
     }
     auto const both = py::reinterpret_borrow<py::tuple>(corners);
     if (both.size() != 2)
-        throw py::type_error(std::string(kWhere) + ": box: wanted (low, high), got " + shown(box));
-    Box const region{toVector(both[0], std::string(kWhere) + ": box[0]"),
-                     toVector(both[1], std::string(kWhere) + ": box[1]")};
-    float const size = toVoxelSize(voxelSize, kWhere);
-    float const width = toFloat(band, std::string(kWhere) + ": band");
+        throw py::type_error(where + ": box: wanted (low, high), got " + shown(box));
+    Box const region{toVector(both[0], where + ": box[0]"), toVector(both[1], where + ": box[1]")};
+    float const size = toVoxelSize(voxelSize, where);
+    float const width = toFloat(band, where + ": band");
     BuildOptions options;
-    if (!minDepth.is_none())
-        options.minDepth = toCount(minDepth, kDeepest, std::string(kWhere) + ": min_depth");
-    if (!maxDepth.is_none())
-        options.maxDepth = toCount(maxDepth, kDeepest, std::string(kWhere) + ": max_depth");
-    options.outside = toFloat(outside, std::string(kWhere) + ": outside");
+    if (!minDepth.is_none()) options.minDepth = toCount(minDepth, kDeepest, where + ": min_depth");
+    if (!maxDepth.is_none()) options.maxDepth = toCount(maxDepth, kDeepest, where + ": max_depth");
+    options.outside = toFloat(outside, where + ": outside");
     auto const root = std::get<ScalarPtr>(fieldOf(field).tree);
     Volume made;
     interruptibly([&](std::stop_token const& stop) {
@@ -283,15 +273,14 @@ ORV::TileTree3D::Volume<Traits, T> partOf(Volume const& volume, Volume::Samples<
 
 py::object withField(Volume const& self, py::object const& givenName, py::object const& field,
                      py::object const& outside) {
-    constexpr char const* kWhere = "zel.Volume.with_field";
-    std::string const name = toName(givenName, std::string(kWhere) + ": name");
+    std::string const where = "zel.Volume.with_field";
+    std::string const name = toName(givenName, where + ": name");
     if (!isField(field))
-        throw py::type_error(std::string(kWhere) + ": field: wanted a field, got " + shown(field));
+        throw py::type_error(where + ": field: wanted a field, got " + shown(field));
     Tree const tree = fieldOf(field).tree;
     checkLevels(field);
     for (Volume::Channel const& one : self.channels)
-        if (one.name == name)
-            throw py::value_error(std::string(kWhere) + ": there is a channel '" + name + "'");
+        if (one.name == name) throw py::value_error(where + ": there is a channel '" + name + "'");
     Volume made = self;
     auto const build = [&](auto const& root, auto const& around) {
         interruptibly([&](std::stop_token const& stop) {
@@ -306,9 +295,9 @@ py::object withField(Volume const& self, py::object const& givenName, py::object
         });
     };
     if (auto const* const scalar = std::get_if<ScalarPtr>(&tree))
-        build(*scalar, toOutside<float>(outside, kWhere));
+        build(*scalar, toOutside<float>(outside, where));
     else
-        build(std::get<VectorPtr>(tree), toOutside<float3>(outside, kWhere));
+        build(std::get<VectorPtr>(tree), toOutside<float3>(outside, where));
     return newObject(std::move(made));
 }
 
@@ -327,12 +316,12 @@ py::array toNumpy(Volume const& self, py::object const& depthOrNone, py::object 
             double bytes = sizeof(T);
             for (py::ssize_t const length : shape) bytes *= static_cast<double>(length);
             if (bytes > 9e18) throw std::bad_alloc();
-            if (kComponents < T >> 1) shape.push_back(kComponents<T>);
+            if (!kIsNumber<T>) shape.push_back(kNumbers<T>);
             py::array array = newFloats(shape);
             auto* const values = static_cast<T*>(array.mutable_data());
             interruptibly([&](std::stop_token const& stop) {
                 constexpr py::ssize_t kRun = 1 << 20;
-                py::ssize_t const count = array.size() / kComponents<T>;
+                py::ssize_t const count = array.size() / kNumbers<T>;
                 for (py::ssize_t at = 0; at < count && !stop.stop_requested(); at += kRun)
                     std::fill_n(values + at, std::min(kRun, count - at), samples->defaultValue());
                 Strides const strides{py::ssize_t{extent.size.y} * extent.size.z, extent.size.z, 1};
@@ -376,7 +365,7 @@ py::tuple stateOf(Volume const& self) {
                 py::list depths;
                 for (int depth = 0; depth <= self.tree->depth(); ++depth) {
                     Shape shape{self.tree->tileCount(depth), Traits::kSampleCount};
-                    if (kComponents < T >> 1) shape.push_back(kComponents<T>);
+                    if (!kIsNumber<T>) shape.push_back(kNumbers<T>);
                     py::array array = newFloats(shape);
                     if (array.size() > 0)
                         std::memcpy(array.mutable_data(), samples->samples(TreeIndex{0, depth}),
@@ -384,7 +373,7 @@ py::tuple stateOf(Volume const& self) {
                     depths.append(array);
                 }
                 py::object outside;
-                if constexpr (kComponents < T >> 1)
+                if constexpr (!kIsNumber<T>)
                     outside = fromVector(samples->defaultValue());
                 else
                     outside = py::float_(samples->defaultValue());
@@ -405,7 +394,7 @@ void restore(Volume& volume, std::string const& name, T const& outside,
         py::array const array =
             copyOf(floatsOf(py::object(depths[static_cast<std::size_t>(depth)]), "zel.Volume"));
         long long const count = volume.tree->tileCount(depth) * Traits::kSampleCount;
-        if (array.size() != count * kComponents<T>)
+        if (array.size() != count * kNumbers<T>)
             throw py::value_error("zel.Volume: the state has samples for other tiles");
         if (count > 0)
             std::memcpy(static_cast<void*>(samples->samples(TreeIndex{0, depth})), array.data(),
