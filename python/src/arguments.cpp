@@ -23,6 +23,35 @@ std::string parametersText(std::span<std::string_view const> names, std::size_t 
     return text + (placed == 0 ? "" : ", and ") + "by keyword " + listOf(names.subspan(placed));
 }
 
+/// The parameters of a function, of which the first `placed` may be given by place.
+struct Names {
+    std::string_view function;
+    std::span<std::string_view const> all;
+    std::size_t placed;
+
+    [[noreturn]] void refuse(std::string const& problem) const {
+        throw py::type_error(std::string(function) + ": " + problem);
+    }
+    void checkPlaced(std::size_t count) const {
+        if (count > placed)
+            refuse("got " + std::to_string(count) + (count == 1 ? " argument" : " arguments") +
+                   " by place; " + parametersText(all, placed));
+    }
+    /// The element of `found`, which has one for each parameter, for an argument by keyword.
+    template <class Found> auto& placeOf(py::handle keyword, Found& found) const {
+        Py_ssize_t size = 0;
+        char const* const text = PyUnicode_AsUTF8AndSize(keyword.ptr(), &size);
+        if (!text) throw py::error_already_set();
+        std::string_view const name(text, static_cast<std::size_t>(size));
+        auto const at = std::find(all.begin(), all.end(), name);
+        if (at == all.end())
+            refuse("no parameter " + std::string(name) + "; " + parametersText(all, placed));
+        auto& place = found[static_cast<std::size_t>(at - all.begin())];
+        if (place) refuse(std::string(name) + " is given twice");
+        return place;
+    }
+};
+
 template <class Call, class Place>
 py::object function(Call&& call, std::string const& name, Place const& place,
                     std::string const& signature, std::string const& doc) {
@@ -36,26 +65,27 @@ py::object function(Call&& call, std::string const& name, Place const& place,
 
 Arguments argumentsOf(std::string const& function, std::span<std::string_view const> names,
                       std::size_t placed, py::handle args, py::handle keywords) {
+    Names const parameters{function, names, placed};
     auto const given = py::reinterpret_borrow<py::tuple>(args);
-    if (given.size() > placed)
-        throw py::type_error(function + ": got " + std::to_string(given.size()) +
-                             (given.size() == 1 ? " argument" : " arguments") + " by place; " +
-                             parametersText(names, placed));
-    auto const refuse = [&](std::string const& what, std::string const& why) {
-        throw py::type_error(function + ": " + what + why);
-    };
+    parameters.checkPlaced(given.size());
     Arguments found(names.size());
     for (std::size_t i = 0; i < given.size(); ++i) found[i] = given[i];
     if (!keywords) return found;
-    for (auto const& [key, value] : py::reinterpret_borrow<py::dict>(keywords)) {
-        std::string const word = textOf(key);
-        auto const at = std::find(names.begin(), names.end(), word);
-        if (at == names.end()) refuse("no parameter " + word + "; ", parametersText(names, placed));
-        py::object& place = found[static_cast<std::size_t>(at - names.begin())];
-        if (place) refuse(word, " is given twice");
-        place = py::reinterpret_borrow<py::object>(value);
-    }
+    for (auto const& [key, value] : py::reinterpret_borrow<py::dict>(keywords))
+        parameters.placeOf(key, found) = py::reinterpret_borrow<py::object>(value);
     return found;
+}
+
+void findArguments(char const* function, std::span<std::string_view const> names,
+                   PyObject* const* args, std::size_t placed, PyObject* keywords,
+                   std::span<PyObject*> found) {
+    Names const parameters{function, names, names.size()};
+    parameters.checkPlaced(placed);
+    std::copy_n(args, placed, found.begin());
+    if (!keywords) return;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(keywords); ++i)
+        parameters.placeOf(PyTuple_GET_ITEM(keywords, i), found) =
+            args[placed + static_cast<std::size_t>(i)];
 }
 
 void Parameters::add(py::arg const& parameter) {

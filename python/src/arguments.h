@@ -26,6 +26,14 @@ using Arguments = std::vector<py::object>;
 Arguments argumentsOf(std::string const& function, std::span<std::string_view const> names,
                       std::size_t placed, py::handle args, py::handle keywords);
 
+/// The same of a vectorcall, whose parameters may all be given by place: `args` are those given by
+/// place, `placed` of them, and then those of `keywords`, a tuple of names or null. Sets `found`,
+/// in the order of `names`, to what is given, borrowed; others stay as they are. Needs no
+/// allocation.
+void findArguments(char const* function, std::span<std::string_view const> names,
+                   PyObject* const* args, std::size_t placed, PyObject* keywords,
+                   std::span<PyObject*> found);
+
 /// The parameters of a function, written as for pybind11: `"a"_a`, `"b"_a = 1`, py::kw_only().
 class Parameters {
 public:

@@ -6,6 +6,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "arguments.h"
 #include "arrays.h"
 #include "callable.h"
 #include "errors.h"
@@ -171,14 +172,15 @@ py::object results(py::handle self, PyObject* xyz, PyObject* out, PyObject* inde
     return values ? values->finish() : gradients->finish();
 }
 
-PyObject* answer(PyObject* self, PyObject* args, PyObject* keywords, char const* format,
-                 Wanted wanted) {
-    static char const* const names[] = {"xyz", "out", "index0", nullptr};
-    PyObject *xyz = nullptr, *out = nullptr, *index0 = nullptr;
-    if (!PyArg_ParseTupleAndKeywords(args, keywords, format, const_cast<char**>(names), &xyz, &out,
-                                     &index0))
-        return nullptr;
+/// `args` are `placed` arguments by place and then those of `keywords`.
+PyObject* answer(char const* function, PyObject* self, PyObject* const* args, Py_ssize_t placed,
+                 PyObject* keywords, Wanted wanted) {
     return guardedObject([&] {
+        constexpr std::string_view kNames[] = {"xyz", "out", "index0"};
+        PyObject* given[std::size(kNames)]{};
+        findArguments(function, kNames, args, static_cast<std::size_t>(placed), keywords, given);
+        auto const& [xyz, out, index0] = given;
+        if (!xyz) throw py::type_error(std::string(function) + ": xyz is missing");
         return isScalarField(self)
                    ? results<ScalarField>(self, xyz, out, index0, wanted).release().ptr()
                    : results<VectorField>(self, xyz, out, index0, wanted).release().ptr();
@@ -187,16 +189,19 @@ PyObject* answer(PyObject* self, PyObject* args, PyObject* keywords, char const*
 
 }  // namespace
 
-PyObject* callField(PyObject* self, PyObject* args, PyObject* keywords) {
-    return answer(self, args, keywords, "O|OO:field", {true, false});
+PyObject* callField(PyObject* self, PyObject* const* args, std::size_t countAndFlag,
+                    PyObject* keywords) {
+    return answer("zel.Field", self, args, PyVectorcall_NARGS(countAndFlag), keywords,
+                  {true, false});
 }
 
-PyObject* valueAndGrad(PyObject* self, PyObject* args, PyObject* keywords) {
-    return answer(self, args, keywords, "O|OO:value_and_grad", {true, true});
+PyObject* valueAndGrad(PyObject* self, PyObject* const* args, Py_ssize_t count,
+                       PyObject* keywords) {
+    return answer("zel.Field.value_and_grad", self, args, count, keywords, {true, true});
 }
 
-PyObject* gradient(PyObject* self, PyObject* args, PyObject* keywords) {
-    return answer(self, args, keywords, "O|OO:grad", {false, true});
+PyObject* gradient(PyObject* self, PyObject* const* args, Py_ssize_t count, PyObject* keywords) {
+    return answer("zel.Field.grad", self, args, count, keywords, {false, true});
 }
 
 }  // namespace zel::python

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "errors.h"
+#include "evaluate.h"
 #include "field_types.h"
 #include "zel_scene/json.h"
 
@@ -137,6 +138,7 @@ py::object wrap(Tree tree, py::handle attached, std::uint32_t levels) {
     PyTypeObject* const type = typeOf(tree);
     auto* const made = reinterpret_cast<FieldObject*>(type->tp_alloc(type, 0));
     if (!made) throw py::error_already_set();
+    made->call = callField;
     new (&made->tree) Tree(std::move(tree));
     made->attached =
         attached && PyTuple_GET_SIZE(attached.ptr()) > 0 ? attached.inc_ref().ptr() : nullptr;

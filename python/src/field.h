@@ -18,6 +18,7 @@ namespace py = pybind11;
 
 struct FieldObject {
     PyObject ob_base;
+    vectorcallfunc call;
     Tree tree;
     /// A tuple of the Python objects that the leaves of the tree depend on: their functions, and
     /// the objects that they are bound to. It may have more than the tree needs; null if empty.

@@ -117,12 +117,12 @@ template <py::object (*function)(py::handle)> PyObject* method(PyObject* self, P
     return guardedObject([&] { return function(self).release().ptr(); });
 }
 
-PyCFunction withKeywords(PyCFunctionWithKeywords function) {
+template <class Function> PyCFunction asMethod(Function* function) {
     return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
 }
 
 PyMethodDef methods[] = {
-    {"value_and_grad", withKeywords(valueAndGrad), METH_VARARGS | METH_KEYWORDS,
+    {"value_and_grad", asMethod(valueAndGrad), METH_FASTCALL | METH_KEYWORDS,
      "value_and_grad($self, xyz, out=None, index0=0)\n--\n\n"
      "The values and the gradients at positions, by one evaluation. The gradients of a scalar "
      "field\n"
@@ -131,7 +131,7 @@ PyMethodDef methods[] = {
      "have the shape (..., 3, 3): [..., r, c] is the derivative of component r along coordinate "
      "c.\n"
      "`out` is a tuple of two arrays to write to. Raises as a call does: see zel.ScalarField."},
-    {"grad", withKeywords(gradient), METH_VARARGS | METH_KEYWORDS,
+    {"grad", asMethod(gradient), METH_FASTCALL | METH_KEYWORDS,
      "grad($self, xyz, out=None, index0=0)\n--\n\nThe gradients alone, of "
      "shape\n(..., 3) of a scalar field and (..., 3, 3) of a vector field: see value_and_grad."},
     {"same_tree", sameTreeAs, METH_O,
@@ -147,7 +147,7 @@ PyMethodDef methods[] = {
      "The tree as the JSON of a scene, which zel.loads() reads back. Leaves are written unbound."},
     {"to_dot", method<toDotText>, METH_NOARGS,
      "to_dot($self)\n--\n\nThe tree as a graph in the language of graphviz."},
-    {"bind", withKeywords(bindField), METH_VARARGS | METH_KEYWORDS,
+    {"bind", asMethod(bindField), METH_VARARGS | METH_KEYWORDS,
      "bind($self, properties=None, targets=None, volume=None, *, indices=None, "
      "metres_per_unit=None, strict=False)\n--\n\n"
      "A copy of the tree whose leaves are bound to arrays and to a volume. The tree itself stays "
@@ -193,6 +193,7 @@ PyGetSetDef attributes[] = {
 
 PyMemberDef members[] = {
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FieldObject, weakReferences), READONLY, nullptr},
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(FieldObject, call), READONLY, nullptr},
     {}};
 
 char const kFieldDoc[] = "A function over space: see zel.ScalarField and zel.VectorField.";
@@ -219,7 +220,10 @@ PyTypeObject* makeType(PyType_Spec& spec, PyTypeObject* base) {
     PyObject* const made =
         PyType_FromSpecWithBases(&spec, base ? reinterpret_cast<PyObject*>(base) : nullptr);
     if (!made) throw py::error_already_set();
-    return reinterpret_cast<PyTypeObject*>(made);
+    auto* const type = reinterpret_cast<PyTypeObject*>(made);
+    type->tp_flags |= Py_TPFLAGS_HAVE_VECTORCALL;  // which types on the heap do not inherit
+    PyType_Modified(type);
+    return type;
 }
 
 PyTypeObject* makeFieldType() {
@@ -227,7 +231,7 @@ PyTypeObject* makeFieldType() {
         {Py_tp_new, slot(newField)},        {Py_tp_dealloc, slot(deallocate)},
         {Py_tp_traverse, slot(traverse)},   {Py_tp_clear, slot(clear)},
         {Py_tp_repr, slot(represent)},      {Py_tp_hash, slot(hash)},
-        {Py_tp_richcompare, slot(compare)}, {Py_tp_call, slot(callField)},
+        {Py_tp_richcompare, slot(compare)}, {Py_tp_call, slot(PyVectorcall_Call)},
         {Py_tp_methods, methods},           {Py_tp_getset, attributes},
         {Py_tp_members, members},           {Py_tp_doc, const_cast<char*>(kFieldDoc)}};
     for (PyType_Slot const* at = arithmeticSlots(); at->slot != 0; ++at) slots.push_back(*at);
