@@ -1,6 +1,7 @@
 """Positions and results: shapes, types, strides and errors."""
 
 import gc
+import pathlib
 import sys
 
 import numpy as np
@@ -43,21 +44,13 @@ def test_every_layout_gives_the_values_of_a_plain_array(leading, data):
     assert result is out and np.array_equal(out, formula(base))
 
 
-@pytest.mark.parametrize("dtype", ["f2", "f8", ">f4", "<f4", "i1", "u2", "i8", "?", "g"])
-def test_other_types_are_converted_as_numpy_does(dtype):
-    xyz = np.array([[1, 0, 1], [0, 1, 1]]).astype(dtype)
-    assert np.array_equal(F(xyz), formula(xyz.astype(np.float32)))
-
-
-def test_odd_memory():
+def test_odd_memory_and_types():
     xyz = np.arange(12, dtype=np.float32).reshape(4, 3)
-    unaligned = np.zeros(49, np.uint8)[1:].view(np.float32).reshape(4, 3)
-    unaligned[...] = xyz
-    records = np.zeros(4, [("tag", "u1"), ("p", "f4", 3)])
+    records = np.zeros(4, [("tag", "u1"), ("p", "f4", 3)])  # not aligned
     records["p"] = xyz
     long = np.arange(4000, dtype=np.float32).reshape(1000, 4)[:, 1:]  # of several parts
-    for odd in (unaligned, records["p"], xyz.tolist(), tuple(xyz), memoryview(xyz),
-                np.broadcast_to(xyz[0], (4, 3)), long):
+    for odd in (records["p"], xyz.tolist(), memoryview(xyz), np.broadcast_to(xyz[0], (4, 3)), long,
+                *(xyz.astype(dtype) for dtype in ("f2", "f8", ">f4", "i1", "u8", "?", "g"))):
         assert np.array_equal(F(odd), formula(np.asarray(odd)))
     unaligned_out = np.zeros(17, np.uint8)[1:].view(np.float32)
     assert np.array_equal(F(xyz, out=unaligned_out), formula(xyz))
@@ -65,8 +58,8 @@ def test_odd_memory():
 
 def test_one_position_gives_a_number():
     value, gradient = F.value_and_grad((1, 2, 3))
-    assert isinstance(F((1, 2, 3)), np.float32) and value == F([1, 2, 3]) == 321
-    assert gradient.shape == (3,) and V((1, 2, 3)).shape == (3,)
+    assert isinstance(value, np.float32) and value == F([1, 2, 3]) == 321
+    assert np.array_equal(gradient, (1, 10, 100)) and V((1, 2, 3)).shape == (3,)
     out = np.zeros((), np.float32)
     assert F((1, 2, 3), out=out) is out and out == 321
 
@@ -101,26 +94,20 @@ def test_results_over_the_positions():
 test_errors_name_what_came = raises([
     (lambda: F(np.zeros((4, 2))), ValueError, "xyz.*\\(..., 3\\).*\\(4, 2\\)"),
     (lambda: F(np.zeros(())), ValueError, "\\(\\)"),
-    (lambda: F([]), ValueError, "\\(0,\\)"),
     (lambda: F(np.zeros((4, 3), complex)), TypeError, "complex128"),
-    (lambda: F(np.zeros((4, 3), object)), TypeError, "object"),
     (lambda: F("abc"), TypeError, "str 'abc'"),
-    (lambda: F(None), TypeError, "NoneType"),
-    (lambda: F(F), TypeError, "numbers"),
     (lambda: F([2**70, 0, 0]), TypeError, "range of float32"),
-    (lambda: F([[1, 2, 3], [1, 2]]), ValueError, ""),
-    (lambda: F(), TypeError, "xyz"),
+    (lambda: F(), TypeError, "zel.Field: xyz is missing"),
+    (lambda: F(1, 2, 3, 4), TypeError, "zel.Field: got 4 arguments by place.*xyz, out, index0"),
+    (lambda: F.grad(xzy=1), TypeError, "Field.grad: no parameter xzy; .*xyz, out, index0"),
+    (lambda: F.value_and_grad([0, 0, 0], None, xyz=1), TypeError, "value_and_grad: xyz is given twice"),
     (lambda: F(np.zeros((4, 3)), np.zeros(4)), TypeError, "out.*float32.*float64"),
     (lambda: F(np.zeros((4, 3)), np.zeros(5, "f4")), ValueError, "\\(4,\\).*\\(5,\\)"),
     (lambda: F(np.zeros((4, 3)), [0] * 4), TypeError, "out.*list"),
     (lambda: F(np.zeros((1, 3)), np.broadcast_to(np.float32(0), 1)), ValueError, "read-only"),
     (lambda: F(np.zeros((4, 3)), index0=-1), ValueError, "index0.*-1"),
     (lambda: F(np.zeros((4, 3)), index0=2**63 - 4), ValueError, "index0"),
-    (lambda: F(np.zeros((4, 3)), index0=2**80), ValueError, "index0"),
-    (lambda: F(np.zeros((4, 3)), index0=1.5), TypeError, "index0.*float 1.5"),
     (lambda: F.value_and_grad(np.zeros((4, 3)), out=np.zeros(4)), TypeError, "tuple"),
-    (lambda: V.value_and_grad(np.zeros((4, 3)), out=(m := np.zeros((4, 3, 3), "f4"), m)),
-     ValueError, "shape"),
     (lambda: F.value_and_grad(np.zeros((4, 3)), out=((m := np.zeros(12, "f4"))[8:],
                                                      m.reshape(4, 3))), ValueError, "overlap"),
 ])
@@ -134,8 +121,7 @@ def test_the_last_index_is_allowed():
 
 def resident():
     """The pages of the process now. Its peak would be that of earlier tests."""
-    with open("/proc/self/statm") as file:
-        return int(file.read().split()[1])
+    return int(pathlib.Path("/proc/self/statm").read_text().split()[1])
 
 
 def test_nothing_is_kept_of_10000_calls():

@@ -6,7 +6,6 @@ import fractions
 import gc
 import pickle
 import sys
-import weakref
 
 import numpy as np
 import pytest
@@ -21,12 +20,16 @@ A = zel.scalar_geo_property_triggered("a")
 @pytest.mark.parametrize("dtype", ["f4", "f8", "f2", "?", "i1", "i2", "i4", "i8", "u1", "u2", "u4",
                                    "u8", ">i4", "g"])
 def test_arrays_of_every_type(dtype):
-    values = np.array([0, 1, 3, 1, 100]).astype(dtype)
-    bound = A.bind(properties={"a": values}, strict=True)
-    assert np.array_equal(bound(ZEROS), values.astype("f4"))
-    assert np.array_equal(pickle.loads(pickle.dumps(bound))(ZEROS), values.astype("f4"))
-    assert np.array_equal(A.bind(properties={"a": values[::-2]})(ZEROS)[:3], values[::-2])
-    assert np.array_equal(A(ZEROS), [0] * 5)
+    values = np.array([0, 1, 100, 3]).astype(dtype)
+    bound = A.bind(properties={"a": zel.Property(values, default=values[3])}, strict=True)
+    for tree in (bound, pickle.loads(pickle.dumps(bound))):
+        assert np.array_equal(tree(ZEROS), values[[0, 1, 2, 3, 3]])
+    assert np.array_equal(A.bind(properties={"a": values[::-2]})(ZEROS), [*values[::-2], 0, 0, 0])
+
+
+def test_bools_of_any_byte():
+    bools = np.array([0, 1, 2, 255], np.uint8).view(bool)
+    assert np.array_equal(A.bind({"a": bools})(ZEROS), [0, 1, 1, 1, 0])
 
 
 def test_vectors_and_rotations():
@@ -37,6 +40,8 @@ def test_vectors_and_rotations():
     turned = zel.VectorGeoPropertyTriggered("q").bind(
         properties={"q": zel.Property([[0, 0, half, half]], default=(half, 0, 0, half))})
     np.testing.assert_allclose(turned(ZEROS)[:2], [[0, 0, np.pi / 2], [np.pi / 2, 0, 0]], rtol=1e-5)
+    unturned = zel.VectorGeoPropertyTriggered("q").bind({"q": np.ones((0, 4))})
+    assert np.array_equal(unturned(ZEROS), ZEROS)
 
 
 def test_targets_indices_and_defaults():
@@ -52,13 +57,11 @@ def test_targets_indices_and_defaults():
 
 def test_the_array_is_copied():
     values = np.arange(5, dtype=np.float32)
-    count, alive = sys.getrefcount(values), weakref.ref(values)
+    count = sys.getrefcount(values)
     bound = A.bind(properties={"a": values})
     assert sys.getrefcount(values) == count
     values[:] = 9
     assert np.array_equal(bound(ZEROS), range(5))
-    del values
-    assert alive() is None
 
 
 def test_reports():
@@ -70,10 +73,10 @@ def test_reports():
                       "/root/b/a": ("b", False, 'no property "b"'),
                       "/root/b/b": ("c", False, 'no channel "c"')}
     assert tree.bind_report == [] and bound.same_tree(tree)
-    lines = [(repr(b), b.name, b.is_bound) for b in bound.bind_report]
+    lines = [(repr(b), b.name) for b in bound.bind_report]
     bound.bind_report.clear()
     for twin in (pickle.loads(pickle.dumps(bound)), copy.deepcopy(bound)):
-        assert [(repr(b), b.name, b.is_bound) for b in twin.bind_report] == lines
+        assert [(repr(b), b.name) for b in twin.bind_report] == lines
     with pytest.raises(KeyError, match='property "b".*channel "c"|channel "c".*property "b"') as e:
         tree.bind({"a": np.ones(5)}, volume=volume, strict=True)
     assert sorted(e.value.names) == ["b", "c"]
@@ -102,21 +105,14 @@ def test_objects_of_the_module():
         # No object without a value, by whatever way.
         assert type(cls) is type and cls.__base__ is object
         for make in (cls, cls.__new__, object.__new__, copyreg.__newobj__):
-            with pytest.raises(TypeError):
-                make(*[cls] * (make is not cls))
-        with pytest.raises(TypeError):
-            type("Derived", (cls,), {})
-        with pytest.raises(TypeError):
-            one.__class__ = zel.Curve if cls is not zel.Curve else zel.Volume
-    sphere = zel.sphere()
-    with pytest.raises(TypeError):
-        sphere.__class__ = zel.ScalarFieldImplicitBox
+            pytest.raises(TypeError, make, *[cls] * (make is not cls))
+        pytest.raises(TypeError, type, "Derived", (cls,), {})
+        pytest.raises(TypeError, setattr, one, "__class__", zel.Volume if cls is zel.Curve else zel.Curve)
+    pytest.raises(TypeError, setattr, zel.sphere(), "__class__", zel.ScalarFieldImplicitBox)
     (holder,) = gc.get_referents(gc.get_referents(zel.field(len))[-1])
     for cls in (zel.Field, zel.ScalarField, zel.VectorField, zel.ScalarFieldSphere, type(holder)):
-        with pytest.raises(TypeError):
-            cls.__new__ = object.__new__
-        with pytest.raises(TypeError):
-            object.__new__(cls)
+        pytest.raises(TypeError, setattr, cls, "__new__", object.__new__)
+        pytest.raises(TypeError, object.__new__, cls)
 
 
 def test_parts_that_were_bound_apart(xyz):
@@ -129,8 +125,7 @@ def test_parts_that_were_bound_apart(xyz):
     tree = zel.add(one * two, third, noise, function, A, one)
     expected = tree(xyz)
     assert len(set(expected)) > 250
-    for twin in (pickle.loads(pickle.dumps(tree)), copy.deepcopy(tree),
-                 pickle.loads(pickle.dumps(tree.exact_gradients()))):
+    for twin in (copy.deepcopy(tree), tree.exact_gradients()):
         assert np.array_equal(twin(xyz), expected) and twin.levels == tree.levels
         assert np.array_equal(pickle.loads(pickle.dumps(twin))(xyz), expected)
     # Another object replaces the properties it has, of a copy, and leaves the others bound.
@@ -171,32 +166,24 @@ def test_a_pickle_has_what_leaves_read():
 
 test_errors_name_what_came = raises([
     (lambda: zel.Property([1], target=3), TypeError, "target.*int 3"),
-    (lambda: zel.Property(), TypeError, "values"),
     (lambda: zel._zel._binding("a", "b", 8, "c"), ValueError, "state.*8"),
     (lambda: zel._zel._restore(A.dumps(), [], [], [3]), TypeError, "int 3"),
     (lambda: A.bind(propertys={}), TypeError, "propertys;.*targets, volume, and by keyword indices"),
     (lambda: A.bind(3), TypeError, "properties.*int 3"),
     (lambda: A.bind({3: [1]}), TypeError, "names.*int 3"),
-    (lambda: A.bind({"": [1]}), ValueError, "name"),
     (lambda: A.bind({"a": "text"}), TypeError, "properties\\['a'\\].*'text'"),
     (lambda: A.bind({"a": [[1, 2]]}), ValueError, "\\(n, 4\\).*\\(1, 2\\)"),
     (lambda: A.bind({"a": zel.Property([1], default="x")}), TypeError, "default.*'x'"),
     (lambda: A.bind({"a": zel.Property(np.array([1], "i1"), default=300)}), ValueError, "300"),
-    (lambda: A.bind({"a": zel.Property([1], default=np.float32(0.5))}), ValueError, "0.5"),
     (lambda: A.bind({"a": zel.Property([1], default=np.array(0.5))}), ValueError, "default.*0.5"),
     (lambda: A.bind({"a": zel.Property([1], default=fractions.Fraction(1, 2))}), ValueError, "1, 2"),
-    (lambda: A.bind({"a": zel.Property([True], default=5)}), TypeError, "True or False.*5"),
     (lambda: A.bind({"a": np.ma.masked_less([1, 2], 2)}), TypeError, "masked"),
     (lambda: A.bind(metres_per_unit=float("nan")), ValueError, "metres_per_unit.*above 0.*nan"),
-    (lambda: A.bind(metres_per_unit=0), ValueError, "metres_per_unit.*above 0.*0"),
     (lambda: A.bind(strict="no"), TypeError, "strict.*'no'"),
     (lambda: A.bind({"a": [1]}).bind(strict=True), KeyError, "earlier calls"),
-    (lambda: A.bind({"a": zel.Property([1.0], default=10**400)}), ValueError, "default.*float64"),
-    (lambda: A.bind({"a": zel.Property(np.array([1], "f4"), default=1e39)}), ValueError, "1e\\+39"),
     (lambda: A.bind(targets={"t": [-1]}), ValueError, "-1"),
     (lambda: A.bind(targets={"t": [2**32]}), ValueError, "4294967296"),
     (lambda: A.bind(targets={"t": [0.5]}), TypeError, "integers"),
     (lambda: A.bind(indices=[[1]]), ValueError, "\\(1, 1\\)"),
     (lambda: A.bind({"Orvane::volume": [1]}), ValueError, "Orvane::volume"),
-    (lambda: A.bind(metres_per_unit="x"), TypeError, "metres_per_unit"),
 ])

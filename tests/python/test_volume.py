@@ -1,6 +1,5 @@
 """Volumes against scipy."""
 
-import copy
 import pickle
 
 import numpy as np
@@ -23,7 +22,9 @@ def test_dense_arrays_against_scipy(half):
     size, corner = 0.25, np.array([-8, 3, 21])
     origin = (corner + half) * size
     volume = zel.Volume.from_numpy(array, size, origin, name="d", outside=2)
+    volume = pickle.loads(pickle.dumps(volume))
     assert np.array_equal(volume.to_numpy(), array)
+    assert volume.to_numpy(volume.depth - 1).shape == (5, 7, 4)  # voxels that the array has a part of
     np.testing.assert_allclose(volume.origin(), origin)
 
     # Where all samples around a position are inside, and across the border to the outside.
@@ -71,7 +72,7 @@ def test_vectors_and_strides():
 def test_volumes_of_fields():
     ball = zel.sphere((0, 0, 0), 1)
     volume = zel.Volume.from_field(ball, ((-2, -2, -2), (2, 2, 2)), 1 / 16, 3, name="d", outside=9)
-    volume = volume.with_field("v", zel.position())
+    volume = volume.with_field("v", zel.position(), outside=(7, 8, 9))
     assert volume.names == ["d", "v"]
     rng = np.random.default_rng(5)
     surface = rng.normal(size=(500, 3))
@@ -83,13 +84,16 @@ def test_volumes_of_fields():
         width = volume.voxel_size * 2 ** (volume.depth - depth)
         places = origin + width * np.stack(np.meshgrid(*map(np.arange, dense.shape[:3]),
                                                        indexing="ij"), -1)
-        there = dense.any(-1)
+        there = (dense != (7, 8, 9)).all(-1)
         assert there.any()
         np.testing.assert_allclose(dense[there], places[there], atol=1e-5)
+    finer = zel.Volume.from_field(ball, ((-2, -2, -2), (2, 2, 2)), 1 / 16, 3, min_depth=volume.depth)
+    assert finer.tile_count(volume.depth) > volume.tile_count(volume.depth)
 
-    for twin in (pickle.loads(pickle.dumps(volume)), copy.deepcopy(volume)):
-        assert np.array_equal(sample(twin)(surface), sample(volume)(surface))
-        assert twin.tile_count() == volume.tile_count() and twin.names == volume.names
+    twin, dense = pickle.loads(pickle.dumps(volume)), volume.to_numpy(name="d")
+    assert np.array_equal(sample(twin)(surface), sample(volume)(surface))
+    assert np.array_equal(twin.to_numpy(name="d"), dense) and dense[0, 0, 0] == 9
+    assert twin.tile_count() == volume.tile_count() and twin.names == volume.names
     constructed = zel.ScalarOrvane("d", "cubicC1", volume=volume) + 1
     read = pickle.loads(pickle.dumps(constructed))
     assert np.array_equal(read(surface), constructed(surface))
@@ -98,27 +102,18 @@ def test_volumes_of_fields():
 OK = np.zeros((2, 2, 2))
 test_errors_name_what_came = raises([
     (lambda: zel.Volume.from_numpy(OK, 0, (0, 0, 0), name="d"), ValueError, "voxel_size.*0"),
-    (lambda: zel.Volume.from_numpy(OK, "a", (0, 0, 0), name="d"), TypeError, "voxel_size.*'a'"),
     (lambda: zel.Volume.from_numpy(OK, 1, (0.2, 0, 0), name="d"), ValueError, "multiples"),
     (lambda: zel.Volume.from_numpy(OK, 1, (1e30, 0, 0), name="d"), ValueError, "beyond"),
-    (lambda: zel.Volume.from_numpy(OK, 1e-30, (1, 0, 0), name="d"), ValueError, "beyond"),
     (lambda: zel.Volume.from_numpy(OK, 1, (float("nan"), 0, 0), name="d"), ValueError, "beyond"),
     (lambda: zel.Volume.from_numpy(OK[0], 1, (0, 0, 0), name="d"), ValueError, "\\(2, 2\\)"),
     (lambda: zel.Volume.from_numpy(OK[:0], 1, (0, 0, 0), name="d"), ValueError, "empty"),
     (lambda: zel.Volume.from_numpy(OK, 1, (0, 0, 0), name=""), ValueError, "name"),
-    (lambda: zel.Volume.from_numpy(OK, 1, (0, 0, 0), name=3), TypeError, "name.*int 3"),
     (lambda: zel.Volume.from_field(zel.sphere(), ((0,) * 3, (1,) * 3), 1, 1, min_depth=2**40),
      ValueError, "min_depth.*1099511627776"),
-    (lambda: zel.Volume.from_field(zel.sphere(), ((0,) * 3, (1,) * 3), 1, 1, max_depth="a"),
-     TypeError, "max_depth.*'a'"),
-    (lambda: VOLUME.with_field(3, zel.sphere()), TypeError, "name.*int 3"),
     (lambda: VOLUME.with_field("e", 3), TypeError, "field.*int 3"),
     (lambda: zel.Volume.from_field(zel.position(), (0, 1), 1, 1), TypeError, "scalar field"),
     (lambda: zel.Volume.from_field(zel.sphere(), 3, 1, 1), TypeError, "box"),
-    (lambda: zel.Volume.from_field(zel.sphere(), ((0, 0, 0), (0, 1, 1)), 1, 1), ValueError, "box"),
-    (lambda: zel.Volume.from_field(zel.sphere(), ((0,) * 3, (1,) * 3), 1, -1), ValueError, "band"),
     (lambda: zel.Volume.from_numpy(OK, 1, (0, 0, 0)), TypeError, "from_numpy: name is missing"),
-    (lambda: VOLUME.to_numpy(dept=1), TypeError, "Volume.to_numpy: no parameter dept; .*depth, name"),
     (lambda: zel.Volume.to_numpy(), TypeError, "to_numpy: self is missing"),
     (lambda: VOLUME.to_numpy(29), ValueError, "depth.*28"),
     (lambda: VOLUME.to_numpy(name="x"), KeyError, "'x'.*d"),
