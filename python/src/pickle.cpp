@@ -81,7 +81,13 @@ py::object restore(py::object const& text, py::object const& givenFunctions,
     }
 
     if (!replacer.replaced.empty()) {
-        for (Field const* const node : nodes) const_cast<Field*>(node)->replaceChildren(replacer);
+        // One that is replaced is gone once its last parent is done, but not the children that the
+        // new one has of it.
+        for (Field const* const node : nodes)
+            if (!replacer.replaced.contains(node))
+                const_cast<Field*>(node)->replaceChildren(replacer);
+        for (auto const& [node, made] : replacer.replaced)
+            const_cast<Field&>(rootOf(made)).replaceChildren(replacer);
         std::visit([&](auto& root) { replacer.replace(root); }, tree);
     }
     for (auto const& [source, leaves] : bound) {
