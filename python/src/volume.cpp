@@ -279,8 +279,9 @@ py::object withField(Volume const& self, py::object const& givenName, py::object
         throw py::type_error(where + ": field: wanted a field, got " + shown(field));
     Tree const tree = fieldOf(field).tree;
     checkLevels(field);
-    for (Volume::Channel const& one : self.channels)
-        if (one.name == name) throw py::value_error(where + ": there is a channel '" + name + "'");
+    if (std::any_of(self.channels.begin(), self.channels.end(),
+                    [&](Volume::Channel const& one) { return one.name == name; }))
+        throw py::value_error(where + ": there is a channel '" + name + "'");
     Volume made = self;
     auto const build = [&](auto const& root, auto const& around) {
         interruptibly([&](std::stop_token const& stop) {
