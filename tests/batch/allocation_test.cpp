@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
 #include <tbb/global_control.h>
-
-#include <vector>
 
 #include "benchmarks/allocation_count.h"
 #include "support/random_nodes.h"

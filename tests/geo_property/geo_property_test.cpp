@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <optional>
 #include <random>
 #include <stdexcept>
-#include <vector>
 
 #include "examples/binder.h"
 #include "support/probe.h"

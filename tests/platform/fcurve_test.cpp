@@ -1,13 +1,9 @@
 #include "zel_platform/orvane_math/fcurve.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <limits>
 #include <random>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "support/refused.h"
 

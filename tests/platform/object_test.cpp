@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <stdexcept>
-#include <string>
 
 #include "support/refused.h"
 #include "zel_platform/orvane_geometry/geo_property.h"

@@ -1,9 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <limits>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <utility>
 
 #include "support/refused.h"

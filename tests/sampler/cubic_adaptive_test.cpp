@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "benchmarks/allocation_count.h"
 #include "sampler/cubic_volume.h"
 #include "zel/sampler/cubic/jump.h"

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <bit>
-#include <limits>
 #include <stdexcept>
 
 #include "benchmarks/allocation_count.h"

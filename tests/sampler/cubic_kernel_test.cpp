@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <cmath>
-
 #include "sampler/cubic_volume.h"
 
 namespace {

@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "sampler/cubic_volume.h"
 #include "zel/sampler/cubic/adaptive/sample.h"

@@ -1,13 +1,8 @@
 #pragma once
 
-#include <array>
-#include <bit>
-#include <cmath>
-#include <functional>
 #include <memory>
 
-#include "sampler/places.h"
-#include "support/make.h"
+#include "platform/volume/trees.h"
 #include "support/probe.h"
 #include "zel/sampler/cubic/voxel_sampler_cubic.h"
 #include "zel_platform/orvane_geometry_volume/channel.h"

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "sampler/places.h"
+#include "platform/volume/trees.h"
 #include "zel/sampler/common/gradient.h"
 
 // What a linear sampler must give, in the words of its documentation.

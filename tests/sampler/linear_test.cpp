@@ -1,7 +1,5 @@
-#include <limits>
 #include <map>
 #include <optional>
-#include <vector>
 
 #include "benchmarks/allocation_count.h"
 #include "sampler/linear_reference.h"

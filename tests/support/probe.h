@@ -37,6 +37,14 @@ inline constexpr float3 kA{1, -2, 4}, kB{8, 16, -32}, kT{0.5F, 0.25F, -1};
 inline constexpr float3x3 kMatrixA{{{1, 2, -3}, {0.5F, -4, 5}, {6, -7, 8}}};
 inline constexpr float3x3 kMatrixB{{{2, -1, 4}, {3, 5, -2}, {-6, 1, 0.5F}}};
 
+/// A vector of the components, or a scalar, which is the first of them.
+template <class T> T make(float x, float y, float z) {
+    if constexpr (std::is_same_v<T, float>)
+        return x;
+    else
+        return {x, y, z};
+}
+
 /// Compares float by float: equal bits, or both NaN. With a tolerance a float may also be off by
 /// less than that share of the larger of 1 and its expected magnitude.
 template <class T>
@@ -131,6 +139,15 @@ inline std::vector<zel::Field const*> childrenOf(zel::Field const& node) {
     node.caccept(visitor);
     return visitor.seen;
 }
+
+/// Puts one node in place of each scalar child.
+struct ScalarReplacer final : zel::ChildReplacer {
+    explicit ScalarReplacer(ScalarPtr node) : node(std::move(node)) {}
+    void operator()(ScalarPtr& child) override { child = node; }
+    void operator()(VectorPtr&) override {}
+    void operator()(zel::Field&) override {}
+    ScalarPtr node;
+};
 
 /// What a node must answer, and where a node that moves the position must ask its child.
 template <class Interface> struct Row {

@@ -1,12 +1,8 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <random>
-#include <string>
-#include <utility>
 #include <variant>
-#include <vector>
 
 #include "support/choices.h"
 #include "support/probe.h"

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <numbers>
 #include <stdexcept>
-#include <vector>
 
 // Volumes made of fields.
 namespace {

@@ -3,7 +3,6 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_group.h>
 
-#include <functional>
 #include <stdexcept>
 
 #include "zel_platform/orvane_math_support/exception_message.h"

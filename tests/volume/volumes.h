@@ -1,12 +1,7 @@
 #pragma once
 
-#include <array>
-#include <cmath>
 #include <random>
-#include <string>
-#include <utility>
 
-#include "support/make.h"
 #include "support/probe.h"
 #include "zel/volume/volume_reader.h"
 #include "zel/zel.h"

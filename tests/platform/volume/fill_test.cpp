@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <limits>
 #include <stdexcept>
 
@@ -55,7 +54,7 @@ TYPED_TEST(Fill, GivesTheFunctionAtLeavesAndMeansAbove) {
             while (index.tile >= tree.tileCount(index.depth))
                 index.tile -= tree.tileCount(index.depth++);
             auto const& tile = tree.tile(index);
-            int3 const voxel{n % W, n / W % W, n / (W * W) % W};
+            int3 const voxel = inCube(n % (W * W * W), W);
             int3 const low = tile.tijk() + voxel * tile.voxelDataWidth();
             float3 const sample = channel.tileData(index)(voxel);
             auto const at = [&](int a) {
@@ -72,7 +71,7 @@ TYPED_TEST(Fill, GivesTheFunctionAtLeavesAndMeansAbove) {
             double sum = 0;
             int count = 0;
             for (int m = 0; m < B * B * B; ++m) {
-                int3 const step{m % B, m / B % B, m / (B * B)};
+                int3 const step = inCube(m, B);
                 bool counts = true;  // on a voxel's face the first sample is the one
                 for (int a = 0; a < 3; ++a) counts = counts && (offset[a] != 0 || step[a] == 0);
                 if (counts) sum += channel.tileData(child)(first + step).z, ++count;

@@ -31,8 +31,7 @@ template <class Traits, class T> struct Volume : RandomVolume<Traits, T> {
         int const d = tile.depth();
         int const across = last - first + 1;
         for (int n = 0; n < across * across * across; ++n) {
-            int const x = first + n % across, y = first + n / across % across,
-                      z = first + n / across / across;
+            auto const [x, y, z] = inCube(n, across, first);
             T const expected = d < channel.minDepth()
                                    ? channel.defaultValue()
                                    : slow.sample({voxel[0] + x, voxel[1] + y, voxel[2] + z}, d);
