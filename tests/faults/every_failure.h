@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <functional>
 #include <new>
-#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -31,8 +30,6 @@ public:
         bits.insert(bits.end(), text.begin(), text.end());
         return *this;
     }
-    Bits& operator<<(char const* text) { return *this << std::string_view(text); }
-    Bits& operator<<(std::string const& text) { return *this << std::string_view(text); }
     Bits& operator<<(float3 const& v) { return *this << v.x << v.y << v.z; }
     Bits& operator<<(float3x3 const& m) { return *this << m[0] << m[1] << m[2]; }
     Bits& operator<<(Bits const& more) {

@@ -15,8 +15,8 @@ using namespace faults;
 using support::bytesOf;
 
 /// Work that writes or reads a file, beside one that is there before.
-Case filing(std::string const& name, std::function<Bits()> const& work,
-            std::filesystem::path const& written) {
+Case filing(std::string const& name, std::filesystem::path const& written,
+            std::function<Bits()> const& work) {
     return {name, [=] {
                 auto const read = std::make_shared<Bits>();
                 support::writeContent(written, "before");
@@ -55,43 +55,32 @@ TEST(Faults, OfFiles) {
         writer.commit();
         return Bits();
     };
+    auto const readArray = [&] {
+        std::vector<float> read(6);
+        NpyArray(bytesOf(npy), "npy").read(0, read);
+        return Bits() << read;
+    };
+    auto const writeArray = [&] {
+        NpyWriter writer(path("array.npy"), {.shape = {6}});
+        writer.write(numbers);
+        writer.commit();
+        return Bits();
+    };
+    auto const readImage = [&] {
+        auto const read = std::get<Image8>(readPng(bytesOf(png), "png"));
+        return Bits() << std::string(read.samples.begin(), read.samples.end());
+    };
     for (Case const& one :
-         {filing(
-              "read a table", [&] { return readPoints(points); }, none),
-          filing(
-              "write a table", [&] { return writePoints(PointFormat::kCsv); }, path("points")),
-          filing(
-              "write a .ply", [&] { return writePoints(PointFormat::kPly); }, path("points")),
-          filing(
-              "read a .npy",
-              [&] {
-                  std::vector<float> read(6);
-                  NpyArray(bytesOf(npy), "npy").read(0, read);
-                  return Bits() << read;
-              },
-              none),
-          filing(
-              "write a .npy",
-              [&] {
-                  NpyWriter writer(path("array.npy"), {.shape = {6}});
-                  writer.write(numbers);
-                  writer.commit();
-                  return Bits();
-              },
-              path("array.npy")),
-          filing(
-              "read a .png",
-              [&] {
-                  auto const read = std::get<Image8>(readPng(bytesOf(png), "png"));
-                  return Bits() << std::string(read.samples.begin(), read.samples.end());
-              },
-              none),
-          filing(
-              "write a .png", [&] { return writePng(path("a.png"), image), Bits(); },
-              path("a.png")),
-          filing(
-              "write an .obj", [&] { return writeMesh(path("a.obj"), mesh), Bits(); },
-              path("a.obj"))})
+         {filing("read a table", none, [&] { return readPoints(points); }),
+          filing("write a table", path("points"), [&] { return writePoints(PointFormat::kCsv); }),
+          filing("write a .ply", path("points"), [&] { return writePoints(PointFormat::kPly); }),
+          filing("read a .npy", none, readArray),
+          filing("write a .npy", path("array.npy"), writeArray),
+          filing("read a .png", none, readImage),
+          filing("write a .png", path("a.png"),
+                 [&] { return writePng(path("a.png"), image), Bits(); }),
+          filing("write an .obj", path("a.obj"),
+                 [&] { return writeMesh(path("a.obj"), mesh), Bits(); })})
         failEach(one);
     EXPECT_EQ(folder.size(), 6U);  // no temporary file is left
 }

@@ -44,14 +44,30 @@ template <class Interface> Bits bitsOf(Interface const& field) {
     return bits;
 }
 
-/// Work that makes a value from a tree, which it leaves as it is. `show` has the value's bits.
-template <class Make, class Show>
-Case making(std::string const& name, Make const& make, Show const& show, bool binds = true) {
+template <class Traits> Bits bitsOf(Volume<Traits, float> const& volume, bool hasSamples) {
+    auto const& [tree, topology, channel] = volume;
+    Bits bits;
+    bits << static_cast<float>(hasSamples && channel->fits(*tree));
+    for (int depth = 0; depth <= tree->depth(); ++depth) {
+        bits << static_cast<float>(tree->tileCount(depth));
+        long long const count = hasSamples ? channel->elementCount(depth) : 0;
+        for (long long i = 0; i < count; ++i) bits << channel->samples({0, depth})[i];
+    }
+    return bits;
+}
+Bits show(ScalarPtr const& tree) {
+    return bitsOf(*tree);
+}
+template <class Made> Bits show(Made const& made) {
+    return Bits() << made;
+}
+
+/// Work that makes a value from a tree, which it leaves as it is.
+template <class Make> Case making(std::string const& name, Make const& make, bool binds = true) {
     return {name, [=] {
-                using Made = decltype(make(ScalarPtr()));
                 struct State {
                     ScalarPtr tree;
-                    std::optional<Made> made;
+                    std::optional<decltype(make(ScalarPtr()))> made;
                 };
                 auto const state = std::make_shared<State>();
                 state->tree = makeTree(3, binds);
@@ -63,44 +79,31 @@ Case making(std::string const& name, Make const& make, Show const& show, bool bi
             }};
 }
 
-/// The tree copied in one way or another, with leaves bound on the way.
-auto const kShowTree = [](ScalarPtr const& tree) { return bitsOf(*tree); };
-
 struct WholeWalk : FieldVisitor {
     using FieldVisitor::operator();
     void operator()(Field& node) override { node.accept(*this); }
 };
 
 TEST_F(Faults, OfMakingAndCopyingTrees) {
-    std::vector<Case> const cases{
-        making(
-            "make",
-            [](ScalarPtr const& tree) -> ScalarPtr {
-                auto const a = makePtr<VectorFieldAdvect>(makePtr<VectorFieldPosition>(),
-                                                          makePtr<ScalarFieldGradient>(tree), 1.0F);
-                auto const late = makePtr<ScalarOrvaneTriggered>("d", SamplerType::kLinear);
-                return makePtr<ScalarFieldAdd>(makePtr<VectorFieldDotProduct>(a, a), late);
-            },
-            kShowTree),
-        making(
-            "clone", [](ScalarPtr const& tree) { return tree.clone(); }, kShowTree),
-        making(
-            "withExactGradients", [](ScalarPtr const& tree) { return withExactGradients(tree); },
-            kShowTree),
-        making(
-            "hasExactGradients",
-            [](ScalarPtr const& tree) { return hasExactGradients(*tree).differences; },
-            [](std::vector<std::string> const& names) { return Bits() << names; }),
-        making(
-            "accept",
-            [](ScalarPtr const& tree) {
-                ScalarPtr copy = tree.clone();
-                WholeWalk walk;
-                copy->accept(walk);
-                return copy;
-            },
-            kShowTree)};
-    for (Case const& one : cases) failEach(one);
+    auto const make = [](ScalarPtr const& tree) -> ScalarPtr {
+        auto const a = makePtr<VectorFieldAdvect>(makePtr<VectorFieldPosition>(),
+                                                  makePtr<ScalarFieldGradient>(tree), 1.0F);
+        auto const late = makePtr<ScalarOrvaneTriggered>("d", SamplerType::kLinear);
+        return makePtr<ScalarFieldAdd>(makePtr<VectorFieldDotProduct>(a, a), late);
+    };
+    auto const accept = [](ScalarPtr const& tree) {
+        ScalarPtr copy = tree.clone();
+        WholeWalk walk;
+        copy->accept(walk);
+        return copy;
+    };
+    for (Case const& one :
+         {making("make", make), making("accept", accept),
+          making("clone", [](ScalarPtr const& tree) { return tree.clone(); }),
+          making("withExactGradients", [](ScalarPtr const& t) { return withExactGradients(t); }),
+          making("hasExactGradients",
+                 [](ScalarPtr const& tree) { return hasExactGradients(*tree).differences; })})
+        failEach(one);
 }
 
 /// The results at as many positions as take point calls, blocks, and fused blocks.
@@ -133,93 +136,83 @@ TEST_F(Faults, OfBatches) {
     });
 }
 
-template <class Traits, class T>
-Bits bitsOf(Container<Traits> const& tree, DataChannel<Traits, T> const* channel) {
-    Bits bits;
-    for (int depth = 0; depth <= tree.depth(); ++depth) {
-        bits << static_cast<float>(tree.tileCount(depth));
-        if (!channel || !channel->fits(tree)) continue;
-        T const* const samples = channel->samples({0, depth});
-        for (long long i = 0; i < channel->elementCount(depth); ++i) bits << samples[i];
-    }
-    return bits;
+/// Work on a volume of its own, after some more. Its samples may be overwritten in part when it
+/// fails, unless it keeps them.
+template <class Traits>
+Case onVolume(std::string const& name, bool keepsSamples,
+              std::function<void(Volume<Traits, float>&)> const& work,
+              std::function<void(Volume<Traits, float>&)> const& before = {}) {
+    return {name, [=] {
+                auto const volume = std::make_shared<Volume<Traits, float>>(
+                    volumes::build<Traits, float>(volumes::waves<float>));
+                if (before) before(*volume);
+                auto const done = std::make_shared<bool>(false);
+                return Attempt{[=] {
+                                   work(*volume);
+                                   *done = true;
+                               },
+                               [=] { return bitsOf(*volume, keepsSamples || *done); }};
+            }};
 }
 
-/// Work on a volume of its own, whose samples may be overwritten in part when it fails.
-template <class Traits, class T> struct VolumeCase {
-    using Made = Volume<Traits, T>;
-
-    static Case of(std::string const& name, std::function<void(Made&)> const& work,
-                   bool keepsSamples) {
-        return {name, [=] {
-                    auto const volume =
-                        std::make_shared<Made>(volumes::build<Traits, T>(volumes::waves<T>));
-                    auto const done = std::make_shared<bool>(false);
-                    return Attempt{[=] {
-                                       work(*volume);
-                                       *done = true;
-                                   },
-                                   [=] {
-                                       bool const reads = keepsSamples || *done;
-                                       return bitsOf(*volume->container,
-                                                     reads ? volume->channel.get() : nullptr);
-                                   }};
-                }};
-    }
-};
+/// Work on trees and their channels, which differs in the kinds of trees.
+template <class Traits> std::vector<Case> treeCases() {
+    using Made = Volume<Traits, float>;
+    auto const addTile = [](Made& volume) {
+        constexpr int kHigh = static_cast<int>(Traits::kRootWidth / 2) - 1;
+        volume.container->addTile(kHigh, kHigh, kHigh, Traits::kMaxDepth);
+    };
+    auto const refine = [](Made& volume) {
+        auto const corner = [](float3 const& low, float3 const&, int) {
+            return low.x < -0.4F && low.y < -0.4F;
+        };
+        refineTree<Traits>(*volume.container, Traits::kBranch == 2 ? 3 : 2, corner);
+    };
+    auto const copy = [](Made& volume) {
+        volume.container = makePtr<Container<Traits>>(*volume.container);
+        auto const channel = makePtr<DataChannel<Traits, float>>(*volume.channel);
+        channel->update(*makePtr<VoxelTopology<Traits>>(volume.container));
+        volume.channel = channel;
+    };
+    auto const update = [](Made& volume) {
+        volume.channel->setDepth(Traits::kMaxDepth, *volume.topology);
+    };
+    return {onVolume<Traits>("addTile", true, addTile),
+            onVolume<Traits>("refineTree", true, refine), onVolume<Traits>("copy", false, copy),
+            onVolume<Traits>("update", true, update, addTile)};
+}
 
 TEST_F(Faults, OfVolumes) {
     using Traits = BinaryTraits;
-    using Of = VolumeCase<Traits, float>;
+    using Made = Volume<Traits, float>;
     static ScalarPtr const ball = makePtr<ScalarFieldAdd>(
         makePtr<ScalarFieldSphere>(float3{}, 0.4F),
         makePtr<ScalarFieldSimplexNoise>(makePtr<ScalarFieldConstant>(0.0F), 3));
     Box const box{{-0.5F, -0.5F, -0.5F}, {0.5F, 0.5F, 0.5F}};
     float const voxel = 1 / static_cast<float>(Traits::kRootWidth);
     auto const replace = [=](bool parallel) {
-        return [=](Of::Made& volume) {
+        return [=](Made& volume) {
             BuildOptions options;
             options.parallel = parallel;
             options.maxDepth = 3;
             volume = buildVolume<Traits>(*ball, box, voxel, 1, options);
         };
     };
-    std::vector<Case> const cases{
-        Of::of("buildVolume", replace(true), true),
-        Of::of("buildVolume, on this thread", replace(false), true),
-        Of::of(
-            "buildVolume over a tree",
-            [](Of::Made& volume) { volume = buildVolume(volume, *ball); }, true),
-        Of::of(
-            "fillChannel",
-            [](Of::Made& volume) { fillChannel(*volume.channel, *volume.topology, *ball); }, false),
-        Of::of(
-            "platform buildVolume",
-            [](Of::Made& volume) { volume = volumes::build<Traits, float>(volumes::plane<float>); },
-            true),
-        Of::of(
-            "refineTree",
-            [](Of::Made& volume) {
-                refineTree<Traits>(*volume.container, 3,
-                                   [](float3 const& low, float3 const&, int) { return low.x < 0; });
-            },
-            false),
-        Of::of(
-            "copy",
-            [](Of::Made& volume) {
-                volume.container = makePtr<Container<Traits>>(*volume.container);
-                auto const channel = makePtr<DataChannel<Traits, float>>(*volume.channel);
-                channel->update(*makePtr<VoxelTopology<Traits>>(volume.container));
-                volume.channel = channel;
-            },
-            false),
-        Of::of(
-            "toVolumeObject",
-            [](Of::Made& volume) {
-                toVolumeObject({{"d", volume}, {"e", volume}});
-            },
-            true),
+    auto const fill = [](Made& made) { fillChannel(*made.channel, *made.topology, *ball); };
+    auto const plane = [](Made& made) {
+        made = volumes::build<Traits, float>(volumes::plane<float>);
     };
+    auto const toObject = [](Made& made) { toVolumeObject({{"d", made}, {"e", made}}); };
+    std::vector<Case> cases{
+        onVolume<Traits>("buildVolume", true, replace(true)),
+        onVolume<Traits>("buildVolume, on this thread", true, replace(false)),
+        onVolume<Traits>("buildVolume over a tree", true,
+                         [](Made& volume) { volume = buildVolume(volume, *ball); }),
+        onVolume<Traits>("fillChannel", false, fill),
+        onVolume<Traits>("platform buildVolume", true, plane),
+        onVolume<Traits>("toVolumeObject", true, toObject),
+    };
+    std::ranges::copy(treeCases<Traits>(), std::back_inserter(cases));
     for (bool const pools : {false, true}) {
         ChannelPool::setEnabled(pools);
         ArrayPool::setEnabled(pools);
@@ -230,6 +223,29 @@ TEST_F(Faults, OfVolumes) {
     }
     ChannelPool::setEnabled(false);
     ArrayPool::setEnabled(false);
+    for (Case const& one : treeCases<QuinaryTraits>()) failEach(one);
+}
+
+TEST_F(Faults, OfPools) {
+    ChannelPool::setEnabled(true);
+    auto const volume = volumes::build<BinaryTraits, float>(volumes::plane<float>);
+    Quern::Ptr<HaloChannel<BinaryTraits, float>> channel;
+    for (int n = 0; !channel; ++n) {
+        failAfter(n);
+        try {
+            channel = ChannelPool::allocate<BinaryTraits, float, 5, 0>(1, false, true, 0, 28, 0,
+                                                                       volume.topology.get());
+            EXPECT_GT(n, 0);
+        } catch (std::bad_alloc const&) {
+        }
+        endFailures();
+        EXPECT_EQ(ChannelPool::heldBytes(), 0U);
+    }
+    failAll();  // no memory to note what comes back
+    channel.reset();
+    endFailures();
+    EXPECT_EQ(ChannelPool::heldBytes(), 0U);
+    ChannelPool::setEnabled(false);
 }
 
 /// A node bound to one object, that is then bound to another.
@@ -262,7 +278,7 @@ TEST_F(Faults, OfBinding) {
          {binding<ScalarGeoPropertyTriggered>("ScalarGeoPropertyTriggered", "scalar"),
           binding<ScalarGeoPropertyTriggered>("ScalarGeoPropertyTriggered, converted", "short"),
           binding<VectorGeoPropertyTriggered>("VectorGeoPropertyTriggered", "vector"),
-          making("bind", bindAll, kShowTree, false)})
+          making("bind", bindAll, false)})
         failEach(one);
     // A volume node throws a copy of the exception, of which the text alone is left, and keeps what
     // it has found until then.
@@ -296,25 +312,16 @@ TEST_F(Faults, OfScenes) {
     registerNode<support::OwnScalar>("OwnScalar");
     registerNode<support::OwnSum>("OwnSum");
     static std::string const text = toJson(makeTree());
-    auto const showText = [](std::string const& made) { return Bits() << made; };
-    std::vector<Case> const cases{
-        making(
-            "toJson", [](ScalarPtr const& tree) { return toJson(tree); }, showText),
-        making(
-            "fromJson", [](ScalarPtr const&) { return scalarFromJson(text); }, kShowTree),
-        making(
-            "describe", [](ScalarPtr const& tree) { return describe(tree); }, showText),
-        making(
-            "toDot", [](ScalarPtr const& tree) { return toDot(tree); }, showText),
-        making(
-            "sameTree", [](ScalarPtr const& tree) { return std::to_string(sameTree(tree, tree)); },
-            showText),
-        making(
-            "hashOf", [](ScalarPtr const& tree) { return std::to_string(hashOf(tree)); }, showText),
-        making(
-            "check", [](ScalarPtr const& tree) { return check(tree).size(); },
-            [](std::size_t count) { return Bits() << static_cast<float>(count); })};
-    for (Case const& one : cases) failEach(one);
+    using Tree = ScalarPtr const&;
+    for (Case const& one :
+         {making("toJson", [](Tree tree) { return toJson(tree); }),
+          making("fromJson", [](Tree) { return scalarFromJson(text); }),
+          making("describe", [](Tree tree) { return describe(tree); }),
+          making("toDot", [](Tree tree) { return toDot(tree); }),
+          making("sameTree", [](Tree tree) { return std::to_string(sameTree(tree, tree)); }),
+          making("hashOf", [](Tree tree) { return std::to_string(hashOf(tree)); }),
+          making("check", [](Tree tree) { return std::to_string(check(tree).size()); })})
+        failEach(one);
 
     // A class each, since a class stays registered.
     [&]<int... n>(std::integer_sequence<int, n...>) {
@@ -322,21 +329,6 @@ TEST_F(Faults, OfScenes) {
     }
     (std::make_integer_sequence<int, 12>());
 }
-
-/// Throws at each position, or allocates there.
-struct Faulty : ScalarField {
-    using ScalarField::eval;
-    explicit Faulty(bool throws_) : throws(throws_) {}
-    float eval(float3 const& p, long long i) const override {
-        if (throws) throw i;
-        ::operator delete(::operator new(8));
-        return p.x - static_cast<float>(i);
-    }
-    void preSampleField() const override { ++prepared; }
-    void postSampleField() const override { ++released; }
-    bool throws;
-    mutable int prepared = 0, released = 0;
-};
 
 TEST(FaultsOnThreads, ReachTheCallerOnceAndLeaveTheNextTryAlone) {
     constexpr int kThreads = 8;
@@ -347,20 +339,27 @@ TEST(FaultsOnThreads, ReachTheCallerOnceAndLeaveTheNextTryAlone) {
     Box const box{{-0.5F, -0.5F, -0.5F}, {0.5F, 0.5F, 0.5F}};
     float const voxel = 1 / static_cast<float>(BinaryTraits::kRootWidth);
     auto const volumeOf = [&](ScalarField const& field) {
-        auto const volume = buildVolume<BinaryTraits>(field, box, voxel, 1, {.maxDepth = 3});
-        return bitsOf(*volume.container, volume.channel.get());
+        return bitsOf(buildVolume<BinaryTraits>(field, box, voxel, 1, {.maxDepth = 3}), true);
     };
     Bits const values = Bits() << *tree->eval(positions), samples = volumeOf(*ball);
     for (int const threads : {1, kThreads})
         for (int round = 0; round < 20; ++round) {
             tbb::task_arena arena(threads);
             arena.execute([&] {
-                Faulty const faulty(true), fine(false);
-                EXPECT_THROW(faulty.eval(positions), long long);
+                int prepared = 0, released = 0;
+                support::FunctionField faulty(
+                    [](float3 const&, long long i) { return throw i, 0.0F; }),
+                    fine([](float3 const&p, long long i) {
+                        ::operator delete(::operator new(8));
+                        return p.x - static_cast<float>(i);
+                    });
+                fine.pre = [&] { ++prepared; };
+                faulty.post = fine.post = [&] { ++released; };
+                EXPECT_THROW(faulty.ScalarField::eval(positions), long long);
                 EXPECT_THROW(volumeOf(faulty), long long);
-                EXPECT_EQ(faulty.released, 0);
-                (void)fine.eval(positions);
-                EXPECT_EQ(std::pair(fine.prepared, fine.released), std::pair(1, 1));
+                EXPECT_EQ(released, 0);
+                (void)fine.ScalarField::eval(positions);
+                EXPECT_EQ(std::pair(prepared, released), std::pair(1, 1));
 
                 auto const failing = [](auto const& call) {
                     failAll();
