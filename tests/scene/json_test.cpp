@@ -1,13 +1,11 @@
 #include <gmock/gmock.h>
 
-#include <bit>
-#include <cstring>
-#include <limits>
-
 #include "support/random_nodes.h"
+#include "support/refused.h"
 #include "zel_scene/compare.h"
 #include "zel_scene/describe.h"
 #include "zel_scene/json.h"
+#include "zel_scene/operators.h"
 #include "zel_scene/register_node.h"
 
 // Trees as JSON: what is written is read back, and what people write is read or refused.
@@ -20,24 +18,15 @@ namespace {
 NodeRegistration<OwnScalar> const ownScalar("OwnScalar");
 NodeRegistration<OwnSum> const ownSum("OwnSum");
 
-/// The bits of floats, with one NaN for all.
-template <class T> std::vector<std::uint32_t> bitsOf(Quern::Array<T> const& values) {
-    std::vector<float> floats(static_cast<std::size_t>(values.size()) * sizeof(T) / sizeof(float));
-    if (!floats.empty()) std::memcpy(floats.data(), values.data(), floats.size() * sizeof(float));
-    std::vector<std::uint32_t> bits;
-    for (float const f : floats)
-        bits.push_back(std::isnan(f) ? 0x7fc00000U : std::bit_cast<std::uint32_t>(f));
-    return bits;
-}
-
 template <class Interface>
-void expectSameValues(Quern::Ptr<Interface> const& a, Quern::Ptr<Interface> const& b,
-                      unsigned seed) {
+void expectSameValues(Interface const& a, Interface const& b, unsigned seed) {
     auto const positions = somePositions(70, seed);
-    auto const fromA = Core::Fields::evalAndGrad(*a, positions);
-    auto const fromB = Core::Fields::evalAndGrad(*b, positions);
-    EXPECT_EQ(bitsOf(*fromA.values), bitsOf(*fromB.values));
-    EXPECT_EQ(bitsOf(*fromA.gradients), bitsOf(*fromB.gradients));
+    auto const fromA = Core::Fields::evalAndGrad(a, positions);
+    auto const fromB = Core::Fields::evalAndGrad(b, positions);
+    for (long long i = 0; i < positions.size(); ++i) {
+        EXPECT_TRUE(same((*fromA.values)[i], (*fromB.values)[i]));
+        EXPECT_TRUE(same((*fromA.gradients)[i], (*fromB.gradients)[i]));
+    }
 }
 
 std::string scene(std::string const& root, std::string const& nodes = "") {
@@ -53,12 +42,7 @@ std::string accents(int count) {
 }
 
 std::string errorOf(std::string const& text, SceneLimits const& limits = {}) {
-    try {
-        scalarFromJson(text, limits);
-    } catch (SceneError const& error) {
-        return error.what();
-    }
-    return "none";
+    return messageOf<SceneError>([&] { scalarFromJson(text, limits); });
 }
 
 }  // namespace
@@ -75,7 +59,7 @@ TEST(Json, ReadsBackRandomGraphsOfAllClasses) {
             EXPECT_EQ(toJson(read), text);
             EXPECT_TRUE(sameTree(tree, read));
             EXPECT_EQ(hashOf(tree), hashOf(read));
-            expectSameValues(tree, std::get<decltype(tree)>(read), seed);
+            expectSameValues(*tree, *std::get<decltype(tree)>(read), seed);
         });
 }
 
@@ -128,45 +112,34 @@ TEST(Json, ReadsWhatPeopleWrite) {
         char const* root;
         ScalarPtr tree;
     };
-    ScalarPtr const x = makePtr<ScalarFieldXPosition>();
-    auto const number = [](float value) -> ScalarPtr {
-        return makePtr<ScalarFieldConstant>(value);
-    };
+    using Orvane::Math::FCurve;
+    ScalarPtr const x = xPosition(), one = constant(1), two = constant(2), three = constant(3),
+                    four = constant(4);
     VectorPtr const vector = makePtr<VectorFieldConstant>(float3{1, 2, 3});
-    auto const sum = [](ScalarPtr const& a, ScalarPtr const& b) -> ScalarPtr {
-        return makePtr<ScalarFieldAdd>(a, b);
-    };
-    auto const least = [](ScalarPtr const& a, ScalarPtr const& b) -> ScalarPtr {
-        return makePtr<ScalarFieldMin>(a, b);
-    };
+    auto const curve =
+        makePtr<FCurve>(std::vector<FCurve::Key>{{0, 1}, {1, 2, 0.5, 0.5, FCurve::Segment::kCubic}},
+                        FCurve::Extrapolation::kConstant, FCurve::Extrapolation::kConstant);
     Case const cases[] = {
-        {"7", number(7)},
+        {"7", constant(7)},
         {R"({"type": "Sphere"})", makePtr<ScalarFieldSphere>(float3{}, 1.0F)},
         {R"({"type": "zel::ScalarFieldSphere", "radius": 2, "comment": "large"})",
          makePtr<ScalarFieldSphere>(float3{}, 2.0F)},
-        {R"({"type": "Add", "a": {"type": "XPosition"}, "b": -1.5e1})", sum(x, number(-15))},
-        {R"({"type": "Add", "children": [1, 2, 3, 4]})",
-         sum(sum(sum(number(1), number(2)), number(3)), number(4))},
+        {R"({"type": "Add", "a": {"type": "XPosition"}, "b": -1.5e1})", x + -15},
+        {R"({"type": "Add", "children": [1, 2, 3, 4]})", one + two + three + four},
         {R"({"type": "Min", "children": [1, 2, 3, 4, 5]})",
-         least(least(least(number(1), number(2)), least(number(3), number(4))), number(5))},
+         min(min(min(one, two), min(three, four)), 5)},
         {R"({"type": "Multiply", "children": [{"type": "XPosition"}]})", x},
-        {R"({"type": "Length", "field": [1, 2, 3]})", makePtr<VectorFieldLength>(vector)},
+        {R"({"type": "Length", "field": [1, 2, 3]})", length(vector)},
         {R"({"type": "DotProduct", "a": {"type": "Negative", "field": [1, 2, 3]}, "b": [1, 2, 3]})",
-         makePtr<VectorFieldDotProduct>(makePtr<VectorFieldNegative>(vector),
-                                        makePtr<VectorFieldConstant>(float3{1, 2, 3}))},
+         dot(-vector, vector.clone())},
         {R"({"type": "Rotate", "field": 1, "rotation": [0, 0, 0.5]})",
-         makePtr<ScalarFieldRotate>(number(1), float3{0, 0, 0.5F})},
+         rotate(one, float3{0, 0, 0.5F})},
         {R"({"type": "Plane", "normal": [0.1, 5, 3]})",
          makePtr<ScalarFieldPlane>(float3{}, float3{0.1F, 5, 3})},
         {R"({"type": "FractalNoise", "octaves": 3, "seed": -5})",
-         makePtr<ScalarFieldFractalNoise>(1.0F, 3.0F, 1.0F, 0.5F, 0.5F, number(0), 1.0F, -5)},
+         makePtr<ScalarFieldFractalNoise>(1.0F, 3.0F, 1.0F, 0.5F, 0.5F, constant(0), 1.0F, -5)},
         {R"({"type": "FCurve", "field": 2, "curve": {"keys": [[0, 1], [1, 2, 0.5, "cubic"]]}})",
-         makePtr<ScalarFieldFCurve>(
-             number(2), makePtr<Orvane::Math::FCurve>(
-                            std::vector<Orvane::Math::FCurve::Key>{
-                                {0, 1}, {1, 2, 0.5, 0.5, Orvane::Math::FCurve::Segment::kCubic}},
-                            Orvane::Math::FCurve::Extrapolation::kConstant,
-                            Orvane::Math::FCurve::Extrapolation::kConstant))},
+         makePtr<ScalarFieldFCurve>(two, curve)},
         {R"({"type": "ScalarOrvaneTriggered", "channel": "density"})",
          makePtr<ScalarOrvaneTriggered>("density", SamplerType::kLinear)},
     };
@@ -174,11 +147,10 @@ TEST(Json, ReadsWhatPeopleWrite) {
         EXPECT_TRUE(sameTree(scalarFromJson(scene(root)), tree)) << root;
 
     ScalarPtr const ball = makePtr<ScalarFieldSphere>(float3{}, 0.5F);
-    EXPECT_TRUE(
-        sameTree(scalarFromJson(scene(
-                     R"({"type": "Add", "a": "ball", "b": {"type": "Negative", "field": "ball"}})",
-                     R"({"ball": {"type": "Sphere", "radius": 0.5}, "unused": 4})")),
-                 sum(ball, makePtr<ScalarFieldNegative>(ball))));
+    std::string const text =
+        scene(R"({"type": "Add", "a": "ball", "b": {"type": "Negative", "field": "ball"}})",
+              R"({"ball": {"type": "Sphere", "radius": 0.5}, "unused": 4})");
+    EXPECT_TRUE(sameTree(scalarFromJson(text), ball + -ball));
 }
 
 TEST(Json, NamesWhatIsWrongAndWhere) {
@@ -269,13 +241,7 @@ TEST(Json, NamesWhatIsWrongAndWhere) {
 }
 
 TEST(Json, RefusesWhatIsBeyondALimit) {
-    constexpr int kDeep = 100'000;
-    std::string deep;
-    for (int i = 0; i < kDeep; ++i) deep += R"({"type": "Negative", "field": )";
-    deep += '1' + std::string(kDeep, '}');
-    EXPECT_NE(errorOf(scene(deep)).find("limit of"), std::string::npos);
-    EXPECT_EQ(errorOf(scene(deep), {.depth = 200'000}), "none");
-    EXPECT_NE(errorOf(std::string(1'000'000, '[')).find("nested deeper"), std::string::npos);
+    EXPECT_THAT(errorOf(std::string(1'000'000, '[')), HasSubstr("nested deeper"));
 
     // Each name doubles the depth of the tree, but for the call stack it is flat.
     std::string names = "{\"n0\": {\"type\": \"XPosition\"}";
@@ -295,16 +261,10 @@ TEST(Json, RefusesWhatIsBeyondALimit) {
 
 TEST(Json, RefusesTreesThatAFileCannotHold) {
     struct Unknown : ScalarField {};
-    auto const errorOfTree = [](ScalarPtr const& tree) -> std::string {
-        try {
-            toJson(tree);
-        } catch (SceneError const& error) {
-            return error.what();
-        }
-        return "none";
+    auto const errorOfTree = [](ScalarPtr const& tree) {
+        return messageOf<SceneError>([&] { toJson(tree); });
     };
-    EXPECT_EQ(errorOfTree(makePtr<ScalarFieldNegative>(
-                  makePtr<ScalarFieldAdd>(makePtr<ScalarFieldXPosition>(), nullptr))),
+    EXPECT_EQ(errorOfTree(-ScalarPtr(makePtr<ScalarFieldAdd>(xPosition(), nullptr))),
               "/root/field/b: wanted a scalar field, found null");
     EXPECT_EQ(errorOfTree(makePtr<ScalarFieldNegative>(makePtr<Unknown>())).substr(0, 27),
               "/root/field: the class Json");

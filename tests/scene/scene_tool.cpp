@@ -1,4 +1,4 @@
-// scene_tool schema, or scene_tool dot|json|describe FILE: prints what libzel_scene makes of it.
+// scene_tool schema, or scene_tool dot|json FILE: prints what libzel_scene makes of it.
 
 #include <clocale>
 #include <cstdio>
@@ -21,9 +21,7 @@ int main(int argc, char** argv) try {
         std::ifstream stream(argc > 2 ? argv[2] : "");
         zel::Tree const tree =
             zel::fromJson(std::string(std::istreambuf_iterator<char>(stream), {}));
-        std::cout << (mode == "dot"    ? zel::toDot(tree)
-                      : mode == "json" ? zel::toJson(tree)
-                                       : zel::describe(tree));
+        std::cout << (mode == "dot" ? zel::toDot(tree) : zel::toJson(tree));
     }
     return std::cout.flush() ? 0 : 2;
 } catch (std::exception const& error) {
