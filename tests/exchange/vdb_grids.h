@@ -18,9 +18,7 @@ struct Grid;
 using GridPtr = std::shared_ptr<Grid>;
 
 GridPtr sphere(float radius, float3 const& centre, float voxelSize);
-GridPtr dodecahedron(float scale, float3 const& centre, float voxelSize);
 /// Copies, changed by a tool of OpenVDB.
-GridPtr smoothed(GridPtr const& levelSet);
 GridPtr fogOf(GridPtr const& levelSet);
 GridPtr unionOf(GridPtr const& a, GridPtr const& b);
 GridPtr inDouble(GridPtr const& grid);

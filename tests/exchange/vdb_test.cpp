@@ -2,20 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <limits>
 #include <map>
-#include <random>
 
 #include "exchange/files.h"
 #include "exchange/vdb_grids.h"
+#include "support/refused.h"
 #include "zel/zel.h"
-#include "zel_exchange/error.h"
 #include "zel_exchange/vdb_write.h"
 #include "zel_exchange/volume_mesh.h"
 
@@ -61,6 +55,12 @@ void expectNear(std::vector<float> const& ours, std::vector<float> const& theirs
         }
 }
 
+/// Expects that a file is refused with a text that has a part.
+void expectRefused(std::string const& path, std::string const& name, std::string const& part,
+                   zel::ReadVdbOptions const& options = {}) {
+    support::expectRefused<zel::FileError>([&] { zel::readVdb(path, name, options); }, part);
+}
+
 TEST(ReadVdb, AgreesWithBoxSampler) {
     Folder const folder;
     auto const ball = vdb_grids::sphere(1.5F, {0.25F, 0, -0.5F}, 0.0625F);
@@ -69,10 +69,7 @@ TEST(ReadVdb, AgreesWithBoxSampler) {
         float near, far;
     };
     std::vector<Case> cases{
-        {ball, 2, 5},
-        {vdb_grids::fogOf(ball), 2, 5},
-        {vdb_grids::smoothed(vdb_grids::dodecahedron(1, {0, 1, 0}, 0.0625F)), 2, 3},
-        {vdb_grids::inDouble(ball), 2, 5}};
+        {ball, 2, 5}, {vdb_grids::fogOf(ball), 2, 5}, {vdb_grids::inDouble(ball), 2, 5}};
     for (unsigned seed = 0; seed < 6; ++seed)
         cases.push_back({vdb_grids::randomScalars(seed), 45, 310});
     for (std::size_t i = 0; i < cases.size(); ++i) {
@@ -183,22 +180,7 @@ TEST(ReadVdb, PutsGridsWhereTheirTransformsDo) {
         expectNear(vdb_grids::sample(back, at), vdb_grids::sample(grid, at), 0, at);
     }
     vdb_grids::write(folder / "c.vdb", {{"far", vdb_grids::inFrustum(ball)}});
-    try {
-        zel::readVdb(folder / "c.vdb", "far");
-        ADD_FAILURE();
-    } catch (zel::FileError const& error) {
-        EXPECT_NE(std::string(error.what()).find("NonlinearFrustumMap"), std::string::npos);
-    }
-}
-
-std::string errorOf(std::string const& path, std::string const& name,
-                    zel::ReadVdbOptions const& options = {}) {
-    try {
-        zel::readVdb(path, name, options);
-    } catch (zel::FileError const& error) {
-        return error.what();
-    }
-    return {};
+    expectRefused(folder / "c.vdb", "far", "NonlinearFrustumMap");
 }
 
 TEST(ReadVdb, RefusesWhatNoVolumeCanHold) {
@@ -212,17 +194,15 @@ TEST(ReadVdb, RefusesWhatNoVolumeCanHold) {
                             {"tiles", vdb_grids::largeTiles(1000)},
                             {"mask", vdb_grids::booleans()},
                             {"small", ball}});
-    EXPECT_EQ(errorOf(path, "nan"),
-              path.string() + ": grid \"nan\": the value of voxel (2, -3, 4) is nan");
-    EXPECT_NE(errorOf(path, "far").find("voxels at (1073741824, 0, 0)"), std::string::npos);
-    EXPECT_NE(errorOf(path, "tiles", {.maxTiles = 1000000}).find("more than 1000000 tiles"),
-              std::string::npos);
-    EXPECT_NE(errorOf(path, "small", {.maxTiles = 20}).find("more than 20 tiles"),
-              std::string::npos);
-    EXPECT_NE(errorOf(path, "mask").find("\"Tree_bool_5_4_3\""), std::string::npos);
-    EXPECT_NE(errorOf(path, "fog").find("\"nan\", \"far\""), std::string::npos);
-    EXPECT_NE(errorOf(folder / "none.vdb", "a"), "");
-    EXPECT_NE(errorOf(folder / "", "a"), "");
+    expectRefused(path, "nan",
+                  path.string() + ": grid \"nan\": the value of voxel (2, -3, 4) is nan");
+    expectRefused(path, "far", "voxels at (1073741824, 0, 0)");
+    expectRefused(path, "tiles", "more than 1000000 tiles", {.maxTiles = 1000000});
+    expectRefused(path, "small", "more than 20 tiles", {.maxTiles = 20});
+    expectRefused(path, "mask", "\"Tree_bool_5_4_3\"");
+    expectRefused(path, "fog", "\"nan\", \"far\"");
+    expectRefused(folder / "none.vdb", "a", "none.vdb");
+    expectRefused(folder / "", "a", path.parent_path());
     vdb_grids::write(folder / "b.vdb", {{"a", ball}, {"b", vdb_grids::transformed(ball, large)}});
     EXPECT_THROW(zel::readVdbGrids(folder / "b.vdb", {"a", "b"}), zel::FileError);
 }
@@ -268,32 +248,29 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
         std::memcpy(&value, &good[at], sizeof value);
         return value;
     };
-    auto const errorWith = [&](std::size_t at, auto value) {
+    auto const refusedWith = [&](std::size_t at, auto value, char const* part) {
         std::string bad = good;
         std::memcpy(&bad[at], &value, sizeof value);
         support::writeContent(path, bad);
-        return errorOf(path, "a");
+        expectRefused(path, "a", part);
     };
     auto const size = static_cast<std::int64_t>(good.size());
     std::size_t block = good.size() - 9;  // the last one
     while (number(block) != size - static_cast<std::int64_t>(block) - 8) --block;
-    EXPECT_NE(errorWith(block, -number(block)).find("a block of -"), std::string::npos);
+    refusedWith(block, -number(block), "a block of -");
     for (std::size_t const field : {4U, 12U})  // of Blosc's header: all bytes, and compressed ones
-        EXPECT_NE(errorWith(block + 8 + field, std::int32_t{1 << 20}).find("sizes are wrong"),
-                  std::string::npos);
+        refusedWith(block + 8 + field, std::int32_t{1 << 20}, "sizes are wrong");
     std::size_t place = 0;
     while (number(place) != size) ++place;
-    EXPECT_NE(errorWith(place, size + 1).find("the end of a grid at byte"), std::string::npos);
+    refusedWith(place, size + 1, "the end of a grid at byte");
     std::string_view const half = "is_saved_as_half_float";
     std::size_t const type = good.find(half) + half.size() + sizeof(std::uint32_t);
-    EXPECT_NE(errorWith(type, 'r').find("of the type \"rool\""), std::string::npos);
-    EXPECT_NE(errorWith(place, size - 10).find("are left"), std::string::npos);
+    refusedWith(type, 'r', "of the type \"rool\"");
+    refusedWith(place, size - 10, "are left");
     std::string_view const delayed = "__delayedload";
     std::size_t const leaves = good.find(delayed) + delayed.size() + sizeof(std::uint32_t);
-    EXPECT_NE(errorWith(leaves, std::int32_t{1 << 30}).find("1073741824 leaves"),
-              std::string::npos);
-    EXPECT_NE(errorWith(leaves + 4, std::int32_t{1 << 30}).find("1073741824 bytes in"),
-              std::string::npos);
+    refusedWith(leaves, std::int32_t{1 << 30}, "1073741824 leaves");
+    refusedWith(leaves + 4, std::int32_t{1 << 30}, "1073741824 bytes in");
 }
 
 using zel::VdbClass;

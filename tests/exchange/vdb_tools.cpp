@@ -1,6 +1,4 @@
 #include <openvdb/tools/Composite.h>
-#include <openvdb/tools/LevelSetFilter.h>
-#include <openvdb/tools/LevelSetPlatonic.h>
 #include <openvdb/tools/LevelSetSphere.h>
 #include <openvdb/tools/LevelSetUtil.h>
 
@@ -14,16 +12,6 @@ GridPtr sphere(float radius, float3 const& centre, float voxelSize) {
     initialize();
     return wrap(tools::createLevelSetSphere<FloatGrid>(radius, Vec3f(centre.x, centre.y, centre.z),
                                                        voxelSize));
-}
-GridPtr dodecahedron(float scale, float3 const& centre, float voxelSize) {
-    initialize();
-    return wrap(tools::createLevelSetPlatonic<FloatGrid>(
-        12, scale, Vec3f(centre.x, centre.y, centre.z), voxelSize));
-}
-GridPtr smoothed(GridPtr const& levelSet) {
-    auto grid = copyOf(levelSet);
-    tools::LevelSetFilter<FloatGrid>(*grid).mean(1);
-    return wrap(grid);
 }
 GridPtr fogOf(GridPtr const& levelSet) {
     auto grid = copyOf(levelSet);
