@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "zel_exchange/error.h"
+#include "zel_platform/orvane_math/vectors.h"
 
 namespace support {
 
@@ -76,6 +77,13 @@ inline std::vector<std::uint32_t> bitsOf(std::span<float const> numbers) {
     std::vector<std::uint32_t> bits;
     for (float const number : numbers) bits.push_back(std::bit_cast<std::uint32_t>(number));
     return bits;
+}
+inline std::span<float const> floatsOf(std::span<Orvane::Math::float3 const> vectors) {
+    return vectors.empty() ? std::span<float const>()
+                           : std::span(&vectors.front().x, 3 * vectors.size());
+}
+inline std::vector<std::uint32_t> bitsOf(std::span<Orvane::Math::float3 const> vectors) {
+    return bitsOf(floatsOf(vectors));
 }
 
 }  // namespace support

@@ -89,16 +89,15 @@ TEST(Npy, GivesPositionsOfBothOrders) {
             PointView const view = array.viewPoints();
             auto const points = pointsOf(array);
             ASSERT_EQ(view.count, count);
+            std::vector<float3> wanted, viewed;
             for (std::size_t i = 0; i < count; ++i) {
+                std::size_t const x = isFortran ? i : 3 * i, step = isFortran ? count : 1;
+                wanted.push_back({numbers[x], numbers[x + step], numbers[x + 2 * step]});
                 auto const at = static_cast<std::ptrdiff_t>(i) * view.stride;
-                std::size_t const step = isFortran ? count : 1;
-                float const* const wanted = &numbers[isFortran ? i : 3 * i];
-                for (float const* const found : {&points[i].x, &view.x[at]})
-                    ASSERT_EQ(std::bit_cast<int>(*found), std::bit_cast<int>(wanted[0]));
-                ASSERT_EQ(std::bit_cast<int>(view.y[at]), std::bit_cast<int>(wanted[step]));
-                ASSERT_EQ(std::bit_cast<int>(points[i].z), std::bit_cast<int>(wanted[2 * step]));
-                ASSERT_EQ(std::bit_cast<int>(view.z[at]), std::bit_cast<int>(wanted[2 * step]));
+                viewed.push_back({view.x[at], view.y[at], view.z[at]});
             }
+            EXPECT_EQ(bitsOf(points), bitsOf(wanted));
+            EXPECT_EQ(bitsOf(viewed), bitsOf(wanted));
             PointReader reader(folder / "a.npy");
             EXPECT_EQ(reader.count(), count);
             PointChunk chunk = reader.makeChunk(count + 1);

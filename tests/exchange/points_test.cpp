@@ -23,30 +23,21 @@ namespace {
 struct Points {
     std::vector<std::string> names;
     std::vector<float3> positions;
-    std::vector<std::vector<float>> scalars;
-    std::vector<std::vector<float3>> vectors;
+    std::vector<std::vector<float>> properties;  // of each name
 };
 
 Points readAll(PointReader& reader, std::size_t size = 7) {
-    Points all;
-    all.names = reader.propertyNames();
+    Points all{.names = reader.propertyNames(), .positions = {}, .properties = {}};
     PointChunk chunk = reader.makeChunk(size);
-    for (PointChunk::Property const& property : chunk.properties)
-        property.scalars ? all.scalars.emplace_back(), 0 : (all.vectors.emplace_back(), 0);
+    all.properties.resize(chunk.properties.size());
     while (reader.read(chunk)) {
         EXPECT_EQ(chunk.first, all.positions.size());
         all.positions.insert(all.positions.end(), chunk.points().begin(), chunk.points().end());
         for (std::size_t i = 0; i < chunk.properties.size(); ++i) {
-            PointChunk::Property const& property = chunk.properties[i];
-            auto const count = static_cast<std::ptrdiff_t>(chunk.count);
-            if (property.scalars) {
-                auto const* const from = property.scalars->data();
-                all.scalars[i].insert(all.scalars[i].end(), from, from + count);
-            } else {
-                auto const* const from = property.vectors->data();
-                auto& to = all.vectors[i - all.scalars.size()];
-                to.insert(to.end(), from, from + count);
-            }
+            auto const& [name, scalars, vectors] = chunk.properties[i];
+            auto const from = scalars ? std::span<float const>(scalars->data(), chunk.count)
+                                      : floatsOf({vectors->data(), chunk.count});
+            all.properties[i].insert(all.properties[i].end(), from.begin(), from.end());
         }
     }
     return all;
@@ -57,11 +48,6 @@ Points readText(std::string_view text) {
 }
 std::string errorOfText(std::string_view text) {
     return errorOf([&] { readText(text); });
-}
-
-std::span<float const> floatsOf(std::span<float3 const> vectors) {
-    return vectors.empty() ? std::span<float const>()
-                           : std::span(&vectors.front().x, 3 * vectors.size());
 }
 
 std::vector<float3> anyVectors(std::mt19937& random, std::size_t count) {
@@ -98,13 +84,13 @@ TEST(Points, AreReadBackToTheBit) {
             bool const isPly = std::string_view(name) == "a.ply";
             EXPECT_EQ(reader.count(), isPly ? std::optional(std::uint64_t{count}) : std::nullopt);
             Points const points = readAll(reader);
-            EXPECT_EQ(bitsOf(floatsOf(points.positions)), bitsOf(floatsOf(positions)));
-            EXPECT_EQ(bitsOf(points.scalars[0]), bitsOf(values));
+            EXPECT_EQ(bitsOf(points.positions), bitsOf(positions));
+            EXPECT_EQ(bitsOf(points.properties[0]), bitsOf(values));
             ASSERT_EQ(points.names.size(), 13 + 4);
             EXPECT_EQ(points.names[13], "gradient");
-            EXPECT_EQ(bitsOf(floatsOf(points.vectors[0])), bitsOf(floatsOf(vectors)));
+            EXPECT_EQ(bitsOf(points.properties[13]), bitsOf(vectors));
             for (std::size_t i = 0; i < count; ++i)
-                EXPECT_EQ(std::bit_cast<std::uint32_t>(points.vectors[3][i].y),
+                EXPECT_EQ(std::bit_cast<std::uint32_t>(points.properties[16][3 * i + 1]),
                           std::bit_cast<std::uint32_t>(matrices[i][2].y));
             std::filesystem::remove(folder / name);
         }
@@ -128,9 +114,9 @@ TEST(Points, OfTablesHaveNamesAndSeparators) {
     EXPECT_EQ(points.positions, (std::vector<float3>{{8, 7, 3}}));
     EXPECT_THAT(points.names,
                 ElementsAre("a b", "nx", "v_x", "q\"t", "ny", "nz", "v_z", "v_y", "normal", "v"));
-    EXPECT_EQ(points.scalars[3], std::vector<float>{5});
-    EXPECT_EQ(points.vectors[0], (std::vector<float3>{{2, 6, 9}}));
-    EXPECT_EQ(points.vectors[1], (std::vector<float3>{{4, 11, 10}}));
+    EXPECT_EQ(points.properties[3], std::vector<float>{5});
+    EXPECT_EQ(points.properties[8], (std::vector<float>{2, 6, 9}));
+    EXPECT_EQ(points.properties[9], (std::vector<float>{4, 11, 10}));
     EXPECT_THAT(readText("1 2 3 4 5\n").names, ElementsAre("column4", "column5"));
     // A column of the same name has precedence, and two of three components are no vector.
     EXPECT_THAT(readText("x y z vx vy vz v ux uz r g b aX aY aZ\n").names,
@@ -143,7 +129,7 @@ TEST(Points, OfTablesHaveNamesAndSeparators) {
         readText("nan -inf inf\n1e-60 -1e-60 3.4028235e38\n0.0000001e-40 1e-45 -0").positions;
     EXPECT_TRUE(std::isnan(numbers[0].x));
     EXPECT_EQ(numbers[0].y, -INFINITY);
-    EXPECT_EQ(bitsOf(floatsOf(std::span(numbers).subspan(1))),
+    EXPECT_EQ(bitsOf(std::span(numbers).subspan(1)),
               (std::vector<std::uint32_t>{0, 0x80000000U, 0x7F7FFFFFU, 0, 1, 0x80000000U}));
 }
 
@@ -242,7 +228,7 @@ TEST(Points, OfPlyFilesAreReadInAllEncodings) {
         EXPECT_EQ(points.positions[0], (float3{0.5F, -4, 3}));
         EXPECT_EQ(points.positions[1].x, INFINITY);
         EXPECT_TRUE(std::isnan(points.positions[1].z));
-        EXPECT_EQ(points.vectors[0][0], (float3{4294967296.0F, 5, -6}));
+        EXPECT_THAT(points.properties[3], ElementsAre(4294967296.0F, 5, -6, 0, 0, 0));
 
         // Every shorter file is refused, up to the elements behind the vertices.
         std::size_t const behind = text.ends_with("1\n") ? 3 : 4;
