@@ -1,4 +1,3 @@
-#include <cmath>
 #include <random>
 
 #include "support/probe.h"
@@ -98,27 +97,6 @@ TEST(Math, Vectors) {
         EXPECT_TRUE((a > b) == above && (b < a) == above) << a.x << " " << a.y << " " << a.z;
         EXPECT_TRUE((a < b) == below && (b > a) == below) << a.x << " " << a.y << " " << a.z;
     }
-}
-
-TEST(Math, Matrices) {
-    float3x3 const &a = kMatrixA, &b = kMatrixB;
-    EXPECT_TRUE(same(a * float3{2, 3, -1}, {11, -16, -17}));
-    EXPECT_TRUE(same(float3{2, 3, -1} * a, {-2.5F, -1, 1}));
-    EXPECT_TRUE(same(a * b, {{{26, 6, -1.5F}, {-41, -15.5F, 12.5F}, {-57, -33, 42}}}));
-    EXPECT_TRUE(same(a * identity(), a));
-    float3x3 const divided = float3x3{{{5, 7, 49}, {}, {98, 0, -5}}} / 49.0F;
-    EXPECT_TRUE(same(divided, {{{0.102040820F, 0.142857149F, 1}, {}, {2, 0, -0.102040820F}}}));
-    EXPECT_TRUE(same(outerProduct({1, 2, 3}, {4, 5, 6}), {{{4, 5, 6}, {8, 10, 12}, {12, 15, 18}}}));
-}
-
-TEST(Math, Quaternions) {
-    float4 const i{1, 0, 0, 0}, j{0, 1, 0, 0}, k{0, 0, 1, 0};
-    EXPECT_TRUE(i * j == k && j * k == i && k * i == j && j * i == float4(conjugate(k)));
-    EXPECT_EQ((float4{1, 2, 3, 4} * float4{5, 6, 7, 8}), (float4{24, 48, 48, -6}));
-    EXPECT_EQ(rotate({0, 0, 0, 1}, {1, 2, 3}), (float3{1, 2, 3}));
-    EXPECT_EQ(rotate({1, 1, 1, 1}, {1, 2, 3}), (float3{12, 4, 8}));
-    float4 const q{0.1F, -0.5F, 0.7F, 0.5F};  // of length 1
-    EXPECT_TRUE(same(rotate(conjugate(q), rotate(q, {1, 2, 3})), {1, 2, 3}, 2e-6F));
 }
 
 }  // namespace
