@@ -4,11 +4,7 @@
 
 #include <atomic>
 #include <cfenv>
-#include <functional>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #ifdef __SSE__
 #include <xmmintrin.h>
@@ -25,17 +21,16 @@ using namespace support;
 
 TEST(Batch, CallsEachElementOnceBetweenTheHooks) {
     struct Row {
-        long long count, bad = -1;  // the element at which the leaf throws
+        long long count;
         bool insideCancelledGroup = false;
     };
-    for (auto const& [count, bad, cancelled] : std::initializer_list<Row>{
-             {0}, {1}, {2}, {1000}, {100003}, {20000, -1, true}, {1, 0}, {50000, 25000}}) {
+    for (auto const& [count, cancelled] :
+         std::initializer_list<Row>{{0}, {1}, {2}, {1000}, {100003}, {20000, true}}) {
         SCOPED_TRACE(count);
         std::string log;
         Quern::Array<int> calls(count), expected(count, 1);
-        auto const leaf = makePtr<FunctionField>([&, bad = bad](float3 const& p, long long i) {
+        auto const leaf = makePtr<FunctionField>([&](float3 const& p, long long i) {
             EXPECT_EQ(log, "pre");
-            if (i == bad) throw 77;
             std::atomic_ref(calls[i]) += 1;
             return p.x + static_cast<float>(i);
         });
@@ -49,11 +44,6 @@ TEST(Batch, CallsEachElementOnceBetweenTheHooks) {
         ScalarPtr const shared = makePtr<ScalarFieldNegative>(leaf);
         ScalarPtr const tree = makePtr<ScalarFieldAdd>(shared, shared);
         Quern::Array<float3> const positions(count, float3{0.5F, 0, 0});
-        if (bad >= 0) {
-            EXPECT_THROW(tree->eval(positions), int);
-            EXPECT_EQ(log, "pre");
-            continue;
-        }
         Quern::Ptr<Quern::Array<float>> result;
         tbb::task_group_context outer;
         tbb::parallel_for(

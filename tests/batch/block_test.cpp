@@ -1,11 +1,9 @@
-#include <gtest/gtest.h>
 #include <tbb/global_control.h>
 #include <tbb/task_arena.h>
 
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
-#include <string>
 
 #include "support/random_nodes.h"
 #include "support/refused.h"
@@ -141,13 +139,6 @@ class OnOneThread : public testing::Test {
 };
 using BlockCalls = OnOneThread;
 using Fusion = OnOneThread;
-
-TEST_F(Fusion, IsOfOneBatchAndTreeAlone) {
-    auto const tree = makePtr<ScalarFieldAdd>(add(x(), y()), x());
-    expectValues(*tree, manyPositions());
-    *tree = ScalarFieldAdd(add(y(), y()), y());  // another tree at the same place
-    expectValues(*tree, manyPositions());
-}
 
 TEST_F(Fusion, TellsMoreConstantsApartThanItRemembers) {
     ScalarPtr all = y();

@@ -2,7 +2,6 @@
 #include <chrono>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "support/random_nodes.h"
 #include "support/refused.h"
@@ -118,11 +117,7 @@ TEST(Evaluate, KnowsAGraphUntilItChanges) {
     tree.accept(visitor);
     expectBoth(tree);
 
-    struct Replacer final : ChildReplacer {
-        void operator()(ScalarPtr& child) override { child = makePtr<ScalarFieldZPosition>(); }
-        void operator()(VectorPtr&) override {}
-        void operator()(Field&) override {}
-    } replacer;
+    ScalarReplacer replacer(makePtr<ScalarFieldZPosition>());
     tree.replaceChildren(replacer);
     expectBoth(tree);
 
@@ -174,26 +169,19 @@ TEST(Evaluate, RefusesArraysThatDiffer) {
     expectRefused<Refusal>([&] { PointView::of(all, all, all.first(4)); }, "6, 6 and 4");
 }
 
-/// A field that takes its time: 1 ms for 256 positions.
-struct Slow : FunctionField {
-    explicit Slow(std::string& log)
-        : FunctionField([this](float3 const& p, long long i) {
-              if (i % 256 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-              asked.fetch_add(1, std::memory_order_relaxed);
-              return p.x;
-          }) {
-        pre = [&] { log += "pre "; };
-        post = [&] { log += "post "; };
-    }
-    std::atomic<std::size_t> asked = 0;
-};
-
 TEST(Evaluate, TellsItsProgressAndStops) {
     constexpr std::size_t kCount = 100 * 256;
     std::vector<float3> const points(kCount, float3{1, 2, 3});
     for (bool const parallel : {false, true}) {
         std::string log;
-        Slow const field(log);
+        std::atomic<std::size_t> asked = 0;
+        FunctionField field([&](float3 const& p, long long i) {
+            if (i % 256 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            asked.fetch_add(1, std::memory_order_relaxed);
+            return p.x;
+        });
+        field.pre = [&] { log += "pre "; };
+        field.post = [&] { log += "post "; };
         std::vector<float> values(kCount);
         std::atomic<int> reporting = 0;
         std::vector<std::size_t> reports;
@@ -226,14 +214,14 @@ TEST(Evaluate, TellsItsProgressAndStops) {
 
         for (End const how : {End::kThrow, End::kStop}) {
             end = how;
-            std::size_t const before = field.asked;
+            std::size_t const before = asked;
             if (how == End::kStop)
                 EXPECT_THROW(run(), Stopped);
             else
                 EXPECT_THROW(run(), int);
             EXPECT_EQ(log, "pre ");
             EXPECT_EQ(reports.size(), 1U);
-            EXPECT_LT(field.asked - before, kCount);
+            EXPECT_LT(asked - before, kCount);
         }
         EXPECT_THROW(run(), Stopped);
         EXPECT_EQ(log + std::to_string(reports.size()), "0");
