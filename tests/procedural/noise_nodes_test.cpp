@@ -1,5 +1,3 @@
-#include <vector>
-
 #include "support/probe.h"
 #include "zel_platform/orvane_math_support/noise.h"
 
@@ -49,30 +47,6 @@ TEST(FractalNoise, AddsOctavesWithAShareOfTheLast) {
     for (float const none : {0.0F, -0.0F, kNaN}) {
         EXPECT_TRUE(same(fractal(none, 2, 0.5F, 2, nowhere), 0.0F));
         EXPECT_TRUE(same(fractal(8, 2, none, 2, nowhere), 0.0F));
-    }
-}
-
-/// Time 0 and the origin are where people look first: no seed may be more likely to be extreme
-/// there.
-TEST(LayeredNoise, IsAsLargeAtTheOriginAsElsewhere) {
-    ScalarPtr const still = makePtr<ScalarFieldConstant>(0.0F);
-    double squares[2][3] = {};
-    for (int seed = 0; seed < 2000; ++seed)
-        for (bool const elsewhere : {false, true}) {
-            float3 const p = elsewhere ? kAt * (0.37F * static_cast<float>(seed + 1)) : float3{};
-            auto& sums = squares[elsewhere];
-            float const fractal =
-                ScalarFieldFractalNoise(1, 6, 1, 0.5F, 0.5F, still, 1, seed).eval(p, 0);
-            sums[0] += fractal * fractal;
-            for (bool const smooth : {false, true}) {
-                VectorFieldFractalTurbulence const node(1, 6, 1, 0.5F, 0.5F, still, 1, smooth,
-                                                        seed);
-                sums[1 + smooth] += dot(node.eval(p, 0), node.eval(p, 0));
-            }
-        }
-    for (int kind = 0; kind < 3; ++kind) {
-        double const ratio = std::sqrt(squares[0][kind] / squares[1][kind]);
-        EXPECT_LT(std::max(ratio, 1 / ratio), 2) << kind;
     }
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cmath>
 #include <stdexcept>
 
 #include "support/refused.h"
@@ -256,23 +255,6 @@ TYPED_TEST(Lookup, RefusesBadTreesAndStaysAsItWas) {
         for (Tree const* one : {&tree, &empty})
             expectFound<TypeParam>(one->tileAccessor().tile(p.x, p.y, p.z, 4), map, p, 4);
     }
-}
-
-TEST(VolumeObject, TellsComponentsByNameAndType) {
-    ORV::Object object;
-    auto const tree = Quern::makePtr<Container<BinaryTraits>>(1.0f);
-    object.setComponent("tree", tree);
-    object.setComponent("data", Quern::makePtr<DataChannel<BinaryTraits, float>>(
-                                    "data", nullptr, 0, false, true, 0, 28));
-    EXPECT_EQ(object.component<Container<BinaryTraits>>("tree"), tree);
-    EXPECT_FALSE(object.component<Container<QuinaryTraits>>("tree"));
-    EXPECT_TRUE((object.component<DataChannel<BinaryTraits, float>>("data")));
-    EXPECT_FALSE((object.component<DataChannel<BinaryTraits, float3>>("data")));
-    EXPECT_FALSE((object.component<HaloChannel<BinaryTraits, float>>("data")));
-    ORV::Object const copy(object);
-    object.setComponent("tree", {});
-    EXPECT_FALSE(object.component<ORV::Component>("tree"));
-    EXPECT_TRUE(copy.component<ORV::Component>("tree"));
 }
 
 }  // namespace
