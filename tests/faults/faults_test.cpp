@@ -158,15 +158,20 @@ Case onVolume(std::string const& name, bool keepsSamples,
 /// Work on trees and their channels, which differs in the kinds of trees.
 template <class Traits> std::vector<Case> treeCases() {
     using Made = Volume<Traits, float>;
+    constexpr int kHalf = static_cast<int>(Traits::kRootWidth / 2),
+                  kDeep = Traits::kBranch == 2 ? 3 : 2;
     auto const addTile = [](Made& volume) {
-        constexpr int kHigh = static_cast<int>(Traits::kRootWidth / 2) - 1;
-        volume.container->addTile(kHigh, kHigh, kHigh, Traits::kMaxDepth);
+        volume.container->addTile(kHalf - 1, kHalf - 1, kHalf - 1, Traits::kMaxDepth);
+    };
+    auto const addChild = [](Made& volume) {  // to a tile that gets others
+        volume.container->addTile(-kHalf, -kHalf, -kHalf, kDeep);
+        volume.channel->update(*volume.topology);
     };
     auto const refine = [](Made& volume) {
         auto const corner = [](float3 const& low, float3 const&, int) {
             return low.x < -0.4F && low.y < -0.4F;
         };
-        refineTree<Traits>(*volume.container, Traits::kBranch == 2 ? 3 : 2, corner);
+        refineTree<Traits>(*volume.container, kDeep, corner);
     };
     auto const copy = [](Made& volume) {
         volume.container = makePtr<Container<Traits>>(*volume.container);
@@ -178,7 +183,8 @@ template <class Traits> std::vector<Case> treeCases() {
         volume.channel->setDepth(Traits::kMaxDepth, *volume.topology);
     };
     return {onVolume<Traits>("addTile", true, addTile),
-            onVolume<Traits>("refineTree", true, refine), onVolume<Traits>("copy", false, copy),
+            onVolume<Traits>("refineTree", true, refine, addChild),
+            onVolume<Traits>("copy", false, copy),
             onVolume<Traits>("update", true, update, addTile)};
 }
 
