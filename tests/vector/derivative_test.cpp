@@ -49,17 +49,17 @@ double3 components(double a) {
 double3 components(double3 const& a) {
     return a;
 }
-template <class T> std::vector<float> floatsOf(T const& a) {
-    auto const floats = std::bit_cast<std::array<float, sizeof(T) / sizeof(float)>>(a);
-    return {floats.begin(), floats.end()};
+template <class T> auto floatsOf(T const& a) {
+    return std::bit_cast<std::array<float, sizeof(T) / sizeof(float)>>(a);
 }
 
-/// Compares a node's value and gradient with `f(axis, step)`, the function that it should be a step
-/// along an axis away. Whether it could: at a kink or a jump differences to both sides disagree.
-bool compare(std::vector<float> const& got, std::vector<float> const& gradient,
-             std::function<double3(unsigned axis, double step)> const& f) {
+/// Compares a node with `f(axis, step)`, the function that it should be a step along an axis away.
+/// Whether it could: at a kink or a jump the differences to both sides disagree.
+template <class Node, class F> bool compare(Node const& node, float3 const& p, F const& f) {
     constexpr double kStep = 1e-6, kTolerance = 2e-4;
     double3 const value = f(0, 0);
+    auto const got = floatsOf(node.eval(p, 1));
+    auto const gradient = floatsOf(node.grad(p, 1));
     for (unsigned axis = 0; axis < 3; ++axis) {
         double3 const above = (f(axis, kStep) - value) / kStep,
                       below = (value - f(axis, -kStep)) / kStep, slope = (above + below) / 2.0;
@@ -74,8 +74,8 @@ bool compare(std::vector<float> const& got, std::vector<float> const& gradient,
     return true;
 }
 /// Of 200 random nodes that `once` compares.
-void compareMany(std::type_info const& type, std::function<bool()> const& once) {
-    SCOPED_TRACE(typeNameOf(type).c_str());
+template <class Node, class Once> void compareMany(Once const& once) {
+    SCOPED_TRACE(typeNameOf(typeid(Node)).c_str());
     int compared = 0;
     for (int n = 0; n < 200; ++n) compared += once();
     EXPECT_GE(compared, 150);
@@ -120,13 +120,11 @@ template <class Node> auto exact(auto const&... arguments) {
 /// A node of random children, beside `f` of their values.
 template <class Node, class... Parameter, class... Makers>
 void of(auto const& f, std::tuple<Makers...> const& makers, Parameter... parameter) {
-    compareMany(typeid(Node), [&] {
+    compareMany<Node>([&] {
         auto const compareWith = [&](auto const&... c) {
-            auto const node = exact<Node>(c.node..., parameter...);
-            auto const moved = [&](unsigned axis, double h) {
+            return compare(*exact<Node>(c.node..., parameter...), {}, [&](unsigned axis, double h) {
                 return components(f(c.at(axis, h)...));
-            };
-            return compare(floatsOf(node->eval({}, 1)), floatsOf(node->grad({}, 1)), moved);
+            });
         };
         return std::apply([&](auto... make) { return compareWith(make()...); }, makers);
     });
@@ -135,14 +133,13 @@ using Unary = double (*)(double);
 using Binary = double (*)(double, double);
 /// A node beside `f` of the position.
 template <class Node> void at(auto const& f, Node const& node) {
-    compareMany(typeid(Node), [&] {
+    compareMany<Node>([&] {
         float3 const p = numbers(-2, 2);
-        auto const moved = [&](unsigned axis, double h) {
-            double3 there = triple(p);
-            there[axis] += h;
-            return components(f(there));
-        };
-        return compare(floatsOf(node.eval(p, 1)), floatsOf(node.grad(p, 1)), moved);
+        return compare(node, p, [&](unsigned axis, double h) {
+            double3 moved = triple(p);
+            moved[axis] += h;
+            return components(f(moved));
+        });
     });
 }
 
