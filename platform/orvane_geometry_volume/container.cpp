@@ -169,6 +169,7 @@ TreeIndex Container<Traits>::link(Tile* parent, int3 const& childPosition) noexc
             tile.m_index;
     }
     tiles.add(tile);
+    if (tiles.size() == kFew + 1) m_state.trunk = std::min(m_state.trunk, depth - 1);
     ++m_state.total;
     m_state.depth = std::max(m_state.depth, depth);
     return tile.treeIndex();

@@ -1,4 +1,5 @@
 #include "zel_platform/orvane_geometry_volume/container.h"
+#include "zel_platform/quern_core/always_inline.h"
 
 namespace ORV::TileTree3D {
 
@@ -49,13 +50,29 @@ public:
         return child >= 0 ? &level(depth + 1)[child] : &level(depth)[table->owner];
     }
 
+    /// As descend() from the root, by way of the depth above which the tree hardly branches: few
+    /// tiles lie between that depth and a coarse tile, and their child tables stay in the cache. A
+    /// function apart, which leaves a search in its registers where this is not needed.
+    [[gnu::noinline]] static Tile const* descendByTrunk(Container const& tree, int i, int j, int k,
+                                                        int deepest) {
+        Search const search(tree, i, j, k, deepest);
+        Tile const* const root = &tree.m_levels[0][0];
+        int const trunk = std::min(tree.m_state.trunk, deepest - 1);
+        if (trunk <= 0) return search.descend(root, deepest - 1);
+        Tile const* tile = search.below(trunk);
+        if (!tile) return search.descend(root, trunk - 1);
+        for (int steps = 0; steps < kFromTrunk; ++steps)
+            if (!search.step(tile)) return tile;
+        return search.descend(tile, deepest - 1);
+    }
+
     /// The deepest tile over the point that is not too deep, from `tile`, which covers it,
-    /// downwards.
-    Tile const* descend(Tile const* tile) const {
+    /// downwards. No inner tile over the point is deeper than `high`.
+    ZEL_ALWAYS_INLINE Tile const* descend(Tile const* tile, int high) const {
         for (int steps = 0; steps < kClimb; ++steps)
             if (!step(tile)) return tile;
         // All ancestors of an inner tile are inner tiles: a binary search finds the deepest one.
-        int low = tile->m_depth, high = m_deepest - 1;
+        int low = tile->m_depth;
         for (int probe = high; low < high; probe = low + (high - low + 1) / 2) {
             if (Tile const* const found = below(probe)) {
                 tile = found;
@@ -73,6 +90,8 @@ public:
 private:
     /// The number of steps that a look-up climbs, and then descends, before it uses the index.
     static constexpr int kClimb = Traits::kBranch == 2 ? 3 : 1;
+    /// The number of steps down from the trunk, likewise.
+    static constexpr int kFromTrunk = Traits::kBranch == 2 ? 6 : 3;
 
     /// Along one axis: the place of a tile among those of its depth, and the child within it.
     struct Place {
@@ -125,7 +144,8 @@ auto Container<Traits>::ConstTileAccessor::find(int i, int j, int k, int depth) 
     // first.
     if (!tile && deepest > 1)
         if (Tile const* const found = search.below(deepest - 1)) return *(m_currentTile = found);
-    return *(m_currentTile = search.descend(tile ? tile : &tree.m_levels[0][0]));
+    if (!tile) return *(m_currentTile = Search::descendByTrunk(tree, i, j, k, deepest));
+    return *(m_currentTile = search.descend(tile, deepest - 1));
 }
 
 template <class Traits>

@@ -38,7 +38,8 @@ TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
         auto const roaming = tree.tileAccessor();     // one cursor for all, to try every climb
         for (int i = 0; i < 4000; ++i) {
             int depth = random(-1, TypeParam::kMaxDepth + 2);
-            int3 p = points[static_cast<std::size_t>(random(0, 59))];
+            int3 p =
+                points[static_cast<std::size_t>(random(0, static_cast<int>(points.size()) - 1))];
             if (i % 4 == 0) {  // at and around the faces of the tiles over the point
                 int const d = random(0, TypeParam::kMaxDepth);
                 int3 const c = corner<TypeParam>(p, d);
@@ -52,9 +53,12 @@ TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
                     random(0, 1) == 0 ? INT_MIN + random(0, 1) : INT_MAX - random(0, 1);
             } else if (i % 4 == 2) {
                 p = p + int3{random(-9, 9), random(-9, 9), random(-9, 9)};
-            } else if (i % 8 == 3) {  // adds a tile, and a second time the same one
-                p = {random(-3000, 3000), random(-3000, 3000), random(-3000, 3000)};
-                depth = TypeParam::kMaxDepth - random(0, 2);
+            } else if (i % 8 == 3) {               // adds a tile, and a second time the same one
+                bool const wide = round % 2 == 1;  // many tiles beside each other below the root
+                auto const low = wide ? static_cast<int>(kLow<TypeParam>) : -3000, high = -low - 1;
+                p = {random(low, high), random(low, high), random(low, high)};
+                depth =
+                    wide ? random(1, TypeParam::kMaxDepth) : TypeParam::kMaxDepth - random(0, 2);
                 made.add(p, depth);
                 ASSERT_EQ(tree.addTile(p.x, p.y, p.z, depth), indices.back());
             }
