@@ -6,6 +6,7 @@
 #include <string>
 
 #include "vdb_write.h"
+#include "zel/field/evaluate.h"
 
 // Walks through tile trees, and grids of OpenVDB made of them.
 namespace zel::detail {
@@ -112,5 +113,19 @@ openvdb::math::Transform::Ptr transformOf(float voxelSize);
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
                                    openvdb::CoordBBox const& box,
                                    openvdb::math::Transform::Ptr const& transform);
+
+/// The face of a box that is nearest to a position, or that the position is farthest beyond.
+struct BoxFace {
+    double distance;  ///< from the face, negative inside the box
+    float3 normal;    ///< outwards
+};
+BoxFace nearestFace(Box const& box, double const (&p)[3]);
+
+/// Closes the level set of a field at the faces of the box that cut it: it becomes that of the
+/// field's solid within the box, max(field, distance from the faces), whose voxels are active along
+/// the faces, too. The field is evaluated at the first voxels beyond a face. Returns whether a face
+/// cuts the solid; otherwise the grid stays as it is.
+bool closeAtFaces(openvdb::FloatGrid& grid, ScalarField const& field, Box const& box,
+                  float voxelSize, float band, EvaluateOptions const& how);
 
 }  // namespace zel::detail

@@ -38,6 +38,19 @@ float3 normal(float3 const& gradient) {
     return std::isfinite(length) ? g / length : float3{};
 }
 
+/// Adds normals of the field, and of the faces of a box where they cut its solid.
+void addNormals(Mesh& mesh, ScalarField const& field, Box const* cut, EvaluateOptions const& how) {
+    mesh.normals.resize(mesh.positions.size());
+    std::vector<float> values(cut ? mesh.positions.size() : 0);
+    evaluate(field, PointView::of(mesh.positions), values, mesh.normals, how);
+    for (float3& n : mesh.normals) n = normal(n);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        float3 const& p = mesh.positions[i];
+        auto const face = detail::nearestFace(*cut, {p.x, p.y, p.z});
+        if (face.distance > double{values[i]}) mesh.normals[i] = face.normal;
+    }
+}
+
 void addColours(Mesh& mesh, MeshOptions const& options, EvaluateOptions const& how) {
     auto const points = PointView::of(mesh.positions);
     if (options.colour) {
@@ -71,6 +84,10 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     auto const volume = buildVolume<BinaryTraits>(field, detail::widened(box, voxelSize), voxelSize,
                                                   options.band, build);
     auto const grid = detail::levelSetOf(volume, band, detail::voxelsIn(box, voxelSize), transform);
+    EvaluateOptions how;
+    how.parallel = options.parallel;
+    how.stop = options.stop;
+    bool const isCut = detail::closeAtFaces(*grid, field, box, voxelSize, band, how);
     std::vector<openvdb::Vec3s> points;
     std::vector<openvdb::Vec3I> triangles;
     std::vector<openvdb::Vec4I> quads;
@@ -84,14 +101,7 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     // OpenVDB has the corners of a face in clockwise order.
     for (auto const& t : triangles) mesh.triangles.push_back({t[2], t[1], t[0]});
     for (auto const& q : quads) mesh.quads.push_back({q[3], q[2], q[1], q[0]});
-    EvaluateOptions how;
-    how.parallel = options.parallel;
-    how.stop = options.stop;
-    if (options.normals && !points.empty()) {
-        mesh.normals.resize(points.size());
-        evaluate(field, PointView::of(mesh.positions), {}, mesh.normals, how);
-        for (float3& n : mesh.normals) n = normal(n);
-    }
+    if (options.normals && !points.empty()) addNormals(mesh, field, isCut ? &box : nullptr, how);
     addColours(mesh, options, how);
     return mesh;
 }

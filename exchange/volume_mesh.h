@@ -30,8 +30,10 @@ struct MeshOptions {
 
 /// Makes a mesh of the surface where a field is 0, which must be near to a signed distance,
 /// negative inside. Only the band is evaluated at full depth. A solid that reaches out of the box
-/// is closed at the box. Normals are the field's gradient, of length 1, or 0 where the field has
-/// none; the vertices lie within half a voxel of the surface.
+/// is closed at the faces of the box, along which the field is evaluated within a voxel beyond the
+/// box, too. Normals are the field's gradient, or the box's on its faces, of length 1, or 0 where
+/// the field has none; the vertices lie within half a voxel of the surface, and within a voxel
+/// where it is cut.
 ///
 /// Throws std::invalid_argument for what buildVolume() refuses, for a `voxelSize` below about
 /// 1.5e-5, for a band of less than 1.5 voxels, for an adaptivity outside 0 to 1, for both kinds of
