@@ -63,25 +63,29 @@ openvdb::math::Transform::Ptr transformOf(float voxelSize) {
 
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
                                    openvdb::CoordBBox const& box,
-                                   openvdb::math::Transform::Ptr const& transform) {
+                                   openvdb::math::Transform::Ptr const& transform,
+                                   std::function<void(openvdb::Coord const& at)> const& refuse) {
     auto grid = makeGrid<openvdb::FloatGrid>(band);
     auto& tree = grid->tree();
     auto const& tiles = *volume.container;
     forEachUncovered<BinaryTraits, float>(
         tiles, *volume.channel, BinaryTraits::kMaxDepth,
         [&](auto const& tile, int3 const& first, float const* sample) {
-            if (!(*sample < 0)) return;
+            if (*sample >= 0) return;
             int3 const low = tile.tijk() + first * tile.voxelDataWidth();
             openvdb::CoordBBox inside(
                 vdbCoord(low),
                 vdbCoord(low).offsetBy(BinaryTraits::tileWidth(tile.depth() + 1) - 1));
             inside.intersect(box);
-            if (!inside.empty()) fillVoxels(tree, inside, -band, false);
+            if (inside.empty()) return;
+            if (std::isnan(*sample)) refuse(vdbCoord(low));
+            fillVoxels(tree, inside, -band, false);
         });
     openvdb::tree::ValueAccessor<openvdb::FloatTree> voxels(tree);
     forEachSample<BinaryTraits, float>(tiles, *volume.channel, BinaryTraits::kMaxDepth,
                                        [&](int3 const& at, long long /*sample*/, float value) {
                                            if (!box.isInside(vdbCoord(at))) return;
+                                           if (std::isnan(value)) refuse(vdbCoord(at));
                                            if (std::abs(value) < band)
                                                voxels.setValueOn(vdbCoord(at), value);
                                            else if (value < 0)

@@ -2,6 +2,7 @@
 
 #include <openvdb/openvdb.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -109,10 +110,12 @@ Box widened(Box box, float voxelSize);
 /// for 0, which is below about 1.5e-5.
 openvdb::math::Transform::Ptr transformOf(float voxelSize);
 
-/// The level set of a volume that buildVolume() made, clipped to a box of voxels.
+/// The level set of a volume that buildVolume() made, clipped to a box of voxels. Calls
+/// `refuse(at)`, which is to throw, for a voxel at which a sample is NaN that the level set needs.
 openvdb::FloatGrid::Ptr levelSetOf(Volume<BinaryTraits, float> const& volume, float band,
                                    openvdb::CoordBBox const& box,
-                                   openvdb::math::Transform::Ptr const& transform);
+                                   openvdb::math::Transform::Ptr const& transform,
+                                   std::function<void(openvdb::Coord const& at)> const& refuse);
 
 /// The face of a box that is nearest to a position, or that the position is farthest beyond.
 struct BoxFace {

@@ -77,7 +77,8 @@ struct WriteVdbOptions {
 /// 1.5e-5, a box without a voxel, a level set without a band, a band that no field makes, a name
 /// that is empty or used twice, metadata without a name, and a field that is missing;
 /// std::length_error for an inside of more than a million tiles of 4096^3 voxels;
-/// FileError if the file cannot be written, or if a value is not finite, or too large for a half;
+/// FileError if the file cannot be written, if a value is not finite, or too large for a half, or
+/// if a distance is NaN where it is evaluated;
 /// Stopped; and exceptions of nodes and of `progress`. A file that had the name before stays as it
 /// was then.
 ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path,

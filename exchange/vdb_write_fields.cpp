@@ -143,13 +143,9 @@ private:
 
     void addShape(VdbField const& field) {
         auto const volume = m_shapeField == field.scalar.get() ? m_shape : build(*field.scalar);
-        forEachSample<BinaryTraits, float>(
-            *volume.container, *volume.channel, BinaryTraits::kMaxDepth,
-            [&](int3 const& at, long long /*sample*/, float value) {
-                if (std::isnan(value) && m_voxels.isInside(vdbCoord(at)))
-                    m_output.check(field.name, vdbCoord(at), value);
-            });
-        auto grid = levelSetOf(volume, band(), m_voxels, m_transform);
+        auto grid = levelSetOf(volume, band(), m_voxels, m_transform, [&](Coord const& at) {
+            m_output.check(field.name, at, std::numeric_limits<float>::quiet_NaN());
+        });
         if (field.gridClass == VdbClass::kFogVolume)
             grid = fogOf(*grid, band());
         else

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -83,7 +84,12 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     build.progress = options.progress;
     auto const volume = buildVolume<BinaryTraits>(field, detail::widened(box, voxelSize), voxelSize,
                                                   options.band, build);
-    auto const grid = detail::levelSetOf(volume, band, detail::voxelsIn(box, voxelSize), transform);
+    auto const grid = detail::levelSetOf(
+        volume, band, detail::voxelsIn(box, voxelSize), transform, [&](openvdb::Coord const& at) {
+            std::ostringstream place;
+            place << transform->indexToWorld(at);
+            throw std::invalid_argument("zel::meshOf: the field is NaN at " + place.str());
+        });
     EvaluateOptions how;
     how.parallel = options.parallel;
     how.stop = options.stop;

@@ -36,9 +36,10 @@ struct MeshOptions {
 /// where it is cut.
 ///
 /// Throws std::invalid_argument for what buildVolume() refuses, for a `voxelSize` below about
-/// 1.5e-5, for a band of less than 1.5 voxels, for an adaptivity outside 0 to 1, for both kinds of
-/// colours and for more than three channels; std::length_error for more than 2^32 vertices, or an
-/// inside of more than a million tiles of 4096^3 voxels.
+/// 1.5e-5, for a field that is NaN where it is evaluated in the box, for a band of less than 1.5
+/// voxels, for an adaptivity outside 0 to 1, for both kinds of colours and for more than three
+/// channels; std::length_error for more than 2^32 vertices, or an inside of more than a million
+/// tiles of 4096^3 voxels.
 ZEL_EXCHANGE_API Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize,
                              MeshOptions const& options = {});
 

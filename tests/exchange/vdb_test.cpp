@@ -412,6 +412,11 @@ TEST(WriteVdb, RefusesAndLeavesNothing) {
     EXPECT_THROW(write({{"a", big}}, {.half = true}), zel::FileError);
     auto const nan = Quern::makePtr<zel::ScalarFieldConstant>(std::nanf(""));
     EXPECT_THROW(write({{"a", nan}}, {}), zel::FileError);
+    for (float const voxel : {0.5F, 0.2F, 0.1F, 0.05F}) {
+        EXPECT_THROW(write({{"a", nan, {}, VdbClass::kLevelSet}}, {.band = 3}, voxel),
+                     zel::FileError);
+        EXPECT_THROW(zel::meshOf(*nan, kBox, voxel), std::invalid_argument);
+    }
     for (int axis = 0; axis < 3; ++axis) {
         zel::Box box = kBox;
         box.low[axis] = 7.1F * kVoxel;
