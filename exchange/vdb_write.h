@@ -121,9 +121,10 @@ private:
     std::unique_ptr<State> m_state;
 };
 
-/// Writes back all grids of a volume that was read, in the place and of the class that it had.
-/// Voxels whose value is not the background are active; in a level set, those nearer to the surface
-/// than the background. Throws FileError as above, and std::invalid_argument for voxels of a volume
+/// Writes back all grids of a volume that was read, in the place and of the class and the vector
+/// type that it had. Other metadata of the file and its grids are lost. Voxels whose value is not
+/// the background are active; in a level set, those nearer to the surface than the background.
+/// Throws FileError as writeVdb() of fields does, and std::invalid_argument for voxels of a volume
 /// below 3e-15, which OpenVDB takes for 0.
 ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
                                WriteVdbOptions const& options = {});
@@ -140,7 +141,7 @@ struct VdbChannel {
 /// they are constant; of a level set, coarse tiles have the background with the sign of their
 /// samples. The background is the default value. Throws std::invalid_argument, with the name, for
 /// channels that are missing or vary in coarse tiles: such a channel may be written as a field.
-/// Throws exceptions as above.
+/// Throws FileError as writeVdb() of fields does.
 ZEL_EXCHANGE_API void writeVdb(std::filesystem::path const& path, Orvane::Object const& object,
                                std::vector<VdbChannel> const& channels,
                                WriteVdbOptions const& options = {});
