@@ -53,7 +53,8 @@ void addScene(CLI::App& app, SceneOptions& options) {
                    "CHANNEL=FILE.vdb or CHANNEL=FILE.vdb:GRID: the volume that the leaves with "
                    "this channel read; volume=FILE.vdb binds all channels that the file has")
         ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        ->take_all()
+        ->allow_extra_args(false);
     app.add_flag("--allow-unbound", options.allowUnbound, "take 0 for what is not bound");
 }
 

@@ -236,8 +236,8 @@ class Test(unittest.TestCase):
                      "--bind", "wind=ball.vdb:dense")
         self.refused("looks for no channel dust; open channels: surface", "eval", leaf, "points.npy",
                      "--bind", "dust=ball.vdb")
-        self.refused("wind.vdb: has no grid for the channels surface; its grids: .wind.", "eval", leaf,
-                     "points.npy", "--bind", "volume=wind.vdb")
+        self.refused("wind.vdb: has no grid for the channels surface; its grids: .wind.", "eval", "--bind",
+                     "volume=wind.vdb", leaf, "points.npy", "points.npy")
 
         red = scene("red.json", {"type": "VectorFieldConstant", "value": [1, 0, 0.2]})
         run("mesh", self.ball, *box, "--voxel", 0.05, "--color", red, "-o", "ball.ply")
