@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <span>
 #include <stdexcept>
+#include <system_error>
 
 #include "vdb_archive.h"
 
@@ -103,11 +105,21 @@ void VdbOutput::write() {
     metadata.insertMeta("creator", openvdb::StringMetadata(m_options.creator));
     for (auto const& [name, value] : m_options.metadata)
         metadata.insertMeta(name, openvdb::StringMetadata(value));
+    auto const fail = [&](std::string const& why) {
+        throw FileError(m_path.string(), {}, "cannot be written: " + why);
+    };
     try {
-        std::ofstream stream(m_file->temporaryPath(), std::ios::binary);
+        errno = 0;
+        std::ofstream stream;
+        // Thrown where the system refuses bytes, errno still tells why.
+        stream.exceptions(std::ios::badbit | std::ios::failbit);
+        stream.open(m_file->temporaryPath(), std::ios::binary);
         writeVdbFile(stream, m_grids, m_leaves, metadata);
+        stream.close();
+    } catch (std::ios_base::failure const& error) {
+        fail(errno != 0 ? std::generic_category().message(errno) : error.what());
     } catch (openvdb::Exception const& error) {
-        throw FileError(m_path.string(), {}, std::string("cannot be written: ") + error.what());
+        fail(error.what());
     }
     checkComplete();
     std::string const header = headerOf(m_file->temporaryPath());
@@ -115,7 +127,7 @@ void VdbOutput::write() {
     m_file->commit();
 }
 
-/// OpenVDB does not report a full disk.
+/// Reads the places of the grids back.
 void VdbOutput::checkComplete() const {
     try {
         FileView const view(m_file->temporaryPath());

@@ -329,6 +329,9 @@ class Test(unittest.TestCase):
         for name in ("a" * 251 + ".npy", "\u00e9" * 125 + "a.npy"):
             run("volume", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", name)
             os.remove(name)
+        limited = subprocess.run(["bash", "-c", 'ulimit -f 20; exec "$0" volume ball.json --box 0,0,0,2,2,2 --voxel .05 -o a.vdb',
+                                  zel], capture_output=True, text=True)
+        self.assertIn("a.vdb: cannot be written: File too large", limited.stderr)
         self.refused("points.csv: ", "info", "points.csv")
         self.refused("(?i)subcommand")
         self.refused("--nothing", "show", self.ball, "--nothing")
