@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -11,6 +9,7 @@
 #include <zel/field/evaluate.h>
 #include <zel/node/exact_gradients.h>
 #include <zel_exchange/npy.h>
+#include <zel_exchange/output_file.h>
 #include <zel_exchange/points.h>
 
 #include "commands.h"
@@ -120,10 +119,7 @@ private:
 
     /// Standard output, devices and pipes take a table.
     static zel::PointFormat formatOf(std::string const& path) {
-        struct stat status {};
-        if (path == "-" || (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)))
-            return zel::PointFormat::kCsv;
-        return zel::pointFormatOf(path);
+        return zel::OutputFile::isDirect(path) ? zel::PointFormat::kCsv : zel::pointFormatOf(path);
     }
 
     /// Prepares the work of several ranks.

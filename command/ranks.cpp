@@ -81,15 +81,13 @@ SharedFile::SharedFile(Ranks& ranks, std::filesystem::path const& path, std::str
                        std::uint64_t size)
     : m_ranks(ranks), m_name(path.string()), m_end(header.size()) {
     if (ranks.isRoot()) {
+        if (!ranks.isAlone() && zel::OutputFile::isDirect(path))
+            throw zel::FileError(m_name, {}, "is no regular file, which several ranks need");
         m_output.emplace(path);
         m_output->write(header);
     }
     if (ranks.isAlone()) return;
-    if (ranks.isRoot()) {
-        if (m_output->isDirect())
-            throw zel::FileError(m_name, {}, "is no regular file, which several ranks need");
-        reserve(size);
-    }
+    if (ranks.isRoot()) reserve(size);
     std::filesystem::path const temporary =
         ranks.fromRoot(ranks.isRoot() ? m_output->temporaryPath().string() : std::string());
     guardFile(temporary);

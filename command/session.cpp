@@ -76,13 +76,9 @@ void print(std::string const& text) {
 }
 
 void expectWritable(std::string const& path) {
-    namespace fs = std::filesystem;
     std::error_code ignored;
-    fs::file_status const status = fs::status(path, ignored);
-    if (path == "-" ||
-        (fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status)))
-        return;
-    zel::OutputFile const file(path);
+    if (!zel::OutputFile::isDirect(path) || std::filesystem::is_directory(path, ignored))
+        zel::OutputFile const file(path);
 }
 
 std::string printable(std::string const& text) {

@@ -54,6 +54,12 @@ void expectOpen(std::FILE const* stream) {
 
 }  // namespace
 
+bool OutputFile::isDirect(fs::path const& path) {
+    std::error_code ignored;
+    fs::file_status const status = fs::status(path, ignored);
+    return path == "-" || (fs::exists(status) && !fs::is_regular_file(status));
+}
+
 OutputFile::OutputFile(fs::path path) : m_name(path.string()), m_path(std::move(path)) {
     if (m_path == "-") {
         m_name = "standard output";
@@ -61,9 +67,7 @@ OutputFile::OutputFile(fs::path path) : m_name(path.string()), m_path(std::move(
         m_stream = stdout;
         return;
     }
-    std::error_code ignored;
-    fs::file_status const status = fs::status(m_path, ignored);
-    if (fs::exists(status) && !fs::is_regular_file(status)) {
+    if (isDirect(m_path)) {
         m_temporary = m_path;
         m_stream = std::fopen(m_path.c_str(), "wbe");
     } else {

@@ -20,7 +20,11 @@ namespace zel {
 /// it.
 class ZEL_EXCHANGE_API OutputFile {
 public:
-    /// Throws FileError if the file cannot be made.
+    /// Whether there is a device, a pipe or a folder of this name, which is not opened to know it,
+    /// or the name is that of the standard output: no file beside can replace it.
+    static bool isDirect(std::filesystem::path const& path);
+
+    /// Throws FileError if the file cannot be made. Waits for the reader of a pipe.
     explicit OutputFile(std::filesystem::path path);
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;

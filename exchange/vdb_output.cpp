@@ -87,9 +87,9 @@ void VdbOutput::add(std::string const& name, openvdb::GridBase::Ptr const& grid,
 }
 
 std::filesystem::path VdbOutput::begin() {
-    m_file.emplace(m_path);
-    if (m_file->isDirect())
+    if (OutputFile::isDirect(m_path))
         throw FileError(m_path.string(), {}, "is no regular file, which OpenVDB needs");
+    m_file.emplace(m_path);
     return m_file->temporaryPath();
 }
 

@@ -297,6 +297,7 @@ class Test(unittest.TestCase):
         for name in ("volume", "mesh"):
             self.refused("a.txt: a .* is written as", name, "no.json", "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
         self.refused("--box: wanted a finite number, found nan", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
+        os.mkfifo("pipe.vdb")
         for message, name, box, *more in (
             ("--box from 0 to 1 along x: has more than 2.30 samples with --voxel 1e-30", "a.npy", "0,0,0,1,1,1", "--voxel", "1e-30"),
             (r"--box and --voxel 1e-06 give 1e\+18 samples, more", "a.npy", "0,0,0,.999999,.999999,.999999", "--voxel", "1e-6"),
@@ -306,6 +307,7 @@ class Test(unittest.TestCase):
             ("--box from 7.1 to 7.9 along x: has no sample at a multiple of --voxel 1", "a.vdb", "7.1,0,0,7.9,9,9", "--voxel", "1"),
             ("--box from 0 to 1 along x: reaches farther", "a.vdb", "0,0,0,1,1,1", "--voxel", "1e-30"),
             ("--voxel 1e-10 is too small for OpenVDB", "a.vdb", *["0,0,0,1e-9,1e-9,1e-9", "--voxel", "1e-10"]),
+            ("pipe.vdb: is no regular file", "pipe.vdb", "0,0,0,1,1,1", "--voxel", "1"),
             ("--fog needs --band", "a.vdb", "0,0,0,1,1,1", "--voxel", "1", "--fog"),
         ):
             self.refused(message, "volume", self.ball, "--box", box, *more, "-o", name)
