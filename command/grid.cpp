@@ -20,8 +20,8 @@ std::string textOf(double number) {
 
 /// The edge of the box along an axis.
 struct Edge {
-    Edge(GridOptions const& options, std::size_t axis_)
-        : axis(axis_), low(options.box[axis]), high(options.box[axis + 3]) {
+    Edge(std::array<double, 6> const& box, std::size_t axis_)
+        : axis(axis_), low(box[axis]), high(box[axis + 3]) {
         if (low > high) fail("the low corner comes first");
     }
     [[noreturn]] void fail(std::string const& why) const {
@@ -40,7 +40,7 @@ std::array<std::uint64_t, 3> samplesOf(GridOptions const& options) {
     double all = 1;
     std::string const size = "--voxel " + textOf(options.voxel);
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        Edge const edge(options, axis);
+        Edge const edge(options.box, axis);
         double const steps = std::floor((edge.high - edge.low) / options.voxel + kTolerance);
         if (!(steps < 0x1p30)) edge.fail("has more than 2^30 samples with " + size);
         counts[axis] = static_cast<std::uint64_t>(steps) + 1;
@@ -52,20 +52,24 @@ std::array<std::uint64_t, 3> samplesOf(GridOptions const& options) {
     return counts;
 }
 
-void checkVoxels(GridOptions const& options) {
+double checkVoxels(GridOptions const& options) {
     double const voxel = options.voxel;
+    double all = 1;
     std::string const size = "--voxel " + textOf(voxel);
     for (std::size_t axis = 0; axis < 3; ++axis) {
-        Edge const edge(options, axis);
+        Edge const edge(options.box, axis);
         if (!(static_cast<float>(edge.low) < static_cast<float>(edge.high))) edge.fail("is empty");
         if (!(std::max(std::abs(edge.low), std::abs(edge.high)) < 0x1p28 * voxel))
             edge.fail("reaches farther than 2^28 times " + size + " from the origin");
-        if (std::ceil(edge.low / voxel - kTolerance) > std::floor(edge.high / voxel + kTolerance))
-            edge.fail("has no sample at a multiple of " + size);
+        double const samples = std::floor(edge.high / voxel + kTolerance) -
+                               std::ceil(edge.low / voxel - kTolerance) + 1;
+        if (samples < 1) edge.fail("has no sample at a multiple of " + size);
+        all *= samples;
     }
     constexpr double kLeastVolume = 3e-15;  // that OpenVDB does not take for 0
     if (voxel * voxel * voxel < kLeastVolume)
         throw std::runtime_error(size + " is too small for OpenVDB");
+    return all;
 }
 
 }  // namespace command

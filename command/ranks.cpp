@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,6 +85,7 @@ SharedFile::SharedFile(Ranks& ranks, std::filesystem::path const& path, std::str
         if (!ranks.isAlone() && zel::OutputFile::isDirect(path))
             throw zel::FileError(m_name, {}, "is no regular file, which several ranks need");
         m_output.emplace(path);
+        expectRoom(size);
         m_output->write(header);
     }
     if (ranks.isAlone()) return;
@@ -102,6 +104,17 @@ SharedFile::~SharedFile() = default;
 
 void SharedFile::fail(std::string const& why) const {
     throw zel::FileError(m_name, {}, "cannot be written: " + why);
+}
+
+void SharedFile::expectRoom(std::uint64_t size) {
+    struct statvfs status {};
+    if (m_output->isDirect() || fstatvfs(fileno(m_output->stream()), &status) != 0 ||
+        status.f_blocks == 0)  // of a file system without a limit
+        return;
+    std::uint64_t const free = std::uint64_t{status.f_bfree} * status.f_frsize;
+    if (size > free)
+        fail("it takes " + std::to_string(size) + " bytes, of which the disk has " +
+             std::to_string(free) + " free");
 }
 
 void SharedFile::reserve(std::uint64_t size) {

@@ -80,10 +80,9 @@ std::unique_ptr<Ranks> joinRanks();
 /// see OutputFile. All functions are collective.
 class SharedFile {
 public:
-    /// Begins a file with a header. `size` is the bytes of the file, or 0 if it is not known.
-    /// Several ranks reserve them where the file system can, so that a disk that is too full is an
-    /// error at once; otherwise, and for a single rank, it is one of write(). Throws
-    /// zel::FileError.
+    /// Begins a file with a header. `size` is the bytes of the file, or 0 if it is not known. A
+    /// disk with less room is an error at once, and several ranks reserve the room where the file
+    /// system can; a disk that others fill is an error of write(). Throws zel::FileError.
     SharedFile(Ranks& ranks, std::filesystem::path const& path, std::string const& header,
                std::uint64_t size);
     ~SharedFile();
@@ -94,6 +93,7 @@ public:
     void commit(std::string const& header = {});
 
 private:
+    void expectRoom(std::uint64_t size);
     void reserve(std::uint64_t size);
     void expectWhole();
     [[noreturn]] void fail(std::string const& why) const;

@@ -1,5 +1,8 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <span>
 #include <stdexcept>
 
@@ -134,6 +137,19 @@ void writeVdb(Scene const& scene, zel::Tree const& tree, VolumeOptions const& op
     if (ranks.isRoot()) parts.write();
 }
 
+/// Throws std::runtime_error if a tree of so many bytes of samples is more than this machine holds.
+/// The samples of a dense grid are all in memory until they are written.
+void expectMemory(double bytes) {
+    double const memory =
+        static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGE_SIZE));
+    char text[160];
+    std::snprintf(text, sizeof text,
+                  "the samples of --box take %.9g bytes, and this machine has a memory of %.9g: "
+                  "use --band, or write .npy",
+                  bytes, memory);
+    if (bytes > memory) throw std::runtime_error(text);
+}
+
 }  // namespace
 
 void volume(VolumeOptions const& options, Ranks& ranks, std::stop_token const& stop) {
@@ -146,12 +162,12 @@ void volume(VolumeOptions const& options, Ranks& ranks, std::stop_token const& s
                                  ": --band, --fog, --half and --name are for a .vdb file");
     if (options.fog && !options.band)
         throw std::runtime_error("--fog needs --band, the depth at which the density is 1");
-    if (suffix == ".vdb")
-        checkVoxels(options.grid);
-    else
-        samplesOf(options.grid);
+    double const samples = suffix == ".vdb" ? checkVoxels(options.grid) : 0;
+    if (suffix == ".npy") samplesOf(options.grid);
     Scene const scene(options.scene);
     zel::Tree const tree = scene.complete();
+    double const bytes = std::holds_alternative<zel::ScalarPtr>(tree) ? 4 : 12;
+    if (suffix == ".vdb" && !options.band) expectMemory(samples * bytes);
     if (suffix == ".vdb")
         writeVdb(scene, tree, options, ranks, stop);
     else

@@ -307,6 +307,8 @@ class Test(unittest.TestCase):
             ("--box from 7.1 to 7.9 along x: has no sample at a multiple of --voxel 1", "a.vdb", "7.1,0,0,7.9,9,9", "--voxel", "1"),
             ("--box from 0 to 1 along x: reaches farther", "a.vdb", "0,0,0,1,1,1", "--voxel", "1e-30"),
             ("--voxel 1e-10 is too small for OpenVDB", "a.vdb", *["0,0,0,1e-9,1e-9,1e-9", "--voxel", "1e-10"]),
+            ("cannot be written: it takes 4000120001200132 bytes, of which the disk has ", "a.npy", "0,0,0,1e5,1e5,1e5", "--voxel", "1"),
+            ("take 4.000012e.18 bytes, and this machine has", "a.vdb", "0,0,0,1e6,1e6,1e6", "--voxel", "1"),
             ("pipe.vdb: is no regular file", "pipe.vdb", "0,0,0,1,1,1", "--voxel", "1"),
             ("--fog needs --band", "a.vdb", "0,0,0,1,1,1", "--voxel", "1", "--fog"),
         ):
