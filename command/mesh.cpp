@@ -1,7 +1,4 @@
-#include <stdexcept>
-
 #include <zel_exchange/mesh_file.h>
-#include <zel_exchange/suffix.h>
 #include <zel_exchange/volume_mesh.h>
 
 #include "commands.h"
@@ -12,9 +9,7 @@ namespace command {
 
 void mesh(MeshOptions const& options, std::stop_token const& stop) {
     // Before the work, after which writeMesh() would refuse it.
-    auto const suffix = zel::detail::lowerSuffix(options.output);
-    if (suffix != ".ply" && suffix != ".obj")
-        throw std::runtime_error(options.output + ": a mesh is written as .ply or .obj");
+    expectSuffix(options.output, "a mesh", {".ply", ".obj"});
     checkVoxels(options.grid);
     expectWritable(options.output);
     zel::ScalarPtr const field = Scene(options.scene).completeScalar("a mesh needs a scalar field");

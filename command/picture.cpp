@@ -5,6 +5,9 @@
 #include <system_error>
 
 #include <zel_exchange/image.h>
+#include <zel_exchange/output_file.h>
+
+#include "session.h"
 
 namespace command {
 
@@ -25,6 +28,11 @@ std::array<int, 2> parseSize(std::string const& text) {
                                  ": wanted a size such as 1024 or 1024x768, of 1 to " +
                                  std::to_string(kMost) + " pixels");
     return size;
+}
+
+void expectPicture(std::string const& path) {
+    if (!zel::OutputFile::isDirect(path)) expectSuffix(path, "a picture", {".png"});
+    expectWritable(path);
 }
 
 void writePicture(std::string const& path, drawing::Image const& image) {

@@ -54,7 +54,7 @@ void render(RenderOptions const& options, std::stop_token const& stop) {
     if (!(options.step > 0 && options.step <= 1))
         throw std::runtime_error("--step must be above 0, and at most 1");
 
-    expectWritable(options.output);
+    expectPicture(options.output);
     zel::ScalarPtr field = zel::withExactGradients(
         Scene(options.scene).completeScalar("a surface needs a scalar field"));
     float const shrink = 1 / unit;

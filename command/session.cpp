@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <stdexcept>
 
 #include <zel_exchange/output_file.h>
 
@@ -79,6 +81,18 @@ void expectWritable(std::string const& path) {
     std::error_code ignored;
     if (!zel::OutputFile::isDirect(path) || std::filesystem::is_directory(path, ignored))
         zel::OutputFile const file(path);
+}
+
+std::string expectSuffix(std::string const& path, char const* what,
+                         std::vector<std::string> const& suffixes) {
+    std::string suffix = std::filesystem::path(path).extension().string();
+    for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::string known;
+    for (std::string const& one : suffixes) {
+        if (one == suffix) return suffix;
+        known += (known.empty() ? "" : " or ") + one;
+    }
+    throw std::runtime_error(path + ": " + what + " is written as " + known);
 }
 
 std::string printable(std::string const& text) {

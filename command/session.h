@@ -10,6 +10,7 @@
 #include <stop_token>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace command {
 
@@ -78,6 +79,11 @@ void print(std::string const& text);
 /// Throws zel::FileError if a file of this name cannot be made: to be known before long work. A
 /// device or a pipe is not touched.
 void expectWritable(std::string const& path);
+
+/// The suffix of a file in lower case. Throws std::runtime_error if it is none of `suffixes`, in
+/// which `what` is written, such as "a mesh".
+std::string expectSuffix(std::string const& path, char const* what,
+                         std::vector<std::string> const& suffixes);
 
 /// The text without control characters, which a terminal would obey.
 std::string printable(std::string const& text);

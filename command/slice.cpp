@@ -109,7 +109,7 @@ void slice(SliceOptions const& options, std::stop_token const& stop) {
         throw std::runtime_error("--range needs --gray; colours take --scale");
     if (options.gray != 0 && (options.hasIsolines || options.scale))
         throw std::runtime_error("--isolines and --scale are for colours, not for --gray");
-    expectWritable(options.output);
+    expectPicture(options.output);
     zel::ScalarPtr const field = onPlane(drawnField(options), options.plane);
     drawing::View const view{options.center[0], options.center[1], options.width};
     drawing::Meter meter(stop);

@@ -6,7 +6,6 @@
 #include <span>
 #include <stdexcept>
 
-#include <zel_exchange/suffix.h>
 #include <zel_exchange/vdb_write.h>
 
 #include "commands.h"
@@ -154,9 +153,7 @@ void expectMemory(double bytes) {
 
 void volume(VolumeOptions const& options, Ranks& ranks, std::stop_token const& stop) {
     expectFiles(ranks, std::span(&options.scene.scene, 1));
-    auto const suffix = zel::detail::lowerSuffix(options.output);
-    if (suffix != ".npy" && suffix != ".vdb")
-        throw std::runtime_error(options.output + ": a volume is written as .vdb or .npy");
+    auto const suffix = expectSuffix(options.output, "a volume", {".vdb", ".npy"});
     if (suffix == ".npy" && (options.band || options.fog || options.half || !options.name.empty()))
         throw std::runtime_error(options.output +
                                  ": --band, --fog, --half and --name are for a .vdb file");

@@ -294,6 +294,8 @@ class Test(unittest.TestCase):
         self.refused("--color 12345g: wanted", "render", self.ball, "--color", "12345g", "-o", "new.png")
         for eye in ("0,5,0", "1e-42,0,0"):
             self.refused("--eye must be", "render", self.ball, "--eye", eye, "-o", "new.png")
+        for name, output in (("slice", "a.jpg"), ("render", "a")):
+            self.refused(f"{output}: a picture is written as .png", name, self.ball, "-o", output)
         for name in ("volume", "mesh"):
             self.refused("a.txt: a .* is written as", name, "no.json", "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
         self.refused("--box: wanted a finite number, found nan", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
