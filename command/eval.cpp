@@ -283,10 +283,10 @@ private:
 void eval(EvalOptions const& options, Ranks& ranks, std::stop_token const& stop) {
     expectFiles(ranks, options.points);
     expectFiles(ranks, std::span(&options.scene.scene, 1));
-    auto const inputs = std::count(options.points.begin(), options.points.end(), "-") +
-                        (options.scene.scene == "-" ? 1 : 0);
     if (options.exact && !options.gradient) throw std::runtime_error("--exact needs --gradient");
-    if (inputs > 1) throw std::runtime_error("standard input can be read only once");
+    std::vector<std::string> inputs = options.points;
+    inputs.push_back(options.scene.scene);
+    expectOneInput(inputs);
     Evaluation(options, ranks, stop).run();
 }
 

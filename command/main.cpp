@@ -209,9 +209,13 @@ void addSubcommands(CLI::App& app, Options& options, Run& run) {
                     "0 to 1: how far faces may be from the surface, to be fewer")
         ->check(CLI::Range(0.0, 1.0))
         ->capture_default_str();
-    sub->add_option("--color", options.mesh.color,
+    sub->add_option("--color", options.mesh.colors,
                     "SCENE of the colours of vertices: a vector field of red, green and blue, or "
-                    "a scalar field of greys, 0 to 1");
+                    "a scalar field of greys, 0 to 1. Repeated: scalar fields of red, of green and "
+                    "of blue")
+        ->expected(1)
+        ->take_all()
+        ->allow_extra_args(false);
 
     command::RenderOptions& render = options.render;
     sub = add("render", "Draws the surface where a scene is 0, in sunlight.",

@@ -77,7 +77,7 @@ struct MeshOptions {
     std::string output;
     GridOptions grid;
     float adaptivity = 0;
-    std::string color;  ///< the file of a scene, or empty
+    std::vector<std::string> colors;  ///< the files of scenes
 };
 
 struct InfoOptions {

@@ -106,58 +106,75 @@ std::string listOf(std::vector<std::string> const& names) {
     return names.empty() ? "none" : list;
 }
 
-/// Reads the grids that a --bind asks for. `wanted` has the channels of the scene that no volume
-/// has so far; those of this volume are taken out.
-Volume readVolume(std::string const& bind, std::set<std::string>& wanted) {
-    auto const equals = bind.find('=');
-    if (equals == std::string::npos || equals == 0 || equals + 1 == bind.size())
-        throw std::runtime_error("--bind " + bind + ": wanted CHANNEL=FILE.vdb or volume=FILE.vdb");
-    std::string const name = bind.substr(0, equals);
-    Volume volume;
-    volume.file = bind.substr(equals + 1);
-    std::string grid;
+/// What a --bind says: CHANNEL=FILE or CHANNEL=FILE.vdb:GRID.
+struct Bind {
+    std::string text, channel, file, grid;
+
+    /// Whether all channels are meant that the file has.
+    bool isAll() const { return channel == "volume" && grid.empty(); }
+};
+
+Bind parseBind(std::string const& text) {
+    auto const equals = text.find('=');
+    if (equals == std::string::npos || equals == 0 || equals + 1 == text.size())
+        throw std::runtime_error("--bind " + text + ": wanted CHANNEL=FILE.vdb or volume=FILE.vdb");
+    Bind bind{text, text.substr(0, equals), text.substr(equals + 1), {}};
     constexpr std::string_view kSuffix = ".vdb:";
-    if (auto const colon = volume.file.rfind(kSuffix); colon != std::string::npos) {
-        grid = volume.file.substr(colon + kSuffix.size());
-        volume.file.resize(colon + kSuffix.size() - 1);
+    if (auto const colon = bind.file.rfind(kSuffix); colon != std::string::npos) {
+        bind.grid = bind.file.substr(colon + kSuffix.size());
+        bind.file.resize(colon + kSuffix.size() - 1);
     }
-    bool const isAll = name == "volume" && grid.empty();
-    if (!isAll && !wanted.contains(name))
-        throw std::runtime_error("--bind " + bind + ": the scene looks for no channel " + name +
-                                 "; open channels: " + listOf({wanted.begin(), wanted.end()}));
+    return bind;
+}
 
-    std::map<std::string, std::string> channelOfGrid;
+/// The channels that a bind asks for, by the names of their grids. `wanted` has those that the
+/// scenes look for and no volume has so far.
+std::map<std::string, std::string> channelsByGrid(Bind const& bind,
+                                                  std::set<std::string> const& wanted) {
+    auto const list = [&] { return listOf({wanted.begin(), wanted.end()}); };
+    if (!bind.isAll() && !wanted.contains(bind.channel))
+        throw std::runtime_error("--bind " + bind.text + ": the scene looks for no channel " +
+                                 bind.channel + "; open channels: " + list());
+    if (!bind.isAll()) return {{bind.grid.empty() ? bind.channel : bind.grid, bind.channel}};
+    if (wanted.empty())
+        throw std::runtime_error("--bind " + bind.text +
+                                 ": the scene looks for no channel that is not bound already");
+    std::map<std::string, std::string> channels;
     std::vector<std::string> names;
-    for (zel::VdbGrid const& there : zel::listVdb(volume.file)) {
-        names.push_back('"' + there.name + '"');
-        if (isAll && wanted.contains(there.name)) channelOfGrid[there.name] = there.name;
+    for (zel::VdbGrid const& grid : zel::listVdb(bind.file)) {
+        names.push_back('"' + grid.name + '"');
+        if (wanted.contains(grid.name)) channels[grid.name] = grid.name;
     }
-    if (!isAll) channelOfGrid[grid.empty() ? name : grid] = name;
-    if (channelOfGrid.empty())
-        throw std::runtime_error(volume.file + ": has no grid for the channels " +
-                                 listOf({wanted.begin(), wanted.end()}) +
+    if (channels.empty())
+        throw std::runtime_error(bind.file + ": has no grid for the channels " + list() +
                                  "; its grids: " + listOf(names));
-    std::vector<std::string> grids;
-    for (auto const& [read, channel] : channelOfGrid) {
-        grids.push_back(read);
-        volume.channels.insert(channel);
-        wanted.erase(channel);
-    }
-    volume.data = zel::readVdbGrids(volume.file, grids);
+    return channels;
+}
 
+/// Reads the grids of some channels of a file. The volume has them by the channels' names.
+Volume readVolume(std::string const& file, std::map<std::string, std::string> const& channels) {
+    Volume volume;
+    volume.file = file;
+    std::vector<std::string> grids;
+    for (auto const& [grid, channel] : channels) {
+        grids.push_back(grid);
+        volume.channels.insert(channel);
+    }
+    volume.data = zel::readVdbGrids(file, grids);
     auto const whole = Orvane::Geometry::shallow_copy_object_to_orv_volume(volume.data.object);
     auto renamed = Quern::makePtr<ORV::Object>();
     for (std::string const& component : whole->componentNames()) {
-        auto const found = channelOfGrid.find(component);
-        renamed->setComponent(found == channelOfGrid.end() ? component : found->second,
+        auto const found = channels.find(component);
+        renamed->setComponent(found == channels.end() ? component : found->second,
                               whole->component<ORV::Component>(Quern::String(component)));
     }
     Orvane::Geometry::setVolume(volume.object, renamed);
     return volume;
 }
 
-/// Keeps of two reports on a node the one that tells more.
-void merge(std::vector<zel::Binding>& known, std::vector<zel::Binding> const& report) {
+/// Of two reports on each node, keeps in `known` the one that tells more.
+void keepMoreInformative(std::vector<zel::Binding>& known,
+                         std::vector<zel::Binding> const& report) {
     for (std::size_t i = 0; i < report.size() && i < known.size(); ++i) {
         State const before = known[i].state;
         State const now = report[i].state;
@@ -224,40 +241,60 @@ std::string readText(std::string const& path) {
 
 }  // namespace
 
-Scene::Scene(SceneOptions const& options)
-    : m_name(shownName(options.scene)), m_allowsUnbound(options.allowUnbound) {
-    std::string const text = readText(options.scene);
-    auto const read = [&](Orvane::Object const* object) {
-        try {
-            return zel::fromJson(text, {}, object);
-        } catch (zel::SceneError const& error) {
-            throw std::runtime_error(m_name + ": " + error.what());
-        }
-    };
-    m_tree = read(nullptr);
-    m_bindings = zel::bind(m_tree, Orvane::Object()).bindings;
+Scene::Scene(std::string const& file, bool allowsUnbound)
+    : m_name(shownName(file)), m_allowsUnbound(allowsUnbound), m_text(readText(file)),
+      m_tree(parse(nullptr)), m_bindings(zel::bind(m_tree, Orvane::Object()).bindings) {}
 
-    std::set<std::string> wanted;
-    bool isConstructed = false;
-    for (zel::Binding const& binding : m_bindings) {
-        if (isOfChannel(binding.state)) wanted.insert(binding.name);
-        isConstructed = isConstructed || binding.state == State::kConstructed;
+Scene::Scene(SceneOptions const& options) : Scene(read({options.scene}, options).front()) {}
+
+zel::Tree Scene::parse(Orvane::Object const* object) const {
+    try {
+        return zel::fromJson(m_text, {}, object);
+    } catch (zel::SceneError const& error) {
+        throw std::runtime_error(m_name + ": " + error.what());
+    }
+}
+
+std::vector<Scene> Scene::read(std::vector<std::string> const& files, SceneOptions const& options) {
+    std::vector<Scene> scenes;
+    std::vector<std::set<std::string>> channels;  // that each scene looks for
+    std::set<std::string> wanted;                 // those that no volume has so far
+    for (std::string const& file : files) {
+        scenes.push_back(Scene(file, options.allowUnbound));
+        std::set<std::string>& own = channels.emplace_back();
+        for (zel::Binding const& binding : scenes.back().m_bindings)
+            if (isOfChannel(binding.state)) own.insert(binding.name);
+        wanted.insert(own.begin(), own.end());
     }
     std::vector<Volume> volumes;
-    for (std::string const& bind : options.binds) volumes.push_back(readVolume(bind, wanted));
-    if (volumes.empty()) return;
-    // Leaves that are bound by their constructor can read the first volume alone.
-    if (isConstructed) m_tree = read(&volumes.front().object);
-    std::visit([&](auto& root) { Placer(volumes).place(root); }, m_tree);
-    m_bindings = zel::bind(m_tree, Orvane::Object()).bindings;
-    for (Volume const& volume : volumes)
-        merge(m_bindings, zel::bind(m_tree, volume.object).bindings);
+    for (std::string const& text : options.binds) {
+        Bind const bind = parseBind(text);
+        volumes.push_back(readVolume(bind.file, channelsByGrid(bind, wanted)));
+        for (std::string const& channel : volumes.back().channels) wanted.erase(channel);
+    }
+    for (std::size_t i = 0; i < scenes.size(); ++i) {
+        Scene& scene = scenes[i];
+        auto const first = std::find_if(volumes.begin(), volumes.end(), [&](Volume const& volume) {
+            return std::any_of(volume.channels.begin(), volume.channels.end(),
+                               [&](auto const& name) { return channels[i].contains(name); });
+        });
+        if (first == volumes.end()) continue;
+        // Leaves that are bound by their constructor can read one volume alone.
+        if (std::any_of(scene.m_bindings.begin(), scene.m_bindings.end(),
+                        [](auto const& binding) { return binding.state == State::kConstructed; }))
+            scene.m_tree = scene.parse(&first->object);
+        std::visit([&](auto& root) { Placer(volumes).place(root); }, scene.m_tree);
+        scene.m_bindings = zel::bind(scene.m_tree, Orvane::Object()).bindings;
+        for (Volume const& volume : volumes)
+            keepMoreInformative(scene.m_bindings, zel::bind(scene.m_tree, volume.object).bindings);
+    }
+    return scenes;
 }
 
 zel::Tree Scene::boundTo(Orvane::Object const& object) const {
     zel::Tree tree = m_tree;
     std::vector<zel::Binding> bindings = m_bindings;
-    merge(bindings, zel::bind(tree, object).bindings);
+    keepMoreInformative(bindings, zel::bind(tree, object).bindings);
     std::erase_if(bindings, [](auto const& binding) { return binding.state == State::kBound; });
     if (bindings.empty() || m_allowsUnbound) return tree;
     std::set<std::string> reasons;

@@ -95,6 +95,15 @@ std::string expectSuffix(std::string const& path, char const* what,
     throw std::runtime_error(path + ": " + what + " is written as " + known);
 }
 
+void expectOneInput(std::span<std::string const> names) {
+    if (std::count(names.begin(), names.end(), "-") > 1)
+        throw std::runtime_error("standard input can be read only once");
+}
+
+void warn(std::string const& message) {
+    std::fputs(("zel: " + printable(message) + '\n').c_str(), stderr);
+}
+
 std::string printable(std::string const& text) {
     std::string clean;
     for (std::size_t i = 0; i < text.size(); ++i) {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <span>
 #include <stop_token>
 #include <string>
 #include <thread>
@@ -84,6 +85,12 @@ void expectWritable(std::string const& path);
 /// which `what` is written, such as "a mesh".
 std::string expectSuffix(std::string const& path, char const* what,
                          std::vector<std::string> const& suffixes);
+
+/// Throws std::runtime_error if more than one of the names of files is "-".
+void expectOneInput(std::span<std::string const> names);
+
+/// Prints a line on the standard error stream about something that is no error.
+void warn(std::string const& message);
 
 /// The text without control characters, which a terminal would obey.
 std::string printable(std::string const& text);

@@ -247,6 +247,11 @@ class Test(unittest.TestCase):
         color = scene("color.json", {"type": "VectorGeoPropertyTriggered", "property": "color"})
         run("eval", color, "ball.ply", "-o", "out.npy")
         self.assertTrue((np.load("out.npy") == (255, 0, 51)).all())
+        run("mesh", self.ball, *box, "--voxel", 0.05, "--bind", "volume=ball.vdb", "--color", leaf, "--color", leaf, "-o", "ball.ply")
+        run("eval", color, "ball.ply", "-o", "out.npy")
+        np.testing.assert_allclose(np.load("out.npy"), np.tile((255, 255, 0), (len(values), 1)), atol=2)
+        empty = run("mesh", self.ball, "--box", "5,5,5,6,6,6", "--voxel", 1, "-o", "empty.ply").stderr
+        self.assertEqual(empty, "zel: empty.ply: has no faces, since the scene has no surface in the --box\n")
         for arguments in (["mesh", "--voxel", 1], ["volume", "--voxel", 1, "--band", 3], ["render"]):
             suffix = {"mesh": "ply", "volume": "vdb", "render": "png"}[arguments[0]]
             extra = box if arguments[0] != "render" else []
