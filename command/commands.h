@@ -23,9 +23,11 @@ inline zel::Box boxOf(GridOptions const& options) {
 /// box of a whole number of voxels has samples on both faces, however it is rounded. Throws
 /// std::runtime_error, with the axis, for a box that has none or too many.
 std::array<std::uint64_t, 3> samplesOf(GridOptions const& options);
-/// Returns the number of samples at multiples of the voxel size. Throws std::runtime_error, with the
-/// axis, for a box without any, or with those that OpenVDB cannot have.
+/// Returns the number of samples at multiples of the voxel size. Throws std::runtime_error, with
+/// the axis, for a box without any, or with those that OpenVDB cannot have.
 double checkVoxels(GridOptions const& options);
+/// Throws std::runtime_error, with the axis, unless the low corner comes first.
+void checkCorners(std::array<double, 6> const& box);
 
 void show(ShowOptions const& options);
 void eval(EvalOptions const& options, Ranks& ranks, std::stop_token const& stop);

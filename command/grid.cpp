@@ -52,6 +52,10 @@ std::array<std::uint64_t, 3> samplesOf(GridOptions const& options) {
     return counts;
 }
 
+void checkCorners(std::array<double, 6> const& box) {
+    for (std::size_t axis = 0; axis < 3; ++axis) Edge(box, axis);
+}
+
 double checkVoxels(GridOptions const& options) {
     double const voxel = options.voxel;
     double all = 1;

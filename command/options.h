@@ -88,7 +88,7 @@ struct BenchOptions {
     SceneOptions scene;
     std::size_t points = 1 << 20;
     double seconds = 1;
-    std::array<float, 6> box{-1, -1, -1, 1, 1, 1};
+    std::array<double, 6> box{-1, -1, -1, 1, 1, 1};
 };
 
 }  // namespace command

@@ -1,5 +1,6 @@
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 #include <stdexcept>
 
@@ -29,6 +30,12 @@ float3 vectorOf(std::array<float, 3> const& numbers) {
     return {numbers[0], numbers[1], numbers[2]};
 }
 
+std::string textOf(float3 const& p) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.9g,%.9g,%.9g", double{p.x}, double{p.y}, double{p.z});
+    return text;
+}
+
 drawing::Color colorOf(std::string const& text) {
     std::uint32_t rgb = 0;
     char const* const end = text.data() + text.size();
@@ -47,13 +54,9 @@ void render(RenderOptions const& options, std::stop_token const& stop) {
     float const unit = Orvane::Math::length(eye - target) / kEyeDistance;
     float const across = std::hypot(eye.x - target.x, eye.z - target.z);
     if (!std::isnormal(unit) || !(across > 1e-4F * unit))
-        throw std::runtime_error(
-            "--eye must be at a finite distance beside --target, not above or below");
-    if (!(options.angle > 0 && options.angle < 170))
-        throw std::runtime_error("--angle must be between 0 and 170 degrees");
-    if (!(options.step > 0 && options.step <= 1))
-        throw std::runtime_error("--step must be above 0, and at most 1");
-
+        throw std::runtime_error("--eye " + textOf(eye) +
+                                 " must be at a finite distance beside --target " + textOf(target) +
+                                 ", not above or below");
     expectPicture(options.output);
     zel::ScalarPtr field = zel::withExactGradients(
         Scene(options.scene).completeScalar("a surface needs a scalar field"));

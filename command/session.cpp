@@ -25,7 +25,7 @@ Interrupts::Interrupts() {
         if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
             sigaddset(&m_signals, signal);
     }
-    // By this the thread is woken when the program is over.
+    // The destructor sends it, to end the thread.
     sigaddset(&m_signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
     m_thread = std::thread([this] { wait(); });

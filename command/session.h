@@ -62,7 +62,7 @@ public:
 
     /// `all` is 0 if it is not known. Any thread may call it, one at a time.
     void operator()(std::size_t done, std::size_t all);
-    /// The same as a function. The object must outlive it.
+    /// A function that calls this object, which must outlive it.
     std::function<void(std::size_t, std::size_t)> function() { return std::ref(*this); }
 
 private:

@@ -109,6 +109,9 @@ void slice(SliceOptions const& options, std::stop_token const& stop) {
         throw std::runtime_error("--range needs --gray; colours take --scale");
     if (options.gray != 0 && (options.hasIsolines || options.scale))
         throw std::runtime_error("--isolines and --scale are for colours, not for --gray");
+    if (options.range && (*options.range)[0] == (*options.range)[1])
+        throw std::runtime_error("--range: black and white have the same value, " +
+                                 std::to_string((*options.range)[0]));
     expectPicture(options.output);
     zel::ScalarPtr const field = onPlane(drawnField(options), options.plane);
     drawing::View const view{options.center[0], options.center[1], options.width};

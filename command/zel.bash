@@ -3,7 +3,7 @@
 _zel() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
     local word subcommand='' i
-    local scene='--bind --allow-unbound' common='--help --threads'
+    local scene='--bind --allow-unbound' common='-h --help --threads' output='-o --output'
     for ((i = 1; i < COMP_CWORD; ++i)); do
         word=${COMP_WORDS[i]}
         case $word in
@@ -24,12 +24,12 @@ _zel() {
         case $subcommand in
             '') options='--version' ;;
             show) options='--dot' ;;
-            eval) options="$scene --output --gradient --exact" ;;
-            slice) options="$scene --output --plane --size --center --width --component --isolines
+            eval) options="$scene $output --gradient --exact" ;;
+            slice) options="$scene $output --plane --size --center --width --component --isolines
                 --scale --gray --range" ;;
-            volume) options="$scene --output --box --voxel --band --fog --half --name" ;;
-            mesh) options="$scene --output --box --voxel --adaptivity --color" ;;
-            render) options="$scene --output --size --eye --target --angle --step --color" ;;
+            volume) options="$scene $output --box --voxel --band --fog --half --name" ;;
+            mesh) options="$scene $output --box --voxel --adaptivity --color" ;;
+            render) options="$scene $output --size --eye --target --angle --step --color" ;;
             info) options='' ;;
             bench) options="$scene --points --seconds --box" ;;
         esac

@@ -236,8 +236,10 @@ class Test(unittest.TestCase):
                      "--bind", "wind=ball.vdb:dense")
         self.refused("looks for no channel dust; open channels: surface", "eval", leaf, "points.npy",
                      "--bind", "dust=ball.vdb")
-        self.refused("wind.vdb: has no grid for the channels surface; its grids: .wind.", "eval", "--bind",
-                     "volume=wind.vdb", leaf, "points.npy", "points.npy")
+        self.refused("wind.vdb: has no grid for the channels surface; its grids: .wind.", "eval", leaf,
+                     "points.npy", "--bind", "volume=wind.vdb")
+        self.refused("volume=wind.vdb: the scene looks for no channel that is not bound", "eval",
+                     "--bind", "volume=ball.vdb", "--bind", "volume=wind.vdb", leaf, "points.npy", "points.npy")
 
         red = scene("red.json", {"type": "VectorFieldConstant", "value": [1, 0, 0.2]})
         run("mesh", self.ball, *box, "--voxel", 0.05, "--color", red, "-o", "ball.ply")
@@ -298,9 +300,27 @@ class Test(unittest.TestCase):
         self.refused("--plane z=1e99: wanted", "slice", self.ball, "--plane", "z=1e99", "-o", "new.png")
         self.refused("--color 12345g: wanted", "render", self.ball, "--color", "12345g", "-o", "new.png")
         for eye in ("0,5,0", "1e-42,0,0"):
-            self.refused("--eye must be", "render", self.ball, "--eye", eye, "-o", "new.png")
-        for name, output in (("slice", "a.jpg"), ("render", "a")):
-            self.refused(f"{output}: a picture is written as .png", name, self.ball, "-o", output)
+            self.refused("--eye (0,5,0|1.*e-42,0,0) must be .* --target 0,0,0", "render", self.ball, "--eye", eye, "-o", "new.png")
+        for message, *arguments in (
+            ("shwo is no subcommand; there are show, eval", "shwo", "gear.json"),
+            ("--bogus: there is no such option", "--bogus"),
+            ("--gray: wanted 8 or 16, found x", "slice", self.ball, "--gray", "x", "--range", "0,1", "-o", "a.png"),
+            ("--range: black and white have the same value, 1", "slice", self.ball, "--gray", 8, "--range", "1,1", "-o", "a.png"),
+            ("--center: wanted RIGHT,UP, found 1,2,3", "slice", self.ball, "--center", "1,2,3", "-o", "a.png"),
+            ("--isolines: wanted a spacing above 0, .*, found ball.json", "slice", "--isolines", self.ball, "-o", "a.png"),
+            ("a.jpg: a picture is written as .png", "slice", self.ball, "-o", "a.jpg"),
+            ("a: a picture is written as .png", "render", self.ball, "-o", "a"),
+            ("--angle: wanted a number between 0 and 170, found 180", "render", self.ball, "--angle", 180, "-o", "a.png"),
+            ("--step: wanted a number above 0, 1 at most, found 0", "render", self.ball, "--step", 0, "-o", "a.png"),
+            ("--points: wanted a whole number from 1 to 1073741824, found -5", "bench", self.ball, "--points", "-5"),
+            ("--threads: wanted a whole number from 0 to 4096, found -1", "show", self.ball, "--threads", "-1"),
+            *((f"--seconds: wanted a number from 0, found {s}", "bench", self.ball, "--seconds", s) for s in ("nan", "-1", "inf")),
+            ("--box from 1 to 0 along y: the low corner", "bench", self.ball, "--box", "0,1,0,1,0,1"),
+            ("--adaptivity: wanted a number from 0 to 1, found nan", "mesh", "no.json", "--adaptivity", "nan"),
+            ("--color is given 4 times", "mesh", self.ball, "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.ply", *["--color", self.ball] * 4),
+            ("standard input can be read only once", "mesh", "-", "--color", "-", "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.ply"),
+        ):
+            self.refused(message, *arguments)
         for name in ("volume", "mesh"):
             self.refused("a.txt: a .* is written as", name, "no.json", "--box", "0,0,0,1,1,1", "--voxel", 1, "-o", "a.txt")
         self.refused("--box: wanted a finite number, found nan", "volume", self.ball, "--box", "0,0,0,nan,1,1", "--voxel", 1, "-o", "a.npy")
@@ -314,6 +334,8 @@ class Test(unittest.TestCase):
             ("--box from 7.1 to 7.9 along x: has no sample at a multiple of --voxel 1", "a.vdb", "7.1,0,0,7.9,9,9", "--voxel", "1"),
             ("--box from 0 to 1 along x: reaches farther", "a.vdb", "0,0,0,1,1,1", "--voxel", "1e-30"),
             ("--voxel 1e-10 is too small for OpenVDB", "a.vdb", *["0,0,0,1e-9,1e-9,1e-9", "--voxel", "1e-10"]),
+            ("--box: wanted X,Y,Z,X,Y,Z, found 0,0,0,1,1", "a.npy", "0,0,0,1,1", "--voxel", "0.1"),
+            ("--band: wanted .*, found 1e30", "a.vdb", "0,0,0,1,1,1", "--voxel", "1", "--band", "1e30"),
             ("cannot be written: it takes 4000120001200132 bytes, of which the disk has ", "a.npy", "0,0,0,1e5,1e5,1e5", "--voxel", "1"),
             ("take 4.000012e.18 bytes, and this machine has", "a.vdb", "0,0,0,1e6,1e6,1e6", "--voxel", "1"),
             ("pipe.vdb: is no regular file", "pipe.vdb", "0,0,0,1,1,1", "--voxel", "1"),
@@ -564,13 +586,14 @@ class Test(unittest.TestCase):
         options = lambda help: set(re.findall(r"^  (?:-\w,)?(--[a-z-]+)", help, re.M))
         of_all = options(run("--help").stdout)
         self.assertEqual(complete("--"), of_all)
+        self.assertIn("Examples:\n  ", run("--help").stdout)
         self.assertEqual(of_all, {"--help", "--threads", "--version"})
         for name in subcommands:
             text = run(name, "--help").stdout
             self.assertIn("Examples:\n  ", text)
             here = options(text)
-            self.assertEqual(complete(name, "--"), here | {"--threads"}, name)
-            shared = {"--help", "--bind", "--allow-unbound"}
+            self.assertEqual(complete(name, "-"), here | {"-h", *(["-o"] if "--output" in here else [])}, name)
+            shared = {"--help", "--threads", "--bind", "--allow-unbound"}
             lines = [line for line in pages[name].splitlines() if line.startswith(".It Fl")]
             documented = {"-" + re.search(r" (-[a-z-]+)", line)[1] for line in lines}
             self.assertEqual(documented, here - shared, name)
