@@ -101,11 +101,11 @@ private:
     /// The values of a node: which of the inactive ones follow, these, and the active ones.
     void values(char const* mask, std::size_t count) {
         auto const kind = number<std::int8_t>();
-        if (kind < 0 || kind > 6) fail("values of the kind " + std::to_string(kind));
-        if (kind == 2 || kind == 4 || kind == 5) bytes(m_value);
-        if (kind == 5) bytes(m_value);
-        if (kind >= 3 && kind <= 5) bytes(count / 8);
-        if ((m_section.compression & kActiveMask) != 0 && kind != 6) count = bits(mask, count);
+        if (kind < 0 || kind >= VdbValuesKind::kCount)
+            fail("values of the kind " + std::to_string(kind));
+        bytes(kVdbValuesKinds[static_cast<std::uint8_t>(kind)].bytes(m_value, count / 8));
+        if ((m_section.compression & kActiveMask) != 0 && kind != VdbValuesKind::kAllValues)
+            count = bits(mask, count);
         if (m_section.isHalf && count == 0) return;
         block(count * m_stored);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -65,6 +66,32 @@ std::vector<VdbSection> vdbSections(FileView const& file);
 /// Checks the nodes of a grid of scalars or of vectors of three, which has its own tree: that they
 /// and all blocks of values have the sizes that OpenVDB expects. Throws FileError.
 void checkVdbTree(FileView const& file, VdbSection const& section);
+
+/// What stands before the block of values of a node, by the byte that begins it. Inactive values
+/// are the background, or minus it, or up to two others; a mask chooses between two of these.
+struct VdbValuesKind {
+    enum Number : std::int8_t {
+        kBackground,
+        kMinusBackground,
+        kOther,
+        kBothBackgrounds,
+        kBackgroundAndOther,
+        kTwoOthers,
+        kAllValues,  ///< the block has the inactive values, too
+        kCount
+    };
+
+    std::size_t others;
+    bool hasMask;
+
+    /// The bytes between the byte of the kind and the block.
+    std::size_t bytes(std::size_t value, std::size_t mask) const {
+        return others * value + (hasMask ? mask : 0);
+    }
+};
+/// By Number.
+constexpr std::array<VdbValuesKind, VdbValuesKind::kCount> kVdbValuesKinds{
+    {{0, false}, {0, false}, {1, false}, {0, true}, {1, true}, {2, true}, {0, false}}};
 
 /// The place of a grid in an error.
 std::string gridPlace(std::string const& name);

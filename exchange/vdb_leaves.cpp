@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <sstream>
 
+#include "vdb_layout.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
 
 namespace zel::detail {
@@ -83,13 +84,10 @@ private:
         for (auto leaf = grid.tree().cbeginLeaf(); leaf; ++leaf, ++i) {
             auto const bytes = leaves.of(*leaf);
             auto const kind = static_cast<std::int8_t>(bytes[kMask]);
-            std::size_t before = kMask + sizeof kind;  // the block of values
-            using namespace openvdb::io;
-            if (kind == NO_MASK_AND_ONE_INACTIVE_VAL || kind == MASK_AND_ONE_INACTIVE_VAL)
-                before += sizeof(Value);
-            if (kind == MASK_AND_TWO_INACTIVE_VALS) before += 2 * sizeof(Value);
-            if (kind >= MASK_AND_NO_INACTIVE_VALS && kind <= MASK_AND_TWO_INACTIVE_VALS)
-                before += kMask;
+            static_assert(VdbValuesKind::kAllValues == int{openvdb::io::NO_MASK_AND_ALL_VALS});
+            std::size_t const before =
+                kMask + sizeof kind +
+                kVdbValuesKinds[static_cast<std::uint8_t>(kind)].bytes(sizeof(Value), kMask);
             delayed.setMask(i, kind);
             // No halves have no size.
             if (isCompressed)
