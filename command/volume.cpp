@@ -20,20 +20,50 @@ namespace {
 
 constexpr int kStep = zel::VdbParts::kStep;
 
-/// Counts, for each layer of 8 voxels from `base` to `last` - 1, the coarse tiles that may contain
-/// a part of the band. Each rank looks for those of its part of the box.
-std::vector<double> weigh(zel::ScalarField const& field, VolumeOptions const& options, int base,
-                          int last, Ranks& ranks, std::stop_token const& stop) {
-    using Traits = zel::BinaryTraits;
-    auto const count = static_cast<std::uint64_t>(last - base);
-    // Tiles that are narrow enough for several a rank, and far wider than voxels.
+using Traits = zel::BinaryTraits;
+
+/// The depth of tiles that are narrow enough for several a rank, and far wider than voxels.
+int coarseDepth(std::uint64_t layers, std::size_t ranks) {
     constexpr std::uint64_t kTilesOfRank = 64;
     int depth = Traits::kMaxDepth - 2;
-    while (count / static_cast<std::uint64_t>(Traits::tileWidth(depth)) >
-           kTilesOfRank * ranks.size())
+    while (layers / static_cast<std::uint64_t>(Traits::tileWidth(depth)) > kTilesOfRank * ranks)
         --depth;
+    return depth;
+}
+
+/// Counts, for each kStep layers of the voxels from `base` on, the tiles of a depth that reach into
+/// them and have their middle in the range.
+std::vector<double> countTiles(ORV::TileTree3D::Container<Traits> const& tree, int depth, int base,
+                               Range const& range, std::size_t steps) {
+    std::vector<double> tiles(steps);
     int const width = Traits::tileWidth(depth);
-    auto const part = splitByWeight(count, {}, ranks.size())[ranks.rank()];
+    for (long long i = 0; i < tree.tileCount(depth); ++i) {
+        long long const tile = static_cast<long long>(tree.tile(i, depth).tijk().x) - base;
+        auto const middle = static_cast<std::uint64_t>(std::max(tile + width / 2, 0LL));
+        if (middle < range.first || middle >= range.last) continue;  // a neighbour counts it
+        for (long long x = std::max(tile, 0LL); x < tile + width; x += kStep)
+            if (auto const step = static_cast<std::size_t>(x / kStep); step < steps)
+                tiles[step] += 1;
+    }
+    return tiles;
+}
+
+/// Collective: the sums of the ranks' numbers, of which each has as many.
+std::vector<double> sumOverRanks(std::vector<double> numbers, Ranks& ranks) {
+    auto const all = ranks.gather(numbers);
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        numbers[i] = 0;
+        for (std::size_t at = i; at < all.size(); at += numbers.size()) numbers[i] += all[at];
+    }
+    return numbers;
+}
+
+/// Collective: counts, for each kStep layers of voxels from `base` to `last` - 1, the coarse tiles
+/// that may contain a part of the band. Each rank looks for those of its part of the box.
+std::vector<double> weigh(zel::ScalarField const& field, VolumeOptions const& options, int base,
+                          int last, Ranks& ranks, std::stop_token const& stop) {
+    auto const layers = static_cast<std::uint64_t>(last - base);
+    auto const part = splitByWeight(layers, {}, ranks.size())[ranks.rank()];
     auto const voxel = static_cast<float>(options.grid.voxel);
     zel::Box box = boxOf(options.grid);
     auto const at = [&](std::uint64_t layer) {
@@ -41,29 +71,15 @@ std::vector<double> weigh(zel::ScalarField const& field, VolumeOptions const& op
     };
     box.low.x = std::max(box.low.x, at(part.first));
     box.high.x = std::min(box.high.x, at(part.last));
-    std::vector<double> tiles((count + kStep - 1) / kStep);
+    std::vector<double> tiles((layers + kStep - 1) / kStep);
     if (box.low.x < box.high.x) {
         zel::BuildOptions how;
-        how.maxDepth = depth;
+        how.maxDepth = coarseDepth(layers, ranks.size());
         how.stop = stop;
-        auto const coarse =
-            zel::buildVolume<Traits>(field, box, voxel, *options.band, how).container;
-        for (long long i = 0; i < coarse->tileCount(depth); ++i) {
-            long long const tile = static_cast<long long>(coarse->tile(i, depth).tijk().x) - base;
-            auto const middle = static_cast<std::uint64_t>(std::max(tile + width / 2, 0LL));
-            if (middle < part.first || middle >= part.last) continue;  // of another rank, too
-            for (long long x = std::max(tile, 0LL); x < tile + width; x += kStep)
-                if (auto const layer = static_cast<std::size_t>(x / kStep); layer < tiles.size())
-                    tiles[layer] += 1;
-        }
+        auto const coarse = zel::buildVolume<Traits>(field, box, voxel, *options.band, how);
+        tiles = countTiles(*coarse.container, *how.maxDepth, base, part, tiles.size());
     }
-    auto const all = ranks.gather(tiles);
-    for (std::size_t i = 0; i < all.size(); ++i)
-        if (i < tiles.size())
-            tiles[i] = all[i];
-        else
-            tiles[i % tiles.size()] += all[i];
-    return tiles;
+    return sumOverRanks(std::move(tiles), ranks);
 }
 
 /// Makes the grid in layers along x, of equal weight for all ranks, and merges them at the root.
@@ -75,7 +91,7 @@ void makeParts(zel::VdbParts& parts, zel::VdbField const& field, VolumeOptions c
     if (options.band) weights = weigh(*field.scalar, options, base, range.second, ranks, stop);
     auto layers = splitByWeight(static_cast<std::uint64_t>(range.second - base), weights,
                                 ranks.size(), kStep);
-    // The root has layers, to which those of the others are added.
+    // The root gets some, if there are any: VdbParts::add() needs the grids that make() begins.
     std::stable_partition(layers.begin(), layers.end(),
                           [](Range const& some) { return some.size() > 0; });
     Range const own = layers[ranks.rank()];
