@@ -112,9 +112,7 @@ private:
     }
     /// As that of a zel::PointWriter.
     std::string headerOf(std::uint64_t count) const {
-        zel::NpyLayout layout{.shape = {count, width()}};
-        if (width() == 1) layout.shape.pop_back();
-        return zel::npyHeader(layout, true);
+        return zel::npyHeader(zel::npyRows(count, width()), true);
     }
 
     /// Standard output, devices and pipes take a table.

@@ -30,6 +30,14 @@ struct ZEL_EXCHANGE_API NpyLayout {
     std::uint64_t bytesPerNumber() const { return isDouble ? 8 : 4; }
 };
 
+/// The layout of rows of `width` floats each: of the shape (rows, width), or (rows) for single
+/// ones.
+inline NpyLayout npyRows(std::uint64_t rows, std::uint64_t width) {
+    NpyLayout layout{.shape = {rows, width}};
+    if (width == 1) layout.shape.pop_back();
+    return layout;
+}
+
 /// The bytes of a file before its numbers, in version 1.0 of the format. `layout.dataOffset` is not
 /// read; the size of the result is the offset of the numbers, a multiple of 64. `room` is for files
 /// that grow: the bytes are as many as for any length of the first axis. Throws

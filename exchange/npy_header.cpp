@@ -6,6 +6,8 @@
 #include <optional>
 #include <stdexcept>
 
+#include "number_text.h"
+
 namespace zel {
 
 namespace {
@@ -187,10 +189,8 @@ std::string npyHeader(NpyLayout const& layout, bool room) {
     text += layout.isFortran ? "True" : "False";
     text += ", 'shape': " + detail::shapeText(layout.shape) + ", }";
     std::size_t length = text.size();
-    if (room && !layout.shape.empty()) {
-        constexpr std::size_t kMostDigits = 20;
-        length += kMostDigits - std::to_string(layout.shape[0]).size();
-    }
+    if (room && !layout.shape.empty())
+        length += detail::kMostCountDigits - std::to_string(layout.shape[0]).size();
     // The line end is the last byte before the numbers.
     constexpr std::size_t kPrefix = 10;
     std::size_t const total = (kPrefix + length + 1 + 63) / 64 * 64;

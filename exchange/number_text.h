@@ -2,6 +2,8 @@
 
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <string_view>
 #include <system_error>
 
@@ -23,6 +25,9 @@ inline char const* parseFloat(std::string_view word, float& number) {
     }
     return nullptr;
 }
+
+/// The digits for which a header of a file that grows leaves room in place of its count.
+constexpr std::size_t kMostCountDigits = std::numeric_limits<std::uint64_t>::digits10 + 1;
 
 /// The room that formatFloat() needs.
 constexpr std::size_t kMostFloatDigits = 16;

@@ -54,11 +54,11 @@ std::vector<std::string> componentNames(std::vector<PointWriter::Column> const& 
 
 /// The header of a .ply file: as long for any count of points.
 std::string plyHeader(std::vector<std::string> const& names, std::uint64_t count) {
-    constexpr std::size_t kMostDigits = 20;
     std::string const digits = std::to_string(count);
     std::string header = std::string("ply\nformat binary_little_endian 1.0\n") +
                          // Takes the room that the digits leave.
-                         "comment" + std::string(kMostDigits - digits.size() + 1, ' ') +
+                         "comment" +
+                         std::string(detail::kMostCountDigits - digits.size() + 1, ' ') +
                          "points\nelement vertex " + digits + '\n';
     for (std::string const& name : names) header += "property float " + name + '\n';
     return header + "end_header\n";
@@ -70,10 +70,7 @@ struct PointWriter::State {
     State(std::filesystem::path const& path, std::vector<Column> columns_, PointFormat format_)
         : columns(std::move(columns_)), format(format_), names(componentNames(columns)) {
         if (format == PointFormat::kNpy) {
-            std::uint64_t const width = names.size() - 3;
-            NpyLayout layout{.shape = {NpyWriter::kGrows, width}};
-            if (width == 1) layout.shape.pop_back();
-            npy.emplace(path, layout);
+            npy.emplace(path, npyRows(NpyWriter::kGrows, names.size() - 3));
             return;
         }
         file.emplace(path);
