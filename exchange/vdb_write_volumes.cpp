@@ -55,62 +55,97 @@ public:
     }
 
 private:
+    /// What a grid has for the samples of a channel. The samples of a level set that are not nearer
+    /// to the surface than the background become the background, with their sign.
+    template <class T> struct Storage {
+        T background;
+        bool isLevelSet;
+
+        bool isActive(T const& sample) const {
+            if constexpr (std::is_same_v<T, float>)
+                if (isLevelSet) return std::abs(sample) < background;
+            return sample != background;
+        }
+        T ofVoxel(T const& sample) const { return isActive(sample) ? sample : ofTile(sample); }
+        /// Of a tile, which is out of the band of a level set.
+        T ofTile(T const& sample) const {
+            if constexpr (std::is_same_v<T, float>)
+                if (isLevelSet) return std::copysign(background, sample);
+            return sample;
+        }
+    };
+
     template <class T>
     void addChannel(VdbChannel const& channel,
                     ORV::TileTree3D::DataChannel<Traits, T> const& samples,
                     AffineMap const& toWorld, int3 const& shift) {
-        if (!samples.fits(*m_tree) || samples.minDepth() > 0 || samples.depth() < m_tree->depth())
-            refuseVdb("channel " + detail::quoted(channel.name) +
-                      " does not have all tiles of the tree");
-        T const background = samples.defaultValue();
-        m_output.check(channel.name, {}, background);
-        bool const isLevelSet =
-            std::is_same_v<T, float> && channel.gridClass == VdbClass::kLevelSet;
-        if constexpr (std::is_same_v<T, float>)
-            if (isLevelSet && !(background > 0))
-                refuseVdb("level set " + detail::quoted(channel.name) + " has a default value of " +
-                          std::to_string(background) + ", which must be the width of its band");
-        auto grid = makeGrid<GridOf<T>>(vdbValue(background));
-        grid->setTransform(vdbTransform(channel.name, toWorld));
-        auto& tree = grid->tree();
+        Storage<T> const storage{samples.defaultValue(),
+                                 std::is_same_v<T, float> &&
+                                     channel.gridClass == VdbClass::kLevelSet};
+        checkChannel(channel, samples, storage);
         auto const index = [origin = first(), width = width(), &shift](int3 const& lattice) {
             return Coord((lattice.x - origin) / width - shift.x,
                          (lattice.y - origin) / width - shift.y,
                          (lattice.z - origin) / width - shift.z);
         };
-        int const finest = m_tree->depth();
-        auto const halo = isLevelSet ? nullptr : coarseHalo(samples);
+        auto grid = makeGrid<GridOf<T>>(vdbValue(storage.background));
+        grid->setTransform(vdbTransform(channel.name, toWorld));
+        addCoarse(channel, samples, storage, index, grid->tree());
+        addVoxels(channel, samples, storage, index, grid->tree());
+        grid->tree().prune();
+        m_output.add(channel.name, grid, channel.gridClass, channel.vectorType);
+    }
+
+    template <class T>
+    void checkChannel(VdbChannel const& channel,
+                      ORV::TileTree3D::DataChannel<Traits, T> const& samples,
+                      Storage<T> const& storage) const {
+        if (!samples.fits(*m_tree) || samples.minDepth() > 0 || samples.depth() < m_tree->depth())
+            refuseVdb("channel " + detail::quoted(channel.name) +
+                      " does not have all tiles of the tree");
+        m_output.check(channel.name, {}, storage.background);
+        if constexpr (std::is_same_v<T, float>)
+            if (storage.isLevelSet && !(storage.background > 0))
+                refuseVdb("level set " + detail::quoted(channel.name) + " has a default value of " +
+                          std::to_string(storage.background) +
+                          ", which must be the width of its band");
+    }
+
+    /// Adds the samples of the tiles above the finest ones, as tiles.
+    template <class T, class Index, class Tree>
+    void addCoarse(VdbChannel const& channel,
+                   ORV::TileTree3D::DataChannel<Traits, T> const& samples,
+                   Storage<T> const& storage, Index const& index, Tree& tree) {
+        auto const halo = storage.isLevelSet ? nullptr : coarseHalo(samples);
         forEachUncovered<Traits, T>(
-            *m_tree, samples, finest, [&](auto const& tile, int3 const& at, T const* sample) {
-                T value = *sample;
-                if constexpr (std::is_same_v<T, float>)
-                    if (isLevelSet) value = std::copysign(background, value);
+            *m_tree, samples, m_tree->depth(),
+            [&](auto const& tile, int3 const& at, T const* sample) {
+                T const value = storage.ofTile(*sample);
                 if (halo) checkConstant(channel.name, halo->samples(tile.treeIndex()), at);
-                if (value == background) return;
+                if (value == storage.background) return;
                 int3 const low = tile.tijk() + at * tile.voxelDataWidth();
                 m_output.check(channel.name, index(low), value);
                 int const across = Traits::tileWidth(tile.depth() + 1) / width();
                 CoordBBox const box(index(low), index(low).offsetBy(across - 1));
-                fillVoxels(tree, box, vdbValue(value), !isLevelSet);
+                fillVoxels(tree, box, vdbValue(value), !storage.isLevelSet);
             });
-        openvdb::tree::ValueAccessor<typename GridOf<T>::TreeType> voxels(tree);
-        forEachSample<Traits, T>(*m_tree, samples, finest,
-                                 [&](int3 const& lattice, long long /*sample*/, T value) {
+    }
+
+    template <class T, class Index, class Tree>
+    void addVoxels(VdbChannel const& channel,
+                   ORV::TileTree3D::DataChannel<Traits, T> const& samples,
+                   Storage<T> const& storage, Index const& index, Tree& tree) {
+        openvdb::tree::ValueAccessor<Tree> voxels(tree);
+        forEachSample<Traits, T>(*m_tree, samples, m_tree->depth(),
+                                 [&](int3 const& lattice, long long /*number*/, T const& sample) {
                                      Coord const at = index(lattice);
-                                     m_output.check(channel.name, at, value);
-                                     bool active = value != background;
-                                     if constexpr (std::is_same_v<T, float>)
-                                         if (isLevelSet) {
-                                             active = std::abs(value) < background;
-                                             if (!active) value = std::copysign(background, value);
-                                         }
-                                     if (active)
+                                     m_output.check(channel.name, at, sample);
+                                     T const value = storage.ofVoxel(sample);
+                                     if (storage.isActive(sample))
                                          voxels.setValueOn(at, vdbValue(value));
-                                     else if (value != background)
+                                     else if (value != storage.background)
                                          voxels.setValueOff(at, vdbValue(value));
                                  });
-        tree.prune();
-        m_output.add(channel.name, grid, channel.gridClass, channel.vectorType);
     }
 
     /// The samples of the tiles above the finest ones, with those across their high faces.
