@@ -107,7 +107,7 @@ struct ZEL_EXCHANGE_API VdbVolume {
 ZEL_EXCHANGE_API VdbVolume readVdbGrids(std::filesystem::path const& path,
                                         std::vector<std::string> const& gridNames,
                                         ReadVdbOptions const& options = {});
-/// The same, of one grid.
+/// Reads one grid, as readVdbGrids() does.
 ZEL_EXCHANGE_API VdbVolume readVdb(std::filesystem::path const& path, std::string const& gridName,
                                    ReadVdbOptions const& options = {});
 

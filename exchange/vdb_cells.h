@@ -11,10 +11,10 @@
 #include "vdb_values.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
 
-// Where the values of a VDB tree change. A box of 4 voxels along each axis is plain if the values
-// at its voxels, and at those just across its high faces, edges and corner, are all the same: the
-// trilinear function is then constant in it. The boxes lie on multiples of 4, as the nodes of
-// OpenVDB do.
+// Where the values of a VDB tree change. A box of 4 voxels along each axis is constant if the
+// values at its voxels, and at those just across its high faces, edges and corner, are all the
+// same: the trilinear function is then constant in it. The boxes lie on multiples of 4, as the
+// nodes of OpenVDB do.
 namespace zel::detail {
 
 /// Compares by the order of a depth-first walk through an octree.
@@ -38,8 +38,8 @@ public:
     VdbScan(Tree const& tree, long long limit, int3 const& centre, int reach)
         : m_tree(tree), m_limit(limit), m_centre(centre), m_reach(reach) {}
 
-    /// The cells with parts that are not plain, in the order of an octree. Throws TooManyTiles and
-    /// OutsideLattice.
+    /// The cells with parts that are not constant, in the order of an octree. Throws TooManyTiles
+    /// and OutsideLattice.
     std::vector<VdbCell> run() {
         findBlocks();
         sortBlocks();
@@ -76,13 +76,17 @@ private:
 
     /// What a box of 8 voxels along each axis holds.
     struct Entry {
-        Value const* voxels;    ///< of a leaf; null without one
-        Value value;            ///< without a leaf
-        std::uint8_t constant;  ///< which parts of the leaf are of one value: see VdbCell::parts
+        Value const* voxels;  ///< of a leaf; null without one
+        Value value;          ///< without a leaf
+        /// Which parts of the leaf have one value at their own voxels: bits as of VdbCell::parts.
+        std::uint8_t uniform;
     };
     using Table = std::vector<Entry>;  ///< of a block and the layer above its high faces
     static int place(int3 const& at) { return at.x + kEdge * (at.y + kEdge * at.z); }
 
+    /// A part of a box of 8 voxels is a number with a bit for each axis, x first, that is set for
+    /// the high half. A direction is one with the bits of the axes along which it goes up: 1, 2 and
+    /// 4 are those across faces, 3, 5 and 6 across edges, 7 across the corner.
     static constexpr int3 step(int direction) {
         return {direction & 1, direction >> 1 & 1, direction >> 2};
     }
@@ -140,8 +144,8 @@ private:
     /// region across them is of the same value.
     void addShell(VdbSource<Tree>& source, int3 const& region, int3 const& across,
                   Value const& value, int direction) {
-        auto const isPlain = [&](int3 const& at) { return !source.template node<Upper>(at); };
-        if (isPlain(region) && isPlain(across) && isSame(source.value(across), value)) return;
+        auto const isTile = [&](int3 const& at) { return !source.template node<Upper>(at); };
+        if (isTile(region) && isTile(across) && isSame(source.value(across), value)) return;
         constexpr int kCount = kRegion / kBlock;
         int3 const first = step(direction) * (kCount - 1);
         int3 const base{region.x >> 7, region.y >> 7, region.z >> 7};
@@ -157,7 +161,7 @@ private:
         for (std::uint32_t number = 0; number < kLeaves * kLeaves * kLeaves; ++number) {
             int3 const at{everyThirdBit(number), everyThirdBit(number >> 1),
                           everyThirdBit(number >> 2)};
-            std::uint8_t const mask = notPlain(&table[static_cast<std::size_t>(place(at))]);
+            std::uint8_t const mask = varyingParts(&table[static_cast<std::size_t>(place(at))]);
             if (mask == 0) continue;
             cells.push_back({corner + at * kLeaf, mask});
             parts += std::popcount(mask);
@@ -169,14 +173,14 @@ private:
     static bool fill(int3 const& corner, VdbSource<Tree>& source, Table& table) {
         std::array<Lower const*, 8> nodes;
         std::array<Value, 8> values;
-        bool plain = true;
+        bool isConstant = true;
         for (unsigned direction = 0; direction < 8; ++direction) {
             int3 const at = corner + step(static_cast<int>(direction)) * kBlock;
             nodes[direction] = source.template node<Lower>(at);
             values[direction] = source.value(at);
-            plain = plain && !nodes[direction] && isSame(values[direction], values[0]);
+            isConstant = isConstant && !nodes[direction] && isSame(values[direction], values[0]);
         }
-        if (plain) return false;
+        if (isConstant) return false;
         for (unsigned direction = 0; direction < 8; ++direction) {
             int3 const to = step(static_cast<int>(direction));
             int3 at;
@@ -200,19 +204,25 @@ private:
             return;
         }
         entry.voxels = held.getChild()->buffer().data();
-        entry.constant = 0;
+        entry.uniform = 0;
         for (unsigned part = 0; part < 8; ++part)
-            if (VdbSource<Tree>::isConstantPart(entry.voxels + kOffsets[part]))
-                entry.constant |= static_cast<std::uint8_t>(1U << part);
+            if (VdbSource<Tree>::isUniformPart(entry.voxels + kOffsets[part]))
+                entry.uniform |= static_cast<std::uint8_t>(1U << part);
     }
 
+    /// The bits 0, 3, 6 and 9 of a number, as one of 4 bits: the numbers of the boxes of a block,
+    /// which have the bits of x, y and z by turns, run in the order of an octree.
     static int everyThirdBit(std::uint32_t number) {
         return static_cast<int>((number & 1) | (number >> 2 & 2) | (number >> 4 & 4) |
                                 (number >> 6 & 8));
     }
 
-    static std::uint8_t notPlain(Entry const* entry) {
-        unsigned across = 0xFF;  // the directions in which values may differ
+    /// The parts of a box that are not constant. The entries of the boxes above it lie behind its
+    /// own.
+    static std::uint8_t varyingParts(Entry const* entry) {
+        // The directions in which values may differ, a bit each. A box without a leaf has one value
+        // itself, so that only boxes across its faces matter, and to the parts at these faces.
+        unsigned across = 0xFF;
         if (!entry->voxels) {
             across = 0;
             for (int direction = 1; direction < 8; ++direction) {
@@ -223,16 +233,17 @@ private:
         }
         unsigned mask = 0;
         for (unsigned part = 0; part < 8; ++part)
-            if ((across & kTouched[part]) != 0 && !isPlain(entry, part)) mask |= 1U << part;
+            if ((across & kOutwards[part]) != 0 && !isConstant(entry, part)) mask |= 1U << part;
         return static_cast<std::uint8_t>(mask);
     }
-    /// By part of a box, the directions in which the part touches other boxes.
-    static constexpr std::array<unsigned, 8> kTouched = [] {
-        std::array<unsigned, 8> touched{};
+    /// By part, the directions that lead out of the box at once, a bit each: those along axes on
+    /// which the part is the high half.
+    static constexpr std::array<unsigned, 8> kOutwards = [] {
+        std::array<unsigned, 8> outwards{};
         for (unsigned part = 0; part < 8; ++part)
             for (unsigned direction = 0; direction < 8; ++direction)
-                if ((direction & part) == direction) touched[part] |= 1U << direction;
-        return touched;
+                if ((direction & part) == direction) outwards[part] |= 1U << direction;
+        return outwards;
     }();
     /// The places of a leaf's parts among its voxels.
     static constexpr std::array<int, 8> kOffsets = [] {
@@ -242,11 +253,14 @@ private:
         return offsets;
     }();
 
-    static bool isPlain(Entry const* entry, unsigned part) {
-        if (entry->voxels && (entry->constant >> part & 1) == 0) return false;
+    static bool isConstant(Entry const* entry, unsigned part) {
+        if (entry->voxels && (entry->uniform >> part & 1) == 0) return false;
         Value const value = entry->voxels ? entry->voxels[kOffsets[part]] : entry->value;
         for (unsigned direction = 1; direction < 8; ++direction) {
-            // The part in this direction lies in the next box along the axes of a carry.
+            // The neighbour in this direction: a step up from a low half leads to the high half of
+            // the same box, and from a high half to the low half of the next box. So the halves
+            // change along the axes of the direction, and the box along those where the part is
+            // high, too.
             Entry const& other = entry[place(step(static_cast<int>(part & direction)))];
             unsigned const otherPart = part ^ direction;
             if (!other.voxels) {
@@ -255,7 +269,8 @@ private:
             }
             Value const* const first = other.voxels + kOffsets[otherPart];
             if (!isSame(*first, value)) return false;
-            if ((other.constant >> otherPart & 1) != 0) continue;
+            if ((other.uniform >> otherPart & 1) != 0) continue;
+            // The layer of the neighbour at this part: one voxel thick along the direction.
             int3 const thin = step(static_cast<int>(direction));
             if (!VdbSource<Tree>::isSameBox(first, int3{4, 4, 4} - thin * 3, value)) return false;
         }

@@ -49,44 +49,57 @@ std::vector<TilePlace> partTiles(std::vector<VdbCell> const& cells, int3 const& 
     return places;
 }
 
-/// The finest tiles that meet the parts of cells, in groups of neighbours, each tile once.
+/// A finest tile, and its place in an order in which neighbours share most ancestors, as addTiles()
+/// needs it. The tiles of a tree of 5 children along each axis go depth first within groups of 125
+/// tiles along each axis, which are those of an ancestor three depths above; the groups go by z, y
+/// and x.
+struct OrderedTile {
+    static constexpr std::uint32_t kGroup = 5 * 5 * 5;
+
+    explicit OrderedTile(TilePlace const& place_) : place(place_) {
+        for (std::size_t axis = 0; axis < 3; ++axis) group[2 - axis] = place[axis] / kGroup;
+        // The slots of the ancestors in the group, from the highest on, as the digits of a number.
+        for (std::uint32_t width = kGroup / 5; width > 0; width /= 5) {
+            auto const slot = [&](std::size_t axis) { return place[axis] % kGroup / width % 5; };
+            inGroup = inGroup * 125 + slot(0) + 5 * slot(1) + 25 * slot(2);
+        }
+    }
+    bool operator<(OrderedTile const& other) const {
+        return std::tie(group, inGroup) < std::tie(other.group, other.inGroup);
+    }
+
+    std::array<std::uint32_t, 3> group{};
+    std::uint32_t inGroup = 0;
+    TilePlace place;
+};
+
+/// Calls `use(place)` for the finest tiles that meet a part of a cell.
+template <class Traits, class Use>
+void forEachTileOver(VdbCell const& cell, unsigned part, int3 const& shift, Use const& use) {
+    TilePlace low, high;
+    for (unsigned axis = 0; axis < 3; ++axis) {
+        int const at = cell.corner[static_cast<int>(axis)] + shift[static_cast<int>(axis)] +
+                       static_cast<int>(part >> axis & 1) * 4;
+        low[axis] = tilesBelow<Traits>(at);
+        high[axis] = tilesBelow<Traits>(at + 3);
+    }
+    for (std::uint32_t z = low[2]; z <= high[2]; ++z)
+        for (std::uint32_t y = low[1]; y <= high[1]; ++y)
+            for (std::uint32_t x = low[0]; x <= high[0]; ++x) use(TilePlace{x, y, z});
+}
+
+/// The finest tiles that meet the parts of cells, each once, in the order of OrderedTile.
 template <class Traits>
 std::vector<TilePlace> tilesOver(std::vector<VdbCell> const& cells, int3 const& shift) {
-    constexpr std::uint32_t kGroup = 5 * 5 * 5;  // tiles along an axis of a group
-    struct Keyed {
-        std::array<std::uint32_t, 3> group;
-        std::uint32_t inGroup;
-        TilePlace place;
-        bool operator<(Keyed const& other) const {
-            return std::tie(group, inGroup) < std::tie(other.group, other.inGroup);
-        }
-    };
-    std::vector<Keyed> keyed;
+    std::vector<OrderedTile> tiles;
     for (VdbCell const& cell : cells)
-        for (unsigned part = 0; part < 8; ++part) {
-            if ((cell.parts >> part & 1) == 0) continue;
-            TilePlace low, high;
-            for (unsigned axis = 0; axis < 3; ++axis) {
-                int const at = cell.corner[static_cast<int>(axis)] + shift[static_cast<int>(axis)] +
-                               static_cast<int>(part >> axis & 1) * 4;
-                low[axis] = tilesBelow<Traits>(at);
-                high[axis] = tilesBelow<Traits>(at + 3);
-            }
-            for (std::uint32_t z = low[2]; z <= high[2]; ++z)
-                for (std::uint32_t y = low[1]; y <= high[1]; ++y)
-                    for (std::uint32_t x = low[0]; x <= high[0]; ++x) {
-                        // The place in a group by the digits of the tiles' ancestors.
-                        std::uint32_t inGroup = 0;
-                        std::uint32_t gx = x % kGroup, gy = y % kGroup, gz = z % kGroup;
-                        for (std::uint32_t digit = kGroup / 5; digit > 0; digit /= 5)
-                            inGroup = inGroup * 125 + gx / digit % 5 + 5 * (gy / digit % 5) +
-                                      25 * (gz / digit % 5);
-                        keyed.push_back({{z / kGroup, y / kGroup, x / kGroup}, inGroup, {x, y, z}});
-                    }
-        }
-    std::sort(keyed.begin(), keyed.end());
+        for (unsigned part = 0; part < 8; ++part)
+            if ((cell.parts >> part & 1) != 0)
+                forEachTileOver<Traits>(cell, part, shift,
+                                        [&](TilePlace const& place) { tiles.emplace_back(place); });
+    std::sort(tiles.begin(), tiles.end());
     std::vector<TilePlace> places;
-    for (Keyed const& tile : keyed)
+    for (OrderedTile const& tile : tiles)
         if (places.empty() || places.back() != tile.place) places.push_back(tile.place);
     return places;
 }
@@ -170,11 +183,12 @@ template <class Traits> std::vector<TilePlace> finestTiles(Request const& reques
     boxes.reserve(places.size());
     for (TilePlace const& place : places)
         boxes.push_back(tileCorner<Traits>(place) - request.shift);
-    std::vector<char> plain(places.size(), 1);
-    for (auto const& values : request.values) values->findPlain(boxes, Traits::kSamples, plain);
+    std::vector<char> constant(places.size(), 1);
+    for (auto const& values : request.values)
+        values->findConstant(boxes, Traits::kSamples, constant);
     std::size_t count = 0;
     for (std::size_t i = 0; i < places.size(); ++i)
-        if (plain[i] == 0) places[count++] = places[i];
+        if (constant[i] == 0) places[count++] = places[i];
     places.resize(count);
     return places;
 }

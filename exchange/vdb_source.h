@@ -71,7 +71,7 @@ public:
 
     /// Whether the values at 4 voxels of a leaf along each axis are the same, from one of the
     /// leaf's values on.
-    static bool isConstantPart(Value const* values) {
+    static bool isUniformPart(Value const* values) {
         using Words = std::array<std::uint64_t, sizeof(Value) * 4 / sizeof(std::uint64_t)>;
         std::array<Value, 4> row;
         row.fill(*values);

@@ -18,7 +18,7 @@ template <class Traits> using TileContainer = ORV::TileTree3D::Container<Traits>
 template <class Traits> using TileTopology = ORV::TileTree3D::VoxelTopology<Traits>;
 
 /// A box of 8 voxels along each axis, on multiples of 8, and which of its eight parts are not
-/// plain: bit x + 2y + 4z.
+/// constant: bit x + 2y + 4z.
 struct VdbCell {
     int3 corner;
     std::uint8_t parts;
@@ -49,10 +49,10 @@ public:
     /// See VdbScan.
     virtual std::vector<VdbCell> cells(long long limit, int3 const& centre, int reach) const = 0;
 
-    /// Clears the flags of those boxes that are plain: of 4 or 5 voxels along each axis. Boxes are
-    /// given by the indices of their corners.
-    virtual void findPlain(std::vector<int3> const& boxes, int width,
-                           std::vector<char>& plain) const = 0;
+    /// Clears the flags of those boxes that are not constant: of 4 or 5 voxels along each axis.
+    /// Boxes are given by the indices of their corners.
+    virtual void findConstant(std::vector<int3> const& boxes, int width,
+                              std::vector<char>& constant) const = 0;
 
     /// Makes the channel over a tree in which no box without a finest tile has different values.
     /// Throws WrongValue.

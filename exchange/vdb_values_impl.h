@@ -31,17 +31,17 @@ public:
         return VdbScan<Tree>(*m_tree, limit, centre, reach).run();
     }
 
-    void findPlain(std::vector<int3> const& boxes, int width,
-                   std::vector<char>& plain) const override {
-        parallelRanges(static_cast<long long>(boxes.size()), 256,
-                       [&](long long first, long long last) {
-                           VdbSource<Tree> source(*m_tree);
-                           for (auto i = static_cast<std::size_t>(first);
-                                i < static_cast<std::size_t>(last); ++i)
-                               if (plain[i] != 0)
-                                   plain[i] = width == 4 ? source.template isConstant<5>(boxes[i])
-                                                         : source.template isConstant<6>(boxes[i]);
-                       });
+    void findConstant(std::vector<int3> const& boxes, int width,
+                      std::vector<char>& constant) const override {
+        parallelRanges(
+            static_cast<long long>(boxes.size()), 256, [&](long long first, long long last) {
+                VdbSource<Tree> source(*m_tree);
+                for (auto i = static_cast<std::size_t>(first); i < static_cast<std::size_t>(last);
+                     ++i)
+                    if (constant[i] != 0)
+                        constant[i] = width == 4 ? source.template isConstant<5>(boxes[i])
+                                                 : source.template isConstant<6>(boxes[i]);
+            });
     }
 
     NamedVolume channel(std::string const& name,
@@ -96,18 +96,18 @@ private:
             parallelRanges(tree->tileCount(depth), 64, [&](long long first, long long last) {
                 VdbSource<Tree> source(*m_tree);
                 for (long long i = first; i < last; ++i)
-                    fillPlain<Traits>(source, tree->tile(i, depth), shift,
-                                      channel->samples({i, depth}));
+                    fillConstant<Traits>(source, tree->tile(i, depth), shift,
+                                         channel->samples({i, depth}));
             });
         ORV::TileTree3D::restrictChannel<Traits, T>(*channel, *topology);
         return {Quern::String(name.c_str()),
                 ORV::TileTree3D::Volume<Traits, T>{tree, topology, channel}};
     }
 
-    /// Sets the samples of a tile where it has no child: each child's place is a plain box.
+    /// Sets the samples of a tile where it has no child: each child's place is a constant box.
     template <class Traits>
-    static void fillPlain(VdbSource<Tree>& source, ORV::TileTree3D::TileOf<Traits> const& tile,
-                          int3 const& shift, T* samples) {
+    static void fillConstant(VdbSource<Tree>& source, ORV::TileTree3D::TileOf<Traits> const& tile,
+                             int3 const& shift, T* samples) {
         constexpr int W = Traits::kSamples, kSpan = W / Traits::kBranch;
         forEachUncoveredChild<Traits>(tile, [&](int3 const& first) {
             int3 const at = tile.tijk() + first * tile.voxelDataWidth() - shift;
