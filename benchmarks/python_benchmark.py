@@ -4,8 +4,8 @@
 Needs the targets zel_python and python_baseline of the folder BUILD, build/release by default. The two
 take turns, and the least of many times counts, so that other work on the machine matters little.
 
-For 10^7 points, the median of several processes: where the system places threads and memory makes one
-of the two up to a sixth faster for as long as a process lives.
+For 10^7 points, the median of several processes: in one alone, where the system places threads and
+memory makes a difference of a few per cent.
 """
 
 import ctypes

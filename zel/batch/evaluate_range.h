@@ -72,7 +72,7 @@ void evaluateRange(Interface const& field, Batch<Interface> const& batch, GraphO
             positions.read(at, size, std::min(end - at - size, kSize), x, y, z);
             evaluateBlock(field, batch, fusions, block, at);
         }
-        if (batch.watch) batch.watch->finish(size);
+        if (batch.watch) batch.watch->finishBlock(size);
     }
 }
 
