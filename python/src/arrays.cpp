@@ -14,6 +14,7 @@ namespace {
 using Api = py::detail::npy_api;
 
 constexpr py::ssize_t kFloat = sizeof(float);
+constexpr int kEnsureCopy = 0x0020;  // NPY_ARRAY_ENSURECOPY
 
 /// The type float32, one object for the process.
 PyObject* floatType() {
@@ -184,8 +185,19 @@ py::array newFloats(Shape const& shape) {
 py::array copyOf(py::array const& array) {
     return fromAny(array, floatType(),
                    Api::NPY_ARRAY_C_CONTIGUOUS_ | Api::NPY_ARRAY_ALIGNED_ |
-                       Api::NPY_ARRAY_ENSUREARRAY_ | Api::NPY_ARRAY_FORCECAST_ |
-                       0x0020 /* NPY_ARRAY_ENSURECOPY */);
+                       Api::NPY_ARRAY_ENSUREARRAY_ | Api::NPY_ARRAY_FORCECAST_ | kEnsureCopy);
+}
+
+py::array ownedCopyOf(py::array const& array) {
+    return fromAny(array, nullptr,
+                   Api::NPY_ARRAY_C_CONTIGUOUS_ | Api::NPY_ARRAY_ALIGNED_ |
+                       Api::NPY_ARRAY_ENSUREARRAY_ | kEnsureCopy);
+}
+
+py::array readOnlyViewOf(py::array const& array) {
+    py::array view = viewOf(array);
+    view.attr("setflags")(py::arg("write") = false);
+    return view;
 }
 
 void Points::copy() {

@@ -76,6 +76,9 @@ py::array floatsOf(py::handle object, std::string const& where);
 /// The same as a view that nobody else has, aligned. A conversion handles signals in between, and
 /// throws what a handler raises.
 py::array floatsByParts(py::handle object, std::string const& where);
+/// A copy of the same type, in the order of C.
+py::array ownedCopyOf(py::array const& array);
+py::array readOnlyViewOf(py::array const& array);
 /// A new array of float32 in the order of C.
 py::array newFloats(Shape const& shape);
 /// A copy in the order of C, aligned.

@@ -109,8 +109,9 @@ PyObject* newProperty(PyTypeObject* /*type*/, PyObject* args, PyObject* keywords
         auto const& [values, defaultValue, target] = std::tie(given[0], given[1], given[2]);
         if (!PyUnicode_Check(target.ptr()))
             throw py::type_error("zel.Property: target: wanted a str, got " + shown(target));
-        return newObject(PropertyObject{numbersOf(values, "zel.Property: values"), defaultValue,
-                                        textOf(target)})
+        // A copy, which no later write to the caller's array changes.
+        return newObject(PropertyObject{ownedCopyOf(numbersOf(values, "zel.Property: values")),
+                                        defaultValue, textOf(target)})
             .release()
             .ptr();
     });
@@ -143,7 +144,7 @@ void Source::addProperty(std::string const& name, py::handle given) {
     py::array array;
     if (isObjectOf<PropertyObject>(given)) {
         auto const& property = valueOf<PropertyObject>(given);
-        array = property.values;
+        array = numbersOf(property.values, where);  // the base of a view may have got another type
         defaultValue = property.defaultValue;
         target = property.target;
     } else {
@@ -274,8 +275,8 @@ void addProperty(py::module_& module) {
         "the property is defined; its indices, if bind() gets any, choose the element.",
         newProperty);
     type.attribute(
-        "values", +[](PropertyObject const& self) { return self.values; },
-        "The array, of shape (n,), (n, 3) or (n, 4); bind() copies it.");
+        "values", +[](PropertyObject const& self) { return readOnlyViewOf(self.values); },
+        "A copy of the array that was given, of shape (n,), (n, 3) or (n, 4), to read.");
     type.attribute(
         "default", +[](PropertyObject const& self) { return self.defaultValue; },
         "The value of an index out of range, or None: 0, and no rotation of quaternions.");
@@ -292,7 +293,7 @@ void addProperty(py::module_& module) {
         "__reduce__", +[](PropertyObject const& self) {
             return py::make_tuple(
                 py::handle(reinterpret_cast<PyObject*>(objectType<PropertyObject>)),
-                py::make_tuple(self.values, self.defaultValue, self.target));
+                py::make_tuple(readOnlyViewOf(self.values), self.defaultValue, self.target));
         });
 }
 

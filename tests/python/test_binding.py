@@ -58,10 +58,12 @@ def test_targets_indices_and_defaults():
 def test_the_array_is_copied():
     values = np.arange(5, dtype=np.float32)
     count = sys.getrefcount(values)
-    bound = A.bind(properties={"a": values})
+    bound, property = A.bind(properties={"a": values}), zel.Property(values)
     assert sys.getrefcount(values) == count
     values[:] = 9
-    assert np.array_equal(bound(ZEROS), range(5))
+    property.values.shape = 5, 1
+    assert np.array_equal(bound(ZEROS), range(5)) and not property.values.flags.writeable
+    assert np.array_equal(A.bind({"a": property})(ZEROS), range(5))
 
 
 def test_reports():
