@@ -149,28 +149,12 @@ py::array floatsOf(py::handle object, std::string const& where) {
         return py::reinterpret_borrow<py::array>(object);
     py::array array = numbersOf(object, where);
     if (hasFloats(array)) return array;
-    return fromAny(array, floatType(), Api::NPY_ARRAY_FORCECAST_ | Api::NPY_ARRAY_ALIGNED_);
+    return copyOf(array);
 }
 
-py::array floatsByParts(py::handle object, std::string const& where) {
-    constexpr py::ssize_t kPart = 1 << 20;
+py::array floatsInPlace(py::handle object, std::string const& where) {
     py::array array = viewOf(numbersOf(object, where));
-    if (hasFloats(array) && isAligned(array)) return array;
-    if (array.ndim() == 0 || array.size() == 0) return copyOf(array);
-    py::array made = newFloats(Shape(array));
-    // Slices across the longest axis.
-    auto const axis = std::max_element(array.shape(), array.shape() + array.ndim()) - array.shape();
-    py::ssize_t const length = array.shape(axis);
-    py::ssize_t const step = std::max<py::ssize_t>(1, kPart / (array.size() / length));
-    py::object const from = array.attr("swapaxes")(0, axis), to = made.attr("swapaxes")(0, axis);
-    for (py::ssize_t at = 0; at < length; at += step) {
-        handleSignals();
-        py::slice const part(at, std::min(at + step, length), 1);
-        py::object const target = to[part], source = from[part];
-        if (Api::get().PyArray_CopyInto_(target.ptr(), source.ptr()) < 0)
-            throw py::error_already_set();
-    }
-    return made;
+    return hasFloats(array) && isAligned(array) ? array : copyOf(array);
 }
 
 py::array newFloats(Shape const& shape) {
@@ -183,9 +167,27 @@ py::array newFloats(Shape const& shape) {
 }
 
 py::array copyOf(py::array const& array) {
-    return fromAny(array, floatType(),
-                   Api::NPY_ARRAY_C_CONTIGUOUS_ | Api::NPY_ARRAY_ALIGNED_ |
-                       Api::NPY_ARRAY_ENSUREARRAY_ | Api::NPY_ARRAY_FORCECAST_ | kEnsureCopy);
+    constexpr py::ssize_t kPart = 1 << 20;
+    if (array.size() <= kPart)
+        return fromAny(array, floatType(),
+                       Api::NPY_ARRAY_C_CONTIGUOUS_ | Api::NPY_ARRAY_ALIGNED_ |
+                           Api::NPY_ARRAY_ENSUREARRAY_ | Api::NPY_ARRAY_FORCECAST_ | kEnsureCopy);
+    // A handler of a signal may change the shape of the array, but not of the view.
+    py::array const view = viewOf(array);
+    py::array made = newFloats(Shape(view));
+    // Slices across the longest axis.
+    auto const axis = std::max_element(view.shape(), view.shape() + view.ndim()) - view.shape();
+    py::ssize_t const length = view.shape(axis);
+    py::ssize_t const step = std::max<py::ssize_t>(1, kPart / (view.size() / length));
+    py::object const from = view.attr("swapaxes")(0, axis), to = made.attr("swapaxes")(0, axis);
+    for (py::ssize_t at = 0; at < length; at += step) {
+        handleSignals();
+        py::slice const part(at, std::min(at + step, length), 1);
+        py::object const target = to[part], source = from[part];
+        if (Api::get().PyArray_CopyInto_(target.ptr(), source.ptr()) < 0)
+            throw py::error_already_set();
+    }
+    return made;
 }
 
 py::array ownedCopyOf(py::array const& array) {

@@ -71,17 +71,18 @@ std::string dtypeText(py::array const& array);
 /// An object as an array of numbers: as it is if it is an array, else made by NumPy. Throws
 /// TypeError if the elements are not bools, integers or floats, or if the array is masked.
 py::array numbersOf(py::handle object, std::string const& where);
-/// The same converted to float32. An array of float32 is returned as it is; others are copies.
+/// The same converted to float32. An array of float32 is returned as it is; of others,
+/// copyOf() makes a copy.
 py::array floatsOf(py::handle object, std::string const& where);
-/// The same as a view that nobody else has, aligned. A conversion handles signals in between, and
-/// throws what a handler raises.
-py::array floatsByParts(py::handle object, std::string const& where);
+/// The same, aligned, as a view that nobody else has.
+py::array floatsInPlace(py::handle object, std::string const& where);
 /// A copy of the same type, in the order of C.
 py::array ownedCopyOf(py::array const& array);
 py::array readOnlyViewOf(py::array const& array);
 /// A new array of float32 in the order of C.
 py::array newFloats(Shape const& shape);
-/// A copy in the order of C, aligned.
+/// A copy as float32 in the order of C, aligned. Handles signals in between if the array is large,
+/// and throws what a handler raises.
 py::array copyOf(py::array const& array);
 
 /// Positions of shape (..., 3), read in place where their strides allow it.

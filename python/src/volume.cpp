@@ -169,7 +169,7 @@ py::object fromNumpy(py::object const& given, py::object const& voxelSize, py::o
                      py::object const& givenName, py::object const& outside) {
     std::string const where = "zel.Volume.from_numpy";
     std::string const name = toName(givenName, where + ": name");
-    py::array const array = floatsByParts(given, where + ": array");
+    py::array const array = floatsInPlace(given, where + ": array");
     bool const isVector = array.ndim() == 4 && array.shape(3) == 3;
     if (!isVector && array.ndim() != 3)
         throw py::value_error(where +

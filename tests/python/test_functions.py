@@ -154,6 +154,21 @@ def test_an_interrupt_stops_a_batch(slow):
     assert zel.sphere()((0, 0, 0)) == -1
 
 
+@pytest.mark.parametrize("xyz", [np.broadcast_to(1.0, (10**7, 3)),
+                                 np.zeros((2000, 10**4, 3), "f4")[::2, ::2]])
+def test_signals_are_handled_while_positions_are_copied(xyz):
+    ticks = []
+    before = signal.signal(signal.SIGALRM, lambda *_: ticks.append(1))
+    signal.setitimer(signal.ITIMER_REAL, 0.001, 0.001)
+    try:
+        zel.sphere()(xyz, index0=2**63 - 1)  # refused as soon as the positions are there
+    except ValueError:
+        count = len(ticks)
+    signal.setitimer(signal.ITIMER_REAL, 0)
+    signal.signal(signal.SIGALRM, before)
+    assert count > 5
+
+
 def test_an_interrupt_stops_a_block_of_many_paths():
     field = zel.simplex_noise()
     for _ in range(20):
