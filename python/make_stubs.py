@@ -42,7 +42,7 @@ def signatures(parameters, more=None, volume=False):
     needed = [i for i, (_, _, default) in enumerate(parameters) if default is None]
     last = needed[-1] + 1 if needed else 0
     given = [(name, kind, None) for name, kind, _ in parameters[:last]] + parameters[last:]
-    found = [texts(given) + ([f"*more: {more}"] if more else [])]
+    found = [texts(given[:last]) + ([f"*more: {more}"] if more else []) + texts(given[last:])]
     if last > len(needed):
         found.append(["*"] + texts(parameters))
     if volume:

@@ -160,7 +160,10 @@ std::string signatureOf(NodeClass const& nodeClass) {
 
 std::string functionSignatureOf(NodeClass const& nodeClass) {
     std::string signature = signatureOf(nodeClass);
-    if (nodeClass.chain != Chain::kNone) signature.insert(signature.size() - 1, ", *more");
+    if (nodeClass.chain != Chain::kNone) {
+        std::string const& second = nodeClass.parameters[1].name;  // the last operand
+        signature.insert(signature.find(", " + second) + 2 + second.size(), ", *more");
+    }
     return signature;
 }
 

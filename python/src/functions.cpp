@@ -42,10 +42,18 @@ NodeArguments nodeArguments(NodeClass const& nodeClass, py::handle args, py::han
 }
 
 /// Makes op(op(a, b), c) or a balanced tree of more than two operands, as the class has it.
-py::object chain(NodeClass const& nodeClass, std::vector<py::object> operands) {
+py::object chain(NodeClass const& nodeClass, py::args const& args, py::handle keywords) {
     auto const join = [&](py::object const& a, py::object const& b) {
-        return construct(nodeClass, py::args(py::make_tuple(a, b)), {});
+        return construct(nodeClass, py::args(py::make_tuple(a, b)), keywords);
     };
+    std::vector<py::object> operands;
+    for (py::handle const arg : args) {
+        operands.push_back(py::reinterpret_borrow<py::object>(arg));
+        // Else an error would name it as an operand of two.
+        ChildSummary unused;
+        toValue(arg, nodeClass.parameters[0],
+                "zel." + nodeClass.name + ": operand " + std::to_string(operands.size()), unused);
+    }
     if (nodeClass.chain == Chain::kLeft) {
         py::object all = join(operands[0], operands[1]);
         for (std::size_t i = 2; i < operands.size(); ++i) all = join(all, operands[i]);
@@ -102,12 +110,7 @@ py::object call(Candidates const& candidates, py::args const& args, py::handle k
         bool const isVector = hasVector(args, keywords);
         chosen = found != candidates.end() ? *found : candidates[isVector ? 1 : 0];
     }
-    if (takesMany(*chosen, args) && (!keywords || py::len(keywords) == 0)) {
-        std::vector<py::object> operands;
-        for (py::handle const arg : args)
-            operands.push_back(py::reinterpret_borrow<py::object>(arg));
-        return chain(*chosen, std::move(operands));
-    }
+    if (takesMany(*chosen, args)) return chain(*chosen, args, keywords);
     return construct(*chosen, args, keywords);
 }
 
@@ -170,8 +173,14 @@ void addFunctions(py::module_& module) {
         // In the order of their names, that of scalar fields comes first.
         std::string signature = functionSignatureOf(*candidates[0]), doc;
         py::list names;
+        bool const isChain = candidates[0]->chain != Chain::kNone;
+        if (isChain) doc += "\n\nTakes two operands or more by place, all else by keyword alone.";
         for (NodeClass const* const one : candidates) {
-            if (functionSignatureOf(*one) != signature) signature = "(*args, **kwargs)";
+            std::string const other = functionSignatureOf(*one);
+            if (isChain && other.size() > signature.size())
+                signature = other;  // that of vector fields has the other's parameters, too
+            else if (!isChain && other != signature)
+                signature = "(*args, **kwargs)";
             doc += "\n\nzel." + one->name + signatureOf(*one) + "\n\n" + commentOf(*one);
             names.append(one->name);
         }

@@ -58,6 +58,9 @@ def test_all_classes_have_functions():
     assert str(inspect.signature(zel.sphere)) == "(center=(0.0, 0.0, 0.0), radius=1.0)"
     assert "signed distance to a sphere" in zel.sphere.__doc__ and "radius: float" in zel.sphere.__doc__
     assert str(inspect.signature(zel.scalar_orvane)).endswith(", *, volume=None)")
+    assert str(inspect.signature(zel.min)) == "(a, b, *more, exactGradient=False)"
+    exact = zel.min(P, P * 2, P, exactGradient=True)
+    assert exact.exactGradient and exact.a.exactGradient
     for function in (zel.loads, zel.curve, zel.field, zel.Volume.from_field, zel.Volume.to_numpy):
         assert inspect.signature(function).parameters, function
     curve = zel.curve([(0, 1), (1, 2)])
@@ -151,6 +154,7 @@ test_errors_name_what_came = raises([
     (lambda: zel.simplex_noise(seed=1.5), TypeError, "seed.*float 1.5"),
     (lambda: zel.length(X), TypeError, "vector field"),
     (lambda: zel.add(X, P), TypeError, "VectorFieldAdd: a"),
+    (lambda: zel.min(P, P, True), TypeError, "operand 3.*vector field.*bool True"),
     (lambda: X + P, TypeError, "unsupported"), (lambda: X / P, TypeError, "unsupported"),
     (lambda: X ** Y, TypeError, "unsupported"), (lambda: X + 1j, TypeError, "unsupported"),
     (lambda: P + (1, 2), TypeError, "unsupported"), (lambda: pow(X, 2, 3), TypeError, "unsupported"),

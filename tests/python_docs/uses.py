@@ -22,6 +22,7 @@ assert_type(swirl * ball, zel.VectorFieldVSMultiply)
 assert_type(swirl / swirl, zel.VectorFieldDivide)
 assert_type(zel.min(ball, 1, ball), zel.ScalarFieldMin)
 assert_type(zel.max(swirl, (0, 0, 0)), zel.VectorFieldMax)
+assert_type(zel.min(swirl, swirl, (1, 2, 3), exactGradient=True), zel.VectorFieldMin)
 assert_type(zel.lerp(swirl, (0, 0, 1), ball), zel.VectorFieldLerp)
 assert_type(ball.bind(properties={"a": [1, 2]}), zel.ScalarFieldSphere)
 assert_type(zel.exact_gradients(swirl), zel.VectorField)
@@ -38,6 +39,7 @@ zel.sphere(radius="big")  # error
 zel.sphere(size=1)  # error
 zel.exp()  # error
 zel.curl(ball)  # error
+zel.min(swirl, swirl, True)  # error
 ball + swirl  # error
 ball.radius = 3  # error
 ball(xyz, out=xyz)  # error
