@@ -35,10 +35,7 @@ void raiseMissing(BindReport const& report, FieldObject const& original) {
         text += (reason == *reasons.begin() ? "" : ", ") + reason;
     if (hasBoundLeaves(original))
         text += " (strict=True counts leaves of earlier calls as well: one call has to bind all)";
-    py::object const error = py::handle(PyExc_KeyError)(text);
-    error.attr("names") = py::tuple(names);
-    PyErr_SetObject(PyExc_KeyError, error.ptr());
-    throw py::error_already_set();
+    raiseBindError(text, py::tuple(names));
 }
 
 /// A zel.Binding. One that was unpickled has its path as a text.

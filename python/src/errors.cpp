@@ -9,8 +9,17 @@ namespace zel::python {
 
 namespace {
 
-/// The class `zel.SceneError`, which lives as long as the process.
+/// The classes `zel.SceneError` and `zel.BindError`, which live as long as the process.
 PyObject* sceneErrorClass = nullptr;
+PyObject* bindErrorClass = nullptr;
+
+void addClass(py::module_& module, PyObject*& cls, char const* name, char const* doc,
+              PyObject* base) {
+    std::string const fullName = std::string("zel.") + name;
+    if (!cls) cls = PyErr_NewExceptionWithDoc(fullName.c_str(), doc, base, nullptr);
+    if (!cls) throw py::error_already_set();
+    module.attr(name) = py::handle(cls);
+}
 
 void setSceneError(SceneError const& error) {
     py::object const made = py::handle(sceneErrorClass)(error.what());
@@ -23,19 +32,26 @@ void setSceneError(SceneError const& error) {
 }  // namespace
 
 void addErrors(py::module_& module) {
-    if (!sceneErrorClass)
-        sceneErrorClass = PyErr_NewExceptionWithDoc(
-            "zel.SceneError",
-            "A scene that cannot be read or written. `path` is the place in the scene, such as\n"
-            "'/root/a/radius'; `line` and `column` are the place in a text that is not JSON, else "
-            "0.",
-            PyExc_ValueError, nullptr);
-    if (!sceneErrorClass) throw py::error_already_set();
-    module.attr("SceneError") = py::handle(sceneErrorClass);
+    addClass(
+        module, sceneErrorClass, "SceneError",
+        "A scene that cannot be read or written. `path` is the place in the scene, such as\n"
+        "'/root/a/radius'; `line` and `column` are the place in a text that is not JSON, else 0.",
+        PyExc_ValueError);
+    addClass(
+        module, bindErrorClass, "BindError",
+        "Leaves that bind(strict=True) did not bind. `names` are the names of what is missing.",
+        PyExc_KeyError);
     // NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11 has it by value
     py::register_local_exception_translator([](std::exception_ptr const exception) {
         if (exception) setError(exception);
     });
+}
+
+void raiseBindError(std::string const& text, py::tuple const& names) {
+    py::object const error = py::handle(bindErrorClass)(text);
+    error.attr("names") = names;
+    PyErr_SetObject(bindErrorClass, error.ptr());
+    throw py::error_already_set();
 }
 
 void setError(std::exception_ptr const& exception) {

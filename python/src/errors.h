@@ -12,8 +12,10 @@ namespace zel::python {
 
 namespace py = pybind11;
 
-/// Makes the exception class `zel.SceneError` and adds it to the module.
+/// Makes the exception classes `zel.SceneError` and `zel.BindError` and adds them to the module.
 void addErrors(py::module_& module);
+
+[[noreturn]] void raiseBindError(std::string const& text, py::tuple const& names);
 
 /// Sets the Python error that stands for a C++ exception: ValueError for an argument that is
 /// refused, MemoryError, zel.SceneError, RuntimeError for others, and the error itself for one that

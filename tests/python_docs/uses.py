@@ -33,7 +33,15 @@ assert_type(zel.field(lambda p: p[:, 0]), zel.ScalarField)
 assert_type(zel.field(lambda p: p, vector=True), zel.VectorField)
 zel.scalar_orvane("a", "cubicC1", volume=zel.Volume.from_field(ball, ((0,) * 3, (1,) * 3), 0.1, 2))
 zel.f_curve(ball, [(0, 1), (1, 2, "cubic")])
-zel.load("scene.json")(xyz)
+zel.f_curve(ball, xyz[:, :2])
+zel.curve(xyz)
+zel.Volume.from_field(ball, np.array([(0, 0, 0), (1, 1, 1)]), 0.1, 2)
+loaded = zel.load("scene.json")
+zel.exact_gradients(1 - abs(-loaded * 2) ** 2 / (loaded + ball))(xyz)
+try:
+    loaded.bind(strict=True)
+except zel.BindError as error:
+    assert_type(error.names, tuple[str, ...])
 
 zel.sphere(radius="big")  # error
 zel.sphere(size=1)  # error
