@@ -55,6 +55,28 @@ py::array fromAny(py::handle object, PyObject* type, int flags) {
     return py::reinterpret_steal<py::array>(made.release());
 }
 
+/// An array that NumPy makes of another object. Of integers beyond 64 bits it makes objects: here
+/// they are of float64, as Python's floats.
+py::array arrayFrom(py::handle object, std::string const& where) {
+    try {
+        py::array array = fromAny(object, nullptr, 0);
+        if (array.dtype().kind() != 'O') return array;
+        for (py::handle const one : array.attr("flat"))
+            if (!PyLong_Check(one.ptr()) && !PyFloat_Check(one.ptr())) return array;
+        return fromAny(array, py::dtype::of<double>().ptr(), Api::NPY_ARRAY_FORCECAST_);
+    } catch (py::error_already_set& error) {
+        if (error.type().ptr() == PyExc_ValueError) {
+            // Such as lists of different lengths.
+            py::raise_from(error, PyExc_ValueError,
+                           (where + ": " + std::string(py::str(error.value()))).c_str());
+            throw py::error_already_set();
+        }
+        if (error.type().ptr() != PyExc_OverflowError) throw;
+        throw py::value_error(where + ": wanted numbers in the range of float64, got " +
+                              shown(object));
+    }
+}
+
 /// A view whose shape nobody changes, without the code of a derived class.
 py::array viewOf(py::array const& array) {
     auto made = py::reinterpret_steal<py::object>(Api::get().PyArray_View_(
@@ -129,16 +151,12 @@ std::string dtypeText(py::array const& array) {
 
 py::array numbersOf(py::handle object, std::string const& where) {
     py::array array =
-        isArray(object) ? py::reinterpret_borrow<py::array>(object) : fromAny(object, nullptr, 0);
+        isArray(object) ? py::reinterpret_borrow<py::array>(object) : arrayFrom(object, where);
     if (isMasked(array))
         throw py::type_error(where +
                              ": wanted a plain array, got a masked one: filled() makes such");
     if (!hasNumbers(array.dtype()))
-        // Of a number beyond 64 bits, NumPy makes an array of objects.
-        throw py::type_error(where + ": wanted numbers" +
-                             (!isArray(object) && array.dtype().kind() == 'O'
-                                  ? " in the range of float32, got "
-                                  : ", got ") +
+        throw py::type_error(where + ": wanted numbers, got " +
                              (isArray(object) ? "an array of " + dtypeText(array) : shown(object)));
     return array;
 }

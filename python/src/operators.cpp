@@ -1,3 +1,4 @@
+#include "arrays.h"
 #include "errors.h"
 #include "field_types.h"
 #include "functions.h"
@@ -37,6 +38,10 @@ PyObject* binary(PyObject* a, PyObject* b, char const* ofScalars, char const* of
             result = make(ofVectors, a, b);
         else if (kindA != Kind::kOther && kindB != Kind::kOther)
             result = mixed(kindA == Kind::kVector);
+        for (py::handle const one : {py::handle(a), py::handle(b)})
+            if (!result && isArray(one))
+                throw py::type_error("zel: unsupported operand: an array of shape " +
+                                     shapeText(py::reinterpret_borrow<py::array>(one)));
         if (!result) Py_RETURN_NOTIMPLEMENTED;
         return result.release().ptr();
     });

@@ -18,12 +18,17 @@ namespace {
 
 py::object loads(py::handle text, py::handle depth) {
     std::string given;
-    if (PyUnicode_Check(text.ptr()))
-        given = textOf(text);
-    else if (PyBytes_Check(text.ptr()))
+    if (PyUnicode_Check(text.ptr())) {
+        // The reader refuses halves of surrogate pairs.
+        auto const bytes = py::reinterpret_steal<py::bytes>(
+            PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogatepass"));
+        if (!bytes) throw py::error_already_set();
+        given = bytes;
+    } else if (PyBytes_Check(text.ptr())) {
         given = text.cast<std::string>();
-    else
+    } else {
         throw py::type_error("zel.loads: wanted a str or bytes, got " + shown(text));
+    }
     SceneLimits limits;
     limits.depth = static_cast<std::size_t>(
         toInteger(depth, 0, std::numeric_limits<std::int64_t>::max(), "zel.loads: depth"));

@@ -140,7 +140,9 @@ void fillFrom(Volume& volume, std::string const& name, T const& outside, py::arr
 float toVoxelSize(py::handle object, std::string const& where) {
     float const size = toFloat(object, where + ": voxel_size");
     if (!(size > 0) || std::isinf(size))
-        throw py::value_error(where + ": wanted a voxel_size above 0, got " + shown(object));
+        throw py::value_error(
+            where + ": voxel_size: wanted a number above 0 in the range of float32, got " +
+            shown(object));
     return size;
 }
 

@@ -49,9 +49,9 @@ def test_odd_memory_and_types():
     records = np.zeros(4, [("tag", "u1"), ("p", "f4", 3)])  # not aligned
     records["p"] = xyz
     long = np.arange(4000, dtype=np.float32).reshape(1000, 4)[:, 1:]  # of several parts
-    for odd in (records["p"], xyz.tolist(), memoryview(xyz), np.broadcast_to(xyz[0], (4, 3)), long,
+    for odd in (records["p"], xyz.tolist(), [[2**70, 1, 0.5]], memoryview(xyz), np.broadcast_to(xyz[0], (4, 3)), long,
                 *(xyz.astype(dtype) for dtype in ("f2", "f8", ">f4", "i1", "u8", "?", "g"))):
-        assert np.array_equal(F(odd), formula(np.asarray(odd)))
+        assert np.array_equal(F(odd), formula(np.asarray(odd, 'f4')))
     unaligned_out = np.zeros(17, np.uint8)[1:].view(np.float32)
     assert np.array_equal(F(xyz, out=unaligned_out), formula(xyz))
 
@@ -96,7 +96,9 @@ test_errors_name_what_came = raises([
     (lambda: F(np.zeros(())), ValueError, "\\(\\)"),
     (lambda: F(np.zeros((4, 3), complex)), TypeError, "complex128"),
     (lambda: F("abc"), TypeError, "str 'abc'"),
-    (lambda: F([2**70, 0, 0]), TypeError, "range of float32"),
+    (lambda: F([2**2000, 0, 0]), ValueError, "xyz.*range of float64"),
+    (lambda: F([[1, 2, 3], [4, 5]]), ValueError, "xyz: .*inhomogeneous"),
+    (lambda: F(None), TypeError, "xyz: wanted numbers, got NoneType None"),
     (lambda: F(), TypeError, "zel.Field: xyz is missing"),
     (lambda: F(1, 2, 3, 4), TypeError, "zel.Field: got 4 arguments by place.*xyz, out, index0"),
     (lambda: F.grad(xzy=1), TypeError, "Field.grad: no parameter xzy; .*xyz, out, index0"),

@@ -155,6 +155,8 @@ test_errors_name_what_came = raises([
     (lambda: zel.length(X), TypeError, "vector field"),
     (lambda: zel.add(X, P), TypeError, "VectorFieldAdd: a"),
     (lambda: zel.min(P, P, True), TypeError, "operand 3.*vector field.*bool True"),
+    (lambda: np.ones(4) - P, TypeError, "unsupported.*array of shape \\(4,\\)"),
+    (lambda: zel.loads("\ud800"), zel.SceneError, "line 1, column 1"),
     (lambda: X + P, TypeError, "unsupported"), (lambda: X / P, TypeError, "unsupported"),
     (lambda: X ** Y, TypeError, "unsupported"), (lambda: X + 1j, TypeError, "unsupported"),
     (lambda: P + (1, 2), TypeError, "unsupported"), (lambda: pow(X, 2, 3), TypeError, "unsupported"),

@@ -102,6 +102,7 @@ def test_volumes_of_fields():
 OK = np.zeros((2, 2, 2))
 test_errors_name_what_came = raises([
     (lambda: zel.Volume.from_numpy(OK, 0, (0, 0, 0), name="d"), ValueError, "voxel_size.*0"),
+    (lambda: zel.Volume.from_numpy(OK, 1e-300, (0, 0, 0), name="d"), ValueError, "range.*1e-300"),
     (lambda: zel.Volume.from_numpy(OK, 1, (0.2, 0, 0), name="d"), ValueError, "multiples"),
     (lambda: zel.Volume.from_numpy(OK, 1, (1e30, 0, 0), name="d"), ValueError, "beyond"),
     (lambda: zel.Volume.from_numpy(OK, 1, (float("nan"), 0, 0), name="d"), ValueError, "beyond"),
