@@ -136,12 +136,21 @@ protected:
 
 }  // namespace
 
-struct ScalarFieldFunction : FunctionField<ScalarFieldFunction, ScalarField> {
+}  // namespace zel::python
+
+namespace zel {
+
+// Descriptions have these names, like those of all other classes.
+struct ScalarFieldFunction : python::FunctionField<ScalarFieldFunction, ScalarField> {
     using FunctionField::FunctionField;
 };
-struct VectorFieldFunction : FunctionField<VectorFieldFunction, VectorField> {
+struct VectorFieldFunction : python::FunctionField<VectorFieldFunction, VectorField> {
     using FunctionField::FunctionField;
 };
+
+}  // namespace zel
+
+namespace zel::python {
 
 namespace {
 

@@ -28,7 +28,9 @@ def _check(field, where):
 
 
 def exact_gradients(field):
-    """Returns field.exact_gradients()."""
+    """Returns a copy of the field in which each class that knows the derivative of its value answers
+    gradients by that instead of differences. Values are the same.
+    """
     _check(field, "zel.exact_gradients")
     return field.exact_gradients()
 

@@ -51,7 +51,7 @@ def test_values_gradients_and_blocks(xyz):
     np.testing.assert_allclose(turned.grad(xyz)[:, 2, 2], 2 * xyz[:, 2], rtol=1e-3)
     warped = zel.warp(zel.field(wave), turned + zel.position())
     np.testing.assert_allclose(warped(xyz), wave(twist(xyz) + xyz), rtol=1e-6, atol=1e-6)
-    assert "wave" in repr(warped) and zel.field(np.vectorize(wave)).class_name
+    assert 'zel::ScalarFieldFunction name="wave"' in repr(warped) and zel.field(np.vectorize(wave)).class_name
     with pytest.raises(ValueError, match="function"):
         warped.dumps()
 

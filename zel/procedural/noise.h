@@ -117,10 +117,7 @@ private:
 /// A weighted sum of layers of curl noise, with the octaves of ScalarFieldFractalNoise but in
 /// single precision throughout.
 ///
-/// Where `time` is a ScalarFieldConstant and the noise is smooth, a batch evaluates it in its
-/// hooks alone: the hook before it keeps the value, and the hook after it drops it. Hooks and
-/// samples may run on any number of threads at once: a sample that finds no kept value evaluates
-/// `time`, to the same bits. A copy starts without a kept value.
+/// Where `time` is a ScalarFieldConstant and the noise is smooth, a batch evaluates it once.
 class ZEL_API VectorFieldFractalTurbulence
     : public HookedNode<VectorFieldFractalTurbulence, VectorField> {
 public:
@@ -157,8 +154,9 @@ private:
     /// The time that the hook before the batch has evaluated, if it has.
     std::optional<float> keptTime() const;
 
-    /// The time of the batches that are being sampled, if it is constant. Batches on several
-    /// threads write it at once.
+    /// The time of the batches that are being sampled, if it is constant: preSampleField() keeps
+    /// it, postSampleField() drops it. Batches on several threads write it at once, and a sample
+    /// that finds none evaluates `time`, to the same bits. A copy starts without one.
     struct TimeCache {
         struct alignas(8) Time {  // aligned, so that clang also knows it to be lock-free
             float cachedTime = std::numeric_limits<float>::max();

@@ -68,8 +68,8 @@ private:
     float size;
 };
 
-/// The signed distance to a plane. The normal is divided by its length at construction; a zero
-/// normal gives results that are not finite.
+/// The signed distance to a plane. The normal is divided by its length at construction, and must
+/// have one above 0.
 class ZEL_API ScalarFieldPlane : public LeafNode<ScalarFieldPlane, ScalarField> {
 public:
     ScalarFieldPlane(float3 const& point, float3 const& normal);
