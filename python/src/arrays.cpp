@@ -250,6 +250,7 @@ Result::Result(py::handle out, Shape const& shape) : m_isOut(!out.is_none()) {
     }
     if (!isArray(out))
         throw py::type_error("out: wanted an array of float32, got " + typeName(out));
+    if (isMasked(out)) throw py::type_error("out: wanted a plain array, got a masked one");
     m_target = py::reinterpret_borrow<py::array>(out);
     if (!hasFloats(m_target))
         throw py::type_error("out: wanted an array of float32, got " + dtypeText(m_target));

@@ -106,6 +106,7 @@ test_errors_name_what_came = raises([
     (lambda: F(np.zeros((4, 3)), np.zeros(4)), TypeError, "out.*float32.*float64"),
     (lambda: F(np.zeros((4, 3)), np.zeros(5, "f4")), ValueError, "\\(4,\\).*\\(5,\\)"),
     (lambda: F(np.zeros((4, 3)), [0] * 4), TypeError, "out.*list"),
+    (lambda: F(np.zeros((4, 3)), np.ma.zeros(4, "f4")), TypeError, "out.*masked"),
     (lambda: F(np.zeros((1, 3)), np.broadcast_to(np.float32(0), 1)), ValueError, "read-only"),
     (lambda: F(np.zeros((4, 3)), index0=-1), ValueError, "index0.*-1"),
     (lambda: F(np.zeros((4, 3)), index0=2**63 - 4), ValueError, "index0"),
