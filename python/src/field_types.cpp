@@ -162,7 +162,8 @@ PyMethodDef methods[] = {
      "volume: a zel.Volume.\n"
      "indices: the element for each sampled index.\n"
      "metres_per_unit: the length of a unit of positions, for leaves of volumes.\n"
-     "strict: raise KeyError with all names that are missing. Else the attribute `bind_report` of\n"
+     "strict: raise BindError with all names that are missing. Else the attribute `bind_report` "
+     "of\n"
      "    the result has them. A leaf that an earlier bind() bound, and for which this one has\n"
      "    nothing, keeps its binding, but counts as missing.\n\n"
      "Raises TypeError or ValueError for an argument that does not fit, which name it."},
