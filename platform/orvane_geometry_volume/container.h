@@ -161,15 +161,14 @@ private:
         return found == drops.end() ? nullptr : &*found;
     }
 
-    /// A number of tiles that may lie in the trunk of a tree: around the origin there are 8 a
-    /// depth.
+    /// The most tiles of a depth in the trunk of a tree. Content around the origin has 8 of them.
     static constexpr long long kFew = 64;
 
     /// The members that change as a tree grows, apart from tiles, child tables and their index.
     struct State {
         long long total = 0;
         int depth = -1;
-        int trunk = Traits::kMaxDepth;  ///< deeper than here, a depth may have more than kFew tiles
+        int trunk = Traits::kMaxDepth;  ///< no depth down to here has more than kFew tiles
         bool copy = false;  ///< whether this is a copy of a tree that has the same stamp
         TreeStamp stamp, origin;
         std::vector<Drop> drops;

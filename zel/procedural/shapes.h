@@ -68,8 +68,8 @@ private:
     float size;
 };
 
-/// The signed distance to a plane. The normal is divided by its length at construction, and must
-/// have one above 0.
+/// The signed distance to a plane. The normal is divided by its length at construction: of a
+/// node whose normal is zero, the results are not finite.
 class ZEL_API ScalarFieldPlane : public LeafNode<ScalarFieldPlane, ScalarField> {
 public:
     ScalarFieldPlane(float3 const& point, float3 const& normal);
