@@ -83,10 +83,10 @@ public:
         Kind const kind = m_kinds[above];
         if (kind == Kind::kLinear) return line(end, above, x, slope);
         if (kind == Kind::kConstant || isSingle) return {slope ? 0 : Real{end.value}, 0};
+        if (!std::isfinite(x)) return {0, kMost};
         double const period = m_last.x - m_first.x;
         if (!std::isfinite(period)) return {slope ? 0 : Real{end.value}, 0};
-        return std::isfinite(x) ? cycle(period, x, kind == Kind::kCycleWithOffset, slope)
-                                : Estimate{0, kMost};
+        return cycle(period, x, kind == Kind::kCycleWithOffset, slope);
     }
 
 private:

@@ -51,9 +51,9 @@ public:
     ///
     /// NaN gives NaN. An infinite x gives the limit where there is one: the end value, or infinity
     /// with the sign of the line or of the offset cycles; a cycle without offset has no limit and
-    /// gives NaN. A cycle whose period overflows has the value of the nearer end. Where a slope or
-    /// the shift of a cycle overflows, or its product with a width or a number of cycles, the
-    /// result follows the floating-point rules.
+    /// gives NaN. A cycle whose period overflows has the value of the nearer end at any finite x.
+    /// Where a slope or the shift of a cycle overflows, or its product with a width or a number of
+    /// cycles, the result follows the floating-point rules.
     double evalFCurve(double x) const;
 
     /// Returns the derivative of the curve at `x`. At a key it is that of the segment that starts
