@@ -80,7 +80,7 @@ private:
 };
 
 /// field(p - dt * velocity(p)): one explicit Euler step back in time, in the manner of a
-/// semi-Lagrangian step. `dt` may be of either sign.
+/// semi-Lagrangian step. `dt`, in the unit of time of the velocity, may be of either sign.
 class ZEL_API ScalarFieldAdvect : public AdvectNode<ScalarFieldAdvect, ScalarField> {
 public:
     using AdvectNode::AdvectNode;

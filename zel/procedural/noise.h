@@ -19,7 +19,9 @@
 // distances.
 namespace zel {
 
-/// One layer of 4-D simplex noise: simplex_noise((p, time(p)), seed).
+/// One layer of 4-D simplex noise: simplex_noise((p, time(p)), seed), within -1..1, of root mean
+/// square 0.25. Features have a size of about 1, in the units of positions, and last about 1 in
+/// time.
 class ZEL_API ScalarFieldSimplexNoise : public HookedNode<ScalarFieldSimplexNoise, ScalarField> {
 public:
     ScalarFieldSimplexNoise(ScalarPtr time_, std::int64_t seed_)
@@ -47,8 +49,9 @@ private:
 /// A weighted sum of layers of 4-D simplex noise, computed in double precision. Octave `i`
 /// samples at the frequency `frequency / scaleRatio^i` and the fourth coordinate `timeRatio^i *
 /// time(p)`, with the weight `amplitudeRatio^i * amplitude`. If `octaves` has a fraction, the last
-/// octave's weight is multiplied by it. The sum is not normalised. 0 where `amplitude` or
-/// `scaleRatio` is 0 or NaN, and where `octaves` is not above 0, not finite, or 2^31 or more.
+/// octave's weight is multiplied by it. The sum is not normalised. Features of octave `i`
+/// have a size of about 1 over its frequency. 0 where `amplitude` or `scaleRatio` is 0 or NaN, and
+/// where `octaves` is not above 0, not finite, or 2^31 or more.
 class ZEL_API ScalarFieldFractalNoise : public HookedNode<ScalarFieldFractalNoise, ScalarField> {
 public:
     ScalarFieldFractalNoise(float amplitude_, float octaves_, float frequency_,
@@ -86,7 +89,8 @@ private:
 };
 
 /// One layer of divergence-free noise: curl_noise(p, time(p), seed), or smooth_curl_noise if
-/// `smooth`. The 64-bit seed is folded to 32 bits.
+/// `smooth`. The root mean square of its length is about 2.8, and features have a size of about 1,
+/// in the units of positions. The 64-bit seed is folded to 32 bits.
 class ZEL_API VectorFieldCurlNoise : public HookedNode<VectorFieldCurlNoise, VectorField> {
 public:
     VectorFieldCurlNoise(ScalarPtr time, bool smooth, std::int64_t seed);

@@ -9,7 +9,7 @@
 // the C mathematics library. Outside a function's domain the value is what that library gives.
 namespace zel {
 
-/// sin(field)
+/// sin(field), of an angle in radians.
 class ZEL_API ScalarFieldSine : public PointwiseNode<ScalarFieldSine, ScalarField> {
 public:
     explicit ScalarFieldSine(ScalarPtr field_) : field(std::move(field_)) {}
@@ -27,7 +27,7 @@ private:
     ScalarPtr field;
 };
 
-/// cos(field)
+/// cos(field), of an angle in radians.
 class ZEL_API ScalarFieldCosine : public PointwiseNode<ScalarFieldCosine, ScalarField> {
 public:
     explicit ScalarFieldCosine(ScalarPtr field_) : field(std::move(field_)) {}
@@ -45,7 +45,8 @@ private:
     ScalarPtr field;
 };
 
-/// tan(field). The gradient is the child's times w * w + 1, with w this node's value.
+/// tan(field), of an angle in radians. The gradient is the child's times w * w + 1, with w this
+/// node's value.
 class ZEL_API ScalarFieldTangent : public PointwiseNode<ScalarFieldTangent, ScalarField> {
 public:
     explicit ScalarFieldTangent(ScalarPtr field_) : field(std::move(field_)) {}
@@ -63,8 +64,8 @@ private:
     ScalarPtr field;
 };
 
-/// asin(field). The gradient is the child's times 0 where field is 1 or above, -1, or NaN; NaN
-/// below -1.
+/// asin(field), in radians, -pi/2..pi/2, and NaN where field is not in -1..1. The gradient is the
+/// child's times 0 where field is 1 or above, -1, or NaN; NaN below -1.
 class ZEL_API ScalarFieldArcSine : public PointwiseNode<ScalarFieldArcSine, ScalarField> {
 public:
     explicit ScalarFieldArcSine(ScalarPtr field_) : field(std::move(field_)) {}
@@ -91,7 +92,8 @@ private:
     ScalarPtr field;
 };
 
-/// acos(field). The gradient is zero and NaN where that of ScalarFieldArcSine is.
+/// acos(field), in radians, 0..pi, and NaN where field is not in -1..1. The gradient is zero and
+/// NaN where that of ScalarFieldArcSine is.
 class ZEL_API ScalarFieldArcCosine : public PointwiseNode<ScalarFieldArcCosine, ScalarField> {
 public:
     explicit ScalarFieldArcCosine(ScalarPtr field_) : field(std::move(field_)) {}
@@ -111,7 +113,7 @@ private:
     ScalarPtr field;
 };
 
-/// atan(field)
+/// atan(field), in radians, -pi/2..pi/2.
 class ZEL_API ScalarFieldArcTangent : public PointwiseNode<ScalarFieldArcTangent, ScalarField> {
 public:
     explicit ScalarFieldArcTangent(ScalarPtr field_) : field(std::move(field_)) {}
@@ -129,8 +131,8 @@ private:
     ScalarPtr field;
 };
 
-/// The angle of the point with ordinate `a` and abscissa `b`, in its quadrant. In the gradient an
-/// abscissa nearer to 0 than 0.0001 is taken as +0.0001. See withExactGradients().
+/// The angle of the point with ordinate `a` and abscissa `b`, in radians, -pi..pi. In the gradient
+/// an abscissa nearer to 0 than 0.0001 is taken as +0.0001. See withExactGradients().
 class ZEL_API ScalarFieldArcTangent_2D
     : public PointwiseNode<ScalarFieldArcTangent_2D, ScalarField> {
 public:
