@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# package_test.sh SOURCE BUILD COMPILER MODE: ZEL as other projects take it. The modes `install` and
+# package_test.sh SOURCE BUILD COMPILER MODE [PYTHON]: ZEL as other projects take it. The modes `install` and
 # `install_static` put a shared and a static ZEL where the others look for them, below BUILD/package.
 # Each way in builds and runs the first program of README.
 set -euo pipefail
-source=$(realpath "$1") build=$(realpath "$2") compiler=$3 mode=$4
+source=$(realpath "$1") build=$(realpath "$2") compiler=$3 mode=$4 python=${5:-}
 here=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
 package=$build/package work=$build/package/consumers/$mode
 rm -rf "$work"
@@ -98,6 +98,10 @@ headers)
     find . -name '*.h' -printf '#include "%p"\n' | LC_ALL=C sort -r >"$work/all.cpp"
     "$compiler" -std=c++20 -fsyntax-only -Wall -Wextra -Wshadow -Wconversion -pedantic -Werror -I. \
         "$work/all.cpp"
+    ;;
+python)
+    module=$(find "$package/shared" -path '*/zel/__init__.py')
+    PYTHONPATH=${module%/zel/__init__.py} "$python" -B "$here/import_module.py" "$package/shared"
     ;;
 pages)
     use_pkg_config "$package/shared"
