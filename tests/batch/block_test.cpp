@@ -7,6 +7,7 @@
 
 #include "support/random_nodes.h"
 #include "support/refused.h"
+#include "support/sanitized.h"
 #include "zel/node/node_impl.h"
 #include "zel_platform/quern_core/simd_target.h"
 
@@ -90,7 +91,7 @@ TEST(Block, EqualsPointsToTheBit) {
     constexpr long long kCounts[] = {0, 1, 2, 3, 63, 64, 65, 127, 128, 129, 255, 256, 257, 1000};
     unsigned number = seed();
     forEveryNode([&](std::string const& name, auto construct) {
-        for (int round = 0; round < 16; ++round, ++number) {
+        for (int round = 0; round < (support::kIsSanitized ? 6 : 16); ++round, ++number) {
             SCOPED_TRACE(name + ", ZEL_TEST_SEED=" + std::to_string(seed()));
             auto const node = RandomNodes(number).make(construct);
             auto const positions = somePositions(kCounts[number % std::size(kCounts)], number);
@@ -108,7 +109,8 @@ TEST(Block, EqualsPointsToTheBit) {
 }
 
 TEST(Block, WorksOutNodesTogetherAsPointsDo) {
-    for (unsigned number = seed(); number < seed() + 100; ++number) {
+    unsigned const count = support::kIsSanitized ? 25 : 100;
+    for (unsigned number = seed(); number < seed() + count; ++number) {
         SCOPED_TRACE("ZEL_TEST_SEED=" + std::to_string(number));
         // Some have more nodes than are worked out together.
         ScalarPtr const tree = RandomTrees(number, 2 + number % 100 * (number % 4));

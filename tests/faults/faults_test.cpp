@@ -4,6 +4,7 @@
 
 #include "faults/every_failure.h"
 #include "support/random_nodes.h"
+#include "support/sanitized.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
 #include "zel_platform/orvane_geometry_volume/channel_pool.h"
 #include "zel_scene/bind.h"
@@ -108,7 +109,8 @@ TEST_F(Faults, OfMakingAndCopyingTrees) {
 
 /// The results at as many positions as take point calls, blocks, and fused blocks.
 template <class Interface> void batches(Interface const& field, Bits& bits) {
-    static auto const many = somePositions(2100), few = somePositions(2), none = somePositions(0);
+    static auto const many = somePositions(support::kIsSanitized ? 600 : 2100),
+                      few = somePositions(2), none = somePositions(0);
     for (auto const* const positions : {&few, &many, &none}) {
         bits << *field.eval(*positions) << *Core::Fields::grad(field, *positions);
         auto const both = Core::Fields::evalAndGrad(field, *positions);
