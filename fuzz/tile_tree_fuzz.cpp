@@ -280,20 +280,25 @@ private:
         std::vector<TileRun> runs(static_cast<std::size_t>(count) + 1, TileRun{-7, -7});
         int const found = m_tree->findTiles(depth, cells[0].data(), cells[1].data(),
                                             cells[2].data(), count, runs.data());
+        std::array<TreeIndex, Tree::kMaxPoints> deepest;
+        m_tree->findDeepestTiles(d, cells[0].data(), cells[1].data(), cells[2].data(), count,
+                                 deepest.data());
         int end = 0;
         for (int r = 0; r < found; ++r) {
             TileRun const run = runs[static_cast<std::size_t>(r)];
             expect(end < run.end && run.end <= count);
             for (auto i = static_cast<unsigned>(end); i < static_cast<unsigned>(run.end); ++i) {
                 int3 p;
-                bool inside = depth == d;
+                bool inside = true;
                 for (unsigned a = 0; a < 3; ++a) {
                     inside = inside && cells[a][i] < Traits::kRootWidth / w;
                     if (inside)
                         p[static_cast<int>(a)] = static_cast<int>(
                             kLow<Traits> + static_cast<long long>(cells[a][i]) * w);
                 }
-                expect((run.tile >= 0) == (inside && m_map.has(p, depth)));
+                expect((run.tile >= 0) == (inside && depth == d && m_map.has(p, d)));
+                expect(deepest[i].valid() == (inside && m_tree->depth() >= 0));
+                if (deepest[i].valid()) expectFound(m_tree->tile(deepest[i]), p, d);
                 expect(run.tile < 0 || m_tree->tile(run.tile, depth).tijk() == p);
             }
             end = run.end;

@@ -89,6 +89,12 @@ public:
     int findTiles(int depth, std::uint32_t const* x, std::uint32_t const* y, std::uint32_t const* z,
                   int count, TileRun* runs) const;
 
+    /// Finds the deepest tile over each of `count` points, 0 to kMaxPoints, that is no deeper than
+    /// `depth`; (-1, -1) outside the root. The coordinates are those of findTiles(), and accesses
+    /// overlap likewise. Takes longer than findTiles() where that finds a tile.
+    void findDeepestTiles(int depth, std::uint32_t const* x, std::uint32_t const* y,
+                          std::uint32_t const* z, int count, TreeIndex* tiles) const;
+
     /// The width of a finest voxel in world units; 0 or more.
     float voxelSize() const { return m_voxelSize; }
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include "zel_platform/orvane_geometry_volume/container.h"
 #include "zel_platform/quern_core/expect.h"
@@ -97,9 +98,112 @@ int Container<Traits>::findTiles(int depth, std::uint32_t const* x, std::uint32_
     return static_cast<int>(runCount);
 }
 
+/// Begins at the depth above which the tree hardly branches, whose child tables stay in the cache,
+/// and steps down from there with all points at once.
+template <class Traits>
+void Container<Traits>::findDeepestTiles(int depth, std::uint32_t const* x, std::uint32_t const* y,
+                                         std::uint32_t const* z, int count,
+                                         TreeIndex* tiles) const {
+    ZEL_EXPECT(0 <= count && count <= kMaxPoints && depth <= Traits::kMaxDepth);
+    std::fill_n(tiles, std::max(count, 0), TreeIndex());
+    int const deepest = std::min(depth, m_state.depth);
+    if (deepest < 0) return;
+    constexpr std::uint32_t B = Traits::kBranch;
+    auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
+    std::int32_t const* const rootTable = m_levels[0][0].m_children;
+
+    // An inner tile over a point, and its child table; null if there is no such tile of that depth.
+    struct Inner {
+        std::int32_t tile;
+        std::int32_t const* table;
+    };
+    auto const innerTile = [&](int i, int at) -> Inner {
+        if (at == 0) return {0, rootTable};
+        Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(at));
+        std::uint32_t const tx = tilesBelow(x[i] * width), ty = tilesBelow(y[i] * width),
+                            tz = tilesBelow(z[i] * width);
+        auto const wide = static_cast<std::uint32_t>(Traits::tileWidth(at));
+        int3 const corner{Internal::cornerOf<Traits>(tx, wide),
+                          Internal::cornerOf<Traits>(ty, wide),
+                          Internal::cornerOf<Traits>(tz, wide)};
+        ChildTable const* const table =
+            innerTiles(at).find(Internal::InnerTileIndex::hash(tx, ty, tz),
+                                [&](std::int32_t number) -> ChildTable const* {
+                                    ChildTable const& found = m_tables[number];
+                                    return found.corner == corner ? &found : nullptr;
+                                });
+        return table ? Inner{table->owner, table->children.data()} : Inner{-1, nullptr};
+    };
+    // Steps down to the child over a point of depth `at` + 1, if there is one. Returns its child
+    // table, or null.
+    auto const step = [&](int i, int at, std::int32_t const* table) ZEL_ALWAYS_INLINE {
+        Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(at) + 1);
+        auto const place = [&](std::uint32_t const* c) { return tilesBelow(c[i] * width) % B; };
+        std::int32_t const child = table[place(x) + B * (place(y) + B * place(z))];
+        bool const exists = child >= 0;
+        tiles[i] = {exists ? child : tiles[i].tile, at + exists};
+        Tile const* const below = &level(at + 1)[exists ? child : 0];
+        __builtin_prefetch(&below->m_children);
+        return exists ? below : nullptr;
+    };
+
+    // The points whose tile may have a child over them, and the child tables of those tiles.
+    std::array<std::uint8_t, kMaxPoints> points;
+    std::array<std::int32_t const*, kMaxPoints> tables;
+    unsigned left = 0;
+    int const trunk = std::max(std::min(m_state.trunk, deepest - 1), 0);
+    for (int i = 0; i < count; ++i) {
+        if (std::max({x[i], y[i], z[i]}) >= Traits::kRootWidth / width) continue;
+        Inner inner = innerTile(i, trunk);
+        tiles[i] = {inner.tile, trunk};
+        points[left] = static_cast<std::uint8_t>(i);
+        tables[left] = inner.table;
+        if (inner.table) {
+            ++left;
+        } else if (rootTable) {
+            // All ancestors of an inner tile are inner tiles: a binary search finds the deepest.
+            int low = 0;
+            inner = {0, rootTable};
+            for (int high = trunk - 1; low < high;) {
+                int const probe = low + (high - low + 1) / 2;
+                if (Inner const found = innerTile(i, probe); found.table) {
+                    inner = found;
+                    low = probe;
+                } else {
+                    high = probe - 1;
+                }
+            }
+            tiles[i] = {inner.tile, low};
+            (void)step(i, low, inner.table);
+        } else {
+            tiles[i] = {0, 0};
+        }
+    }
+    std::array<Tile const*, kMaxPoints> below;
+    for (int at = trunk; left > 0 && at < deepest; ++at) {
+        unsigned const all = std::exchange(left, 0);
+        for (unsigned s = 0; s < all; ++s) {
+            points[left] = points[s];
+            below[left] = step(points[s], at, tables[s]);
+            left += below[left] != nullptr;
+        }
+        if (at + 1 == deepest) break;
+        unsigned const found = std::exchange(left, 0);
+        for (unsigned s = 0; s < found; ++s) {
+            points[left] = points[s];
+            tables[left] = below[s]->m_children;
+            __builtin_prefetch(tables[left]);
+            left += tables[left] != nullptr;
+        }
+    }
+}
+
 #define ZEL_DETAIL_FIND_TILES(Traits)                                                              \
     template int Container<Traits>::findTiles(int, std::uint32_t const*, std::uint32_t const*,     \
-                                              std::uint32_t const*, int, TileRun*) const
+                                              std::uint32_t const*, int, TileRun*) const;          \
+    template void Container<Traits>::findDeepestTiles(int, std::uint32_t const*,                   \
+                                                      std::uint32_t const*, std::uint32_t const*,  \
+                                                      int, TreeIndex*) const
 ZEL_DETAIL_FIND_TILES(BinaryTraits);
 ZEL_DETAIL_FIND_TILES(QuinaryTraits);
 

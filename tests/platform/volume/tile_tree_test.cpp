@@ -85,14 +85,18 @@ TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
     using Cells = std::array<std::uint32_t, Container<TypeParam>::kMaxPoints>;
     Random random(57);
     for (int round = 0; round < 400; ++round) {
-        RandomTree<TypeParam> const made(random, 60, random(0, TypeParam::kMaxDepth));
+        // Some that branch at all depths, and some that do first at the deep ones.
+        bool const wide = round % 40 == 0;
+        RandomTree<TypeParam> const made(random, wide ? 0 : 60,
+                                         wide ? 4 : random(0, TypeParam::kMaxDepth));
+        auto const last = static_cast<int>(made.points.size()) - 1;
         int const depth = random(-1, made.tree.depth() + 1),
                   count = random(0, 3) ? random(0, 128) : 128;
         auto const d = std::clamp(depth, 0, +TypeParam::kMaxDepth);
         auto const w = static_cast<std::uint32_t>(width<TypeParam>(d));
         std::array<Cells, 3> cells;
         for (unsigned i = 0; i < static_cast<unsigned>(count); ++i) {
-            int3 const p = made.points[static_cast<std::size_t>(random(0, 59))];
+            int3 const p = made.points[static_cast<std::size_t>(random(0, last))];
             bool const again = i > 0 && random(0, 2) == 0;  // rows of one tile
             for (unsigned a = 0; a < 3; ++a)
                 cells[a][i] =
@@ -108,18 +112,21 @@ TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
         auto const& [x, y, z] = cells;
         int const found =
             made.tree.findTiles(depth, x.data(), y.data(), z.data(), count, runs.data());
+        std::array<TreeIndex, Container<TypeParam>::kMaxPoints> deepest;
+        made.tree.findDeepestTiles(d, x.data(), y.data(), z.data(), count, deepest.data());
         int end = 0;
         for (int r = 0; r < found; ++r) {
             TileRun const run = runs[static_cast<std::size_t>(r)];
             ASSERT_TRUE(end < run.end && run.end <= count);
             for (auto i = static_cast<unsigned>(end); i < static_cast<unsigned>(run.end); ++i) {
-                bool const inside =
-                    depth == d && std::max({x[i], y[i], z[i]}) < TypeParam::kRootWidth / w;
+                bool const inside = std::max({x[i], y[i], z[i]}) < TypeParam::kRootWidth / w;
                 auto const low = [&](std::uint32_t cell) {
                     return static_cast<int>(kLow<TypeParam> + (inside ? cell * w : 0));
                 };
                 int3 const p{low(x[i]), low(y[i]), low(z[i])};
-                ASSERT_EQ(run.tile >= 0, inside && made.map.has(p, depth)) << depth;
+                ASSERT_EQ(run.tile >= 0, inside && depth == d && made.map.has(p, d)) << depth;
+                ASSERT_EQ(deepest[i].valid(), inside);
+                if (inside) expectFound<TypeParam>(made.tree.tile(deepest[i]), made.map, p, d);
                 ASSERT_TRUE(run.tile < 0 || made.tree.tile(run.tile, depth).m_tijk == p);
             }
             end = run.end;

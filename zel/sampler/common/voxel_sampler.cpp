@@ -51,22 +51,15 @@ bool inReach(Internal::Float4 const& v) {
 
 }  // namespace
 
+/// The cells, voxels and fractions of a batch in tiles of its depth, whether those exist or not.
 template <class Traits, class Real, class Position>
-void VoxelSampler<Traits, Real, Position>::locateBatch(float const* x, float const* y,
-                                                       float const* z, int count, int space,
-                                                       int depth, VoxelBatch& batch) const {
-    Container<Traits> const& tree = m_accessor.container();
-    depth = std::min(depth, tree.depth());
-    batch.depth = depth;
-    if (depth < 0) {
-        batch.runCount = 1;
-        batch.runs[0] = {count, -1};
-        return;
-    }
-    Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(depth));
-    auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
-    float const voxelScale = Internal::voxelScale<Traits>(depth);
-    float const unit = space == kWorldSpace ? m_invVoxelSize : 1.0F;
+void VoxelSampler<Traits, Real, Position>::splitBatch(float const* x, float const* y,
+                                                      float const* z, int count, int space,
+                                                      VoxelBatch& batch) const {
+    Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(batch.depth));
+    auto const width = static_cast<std::uint32_t>(Traits::tileWidth(batch.depth));
+    float const voxelScale = Internal::voxelScale<Traits>(batch.depth);
+    float const unit = unitOf(space);
     auto& cells = batch.cells;
     std::array<float const*, 3> const positions{x, y, z};
     for (unsigned axis = 0; axis < 3; ++axis)
@@ -86,8 +79,103 @@ void VoxelSampler<Traits, Real, Position>::locateBatch(float const* x, float con
             Internal::splitVoxel<Traits>((v - static_cast<float>(corner)) * voxelScale - offset,
                                          voxel[i], frac[i]);
         });
-    batch.runCount = tree.findTiles(depth, cells[0].data(), cells[1].data(), cells[2].data(), count,
-                                    batch.runs.data());
+}
+
+template <class Traits, class Real, class Position>
+void VoxelSampler<Traits, Real, Position>::locateBatch(float const* x, float const* y,
+                                                       float const* z, int count, int space,
+                                                       int depth, VoxelBatch& batch) const {
+    batch.depth = std::min(depth, m_accessor.container().depth());
+    if (batch.depth < 0) {
+        batch.runCount = 1;
+        batch.runs[0] = {count, -1};
+        return;
+    }
+    splitBatch(x, y, z, count, space, batch);
+    auto const& cells = batch.cells;
+    batch.runCount = m_accessor.container().findTiles(batch.depth, cells[0].data(), cells[1].data(),
+                                                      cells[2].data(), count, batch.runs.data());
+}
+
+template <class Traits, class Real, class Position>
+void VoxelSampler<Traits, Real, Position>::locateDeepest(float const* x, float const* y,
+                                                         float const* z, int count, int space,
+                                                         int depth, VoxelBatch& batch) {
+    batch.depth = std::min(depth, m_accessor.container().depth());
+    if (!m_isScattered || batch.depth < 0) {
+        locateBatch(x, y, z, count, space, depth, batch);
+    } else {
+        splitBatch(x, y, z, count, space, batch);
+        batch.runCount = count;
+        for (int i = 0; i < count; ++i) batch.runs[static_cast<unsigned>(i)] = {i + 1, -1};
+    }
+    batch.runDepths.fill(static_cast<std::int8_t>(batch.depth));
+    if (batch.depth >= 0) m_isScattered = 2 * locateCoarse(x, y, z, space, batch) > count;
+}
+
+/// Looks up the tiles of the runs without one, but for those close to another and those outside the
+/// root. Returns how many are coarser than the batch's depth.
+template <class Traits, class Real, class Position>
+int VoxelSampler<Traits, Real, Position>::locateCoarse(float const* x, float const* y,
+                                                       float const* z, int space,
+                                                       VoxelBatch& batch) const {
+    std::uint32_t const end =
+        Traits::kRootWidth / static_cast<std::uint32_t>(Traits::tileWidth(batch.depth));
+    // The runs to look up, their first positions, and the cells of those.
+    std::array<std::uint8_t, VoxelBatch::kSize> runs, firsts;
+    typename VoxelBatch::template Coordinates<std::uint32_t> cells;
+    unsigned count = 0, first = 0;
+    std::array<std::uint32_t, 3> last{end + 1, end + 1, end + 1};
+    bool lastIsTaken = false;
+    for (unsigned run = 0; run < static_cast<unsigned>(batch.runCount); ++run) {
+        if (batch.runs[run].tile < 0) {
+            std::array<std::uint32_t, 3> const cell{batch.cells[0][first], batch.cells[1][first],
+                                                    batch.cells[2][first]};
+            auto const isClose = [&](unsigned axis) { return cell[axis] - last[axis] + 1 <= 2; };
+            bool const isNear = isClose(0) && isClose(1) && isClose(2);
+            if (isNear && lastIsTaken) --count;
+            lastIsTaken = !isNear && std::max({cell[0], cell[1], cell[2]}) < end;
+            last = cell;
+            if (lastIsTaken) {
+                runs[count] = static_cast<std::uint8_t>(run);
+                firsts[count] = static_cast<std::uint8_t>(first);
+                for (unsigned axis = 0; axis < 3; ++axis) cells[axis][count] = cell[axis];
+                ++count;
+            }
+        }
+        first = static_cast<unsigned>(batch.runs[run].end);
+    }
+    if (count == 0) return 0;
+
+    Container<Traits> const& tree = m_accessor.container();
+    std::array<TreeIndex, VoxelBatch::kSize> tiles;
+    tree.findDeepestTiles(batch.depth, cells[0].data(), cells[1].data(), cells[2].data(),
+                          static_cast<int>(count), tiles.data());
+    float const unit = unitOf(space);
+    int coarse = 0;
+    for (unsigned n = 0; n < count; ++n) {
+        TreeIndex const& found = tiles[n];
+        TileRun& run = batch.runs[runs[n]];
+        if (!found.valid()) continue;
+        run.tile = static_cast<std::int32_t>(found.tile);
+        if (found.depth == batch.depth) continue;
+        ++coarse;
+        batch.runDepths[runs[n]] = static_cast<std::int8_t>(found.depth);
+        Internal::Float4 const corner =
+            Internal::converted(Internal::int4Of(tree.tile(found).m_tijk, 0));
+        float const scale = Internal::voxelScale<Traits>(found.depth);
+        for (unsigned i = firsts[n]; i < static_cast<unsigned>(run.end); ++i) {
+            Internal::Float4 const v = Internal::Float4{x[i], y[i], z[i], 0} * unit;
+            Internal::Int4 voxel;
+            Internal::Float4 frac;
+            Internal::splitVoxel<Traits>((v - corner) * scale - m_offset, voxel, frac);
+            for (unsigned axis = 0; axis < 3; ++axis) {
+                batch.lijk[axis][i] = voxel[axis];
+                batch.frac[axis][i] = frac[axis];
+            }
+        }
+    }
+    return coarse;
 }
 
 /// Makes `m_box` the box of the tile over a position on the lattice. Returns false if there is no

@@ -87,6 +87,8 @@ protected:
         std::array<TileRun, kSize> runs;  ///< without a tile where there is none of the depth
         int runCount;
         int depth;  ///< of the tiles
+        /// By run, the depth of the tile; set by locateDeepest().
+        std::array<std::int8_t, kSize> runDepths;
 
         /// The low corner of the tile.
         int3 tileCorner(unsigned i) const {
@@ -106,6 +108,10 @@ protected:
     /// `depth` or, in a tree that is not so deep, of its depth. The box stays.
     void locateBatch(float const* x, float const* y, float const* z, int count, int space,
                      int depth, VoxelBatch& batch) const;
+    /// Also finds the coarser tiles where there is none of the depth: batch.runDepths. Runs close
+    /// to each other may be left without, for locateVoxel(), whose box is faster for them.
+    void locateDeepest(float const* x, float const* y, float const* z, int count, int space,
+                       int depth, VoxelBatch& batch);
 
     /// A tile, and the box of all positions for which that tile is found.
     struct Box {
@@ -129,6 +135,16 @@ protected:
 
 private:
     bool moveBox(Internal::Float4 v, int depth);
+    void splitBatch(float const* x, float const* y, float const* z, int count, int space,
+                    VoxelBatch& batch) const;
+    int locateCoarse(float const* x, float const* y, float const* z, int space,
+                     VoxelBatch& batch) const;
+    /// What a position in `space` is multiplied by to lie on the lattice.
+    float unitOf(int space) const { return space == kWorldSpace ? m_invVoxelSize : 1.0F; }
+
+    /// Whether most positions of the last batch lay far apart in coarser tiles: then the tiles of
+    /// the depth are not looked up by themselves.
+    bool m_isScattered = false;
 
     Internal::LatticeCache<Box> m_boxes;
 

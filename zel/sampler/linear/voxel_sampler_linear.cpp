@@ -170,7 +170,7 @@ void ZEL_DETAIL_LINEAR_SAMPLER::findCells(float const* x, float const* y, float 
         TileRun const run = batch.runs[batch.run];
         auto const runEnd = static_cast<unsigned>(run.end);
         if (run.tile >= 0 && m_haloChannel) {
-            TreeIndex const tree{run.tile, batch.depth};
+            TreeIndex const tree{run.tile, batch.runDepths[batch.run]};
             T const* const samples =
                 tree.depth >= m_minDepth ? m_haloChannel->samples(tree) : nullptr;
             if (samples) prefetchCell(samples + flat(batch.voxel(i), kHaloWidth), kHaloWidth);
@@ -184,7 +184,7 @@ void ZEL_DETAIL_LINEAR_SAMPLER::findCells(float const* x, float const* y, float 
         // One by one: in a channel without halos, or in tiles of other depths.
         T const* last = nullptr;
         for (; i < runEnd; ++i) {
-            TreeIndex tree{run.tile, batch.depth};
+            TreeIndex tree{run.tile, batch.runDepths[batch.run]};
             Internal::Int4 lijk{};
             if (run.tile < 0) {
                 Internal::Float4 frac{};
@@ -212,7 +212,7 @@ void ZEL_DETAIL_LINEAR_SAMPLER::forEachCell(float const* x, float const* y, floa
     CellBatch batch;
     for (int first = 0, size = 0; first < count; first += size) {
         size = std::min(count - first, VoxelBatch::kSize);
-        this->locateBatch(x + first, y + first, z + first, size, space, depth, batch);
+        this->locateDeepest(x + first, y + first, z + first, size, space, depth, batch);
         batch.count = batch.run = 0;
         for (unsigned n = 0; n < static_cast<unsigned>(size);) {
             findCells(x + first, y + first, z + first, space, depth, batch);
