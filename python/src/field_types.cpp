@@ -138,7 +138,8 @@ PyMethodDef methods[] = {
      "same_tree($self, other, /)\n--\n\n"
      "Whether two trees have equal classes, equal bits in all parameters, and the same shape. "
      "What\n"
-     "a leaf is bound to plays no part. `==` tells whether two fields are one node."},
+     "a leaf is bound to plays no part, and functions are compared by name. `==` tells whether two "
+     "fields are one node."},
     {"tree_hash", method<treeHash>, METH_NOARGS,
      "tree_hash($self)\n--\n\n"
      "A number that is equal for trees that are the same by same_tree(), on every machine."},
@@ -160,7 +161,8 @@ PyMethodDef methods[] = {
      "targets: a dict of targets and arrays of indices: for each element of the target, the place\n"
      "    of its value in the arrays of properties with that target.\n"
      "volume: a zel.Volume.\n"
-     "indices: the element for each sampled index.\n"
+     "indices: the element for each sampled index; quaternions, and leaves bound before, ignore "
+     "them.\n"
      "metres_per_unit: the length of a unit of positions, for leaves of volumes.\n"
      "strict: raise BindError with all names that are missing. Else the attribute `bind_report` "
      "of\n"

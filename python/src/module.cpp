@@ -66,11 +66,17 @@ extern "C" PYBIND11_EXPORT PyObject* PyInit__zel() {
         PyErr_SetString(PyExc_ImportError, kOther);
         return nullptr;
     }
+    static bool isMade = false;
+    if (isMade) {
+        PyErr_SetString(PyExc_ImportError, "zel: imported before, as another package");
+        return nullptr;
+    }
     PYBIND11_ENSURE_INTERNALS_READY
     static PyModuleDef definition;
     auto module = py::module_::create_extension_module("_zel", nullptr, &definition);
     try {
         addAll(module);
+        isMade = true;
         return module.ptr();
     }
     PYBIND11_CATCH_INIT_EXCEPTIONS

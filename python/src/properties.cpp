@@ -137,7 +137,7 @@ void Source::set(std::string const& name, std::string const& target, py::array c
     m_properties.push_back(std::move(made));
 }
 
-void Source::addProperty(std::string const& name, py::handle given) {
+void Source::addProperty(std::string const& name, py::handle given, bool hasIndices) {
     std::string const where = "properties['" + name + "']";
     py::object defaultValue = py::none();
     std::string target;
@@ -157,6 +157,13 @@ void Source::addProperty(std::string const& name, py::handle given) {
     if (array.ndim() != 1)
         throw py::value_error(where + ": wanted shape (n,), (n, 3) or (n, 4), got shape " +
                               shapeText(array));
+    // Leaves look up by indices only in arrays of float and float3. From the others, too, they read
+    // the nearest float.
+    bool const isFloat = array.dtype().kind() == 'f' && array.itemsize() <= 4;
+    if (hasIndices && !isFloat) {
+        array = array.attr("astype")("float32");
+        defaultValue = py::float_(defaultOf<float>(defaultValue, where + ".default"));
+    }
     auto const size = array.itemsize();
     switch (array.dtype().kind()) {
     case 'b':
@@ -179,7 +186,7 @@ void Source::addProperty(std::string const& name, py::handle given) {
 
 Source::Source(Parts const& parts) {
     for (auto const& [key, value] : dictOf(parts.properties, "properties"))
-        addProperty(toName(key, "names of properties"), value);
+        addProperty(toName(key, "names of properties"), value, !parts.indices.is_none());
     for (auto const& [key, value] : dictOf(parts.targets, "targets")) {
         std::string const name = toName(key, "names of targets");
         auto const indices = copied<unsigned int>(

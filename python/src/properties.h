@@ -57,7 +57,7 @@ private:
             defaultValue;
     };
 
-    void addProperty(std::string const& name, py::handle given);
+    void addProperty(std::string const& name, py::handle given, bool hasIndices);
     template <class T>
     void set(std::string const& name, std::string const& target, py::array const& array,
              py::handle defaultValue);

@@ -50,6 +50,11 @@ def test_targets_indices_and_defaults():
     assert np.array_equal(bound(ZEROS), [7, 5, 6, 7, -1])
     found = zel.ScalarGeoPropertyFound("a").bind({"a": a}, {"faces": [2, 0, 9]})
     assert np.array_equal(found(ZEROS), [1, 1, 0, 0, 0])
+    for dtype in ("f4", "f8", "i8", "u1"):
+        same = zel.Property(a.values.astype(dtype), default=9, target="faces")
+        third = A.bind({"a": same}, {"faces": [2, 0, 1, 2]}, indices=[2, 4])
+        assert np.array_equal(third(ZEROS), [6, 9, 9, 9, 9])
+    assert np.array_equal(A.bind({"a": [False, True]}, indices=[1, 0])(ZEROS)[:2], [1, 0])
     mapped = A.bind({"a": a}, {"faces": [2, 0, 1, 2]}, indices=[3, 1])
     for tree in (mapped, pickle.loads(pickle.dumps(mapped)), copy.deepcopy(mapped)):
         assert np.array_equal(tree(ZEROS), [7, 5, -1, -1, -1])

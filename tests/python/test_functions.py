@@ -205,6 +205,15 @@ def run(program, *args):
      import zel
      print((f + zel.sphere())((1, 0, 0)), type(f) is zel.ScalarFieldSphere)
      """, "0.0 True\n"),
+    # An import as another package.
+    ("""
+     import importlib.util, sys, zel
+     spec = importlib.util.spec_from_file_location('other._zel', sys.modules['zel._zel'].__file__)
+     try: importlib.util.module_from_spec(spec)
+     except ImportError as error: print(error)
+     curve = zel.curve([(0, 1), (1, 2)])
+     print(zel.f_curve(zel.x_position(), curve)((1, 0, 0)))
+     """, "zel: imported before, as another package\n2.0\n"),
     # An import by another interpreter in the process, after and before that of the first.
     *((f"""
        import _xxsubinterpreters as sub{first}

@@ -110,7 +110,11 @@ void VoxelSampler<Traits, Real, Position>::locateDeepest(float const* x, float c
         for (int i = 0; i < count; ++i) batch.runs[static_cast<unsigned>(i)] = {i + 1, -1};
     }
     batch.runDepths.fill(static_cast<std::int8_t>(batch.depth));
-    if (batch.depth >= 0) m_isScattered = 2 * locateCoarse(x, y, z, space, batch) > count;
+    std::int32_t some = 0;  // negative where a run has no tile
+    for (unsigned run = 0; run < static_cast<unsigned>(batch.runCount); ++run)
+        some |= batch.runs[run].tile;
+    if (some < 0 && batch.depth >= 0)
+        m_isScattered = 2 * locateCoarse(x, y, z, space, batch) > count;
 }
 
 /// Looks up the tiles of the runs without one, but for those close to another and those outside the
