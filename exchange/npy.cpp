@@ -89,7 +89,7 @@ struct NpyArray::State {
 
 NpyArray::NpyArray(std::filesystem::path const& path) {
     detail::ByteSource source(path);
-    if (!source.size()) source.fail({}, "is no regular file");
+    if (!source.size()) source.fail({}, "must be a regular file, opened by its name");
     m_state = std::make_unique<State>(std::move(source));
 }
 NpyArray::NpyArray(std::span<std::byte const> memory, std::string name)

@@ -16,7 +16,7 @@ namespace zel::detail {
 
 FileView::FileView(std::filesystem::path const& path) : m_name(path.string()) {
     ByteSource const source(path);
-    if (!source.size()) source.fail({}, "is no regular file");
+    if (!source.size()) source.fail({}, "must be a regular file, opened by its name");
     auto const size = static_cast<std::size_t>(*source.size());
     if (size == 0) return;
     void* const memory = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, source.descriptor(), 0);
