@@ -104,8 +104,9 @@ void addScene(CLI::App& app, SceneOptions& options) {
     addScene(app, options.scene);
     repeat(*app.add_option("--bind", options.binds,
                            "CHANNEL=FILE.vdb or CHANNEL=FILE.vdb:GRID: the volume that the leaves "
-                           "with this channel read; volume=FILE.vdb binds all channels that the "
-                           "file has"));
+                           "with this channel read, of the grid with the channel's name or of "
+                           "GRID, as zel info shows it; volume=FILE.vdb binds all channels that "
+                           "the file has"));
     app.add_flag("--allow-unbound", options.allowUnbound, "take 0 for what is not bound");
 }
 
@@ -439,6 +440,8 @@ int main(int argc, char** argv) {
     } catch (std::bad_alloc const&) {
         return reportError(*ranks, "not enough memory");
     } catch (std::exception const& error) {
-        return reportError(*ranks, error.what());
+        // A leaf that cannot be bound passes on the text alone.
+        bool const isMemory = std::string_view(error.what()) == std::bad_alloc().what();
+        return reportError(*ranks, isMemory ? "not enough memory" : error.what());
     }
 }

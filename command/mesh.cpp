@@ -46,8 +46,12 @@ void mesh(MeshOptions const& options, std::stop_token const& stop) {
         how.stop = stop;
         how.progress = progress.function();
         setColors(how, std::span(scenes).subspan(1));
-        mesh =
-            zel::meshOf(*field, boxOf(options.grid), static_cast<float>(options.grid.voxel), how);
+        try {
+            mesh = zel::meshOf(*field, boxOf(options.grid), static_cast<float>(options.grid.voxel),
+                               how);
+        } catch (std::invalid_argument const& error) {
+            throw std::runtime_error(scenes.front().name() + ": " + error.what());
+        }
     }
     zel::writeMesh(options.output, mesh);
     if (mesh.positions.empty())

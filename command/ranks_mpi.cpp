@@ -148,6 +148,12 @@ public:
         m_size = static_cast<std::size_t>(size);
         if (provided < MPI_THREAD_FUNNELED)
             throw std::runtime_error("this MPI does not allow a process to have threads");
+        // Each process of another MPI's launcher would do all of the work.
+        if (std::string const launched = launchedProcesses().value_or("");
+            !launched.empty() && launched != std::to_string(m_size))
+            throw std::runtime_error("the launcher started " + launched +
+                                     " processes, of which this MPI joins " +
+                                     std::to_string(m_size) + ": use its own mpirun");
         // If mpirun is killed, MPI ends the processes without a word, and files would be left.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
     }

@@ -12,6 +12,7 @@
 #include <unordered_set>
 
 #include <zel/vector/arithmetic.h>
+#include <zel_exchange/error.h>
 #include <zel_exchange/vdb.h>
 #include <zel_platform/orvane_geometry/geo_property.h>
 #include <zel_platform/orvane_geometry_volume/object.h>
@@ -119,10 +120,15 @@ Bind parseBind(std::string const& text) {
     if (equals == std::string::npos || equals == 0 || equals + 1 == text.size())
         throw std::runtime_error("--bind " + text + ": wanted CHANNEL=FILE.vdb or volume=FILE.vdb");
     Bind bind{text, text.substr(0, equals), text.substr(equals + 1), {}};
+    std::string lower = bind.file;
+    for (char& c : lower)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     constexpr std::string_view kSuffix = ".vdb:";
-    if (auto const colon = bind.file.rfind(kSuffix); colon != std::string::npos) {
+    if (auto const colon = lower.rfind(kSuffix); colon != std::string::npos) {
         bind.grid = bind.file.substr(colon + kSuffix.size());
         bind.file.resize(colon + kSuffix.size() - 1);
+        if (bind.grid.empty())
+            throw std::runtime_error("--bind " + text + ": names no grid after the colon");
     }
     return bind;
 }
@@ -170,6 +176,20 @@ Volume readVolume(std::string const& file, std::map<std::string, std::string> co
     }
     Orvane::Geometry::setVolume(volume.object, renamed);
     return volume;
+}
+
+/// Reads the grids of some channels of a file into one volume, or into one each if they do not fit
+/// together, as grids of different transforms do not.
+std::vector<Volume> readVolumes(std::string const& file,
+                                std::map<std::string, std::string> const& channels) {
+    std::vector<Volume> volumes;
+    try {
+        volumes.push_back(readVolume(file, channels));
+    } catch (zel::FileError const&) {
+        if (channels.size() == 1) throw;
+        for (auto const& channel : channels) volumes.push_back(readVolume(file, {channel}));
+    }
+    return volumes;
 }
 
 /// Of two reports on each node, keeps in `known` the one that tells more.
@@ -269,8 +289,10 @@ std::vector<Scene> Scene::read(std::vector<std::string> const& files, SceneOptio
     std::vector<Volume> volumes;
     for (std::string const& text : options.binds) {
         Bind const bind = parseBind(text);
-        volumes.push_back(readVolume(bind.file, channelsByGrid(bind, wanted)));
-        for (std::string const& channel : volumes.back().channels) wanted.erase(channel);
+        for (Volume& volume : readVolumes(bind.file, channelsByGrid(bind, wanted))) {
+            for (std::string const& channel : volume.channels) wanted.erase(channel);
+            volumes.push_back(std::move(volume));
+        }
     }
     for (std::size_t i = 0; i < scenes.size(); ++i) {
         Scene& scene = scenes[i];

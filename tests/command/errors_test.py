@@ -71,6 +71,8 @@ class ErrorsTest(ProgramTest):
             ("--fog needs --band", "a.vdb", "0,0,0,1,1,1", "--voxel", "1", "--fog"),
         ):
             self.refused(message, "volume", self.ball, "--box", box, *more, "-o", name)
+        log = scene("log.json", {"type": "ScalarFieldPow", "field": {"type": "XPosition"}, "exponent": 0.5})
+        self.refused("log.json: .*the field is NaN at", "mesh", log, "--box", "-1,-1,-1,1,1,1", "--voxel", 0.5, "-o", "a.ply")
         self.refused("along y: has no sample", "mesh", self.ball, "--box", "0,.1,0,9,.9,9", "--voxel", 1, "-o", "a.ply")
         self.refused("--isolines and --scale", "slice", self.ball, "--gray", 8, "--range", "0,1", "--scale", 1, "-o", "a.png")
         self.refused("--exact needs --gradient", "eval", self.ball, "-", "--exact")

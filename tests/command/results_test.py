@@ -167,15 +167,21 @@ class ResultsTest(ProgramTest):
         grid.name = "ramp"
         map = np.array([[0.1, 0.02, 0, 0], [-0.03, 0.2, 0, 0], [0, 0.01, 0.1, 0], [1, 2, 3, 1]])
         grid.transform = openvdb.createLinearTransform(map.tolist())
-        openvdb.write("ramp.vdb", grids=[grid])
+        low = grid.deepCopy()
+        low.name, low.transform = "low", openvdb.createLinearTransform(0.5)
+        openvdb.write("ramp.VDB", grids=[grid, low])
         points = (np.c_[generator.uniform(3, 15, (1000, 3)), np.ones(1000)] @ map)[:, :3].astype("f4")
         np.save("points.npy", points)
         wanted = (np.c_[points, np.ones(1000)] @ np.linalg.inv(map))[:, :3] @ [1, 2, 3]
         leaf = {"type": "ScalarOrvaneTriggered", "channel": "height"}
         for root in (leaf, {"type": "ScalarOrvane", "channel": "height"},
                      {"type": "ScalarFieldLerp", "a": leaf, "b": leaf, "t": 0.5}):
-            run("eval", scene("leaf.json", root), "points.npy", "-o", "out.npy", "--bind", "height=ramp.vdb:ramp")
+            run("eval", scene("leaf.json", root), "points.npy", "-o", "out.npy", "--bind", "height=ramp.VDB:ramp")
             np.testing.assert_allclose(np.load("out.npy"), wanted, atol=1e-4)
+        # Grids that do not fit together are bound one by one.
+        both = {"type": "ScalarFieldAdd", "a": leaf | {"channel": "ramp"}, "b": leaf | {"channel": "low"}}
+        run("eval", scene("both.json", both), "points.npy", "-o", "out.npy", "--bind", "volume=ramp.VDB")
+        np.testing.assert_allclose(np.load("out.npy"), wanted + 2 * points @ [1, 2, 3], atol=1e-3)
 
     def test_show_and_bench(self):
         self.assertEqual(run("show", self.ball).stdout, "zel::ScalarFieldSphere center=(0.5, 0, 0) radius=1\n")
