@@ -32,6 +32,17 @@ function(zel_precompile_headers target)
   endif()
 endfunction()
 
+# Compiles the sources of a target in batches of so many, unless CMAKE_UNITY_BUILD says otherwise: for
+# those that spend most of the time on the same headers and templates. A source that is compiled with
+# others may use their includes; .ci/tidy finds it.
+function(zel_compile_in_batches target size)
+  if(NOT DEFINED CMAKE_UNITY_BUILD)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${size})
+    # g++ takes the sources of a batch for headers, whose classes must not use unnamed namespaces.
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+  endif()
+endfunction()
+
 # Whether the libraries are compiled with -O3. All builds do so, because the time of a batch is spent in
 # the libraries' loops, unless the build type or flags request other optimisation or sanitizers.
 set(ZEL_OPTIMISED $<NOT:$<CONFIG:Debug,MinSizeRel>>)
