@@ -59,7 +59,7 @@ void addAll(py::module_& module) {
 
 /// Makes the module. PYBIND11_MODULE would not do: before its body, it binds pybind11 to the
 /// interpreter that imports the module.
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the interpreter asks for this name
+// NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): the interpreter asks for this name
 extern "C" PYBIND11_EXPORT PyObject* PyInit__zel() {
     using namespace zel::python;
     if (!isMainInterpreter()) {
