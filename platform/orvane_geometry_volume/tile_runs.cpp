@@ -134,8 +134,7 @@ void Container<Traits>::findDeepestTiles(int depth, std::uint32_t const* x, std:
                                 });
         return table ? Inner{table->owner, table->children.data()} : Inner{-1, nullptr};
     };
-    // Steps down to the child over a point of depth `at` + 1, if there is one. Returns its child
-    // table, or null.
+    // Steps down from a tile of depth `at` to its child over a point. Returns the child, or null.
     auto const step = [&](int i, int at, std::int32_t const* table) ZEL_ALWAYS_INLINE {
         Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(at) + 1);
         auto const place = [&](std::uint32_t const* c) { return tilesBelow(c[i] * width) % B; };

@@ -117,58 +117,72 @@ void VoxelSampler<Traits, Real, Position>::locateDeepest(float const* x, float c
         m_isScattered = 2 * locateCoarse(x, y, z, space, batch) > count;
 }
 
+namespace {
+
+/// The runs of a batch that have no tile, lie in the root, and are not close to the one before or
+/// after: their numbers, their first positions, and the cells of those by axis.
+template <int Size> struct LoneRuns {
+    std::array<std::uint8_t, Size> runs, firsts;
+    std::array<std::array<std::uint32_t, Size>, 3> cells;
+    unsigned count = 0;
+
+    /// `end` is the number of cells of the root along an axis.
+    template <class Batch> LoneRuns(Batch const& batch, std::uint32_t end) {
+        std::array<std::uint32_t, 3> last{end + 1, end + 1, end + 1};
+        bool isLastHere = false;
+        unsigned first = 0;
+        for (unsigned run = 0; run < static_cast<unsigned>(batch.runCount); ++run) {
+            if (batch.runs[run].tile < 0) {
+                std::array<std::uint32_t, 3> const cell{
+                    batch.cells[0][first], batch.cells[1][first], batch.cells[2][first]};
+                auto const isClose = [&](unsigned axis) {
+                    return cell[axis] - last[axis] + 1 <= 2;
+                };
+                bool const isNear = isClose(0) && isClose(1) && isClose(2);
+                if (isNear && isLastHere) --count;
+                isLastHere = !isNear && std::max({cell[0], cell[1], cell[2]}) < end;
+                last = cell;
+                if (isLastHere) {
+                    runs[count] = static_cast<std::uint8_t>(run);
+                    firsts[count] = static_cast<std::uint8_t>(first);
+                    for (unsigned axis = 0; axis < 3; ++axis) cells[axis][count] = cell[axis];
+                    ++count;
+                }
+            }
+            first = static_cast<unsigned>(batch.runs[run].end);
+        }
+    }
+};
+
+}  // namespace
+
 /// Looks up the tiles of the runs without one, but for those close to another and those outside the
 /// root. Returns how many are coarser than the batch's depth.
 template <class Traits, class Real, class Position>
 int VoxelSampler<Traits, Real, Position>::locateCoarse(float const* x, float const* y,
                                                        float const* z, int space,
                                                        VoxelBatch& batch) const {
-    std::uint32_t const end =
-        Traits::kRootWidth / static_cast<std::uint32_t>(Traits::tileWidth(batch.depth));
-    // The runs to look up, their first positions, and the cells of those.
-    std::array<std::uint8_t, VoxelBatch::kSize> runs, firsts;
-    typename VoxelBatch::template Coordinates<std::uint32_t> cells;
-    unsigned count = 0, first = 0;
-    std::array<std::uint32_t, 3> last{end + 1, end + 1, end + 1};
-    bool lastIsTaken = false;
-    for (unsigned run = 0; run < static_cast<unsigned>(batch.runCount); ++run) {
-        if (batch.runs[run].tile < 0) {
-            std::array<std::uint32_t, 3> const cell{batch.cells[0][first], batch.cells[1][first],
-                                                    batch.cells[2][first]};
-            auto const isClose = [&](unsigned axis) { return cell[axis] - last[axis] + 1 <= 2; };
-            bool const isNear = isClose(0) && isClose(1) && isClose(2);
-            if (isNear && lastIsTaken) --count;
-            lastIsTaken = !isNear && std::max({cell[0], cell[1], cell[2]}) < end;
-            last = cell;
-            if (lastIsTaken) {
-                runs[count] = static_cast<std::uint8_t>(run);
-                firsts[count] = static_cast<std::uint8_t>(first);
-                for (unsigned axis = 0; axis < 3; ++axis) cells[axis][count] = cell[axis];
-                ++count;
-            }
-        }
-        first = static_cast<unsigned>(batch.runs[run].end);
-    }
-    if (count == 0) return 0;
-
+    LoneRuns<VoxelBatch::kSize> const lone(
+        batch, Traits::kRootWidth / static_cast<std::uint32_t>(Traits::tileWidth(batch.depth)));
+    if (lone.count == 0) return 0;
     Container<Traits> const& tree = m_accessor.container();
     std::array<TreeIndex, VoxelBatch::kSize> tiles;
-    tree.findDeepestTiles(batch.depth, cells[0].data(), cells[1].data(), cells[2].data(),
-                          static_cast<int>(count), tiles.data());
+    tree.findDeepestTiles(batch.depth, lone.cells[0].data(), lone.cells[1].data(),
+                          lone.cells[2].data(), static_cast<int>(lone.count), tiles.data());
     float const unit = unitOf(space);
     int coarse = 0;
-    for (unsigned n = 0; n < count; ++n) {
+    for (unsigned n = 0; n < lone.count; ++n) {
         TreeIndex const& found = tiles[n];
-        TileRun& run = batch.runs[runs[n]];
+        TileRun& run = batch.runs[lone.runs[n]];
         if (!found.valid()) continue;
         run.tile = static_cast<std::int32_t>(found.tile);
         if (found.depth == batch.depth) continue;
         ++coarse;
-        batch.runDepths[runs[n]] = static_cast<std::int8_t>(found.depth);
+        batch.runDepths[lone.runs[n]] = static_cast<std::int8_t>(found.depth);
         Internal::Float4 const corner =
             Internal::converted(Internal::int4Of(tree.tile(found).m_tijk, 0));
         float const scale = Internal::voxelScale<Traits>(found.depth);
-        for (unsigned i = firsts[n]; i < static_cast<unsigned>(run.end); ++i) {
+        for (unsigned i = lone.firsts[n]; i < static_cast<unsigned>(run.end); ++i) {
             Internal::Float4 const v = Internal::Float4{x[i], y[i], z[i], 0} * unit;
             Internal::Int4 voxel;
             Internal::Float4 frac;
