@@ -237,8 +237,10 @@ double FCurve::cycle(bool withOffset, double x) const {
     double const value = insideKeys(std::max(first.x + phase, first.x));
     if (offset == 0) return value;
     double const count = std::round(x / period - first.x / period - phase / period);
-    return std::isfinite(count) ? value + count * offset
-                                : value + (x - first.x - phase) * (offset / period);
+    if (std::isfinite(count)) return value + count * offset;
+    // The keys are so close to each other that the slope of the cycles may overflow, too.
+    double const distance = x - first.x - phase, shift = distance * (offset / period);
+    return value + (std::isfinite(shift) ? shift : distance * offset / period);
 }
 
 }  // namespace Orvane::Math

@@ -152,6 +152,8 @@ TEST(FCurve, AnyInputGivesANumber) {
     EXPECT_DOUBLE_EQ(wideCubic.slope(0), 7.5e-9);
     FCurve const high({{0, -kMax, 0, 0, kHermite}, {1, kMax}}, kGoOn, kGoOn);
     EXPECT_NEAR(high.evalFCurve(0.5), 0, 1e294);
+    FCurve const steep({{0, 1}, {1e-310, 1.03125}}, kCycleWithOffset, kCycleWithOffset);
+    EXPECT_DOUBLE_EQ(steep.evalFCurve(0.0625), 0.0625 * 0.03125 / 1e-310);
     FCurve const cycle({{0, 0}, {1, 1}, {2, 5}}, kCycle, kCycle);
     for (double x : {-1e-15, -1e-17, -5e-324})
         EXPECT_NEAR(cycle.evalFCurve(x), 5, 1e-14);  // the end of the cycle before
