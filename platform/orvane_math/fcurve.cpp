@@ -86,7 +86,9 @@ double cubic(Key const& a, Key const& b, double x) {
     auto const scaled = [&](double sx, double sv) {
         double const width = sx * b.x - sx * a.x, u = (sx * x - sx * a.x) / width;
         double const rise = sv * b.value - sv * a.value;
-        double const out = sv * a.outSlope * width / sx, in = sv * b.inSlope * width / sx;
+        // The width is scaled, not the slopes, which may be subnormal where the width is huge.
+        double const scaledWidth = sv / sx * width;
+        double const out = scaledWidth * a.outSlope, in = scaledWidth * b.inSlope;
         return sv * a.value +
                u * (out + u * ((3 * rise - 2 * out - in) + u * (out + in - 2 * rise)));
     };

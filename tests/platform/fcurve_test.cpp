@@ -150,6 +150,8 @@ TEST(FCurve, AnyInputGivesANumber) {
     FCurve const wideCubic({{-1e308, 0, 0, 0, kHermite}, {1e308, 1e300}}, kHold, kHold);
     EXPECT_DOUBLE_EQ(wideCubic.evalFCurve(0), 5e299);
     EXPECT_DOUBLE_EQ(wideCubic.slope(0), 7.5e-9);
+    FCurve const gentle({{-1e308, 0, 0, 5e-324, kHermite}, {1e308, 0, 5e-324}}, kHold, kHold);
+    EXPECT_NEAR(gentle.evalFCurve(-5e307) / (0.375 * 5e307 * 5e-324), 1, 1e-12);
     FCurve const high({{0, -kMax, 0, 0, kHermite}, {1, kMax}}, kGoOn, kGoOn);
     EXPECT_NEAR(high.evalFCurve(0.5), 0, 1e294);
     FCurve const steep({{0, 1}, {1e-310, 1.03125}}, kCycleWithOffset, kCycleWithOffset);
