@@ -110,15 +110,13 @@ void Container<Traits>::findDeepestTiles(int depth, std::uint32_t const* x, std:
     if (deepest < 0) return;
     constexpr std::uint32_t B = Traits::kBranch;
     auto const width = static_cast<std::uint32_t>(Traits::tileWidth(depth));
-    std::int32_t const* const rootTable = m_levels[0][0].m_children;
-
     // An inner tile over a point, and its child table; null if there is no such tile of that depth.
     struct Inner {
         std::int32_t tile;
         std::int32_t const* table;
     };
     auto const innerTile = [&](int i, int at) -> Inner {
-        if (at == 0) return {0, rootTable};
+        if (at == 0) return {0, m_levels[0][0].m_children};  // which is not in the index
         Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(at));
         std::uint32_t const tx = tilesBelow(x[i] * width), ty = tilesBelow(y[i] * width),
                             tz = tilesBelow(z[i] * width);
@@ -151,31 +149,19 @@ void Container<Traits>::findDeepestTiles(int depth, std::uint32_t const* x, std:
     std::array<std::int32_t const*, kMaxPoints> tables;
     unsigned left = 0;
     int const trunk = std::max(std::min(m_state.trunk, deepest - 1), 0);
+    auto const above = tileAccessor();  // for the few points whose tile is not below the trunk
     for (int i = 0; i < count; ++i) {
         if (std::max({x[i], y[i], z[i]}) >= Traits::kRootWidth / width) continue;
-        Inner inner = innerTile(i, trunk);
-        tiles[i] = {inner.tile, trunk};
-        points[left] = static_cast<std::uint8_t>(i);
-        tables[left] = inner.table;
-        if (inner.table) {
-            ++left;
-        } else if (rootTable) {
-            // All ancestors of an inner tile are inner tiles: a binary search finds the deepest.
-            int low = 0;
-            inner = {0, rootTable};
-            for (int high = trunk - 1; low < high;) {
-                int const probe = low + (high - low + 1) / 2;
-                if (Inner const found = innerTile(i, probe); found.table) {
-                    inner = found;
-                    low = probe;
-                } else {
-                    high = probe - 1;
-                }
-            }
-            tiles[i] = {inner.tile, low};
-            (void)step(i, low, inner.table);
+        if (Inner const inner = innerTile(i, trunk); inner.table) {
+            tiles[i] = {inner.tile, trunk};
+            points[left] = static_cast<std::uint8_t>(i);
+            tables[left++] = inner.table;
         } else {
-            tiles[i] = {0, 0};
+            tiles[i] = above
+                           .tile(Internal::cornerOf<Traits>(x[i], width),
+                                 Internal::cornerOf<Traits>(y[i], width),
+                                 Internal::cornerOf<Traits>(z[i], width), deepest)
+                           .treeIndex();
         }
     }
     std::array<Tile const*, kMaxPoints> below;

@@ -85,7 +85,7 @@ TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
     using Cells = std::array<std::uint32_t, Container<TypeParam>::kMaxPoints>;
     Random random(57);
     for (int round = 0; round < 400; ++round) {
-        // Some that branch at all depths, and some that do first at the deep ones.
+        // Some trees branch from the root on, the others at deep tiles alone.
         bool const wide = round % 40 == 0;
         RandomTree<TypeParam> const made(random, wide ? 0 : 60,
                                          wide ? 4 : random(0, TypeParam::kMaxDepth));
