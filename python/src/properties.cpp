@@ -159,11 +159,7 @@ void Source::addProperty(std::string const& name, py::handle given, bool hasIndi
                               shapeText(array));
     // Leaves look up by indices only in arrays of float and float3. From the others, too, they read
     // the nearest float.
-    bool const isFloat = array.dtype().kind() == 'f' && array.itemsize() <= 4;
-    if (hasIndices && !isFloat) {
-        array = array.attr("astype")("float32");
-        defaultValue = py::float_(defaultOf<float>(defaultValue, where + ".default"));
-    }
+    if (hasIndices) return set<float>(name, target, array, defaultValue);
     auto const size = array.itemsize();
     switch (array.dtype().kind()) {
     case 'b':
