@@ -1,6 +1,7 @@
 #include "scene.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <map>
@@ -121,8 +122,7 @@ Bind parseBind(std::string const& text) {
         throw std::runtime_error("--bind " + text + ": wanted CHANNEL=FILE.vdb or volume=FILE.vdb");
     Bind bind{text, text.substr(0, equals), text.substr(equals + 1), {}};
     std::string lower = bind.file;
-    for (char& c : lower)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     constexpr std::string_view kSuffix = ".vdb:";
     if (auto const colon = lower.rfind(kSuffix); colon != std::string::npos) {
         bind.grid = bind.file.substr(colon + kSuffix.size());
