@@ -207,14 +207,16 @@ private:
         use(block.gradients);
     }
     template <class T> void receive(std::size_t from, std::vector<T>& column) {
-        auto const bytes = m_ranks.receive(from);
-        column.resize(bytes.size() / sizeof(T));
-        std::copy_n(bytes.data(), bytes.size(), std::as_writable_bytes(std::span(column)).data());
+        m_ranks.receive(from, m_received);
+        column.resize(m_received.size() / sizeof(T));
+        std::copy_n(m_received.data(), m_received.size(),
+                    std::as_writable_bytes(std::span(column)).data());
     }
 
     EvalOptions const& m_options;
     Columns m_columns;
     Ranks& m_ranks;
+    std::vector<std::byte> m_received{};
     std::optional<zel::PointWriter> m_writer{};
     bool m_isGuarded = false;  ///< whether the ranks know the file
 };

@@ -26,7 +26,9 @@ public:
         return {numbers.begin(), numbers.end()};
     }
     void send(std::span<std::byte const> /*bytes*/) override { failToJoin(); }
-    std::vector<std::byte> receive(std::optional<std::size_t> /*from*/) override { failToJoin(); }
+    void receive(std::optional<std::size_t> /*from*/, std::vector<std::byte>& /*bytes*/) override {
+        failToJoin();
+    }
     std::unique_ptr<File> open(std::filesystem::path const& /*path*/) override { failToJoin(); }
     void fail(std::string const& line) override { std::fputs(line.c_str(), stderr); }
 

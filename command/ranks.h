@@ -54,7 +54,7 @@ public:
     /// Sends bytes to the root, fewer than 2^31, and waits until they are received.
     virtual void send(std::span<std::byte const> bytes) = 0;
     /// Receives at the root the next bytes from another rank, or from any.
-    virtual std::vector<std::byte> receive(std::optional<std::size_t> from) = 0;
+    virtual void receive(std::optional<std::size_t> from, std::vector<std::byte>& bytes) = 0;
     /// Collective: opens a file that exists. Throws std::runtime_error at all ranks if one of them
     /// cannot open it.
     virtual std::unique_ptr<File> open(std::filesystem::path const& path) = 0;

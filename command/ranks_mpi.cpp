@@ -187,15 +187,14 @@ public:
                   MPI_COMM_WORLD);
     }
 
-    std::vector<std::byte> receive(std::optional<std::size_t> from) override {
+    void receive(std::optional<std::size_t> from, std::vector<std::byte>& bytes) override {
         MPI_Status status;
         MPI_Probe(from ? static_cast<int>(*from) : MPI_ANY_SOURCE, kBytes, MPI_COMM_WORLD, &status);
         int count = 0;
         MPI_Get_count(&status, MPI_BYTE, &count);
-        std::vector<std::byte> bytes(static_cast<std::size_t>(count));
+        bytes.resize(static_cast<std::size_t>(count));
         MPI_Recv(bytes.data(), count, MPI_BYTE, status.MPI_SOURCE, kBytes, MPI_COMM_WORLD,
                  MPI_STATUS_IGNORE);
-        return bytes;
     }
 
     std::unique_ptr<File> open(std::filesystem::path const& path) override {

@@ -99,8 +99,9 @@ void makeParts(zel::VdbParts& parts, zel::VdbField const& field, VolumeOptions c
         parts.make(std::max(range.first, base + static_cast<int>(own.first)),
                    base + static_cast<int>(own.last));
     if (ranks.isRoot()) {
+        std::vector<std::byte> piece;
         for (std::size_t left = ranks.size() - 1; left > 0;) {
-            auto const piece = ranks.receive({});
+            ranks.receive({}, piece);
             if (piece.empty())
                 --left;
             else

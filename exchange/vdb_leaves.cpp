@@ -49,7 +49,8 @@ private:
         descriptor.setBlockPos(stream.tellp());
         for (auto leaf = grid.tree().cbeginLeaf(); leaf; ++leaf) {
             auto const bytes = leaves.of(*leaf);
-            stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+            stream.write(reinterpret_cast<char const*>(bytes.data()),
+                         static_cast<std::streamsize>(bytes.size()));
         }
         descriptor.setEndPos(stream.tellp());
         stream.seekp(places);
@@ -109,7 +110,6 @@ VdbLeaves::VdbLeaves(openvdb::GridBase& grid, bool parallel) {
         std::vector<Leaf*> leaves;
         typed.tree().getNodes(leaves);
         m_leaves.resize(leaves.size());
-        m_bytes.resize((leaves.size() + kAtATime - 1) / kAtATime);
         auto const background = typed.background();
         auto const encode = [&](std::size_t part) {
             std::ostringstream stream;
@@ -118,27 +118,23 @@ VdbLeaves::VdbLeaves(openvdb::GridBase& grid, bool parallel) {
             openvdb::io::setGridBackgroundValuePtr(stream, &background);
             std::size_t const first = part * kAtATime,
                               last = std::min(first + kAtATime, leaves.size());
-            std::vector<std::size_t> ends;
             for (std::size_t i = first; i < last; ++i) {
+                stream.seekp(0);
                 leaves[i]->writeBuffers(stream, typed.saveFloatAsHalf());
-                ends.push_back(static_cast<std::size_t>(stream.tellp()));
+                auto const bytes = std::as_bytes(std::span(stream.view()));
+                auto const size = static_cast<std::size_t>(stream.tellp());
                 typename Leaf::Buffer none(openvdb::PartialCreate(), background);
                 leaves[i]->swap(none);
                 leaves[i]->setTransientData(static_cast<openvdb::Index32>(i));
-            }
-            m_bytes[part] = std::string(stream.view());
-            std::size_t at = 0;
-            for (std::size_t i = first; i < last; ++i) {
-                std::size_t const end = ends[i - first];
-                m_leaves[i] = std::span(m_bytes[part]).subspan(at, end - at);
-                at = end;
+                m_leaves[i].assign(bytes.begin(),
+                                   bytes.begin() + static_cast<std::ptrdiff_t>(size));
             }
         };
         auto const encodeAll = [&](long long first, long long last) {
             for (long long part = first; part < last; ++part)
                 encode(static_cast<std::size_t>(part));
         };
-        auto const parts = static_cast<long long>(m_bytes.size());
+        auto const parts = static_cast<long long>((leaves.size() + kAtATime - 1) / kAtATime);
         if (parallel)
             ORV::TileTree3D::Internal::parallelRanges(parts, 1, encodeAll);
         else

@@ -2,10 +2,10 @@
 
 #include <openvdb/openvdb.h>
 
+#include <cstddef>
 #include <deque>
 #include <ostream>
 #include <span>
-#include <string>
 #include <vector>
 
 // Grids whose leaves are compressed before they are written: on all threads, or in the process that
@@ -21,20 +21,18 @@ public:
     VdbLeaves(VdbLeaves const&) = delete;
     VdbLeaves& operator=(VdbLeaves const&) = delete;
 
-    /// Takes bytes in which leaves lie that add() is to give to the grid.
-    std::span<char const> keep(std::string bytes) { return m_bytes.emplace_back(std::move(bytes)); }
-    /// Returns the number of one more leaf.
-    openvdb::Index32 add(std::span<char const> leaf) {
-        m_leaves.push_back(leaf);
+    /// Copies one more leaf, and returns its number.
+    openvdb::Index32 add(std::span<std::byte const> leaf) {
+        m_leaves.emplace_back(leaf.begin(), leaf.end());
         return static_cast<openvdb::Index32>(m_leaves.size() - 1);
     }
-    template <class Leaf> std::span<char const> of(Leaf const& leaf) const {
+    template <class Leaf> std::span<std::byte const> of(Leaf const& leaf) const {
         return m_leaves[leaf.transientData()];
     }
 
 private:
-    std::deque<std::string> m_bytes;
-    std::vector<std::span<char const>> m_leaves;
+    // Each by itself fits into the memory of the values that were taken.
+    std::vector<std::vector<std::byte>> m_leaves;
 };
 
 /// Calls use(grid) with the grid as its own type: of floats or vectors.

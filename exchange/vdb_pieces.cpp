@@ -1,5 +1,6 @@
 #include "vdb_pieces.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -50,8 +51,6 @@ void addTo(Grid& grid, VdbLeaves& leaves, Head const& head, std::span<std::byte 
         remove(piece, tile);
         tree.addTile(tile.level, {tile.x, tile.y, tile.z}, tile.value, tile.active != 0);
     }
-    piece = std::as_bytes(
-        leaves.keep(std::string(reinterpret_cast<char const*>(piece.data()), piece.size())));
     using Leaf = typename Grid::TreeType::LeafNodeType;
     typename Leaf::NodeMaskType mask;
     LeafRecord record;
@@ -62,8 +61,7 @@ void addTo(Grid& grid, VdbLeaves& leaves, Head const& head, std::span<std::byte 
         auto leaf = std::make_unique<Leaf>(openvdb::PartialCreate(),
                                            openvdb::Coord(record.x, record.y, record.z));
         leaf->setValueMask(mask);
-        leaf->setTransientData(
-            leaves.add({reinterpret_cast<char const*>(piece.data()), record.size}));
+        leaf->setTransientData(leaves.add(piece.first(record.size)));
         tree.addLeaf(leaf.release());
         piece = piece.subspan(record.size);
     }
@@ -111,7 +109,7 @@ public:
             append(piece, m_tiles[m_tile]);
         for (; m_leaf < m_leaves.size() && piece.size() < bytes; ++m_leaf, ++head.leaves) {
             auto const& leaf = *m_leaves[m_leaf];
-            auto const held = std::as_bytes(m_bytes.of(leaf));
+            auto const held = m_bytes.of(leaf);
             openvdb::Coord const& at = leaf.origin();
             append(piece,
                    LeafRecord{at.x(), at.y(), at.z(), static_cast<std::uint32_t>(held.size())});
@@ -140,7 +138,11 @@ std::vector<std::byte> VdbPieces::take(std::size_t bytes) {
             });
         if (m_source->isEmpty()) continue;
         Head head{static_cast<std::uint32_t>(m_next), 0, 0};
-        std::vector<std::byte> piece(sizeof head);
+        std::vector<std::byte> piece;
+        // The last leaf, of up to 6.3 kB, may reach beyond.
+        constexpr std::size_t kMost = std::size_t{1} << 24, kBeyond = 1 << 13;
+        piece.reserve(std::min(bytes, kMost) + kBeyond);
+        piece.resize(sizeof head);
         m_source->take(piece, bytes, head);
         std::memcpy(piece.data(), &head, sizeof head);
         return piece;

@@ -107,7 +107,7 @@ public:
     /// kStep, but for the ends of the range. Throws as writeVdb() does.
     void make(int first, int last);
     /// The next piece of the part that was made, of about `bytes`; empty after the last one.
-    std::vector<std::byte> take(std::size_t bytes = std::size_t{1} << 24);
+    std::vector<std::byte> take(std::size_t bytes = std::size_t{1} << 22);
     /// Adds a piece of another part, from a process of the same program on such a machine.
     void add(std::span<std::byte const> piece);
     /// Makes the file, under the name that it has until it is complete, which is returned. Throws
