@@ -10,6 +10,7 @@
 //   loop   a loop by hand, without checks of the indices, that writes to an existing array
 //   point  the node's point eval in such a loop
 //   batch  the node's batch eval, including the allocation of the result
+//   view   evaluate() to an existing array
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>
@@ -19,6 +20,7 @@
 #include <cstdlib>
 #include <functional>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -97,7 +99,12 @@ Subject makeSubject(std::string const& name, Arrays& arrays,
         result = field->eval(arrays.positions);
         return static_cast<float const*>(result->data());
     };
-    return {name, {{"loop", loop}, {"point", point}, {"batch", batch}}};
+    auto const view = [field, &arrays] {
+        std::span<float3 const> const in(arrays.positions.data(), kCount);
+        zel::evaluate(*field, zel::PointView::of(in), std::span(arrays.out.data(), kCount));
+        return static_cast<float const*>(arrays.out.data());
+    };
+    return {name, {{"loop", loop}, {"point", point}, {"batch", batch}, {"view", view}}};
 }
 
 /// Whether every form gives the values of the loop by hand; prints the name of one that does not.

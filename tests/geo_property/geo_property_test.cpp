@@ -221,6 +221,32 @@ TEST(IndexMaps, LeadToTheElementThatIsReadAndFound) {
         false, float4{}, {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 1, 1}});
 }
 
+template <class Node, class T> void checkBlocks(T const& defaultValue, T const& step) {
+    std::vector<T> values(600);
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(i) * step;
+    auto const node = bound<Node>(objectOf(defaultValue, arrayOf(values)));
+    std::vector<float3> const positions(300);
+    std::vector<typename Node::Value> read(positions.size());
+    constexpr long long kLast = std::numeric_limits<long long>::max();
+    EvaluateOptions options;
+    for (long long const first : {-300LL, -1LL, 0LL, 5LL, 299LL, 300LL, 301LL, 344LL, 600LL,
+                                  kLast - 256, kLast - 255, kLast}) {
+        options.firstIndex = first;
+        evaluate(node, PointView::of(positions), read, options);
+        for (std::size_t i = 0; i < read.size(); ++i) {
+            auto const element = static_cast<unsigned long long>(first) + i;
+            ASSERT_EQ(read[i], node.eval(kPosition, static_cast<long long>(element)))
+                << first << " " << i;
+        }
+    }
+}
+
+TEST(Blocks, ReadWhatPointsReadAtTheEndsOfAnArray) {
+    checkBlocks<Scalar>(-1.0F, 1.0F);
+    checkBlocks<Vector>(kT, kA);
+    checkBlocks<ScalarGeoPropertyFound>(-1.0F, 1.0F);
+}
+
 TEST(Copies, ShareWhatIsBoundAndTakeTheName) {
     auto node = bound<Scalar>(objectOf(-1.0F, arrayOf<float>({10, 11, 12})));
     auto const map = arrayOf<long long>({2, 2});

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <climits>
 #include <cstdint>
 #include <type_traits>
 #include <utility>
@@ -41,6 +42,10 @@ public:
     Columns<float3> const& positions() const { return m_coordinates; }
     /// The element index of position `i`.
     long long index(int i) const { return m_positions.element(numberOf(i)); }
+    /// Whether the element indices rise by one from each position to the next, without overflow.
+    bool hasConsecutiveIndices() const {
+        return !m_choice && !m_positions.offsets && m_positions.first <= LLONG_MAX - kBlockSize;
+    }
 
     /// Returns the values, or the gradients, of a child at the positions. The columns are valid
     /// until the frame ends in which they were asked for, or longer if they are persistent. Throws

@@ -1,6 +1,11 @@
 #include "zel/geo_property/geo_property.h"
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstddef>
+#include <numeric>
+#include <type_traits>
 #include <utility>
 
 #include "zel/field/math.h"
@@ -75,6 +80,32 @@ float3 defaultOf(detail::VectorPropertyBinding const& binding) {
     return turns ? rotationVector(binding.defaultRotation) : binding.defaultValue;
 }
 
+/// Calls `use(mapped)` with a function that maps an index as PropertyBinding::mapIndex() does.
+template <class T, class Use> void withMap(Quern::Ptr<Quern::Array<T>> const& map, Use const& use) {
+    if (!map) return use([](long long i) ZEL_ALWAYS_INLINE { return i; });
+    use([values = map->data(), size = map->size()](long long i) ZEL_ALWAYS_INLINE {
+        return detail::inside(i, size) ? static_cast<long long>(values[i]) : -1;
+    });
+}
+
+/// Calls `use(n, i)` for each position n of a block, with the index of its value: mapIndex() of its
+/// element.
+template <class Use>
+void forEachValueIndex(detail::PropertyBinding const& binding, Block const& block, Use const& use) {
+    std::array<long long, kBlockSize> elements;
+    int const count = block.count();
+    if (block.hasConsecutiveIndices())
+        std::iota(elements.begin(), elements.begin() + count, block.index(0));
+    else
+        for (int n = 0; n < count; ++n) elements[static_cast<std::size_t>(n)] = block.index(n);
+    withMap(binding.propertyIndices, [&](auto const& ofElement) {
+        withMap(binding.rangeIndices, [&](auto const& ofRange) {
+            for (int n = 0; n < count; ++n)
+                use(n, ofRange(ofElement(elements[static_cast<std::size_t>(n)])));
+        });
+    });
+}
+
 template <class Binding> auto readElement(Binding const& binding, long long index) {
     long long const i = binding.mapIndex(index);
     return detail::inside(i, countOf(binding)) ? elementOf(binding, i) : defaultOf(binding);
@@ -84,22 +115,86 @@ template <class Binding> float findElement(Binding const& binding, long long ind
     return detail::inside(binding.mapIndex(index), countOf(binding)) ? 1.0F : 0.0F;
 }
 
+/// readElement() at all positions of a block.
+template <class Binding, class T>
+void readBlock(Binding const& binding, Block const& block, BlockResult<T>& out) {
+    auto const write = out.writer();
+    int const count = block.count();
+    long long const size = countOf(binding);
+    T const otherwise = defaultOf(binding);
+    if (!binding.data) {
+        if constexpr (std::is_same_v<T, float>) {
+            std::array<long long, kBlockSize> indices;
+            forEachValueIndex(binding, block, [&indices](int n, long long i) ZEL_ALWAYS_INLINE {
+                indices[static_cast<std::size_t>(n)] = i;
+            });
+            if (binding.converter)
+                binding.converter->convertAll(indices.data(), count, otherwise, out.storage);
+            else
+                std::fill_n(out.storage, count, otherwise);
+        } else {
+            forEachValueIndex(binding, block, [&](int n, long long i) ZEL_ALWAYS_INLINE {
+                write.set(n, detail::inside(i, size) ? elementOf(binding, i) : otherwise);
+            });
+        }
+        return;
+    }
+    T const* const values = binding.data->data();
+    if constexpr (std::is_same_v<T, float>) {
+        bool const isMapped = binding.propertyIndices || binding.rangeIndices;
+        if (!isMapped && block.hasConsecutiveIndices() &&
+            detail::inside(block.index(0), size - count + 1)) {
+            std::copy_n(values + block.index(0), count, out.storage);
+            return;
+        }
+    }
+    forEachValueIndex(binding, block, [=](int n, long long i) ZEL_ALWAYS_INLINE {
+        write.set(n, detail::inside(i, size) ? values[i] : otherwise);
+    });
+}
+
+/// findElement() at all positions of a block.
+template <class Binding>
+void findBlock(Binding const& binding, Block const& block, BlockResult<float>& out) {
+    auto const write = out.writer();
+    long long const size = countOf(binding);
+    forEachValueIndex(binding, block, [=](int n, long long i) ZEL_ALWAYS_INLINE {
+        write.set(n, detail::inside(i, size) ? 1.0F : 0.0F);
+    });
+}
+
 }  // namespace
 
 float ScalarGeoPropertyTriggered::valueOf(float3 const& /*p*/, long long index) const {
     return readElement(binding, index);
 }
 
+void ScalarGeoPropertyTriggered::blockValues(Block& block, BlockResult<float>& out) const {
+    readBlock(binding, block, out);
+}
+
 float3 VectorGeoPropertyTriggered::valueOf(float3 const& /*p*/, long long index) const {
     return readElement(binding, index);
+}
+
+void VectorGeoPropertyTriggered::blockValues(Block& block, BlockResult<float3>& out) const {
+    readBlock(binding, block, out);
 }
 
 float ScalarGeoPropertyFound::valueOf(float3 const& /*p*/, long long index) const {
     return findElement(binding, index);
 }
 
+void ScalarGeoPropertyFound::blockValues(Block& block, BlockResult<float>& out) const {
+    findBlock(binding, block, out);
+}
+
 float VectorGeoPropertyFound::valueOf(float3 const& /*p*/, long long index) const {
     return findElement(binding, index);
+}
+
+void VectorGeoPropertyFound::blockValues(Block& block, BlockResult<float>& out) const {
+    findBlock(binding, block, out);
 }
 
 }  // namespace zel

@@ -71,6 +71,7 @@ public:
 private:
     friend NodeAccess;
     ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL void blockValues(Block& block, BlockResult<float>& out) const;
 };
 
 /// The value of a property of type float3, or the rotation vector of one of type float4: the axis
@@ -87,6 +88,7 @@ public:
 private:
     friend NodeAccess;
     ZEL_INTERNAL float3 valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL void blockValues(Block& block, BlockResult<float3>& out) const;
 };
 
 /// 1 where a ScalarGeoPropertyTriggered with the same binding reads an element, and 0 where it
@@ -99,6 +101,7 @@ public:
 private:
     friend NodeAccess;
     ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL void blockValues(Block& block, BlockResult<float>& out) const;
 };
 
 /// 1 where a VectorGeoPropertyTriggered with the same binding reads an element, and 0 where it
@@ -111,6 +114,7 @@ public:
 private:
     friend NodeAccess;
     ZEL_INTERNAL float valueOf(float3 const& p, long long index) const;
+    ZEL_INTERNAL void blockValues(Block& block, BlockResult<float>& out) const;
 };
 
 }  // namespace zel

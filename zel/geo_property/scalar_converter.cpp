@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "zel/geo_property/property_binding.h"
+
 namespace zel {
 
 template <class T>
@@ -10,6 +12,14 @@ ScalarConverterImpl<T>::ScalarConverterImpl(Quern::Ptr<Quern::Array<T>> values)
 
 template <class T> float ScalarConverterImpl<T>::convert(long long index) const {
     return toFloat((*values)[index]);
+}
+
+template <class T>
+void ScalarConverterImpl<T>::convertAll(long long const* indices, int number, float otherwise,
+                                        float* to) const {
+    T const* const from = values ? values->data() : nullptr;
+    for (int n = 0; n < number; ++n)
+        to[n] = detail::inside(indices[n], count) ? toFloat(from[indices[n]]) : otherwise;
 }
 
 template class ScalarConverterImpl<signed char>;

@@ -24,6 +24,9 @@ public:
 
     /// Element `index` as a float. The index is not tested: it must lie from 0 below `count`.
     virtual float convert(long long index) const = 0;
+    /// The elements with `count` indices, as floats: `otherwise` where an index is outside.
+    virtual void convertAll(long long const* indices, int count, float otherwise,
+                            float* to) const = 0;
 
     long long const count;  ///< the number of elements
 
@@ -38,6 +41,7 @@ template <class T> class ScalarConverterImpl : public ScalarConverter {
 public:
     explicit ScalarConverterImpl(Quern::Ptr<Quern::Array<T>> values);
     float convert(long long index) const override;
+    void convertAll(long long const* indices, int count, float otherwise, float* to) const override;
 
 private:
     Quern::Ptr<Quern::Array<T>> values;

@@ -105,6 +105,8 @@ protected:
 /// coordinate, may have a view, which names the columns:
 ///
 ///     Columns<Value> viewOf(Block& block) const;
+///
+/// One that can do better in a block than its formula position by position may have `blockValues`.
 template <class Self, class Interface> class ZEL_API LeafNode : public NamedNode<Self, Interface> {
 public:
     using typename NamedNode<Self, Interface>::Value;

@@ -96,6 +96,9 @@ void LeafNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>& out)
     if constexpr (NodeAccess::hasView<Self, Block>) {
         out.set(NodeAccess::viewOf(node, block));
         out.columns.light = NodeAccess::isLight<Self>;
+    } else if constexpr (NodeAccess::hasBlockValues<Self, Value>) {
+        NodeAccess::blockValues(node, block, out);
+        out.columns.light = NodeAccess::isLight<Self>;
     } else {
         detail::mapPositions(block, out, node,
                              [](Self const& n, float3 const& p, long long i)
