@@ -133,12 +133,14 @@ TEST(Evaluate, KnowsAGraphUntilItChanges) {
         std::destroy_at(second);
     }
 
-    // More constants than a thread has columns of, and more trees than it keeps.
+    // More constants than a thread has columns of, and more trees and nodes than it keeps plans of.
     std::vector<ScalarPtr> trees;
-    for (int i = 0; i < 150; ++i)
+    for (int i = 0; i < 150; ++i) {
         trees.push_back(makePtr<ScalarFieldMultiply>(
             makePtr<ScalarFieldConstant>(static_cast<float>(i)),
             makePtr<ScalarFieldAdd>(sphere, makePtr<ScalarFieldConstant>(0.5F))));
+        for (int n = 0; n < 25; ++n) trees.back() = makePtr<ScalarFieldNegative>(trees.back());
+    }
     auto const positions = somePositions(2100);
     std::vector<float> values(2100);
     for (int round = 0; round < 2; ++round)

@@ -143,6 +143,20 @@ TEST(Trace, FollowsASample) {
            "nbFrac2 = {0f, 0f, 0f}\n|calling recursively to fetch values\n|"
            "recursively fetched value at: (9, 0, 0)\n|io_tsPos = 8\n|io_tsInc = 2\n|"
            "io_position = 8\n|getCoarserValue.end()\n|case: tile.depth() < depth\n");
+
+    // Away from jumps, and where eight samples are blended, the stencil alone is traced.
+    for (auto const jump : {kJumpAdaptive, kJumpTrilinear}) {
+        auto sampler = volume.sampler(kCubicC0, true, jump, &volume.flags);
+        for (TreeIndex const& tile : {coarse, fine}) {
+            float3 const frac{0.3F, 0.4F, 0.6F};
+            float const silent = sampler.sampleVoxel(tile, {1, 1, 1}, frac, tile.depth, false);
+            CaptureStdout();
+            EXPECT_EQ(sampler.sampleVoxel(tile, {1, 1, 1}, frac, tile.depth, true), silent);
+            EXPECT_TRUE(has(GetCapturedStdout(), "fetchTiles.begin()\n|in_sizes = {2, 2, 2}\n|"
+                                                 "fetchTiles.end()\n"));
+        }
+        EXPECT_EQ(sampler.sampleVoxel({99, 27}, {1, 1, 1}, {}, 27, true), 1);
+    }
 }
 
 }  // namespace

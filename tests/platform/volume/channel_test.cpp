@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <initializer_list>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -72,6 +74,32 @@ TYPED_TEST(Channels, HoldSamplesOfTheDepthsAskedFor) {
     unsigned long long used = 0, held = 0;
     copy.memUse(used, held, true);
     EXPECT_EQ(used, copy.size() * sizeof(float) + sizeof copy);
+}
+
+TYPED_TEST(Channels, AreComponentsAsTheirTreeAndTopologyAre) {
+    auto const channel = this->numbered(0, 3);
+    for (ORV::Component const* const component : std::initializer_list<ORV::Component const*>{
+             this->tree.get(), &this->topology, &channel}) {
+        unsigned long long used = 0, held = 0, contents = 0, heldContents = 0;
+        component->memUse(used, held, true);
+        component->memUse(contents, heldContents, false);
+        EXPECT_TRUE(contents < used && used <= held && held - heldContents == used - contents);
+        long long elements = 0;
+        for (int depth = 0; depth <= component->depth(); ++depth)
+            elements += component->elementCount(depth);
+        EXPECT_EQ(component->elementCount(-1), elements);
+        EXPECT_EQ(static_cast<long long>(component->size()), elements);
+        Quern::Ptr<ORV::Component> copy;
+        component->copyTo(copy);
+        EXPECT_EQ(copy->size(), component->size());
+        EXPECT_EQ(copy->elementCount(TreeIndex{2, 3}), component->elementCount(TreeIndex{2, 3}));
+        std::ostringstream text, textOfCopy;
+        component->dump(text);
+        copy->dump(textOfCopy);
+        EXPECT_FALSE(text.str().empty());
+        EXPECT_EQ(text.str(), textOfCopy.str());
+    }
+    EXPECT_THROW(this->topology.update(this->topology), std::logic_error);
 }
 
 TYPED_TEST(Channels, KeepSamplesAsTheTreeGrows) {
