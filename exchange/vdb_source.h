@@ -13,6 +13,7 @@
 
 #include "numbers.h"
 #include "zel_platform/orvane_math/vectors.h"
+#include "zel_platform/quern_core/always_inline.h"
 
 namespace zel::detail {
 
@@ -33,7 +34,7 @@ template <class V> auto channelValue(V const& value) {
 template <class V> using ChannelValue = decltype(channelValue(std::declval<V>()));
 
 /// Whether two values compare equal or are both NaN, so that a region of NaN is constant.
-template <class V> bool isSame(V const& a, V const& b) {
+template <class V> ZEL_ALWAYS_INLINE inline bool isSame(V const& a, V const& b) {
     if constexpr (std::is_arithmetic_v<V>)
         return a == b || (a != a && b != b);
     else
@@ -83,7 +84,8 @@ public:
                 std::memcpy(&words, values + offset({x, y, 0}), sizeof words);
                 for (std::size_t i = 0; i < words.size(); ++i) differs |= words[i] ^ constant[i];
             }
-            if (differs != 0) return isSameBox(values, {4, 4, 4}, *values);
+            if (differs != 0 && !isSameBox(values + offset({x, 0, 0}), {1, 4, 4}, *values))
+                return false;
         }
         return true;
     }
