@@ -30,10 +30,14 @@ using GridOf = std::conditional_t<std::is_same_v<T, float>, openvdb::FloatGrid, 
 template <class Name> void checkNames(std::vector<Name> const& grids) {
     std::set<std::string> names;
     if (grids.empty()) refuseVdb("nothing to write");
-    for (auto const& grid : grids)
+    for (auto const& grid : grids) {
+        // OpenVDB tells grids of one name apart by this character and a number behind it.
+        if (grid.name.find('\x1e') != grid.name.npos)
+            refuseVdb("the name " + detail::quoted(grid.name) + " has the character 0x1e");
         if (grid.name.empty() || !names.insert(grid.name).second)
             refuseVdb("the name " + detail::quoted(grid.name) +
                       (grid.name.empty() ? " is empty" : " is used twice"));
+    }
 }
 
 /// A file of OpenVDB and the grids that are to be written to it.
