@@ -1,9 +1,40 @@
+#include <array>
+#include <cmath>
+
 #include <zel_exchange/vdb.h>
 
 #include "commands.h"
 #include "session.h"
 
 namespace command {
+
+namespace {
+
+std::string listOf(std::array<double, 3> const& numbers) {
+    return textOf(numbers[0]) + ", " + textOf(numbers[1]) + ", " + textOf(numbers[2]);
+}
+
+/// Where the voxels lie: how wide they are, the place of the first, and the directions of the axes,
+/// if these are not those of the world.
+std::string placeText(zel::AffineMap const& map) {
+    std::array<double, 3> widths{}, origin{};
+    std::array<std::array<double, 3>, 3> axes{};
+    bool isAlong = true;
+    for (std::size_t c = 0; c < 3; ++c) {
+        origin[c] = map[c][3];
+        widths[c] = std::hypot(map[0][c], map[1][c], map[2][c]);
+        for (std::size_t r = 0; r < 3; ++r) {
+            axes[c][r] = map[r][c] / widths[c];
+            isAlong = isAlong && (r == c ? map[r][c] > 0 : map[r][c] == 0);
+        }
+    }
+    std::string text = "  voxel: " + listOf(widths) + "\n  origin: " + listOf(origin) + "\n";
+    for (std::size_t c = 0; c < 3 && !isAlong; ++c)
+        text += std::string("  axis ") + "xyz"[c] + ": " + listOf(axes[c]) + "\n";
+    return text;
+}
+
+}  // namespace
 
 void info(InfoOptions const& options) {
     std::string text;
@@ -12,6 +43,7 @@ void info(InfoOptions const& options) {
         if (grid.isHalf) text += " as half";
         if (!grid.isReadable) text += ", not readable";
         text += '\n';
+        if (grid.indexToWorld) text += placeText(*grid.indexToWorld);
         for (auto const& [key, value] : grid.metadata)
             text += "  " + printable(key) + ": " + printable(value) + '\n';
     }

@@ -3,6 +3,7 @@
 #include <array>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ namespace zel {
 using Core::Fields::ScalarField;
 using Core::Fields::VectorField;
 
+/// An affine map: row r of the matrix, times (x, y, z, 1), is coordinate r of the result.
+using AffineMap = std::array<std::array<double, 4>, 3>;
+
 /// A grid of a file, without its voxels.
 struct ZEL_EXCHANGE_API VdbGrid {
     /// The grid's name; grids of the same name are "density[0]", "density[1]" and so on.
@@ -36,6 +40,8 @@ struct ZEL_EXCHANGE_API VdbGrid {
     bool isReadable = false;  ///< whether readVdb() reads the type
     /// The grid's metadata as text, such as "class", which is "level set" or "fog volume".
     std::map<std::string, std::string> metadata;
+    /// From the index space of OpenVDB; empty if it is not affine.
+    std::optional<AffineMap> indexToWorld{};
 };
 
 /// Lists the grids of a file, in the order of the file. Throws FileError.
@@ -53,9 +59,6 @@ struct ReadVdbOptions {
     long long maxTiles = 1LL << 25;
     bool parallel = true;  ///< false: on the calling thread alone
 };
-
-/// An affine map: row r of the matrix, times (x, y, z, 1), is coordinate r of the result.
-using AffineMap = std::array<std::array<double, 4>, 3>;
 
 /// Grids of one file over one tile tree. Copies share it.
 ///

@@ -155,6 +155,23 @@ std::int64_t transformSize(std::string const& type) {
     return found == sizes.end() ? 0 : found->second;
 }
 
+/// An affine map by its bytes: of a matrix for row vectors, or of a translation and a scale, as far
+/// as the type has them, which are followed by what can be computed from them.
+AffineMap affineMap(std::string const& type, std::string_view bytes) {
+    std::array<double, 16> numbers{};
+    std::memcpy(numbers.data(), bytes.data(), std::min(bytes.size(), sizeof numbers));
+    AffineMap map = kIdentity;
+    bool const isMatrix = type == "AffineMap" || type == "UnitaryMap";
+    bool const isMoved = type.find("Transl") != type.npos;
+    bool const isScaled = type.find("Scale") != type.npos;
+    for (std::size_t r = 0; r < 3; ++r) {
+        for (std::size_t c = 0; c < 4 && isMatrix; ++c) map[r][c] = numbers[4 * c + r];
+        if (isMoved) map[r][3] = numbers[r];
+        if (isScaled) map[r][r] = numbers[isMoved ? 3 + r : r];
+    }
+    return map;
+}
+
 template <class T> std::string numbersText(std::string_view bytes) {
     std::string text;
     for (std::size_t at = 0; at + sizeof(T) <= bytes.size(); at += sizeof(T)) {
@@ -221,8 +238,12 @@ std::vector<VdbSection> vdbSections(FileView const& file) {
         section.compression = grid.number<std::uint32_t>("the compression");
         section.metadata = grid.metadata();
         section.transform = grid.text("the type of a transform");
-        if (auto const bytes = transformSize(section.transform); bytes > 0)
+        if (auto const bytes = transformSize(section.transform); bytes > 0) {
             section.nodes = static_cast<std::int64_t>(grid.at()) + bytes;
+            if (section.nodes <= section.end)
+                section.indexToWorld = affineMap(
+                    section.transform, grid.bytes(static_cast<std::size_t>(bytes), "a transform"));
+        }
         at = section.end;
         sections.push_back(std::move(section));
     }

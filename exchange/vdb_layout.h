@@ -5,10 +5,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "affine_map.h"
 
 // The parts of an OpenVDB file that come before voxels, read without OpenVDB, which trusts the
 // lengths in a file and allocates by them.
@@ -56,6 +59,7 @@ struct VdbSection {
     std::uint32_t compression = 0;  ///< flags of OpenVDB
     /// Where the tree begins, after the transform; 0 if that is not affine.
     std::int64_t nodes = 0;
+    std::optional<AffineMap> indexToWorld{};  ///< the transform, if it is affine
 };
 
 /// The sections of the grids of a file, in its order. Throws FileError for a file that is no

@@ -112,7 +112,7 @@ class ResultsTest(ProgramTest):
         np.testing.assert_array_equal(np.load("vectors.npy")[..., 0], -p[..., 1])
 
         run("volume", self.ball, *box, "--voxel", 0.05, "--band", 3, "-o", "ball.vdb")
-        self.assertRegex(run("info", "ball.vdb").stdout, r"(?s)\Asurface: float\n.*  class: level set\n")
+        self.assertRegex(run("info", "ball.vdb").stdout, r"(?s)\Asurface: float\n  voxel: [^\n]*, .*\n  origin: 0, 0, 0\n.*  class: level set\n")
         surface = {"type": "ScalarOrvaneTriggered", "channel": "surface"}
         leaf = scene("leaf.json", {"type": "ScalarFieldAdd", "a": surface, "b": 1})
         direction = generator.normal(size=(5000, 3))

@@ -169,6 +169,10 @@ TEST(ReadVdb, PutsGridsWhereTheirTransformsDo) {
                 p[a] = c.rows[3][a] + index.x * c.rows[0][a] + index.y * c.rows[1][a] +
                        index.z * c.rows[2][a];
         }
+        auto const listed = zel::listVdb(path).front().indexToWorld.value();
+        for (std::size_t a = 0; a < 4; ++a)
+            for (std::size_t r = 0; r < 3; ++r)
+                EXPECT_NEAR(listed[r][a], double{c.rows[a][r]}, 1e-15) << r << " " << a;
         auto const volume = zel::readVdb(path, "fog");
         EXPECT_EQ(volume.isPlaced(), c.placed);
         // Positions are floats, and a voxel's values differ by up to 1/3.
@@ -404,6 +408,11 @@ TEST(WriteVdb, RefusesAndLeavesNothing) {
     EXPECT_THROW(write({{"a", solid}}, {.band = 3}), std::invalid_argument);
     EXPECT_THROW(write({{"a", solid}, {"a", solid}}, {}), std::invalid_argument);
     EXPECT_THROW(write({{"a"}}, {}), std::invalid_argument);
+    EXPECT_THROW(write({{"a\x1e"
+                         "1",
+                         solid}},
+                       {}),
+                 std::invalid_argument);
     EXPECT_THROW(write({{"a", solid}}, {}, 0), std::invalid_argument);
     EXPECT_THROW(write({{"a", solid}}, {}, 1e-12F), std::invalid_argument);
     EXPECT_THROW(write({{"a", solid}}, {}, 1e-5F), std::invalid_argument);
