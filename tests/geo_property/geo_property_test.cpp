@@ -221,30 +221,44 @@ TEST(IndexMaps, LeadToTheElementThatIsReadAndFound) {
         false, float4{}, {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 1, 1}});
 }
 
-template <class Node, class T> void checkBlocks(T const& defaultValue, T const& step) {
+/// Batches of a node, also by the branches of a switch, before and after it has a map.
+template <class Switch, class Node, class T>
+void checkBlocks(Node&& node, T const& defaultValue, T const& step) {
     std::vector<T> values(600);
-    for (std::size_t i = 0; i < values.size(); ++i) values[i] = static_cast<float>(i) * step;
-    auto const node = bound<Node>(objectOf(defaultValue, arrayOf(values)));
-    std::vector<float3> const positions(300);
-    std::vector<typename Node::Value> read(positions.size());
+    std::vector<long long> map(values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        values[i] = static_cast<T>(static_cast<float>(i) * step);
+        map[i] = 598 - static_cast<long long>(i);
+    }
+    node.apply_object(objectOf(defaultValue, arrayOf(values)));
+    std::vector<float3> positions(300);
+    for (std::size_t i = 0; i < positions.size(); ++i) positions[i].x = i % 3 == 0 ? 1 : -1;
+    std::vector<typename Node::Value> read(positions.size()), chosen(positions.size());
     constexpr long long kLast = std::numeric_limits<long long>::max();
     EvaluateOptions options;
-    for (long long const first : {-300LL, -1LL, 0LL, 5LL, 299LL, 300LL, 301LL, 344LL, 600LL,
-                                  kLast - 256, kLast - 255, kLast}) {
-        options.firstIndex = first;
-        evaluate(node, PointView::of(positions), read, options);
-        for (std::size_t i = 0; i < read.size(); ++i) {
-            auto const element = static_cast<unsigned long long>(first) + i;
-            ASSERT_EQ(read[i], node.eval(kPosition, static_cast<long long>(element)))
-                << first << " " << i;
+    for (bool const isMapped : {false, true}) {
+        if (isMapped) node.use_property_indices(arrayOf(map));
+        Switch const tree(makePtr<ScalarFieldXPosition>(), makePtr<Node>(node),
+                          makePtr<Node>(node));
+        for (long long const first : {-300LL, -1LL, 0LL, 5LL, 299LL, 300LL, 301LL, 344LL, 600LL,
+                                      kLast - 256, kLast - 255, kLast}) {
+            options.firstIndex = first;
+            evaluate(node, PointView::of(positions), read, options);
+            evaluate(tree, PointView::of(positions), chosen, options);
+            for (std::size_t i = 0; i < read.size(); ++i) {
+                auto const element = static_cast<unsigned long long>(first) + i;
+                auto const expected = node.eval(kPosition, static_cast<long long>(element));
+                ASSERT_TRUE(read[i] == expected && chosen[i] == expected) << first << " " << i;
+            }
         }
     }
 }
 
 TEST(Blocks, ReadWhatPointsReadAtTheEndsOfAnArray) {
-    checkBlocks<Scalar>(-1.0F, 1.0F);
-    checkBlocks<Vector>(kT, kA);
-    checkBlocks<ScalarGeoPropertyFound>(-1.0F, 1.0F);
+    checkBlocks<ScalarFieldSwitch>(Scalar("p"), -1.0F, 1.0F);
+    checkBlocks<ScalarFieldSwitch>(Scalar("p"), short{-1}, short{1});
+    checkBlocks<VectorFieldSwitch>(Vector("p"), kT, kA);
+    checkBlocks<ScalarFieldSwitch>(ScalarGeoPropertyFound("p"), -1.0F, 1.0F);
 }
 
 TEST(Copies, ShareWhatIsBoundAndTakeTheName) {
