@@ -57,11 +57,13 @@ function(zel_library_options target)
   zel_compile_options(${target})
   target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
   target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
-  # No benchmark shows what these checks cost. _FORTIFY_SOURCE needs optimised code, and a distribution
-  # may have set it already.
-  target_compile_options(
-    ${target} PRIVATE $<${ZEL_OPTIMISED}:-fstack-protector-strong> $<${ZEL_OPTIMISED}:-U_FORTIFY_SOURCE>
-                      $<${ZEL_OPTIMISED}:-D_FORTIFY_SOURCE=3>)
+  # No benchmark shows what these checks cost. _FORTIFY_SOURCE needs optimised code; a level in the flags
+  # of a distribution holds, one that the compiler sets by itself does not.
+  target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-fstack-protector-strong>)
+  if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "_FORTIFY_SOURCE")
+    target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-U_FORTIFY_SOURCE>
+                                             $<${ZEL_OPTIMISED}:-D_FORTIFY_SOURCE=3>)
+  endif()
   # With unique symbols dlclose() would not unload the library.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition
                                            $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)

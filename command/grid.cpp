@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <stdexcept>
 
 #include "commands.h"
-#include "session.h"
 
 namespace command {
 
@@ -11,6 +11,12 @@ namespace {
 
 /// A part of a voxel by which decimals may be rounded.
 constexpr double kTolerance = 1e-4;
+
+std::string textOf(double number) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.9g", number);
+    return text;
+}
 
 /// The edge of the box along an axis.
 struct Edge {

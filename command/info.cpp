@@ -1,5 +1,6 @@
 #include <array>
 #include <cmath>
+#include <cstdio>
 
 #include <zel_exchange/vdb.h>
 
@@ -10,8 +11,12 @@ namespace command {
 
 namespace {
 
+/// With the digits that floats have: voxels of 0.02 are those of a float in most files.
 std::string listOf(std::array<double, 3> const& numbers) {
-    return textOf(numbers[0]) + ", " + textOf(numbers[1]) + ", " + textOf(numbers[2]);
+    char text[96];
+    std::snprintf(text, sizeof text, "%.7g, %.7g, %.7g", numbers[0] + 0.0, numbers[1] + 0.0,
+                  numbers[2] + 0.0);
+    return text;
 }
 
 /// Where the voxels lie: how wide they are, the place of the first, and the directions of the axes,
@@ -24,7 +29,7 @@ std::string placeText(zel::AffineMap const& map) {
         origin[c] = map[c][3];
         widths[c] = std::hypot(map[0][c], map[1][c], map[2][c]);
         for (std::size_t r = 0; r < 3; ++r) {
-            axes[c][r] = map[r][c] / widths[c];
+            axes[c][r] = widths[c] > 0 ? map[r][c] / widths[c] : 0;
             isAlong = isAlong && (r == c ? map[r][c] > 0 : map[r][c] == 0);
         }
     }
@@ -43,7 +48,8 @@ void info(InfoOptions const& options) {
         if (grid.isHalf) text += " as half";
         if (!grid.isReadable) text += ", not readable";
         text += '\n';
-        if (grid.indexToWorld) text += placeText(*grid.indexToWorld);
+        text += grid.indexToWorld ? placeText(*grid.indexToWorld)
+                                  : "  transform: not affine, or cut, and not readable\n";
         for (auto const& [key, value] : grid.metadata)
             text += "  " + printable(key) + ": " + printable(value) + '\n';
     }

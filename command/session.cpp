@@ -117,12 +117,6 @@ std::string printable(std::string const& text) {
     return clean;
 }
 
-std::string textOf(double number) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.9g", number);
-    return text;
-}
-
 std::string shortNumber(double number) {
     constexpr std::array kUnits{"", " k", " M", " G"};
     std::size_t unit = 0;

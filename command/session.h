@@ -97,7 +97,5 @@ std::string printable(std::string const& text);
 
 /// Such as "1.5 M".
 std::string shortNumber(double number);
-/// With up to 9 digits.
-std::string textOf(double number);
 
 }  // namespace command

@@ -155,8 +155,8 @@ std::int64_t transformSize(std::string const& type) {
     return found == sizes.end() ? 0 : found->second;
 }
 
-/// An affine map by its bytes: of a matrix for row vectors, or of a translation and a scale, as far
-/// as the type has them, which are followed by what can be computed from them.
+/// An affine map from its bytes: a matrix for row vectors; or a translation, a scale or both, and
+/// then what follows from them.
 AffineMap affineMap(std::string const& type, std::string_view bytes) {
     std::array<double, 16> numbers{};
     std::memcpy(numbers.data(), bytes.data(), std::min(bytes.size(), sizeof numbers));

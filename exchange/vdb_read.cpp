@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <new>
 #include <optional>
 #include <tbb/task_arena.h>
@@ -222,6 +223,21 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
     }
 }
 
+/// The numbers of a map that has no finite inverse; empty for another.
+std::string singularText(AffineMap const& map) {
+    bool isFinite = true;
+    std::string numbers;
+    for (auto const& row : inverse(map))
+        for (double const number : row) isFinite = isFinite && std::isfinite(number);
+    for (auto const& row : map)
+        for (double const number : row) {
+            char text[32];
+            std::snprintf(text, sizeof text, " %g", number);
+            numbers += text;
+        }
+    return isFinite ? std::string() : numbers;
+}
+
 /// Sets the size of voxels and the place of the volume by the map of the file.
 void setPlace(AffineMap const& toWorld, Request& request, VdbVolume& volume) {
     constexpr double kNear = 1e-9;  // far less than floats can tell
@@ -289,6 +305,9 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (section->nodes == 0)
             request.fail(i, "a transform of the type " + detail::quoted(section->transform) +
                                 ", which is not affine");
+        if (section->indexToWorld)
+            if (auto const numbers = singularText(*section->indexToWorld); !numbers.empty())
+                request.fail(i, "a transform that cannot be inverted, with the rows" + numbers);
         auto grid = gridOf(*section);
         if (!grid.isReadable)
             request.fail(i, "values of the type " + detail::quoted(section->tree) +

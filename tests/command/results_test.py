@@ -3,6 +3,7 @@
 import os
 import pty
 import re
+import struct
 import subprocess
 import sys
 import unittest
@@ -112,7 +113,8 @@ class ResultsTest(ProgramTest):
         np.testing.assert_array_equal(np.load("vectors.npy")[..., 0], -p[..., 1])
 
         run("volume", self.ball, *box, "--voxel", 0.05, "--band", 3, "-o", "ball.vdb")
-        self.assertRegex(run("info", "ball.vdb").stdout, r"(?s)\Asurface: float\n  voxel: [^\n]*, .*\n  origin: 0, 0, 0\n.*  class: level set\n")
+        self.assertRegex(run("info", "ball.vdb").stdout,
+                         r"\Asurface: float\n  voxel: 0.05, 0.05, 0.05\n  origin: 0, 0, 0\n  class: level set\n")
         surface = {"type": "ScalarOrvaneTriggered", "channel": "surface"}
         leaf = scene("leaf.json", {"type": "ScalarFieldAdd", "a": surface, "b": 1})
         direction = generator.normal(size=(5000, 3))
@@ -120,6 +122,17 @@ class ResultsTest(ProgramTest):
         depth = generator.uniform(-0.1, 0.1, 5000)
         points = ((1 + depth)[:, None] * direction + (0.5, 0, 0)).astype("f4")
         np.save("points.npy", points)
+        with open("ball.vdb", "rb") as file:
+            data = file.read()
+        scale = data.index(b"UniformScaleMap") + len("UniformScaleMap")
+        for number, place in ((-3.0, "3, 0.05, 0.05\n  origin: 0, 0, 0\n  axis x: -1, 0, 0\n  axis y: 0, 1, 0\n"),
+                              (0.0, "0, 0.05, 0.05\n")):
+            with open("odd.vdb", "wb") as file:
+                file.write(data[:scale] + struct.pack("d", number) + data[scale + 8:])
+            self.assertIn("  voxel: " + place, run("info", "odd.vdb").stdout)
+        self.refused("\"surface\": a transform that cannot be inverted, with the rows 0 0 0 0 0 0.05 0 0 0 0 0.05 0",
+                     "eval", leaf, "points.npy",
+                     "-o", "out.npy", "--bind", "volume=odd.vdb")
         run("eval", leaf, "points.npy", "-o", "out.npy", "--bind", "volume=ball.vdb")
         np.testing.assert_allclose(np.load("out.npy"), depth + 1, atol=2e-3)
         other = scene("other.json", {"type": "ScalarOrvane", "channel": "shape"})

@@ -16,7 +16,7 @@ template <class T> constexpr float toFloat(T value) {
     return static_cast<float>(value);
 }
 
-/// Reads one element of an array at a time, at the price of a virtual call. Any number of threads
+/// Reads elements of an array, one or many at the price of a virtual call. Any number of threads
 /// may read, while the array stays as it is.
 class ScalarConverter {
 public:
@@ -24,8 +24,9 @@ public:
 
     /// Element `index` as a float. The index is not tested: it must lie from 0 below `count`.
     virtual float convert(long long index) const = 0;
-    /// The elements with `count` indices, as floats: `otherwise` where an index is outside.
-    virtual void convertAll(long long const* indices, int count, float otherwise,
+    /// Writes the elements with `number` indices as floats, and `otherwise` where an index is
+    /// outside.
+    virtual void convertAll(long long const* indices, int number, float otherwise,
                             float* to) const = 0;
 
     long long const count;  ///< the number of elements
@@ -41,7 +42,8 @@ template <class T> class ScalarConverterImpl : public ScalarConverter {
 public:
     explicit ScalarConverterImpl(Quern::Ptr<Quern::Array<T>> values);
     float convert(long long index) const override;
-    void convertAll(long long const* indices, int count, float otherwise, float* to) const override;
+    void convertAll(long long const* indices, int number, float otherwise,
+                    float* to) const override;
 
 private:
     Quern::Ptr<Quern::Array<T>> values;
