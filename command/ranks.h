@@ -53,7 +53,8 @@ public:
     virtual std::vector<double> gather(std::span<double const> numbers) = 0;
     /// Sends bytes to the root, fewer than 2^31, and waits until they are received.
     virtual void send(std::span<std::byte const> bytes) = 0;
-    /// Receives at the root the next bytes from another rank, or from any.
+    /// Receives at the root the next bytes from another rank, or from any, in place of those that
+    /// `bytes` has.
     virtual void receive(std::optional<std::size_t> from, std::vector<std::byte>& bytes) = 0;
     /// Collective: opens a file that exists. Throws std::runtime_error at all ranks if one of them
     /// cannot open it.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cmath>
+
 #include "vdb.h"
 
 namespace zel::detail {
@@ -11,6 +13,13 @@ inline double determinant(AffineMap const& m) {
     return m[0][0] * (m[1][1] * m[2][2] - m[1][2] * m[2][1]) -
            m[0][1] * (m[1][0] * m[2][2] - m[1][2] * m[2][0]) +
            m[0][2] * (m[1][0] * m[2][1] - m[1][1] * m[2][0]);
+}
+
+inline bool isFinite(AffineMap const& map) {
+    bool result = true;
+    for (auto const& row : map)
+        for (double const number : row) result = result && std::isfinite(number);
+    return result;
 }
 
 /// Not finite if the map has no inverse.

@@ -223,19 +223,15 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
     }
 }
 
-/// The numbers of a map that has no finite inverse; empty for another.
-std::string singularText(AffineMap const& map) {
-    bool isFinite = true;
+std::string rowsText(AffineMap const& map) {
     std::string numbers;
-    for (auto const& row : inverse(map))
-        for (double const number : row) isFinite = isFinite && std::isfinite(number);
     for (auto const& row : map)
         for (double const number : row) {
             char text[32];
             std::snprintf(text, sizeof text, " %g", number);
             numbers += text;
         }
-    return isFinite ? std::string() : numbers;
+    return numbers;
 }
 
 /// Sets the size of voxels and the place of the volume by the map of the file.
@@ -243,11 +239,10 @@ void setPlace(AffineMap const& toWorld, Request& request, VdbVolume& volume) {
     constexpr double kNear = 1e-9;  // far less than floats can tell
     double const size = std::cbrt(std::abs(determinant(toWorld)));
     volume.worldToIndex = inverse(toWorld);
-    bool finite = true, cubes = true;
-    for (auto const& row : volume.worldToIndex)
-        for (double const number : row) finite = finite && std::isfinite(number);
+    bool cubes = true;
     request.voxelSize = nearestFloat(size);
-    if (!finite || !std::isnormal(request.voxelSize) || !std::isfinite(1 / request.voxelSize))
+    if (!isFinite(volume.worldToIndex) || !std::isnormal(request.voxelSize) ||
+        !std::isfinite(1 / request.voxelSize))
         request.fail(0, "a transform that cannot be inverted, or not in floats");
     for (std::size_t r = 0; r < 3; ++r)
         for (std::size_t c = 0; c < 3; ++c)
@@ -305,9 +300,8 @@ void readGrids(Request& request, VdbVolume& volume) {
         if (section->nodes == 0)
             request.fail(i, "a transform of the type " + detail::quoted(section->transform) +
                                 ", which is not affine");
-        if (section->indexToWorld)
-            if (auto const numbers = singularText(*section->indexToWorld); !numbers.empty())
-                request.fail(i, "a transform that cannot be inverted, with the rows" + numbers);
+        if (auto const& own = section->indexToWorld; own && !isFinite(inverse(*own)))
+            request.fail(i, "a transform that cannot be inverted, with the rows" + rowsText(*own));
         auto grid = gridOf(*section);
         if (!grid.isReadable)
             request.fail(i, "values of the type " + detail::quoted(section->tree) +
