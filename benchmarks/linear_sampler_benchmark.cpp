@@ -123,12 +123,10 @@ public:
         });
         addSampler(name + "/halo", *m_halos);
         add(name + "/halo_block", [this] { return block(*m_halos); });
-        if (scan) {
-            addSampler(name + "/channel", *m_direct);
-            addSampler(name + "/ring", *m_ring);
-            add(name + "/channel_block", [this] { return block(*m_direct); });
-            add(name + "/ring_block", [this] { return block(*m_ring); });
-        }
+        addSampler(name + "/channel", *m_direct);
+        addSampler(name + "/ring", *m_ring);
+        add(name + "/channel_block", [this] { return block(*m_direct); });
+        add(name + "/ring_block", [this] { return block(*m_ring); });
         if constexpr (std::same_as<T, float>) {
             add(name + "_gradient/dense", [this] {
                 return sumOf(m_positions, [&](float3 const& p) {

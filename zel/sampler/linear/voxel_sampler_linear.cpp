@@ -6,6 +6,7 @@
 #include <string>
 
 #include "zel/sampler/linear/ring_fill.h"
+#include "zel_platform/orvane_geometry_volume/halo_fill.h"
 
 namespace ORV::TileTree3D {
 
@@ -15,13 +16,22 @@ namespace ORV::TileTree3D {
     requires HighSideHalo<A, B, C, D> &&(N == 1)
 #define ZEL_DETAIL_LINEAR_SAMPLER VoxelSamplerLinear<Traits, T, N, Real, Position, A, B, C, D>
 
+namespace {
+
+/// The halo of samples on corners, and that of other topologies.
+template <class Traits, class T> using HighSides = Internal::HaloFill<Traits, T, 0, 1>;
+template <class Traits, class T> using Ring = Internal::HaloFill<Traits, T, 1, 1>;
+
+}  // namespace
+
 ZEL_DETAIL_LINEAR_HEAD
 ZEL_DETAIL_LINEAR_SAMPLER::VoxelSamplerLinear(Container<Traits> const& container,
                                               VoxelTopology<Traits> const& topology,
                                               HaloChannel<Traits, T> const& halo)
     : VoxelSampler<Traits, Real, Position>(container, topology),
-      m_neighborAccessor(container.tileAccessor()), m_container(&container), m_haloChannel(&halo),
-      m_invWorldVoxel(1.0F / container.voxelSize()), m_defaultValue(halo.defaultValue()),
+      m_neighborAccessor(container.tileAccessor()), m_ring(0), m_container(&container),
+      m_haloChannel(&halo), m_invWorldVoxel(1.0F / container.voxelSize()),
+      m_defaultValue(halo.defaultValue()),
       m_minDepth(halo.belongsTo(container) ? halo.minDepth() : std::numeric_limits<int>::max()),
       m_depth(halo.depth()) {
     if (!isOnCorners())
@@ -34,10 +44,9 @@ ZEL_DETAIL_LINEAR_SAMPLER::VoxelSamplerLinear(Container<Traits> const& container
                                               VoxelTopology<Traits> const& topology,
                                               DataChannel<Traits, T> const& channel)
     : VoxelSampler<Traits, Real, Position>(container, topology),
-      m_neighborAccessor(container.tileAccessor()),
-      m_cornerCache(isOnCorners() ? Traits::kMaxDepth + 1 : 0),
-      m_ringCache(isOnCorners() ? 0 : Traits::kMaxDepth + 1), m_container(&container),
-      m_channel(&channel), m_invWorldVoxel(1.0F / container.voxelSize()),
+      m_neighborAccessor(container.tileAccessor()), m_ring(isOnCorners() ? 0 : 1),
+      m_halos(isOnCorners() ? HighSides<Traits, T>::kCount : Ring<Traits, T>::kCount),
+      m_container(&container), m_channel(&channel), m_invWorldVoxel(1.0F / container.voxelSize()),
       m_defaultValue(channel.defaultValue()), m_minDepth(channel.minDepth()),
       m_depth(channel.depth()) {
     // The samples of another tree's tiles cannot be read: the default value everywhere.
@@ -60,74 +69,65 @@ bool ZEL_DETAIL_LINEAR_SAMPLER::insideTile(Internal::Int4 lijk) const {
     return inside(lijk[0]) && inside(lijk[1]) && inside(lijk[2]);
 }
 
-/// Whether reading a voxel would fill a tile of a cache.
-ZEL_DETAIL_LINEAR_HEAD
-bool ZEL_DETAIL_LINEAR_SAMPLER::fills(TreeIndex const& tree, Internal::Int4 lijk) const {
-    auto const depth = static_cast<unsigned>(tree.depth);
-    long long const cached = isOnCorners() ? m_cornerCache[depth].tile : m_ringCache[depth].tile;
-    return cached != tree.tile && !insideTile(lijk) && m_channel->samples(tree);
-}
-
 ZEL_DETAIL_LINEAR_HEAD
 auto ZEL_DETAIL_LINEAR_SAMPLER::channelCell(TreeIndex const& tree, Internal::Int4 lijk) -> Cell {
     T const* const samples = m_channel->samples(tree);
     if (!samples) return {};
     if (insideTile(lijk)) return {samples + flat(lijk, kSamples), kSamples};
-    if (isOnCorners())
-        return {filled(m_cornerCache, tree).data() + flat(lijk, kHaloWidth), kHaloWidth};
-    return {filled(m_ringCache, tree).data() + flat(lijk + 1, kSamples + 2), kSamples + 2};
+    auto const [origin, width] = haloSamples(tree == m_lastTile ? m_lastHalo : fillHalo(tree));
+    return {origin + flat(lijk, width), width};
 }
 
-/// The samples of a tile with their halo, which take the place of another tile of the same depth.
+/// The halo of a tile of the channel, filled if it is not here.
 ZEL_DETAIL_LINEAR_HEAD
-template <class Cache>
-auto& ZEL_DETAIL_LINEAR_SAMPLER::filled(Cache& cache, TreeIndex const& tree) {
-    auto& entry = cache[static_cast<unsigned>(tree.depth)];
-    if (entry.tile != tree.tile) {
-        entry.tile = -1;
-        fill(cache, tree);
-        entry.tile = tree.tile;
-    }
-    return entry.data;
-}
-
-ZEL_DETAIL_LINEAR_HEAD
-void ZEL_DETAIL_LINEAR_SAMPLER::fill(CornerCache& cache, TreeIndex const& tree) {
+T* ZEL_DETAIL_LINEAR_SAMPLER::fillHalo(TreeIndex const& tree) {
     auto const& tile = m_container->tile(tree);
-    auto const& parent = m_container->tile(tile.parentTreeIndex());
-    bool const useParent = parent.exists() && tree.depth > m_minDepth;
-    typename CornerCache::value_type::Data none;
-    setHaloTile<Traits, T, A, B, C, D>(tile, useParent ? &parent : nullptr, *m_channel,
-                                       useParent ? filled(cache, parent.treeIndex()) : none, 2,
-                                       m_neighborAccessor,
-                                       cache[static_cast<unsigned>(tree.depth)].data);
+    T* halo = m_halos.find(tile);
+    if (!halo) halo = isOnCorners() ? fillHighSides(tile) : fillRing(tile);
+    m_lastTile = tree;
+    return m_lastHalo = halo;
+}
+
+/// Fills as computeHalo() does.
+ZEL_DETAIL_LINEAR_HEAD
+T* ZEL_DETAIL_LINEAR_SAMPLER::fillHighSides(TileOf<Traits> const& tile) {
+    HighSides<Traits, T> const fill(tile, kOnVoxelCorners);
+    auto const tiles =
+        Internal::surroundingTiles<Traits, T>(tile, 0, *m_channel, m_neighborAccessor);
+    bool const useParent = tile.depth() > m_minDepth && fill.needsParent(tiles);
+    T const* const parent = useParent ? fillHalo(tile.parentTreeIndex()) : nullptr;
+    T* const halo = m_halos.replace(tile);
+    fill.run(tiles, parent, m_defaultValue, halo);
+    return halo;
 }
 
 ZEL_DETAIL_LINEAR_HEAD
-void ZEL_DETAIL_LINEAR_SAMPLER::fill(RingCache& cache, TreeIndex const& tree) {
-    auto const& tile = m_container->tile(tree);
-    auto const& parent = m_container->tile(tile.parentTreeIndex());
-    auto& ring = cache[static_cast<unsigned>(tree.depth)].data;
-    auto const own = m_channel->tileData(tree);
-    if (!m_channel->samples(parent.treeIndex())) {
+T* ZEL_DETAIL_LINEAR_SAMPLER::fillRing(TileOf<Traits> const& tile) {
+    RingTile<Traits, T> ring;
+    OwnData<Traits, T> const own(m_channel->samples(tile.treeIndex()));
+    if (tile.depth() == m_minDepth) {
+        ring.setFlatPointer(m_halos.replace(tile));
         fillRingTileFromDefault<Traits, T>(this->m_offsetType, m_defaultValue, own, ring);
-        return;
+        return ring.data();
     }
+    auto const tiles =
+        Internal::surroundingTiles<Traits, T>(tile, -1, *m_channel, m_neighborAccessor);
+    if (Ring<Traits, T>::isComplete(tiles)) {
+        ring.setFlatPointer(m_halos.replace(tile));
+        Ring<Traits, T>::copy(tiles, ring.data());
+        return ring.data();
+    }
+    auto const& parent = m_container->tile(tile.parentTreeIndex());
+    RingTile<Traits, T> parentRing;
+    parentRing.setFlatPointer(fillHalo(parent.treeIndex()));
+    ring.setFlatPointer(m_halos.replace(tile));
     NeighborData<Traits, T> neighbors;
-    bool surrounded = true;
-    for (NeighborDirection direction = 0; direction < 27; ++direction) {
-        if (direction == 13) continue;
-        auto const& neighbor = m_neighborAccessor.tileNeighbor(tile, direction);
-        // The accessor returns a shallower tile where there is none of this depth.
-        if (neighbor.depth() == tile.depth())
-            neighbors[static_cast<unsigned>(direction)] = m_channel->tileData(neighbor.treeIndex());
-        surrounded = surrounded && neighbors[static_cast<unsigned>(direction)];
-    }
-    // The parent's ring is not read if all neighbours exist.
-    if (!surrounded) filled(cache, parent.treeIndex());
+    for (unsigned direction = 0; direction < neighbors.size(); ++direction)
+        neighbors[direction] = OwnData<Traits, T>(tiles.samples[direction]);
     int3 const child = parent.childIJK(tile.tijk());
-    fillRingTile<Traits, T>(this->m_offsetType, cache[static_cast<unsigned>(parent.depth())].data,
-                            child.x, child.y, child.z, own, neighbors, ring);
+    fillRingTile<Traits, T>(this->m_offsetType, parentRing, child.x, child.y, child.z, own,
+                            neighbors, ring);
+    return ring.data();
 }
 
 /// Prefetches the eight samples from `corner` on, in data of that width: of each slice the two rows
@@ -143,61 +143,80 @@ template <class T> static void prefetchCell(T const* corner, int width) {
     }
 }
 
-/// Finds the cell of a position in a voxel. Returns false, and finds none, if that would fill a
-/// tile of a cache and must not.
+/// Finds the samples for the positions of a batch from `first` to `end`, which are in one tile.
+/// Returns false if that would fill a halo and must not.
 ZEL_DETAIL_LINEAR_HEAD
-bool ZEL_DETAIL_LINEAR_SAMPLER::findCell(TreeIndex const& tree, Internal::Int4 lijk, unsigned i,
-                                         bool mayFill, CellBatch& batch) {
-    bool const sampled = tree.depth >= m_minDepth;
-    if (sampled && !m_haloChannel && !mayFill && fills(tree, lijk)) return false;
-    Cell cell{};
-    if (sampled) cell = m_haloChannel ? haloCell(tree, lijk) : channelCell(tree, lijk);
-    batch.corners[i] = cell.corner;
-    batch.widths[i] = cell.width;
-    batch.depths[i] = tree.depth;
+bool ZEL_DETAIL_LINEAR_SAMPLER::findSamples(TreeIndex const& tree, unsigned first, unsigned end,
+                                            bool mayFill, CellBatch const& batch,
+                                            Samples& samples) {
+    samples = {};
+    if (tree.depth < m_minDepth) return true;
+    if (m_haloChannel) {
+        samples = {m_haloChannel->samples(tree), kHaloWidth};
+        return true;
+    }
+    T const* const own = m_channel->samples(tree);
+    if (!own) return true;
+    // A halo has the tile's own samples too, but for those that no cell inside the tile has.
+    T const* halo = findHalo(tree);
+    bool isInside = true;
+    for (unsigned i = first; !halo && i < end; ++i)
+        isInside = isInside && insideTile(batch.voxel(i));
+    if (!halo && !isInside) {
+        if (!mayFill) return false;
+        halo = fillHalo(tree);
+    }
+    samples = halo ? haloSamples(halo) : Samples{own, kSamples};
     return true;
 }
 
+ZEL_DETAIL_LINEAR_HEAD
+void ZEL_DETAIL_LINEAR_SAMPLER::CellBatch::add(unsigned end, Samples const& samples,
+                                               int tileDepth) {
+    for (; count < end; ++count) {
+        corners[count] =
+            samples.origin ? samples.origin + flat(this->voxel(count), samples.width) : nullptr;
+        widths[count] = samples.width;
+        depths[count] = tileDepth;
+    }
+}
+
 /// Finds the cells of the next positions of a batch, one at least, and prefetches their samples. It
-/// stops before a position that fills a tile of a cache: that tile would replace one that an
-/// earlier cell of the batch points to.
+/// stops before a position that fills a halo: that would take the place of one that an earlier cell
+/// of the batch points to.
 ZEL_DETAIL_LINEAR_HEAD
 void ZEL_DETAIL_LINEAR_SAMPLER::findCells(float const* x, float const* y, float const* z, int space,
                                           int depth, CellBatch& batch) {
     unsigned const first = batch.count;
-    unsigned& i = batch.count;
     for (; batch.run < static_cast<unsigned>(batch.runCount); ++batch.run) {
         TileRun const run = batch.runs[batch.run];
         auto const runEnd = static_cast<unsigned>(run.end);
-        if (run.tile >= 0 && m_haloChannel) {
-            TreeIndex const tree{run.tile, batch.runDepths[batch.run]};
-            T const* const samples =
-                tree.depth >= m_minDepth ? m_haloChannel->samples(tree) : nullptr;
-            if (samples) prefetchCell(samples + flat(batch.voxel(i), kHaloWidth), kHaloWidth);
-            for (; i < runEnd; ++i) {
-                batch.corners[i] = samples ? samples + flat(batch.voxel(i), kHaloWidth) : nullptr;
-                batch.widths[i] = kHaloWidth;
-                batch.depths[i] = tree.depth;
-            }
+        T const* last = nullptr;
+        auto const addCells = [&](TreeIndex const& tree, unsigned end) {
+            unsigned const i = batch.count;
+            Samples samples;
+            if (!findSamples(tree, i, end, i == first, batch, samples)) return false;
+            batch.add(end, samples, tree.depth);
+            T const* const corner = batch.corners[i];
+            if (corner && corner != last) prefetchCell(corner, samples.width);
+            last = corner;
+            return true;
+        };
+        if (run.tile >= 0) {
+            if (!addCells({run.tile, batch.runDepths[batch.run]}, runEnd)) return;
             continue;
         }
-        // One by one: in a channel without halos, or in tiles of other depths.
-        T const* last = nullptr;
-        for (; i < runEnd; ++i) {
-            TreeIndex tree{run.tile, batch.runDepths[batch.run]};
+        // One by one, in tiles of other depths.
+        while (batch.count < runEnd) {
+            unsigned const i = batch.count;
             Internal::Int4 lijk{};
-            if (run.tile < 0) {
-                Internal::Float4 frac{};
-                bool const found = this->locateVoxel({x[i], y[i], z[i]}, space, depth, lijk, frac);
-                tree = found ? this->m_box->tree : TreeIndex();
-                for (unsigned axis = 0; axis < 3; ++axis) batch.frac[axis][i] = frac[axis];
-            } else {
-                lijk = batch.voxel(i);
+            Internal::Float4 frac{};
+            bool const found = this->locateVoxel({x[i], y[i], z[i]}, space, depth, lijk, frac);
+            for (unsigned axis = 0; axis < 3; ++axis) {
+                batch.lijk[axis][i] = lijk[axis];
+                batch.frac[axis][i] = frac[axis];
             }
-            if (!findCell(tree, lijk, i, i == first, batch)) return;
-            T const* const corner = batch.corners[i];
-            if (corner && corner != last) prefetchCell(corner, batch.widths[i]);
-            last = corner;
+            if (!addCells(found ? this->m_box->tree : TreeIndex(), i + 1)) return;
         }
     }
 }

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <concepts>
-#include <vector>
 
 #include "zel/sampler/common/voxel_sampler.h"
 #include "zel/sampler/linear/cell.h"
+#include "zel/sampler/linear/halo_tiles.h"
 #include "zel_platform/orvane_geometry_volume/halo.h"
 
 namespace ORV::TileTree3D {
@@ -17,9 +17,10 @@ namespace ORV::TileTree3D {
 ///
 /// In the halo form the samples just across a tile's faces come from a channel that computeHalo
 /// filled; it takes topologies of samples on the corners of voxels alone. The other form reads the
-/// channel of the samples, fills the halo of a tile when a position needs it, and keeps one tile of
-/// each depth. On samples at corners the two give the same bits, if the halo has the depths of the
-/// channel; for other topologies the halo is a ring all round the tile, see ring_fill.h.
+/// channel of the samples, fills the halo of a tile when a position needs it, and keeps up to 512
+/// halos, which are 0.3 to 2.1 MB. On samples at corners the two give the same bits, if the halo
+/// has the depths of the channel; for other topologies the halo is a ring all round the tile, see
+/// ring_fill.h.
 ///
 /// Outside the tree, in a tile that the channel does not have, and at a position that is not
 /// finite, a sample is the channel's default value, with a gradient of 0. Sampling neither
@@ -80,21 +81,18 @@ public:
                              std::array<float*, 3 * kFloats> const& gradients);
 
 private:
-    /// A tile's samples with their halo, by the tile's index in its depth; -1 if there is none.
-    template <int Width, int Ring> struct HaloTileCacheEntry {
-        using Data = TileData<T, Width, Ring, 0>;
-        long long tile = -1;
-        Data data{Data::Layout::kCount};
-    };
-    using CornerCache = std::vector<HaloTileCacheEntry<kHaloWidth, 0>>;
-    using RingCache = std::vector<HaloTileCacheEntry<kSamples, 1>>;
-
     using typename VoxelSampler<Traits, Real, Position>::VoxelBatch;
 
     /// The eight samples around a position: the lowest of them, in data of that width. Null where
     /// the default value is read.
     struct Cell {
         T const* corner;
+        int width;
+    };
+    /// The sample at voxel (0, 0, 0) of a tile, in data of that width. Null where the default value
+    /// is read.
+    struct Samples {
+        T const* origin;
         int width;
     };
     /// The cells of a batch of positions, and the depths of their tiles.
@@ -104,6 +102,9 @@ private:
         std::array<std::int32_t, kSize> widths, depths;
         unsigned count;  ///< the number of cells found
         unsigned run;    ///< the index of the next position's run
+
+        /// Adds the cells of positions in one tile.
+        void add(unsigned end, Samples const& samples, int tileDepth);
 
         Cell cell(unsigned i) const { return {corners[i], widths[i]}; }
     };
@@ -120,9 +121,12 @@ private:
         return {samples ? samples + flat(lijk, kHaloWidth) : nullptr, kHaloWidth};
     }
     Cell channelCell(TreeIndex const& tree, Internal::Int4 lijk);
+    Samples haloSamples(T const* halo) const {
+        int const width = kHaloWidth + m_ring;
+        return {halo + flat(Internal::Int4{} + m_ring, width), width};
+    }
     bool isOnCorners() const { return this->m_offsetType == kOnVoxelCorners; }
     bool insideTile(Internal::Int4 lijk) const;
-    bool fills(TreeIndex const& tree, Internal::Int4 lijk) const;
     ZEL_ALWAYS_INLINE T value(Cell const& cell, Internal::Float4 const& frac) const {
         return cell.corner ? Internal::LinearCell<T>(cell.corner, cell.width).value(frac)
                            : m_defaultValue;
@@ -142,17 +146,22 @@ private:
                      int space, Use const& use);
     void findCells(float const* x, float const* y, float const* z, int space, int depth,
                    CellBatch& batch);
-    bool findCell(TreeIndex const& tree, Internal::Int4 lijk, unsigned i, bool mayFill,
-                  CellBatch& batch);
+    bool findSamples(TreeIndex const& tree, unsigned first, unsigned end, bool mayFill,
+                     CellBatch const& batch, Samples& samples);
 
-    template <class Cache> auto& filled(Cache& cache, TreeIndex const& tree);
-    void fill(CornerCache& cache, TreeIndex const& tree);
-    void fill(RingCache& cache, TreeIndex const& tree);
+    /// The halo of a tile, or null if that would have to be filled.
+    T* findHalo(TreeIndex const& tree) const {
+        return tree == m_lastTile ? m_lastHalo : m_halos.find(m_container->tile(tree));
+    }
+    T* fillHalo(TreeIndex const& tree);
+    T* fillHighSides(TileOf<Traits> const& tile);
+    T* fillRing(TileOf<Traits> const& tile);
 
     ConstTileAccessor m_neighborAccessor;
-    // By depth; both empty in the halo form.
-    CornerCache m_cornerCache;  ///< for samples on corners
-    RingCache m_ringCache;      ///< for other topologies
+    int m_ring;  ///< layers on the low sides of a halo: 0 for samples on corners, else 1
+    Internal::HaloTiles<Traits, T> m_halos;  ///< without slots in the halo form
+    TreeIndex m_lastTile;                    ///< whose halo was filled or read last by a point
+    T* m_lastHalo = nullptr;                 ///< that halo
     Container<Traits> const* m_container;
     DataChannel<Traits, T> const* m_channel = nullptr;
     HaloChannel<Traits, T> const* m_haloChannel = nullptr;
