@@ -85,6 +85,12 @@ ZEL_WIDE_TARGET __attribute__((flatten)) void wideLoop(F f, float3 const* in, fl
     for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
 }
 
+template <class F>
+ZEL_WIDEST_TARGET __attribute__((flatten)) void widestLoop(F f, float3 const* in, float* out,
+                                                           std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
+}
+
 /// The loop out[i] = f(positions[i], i), with `f` inlined.
 template <class F>
 Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const& f) {
@@ -93,8 +99,9 @@ Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const
         float* const out = values.data();
         auto const loop = [=](std::size_t begin, std::size_t end) {
             // `f` is passed by value, so that it may stay in registers.
-            Quern::wideVectors ? wideLoop(f, in, out, begin, end)
-                               : narrowLoop(f, in, out, begin, end);
+            (Quern::widestVectors ? widestLoop<F>
+             : Quern::wideVectors ? wideLoop<F>
+                                  : narrowLoop<F>)(f, in, out, begin, end);
         };
         auto const count = static_cast<std::size_t>(positions.size());
         if (threads == 1) {
@@ -328,7 +335,10 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
     }
     std::printf("\nbusy: processor time by real time. Below the number of threads, others had the "
                 "machine.\nInstruction set: %s; fused loops and batches of light nodes: %s.\n",
-                Quern::simdTargets().front().name, Quern::wideVectors ? "AVX2" : "baseline");
+                Quern::simdTargets().front().name,
+                Quern::widestVectors ? "AVX-512"
+                : Quern::wideVectors ? "AVX2"
+                                     : "baseline");
 }
 
 }  // namespace

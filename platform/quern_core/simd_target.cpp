@@ -25,16 +25,19 @@ bool isWide(SimdTarget const& target) {
 }
 
 bool isWideChosen = isWide(simdTargets().front());
+bool isWidestChosen = simdTargets().front().bit == HWY_AVX3;
 
 }  // namespace
 
 bool const& wideVectors = isWideChosen;
+bool const& widestVectors = isWidestChosen;
 
 void useSimdTarget(SimdTarget const& target) {
     simdTargets();  // must query the machine before the first restriction
     hwy::SetSupportedTargetsForTest(target.bit);
     hwy::GetChosenTarget().Update(hwy::SupportedTargets());
     isWideChosen = isWide(target);
+    isWidestChosen = target.bit == HWY_AVX3;
 }
 
 }  // namespace Quern

@@ -27,6 +27,9 @@ ZEL_PLATFORM_API void useSimdTarget(SimdTarget const& target);
 /// loops that a compiler vectorises. `useSimdTarget` sets it.
 extern ZEL_PLATFORM_API bool const& wideVectors;
 
+/// Whether it has registers of 512 bits; wideVectors is true then too.
+extern ZEL_PLATFORM_API bool const& widestVectors;
+
 }  // namespace Quern
 
 /// Marks the form of a function that is called where wideVectors is true.
@@ -34,4 +37,14 @@ extern ZEL_PLATFORM_API bool const& wideVectors;
 #define ZEL_WIDE_TARGET __attribute__((target("avx2")))
 #else
 #define ZEL_WIDE_TARGET
+#endif
+
+/// Marks the form of a function that is called where widestVectors is true.
+#define ZEL_DETAIL_AVX512 "avx512f,avx512bw,avx512cd,avx512dq,avx512vl"
+#if defined(__x86_64__) && defined(__clang__)
+#define ZEL_WIDEST_TARGET __attribute__((target(ZEL_DETAIL_AVX512)))
+#elif defined(__x86_64__)  // g++ prefers 256 bits otherwise
+#define ZEL_WIDEST_TARGET __attribute__((target(ZEL_DETAIL_AVX512 ",prefer-vector-width=512")))
+#else
+#define ZEL_WIDEST_TARGET
 #endif

@@ -82,7 +82,7 @@ TEST(Evaluate, EqualsPointsInEveryLayout) {
     for (unsigned seed = 0; seed < 30; ++seed) {
         SCOPED_TRACE(seed);
         ScalarPtr const tree = RandomTrees(seed, 2 + seed % 60);
-        for (long long const count : {1, 70, 5001, 3, 600})
+        for (long long const count : {1, 70, 5001, 3, 192, 600})
             ASSERT_NO_FATAL_FAILURE(
                 expectPoints(*tree, somePositions(count, seed), static_cast<int>(seed % 4)));
     }

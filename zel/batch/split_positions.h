@@ -53,6 +53,36 @@ ZEL_WIDE_TARGET inline void splitPositionsWide(int count, float const* p, float*
     splitPositions(count - i, p + 3 * i, x + i, y + i, z + i);
 }
 
+/// The same by vectors of AVX-512, sixteen positions at a time: two permutations for a coordinate.
+ZEL_WIDEST_TARGET inline void splitPositionsWidest(int count, float const* p, float* x, float* y,
+                                                   float* z) {
+    int i = 0;
+    for (; i + 16 <= count; i += 16) {
+        Float16 a, b, c;
+        float const* const from = p + 3 * i;
+        std::memcpy(&a, from, sizeof a);
+        std::memcpy(&b, from + 16, sizeof b);
+        std::memcpy(&c, from + 32, sizeof c);
+        // Those of `a` and `b`, then with those of `c`, which follow.
+        Float16 const xOfAb = __builtin_shufflevector(a, b, 0, 3, 6, 9, 12, 15, 18, 21, 24, 27, 30,
+                                                      0, 0, 0, 0, 0),
+                      yOfAb = __builtin_shufflevector(a, b, 1, 4, 7, 10, 13, 16, 19, 22, 25, 28, 31,
+                                                      0, 0, 0, 0, 0),
+                      zOfAb = __builtin_shufflevector(a, b, 2, 5, 8, 11, 14, 17, 20, 23, 26, 29, 0,
+                                                      0, 0, 0, 0, 0);
+        Float16 const allX = __builtin_shufflevector(xOfAb, c, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 17,
+                                                     20, 23, 26, 29),
+                      allY = __builtin_shufflevector(yOfAb, c, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 18,
+                                                     21, 24, 27, 30),
+                      allZ = __builtin_shufflevector(zOfAb, c, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 16, 19,
+                                                     22, 25, 28, 31);
+        std::memcpy(x + i, &allX, sizeof allX);
+        std::memcpy(y + i, &allY, sizeof allY);
+        std::memcpy(z + i, &allZ, sizeof allZ);
+    }
+    splitPositions(count - i, p + 3 * i, x + i, y + i, z + i);
+}
+
 /// Positions in memory, to be copied to columns.
 class PositionReader {
 public:
@@ -68,8 +98,9 @@ public:
                              at = stride * static_cast<std::ptrdiff_t>(first);
         if (m_isInterleaved) {
             float const* const from = m_points.x + at;
-            (Quern::wideVectors ? splitPositionsWide : splitPositions)(static_cast<int>(count),
-                                                                       from, x, y, z);
+            (Quern::widestVectors ? splitPositionsWidest
+             : Quern::wideVectors ? splitPositionsWide
+                                  : splitPositions)(static_cast<int>(count), from, x, y, z);
             prefetch(from + 3 * count, 3 * next);
         } else {
             readColumn(m_points.x + at, stride, count, next, x);

@@ -9,6 +9,7 @@
 
 #include "zel/batch/block.h"
 #include "zel/batch/fusion/fuser.h"
+#include "zel/batch/fusion/stage_forms.h"
 #include "zel/node/node_access.h"
 #include "zel_platform/quern_core/position_loop.h"
 
@@ -18,25 +19,16 @@ namespace zel {
 
 namespace detail {
 
-// The formulas of a stage are inlined into its loop over the tile, which becomes vector code. The
-// eight vectors come and go as arguments, since only then they stay in registers between stages.
-
-/// A stage of values: sets each float of the tile to `formula(node, v...)`. Input `inRegisters` is
-/// the tile that the stage is called with, the other inputs are arrays of the block; -1 means that
-/// all are.
-template <class Node, class Formula, int inRegisters, int... input>
-ZEL_WIDE_TARGET __attribute__((flatten)) void runStage(Stage const* stage, std::ptrdiff_t at,
-                                                       Float8 v0, Float8 v1, Float8 v2, Float8 v3,
-                                                       Float8 v4, Float8 v5, Float8 v6, Float8 v7) {
-    Float8 v[] = {v0, v1, v2, v3, v4, v5, v6, v7};
-    float tile[kTileSize];
-    std::memcpy(tile, v, sizeof tile);
-    auto const& node = *static_cast<Node const*>(stage->node);
-    float const* const in[] = {(input == inRegisters ? tile : stage->in[input] + at)...};
-    for (int i = 0; i < kTileSize; ++i) tile[i] = Formula()(node, in[input][i]...);
-    std::memcpy(v, tile, sizeof tile);
-    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-}
+/// Values: sets each float of the tile to `formula(node, v...)`. Input `inRegisters` is the tile
+/// that the stage is called with, the other inputs are arrays of the block; -1 means that all are.
+template <class Node, class Formula, int inRegisters, int... input> struct ValueLoop {
+    template <int kSize>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, float (&tile)[kSize]) {
+        auto const& node = *static_cast<Node const*>(stage.node);
+        float const* const in[] = {(input == inRegisters ? tile : stage.in[input] + at)...};
+        for (int i = 0; i < kSize; ++i) tile[i] = Formula()(node, in[input][i]...);
+    }
+};
 
 /// A value and its gradient.
 struct Dual {
@@ -47,13 +39,11 @@ struct Dual {
     float3 gradient;
 };
 
-/// Reads and writes number `i` of the duals in a tile.
-ZEL_ALWAYS_INLINE inline Dual dualAt(float const* tile, int i) {
-    constexpr int kSize = kDualTileSize;
+/// Reads and writes number `i` of the `kSize` duals in a tile.
+template <int kSize> ZEL_ALWAYS_INLINE inline Dual dualAt(float const* tile, int i) {
     return {tile[i], {tile[kSize + i], tile[2 * kSize + i], tile[3 * kSize + i]}};
 }
-ZEL_ALWAYS_INLINE inline void setDual(float* tile, int i, Dual const& d) {
-    constexpr int kSize = kDualTileSize;
+template <int kSize> ZEL_ALWAYS_INLINE inline void setDual(float* tile, int i, Dual const& d) {
     tile[i] = d.value;
     tile[kSize + i] = d.gradient.x;
     tile[2 * kSize + i] = d.gradient.y;
@@ -87,39 +77,35 @@ ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
     }
 }
 
-/// A stage of duals: sets the tile to the duals of a node. Child `inRegisters` is the tile that the
-/// stage is called with, the other children are spill tiles; -1 means that all are.
-template <class Node, int inRegisters, int... child>
-ZEL_WIDE_TARGET __attribute__((flatten)) void
-runDualStage(Stage const* stage, std::ptrdiff_t at, Float8 v0, Float8 v1, Float8 v2, Float8 v3,
-             Float8 v4, Float8 v5, Float8 v6, Float8 v7) {
-    Float8 v[] = {v0, v1, v2, v3, v4, v5, v6, v7};
-    float tile[kTileSize];
-    std::memcpy(tile, v, sizeof tile);
-    auto const& node = *static_cast<Node const*>(stage->node);
-    float const* const in[] = {(child == inRegisters ? tile : stage->in[child])...};
-    for (int i = 0; i < kDualTileSize; ++i) setDual(tile, i, dualOf(node, dualAt(in[child], i)...));
-    std::memcpy(v, tile, sizeof tile);
-    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-}
-
-/// A stage of duals of a leaf, whose inputs are the positions in the block.
-template <class Node>
-ZEL_WIDE_TARGET __attribute__((flatten)) void
-runDualLeafStage(Stage const* stage, std::ptrdiff_t at, Float8 /*v0*/, Float8 /*v1*/, Float8 /*v2*/,
-                 Float8 /*v3*/, Float8 /*v4*/, Float8 /*v5*/, Float8 /*v6*/, Float8 /*v7*/) {
-    Float8 v[8];
-    float tile[kTileSize];
-    auto const& node = *static_cast<Node const*>(stage->node);
-    float const *const x = stage->in[0] + at, *const y = stage->in[1] + at,
-                       *const z = stage->in[2] + at;
-    for (int i = 0; i < kDualTileSize; ++i) {
-        float3 const p{x[i], y[i], z[i]};
-        setDual(tile, i, {NodeAccess::valueAt(node, p, 0), NodeAccess::gradientAt(node, p, 0)});
+/// Duals of a node. Child `inRegisters` is the tile that the stage is called with, the other
+/// children are spill tiles; -1 means that all are.
+template <class Node, int inRegisters, int... child> struct DualLoop {
+    template <int kSize>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t /*at*/,
+                                      float (&tile)[kSize]) {
+        constexpr int kDuals = kSize / 4;
+        auto const& node = *static_cast<Node const*>(stage.node);
+        float const* const in[] = {(child == inRegisters ? tile : stage.in[child])...};
+        for (int i = 0; i < kDuals; ++i)
+            setDual<kDuals>(tile, i, dualOf(node, dualAt<kDuals>(in[child], i)...));
     }
-    std::memcpy(v, tile, sizeof tile);
-    stage[1].run(stage + 1, at, v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7]);
-}
+};
+
+/// Duals of a leaf, whose inputs are the positions in the block.
+template <class Node> struct DualLeafLoop {
+    template <int kSize>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, float (&tile)[kSize]) {
+        constexpr int kDuals = kSize / 4;
+        auto const& node = *static_cast<Node const*>(stage.node);
+        float const *const x = stage.in[0] + at, *const y = stage.in[1] + at,
+                           *const z = stage.in[2] + at;
+        for (int i = 0; i < kDuals; ++i) {
+            float3 const p{x[i], y[i], z[i]};
+            setDual<kDuals>(tile, i,
+                            {NodeAccess::valueAt(node, p, 0), NodeAccess::gradientAt(node, p, 0)});
+        }
+    }
+};
 
 struct LeafFormula {
     template <class Node> float operator()(Node const& node, float x, float y, float z) const {
@@ -140,13 +126,13 @@ void describeFormula(Fuser& fuser, Node const& node,
                      std::integer_sequence<int, child...> /*numbers*/,
                      Quern::Ptr<Child> const&... children) {
     static_assert(sizeof...(child) <= std::tuple_size_v<decltype(Stage::in)>);
-    static constexpr Stage::Run values[] = {
-        runStage<Node, ChildrenFormula, -1, child...>,
-        runStage<Node, ChildrenFormula, child, child...>...,
+    static constexpr StageForms values[] = {
+        kStageForms<LoopStage<ValueLoop<Node, ChildrenFormula, -1, child...>>>,
+        kStageForms<LoopStage<ValueLoop<Node, ChildrenFormula, child, child...>>>...,
     };
-    static constexpr Stage::Run duals[] = {
-        runDualStage<Node, -1, child...>,
-        runDualStage<Node, child, child...>...,
+    static constexpr StageForms duals[] = {
+        kStageForms<LoopStage<DualLoop<Node, -1, child...>>>,
+        kStageForms<LoopStage<DualLoop<Node, child, child...>>>...,
     };
     constexpr bool kChooses = gradientForm<Node, Child...> == GradientForm::kChoice;
     fuser.addFormula(node, &node, {values, duals, kChooses}, {&children...});
@@ -180,8 +166,8 @@ private:
             };
             fuser.addView(&node, view, NodeAccess::gradientAt(node, {}, 0));
         } else if constexpr (NodeAccess::isOfPosition<Node>) {
-            fuser.addLeaf(&node,
-                          {runStage<Node, LeafFormula, -1, 0, 1, 2>, runDualLeafStage<Node>});
+            fuser.addLeaf(&node, {kStageForms<LoopStage<ValueLoop<Node, LeafFormula, -1, 0, 1, 2>>>,
+                                  kStageForms<LoopStage<DualLeafLoop<Node>>>});
         }
     }
 

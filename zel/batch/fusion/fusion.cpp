@@ -46,8 +46,7 @@ void Fusion::bindViews(Block& block) {
 
 void Fusion::run(Block& block, BlockResult<float>& out) {
     // Tiles are written whole, and the storage of `out` may end with the last position.
-    bool const endsWithTile = block.count() % kTileSize == 0;
-    BlockResult<float> result(endsWithTile ? out.storage : block.allocate());
+    BlockResult<float> result(endsWithTile(block.count()) ? out.storage : block.allocate());
     Block::Frame const frame(block);
     Raised const running(m_isRunning);
     bindViews(block);

@@ -66,7 +66,7 @@ private:
         T& operator[](int i) { return elements[static_cast<unsigned>(i)]; }
     };
 
-    int addStage(Stage::Run run, void const* self) {
+    int addStage(StageForms const& run, void const* self) {
         return m_stages.add({run, self, {}, nullptr});
     }
     Operand resultOf(int stage);

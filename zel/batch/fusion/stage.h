@@ -12,7 +12,7 @@ namespace zel {
 
 namespace detail {
 
-/// Whether nodes are fused at all. g++ passes eight AVX2 vectors from function to function in
+/// Whether nodes are fused at all. g++ passes eight vectors from function to function in
 /// registers. Other compilers pass them through memory, where a fusion would gain nothing.
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 inline constexpr bool kFusesNodes = true;
@@ -23,17 +23,38 @@ inline constexpr bool kFusesNodes = false;
 /// What a fusion computes: the values of its root, or duals, which are values with their gradients.
 enum class Aim { kValues, kDuals };
 
-/// A tile is 64 floats in eight vectors. A tile of values holds 64 positions. A tile of duals holds
-/// 16: their values, then the x, the y and the z components of their gradients.
-inline constexpr int kTileSize = 64, kDualTileSize = kTileSize / 4;
+struct Stage;
+
+/// A function for a stage, with registers of one width. `at` is the place of the tile's first
+/// position in the block.
+template <class Width>
+using StageFunction = void (*)(Stage const* stage, std::ptrdiff_t at, typename Width::Vector,
+                               typename Width::Vector, typename Width::Vector,
+                               typename Width::Vector, typename Width::Vector,
+                               typename Width::Vector, typename Width::Vector,
+                               typename Width::Vector);
+
+/// The widths of the registers, by which all tiles of a block are computed. A tile is the floats of
+/// eight vectors, as many positions in a tile of values. A tile of duals holds a quarter of them:
+/// the values, then the x, the y and the z components of their gradients.
+struct Avx2 {
+    using Vector = Float8;
+    static constexpr int kTileSize = 64, kDualTileSize = kTileSize / 4;
+};
+struct Avx512 {
+    using Vector = Float16;
+    static constexpr int kTileSize = 128, kDualTileSize = kTileSize / 4;
+};
+
+/// The same work by each width.
+struct StageForms {
+    StageFunction<Avx2> avx2;
+    StageFunction<Avx512> avx512;
+};
 
 /// One element of the array of stages that a fusion runs. A stage calls the element behind its own.
 struct Stage {
-    /// `at` is the place of the tile's first position in the block.
-    using Run = void (*)(Stage const* stage, std::ptrdiff_t at, Float8, Float8, Float8, Float8,
-                         Float8, Float8, Float8, Float8);
-
-    Run run;
+    StageForms run;
     void const* node;                ///< whose formula the stage computes, if any
     std::array<float const*, 4> in;  ///< inputs in memory; of a formula by the number of the child
     float* out;                      ///< where a stage writes that saves its tile
@@ -42,15 +63,15 @@ struct Stage {
 /// The stages of a formula of children. Element 0 reads all children from memory; element 1 + c
 /// takes child `c` from the registers, and the others from memory.
 struct FormulaStages {
-    Stage::Run const* values;
-    Stage::Run const* duals;
+    StageForms const* values;
+    StageForms const* duals;
     bool choosesGradient;  ///< whether the gradient is that of one child, chosen by the values
 };
 
 /// The stages of a formula of the position, whose inputs are the arrays of x, y and z.
 struct LeafStages {
-    Stage::Run values;
-    Stage::Run duals;
+    StageForms values;
+    StageForms duals;
 };
 
 }  // namespace detail

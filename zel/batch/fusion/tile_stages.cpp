@@ -3,8 +3,7 @@
 #include <cstring>
 
 #include "zel/batch/columns.h"
-#include "zel_platform/quern_core/always_inline.h"
-#include "zel_platform/quern_core/simd_target.h"
+#include "zel/batch/fusion/stage_forms.h"
 
 namespace zel {
 
@@ -12,103 +11,141 @@ namespace detail {
 
 namespace {
 
-#define ZEL_TILE_PARAMETERS                                                                        \
-    Stage const *stage, std::ptrdiff_t at, Float8 v0, Float8 v1, Float8 v2, Float8 v3, Float8 v4,  \
-        Float8 v5, Float8 v6, Float8 v7
-#define ZEL_TILE v0, v1, v2, v3, v4, v5, v6, v7
+// Each vector is copied by itself: an array of them would make the compiler store the registers
+// first.
 
-/// Writes the tile as four rows of two vectors, `step` floats apart. Each vector is copied by
-/// itself: an array of them would make the compiler store the registers first.
-ZEL_WIDE_TARGET ZEL_ALWAYS_INLINE inline void writeRows(float* to, std::ptrdiff_t step, Float8 v0,
-                                                        Float8 v1, Float8 v2, Float8 v3, Float8 v4,
-                                                        Float8 v5, Float8 v6, Float8 v7) {
-    std::memcpy(to, &v0, sizeof v0);
-    std::memcpy(to + 8, &v1, sizeof v1);
-    std::memcpy(to + step, &v2, sizeof v2);
-    std::memcpy(to + step + 8, &v3, sizeof v3);
-    std::memcpy(to + 2 * step, &v4, sizeof v4);
-    std::memcpy(to + 2 * step + 8, &v5, sizeof v5);
-    std::memcpy(to + 3 * step, &v6, sizeof v6);
-    std::memcpy(to + 3 * step + 8, &v7, sizeof v7);
+/// Writes the tile as four rows of two vectors, `step` floats apart.
+template <class Width>
+ZEL_ALWAYS_INLINE inline void writeRows(float* to, std::ptrdiff_t step, Tile<Width> const& tile) {
+    constexpr std::size_t kBytes = sizeof(typename Width::Vector);
+    constexpr std::ptrdiff_t kFloats = kBytes / sizeof(float);
+    std::memcpy(to, &tile.v0, kBytes);
+    std::memcpy(to + kFloats, &tile.v1, kBytes);
+    std::memcpy(to + step, &tile.v2, kBytes);
+    std::memcpy(to + step + kFloats, &tile.v3, kBytes);
+    std::memcpy(to + 2 * step, &tile.v4, kBytes);
+    std::memcpy(to + 2 * step + kFloats, &tile.v5, kBytes);
+    std::memcpy(to + 3 * step, &tile.v6, kBytes);
+    std::memcpy(to + 3 * step + kFloats, &tile.v7, kBytes);
 }
 
-ZEL_WIDE_TARGET void writeValues(ZEL_TILE_PARAMETERS) {
-    writeRows(stage->out + at, kTileSize / 4, ZEL_TILE);
+/// Sets two vectors to the floats at `from`.
+template <class Vector>
+ZEL_ALWAYS_INLINE inline void readRow(float const* from, Vector& a, Vector& b) {
+    std::memcpy(&a, from, sizeof a);
+    std::memcpy(&b, from + sizeof a / sizeof(float), sizeof b);
 }
 
-ZEL_WIDE_TARGET void writeDuals(ZEL_TILE_PARAMETERS) {
-    writeRows(stage->out + at, kBlockSize, ZEL_TILE);
-}
+struct WriteValues : StageWork {
+    static constexpr bool kIsLast = true;
+    template <class Width>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, Tile<Width> tile) {
+        writeRows(stage.out + at, Width::kTileSize / 4, tile);
+    }
+};
+
+struct WriteDuals : StageWork {
+    static constexpr bool kIsLast = true;
+    template <class Width>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, Tile<Width> tile) {
+        writeRows(stage.out + at, kBlockSize, tile);
+    }
+};
 
 // A formula of values finds a spilled tile as it finds any array of the block, at `at`. A formula
 // of duals reads its tiles from their beginning.
 
-ZEL_WIDE_TARGET void spillValues(ZEL_TILE_PARAMETERS) {
-    writeRows(stage->out + at, kTileSize / 4, ZEL_TILE);
-    stage[1].run(stage + 1, at, ZEL_TILE);
-}
+struct SpillValues : StageWork {
+    template <class Width>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, Tile<Width> tile) {
+        writeRows(stage.out + at, Width::kTileSize / 4, tile);
+    }
+};
 
-ZEL_WIDE_TARGET void spillDuals(ZEL_TILE_PARAMETERS) {
-    writeRows(stage->out, kTileSize / 4, ZEL_TILE);
-    stage[1].run(stage + 1, at, ZEL_TILE);
-}
+struct SpillDuals : StageWork {
+    template <class Width>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t /*at*/, Tile<Width> tile) {
+        writeRows(stage.out, Width::kTileSize / 4, tile);
+    }
+};
 
-ZEL_WIDE_TARGET void readView(ZEL_TILE_PARAMETERS) {
-    float const* const values = stage->in[0] + at;
-    std::memcpy(&v0, values, sizeof v0);
-    std::memcpy(&v1, values + 8, sizeof v1);
-    float const x = stage->in[1][0], y = stage->in[1][1], z = stage->in[1][2];
-    v2 = v3 = Float8{x, x, x, x, x, x, x, x};
-    v4 = v5 = Float8{y, y, y, y, y, y, y, y};
-    v6 = v7 = Float8{z, z, z, z, z, z, z, z};
-    stage[1].run(stage + 1, at, ZEL_TILE);
-}
+struct ReadView {
+    template <int kSize>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, float (&tile)[kSize]) {
+        constexpr int kDuals = kSize / 4;
+        float const *const values = stage.in[0] + at, *const gradient = stage.in[1];
+        for (int i = 0; i < kDuals; ++i) {
+            tile[i] = values[i];
+            for (int c = 0; c < 3; ++c) tile[(c + 1) * kDuals + i] = gradient[c];
+        }
+    }
+};
 
-ZEL_WIDE_TARGET void readDuals(ZEL_TILE_PARAMETERS) {
-    auto const [value, x, y, z] = stage->in;
-    std::memcpy(&v0, value + at, sizeof v0);
-    std::memcpy(&v1, value + at + 8, sizeof v1);
-    std::memcpy(&v2, x + at, sizeof v2);
-    std::memcpy(&v3, x + at + 8, sizeof v3);
-    std::memcpy(&v4, y + at, sizeof v4);
-    std::memcpy(&v5, y + at + 8, sizeof v5);
-    std::memcpy(&v6, z + at, sizeof v6);
-    std::memcpy(&v7, z + at + 8, sizeof v7);
-    stage[1].run(stage + 1, at, ZEL_TILE);
-}
+struct ReadDuals : StageWork {
+    template <class Width>
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, Tile<Width> tile) {
+        readRow(stage.in[0] + at, tile.v0, tile.v1);
+        readRow(stage.in[1] + at, tile.v2, tile.v3);
+        readRow(stage.in[2] + at, tile.v4, tile.v5);
+        readRow(stage.in[3] + at, tile.v6, tile.v7);
+    }
+};
 
-#undef ZEL_TILE
-#undef ZEL_TILE_PARAMETERS
-
-ZEL_WIDE_TARGET void runTiles(Stage const* stages, int count, int tileSize) {
+ZEL_WIDE_TARGET void runAvx2Tiles(Stage const* stages, int count, int tileSize) {
     Float8 const none{};
     for (int at = 0; at < count; at += tileSize)
-        stages->run(stages, at, none, none, none, none, none, none, none, none);
+        stages->run.avx2(stages, at, none, none, none, none, none, none, none, none);
 #ifdef __x86_64__
     __builtin_ia32_vzeroupper();  // g++ leaves it out after calls that pass vectors
 #endif
 }
 
+ZEL_WIDEST_TARGET void runAvx512Tiles(Stage const* stages, int count, int tileSize) {
+    Float16 const none{};
+    for (int at = 0; at < count; at += tileSize)
+        stages->run.avx512(stages, at, none, none, none, none, none, none, none, none);
+#ifdef __x86_64__
+    __builtin_ia32_vzeroupper();
+#endif
+}
+
+template <class Width> constexpr int tileSize(Aim aim) {
+    return aim == Aim::kValues ? Width::kTileSize : Width::kDualTileSize;
+}
+
+/// Whether `count` positions are worth wider tiles: those have more positions to spare.
+bool usesAvx512(int count, Aim aim) {
+    return Quern::widestVectors && count > tileSize<Avx2>(aim);
+}
+
 }  // namespace
 
-Stage::Run resultStage(Aim aim) {
-    return aim == Aim::kValues ? writeValues : writeDuals;
+StageForms resultStage(Aim aim) {
+    return aim == Aim::kValues ? kStageForms<WriteValues> : kStageForms<WriteDuals>;
 }
 
-Stage::Run spillStage(Aim aim) {
-    return aim == Aim::kValues ? spillValues : spillDuals;
+StageForms spillStage(Aim aim) {
+    return aim == Aim::kValues ? kStageForms<SpillValues> : kStageForms<SpillDuals>;
 }
 
-Stage::Run viewStage() {
-    return readView;
+StageForms viewStage() {
+    return kStageForms<LoopStage<ReadView>>;
 }
 
-Stage::Run dualChildStage() {
-    return readDuals;
+StageForms dualChildStage() {
+    return kStageForms<ReadDuals>;
 }
 
 void runStages(Stage const* stages, int count, Aim aim) {
-    runTiles(stages, count, aim == Aim::kValues ? kTileSize : kDualTileSize);
+    if (usesAvx512(count, aim))
+        runAvx512Tiles(stages, count, tileSize<Avx512>(aim));
+    else
+        runAvx2Tiles(stages, count, tileSize<Avx2>(aim));
+}
+
+bool endsWithTile(int count) {
+    bool const wide = usesAvx512(count, Aim::kValues);
+    return count % (wide ? Avx512::kTileSize : Avx2::kTileSize) == 0;
 }
 
 }  // namespace detail
