@@ -294,10 +294,10 @@ private:
 void replace(std::string& file, Walk const& walk, std::size_t at, std::size_t size,
              std::string const& by) {
     for (std::size_t const place : walk.places) {
-        std::int64_t value = 0;
+        std::int64_t value = 0;  // any number, in a damaged file
         std::memcpy(&value, &file[place], sizeof value);
         if (value > static_cast<std::int64_t>(at))
-            value += static_cast<std::int64_t>(by.size()) - static_cast<std::int64_t>(size);
+            value = static_cast<std::int64_t>(static_cast<std::uint64_t>(value) + by.size() - size);
         std::memcpy(&file[place], &value, sizeof value);
     }
     file.replace(at, size, by);
