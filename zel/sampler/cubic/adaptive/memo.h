@@ -2,16 +2,35 @@
 
 #include <bit>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
+#include "zel/sampler/cubic/kernels.h"
 #include "zel_platform/orvane_geometry_volume/traits.h"
 
 namespace ORV::TileTree3D::Internal {
 
+/// The stencil of a sample in three dimensions, as the tree makes it: all that its interpolation
+/// takes but the sample's place within the voxel.
+template <class T> struct AdaptiveStencil {
+    /// Four points, rows or planes along an axis.
+    struct Line {
+        RegisterOf<T> values[4];  ///< of points; those of rows and planes depend on the place
+        int starts[4];            ///< lattice coordinates
+        bool jump;                ///< whether they are off the uniform grid
+    };
+    /// Four times four rows and the plane that they make, then the volume of the planes.
+    Line lines[21];
+};
+
+/// What the adaptive path keeps from sample to sample. It changes no value.
+///
 /// Nested samples of the adaptive path, by all that their values depend on. The points of a stencil
 /// ask for the same nested samples, and so do other stencils near by: without the memo, the time of
 /// a sample would grow as a power of the number of levels that meet there. Direct-mapped: a value
 /// stays until one of the same hash takes its slot.
+///
+/// And the stencils of voxels, for further samples in the same voxel, such as those of differences.
 template <class T> class AdaptiveMemo {
 public:
     struct Key {
@@ -24,7 +43,10 @@ public:
     };
 
     /// Without room, `find` finds nothing. Throws std::bad_alloc.
-    explicit AdaptiveMemo(bool withRoom) : m_entries(withRoom ? kSize : 0) {}
+    explicit AdaptiveMemo(bool withRoom)
+        : m_entries(withRoom ? kSize : 0), m_stencilKeys(withRoom ? kStencils : 0),
+          m_stencils(withRoom ? std::make_unique_for_overwrite<AdaptiveStencil<T>[]>(kStencils)
+                              : nullptr) {}
 
     /// The value of a key, or null.
     T const* find(Key const& key) const {
@@ -36,8 +58,29 @@ public:
         if (!m_entries.empty()) m_entries[slotOf(key)] = {key, value};
     }
 
+    /// A voxel, the lattice point of a sample in it, and the deepest depth that it reads.
+    struct StencilKey {
+        TreeIndex tree;
+        int3 lijk, tijk;
+        int depthLimit = -1;
+
+        bool operator==(StencilKey const&) const = default;
+    };
+    /// The stencil of a key, or null.
+    AdaptiveStencil<T> const* findStencil(StencilKey const& key) const {
+        if (m_stencilKeys.empty()) return nullptr;
+        std::size_t const slot = slotOf(key);
+        return m_stencilKeys[slot] == key ? &m_stencils[slot] : nullptr;
+    }
+    void keepStencil(StencilKey const& key, AdaptiveStencil<T> const& stencil) {
+        if (m_stencilKeys.empty()) return;
+        std::size_t const slot = slotOf(key);
+        m_stencilKeys[slot] = key;
+        m_stencils[slot] = stencil;
+    }
+
 private:
-    static constexpr std::size_t kSize = 4096;
+    static constexpr std::size_t kSize = 4096, kStencils = 256;
     struct Entry {
         Key key;  // at first of no tile
         T value{};
@@ -59,8 +102,18 @@ private:
         mix(std::bit_cast<std::uint32_t>(key.frac.z));
         return static_cast<std::size_t>(hash >> 32) % kSize;
     }
+    static std::size_t slotOf(StencilKey const& key) {
+        std::uint64_t hash = static_cast<std::uint64_t>(key.tree.tile) * 64 +
+                             static_cast<std::uint64_t>(key.tree.depth);
+        for (int axis = 0; axis < 3; ++axis)
+            hash = (hash * 0x9E3779B97F4A7C15U >> 7) ^
+                   static_cast<std::uint64_t>(std::int64_t{key.tijk[axis]});
+        return static_cast<std::size_t>(hash * 0x9E3779B97F4A7C15U >> 56) % kStencils;
+    }
 
     std::vector<Entry> m_entries;
+    std::vector<StencilKey> m_stencilKeys;  ///< at first of no tile
+    std::unique_ptr<AdaptiveStencil<T>[]> m_stencils;
 };
 
 }  // namespace ORV::TileTree3D::Internal

@@ -157,6 +157,14 @@ auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Register const (&valu
                                                            int const (&starts)[4], int axis,
                                                            float position, bool jump) const
     -> Register {
+    if constexpr (kUsesMemo) {
+        if (m_recorded) {
+            std::copy_n(values, 4, m_recorded->values);
+            std::copy_n(starts, 4, m_recorded->starts);
+            m_recorded->jump = jump;
+            ++m_recorded;
+        }
+    }
     float positions[4];
     auto const countFrom = [&](int origin) {
         for (int n = 0; n < 4; ++n)
@@ -177,6 +185,26 @@ auto AdaptiveSample<Traits, T, Trace>::interpolateValues1D(Register const (&valu
     if constexpr (Trace::kCheckNaN)
         return checkedRow<Traits, T>(m_state, values, positions, position, jump, value);
     return value;
+}
+
+/// The value of getValue3D() from the lines that it recorded.
+template <class Traits, class T, class Trace>
+auto AdaptiveSample<Traits, T, Trace>::interpolateStencil(AdaptiveStencil<T> const& stencil,
+                                                          float3 const& position) const
+    -> Register {
+    constexpr int kOrder[] = {1, 0, 2, 3};  // that of compose()
+    auto const* line = stencil.lines;
+    Register planes[4];
+    for (int const plane : kOrder) {
+        Register rows[4];
+        for (int const row : kOrder) {
+            rows[row] = interpolateValues1D(line->values, line->starts, 1, position.y, line->jump);
+            ++line;
+        }
+        planes[plane] = interpolateValues1D(rows, line->starts, 0, position.x, line->jump);
+        ++line;
+    }
+    return interpolateValues1D(planes, line->starts, 2, position.z, line->jump);
 }
 
 /// Away from a jump the kernels read the cube.
@@ -207,6 +235,12 @@ template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>
     }
     if (count == 0) return m_points.dataPoint();
 
+    typename AdaptiveMemo<T>::StencilKey const key{m_state.tile.treeIndex(), m_state.lijk,
+                                                   m_state.tijk, m_state.depthLimit};
+    if (kUsesMemo && count == 3)
+        if (auto const* const stencil = m_state.memo.findStencil(key))
+            return RegisterTraits<T>::to(interpolateStencil(*stencil, position));
+
     m_points.fetchTiles({2, count > 1 ? 2 : 1, count > 2 ? 2 : 1}, axes, count);
     Register value;
     if (count == 1) {
@@ -216,7 +250,10 @@ template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>
     } else if (!m_state.atJump && m_state.tile.depth() == m_state.depthLimit) {
         return interpolateBlock3D();
     } else {
+        AdaptiveStencil<T> stencil;
+        if (kUsesMemo) m_recorded = stencil.lines;
         getValue3D(position, value);
+        if (kUsesMemo) m_state.memo.keepStencil(key, stencil);
     }
     return RegisterTraits<T>::to(value);
 }

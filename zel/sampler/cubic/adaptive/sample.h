@@ -38,8 +38,12 @@ public:
 private:
     using Register = RegisterOf<T>;
 
+    /// Traces and searches for NaNs look at every step anew.
+    static constexpr bool kUsesMemo = !Trace::kOn && !Trace::kCheckNaN;
+
     T interpolate();
     T interpolateBlock3D() const;
+    Register interpolateStencil(AdaptiveStencil<T> const& stencil, float3 const& position) const;
     bool getValue1D(int3 tijk, int axis, float position, Register& value) const;
     bool getValue2D(int3 const& tijk, int across, int along, float3 const& position,
                     Register& value) const;
@@ -55,6 +59,8 @@ private:
 
     State& m_state;
     StencilPoints<Traits, T, Trace> m_points;
+    /// Where interpolateValues1D records the next line, if not null.
+    mutable typename AdaptiveStencil<T>::Line* m_recorded = nullptr;
 };
 
 #define ZEL_DETAIL_ADAPTIVE_VALUE(prefix, Traits, T, Trace)                                        \
