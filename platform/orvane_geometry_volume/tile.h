@@ -110,8 +110,11 @@ private:
         return static_cast<std::uint32_t>(p) - static_cast<std::uint32_t>(corner);
     }
     static int childCoordinate(std::int32_t p, std::int32_t corner, std::uint32_t width) {
-        return static_cast<int>(
-            std::min(above(p, corner) / width, std::uint32_t{Traits::kBranch - 1}));
+        // The quotient, limited to B - 1: counted, since a division takes longer.
+        std::uint32_t const distance = above(p, corner);
+        int child = 0;
+        for (std::uint32_t n = 1; n < Traits::kBranch; ++n) child += distance >= n * width;
+        return child;
     }
     static int voxelCoordinate(std::int32_t p, std::int32_t corner, int width) {
         std::int64_t const distance = std::int64_t{p} - corner;

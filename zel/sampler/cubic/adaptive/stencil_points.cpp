@@ -98,16 +98,22 @@ auto StencilPoints<Traits, T, Trace>::getTile(int3 const& tijk, int3& lti, bool&
     -> Tile const& {
     inCube = true;
     for (int axis = 0; axis < 3; ++axis) {
-        auto const distance = static_cast<float>(std::int64_t{tijk[axis]} - m_state.origin[axis]);
-        lti[axis] = static_cast<int>(std::floor(distance / static_cast<float>(m_state.tvw))) +
-                    m_state.originIndex[axis];
+        std::int64_t const distance = std::int64_t{tijk[axis]} - m_state.origin[axis];
+        if constexpr (Trace::kOn)
+            lti[axis] = static_cast<int>(
+                std::floor(static_cast<float>(distance) / static_cast<float>(m_state.tvw)));
+        else  // as far as it is in the cube
+            lti[axis] = distance < 0 ? -1 : distance < m_state.tvw ? 0 : 1;
+        lti[axis] += m_state.originIndex[axis];
         inCube = inCube && (lti[axis] & ~1) == 0;
     }
     Tile const* tile = inCube ? m_state.tiles[TileCube<T>::slotOf(lti.x, lti.y, lti.z)] : nullptr;
     // Next to a coarser tile the fetched tiles may be aligned to that tile, and one found among
     // them by mistake would hide a finer tile.
-    inCube = tile && tile->depth() == m_state.tile.depth() && tile->contains(tijk);
-    if (!inCube) tile = &m_state.source.tileAt(tijk, m_state.tile.depth());
+    bool const covers = tile && tile->contains(tijk);
+    inCube = covers && tile->depth() == m_state.tile.depth();
+    if (!inCube && !(covers && tile->isLeaf(tile->childIJK(tijk))))
+        tile = &m_state.source.tileAt(tijk, m_state.tile.depth());
     Trace::getTile(tijk, m_state.origin, m_state.originIndex, lti, tile->tijk(), inCube);
     return *tile;
 }
