@@ -42,7 +42,8 @@ void expectPoints(Interface const& field, Quern::Array<float3> const& positions,
                   long long firstIndex = 0) {
     Layout const layout(positions, kind);
     auto const count = static_cast<std::size_t>(positions.size());
-    std::vector<typename Interface::Value> values(count + 1), alone(count + 1);
+    constexpr int kBehind = 64;
+    std::vector<typename Interface::Value> values(count + 1), alone(count + 1 + kBehind);
     std::vector<typename Interface::Gradient> gradients(count + 1), gradientsAlone(count + 1);
     // Not aligned to a vector.
     std::span const v(values.data() + 1, count), va(alone.data() + 1, count);
@@ -62,6 +63,8 @@ void expectPoints(Interface const& field, Quern::Array<float3> const& positions,
             ASSERT_TRUE(same(ga[i], field.grad(p, index))) << i;
             ASSERT_TRUE(same(g[i], field.grad(p, index))) << i;
         }
+        for (int n = 0; n < kBehind; ++n)  // fused nodes write whole vectors
+            ASSERT_TRUE(same(alone.end()[-1 - n], typename Interface::Value())) << n;
     }
 }
 
