@@ -18,7 +18,8 @@
 //    not all of one depth with data, it blends the voxel's corners, read by sampleChannelPoint
 //    (jump.h).
 // 5. adaptive() does 3 and 4 away from jumps; else adaptiveValue (adaptive/sample.h) composes rows,
-//    planes and a volume of points that StencilPoints looks up, some by a sample of their own.
+//    planes and a volume of points that StencilPoints looks up, some by a sample of their own. The
+//    points of a voxel are kept for its next sample (adaptive/memo.h).
 // 6. sampleBatch does 1 and looks up the tile cubes of 3 for 32 positions ahead, so that the waits
 //    for memory overlap; with kJumpAdaptive or halo tiles it samples position by position.
 // 7. Gradients go the same way, each with its value: that of the interpolant or of the blend in 4,

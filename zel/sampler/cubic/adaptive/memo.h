@@ -23,14 +23,12 @@ template <class T> struct AdaptiveStencil {
     Line lines[21];
 };
 
-/// What the adaptive path keeps from sample to sample. It changes no value.
-///
-/// Nested samples of the adaptive path, by all that their values depend on. The points of a stencil
-/// ask for the same nested samples, and so do other stencils near by: without the memo, the time of
-/// a sample would grow as a power of the number of levels that meet there. Direct-mapped: a value
-/// stays until one of the same hash takes its slot.
-///
-/// And the stencils of voxels, for further samples in the same voxel, such as those of differences.
+/// What the adaptive path keeps from sample to sample, by all that it depends on: the values of
+/// nested samples, and the stencils of voxels. The points of a stencil ask for the same nested
+/// samples, and so do other stencils near by: without the memo, the time of a sample would grow as
+/// a power of the number of levels that meet there. A stencil serves further samples in its voxel,
+/// such as those of differences. Direct-mapped: an entry stays until one of the same hash takes its
+/// slot.
 template <class T> class AdaptiveMemo {
 public:
     struct Key {
@@ -42,7 +40,7 @@ public:
         bool operator==(Key const&) const = default;
     };
 
-    /// Without room, `find` finds nothing. Throws std::bad_alloc.
+    /// Without room, nothing is kept. Throws std::bad_alloc.
     explicit AdaptiveMemo(bool withRoom)
         : m_entries(withRoom ? kSize : 0), m_stencilKeys(withRoom ? kStencils : 0),
           m_stencils(withRoom ? std::make_unique_for_overwrite<AdaptiveStencil<T>[]>(kStencils)

@@ -238,8 +238,10 @@ template <class Traits, class T, class Trace> T AdaptiveSample<Traits, T, Trace>
     typename AdaptiveMemo<T>::StencilKey const key{m_state.tile.treeIndex(), m_state.lijk,
                                                    m_state.tijk, m_state.depthLimit};
     if (kUsesMemo && count == 3)
-        if (auto const* const stencil = m_state.memo.findStencil(key))
-            return RegisterTraits<T>::to(interpolateStencil(*stencil, position));
+        if (auto const* const stencil = m_state.memo.findStencil(key)) {
+            T const result = RegisterTraits<T>::to(interpolateStencil(*stencil, position));
+            if (!isNaN(result)) return result;  // else the report shows the walk
+        }
 
     m_points.fetchTiles({2, count > 1 ? 2 : 1, count > 2 ? 2 : 1}, axes, count);
     Register value;
