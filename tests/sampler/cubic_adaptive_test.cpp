@@ -135,6 +135,27 @@ TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
     }
 }
 
+/// What a sampler has kept of other samples, in the same voxel and with other limits, changes no
+/// bit.
+TYPED_TEST(Adaptive, GivesTheBitsOfANewSampler) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(47);
+    int const coarse = Traits::kMaxDepth - 3, deepest = Traits::kMaxDepth - 1;
+    auto tree = nested<Traits>(random, coarse, 3);
+    TestVolume<Traits, T> volume(tree, 7, 0, deepest, T());
+    volume.fillRandomly(random);
+    auto sampler = volume.sampler(kCubicC1, true, kJumpAdaptive);
+    for (int n = 0; n < 200; ++n) {
+        float3 p = oftenOnPlanes(random, static_cast<float>(width<Traits>(coarse)) * 1.5F, 3);
+        for (int m = 0; m < 4; ++m, p = p + float3{0.25F, 0.25F, 0.25F}) {
+            int const limit = std::array{99, coarse, deepest, coarse + 1}[unsigned(m)];
+            auto anew = volume.sampler(kCubicC1, true, kJumpAdaptive);
+            ASSERT_TRUE(same(sampler.sample(p, limit, 0), anew.sample(p, limit, 0))) << n;
+        }
+    }
+}
+
 /// Flagged voxels hold rubbish, and a ramp is reproduced all the same: from the coarser level, or
 /// in a refined neighbour from this one.
 TYPED_TEST(Adaptive, FlaggedVoxelsTakeTheirValueElsewhere) {
