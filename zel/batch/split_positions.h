@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "zel/batch/float8.h"
+#include "zel/batch/float_vectors.h"
 #include "zel/field/evaluate.h"
 #include "zel_platform/quern_core/always_inline.h"
 #include "zel_platform/quern_core/position_loop.h"

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstddef>
 
-#include "zel/batch/float8.h"
+#include "zel/batch/float_vectors.h"
 
 // A fusion goes through the positions of a block tile by tile. A stage is one step of that work: a
 // function that takes a tile in eight vector registers, computes one node from it, and calls the
