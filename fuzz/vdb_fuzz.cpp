@@ -256,8 +256,8 @@ private:
             auto const type = text();
             auto const shares = text();
             for (int i = 0; i < 3 && m_good; ++i) {
-                places.push_back(m_at);
                 number<std::int64_t>();
+                if (m_good) places.push_back(m_at - sizeof(std::int64_t));
             }
             if (!m_good) return;
             std::int64_t place[3];
