@@ -28,19 +28,19 @@ public:
     using Work = std::function<void(std::stop_token const&)>;
 
     Helper() {
-        pthread_attr_t attributes;
-        pthread_attr_init(&attributes);
-        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        pthread_attr_t ofThread;
+        pthread_attr_init(&ofThread);
+        pthread_attr_setdetachstate(&ofThread, PTHREAD_CREATE_DETACHED);
         // Enough for the deepest tree, whatever the limit of the process.
         constexpr std::size_t kStack = std::size_t{8} << 20;
-        pthread_attr_setstacksize(&attributes, kStack);
+        pthread_attr_setstacksize(&ofThread, kStack);
         auto const begin = [](void* self) -> void* {
             static_cast<Helper*>(self)->run();
             return nullptr;
         };
         pthread_t thread{};
-        int const failure = pthread_create(&thread, &attributes, begin, this);
-        pthread_attr_destroy(&attributes);
+        int const failure = pthread_create(&thread, &ofThread, begin, this);
+        pthread_attr_destroy(&ofThread);
         if (failure != 0)
             throw std::system_error(failure, std::generic_category(), "zel: a thread");
     }
