@@ -22,25 +22,18 @@ constexpr std::size_t kLeastCount = std::size_t{8} * kBlockSize;
 /// A plan gains as much at a few positions as at this number.
 constexpr std::size_t kLeastGain = kBlockSize / 2;
 
-}  // namespace
-
 template <class Interface>
-FusionScope::FusionScope(Workspace& workspace, Interface const& root, GraphOfBatch const& graph,
-                         std::size_t count)
-    : m_workspace(workspace), m_outer(std::exchange(workspace.plan, nullptr)),
-      m_mark(workspace.plans.mark()) {
-    if (!kFusesNodes || !Quern::wideVectors) return;
-    if (workspace.isNested()) {
-        if (count >= kLeastCount) workspace.plan = makeFusionPlan(root, workspace.plans);
-        return;
-    }
+FusionPlan const* planFor(Workspace& workspace, Interface const& root, GraphOfBatch const& graph,
+                          std::size_t count) {
+    if (!kFusesNodes || !Quern::wideVectors) return nullptr;
+    if (workspace.isNested())
+        return count >= kLeastCount ? makeFusionPlan(root, workspace.plans) : nullptr;
     if (graph.pure) {
         KnownGraphs& graphs = KnownGraphs::local();
         KnownGraph& known = graphs.adopt(*graph.pure);
         known.evaluated += std::max(count, kLeastGain);
         if (!known.plan && known.evaluated >= kLeastCount) graphs.makePlan(known, root);
-        workspace.plan = known.plan;
-        return;
+        return known.plan;
     }
     if (std::exchange(workspace.batch, graph.batch) != graph.batch) {
         workspace.planOfBatch = nullptr;
@@ -51,7 +44,17 @@ FusionScope::FusionScope(Workspace& workspace, Interface const& root, GraphOfBat
         workspace.plans.release(nullptr);
         workspace.planOfBatch = makeFusionPlan(root, workspace.plans);
     }
-    workspace.plan = workspace.planOfBatch;
+    return workspace.planOfBatch;
+}
+
+}  // namespace
+
+// A plan that cannot be made leaves the one of the batch around this one in place.
+template <class Interface>
+FusionScope::FusionScope(Workspace& workspace, Interface const& root, GraphOfBatch const& graph,
+                         std::size_t count)
+    : m_workspace(workspace), m_outer(workspace.plan), m_mark(workspace.plans.mark()) {
+    workspace.plan = planFor(workspace, root, graph, count);
 }
 
 template FusionScope::FusionScope(Workspace&, Core::Fields::ScalarField const&, GraphOfBatch const&,
