@@ -1,12 +1,13 @@
 #pragma once
 
 #include <concepts>
-#include <sstream>
+#include <ostream>
 #include <string>
 #include <typeinfo>
 
 #include "zel_platform/orvane_geometry_volume/component.h"
 #include "zel_platform/quern_core/string.h"
+#include "zel_platform/quern_core/text_of.h"
 
 // Builds the texts of exceptions, which name the value at fault.
 namespace ORV::TileTree3D::Internal {
@@ -26,11 +27,9 @@ void put(std::ostream& stream, Value value) {
     stream << value;
 }
 
-/// Joins the parts of a message.
+/// Joins the parts of a message. Throws std::bad_alloc.
 template <class... Parts> std::string message(Parts const&... parts) {
-    std::ostringstream stream;
-    (put(stream, parts), ...);
-    return stream.str();
+    return Quern::Internal::textOf([&](std::ostream& stream) { (put(stream, parts), ...); });
 }
 
 }  // namespace ORV::TileTree3D::Internal

@@ -4,9 +4,11 @@
 #include <cmath>
 #include <iomanip>
 #include <limits>
-#include <sstream>
+#include <ostream>
 #include <stdexcept>
 #include <utility>
+
+#include "zel_platform/quern_core/text_of.h"
 
 namespace Orvane::Math {
 namespace {
@@ -14,10 +16,10 @@ namespace {
 using Key = FCurve::Key;
 
 template <class... Parts> [[noreturn]] void refuse(Parts const&... parts) {
-    std::ostringstream text;
-    text << std::setprecision(std::numeric_limits<double>::max_digits10) << "FCurve: ";
-    (text << ... << parts);
-    throw std::invalid_argument(text.str());
+    throw std::invalid_argument(Quern::Internal::textOf([&](std::ostream& text) {
+        text << std::setprecision(std::numeric_limits<double>::max_digits10) << "FCurve: ";
+        (text << ... << parts);
+    }));
 }
 
 void checkKeys(std::vector<Key> const& keys) {

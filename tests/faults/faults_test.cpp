@@ -7,6 +7,7 @@
 #include "support/sanitized.h"
 #include "zel_platform/orvane_geometry_volume/array_pool.h"
 #include "zel_platform/orvane_geometry_volume/channel_pool.h"
+#include "zel_platform/orvane_math/fcurve.h"
 #include "zel_scene/bind.h"
 #include "zel_scene/compare.h"
 #include "zel_scene/describe.h"
@@ -232,6 +233,47 @@ TEST_F(Faults, OfVolumes) {
     ChannelPool::setEnabled(false);
     ArrayPool::setEnabled(false);
     for (Case const& one : treeCases<QuinaryTraits>()) failEach(one);
+}
+
+/// The whole text arrives, or std::bad_alloc does.
+TEST_F(Faults, OfRefusals) {
+    auto const refusal = [](std::string const& name, std::function<void()> const& call) -> Case {
+        return {name, [=] {
+                    auto const text = std::make_shared<std::string>();
+                    return Attempt{[=] {
+                                       try {
+                                           call();
+                                       } catch (std::bad_alloc const&) {
+                                           throw;
+                                       } catch (std::exception const& error) {
+                                           *text = error.what();
+                                       }
+                                   },
+                                   [=] { return Bits() << *text; }};
+                }};
+    };
+    static ScalarPtr const ball = makePtr<ScalarFieldSphere>(float3{}, 0.4F);
+    Box const box{{-0.5F, -0.5F, -0.5F}, {0.5F, 0.5F, 0.5F}};
+    auto const curve = [] {
+        using enum Orvane::Math::FCurve::Extrapolation;
+        Orvane::Math::FCurve({{5.25, 0, 0, 0, {}}, {-1234.125, 0, 0, 0, {}}}, kConstant, kConstant);
+    };
+    auto const evaluated = [] {
+        std::vector<float> to(3);
+        auto const positions = somePositions(2);
+        evaluate(*ball, PointView::of({positions.data(), 2}), to);
+    };
+    auto const unbound = [] {
+        ScalarPtr tree = makePtr<ScalarGeoPropertyTriggered>("density");
+        bindStrictly(tree, Orvane::Object());
+    };
+    for (Case const& one :
+         {refusal("buildVolume", [=] { buildVolume<BinaryTraits>(*ball, box, -1234.5F, 2); }),
+          refusal("addTile", [] { Container<BinaryTraits>(1.0F, 10).addTile(1 << 30, 1, 2, 3); }),
+          refusal("FCurve", curve), refusal("evaluate", evaluated),
+          refusal("fromJson", [] { scalarFromJson(R"({"zel": 1, "root": "none"})"); }),
+          refusal("bindStrictly", unbound)})
+        failEach(one);
 }
 
 TEST_F(Faults, OfPools) {

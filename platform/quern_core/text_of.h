@@ -1,0 +1,23 @@
+#pragma once
+
+#include <ios>
+#include <new>
+#include <sstream>
+#include <string>
+
+namespace Quern::Internal {
+
+/// What `write(stream)` writes to a stream. Throws std::bad_alloc without memory, where a stream
+/// that is asked nothing ends its text and says nothing.
+template <class Write> std::string textOf(Write const& write) {
+    std::ostringstream stream;
+    stream.exceptions(std::ios::badbit);
+    try {
+        write(stream);
+    } catch (std::ios_base::failure const&) {
+        throw std::bad_alloc();
+    }
+    return stream.str();
+}
+
+}  // namespace Quern::Internal
