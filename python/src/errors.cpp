@@ -64,7 +64,13 @@ void setError(std::exception_ptr const& exception) {
     } catch (py::builtin_exception const& error) {
         error.set_error();
     } catch (SceneError const& error) {
-        setSceneError(error);
+        try {
+            setSceneError(error);
+        } catch (py::error_already_set& failure) {
+            failure.restore();
+        } catch (std::bad_alloc const&) {
+            PyErr_NoMemory();
+        }
     } catch (std::bad_alloc const&) {
         PyErr_NoMemory();
     } catch (std::logic_error const& error) {

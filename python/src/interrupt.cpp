@@ -90,7 +90,8 @@ private:
 /// and on a busy machine a time slice later.
 struct HelperPool {
     std::mutex mutex;
-    std::vector<Helper*> waiting;
+    std::size_t count = 0;
+    std::vector<Helper*> waiting;  ///< with room for all
 };
 
 HelperPool*& helperPool() {
@@ -110,6 +111,7 @@ public:
     HelperInUse() : m_pool(helperPool()) {
         std::unique_lock lock(m_pool->mutex);
         if (m_pool->waiting.empty()) {
+            m_pool->waiting.reserve(++m_pool->count);
             lock.unlock();
             m_helper = new Helper;  // lives as long as its thread
             return;
@@ -166,19 +168,20 @@ void watchShutDown() {
 void interruptibly(std::function<void(std::stop_token const&)> const& work) {
     constexpr std::chrono::milliseconds kPeriod(20);
     std::optional<AtWork> counted(std::in_place);
-    std::optional<py::error_already_set> interruption;
+    PyObject *raised = nullptr, *value = nullptr, *trace = nullptr;  // by a handler
     std::exception_ptr failure;
     PyThreadState* state = nullptr;
     {
         HelperInUse const helper;
-        state = PyEval_SaveThread();
         helper->start(work);
+        // Nothing throws without the lock, nor with the lock while the helper may need it.
+        state = PyEval_SaveThread();
         while (!helper->waitFor(kPeriod)) {
             if (isShuttingDown) helper->stop();
-            if (isShuttingDown || interruption) continue;
+            if (isShuttingDown || raised) continue;
             PyEval_RestoreThread(state);
             if (PyErr_CheckSignals() != 0) {
-                interruption.emplace();
+                PyErr_Fetch(&raised, &value, &trace);
                 helper->stop();
             }
             state = PyEval_SaveThread();
@@ -187,7 +190,10 @@ void interruptibly(std::function<void(std::stop_token const&)> const& work) {
     }
     counted.reset();
     PyEval_RestoreThread(state);
-    if (interruption) throw std::move(*interruption);
+    if (raised) {
+        PyErr_Restore(raised, value, trace);
+        throw py::error_already_set();
+    }
     if (failure) std::rethrow_exception(failure);
 }
 
