@@ -297,6 +297,31 @@ template <class Nodes, class Tree> void registerBuilding(Parameters const& param
     }
 }
 
+/// Measures a chain of 200 sums with constants, which are all different or all the same. A block
+/// reads a column of each.
+std::string constantsName(bool different) {
+    return different ? "constants/different" : "constants/equal";
+}
+void registerConstants(Positions const& positions, bool different) {
+    constexpr int kNodes = 200;
+    zel::ScalarPtr sum = Quern::makePtr<zel::ScalarFieldXPosition>();
+    for (int n = 0; n < kNodes; ++n)
+        sum = Quern::makePtr<zel::ScalarFieldAdd>(
+            sum, Quern::makePtr<zel::ScalarFieldConstant>(different ? static_cast<float>(n) : 1));
+    auto const run = [sum, &positions](benchmark::State& state) {
+        auto const count = static_cast<std::size_t>(positions.size());
+        std::vector<float> values(count);
+        zel::EvaluateOptions options;
+        options.parallel = false;
+        for (auto _ : state) {
+            zel::evaluate(*sum, zel::PointView::of({positions.data(), count}), values, options);
+            benchmark::ClobberMemory();
+        }
+        reportItems(state, count * kNodes);
+    };
+    benchmark::RegisterBenchmark(constantsName(different).c_str(), run)->MeasureProcessCPUTime();
+}
+
 void printTable(RatioReporter const& report, std::vector<Subject> const& subjects, int allThreads) {
     for (Subject const& subject : subjects) {
         std::printf("\n%s, %d nodes, %lld points; ns a point\n"
@@ -333,12 +358,19 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
             std::printf("\n");
         }
     }
-    std::printf("\nbusy: processor time by real time. Below the number of threads, others had the "
-                "machine.\nInstruction set: %s; fused loops and batches of light nodes: %s.\n",
-                Quern::simdTargets().front().name,
-                Quern::widestVectors ? "AVX-512"
-                : Quern::wideVectors ? "AVX2"
-                                     : "baseline");
+    auto const different = report[constantsName(true)].median,
+               equal = report[constantsName(false)].median;
+    std::printf("\nns a sum with a constant, in a chain of 200\nall different ");
+    printCell(different, 8, 3);
+    std::printf("\nall equal     ");
+    printCell(equal, 8, 3);
+    std::printf(
+        "\n\nbusy: processor time by real time. Below the number of threads, others had the "
+        "machine.\nInstruction set: %s; fused loops and batches of light nodes: %s.\n",
+        Quern::simdTargets().front().name,
+        Quern::widestVectors ? "AVX-512"
+        : Quern::wideVectors ? "AVX2"
+                             : "baseline");
 }
 
 }  // namespace
@@ -370,6 +402,7 @@ int main(int argc, char** argv) {
             if (threads == allThreads) break;
         }
     }
+    for (bool const different : {false, true}) registerConstants(*sizes[1], different);
     registerBuilding<ZelNodes, CsgTree<false>>(parameters, subjects.front().nodes);
     registerBuilding<NaiveNodes, CsgTree<false>>(parameters, subjects.front().nodes);
 

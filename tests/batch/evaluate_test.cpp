@@ -142,7 +142,9 @@ TEST(Evaluate, KnowsAGraphUntilItChanges) {
         trees.push_back(makePtr<ScalarFieldMultiply>(
             makePtr<ScalarFieldConstant>(static_cast<float>(i)),
             makePtr<ScalarFieldAdd>(sphere, makePtr<ScalarFieldConstant>(0.5F))));
-        for (int n = 0; n < 25; ++n) trees.back() = makePtr<ScalarFieldNegative>(trees.back());
+        for (int n = 0; n < 25; ++n)
+            trees.back() = makePtr<ScalarFieldAdd>(
+                trees.back(), makePtr<ScalarFieldConstant>(static_cast<float>(25 * i + n)));
     }
     auto const positions = somePositions(2100);
     std::vector<float> values(2100);

@@ -71,7 +71,7 @@ public:
 private:
     ZEL_API void checkStack() const;
 
-    static constexpr unsigned kMaxConstants = 64, kSlots = 2 * kMaxConstants;
+    static constexpr unsigned kMaxConstants = 512, kSlots = 2 * kMaxConstants;
     struct Slot {
         std::uint32_t bits;
         float const* values;
