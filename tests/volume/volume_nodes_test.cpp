@@ -164,69 +164,6 @@ TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
     EXPECT_EQ(node.calls, 6);
 }
 
-/// Functions that cubic samplers reproduce. Within 1 of the origin they rise or fall along each
-/// axis, so that no value is clamped.
-double quadratic(std::size_t row, std::array<double, 3> const& d) {
-    auto const [x, y, z] = d;
-    return std::array{3 * x - 2 * y + 5 * z + x * x - y * z / 2,
-                      2 * x + 3 * y - 4 * z + y * z - z * z,
-                      -2 * x + 2 * y - 4 * z + x * y + y * y / 4}[row];
-}
-
-/// Exact gradients against differences in double, near the origin of the world and far away.
-TEST(ExactGradients, AreThoseOfTheFunction) {
-    forAllKinds([]<class Traits, class T>(Traits, T) {
-        constexpr float kVoxel = 0.125F;
-        constexpr std::size_t kRows = sizeof(T) / sizeof(float);
-        for (float const far : {0.001F, 1.0F, 50.0F, 10000.0F}) {
-            float3 const centre{far, -far, far};
-            auto const from = [&](float3 const& p, std::size_t a) {
-                return double{p[static_cast<int>(a)]} - double{centre[static_cast<int>(a)]};
-            };
-            auto const volume = buildVolume<Traits, T>(
-                kVoxel, Traits::kMaxDepth,
-                [&](float3 const& low, float3 const& high, int) {
-                    bool near = true;
-                    for (std::size_t a = 0; a < 3; ++a)
-                        near = near && from(low, a) < 3 && from(high, a) > -3;
-                    return near;
-                },
-                [&](float3 const& p) {
-                    auto const f = [&](std::size_t row) {
-                        return static_cast<float>(
-                            quadratic(row, {from(p, 0), from(p, 1), from(p, 2)}));
-                    };
-                    return make<T>(f(0), f(1), f(2));
-                },
-                outside<T>());
-            for (SamplerType const type : kTypes) {
-                zel::detail::VolumeReader<T> reader("d", type);
-                reader.bind(host(volume));
-                bool const linear = type == SamplerType::kLinear;
-                for (float3 const& near : positions(200, 1)) {
-                    float3 const p = centre + near;
-                    GradientOf<T> gradient;
-                    ASSERT_TRUE(same(reader.exactGradient(p, gradient), reader.value(p)));
-                    auto const got = std::bit_cast<std::array<float, 3 * kRows>>(gradient);
-                    for (std::size_t c = 0; c < got.size(); ++c) {
-                        // Along an axis a linear sampler has the difference over the voxel.
-                        std::size_t const axis = c % 3;
-                        float const lowest = std::floor(p[static_cast<int>(axis)] / kVoxel);
-                        double const step = linear ? double{kVoxel} : 2e-4;
-                        std::array low{from(p, 0), from(p, 1), from(p, 2)}, high = low;
-                        low[axis] = linear ? from(float3{1, 1, 1} * (lowest * kVoxel), axis)
-                                           : low[axis] - step / 2;
-                        high[axis] = low[axis] + step;
-                        double const slope =
-                            (quadratic(c / 3, high) - quadratic(c / 3, low)) / step;
-                        ASSERT_NEAR(got[c], slope, 1e-4 * 7) << far << ' ' << c;
-                    }
-                }
-            }
-        }
-    });
-}
-
 // The scale of triggered nodes.
 
 Orvane::Object scaled(Orvane::Object object, Quern::Any scale) {

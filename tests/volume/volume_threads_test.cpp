@@ -81,32 +81,6 @@ TEST(SamplerPool, HandsOnWhatAnEndedThreadHadAndMayEndBeforeIt) {
         }).join();
 }
 
-TEST(VolumeThreads, ShareOneFieldOfEachType) {
-    forAllKinds([]<class Traits, class T>(Traits, T) {
-        auto const volume = build<Traits, T>(waves<T>);
-        auto const object = host(volume);
-        auto const at = positions(300);
-        for (SamplerType const type : kTypes) {
-            NodeFor<T> const field(object, "d", type), other(object, "d", type);
-            std::vector<T> expected;
-            for (float3 const& p : at) expected.push_back(other.eval(p, 0));
-            std::atomic<int> wrong = 0;
-            onThreads(40, [&](int number) {
-                for (int k = 0; k < 300; ++k) {
-                    int const i = (k * (number % 7 + 1) + number) % 300;
-                    wrong += !same(field.eval(at[i], i), expected[static_cast<std::size_t>(i)]);
-                    if (k % 16 == 0) (void)field.grad(at[i], i);
-                    if (k % 8 == number % 8) (void)other.eval(at[i], i);
-                }
-            });
-            EXPECT_EQ(wrong, 0);
-            EXPECT_EQ(field.samplers(), 40);
-            EXPECT_EQ(other.samplers(), 41);
-        }
-        EXPECT_EQ(volume.channel.useCount(), 2);  // all fields are gone, after their threads
-    });
-}
-
 /// The number that an environment variable sets, to look longer or with more threads for faults.
 int setting(char const* name, int normal) {
     char const* const set = std::getenv(name);
