@@ -146,13 +146,4 @@ TYPED_TEST(Frame, OutsideOddPositionsAndBadArguments) {
     EXPECT_LT(distance(point.sampler(1, false, kJumpAdaptive).sample({c, c, c}, 0), five), 1e-5F);
 }
 
-TEST(CubicSampler, NamesOfTypes) {
-    TestVolume<BinaryTraits, float> const volume(Quern::makePtr<Container<BinaryTraits>>(1.0F), 7,
-                                                 0, 3, 0);
-    constexpr char const* kNames[] = {"kError",   "kQuadraticC0Averaged", "kCubicC0",
-                                      "kCubicC1", "kCubicC1Monotonic",    "kError"};
-    for (int type = -1; type < 5; ++type)
-        EXPECT_EQ(std::string(volume.sampler(type).samplerName()), kNames[type + 1]);
-}
-
 }  // namespace
