@@ -32,9 +32,15 @@ template <class Traits, class T> struct FreshSampler : Interface<T> {
     int type;
 };
 
+Orvane::Object scaled(Orvane::Object object, Quern::Any scale) {
+    object.setProperty(sceneUnitsInMeters, std::move(scale));
+    return object;
+}
+
 /// Of all offsets, as the samplers do; a linear function exactly where that is possible.
 TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
+        using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
         struct Case {
             T (*function)(float3 const&);
             VoxelOffsetType offset;
@@ -86,14 +92,22 @@ TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
                     }
                 }
                 EXPECT_EQ(node.samplers(), 1);
-                // Only a node with a halo keeps its volume when another object comes.
+                // Only a node with a halo keeps its volume when another object comes, of which it
+                // has the scale alone.
+                bool const keeps = linear && offset == 7;
                 auto const other = function == plane<T> ? waves<T> : plane<T>;
                 float3 const somewhere{0.12F, 0.03F, -0.21F};
                 late.apply_object(host(build<Traits, T>(other, offset)));
-                EXPECT_EQ(same(late.eval(somewhere, 0), node.eval(somewhere, 0)),
-                          linear && offset == 7);
+                EXPECT_EQ(late.samplers(), keeps ? 1 : 0);
+                EXPECT_EQ(same(late.eval(somewhere, 0), node.eval(somewhere, 0)), keeps);
+                late.apply_object(scaled(host(build<Other, T>(other, offset)), 0.5F));
+                EXPECT_EQ(same(late.eval(somewhere * 2, 0), node.eval(somewhere, 0)), keeps);
+                EXPECT_EQ(late.template state<Traits>().valid, keeps);
+                EXPECT_EQ(late.template state<Other>().valid, !keeps);
+                EXPECT_EQ(bool(late.template state<Traits>().channel), keeps);
                 late.apply_object(host(volume, "e"));
-                EXPECT_EQ(late.bound(), linear && offset == 7);
+                EXPECT_EQ(late.bound(), keeps);
+                EXPECT_TRUE(keeps || same(late.eval(somewhere, 0), T{}));
             }
         }
     });
@@ -166,11 +180,6 @@ TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
 
 // The scale of triggered nodes.
 
-Orvane::Object scaled(Orvane::Object object, Quern::Any scale) {
-    object.setProperty(sceneUnitsInMeters, std::move(scale));
-    return object;
-}
-
 TEST(VolumeScale, MovesPositionsAndLeavesGradientsOfTheVolume) {
     auto const curved = build<BinaryTraits, float>(waves<float>);
     for (SamplerType const type : kTypes)
@@ -203,32 +212,6 @@ TEST(VolumeScale, StaysWithoutAFloat) {
             EXPECT_TRUE(same(applied(object, other), plane<float>(p * 2), 1e-6F));
         EXPECT_TRUE(same(applied({}, -2.0F), plane<float>(p * -2), 1e-6F));  // the volume stays
     }
-}
-
-TEST(VolumeScale, ComesAloneForALinearNodeAndWithTheNextVolumeForACubicOne) {
-    forAllKinds([]<class Traits, class T>(Traits, T) {
-        using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
-        auto const first = build<Traits, T>(plane<T>);
-        auto const second = build<Other, T>([](float3 const& p) { return plane<T>(p) * 10.0F; });
-        float3 const p{0.05F, 0.1F, -0.1F};
-        for (SamplerType const type : kTypes) {
-            bool const linear = type == SamplerType::kLinear;
-            LateNodeFor<T> node("d", type);
-            node.apply_object(host(first));
-            EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p), 1e-6F));
-            EXPECT_EQ(node.samplers(), 1);
-            node.apply_object(scaled(host(second), 2.0F));
-            EXPECT_EQ(node.samplers(), linear ? 1 : 0);
-            EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p * 2) * (linear ? 1.0F : 10.0F), 1e-6F));
-            EXPECT_EQ(node.template state<Traits>().valid, linear);
-            EXPECT_EQ(node.template state<Other>().valid, !linear);
-            EXPECT_EQ(bool(node.template state<Traits>().channel), linear);
-            // A volume without the channel leaves a cubic node unbound.
-            node.apply_object(host(second, "e"));
-            EXPECT_EQ(node.bound(), linear);
-            EXPECT_TRUE(same(node.eval(p, 0), linear ? plane<T>(p * 2) : T{}, 1e-6F));
-        }
-    });
 }
 
 // Where halos come from.
