@@ -84,7 +84,7 @@ TEST(Npy, GivesPositionsOfBothOrders) {
             bool const isFortran = kind % 2 != 0, isDouble = kind / 2 != 0;
             auto const numbers = anyFloats(random, 3 * count);
             NpyWriter writer(folder / "a.npy",
-                             {.shape = {count, 3}, .isFortran = isFortran, .isDouble = isDouble});
+                             {.shape = {count, 3}, .isDouble = isDouble, .isFortran = isFortran});
             writer.write(numbers);
             writer.commit();
             NpyArray const array(folder / "a.npy");
