@@ -179,6 +179,7 @@ TEST(VolumeThreads, HaveTheBitsOfOneWhileCopiesAreBoundAndBatchesStopped) {
 
 TEST(VolumeCopies, ShareVolumeAndHaloAndStartWithoutSamplers) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
+        using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
         auto volume = build<Traits, T>(waves<T>);
         float3 const p{0.1F, -0.2F, 0.3F};
         for (SamplerType const type : kTypes) {
@@ -201,7 +202,12 @@ TEST(VolumeCopies, ShareVolumeAndHaloAndStartWithoutSamplers) {
                 node = moved;
                 EXPECT_EQ(node.samplers(), 0);
             };
-            NodeFor<T> node(object, "d", type);
+            NodeFor<T> node(object, "d", type), other(host(build<Other, T>(plane<T>)), "d", type);
+            EXPECT_FALSE(same(other.eval(p, 0), node.eval(p, 0)));
+            other = node;
+            EXPECT_EQ(other.samplers(), 0);
+            EXPECT_TRUE(same(other.eval(p, 0), node.eval(p, 0)));
+            EXPECT_FALSE(other.template state<Other>().valid);
             check(node);
             LateNodeFor<T> late("d", type), copied("e", SamplerType::kLinear);
             late.apply_object(object);
@@ -212,39 +218,6 @@ TEST(VolumeCopies, ShareVolumeAndHaloAndStartWithoutSamplers) {
         }
         EXPECT_EQ(volume.channel.useCount(), 1);
     });
-}
-
-TEST(VolumeCopies, LeaveNoThreadWithTheVolumeBefore) {
-    for (SamplerType const type : kTypes)
-        for (bool const byCopy : {false, true}) {
-            auto first = build<BinaryTraits, float>(plane<float>);
-            Scalar linear(host(first), "d", type),
-                curved(host(build<QuinaryTraits, float>(waves<float>)), "d", type);
-            float3 const p{0.1F, -0.2F, 0.3F};
-            std::barrier turn(5);
-            std::vector<std::jthread> threads;
-            for (int i = 0; i < 4; ++i)
-                threads.emplace_back([&] {
-                    EXPECT_TRUE(same(linear.eval(p, 0), plane<float>(p), 1e-6F));
-                    turn.arrive_and_wait();
-                    turn.arrive_and_wait();
-                    EXPECT_TRUE(same(linear.eval(p, 0), waves<float>(p), 0.05F));
-                    turn.arrive_and_wait();
-                });
-            turn.arrive_and_wait();
-            EXPECT_EQ(linear.samplers(), 4);
-            if (byCopy)
-                linear.copy(curved);
-            else
-                linear = curved;
-            EXPECT_EQ(linear.samplers(), 0);
-            EXPECT_EQ(first.channel.useCount(), 1);
-            first = {};  // gone for good: nothing may read it any more
-            turn.arrive_and_wait();
-            turn.arrive_and_wait();
-            threads.clear();
-            EXPECT_EQ(linear.samplers(), 4);
-        }
 }
 
 }  // namespace
