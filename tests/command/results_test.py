@@ -50,7 +50,7 @@ class ResultsTest(ProgramTest):
                 np.lib.format.write_array(file, points, version)
                 wanted = points.astype("<f4", "C")
             run("eval", place, "in.npy", "-o", "out.npy")
-            np.testing.assert_array_equal(np.load("out.npy").view("u4"), wanted.view("u4"), (dtype, order, version))
+            np.testing.assert_array_equal(np.load("out.npy").view("u4"), wanted.view("u4"), f"{dtype} {order} {version}")
 
         # Of noise, far from the origin, where differences are wider than its features.
         noise = scene("noise.json", {"type": "FractalNoise", "octaves": 1})
