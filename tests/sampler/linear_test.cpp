@@ -11,7 +11,6 @@ namespace {
 
 using namespace trees;
 using support::kInf;
-using support::kNaN;
 using support::same;
 
 constexpr int kWorld = 2, kLattice = 0;
