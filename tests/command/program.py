@@ -10,6 +10,7 @@ import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 import numpy as np
+from PIL import Image
 
 try:
     import openvdb
@@ -38,37 +39,9 @@ def scene(name, root):
 
 
 def png(path):
-    """The pixels of a grey or RGB image without interlacing, by the definition of the format."""
-    import struct
-    import zlib
-
-    with open(path, "rb") as file:
-        data = file.read()
-    place, pixels = 8, b""
-    while place < len(data):
-        length, kind = struct.unpack(">I4s", data[place : place + 8])
-        body = data[place + 8 : place + 8 + length]
-        if kind == b"IHDR":
-            width, height, bits, colour = struct.unpack(">IIBB", body[:10])
-        if kind == b"IDAT":
-            pixels += body
-        place += length + 12
-    channels = {0: 1, 2: 3}[colour]
-    size = channels * bits // 8
-    rows = np.frombuffer(zlib.decompress(pixels), np.uint8).reshape(height, -1).astype(int)
-    image = np.zeros((height, width * size), int)
-    for y in range(height):
-        kind, row = rows[y, 0], rows[y, 1:]
-        above = image[y - 1] if y else np.zeros_like(image[0])
-        for x in range(len(row)) if kind not in (0, 2) else ():
-            left = image[y, x - size] if x >= size else 0
-            corner = above[x - size] if x >= size else 0
-            near = min((left, above[x], corner), key=lambda v: abs(left + above[x] - corner - v))
-            image[y, x] = (row[x] + {1: left, 3: (left + above[x]) // 2, 4: near}[kind]) % 256
-        if kind in (0, 2):
-            image[y] = (row + (above if kind == 2 else 0)) % 256
-    image = image.reshape(height, width, channels, bits // 8)
-    return (image[..., 0] * 256 + image[..., 1] if bits == 16 else image[..., 0]).squeeze()
+    """The pixels of a grey or RGB image."""
+    with Image.open(path) as image:
+        return np.asarray(image).astype(int)
 
 
 def joins_ranks():

@@ -1,5 +1,6 @@
 """results_test.py ZEL SOURCE: the program's results against formulas in NumPy, its streams, and its manual."""
 
+import itertools
 import os
 import pty
 import re
@@ -36,6 +37,20 @@ class ResultsTest(ProgramTest):
         run("eval", self.ball, "out.ply", "-o", "again.csv")
         with open("again.csv") as file:
             self.assertEqual(file.read(), table)
+
+        # Arrays of every type, order and version that NumPy writes, with doubles about the largest float: below, at
+        # and above the middle to the next.
+        place = scene("place.json", {"type": "Position"})
+        odd = [np.nan, np.inf, -np.inf, -0.0, 1e300, 3.4028235e38, -3.4028235677973362e38, 3.4028235677973366e38, -3.402823568e38]
+        for dtype, order, version in itertools.product(["<f4", ">f4", "<f8", ">f8"], "CF", [(1, 0), (2, 0), (3, 0)]):
+            points = generator.normal(size=(700, 3)) * 10.0 ** generator.integers(-50, 50, (700, 3))
+            points.flat[: 10 * len(odd)] = odd * 10
+            with np.errstate(over="ignore"), open("in.npy", "wb") as file:
+                points = np.asarray(points, dtype, order)
+                np.lib.format.write_array(file, points, version)
+                wanted = points.astype("<f4", "C")
+            run("eval", place, "in.npy", "-o", "out.npy")
+            np.testing.assert_array_equal(np.load("out.npy").view("u4"), wanted.view("u4"), f"{dtype} {order} {version}")
 
         # Of noise, far from the origin, where differences are wider than its features.
         noise = scene("noise.json", {"type": "FractalNoise", "octaves": 1})

@@ -5,7 +5,7 @@
 #include "exchange/files.h"
 #include "zel_exchange/points.h"
 
-// Arrays in .npy files. numpy_test.py compares with NumPy itself.
+// Arrays in .npy files. command/results_test.py compares with NumPy itself.
 using namespace support;
 using namespace zel;
 using Orvane::Math::float3;
@@ -80,24 +80,28 @@ TEST(Npy, GivesPositionsOfBothOrders) {
     Folder const folder;
     std::mt19937 random(3);
     for (std::size_t const count : {0U, 1U, 10'000U})
-        for (bool const isFortran : {false, true}) {
+        for (int const kind : {0, 1, 2, 3}) {
+            bool const isFortran = kind % 2 != 0, isDouble = kind / 2 != 0;
             auto const numbers = anyFloats(random, 3 * count);
-            NpyWriter writer(folder / "a.npy", {.shape = {count, 3}, .isFortran = isFortran});
+            NpyWriter writer(folder / "a.npy",
+                             {.shape = {count, 3}, .isDouble = isDouble, .isFortran = isFortran});
             writer.write(numbers);
             writer.commit();
             NpyArray const array(folder / "a.npy");
-            PointView const view = array.viewPoints();
+            PointView const view = isDouble ? PointView{} : array.viewPoints();
             auto const points = pointsOf(array);
-            ASSERT_EQ(view.count, count);
+            ASSERT_EQ(view.count, isDouble ? 0 : count);
             std::vector<float3> wanted, viewed;
             for (std::size_t i = 0; i < count; ++i) {
                 std::size_t const x = isFortran ? i : 3 * i, step = isFortran ? count : 1;
                 wanted.push_back({numbers[x], numbers[x + step], numbers[x + 2 * step]});
                 auto const at = static_cast<std::ptrdiff_t>(i) * view.stride;
-                viewed.push_back({view.x[at], view.y[at], view.z[at]});
+                if (!isDouble) viewed.push_back({view.x[at], view.y[at], view.z[at]});
             }
             EXPECT_EQ(bitsOf(points), bitsOf(wanted));
-            EXPECT_EQ(bitsOf(viewed), bitsOf(wanted));
+            if (!isDouble) {
+                EXPECT_EQ(bitsOf(viewed), bitsOf(wanted));
+            }
             PointReader reader(folder / "a.npy");
             EXPECT_EQ(reader.count(), count);
             PointChunk chunk = reader.makeChunk(count + 1);

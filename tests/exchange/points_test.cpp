@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <zel/zel.h>
-
 #include <cmath>
 
 #include "exchange/files.h"
@@ -275,33 +273,6 @@ TEST(Points, OfHostilePlyFilesAreRefused) {
                            "property list char uchar l\nend_header\n" + std::string(12, '\0') +
                            '\xFF';
     EXPECT_THAT(errorOfText(negative), HasSubstr("the length of the list \"l\" is negative"));
-}
-
-TEST(Points, BindTheirPropertiesToTrees) {
-    std::string text = "x,y,z,mass,vx,vy,vz\n";
-    for (int i = 0; i < 10; ++i) {
-        std::string const n = std::to_string(i);
-        text += n + ",0,0," + n + ",0," + n + ",1\n";
-    }
-    PointReader reader(bytesOf(text), "text");
-    PointChunk chunk = reader.makeChunk(4);
-    Orvane::Object const object = objectOf(chunk);
-    ScalarGeoPropertyTriggered mass("mass");
-    VectorGeoPropertyTriggered velocity("v");
-    mass.apply_object(object);
-    velocity.apply_object(object);
-    float next = 0;
-    while (reader.read(chunk)) {
-        std::vector<float> values(chunk.count);
-        std::vector<float3> vectors(chunk.count);
-        evaluate(mass, PointView::of(chunk.points()), values);
-        evaluate(velocity, PointView::of(chunk.points()), vectors);
-        for (std::size_t i = 0; i < chunk.count; ++i, ++next) {
-            EXPECT_EQ(values[i], next);
-            EXPECT_EQ(vectors[i], (float3{0, next, 1}));
-        }
-    }
-    EXPECT_EQ(next, 10);
 }
 
 TEST(Points, AreWrittenWholeOrNotAtAll) {

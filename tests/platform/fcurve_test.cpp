@@ -2,9 +2,9 @@
 
 #include <cmath>
 #include <limits>
-#include <random>
 #include <stdexcept>
 
+#include "support/fuzz_target.h"
 #include "support/refused.h"
 
 namespace {
@@ -12,7 +12,6 @@ namespace {
 using Orvane::Math::FCurve;
 using Key = FCurve::Key;
 using enum FCurve::Extrapolation;
-constexpr auto kStep = FCurve::Segment::kConstant;
 constexpr auto kLine = FCurve::Segment::kLinear;
 constexpr auto kHermite = FCurve::Segment::kCubic;
 constexpr double kInf = std::numeric_limits<double>::infinity();
@@ -20,113 +19,22 @@ constexpr double kMax = std::numeric_limits<double>::max();
 
 constexpr auto kHold = FCurve::Extrapolation::kConstant, kGoOn = FCurve::Extrapolation::kLinear;
 
-TEST(FCurve, IdentityIsExact) {
-    std::mt19937_64 random(17);
-    for (std::vector<Key> const& keys : {std::vector<Key>{{0, 0}, {1, 1}},
-                                         {{-0.3, -0.3}, {0.1, 0.1}, {7, 7}},
-                                         {{1, 1, 1, 1}},
-                                         {{-kMax, -kMax, 1, 1}}}) {
-        FCurve const curve(keys, kGoOn, kGoOn);
-        for (int i = 0; i < 100'000; ++i) {
-            double const x = std::ldexp(static_cast<double>(random() | 1),
-                                        static_cast<int>(random() % 300) - 250) *
-                             (i % 2 == 0 ? 1 : -1);
-            ASSERT_EQ(curve.evalFCurve(x), x);
-        }
-        for (double x :
-             {0x1p53 + 2, 1e300, kMax, -kMax, 5e-324, kInf, -kInf, std::nextafter(1.0, 0.0)})
-            EXPECT_EQ(curve.evalFCurve(x), x);
-    }
+TEST(FCurve, AgreesWithItsFormulasInLongDouble) {
+    support::runFuzzTarget(50'000, 300);  // fuzz/fcurve_fuzz.cpp
 }
 
-TEST(FCurve, Segments) {
-    auto const f = [](double x) { return ((2 * x - 3) * x + 1) * x - 4; };
-    auto const slope = [](double x) { return (6 * x - 6) * x + 1; };
-    FCurve const curve({{-1, f(-1), 9, slope(-1), kHermite},
-                        {0.5, f(0.5), slope(0.5), slope(0.5), kHermite},
-                        {2, f(2), slope(2), 9, kStep},
-                        {3, 5, 9, 9, kLine},
-                        {5, 1}},
-                       kHold, kHold);
-    for (double x = -1; x <= 2; x += 0.01)
-        EXPECT_NEAR(curve.evalFCurve(x), f(x), 1e-13);  // a cubic is reproduced
-    double const values[][2] = {{2, f(2)}, {2.999, f(2)}, {3, 5},    {3.5, 4},      {4.5, 2},
-                                {5, 1},    {6, 1},        {kInf, 1}, {-1.5, f(-1)}, {-kInf, f(-1)}};
-    for (auto const& [x, value] : values) EXPECT_DOUBLE_EQ(curve.evalFCurve(x), value) << x;
-}
-
-TEST(FCurve, LinearExtrapolationContinuesTheTangent) {
-    struct Case {
-        FCurve::Segment segment;
-        double before, after;
-    };
-    for (auto const& [segment, before, after] :
-         {Case{kStep, 0, 0}, {kLine, 2, 2}, {kHermite, 5, -3}}) {
-        FCurve const curve({{1, 1, 77, 5, segment}, {2, 3, -3, 77, kHermite}}, kGoOn, kGoOn);
-        EXPECT_DOUBLE_EQ(curve.evalFCurve(-9), 1 - 10 * before);
-        EXPECT_DOUBLE_EQ(curve.evalFCurve(12), 3 + 10 * after);
-        EXPECT_EQ(curve.evalFCurve(kInf), after == 0 ? 3 : after * kInf);
-    }
-    // Of more than two keys the outer ones count.
-    FCurve const bent({{0, 0}, {1, 1}, {2, 5}}, kGoOn, kGoOn);
-    EXPECT_TRUE(bent.evalFCurve(-2) == -2 && bent.evalFCurve(3) == 9);
-    FCurve const single({{1, 1, 2, -3}}, kGoOn, kGoOn);
-    EXPECT_TRUE(single.evalFCurve(0) == -1 && single.evalFCurve(2) == -2);
-}
-
-TEST(FCurve, Cycles) {
+TEST(FCurve, ContinuesToInfinity) {
     std::vector<Key> const keys = {{0.5, 1, 0, 2, kHermite}, {1.25, 3, -1, 0, kLine}, {2.5, 4}};
     FCurve const cycle(keys, kCycle, kCycle), offset(keys, kCycleWithOffset, kCycleWithOffset);
-    for (double x = 0.5625; x < 2.5; x += 0.0625) {
-        double const v = cycle.evalFCurve(x);
-        for (double n : {-1e9, -3.0, -1.0, 1.0, 2.0, 1e6, 0x1p42}) {
-            EXPECT_EQ(cycle.evalFCurve(x + 2 * n), v) << x << ' ' << n;
-            EXPECT_DOUBLE_EQ(offset.evalFCurve(x + 2 * n), v + 3 * n) << x << ' ' << n;
-        }
-    }
     // The remainder of 1e300 by 2 is 0, which lies 1.5 after the first key.
     EXPECT_EQ(cycle.evalFCurve(1e300), cycle.evalFCurve(2));
-    EXPECT_NEAR(offset.evalFCurve(std::nextafter(2.5, 3)), 4, 1e-12);
-    EXPECT_NEAR(cycle.evalFCurve(std::nextafter(2.5, 3)), 1, 1e-12);
-    FCurve const uneven({{-0.1, 1}, {0.2, 7}, {0.6, 3}}, kCycleWithOffset, kCycleWithOffset);
-    for (double x = -500; x < 500; x += 0.013)
-        EXPECT_NEAR(uneven.evalFCurve(x + 0.7) - uneven.evalFCurve(x), 2, 1e-9) << x;
     EXPECT_EQ(offset.evalFCurve(kInf), kInf);
     EXPECT_EQ(offset.evalFCurve(-kInf), -kInf);
     EXPECT_TRUE(std::isnan(cycle.evalFCurve(kInf)));
-    FCurve const mixed(keys, kCycle, kHold);
-    EXPECT_EQ(mixed.evalFCurve(0), cycle.evalFCurve(2));
-    EXPECT_EQ(mixed.evalFCurve(100), 4);
-}
-
-TEST(FCurve, SlopeIsTheDerivative) {
-    std::vector<Key> const keys = {{-1, 2, 3, -1, kHermite},
-                                   {0.5, 1, 0.5, 4, kLine},
-                                   {2, -1, 1, 1, kStep},
-                                   {3, 5, 2, -2, kHermite},
-                                   {4.25, 1, -3, 6}};
-    for (auto kind : {kHold, kGoOn, kCycle, kCycleWithOffset}) {
-        FCurve const curve(keys, kind, kind), single({{1, 2, 3, 4}}, kind, kind);
-        int compared = 0;
-        for (double x = -9.9; x < 14; x += 0.037) {
-            auto const at = [&](double step) { return curve.evalFCurve(x + step); };
-            double const above = (at(1e-5) - at(0)) / 1e-5, below = (at(0) - at(-1e-5)) / 1e-5;
-            if (std::abs(above - below) > 1e-3) continue;  // at a key
-            ++compared;
-            EXPECT_NEAR(curve.slope(x), (above + below) / 2, 1e-8) << x;
-        }
-        EXPECT_GT(compared, 600);
-        EXPECT_TRUE(curve.slope(0.5) == -4.0 / 3 && curve.slope(2) == 0 && curve.slope(3) == -2);
-        EXPECT_EQ(curve.slope(4.25), -3);
-        EXPECT_TRUE(std::isnan(curve.slope(std::nan(""))));
-        bool const hold = kind == kHold, goOn = kind == kGoOn;
-        for (double end : {-kInf, kInf}) {
-            double const slope = curve.slope(end);
-            EXPECT_TRUE(hold || goOn ? slope == (hold ? 0 : end < 0 ? -1 : -3) : std::isnan(slope));
-        }
-        EXPECT_TRUE(single.slope(0.5) == (goOn ? 3 : 0) && single.slope(1) == (goOn ? 4 : 0));
-        EXPECT_EQ(FCurve({}, kind, kind).slope(1), 0);
-    }
+    for (double end : {-kInf, kInf})
+        for (FCurve const* curve : {&cycle, &offset}) EXPECT_TRUE(std::isnan(curve->slope(end)));
+    FCurve const rising({{0, 0}, {1, 1}, {2, 5}}, kGoOn, kGoOn);
+    EXPECT_TRUE(rising.evalFCurve(kInf) == kInf && rising.evalFCurve(-kInf) == -kInf);
 }
 
 TEST(FCurve, AnyInputGivesANumber) {

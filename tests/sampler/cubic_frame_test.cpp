@@ -1,7 +1,7 @@
 #include <stdexcept>
 
-#include "benchmarks/allocation_count.h"
 #include "sampler/cubic_volume.h"
+#include "support/fuzz_target.h"
 #include "zel_platform/quern_core/simd_target.h"
 
 namespace {
@@ -72,74 +72,10 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
         EXPECT_GT(compared[kind], 2000);
 }
 
-/// On scan lines, on walks and at random positions, with each way to treat a jump.
-TYPED_TEST(Frame, BlockIsPointByPoint) {
-    using Traits = typename TypeParam::Traits;
-    using T = typename TypeParam::Value;
-    using Floats = std::array<float, Internal::RegisterTraits<T>::kComponents>;
-    Random random(22);
-    for (auto const& [offsetType, jump, cacheSize] : {std::tuple{7, kJumpTrilinear, 0},
-                                                      {7, kJumpTrilinear, 3},
-                                                      {7, kJumpAdaptive, 0},
-                                                      {0, kJumpTrilinear, 0},
-                                                      {3, kJumpTrilinear, 0}}) {
-        TestVolume<Traits, T> volume(clusteredTree<Traits>(random, 2), offsetType, offsetType % 2,
-                                     Traits::kMaxDepth, T());
-        volume.fillRandomly(random);
-        for (int depth = 0; depth <= volume.container->depth(); ++depth)
-            for (long long n = 0; n < volume.flags.elementCount(depth); n += random(1, 5))
-                volume.flags.samples({0, depth})[n] = 1;
-        auto sampler = volume.sampler(kCubicC1, true, jump, &volume.flags, cacheSize);
-        for (int count : {0, 1, 32, 33, 300}) {
-            int const space = count % 2 * 2;
-            std::vector<float> x, y, z;
-            float3 p{};
-            for (int n = 0; n < count; ++n) {
-                p = n % 100 < 50 ? p + float3{0.25F, 0, 0} : volume.step(random, p, n);
-                float const scale = space == 2 ? 0.25F : 1.0F;
-                x.push_back(n == 40 ? kNaN : p.x * scale);
-                y.push_back(p.y * scale);
-                z.push_back(p.z * scale);
-            }
-            // Values by themselves, with their gradients, and gradients without them.
-            constexpr unsigned kValue = std::tuple_size_v<Floats>, kArrays = 8 * kValue;
-            std::vector<float> values[kArrays];
-            for (auto& array : values) array.assign(static_cast<std::size_t>(count) + 1, -3);
-            auto const arrays = [&]<std::size_t Count>(std::array<float*, Count> out,
-                                                       unsigned first) {
-                for (unsigned c = 0; c < Count; ++c) out[c] = values[first + c].data();
-                return out;
-            };
-            std::array<float*, kValue> const none{}, alone = arrays(none, 0),
-                                                     both = arrays(none, kValue);
-            std::array<float*, 3 *kValue> const gradients =
-                                                    arrays(decltype(gradients){}, 2 * kValue),
-                                                only = arrays(gradients, 5 * kValue);
-            // One sampler goes on from block to block, with a point between them.
-            auto other = volume.sampler(kCubicC1, true, jump, &volume.flags, cacheSize);
-            if (count > 0) sampler.sample({y[0], z[0], x[0]}, 3, space);
-            {
-                AllocationCount const allocations;
-                auto const [i, j, k] = std::array{x.data(), y.data(), z.data()};
-                sampler.sampleBatch(i, j, k, count, space, alone);
-                sampler.sampleGradientBatch(i, j, k, count, space, both, gradients);
-                sampler.sampleGradientBatch(i, j, k, count, space, none, only);
-                EXPECT_EQ(allocations.blocks(), 0U);
-            }
-            for (unsigned i = 0; i < x.size(); ++i) {
-                GradientOf<T> gradient;
-                auto const value = std::bit_cast<Floats>(
-                    other.sampleGradient({x[i], y[i], z[i]}, space, gradient));
-                auto const slopes = std::bit_cast<std::array<float, 3 * kValue>>(gradient);
-                for (unsigned c = 0; c < kArrays; ++c)
-                    ASSERT_TRUE(same(values[c][i], c < 2 * kValue
-                                                       ? value[c % kValue]
-                                                       : slopes[(c - 2 * kValue) % (3 * kValue)]))
-                        << i << " of " << count << " array " << c;
-            }
-            for (auto const& component : values) EXPECT_EQ(component.back(), -3);
-        }
-    }
+/// Of both samplers, in small trees of several depths: batches against points, and these against
+/// what is read slowly.
+TEST(FrameOfSmallTrees, IsWhatTheTreeSaysAndBlockIsPointByPoint) {
+    support::runFuzzTarget(4000, 300);  // fuzz/sampler_fuzz.cpp
 }
 
 /// A voxel just below a tile is read without the tile's halo, also if the cache has that.
@@ -208,15 +144,6 @@ TYPED_TEST(Frame, OutsideOddPositionsAndBadArguments) {
     addCube<Traits>(*flat, Traits::kMaxDepth, 6);
     float const c = 1.7F * Traits::kSamples;
     EXPECT_LT(distance(point.sampler(1, false, kJumpAdaptive).sample({c, c, c}, 0), five), 1e-5F);
-}
-
-TEST(CubicSampler, NamesOfTypes) {
-    TestVolume<BinaryTraits, float> const volume(Quern::makePtr<Container<BinaryTraits>>(1.0F), 7,
-                                                 0, 3, 0);
-    constexpr char const* kNames[] = {"kError",   "kQuadraticC0Averaged", "kCubicC0",
-                                      "kCubicC1", "kCubicC1Monotonic",    "kError"};
-    for (int type = -1; type < 5; ++type)
-        EXPECT_EQ(std::string(volume.sampler(type).samplerName()), kNames[type + 1]);
 }
 
 }  // namespace

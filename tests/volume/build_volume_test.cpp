@@ -299,6 +299,9 @@ TEST(VolumeObject, HoldsChannelsOverOneTree) {
             for (float3 const& p : {float3{0.6F, 0, 0}, {0.34F, -0.35F, 0.34F}}) {
                 EXPECT_NEAR(scalar.eval(p, 0), sphere.eval(p, 0), 2e-3F);
                 EXPECT_TRUE(same(vector.eval(p, 0), p, 1e-5F));
+                Orvane::Math::float3x3 gradient;
+                EXPECT_TRUE(same(vector.held().exactGradient(p, gradient), vector.eval(p, 0)));
+                EXPECT_TRUE(same(gradient, Orvane::Math::identity(), 1e-3F));
             }
             EXPECT_TRUE(same(vector.eval({support::kInf, 0, 0}, 0), float3{7, 8, 9}));
         }

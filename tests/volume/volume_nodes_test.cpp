@@ -33,9 +33,15 @@ template <class Traits, class T> struct FreshSampler : Interface<T> {
     int type;
 };
 
+Orvane::Object scaled(Orvane::Object object, Quern::Any scale) {
+    object.setProperty(sceneUnitsInMeters, std::move(scale));
+    return object;
+}
+
 /// Of all offsets, as the samplers do; a linear function exactly where that is possible.
 TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
     forAllKinds([]<class Traits, class T>(Traits, T) {
+        using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
         struct Case {
             T (*function)(float3 const&);
             VoxelOffsetType offset;
@@ -87,14 +93,22 @@ TEST(VolumeNodes, ReadEitherKindWithEachSampler) {
                     }
                 }
                 EXPECT_EQ(node.samplers(), 1);
-                // Only a node with a halo keeps its volume when another object comes.
+                // Only a node with a halo keeps its volume when another object comes, of which it
+                // has the scale alone.
+                bool const keeps = linear && offset == 7;
                 auto const other = function == plane<T> ? waves<T> : plane<T>;
                 float3 const somewhere{0.12F, 0.03F, -0.21F};
                 late.apply_object(host(build<Traits, T>(other, offset)));
-                EXPECT_EQ(same(late.eval(somewhere, 0), node.eval(somewhere, 0)),
-                          linear && offset == 7);
+                EXPECT_EQ(late.samplers(), keeps ? 1 : 0);
+                EXPECT_EQ(same(late.eval(somewhere, 0), node.eval(somewhere, 0)), keeps);
+                late.apply_object(scaled(host(build<Other, T>(other, offset)), 0.5F));
+                EXPECT_EQ(same(late.eval(somewhere * 2, 0), node.eval(somewhere, 0)), keeps);
+                EXPECT_EQ(late.template state<Traits>().valid, keeps);
+                EXPECT_EQ(late.template state<Other>().valid, !keeps);
+                EXPECT_EQ(bool(late.template state<Traits>().channel), keeps);
                 late.apply_object(host(volume, "e"));
-                EXPECT_EQ(late.bound(), linear && offset == 7);
+                EXPECT_EQ(late.bound(), keeps);
+                EXPECT_TRUE(keeps || same(late.eval(somewhere, 0), T{}));
             }
         }
     });
@@ -165,75 +179,7 @@ TEST(VolumeNodes, AskADerivedClassForTheDifferencesOfCubicGradients) {
     EXPECT_EQ(node.calls, 6);
 }
 
-/// Functions that cubic samplers reproduce. Within 1 of the origin they rise or fall along each
-/// axis, so that no value is clamped.
-double quadratic(std::size_t row, std::array<double, 3> const& d) {
-    auto const [x, y, z] = d;
-    return std::array{3 * x - 2 * y + 5 * z + x * x - y * z / 2,
-                      2 * x + 3 * y - 4 * z + y * z - z * z,
-                      -2 * x + 2 * y - 4 * z + x * y + y * y / 4}[row];
-}
-
-/// Exact gradients against differences in double, near the origin of the world and far away.
-TEST(ExactGradients, AreThoseOfTheFunction) {
-    forAllKinds([]<class Traits, class T>(Traits, T) {
-        constexpr float kVoxel = 0.125F;
-        constexpr std::size_t kRows = sizeof(T) / sizeof(float);
-        for (float const far : {0.001F, 1.0F, 50.0F, 10000.0F}) {
-            float3 const centre{far, -far, far};
-            auto const from = [&](float3 const& p, std::size_t a) {
-                return double{p[static_cast<int>(a)]} - double{centre[static_cast<int>(a)]};
-            };
-            auto const volume = buildVolume<Traits, T>(
-                kVoxel, Traits::kMaxDepth,
-                [&](float3 const& low, float3 const& high, int) {
-                    bool near = true;
-                    for (std::size_t a = 0; a < 3; ++a)
-                        near = near && from(low, a) < 3 && from(high, a) > -3;
-                    return near;
-                },
-                [&](float3 const& p) {
-                    auto const f = [&](std::size_t row) {
-                        return static_cast<float>(
-                            quadratic(row, {from(p, 0), from(p, 1), from(p, 2)}));
-                    };
-                    return make<T>(f(0), f(1), f(2));
-                },
-                outside<T>());
-            for (SamplerType const type : kTypes) {
-                zel::detail::VolumeReader<T> reader("d", type);
-                reader.bind(host(volume));
-                bool const linear = type == SamplerType::kLinear;
-                for (float3 const& near : positions(200, 1)) {
-                    float3 const p = centre + near;
-                    GradientOf<T> gradient;
-                    ASSERT_TRUE(same(reader.exactGradient(p, gradient), reader.value(p)));
-                    auto const got = std::bit_cast<std::array<float, 3 * kRows>>(gradient);
-                    for (std::size_t c = 0; c < got.size(); ++c) {
-                        // Along an axis a linear sampler has the difference over the voxel.
-                        std::size_t const axis = c % 3;
-                        float const lowest = std::floor(p[static_cast<int>(axis)] / kVoxel);
-                        double const step = linear ? double{kVoxel} : 2e-4;
-                        std::array low{from(p, 0), from(p, 1), from(p, 2)}, high = low;
-                        low[axis] = linear ? from(float3{1, 1, 1} * (lowest * kVoxel), axis)
-                                           : low[axis] - step / 2;
-                        high[axis] = low[axis] + step;
-                        double const slope =
-                            (quadratic(c / 3, high) - quadratic(c / 3, low)) / step;
-                        ASSERT_NEAR(got[c], slope, 1e-4 * 7) << far << ' ' << c;
-                    }
-                }
-            }
-        }
-    });
-}
-
 // The scale of triggered nodes.
-
-Orvane::Object scaled(Orvane::Object object, Quern::Any scale) {
-    object.setProperty(sceneUnitsInMeters, std::move(scale));
-    return object;
-}
 
 TEST(VolumeScale, MovesPositionsAndLeavesGradientsOfTheVolume) {
     auto const curved = build<BinaryTraits, float>(waves<float>);
@@ -267,32 +213,6 @@ TEST(VolumeScale, StaysWithoutAFloat) {
             EXPECT_TRUE(same(applied(object, other), plane<float>(p * 2), 1e-6F));
         EXPECT_TRUE(same(applied({}, -2.0F), plane<float>(p * -2), 1e-6F));  // the volume stays
     }
-}
-
-TEST(VolumeScale, ComesAloneForALinearNodeAndWithTheNextVolumeForACubicOne) {
-    forAllKinds([]<class Traits, class T>(Traits, T) {
-        using Other = std::conditional_t<Traits::kBranch == 2, QuinaryTraits, BinaryTraits>;
-        auto const first = build<Traits, T>(plane<T>);
-        auto const second = build<Other, T>([](float3 const& p) { return plane<T>(p) * 10.0F; });
-        float3 const p{0.05F, 0.1F, -0.1F};
-        for (SamplerType const type : kTypes) {
-            bool const linear = type == SamplerType::kLinear;
-            LateNodeFor<T> node("d", type);
-            node.apply_object(host(first));
-            EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p), 1e-6F));
-            EXPECT_EQ(node.samplers(), 1);
-            node.apply_object(scaled(host(second), 2.0F));
-            EXPECT_EQ(node.samplers(), linear ? 1 : 0);
-            EXPECT_TRUE(same(node.eval(p, 0), plane<T>(p * 2) * (linear ? 1.0F : 10.0F), 1e-6F));
-            EXPECT_EQ(node.template state<Traits>().valid, linear);
-            EXPECT_EQ(node.template state<Other>().valid, !linear);
-            EXPECT_EQ(bool(node.template state<Traits>().channel), linear);
-            // A volume without the channel leaves a cubic node unbound.
-            node.apply_object(host(second, "e"));
-            EXPECT_EQ(node.bound(), linear);
-            EXPECT_TRUE(same(node.eval(p, 0), linear ? plane<T>(p * 2) : T{}, 1e-6F));
-        }
-    });
 }
 
 // Where halos come from.

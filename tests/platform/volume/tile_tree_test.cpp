@@ -4,6 +4,7 @@
 #include <climits>
 #include <stdexcept>
 
+#include "support/fuzz_target.h"
 #include "support/refused.h"
 
 namespace {
@@ -29,110 +30,30 @@ void expectFound(TileOf<Traits> const& tile, TileMap<Traits> const& map, int3 co
     }
 }
 
-TYPED_TEST(Lookup, AgreesWithAMapOfTiles) {
-    Random random(51);
-    for (int round = 0; round < 6; ++round) {
-        RandomTree<TypeParam> made(random, 60, TypeParam::kMaxDepth);
-        auto& [tree, map, indices, points] = made;
-        std::vector<TileOf<TypeParam> const*> tiles;  // by index in `indices`; they never move
-        auto const roaming = tree.tileAccessor();     // one cursor for all, to try every climb
-        for (int i = 0; i < 4000; ++i) {
-            int depth = random(-1, TypeParam::kMaxDepth + 2);
-            int3 p =
-                points[static_cast<std::size_t>(random(0, static_cast<int>(points.size()) - 1))];
-            if (i % 4 == 0) {  // at and around the faces of the tiles over the point
-                int const d = random(0, TypeParam::kMaxDepth);
-                int3 const c = corner<TypeParam>(p, d);
-                for (int axis = 0; axis < 3; ++axis)
-                    p[axis] = static_cast<int>(c[axis] + random(0, 1) * width<TypeParam>(d) +
-                                               random(-1, 0));
-            } else if (i % 4 == 1) {
-                p = {random(INT_MIN, INT_MAX), random(INT_MIN, INT_MAX), random(INT_MIN, INT_MAX)};
-            } else if (i % 24 == 2) {
-                p[random(0, 2)] =
-                    random(0, 1) == 0 ? INT_MIN + random(0, 1) : INT_MAX - random(0, 1);
-            } else if (i % 4 == 2) {
-                p = p + int3{random(-9, 9), random(-9, 9), random(-9, 9)};
-            } else if (i % 8 == 3) {               // adds a tile, and a second time the same one
-                bool const wide = round % 2 == 1;  // many tiles beside each other below the root
-                auto const low = wide ? static_cast<int>(kLow<TypeParam>) : -3000, high = -low - 1;
-                p = {random(low, high), random(low, high), random(low, high)};
-                depth =
-                    wide ? random(1, TypeParam::kMaxDepth) : TypeParam::kMaxDepth - random(0, 2);
-                made.add(p, depth);
-                ASSERT_EQ(tree.addTile(p.x, p.y, p.z, depth), indices.back());
-            }
-            while (tiles.size() < indices.size())
-                tiles.push_back(&tree.tile(indices[tiles.size()]));
-            auto const& tile = roaming.tile(p.x, p.y, p.z, depth);
-            expectFound<TypeParam>(tile, map, p, depth);
-            ASSERT_EQ(roaming.m_currentTile, &tile);
-            ASSERT_EQ(&tile, &tree.tileAccessor().tile(p.x, p.y, p.z, depth));
-            ASSERT_EQ(&tile, &tree.tile(tile.treeIndex()));
-        }
-        EXPECT_EQ(tree.size(), map.size());
-        Container<TypeParam> const copy(tree);
-        for (std::size_t i = 0; i < tiles.size(); ++i) {
-            int3 const low = corner<TypeParam>(points[i], indices[i].depth);
-            ASSERT_TRUE(tiles[i] == &tree.tile(indices[i]) && tiles[i]->tijk() == low);
-            auto const& twin = copy.tileAccessor().tile(low.x, low.y, low.z, indices[i].depth);
-            ASSERT_TRUE(&twin != tiles[i] && twin.treeIndex() == indices[i]);
-        }
-    }
+TEST(LookupOfGrowingTrees, AgreesWithASetOfTiles) {
+    support::runFuzzTarget(3000, 1000);  // fuzz/tile_tree_fuzz.cpp
 }
 
-TYPED_TEST(Lookup, OfManyPointsAgreesWithAMapOfTiles) {
-    using Cells = std::array<std::uint32_t, Container<TypeParam>::kMaxPoints>;
-    Random random(57);
-    for (int round = 0; round < 400; ++round) {
-        // Some trees branch from the root on, the others at deep tiles alone.
-        bool const wide = round % 40 == 0;
-        RandomTree<TypeParam> const made(random, wide ? 0 : 60,
-                                         wide ? 4 : random(0, TypeParam::kMaxDepth));
-        auto const last = static_cast<int>(made.points.size()) - 1;
-        int const depth = random(-1, made.tree.depth() + 1),
-                  count = random(0, 3) ? random(0, 128) : 128;
-        auto const d = std::clamp(depth, 0, +TypeParam::kMaxDepth);
-        auto const w = static_cast<std::uint32_t>(width<TypeParam>(d));
-        std::array<Cells, 3> cells;
-        for (unsigned i = 0; i < static_cast<unsigned>(count); ++i) {
-            int3 const p = made.points[static_cast<std::size_t>(random(0, last))];
-            bool const again = i > 0 && random(0, 2) == 0;  // rows of one tile
-            for (unsigned a = 0; a < 3; ++a)
-                cells[a][i] =
-                    again ? cells[a][i - 1] : TypeParam::aboveRoot(p[static_cast<int>(a)]) / w;
-            // A tile's neighbours, cells that no tile can have, and cells whose product with a
-            // width wraps around to the cell of a tile.
-            auto& some = cells[static_cast<unsigned>(random(0, 2))][i];
-            if (random(0, 3) == 0) some += static_cast<std::uint32_t>(random(-1, 1));
-            if (random(0, 20) == 0) some = static_cast<std::uint32_t>(random(INT_MIN, INT_MAX));
-            if (TypeParam::kBranch == 2 && random(0, 20) == 0) some |= 1U << (d + 2);
-        }
-        std::vector<TileRun> runs(static_cast<std::size_t>(count) + 1, TileRun{-7, -7});
-        auto const& [x, y, z] = cells;
-        int const found =
-            made.tree.findTiles(depth, x.data(), y.data(), z.data(), count, runs.data());
-        std::array<TreeIndex, Container<TypeParam>::kMaxPoints> deepest;
-        made.tree.findDeepestTiles(d, x.data(), y.data(), z.data(), count, deepest.data());
-        int end = 0;
-        for (int r = 0; r < found; ++r) {
-            TileRun const run = runs[static_cast<std::size_t>(r)];
-            ASSERT_TRUE(end < run.end && run.end <= count);
-            for (auto i = static_cast<unsigned>(end); i < static_cast<unsigned>(run.end); ++i) {
-                bool const inside = std::max({x[i], y[i], z[i]}) < TypeParam::kRootWidth / w;
-                auto const low = [&](std::uint32_t cell) {
-                    return static_cast<int>(kLow<TypeParam> + (inside ? cell * w : 0));
-                };
-                int3 const p{low(x[i]), low(y[i]), low(z[i])};
-                ASSERT_EQ(run.tile >= 0, inside && depth == d && made.map.has(p, d)) << depth;
-                ASSERT_EQ(deepest[i].valid(), inside);
-                if (inside) expectFound<TypeParam>(made.tree.tile(deepest[i]), made.map, p, d);
-                ASSERT_TRUE(run.tile < 0 || made.tree.tile(run.tile, depth).m_tijk == p);
+TYPED_TEST(Lookup, FindsNothingInCellsBeyondTheRoot) {
+    for (int depth = 0; depth <= TypeParam::kMaxDepth; ++depth) {
+        Container<TypeParam> tree(1);
+        tree.addTile(0, 0, 0, depth);
+        auto const w = static_cast<std::uint32_t>(width<TypeParam>(depth)),
+                   inside = TypeParam::aboveRoot(0) / w;
+        // In a binary tree, the product of one and the width wraps around to the tile's place.
+        bool const wraps = TypeParam::kBranch == 2;
+        for (std::uint32_t const other : {inside, TypeParam::kRootWidth / w, UINT_MAX,
+                                          wraps ? inside + (1U << (depth + 2)) : UINT_MAX / 2})
+            for (unsigned axis = 0; axis < 3; ++axis) {
+                std::array<std::uint32_t, 3> cell{inside, inside, inside};
+                cell[axis] = other;
+                std::array<TileRun, 2> runs;
+                TreeIndex deepest;
+                ASSERT_EQ(tree.findTiles(depth, &cell[0], &cell[1], &cell[2], 1, runs.data()), 1);
+                tree.findDeepestTiles(depth, &cell[0], &cell[1], &cell[2], 1, &deepest);
+                EXPECT_EQ(runs[0].tile >= 0, other == inside) << depth << ' ' << other;
+                EXPECT_EQ(deepest.valid(), other == inside) << depth << ' ' << other;
             }
-            end = run.end;
-        }
-        ASSERT_EQ(end, count);
-        ASSERT_EQ(runs[static_cast<std::size_t>(found)].end, -7);
     }
 }
 
@@ -160,44 +81,6 @@ TEST(InnerTiles, OfOneHashAreToldApart) {
     EXPECT_TRUE(runs[0].tile == 0 && runs[1].tile == -1);
 }
 
-TYPED_TEST(Lookup, FindsNeighborsAndChildren) {
-    Random random(52);
-    RandomTree<TypeParam> const made(random, 150, TypeParam::kMaxDepth);
-    auto const& [tree, map, indices, points] = made;
-    auto const accessor = tree.tileAccessor();
-    for (TreeIndex const& index : indices) {
-        auto const& tile = tree.tile(index);
-        int const w = static_cast<int>(tile.tileVoxelWidth());
-        for (int direction = 0; direction < 27; ++direction) {
-            int3 const step{direction / 9 - 1, direction / 3 % 3 - 1, direction % 3 - 1};
-            expectFound<TypeParam>(accessor.tileNeighbor(tile, direction), map,
-                                   tile.tijk() + step * w, index.depth);
-        }
-        for (int i = 0; i < 20; ++i) {
-            auto const below = [&] { return random(0, w - 1); };
-            int3 const p = tile.tijk() + int3{below(), below(), below()};
-            int3 const child = tile.childIJK(p);
-            int3 const inVoxel = p - (tile.tijk() + tile.childDataIJK(p) * tile.voxelDataWidth());
-            for (int axis = 0; axis < 3; ++axis) {
-                ASSERT_TRUE(0 <= inVoxel[axis] && inVoxel[axis] < tile.voxelDataWidth());
-                ASSERT_EQ(child[axis], (p[axis] - tile.tijk()[axis]) / (w / TypeParam::kBranch));
-            }
-            bool const has = index.depth < TypeParam::kMaxDepth && map.has(p, index.depth + 1);
-            TreeIndex const found = tile.childTreeIndex(child);
-            ASSERT_TRUE(tile.isLeaf(child) == !has && found.valid() == has);
-            if (has) {
-                ASSERT_EQ(tree.tile(found).tijk(), (corner<TypeParam>(p, index.depth + 1)));
-                ASSERT_EQ(tree.tile(found).parentTreeIndex(), index);
-            }
-        }
-    }
-    auto const& root = tree.tile(0, 0);
-    EXPECT_TRUE(root.isLeaf({-1, 0, 0}) && root.isLeaf({0, TypeParam::kBranch, 0}));
-    EXPECT_FALSE(root.childTreeIndex({0, 0, INT_MAX}).valid());
-    for (TreeIndex const& bad : {TreeIndex{}, TreeIndex{-1, 0}, TreeIndex{1, 0}, TreeIndex{0, 99}})
-        EXPECT_FALSE(tree.tile(bad).exists());
-}
-
 TYPED_TEST(Lookup, RefusesBadDirectionsAndRoundsDown) {
     Container<TypeParam> row(1);  // bad directions would lead to these tiles
     int const w = static_cast<int>(width<TypeParam>(4));
@@ -206,6 +89,11 @@ TYPED_TEST(Lookup, RefusesBadDirectionsAndRoundsDown) {
     row.addTile(-w, -w, -2 * w, 4);
     for (int const direction : {27, -1, 1 << 30})
         EXPECT_FALSE(row.tileAccessor().tileNeighbor(middle, direction).exists());
+    auto const& root = row.tile(0, 0);
+    EXPECT_TRUE(root.isLeaf({-1, 0, 0}) && root.isLeaf({0, TypeParam::kBranch, 0}));
+    EXPECT_FALSE(root.childTreeIndex({0, 0, INT_MAX}).valid());
+    for (TreeIndex const& bad : {TreeIndex{}, TreeIndex{-1, 0}, TreeIndex{1, 0}, TreeIndex{0, 99}})
+        EXPECT_FALSE(row.tile(bad).exists());
     int const voxel = middle.voxelDataWidth();
     for (int const below : {1, voxel, voxel + 1})
         EXPECT_EQ(middle.childDataIJK(middle.tijk() - int3{below, 0, 0}).x,

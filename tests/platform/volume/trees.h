@@ -132,11 +132,7 @@ template <class Traits> struct RandomTree {
         if (tiles == 0) refine(random, {low, low, low}, 1, deepest);
     }
 
-    void add(int3 const& p, int depth) {
-        indices.push_back(tree.addTile(p.x, p.y, p.z, depth));
-        points.push_back(p);
-        map.add(p, depth);
-    }
+    void add(int3 const& p, int depth) { tree.addTile(p.x, p.y, p.z, depth); }
     /// Adds most children of a tile, and refines some of those.
     void refine(Random& random, int3 const& low, int depth, int deepest) {
         bool const binary = Traits::kBranch == 2;
@@ -151,9 +147,6 @@ template <class Traits> struct RandomTree {
     }
 
     Container<Traits> tree;
-    TileMap<Traits> map;
-    std::vector<TreeIndex> indices;
-    std::vector<int3> points;
 };
 
 /// A position on the lattice, in and around some tile: anywhere, on a face between voxels or tiles,
