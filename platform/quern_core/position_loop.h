@@ -57,6 +57,19 @@ loopOverPositionsWide(int count, Body const& shared, Read const& __restrict... r
     }
 }
 
+template <bool kShort, class Body, class... Read>
+ZEL_CLANG_NOINLINE ZEL_WIDEST_TARGET __attribute__((flatten)) void
+loopOverPositionsWidest(int count, Body const& shared, Read const& __restrict... read) {
+    Body const body = shared;
+    if constexpr (kShort) {
+        ZEL_INDEPENDENT_SHORT
+        for (int i = 0; i < count; ++i) body(i, read...);
+    } else {
+        ZEL_INDEPENDENT
+        for (int i = 0; i < count; ++i) body(i, read...);
+    }
+}
+
 /// Calls `body(i, read...)` for each i from 0 to count - 1. The body must be a lambda marked
 /// ZEL_ALWAYS_INLINE, so that it is compiled as part of each form of the loop. It captures its
 /// parameters, and pointers to the arrays that it reads and writes, by value; no iteration may
@@ -65,7 +78,9 @@ loopOverPositionsWide(int count, Body const& shared, Read const& __restrict... r
 /// marks a body of few operations.
 template <bool kShort = false, class Body, class... Read>
 void forEachPosition(int count, Body const& body, Read const&... read) {
-    if (wideVectors)
+    if (widestVectors && count >= 32)
+        loopOverPositionsWidest<kShort, Body, Read...>(count, body, read...);
+    else if (wideVectors)
         loopOverPositionsWide<kShort, Body, Read...>(count, body, read...);
     else
         loopOverPositions<kShort, Body, Read...>(count, body, read...);
