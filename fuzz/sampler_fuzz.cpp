@@ -1,6 +1,7 @@
 // Makes a small tree of tiles of several depths from bytes, with samples of few binary digits, and
 // reads it by the linear and the cubic sampler at positions from bytes: point by point and in
-// batches, against what the references of the tests read slowly from the tree.
+// batches, against what the references of the tests read slowly from the tree, and against samplers
+// that have sampled nothing yet.
 
 #include <array>
 #include <cmath>
@@ -19,6 +20,8 @@ using support::make;
 
 constexpr int kLattice = 0, kLevels = 4;
 constexpr std::size_t kSlowPositions = 6;
+constexpr std::size_t kFreshLinear = 2;  // each has 2 MB
+constexpr std::size_t kFreshCubic = 6;   // kept stencils seldom meet in one slot
 
 template <class Traits, class T> class Scene {
 public:
@@ -42,22 +45,41 @@ public:
                 p[random(0, 2)] = kFar[random(0, static_cast<int>(std::size(kFar)) - 1)];
             if (random(0, 3) == 0 && !m_points.empty()) p = m_points.back() + float3{0.25F, 0, 0};
             m_points.push_back(p);
-            for (int axis = 0; axis < 3; ++axis)
-                m_at[static_cast<unsigned>(axis)].push_back(p[axis]);
         }
         m_limit = random(0, 3) == 0 ? random(-1, m_deepest) : Traits::kMaxDepth;
+        if (random(0, 1) == 0) {  // in a few tiles, or all in one voxel
+            float const scale = std::ldexp(1.0F, -random(1, 24));
+            for (float3& p : m_points) p = m_points[0] + (p - m_points[0]) * scale;
+        }
+        for (float3 const& p : m_points)
+            for (int axis = 0; axis < 3; ++axis)
+                m_at[static_cast<unsigned>(axis)].push_back(p[axis]);
     }
 
     void checkLinear() const {
-        VoxelSamplerLinear<Traits, T, 1, float, float3, 0, 0, 1, 0> sampler(
-            *m_volume.container, m_volume.topology, m_volume.channel);
+        auto const& container = *m_volume.container;
+        auto const& topology = m_volume.topology;
+        auto const& channel = m_volume.channel;
+        auto const make = [&] { return LinearSampler<Traits, T>(container, topology, channel); };
+        auto sampler = make();
         checkBatch(sampler, m_limit, kLattice);
-        if (m_volume.topology.offsetType() != 7) return;  // there the halo is another one
-        SlowHalo<Traits, T> const halo(*m_volume.container, m_volume.channel, 7);
+        checkAfresh(kFreshLinear, sampler, make, m_limit, kLattice);
+        if (topology.offsetType() != 7) return;  // there the halo is a ring
+        HaloChannel<Traits, T> computed("", &channel.defaultValue(), 0, false, true,
+                                        channel.minDepth(), channel.depth());
+        computed.update(topology);
+        computeHalo<Traits, T, 0, 0, 1, 0>(channel, container, computed, channel.minDepth(),
+                                           channel.depth());
+        LinearSampler<Traits, T> reading(container, topology, computed);
+        checkBatch(reading, m_limit, kLattice);
+        for (float3 const& p : m_points)
+            expect(same(sampleAt(sampler, p, m_limit, kLattice),
+                        sampleAt(reading, p, m_limit, kLattice)));
+        SlowHalo<Traits, T> const halo(container, channel, 7);
         for (float3 const& p : slowPositions()) {
-            LinearSample<T> expected{m_volume.channel.defaultValue()}, got;
-            auto const place = locate(m_volume.topology, p, std::min(m_limit, m_deepest));
-            if (place && place->tile->depth() >= m_volume.channel.minDepth()) {
+            LinearSample<T> expected{channel.defaultValue()};
+            auto const place = locate(topology, p, std::min(m_limit, m_deepest));
+            if (place && place->tile->depth() >= channel.minDepth()) {
                 auto const low = halo.first(*place->tile);
                 std::array<T, 8> cells;
                 for (int n = 0; n < 8; ++n) {
@@ -65,12 +87,11 @@ public:
                     cells[static_cast<unsigned>(n)] = halo.sample(
                         {low[0] + at.x, low[1] + at.y, low[2] + at.z}, place->tile->depth());
                 }
-                expected = interpolate<T>(
-                    *place, m_volume.container->voxelSize(), [&](int x, int y, int z) {
-                        return cells[static_cast<unsigned>(x + 2 * y + 4 * z)];
-                    });
+                expected = interpolate<T>(*place, container.voxelSize(), [&](int x, int y, int z) {
+                    return cells[static_cast<unsigned>(x + 2 * y + 4 * z)];
+                });
             }
-            got.value = sampler.sampleGradient(p, m_limit, kLattice, got.gradient);
+            auto const got = sampleAt(sampler, p, m_limit, kLattice);
             // A fifth of a sample is rounded, and the order of the sums is another one.
             expect(Traits::kBranch == 2 ? same(got, expected)
                                         : distance(got.value, expected.value) < 1e-4F);
@@ -81,9 +102,14 @@ public:
         int const type = random(0, 3);
         bool const clamp = random(0, 1) != 0, isAdaptive = random(0, 2) == 0;
         long long const cache = random(0, 3);
-        auto sampler = m_volume.sampler(type, clamp, isAdaptive ? kJumpAdaptive : kJumpTrilinear,
-                                        random(0, 1) != 0 ? &m_volume.flags : nullptr, cache);
+        auto const* const flags = random(0, 1) != 0 ? &m_volume.flags : nullptr;
+        auto const make = [&] {
+            return m_volume.sampler(type, clamp, isAdaptive ? kJumpAdaptive : kJumpTrilinear, flags,
+                                    cache);
+        };
+        auto sampler = make();
         checkBatch(sampler, kLattice);
+        checkAfresh(kFreshCubic, sampler, make, m_limit, kLattice);
         if (isAdaptive) return;
         cubic::Reference<Traits, T> const reference(m_volume);
         for (float3 const& p : slowPositions()) {
@@ -109,6 +135,19 @@ private:
         return tree;
     }
 
+    static LinearSample<T> sampleAt(auto& sampler, float3 const& p, auto... where) {
+        LinearSample<T> sample;
+        sample.value = sampler.sampleGradient(p, where..., sample.gradient);
+        return sample;
+    }
+
+    /// What a sampler has kept changes no bit. It has kept the most for the last points.
+    void checkAfresh(std::size_t count, auto& sampler, auto const& make, auto... where) const {
+        for (float3 const& p : std::span(m_points).last(std::min(m_points.size(), count))) {
+            auto fresh = make();
+            expect(same(sampleAt(sampler, p, where...), sampleAt(fresh, p, where...)));
+        }
+    }
     /// A sampler goes on from batch to batch, and then from point to point, with the same bits.
     template <class Sampler> void checkBatch(Sampler& sampler, auto... where) const {
         constexpr unsigned kFloats = sizeof(T) / sizeof(float);
@@ -126,8 +165,7 @@ private:
         sampler.sampleBatch(x, y, z, count, where..., alone);
         sampler.sampleGradientBatch(x, y, z, count, where..., values, gradients);
         for (std::size_t n = 0; n < m_points.size(); ++n) {
-            LinearSample<T> sample;
-            sample.value = sampler.sampleGradient(m_points[n], where..., sample.gradient);
+            auto const sample = sampleAt(sampler, m_points[n], where...);
             expect(same(sample.value, sampler.sample(m_points[n], where...)));
             auto const floats = std::bit_cast<std::array<float, 4 * kFloats>>(sample);
             for (unsigned k = 0; k < 5 * kFloats; ++k)

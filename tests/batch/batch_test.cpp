@@ -7,7 +7,7 @@
 #include <thread>
 
 #ifdef __SSE__
-#include <xmmintrin.h>
+#include <pmmintrin.h>
 #endif
 
 #include "support/probe.h"
@@ -125,24 +125,35 @@ TEST(Batch, PreparesATreeAnewForEachHookThatSamplesIt) {
     }))->eval(Quern::Array<float3>());
 }
 
+/// How the thread rounds and, with SSE, whether it reads and writes subnormal numbers as 0.
+unsigned modes() {
+#ifdef __SSE__
+    return _mm_getcsr() & ~_MM_EXCEPT_MASK;
+#else
+    return static_cast<unsigned>(std::fegetround());
+#endif
+}
+
 TEST(Batch, RoundsToNearestAndKeepsSubnormalsWhateverTheThreadHasSet) {
     ScalarPtr const x = makePtr<ScalarFieldXPosition>();
     ScalarPtr const third = makePtr<ScalarFieldDivide>(x, makePtr<ScalarFieldConstant>(3.0F));
-    for (long long const count : {1, 1000, 100000}) {
-        Quern::Array<float3> positions(count, float3{1, 0, 0});
-        positions[0].x = 1e-38F;
-        auto const expected = third->eval(positions);
-        std::fesetround(FE_UPWARD);
+    for (long long const count : {1, 1000, 100000})
+        for (float const number : {1e-38F, 1.0F, 5.0F}) {  // 1 / 3 is rounded up, 5 / 3 down
+            Quern::Array<float3> const positions(count, float3{number, 0, 0});
+            auto const expected = third->eval(positions);
+            for (int const direction : {FE_UPWARD, FE_DOWNWARD, FE_TOWARDZERO}) {
+                std::fesetround(direction);
 #ifdef __SSE__
-        _mm_setcsr(_mm_getcsr() | _MM_FLUSH_ZERO_ON);
+                _mm_setcsr(_mm_getcsr() | _MM_FLUSH_ZERO_ON | _MM_DENORMALS_ZERO_ON);
 #endif
-        auto const values = third->eval(positions);
-        float volatile little = 0x1p-30F;
-        bool const isUpward = 1 + little > 1;  // as before
-        std::fesetenv(FE_DFL_ENV);
-        EXPECT_TRUE(isUpward);
-        EXPECT_EQ(*values, *expected);
-    }
+                unsigned const before = modes();
+                auto const values = third->eval(positions);
+                unsigned const after = modes();
+                std::fesetenv(FE_DFL_ENV);
+                EXPECT_EQ(after, before);
+                EXPECT_EQ(*values, *expected);
+            }
+        }
 }
 
 TEST(Batch, OfOneTreeRunsOnManyThreadsAtOnce) {

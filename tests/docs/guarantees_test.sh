@@ -2,7 +2,9 @@
 # guarantees_test.sh SOURCE: the tests that docs/guarantees.md names exist.
 set -euo pipefail
 cd "$1"
-names=$(grep -oE '`([A-Z][A-Za-z]+\.[A-Z][A-Za-z]+|[a-z]+_files)`' docs/guarantees.md | tr -d '`' | sort -u)
+# Names follow a sentence, and are not a part of the next one.
+names=$(tr -s '\n ' ' ' <docs/guarantees.md | grep -oP '(?<=\. )(`[^` ]+` )+(?=[A-Z#-]|$)' |
+    grep -oE '[^` ]+' | sort -u)
 [ "$(wc -l <<<"$names")" -gt 25 ]
 # In one line, since a long name stands on a line of its own.
 tests=$(find tests -name '*.cpp' -exec cat {} + | tr -s '\n ' ' ')
@@ -11,7 +13,7 @@ for name in $names; do
     if [[ $name == *.* ]]; then
         grep -qE "TEST(_F|_P)?\(${name%.*}, ?${name#*.}\)" <<<"$tests" && continue
     else
-        grep -q "add_test(NAME $name\$" tests/CMakeLists.txt && continue
+        grep -qE "(add_test\(NAME|IN ITEMS) (.* )?$name( |\)|\$)" tests/CMakeLists.txt && continue
     fi
     echo "docs/guarantees.md: there is no test $name"
     missing=1

@@ -12,6 +12,12 @@ TEST(HardenedDeathTest, NamesTheBrokenPrecondition) {
     EXPECT_DEATH((void)none->eval({}, 0), "ptr.h:[0-9]+: broken precondition: pointee");
     zel::float3 const vector;
     EXPECT_DEATH((void)vector[static_cast<int>(three)], "vectors.h:[0-9]+: broken precondition");
+    ORV::TileTree3D::TileData<float, 4, 0, 0> const tile(64);
+    EXPECT_DEATH((void)tile(0, 0, 4), "tile_data.h:[0-9]+: broken precondition: .*k < W");
+#ifndef NDEBUG  // the libraries check, too
+    zel::ScalarFieldNegative const orphan(none);
+    EXPECT_DEATH((void)orphan.eval({}, 0), "ptr.h:[0-9]+: .*pointee");
+#endif
 }
 
 }  // namespace
