@@ -44,6 +44,7 @@ protected:
 class ViewArchive : public openvdb::io::Archive {
 public:
     explicit ViewArchive(FileView const& file) : m_file(file), m_buffer(file.bytes()) {
+        prepareVdbStream(m_stream);
         m_stream.exceptions(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
         readHeader(m_stream);
         setFormatVersion(m_stream);
@@ -128,6 +129,12 @@ openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> co
 
 void initializeVdb() {
     openvdb::initialize();
+}
+
+void prepareVdbStream(std::ios& stream) {
+    static int const last = std::ios_base::xalloc();  // the indices of OpenVDB are lower
+    stream.iword(last);
+    if (stream.bad()) throw std::bad_alloc();
 }
 
 VdbContent readVdbContent(FileView const& file, std::vector<VdbSection> const& sections,

@@ -2,6 +2,7 @@
 
 #include <openvdb/Grid.h>
 
+#include <ios>
 #include <memory>
 
 #include "vdb_values.h"
@@ -15,5 +16,9 @@ std::unique_ptr<VdbValues> vdbVectorValues(openvdb::GridBase::Ptr const& grid);
 
 /// Makes the types of grids known to OpenVDB.
 void initializeVdb();
+
+/// Makes room in a stream for what OpenVDB keeps there, before the stream throws. Without memory,
+/// OpenVDB would set badbit and take 0 for the compression, among others. Throws std::bad_alloc.
+void prepareVdbStream(std::ios& stream);
 
 }  // namespace zel::detail
