@@ -129,6 +129,8 @@ openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> co
 
 void initializeVdb() {
     openvdb::initialize();
+    for (char const* const type : kVdbTypes)
+        if (!openvdb::GridBase::isRegistered(type)) throw std::bad_alloc();
 }
 
 void prepareVdbStream(std::ios& stream) {

@@ -14,7 +14,9 @@ namespace zel::detail {
 std::unique_ptr<VdbValues> vdbValues(openvdb::GridBase::Ptr const& grid);
 std::unique_ptr<VdbValues> vdbVectorValues(openvdb::GridBase::Ptr const& grid);
 
-/// Makes the types of grids known to OpenVDB.
+/// Makes the types of grids known to OpenVDB. Throws std::bad_alloc, and then always if memory
+/// lacked where OpenVDB makes the name of a type: it keeps what it has of the name as long as the
+/// process lives.
 void initializeVdb();
 
 /// Makes room in a stream for what OpenVDB keeps there, before the stream throws. Without memory,

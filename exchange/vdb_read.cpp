@@ -277,9 +277,8 @@ std::string available(std::vector<VdbSection> const& sections) {
 }
 
 VdbGrid gridOf(VdbSection const& section) {
-    constexpr std::array kTypes{"Tree_float_5_4_3", "Tree_double_5_4_3", "Tree_vec3s_5_4_3",
-                                "Tree_vec3d_5_4_3"};
-    bool const isReadable = std::find(kTypes.begin(), kTypes.end(), section.tree) != kTypes.end();
+    bool const isReadable =
+        std::find(kVdbTypes.begin(), kVdbTypes.end(), section.tree) != kVdbTypes.end();
     VdbGrid grid{section.name, section.type, section.isHalf, isReadable, {}, section.indexToWorld};
     for (auto const& [name, entry] : section.metadata) grid.metadata[name] = entry.text();
     return grid;
