@@ -115,8 +115,8 @@ openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> co
         } catch (openvdb::Exception const& error) {
             fail("damaged before byte " + std::to_string(archive.place()) + ": " + error.what());
         }
-    } catch (std::bad_alloc const&) {
-        fail("not enough memory, or damaged");
+    } catch (std::bad_alloc const&) {  // not of a wrong size, which the checks have found
+        throw;
     } catch (FileError const&) {
         throw;
     } catch (std::exception const& error) {  // of the stream or of OpenVDB

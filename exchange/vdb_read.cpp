@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <new>
 #include <optional>
 #include <tbb/task_arena.h>
 #include <tuple>
@@ -343,14 +342,10 @@ VdbVolume readVdbGrids(std::filesystem::path const& path, std::vector<std::strin
                                         ? detail::makeVolume<BinaryTraits>(request)
                                         : detail::makeVolume<QuinaryTraits>(request));
     };
-    try {
-        if (options.parallel)
-            read();
-        else
-            tbb::task_arena(1).execute(read);
-    } catch (std::bad_alloc const&) {
-        throw FileError(file.name(), {}, "not enough memory");
-    }
+    if (options.parallel)
+        read();
+    else
+        tbb::task_arena(1).execute(read);
     return volume;
 }
 
