@@ -106,7 +106,7 @@ struct ZEL_EXCHANGE_API VdbVolume {
 /// such grid or one of another type; for a value that is not finite or too large for a float; for
 /// voxels outside the tree, which reaches 2^29 voxels from the origin; for a transform that is not
 /// affine, by its name, or that cannot be inverted; for grids whose transforms differ; and for more
-/// than `maxTiles` tiles. Also if the memory does not suffice.
+/// than `maxTiles` tiles.
 ZEL_EXCHANGE_API VdbVolume readVdbGrids(std::filesystem::path const& path,
                                         std::vector<std::string> const& gridNames,
                                         ReadVdbOptions const& options = {});

@@ -44,6 +44,7 @@ protected:
 class ViewArchive : public openvdb::io::Archive {
 public:
     explicit ViewArchive(FileView const& file) : m_file(file), m_buffer(file.bytes()) {
+        prepareVdbStream(m_stream);
         m_stream.exceptions(std::ios::badbit | std::ios::failbit | std::ios::eofbit);
         readHeader(m_stream);
         setFormatVersion(m_stream);
@@ -114,8 +115,8 @@ openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> co
         } catch (openvdb::Exception const& error) {
             fail("damaged before byte " + std::to_string(archive.place()) + ": " + error.what());
         }
-    } catch (std::bad_alloc const&) {
-        fail("not enough memory, or damaged");
+    } catch (std::bad_alloc const&) {  // not of a wrong size, which the checks have found
+        throw;
     } catch (FileError const&) {
         throw;
     } catch (std::exception const& error) {  // of the stream or of OpenVDB
@@ -128,6 +129,14 @@ openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> co
 
 void initializeVdb() {
     openvdb::initialize();
+    for (char const* const type : kVdbTypes)
+        if (!openvdb::GridBase::isRegistered(type)) throw std::bad_alloc();
+}
+
+void prepareVdbStream(std::ios& stream) {
+    static int const last = std::ios_base::xalloc();  // the indices of OpenVDB are lower
+    stream.iword(last);
+    if (stream.bad()) throw std::bad_alloc();
 }
 
 VdbContent readVdbContent(FileView const& file, std::vector<VdbSection> const& sections,

@@ -2,6 +2,7 @@
 
 #include <openvdb/Grid.h>
 
+#include <ios>
 #include <memory>
 
 #include "vdb_values.h"
@@ -13,7 +14,13 @@ namespace zel::detail {
 std::unique_ptr<VdbValues> vdbValues(openvdb::GridBase::Ptr const& grid);
 std::unique_ptr<VdbValues> vdbVectorValues(openvdb::GridBase::Ptr const& grid);
 
-/// Makes the types of grids known to OpenVDB.
+/// Makes the types of grids known to OpenVDB. Throws std::bad_alloc, and then always if memory
+/// lacked where OpenVDB makes the name of a type: it keeps what it has of the name as long as the
+/// process lives.
 void initializeVdb();
+
+/// Makes room in a stream for what OpenVDB keeps there, before the stream throws. Without memory,
+/// OpenVDB would set badbit and take 0 for the compression, among others. Throws std::bad_alloc.
+void prepareVdbStream(std::ios& stream);
 
 }  // namespace zel::detail

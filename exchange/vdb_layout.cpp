@@ -96,18 +96,26 @@ public:
         if (found != sizes.end() && found->second != size)
             fail("metadata of the type " + type + " of " + std::to_string(size) + " bytes");
     }
-    /// OpenVDB takes memory for the number of leaves, and for the bytes that follow, that this type
-    /// begins with.
+    /// OpenVDB takes memory for the number of leaves that this type begins with, and for the
+    /// compressed bytes of their masks and of their sizes: 0 if these are not compressed.
     void checkLeaves(std::string const& type, std::string_view value) const {
         constexpr std::size_t kLeaf = 64;  // bytes of a leaf's mask
         if (type != "__delayedload") return;
-        std::array<std::uint32_t, 2> numbers{};
-        std::memcpy(numbers.data(), value.data(), std::min(value.size(), sizeof numbers));
-        if (numbers[0] > m_file.bytes().size() / kLeaf)
-            fail("metadata of " + std::to_string(numbers[0]) + " leaves");
-        if (numbers[1] > value.size())
-            fail("metadata of " + std::to_string(numbers[1]) + " bytes in " +
-                 std::to_string(value.size()));
+        constexpr std::uint32_t kNoSizes = ~0U;
+        auto const numberAt = [&](std::size_t at) {
+            std::uint32_t read = 0;
+            if (at <= value.size())
+                std::memcpy(&read, value.data() + at, std::min(value.size() - at, sizeof read));
+            return read;
+        };
+        std::uint32_t const leaves = numberAt(0), masks = numberAt(4);
+        if (leaves > m_file.bytes().size() / kLeaf)
+            fail("metadata of " + std::to_string(leaves) + " leaves");
+        std::uint32_t const sizes = numberAt(8 + std::size_t{masks > 0 ? masks : leaves});
+        for (std::uint32_t const size : {masks, sizes == kNoSizes ? 0 : sizes})
+            if (size > value.size())
+                fail("metadata of " + std::to_string(size) + " bytes in " +
+                     std::to_string(value.size()));
     }
     [[noreturn]] void fail(std::string const& message) const {
         throw FileError(m_file.name(), "byte " + std::to_string(m_at), message);

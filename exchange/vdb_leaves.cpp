@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <sstream>
 
+#include "vdb_archive.h"
 #include "vdb_layout.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
 
@@ -20,6 +21,8 @@ class Archive : public openvdb::io::Archive {
 public:
     std::uint32_t compressionOf(openvdb::GridBase const& grid) const {
         std::ostringstream stream;
+        prepareVdbStream(stream);
+        stream.exceptions(std::ios::badbit);
         setGridCompression(stream, grid);
         return openvdb::io::getDataCompression(stream);
     }
@@ -113,6 +116,7 @@ VdbLeaves::VdbLeaves(openvdb::GridBase& grid, bool parallel) {
         auto const background = typed.background();
         auto const encode = [&](std::size_t part) {
             std::ostringstream stream;
+            prepareVdbStream(stream);
             stream.exceptions(std::ios::badbit);
             openvdb::io::setDataCompression(stream, compression);
             openvdb::io::setGridBackgroundValuePtr(stream, &background);

@@ -111,6 +111,7 @@ void VdbOutput::write() {
     try {
         errno = 0;
         std::ofstream stream;
+        prepareVdbStream(stream);
         // Thrown where the system refuses bytes, errno still tells why.
         stream.exceptions(std::ios::badbit | std::ios::failbit);
         stream.open(m_file->temporaryPath(), std::ios::binary);

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <new>
 #include <optional>
 #include <tbb/task_arena.h>
 #include <tuple>
@@ -277,9 +276,8 @@ std::string available(std::vector<VdbSection> const& sections) {
 }
 
 VdbGrid gridOf(VdbSection const& section) {
-    constexpr std::array kTypes{"Tree_float_5_4_3", "Tree_double_5_4_3", "Tree_vec3s_5_4_3",
-                                "Tree_vec3d_5_4_3"};
-    bool const isReadable = std::find(kTypes.begin(), kTypes.end(), section.tree) != kTypes.end();
+    bool const isReadable =
+        std::find(kVdbTypes.begin(), kVdbTypes.end(), section.tree) != kVdbTypes.end();
     VdbGrid grid{section.name, section.type, section.isHalf, isReadable, {}, section.indexToWorld};
     for (auto const& [name, entry] : section.metadata) grid.metadata[name] = entry.text();
     return grid;
@@ -344,14 +342,10 @@ VdbVolume readVdbGrids(std::filesystem::path const& path, std::vector<std::strin
                                         ? detail::makeVolume<BinaryTraits>(request)
                                         : detail::makeVolume<QuinaryTraits>(request));
     };
-    try {
-        if (options.parallel)
-            read();
-        else
-            tbb::task_arena(1).execute(read);
-    } catch (std::bad_alloc const&) {
-        throw FileError(file.name(), {}, "not enough memory");
-    }
+    if (options.parallel)
+        read();
+    else
+        tbb::task_arena(1).execute(read);
     return volume;
 }
 

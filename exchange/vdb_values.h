@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -36,6 +37,10 @@ struct WrongValue {
     int3 at;
     float value;  ///< the component at fault
 };
+
+/// The types of grids that are read. Those that are written are among them.
+inline constexpr std::array kVdbTypes{"Tree_float_5_4_3", "Tree_double_5_4_3", "Tree_vec3s_5_4_3",
+                                      "Tree_vec3d_5_4_3"};
 
 /// A grid of OpenVDB as the source of a channel. The lattice point of a tile tree that has the
 /// value of a voxel is the voxel's index plus a shift.

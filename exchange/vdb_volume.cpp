@@ -1,3 +1,4 @@
+#include <new>
 #include <stdexcept>
 
 #include "affine_map.h"
@@ -11,6 +12,8 @@
 #include "zel/vector/projection.h"
 #include "zel/vector/spatial.h"
 #include "zel/volume/volume_fields.h"
+#include "zel_platform/orvane_geometry/geo_property.h"
+#include "zel_platform/orvane_geometry_volume/channel.h"
 #include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace zel {
@@ -56,11 +59,21 @@ Quern::Ptr<Field> placed(AffineMap const& map, Quern::Ptr<Field> field) {
     return makePtr<Translate>(std::move(field), origin(map));
 }
 
+template <class T> bool hasChannel(Orvane::Object const& object, Quern::String const& name) {
+    using namespace ORV::TileTree3D;
+    auto const volume = Orvane::Geometry::shallow_copy_object_to_orv_volume(object);
+    return volume && (volume->component<DataChannel<BinaryTraits, T>>(name) ||
+                      volume->component<DataChannel<QuinaryTraits, T>>(name));
+}
+
 template <class Leaf>
 Quern::Ptr<Leaf> boundLeaf(VdbVolume const& volume, std::string const& name,
                            VdbVolume::SamplerType sampler) {
-    auto leaf = makePtr<Leaf>(volume.object, Quern::String(name.c_str()), sampler);
+    Quern::String const channel(name.c_str());
+    auto leaf = makePtr<Leaf>(volume.object, channel, sampler);
     if (leaf->isBound()) return leaf;
+    // The constructor of a leaf throws nothing.
+    if (hasChannel<typename Leaf::Value>(volume.object, channel)) throw std::bad_alloc();
     std::string message = "zel::VdbVolume: no such channel " + detail::quoted(name) + "; there are";
     for (auto const& grid : volume.grids)
         message += " " + detail::quoted(detail::channelName(grid.name)) + " of " + grid.type;

@@ -86,8 +86,10 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
                                                   options.band, build);
     auto const grid = detail::levelSetOf(
         volume, band, detail::voxelsIn(box, voxelSize), transform, [&](openvdb::Coord const& at) {
+            auto const p = transform->indexToWorld(at);
             std::ostringstream place;
-            place << transform->indexToWorld(at);
+            place.exceptions(std::ios::badbit);
+            place << '[' << p[0] << ", " << p[1] << ", " << p[2] << ']';
             throw std::invalid_argument("zel::meshOf: the field is NaN at " + place.str());
         });
     EvaluateOptions how;

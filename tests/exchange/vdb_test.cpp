@@ -272,8 +272,12 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
     refusedWith(place, size - 10, "are left");
     std::string_view const delayed = "__delayedload";
     std::size_t const leaves = good.find(delayed) + delayed.size() + sizeof(std::uint32_t);
+    auto const masks = static_cast<std::uint32_t>(number(leaves + 4));
+    auto const count = static_cast<std::uint32_t>(number(leaves));
     refusedWith(leaves, std::int32_t{1 << 30}, "1073741824 leaves");
     refusedWith(leaves + 4, std::int32_t{1 << 30}, "1073741824 bytes in");
+    refusedWith(leaves + 8 + (masks > 0 ? masks : count), std::int32_t{1 << 29},
+                "536870912 bytes in");
 }
 
 using zel::VdbClass;

@@ -60,6 +60,7 @@ struct Case {
     std::string name;
     std::function<Attempt()> prepare;
     bool throwsText = false;  ///< whether a std::runtime_error with the text arrives
+    long long mayLose = 0;    ///< how many blocks a library below may lose
 };
 
 /// Has each allocation of a piece of work fail in turn, until the work goes through. The exception
@@ -101,12 +102,14 @@ inline void failEach(Case const& tested) {
             repeated = attempt.state() == done;
         });
         EXPECT_EQ(other, "");
-        EXPECT_EQ(arrived, failure.thrown);
+        EXPECT_LE(failure.thrown, arrived);
+        EXPECT_LE(arrived, failure.came);
         EXPECT_TRUE(unchanged);
         EXPECT_TRUE(repeated);
         other.clear();
         other.shrink_to_fit();
-        EXPECT_EQ(liveBlocks(), before);
+        long long const lost = liveBlocks() - before;
+        EXPECT_TRUE(lost == 0 || lost == tested.mayLose) << lost;
         if (!failure.came || testing::Test::HasFailure()) {
             EXPECT_GT(n, 0) << "nothing was allocated";
             return;

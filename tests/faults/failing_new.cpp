@@ -18,14 +18,15 @@ constinit std::atomic<long long> live = 0;
 constinit std::atomic<long long> left = kNone;  // allocations that succeed before one fails
 constinit std::atomic<bool> failsAll = false, came = false, thrown = false;
 
-/// The addresses of oneTBB's code.
-struct Scheduler {
+/// The addresses of a library's code.
+struct Code {
+    char const* name;
     std::uintptr_t begin = 0, end = 0;
-    Scheduler() {
+    explicit Code(char const* library_) : name(library_) {
         dl_iterate_phdr(
             [](dl_phdr_info* library, std::size_t, void* self) {
-                if (!std::strstr(library->dlpi_name, "libtbb.so")) return 0;
-                auto& found = *static_cast<Scheduler*>(self);
+                auto& found = *static_cast<Code*>(self);
+                if (!std::strstr(library->dlpi_name, found.name)) return 0;
                 for (int i = 0; i < library->dlpi_phnum; ++i) {
                     ElfW(Phdr) const& part = library->dlpi_phdr[i];
                     if (part.p_type != PT_LOAD || !(part.p_flags & PF_X)) continue;
@@ -36,13 +37,16 @@ struct Scheduler {
             },
             this);
     }
+    bool has(void const* place) const {
+        auto const address = reinterpret_cast<std::uintptr_t>(place);
+        return begin <= address && address < end;
+    }
 };
 
 bool fails(void const* caller) {
     if (!failsAll && left == kNone) return false;
-    static Scheduler const scheduler;
-    auto const address = reinterpret_cast<std::uintptr_t>(caller);
-    if (scheduler.begin <= address && address < scheduler.end) return false;
+    static Code const scheduler("libtbb.so"), openVdb("libopenvdb.so");
+    if (scheduler.has(caller) || openVdb.has(caller)) return false;
     return failsAll || left.fetch_sub(1) == 0;
 }
 

@@ -1,8 +1,9 @@
 #pragma once
 
 // All forms of operator new of the program and its libraries. They count the blocks that exist, and
-// can be made to fail. The blocks that oneTBB's own code allocates are left alone: its scheduler
-// does not survive a failure there.
+// can be made to fail. The blocks that the code of oneTBB's and of OpenVDB's library allocates are
+// left alone: oneTBB's scheduler does not survive a failure there, and a tree of OpenVDB, which
+// allocates to release its nodes, ends the process.
 namespace faults {
 
 /// The blocks that were allocated and not yet released.
