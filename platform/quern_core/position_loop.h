@@ -3,9 +3,9 @@
 #include "zel_platform/quern_core/always_inline.h"
 #include "zel_platform/quern_core/simd_target.h"
 
-// Loops over the positions of a block. Each loop is compiled twice, for the target processor of the
-// build and for wider registers, and chosen at run time. Both give the same bits, since no
-// operation is contracted or reordered.
+// Loops over the positions of a block. Each loop is compiled three times, for the target processor
+// of the build and for registers of 256 and of 512 bits, and chosen at run time. All give the same
+// bits, since no operation is contracted or reordered.
 
 // A loop that calls a library function is not vectorised. clang warns of that at the function into
 // which the body was inlined: in this header, since the loops themselves are not inlined.
@@ -78,7 +78,8 @@ loopOverPositionsWidest(int count, Body const& shared, Read const& __restrict...
 /// marks a body of few operations.
 template <bool kShort = false, class Body, class... Read>
 void forEachPosition(int count, Body const& body, Read const&... read) {
-    if (widestVectors && count >= 32)
+    constexpr int kWorthWidest = 32;  // fewer leave too much to the loop's scalar end
+    if (widestVectors && count >= kWorthWidest)
         loopOverPositionsWidest<kShort, Body, Read...>(count, body, read...);
     else if (wideVectors)
         loopOverPositionsWide<kShort, Body, Read...>(count, body, read...);
