@@ -74,34 +74,39 @@ void reportItems(benchmark::State& state, std::size_t itemsAnIteration) {
     countItems(state, items);
 }
 
-template <class F>
-void narrowLoop(F f, float3 const* in, float* out, std::size_t begin, std::size_t end) {
+template <class F, class T>
+void narrowLoop(F f, float3 const* in, T* out, std::size_t begin, std::size_t end) {
     for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
 }
 
-template <class F>
-ZEL_WIDE_TARGET __attribute__((flatten)) void wideLoop(F f, float3 const* in, float* out,
+template <class F, class T>
+ZEL_WIDE_TARGET __attribute__((flatten)) void wideLoop(F f, float3 const* in, T* out,
                                                        std::size_t begin, std::size_t end) {
     for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
 }
 
-template <class F>
-ZEL_WIDEST_TARGET __attribute__((flatten)) void widestLoop(F f, float3 const* in, float* out,
+template <class F, class T>
+ZEL_WIDEST_TARGET __attribute__((flatten)) void widestLoop(F f, float3 const* in, T* out,
                                                            std::size_t begin, std::size_t end) {
     for (std::size_t i = begin; i != end; ++i) out[i] = f(in[i], i);
 }
 
-/// The loop out[i] = f(positions[i], i), with `f` inlined.
+/// out[i] = f(in[i], i), with `f` inlined. It is passed by value, so that it may stay in registers.
+template <class F, class T>
+void runLoop(F const& f, float3 const* in, T* out, std::size_t begin, std::size_t end) {
+    (Quern::widestVectors ? widestLoop<F, T>
+     : Quern::wideVectors ? wideLoop<F, T>
+                          : narrowLoop<F, T>)(f, in, out, begin, end);
+}
+
+/// The same at all positions.
 template <class F>
 Evaluate loopOf(Positions const& positions, Quern::Array<float>& values, F const& f) {
     return [&positions, &values, f](int threads) -> float const* {
         float3 const* const in = positions.data();
         float* const out = values.data();
         auto const loop = [=](std::size_t begin, std::size_t end) {
-            // `f` is passed by value, so that it may stay in registers.
-            (Quern::widestVectors ? widestLoop<F>
-             : Quern::wideVectors ? wideLoop<F>
-                                  : narrowLoop<F>)(f, in, out, begin, end);
+            runLoop(f, in, out, begin, end);
         };
         auto const count = static_cast<std::size_t>(positions.size());
         if (threads == 1) {
@@ -297,6 +302,48 @@ template <class Nodes, class Tree> void registerBuilding(Parameters const& param
     }
 }
 
+/// Measures a tree of vector nodes, which are computed block by block, and the same formula in a
+/// loop.
+std::string vectorsName(long long size, bool fused) {
+    return "vectors/" + std::to_string(size) + (fused ? "/fused" : "/view");
+}
+void registerVectors(Positions const& positions) {
+    auto const values = std::make_shared<std::vector<float3>>(positions.size());
+    zel::VectorPtr const tree = VectorTree::build({});
+    VectorTree::Parameters parameters;
+    benchmark::DoNotOptimize(parameters);
+    auto const fused = [=, &positions, f = VectorTree::Fused{parameters}] {
+        runLoop([f](float3 const& p, std::size_t) { return f(p); }, positions.data(),
+                values->data(), 0, values->size());
+    };
+    auto const view = [=, &positions] {
+        zel::EvaluateOptions options;
+        options.parallel = false;
+        zel::evaluate(*tree, zel::PointView::of({positions.data(), values->size()}), *values,
+                      options);
+    };
+    fused();
+    std::vector<float3> const expected = *values;
+    view();
+    if (std::memcmp(expected.data(), values->data(), sizeof(float3) * expected.size()) != 0) {
+        std::fprintf(stderr, "vectors: the tree and the loop differ\n");
+        std::exit(EXIT_FAILURE);
+    }
+    auto const add = [&](bool isFused, std::function<void()> const& work) {
+        benchmark::RegisterBenchmark(vectorsName(positions.size(), isFused).c_str(),
+                                     [work, size = values->size()](benchmark::State& state) {
+                                         for (auto _ : state) {
+                                             work();
+                                             benchmark::ClobberMemory();
+                                         }
+                                         reportItems(state, size);
+                                     })
+            ->MeasureProcessCPUTime();
+    };
+    add(true, fused);
+    add(false, view);
+}
+
 /// Measures a chain of 200 sums with constants, which are all different or all the same. A block
 /// reads a column of each.
 std::string constantsName(bool different) {
@@ -360,6 +407,17 @@ void printTable(RatioReporter const& report, std::vector<Subject> const& subject
     }
     auto const different = report[constantsName(true)].median,
                equal = report[constantsName(false)].median;
+    std::printf("\nvectors, 14 nodes; ns a point\n points     fused      view  of fused\n");
+    for (auto subject = subjects.begin(); subject < subjects.end(); subject += 3) {
+        long long const size = subject->positions->size();
+        double const fused = report[vectorsName(size, true)].median,
+                     view = report[vectorsName(size, false)].median;
+        std::printf("%7lld", size);
+        printCell(fused, 10, 2);
+        printCell(view, 10, 2);
+        printCell(ratio(view, fused), 10, 2);
+        std::printf("\n");
+    }
     std::printf("\nns a sum with a constant, in a chain of 200\nall different ");
     printCell(different, 8, 3);
     std::printf("\nall equal     ");
@@ -402,6 +460,7 @@ int main(int argc, char** argv) {
             if (threads == allThreads) break;
         }
     }
+    for (auto const& positions : sizes) registerVectors(*positions);
     for (bool const different : {false, true}) registerConstants(*sizes[1], different);
     registerBuilding<ZelNodes, CsgTree<false>>(parameters, subjects.front().nodes);
     registerBuilding<NaiveNodes, CsgTree<false>>(parameters, subjects.front().nodes);

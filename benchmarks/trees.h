@@ -198,3 +198,49 @@ struct ArithmeticTree {
         float scale, shift;
     };
 };
+
+/// lerp(a, b, clamp(x)) of two moved vector fields, 14 nodes: a = rotate(p * stretch + shift), and
+/// b = -translate(scale(p - centre)).
+struct VectorTree {
+    using float3 = Orvane::Math::float3;
+
+    struct Parameters {
+        float3 stretch{1.1F, 0.9F, 1.2F}, shift{0.1F, -0.2F, 0.3F}, centre{0.5F, 0.4F, -0.1F};
+        float3 scale{1.5F, 0.75F, 1.25F}, offset{0.2F, 0.1F, -0.3F};
+        Orvane::Math::float4 rotation{0.1825742F, 0.3651484F, 0.5477226F, 0.7302967F};
+        float from = 0, to = 1;
+    };
+
+    static zel::VectorPtr build(Parameters const& k) {
+        using namespace zel;
+        using Quern::makePtr;
+        auto const at = [] { return makePtr<VectorFieldPosition>(); };
+        auto const constant = [](float3 const& v) { return makePtr<VectorFieldConstant>(v); };
+        auto stretched = makePtr<VectorFieldMultiply>(at(), constant(k.stretch));
+        auto shifted = makePtr<VectorFieldAdd>(std::move(stretched), constant(k.shift));
+        auto scaled = makePtr<VectorFieldScale>(
+            makePtr<VectorFieldSubtract>(at(), constant(k.centre)), k.scale);
+        return makePtr<VectorFieldLerp>(
+            makePtr<VectorFieldRotate>(std::move(shifted), k.rotation),
+            makePtr<VectorFieldNegative>(
+                makePtr<VectorFieldTranslate>(std::move(scaled), k.offset)),
+            makePtr<ScalarFieldClamp>(makePtr<ScalarFieldXPosition>(), k.from, k.to));
+    }
+
+    struct Fused {
+        float3 operator()(float3 const& p) const {
+            using namespace Orvane::Math;
+            auto const times = [](float3 const& a, float3 const& b) {
+                return float3{a.x * b.x, a.y * b.y, a.z * b.z};
+            };
+            float3 const turned = rotate(conjugate(k.rotation), p), moved = p - k.offset,
+                         shrunk{moved.x / k.scale.x, moved.y / k.scale.y, moved.z / k.scale.z};
+            float3 const a = rotate(k.rotation, times(turned, k.stretch) + k.shift),
+                         b = -times(k.scale, shrunk - k.centre);
+            float const below = p.x >= k.to ? k.to : p.x;
+            float const t = p.x <= k.from ? k.from : below;
+            return a * (1 - t) + b * t;
+        }
+        Parameters k;
+    };
+};
