@@ -12,6 +12,7 @@ function(zel_compile_options target)
             $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
             $<$<BOOL:${ZEL_WARNINGS_AS_ERRORS}>:-Werror> -ffp-contract=off -fno-math-errno
             -fno-trapping-math)
+  target_compile_definitions(${target} PRIVATE ZEL_CONTRACTS_NOTHING)
   if(ZEL_HARDENED)
     target_compile_definitions(${target} PRIVATE _GLIBCXX_ASSERTIONS)
     target_compile_options(${target} PRIVATE -fstack-protector-strong)

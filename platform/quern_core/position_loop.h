@@ -16,6 +16,15 @@
 
 namespace Quern {
 
+/// AVX-512 has fused multiply-adds, by which a compiler may contract operations unless it is told
+/// not to. Loops of nodes that are compiled outside of ZEL, maybe without -ffp-contract=off, do not
+/// use it.
+#ifdef ZEL_CONTRACTS_NOTHING
+inline constexpr bool kUsesWidest = true;
+#else
+inline constexpr bool kUsesWidest = false;
+#endif
+
 /// ZEL_INDEPENDENT tells the compiler that no iteration of the following loop depends on another;
 /// ZEL_INDEPENDENT_SHORT also asks it to unroll a loop of few operations.
 #ifdef __clang__
@@ -79,7 +88,7 @@ loopOverPositionsWidest(int count, Body const& shared, Read const& __restrict...
 template <bool kShort = false, class Body, class... Read>
 void forEachPosition(int count, Body const& body, Read const&... read) {
     constexpr int kWorthWidest = 32;  // fewer leave too much to the loop's scalar end
-    if (widestVectors && count >= kWorthWidest)
+    if (kUsesWidest && widestVectors && count >= kWorthWidest)
         loopOverPositionsWidest<kShort, Body, Read...>(count, body, read...);
     else if (wideVectors)
         loopOverPositionsWide<kShort, Body, Read...>(count, body, read...);

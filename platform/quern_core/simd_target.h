@@ -23,8 +23,8 @@ ZEL_PLATFORM_API std::vector<SimdTarget> simdTargets();
 /// For tests and benchmarks. Must not be called while a kernel runs.
 ZEL_PLATFORM_API void useSimdTarget(SimdTarget const& target);
 
-/// Whether the selected instruction set has registers of 256 bits: selects between the two forms of
-/// loops that a compiler vectorises. `useSimdTarget` sets it.
+/// Whether the selected instruction set has registers of 256 bits: selects among the forms of loops
+/// that a compiler vectorises. `useSimdTarget` sets it.
 extern ZEL_PLATFORM_API bool const& wideVectors;
 
 /// Whether it has registers of 512 bits; wideVectors is true then too.
