@@ -49,12 +49,18 @@ FusionPlan const* planFor(Workspace& workspace, Interface const& root, GraphOfBa
 
 }  // namespace
 
-// A plan that cannot be made leaves the one of the batch around this one in place.
+// A plan that cannot be made leaves that of the batch around this one in place, and no memory in
+// use.
 template <class Interface>
 FusionScope::FusionScope(Workspace& workspace, Interface const& root, GraphOfBatch const& graph,
                          std::size_t count)
     : m_workspace(workspace), m_outer(workspace.plan), m_mark(workspace.plans.mark()) {
-    workspace.plan = planFor(workspace, root, graph, count);
+    try {
+        workspace.plan = planFor(workspace, root, graph, count);
+    } catch (...) {
+        if (workspace.isNested()) workspace.plans.release(m_mark);
+        throw;
+    }
 }
 
 template FusionScope::FusionScope(Workspace&, Core::Fields::ScalarField const&, GraphOfBatch const&,
