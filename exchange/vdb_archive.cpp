@@ -115,7 +115,7 @@ openvdb::GridBase::Ptr readGrid(FileView const& file, std::vector<VdbSection> co
         } catch (openvdb::Exception const& error) {
             fail("damaged before byte " + std::to_string(archive.place()) + ": " + error.what());
         }
-    } catch (std::bad_alloc const&) {  // not of a wrong size, which the checks have found
+    } catch (std::bad_alloc const&) {  // wrong sizes were refused before
         throw;
     } catch (FileError const&) {
         throw;

@@ -100,7 +100,7 @@ public:
     /// compressed bytes of their masks and of their sizes: 0 if these are not compressed.
     void checkLeaves(std::string const& type, std::string_view value) const {
         constexpr std::size_t kLeaf = 64;  // bytes of a leaf's mask
-        if (type != "__delayedload") return;
+        if (type != "__delayedload" || value.empty()) return;
         constexpr std::uint32_t kNoSizes = ~0U;
         auto const numberAt = [&](std::size_t at) {
             std::uint32_t read = 0;
@@ -116,6 +116,10 @@ public:
             if (size > value.size())
                 fail("metadata of " + std::to_string(size) + " bytes in " +
                      std::to_string(value.size()));
+        // It would read on behind a value that is too short.
+        if (value.size() < std::size_t{12} + (masks > 0 ? masks : leaves))
+            fail("metadata of " + std::to_string(value.size()) + " bytes for " +
+                 std::to_string(leaves) + " leaves");
     }
     [[noreturn]] void fail(std::string const& message) const {
         throw FileError(m_file.name(), "byte " + std::to_string(m_at), message);

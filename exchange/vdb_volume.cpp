@@ -72,7 +72,7 @@ Quern::Ptr<Leaf> boundLeaf(VdbVolume const& volume, std::string const& name,
     Quern::String const channel(name.c_str());
     auto leaf = makePtr<Leaf>(volume.object, channel, sampler);
     if (leaf->isBound()) return leaf;
-    // The constructor of a leaf throws nothing.
+    // The constructor of a leaf throws nothing; with the channel there, it is memory that it lacks.
     if (hasChannel<typename Leaf::Value>(volume.object, channel)) throw std::bad_alloc();
     std::string message = "zel::VdbVolume: no such channel " + detail::quoted(name) + "; there are";
     for (auto const& grid : volume.grids)

@@ -4,13 +4,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <sstream>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 
 #include "vdb_archive.h"
 #include "vdb_tiles.h"
 #include "zel/field/evaluate.h"
+#include "zel_platform/quern_core/text_of.h"
 
 namespace zel {
 
@@ -87,10 +88,10 @@ Mesh meshOf(ScalarField const& field, Box const& box, float voxelSize, MeshOptio
     auto const grid = detail::levelSetOf(
         volume, band, detail::voxelsIn(box, voxelSize), transform, [&](openvdb::Coord const& at) {
             auto const p = transform->indexToWorld(at);
-            std::ostringstream place;
-            place.exceptions(std::ios::badbit);
-            place << '[' << p[0] << ", " << p[1] << ", " << p[2] << ']';
-            throw std::invalid_argument("zel::meshOf: the field is NaN at " + place.str());
+            throw std::invalid_argument(Quern::Internal::textOf([&](std::ostream& text) {
+                text << "zel::meshOf: the field is NaN at [" << p[0] << ", " << p[1] << ", " << p[2]
+                     << ']';
+            }));
         });
     EvaluateOptions how;
     how.parallel = options.parallel;

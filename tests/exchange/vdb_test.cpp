@@ -278,6 +278,7 @@ TEST(ReadVdb, ChecksSizesOfBlocksAndPlacesOfGrids) {
     refusedWith(leaves + 4, std::int32_t{1 << 30}, "1073741824 bytes in");
     refusedWith(leaves + 8 + (masks > 0 ? masks : count), std::int32_t{1 << 29},
                 "536870912 bytes in");
+    refusedWith(leaves - sizeof(std::uint32_t), std::uint32_t{4}, "metadata of 4 bytes for");
 }
 
 using zel::VdbClass;
