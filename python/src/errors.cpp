@@ -68,7 +68,7 @@ void setError(std::exception_ptr const& exception) {
             setSceneError(error);
         } catch (py::error_already_set& failure) {
             failure.restore();
-        } catch (std::bad_alloc const&) {
+        } catch (...) {
             PyErr_NoMemory();
         }
     } catch (std::bad_alloc const&) {
