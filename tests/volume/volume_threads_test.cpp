@@ -81,6 +81,32 @@ TEST(SamplerPool, HandsOnWhatAnEndedThreadHadAndMayEndBeforeIt) {
         }).join();
 }
 
+TEST(VolumeThreads, ShareOneFieldOfEachType) {
+    forAllKinds([]<class Traits, class T>(Traits, T) {
+        auto const volume = build<Traits, T>(waves<T>);
+        auto const object = host(volume);
+        auto const at = positions(300);
+        for (SamplerType const type : kTypes) {
+            NodeFor<T> const field(object, "d", type), other(object, "d", type);
+            std::vector<T> expected;
+            for (float3 const& p : at) expected.push_back(other.eval(p, 0));
+            std::atomic<int> wrong = 0;
+            onThreads(40, [&](int number) {
+                for (int k = 0; k < 300; ++k) {
+                    int const i = (k * (number % 7 + 1) + number) % 300;
+                    wrong += !same(field.eval(at[i], i), expected[static_cast<std::size_t>(i)]);
+                    if (k % 16 == 0) (void)field.grad(at[i], i);
+                    if (k % 8 == number % 8) (void)other.eval(at[i], i);
+                }
+            });
+            EXPECT_EQ(wrong, 0);
+            EXPECT_EQ(field.samplers(), 40);
+            EXPECT_EQ(other.samplers(), 41);
+        }
+        EXPECT_EQ(volume.channel.useCount(), 2);  // all fields are gone, after their threads
+    });
+}
+
 /// The number that an environment variable sets, to look longer or with more threads for faults.
 int setting(char const* name, int normal) {
     char const* const set = std::getenv(name);
@@ -218,6 +244,39 @@ TEST(VolumeCopies, ShareVolumeAndHaloAndStartWithoutSamplers) {
         }
         EXPECT_EQ(volume.channel.useCount(), 1);
     });
+}
+
+TEST(VolumeCopies, LeaveNoThreadWithTheVolumeBefore) {
+    for (SamplerType const type : kTypes)
+        for (bool const byCopy : {false, true}) {
+            auto first = build<BinaryTraits, float>(plane<float>);
+            Scalar linear(host(first), "d", type),
+                curved(host(build<QuinaryTraits, float>(waves<float>)), "d", type);
+            float3 const p{0.1F, -0.2F, 0.3F};
+            std::barrier turn(5);
+            std::vector<std::jthread> threads;
+            for (int i = 0; i < 4; ++i)
+                threads.emplace_back([&] {
+                    EXPECT_TRUE(same(linear.eval(p, 0), plane<float>(p), 1e-6F));
+                    turn.arrive_and_wait();
+                    turn.arrive_and_wait();
+                    EXPECT_TRUE(same(linear.eval(p, 0), waves<float>(p), 0.05F));
+                    turn.arrive_and_wait();
+                });
+            turn.arrive_and_wait();
+            EXPECT_EQ(linear.samplers(), 4);
+            if (byCopy)
+                linear.copy(curved);
+            else
+                linear = curved;
+            EXPECT_EQ(linear.samplers(), 0);
+            EXPECT_EQ(first.channel.useCount(), 1);
+            first = {};  // gone for good: nothing may read it any more
+            turn.arrive_and_wait();
+            turn.arrive_and_wait();
+            threads.clear();
+            EXPECT_EQ(linear.samplers(), 4);
+        }
 }
 
 }  // namespace
