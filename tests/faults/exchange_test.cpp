@@ -39,18 +39,6 @@ Case filing(std::string const& name, std::filesystem::path const& written,
             }};
 }
 
-/// The text of an exception, unless memory lacks.
-Bits refusalOf(std::function<void()> const& call) {
-    try {
-        call();
-    } catch (std::bad_alloc const&) {
-        throw;
-    } catch (std::exception const& error) {
-        return Bits() << error.what();
-    }
-    throw std::logic_error("not refused");
-}
-
 Box const kBox{{0.5F, 0.5F, 0.5F}, {1.5F, 1.5F, 1.5F}};  // with one node below the root
 
 void writeBall(std::filesystem::path const& path, VdbClass kind) {
@@ -93,6 +81,7 @@ TEST(Faults, OfInitializingOpenVdb) {
         ASSERT_TRUE(WIFEXITED(status));
         code = WEXITSTATUS(status);
         EXPECT_LT(code, 2);
+        EXPECT_TRUE(code == 1 || n > 1) << "it was started before";
     }
 }
 

@@ -22,7 +22,7 @@ constinit std::atomic<bool> failsAll = false, came = false, thrown = false;
 struct Code {
     char const* name;
     std::uintptr_t begin = 0, end = 0;
-    explicit Code(char const* library_) : name(library_) {
+    explicit Code(char const* itsName) : name(itsName) {
         dl_iterate_phdr(
             [](dl_phdr_info* library, std::size_t, void* self) {
                 auto& found = *static_cast<Code*>(self);

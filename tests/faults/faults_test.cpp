@@ -239,17 +239,8 @@ TEST_F(Faults, OfVolumes) {
 TEST_F(Faults, OfRefusals) {
     auto const refusal = [](std::string const& name, std::function<void()> const& call) -> Case {
         return {name, [=] {
-                    auto const text = std::make_shared<std::string>();
-                    return Attempt{[=] {
-                                       try {
-                                           call();
-                                       } catch (std::bad_alloc const&) {
-                                           throw;
-                                       } catch (std::exception const& error) {
-                                           *text = error.what();
-                                       }
-                                   },
-                                   [=] { return Bits() << *text; }};
+                    auto const text = std::make_shared<Bits>();
+                    return Attempt{[=] { *text = refusalOf(call); }, [=] { return *text; }};
                 }};
     };
     static ScalarPtr const ball = makePtr<ScalarFieldSphere>(float3{}, 0.4F);
