@@ -8,7 +8,7 @@
 namespace Quern::Internal {
 
 /// What `write(stream)` writes to a stream. Throws std::bad_alloc without memory, where a stream
-/// that is asked nothing ends its text and says nothing.
+/// would cut the text off in silence.
 template <class Write> std::string textOf(Write const& write) {
     std::ostringstream stream;
     stream.exceptions(std::ios::badbit);
