@@ -66,10 +66,8 @@ void setError(std::exception_ptr const& exception) {
     } catch (SceneError const& error) {
         try {
             setSceneError(error);
-        } catch (py::error_already_set& failure) {
-            failure.restore();
         } catch (...) {
-            PyErr_NoMemory();
+            setError(std::current_exception());
         }
     } catch (std::bad_alloc const&) {
         PyErr_NoMemory();
