@@ -2,6 +2,9 @@
 #include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 
+#include <barrier>
+#include <thread>
+
 #include "faults/every_failure.h"
 #include "support/random_nodes.h"
 #include "support/sanitized.h"
@@ -38,12 +41,16 @@ ScalarPtr makeTree(unsigned seed = 3, bool binds = true) {
     });
 }
 
-template <class Interface> Bits bitsOf(Interface const& field) {
+template <class Interface>
+Bits bitsOf(Interface const& field, Quern::Array<float3> const& positions) {
     Bits bits;
-    static auto const positions = somePositions(20);
     for (long long i = 0; i < positions.size(); ++i)
         bits << field.eval(positions[i], i) << field.grad(positions[i], i);
     return bits;
+}
+template <class Interface> Bits bitsOf(Interface const& field) {
+    static auto const positions = somePositions(20);
+    return bitsOf(field, positions);
 }
 
 template <class Traits> Bits bitsOf(Volume<Traits, float> const& volume, bool hasSamples) {
@@ -235,6 +242,26 @@ TEST_F(Faults, OfVolumes) {
     for (Case const& one : treeCases<QuinaryTraits>()) failEach(one);
 }
 
+/// Samples of a node that no thread has read before: on corners, and not.
+template <class Traits> Case sampling(SamplerType type, VoxelOffsetType offset) {
+    auto const volume = volumes::build<Traits, float>(volumes::waves<float>, offset);
+    return {"sampling", [=] {
+                ScalarPtr const node = withExactGradients(
+                    ScalarPtr(makePtr<ScalarOrvane>(volumes::host(volume), "d", type)));
+                auto const results = std::make_shared<Bits>();
+                return Attempt{[=] { *results = bitsOf(*node, volumes::positions(40)); },
+                               [=] { return *results; }};
+            }};
+}
+
+TEST_F(Faults, OfSampling) {
+    for (SamplerType const type : volumes::kTypes)
+        for (VoxelOffsetType const offset : {7, 0}) {
+            failEach(sampling<BinaryTraits>(type, offset));
+            failEach(sampling<QuinaryTraits>(type, offset));
+        }
+}
+
 /// The whole text arrives, or std::bad_alloc does.
 TEST_F(Faults, OfRefusals) {
     auto const refusal = [](std::string const& name, std::function<void()> const& call) -> Case {
@@ -415,6 +442,34 @@ TEST(FaultsOnThreads, ReachTheCallerOnceAndLeaveTheNextTryAlone) {
                 EXPECT_TRUE(samples == volumeOf(*ball));
             });
         }
+}
+
+TEST(SceneThreads, RegisterClassesWhileOthersLookUp) {
+    constexpr int kThreads = 4;
+    std::barrier start(kThreads);
+    auto const add = [&]<int n>(std::integral_constant<int, n>) {
+        std::string const name = "Late" + std::to_string(n);
+        registerNode<Late<n>>(name);
+        EXPECT_EQ(findNodeClass(Late<n>()), findNodeClass(name));
+        auto const read = scalarFromJson(R"({"version": 1, "root": {"type": ")" + name + "\"}}");
+        EXPECT_TRUE(dynamic_cast<Late<n> const*>(read.get()));
+        EXPECT_TRUE(std::ranges::count(nodeClasses(), findNodeClass(name)));
+    };
+    auto const addAll = [&]<int first, int... n>(std::integral_constant<int, first>,
+                                                 std::integer_sequence<int, n...>) {
+        start.arrive_and_wait();
+        (add(std::integral_constant<int, first + n>()), ...);
+    };
+    std::vector<std::thread> threads;
+    [&]<int... thread>(std::integer_sequence<int, thread...>) {
+        (threads.emplace_back([&] {
+            addAll(std::integral_constant<int, 100 * (thread + 1)>(),
+                   std::make_integer_sequence<int, 8>());
+        }),
+         ...);
+    }
+    (std::make_integer_sequence<int, kThreads>());
+    for (std::thread& one : threads) one.join();
 }
 
 }  // namespace

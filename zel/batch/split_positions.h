@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 
 #include "zel/batch/float_vectors.h"
 #include "zel/field/evaluate.h"
@@ -29,13 +28,13 @@ ZEL_WIDE_TARGET inline void splitPositionsWide(int count, float const* p, float*
                                                float* z) {
     int i = 0;
     for (; i + 8 <= count; i += 8) {
-        // By memcpy, since the arrays need not be aligned; one by one, so that the values stay in
-        // registers.
+        // By __builtin_memcpy, since the arrays need not be aligned, and std::memcpy may be checked
+        // (_FORTIFY_SOURCE); one by one, so that the values stay in registers.
         Float8 a, b, c;
         float const* const from = p + 3 * i;
-        std::memcpy(&a, from, sizeof a);
-        std::memcpy(&b, from + 8, sizeof b);
-        std::memcpy(&c, from + 16, sizeof c);
+        __builtin_memcpy(&a, from, sizeof a);
+        __builtin_memcpy(&b, from + 8, sizeof b);
+        __builtin_memcpy(&c, from + 16, sizeof c);
         // a: x0 y0 z0 x1 y1 z1 x2 y2; b: z2 x3 y3 z3 x4 y4 z4 x5; c: y5 z5 x6 y6 z6 x7 y7 z7
         Float8 const xOfAb = __builtin_shufflevector(a, b, 0, 9, 2, 3, 12, 5, 6, 15),
                      yOfBc = __builtin_shufflevector(b, c, 8, 1, 2, 11, 4, 5, 14, 7),
@@ -46,9 +45,9 @@ ZEL_WIDE_TARGET inline void splitPositionsWide(int count, float const* p, float*
         Float8 const allX = __builtin_shufflevector(xs, xs, 0, 3, 6, 1, 4, 7, 2, 5),
                      allY = __builtin_shufflevector(ys, ys, 1, 4, 7, 2, 5, 0, 3, 6),
                      allZ = __builtin_shufflevector(zs, zs, 2, 5, 0, 3, 6, 1, 4, 7);
-        std::memcpy(x + i, &allX, sizeof allX);
-        std::memcpy(y + i, &allY, sizeof allY);
-        std::memcpy(z + i, &allZ, sizeof allZ);
+        __builtin_memcpy(x + i, &allX, sizeof allX);
+        __builtin_memcpy(y + i, &allY, sizeof allY);
+        __builtin_memcpy(z + i, &allZ, sizeof allZ);
     }
     splitPositions(count - i, p + 3 * i, x + i, y + i, z + i);
 }
@@ -60,9 +59,9 @@ ZEL_WIDEST_TARGET inline void splitPositionsWidest(int count, float const* p, fl
     for (; i + 16 <= count; i += 16) {
         Float16 a, b, c;
         float const* const from = p + 3 * i;
-        std::memcpy(&a, from, sizeof a);
-        std::memcpy(&b, from + 16, sizeof b);
-        std::memcpy(&c, from + 32, sizeof c);
+        __builtin_memcpy(&a, from, sizeof a);
+        __builtin_memcpy(&b, from + 16, sizeof b);
+        __builtin_memcpy(&c, from + 32, sizeof c);
         // Those of `a` and `b`, then with those of `c`, which follow.
         Float16 const xOfAb = __builtin_shufflevector(a, b, 0, 3, 6, 9, 12, 15, 18, 21, 24, 27, 30,
                                                       0, 0, 0, 0, 0),
@@ -76,9 +75,9 @@ ZEL_WIDEST_TARGET inline void splitPositionsWidest(int count, float const* p, fl
                                                      21, 24, 27, 30),
                       allZ = __builtin_shufflevector(zOfAb, c, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 16, 19,
                                                      22, 25, 28, 31);
-        std::memcpy(x + i, &allX, sizeof allX);
-        std::memcpy(y + i, &allY, sizeof allY);
-        std::memcpy(z + i, &allZ, sizeof allZ);
+        __builtin_memcpy(x + i, &allX, sizeof allX);
+        __builtin_memcpy(y + i, &allY, sizeof allY);
+        __builtin_memcpy(z + i, &allZ, sizeof allZ);
     }
     splitPositions(count - i, p + 3 * i, x + i, y + i, z + i);
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstring>
 
 #include "zel/batch/fusion/stage.h"
 #include "zel_platform/quern_core/always_inline.h"
@@ -58,9 +57,9 @@ template <class Loop> struct LoopStage : StageWork {
         typename Width::Vector v[] = {v0, v1, v2, v3, v4, v5, v6, v7};
         float floats[Width::kTileSize];
         static_assert(sizeof v == sizeof floats);
-        std::memcpy(floats, v, sizeof floats);
+        __builtin_memcpy(floats, v, sizeof floats);
         Loop::run(stage, at, floats);
-        std::memcpy(v, floats, sizeof floats);
+        __builtin_memcpy(v, floats, sizeof floats);
         v0 = v[0], v1 = v[1], v2 = v[2], v3 = v[3];
         v4 = v[4], v5 = v[5], v6 = v[6], v7 = v[7];
     }

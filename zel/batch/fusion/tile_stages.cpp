@@ -1,7 +1,5 @@
 #include "zel/batch/fusion/tile_stages.h"
 
-#include <cstring>
-
 #include "zel/batch/columns.h"
 #include "zel/batch/fusion/stage_forms.h"
 
@@ -19,21 +17,21 @@ template <class Width>
 ZEL_ALWAYS_INLINE inline void writeRows(float* to, std::ptrdiff_t step, Tile<Width> const& tile) {
     constexpr std::size_t kBytes = sizeof(typename Width::Vector);
     constexpr std::ptrdiff_t kFloats = kBytes / sizeof(float);
-    std::memcpy(to, &tile.v0, kBytes);
-    std::memcpy(to + kFloats, &tile.v1, kBytes);
-    std::memcpy(to + step, &tile.v2, kBytes);
-    std::memcpy(to + step + kFloats, &tile.v3, kBytes);
-    std::memcpy(to + 2 * step, &tile.v4, kBytes);
-    std::memcpy(to + 2 * step + kFloats, &tile.v5, kBytes);
-    std::memcpy(to + 3 * step, &tile.v6, kBytes);
-    std::memcpy(to + 3 * step + kFloats, &tile.v7, kBytes);
+    __builtin_memcpy(to, &tile.v0, kBytes);
+    __builtin_memcpy(to + kFloats, &tile.v1, kBytes);
+    __builtin_memcpy(to + step, &tile.v2, kBytes);
+    __builtin_memcpy(to + step + kFloats, &tile.v3, kBytes);
+    __builtin_memcpy(to + 2 * step, &tile.v4, kBytes);
+    __builtin_memcpy(to + 2 * step + kFloats, &tile.v5, kBytes);
+    __builtin_memcpy(to + 3 * step, &tile.v6, kBytes);
+    __builtin_memcpy(to + 3 * step + kFloats, &tile.v7, kBytes);
 }
 
 /// Sets two vectors to the floats at `from`.
 template <class Vector>
 ZEL_ALWAYS_INLINE inline void readRow(float const* from, Vector& a, Vector& b) {
-    std::memcpy(&a, from, sizeof a);
-    std::memcpy(&b, from + sizeof a / sizeof(float), sizeof b);
+    __builtin_memcpy(&a, from, sizeof a);
+    __builtin_memcpy(&b, from + sizeof a / sizeof(float), sizeof b);
 }
 
 struct WriteValues : StageWork {

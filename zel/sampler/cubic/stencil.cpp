@@ -42,7 +42,7 @@ ZEL_ALWAYS_INLINE inline T CubicStencil<T>::value(bool clamp, Float4 const& frac
     interpolateAll<kFloats>(UniformInterpolant<Type>(weights, 2), line, line + kFloats,
                             line + 2 * kFloats, line + 3 * kFloats, point);
     Register value;
-    std::memcpy(&value, point, sizeof value);
+    __builtin_memcpy(&value, point, sizeof value);
     return RegisterTraits<T>::to(clamp ? limited(value, m_low, m_high) : value);
 }
 
@@ -90,10 +90,10 @@ ZEL_ALWAYS_INLINE inline T CubicStencil<T>::value(bool clamp, Float4 const& frac
         y[n] = derivative(lineY, n);
     }
     Register value, dx, dy, dz;
-    std::memcpy(&value, point, sizeof value);
-    std::memcpy(&dx, x, sizeof dx);
-    std::memcpy(&dy, y, sizeof dy);
-    std::memcpy(&dz, z, sizeof dz);
+    __builtin_memcpy(&value, point, sizeof value);
+    __builtin_memcpy(&dx, x, sizeof dx);
+    __builtin_memcpy(&dy, y, sizeof dy);
+    __builtin_memcpy(&dz, z, sizeof dz);
     if (clamp) {
         clearClamped(value, dx, dy, dz);
         value = limited(value, m_low, m_high);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <cstring>
 
 #include "zel/sampler/common/gradient.h"
 #include "zel/sampler/cubic/kernels.h"
@@ -75,11 +74,11 @@ private:
     }
     static void put(float* to, float a, float b, float c, float d) {
         Float4 const four{a, b, c, d};
-        std::memcpy(to, &four, sizeof four);
+        __builtin_memcpy(to, &four, sizeof four);
     }
     static void put(float* to, float3 const& a, float3 const& b, float3 const& c, float3 const& d) {
         Float4 const four[4] = {float4Of(a), float4Of(b), float4Of(c), float4Of(d)};
-        std::memcpy(to, four, sizeof four);
+        __builtin_memcpy(to, four, sizeof four);
     }
     void findRange() {
         Register most[2], least[2];
@@ -87,7 +86,7 @@ private:
         for (unsigned k = 1; k < 3; ++k) {
             auto const corner = [&](unsigned offset) {
                 Register v;
-                std::memcpy(&v, m_values + offset + k * kFloats, sizeof v);
+                __builtin_memcpy(&v, m_values + offset + k * kFloats, sizeof v);
                 return v;
             };
             Register const a = corner(low + below), b = corner(high + below),
