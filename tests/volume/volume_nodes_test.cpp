@@ -1,3 +1,6 @@
+#include <tbb/task_arena.h>
+
+#include "support/float_modes.h"
 #include "support/sanitized.h"
 #include "volume/volumes.h"
 
@@ -216,6 +219,21 @@ TEST(VolumeScale, StaysWithoutAFloat) {
 }
 
 // Where halos come from.
+
+TEST(VolumeHalo, AndCoarseSamplesAreTheSameWhateverTheThreadHasSet) {
+    auto const at = positions(2000);
+    for (VoxelOffsetType const offset : {7, 0}) {  // samples on corners, and means of finer ones
+        auto const bind = [&] {
+            return Scalar(host(build<BinaryTraits, float>(waves<float>, offset)), "d",
+                          SamplerType::kLinear);
+        };
+        auto const expected = bind().eval(at);
+        // An arena gives its tasks the modes in which it began.
+        auto const bindInArena = [&] { return tbb::task_arena(2).execute(bind); };
+        for (int const direction : support::kDirections)
+            EXPECT_EQ(*support::inModes(direction, bindInArena).eval(at), *expected);
+    }
+}
 
 TEST(VolumeHalo, ComesFromThePoolsAndGoesBack) {
     auto const object = host(build<BinaryTraits, float>(waves<float>));

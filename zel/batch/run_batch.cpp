@@ -14,8 +14,8 @@
 #include <optional>
 
 #include "zel/batch/evaluate_range.h"
-#include "zel/batch/float_environment.h"
 #include "zel/batch/hook_walk.h"
+#include "zel_platform/quern_core/float_environment.h"
 #include "zel_platform/quern_core/parallel_for.h"
 
 namespace zel::detail {
@@ -110,7 +110,7 @@ private:
     }
 
     void runRange(std::size_t begin, std::size_t end) const {
-        FloatEnvironment const standard;
+        Quern::Internal::FloatEnvironment const standard;
         evaluateRange(m_field, m_batch, m_graphOfBatch, begin, end);
     }
 
@@ -129,7 +129,7 @@ std::uint64_t newBatch() {
 }
 
 template <class Interface> void runBatch(Interface const& field, Batch<Interface> const& batch) {
-    FloatEnvironment const standard;  // for the hooks; each task sets its own
+    Quern::Internal::FloatEnvironment const standard;  // for the hooks; each task sets its own
     if (batch.watch && !batch.watch->goesOn()) throw Stopped();
     KnownGraph const& graph = KnownGraphs::local().find(field);
     bool const isPure = graph.isPure;

@@ -3,11 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "zel/batch/float_environment.h"
 #include "zel/batch/known_graphs.h"
 #include "zel/batch/position_set.h"
 #include "zel/field/evaluate.h"
 #include "zel_platform/quern_core/always_inline.h"
+#include "zel_platform/quern_core/float_environment.h"
 
 namespace zel::detail {
 
@@ -36,7 +36,7 @@ callPoints(Interface const& field, PointView const& points, typename Interface::
     // No position is too many, since the hooks may have an effect.
     std::size_t const most = gradients ? graph->mostPointGradients : graph->mostPointValues;
     if (points.count - 1 >= most) return false;
-    FloatEnvironment const standard;
+    Quern::Internal::FloatEnvironment const standard;
     auto const callAt = [&](std::size_t i, Orvane::Math::float3 const& p) ZEL_ALWAYS_INLINE {
         long long const index = elementAfter(firstIndex, i);
         if (!gradients || values) values[i] = field.eval(p, index);

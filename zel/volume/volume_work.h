@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <functional>
 
-#include "zel/batch/float_environment.h"
 #include "zel/batch/run_batch.h"
 #include "zel/batch/watch.h"
 #include "zel_platform/orvane_geometry_volume/parallel.h"
+#include "zel_platform/quern_core/float_environment.h"
 
 namespace zel::detail {
 
@@ -26,7 +26,7 @@ public:
     /// thread alone, and reports at its end that all positions are done. After an exception the
     /// second hook is not called.
     template <class Interface, class Work> void run(Interface const& field, Work const& work) {
-        FloatEnvironment const standard;  // for the hooks; each task sets its own
+        Quern::Internal::FloatEnvironment const standard;  // for the hooks; tasks set it, too
         callHook([&] { field.preSampleField(); });
         if (m_parallel)
             work();
@@ -46,7 +46,6 @@ public:
         stopIfAsked();
         ORV::TileTree3D::Internal::parallelRanges(
             (count + size - 1) / size, 1, [&](long long begin, long long end) {
-                FloatEnvironment const standard;
                 for (long long group = begin; group < end && m_watch.goesOn(); ++group) {
                     long long const first = group * size, last = std::min(first + size, count);
                     body(first, last);

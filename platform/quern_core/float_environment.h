@@ -6,7 +6,7 @@
 #include <cfenv>
 #endif
 
-namespace zel::detail {
+namespace Quern::Internal {
 
 /// While it exists, the calling thread computes floats as at the start of a program: rounded to
 /// nearest, subnormal numbers kept, no exception trapped. Its end restores the previous modes.
@@ -45,4 +45,4 @@ private:
 #endif
 };
 
-}  // namespace zel::detail
+}  // namespace Quern::Internal
