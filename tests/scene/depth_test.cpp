@@ -28,11 +28,11 @@ constexpr int kPointLevels = kLevels, kBatchLevels = 4000;
 constexpr int kPointLevels = kLevels / 20, kBatchLevels = 500;
 #endif
 
-/// Runs `call` on a thread with a stack of so many MB.
+/// Runs `call` on a thread with a stack of so many bytes.
 void onStack(std::size_t size, std::function<void()> call) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, size << 20);
+    pthread_attr_setstacksize(&attributes, size);
     pthread_t thread;
     auto const run = [](void* given) -> void* {
         (*static_cast<std::function<void()>*>(given))();
@@ -79,11 +79,17 @@ void expectBatches(ScalarField const& tree, float added) {
 }
 
 TEST(Depth, IsNoLimitButOfEvaluating) {
-    onStack(8, [] {
+    constexpr std::size_t kMegabyte = 1 << 20;
+    onStack(8 * kMegabyte, [] {
         ScalarPtr const tree = chain(kLevels);
         expectSetUp(tree, 2 * kLevels + 1);
         EXPECT_THROW(scalarFromJson(toJson(tree)), SceneError);
         EXPECT_EQ(chain(kPointLevels)->eval({3, 1, 2}, 0), 3.0F + kPointLevels);
+        VectorPtr const one = makePtr<VectorFieldConstant>(float3{1, 1, 1});
+        VectorPtr product = makePtr<VectorFieldPosition>();  // whose gradients take most stack
+        for (int i = 0; i < kPointLevels / 5; ++i)
+            product = makePtr<VectorFieldMultiply>(product, one);
+        EXPECT_EQ(product->grad({3, 1, 2}, 0)[1].y, 1);
         // Of several kinds of operators, whose blocks take most of the stack.
         ScalarPtr mixed = tree;
         for (int i = 0; i < kLevels / 10; ++i)
@@ -99,7 +105,14 @@ TEST(Depth, IsNoLimitButOfEvaluating) {
     });
     // The threads of tasks have stacks of their own.
     tbb::global_control const limit(tbb::global_control::max_allowed_parallelism, 1);
-    onStack(512, [] { expectBatches(*chain(kPointLevels), kPointLevels); });
+    onStack(512 * kMegabyte, [] { expectBatches(*chain(kPointLevels), kPointLevels); });
+    // A batch of one position would be a point call, once the graph is known.
+    onStack(kMegabyte / 8, [] {
+        VectorPtr moved = makePtr<VectorFieldPosition>();
+        for (int i = 0; i < 2000; ++i) moved = makePtr<VectorFieldTranslate>(moved, float3{});
+        Array<float3> const positions(1LL);
+        for (int i = 0; i < 3; ++i) EXPECT_THROW((void)moved->eval(positions), std::length_error);
+    });
 }
 
 TEST(Depth, OfAGraphOfManyPathsCostsItsNodes) {

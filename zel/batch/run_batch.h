@@ -5,6 +5,7 @@
 
 #include "zel/batch/known_graphs.h"
 #include "zel/batch/position_set.h"
+#include "zel/batch/workspace.h"
 #include "zel/field/evaluate.h"
 #include "zel_platform/quern_core/always_inline.h"
 #include "zel_platform/quern_core/float_environment.h"
@@ -36,6 +37,11 @@ callPoints(Interface const& field, PointView const& points, typename Interface::
     // No position is too many, since the hooks may have an effect.
     std::size_t const most = gradients ? graph->mostPointGradients : graph->mostPointValues;
     if (points.count - 1 >= most) return false;
+    // Point calls look at no stack. The deepest graph is a chain.
+    constexpr std::size_t kShallow = 64, kLargestFrame = 512;  // bytes
+    if (graph->nodeCount > kShallow &&
+        !Workspace::local().hasStack(graph->nodeCount * kLargestFrame))
+        return false;
     Quern::Internal::FloatEnvironment const standard;
     auto const callAt = [&](std::size_t i, Orvane::Math::float3 const& p) ZEL_ALWAYS_INLINE {
         long long const index = elementAfter(firstIndex, i);

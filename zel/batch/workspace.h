@@ -54,6 +54,13 @@ public:
             checkStack();
     }
 
+    /// Whether so many bytes of stack are left above that part, or nothing is known of it.
+    bool hasStack(std::size_t bytes) const {
+        char const here = 0;
+        auto const at = reinterpret_cast<std::uintptr_t>(&here);
+        return at >= m_stackEnd.limit + bytes || at < m_stackEnd.begin;
+    }
+
     Arena stack;  ///< columns that are valid until a Block::Frame ends
     Arena kept;   ///< results that are kept with their PositionSet
     Arena plans;  ///< plans of fusions, with their fusions, of graphs that are not pure
