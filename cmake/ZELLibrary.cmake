@@ -53,20 +53,30 @@ if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "-fsanitize|
   set(ZEL_OPTIMISED 0)
 endif()
 
+# Adds the checks of optimised code that cost nothing: of the stack, and of the C library's calls.
+# No benchmark moves, since code that copies vectors calls __builtin_memcpy: the checked memcpy of
+# _FORTIFY_SOURCE is resolved too late for the vectors to stay in registers, which made cubic samples 20 %
+# slower. A level in the flags of a distribution holds, one that the compiler sets by itself does not.
+# `ARGN` may name the configurations that are optimised, of a target that the libraries' -O3 is not for.
+function(zel_check_at_run_time target)
+  set(condition ${ZEL_OPTIMISED})
+  if(ARGN)
+    list(JOIN ARGN "," configurations)
+    set(condition $<AND:${ZEL_OPTIMISED},$<CONFIG:${configurations}>>)
+  endif()
+  target_compile_options(${target} PRIVATE $<${condition}:-fstack-protector-strong>)
+  if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "_FORTIFY_SOURCE")
+    target_compile_options(${target} PRIVATE $<${condition}:-U_FORTIFY_SOURCE>
+                                             $<${condition}:-D_FORTIFY_SOURCE=3>)
+  endif()
+endfunction()
+
 # Sets what all sources of a library are compiled with.
 function(zel_library_options target)
   zel_compile_options(${target})
   target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-O3>)
   target_compile_definitions(${target} PRIVATE $<${ZEL_OPTIMISED}:NDEBUG>)
-  # No benchmark shows what these checks cost, since code that copies vectors calls __builtin_memcpy: the
-  # checked memcpy of _FORTIFY_SOURCE is resolved too late for the vectors to stay in registers, which
-  # made cubic samples 20 % slower. _FORTIFY_SOURCE needs optimised code; a level in the flags of a
-  # distribution holds, one that the compiler sets by itself does not.
-  target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-fstack-protector-strong>)
-  if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${flags}" MATCHES "_FORTIFY_SOURCE")
-    target_compile_options(${target} PRIVATE $<${ZEL_OPTIMISED}:-U_FORTIFY_SOURCE>
-                                             $<${ZEL_OPTIMISED}:-D_FORTIFY_SOURCE=3>)
-  endif()
+  zel_check_at_run_time(${target})
   # With unique symbols dlclose() would not unload the library.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition
                                            $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)

@@ -2,7 +2,6 @@
 
 #include <concepts>
 #include <cstddef>
-#include <cstring>
 #include <tuple>
 #include <type_traits>
 #include <utility>
