@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
+#include <thread>
 
 #include "support/random_nodes.h"
 #include "support/refused.h"
@@ -361,8 +362,11 @@ TEST(Block, TreatsNodesOfUsersAsPointsDo) {
 TEST(BlockDeathTest, RunsWhileTheObjectsOfTheThreadAreDestroyed) {
     struct AtExit {
         ~AtExit() {
-            Quern::Array<float3> const at(1, float3{1, 2, 3});
-            if (!same((*tree->eval(at))[0], tree->eval(at[0], 0))) std::_Exit(1);
+            for (long long const count : {1, 5001}) {
+                Quern::Array<float3> const at(count, float3{1, 2, 3});
+                long long const last = count - 1;
+                if (!same((*tree->eval(at))[last], tree->eval(at[last], last))) std::_Exit(1);
+            }
         }
         RandomNodes nodes{3};
         ScalarPtr tree = makePtr<ScalarFieldLerp>(nodes, nodes, nodes);
@@ -371,6 +375,10 @@ TEST(BlockDeathTest, RunsWhileTheObjectsOfTheThreadAreDestroyed) {
         {
             static AtExit const last;
             last.tree->eval(somePositions(1));
+            std::thread([] {
+                thread_local AtExit const ofThread;
+                ofThread.tree->eval(somePositions(1));
+            }).join();
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");

@@ -14,6 +14,11 @@ TEST(HardenedDeathTest, NamesTheBrokenPrecondition) {
     EXPECT_DEATH((void)vector[static_cast<int>(three)], "vectors.h:[0-9]+: broken precondition");
     ORV::TileTree3D::TileData<float, 4, 0, 0> const tile(64);
     EXPECT_DEATH((void)tile(0, 0, 4), "tile_data.h:[0-9]+: broken precondition: .*k < W");
+    using Traits = ORV::TileTree3D::BinaryTraits;
+    auto const tree = Quern::makePtr<ORV::TileTree3D::Container<Traits>>(1.0F);
+    ORV::TileTree3D::DataChannel<Traits, float> const stale("", nullptr, 0, false, true, 0, 1);
+    EXPECT_DEATH((void)stale.tileData(tree->addTile(0, 0, 0, 0))(0, 0, 0),
+                 "tile_data.h:[0-9]+: broken precondition: m_flat");
 #ifndef NDEBUG  // the libraries check, too
     zel::ScalarFieldNegative const orphan(none);
     EXPECT_DEATH((void)orphan.eval({}, 0), "ptr.h:[0-9]+: .*pointee");

@@ -110,6 +110,9 @@ TEST(FillChannel, EndsByErrorsAndRequests) {
     DataChannel<BinaryTraits, float> empty("c", nullptr, 0, false, true, 0, 3);
     EXPECT_THROW(zel::fillChannel(empty, *volume.topology, *curved<float>()),
                  std::invalid_argument);
+    volume.container->addTile(-9, -9, -9, BinaryTraits::kMaxDepth);  // the channel is older now
+    EXPECT_THROW(zel::fillChannel(channel, *volume.topology, *curved<float>()),
+                 std::invalid_argument);
 }
 
 /// The number of lattice points of a box at which |field| is below the band, but that are in no
