@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -35,6 +36,12 @@ constexpr std::size_t kMostFloatDigits = 16;
 /// Writes the shortest text that reads back to the same float. Returns its end.
 inline char* formatFloat(char* to, float number) {
     return std::to_chars(to, to + kMostFloatDigits, number).ptr;
+}
+
+/// The shortest text that reads back to the same number.
+template <class Number> std::string numberText(Number number) {
+    char digits[32];
+    return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
 }
 
 }  // namespace zel::detail

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cctype>
 #include <filesystem>
 #include <string>
 
@@ -9,7 +8,8 @@ namespace zel::detail {
 /// The suffix of a name in lower case, such as ".ply".
 inline std::string lowerSuffix(std::filesystem::path const& path) {
     std::string suffix = path.extension().string();
-    for (char& c : suffix) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : suffix)
+        if ('A' <= c && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     return suffix;
 }
 

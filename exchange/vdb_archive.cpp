@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <istream>
+#include <locale>
 #include <new>
 #include <streambuf>
 
@@ -136,6 +137,7 @@ void initializeVdb() {
 void prepareVdbStream(std::ios& stream) {
     static int const last = std::ios_base::xalloc();  // the indices of OpenVDB are lower
     stream.iword(last);
+    stream.imbue(std::locale::classic());
     if (stream.bad()) throw std::bad_alloc();
 }
 

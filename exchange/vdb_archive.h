@@ -21,6 +21,7 @@ void initializeVdb();
 
 /// Makes room in a stream for what OpenVDB keeps there, before the stream throws. Without memory,
 /// OpenVDB would set badbit and take 0 for the compression, among others. Throws std::bad_alloc.
+/// The stream leaves the global locale, whose digits and separators would get into the UUID.
 void prepareVdbStream(std::ios& stream);
 
 }  // namespace zel::detail

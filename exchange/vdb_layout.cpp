@@ -11,6 +11,7 @@
 
 #include "byte_source.h"
 #include "error.h"
+#include "number_text.h"
 
 namespace zel::detail {
 
@@ -190,7 +191,7 @@ template <class T> std::string numbersText(std::string_view bytes) {
         T value;
         std::memcpy(&value, bytes.data() + at, sizeof value);
         if (!text.empty()) text += ", ";
-        text += std::to_string(value);
+        text += numberText(value);
     }
     return text;
 }

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "number_text.h"
 #include "vdb_archive.h"
 
 namespace zel::detail {
@@ -66,7 +67,7 @@ void VdbOutput::refuseValue(std::string const& name, std::optional<openvdb::Coor
                                        ")"
                                  : "background";
     throw FileError(m_path.string(), gridPlace(name),
-                    "the " + where + " is " + std::to_string(value) +
+                    "the " + where + " is " + numberText(value) +
                         (std::isfinite(value) ? ", too large for a half" : ""));
 }
 

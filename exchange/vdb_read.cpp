@@ -1,12 +1,12 @@
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <optional>
 #include <tbb/task_arena.h>
 #include <tuple>
 
 #include "affine_map.h"
 #include "error.h"
+#include "number_text.h"
 #include "numbers.h"
 #include "vdb.h"
 #include "vdb_values.h"
@@ -210,8 +210,8 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
             volumes.push_back(request.values[grid]->channel(request.channels[grid], tree, topology,
                                                             request.shift));
         } catch (WrongValue const& wrong) {
-            request.fail(grid, "the value of voxel " + text(wrong.at) + " is " +
-                                   std::to_string(wrong.value));
+            request.fail(grid,
+                         "the value of voxel " + text(wrong.at) + " is " + numberText(wrong.value));
         }
         request.values[grid].reset();
     }
@@ -225,11 +225,7 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
 std::string rowsText(AffineMap const& map) {
     std::string numbers;
     for (auto const& row : map)
-        for (double const number : row) {
-            char text[32];
-            std::snprintf(text, sizeof text, " %g", number);
-            numbers += text;
-        }
+        for (double const number : row) numbers += " " + numberText(number);
     return numbers;
 }
 

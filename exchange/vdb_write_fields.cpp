@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "number_text.h"
 #include "vdb_output.h"
 #include "vdb_pieces.h"
 #include "vdb_tiles.h"
@@ -118,8 +119,7 @@ private:
 
     Volume<BinaryTraits, float> build(ScalarField const& field) {
         auto const& options = m_output.options();
-        if (!(*options.band > 0))
-            refuseVdb("a band of " + std::to_string(*options.band) + " voxels");
+        if (!(*options.band > 0)) refuseVdb("a band of " + numberText(*options.band) + " voxels");
         BuildOptions build;
         build.outside = band();
         build.parallel = options.parallel;
@@ -278,19 +278,19 @@ VdbParts::VdbParts(std::filesystem::path path, std::vector<VdbField> fields, Box
                    float voxelSize, WriteVdbOptions options) {
     detail::checkNames(fields);
     if (!(voxelSize > 0) || std::isinf(voxelSize))
-        detail::refuseVdb("a voxelSize of " + std::to_string(voxelSize));
+        detail::refuseVdb("a voxelSize of " + detail::numberText(voxelSize));
     for (int axis = 0; axis < 3; ++axis) {
         bool const fits = std::abs(double{box.low[axis]}) < 0x1p28 * double{voxelSize} &&
                           std::abs(double{box.high[axis]}) < 0x1p28 * double{voxelSize};
         auto const refuseBox = [&](std::string const& why) {
-            detail::refuseVdb("a box from " + std::to_string(box.low[axis]) + " to " +
-                              std::to_string(box.high[axis]) + " along " + "xyz"[axis] + why);
+            detail::refuseVdb("a box from " + detail::numberText(box.low[axis]) + " to " +
+                              detail::numberText(box.high[axis]) + " along " + "xyz"[axis] + why);
         };
         if (!fits || !(box.low[axis] < box.high[axis])) refuseBox("");
         auto const voxels = detail::voxelsIn(box, voxelSize);
         if (voxels.min()[static_cast<std::size_t>(axis)] >
             voxels.max()[static_cast<std::size_t>(axis)])
-            refuseBox(", which has no voxel of " + std::to_string(voxelSize));
+            refuseBox(", which has no voxel of " + detail::numberText(voxelSize));
     }
     for (VdbField const& field : fields) {
         if (!field.scalar == !field.vector)

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "number_text.h"
 #include "vdb_archive.h"
 #include "vdb_output.h"
 #include "vdb_tiles.h"
@@ -107,8 +108,7 @@ private:
         if constexpr (std::is_same_v<T, float>)
             if (storage.isLevelSet && !(storage.background > 0))
                 refuseVdb("level set " + detail::quoted(channel.name) + " has a default value of " +
-                          std::to_string(storage.background) +
-                          ", which must be the width of its band");
+                          numberText(storage.background) + ", which must be the width of its band");
     }
 
     /// Adds the samples of the tiles above the finest ones, as tiles.
@@ -240,7 +240,8 @@ void writeVdb(std::filesystem::path const& path, VdbVolume const& volume,
         for (int axis = 0; axis < 3 && volume.isPlaced(); ++axis) {
             double const at = std::round(-volume.worldToIndex[static_cast<std::size_t>(axis)][3]);
             if (!(std::abs(at) <= 0x1p28))
-                detail::refuseVdb("index 0 lies " + std::to_string(at) + " voxels from the origin");
+                detail::refuseVdb("index 0 lies " + detail::numberText(at) +
+                                  " voxels from the origin");
             shift[axis] = static_cast<int>(at);
         }
         for (VdbGrid const& grid : volume.grids)

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "number_text.h"
 #include "vdb_archive.h"
 #include "vdb_tiles.h"
 #include "zel/field/evaluate.h"
@@ -22,8 +23,9 @@ void check(MeshOptions const& options) {
         throw std::invalid_argument("zel::meshOf: " + message);
     };
     if (!(options.adaptivity >= 0 && options.adaptivity <= 1))
-        refuse("an adaptivity of " + std::to_string(options.adaptivity));
-    if (!(options.band >= 1.5F)) refuse("a band of " + std::to_string(options.band) + " voxels");
+        refuse("an adaptivity of " + detail::numberText(options.adaptivity));
+    if (!(options.band >= 1.5F))
+        refuse("a band of " + detail::numberText(options.band) + " voxels");
     if (options.colour && !options.channels.empty()) refuse("two kinds of colours");
     if (options.channels.size() > 3)
         refuse(std::to_string(options.channels.size()) + " channels of colour");

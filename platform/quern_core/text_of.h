@@ -1,16 +1,18 @@
 #pragma once
 
 #include <ios>
+#include <locale>
 #include <new>
 #include <sstream>
 #include <string>
 
 namespace Quern::Internal {
 
-/// What `write(stream)` writes to a stream. Throws std::bad_alloc without memory, where a stream
-/// would cut the text off in silence.
+/// What `write(stream)` writes to a stream, in every locale with a decimal point. Throws
+/// std::bad_alloc without memory, where a stream would cut the text off in silence.
 template <class Write> std::string textOf(Write const& write) {
     std::ostringstream stream;
+    stream.imbue(std::locale::classic());
     stream.exceptions(std::ios::badbit);
     try {
         write(stream);
