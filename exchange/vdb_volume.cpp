@@ -1,3 +1,5 @@
+#include <tbb/task_group.h>
+
 #include <new>
 #include <stdexcept>
 
@@ -12,9 +14,6 @@
 #include "zel/vector/projection.h"
 #include "zel/vector/spatial.h"
 #include "zel/volume/volume_fields.h"
-#include "zel_platform/orvane_geometry/geo_property.h"
-#include "zel_platform/orvane_geometry_volume/channel.h"
-#include "zel_platform/orvane_geometry_volume/object.h"
 
 namespace zel {
 
@@ -59,21 +58,17 @@ Quern::Ptr<Field> placed(AffineMap const& map, Quern::Ptr<Field> field) {
     return makePtr<Translate>(std::move(field), origin(map));
 }
 
-template <class T> bool hasChannel(Orvane::Object const& object, Quern::String const& name) {
-    using namespace ORV::TileTree3D;
-    auto const volume = Orvane::Geometry::shallow_copy_object_to_orv_volume(object);
-    return volume && (volume->component<DataChannel<BinaryTraits, T>>(name) ||
-                      volume->component<DataChannel<QuinaryTraits, T>>(name));
-}
-
 template <class Leaf>
 Quern::Ptr<Leaf> boundLeaf(VdbVolume const& volume, std::string const& name,
                            VdbVolume::SamplerType sampler) {
     Quern::String const channel(name.c_str());
-    auto leaf = makePtr<Leaf>(volume.object, channel, sampler);
+    Quern::Ptr<Leaf> leaf;
+    // The constructor throws nothing: it cancels its group, and may leave a leaf without a halo.
+    tbb::task_group_context context(tbb::task_group_context::isolated);
+    tbb::task_group group(context);
+    auto const make = [&] { leaf = makePtr<Leaf>(volume.object, channel, sampler); };
+    if (group.run_and_wait(make) == tbb::canceled) throw std::bad_alloc();
     if (leaf->isBound()) return leaf;
-    // The constructor of a leaf throws nothing; with the channel there, it is memory that it lacks.
-    if (hasChannel<typename Leaf::Value>(volume.object, channel)) throw std::bad_alloc();
     std::string message = "zel::VdbVolume: no such channel " + detail::quoted(name) + "; there are";
     for (auto const& grid : volume.grids)
         message += " " + detail::quoted(detail::channelName(grid.name)) + " of " + grid.type;
