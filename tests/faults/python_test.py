@@ -34,16 +34,23 @@ def make():
 TREE, TEXT = make(), make().dumps()
 LATE = zel.ScalarOrvaneTriggered("d", "linear") + zel.ScalarGeoPropertyTriggered("density")
 VOLUME = zel.Volume.from_numpy(ARRAY, 0.5, (0, 0, 0), name="d")
+CURVE = zel.curve([(0, 1), (1, 3, -2, "cubic"), (2, 0, 1, 4)], after="cycle")
 WORKS = {
     "trees": lambda: make().dumps(),
     "values": lambda: TREE(XYZ),
+    "values in place": lambda: TREE(XYZ, out=np.zeros(3000, "f4")),
     "gradients": lambda: np.concatenate([part.ravel() for part in TREE.value_and_grad(XYZ)]),
+    "exact gradients": lambda: zel.exact_gradients(TREE).grad(XYZ),
+    "comparisons": lambda: str((TREE.same_tree(make()), TREE.same_tree(TREE + 1), TREE.tree_hash())),
+    "curves": lambda: repr(zel.curve([(0, 1), (1, 3, -2)], before="linear")) + repr(CURVE.slope(2.25)),
+    "pickled curves": lambda: repr(pickle.loads(pickle.dumps(CURVE))),
     "positions": lambda: TREE((0.1, 0.2, 0.3)),
     "functions": lambda: (zel.field(lambda xyz: xyz[:, 0]) + TREE)(XYZ),
     "scenes": lambda: zel.loads(TEXT).to_dot(),
     "pickles": lambda: pickle.loads(pickle.dumps(TREE)).dumps(),
     "parameters": lambda: str(TREE.parameters) + str(TREE.children) + repr(TREE),
     "volumes": lambda: zel.Volume.from_numpy(ARRAY, 0.5, (0, 0, 0), name="d").to_numpy(),
+    "pickled volumes": lambda: pickle.loads(pickle.dumps(VOLUME)).to_numpy(),
     "volumes of fields": lambda: zel.Volume.from_field(TREE, box=BOX, voxel_size=0.2, band=1).tile_count(),
     "bound": lambda: LATE.bind(volume=VOLUME, properties={"density": ARRAY.ravel()})(XYZ[:60]),
     "errors": lambda: error_of(lambda: zel.loads('{"zel": 1, "root": "none"}')),
