@@ -359,6 +359,9 @@ TEST_F(Faults, OfBinding) {
     failEach(volume);
 }
 
+NodeRegistration<support::OwnScalar> const ownScalar("OwnScalar");
+NodeRegistration<support::OwnSum> const ownSum("OwnSum");
+
 template <int n> struct Late : ScalarField {};
 
 /// Returns whether memory lacked.
@@ -381,8 +384,6 @@ template <int n> bool failToRegister() {
 }
 
 TEST_F(Faults, OfScenes) {
-    registerNode<support::OwnScalar>("OwnScalar");
-    registerNode<support::OwnSum>("OwnSum");
     static std::string const text = toJson(makeTree());
     using Tree = ScalarPtr const&;
     for (Case const& one :
