@@ -26,10 +26,13 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
         volume.fillRandomly(random);
         Reference<Traits, T> const reference(volume);
         constexpr int kTypes[] = {0, 1, 2, 3, 9};
+        constexpr char const* kNames[] = {"kQuadraticC0Averaged", "kCubicC0", "kCubicC1",
+                                          "kCubicC1Monotonic"};
         for (int type : kTypes)
             for (bool clamp : {false, true}) {
                 Quern::useSimdTarget(targets[static_cast<unsigned>(offsetType) % targets.size()]);
                 auto walker = volume.sampler(type, clamp);
+                EXPECT_EQ(walker.samplerName(), type == 9 ? "kError" : kNames[type]);
                 long long const sizes[] = {1, 2, 7, std::numeric_limits<long long>::max()};
                 auto cached = volume.sampler(type, clamp, kJumpTrilinear, nullptr, sizes[type % 4]);
                 float3 last{};

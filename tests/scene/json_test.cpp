@@ -58,6 +58,9 @@ TEST(Json, ReadsBackRandomGraphsOfAllClasses) {
             Tree const read = fromJson(text);
             EXPECT_EQ(toJson(read), text);
             EXPECT_TRUE(sameTree(tree, read));
+            if constexpr (std::is_same_v<decltype(tree), VectorPtr>) {
+                EXPECT_TRUE(sameTree(tree, vectorFromJson(text)));
+            }
             EXPECT_EQ(hashOf(tree), hashOf(read));
             expectSameValues(*tree, *std::get<decltype(tree)>(read), seed);
         });

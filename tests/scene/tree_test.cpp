@@ -227,6 +227,10 @@ TEST(Bind, TellsWhatWasBoundAndWhatWasNot) {
         Tree either = tree;
         EXPECT_EQ(bind(either, host).bindings.size(), 1U);
         EXPECT_EQ(bind(tree, host, nullptr).bindings.size(), 1U);
+        VectorPtr vector = makePtr<ScalarFieldGradient>(tree), unbound = vector;
+        EXPECT_TRUE(bind(vector, object).isComplete());
+        EXPECT_THROW(bindStrictly(unbound, host), std::invalid_argument);
+        EXPECT_THROW(bindStrictly(either, host), std::invalid_argument);
     }
     tree = nullptr;
     EXPECT_THROW(bind(tree, object), std::invalid_argument);
