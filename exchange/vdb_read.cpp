@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <optional>
 #include <tbb/task_arena.h>
@@ -225,7 +226,12 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
 std::string rowsText(AffineMap const& map) {
     std::string numbers;
     for (auto const& row : map)
-        for (double const number : row) numbers += " " + numberText(number);
+        for (double const number : row) {
+            char digits[32];
+            auto const end = std::to_chars(digits, digits + sizeof digits, number,
+                                           std::chars_format::general, 6);
+            numbers += " " + std::string(digits, end.ptr);
+        }
     return numbers;
 }
 
