@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <utility>
 
 namespace zel::detail {
@@ -15,23 +17,19 @@ template <class T> T* threadObjectIfAny() {
 }
 
 /// The T of the calling thread, constructed by the first call and destroyed when the thread ends.
-/// Destructors of thread-local and of static objects may call this later still: the T that they get
-/// is never destroyed. Throws what the constructor of T throws.
+/// Destructors of thread-local objects may call this later still, and get another T, which is
+/// destroyed after them; that of a static object is not destroyed. Throws what the constructor of T
+/// throws.
 template <class T> T& threadObject() {
     T*& object = ThreadPointer<T>::object;
-    static thread_local constinit bool ended = false;
-    struct Owner {
-        Owner() = default;
-        Owner(Owner const&) = delete;
-        Owner& operator=(Owner const&) = delete;
-        ~Owner() {
-            delete std::exchange(ThreadPointer<T>::object, nullptr);
-            ended = true;
-        }
-    };
     if (!object) [[unlikely]] {
         object = new T;
-        if (!ended) static thread_local Owner const owner;
+        // As for a thread_local object, which cannot be constructed twice. The address tells which
+        // library must stay loaded.
+        static constinit char inThisLibrary = 0;
+        abi::__cxa_thread_atexit(
+            [](void*) { delete std::exchange(ThreadPointer<T>::object, nullptr); }, nullptr,
+            &inThisLibrary);
     }
     return *object;
 }
