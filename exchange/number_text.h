@@ -38,10 +38,11 @@ inline char* formatFloat(char* to, float number) {
     return std::to_chars(to, to + kMostFloatDigits, number).ptr;
 }
 
-/// The shortest text that reads back to the same number.
-template <class Number> std::string numberText(Number number) {
+/// The shortest text that reads back to the same number; or one of a std::chars_format and a
+/// precision, of at most 20 digits.
+template <class Number, class... Format> std::string numberText(Number number, Format... format) {
     char digits[32];
-    return {digits, std::to_chars(digits, digits + sizeof digits, number).ptr};
+    return {digits, std::to_chars(digits, digits + sizeof digits, number, format...).ptr};
 }
 
 }  // namespace zel::detail

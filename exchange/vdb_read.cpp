@@ -226,12 +226,8 @@ template <class Traits> Quern::Ptr<ORV::Object> makeVolume(Request& request) {
 std::string rowsText(AffineMap const& map) {
     std::string numbers;
     for (auto const& row : map)
-        for (double const number : row) {
-            char digits[32];
-            auto const end = std::to_chars(digits, digits + sizeof digits, number,
-                                           std::chars_format::general, 6);
-            numbers += " " + std::string(digits, end.ptr);
-        }
+        for (double const number : row)
+            numbers += " " + numberText(number, std::chars_format::general, 6);
     return numbers;
 }
 

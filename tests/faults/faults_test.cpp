@@ -467,20 +467,16 @@ TEST(SceneThreads, RegisterClassesWhileOthersReadAndSaveOneTree) {
         EXPECT_EQ(hashOf(tree), hash);
         EXPECT_TRUE(sameTree(tree, tree.clone()));
     };
-    auto const addAll = [&]<int first, int... n>(std::integral_constant<int, first>,
-                                                 std::integer_sequence<int, n...>) {
-        start.arrive_and_wait();
-        (add(std::integral_constant<int, first + n>()), ...);
-    };
     std::vector<std::thread> threads;
-    [&]<int... thread>(std::integer_sequence<int, thread...>) {
-        (threads.emplace_back([&] {
-            addAll(std::integral_constant<int, 100 * (thread + 1)>(),
-                   std::make_integer_sequence<int, 8>());
-        }),
-         ...);
-    }
-    (std::make_integer_sequence<int, kThreads>());
+    for (int thread = 0; thread < kThreads; ++thread)
+        threads.emplace_back([&, thread] {
+            start.arrive_and_wait();
+            [&]<int... n>(std::integer_sequence<int, n...>) {
+                ((n % kThreads == thread ? add(std::integral_constant<int, 100 + n>()) : void()),
+                 ...);
+            }
+            (std::make_integer_sequence<int, 8 * kThreads>());
+        });
     for (std::thread& one : threads) one.join();
 }
 

@@ -38,7 +38,8 @@ callPoints(Interface const& field, PointView const& points, typename Interface::
     std::size_t const most = gradients ? graph->mostPointGradients : graph->mostPointValues;
     if (points.count - 1 >= most) return false;
     // Point calls look at no stack. The deepest graph is a chain.
-    constexpr std::size_t kShallow = 64, kLargestFrame = 512;  // bytes
+    constexpr std::size_t kShallow = 64;        // nodes
+    constexpr std::size_t kLargestFrame = 512;  // bytes
     if (graph->nodeCount > kShallow &&
         !Workspace::local().hasStack(graph->nodeCount * kLargestFrame))
         return false;
