@@ -1,5 +1,8 @@
 #include <algorithm>
+#include <functional>
 #include <random>
+#include <span>
+#include <typeinfo>
 #include <valarray>
 
 #include "support/probe.h"
@@ -53,13 +56,14 @@ template <class T> auto floatsOf(T const& a) {
     return std::bit_cast<std::array<float, sizeof(T) / sizeof(float)>>(a);
 }
 
-/// Compares a node with `f(axis, step)`, the function that it should be a step along an axis away.
-/// Whether it could: at a kink or a jump the differences to both sides disagree.
-template <class Node, class F> bool compare(Node const& node, float3 const& p, F const& f) {
+/// What a node should be a step along an axis away.
+using Moved = std::function<double3(unsigned axis, double step)>;
+
+/// Compares a value and a gradient with a function. Whether it could: at a kink or a jump the
+/// differences to both sides disagree. No template, since it is used for a hundred nodes.
+bool compare(std::span<float const> got, std::span<float const> gradient, Moved const& f) {
     constexpr double kStep = 1e-6, kTolerance = 2e-4;
     double3 const value = f(0, 0);
-    auto const got = floatsOf(node.eval(p, 1));
-    auto const gradient = floatsOf(node.grad(p, 1));
     for (unsigned axis = 0; axis < 3; ++axis) {
         double3 const above = (f(axis, kStep) - value) / kStep,
                       below = (value - f(axis, -kStep)) / kStep, slope = (above + below) / 2.0;
@@ -73,9 +77,15 @@ template <class Node, class F> bool compare(Node const& node, float3 const& p, F
     }
     return true;
 }
-/// Of 200 random nodes that `once` compares.
-template <class Node, class Once> void compareMany(Once const& once) {
-    SCOPED_TRACE(typeNameOf(typeid(Node)).c_str());
+bool compare(ScalarField const& node, float3 const& p, Moved const& f) {
+    return compare(floatsOf(node.eval(p, 1)), floatsOf(node.grad(p, 1)), f);
+}
+bool compare(VectorField const& node, float3 const& p, Moved const& f) {
+    return compare(floatsOf(node.eval(p, 1)), floatsOf(node.grad(p, 1)), f);
+}
+/// Of 200 random nodes of a class that `once` compares.
+void compareMany(std::type_info const& node, std::function<bool()> const& once) {
+    SCOPED_TRACE(typeNameOf(node).c_str());
     int compared = 0;
     for (int n = 0; n < 200; ++n) compared += once();
     EXPECT_GE(compared, 150);
@@ -120,7 +130,7 @@ template <class Node> auto exact(auto const&... arguments) {
 /// A node of random children, beside `f` of their values.
 template <class Node, class... Parameter, class... Makers>
 void of(auto const& f, std::tuple<Makers...> const& makers, Parameter... parameter) {
-    compareMany<Node>([&] {
+    compareMany(typeid(Node), [&] {
         auto const compareWith = [&](auto const&... c) {
             return compare(*exact<Node>(c.node..., parameter...), {}, [&](unsigned axis, double h) {
                 return components(f(c.at(axis, h)...));
@@ -133,7 +143,7 @@ using Unary = double (*)(double);
 using Binary = double (*)(double, double);
 /// A node beside `f` of the position.
 template <class Node> void at(auto const& f, Node const& node) {
-    compareMany<Node>([&] {
+    compareMany(typeid(Node), [&] {
         float3 const p = numbers(-2, 2);
         return compare(node, p, [&](unsigned axis, double h) {
             double3 moved = triple(p);
