@@ -1,11 +1,13 @@
 // Measures the tile tree: look-ups at random points of a band of about ten million voxels around a
-// sphere, at random points of a wide sheet and along scan lines, against a flat hash map of the
-// same tiles by corner; building, filling and restricting the band; and computing its halo.
+// sphere, at random points of a wide sheet and along scan lines, one by one and in batches, against
+// a flat hash map of the same tiles by corner; building, filling and restricting the band; and
+// computing its halo.
 
 #include <benchmark/benchmark.h>
 #include <tbb/global_control.h>
 #include <tbb/info.h>
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <random>
@@ -135,6 +137,48 @@ template <class Traits, Where where> void tree(benchmark::State& state) {
     countBytes(state, container, static_cast<double>(held));
 }
 
+/// Look-ups of the deepest tiles over 128 points at a time, as in a sampler of batches.
+template <class Traits, Where where> void batches(benchmark::State& state) {
+    auto const at = points<Traits>(where);
+    auto const& container = treeOf<Traits>(where);
+    int const depth = container.depth();
+    Internal::TilesBelow<Traits> const tilesBelow(static_cast<unsigned>(depth));
+    constexpr int kPoints = Container<Traits>::kMaxPoints;
+    std::array<std::uint32_t, kPoints> x, y, z;
+    std::array<TileRun, kPoints> runs;
+    auto const sumOfPlaces = [&](int3 const* p) {
+        for (std::size_t i = 0; i < kPoints; ++i) {
+            x[i] = tilesBelow(Traits::aboveRoot(p[i].x));
+            y[i] = tilesBelow(Traits::aboveRoot(p[i].y));
+            z[i] = tilesBelow(Traits::aboveRoot(p[i].z));
+        }
+        int const count =
+            container.findTiles(depth, x.data(), y.data(), z.data(), kPoints, runs.data());
+        long long sum = 0;
+        int begin = 0;
+        for (std::size_t r = 0; r < static_cast<std::size_t>(count); ++r) {
+            sum += (runs[r].end - begin) * (static_cast<long long>(runs[r].tile) + depth);
+            begin = runs[r].end;
+        }
+        return sum;
+    };
+    auto const accessor = container.tileAccessor();
+    for (std::size_t i = 0; i < at.size(); i += kPoints) {
+        long long sum = 0;
+        for (std::size_t n = i; n < i + kPoints; ++n) {
+            auto const& tile = accessor.tile(at[n].x, at[n].y, at[n].z, depth);
+            sum += tile.m_index + tile.m_depth;
+        }
+        if (sumOfPlaces(&at[i]) != sum) state.SkipWithError("the batch and the tree differ");
+    }
+    for (auto _ : state) {
+        long long sum = 0;
+        for (std::size_t i = 0; i < at.size(); i += kPoints) sum += sumOfPlaces(&at[i]);
+        benchmark::DoNotOptimize(sum);
+    }
+    countItems(state, static_cast<double>(at.size()));
+}
+
 /// A hash table of all tiles of a tree, with open addressing and at most half full. It maps a
 /// corner and a depth to the place within the depth. A look-up tries the deepest depth first.
 template <class Traits> class FlatMap {
@@ -258,8 +302,10 @@ template <class Traits> void halo(benchmark::State& state) {
 
 #define ZEL_BENCH(Kind, name)                                                                      \
     BENCHMARK(tree<Kind, Where::kBand>)->Name("random/tree/" name);                                \
+    BENCHMARK(batches<Kind, Where::kBand>)->Name("random/tree_batch/" name);                       \
     BENCHMARK(flatMap<Kind, Where::kBand>)->Name("random/flat_map/" name);                         \
     BENCHMARK(tree<Kind, Where::kSheet>)->Name("wide/tree/" name);                                 \
+    BENCHMARK(batches<Kind, Where::kSheet>)->Name("wide/tree_batch/" name);                        \
     BENCHMARK(flatMap<Kind, Where::kSheet>)->Name("wide/flat_map/" name);                          \
     BENCHMARK(tree<Kind, Where::kScan>)->Name("scan/tree/" name);                                  \
     BENCHMARK(flatMap<Kind, Where::kScan>)->Name("scan/flat_map/" name);                           \
