@@ -294,7 +294,24 @@ struct SimdCells {
         return hn::GatherIndex(integers, reinterpret_cast<std::int32_t const*>(packed.data()),
                                hn::BitCast(integers, row.v));
     }
-    ZEL_ALWAYS_INLINE static auto look(Word const& row) { return look(kPackedDirections, row); }
+    ZEL_ALWAYS_INLINE static auto look(Word const& row) {
+#if HWY_TARGET <= HWY_AVX3
+        // The table fills eight registers. Four instructions look up in two of them each, by the
+        // five lowest bits; the other two bits select among their results.
+        hn::RebindToSigned<WordTag> const integers;
+        auto const in = [&](std::size_t i) ZEL_KERNEL_LAMBDA {
+            auto const* const part = kPackedDirections.data() + i;
+            return hn::Vec<WordTag>{_mm512_permutex2var_epi32(
+                hn::LoadU(WordTag(), part).raw, row.v.raw, hn::LoadU(WordTag(), part + 16).raw)};
+        };
+        auto const odd = hn::TestBit(row.v, hn::Set(WordTag(), 32));
+        auto const upper = hn::TestBit(row.v, hn::Set(WordTag(), 64));
+        return hn::BitCast(integers, hn::IfThenElse(upper, hn::IfThenElse(odd, in(96), in(64)),
+                                                    hn::IfThenElse(odd, in(32), in(0))));
+#else
+        return look(kPackedDirections, row);
+#endif
+    }
     /// Packed spatial directions, indexed by the six bits of the hashes from bit `low` on.
     template <int low> ZEL_ALWAYS_INLINE static auto lookInSpace(Word const& hash) {
         if constexpr (kLanes >= 8) {
