@@ -107,6 +107,10 @@ struct ScalarCells {
         return __builtin_shufflevector(__builtin_convertvector(a.xy, Float2),
                                        __builtin_convertvector(a.zw, Float2), 0, 1, 2, 3);
     }
+    /// `first`, with the bits of `flip` flipped along the axes whose mask is set.
+    ZEL_ALWAYS_INLINE static Word flipped(Word first, Word4 flip, Word4 mask) {
+        return first ^ fold(flip & mask);
+    }
     /// The exclusive or of the four words.
     ZEL_ALWAYS_INLINE static Word fold(Word4 a) {
         a ^= __builtin_shufflevector(a, a, 2, 3, 0, 1);

@@ -65,12 +65,20 @@ ZEL_FOUR_OPERATOR(&)
 ZEL_FOUR_OPERATOR(|)
 #undef ZEL_FOUR_OPERATOR
 
-/// A truth value for each lane of a register of words.
+/// A truth value for each lane of a register of words: all bits set, or none.
 struct Mask {
-    hn::Mask<WordTag> v;
+    hn::Vec<WordTag> v;
     ZEL_ALWAYS_INLINE Mask operator&(Mask const& b) const { return {hn::And(v, b.v)}; }
     ZEL_ALWAYS_INLINE Mask operator|(Mask const& b) const { return {hn::Or(v, b.v)}; }
     ZEL_ALWAYS_INLINE Mask operator!() const { return {hn::Not(v)}; }
+#if HWY_TARGET <= HWY_AVX3
+    /// Combines three masks by any logic: bit 4 * a + 2 * b + c of `table` is the result for a, b
+    /// and c.
+    template <int table>
+    ZEL_ALWAYS_INLINE static Mask logic(Mask const& a, Mask const& b, Mask const& c) {
+        return {hn::Vec<WordTag>{_mm512_ternarylogic_epi32(a.v.raw, b.v.raw, c.v.raw, table)}};
+    }
+#endif
 };
 
 /// A register of 32-bit unsigned integers.
@@ -85,7 +93,7 @@ struct Word {
     ZEL_ALWAYS_INLINE Word operator*(std::uint32_t b) const { return *this * all(b); }
     ZEL_ALWAYS_INLINE Word operator&(std::uint32_t b) const { return *this & all(b); }
     ZEL_ALWAYS_INLINE Word operator^(std::uint32_t b) const { return *this ^ all(b); }
-    ZEL_ALWAYS_INLINE Word operator&(Mask const& b) const { return {hn::IfThenElseZero(b.v, v)}; }
+    ZEL_ALWAYS_INLINE Word operator&(Mask const& b) const { return {hn::And(v, b.v)}; }
     template <int bits> ZEL_ALWAYS_INLINE Word shiftRight() const {
         return {hn::ShiftRight<bits>(v)};
     }
@@ -259,26 +267,52 @@ struct SimdCells {
         return {next(a.x), next(a.y), next(a.z), next(a.w)};
     }
     ZEL_ALWAYS_INLINE static Word fold(Word4 const& a) { return (a.x ^ a.z) ^ (a.y ^ a.w); }
+    ZEL_ALWAYS_INLINE static Word flipped(Word const& first, Word4 const& flip,
+                                          Four<Mask> const& mask) {
+#if HWY_TARGET <= HWY_AVX3
+        auto hash = first.v.raw;
+        for (int i = 0; i < 4; ++i)  // hash ^ (flip & mask)
+            hash = _mm512_ternarylogic_epi32(hash, flip[i].v.raw, mask[i].v.raw, 0x78);
+        return {hn::Vec<WordTag>{hash}};
+#else
+        return first ^ fold(flip & mask);
+#endif
+    }
     template <class T> ZEL_ALWAYS_INLINE static T dot(Four<T> const& a, Four<T> const& b) {
         return sum(a * b);
     }
     template <class T> ZEL_ALWAYS_INLINE static T dot3(Four<T> const& a, Four<T> const& b) {
         return (a.x * b.x + a.y * b.y) + a.z * b.z;
     }
-    template <class T> ZEL_ALWAYS_INLINE static T positive(T const& a) { return a.positive(); }
+    template <class T> ZEL_ALWAYS_INLINE static T positive(T const& a) {
+        return a.positive();
+    }
     /// As in ScalarArithmetic, but each pair of coordinates is compared only once: the opposite
     /// comparison is the complement of the mask.
     ZEL_ALWAYS_INLINE static auto largest(Four<FloatReal> const& d) {
         auto const above = [](FloatReal const& p, FloatReal const& q) ZEL_KERNEL_LAMBDA {
-            return Mask{hn::RebindMask(WordTag(), hn::Gt(p.v, q.v))};
+            return Mask{hn::BitCast(WordTag(), hn::VecFromMask(FloatTag(), hn::Gt(p.v, q.v)))};
         };
         auto const xy = above(d.x, d.y), xz = above(d.x, d.z), xw = above(d.x, d.w),
                    yz = above(d.y, d.z), yw = above(d.y, d.w), zw = above(d.z, d.w);
+#if HWY_TARGET <= HWY_AVX3
+        // All, two or one of three masks are set, of which the second row inverts the last, the
+        // third row the last two, and the fourth all three.
+        return std::array{makeFour(Mask::logic<0x80>(xy, xz, xw), Mask::logic<0x40>(yz, yw, xy),
+                                   Mask::logic<0x10>(zw, xz, yz), Mask::logic<0x01>(xw, yw, zw)),
+                          makeFour(Mask::logic<0xe8>(xy, xz, xw), Mask::logic<0xd4>(yz, yw, xy),
+                                   Mask::logic<0x71>(zw, xz, yz), Mask::logic<0x17>(xw, yw, zw)),
+                          makeFour(Mask::logic<0xfe>(xy, xz, xw), Mask::logic<0xfd>(yz, yw, xy),
+                                   Mask::logic<0xf7>(zw, xz, yz), Mask::logic<0x7f>(xw, yw, zw))};
+#else
         auto const a = makeFour(xy, yz, zw, !xw), b = makeFour(xz, yw, !xz, !yw),
                    c = makeFour(xw, !xy, !yz, !zw);
         return std::array{a & b & c, (a & b) | (c & (a | b)), a | b | c};
+#endif
     }
-    ZEL_ALWAYS_INLINE static auto largest(Wide4 const& d) { return largest(round(d)); }
+    ZEL_ALWAYS_INLINE static auto largest(Wide4 const& d) {
+        return largest(round(d));
+    }
     ZEL_ALWAYS_INLINE static FloatReal round(Wide const& a) {
         HalfFloatTag const half;
         return {hn::Combine(FloatTag(), hn::DemoteTo(half, a.b), hn::DemoteTo(half, a.a))};
@@ -346,8 +380,13 @@ template <> struct SimdArithmetic<float> : SimdCells {
     ZEL_ALWAYS_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
     ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m, float a) {
         auto const at = [&](Mask const& in) ZEL_KERNEL_LAMBDA {
-            return Real{hn::IfThenElse(hn::RebindMask(FloatTag(), in.v), Real::all(a - 1).v,
-                                       Real::all(a).v)};
+#if HWY_TARGET <= HWY_AVX3
+            return Real{hn::IfVecThenElse(hn::BitCast(FloatTag(), in.v), Real::all(a - 1).v,
+                                          Real::all(a).v)};
+#else
+            return Real{hn::IfThenElse(hn::MaskFromVec(hn::BitCast(FloatTag(), in.v)),
+                                       Real::all(a - 1).v, Real::all(a).v)};
+#endif
         };
         return d + Real4{at(m.x), at(m.y), at(m.z), at(m.w)};
     }
@@ -380,15 +419,15 @@ template <> struct SimdArithmetic<double> : SimdCells {
     ZEL_ALWAYS_INLINE static Real offset(Mask const& m, double a) {
         Real const in = Real::all(a - 1), out = Real::all(a);
 #if HWY_TARGET <= HWY_AVX3
-        // On these targets a mask is an integer with one bit a lane.
         using Half = hn::Mask<DoubleTag>;
-        return {hn::IfThenElse(Half{static_cast<__mmask8>(m.v.raw)}, in.a, out.a),
-                hn::IfThenElse(Half{static_cast<__mmask8>(m.v.raw >> 8)}, in.b, out.b)};
+        auto const bits = _mm512_movepi32_mask(m.v.raw);
+        return {hn::IfThenElse(Half{static_cast<__mmask8>(bits)}, in.a, out.a),
+                hn::IfThenElse(Half{static_cast<__mmask8>(bits >> 8)}, in.b, out.b)};
 #else
         hn::RebindToSigned<DoubleTag> const wide;
         hn::RebindToSigned<WordTag> const narrow;
         hn::Half<decltype(narrow)> const half;
-        auto const words = hn::BitCast(narrow, hn::VecFromMask(WordTag(), m.v));
+        auto const words = hn::BitCast(narrow, m.v);
         auto const select = [&](auto const& part, auto const& yes,
                                 auto const& no) ZEL_KERNEL_LAMBDA {
             auto const mask = hn::PromoteTo(wide, part);

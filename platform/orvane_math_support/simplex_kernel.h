@@ -154,7 +154,7 @@ ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
     auto const moved = Arith::largest(d);
     auto const inner = [&](int steps, auto const& mask) ZEL_KERNEL_LAMBDA {
         add(Arith::step(d, mask, static_cast<Number>(steps * kUnskew)),
-            finishHash(first ^ Arith::fold(flip & mask)));
+            finishHash(Arith::flipped(first, flip, mask)));
     };
     add(d, finishHash(first));
     inner(1, moved[0]);
