@@ -46,7 +46,6 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
 
 #if ZEL_HAS_SIMD_ARITHMETIC
     using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<float>;
-    using Hash = Simplex::HWY_NAMESPACE::CellHash<Arith>;
     using Components = Simplex::Vec3<Arith::Real>;
 
     static HWY_INLINE void store(Components const& v, float* const* out) {
@@ -54,18 +53,27 @@ template <class Arrays, int power, class Scalar> struct CurlBody {
         Arith::store(v.y, out[1]);
         Arith::store(v.z, out[2]);
     }
-    HWY_INLINE void evaluate(Arith::Real4 const& d, Hash const& hash, Arrays const& a) const {
+    static HWY_INLINE void keep(Arith::Word const& hash, std::uint32_t* to) {
+        Arith::store(hash, to);
+    }
+    static HWY_INLINE Arith::Word kept(std::uint32_t const* p) {
+        return Arith::loadOne(p);
+    }
+
+    template <class Vertices>
+    HWY_INLINE void evaluate(Arith::Real4 const& d, Vertices const& vertices,
+                             Arrays const& a) const {
         using namespace Simplex::HWY_NAMESPACE;
         if constexpr (kDerives) {
             Simplex::CurlDerivative<Arith::Real> derivative;
-            store(curl<Arith, power>(d, hash, derivative), a.out.data());
+            store(curl<Arith, power>(d, vertices, derivative), a.out.data());
             store(derivative.rows.x, a.out.data() + 3);
             store(derivative.rows.y, a.out.data() + 6);
             store(derivative.rows.z, a.out.data() + 9);
             store(derivative.alongTime, a.out.data() + 12);
         } else {
             Simplex::NoDerivative none;
-            store(curl<Arith, power>(d, hash, none), a.out.data());
+            store(curl<Arith, power>(d, vertices, none), a.out.data());
         }
     }
 #endif

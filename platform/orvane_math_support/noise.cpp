@@ -33,7 +33,9 @@ template <class Real, class Point> Real value(Point const& point, std::int64_t s
     Double4 const p = widen(point);
     if (!inLattice<Arith>(gather(point))) return outside<Real>(p - p);
     return atPlace<Arith>(skew<Arith>(p), NoOrigin{}, [&](auto const& d, auto const& cell) {
-        return simplexValue<Arith>(d, hashCell<Arith>(cell, makeKeys(seed)));
+        auto const order = Arith::order(d);
+        auto const hash = hashCell<Arith>(cell, makeKeys(seed));
+        return simplexValue<Arith>(d, CellVertices<Arith>{order, hash});
     });
 }
 
@@ -49,7 +51,9 @@ Real valueAndDerivative(Point const& point, std::int64_t seed, Point& derivative
     typename Arith::Real4 d;
     Real const v =
         atPlace<Arith>(skew<Arith>(p), NoOrigin{}, [&](auto const& place, auto const& cell) {
-            return simplexDerivative<Arith>(place, hashCell<Arith>(cell, makeKeys(seed)), d);
+            auto const order = Arith::order(place);
+            auto const hash = hashCell<Arith>(cell, makeKeys(seed));
+            return simplexDerivative<Arith>(place, CellVertices<Arith>{order, hash}, d);
         });
     derivative = {d[0], d[1], d[2], d[3]};
     return v;
@@ -88,16 +92,18 @@ template <int power, class Origin, class D>
 float3 curlAt(Double4 const& lattice, Origin const& origin, std::uint32_t seed, D& derivative) {
     auto const vector = [](Vec3<float> const& v) { return float3{v.x, v.y, v.z}; };
     return atPlace<Arith>(lattice, origin, [&](auto const& d, auto const& cell) {
+        auto const order = Arith::order(d);
         auto const hash = hashCell<Arith>(cell, makeKeys(seed));
+        CellVertices<Arith> const vertices{order, hash};
         if constexpr (std::is_same_v<D, Derivative>) {
             CurlDerivative<float> parts;
-            auto const v = curl<Arith, power>(d, hash, parts);
+            auto const v = curl<Arith, power>(d, vertices, parts);
             auto const& [x, y, z] = parts.rows;
             derivative.jacobian = {{vector(x), vector(y), vector(z)}};
             derivative.alongTime = vector(parts.alongTime);
             return vector(v);
         } else {
-            return vector(curl<Arith, power>(d, hash, derivative));
+            return vector(curl<Arith, power>(d, vertices, derivative));
         }
     });
 }

@@ -84,8 +84,10 @@ struct ScalarCells {
     /// The high words of the next cell along each axis.
     ZEL_ALWAYS_INLINE static Word4 highOfNext(Cell4 const& a) { return high(a + 1); }
     /// Masks, each coordinate all ones or zeros: of the largest coordinate, of the two largest, and
-    /// of the three largest. Of two equal coordinates the later counts as larger.
-    ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Float4 d) {
+    /// of the three largest.
+    using Order = std::array<Word4, 3>;
+    /// Of two equal coordinates the later counts as larger.
+    ZEL_ALWAYS_INLINE static Order order(Float4 d) {
         auto const above = [&](Float4 other, Word4 later) ZEL_ALWAYS_INLINE {
             return reinterpret_cast<Word4>(d > other) |
                    (reinterpret_cast<Word4>(d == other) & later);
@@ -99,17 +101,16 @@ struct ScalarCells {
     }
     /// Compares in single precision. Where two coordinates are equal as floats, the vertices that
     /// their order selects contribute less than the rounding error of a double.
-    ZEL_ALWAYS_INLINE static std::array<Word4, 3> largest(Double4 const& d) {
-        return largest(round(d));
-    }
+    ZEL_ALWAYS_INLINE static Order order(Double4 const& d) { return order(round(d)); }
     ZEL_ALWAYS_INLINE static Float4 round(Double4 const& a) {
         using Float2 = float __attribute__((vector_size(8)));
         return __builtin_shufflevector(__builtin_convertvector(a.xy, Float2),
                                        __builtin_convertvector(a.zw, Float2), 0, 1, 2, 3);
     }
-    /// `first`, with the bits of `flip` flipped along the axes whose mask is set.
-    ZEL_ALWAYS_INLINE static Word flipped(Word first, Word4 flip, Word4 mask) {
-        return first ^ fold(flip & mask);
+    /// `first`, with the bits of `flip` flipped along the axes of the `n` largest coordinates.
+    template <int n>
+    ZEL_ALWAYS_INLINE static Word flipped(Word first, Word4 flip, Order const& order) {
+        return first ^ fold(flip & order[n - 1]);
     }
     /// The exclusive or of the four words.
     ZEL_ALWAYS_INLINE static Word fold(Word4 a) {
@@ -145,12 +146,14 @@ template <> struct ScalarArithmetic<float> : ScalarCells {
     /// `a` if it is above 0, else 0. The formula is exact, and a compiler cannot make a branch of
     /// it as it can of a comparison.
     ZEL_ALWAYS_INLINE static float positive(float a) { return (a + std::abs(a)) * 0.5f; }
-    /// Adds `a - 1` to the coordinates whose mask is set, and `a` to the others.
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 d, Word4 m, float a) {
+    /// Adds `a - 1` to the `n` largest coordinates, and `a` to the others.
+    template <int n> ZEL_ALWAYS_INLINE static Real4 step(Real4 d, Order const& order, float a) {
+        Word4 const m = order[n - 1];
         return d + (a - reinterpret_cast<Float4>(m & std::bit_cast<std::uint32_t>(1.0f)));
     }
-    ZEL_ALWAYS_INLINE static Real4 direction(Word row) {
-        auto const& d = kDirectionTable<float>[row];
+    /// The gradient direction of a vertex, from its hash.
+    ZEL_ALWAYS_INLINE static Real4 direction(Word hash) {
+        auto const& d = kDirectionTable<float>[hash >> kDirectionShift];
         return Float4{d.x, d.y, d.z, d.w};
     }
     /// The spatial direction indexed by the six bits of the hash from bit `low` on.
@@ -173,7 +176,9 @@ template <> struct ScalarArithmetic<double> : ScalarCells {
         return (a[0] * b[0] + a[1] * b[1]) + a[2] * b[2];
     }
     ZEL_ALWAYS_INLINE static double positive(double a) { return (a + std::abs(a)) * 0.5; }
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Word4 m, double a) {
+    template <int n>
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Order const& order, double a) {
+        Word4 const m = order[n - 1];
         constexpr auto one = std::bit_cast<std::uint64_t>(1.0);
         auto const wide = [](Word4 pairs) ZEL_ALWAYS_INLINE {
             return reinterpret_cast<Double2>(reinterpret_cast<Long2>(pairs) & one);
@@ -181,8 +186,8 @@ template <> struct ScalarArithmetic<double> : ScalarCells {
         return {d.xy + (a - wide(__builtin_shufflevector(m, m, 0, 0, 1, 1))),
                 d.zw + (a - wide(__builtin_shufflevector(m, m, 2, 2, 3, 3)))};
     }
-    ZEL_ALWAYS_INLINE static Real4 direction(Word row) {
-        auto const& d = kDirectionTable<double>[row];
+    ZEL_ALWAYS_INLINE static Real4 direction(Word hash) {
+        auto const& d = kDirectionTable<double>[hash >> kDirectionShift];
         return {Double2{d.x, d.y}, Double2{d.z, d.w}};
     }
     template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word hash) {

@@ -76,7 +76,7 @@ struct Mask {
     /// and c.
     template <int table>
     ZEL_ALWAYS_INLINE static Mask logic(Mask const& a, Mask const& b, Mask const& c) {
-        return {hn::Vec<WordTag>{_mm512_ternarylogic_epi32(a.v.raw, b.v.raw, c.v.raw, table)}};
+        return {{_mm512_ternarylogic_epi32(a.v.raw, b.v.raw, c.v.raw, table)}};
     }
 #endif
 };
@@ -182,6 +182,14 @@ struct SimdCells {
     using Cell = HWY_NAMESPACE::Cell;
     using Cell4 = Four<Cell>;
 
+#if HWY_TARGET == HWY_AVX2
+    /// Of each coordinate, minus the number of those that it is larger than: this takes four of the
+    /// few registers.
+    using Order = Word4;
+#else
+    using Order = std::array<Four<Mask>, 3>;
+#endif
+
     ZEL_ALWAYS_INLINE static Word4 load(std::array<std::uint32_t, 4> const& a) {
         return {Word::all(a[0]), Word::all(a[1]), Word::all(a[2]), Word::all(a[3])};
     }
@@ -202,7 +210,9 @@ struct SimdCells {
     ZEL_ALWAYS_INLINE static FloatReal loadOne(float const* p) {
         return {hn::LoadU(FloatTag(), p)};
     }
-    ZEL_ALWAYS_INLINE static Wide loadOne(double const* p) { return load(p); }
+    ZEL_ALWAYS_INLINE static Wide loadOne(double const* p) {
+        return load(p);
+    }
     ZEL_ALWAYS_INLINE static void store(Word const& a, std::uint32_t* p) {
         hn::StoreU(a.v, WordTag(), p);
     }
@@ -248,7 +258,9 @@ struct SimdCells {
                 {a.z.low(), a.z.high()},
                 {a.w.low(), a.w.high()}};
     }
-    ZEL_ALWAYS_INLINE static Cell4 unbiased(Cell4 const& a) { return a + Cell::all(0 - kCellBias); }
+    ZEL_ALWAYS_INLINE static Cell4 unbiased(Cell4 const& a) {
+        return a + Cell::all(0 - kCellBias);
+    }
     ZEL_ALWAYS_INLINE static Cell4 makeCell(Word4 const& low, Word4 const& high) {
         return {{low.x, high.x}, {low.y, high.y}, {low.z, high.z}, {low.w, high.w}};
     }
@@ -266,14 +278,31 @@ struct SimdCells {
         };
         return {next(a.x), next(a.y), next(a.z), next(a.w)};
     }
-    ZEL_ALWAYS_INLINE static Word fold(Word4 const& a) { return (a.x ^ a.z) ^ (a.y ^ a.w); }
+    ZEL_ALWAYS_INLINE static Word fold(Word4 const& a) {
+        return (a.x ^ a.z) ^ (a.y ^ a.w);
+    }
+    /// The masks of the `n` largest coordinates.
+    template <int n> ZEL_ALWAYS_INLINE static Four<Mask> largest(Order const& order) {
+#if HWY_TARGET == HWY_AVX2
+        auto const at = [](Word const& rank) ZEL_KERNEL_LAMBDA {
+            hn::RebindToSigned<WordTag> const integers;
+            auto const in = hn::Gt(hn::Set(integers, n - 3), hn::BitCast(integers, rank.v));
+            return Mask{hn::BitCast(WordTag(), hn::VecFromMask(integers, in))};
+        };
+        return {at(order.x), at(order.y), at(order.z), at(order.w)};
+#else
+        return order[n - 1];
+#endif
+    }
+    template <int n>
     ZEL_ALWAYS_INLINE static Word flipped(Word const& first, Word4 const& flip,
-                                          Four<Mask> const& mask) {
+                                          Order const& order) {
+        auto const mask = largest<n>(order);
 #if HWY_TARGET <= HWY_AVX3
         auto hash = first.v.raw;
         for (int i = 0; i < 4; ++i)  // hash ^ (flip & mask)
             hash = _mm512_ternarylogic_epi32(hash, flip[i].v.raw, mask[i].v.raw, 0x78);
-        return {hn::Vec<WordTag>{hash}};
+        return {{hash}};
 #else
         return first ^ fold(flip & mask);
 #endif
@@ -289,29 +318,36 @@ struct SimdCells {
     }
     /// As in ScalarArithmetic, but each pair of coordinates is compared only once: the opposite
     /// comparison is the complement of the mask.
-    ZEL_ALWAYS_INLINE static auto largest(Four<FloatReal> const& d) {
+    ZEL_ALWAYS_INLINE static Order order(Four<FloatReal> const& d) {
         auto const above = [](FloatReal const& p, FloatReal const& q) ZEL_KERNEL_LAMBDA {
             return Mask{hn::BitCast(WordTag(), hn::VecFromMask(FloatTag(), hn::Gt(p.v, q.v)))};
         };
         auto const xy = above(d.x, d.y), xz = above(d.x, d.z), xw = above(d.x, d.w),
                    yz = above(d.y, d.z), yw = above(d.y, d.w), zw = above(d.z, d.w);
-#if HWY_TARGET <= HWY_AVX3
+#if HWY_TARGET == HWY_AVX2
+        // A mask that is set adds -1; the opposite of a mask is -1 minus it.
+        auto const number = [](Mask const& m) ZEL_KERNEL_LAMBDA { return Word{m.v}; };
+        auto const less = [](Word const& a, Mask const& b)
+                              ZEL_KERNEL_LAMBDA { return Word{hn::Sub(a.v, b.v)}; };
+        return {number(xy) + number(xz) + number(xw), less(number(yz) + number(yw) + ~0u, xy),
+                less(less(number(zw) + ~1u, xz), yz), less(less(less(Word::all(~2u), xw), yw), zw)};
+#elif HWY_TARGET <= HWY_AVX3
         // All, two or one of three masks are set, of which the second row inverts the last, the
         // third row the last two, and the fourth all three.
-        return std::array{makeFour(Mask::logic<0x80>(xy, xz, xw), Mask::logic<0x40>(yz, yw, xy),
-                                   Mask::logic<0x10>(zw, xz, yz), Mask::logic<0x01>(xw, yw, zw)),
-                          makeFour(Mask::logic<0xe8>(xy, xz, xw), Mask::logic<0xd4>(yz, yw, xy),
-                                   Mask::logic<0x71>(zw, xz, yz), Mask::logic<0x17>(xw, yw, zw)),
-                          makeFour(Mask::logic<0xfe>(xy, xz, xw), Mask::logic<0xfd>(yz, yw, xy),
-                                   Mask::logic<0xf7>(zw, xz, yz), Mask::logic<0x7f>(xw, yw, zw))};
+        return Order{makeFour(Mask::logic<0x80>(xy, xz, xw), Mask::logic<0x40>(yz, yw, xy),
+                              Mask::logic<0x10>(zw, xz, yz), Mask::logic<0x01>(xw, yw, zw)),
+                     makeFour(Mask::logic<0xe8>(xy, xz, xw), Mask::logic<0xd4>(yz, yw, xy),
+                              Mask::logic<0x71>(zw, xz, yz), Mask::logic<0x17>(xw, yw, zw)),
+                     makeFour(Mask::logic<0xfe>(xy, xz, xw), Mask::logic<0xfd>(yz, yw, xy),
+                              Mask::logic<0xf7>(zw, xz, yz), Mask::logic<0x7f>(xw, yw, zw))};
 #else
         auto const a = makeFour(xy, yz, zw, !xw), b = makeFour(xz, yw, !xz, !yw),
                    c = makeFour(xw, !xy, !yz, !zw);
-        return std::array{a & b & c, (a & b) | (c & (a | b)), a | b | c};
+        return Order{a & b & c, (a & b) | (c & (a | b)), a | b | c};
 #endif
     }
-    ZEL_ALWAYS_INLINE static auto largest(Wide4 const& d) {
-        return largest(round(d));
+    ZEL_ALWAYS_INLINE static Order order(Wide4 const& d) {
+        return order(round(d));
     }
     ZEL_ALWAYS_INLINE static FloatReal round(Wide const& a) {
         HalfFloatTag const half;
@@ -320,6 +356,21 @@ struct SimdCells {
     ZEL_ALWAYS_INLINE static Four<FloatReal> round(Wide4 const& a) {
         return {round(a.x), round(a.y), round(a.z), round(a.w)};
     }
+#if HWY_TARGET == HWY_AVX2
+    /// Of each lane's direction the place in the table, in bytes.
+    struct RowOffsets {
+        std::uint32_t const* p;
+        template <class Number> ZEL_ALWAYS_INLINE Number const* row(int lane) const {
+            auto const* const table = reinterpret_cast<char const*>(kDirectionTable<Number>.data());
+            return reinterpret_cast<Number const*>(table + p[lane]);
+        }
+    };
+    template <class Number> ZEL_ALWAYS_INLINE static Word rowOffsets(Word const& hash) {
+        constexpr int kShift = std::bit_width(sizeof(Direction<Number>)) - 1;
+        return hash.template shiftRight<kDirectionShift - kShift>() &
+               static_cast<std::uint32_t>((kDirections - 1) << kShift);
+    }
+#endif
     /// Packed directions: the table's entries for a register of indices.
     template <std::size_t size>
     ZEL_ALWAYS_INLINE static auto look(std::array<std::uint32_t, size> const& packed,
@@ -335,8 +386,9 @@ struct SimdCells {
         hn::RebindToSigned<WordTag> const integers;
         auto const in = [&](std::size_t i) ZEL_KERNEL_LAMBDA {
             auto const* const part = kPackedDirections.data() + i;
-            return hn::Vec<WordTag>{_mm512_permutex2var_epi32(
-                hn::LoadU(WordTag(), part).raw, row.v.raw, hn::LoadU(WordTag(), part + 16).raw)};
+            return Word{{_mm512_permutex2var_epi32(hn::LoadU(WordTag(), part).raw, row.v.raw,
+                                                   hn::LoadU(WordTag(), part + 16).raw)}}
+                .v;
         };
         auto const odd = hn::TestBit(row.v, hn::Set(WordTag(), 32));
         auto const upper = hn::TestBit(row.v, hn::Set(WordTag(), 64));
@@ -378,16 +430,28 @@ template <> struct SimdArithmetic<float> : SimdCells {
     using Real4 = Four<Real>;
 
     ZEL_ALWAYS_INLINE static Real4 narrow(Wide4 const& a) { return round(a); }
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m, float a) {
-        auto const at = [&](Mask const& in) ZEL_KERNEL_LAMBDA {
-#if HWY_TARGET <= HWY_AVX3
-            return Real{hn::IfVecThenElse(hn::BitCast(FloatTag(), in.v), Real::all(a - 1).v,
-                                          Real::all(a).v)};
+    template <int n>
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Order const& order, float a) {
+#if HWY_TARGET == HWY_AVX2
+        // The two lowest bits of a rank select one of four numbers.
+        auto const& m = order;
+        auto const at = [&](Word const& rank) ZEL_KERNEL_LAMBDA {
+            float const in = a - 1, one = n > 2 ? in : a, two = n > 1 ? in : a;
+            auto const table = _mm256_setr_ps(a, in, two, one, a, in, two, one);
+            return Real{{ _mm256_permutevar_ps(table, rank.v.raw) }};
+        };
 #else
-            return Real{hn::IfThenElse(hn::MaskFromVec(hn::BitCast(FloatTag(), in.v)),
-                                       Real::all(a - 1).v, Real::all(a).v)};
+        auto const& m = order[n - 1];
+        auto const at = [&](Mask const& in) ZEL_KERNEL_LAMBDA {
+            auto const yes = Real::all(a - 1).v, no = Real::all(a).v,
+                       mask = hn::BitCast(FloatTag(), in.v);
+#if HWY_TARGET <= HWY_AVX3
+            return Real{hn::IfVecThenElse(mask, yes, no)};
+#else
+            return Real{hn::IfThenElse(hn::MaskFromVec(mask), yes, no)};
 #endif
         };
+#endif
         return d + Real4{at(m.x), at(m.y), at(m.z), at(m.w)};
     }
     template <int low> ZEL_ALWAYS_INLINE static Real4 spatialDirection(Word const& hash) {
@@ -397,8 +461,29 @@ template <> struct SimdArithmetic<float> : SimdCells {
                 Real{hn::ConvertTo(f, hn::ShiftLeft<10>(d))}, Real{hn::ConvertTo(f, d)},
                 Real{hn::Zero(f)}};
     }
-    ZEL_ALWAYS_INLINE static Real4 direction(Word const& row) {
-        auto const d = look(row);
+#if HWY_TARGET == HWY_AVX2
+    ZEL_ALWAYS_INLINE static Real4 direction(RowOffsets const& at) {
+        auto const two = [&](int i) ZEL_KERNEL_LAMBDA {
+            HalfFloatTag const half;
+            return hn::Combine(FloatTag(), hn::Load(half, at.row<float>(i + 4)),
+                               hn::Load(half, at.row<float>(i)));
+        };
+        FloatTag const f;
+        DoubleTag const pairs;
+        auto const a = two(0), b = two(1), c = two(2), e = two(3);
+        auto const xy0 = hn::BitCast(pairs, hn::InterleaveLower(f, a, b)),
+                   zw0 = hn::BitCast(pairs, hn::InterleaveUpper(f, a, b)),
+                   xy1 = hn::BitCast(pairs, hn::InterleaveLower(f, c, e)),
+                   zw1 = hn::BitCast(pairs, hn::InterleaveUpper(f, c, e));
+        return {Real{hn::BitCast(f, hn::InterleaveLower(pairs, xy0, xy1))},
+                Real{hn::BitCast(f, hn::InterleaveUpper(pairs, xy0, xy1))},
+                Real{hn::BitCast(f, hn::InterleaveLower(pairs, zw0, zw1))}, Real {
+                    hn::BitCast(f, hn::InterleaveUpper(pairs, zw0, zw1))
+                }};
+    }
+#endif
+    ZEL_ALWAYS_INLINE static Real4 direction(Word const& hash) {
+        auto const d = look(hash.template shiftRight<kDirectionShift>());
         FloatTag const f;
         return {Real{hn::ConvertTo(f, hn::ShiftLeft<24>(d))},
                 Real{hn::ConvertTo(f, hn::ShiftLeft<16>(d))},
@@ -412,7 +497,9 @@ template <> struct SimdArithmetic<double> : SimdCells {
     using Real4 = Wide4;
 
     ZEL_ALWAYS_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
-    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Four<Mask> const& m, double a) {
+    template <int n>
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Order const& order, double a) {
+        auto const m = largest<n>(order);
         return d + Real4{offset(m.x, a), offset(m.y, a), offset(m.z, a), offset(m.w, a)};
     }
     /// `a - 1` where the mask is set, else `a`.
@@ -437,8 +524,26 @@ template <> struct SimdArithmetic<double> : SimdCells {
                 select(hn::UpperHalf(half, words), in.b, out.b)};
 #endif
     }
-    ZEL_ALWAYS_INLINE static Real4 direction(Word const& row) {
-        auto const d = look(row);
+#if HWY_TARGET == HWY_AVX2
+    ZEL_ALWAYS_INLINE static Real4 direction(RowOffsets const& at) {
+        auto const two = [&](int i, int part) ZEL_KERNEL_LAMBDA {
+            hn::Half<DoubleTag> const half;
+            return hn::Combine(DoubleTag(), hn::Load(half, at.row<double>(i + 2) + part),
+                               hn::Load(half, at.row<double>(i) + part));
+        };
+        DoubleTag const f;
+        auto const a0 = two(0, 0), b0 = two(1, 0), a1 = two(4, 0), b1 = two(5, 0);
+        auto const c0 = two(0, 2), e0 = two(1, 2), c1 = two(4, 2), e1 = two(5, 2);
+        return {Real{hn::InterleaveLower(f, a0, b0), hn::InterleaveLower(f, a1, b1)},
+                Real{hn::InterleaveUpper(f, a0, b0), hn::InterleaveUpper(f, a1, b1)},
+                Real{hn::InterleaveLower(f, c0, e0), hn::InterleaveLower(f, c1, e1)}, Real {
+                    hn::InterleaveUpper(f, c0, e0),
+                    hn::InterleaveUpper(f, c1, e1)
+                }};
+    }
+#endif
+    ZEL_ALWAYS_INLINE static Real4 direction(Word const& hash) {
+        auto const d = look(hash.template shiftRight<kDirectionShift>());
         auto const widen = [](auto const& words) ZEL_KERNEL_LAMBDA {
             hn::Half<hn::RebindToSigned<WordTag>> const half;
             return Real{hn::PromoteTo(DoubleTag(), hn::LowerHalf(half, words)),

@@ -37,7 +37,6 @@ template <class Arrays> struct SimplexBody {
 #if ZEL_HAS_SIMD_ARITHMETIC
 
     using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<Real>;
-    using Hash = Simplex::HWY_NAMESPACE::CellHash<Arith>;
 
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use&& use) const {
         using namespace Simplex::HWY_NAMESPACE;
@@ -48,18 +47,29 @@ template <class Arrays> struct SimplexBody {
                                  Arith::loadOne(a.in[2]), Arith::loadOne(a.in[3])});
     }
 
-    HWY_INLINE void evaluate(typename Arith::Real4 const& place, Hash const& hash,
+#if HWY_TARGET == HWY_AVX2
+    using Word = typename Arith::Word;
+    static HWY_INLINE void keep(Word const& hash, std::uint32_t* to) {
+        Arith::store(Arith::template rowOffsets<Real>(hash), to);
+    }
+    static HWY_INLINE auto kept(std::uint32_t const* p) {
+        return typename Arith::RowOffsets{p};
+    }
+#endif
+
+    template <class Vertices>
+    HWY_INLINE void evaluate(typename Arith::Real4 const& place, Vertices const& vertices,
                              Arrays const& a) const {
         using namespace Simplex::HWY_NAMESPACE;
         if constexpr (kDerives) {
             typename Arith::Real4 d;
-            Arith::store(simplexDerivative<Arith>(place, hash, d), a.out[0]);
+            Arith::store(simplexDerivative<Arith>(place, vertices, d), a.out[0]);
             Arith::store(d.x, a.out[1]);
             Arith::store(d.y, a.out[2]);
             Arith::store(d.z, a.out[3]);
             Arith::store(d.w, a.out[4]);
         } else {
-            Arith::store(simplexValue<Arith>(place, hash), a.out[0]);
+            Arith::store(simplexValue<Arith>(place, vertices), a.out[0]);
         }
     }
 #endif

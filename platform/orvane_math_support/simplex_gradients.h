@@ -1,14 +1,16 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <numbers>
 
 namespace Orvane::Math::Simplex {
 
-/// The number of gradient directions in four dimensions.
+/// The number of gradient directions in four dimensions. The highest bits of a hash select one.
 inline constexpr std::size_t kDirections = 128;
+inline constexpr int kDirectionShift = 32 - std::bit_width(kDirections - 1);
 
 /// A direction as a row of a table, aligned to its size.
 template <class Real> struct alignas(4 * sizeof(Real)) Direction { Real x, y, z, w; };

@@ -58,13 +58,6 @@ template <class Word> ZEL_ALWAYS_INLINE inline Word finishHash(Word h) {
     return (h ^ shiftRight<15>(h)) * 0x846ca68bu;
 }
 
-/// The gradient direction of a vertex, from its hash.
-template <class Arith>
-ZEL_ALWAYS_INLINE inline typename Arith::Real4 direction(typename Arith::Word const& hash) {
-    static_assert(kDirections == 128);
-    return Arith::direction(shiftRight<32 - 7>(hash));
-}
-
 /// The spatial direction of potential component `n`, 0 to 2. Callers must not use its w.
 template <class Arith, int n>
 ZEL_ALWAYS_INLINE inline typename Arith::Real4 spatialDirection(typename Arith::Word const& hash) {
@@ -139,28 +132,49 @@ ZEL_ALWAYS_INLINE inline CellHash<Arith> hashCell(typename Arith::Cell4 const& c
             here ^ hashAxes<Arith>(low + 1u, Arith::highOfNext(cell))};
 }
 
-/// Calls add(d, hash) for each of the five vertices of the simplex around a point, with the point
-/// minus the vertex and the hash of the vertex. The parameter `d` is the point minus the first
-/// vertex, and `hash` that of the cell.
-template <class Arith, class Add>
-ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
-                                            CellHash<Arith> const& hash, Add&& add) {
-    using Number = typename Arith::Number;
-    auto const& first = hash.first;
-    auto const& flip = hash.flip;
+/// The vertices of the simplex around a point: `order` is that of the coordinates of the point
+/// minus the first vertex, and a call with the number of a vertex computes its hash. The path from
+/// the first vertex to the last steps along the axis of the largest coordinate first, then along
+/// those of the second and the third largest.
+template <class Arith> struct CellVertices {
+    typename Arith::Order const& order;
+    CellHash<Arith> const& hash;
 
-    // The path from the first vertex to the last steps along the axis of the largest coordinate
-    // first, then along those of the second and the third largest.
-    auto const moved = Arith::largest(d);
-    auto const inner = [&](int steps, auto const& mask) ZEL_KERNEL_LAMBDA {
-        add(Arith::step(d, mask, static_cast<Number>(steps * kUnskew)),
-            finishHash(Arith::flipped(first, flip, mask)));
-    };
-    add(d, finishHash(first));
-    inner(1, moved[0]);
-    inner(2, moved[1]);
-    inner(3, moved[2]);
-    add(d + static_cast<Number>(4 * kUnskew - 1), finishHash(first ^ Arith::fold(flip)));
+    template <int n>
+    ZEL_ALWAYS_INLINE typename Arith::Word operator()(std::integral_constant<int, n> /*at*/) const {
+        if constexpr (n == 0)
+            return finishHash(hash.first);
+        else if constexpr (n == 4)
+            return finishHash(hash.first ^ Arith::fold(hash.flip));
+        else
+            return finishHash(Arith::template flipped<n>(hash.first, hash.flip, order));
+    }
+};
+
+/// Calls use(n) with the number of each vertex, as a constant.
+template <class Use> ZEL_ALWAYS_INLINE inline void forEachVertex(Use&& use) {
+    use(std::integral_constant<int, 0>());
+    use(std::integral_constant<int, 1>());
+    use(std::integral_constant<int, 2>());
+    use(std::integral_constant<int, 3>());
+    use(std::integral_constant<int, 4>());
+}
+
+/// Calls add(d, hash) for each vertex, with the point minus the vertex and the hash of the vertex.
+/// The parameter `d` is the point minus the first vertex.
+template <class Arith, class Vertices, class Add>
+ZEL_ALWAYS_INLINE inline void forEachVertex(typename Arith::Real4 const& d,
+                                            Vertices const& vertices, Add&& add) {
+    using Number = typename Arith::Number;
+    forEachVertex([&](auto n) ZEL_KERNEL_LAMBDA {
+        auto const hash = vertices(n);
+        if constexpr (n == 0)
+            add(d, hash);
+        else if constexpr (n == 4)
+            add(d + static_cast<Number>(4 * kUnskew - 1), hash);
+        else
+            add(Arith::template step<n>(d, vertices.order, static_cast<Number>(n * kUnskew)), hash);
+    });
 }
 
 /// The squared distance to a vertex, and the falloff t of the vertex: 1/2 - distance2 within its
@@ -202,31 +216,31 @@ ZEL_ALWAYS_INLINE inline Real kernelCurvature(Falloff<Real> const& at) {
 
 /// Simplex noise: the sum over the vertices of kernel * dot(g, d), where g is the gradient
 /// direction of the vertex.
-template <class Arith>
+template <class Arith, class Vertices>
 ZEL_ALWAYS_INLINE inline typename Arith::Real simplexValue(typename Arith::Real4 const& place,
-                                                           CellHash<Arith> const& cellHash) {
+                                                           Vertices const& vertices) {
     using Number = typename Arith::Number;
     typename Arith::Real sum{};
-    forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+    forEachVertex<Arith>(place, vertices, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
         auto const at = falloff<Arith>(d);
-        sum = sum + kernel<4, Number>(at) * Arith::dot(direction<Arith>(hash), d);
+        sum = sum + kernel<4, Number>(at) * Arith::dot(Arith::direction(hash), d);
     });
     return sum * static_cast<Number>(kScale);
 }
 
 /// The value of simplexValue(), and its derivative: the sum of kernel * g - kernelSlope * dot(g, d)
 /// * d.
-template <class Arith>
+template <class Arith, class Vertices>
 ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::Real4 const& place,
-                                                                CellHash<Arith> const& cellHash,
+                                                                Vertices const& vertices,
                                                                 typename Arith::Real4& derivative) {
     using Number = typename Arith::Number;
     typename Arith::Real sum{};
     typename Arith::Real4 slope{};
-    forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+    forEachVertex<Arith>(place, vertices, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
         auto const at = falloff<Arith>(d);
         auto const flat = kernel<4, Number>(at);
-        auto const g = direction<Arith>(hash);
+        auto const g = Arith::direction(hash);
         auto const along = Arith::dot(g, d);
         sum = sum + flat * along;
         // Within the support this is the distance again; computing it anew leaves a register free.
@@ -245,13 +259,13 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
 /// `derivative` is a NoDerivative or a CurlDerivative. A vertex contributes to the derivative of
 /// component r along coordinate j: d_j * (kernelCurvature * cross_r - kernelSlope * c_r) -
 /// kernelSlope * (derivative of cross_r along j). The last term is 0 along the time.
-template <class Arith, int power, class Derivative>
+template <class Arith, int power, class Vertices, class Derivative>
 ZEL_ALWAYS_INLINE inline Vec3<typename Arith::Real>
-curl(typename Arith::Real4 const& place, CellHash<Arith> const& cellHash, Derivative& derivative) {
+curl(typename Arith::Real4 const& place, Vertices const& vertices, Derivative& derivative) {
     using Number = typename Arith::Number;
     Vec3<typename Arith::Real> sum{};
     Derivative slope{};
-    forEachVertex<Arith>(place, cellHash, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
+    forEachVertex<Arith>(place, vertices, [&](auto const& d, auto const& hash) ZEL_KERNEL_LAMBDA {
         auto const at = falloff<Arith>(d);
         auto const flat = kernel<power, Number>(at), steep = kernelSlope<power, Number>(at);
         auto const gx = spatialDirection<Arith, 0>(hash);

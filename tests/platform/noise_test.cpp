@@ -67,7 +67,9 @@ template <int power> Point curl(Point const& p) {
     auto const atPlace = [](auto const& d, auto const& cell) {
         Simplex::NoDerivative none;
         auto const hash = Simplex::hashCell<Lane>(cell, Simplex::makeKeys(kCurlSeed));
-        auto const v = Simplex::curl<Lane, power>(d, hash, none);
+        auto const order = Lane::order(d);
+        Simplex::CellVertices<Lane> const vertices{order, hash};
+        auto const v = Simplex::curl<Lane, power>(d, vertices, none);
         return Point{v.x, v.y, v.z};
     };
     return Simplex::atPlace<Lane>(Simplex::skew<Lane>(w), Simplex::NoOrigin{}, atPlace);
