@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <new>
+#include <type_traits>
 
 #include "zel/node/library_node_impl.h"
 #include "zel/scalar/arithmetic.h"
@@ -61,8 +62,13 @@ template <class Real, class Use> void forEachOctave(FractalSum const& sum, Use c
     int const count = octaveCount(sum);
     float const fraction = sum.octaves - std::floor(sum.octaves);
     for (int i = 0; i < count; ++i) {
+        // The first powers are exact, so that pow() gives the same, but takes longer.
         auto const power = [i](float ratio) {
-            return std::pow(static_cast<Real>(ratio), static_cast<Real>(i));
+            auto const base = static_cast<Real>(ratio);
+            if (i == 0) return Real{1};
+            if (i == 1) return base;
+            if (i == 2 && std::is_same_v<Real, double>) return base * base;
+            return std::pow(base, static_cast<Real>(i));
         };
         float const amplitude =
             i == count - 1 && fraction > 0 ? sum.amplitude * fraction : sum.amplitude;
