@@ -32,7 +32,7 @@ ZEL_ALWAYS_INLINE inline void interpolateAll(UniformInterpolant<Type> const& alo
 
 template <class T>
 template <int Type>
-ZEL_ALWAYS_INLINE inline T CubicStencil<T>::value(bool clamp, Float4 const& frac) const {
+inline T CubicStencil<T>::value(bool clamp, Float4 const& frac) const {
     UniformWeights<Type, Float4> const weights(frac);
     float plane[kSlab], line[kRow], point[kFloats];
     interpolateAll<kSlab>(UniformInterpolant<Type>(weights, 0), m_values + slab(0),
@@ -48,8 +48,8 @@ ZEL_ALWAYS_INLINE inline T CubicStencil<T>::value(bool clamp, Float4 const& frac
 
 /// Sets derivatives to 0 where the value is clamped.
 template <class T>
-ZEL_ALWAYS_INLINE inline void CubicStencil<T>::clearClamped(Register const& value, Register& x,
-                                                            Register& y, Register& z) const {
+inline void CubicStencil<T>::clearClamped(Register const& value, Register& x, Register& y,
+                                          Register& z) const {
     constexpr float kRounding = 1e-6F;
     Register const margin = kRounding * larger(larger(m_high, -m_high), larger(m_low, -m_low));
     auto const clamped = maskOf(value > m_high + margin) | maskOf(value < m_low - margin);
@@ -60,8 +60,8 @@ ZEL_ALWAYS_INLINE inline void CubicStencil<T>::clearClamped(Register const& valu
 
 template <class T>
 template <int Type>
-ZEL_ALWAYS_INLINE inline T CubicStencil<T>::value(bool clamp, Float4 const& frac, float scale,
-                                                  GradientOf<T>& gradient) const {
+inline T CubicStencil<T>::value(bool clamp, Float4 const& frac, float scale,
+                                GradientOf<T>& gradient) const {
     UniformWeights<Type, Float4> const weights(frac);
     UniformSlopeWeights<Type, Float4> const slopeWeights(frac);
     auto const along = [&](int axis) { return UniformInterpolant<Type>(weights, axis); };
@@ -104,15 +104,13 @@ ZEL_ALWAYS_INLINE inline T CubicStencil<T>::value(bool clamp, Float4 const& frac
 
 template <class T>
 template <int Type, class... Gradient>
-__attribute__((flatten)) T CubicStencil<T>::narrowValue(bool clamp, Float4 const& frac,
-                                                        Gradient&... gradient) const {
+T CubicStencil<T>::narrowValue(bool clamp, Float4 const& frac, Gradient&... gradient) const {
     return value<Type>(clamp, frac, gradient...);
 }
 
 template <class T>
 template <int Type, class... Gradient>
-ZEL_WIDE_TARGET __attribute__((flatten)) T
-CubicStencil<T>::wideValue(bool clamp, Float4 const& frac, Gradient&... gradient) const {
+T CubicStencil<T>::wideValue(bool clamp, Float4 const& frac, Gradient&... gradient) const {
     return value<Type>(clamp, frac, gradient...);
 }
 

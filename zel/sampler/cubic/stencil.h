@@ -5,6 +5,7 @@
 #include "zel/sampler/common/gradient.h"
 #include "zel/sampler/cubic/kernels.h"
 #include "zel_platform/orvane_geometry_volume/traits.h"
+#include "zel_platform/quern_core/simd_target.h"
 
 namespace ORV::TileTree3D::Internal {
 
@@ -47,15 +48,20 @@ private:
     static constexpr unsigned kFloats = kComponents == 1 ? 1 : 4;    // of a value
     static constexpr unsigned kRow = 4 * kFloats, kSlab = 4 * kRow;  // along z; along y and z
 
-    // `Gradient` is nothing, or a float, the scale, and a gradient to be set.
-    template <int Type> T value(bool clamp, Float4 const& frac) const;
+    // `Gradient` is nothing, or a float, the scale, and a gradient to be set. clang takes the
+    // attributes of a template's member from here alone.
+    template <int Type> ZEL_ALWAYS_INLINE T value(bool clamp, Float4 const& frac) const;
     template <int Type>
-    T value(bool clamp, Float4 const& frac, float scale, GradientOf<T>& gradient) const;
+    ZEL_ALWAYS_INLINE T value(bool clamp, Float4 const& frac, float scale,
+                              GradientOf<T>& gradient) const;
     template <int Type, class... Gradient>
-    T narrowValue(bool clamp, Float4 const& frac, Gradient&... gradient) const;
+    __attribute__((flatten)) T narrowValue(bool clamp, Float4 const& frac,
+                                           Gradient&... gradient) const;
     template <int Type, class... Gradient>
-    T wideValue(bool clamp, Float4 const& frac, Gradient&... gradient) const;
-    void clearClamped(Register const& value, Register& x, Register& y, Register& z) const;
+    ZEL_WIDE_TARGET __attribute__((flatten)) T wideValue(bool clamp, Float4 const& frac,
+                                                         Gradient&... gradient) const;
+    ZEL_ALWAYS_INLINE void clearClamped(Register const& value, Register& x, Register& y,
+                                        Register& z) const;
 
     // The offsets of the values of index `i` along x, and of index `j` along y.
     unsigned slab(int i) const { return (m_first[0] + static_cast<unsigned>(i)) % 4 * kSlab; }
