@@ -156,7 +156,7 @@ template <class Traits, class Real, class Position>
 inline bool VoxelSampler<Traits, Real, Position>::locateVoxel(Position const& position, int space,
                                                               int depth, Internal::Int4& lijk,
                                                               Internal::Float4& frac) {
-    Internal::Float4 v = Internal::float4Of(position);
+    Internal::Float4 v = Internal::positionOf(position);
     if (space == kWorldSpace) v = v * m_invVoxelSize;
     if (!m_box->holds(v, depth) && !moveBox(v, depth)) return false;
     // In the box no coordinate is below the corner, and offsets are 0 or half a voxel: no index is
