@@ -28,6 +28,12 @@ constexpr float3 mapComponents(F const& f, Vectors const&... v) {
     return {f(v.x...), f(v.y...), f(v.z...)};
 }
 
+/// `a` if the condition holds, else `b`. By components: where a condition chooses between whole
+/// vectors, clang vectorises no loop.
+constexpr float3 choose(bool condition, float3 const& a, float3 const& b) {
+    return mapComponents([condition](float x, float y) { return condition ? x : y; }, a, b);
+}
+
 constexpr float3 multiplyComponents(float3 const& a, float3 const& b) {
     return {a.x * b.x, a.y * b.y, a.z * b.z};
 }

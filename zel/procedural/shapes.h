@@ -25,7 +25,7 @@ private:
     float3 gradientOf(float3 const& p) const {
         float3 const d = p - center;
         float const l = length(d);
-        return l > 0 ? d / l : d;
+        return choose(l > 0, d / l, d);
     }
 
     float3 center;
@@ -84,7 +84,8 @@ private:
             named("normal", [](Node const& node) { return UnitVector(node.normal); }));
     }
     float valueOf(float3 const& p) const { return dot(p - point, normal); }
-    float3 gradientOf(float3 const& /*p*/) const { return normal; }
+    // By components, since clang vectorises no loop that copies a whole vector.
+    float3 gradientOf(float3 const& /*p*/) const { return {normal.x, normal.y, normal.z}; }
 
     float3 point;
     float3 normal;

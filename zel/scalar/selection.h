@@ -119,7 +119,7 @@ private:
         return std::tuple(named("field", &Node::field));
     }
     float valueOf(float v) const { return std::fabs(v); }
-    float3 gradientOf(float v, float3 const& g) const { return v >= 0 ? g : -g; }
+    float3 gradientOf(float v, float3 const& g) const { return choose(v >= 0, g, -g); }
 
     ScalarPtr field;
 };

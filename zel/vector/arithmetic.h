@@ -258,7 +258,7 @@ private:
     }
     float3 valueOf(float3 const& v) const {
         float const l = length(v);
-        return l == 0 ? v : v / l;
+        return choose(l == 0, v, v / l);
     }
     float3x3 gradientOf(float3 const& v, float3x3 const& g) const {
         return g - outerProduct(v, (v * g) / dot(v, v));
