@@ -18,29 +18,34 @@ namespace zel {
 
 namespace detail {
 
+// No other array overlaps a tile, and neither does a node: where tiles are in memory, loops are
+// vectorised by that.
+
 /// Values: sets each float of the tile to `formula(node, v...)`. Input `inRegisters` is the tile
 /// that the stage is called with, the other inputs are arrays of the block; -1 means that all are.
 template <class Node, class Formula, int inRegisters, int... input> struct ValueLoop {
     template <int kSize>
-    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, float (&tile)[kSize]) {
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at,
+                                      float (&__restrict tile)[kSize]) {
         auto const& node = *static_cast<Node const*>(stage.node);
         float const* const in[] = {(input == inRegisters ? tile : stage.in[input] + at)...};
         for (int i = 0; i < kSize; ++i) tile[i] = Formula()(node, in[input][i]...);
     }
 };
 
-/// A value and its gradient.
+/// A value and its gradient. The gradient comes first: clang passes floats two by two, and then
+/// splits no component from another.
 struct Dual {
     using Value = float;
     using Gradient = float3;
 
-    float value;
     float3 gradient;
+    float value;
 };
 
 /// Reads and writes number `i` of the `kSize` duals in a tile.
 template <int kSize> ZEL_ALWAYS_INLINE inline Dual dualAt(float const* tile, int i) {
-    return {tile[i], {tile[kSize + i], tile[2 * kSize + i], tile[3 * kSize + i]}};
+    return {{tile[kSize + i], tile[2 * kSize + i], tile[3 * kSize + i]}, tile[i]};
 }
 template <int kSize> ZEL_ALWAYS_INLINE inline void setDual(float* tile, int i, Dual const& d) {
     tile[i] = d.value;
@@ -65,14 +70,15 @@ ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
                                      gradient, g);
         };
         (offer(d.gradient), ...);
-        return {value, gradient};
+        return {gradient, value};
     } else {
         auto const own = [&]() ZEL_ALWAYS_INLINE { return std::tuple(value); };
         auto const values = [&]() ZEL_ALWAYS_INLINE { return std::tuple(d.value...); };
         auto const gradients = [&]() ZEL_ALWAYS_INLINE { return std::tuple(d.gradient...); };
-        return {value, std::apply([&](auto const&... in)
-                                      ZEL_ALWAYS_INLINE { return gradientBy<kForm>(node, in...); },
-                                  gradientInputs<kForm>(own, values, gradients))};
+        return {std::apply([&](auto const&... in)
+                               ZEL_ALWAYS_INLINE { return gradientBy<kForm>(node, in...); },
+                           gradientInputs<kForm>(own, values, gradients)),
+                value};
     }
 }
 
@@ -81,7 +87,7 @@ ZEL_ALWAYS_INLINE inline Dual dualOf(Node const& node, D const&... d) {
 template <class Node, int inRegisters, int... child> struct DualLoop {
     template <int kSize>
     ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t /*at*/,
-                                      float (&tile)[kSize]) {
+                                      float (&__restrict tile)[kSize]) {
         constexpr int kDuals = kSize / 4;
         auto const& node = *static_cast<Node const*>(stage.node);
         float const* const in[] = {(child == inRegisters ? tile : stage.in[child])...};
@@ -93,7 +99,8 @@ template <class Node, int inRegisters, int... child> struct DualLoop {
 /// Duals of a leaf, whose inputs are the positions in the block.
 template <class Node> struct DualLeafLoop {
     template <int kSize>
-    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, float (&tile)[kSize]) {
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at,
+                                      float (&__restrict tile)[kSize]) {
         constexpr int kDuals = kSize / 4;
         auto const& node = *static_cast<Node const*>(stage.node);
         float const *const x = stage.in[0] + at, *const y = stage.in[1] + at,
@@ -101,7 +108,7 @@ template <class Node> struct DualLeafLoop {
         for (int i = 0; i < kDuals; ++i) {
             float3 const p{x[i], y[i], z[i]};
             setDual<kDuals>(tile, i,
-                            {NodeAccess::valueAt(node, p, 0), NodeAccess::gradientAt(node, p, 0)});
+                            {NodeAccess::gradientAt(node, p, 0), NodeAccess::valueAt(node, p, 0)});
         }
     }
 };

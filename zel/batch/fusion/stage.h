@@ -7,14 +7,14 @@
 
 // A fusion goes through the positions of a block tile by tile. A stage is one step of that work: a
 // function that takes a tile in eight vector registers, computes one node from it, and calls the
-// next stage with the result in the same registers. docs/batches.md explains the whole.
+// next stage with the result in the same registers. docs/batches.md explains the whole. Where clang
+// builds the library, the tile is eight vectors in memory instead.
 namespace zel {
 
 namespace detail {
 
-/// Whether nodes are fused at all. g++ passes eight vectors from function to function in
-/// registers. Other compilers pass them through memory, where a fusion would gain nothing.
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+/// Whether nodes are fused at all.
+#if defined(__x86_64__) && defined(__GNUC__)
 inline constexpr bool kFusesNodes = true;
 #else
 inline constexpr bool kFusesNodes = false;
@@ -26,13 +26,19 @@ enum class Aim { kValues, kDuals };
 struct Stage;
 
 /// A function for a stage, with registers of one width. `at` is the place of the tile's first
-/// position in the block.
+/// position in the block. clang would pass each vector through memory of its own, since the library
+/// is not built for registers as wide: there all stages work on one tile in memory.
+#ifdef __clang__
+template <class Width>
+using StageFunction = void (*)(Stage const* stage, std::ptrdiff_t at, typename Width::Vector* tile);
+#else
 template <class Width>
 using StageFunction = void (*)(Stage const* stage, std::ptrdiff_t at, typename Width::Vector,
                                typename Width::Vector, typename Width::Vector,
                                typename Width::Vector, typename Width::Vector,
                                typename Width::Vector, typename Width::Vector,
                                typename Width::Vector);
+#endif
 
 /// The widths of the registers, by which all tiles of a block are computed. A tile is the floats of
 /// eight vectors, as many positions in a tile of values. A tile of duals holds a quarter of them:

@@ -69,7 +69,8 @@ struct SpillDuals : StageWork {
 
 struct ReadView {
     template <int kSize>
-    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at, float (&tile)[kSize]) {
+    ZEL_ALWAYS_INLINE static void run(Stage const& stage, std::ptrdiff_t at,
+                                      float (&__restrict tile)[kSize]) {
         constexpr int kDuals = kSize / 4;
         float const *const values = stage.in[0] + at, *const gradient = stage.in[1];
         for (int i = 0; i < kDuals; ++i) {
@@ -90,18 +91,28 @@ struct ReadDuals : StageWork {
 };
 
 ZEL_WIDE_TARGET void runAvx2Tiles(Stage const* stages, int count, int tileSize) {
+#ifdef __clang__
+    Float8 tile[8]{};
+    for (int at = 0; at < count; at += tileSize) stages->run.avx2(stages, at, tile);
+#else
     Float8 const none{};
     for (int at = 0; at < count; at += tileSize)
         stages->run.avx2(stages, at, none, none, none, none, none, none, none, none);
+#endif
 #ifdef __x86_64__
     __builtin_ia32_vzeroupper();  // g++ leaves it out after calls that pass vectors
 #endif
 }
 
 ZEL_WIDEST_TARGET void runAvx512Tiles(Stage const* stages, int count, int tileSize) {
+#ifdef __clang__
+    Float16 tile[8]{};
+    for (int at = 0; at < count; at += tileSize) stages->run.avx512(stages, at, tile);
+#else
     Float16 const none{};
     for (int at = 0; at < count; at += tileSize)
         stages->run.avx512(stages, at, none, none, none, none, none, none, none, none);
+#endif
 #ifdef __x86_64__
     __builtin_ia32_vzeroupper();
 #endif
