@@ -1,5 +1,6 @@
 #include "benchmarks/allocation_count.h"
 #include "sampler/cubic_volume.h"
+#include "support/sanitized.h"
 #include "zel/sampler/cubic/jump.h"
 
 namespace {
@@ -32,7 +33,7 @@ TYPED_TEST(Adaptive, AgreesWithKernelsOnUniformGround) {
         for (int deeper : {0, 2}) {
             TestVolume<Traits, T> volume(tree, offsetType, 0, depth + deeper, T());
             volume.fillRandomly(random);
-            for (int n = 0; n < 1200; ++n) {
+            for (int n = 0; n < support::repeats(1200); ++n) {
                 int const type = n % 4;
                 bool const rowsOnly = type == kCubicC1Monotonic;
                 bool between = true;
@@ -106,7 +107,7 @@ TYPED_TEST(Adaptive, ReproducesRampsAcrossJumps) {
                 auto sampler = volume.sampler(type, clamp, jump);
                 auto const accessor = tree->tileAccessor();
                 AllocationCount const allocations;
-                for (int n = 0; n < 200; ++n) {
+                for (int n = 0; n < support::repeats(200); ++n) {
                     float3 const p = oftenOnPlanes(random, reach, 4);
                     int const limit = random(0, 2) == 0 ? random(coarse, deepest) : 99;
                     T const value = sampler.sample(p, limit, 0);

@@ -2,6 +2,7 @@
 
 #include "sampler/cubic_volume.h"
 #include "support/fuzz_target.h"
+#include "support/sanitized.h"
 #include "zel_platform/quern_core/simd_target.h"
 
 namespace {
@@ -36,7 +37,7 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
                 long long const sizes[] = {1, 2, 7, std::numeric_limits<long long>::max()};
                 auto cached = volume.sampler(type, clamp, kJumpTrilinear, nullptr, sizes[type % 4]);
                 float3 last{};
-                for (int n = 0; n < 200; ++n) {
+                for (int n = 0; n < support::repeats(200); ++n) {
                     float3 const p = last = volume.step(random, last, n);
                     int const limit =
                         random(0, 3) > 0 ? Traits::kMaxDepth : random(-1, Traits::kMaxDepth + 1);
@@ -70,9 +71,9 @@ TYPED_TEST(Frame, IsWhatTheTreeSays) {
             }
     }
     Quern::useSimdTarget(targets.front());
-    for (int count : counts) EXPECT_GT(count, 500);
+    for (int count : counts) EXPECT_GT(count, support::repeats(500));
     for (int kind : {Reference<Traits, T>::kUniform, Reference<Traits, T>::kJump})
-        EXPECT_GT(compared[kind], 2000);
+        EXPECT_GT(compared[kind], support::repeats(2000));
 }
 
 /// Of both samplers, in small trees of several depths: batches against points, and these against

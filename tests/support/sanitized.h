@@ -13,4 +13,9 @@ inline constexpr bool kIsSanitized =
 inline constexpr bool kIsSanitized = false;
 #endif
 
+/// How often a random test is repeated that takes minutes with a sanitizer.
+constexpr int repeats(int withoutSanitizer) {
+    return kIsSanitized ? withoutSanitizer / 4 : withoutSanitizer;
+}
+
 }  // namespace support
