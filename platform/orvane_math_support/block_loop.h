@@ -34,7 +34,10 @@ using Simplex::HWY_NAMESPACE::kLanes;
 
 inline constexpr int kGroups = 8;
 
-#if HWY_TARGET == HWY_AVX2
+/// Whether the hashes of the vertices are found ahead of their noise. AVX2 has too few registers
+/// for both, and looks up directions from memory, where a gather is slower.
+inline constexpr bool kKeepsHashes = HWY_TARGET == HWY_AVX2;
+
 /// As CellVertices, from the hashes that were kept.
 template <class Body> struct KeptVertices {
     typename Body::Arith::Order const& order;
@@ -44,15 +47,10 @@ template <class Body> struct KeptVertices {
         return Body::kept(hashes[n] + from);
     }
 };
-#endif
 
 /// Evaluates `groups` registers of points, at most kGroups. The work is split into three short
 /// loops over the registers: in one long loop each step would wait for the result of the step
 /// before, while the processor can overlap the iterations of a short one.
-///
-/// With AVX2 the second loop also finds the hashes of the vertices: the third would need more than
-/// the sixteen registers for both, and can look up directions from memory, where a gather is
-/// slower.
 template <class Arrays, class Body>
 HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& body) {
     using Arith = typename Body::Arith;
@@ -71,44 +69,43 @@ HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& b
         inside[g] = body.find(arrays.from(i), keep);
     }
     Simplex::Keys const keys = Simplex::makeKeys(body.seed);
-#if HWY_TARGET == HWY_AVX2
-    alignas(64) std::uint32_t hashes[5][kGroups * kLanes];
-#endif
+    alignas(64) std::uint32_t hashes[5][kGroups * kLanes];  // if they are kept
     for (int i = 0; i < groups * kLanes; i += kLanes) {
         auto const hash =
             hashCell<Arith>(Arith::makeCell(Arith::load(low, i), Arith::load(high, i)), keys);
-#if HWY_TARGET == HWY_AVX2
-        auto const order = Arith::order(Arith::load(place, i));
-        Arith::store(order, low, i);
-        CellVertices<Arith> const vertices{order, hash};
-        forEachVertex([&](auto n) ZEL_KERNEL_LAMBDA { body.keep(vertices(n), hashes[n] + i); });
-#else
-        Arith::store(hash.flip, low, i);
-        Arith::store(hash.first, high[0] + i);
-#endif
+        if constexpr (kKeepsHashes) {
+            auto const order = Arith::order(Arith::load(place, i));
+            Arith::store(order, low, i);
+            CellVertices<Arith> const vertices{order, hash};
+            forEachVertex([&](auto n) ZEL_KERNEL_LAMBDA { body.keep(vertices(n), hashes[n] + i); });
+        } else {
+            Arith::store(hash.flip, low, i);
+            Arith::store(hash.first, high[0] + i);
+        }
     }
     for (int g = 0; g < groups; ++g) {
         int const i = g * kLanes;
         Arrays const a = arrays.from(i);
-        if (inside[g]) {
-            auto const d = Arith::load(place, i);
-#if HWY_TARGET == HWY_AVX2
+        if (!inside[g]) {
+            for (int k = 0; k < kLanes; ++k) body.point(a.from(k));
+            continue;
+        }
+        auto const d = Arith::load(place, i);
+        if constexpr (kKeepsHashes) {
             auto const order = Arith::load(low, i);
             body.evaluate(d, KeptVertices<Body>{order, hashes, i}, a);
-#else
+        } else {
             CellHash<Arith> const hash{Arith::loadOne(high[0] + i), Arith::load(low, i)};
             auto const order = Arith::order(d);
             body.evaluate(d, CellVertices<Arith>{order, hash}, a);
-#endif
-        } else
-            for (int k = 0; k < kLanes; ++k) body.point(a.from(k));
+        }
     }
 }
 
 /// Evaluates all points of a block. `body` offers `seed`; `find`, which passes the place and the
 /// cell of a register of points to a callback and returns whether all points lie in the lattice;
-/// `evaluate`, which writes their results; and `point`, for a single point. With AVX2 also `keep`,
-/// which stores what `evaluate` needs of a hash, and `kept`, which finds it again.
+/// `evaluate`, which writes their results; `point`, for a single point; and where hashes are kept
+/// `keep`, which stores what `evaluate` needs of a hash, and `kept`, which finds it again.
 template <class Arrays, class Body>
 HWY_INLINE void forEachInBlock(Arrays const& arrays, int count, Body const& body) {
     int i = 0;

@@ -47,15 +47,13 @@ template <class Arrays> struct SimplexBody {
                                  Arith::loadOne(a.in[2]), Arith::loadOne(a.in[3])});
     }
 
-#if HWY_TARGET == HWY_AVX2
-    using Word = typename Arith::Word;
-    static HWY_INLINE void keep(Word const& hash, std::uint32_t* to) {
+    // Of the hash of a vertex, where its direction is in the table.
+    static HWY_INLINE void keep(typename Arith::Word const& hash, std::uint32_t* to) {
         Arith::store(Arith::template rowOffsets<Real>(hash), to);
     }
     static HWY_INLINE auto kept(std::uint32_t const* p) {
         return typename Arith::RowOffsets{p};
     }
-#endif
 
     template <class Vertices>
     HWY_INLINE void evaluate(typename Arith::Real4 const& place, Vertices const& vertices,
