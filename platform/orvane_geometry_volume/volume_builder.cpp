@@ -75,8 +75,10 @@ public:
 
     void run(TileOf<Traits> const& tile) const {
         if (!m_function && !tile.m_children) return;
-        Internal::SamplePlaces<Traits> places;
-        if (m_function) places = Internal::samplePlaces(m_topology, tile);
+        // All at once, ahead of the calls: a function that reads two coordinates by one load would
+        // wait for those that have just been written one by one.
+        std::array<float3, Traits::kSampleCount> positions;
+        if (m_function) setPositions(tile, positions);
         T* const samples = m_channel.samples(tile.treeIndex());
         T const* const below = m_channel.samples({0, tile.depth() + 1});  // of all finer tiles
         for (int slot = 0; slot < Traits::kChildCount; ++slot) {
@@ -86,8 +88,8 @@ public:
                 restrictFrom(below + std::ptrdiff_t{fine} * Traits::kSampleCount, child, samples);
             else if (m_function)
                 forSamples(child, [&](int3 const& at, int3 const&) {
-                    samples[flat(at)] =
-                        (*m_function)({places.x[at.x], places.y[at.y], places.z[at.z]});
+                    auto const i = static_cast<std::size_t>(flat(at));
+                    samples[i] = (*m_function)(positions[i]);
                 });
         }
     }
@@ -97,6 +99,15 @@ private:
     static constexpr int B = Traits::kBranch;
 
     static constexpr int flat(int3 const& at) { return at.x + W * (at.y + W * at.z); }
+
+    void setPositions(TileOf<Traits> const& tile,
+                      std::array<float3, Traits::kSampleCount>& positions) const {
+        auto const places = Internal::samplePlaces(m_topology, tile);
+        std::size_t i = 0;
+        for (float const z : places.z)
+            for (float const y : places.y)
+                for (float const x : places.x) positions[i++] = {x, y, z};
+    }
 
     /// Calls `use(at, inChild)` for the samples of a tile over one of its children: their places in
     /// the tile, and counted from the child's low corner.
