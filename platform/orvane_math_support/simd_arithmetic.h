@@ -386,9 +386,8 @@ struct SimdCells {
         hn::RebindToSigned<WordTag> const integers;
         auto const in = [&](std::size_t i) ZEL_KERNEL_LAMBDA {
             auto const* const part = kPackedDirections.data() + i;
-            return Word{{_mm512_permutex2var_epi32(hn::LoadU(WordTag(), part).raw, row.v.raw,
-                                                   hn::LoadU(WordTag(), part + 16).raw)}}
-                .v;
+            return hn::Vec<WordTag>{_mm512_permutex2var_epi32(
+                hn::LoadU(WordTag(), part).raw, row.v.raw, hn::LoadU(WordTag(), part + 16).raw)};
         };
         auto const odd = hn::TestBit(row.v, hn::Set(WordTag(), 32));
         auto const upper = hn::TestBit(row.v, hn::Set(WordTag(), 64));
@@ -438,7 +437,8 @@ template <> struct SimdArithmetic<float> : SimdCells {
         auto const at = [&](Word const& rank) ZEL_KERNEL_LAMBDA {
             float const in = a - 1, one = n > 2 ? in : a, two = n > 1 ? in : a;
             auto const table = _mm256_setr_ps(a, in, two, one, a, in, two, one);
-            return Real{{ _mm256_permutevar_ps(table, rank.v.raw) }};
+            hn::Vec<FloatTag> const chosen{_mm256_permutevar_ps(table, rank.v.raw)};
+            return Real{chosen};
         };
 #else
         auto const& m = order[n - 1];
@@ -475,11 +475,11 @@ template <> struct SimdArithmetic<float> : SimdCells {
                    zw0 = hn::BitCast(pairs, hn::InterleaveUpper(f, a, b)),
                    xy1 = hn::BitCast(pairs, hn::InterleaveLower(f, c, e)),
                    zw1 = hn::BitCast(pairs, hn::InterleaveUpper(f, c, e));
-        return {Real{hn::BitCast(f, hn::InterleaveLower(pairs, xy0, xy1))},
-                Real{hn::BitCast(f, hn::InterleaveUpper(pairs, xy0, xy1))},
-                Real{hn::BitCast(f, hn::InterleaveLower(pairs, zw0, zw1))}, Real {
-                    hn::BitCast(f, hn::InterleaveUpper(pairs, zw0, zw1))
-                }};
+        Real const x{hn::BitCast(f, hn::InterleaveLower(pairs, xy0, xy1))},
+            y{hn::BitCast(f, hn::InterleaveUpper(pairs, xy0, xy1))},
+            z{hn::BitCast(f, hn::InterleaveLower(pairs, zw0, zw1))},
+            w{hn::BitCast(f, hn::InterleaveUpper(pairs, zw0, zw1))};
+        return {x, y, z, w};
     }
 #endif
     ZEL_ALWAYS_INLINE static Real4 direction(Word const& hash) {
@@ -534,12 +534,11 @@ template <> struct SimdArithmetic<double> : SimdCells {
         DoubleTag const f;
         auto const a0 = two(0, 0), b0 = two(1, 0), a1 = two(4, 0), b1 = two(5, 0);
         auto const c0 = two(0, 2), e0 = two(1, 2), c1 = two(4, 2), e1 = two(5, 2);
-        return {Real{hn::InterleaveLower(f, a0, b0), hn::InterleaveLower(f, a1, b1)},
-                Real{hn::InterleaveUpper(f, a0, b0), hn::InterleaveUpper(f, a1, b1)},
-                Real{hn::InterleaveLower(f, c0, e0), hn::InterleaveLower(f, c1, e1)}, Real {
-                    hn::InterleaveUpper(f, c0, e0),
-                    hn::InterleaveUpper(f, c1, e1)
-                }};
+        Real const x{hn::InterleaveLower(f, a0, b0), hn::InterleaveLower(f, a1, b1)},
+            y{hn::InterleaveUpper(f, a0, b0), hn::InterleaveUpper(f, a1, b1)},
+            z{hn::InterleaveLower(f, c0, e0), hn::InterleaveLower(f, c1, e1)},
+            w{hn::InterleaveUpper(f, c0, e0), hn::InterleaveUpper(f, c1, e1)};
+        return {x, y, z, w};
     }
 #endif
     ZEL_ALWAYS_INLINE static Real4 direction(Word const& hash) {
