@@ -31,10 +31,10 @@ class ZEL_API Block {
 public:
     using float3 = Orvane::Math::float3;
 
-    Block(detail::Workspace& workspace, detail::PositionSet& positions, int count, float const* x,
-          float const* y, float const* z)
+    Block(detail::Workspace& workspace, detail::PositionSet& positions, int count,
+          Columns<float3>::Components const& at)
         : m_workspace(workspace), m_positions(positions),
-          m_count(count), m_coordinates{{x, y, z}, true, true} {}
+          m_count(count), m_coordinates{at, true, true} {}
     Block(Block const&) = delete;
     Block& operator=(Block const&) = delete;
 
@@ -167,7 +167,7 @@ public:
         Frame const frame(*this);
         float* const xyz = allocate(3);
         int* const numbers = choose(choice, count, xyz);
-        Block block(m_workspace, m_positions, count, xyz, xyz + kBlockSize, xyz + 2 * kBlockSize);
+        Block block(m_workspace, m_positions, count, {xyz, xyz + kBlockSize, xyz + 2 * kBlockSize});
         block.m_choice = numbers;
         work(block);
     }
@@ -186,8 +186,7 @@ public:
         detail::PositionSet positions;
         moveElements(positions, choice, count);
         detail::PositionScope const scope(m_workspace, positions);
-        Block block(m_workspace, positions, count, other.component[0], other.component[1],
-                    other.component[2]);
+        Block block(m_workspace, positions, count, other.component);
         work(block);
     }
 
@@ -207,11 +206,16 @@ private:
         bool const maybeKept =
             shared ||
             (gradient ? m_positions.knowsGradients && knowsGradients(&node) : m_positions.keepAll);
-        if (maybeKept) return askKept<gradient>(node);
         using T = Asked<gradient, Interface>;
-        auto out = room ? BlockResult<T>(room->storage, room->stride) : result<T>();
-        call<gradient>(node, *this, out);
-        return out.columns;
+        Columns<T> columns;  // returned in its place: see assign()
+        if (maybeKept) {
+            assign(columns, askKept<gradient>(node));
+        } else {
+            auto out = room ? BlockResult<T>(room->storage, room->stride) : result<T>();
+            call<gradient>(node, *this, out);
+            assign(columns, out.columns);
+        }
+        return columns;
     }
     template <bool gradient, class Interface, class Result>
     static void call(Interface const& node, Block& block, Result& out) {

@@ -42,11 +42,11 @@ template <class T> struct Columns {
     Components component{};
     /// Whether the columns stay unchanged until the work on their positions is done. Other columns
     /// are valid until the frame ends in which they were asked for.
-    bool persistent = false;
+    bool persistent : 1 = false;
     /// Whether all nodes that the values depend on are light. A light node is one of the library
     /// that takes little time a position: see PointwiseNode for the heavy ones. A node that needs
     /// light children at some positions only may evaluate them at all positions.
-    bool light = false;
+    bool light : 1 = false;
 
     ZEL_ALWAYS_INLINE T operator[](int i) const {
         return detail::gather<T>([&](std::size_t c) { return component[c][i]; });
@@ -55,6 +55,14 @@ template <class T> struct Columns {
     /// Column `c` alone: a component of a vector, or an entry of a matrix.
     Columns<float> part(std::size_t c) const { return {{component[c]}, persistent, light}; }
 };
+
+/// Copies columns member by member, for where they have just been written. A compiler copies the
+/// last pointer and the flags by one load, which would wait for the stores of both.
+template <class T> ZEL_ALWAYS_INLINE inline void assign(Columns<T>& to, Columns<T> const& from) {
+    to.component = from.component;
+    to.persistent = from.persistent;
+    to.light = from.light;
+}
 
 /// The columns of vectors with these components.
 inline Columns<Orvane::Math::float3> joined(Columns<float> const& x, Columns<float> const& y,
@@ -105,7 +113,7 @@ public:
     }
 
     /// Names other columns as the result: those of the positions, of a child, or of a constant.
-    void set(Columns<T> const& other) { columns = other; }
+    void set(Columns<T> const& other) { assign(columns, other); }
 
     bool inStorage() const { return columns.component[0] == storage; }
 

@@ -17,7 +17,8 @@ namespace zel::detail {
 
 /// Writes the values of columns to an array.
 template <class T> void joinColumns(int count, Columns<T> const& columns, T* to) {
-    Quern::forEachPosition(count, [=](int i) ZEL_ALWAYS_INLINE { to[i] = columns[i]; });
+    Quern::forEachPosition(count, [to, from = columns.component](int i)
+                                      ZEL_ALWAYS_INLINE { to[i] = Columns<T>{from}[i]; });
 }
 
 /// Writes the results at the positions of a block, which begin with number `at` of the batch.
@@ -67,7 +68,7 @@ void evaluateRange(Interface const& field, Batch<Interface> const& batch, GraphO
             Arena::Mark const bottom = workspace.stack.mark();
             float* const x = workspace.stack.floats(3 * kSize);
             float *const y = x + kBlockSize, *const z = y + kBlockSize;
-            Block block(workspace, set, static_cast<int>(size), x, y, z);
+            Block block(workspace, set, static_cast<int>(size), {x, y, z});
             Block::Frame const frame(block, bottom);
             positions.read(at, size, std::min(end - at - size, kSize), x, y, z);
             evaluateBlock(field, batch, fusions, block, at);

@@ -26,7 +26,7 @@ void evaluateRun(Interface const& field, float const* x, float const* y, float c
         set.first = firstIndex + at;
         PositionScope const scope(workspace, set);
         int const size = std::min(count - at, kBlockSize);
-        Block block(workspace, set, size, x + at, y + at, z + at);
+        Block block(workspace, set, size, {x + at, y + at, z + at});
         Block::Frame const frame(block);
         if constexpr (std::is_same_v<typename Interface::Value, float>) {
             BlockResult<float> out(values + at);

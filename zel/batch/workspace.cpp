@@ -47,16 +47,14 @@ Workspace::Run::Run(Workspace& workspace) : m_workspace(workspace) {
     }
 }
 
-float const* Workspace::constant(float value) {
-    auto const bits = std::bit_cast<std::uint32_t>(value);
-    unsigned slot = (bits * 0x9e3779b1U) >> (32 - std::countr_zero(kSlots));
+float const* Workspace::constantFrom(unsigned slot, std::uint32_t bits) {
     while (m_slots[slot].values) {
         if (m_slots[slot].bits == bits) return m_slots[slot].values;
         slot = (slot + 1) % kSlots;
     }
     if (m_constantCount == kMaxConstants) return nullptr;
     float* const values = m_constants.floats(kBlockSize);
-    std::fill_n(values, kBlockSize, value);
+    std::fill_n(values, kBlockSize, std::bit_cast<float>(bits));
     m_slots[slot] = {bits, values};
     ++m_constantCount;
     return values;

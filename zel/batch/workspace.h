@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -24,7 +25,12 @@ public:
 
     /// Returns a column of `value` that is valid until no batch runs on the thread; null when
     /// kMaxConstants other values have columns already.
-    float const* constant(float value);
+    float const* constant(float value) {
+        auto const bits = std::bit_cast<std::uint32_t>(value);
+        unsigned const slot = bits * 0x9e3779b1U >> (32 - std::countr_zero(kSlots));
+        Slot const& found = m_slots[slot];
+        return found.bits == bits && found.values ? found.values : constantFrom(slot, bits);
+    }
 
     /// Marks the evaluation of a range of positions while it exists. A node may start another batch
     /// and so a range inside the range.
@@ -77,6 +83,8 @@ public:
 
 private:
     ZEL_API void checkStack() const;
+    /// The column of the value with these bits, which is looked for from a slot on, or made.
+    float const* constantFrom(unsigned slot, std::uint32_t bits);
 
     static constexpr unsigned kMaxConstants = 512, kSlots = 2 * kMaxConstants;
     struct Slot {

@@ -14,10 +14,9 @@ namespace detail {
 template <class T, class Node, class Formula, class... In>
 void mapNode(Block& block, BlockResult<T>& out, Node const& node, Formula const& formula,
              Columns<In> const&... columns) {
-    auto const write = out.writer();
     Quern::forEachPosition<kComponents<T> == 1>(
         block.count(),
-        [write, formula, ... in = columns.component](int i, Node const& n)
+        [write = out.writer(), formula, ... in = columns.component](int i, Node const& n)
             ZEL_ALWAYS_INLINE { write.set(i, formula(n, Columns<In>{in}[i]...)); },
         node);
     out.columns.light = (NodeAccess::isLight<Node> && ... && columns.light);
@@ -26,11 +25,11 @@ void mapNode(Block& block, BlockResult<T>& out, Node const& node, Formula const&
 /// Sets `out` to `formula(node, p, i)` at each position `p` with the element index `i`.
 template <class T, class Node, class Formula>
 void mapPositions(Block& block, BlockResult<T>& out, Node const& node, Formula const& formula) {
-    auto const write = out.writer();
     Quern::forEachPosition(
         block.count(),
-        [write, formula, p = block.positions()](int i, Node const& n, Block const& b)
-            ZEL_ALWAYS_INLINE { write.set(i, formula(n, p[i], b.index(i))); },
+        [write = out.writer(), formula, p = block.positions().component](int i, Node const& n,
+                                                                         Block const& b)
+            ZEL_ALWAYS_INLINE { write.set(i, formula(n, Columns<float3>{p}[i], b.index(i))); },
         node, block);
     out.columns.light = NodeAccess::isLight<Node>;
 }

@@ -25,33 +25,59 @@ template <class Node, class Interface>
 inline constexpr bool hasDefaultGradient =
     std::same_as<decltype(&Node::grad), decltype(&Interface::grad)>;
 
-/// The values, or the gradients, of the children, asked for in their order. The columns of the
-/// first child may be in the storage of `room`.
-template <class T, class First, class... Rest>
-ZEL_ALWAYS_INLINE inline auto
-valuesInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
-              Quern::Ptr<First> const& first, Quern::Ptr<Rest> const&... rest) {
+// Each Columns stays where the call wrote it, since a copy, as of a tuple, would wait for its
+// stores: see assign().
+
+/// Calls `work(ask(child)...)`, with the children asked in their order.
+template <class Ask, class Work>
+ZEL_ALWAYS_INLINE inline void withColumns(Ask const& /*ask*/, Work const& work) {
+    work();
+}
+template <class Ask, class Work, class First, class... Rest>
+ZEL_ALWAYS_INLINE inline void withColumns(Ask const& ask, Work const& work, First const& first,
+                                          Rest const&... rest) {
+    auto const columns = ask(first);
+    withColumns(
+        ask, [&](auto const&... more) ZEL_ALWAYS_INLINE { work(columns, more...); }, rest...);
+}
+
+/// Calls `work` with the values, or the gradients, of the children, asked for in their order. The
+/// columns of the first child may be in the storage of `room`.
+template <class T, class Work, class First, class... Rest>
+ZEL_ALWAYS_INLINE inline void withValues(Block& block, [[maybe_unused]] BlockResult<T> const& room,
+                                         Work const& work, Quern::Ptr<First> const& first,
+                                         Quern::Ptr<Rest> const&... rest) {
     auto const ofFirst = [&] {
         if constexpr (std::same_as<typename First::Value, T>)
             return block.values(first, room);
         else
             return block.values(first);
-    };
-    return std::tuple<Columns<typename First::Value>, Columns<typename Rest::Value>...>{
-        ofFirst(), block.values(rest)...};
+    }();
+    withColumns([&](auto const& child) ZEL_ALWAYS_INLINE { return block.values(child); },
+                [&](auto const&... more) ZEL_ALWAYS_INLINE { work(ofFirst, more...); }, rest...);
 }
-template <class T, class First, class... Rest>
-ZEL_ALWAYS_INLINE inline auto
-gradientsInBlock(Block& block, [[maybe_unused]] BlockResult<T> const& room,
-                 Quern::Ptr<First> const& first, Quern::Ptr<Rest> const&... rest) {
+template <class T, class Work, class First, class... Rest>
+ZEL_ALWAYS_INLINE inline void
+withGradients(Block& block, [[maybe_unused]] BlockResult<T> const& room, Work const& work,
+              Quern::Ptr<First> const& first, Quern::Ptr<Rest> const&... rest) {
     auto const ofFirst = [&] {
         if constexpr (std::same_as<typename First::Gradient, T>)
             return block.gradients(first, room);
         else
             return block.gradients(first);
-    };
-    return std::tuple<Columns<typename First::Gradient>, Columns<typename Rest::Gradient>...>{
-        ofFirst(), block.gradients(rest)...};
+    }();
+    withColumns([&](auto const& child) ZEL_ALWAYS_INLINE { return block.gradients(child); },
+                [&](auto const&... more) ZEL_ALWAYS_INLINE { work(ofFirst, more...); }, rest...);
+}
+
+/// Writes the choices of a node among the gradients of its children, whose values are `columns`.
+template <class Node, class... In>
+void chooseGradients(Block& block, Node const& node, int* chosen, Columns<In> const&... columns) {
+    Quern::forEachPosition(
+        block.count(),
+        [chosen, ... in = columns.component](int i, Node const& n)
+            ZEL_ALWAYS_INLINE { chosen[i] = NodeAccess::gradientChoice(n, Columns<In>{in}[i]...); },
+        node);
 }
 
 /// The gradients of child number `number`.
@@ -129,7 +155,8 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
             out.columns.light = out.columns.light && NodeAccess::isLight<Self>;
         } else {
             Block::Frame const frame(block);
-            std::apply(
+            detail::withValues(
+                block, out,
                 [&](auto const&... columns) {
                     detail::mapNode(
                         block, out, node,
@@ -137,7 +164,7 @@ void PointwiseNode<Self, Interface>::evalBlock(Block& block, BlockResult<Value>&
                             ZEL_ALWAYS_INLINE { return NodeAccess::valueOf(n, v...); },
                         columns...);
                 },
-                detail::valuesInBlock(block, out, child...));
+                child...);
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -152,46 +179,50 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
     auto const form = [&]<class... Child>([[maybe_unused]] Quern::Ptr<Child> const&... child) {
         using detail::GradientForm;
         constexpr GradientForm kForm = detail::gradientForm<Self, Child...>;
-        using Values = std::tuple<Columns<typename Child::Value>...>;
-        auto const values = [&] { return Values{block.values(child)...}; };
-        auto const gradients = [&] { return detail::gradientsInBlock(block, out, child...); };
-        auto const ownValue = [&] {
-            return std::tuple(block.values(static_cast<Interface const&>(*this)));
+        auto const withChildValues = [&](auto const& work) {
+            detail::withColumns([&](auto const& c) { return block.values(c); }, work, child...);
         };
-
-        auto const map = [&](auto const& formula, auto const& inputs) {
-            std::apply(
-                [&](auto const&... columns) {
-                    detail::mapNode(block, out, node, formula, columns...);
-                },
-                inputs);
+        auto const map = [&]<GradientForm form>(std::integral_constant<GradientForm, form> /*form*/,
+                                                auto const& formula) {
+            Block::Frame const frame(block);
+            auto const work = [&](auto const&... columns) {
+                detail::mapNode(block, out, node, formula, columns...);
+            };
+            if constexpr (form == GradientForm::kSame) {
+                work();
+            } else if constexpr (form == GradientForm::kFromGradients) {
+                detail::withGradients(block, out, work, child...);
+            } else if constexpr (form == GradientForm::kFromOwnValue) {
+                auto const own = block.values(static_cast<Interface const&>(*this));
+                detail::withGradients(
+                    block, out, [&](auto const&... g) { work(own, g...); }, child...);
+            } else {
+                withChildValues([&](auto const&... v) {
+                    detail::withGradients(
+                        block, out, [&](auto const&... g) { work(v..., g...); }, child...);
+                });
+            }
         };
 
         if constexpr (NodeAccess::hasExactGradient<Self, typename Child::Value...,
                                                    typename Child::Gradient...>)
             if (NodeAccess::isExact(node)) {
-                Block::Frame const frame(block);
-                return map([](Self const& n, auto const&... in)
-                               ZEL_ALWAYS_INLINE { return NodeAccess::exactGradientOf(n, in...); },
-                           detail::gradientInputs<GradientForm::kFromValuesAndGradients>(
-                               ownValue, values, gradients));
+                constexpr std::integral_constant<GradientForm,
+                                                 GradientForm::kFromValuesAndGradients>
+                    kOfAll;
+                return map(kOfAll, [](Self const& n, auto const&... in) ZEL_ALWAYS_INLINE {
+                    return NodeAccess::exactGradientOf(n, in...);
+                });
             }
         if constexpr (kForm == GradientForm::kChoice) {
             int* const chosen = block.allocateInts();
             bool light = false;
             {
                 Block::Frame const frame(block);
-                std::apply(
-                    [&](auto const&... v) {
-                        Quern::forEachPosition(
-                            block.count(),
-                            [chosen, v...](int i, Self const& n) ZEL_ALWAYS_INLINE {
-                                chosen[i] = NodeAccess::gradientChoice(n, v[i]...);
-                            },
-                            node);
-                        light = (v.light && ...);
-                    },
-                    values());
+                withChildValues([&](auto const&... v) {
+                    detail::chooseGradients(block, node, chosen, v...);
+                    light = (v.light && ...);
+                });
             }
             if (light && !detail::allEqual(chosen, block.count()))
                 return detail::blend<Gradient>(block, chosen, out, child...);
@@ -199,10 +230,9 @@ void PointwiseNode<Self, Interface>::gradBlock(Block& block, BlockResult<Gradien
                 return detail::gradientsOfChild<Gradient>(number, some, child...);
             });
         } else if constexpr (kForm != GradientForm::kNone) {
-            Block::Frame const frame(block);
-            map([](Self const& n, auto const&... in)
-                    ZEL_ALWAYS_INLINE { return detail::gradientBy<kForm>(n, in...); },
-                detail::gradientInputs<kForm>(ownValue, values, gradients));
+            map(std::integral_constant<GradientForm, kForm>(),
+                [](Self const& n, auto const&... in)
+                    ZEL_ALWAYS_INLINE { return detail::gradientBy<kForm>(n, in...); });
         }
     };
     std::apply(form, NodeAccess::children(node));
@@ -218,7 +248,9 @@ template <class Node> Columns<float3> childPositions(Node const& node, Block& bl
         [](Node const& n, float3 const& p)
             ZEL_ALWAYS_INLINE { return NodeAccess::childPosition(n, p); },
         block.positions());
-    return moved.columns;
+    Columns<float3> columns;
+    assign(columns, moved.columns);
+    return columns;
 }
 
 }  // namespace detail

@@ -5,7 +5,7 @@
 namespace zel {
 
 Columns<float3> VectorFieldPosition::viewOf(Block& block) const {
-    return block.positions();
+    return {block.positions().component, true, true};
 }
 
 }  // namespace zel
