@@ -44,6 +44,16 @@ function(zel_compile_in_batches target size)
   endif()
 endfunction()
 
+# Compiles some sources of a target as one, for those that take less time than the headers that they share.
+function(zel_compile_together target)
+  if(NOT DEFINED CMAKE_UNITY_BUILD)
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+    list(GET ARGN 0 first)
+    set_source_files_properties(${ARGN} PROPERTIES UNITY_GROUP ${first})
+    target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+  endif()
+endfunction()
+
 # Whether the libraries are compiled with -O3. All builds do so, because the time of a batch is spent in
 # the libraries' loops, unless the build type or flags request other optimisation or sanitizers.
 set(ZEL_OPTIMISED $<NOT:$<CONFIG:Debug,MinSizeRel>>)
