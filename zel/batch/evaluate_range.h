@@ -7,11 +7,11 @@
 #include "zel/batch/block.h"
 #include "zel/batch/fusion/fusion.h"
 #include "zel/batch/fusion/fusion_scope.h"
+#include "zel/batch/join_vectors.h"
 #include "zel/batch/run_batch.h"
 #include "zel/batch/split_positions.h"
 #include "zel/batch/watch.h"
 #include "zel/batch/workspace.h"
-#include "zel_platform/quern_core/position_loop.h"
 
 namespace zel::detail {
 
@@ -28,12 +28,6 @@ ZEL_ALWAYS_INLINE inline void prefetchResults(T const* first, std::size_t count)
 template <class T, class Batch> bool prefetchesResults(Batch const& batch) {
     constexpr std::size_t kCacheSize = std::size_t{2} << 20;
     return batch.inUsedMemory && kComponents<T> > 1 && batch.points.count * sizeof(T) > kCacheSize;
-}
-
-/// Writes the values of columns to an array.
-template <class T> void joinColumns(int count, Columns<T> const& columns, T* to) {
-    Quern::forEachPosition(count, [to, from = columns.component](int i)
-                                      ZEL_ALWAYS_INLINE { to[i] = Columns<T>{from}[i]; });
 }
 
 /// Writes the results at the positions of a block, which begin with number `at` of the batch.
