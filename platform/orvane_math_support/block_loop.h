@@ -105,7 +105,8 @@ HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& b
 /// Evaluates all points of a block. `body` offers `seed`; `find`, which passes the place and the
 /// cell of a register of points to a callback and returns whether all points lie in the lattice;
 /// `evaluate`, which writes their results; `point`, for a single point; and where hashes are kept
-/// `keep`, which stores what `evaluate` needs of a hash, and `kept`, which finds it again.
+/// `keep`, which stores what `evaluate` needs of a hash, and `kept`, which finds it again. Its
+/// constant `kAdds` tells whether results are added to the numbers in their arrays.
 template <class Arrays, class Body>
 HWY_INLINE void forEachInBlock(Arrays const& arrays, int count, Body const& body) {
     int i = 0;
@@ -118,13 +119,16 @@ HWY_INLINE void forEachInBlock(Arrays const& arrays, int count, Body const& body
 
     // The last points do not fill a register: the rest of it is padded with zeros.
     using Number = typename Arrays::Number;
-    Number in[Arrays::kInputs][kLanes] = {}, out[Arrays::kOutputs][kLanes];
+    Number in[Arrays::kInputs][kLanes] = {}, out[Arrays::kOutputs][kLanes] = {};
     Arrays padded;
     for (std::size_t k = 0; k < Arrays::kInputs; ++k) {
         std::copy_n(arrays.in[k] + i, count - i, in[k]);
         padded.in[k] = in[k];
     }
-    for (std::size_t k = 0; k < Arrays::kOutputs; ++k) padded.out[k] = out[k];
+    for (std::size_t k = 0; k < Arrays::kOutputs; ++k) {
+        if constexpr (Body::kAdds) std::copy_n(arrays.out[k] + i, count - i, out[k]);
+        padded.out[k] = out[k];
+    }
     evaluateGroups(padded, 1, body);
     for (std::size_t k = 0; k < Arrays::kOutputs; ++k)
         std::copy_n(out[k], count - i, arrays.out[k] + i);

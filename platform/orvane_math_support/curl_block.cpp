@@ -25,7 +25,7 @@ namespace HWY_NAMESPACE {
 /// The parts common to all bodies. `Scalar` offers the function for one point: `at(position, time,
 /// seed)` and `at(position, time, seed, jacobian, alongTime)`.
 template <class Arrays, int power, class Scalar> struct CurlBody {
-    static constexpr bool kDerives = Arrays::kOutputs == 15;
+    static constexpr bool kDerives = Arrays::kOutputs == 15, kAdds = false;
     std::uint32_t seed;
 
     void point(Arrays const& a) const {

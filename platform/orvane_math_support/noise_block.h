@@ -31,6 +31,28 @@ ZEL_PLATFORM_API void simplex_noise_block(double const* x, double const* y, doub
                                           double* out, double* alongX, double* alongY,
                                           double* alongZ, double* alongW);
 
+/// An octave of a fractal sum of noise.
+struct NoiseOctave {
+    double scale;      ///< of the position
+    double timeScale;  ///< of the fourth coordinate
+    double weight;
+};
+
+/// Adds an octave of simplex noise to sums in double precision: `weight * simplex_noise(scale *
+/// x, scale * y, scale * z, timeScale * w)`.
+ZEL_PLATFORM_API void add_simplex_octave_block(double const* x, double const* y, double const* z,
+                                               double const* w, int count,
+                                               NoiseOctave const& octave, std::int64_t seed,
+                                               double* sum);
+
+/// Also adds the derivatives along the four coordinates: `weight * (scale * derivative)` and, along
+/// w, `weight * (timeScale * derivative)`.
+ZEL_PLATFORM_API void add_simplex_octave_block(double const* x, double const* y, double const* z,
+                                               double const* w, int count,
+                                               NoiseOctave const& octave, std::int64_t seed,
+                                               double* sum, double* alongX, double* alongY,
+                                               double* alongZ, double* alongW);
+
 /// curl_noise and smooth_curl_noise of the positions (x, y, z), each at its own time. The smooth
 /// function is faster where all times are equal.
 ZEL_PLATFORM_API void curl_noise_block(float const* x, float const* y, float const* z,

@@ -16,11 +16,33 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-/// Reads x, y, z and w, and writes the value; with five output arrays, the four derivatives, too.
-template <class Arrays> struct SimplexBody {
+// A body reads x, y, z and w, and sets the value; with five output arrays, the four derivatives,
+// too.
+
+/// The parts common to all bodies.
+template <class Arrays> struct SimplexParts {
     using Real = typename Arrays::Number;
     static constexpr bool kDerives = Arrays::kOutputs == 5;
     std::int64_t seed;
+
+#if ZEL_HAS_SIMD_ARITHMETIC
+    using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<Real>;
+
+    // Of the hash of a vertex, where its direction is in the table.
+    static HWY_INLINE void keep(typename Arith::Word const& hash, std::uint32_t* to) {
+        Arith::store(Arith::template rowOffsets<Real>(hash), to);
+    }
+    static HWY_INLINE auto kept(std::uint32_t const* p) {
+        return typename Arith::RowOffsets{p};
+    }
+#endif
+};
+
+template <class Arrays> struct SimplexBody : SimplexParts<Arrays> {
+    using Parts = SimplexParts<Arrays>;
+    using Parts::kDerives, Parts::seed;
+    using typename Parts::Real;
+    static constexpr bool kAdds = false;
 
     void point(Arrays const& a) const {
         using Point = std::conditional_t<std::is_same_v<Real, float>, float4, double4>;
@@ -35,8 +57,7 @@ template <class Arrays> struct SimplexBody {
     }
 
 #if ZEL_HAS_SIMD_ARITHMETIC
-
-    using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<Real>;
+    using typename Parts::Arith;
 
     template <class Use> HWY_INLINE bool find(Arrays const& a, Use&& use) const {
         using namespace Simplex::HWY_NAMESPACE;
@@ -45,14 +66,6 @@ template <class Arrays> struct SimplexBody {
         atPlace<Arith>(skew<Arith>(p), Simplex::NoOrigin{}, use);
         return inLattice<Arith>({Arith::loadOne(a.in[0]), Arith::loadOne(a.in[1]),
                                  Arith::loadOne(a.in[2]), Arith::loadOne(a.in[3])});
-    }
-
-    // Of the hash of a vertex, where its direction is in the table.
-    static HWY_INLINE void keep(typename Arith::Word const& hash, std::uint32_t* to) {
-        Arith::store(Arith::template rowOffsets<Real>(hash), to);
-    }
-    static HWY_INLINE auto kept(std::uint32_t const* p) {
-        return typename Arith::RowOffsets{p};
     }
 
     template <class Vertices>
@@ -73,9 +86,66 @@ template <class Arrays> struct SimplexBody {
 #endif
 };
 
+/// Adds an octave to sums.
+template <class Arrays> struct OctaveBody : SimplexParts<Arrays> {
+    using Parts = SimplexParts<Arrays>;
+    using Parts::kDerives, Parts::seed;
+    static constexpr bool kAdds = true;
+    NoiseOctave octave;
+
+    void point(Arrays const& a) const {
+        double4 const p = {*a.in[0] * octave.scale, *a.in[1] * octave.scale,
+                           *a.in[2] * octave.scale, *a.in[3] * octave.timeScale};
+        if constexpr (kDerives) {
+            double4 d;
+            *a.out[0] += octave.weight * simplex_noise(p, seed, d);
+            *a.out[1] += octave.weight * (octave.scale * d.x);
+            *a.out[2] += octave.weight * (octave.scale * d.y);
+            *a.out[3] += octave.weight * (octave.scale * d.z);
+            *a.out[4] += octave.weight * (octave.timeScale * d.w);
+        } else {
+            *a.out[0] += octave.weight * simplex_noise(p, seed);
+        }
+    }
+
+#if ZEL_HAS_SIMD_ARITHMETIC
+    using typename Parts::Arith;
+
+    template <class Use> HWY_INLINE bool find(Arrays const& a, Use&& use) const {
+        using namespace Simplex::HWY_NAMESPACE;
+        typename Arith::Wide4 const p = {
+            Arith::load(a.in[0]) * octave.scale, Arith::load(a.in[1]) * octave.scale,
+            Arith::load(a.in[2]) * octave.scale, Arith::load(a.in[3]) * octave.timeScale};
+        atPlace<Arith>(skew<Arith>(p), Simplex::NoOrigin{}, use);
+        return inLattice<Arith>(p);
+    }
+
+    static HWY_INLINE void add(typename Arith::Real const& v, double* sum) {
+        Arith::store(Arith::loadOne(sum) + v, sum);
+    }
+
+    template <class Vertices>
+    HWY_INLINE void evaluate(typename Arith::Real4 const& place, Vertices const& vertices,
+                             Arrays const& a) const {
+        using namespace Simplex::HWY_NAMESPACE;
+        double const weight = octave.weight;
+        if constexpr (kDerives) {
+            typename Arith::Real4 d;
+            add(simplexDerivative<Arith>(place, vertices, d) * weight, a.out[0]);
+            add(d.x * octave.scale * weight, a.out[1]);
+            add(d.y * octave.scale * weight, a.out[2]);
+            add(d.z * octave.scale * weight, a.out[3]);
+            add(d.w * octave.timeScale * weight, a.out[4]);
+        } else {
+            add(simplexValue<Arith>(place, vertices) * weight, a.out[0]);
+        }
+    }
+#endif
+};
+
 template <class Arrays>
 HWY_INLINE void simplexBlock(Arrays const& arrays, int count, std::int64_t seed) {
-    forEachInBlock(arrays, count, SimplexBody<Arrays>{seed});
+    forEachInBlock(arrays, count, SimplexBody<Arrays>{{seed}});
 }
 
 void simplexFloat(BlockArrays<float, 4, 1> const& a, int count, std::int64_t seed) {
@@ -91,6 +161,21 @@ void simplexDoubleDerivative(BlockArrays<double, 4, 5> const& a, int count, std:
     simplexBlock(a, count, seed);
 }
 
+template <class Arrays>
+HWY_INLINE void octaveBlock(Arrays const& arrays, int count, NoiseOctave const& octave,
+                            std::int64_t seed) {
+    forEachInBlock(arrays, count, OctaveBody<Arrays>{{seed}, octave});
+}
+
+void simplexOctave(BlockArrays<double, 4, 1> const& a, int count, NoiseOctave const& octave,
+                   std::int64_t seed) {
+    octaveBlock(a, count, octave, seed);
+}
+void simplexOctaveDerivative(BlockArrays<double, 4, 5> const& a, int count,
+                             NoiseOctave const& octave, std::int64_t seed) {
+    octaveBlock(a, count, octave, seed);
+}
+
 }  // namespace HWY_NAMESPACE
 }  // namespace Orvane::Math
 HWY_AFTER_NAMESPACE();
@@ -102,6 +187,8 @@ HWY_EXPORT(simplexFloat);
 HWY_EXPORT(simplexDouble);
 HWY_EXPORT(simplexFloatDerivative);
 HWY_EXPORT(simplexDoubleDerivative);
+HWY_EXPORT(simplexOctave);
+HWY_EXPORT(simplexOctaveDerivative);
 
 void simplex_noise_block(float const* x, float const* y, float const* z, float const* w, int count,
                          std::int64_t seed, float* out) {
@@ -125,6 +212,19 @@ void simplex_noise_block(double const* x, double const* y, double const* z, doub
                          double* alongZ, double* alongW) {
     HWY_DYNAMIC_DISPATCH(simplexDoubleDerivative)
     ({{x, y, z, w}, {out, alongX, alongY, alongZ, alongW}}, count, seed);
+}
+
+void add_simplex_octave_block(double const* x, double const* y, double const* z, double const* w,
+                              int count, NoiseOctave const& octave, std::int64_t seed,
+                              double* sum) {
+    HWY_DYNAMIC_DISPATCH(simplexOctave)({{x, y, z, w}, {sum}}, count, octave, seed);
+}
+
+void add_simplex_octave_block(double const* x, double const* y, double const* z, double const* w,
+                              int count, NoiseOctave const& octave, std::int64_t seed, double* sum,
+                              double* alongX, double* alongY, double* alongZ, double* alongW) {
+    HWY_DYNAMIC_DISPATCH(simplexOctaveDerivative)
+    ({{x, y, z, w}, {sum, alongX, alongY, alongZ, alongW}}, count, octave, seed);
 }
 
 }  // namespace Orvane::Math

@@ -46,6 +46,34 @@ Form<Real> const kSimplexForms[] = {
          r[1] = d.x, r[2] = d.y, r[3] = d.z, r[4] = d.w;
      }}};
 
+/// Octaves are added to the results.
+constexpr NoiseOctave kOctave = {1.7, -0.3, 0.6};
+Form<double> const kOctaveForms[] = {
+    {"octave", 1,
+     [](auto p, int n, auto r) {
+         add_simplex_octave_block(p[0], p[1], p[2], p[3], n, kOctave, kSeed, r[0]);
+     },
+     [](auto p, auto r) {
+         auto const [scale, timeScale, weight] = kOctave;
+         r[0] += weight *
+                 simplex_noise(double4{scale * p[0], scale * p[1], scale * p[2], timeScale * p[3]},
+                               kSeed);
+     }},
+    {"octave derivative", 5,
+     [](auto p, int n, auto r) {
+         add_simplex_octave_block(p[0], p[1], p[2], p[3], n, kOctave, kSeed, r[0], r[1], r[2], r[3],
+                                  r[4]);
+     },
+     [](auto p, auto r) {
+         auto const [scale, timeScale, weight] = kOctave;
+         double4 d;
+         r[0] += weight *
+                 simplex_noise(double4{scale * p[0], scale * p[1], scale * p[2], timeScale * p[3]},
+                               kSeed, d);
+         r[1] += weight * (scale * d.x), r[2] += weight * (scale * d.y);
+         r[3] += weight * (scale * d.z), r[4] += weight * (timeScale * d.w);
+     }}};
+
 void write(float3 const& v, float* r) {
     r[0] = v.x, r[1] = v.y, r[2] = v.z;
 }
@@ -126,6 +154,8 @@ void check(Form<Real> const& form, Coordinates<Real> const& points, std::size_t 
     for (std::size_t i = 0; i < n; ++i) {
         std::array const p{points[0][i], points[1][i], points[2][i], points[3][i]};
         std::array<Real, kResults> expected;
+        expected.fill(kUntouched);
+        if (inPlace) std::copy(p.begin(), p.end(), expected.begin());
         form.one(p.data(), expected.data());
         for (std::size_t k = 0; k < form.results; ++k)
             ASSERT_EQ(std::bit_cast<Bits>(at[k][i]), std::bit_cast<Bits>(expected[k]))
@@ -162,6 +192,7 @@ TEST(NoiseBlock, EqualsPointsInEveryBit) {
     checkForms<float>(kSimplexForms<float, float4>);
     checkForms<float>(kCurlForms);
     checkForms<double>(kSimplexForms<double, double4>);
+    checkForms<double>(kOctaveForms);
 }
 
 }  // namespace

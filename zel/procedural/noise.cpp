@@ -12,6 +12,7 @@
 
 namespace zel {
 
+using Orvane::Math::add_simplex_octave_block;
 using Orvane::Math::curl_noise;
 using Orvane::Math::curl_noise_block;
 using Orvane::Math::curl_noise_derivative;
@@ -42,6 +43,8 @@ template <class Real> struct Octave {
     void addAlongTime(Real& sum, Real derivative) const {
         sum += weight * (timeScale * derivative);
     }
+
+    Orvane::Math::NoiseOctave parts() const { return {scale, timeScale, weight}; }
 
     Real scale, timeScale, weight;
 };
@@ -117,6 +120,20 @@ void addColumns(Block const& block, ColumnWriter<T> const& to, Columns<T> const&
 double* allocateDoubles(Block& block) {
     constexpr int kArrays = sizeof(double) / sizeof(float);
     return new (block.allocate(kArrays)) double[kBlockSize];
+}
+
+/// The positions and the times of a block in double precision, as long as the frame lasts.
+std::array<double*, 4> widenPlaces(Block& block, float const* time) {
+    auto const [x, y, z] = block.positions().component;
+    std::array<double*, 4> places;
+    for (double*& array : places) array = allocateDoubles(block);
+    Quern::forEachPosition(block.count(), [=, x = x, y = y, z = z](int k) ZEL_ALWAYS_INLINE {
+        places[0][k] = x[k];
+        places[1][k] = y[k];
+        places[2][k] = z[k];
+        places[3][k] = time[k];
+    });
+    return places;
 }
 
 float3 curlAt(bool smooth, float3 const& p, float time, std::uint32_t seed) {
@@ -246,31 +263,12 @@ void ScalarFieldFractalNoise::derivatives(Block& block, float* values,
     Block::Frame const frame(block);
     float const* const w = block.values(time).component[0];
     auto const ofTime = block.gradients(time);
-    auto const [x, y, z] = block.positions().component;
-    // Sums, places and noises; of the sums and noises the value is the last.
-    std::array<double*, 5> sum, along;
-    std::array<double*, 4> place;
+    auto const [x, y, z, t] = widenPlaces(block, w);
+    std::array<double*, 5> sum;  // the last is that of the values
     for (auto& array : sum) std::fill_n(array = allocateDoubles(block), block.count(), 0.0);
-    for (auto& array : along) array = allocateDoubles(block);
-    for (auto& array : place) array = allocateDoubles(block);
-    useOctaves([&, x = x, y = y, z = z](Octave<double> const& octave) {
-        Quern::forEachPosition(block.count(), [=](int k) ZEL_ALWAYS_INLINE {
-            place[0][k] = octave.place(x[k]);
-            place[1][k] = octave.place(y[k]);
-            place[2][k] = octave.place(z[k]);
-            place[3][k] = octave.placeTime(w[k]);
-        });
-        simplex_noise_block(place[0], place[1], place[2], place[3], block.count(), seed, along[4],
-                            along[0], along[1], along[2], along[3]);
-        for (std::size_t c = 0; c < 3; ++c)
-            Quern::forEachPosition<true>(block.count(),
-                                         [=, to = sum[c], d = along[c]](int k)
-                                             ZEL_ALWAYS_INLINE { octave.addAlong(to[k], d[k]); });
-        Quern::forEachPosition<true>(block.count(), [=, to = sum[3], d = along[3], value = sum[4],
-                                                     v = along[4]](int k) ZEL_ALWAYS_INLINE {
-            octave.addAlongTime(to[k], d[k]);
-            octave.add(value[k], v[k]);
-        });
+    useOctaves([&, x = x, y = y, z = z, t = t](Octave<double> const& octave) {
+        add_simplex_octave_block(x, y, z, t, block.count(), octave.parts(), seed, sum[4], sum[0],
+                                 sum[1], sum[2], sum[3]);
     });
     Quern::forEachPosition(block.count(), [=](int k) ZEL_ALWAYS_INLINE {
         values[k] = static_cast<float>(sum[4][k]);
@@ -293,23 +291,11 @@ void ScalarFieldFractalNoise::blockValues(Block& block, BlockResult<float>& out)
             derivatives(block, out.writer().component[0], gradients);
         }))
         return;
-    float const* const w = times.component[0];
-    auto const [x, y, z] = block.positions().component;
+    auto const [x, y, z, w] = widenPlaces(block, times.component[0]);
     auto* const sum = allocateDoubles(block);
-    auto *const px = allocateDoubles(block), *const py = allocateDoubles(block),
-                *const pz = allocateDoubles(block), *const pw = allocateDoubles(block);
-    auto* const noise = allocateDoubles(block);
     std::fill_n(sum, block.count(), 0.0);
-    useOctaves([&, x = x, y = y, z = z](Octave<double> const& octave) {
-        Quern::forEachPosition(block.count(), [=](int k) ZEL_ALWAYS_INLINE {
-            px[k] = octave.place(x[k]);
-            py[k] = octave.place(y[k]);
-            pz[k] = octave.place(z[k]);
-            pw[k] = octave.placeTime(w[k]);
-        });
-        simplex_noise_block(px, py, pz, pw, block.count(), seed, noise);
-        Quern::forEachPosition<true>(
-            block.count(), [=](int k) ZEL_ALWAYS_INLINE { octave.add(sum[k], noise[k]); });
+    useOctaves([&, x = x, y = y, z = z, w = w](Octave<double> const& octave) {
+        add_simplex_octave_block(x, y, z, w, block.count(), octave.parts(), seed, sum);
     });
     auto* const result = out.writer().component[0];
     Quern::forEachPosition(
