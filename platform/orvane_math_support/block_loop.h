@@ -23,6 +23,7 @@
 #include "zel_platform/orvane_math_support/block_arrays.h"
 
 #include <algorithm>
+#include <type_traits>
 
 HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
@@ -34,13 +35,17 @@ using Simplex::HWY_NAMESPACE::kLanes;
 
 inline constexpr int kGroups = 8;
 
-/// Whether the hashes of the vertices are found ahead of their noise. AVX2 has too few registers
-/// for both, and looks up directions from memory, where a gather is slower.
-inline constexpr bool kKeepsHashes = HWY_TARGET == HWY_AVX2;
+/// Whether the order of the coordinates and the hashes of the vertices are found ahead of the
+/// noise. AVX2 has too few registers for all of it, and looks up directions from memory, where a
+/// gather is slower. With AVX-512, a loop over doubles would be too long for the processor to
+/// overlap its iterations.
+template <class Number>
+inline constexpr bool kKeepsHashes = HWY_TARGET == HWY_AVX2 ||
+                                     (HWY_TARGET <= HWY_AVX3 && std::is_same_v<Number, double>);
 
 /// As CellVertices, from the hashes that were kept.
 template <class Body> struct KeptVertices {
-    typename Body::Arith::Order const& order;
+    typename Body::Arith::Word4 const& order;  // ranks
     std::uint32_t const (&hashes)[5][kGroups * kLanes];
     int from;
     template <int n> HWY_INLINE auto operator()(std::integral_constant<int, n> /*at*/) const {
@@ -73,9 +78,9 @@ HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& b
     for (int i = 0; i < groups * kLanes; i += kLanes) {
         auto const hash =
             hashCell<Arith>(Arith::makeCell(Arith::load(low, i), Arith::load(high, i)), keys);
-        if constexpr (kKeepsHashes) {
+        if constexpr (kKeepsHashes<typename Arrays::Number>) {
             auto const order = Arith::order(Arith::load(place, i));
-            Arith::store(order, low, i);
+            Arith::store(Arith::ranks(order), low, i);
             CellVertices<Arith> const vertices{order, hash};
             forEachVertex([&](auto n) ZEL_KERNEL_LAMBDA { body.keep(vertices(n), hashes[n] + i); });
         } else {
@@ -91,7 +96,7 @@ HWY_NOINLINE void evaluateGroups(Arrays const& arrays, int groups, Body const& b
             continue;
         }
         auto const d = Arith::load(place, i);
-        if constexpr (kKeepsHashes) {
+        if constexpr (kKeepsHashes<typename Arrays::Number>) {
             auto const order = Arith::load(low, i);
             body.evaluate(d, KeptVertices<Body>{order, hashes, i}, a);
         } else {

@@ -41,6 +41,8 @@ struct Double4 {
 /// The operations that do not depend on the type of a Real. Cells are found in double precision in
 /// both.
 struct ScalarCells {
+    /// The factor of the coordinates of direction(), a power of two.
+    static constexpr double kDirectionUnit = 1;
     using Word = std::uint32_t;
     using Word4 = Simplex::Word4;
     using Wide = double;

@@ -349,6 +349,21 @@ struct SimdCells {
     ZEL_ALWAYS_INLINE static Order order(Wide4 const& d) {
         return order(round(d));
     }
+#if HWY_TARGET == HWY_AVX2
+    ZEL_ALWAYS_INLINE static Word4 const& ranks(Order const& order) {
+        return order;
+    }
+#else
+    /// Of each coordinate, minus the number of masks that are set.
+    ZEL_ALWAYS_INLINE static Word4 ranks(Order const& order) {
+        auto const at = [](Mask const& one, Mask const& two, Mask const& three) ZEL_KERNEL_LAMBDA {
+            return Word{hn::Add(hn::Add(one.v, two.v), three.v)};
+        };
+        auto const& [one, two, three] = order;
+        return {at(one.x, two.x, three.x), at(one.y, two.y, three.y), at(one.z, two.z, three.z),
+                at(one.w, two.w, three.w)};
+    }
+#endif
     ZEL_ALWAYS_INLINE static FloatReal round(Wide const& a) {
         HalfFloatTag const half;
         return {hn::Combine(FloatTag(), hn::DemoteTo(half, a.b), hn::DemoteTo(half, a.a))};
@@ -365,10 +380,21 @@ struct SimdCells {
             return reinterpret_cast<Number const*>(table + p[lane]);
         }
     };
-    template <class Number> ZEL_ALWAYS_INLINE static Word rowOffsets(Word const& hash) {
+    /// Of a hash that selects a direction, the word that is kept of it, and the words again.
+    template <class Number> ZEL_ALWAYS_INLINE static Word toKeep(Word const& hash) {
         constexpr int kShift = std::bit_width(sizeof(Direction<Number>)) - 1;
         return hash.template shiftRight<kDirectionShift - kShift>() &
                static_cast<std::uint32_t>((kDirections - 1) << kShift);
+    }
+    ZEL_ALWAYS_INLINE static RowOffsets kept(std::uint32_t const* p) {
+        return {p};
+    }
+#else
+    template <class Number> ZEL_ALWAYS_INLINE static Word const& toKeep(Word const& hash) {
+        return hash;
+    }
+    ZEL_ALWAYS_INLINE static Word kept(std::uint32_t const* p) {
+        return loadOne(p);
     }
 #endif
     /// Packed directions: the table's entries for a register of indices.
@@ -425,6 +451,7 @@ template <class RealType> struct SimdArithmetic;
 
 template <> struct SimdArithmetic<float> : SimdCells {
     using Number = float;
+    static constexpr double kDirectionUnit = 1;
     using Real = FloatReal;
     using Real4 = Four<Real>;
 
@@ -497,6 +524,42 @@ template <> struct SimdArithmetic<double> : SimdCells {
     using Real4 = Wide4;
 
     ZEL_ALWAYS_INLINE static Real4 const& narrow(Wide4 const& a) { return a; }
+#if HWY_TARGET <= HWY_AVX3
+    static constexpr double kDirectionUnit = 0x1p-32;
+    /// From ranks: their three lowest bits select one of eight numbers.
+    template <int n>
+    ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Word4 const& ranks, double a) {
+        double const in = a - 1;
+        auto const table = _mm512_setr_pd(a, a, a, a, a, in, n > 1 ? in : a, n > 2 ? in : a);
+        auto const at = [&](Word const& rank) ZEL_KERNEL_LAMBDA {
+            return Real{Wide::V{_mm512_permutexvar_pd(twice<0>(rank), table)}, Wide::V {
+                            _mm512_permutexvar_pd(twice<1>(rank), table)
+                        }};
+        };
+        return d + Real4{at(ranks.x), at(ranks.y), at(ranks.z), at(ranks.w)};
+    }
+    /// The words of one half of a register, each twice.
+    template <int half> ZEL_ALWAYS_INLINE static __m512i twice(Word const& w) {
+        constexpr int i = half * 8;
+        return _mm512_permutexvar_epi32(_mm512_setr_epi32(i, i, i + 1, i + 1, i + 2, i + 2, i + 3,
+                                                          i + 3, i + 4, i + 4, i + 5, i + 5, i + 6,
+                                                          i + 6, i + 7, i + 7),
+                                        w.v.raw);
+    }
+    ZEL_ALWAYS_INLINE static Real4 direction(Word const& hash) {
+        Word const d{hn::BitCast(WordTag(), look(hash.template shiftRight<kDirectionShift>()))};
+        // Integers of 64 bits are converted faster than those of 32 bits, and need not be shifted
+        // back: they stay multiples of 2^32.
+        auto const low = twice<0>(d), high = twice<1>(d);
+        auto const at = [&](unsigned bits) ZEL_KERNEL_LAMBDA {
+            return Real{Wide::V{_mm512_cvtepi64_pd(_mm512_slli_epi64(low, bits))}, Wide::V {
+                            _mm512_cvtepi64_pd(_mm512_slli_epi64(high, bits))
+                        }};
+        };
+        return {at(56), at(48), at(40), at(32)};
+    }
+#else
+    static constexpr double kDirectionUnit = 1;
     template <int n>
     ZEL_ALWAYS_INLINE static Real4 step(Real4 const& d, Order const& order, double a) {
         auto const m = largest<n>(order);
@@ -505,12 +568,6 @@ template <> struct SimdArithmetic<double> : SimdCells {
     /// `a - 1` where the mask is set, else `a`.
     ZEL_ALWAYS_INLINE static Real offset(Mask const& m, double a) {
         Real const in = Real::all(a - 1), out = Real::all(a);
-#if HWY_TARGET <= HWY_AVX3
-        using Half = hn::Mask<DoubleTag>;
-        auto const bits = _mm512_movepi32_mask(m.v.raw);
-        return {hn::IfThenElse(Half{static_cast<__mmask8>(bits)}, in.a, out.a),
-                hn::IfThenElse(Half{static_cast<__mmask8>(bits >> 8)}, in.b, out.b)};
-#else
         hn::RebindToSigned<DoubleTag> const wide;
         hn::RebindToSigned<WordTag> const narrow;
         hn::Half<decltype(narrow)> const half;
@@ -522,7 +579,6 @@ template <> struct SimdArithmetic<double> : SimdCells {
         };
         return {select(hn::LowerHalf(half, words), in.a, out.a),
                 select(hn::UpperHalf(half, words), in.b, out.b)};
-#endif
     }
 #if HWY_TARGET == HWY_AVX2
     ZEL_ALWAYS_INLINE static Real4 direction(RowOffsets const& at) {
@@ -551,6 +607,7 @@ template <> struct SimdArithmetic<double> : SimdCells {
         return {widen(hn::ShiftLeft<24>(d)), widen(hn::ShiftLeft<16>(d)),
                 widen(hn::ShiftLeft<8>(d)), widen(d)};
     }
+#endif
 };
 
 }  // namespace HWY_NAMESPACE

@@ -28,12 +28,11 @@ template <class Arrays> struct SimplexParts {
 #if ZEL_HAS_SIMD_ARITHMETIC
     using Arith = Simplex::HWY_NAMESPACE::SimdArithmetic<Real>;
 
-    // Of the hash of a vertex, where its direction is in the table.
     static HWY_INLINE void keep(typename Arith::Word const& hash, std::uint32_t* to) {
-        Arith::store(Arith::template rowOffsets<Real>(hash), to);
+        Arith::store(Arith::template toKeep<Real>(hash), to);
     }
     static HWY_INLINE auto kept(std::uint32_t const* p) {
-        return typename Arith::RowOffsets{p};
+        return Arith::kept(p);
     }
 #endif
 };

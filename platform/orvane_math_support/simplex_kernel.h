@@ -225,7 +225,7 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexValue(typename Arith::Real4
         auto const at = falloff<Arith>(d);
         sum = sum + kernel<4, Number>(at) * Arith::dot(Arith::direction(hash), d);
     });
-    return sum * static_cast<Number>(kScale);
+    return sum * static_cast<Number>(kScale * Arith::kDirectionUnit);
 }
 
 /// The value of simplexValue(), and its derivative: the sum of kernel * g - kernelSlope * dot(g, d)
@@ -247,8 +247,8 @@ ZEL_ALWAYS_INLINE inline typename Arith::Real simplexDerivative(typename Arith::
         auto const near = Falloff<typename Arith::Real>{static_cast<Number>(kRadius2) - at.t, at.t};
         slope = slope + (g * flat - d * (kernelSlope<4, Number>(near) * along));
     });
-    derivative = turnBack<Arith>(slope * static_cast<Number>(kScale));
-    return sum * static_cast<Number>(kScale);
+    derivative = turnBack<Arith>(slope * static_cast<Number>(kScale * Arith::kDirectionUnit));
+    return sum * static_cast<Number>(kScale * Arith::kDirectionUnit);
 }
 
 /// The spatial curl of a vector potential. Each component of the potential is a sum over the
