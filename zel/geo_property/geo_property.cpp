@@ -92,17 +92,22 @@ template <class T, class Use> void withMap(Quern::Ptr<Quern::Array<T>> const& ma
 /// element.
 template <class Use>
 void forEachValueIndex(detail::PropertyBinding const& binding, Block const& block, Use const& use) {
-    std::array<long long, kBlockSize> elements;
     int const count = block.count();
-    if (block.hasConsecutiveIndices())
-        std::iota(elements.begin(), elements.begin() + count, block.index(0));
-    else
-        for (int n = 0; n < count; ++n) elements[static_cast<std::size_t>(n)] = block.index(n);
-    withMap(binding.propertyIndices, [&](auto const& ofElement) {
-        withMap(binding.rangeIndices, [&](auto const& ofRange) {
-            for (int n = 0; n < count; ++n)
-                use(n, ofRange(ofElement(elements[static_cast<std::size_t>(n)])));
+    auto const& map = binding.propertyIndices;
+    auto const throughRange = [&](auto const& indexOf) ZEL_ALWAYS_INLINE {
+        withMap(binding.rangeIndices, [&](auto const& ofRange) ZEL_ALWAYS_INLINE {
+            for (int n = 0; n < count; ++n) use(n, ofRange(indexOf(n)));
         });
+    };
+    if (block.hasConsecutiveIndices()) {
+        long long const first = block.index(0);
+        if (!map) return throughRange([=](int n) ZEL_ALWAYS_INLINE { return first + n; });
+        if (detail::allInside(first, count, map->size()))
+            return throughRange([from = map->data() + first](int n)
+                                    ZEL_ALWAYS_INLINE { return from[n]; });
+    }
+    withMap(map, [&](auto const& ofElement) ZEL_ALWAYS_INLINE {
+        throughRange([&](int n) ZEL_ALWAYS_INLINE { return ofElement(block.index(n)); });
     });
 }
 
@@ -143,7 +148,7 @@ void readBlock(Binding const& binding, Block const& block, BlockResult<T>& out) 
     if constexpr (std::is_same_v<T, float>) {
         bool const isMapped = binding.propertyIndices || binding.rangeIndices;
         if (!isMapped && block.hasConsecutiveIndices() &&
-            detail::inside(block.index(0), size - count + 1)) {
+            detail::allInside(block.index(0), count, size)) {
             std::copy_n(values + block.index(0), count, out.storage);
             return;
         }

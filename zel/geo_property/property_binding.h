@@ -19,7 +19,12 @@ namespace detail {
 
 /// Whether `i` is an index into a store of `count` elements.
 constexpr bool inside(long long i, long long count) {
-    return 0 <= i && i < count;
+    // A negative index is a large number without its sign: one comparison finds both.
+    return static_cast<unsigned long long>(i) < static_cast<unsigned long long>(count);
+}
+/// Whether all of `number` indices from `first` on are, of which there is at least one.
+constexpr bool allInside(long long first, long long number, long long count) {
+    return 0 <= first && first <= count - number;
 }
 
 /// The base of the bindings of scalar and of vector properties.
