@@ -127,6 +127,17 @@ void readBlock(Binding const& binding, Block const& block, BlockResult<T>& out) 
     int const count = block.count();
     long long const size = countOf(binding);
     T const otherwise = defaultOf(binding);
+    if constexpr (std::is_same_v<T, float>) {
+        bool const isMapped = binding.propertyIndices || binding.rangeIndices;
+        if (!isMapped && block.hasConsecutiveIndices() &&
+            detail::allInside(block.index(0), count, size)) {
+            if (binding.data)
+                std::copy_n(binding.data->data() + block.index(0), count, out.storage);
+            else
+                binding.converter->convertRange(block.index(0), count, out.storage);
+            return;
+        }
+    }
     if (!binding.data) {
         if constexpr (std::is_same_v<T, float>) {
             std::array<long long, kBlockSize> indices;
@@ -145,14 +156,6 @@ void readBlock(Binding const& binding, Block const& block, BlockResult<T>& out) 
         return;
     }
     T const* const values = binding.data->data();
-    if constexpr (std::is_same_v<T, float>) {
-        bool const isMapped = binding.propertyIndices || binding.rangeIndices;
-        if (!isMapped && block.hasConsecutiveIndices() &&
-            detail::allInside(block.index(0), count, size)) {
-            std::copy_n(values + block.index(0), count, out.storage);
-            return;
-        }
-    }
     forEachValueIndex(binding, block, [=](int n, long long i) ZEL_ALWAYS_INLINE {
         write.set(n, detail::inside(i, size) ? values[i] : otherwise);
     });

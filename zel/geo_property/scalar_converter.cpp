@@ -15,6 +15,12 @@ template <class T> float ScalarConverterImpl<T>::convert(long long index) const 
 }
 
 template <class T>
+void ScalarConverterImpl<T>::convertRange(long long first, int number, float* to) const {
+    T const* const from = values->data() + first;
+    for (int n = 0; n < number; ++n) to[n] = toFloat(from[n]);
+}
+
+template <class T>
 void ScalarConverterImpl<T>::convertAll(long long const* indices, int number, float otherwise,
                                         float* to) const {
     T const* const from = values ? values->data() : nullptr;

@@ -24,6 +24,8 @@ public:
 
     /// Element `index` as a float. The index is not tested: it must lie from 0 below `count`.
     virtual float convert(long long index) const = 0;
+    /// Writes `number` elements from `first` on as floats. All of them must lie below `count`.
+    virtual void convertRange(long long first, int number, float* to) const = 0;
     /// Writes the elements with `number` indices as floats, and `otherwise` where an index is
     /// outside.
     virtual void convertAll(long long const* indices, int number, float otherwise,
@@ -42,6 +44,7 @@ template <class T> class ScalarConverterImpl : public ScalarConverter {
 public:
     explicit ScalarConverterImpl(Quern::Ptr<Quern::Array<T>> values);
     float convert(long long index) const override;
+    void convertRange(long long first, int number, float* to) const override;
     void convertAll(long long const* indices, int number, float otherwise,
                     float* to) const override;
 
