@@ -16,6 +16,7 @@ VoxelSampler<Traits, Real, Position>::VoxelSampler(Container<Traits> const& cont
     : m_accessor(container.tileAccessor()),
       m_invVoxelSize(container.voxelSize() == 0.0F ? 0.0F : 1.0F / container.voxelSize()),
       m_offset(Internal::float4Of(topology.offset())), m_offsetType(topology.offsetType()),
+      m_reach(Internal::Float4{} + 16 * static_cast<float>(Traits::tileWidth(container.depth()))),
       m_boxes(Traits::tileWidth(container.depth())) {}
 
 template <class Traits, class Real, class Position>
@@ -79,6 +80,17 @@ void VoxelSampler<Traits, Real, Position>::splitBatch(float const* x, float cons
             Internal::splitVoxel<Traits>((v - static_cast<float>(corner)) * voxelScale - offset,
                                          voxel[i], frac[i]);
         });
+}
+
+template <class Traits, class Real, class Position>
+bool VoxelSampler<Traits, Real, Position>::splitOne(Position const& position, int space, int depth,
+                                                    VoxelBatch& batch) const {
+    batch.depth = std::min(depth, m_accessor.container().depth());
+    if (batch.depth < 0) return false;
+    splitBatch(&position.x, &position.y, &position.z, 1, space, batch);
+    auto const width = static_cast<std::uint32_t>(Traits::tileWidth(batch.depth));
+    auto const& cells = batch.cells;
+    return std::max({cells[0][0], cells[1][0], cells[2][0]}) < Traits::kRootWidth / width;
 }
 
 template <class Traits, class Real, class Position>

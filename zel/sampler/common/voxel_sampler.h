@@ -75,6 +75,10 @@ protected:
     ZEL_ALWAYS_INLINE bool locateVoxel(Position const& position, int space, int depth,
                                        Internal::Int4& lijk, Internal::Float4& frac);
 
+    /// Whether a position lies outside the box, and more than some tiles from the last position
+    /// that did.
+    ZEL_ALWAYS_INLINE bool isApart(Position const& position, int space, int depth);
+
     /// The tiles of one depth over a batch of positions, and where in those tiles they lie.
     struct alignas(64) VoxelBatch {
         static constexpr int kSize = Container<Traits>::kMaxPoints;
@@ -104,6 +108,9 @@ protected:
             return Internal::Float4{frac[0][i], frac[1][i], frac[2][i], 0};
         }
     };
+    /// The cell, voxel and fraction of one position, as locateBatch() computes them, without
+    /// looking up the tile. Returns false outside the root.
+    bool splitOne(Position const& position, int space, int depth, VoxelBatch& batch) const;
     /// locate() for `count` positions at once, 1 to VoxelBatch::kSize of them, in the tiles of
     /// `depth` or, in a tree that is not so deep, of its depth. The box stays.
     void locateBatch(float const* x, float const* y, float const* z, int count, int space,
@@ -146,11 +153,25 @@ private:
     /// the depth are not looked up by themselves.
     bool m_isScattered = false;
 
+    Internal::Float4 m_lastOutside{};  ///< see isApart(); on the lattice
+    Internal::Float4 m_reach;          ///< some tiles of the deepest depth
+
     Internal::LatticeCache<Box> m_boxes;
 
 protected:
     Box const* m_box = &m_boxes.slotOf(Internal::Int4{});  ///< of the tile found last
 };
+
+template <class Traits, class Real, class Position>
+inline bool VoxelSampler<Traits, Real, Position>::isApart(Position const& position, int space,
+                                                          int depth) {
+    Internal::Float4 v = Internal::positionOf(position);
+    if (space == kWorldSpace) v = v * m_invVoxelSize;
+    if (m_box->holds(v, depth)) return false;
+    Internal::Float4 const step = v - m_lastOutside;
+    m_lastOutside = v;
+    return !Internal::allSet((step < m_reach) & (step > -m_reach));
+}
 
 template <class Traits, class Real, class Position>
 inline bool VoxelSampler<Traits, Real, Position>::locateVoxel(Position const& position, int space,

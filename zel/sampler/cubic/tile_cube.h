@@ -125,21 +125,29 @@ public:
 
     /// Fetches the tiles of cubes of one depth, whose keys are set, and keeps copies for known().
     /// The waits for memory overlap.
-    void fetchAll(Source const& source, int depth, std::span<TileCube<T>* const> cubes) {
+    ZEL_ALWAYS_INLINE void fetchAll(Source const& source, int depth,
+                                    std::span<TileCube<T>* const> cubes) {
         constexpr std::size_t kMost = Container<Traits>::kMaxPoints / 8;
         for (; !cubes.empty(); cubes = cubes.subspan(std::min(cubes.size(), kMost))) {
             auto const count = std::min(cubes.size(), kMost);
             std::array<std::array<std::uint32_t, 8 * kMost>, 3> cells;
-            for (std::size_t n = 0; n < count; ++n)
+            std::array<std::uint8_t const*, kMost> orders;
+            for (std::size_t n = 0; n < count; ++n) {
+                std::array<std::uint32_t, 3> firsts;
+                unsigned across = 0;  // the axes with two parents
                 for (unsigned axis = 0; axis < 3; ++axis) {
                     // A corner below the root becomes one above it: both cubes are at jumps.
-                    std::uint32_t const first = tilesBelow<Traits>(
+                    firsts[axis] = tilesBelow<Traits>(
                         std::min(Traits::aboveRoot(cubes[n]->key[static_cast<int>(axis)]),
                                  Traits::kRootWidth),
                         static_cast<unsigned>(depth));
-                    for (unsigned slot = 0; slot < 8; ++slot)
-                        cells[axis][8 * n + slot] = first + (slot >> (2 - axis) & 1);
+                    if ((firsts[axis] + 1) % Traits::kBranch == 0) across |= 4U >> axis;
                 }
+                orders[n] = kOrders[across].data();
+                for (unsigned i = 0; i < 8; ++i)
+                    for (unsigned axis = 0; axis < 3; ++axis)
+                        cells[axis][8 * n + i] = firsts[axis] + (orders[n][i] >> (2 - axis) & 1);
+            }
             std::array<TileRun, 8 * kMost> runs;
             int const runCount =
                 source.container.findTiles(depth, cells[0].data(), cells[1].data(), cells[2].data(),
@@ -147,7 +155,8 @@ public:
             std::size_t i = 0;
             for (TileRun const& run : std::span(runs).first(static_cast<std::size_t>(runCount)))
                 for (; i < static_cast<std::size_t>(run.end); ++i)
-                    cubes[i / 8]->tiles[i % 8] = source.channel.samples({run.tile, depth});
+                    cubes[i / 8]->tiles[orders[i / 8][i % 8]] =
+                        source.channel.samples({run.tile, depth});
             for (TileCube<T>* const cube : cubes.first(count)) {
                 auto const& tiles = cube->tiles;
                 cube->atJump = std::find(tiles.begin(), tiles.end(), nullptr) != tiles.end();
@@ -156,7 +165,30 @@ public:
         }
     }
 
+    /// The same for one cube, which is then in the cache. Slower than cubeOf() next to the last
+    /// one.
+    [[gnu::noinline]] TileCube<T> const& fetchApart(Source const& source, Int4 const& key) {
+        TileCube<T>& cube = m_cubes.slotOf(key);
+        cube.key = key;
+        fetchAll(source, key[3], std::array{&cube});
+        return cube;
+    }
+
 private:
+    /// By the axes along which there are two parents: the slots in an order in which those of one
+    /// parent follow each other, so that findTiles() looks up each parent once.
+    static constexpr auto kOrders = [] {
+        std::array<std::array<std::uint8_t, 8>, 8> orders{};
+        for (unsigned across = 0; across < 8; ++across) {
+            unsigned n = 0;
+            for (unsigned parent = 0; parent < 8; ++parent)
+                for (unsigned slot = 0; slot < 8; ++slot)
+                    if ((slot & across) == parent)
+                        orders[across][n++] = static_cast<std::uint8_t>(slot);
+        }
+        return orders;
+    }();
+
     /// Fetches the tiles through their parents, of which there are one or two along each axis.
     void fetch(Source const& source, Tile const& tile, Tile const& parent, TileCube<T>& cube) {
         int const width = tile.tileVoxelWidth(), parentWidth = parent.tileVoxelWidth();

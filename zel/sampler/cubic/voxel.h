@@ -34,11 +34,19 @@ public:
         }
         m_low = low;
         if (near && step[1] == 0 && step[2] == 0 && -4 < step[0] && step[0] < 4)
-            m_stencil.gatherNext(0, step[0], columns);
+            m_stencil.stepAlongX(step[0], columns);
         else if (near && step[0] == 0 && step[2] == 0 && -4 < step[1] && step[1] < 4)
-            m_stencil.gatherNext(1, step[1], m_rows.fewColumnsOf(cube.tiles, low));
+            m_stencil.stepAlongY(step[1], m_rows.fewColumnsOf(cube.tiles, low));
         else
             m_stencil.gather(columns);
+    }
+
+    /// The same for a stencil that hardly shares values with the last one, away from a jump.
+    void readCubeApart(TreeIndex const& tree, Int4 const& lijk, TileCube<T> const& cube) {
+        become(tree, lijk, kUniform);
+        m_low = lowestOf<Traits>(lijk);
+        m_cube = cube.key;
+        m_stencil.gather(m_rows.columnsOf(cube.tiles, m_low));
     }
 
     /// Makes this a voxel of a tile, 0 to W - 1 along each axis, with the stencil from the tile's

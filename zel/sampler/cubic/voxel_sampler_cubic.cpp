@@ -16,8 +16,10 @@ namespace {
 #define ZEL_DETAIL_CUBIC_SAMPLER VoxelSamplerCubic<Traits, T, Ts, Position, A, B>
 
 /// Prefetches the values of the stencil whose lowest value is the voxel `low` of the first tile.
+/// Inlined, since g++ takes a function that only prefetches for one without effect and drops calls.
 template <class Traits, class T>
-void prefetch(std::array<T const*, 8> const& tiles, Internal::Int4 const& low) {
+ZEL_ALWAYS_INLINE inline void prefetch(std::array<T const*, 8> const& tiles,
+                                       Internal::Int4 const& low) {
     Internal::TileCubeRows<Traits, T> rows;
     auto const columnAt = rows.columnsOf(tiles, low);
     // A slice of a tile may fit in a cache line.
@@ -85,11 +87,55 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int space) {
 
 ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int depth, int space) {
+    return sampleWith(position, depth, space);
+}
+
+ZEL_DETAIL_CUBIC_HEAD
+template <class... ToSet>
+ZEL_ALWAYS_INLINE inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleWith(Position const& position, int depth,
+                                                                int space, ToSet&... gradient) {
+    int const deepest = std::min(m_source.maxDepth, depth);
     Int4 lijk;
     Float4 frac;
-    if (!this->locateVoxel(position, space, std::min(m_source.maxDepth, depth), lijk, frac))
-        return m_source.defaultValue;
-    return valueInTile(this->m_box->tree, lijk, frac, depth);
+    if (this->isApart(position, space, deepest) && enterApart(position, space, deepest, frac))
+        return m_voxel.interpolate(m_source, frac, gradient...);
+    if (this->locateVoxel(position, space, deepest, lijk, frac))
+        return valueInTile(this->m_box->tree, lijk, frac, depth, gradient...);
+    ((gradient = {}), ...);
+    return m_source.defaultValue;
+}
+
+/// Makes m_voxel that of a position far from the last ones, and returns true, if it lies in a tile
+/// of `depth` and not at a jump. The tile and those around it are found in one look-up, whose waits
+/// for memory overlap.
+ZEL_DETAIL_CUBIC_HEAD
+bool ZEL_DETAIL_CUBIC_SAMPLER::enterApart(Position const& position, int space, int depth,
+                                          Float4& frac) {
+    if (isPointwise()) return false;
+    if (m_apartToSkip > 0) {
+        --m_apartToSkip;
+        return false;
+    }
+    constexpr int kSkip = 64;  // where tiles of the depth are few, this is tried now and then
+    m_apartToSkip = kSkip;
+    VoxelBatch batch;
+    if (!this->splitOne(position, space, depth, batch)) return false;
+    if (batch.depth < m_source.minDepth) return false;
+    Int4 const lijk = batch.voxel(0);
+    Int4 const key = m_cubes.keyOf(batch.tileCorner(0), batch.depth, lijk);
+    TileCube const* cube = m_cubes.known(key);
+    if (!cube) {
+        cube = &m_cubes.fetchApart(m_source, key);
+        if (!cube->atJump) prefetch<Traits>(cube->tiles, Internal::lowestOf<Traits>(lijk));
+    }
+    if (cube->atJump) return false;
+    m_apartToSkip = 0;
+    T const* const own = cube->tiles[TileCube::slotOf(lijk[0] < 1, lijk[1] < 1, lijk[2] < 1)];
+    TreeIndex const tree{(own - m_source.channel.samples({0, batch.depth})) / Traits::kSampleCount,
+                         batch.depth};
+    if (!m_voxel.is(tree, lijk)) m_voxel.readCubeApart(tree, lijk, *cube);
+    frac = batch.fraction(0);
+    return true;
 }
 
 ZEL_DETAIL_CUBIC_HEAD
@@ -101,12 +147,7 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sampleGradient(Position const& position, int space,
 ZEL_DETAIL_CUBIC_HEAD
 T ZEL_DETAIL_CUBIC_SAMPLER::sampleGradient(Position const& position, int depth, int space,
                                            Gradient& gradient) {
-    Int4 lijk;
-    Float4 frac;
-    if (this->locateVoxel(position, space, std::min(m_source.maxDepth, depth), lijk, frac))
-        return valueInTile(this->m_box->tree, lijk, frac, depth, gradient);
-    gradient = {};
-    return m_source.defaultValue;
+    return sampleWith(position, depth, space, gradient);
 }
 
 ZEL_DETAIL_CUBIC_HEAD
@@ -244,6 +285,8 @@ int ZEL_DETAIL_CUBIC_SAMPLER::locateStencils(float const* x, float const* y, flo
     }
     auto const fetched = std::span(unknown).first(unknownCount);
     m_cubes.fetchAll(m_source, batch.depth, fetched);
+    // A scan line enters few cubes, of which it finds most values in the cache.
+    if (unknownCount <= kBatch / 4) return static_cast<int>(end);
     for (TileCube const* const cube : fetched) {
         if (cube->atJump) continue;
         Located const& l = located[firsts[static_cast<unsigned>(cube - cubes.data())]];

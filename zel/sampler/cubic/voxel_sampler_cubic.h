@@ -20,9 +20,11 @@
 // 5. adaptive() does 3 and 4 away from jumps; else adaptiveValue (adaptive/sample.h) composes rows,
 //    planes and a volume of points that StencilPoints looks up, some by a sample of their own. The
 //    points of a voxel are kept for its next sample (adaptive/memo.h).
-// 6. sampleBatch does 1 and looks up the tile cubes of 3 for 32 positions ahead, so that the waits
+// 6. A point sample far from the last ones finds the tiles of 1 and of 3 in one look-up, by
+//    enterApart.
+// 7. sampleBatch does 1 and looks up the tile cubes of 3 for 32 positions ahead, so that the waits
 //    for memory overlap; with kJumpAdaptive or halo tiles it samples position by position.
-// 7. Gradients go the same way, each with its value: that of the interpolant or of the blend in 4,
+// 8. Gradients go the same way, each with its value: that of the interpolant or of the blend in 4,
 //    and where adaptiveValue is needed differences of it (adaptive/differences.h).
 namespace ORV::TileTree3D {
 
@@ -132,6 +134,9 @@ private:
     }
     // `ToSet` is nothing, or a gradient.
     template <class... ToSet>
+    T sampleWith(Position const& position, int depth, int space, ToSet&... gradient);
+    bool enterApart(Position const& position, int space, int depth, Float4& frac);
+    template <class... ToSet>
     T valueInTile(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth,
                   ToSet&... gradient);
     template <class... ToSet> T valueHere(Float4 const& frac, ToSet&... gradient);
@@ -150,6 +155,7 @@ private:
     Internal::HaloTileCache<Traits, T> m_cache;
     Internal::TileCubeCache<Traits, T> m_cubes;
     Internal::CubicVoxel<Traits, T> m_voxel;
+    int m_apartToSkip = 0;  ///< positions for which enterApart() is not tried
 };
 
 extern template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;
