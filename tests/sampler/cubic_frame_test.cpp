@@ -82,6 +82,49 @@ TEST(FrameOfSmallTrees, IsWhatTheTreeSaysAndBlockIsPointByPoint) {
     support::runFuzzTarget(4000, 300);  // fuzz/sampler_fuzz.cpp
 }
 
+/// A sample far from the last one finds all its tiles in one look-up, and its neighbours go on from
+/// there. Truth is the tree, and for gradients a sampler that comes from close by.
+TYPED_TEST(Frame, DistantSamplesAreAsThoseFromCloseBy) {
+    using Traits = typename TypeParam::Traits;
+    using T = typename TypeParam::Value;
+    Random random(26);
+    auto const tile = static_cast<int>(width<Traits>(Traits::kMaxDepth));
+    auto const reach = static_cast<float>(tile);
+    int3 const centres[] = {{}, {40 * tile, 0, 0}, {0, -40 * tile, 20 * tile}};
+    int uniform = 0;
+    for (int offsetType = 0; offsetType < 8; ++offsetType) {
+        auto tree = Quern::makePtr<Container<Traits>>(0.25F);
+        for (int3 const& centre : centres) addCube<Traits>(*tree, Traits::kMaxDepth, 5, centre);
+        TestVolume<Traits, T> volume(tree, offsetType, 0, Traits::kMaxDepth, make<T>(7, 8, 9));
+        volume.fillRandomly(random);
+        Reference<Traits, T> const reference(volume);
+        auto values = volume.sampler(kCubicC1), gradients = volume.sampler(kCubicC1);
+        float3 p{};
+        for (int n = 0; n < 100; ++n) {
+            int3 const& c = centres[n / 2 % 3];
+            float3 const centre{static_cast<float>(c.x), static_cast<float>(c.y),
+                                static_cast<float>(c.z)};
+            auto const within = [&] { return random.real(-1, 1) * reach; };
+            p = n % 2 == 0 ? centre + float3{within(), within(), within()}
+                           : p + float3{n % 3 == 0 ? 1.0F : 0.0F, n % 3 == 1 ? 1.0F : 0.0F, 0};
+            auto const truth = reference.sample(p, Traits::kMaxDepth, kCubicC1, false);
+            uniform += truth.kind == Reference<Traits, T>::kUniform;
+            T const want = truth.plain.value;
+            bool const inWorld = n % 5 == 0;
+            ASSERT_TRUE(same(inWorld ? values.sample(0.25F * p, 2) : values.sample(p, 0), want))
+                << "offsets " << offsetType << " at " << p.x << ' ' << p.y << ' ' << p.z;
+            auto near = volume.sampler(kCubicC1);
+            near.sample(centre, 0);
+            near.sample(centre + float3{1, 1, 1}, 0);
+            GradientOf<T> gradient, expected;
+            ASSERT_TRUE(same(gradients.sampleGradient(p, 0, gradient), want));
+            ASSERT_TRUE(same(near.sampleGradient(p, 0, expected), want));
+            ASSERT_TRUE(same(gradient, expected));
+        }
+    }
+    EXPECT_GT(uniform, 700);
+}
+
 /// A voxel just below a tile is read without the tile's halo, also if the cache has that.
 TYPED_TEST(Frame, CacheLeavesOutVoxelsBelowATile) {
     using Traits = typename TypeParam::Traits;
