@@ -9,7 +9,7 @@ namespace Orvane::Math {
 // The noise functions of noise.h for a block of points, with the SIMD instructions of the machine.
 // Each coordinate and each component of a result is an array of `count` elements. A count of 0 or
 // below does nothing. Each result equals that of the function for one point, bit for bit, for any
-// input, on any machine.
+// input, on any machine; only a sum of NaNs may be another NaN.
 //
 // A result array may be one of the coordinate arrays; otherwise no two arrays may overlap. Arrays
 // need no alignment. A block of a few hundred points reaches the full speed.

@@ -41,7 +41,7 @@ struct Double4 {
 /// The operations that do not depend on the type of a Real. Cells are found in double precision in
 /// both.
 struct ScalarCells {
-    /// The factor of the coordinates of direction(), a power of two.
+    /// The unit of direction(), a power of two: times this, its coordinates are those of the table.
     static constexpr double kDirectionUnit = 1;
     using Word = std::uint32_t;
     using Word4 = Simplex::Word4;

@@ -380,7 +380,7 @@ struct SimdCells {
             return reinterpret_cast<Number const*>(table + p[lane]);
         }
     };
-    /// Of a hash that selects a direction, the word that is kept of it, and the words again.
+    /// What is kept of a hash to find its direction later. kept() reads it back.
     template <class Number> ZEL_ALWAYS_INLINE static Word toKeep(Word const& hash) {
         constexpr int kShift = std::bit_width(sizeof(Direction<Number>)) - 1;
         return hash.template shiftRight<kDirectionShift - kShift>() &

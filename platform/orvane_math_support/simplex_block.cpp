@@ -16,8 +16,8 @@ HWY_BEFORE_NAMESPACE();
 namespace Orvane::Math {
 namespace HWY_NAMESPACE {
 
-// A body reads x, y, z and w, and sets the value; with five output arrays, the four derivatives,
-// too.
+// A body reads x, y, z and w, and sets the value or adds to it; with five output arrays, the four
+// derivatives, too.
 
 /// The parts common to all bodies.
 template <class Arrays> struct SimplexParts {

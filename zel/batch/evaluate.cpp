@@ -42,7 +42,7 @@ template <class Interface>
     batch.gradients = gradients.empty() ? nullptr : gradients.data();
     batch.firstIndex = options.firstIndex;
     batch.parallel = options.parallel;
-    batch.inUsedMemory = true;
+    batch.ownedByCaller = true;
     std::optional<detail::Watch> watch;
     if (isWatched(options)) batch.watch = &watch.emplace(options, points.count);
     bool const isWanted = batch.values || batch.gradients;

@@ -15,8 +15,8 @@
 
 namespace zel::detail {
 
-/// Loads the lines of `count` results that are about to be written into the cache. Inlined at once:
-/// g++ 12 drops a call of a function that only prefetches.
+/// Fetches into the cache the lines that `count` results are about to be written to. Inlined at
+/// once: g++ 12 drops a call of a function that only prefetches.
 template <class T>
 ZEL_ALWAYS_INLINE inline void prefetchResults(T const* first, std::size_t count) {
     constexpr std::size_t kLine = 64;
@@ -24,10 +24,11 @@ ZEL_ALWAYS_INLINE inline void prefetchResults(T const* first, std::size_t count)
     for (std::size_t b = 0; b < count * sizeof(T); b += kLine) __builtin_prefetch(bytes + b, 1, 3);
 }
 
-/// Whether that pays: for vectors, if they are too many to be in the cache and their pages exist.
+/// Whether that pays: for vectors that are too many to be in the cache of a core, where memory of
+/// the caller's has its pages already.
 template <class T, class Batch> bool prefetchesResults(Batch const& batch) {
     constexpr std::size_t kCacheSize = std::size_t{2} << 20;
-    return batch.inUsedMemory && kComponents<T> > 1 && batch.points.count * sizeof(T) > kCacheSize;
+    return batch.ownedByCaller && kComponents<T> > 1 && batch.points.count * sizeof(T) > kCacheSize;
 }
 
 /// Writes the results at the positions of a block, which begin with number `at` of the batch.

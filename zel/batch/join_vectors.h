@@ -14,10 +14,10 @@ template <class T> void joinColumns(int count, Columns<T> const& columns, T* to)
                                       ZEL_ALWAYS_INLINE { to[i] = Columns<T>{from}[i]; });
 }
 
-/// The same for vectors from number `i` on, one by one.
-inline void joinVectors(int count, Columns<Orvane::Math::float3>::Components const& from, float* to,
-                        int i) {
-    for (; i < count; ++i)
+/// The same for the vectors with the numbers `begin` to `end` - 1, one by one.
+inline void joinVectors(int begin, int end, Columns<Orvane::Math::float3>::Components const& from,
+                        float* to) {
+    for (int i = begin; i < end; ++i)
         for (int c = 0; c < 3; ++c) to[3 * i + c] = from[static_cast<unsigned>(c)][i];
 }
 
@@ -45,7 +45,7 @@ joinVectorsWide(int count, Columns<Orvane::Math::float3>::Components const& from
         __builtin_memcpy(to + 3 * i + 8, &b, sizeof b);
         __builtin_memcpy(to + 3 * i + 16, &c, sizeof c);
     }
-    joinVectors(count, from, to, i);
+    joinVectors(i, count, from, to);
 }
 
 /// The same by vectors of AVX-512, sixteen positions at a time: two permutations for a register.
@@ -74,7 +74,7 @@ joinVectorsWidest(int count, Columns<Orvane::Math::float3>::Components const& fr
         __builtin_memcpy(to + 3 * i + 16, &b, sizeof b);
         __builtin_memcpy(to + 3 * i + 32, &c, sizeof c);
     }
-    joinVectors(count, from, to, i);
+    joinVectors(i, count, from, to);
 }
 
 inline void joinColumns(int count, Columns<Orvane::Math::float3> const& columns,
@@ -85,7 +85,7 @@ inline void joinColumns(int count, Columns<Orvane::Math::float3> const& columns,
     else if (Quern::wideVectors)
         joinVectorsWide(count, columns.component, floats);
     else
-        joinVectors(count, columns.component, floats, 0);
+        joinVectors(0, count, columns.component, floats);
 }
 
 }  // namespace zel::detail

@@ -21,8 +21,8 @@ template <class Interface> struct Batch {
     typename Interface::Gradient* gradients = nullptr;
     long long firstIndex = 0;  ///< the element index of the first position
     bool parallel = true;
-    bool inUsedMemory = false;  ///< whether the results are arrays of the caller's
-    Watch* watch = nullptr;     ///< null if nobody watches
+    bool ownedByCaller = false;  ///< whether the results are arrays of the caller's, not new ones
+    Watch* watch = nullptr;      ///< null if nobody watches
 };
 
 /// Writes the results at a few positions by point calls, if those take less time than a block and

@@ -165,8 +165,7 @@ public:
         }
     }
 
-    /// The same for one cube, which is then in the cache. Slower than cubeOf() next to the last
-    /// one.
+    /// The same for one cube. Slower than cubeOf() for a cube next to the one fetched last.
     [[gnu::noinline]] TileCube<T> const& fetchApart(Source const& source, Int4 const& key) {
         TileCube<T>& cube = m_cubes.slotOf(key);
         cube.key = key;

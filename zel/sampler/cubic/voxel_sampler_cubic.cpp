@@ -92,8 +92,8 @@ T ZEL_DETAIL_CUBIC_SAMPLER::sample(Position const& position, int depth, int spac
 
 ZEL_DETAIL_CUBIC_HEAD
 template <class... ToSet>
-ZEL_ALWAYS_INLINE inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleWith(Position const& position, int depth,
-                                                                int space, ToSet&... gradient) {
+inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleWith(Position const& position, int depth, int space,
+                                              ToSet&... gradient) {
     int const deepest = std::min(m_source.maxDepth, depth);
     Int4 lijk;
     Float4 frac;
@@ -106,8 +106,9 @@ ZEL_ALWAYS_INLINE inline T ZEL_DETAIL_CUBIC_SAMPLER::sampleWith(Position const& 
 }
 
 /// Makes m_voxel that of a position far from the last ones, and returns true, if it lies in a tile
-/// of `depth` and not at a jump. The tile and those around it are found in one look-up, whose waits
-/// for memory overlap.
+/// of `depth`, or of the tree's depth if that is less, and not at a jump. The tile and those around
+/// it are found in one look-up, whose waits for memory overlap. Else, or where this is not tried,
+/// m_voxel stays.
 ZEL_DETAIL_CUBIC_HEAD
 bool ZEL_DETAIL_CUBIC_SAMPLER::enterApart(Position const& position, int space, int depth,
                                           Float4& frac) {

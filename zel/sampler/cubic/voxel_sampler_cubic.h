@@ -20,8 +20,8 @@
 // 5. adaptive() does 3 and 4 away from jumps; else adaptiveValue (adaptive/sample.h) composes rows,
 //    planes and a volume of points that StencilPoints looks up, some by a sample of their own. The
 //    points of a voxel are kept for its next sample (adaptive/memo.h).
-// 6. A point sample far from the last ones finds the tiles of 1 and of 3 in one look-up, by
-//    enterApart.
+// 6. A point sample far from the last ones first tries enterApart, which finds the tiles of 1 and
+//    of 3 in one look-up.
 // 7. sampleBatch does 1 and looks up the tile cubes of 3 for 32 positions ahead, so that the waits
 //    for memory overlap; with kJumpAdaptive or halo tiles it samples position by position.
 // 8. Gradients go the same way, each with its value: that of the interpolant or of the blend in 4,
@@ -128,13 +128,14 @@ private:
         return m_cache.enabled() && lijk[0] >= 0 && lijk[1] >= 0 && lijk[2] >= 0;
     }
 
-    /// Whether batches are sampled position by position.
+    /// Whether each position is sampled by itself, in a batch too: adaptive, or from halo tiles.
     bool isPointwise() const {
         return m_source.jumpHandling != kJumpTrilinear || m_cache.enabled();
     }
     // `ToSet` is nothing, or a gradient.
     template <class... ToSet>
-    T sampleWith(Position const& position, int depth, int space, ToSet&... gradient);
+    ZEL_ALWAYS_INLINE T sampleWith(Position const& position, int depth, int space,
+                                   ToSet&... gradient);
     bool enterApart(Position const& position, int space, int depth, Float4& frac);
     template <class... ToSet>
     T valueInTile(TreeIndex const& tree, Int4 const& lijk, Float4 const& frac, int depth,
@@ -155,7 +156,7 @@ private:
     Internal::HaloTileCache<Traits, T> m_cache;
     Internal::TileCubeCache<Traits, T> m_cubes;
     Internal::CubicVoxel<Traits, T> m_voxel;
-    int m_apartToSkip = 0;  ///< positions for which enterApart() is not tried
+    int m_apartToSkip = 0;  ///< how many more far positions are sampled without enterApart()
 };
 
 extern template class VoxelSamplerCubic<BinaryTraits, float, float, float3, 0, 0>;
