@@ -532,9 +532,9 @@ template <> struct SimdArithmetic<double> : SimdCells {
         double const in = a - 1;
         auto const table = _mm512_setr_pd(a, a, a, a, a, in, n > 1 ? in : a, n > 2 ? in : a);
         auto const at = [&](Word const& rank) ZEL_KERNEL_LAMBDA {
-            return Real{Wide::V{_mm512_permutexvar_pd(twice<0>(rank), table)}, Wide::V {
-                            _mm512_permutexvar_pd(twice<1>(rank), table)
-                        }};
+            Wide::V const low{_mm512_permutexvar_pd(twice<0>(rank), table)},
+                high{_mm512_permutexvar_pd(twice<1>(rank), table)};
+            return Real{low, high};
         };
         return d + Real4{at(ranks.x), at(ranks.y), at(ranks.z), at(ranks.w)};
     }
@@ -550,11 +550,11 @@ template <> struct SimdArithmetic<double> : SimdCells {
         Word const d{hn::BitCast(WordTag(), look(hash.template shiftRight<kDirectionShift>()))};
         // Integers of 64 bits are converted faster than those of 32 bits, and need not be shifted
         // back: they stay multiples of 2^32.
-        auto const low = twice<0>(d), high = twice<1>(d);
+        auto const lowWords = twice<0>(d), highWords = twice<1>(d);
         auto const at = [&](unsigned bits) ZEL_KERNEL_LAMBDA {
-            return Real{Wide::V{_mm512_cvtepi64_pd(_mm512_slli_epi64(low, bits))}, Wide::V {
-                            _mm512_cvtepi64_pd(_mm512_slli_epi64(high, bits))
-                        }};
+            Wide::V const low{_mm512_cvtepi64_pd(_mm512_slli_epi64(lowWords, bits))},
+                high{_mm512_cvtepi64_pd(_mm512_slli_epi64(highWords, bits))};
+            return Real{low, high};
         };
         return {at(56), at(48), at(40), at(32)};
     }

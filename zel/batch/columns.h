@@ -42,7 +42,7 @@ template <class T> struct Columns {
     Components component{};
     /// Whether the columns stay unchanged until the work on their positions is done. Other columns
     /// are valid until the frame ends in which they were asked for.
-    bool persistent : 1 = false;
+    bool persistent : 1 = false;  // the flags share a byte, which assign() copies by one load
     /// Whether all nodes that the values depend on are light. A light node is one of the library
     /// that takes little time a position: see PointwiseNode for the heavy ones. A node that needs
     /// light children at some positions only may evaluate them at all positions.
